@@ -1,0 +1,48 @@
+# What every target of the project shares: warnings, sanitizers, and the three kinds of target.
+
+find_package(Threads REQUIRED)
+
+add_compile_options(-Wall -Wextra -Werror)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  add_compile_options(-Wno-restrict)  # g++ 12 sees overlaps in std::string that cannot be (GCC bug 105651)
+endif()
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND ORX_SANITIZE)
+  # g++ 12 sees uninitialised and overrun memory that is not there once sanitizers rewrite the code
+  add_compile_options(-Wno-maybe-uninitialized -Wno-stringop-overflow -Wno-array-bounds)
+endif()
+if(ORX_SANITIZE)
+  add_compile_options(-fsanitize=${ORX_SANITIZE} -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${ORX_SANITIZE})
+  if(ORX_SANITIZE MATCHES "undefined")
+    add_compile_options(-fno-sanitize-recover=undefined)
+  endif()
+endif()
+if(ORX_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
+# orx_module(runtime USES orx_base): one static library of every source in this folder. It may use the
+# libraries named and nothing above them.
+function(orx_module name)
+  cmake_parse_arguments(M "" "" "USES" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+  add_library(orx_${name} STATIC ${sources})
+  target_include_directories(orx_${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+  target_compile_options(orx_${name} PRIVATE -Wshadow -fno-exceptions -fno-rtti -ffunction-sections
+                                             -fdata-sections)
+  target_link_libraries(orx_${name} PUBLIC ${M_USES} Threads::Threads)
+endfunction()
+
+# orx_unit_test(runtime): one test program per folder, of every source in tests/unit/<folder>. It links that
+# folder's library and so only those below: a use that points upwards does not link.
+function(orx_unit_test name)
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${name}/*.cpp)
+  if(NOT sources)
+    return()
+  endif()
+  add_executable(unit_${name} ${sources})
+  target_include_directories(unit_${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+  target_compile_definitions(unit_${name} PRIVATE ORX_TEST_DATA="${PROJECT_SOURCE_DIR}/tests/data")
+  target_link_libraries(unit_${name} PRIVATE orx_${name} GTest::gmock GTest::gtest_main)
+  gtest_discover_tests(unit_${name} TEST_PREFIX "unit.${name}." DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120)
+endfunction()

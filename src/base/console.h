@@ -1,0 +1,29 @@
+// The two output channels of every module: the console print and the log file.
+#pragma once
+
+#include <cstddef>
+
+namespace orx {
+
+// Prints printf-style on standard output and flushes; silent once ConsoleSetDaemon(1) was called. Any thread;
+// one call comes out in one piece. A text of a peer is only ever an argument, never the format.
+__attribute__((format(printf, 1, 2))) void print(const char *szFormat, ...);
+
+// As print, but callable from a signal handler: formats nothing, allocates nothing, takes no lock.
+void ConsoleWriteRaw(const char *szText, size_t nLen);
+
+// Silences the console (1) or lets it speak again (0).
+void ConsoleSetDaemon(int bDaemon);
+int ConsoleIsDaemon();
+
+// Names the log file and says whether lines are written to it (nEnabled non-zero). At start-up, before
+// threads run.
+void LogSetup(const char *szPath, int nEnabled);
+
+// Appends one line, stamped with the local time, to the log file; the first line of a day and of a process
+// gets a date header. Does nothing while the log is off or when the file cannot be opened. A file of more
+// than 204800 bytes first loses its oldest 51200, rounded up to a line. The file is opened and closed for
+// every line, so that it may be moved away at any time. Any thread.
+__attribute__((format(printf, 1, 2))) void log(const char *szFormat, ...);
+
+}  // namespace orx

@@ -1,0 +1,62 @@
+// One packet or one reply text, in one allocation: header, data, a NUL behind the data.
+// No locking: a block belongs to the thread that owns the list it is in.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "base/linkedlist.h"
+
+namespace orx {
+
+enum : uint32_t {
+    DB_MEDIA = 1,  // an RTP media packet
+    DB_KEY = 2,    // start of a key frame; set for RTCP reports as well
+    DB_VIDEO = 4,  // a video packet
+};
+
+struct DataBlock {
+    ListNode node;            // first, so that lists use the default map mode 0
+    uint32_t nFlags = 0;      // DB_...
+    uint16_t len = 0;         // bytes of data
+    uint16_t sent = 0;        // bytes of data already written to the socket
+    uint32_t nTimestamp = 0;  // media time in milliseconds, equal for all packets of one frame
+    uint32_t nSerial = 0;     // the program's packet number when the block was cached
+};
+static_assert(offsetof(DataBlock, node) == 0, "lists map a block to its node at the very start");
+
+// The data of a block: len bytes and a NUL.
+inline uint8_t *BlockData(DataBlock *pBlock)
+{
+    return reinterpret_cast<uint8_t *>(pBlock + 1);
+}
+inline const uint8_t *BlockData(const DataBlock *pBlock)
+{
+    return reinterpret_cast<const uint8_t *>(pBlock + 1);
+}
+
+// The neighbours of a block in its list; null at the ends.
+inline DataBlock *NextBlock(const DataBlock *pBlock)
+{
+    return reinterpret_cast<DataBlock *>(pBlock->node.pNext);
+}
+inline DataBlock *PrevBlock(const DataBlock *pBlock)
+{
+    return reinterpret_cast<DataBlock *>(pBlock->node.pPrev);
+}
+
+// Makes a block with a copy of nLen (below 65536, an assertion) bytes of pData; null when memory runs out,
+// which is printed. The caller owns the block until a list takes it; free it with FreeDataBlock.
+DataBlock *MakeDataBlock(const void *pData, size_t nLen, int bMedia, int bVideo, int bKey);
+
+// The same with the flags word given.
+DataBlock *MakeDataBlock2(const void *pData, size_t nLen, uint32_t nFlags);
+
+// Frees a block that is in no list; accepts null. FreeDataBlockItem has the form of a list's free procedure.
+void FreeDataBlock(DataBlock *pBlock);
+void FreeDataBlockItem(void *pContext, void *pItem);
+
+// Readies pList as a queue of blocks that it owns: embedded nodes, blocks freed with FreeDataBlock.
+void BlockListInit(List *pList, void *pContext);
+
+}  // namespace orx
