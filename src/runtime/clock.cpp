@@ -1,0 +1,80 @@
+#include "runtime/clock.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <ctime>
+
+namespace orx {
+
+static constexpr uint32_t kMsPerSecond = 1000;
+static constexpr long kNsPerMs = 1000000;
+
+static uint32_t OffsetFromEnvironment()
+{
+    const char *szOffset = getenv("ORX_CLOCK_OFFSET_MS");
+    return szOffset ? static_cast<uint32_t>(strtoull(szOffset, nullptr, 10)) : 0;
+}
+
+// Seconds since system start as sysinfo() counts them: one that has begun counts whole.
+static uint32_t UptimeSeconds(const timespec &boot)
+{
+    return static_cast<uint32_t>(boot.tv_sec) + (boot.tv_nsec != 0);
+}
+
+// The clock before it is kept from going back. The second of the time of day does not begin when that of
+// uptime does, so in a part of each second the milliseconds have started over while uptime has not moved on;
+// somebody who read the clock all the time would see it go back there, and add 1000. Taking the two phases
+// into account gives the same to somebody who reads it once an hour. (The clocks are read without entering
+// the kernel, which sysinfo() does not offer.)
+static uint32_t RawMs(uint32_t nOffset)
+{
+    timespec boot{}, day{};
+    clock_gettime(CLOCK_BOOTTIME, &boot);
+    clock_gettime(CLOCK_REALTIME, &day);
+    uint32_t nMs = UptimeSeconds(boot) * kMsPerSecond + static_cast<uint32_t>(day.tv_nsec / kNsPerMs);
+    return nMs + nOffset + (day.tv_nsec < boot.tv_nsec ? kMsPerSecond : 0);
+}
+
+struct ClockState {
+    std::atomic<uint32_t> nOffset;
+    std::atomic<uint32_t> nLast;  // the last reading handed out
+};
+
+static ClockState &State()
+{
+    static ClockState state{OffsetFromEnvironment(), RawMs(OffsetFromEnvironment())};
+    return state;
+}
+
+uint32_t ClockMs()
+{
+    ClockState &state = State();
+    for (;;) {
+        // the last reading is taken first: should another thread move it on meanwhile, the exchange fails,
+        // where otherwise its newer reading would make ours look like a step back
+        uint32_t nLast = state.nLast.load();
+        uint32_t nNow = RawMs(state.nOffset.load());
+        if (ClockDiff(nNow, nLast) < 0)
+            nNow += kMsPerSecond;
+        if (ClockDiff(nNow, nLast) < 0)
+            nNow = nLast;
+        if (state.nLast.compare_exchange_weak(nLast, nNow))
+            return nNow;
+    }
+}
+
+uint32_t ClockUptime()
+{
+    timespec boot{};
+    clock_gettime(CLOCK_BOOTTIME, &boot);
+    return UptimeSeconds(boot) + State().nOffset.load() / kMsPerSecond;
+}
+
+void ClockSetOffset(uint32_t nMs)
+{
+    ClockState &state = State();
+    state.nOffset.store(nMs);
+    state.nLast.store(RawMs(nMs));
+}
+
+}  // namespace orx

@@ -1,0 +1,280 @@
+#include "runtime/task.h"
+
+#include <sys/resource.h>
+#include <cstddef>
+#include <ctime>
+#include <new>
+
+#include "base/assertion.h"
+#include "base/console.h"
+#include "runtime/clock.h"
+
+namespace orx {
+
+static constexpr int kTasksPerPass = 49;
+static constexpr int32_t kEarlyMs = 10;     // a task runs this much before it is due
+static constexpr int32_t kTaskPauseMs = 1;  // after a task that will run again
+static constexpr int32_t kPassPauseMs = 2;  // after each pass; leaves time to threads of lower priority
+static constexpr int kHighestPriority = -20;
+
+static_assert(offsetof(Task, node) == 0, "the task list maps a task to its node at the very start");
+
+struct MutexGuard {
+    pthread_mutex_t *pMutex;
+    explicit MutexGuard(pthread_mutex_t *p) : pMutex(p) { pthread_mutex_lock(pMutex); }
+    ~MutexGuard() { pthread_mutex_unlock(pMutex); }
+    MutexGuard(MutexGuard &&) = delete;  // neither copied nor moved
+    MutexGuard &operator=(MutexGuard &&) = delete;
+};
+
+static Task *DefNodeProc()
+{
+    Task *pTask = new (std::nothrow) Task;
+    ORX_ASSERT(pTask, "!\"out of memory\"");
+    return pTask;
+}
+
+static void FreeTaskItem(void *, void *pItem)
+{
+    delete static_cast<Task *>(pItem);
+}
+
+// Before the first task that is due later. Searched from the end: most tasks are due after those there are.
+static void InsertByDue(List *pTasks, Task *pTask)
+{
+    auto *pBefore = static_cast<Task *>(ListLast(pTasks, 0));
+    while (pBefore && ClockDiff(pBefore->nDue, pTask->nDue) > 0)
+        pBefore = static_cast<Task *>(ListPrev(pTasks, pBefore, 0));
+    if (pBefore)
+        ListInsert(pTasks, pTask, pBefore, 1);
+    else
+        ListPrepend(pTasks, pTask);
+}
+
+static timespec MonotonicIn(int32_t nMs)
+{
+    timespec until{};
+    clock_gettime(CLOCK_MONOTONIC, &until);
+    until.tv_sec += nMs / 1000;
+    until.tv_nsec += nMs % 1000 * 1000000L;
+    if (until.tv_nsec >= 1000000000L) {
+        until.tv_sec++;
+        until.tv_nsec -= 1000000000L;
+    }
+    return until;
+}
+
+// One wait on the condition, for at most nMs milliseconds (negative: for ever). Returns 0 once the time is
+// up.
+static int Wait(Scheduler *pScheduler, SchedulerWait eWait, const timespec *pUntil)
+{
+    pScheduler->eWait = eWait;
+    int nError = pUntil ? pthread_cond_timedwait(&pScheduler->wake, &pScheduler->mutex, pUntil)
+                        : pthread_cond_wait(&pScheduler->wake, &pScheduler->mutex);
+    pScheduler->eWait = SCHEDULER_AWAKE;
+    pScheduler->nWaits++;
+    return nError == 0;
+}
+
+// Whether a wait goes on. Mutex held, as in all that follow down to the thread's body.
+static int MayWait(const Scheduler *pScheduler)
+{
+    return !pScheduler->bUrgent && !ThreadStopping(&pScheduler->thread);
+}
+
+static void Pause(Scheduler *pScheduler, int32_t nMs)
+{
+    timespec until = MonotonicIn(nMs);
+    while (MayWait(pScheduler) && Wait(pScheduler, SCHEDULER_PAUSING, &until)) {
+    }
+}
+
+// Waits until the head may run. The pause after a pass is part of it, which saves a wake-up.
+static void WaitForDue(Scheduler *pScheduler)
+{
+    while (MayWait(pScheduler)) {
+        const auto *pHead = static_cast<const Task *>(ListFirst(&pScheduler->tasks, 0));
+        if (!pHead) {
+            Wait(pScheduler, SCHEDULER_IDLE, nullptr);
+            continue;
+        }
+        int32_t nLeftMs = ClockDiff(pHead->nDue, ClockMs());
+        if (nLeftMs <= kEarlyMs)
+            return;
+        timespec until = MonotonicIn(nLeftMs - kEarlyMs + kPassPauseMs);
+        Wait(pScheduler, SCHEDULER_IDLE, &until);
+    }
+}
+
+// Runs one task, without the mutex. Returns 1 when it will run again.
+static int RunTask(Scheduler *pScheduler, Task *pTask, uint32_t nNow)
+{
+    uint32_t nDue = pTask->nDue;
+    pScheduler->pRunning = pTask;
+    pthread_mutex_unlock(&pScheduler->mutex);
+    int nNextMs = pTask->pfnRun(pTask, nDue - nNow, nNow, nDue);
+    uint32_t nAfter = ClockMs();
+    pthread_mutex_lock(&pScheduler->mutex);
+    pScheduler->pRunning = nullptr;
+    pScheduler->nRuns++;
+    if (pScheduler->nCancellers)
+        pthread_cond_broadcast(&pScheduler->ran);
+    if (nNextMs < 0 || pTask->bCancelled) {
+        ListRemove(&pScheduler->tasks, pTask, 1);
+        return 0;
+    }
+    // a quarter of its own running time is added, so that a slow task leaves room to others
+    pTask->nDue = nAfter + static_cast<uint32_t>(nNextMs) + (nAfter - nNow) / 4;
+    ListRemove(&pScheduler->tasks, pTask, 0);
+    InsertByDue(&pScheduler->tasks, pTask);
+    return 1;
+}
+
+// Runs what is due, the head of the list each time anew. Returns 1 when there may be more, 0 when not.
+static int RunPass(Scheduler *pScheduler)
+{
+    for (int i = 0; i < kTasksPerPass && !ThreadStopping(&pScheduler->thread); i++) {
+        pScheduler->bUrgent = 0;
+        auto *pTask = static_cast<Task *>(ListFirst(&pScheduler->tasks, 0));
+        uint32_t nNow = ClockMs();
+        if (!pTask || ClockDiff(pTask->nDue, nNow) > kEarlyMs)
+            return 0;
+        if (RunTask(pScheduler, pTask, nNow))
+            Pause(pScheduler, kTaskPauseMs);
+    }
+    return 1;
+}
+
+static void SchedulerEntry(Thread *pThread)
+{
+    auto *pScheduler = static_cast<Scheduler *>(pThread->pArgument);
+    print("getpriority()=%d\r\n", getpriority(PRIO_PROCESS, 0));
+    ThreadPriority(pThread, kHighestPriority);
+    print("getpriority()=%d\r\n", getpriority(PRIO_PROCESS, 0));
+    print("SchedulerEntry(tid=0x%x) begin...\r\n", static_cast<unsigned>(ThreadKernelId()));
+    MutexGuard guard(&pScheduler->mutex);
+    while (!ThreadStopping(pThread)) {
+        if (RunPass(pScheduler))
+            Pause(pScheduler, kPassPauseMs);
+        else
+            WaitForDue(pScheduler);
+    }
+}
+
+static void InitLocks(Scheduler *pScheduler)
+{
+    pthread_condattr_t attributes;
+    pthread_condattr_init(&attributes);
+    pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+    pthread_mutex_init(&pScheduler->mutex, nullptr);
+    pthread_cond_init(&pScheduler->wake, &attributes);
+    pthread_cond_init(&pScheduler->ran, nullptr);
+    pthread_condattr_destroy(&attributes);
+    pScheduler->bReady = 1;
+}
+
+int SchedulerCreate(Scheduler *pScheduler)
+{
+    ListInit(&pScheduler->tasks, pScheduler);
+    ListUsedDefMap(&pScheduler->tasks, 0);
+    ListDataProc(&pScheduler->tasks, FreeTaskItem, nullptr);
+    pScheduler->eWait = SCHEDULER_AWAKE;
+    pScheduler->bUrgent = pScheduler->nCorks = 0;
+    pScheduler->pRunning = nullptr;
+    pScheduler->nRuns = pScheduler->nWaits = 0;
+    pScheduler->nCancellers = 0;
+    InitLocks(pScheduler);
+    if (ThreadCreate(&pScheduler->thread, SchedulerEntry, pScheduler))
+        return 1;
+    SchedulerDestroy(pScheduler);
+    return 0;
+}
+
+void SchedulerDestroy(Scheduler *pScheduler)
+{
+    if (!pScheduler->bReady)
+        return;
+    {
+        MutexGuard guard(&pScheduler->mutex);
+        ThreadExit(&pScheduler->thread);
+        pthread_cond_signal(&pScheduler->wake);
+    }
+    ThreadJoin(&pScheduler->thread);
+    ListDestroy(&pScheduler->tasks);
+    pthread_cond_destroy(&pScheduler->ran);
+    pthread_cond_destroy(&pScheduler->wake);
+    pthread_mutex_destroy(&pScheduler->mutex);
+    pScheduler->bReady = 0;
+}
+
+// Mutex held. Signals once: the thread counts as awake from then on.
+static void WakeUp(Scheduler *pScheduler)
+{
+    if (pScheduler->eWait == SCHEDULER_AWAKE)
+        return;
+    pScheduler->eWait = SCHEDULER_AWAKE;
+    pthread_cond_signal(&pScheduler->wake);
+}
+
+Task *TaskSchedule(Scheduler *pScheduler, TaskProc pfnRun, uint32_t nDelayMs, int nParam, void *pArgument)
+{
+    Task *pTask = DefNodeProc();
+    pTask->node.pData = pArgument;
+    pTask->nParam = nParam;
+    pTask->pfnRun = pfnRun;
+    pTask->pScheduler = pScheduler;
+    pTask->nDue = ClockMs() + nDelayMs;
+    MutexGuard guard(&pScheduler->mutex);
+    if (nDelayMs != 0) {
+        InsertByDue(&pScheduler->tasks, pTask);
+        if (pScheduler->eWait == SCHEDULER_IDLE && ListFirst(&pScheduler->tasks, 0) == pTask)
+            WakeUp(pScheduler);
+        return pTask;
+    }
+    ListPrepend(&pScheduler->tasks, pTask);
+    pScheduler->bUrgent = 1;
+    if (!pScheduler->nCorks)
+        WakeUp(pScheduler);
+    return pTask;
+}
+
+static int OnSchedulerThread(const Scheduler *pScheduler)
+{
+    return pthread_equal(pthread_self(), pScheduler->thread.id);
+}
+
+void TaskCancel(Task *pTask)
+{
+    ORX_ASSERT(pTask && pTask->pScheduler, "pTask && pTask->node.pList");
+    Scheduler *pScheduler = pTask->pScheduler;
+    MutexGuard guard(&pScheduler->mutex);
+    ORX_ASSERT(pTask->node.pList, "pTask && pTask->node.pList");
+    if (pTask != pScheduler->pRunning) {
+        ListRemove(&pScheduler->tasks, pTask, 1);
+        return;
+    }
+    pTask->bCancelled = 1;
+    if (OnSchedulerThread(pScheduler))
+        return;
+    uint32_t nRuns = pScheduler->nRuns;
+    pScheduler->nCancellers++;
+    while (pScheduler->nRuns == nRuns)
+        pthread_cond_wait(&pScheduler->ran, &pScheduler->mutex);
+    pScheduler->nCancellers--;
+}
+
+unsigned SchedulerTaskCount(Scheduler *pScheduler)
+{
+    MutexGuard guard(&pScheduler->mutex);
+    return ListCount(&pScheduler->tasks) - (pScheduler->pRunning && OnSchedulerThread(pScheduler));
+}
+
+void SchedulerCork(Scheduler *pScheduler, int bOn)
+{
+    MutexGuard guard(&pScheduler->mutex);
+    pScheduler->nCorks += bOn ? 1 : -1;
+    if (!pScheduler->nCorks && pScheduler->bUrgent)
+        WakeUp(pScheduler);
+}
+
+}  // namespace orx
