@@ -1,0 +1,26 @@
+// The wireless networks that the box can see: runs the system's scanning tool and reduces what it prints to
+// one line per network.
+//
+//     NAME [ADDRESS] QUALITY ENCRYPTION
+//
+// Both the tool's text (wifi.txt) and the list (wifilist.txt) stay in the working directory until the next
+// scan. One scan at a time, as they share these files; it takes as long as the tool does, which is seconds.
+#pragma once
+
+#include <cstddef>
+
+namespace orx {
+
+// Scans on one interface; the files are kept in /mnt/ramdisk0 where there is one, else in /tmp. Returns the
+// list followed by "\r\n\r\n" and its length, that tail included; a NUL, not counted, stands behind it. The
+// caller frees it with free. Returns null, and says on the console why, when the tool fails or a file cannot
+// be opened.
+char *WifiScan(const char *szInterface, size_t *pnLength);
+
+// The same with the files in the directory szDir.
+char *WifiScanIn(const char *szDir, const char *szInterface, size_t *pnLength);
+
+// Reduces nRaw bytes of the tool's text to the list. Result as WifiScan; null only without memory.
+char *WifiReduce(const char *pRaw, size_t nRaw, size_t *pnLength);
+
+}  // namespace orx

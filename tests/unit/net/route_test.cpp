@@ -1,0 +1,56 @@
+#include "net/route.h"
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "net/ifaddr.h"
+#include "support/files.h"
+
+namespace orx {
+namespace {
+
+const std::string kTitle =
+    "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT                  \n";
+const std::string kLan = "eth0\t0000090A\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n";
+const std::string kDefault = "eth0\t00000000\tFE00090A\t0003\t0\t0\t100\t00000000\t0\t0\t0   \n";
+
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+const char kGateway[] = "10.9.0.254";
+#else
+const char kGateway[] = "254.0.9.10";
+#endif
+
+TEST(NetRoute, Tables)
+{
+    const struct {
+        std::string text;
+        int nResult;
+        const char *szGateway;
+    } cases[] = {
+        {kTitle + kLan + kDefault, 0, kGateway},
+        {kTitle + "a-name.of:its%own \t00000000 FE00090A 3 0 0 0 0", 0,
+         kGateway},  // the last line unfinished
+        {kTitle + "ppp0\t00000000\t00000000\t0001\t0\t0\t0\t00000000\n" + kDefault, 0, "0.0.0.0"},
+        {kTitle + "eth1\t00000000\t0100090A\t0002\t0\t0\t0\t00000000\n" + kDefault, 0, kGateway},  // is down
+        {kTitle + kDefault + "broken\n", 0, kGateway},  // nobody looks behind the default route
+        {kTitle + "eth0\t00000000\tfe00090a\t0003\t0\t0\t0\t0\t" + std::string(5000, '0') + "\n", 0,
+         kGateway},
+        {"", 0, "untouched"},
+        {kDefault, 0, "untouched"},  // the first line is the title, whatever it says
+        {kTitle + kLan, 0, "untouched"},
+        {kTitle + "eth0\n" + kDefault, -2, "untouched"},
+        {kTitle + "eth0\t00000000\tFE00090A\t0003\t0\t0\t0\n", -2, "untouched"},  // six of the seven
+        {kTitle + "eth0\t00000000\tFE00090A\t0003\tx\t0\t0\t00000000\n", -2, "untouched"},
+    };
+    TempDir dir;
+    for (const auto &c : cases) {
+        WriteFile(dir.File("route"), c.text);
+        char gateway[kIpTextSize] = "untouched";
+        EXPECT_EQ(c.nResult, NetReadGateway(dir.File("route").c_str(), gateway, sizeof(gateway))) << c.text;
+        EXPECT_STREQ(c.szGateway, gateway) << c.text;
+    }
+}
+
+}  // namespace
+}  // namespace orx
