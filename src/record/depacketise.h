@@ -1,0 +1,67 @@
+// From RTP packets of one track to the samples that a recording holds: whole video frames, AMR in storage
+// form, G.711 as it comes. One procedure per codec, all of one form. What the packets say is a peer's:
+// conditions that they break end the recording. Scheduler thread only.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace orx {
+
+constexpr uint32_t kFrameBytes = 131072;        // room for a frame while it is put together
+constexpr uint32_t kMaxH264PacketBytes = 2048;  // packets of H.264 are shorter than this
+
+// A type word: the media character in bits 8-15, record flags in bits 0-7.
+constexpr uint32_t SampleType(char chMedia, uint8_t nFlags)
+{
+    return uint32_t{static_cast<uint8_t>(chMedia)} << 8 | nFlags;
+}
+
+// Takes a finished sample; the result is passed on.
+using SampleProc = int (*)(void *pContext, const uint8_t *pData, uint32_t nBytes, uint32_t nTimeMs,
+                           uint32_t nType);
+
+struct Depacketiser {
+    SampleProc pfnSample = nullptr;
+    void *pContext = nullptr;
+    int bWideband = 0;          // AMR: frames have the sizes of AMR-WB
+    uint8_t *pFrame = nullptr;  // owned, nTotal bytes, made with the first packet
+    uint32_t nTotal = 0;
+    uint32_t nBytes = 0;      // held in pFrame; 0 whenever a sample is handed out
+    uint32_t nFrameTime = 0;  // ms, of the frame's first packet
+    uint32_t nFrameRtp = 0;   // RTP time stamp of the frame that is open
+    int bOpen = 0;            // a packet of a frame came, its last one (marker) has not
+    int bSkip = 0;            // the open frame is damaged: its other packets are dropped
+    int nOpenUnit = -1;       // H.264: where in pFrame the unit begins that fragments are added to
+    int bSeqKnown = 0;
+    uint16_t nSeq = 0;         // of the last packet
+    uint32_t nFirstTypes = 0;  // H.264: unit types that whole frames have begun with, one bit each
+};
+
+// Gives back the buffer and forgets what was begun; the record can be used again.
+void DepacketiserReset(Depacketiser *pTrack);
+
+// An RTP packet taken apart.
+struct RtpPacket {
+    int bMarker = 0;
+    uint16_t nSeq = 0;
+    uint32_t nRtpTime = 0;
+    const uint8_t *pPayload = nullptr;
+    uint32_t nPayload = 0;
+};
+// Returns 1, or 0 when the bytes are no whole RTP packet.
+int RtpPacketParse(const uint8_t *pPacket, uint32_t nBytes, RtpPacket *pOut);
+
+// Takes a packet that came at nTimeMs. Returns 1 when it was taken or ignored, otherwise what the sample
+// procedure gave, or -1 for a packet that ends the recording.
+using DepacketProc = int (*)(Depacketiser *pTrack, const uint8_t *pPacket, uint32_t nBytes, uint32_t nTimeMs);
+int WriteH264RtpData(Depacketiser *pTrack, const uint8_t *pPacket, uint32_t nBytes, uint32_t nTimeMs);
+int WriteJpegRtpData(Depacketiser *pTrack, const uint8_t *pPacket, uint32_t nBytes, uint32_t nTimeMs);
+int WriteAmrRtpData(Depacketiser *pTrack, const uint8_t *pPacket, uint32_t nBytes, uint32_t nTimeMs);
+int WriteG711RtpData(Depacketiser *pTrack, const uint8_t *pPacket, uint32_t nBytes, uint32_t nTimeMs);
+
+// Bytes of one AMR frame in storage form by frame type 0-15, the table-of-contents byte included; 0 for a
+// type that has no frame.
+uint32_t AmrFrameBytes(int bWideband, uint32_t nFrameType);
+
+}  // namespace orx

@@ -1,0 +1,149 @@
+#include "record/fileout.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+namespace orx {
+
+constexpr uint32_t kBufferBytes = 32768;  // at most this much is lost when the process is killed
+
+// Writes both pieces whole. Returns 1 or 0.
+static int WriteAll(int fd, const uint8_t *pFirst, size_t nFirst, const uint8_t *pSecond, size_t nSecond)
+{
+    while (nFirst + nSecond > 0) {
+        iovec pieces[2] = {{const_cast<uint8_t *>(pFirst), nFirst},
+                           {const_cast<uint8_t *>(pSecond), nSecond}};
+        ssize_t n = writev(fd, pieces, 2);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return 0;
+        size_t nOfFirst = static_cast<size_t>(n) < nFirst ? static_cast<size_t>(n) : nFirst;
+        size_t nOfSecond = static_cast<size_t>(n) - nOfFirst;
+        pFirst += nOfFirst;
+        nFirst -= nOfFirst;
+        if (nOfSecond > 0)
+            pSecond += nOfSecond;
+        nSecond -= nOfSecond;
+    }
+    return 1;
+}
+
+// Empties the buffer into the file, with more bytes behind it.
+static int Drain(FileOut *pFile, const void *pMore, size_t nMore)
+{
+    if (!WriteAll(pFile->fd, pFile->pBuffer, pFile->nBuffered, static_cast<const uint8_t *>(pMore), nMore)) {
+        pFile->bFailed = 1;
+        return 0;
+    }
+    pFile->nWritten += pFile->nBuffered + nMore;
+    pFile->nBuffered = 0;
+    if (pFile->nMark <= pFile->nWritten)
+        pFile->nKeep = pFile->nMark;
+    return 1;
+}
+
+int FileOutOpen(FileOut *pFile, const char *szPath)
+{
+    *pFile = FileOut{};
+    unlink(szPath);
+    pFile->fd = open(szPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (pFile->fd < 0)
+        return 0;
+    pFile->pBuffer = static_cast<uint8_t *>(malloc(kBufferBytes));
+    if (pFile->pBuffer)
+        return 1;
+    FileOutClose(pFile);
+    unlink(szPath);
+    return 0;
+}
+
+static void Buffer(FileOut *pFile, const void *pData, size_t nData)
+{
+    if (nData > 0)
+        memcpy(pFile->pBuffer + pFile->nBuffered, pData, nData);
+    pFile->nBuffered += static_cast<uint32_t>(nData);
+}
+
+int FileOutWrite(FileOut *pFile, const void *pHead, size_t nHead, const void *pData, size_t nData)
+{
+    if (pFile->fd < 0 || pFile->bFailed || nHead > kBufferBytes)
+        return 0;
+    if (nHead > kBufferBytes - pFile->nBuffered && !Drain(pFile, nullptr, 0))
+        return 0;
+    Buffer(pFile, pHead, nHead);
+    if (nData > kBufferBytes - pFile->nBuffered)
+        return Drain(pFile, pData, nData);
+    Buffer(pFile, pData, nData);
+    return 1;
+}
+
+void FileOutCommit(FileOut *pFile)
+{
+    pFile->nMark = FileOutPos(pFile);
+    if (pFile->nBuffered == 0)
+        pFile->nKeep = pFile->nMark;
+}
+
+int FileOutFlush(FileOut *pFile)
+{
+    return pFile->fd >= 0 && !pFile->bFailed && Drain(pFile, nullptr, 0);
+}
+
+int FileOutPatch(FileOut *pFile, uint64_t nPos, const void *pData, size_t nData)
+{
+    if (pFile->fd < 0 || (!pFile->bFailed && !FileOutFlush(pFile)))
+        return 0;
+    const auto *p = static_cast<const uint8_t *>(pData);
+    while (nData > 0) {
+        ssize_t n = pwrite(pFile->fd, p, nData, static_cast<off_t>(nPos));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return 0;
+        p += n;
+        nPos += static_cast<uint64_t>(n);
+        nData -= static_cast<size_t>(n);
+    }
+    return 1;
+}
+
+uint64_t FileOutPos(const FileOut *pFile)
+{
+    return pFile->nWritten + pFile->nBuffered;
+}
+
+int FileOutIsAt(const FileOut *pFile, const char *szPath)
+{
+    struct stat open {};
+    struct stat named {};
+    return pFile->fd >= 0 && fstat(pFile->fd, &open) == 0 && lstat(szPath, &named) == 0 &&
+           open.st_dev == named.st_dev && open.st_ino == named.st_ino;
+}
+
+int FileOutClose(FileOut *pFile)
+{
+    if (pFile->fd < 0)
+        return 1;
+    int bWhole = FileOutFlush(pFile);
+    if (pFile->bFailed) {
+        // A disk that ran full left half a record behind: the file ends with the last whole one.
+        struct stat info {};
+        if (fstat(pFile->fd, &info) == 0 && static_cast<uint64_t>(info.st_size) > pFile->nKeep &&
+            ftruncate(pFile->fd, static_cast<off_t>(pFile->nKeep)) != 0)
+            bWhole = 0;
+    }
+    if (close(pFile->fd) != 0)
+        bWhole = 0;
+    free(pFile->pBuffer);
+    *pFile = FileOut{};
+    return bWhole;
+}
+
+}  // namespace orx

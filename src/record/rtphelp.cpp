@@ -1,0 +1,356 @@
+#include "record/rtphelp.h"
+
+#include <cstring>
+
+#include "base/assertion.h"
+#include "base/bytes.h"
+#include "base/console.h"
+#include "base/mediatype.h"
+#include "record/depacketise.h"
+#include "record/jpegparts.h"
+
+namespace orx {
+
+constexpr uint8_t kRtpVersion2 = 0x80;
+constexpr uint8_t kRtpMarker = 0x80;
+constexpr uint8_t NAL_SPS = 7;
+constexpr uint8_t NAL_STAP_A = 24;
+constexpr uint8_t NAL_FU_A = 28;
+constexpr uint8_t FU_START = 0x80;
+constexpr uint8_t FU_END = 0x40;
+constexpr uint32_t kGatherBytes = 1462;  // units of fewer bytes share a packet; one of so many is cut up
+constexpr uint32_t kAmrFramesPerPacket = 15;
+constexpr uint32_t kFrameMs = 20;  // of speech in one AMR frame and one G.711 packet
+constexpr uint32_t kG711Bytes = 160;
+
+int SetRtpHeader(RtpOut *pOut, uint8_t *pHeader, int nTrackId, uint32_t nTimeMs)
+{
+    ORX_ASSERT(nTrackId >= 0 && nTrackId <= 2, "nTrackId <= 2");
+    RtpTrack *pTrack = &pOut->tracks[nTrackId];
+    if (!ORX_PEER_ASSERT(pTrack->nTimeScale % 1000 == 0,
+                         "(pProg->mediaInfos[nTrackId].nTimeScale % 1000)==0"))
+        return 0;
+    pHeader[0] = kRtpVersion2;
+    pHeader[1] = pTrack->nPayloadType & 0x7F;
+    PutBe(pHeader + 2, 2, pTrack->nNextSeq++);
+    PutBe(pHeader + 4, 4, nTimeMs * (pTrack->nTimeScale / 1000));
+    PutBe(pHeader + 8, 4, pTrack->nSsrc);
+    return 1;
+}
+
+namespace {
+
+// One packet while it is built in the scratch buffer.
+struct PacketBuilder {
+    RtpOut *pOut;
+    int nTrackId;
+    uint32_t nStart = 0;  // of the RTP header
+    uint32_t nLen = 0;    // bytes in the scratch buffer
+    int bFailed = 0;
+};
+
+}  // namespace
+
+// Begins a packet. nRtpTime is what the header gets, in ms.
+static int Begin(PacketBuilder *pPacket, uint32_t nRtpTime)
+{
+    RtpOut *pOut = pPacket->pOut;
+    pPacket->nStart = pOut->bInterleaved ? kInterleaveBytes : 0;
+    pPacket->nLen = pPacket->nStart + kRtpHeaderBytes;
+    pPacket->bFailed = pOut->nScratch < pPacket->nLen ||
+                       !SetRtpHeader(pOut, pOut->pScratch + pPacket->nStart, pPacket->nTrackId, nRtpTime);
+    return !pPacket->bFailed;
+}
+
+static void Add(PacketBuilder *pPacket, const void *pData, uint32_t nBytes)
+{
+    if (pPacket->bFailed || nBytes > pPacket->pOut->nScratch - pPacket->nLen) {
+        pPacket->bFailed = 1;
+        return;
+    }
+    if (nBytes > 0)
+        memcpy(pPacket->pOut->pScratch + pPacket->nLen, pData, nBytes);
+    pPacket->nLen += nBytes;
+}
+
+static void AddByte(PacketBuilder *pPacket, uint8_t nByte)
+{
+    Add(pPacket, &nByte, 1);
+}
+
+// Completes a packet and queues it, stamped with nTimeMs. Returns 1 or 0.
+static int Finish(PacketBuilder *pPacket, uint32_t nTimeMs, int bMarker, int bVideo, int bKey)
+{
+    uint8_t *p = pPacket->pOut->pScratch;
+    uint32_t nRtp = pPacket->nLen - pPacket->nStart;
+    if (pPacket->bFailed || nRtp > 0xFFFF - kInterleaveBytes)
+        return 0;
+    if (bMarker)
+        p[pPacket->nStart + 1] |= kRtpMarker;
+    if (pPacket->nStart > 0) {
+        p[0] = '$';
+        p[1] = static_cast<uint8_t>(pPacket->nTrackId * 2);
+        PutBe(p + 2, 2, nRtp);
+    }
+    DataBlock *pBlock = MakeDataBlock(p, pPacket->nLen, 1, bVideo, bKey);
+    if (!pBlock)
+        return 0;
+    pBlock->nTimestamp = nTimeMs;
+    ListAppend(&pPacket->pOut->Outq, pBlock);
+    return 1;
+}
+
+// --- H.264 ---
+
+// Steps over one unit; null at the end and when no whole one follows.
+static const uint8_t *NextUnit(ByteReader *pIn, uint32_t *pnBytes)
+{
+    ByteReader in = *pIn;
+    uint32_t nLength = ReadBe(&in, 2);
+    const uint8_t *pUnit = nLength > 2 ? ReadBytes(&in, nLength - 2) : nullptr;
+    if (!pUnit)
+        return nullptr;
+    *pIn = in;
+    *pnBytes = nLength - 2;
+    return pUnit;
+}
+
+// A unit of 1462 bytes and more, as fragments. Returns the packets made; fewer than asked for with *pbFailed
+// set.
+static int PackFragments(PacketBuilder *pPacket, const uint8_t *pUnit, uint32_t nUnit, uint32_t nTimeMs,
+                         int bLastUnit, int *pbFailed)
+{
+    const uint8_t nType = pUnit[0] & 0x1F;
+    int nPackets = 0;
+    for (uint32_t nPos = 1; nPos < nUnit;) {
+        uint32_t nPart = nUnit - nPos < kMaxPayload ? nUnit - nPos : kMaxPayload;
+        int bFirst = nPos == 1;
+        int bLast = nPos + nPart == nUnit;
+        Begin(pPacket, nTimeMs);
+        AddByte(pPacket, static_cast<uint8_t>((pUnit[0] & 0xE0) | NAL_FU_A));
+        AddByte(pPacket, static_cast<uint8_t>(nType | (bFirst ? FU_START : 0) | (bLast ? FU_END : 0)));
+        Add(pPacket, pUnit + nPos, nPart);
+        if (!Finish(pPacket, nTimeMs, bLast && bLastUnit, 1, bFirst && nType == NAL_SPS)) {
+            *pbFailed = 1;
+            break;
+        }
+        nPackets++;
+        nPos += nPart;
+    }
+    return nPackets;
+}
+
+// Counts the units at the front that share one packet.
+static uint32_t CountShared(ByteReader in)
+{
+    uint32_t nUnits = 0;
+    uint32_t nUnit = 0;
+    uint32_t nSum = 0;
+    while (NextUnit(&in, &nUnit) && nSum + nUnit < kGatherBytes) {
+        nSum += nUnit;
+        nUnits++;
+    }
+    return nUnits;
+}
+
+// One packet of nUnits units that follow.
+static int PackUnits(PacketBuilder *pPacket, ByteReader *pIn, uint32_t nUnits, uint32_t nTimeMs)
+{
+    int bKey = 0;
+    Begin(pPacket, nTimeMs);
+    if (nUnits > 1)
+        AddByte(pPacket, NAL_STAP_A);
+    for (uint32_t i = 0; i < nUnits; i++) {
+        uint32_t nUnit = 0;
+        const uint8_t *pUnit = NextUnit(pIn, &nUnit);
+        uint8_t size[2];
+        PutBe(size, 2, nUnit);
+        if (nUnits > 1)
+            Add(pPacket, size, sizeof(size));
+        Add(pPacket, pUnit, nUnit);
+        if (i == 0)
+            bKey = (pUnit[0] & 0x1F) == NAL_SPS;
+    }
+    return Finish(pPacket, nTimeMs, pIn->nLeft == 0, 1, bKey);
+}
+
+int Pack2Rtp264Block(RtpOut *pOut, const uint8_t *pData, uint32_t nLenIn, uint32_t nTimeMs, int nTrackId)
+{
+    ByteReader check{pData, nLenIn};
+    uint32_t nUnit = 0;
+    while (NextUnit(&check, &nUnit)) {
+    }
+    if (!ORX_PEER_ASSERT(check.nLeft == 0, "len==0"))
+        return 0;
+    PacketBuilder packet{pOut, nTrackId};
+    ByteReader in{pData, nLenIn};
+    int nPackets = 0;
+    int bFailed = 0;
+    while (in.nLeft > 0 && !bFailed) {
+        uint32_t nShared = CountShared(in);
+        if (nShared > 0) {
+            bFailed = !PackUnits(&packet, &in, nShared, nTimeMs);
+            nPackets += !bFailed;
+        } else {
+            const uint8_t *pUnit = NextUnit(&in, &nUnit);
+            nPackets += PackFragments(&packet, pUnit, nUnit, nTimeMs, in.nLeft == 0, &bFailed);
+        }
+    }
+    return bFailed ? 0 : nPackets;
+}
+
+// --- AMR ---
+
+// Counts the frames of one packet at the front: up to 15, all of the first one's kind, because a packet is
+// taken to be frames of one size. Sets the size of each. Returns 0, printed, when one is broken.
+static uint32_t CountFrames(int bWideband, const uint8_t *pData, uint32_t nBytes, uint32_t nPassed,
+                            uint32_t *pnFrame)
+{
+    uint32_t nFrames = 0;
+    for (uint32_t nPos = 0; nPos < nBytes && nFrames < kAmrFramesPerPacket; nFrames++) {
+        uint32_t nMode = pData[nPos] >> 3 & 0x0F;
+        uint32_t nFrame = AmrFrameBytes(bWideband, nMode);
+        if (nFrame < 2 || nFrame > nBytes - nPos) {
+            print("AMR audio data error! mode=%d,size=%d,pass_len=%u\n", static_cast<int>(nMode),
+                  static_cast<int>(nFrame), nPassed + nPos);
+            return 0;
+        }
+        if (nFrames > 0 && nFrame != *pnFrame)
+            break;
+        *pnFrame = nFrame;
+        nPos += nFrame;
+    }
+    return nFrames;
+}
+
+int Pack2RtpAmrBlock(RtpOut *pOut, const uint8_t *pData, uint32_t nLenIn, uint32_t nTimeMs, int nTrackId)
+{
+    ORX_ASSERT(nTrackId >= 0 && nTrackId <= 2, "nTrackId <= 2");
+    uint32_t nMediaType = pOut->tracks[nTrackId].nMediaType;
+    if (nMediaType != MEDIA_AMR_NB && nMediaType != MEDIA_AMR_WB) {
+        print("unknown AudioType!");
+        return 0;
+    }
+    PacketBuilder packet{pOut, nTrackId};
+    int nPackets = 0;
+    for (uint32_t nPos = 0; nPos < nLenIn; nPackets++) {
+        uint32_t nFrame = 0;
+        const uint8_t *p = pData + nPos;
+        uint32_t nFrames = CountFrames(nMediaType == MEDIA_AMR_WB, p, nLenIn - nPos, nPos, &nFrame);
+        if (nFrames == 0)
+            return 0;
+        Begin(&packet, nTimeMs);
+        AddByte(&packet, 0xF0);  // no mode requested
+        for (uint32_t i = 0; i < nFrames; i++)
+            AddByte(&packet, static_cast<uint8_t>((p[i * nFrame] & 0x7F) | (i + 1 < nFrames ? 0x80 : 0)));
+        for (uint32_t i = 0; i < nFrames; i++)
+            Add(&packet, p + i * nFrame + 1, nFrame - 1);
+        if (!Finish(&packet, nTimeMs, 1, 0, 0))
+            return 0;
+        nTimeMs += nFrames * kFrameMs;
+        nPos += nFrames * nFrame;
+    }
+    return nPackets;
+}
+
+// --- JPEG ---
+
+// Size in blocks of 8, as the header gives it; 0 says that it is too large for that.
+static uint8_t InBlocks(uint32_t nPixels)
+{
+    return nPixels / 8 <= 0xFF ? static_cast<uint8_t>(nPixels / 8) : 0;
+}
+
+static int PackImage(RtpOut *pOut, const JpegImage *pImage, uint32_t nTimeMs, int nTrackId)
+{
+    PacketBuilder packet{pOut, nTrackId};
+    const uint8_t *pChroma = pImage->pChroma ? pImage->pChroma : pImage->pLuma;
+    int nPackets = 0;
+    for (size_t nPos = 0; nPos < pImage->nScan; nPackets++) {
+        size_t nLeft = pImage->nScan - nPos;
+        auto nPart = static_cast<uint32_t>(nLeft < kMaxPayload ? nLeft : kMaxPayload);
+        uint8_t header[kJpegHeadBytes] = {
+            0, 0, 0, 0, 1, 255, InBlocks(pImage->nWidth), InBlocks(pImage->nHeight)};
+        PutBe(header + 1, 3, static_cast<uint32_t>(nPos));
+        Begin(&packet, nTimeMs);
+        Add(&packet, header, sizeof(header));
+        if (nPos == 0) {
+            uint8_t tables[kJpegQuantHeadBytes] = {};
+            PutBe(tables + 2, 2, 2 * pImage->nTable);
+            Add(&packet, tables, sizeof(tables));
+            Add(&packet, pImage->pLuma, pImage->nTable);
+            Add(&packet, pChroma, pImage->nTable);
+        }
+        Add(&packet, pImage->pScan + nPos, nPart);
+        if (!Finish(&packet, nTimeMs, nPart == nLeft, 1, nPos == 0))
+            return 0;
+        nPos += nPart;
+    }
+    return nPackets;
+}
+
+// The payloads go out again as they were recorded.
+static int PackRecorded(RtpOut *pOut, const uint8_t *pData, uint32_t nLenIn, uint32_t nTimeMs, int nTrackId)
+{
+    PacketBuilder packet{pOut, nTrackId};
+    JpegFragments in{pData, nLenIn};
+    JpegFragment fragment;
+    int nPackets = 0;
+    for (; in.nLeft > 0; nPackets++) {
+        if (!JpegNextFragment(&in, &fragment))
+            return 0;
+        Begin(&packet, nTimeMs);
+        Add(&packet, fragment.pData, static_cast<uint32_t>(fragment.nBytes));
+        if (!Finish(&packet, nTimeMs, fragment.bLast, 1, nPackets == 0))
+            return 0;
+    }
+    return nPackets;
+}
+
+int Pack2RtpJpegBlock(RtpOut *pOut, const uint8_t *pData, uint32_t nLenIn, uint32_t nTimeMs, int nTrackId)
+{
+    JpegFragments recorded{pData, nLenIn};
+    JpegFragment first;
+    if (JpegNextFragment(&recorded, &first))
+        return PackRecorded(pOut, pData, nLenIn, nTimeMs, nTrackId);
+    JpegImage image;
+    JpegImageParse(pData, nLenIn, &image);
+    if (!ORX_PEER_ASSERT(image.pLuma != nullptr, "lqt != ((void *)0)") ||
+        !ORX_PEER_ASSERT(image.pScan != nullptr, "scanLines != ((void *)0)"))
+        return 0;
+    return PackImage(pOut, &image, nTimeMs, nTrackId);
+}
+
+// --- G.711 and messages ---
+
+int Pack2RtpG711Block(RtpOut *pOut, const uint8_t *pData, uint32_t nLenIn, uint32_t nTimeMs, int nTrackId)
+{
+    if (!ORX_PEER_ASSERT(nLenIn % kG711Bytes == 0, "(nLenIn % nBytesPerFrame) == 0"))
+        return 0;
+    PacketBuilder packet{pOut, nTrackId};
+    int nPackets = 0;
+    for (uint32_t nPos = 0; nPos < nLenIn; nPos += kG711Bytes, nPackets++) {
+        Begin(&packet, nTimeMs * 8);  // and again by the clock rate: players have come to expect this stamp
+        Add(&packet, pData + nPos, kG711Bytes);
+        if (!Finish(&packet, nTimeMs, 1, 0, 0))
+            return 0;
+        nTimeMs += kFrameMs;
+    }
+    return nPackets;
+}
+
+int Pack2RtpUserBlock(RtpOut *pOut, const uint8_t *pData, uint32_t nLenIn, uint32_t nTimeMs, int nTrackId)
+{
+    if (!ORX_PEER_ASSERT(nLenIn <= kMaxPayload, "nLenIn <= 1460"))
+        return 0;
+    PacketBuilder packet{pOut, nTrackId};
+    if (!Begin(&packet, nTimeMs))
+        return 0;
+    Add(&packet, pData, nLenIn);
+    if (Finish(&packet, nTimeMs, 1, 0, 0))
+        return 1;
+    print("Pack2RtpUserBlock()=>MakeDataBlock() failed!\r\n");
+    return 0;
+}
+
+}  // namespace orx

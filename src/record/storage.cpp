@@ -1,0 +1,441 @@
+#include "record/storage.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "base/assertion.h"
+#include "base/console.h"
+#include "base/textbuf.h"
+#include "record/zmfile.h"
+
+namespace orx {
+
+constexpr size_t kDayNameLen = 8;  // YYYYMMDD
+constexpr char kExtension[] = ".zmf";
+constexpr int kMaxDepth = 16;  // of directories below the root: a bound, far beyond what is made here
+
+static int64_t g_nTimeOffset;             // tests only
+static OpenRecording *g_pOpenRecordings;  // scheduler thread
+
+namespace {
+
+// A directory while it is read; closed on every way out.
+struct DirReader {
+    DIR *pDir;
+    explicit DirReader(const char *szDir) : pDir(opendir(szDir)) {}
+    ~DirReader()
+    {
+        if (pDir)
+            closedir(pDir);
+    }
+    DirReader &operator=(DirReader &&) = delete;  // neither copied nor moved
+
+    // The next entry but "." and "..", with what lstat says of it; null at the end.
+    const char *Next(struct stat *pStat)
+    {
+        while (const dirent *pEntry = pDir ? readdir(pDir) : nullptr) {  // NOLINT(concurrency-mt-unsafe)
+            const char *szName = pEntry->d_name;
+            if (strcmp(szName, ".") == 0 || strcmp(szName, "..") == 0)
+                continue;
+            if (fstatat(dirfd(pDir), szName, pStat, AT_SYMLINK_NOFOLLOW) == 0)
+                return szName;
+        }
+        return nullptr;
+    }
+};
+
+}  // namespace
+
+time_t RecordTime()
+{
+    return time(nullptr) + static_cast<time_t>(g_nTimeOffset);
+}
+
+void RecordTimeSetOffset(int64_t nSeconds)
+{
+    g_nTimeOffset = nSeconds;
+}
+
+static tm LocalTime(time_t tWhen)
+{
+    tm local{};
+    localtime_r(&tWhen, &local);
+    return local;
+}
+
+static int JoinPath(char *szOut, size_t nSize, const char *szDir, const char *szName)
+{
+    TextBuf path{szOut, nSize};
+    size_t nDir = strlen(szDir);
+    return TextAdd(&path, "%s%s%s", szDir, nDir > 0 && szDir[nDir - 1] == '/' ? "" : "/", szName);
+}
+
+static int EndsWith(const char *szText, const char *szEnd)
+{
+    size_t nText = strlen(szText);
+    size_t nEnd = strlen(szEnd);
+    return nText >= nEnd && strcmp(szText + nText - nEnd, szEnd) == 0;
+}
+
+static int IsDayName(const char *szName)
+{
+    return strlen(szName) == kDayNameLen && (szName[0] == '1' || szName[0] == '2');
+}
+
+// Whether this process is writing a file in the directory.
+static int IsHeld(const char *szDir)
+{
+    struct stat info {};
+    if (stat(szDir, &info) != 0)
+        return 0;
+    for (const OpenRecording *p = g_pOpenRecordings; p; p = p->pNext)
+        if (p->nDevice == info.st_dev && p->nDirectory == info.st_ino)
+            return 1;
+    return 0;
+}
+
+void StorageHold(OpenRecording *pOpen, const char *szDir)
+{
+    struct stat info {};
+    if (pOpen->bHeld || stat(*szDir ? szDir : ".", &info) != 0)
+        return;
+    pOpen->nDevice = info.st_dev;
+    pOpen->nDirectory = info.st_ino;
+    pOpen->bHeld = 1;
+    pOpen->pNext = g_pOpenRecordings;
+    g_pOpenRecordings = pOpen;
+}
+
+void StorageRelease(OpenRecording *pOpen)
+{
+    for (OpenRecording **pp = &g_pOpenRecordings; *pp; pp = &(*pp)->pNext) {
+        if (*pp == pOpen) {
+            *pp = pOpen->pNext;
+            break;
+        }
+    }
+    *pOpen = OpenRecording{};
+}
+
+int IsEnoughFreeDiskSpace(const char *szPath, uint32_t nMB)
+{
+    if (!szPath || !*szPath) {
+        print("IsEnoughFreeDiskSpace(null): invalid path to check!!!\r");
+        return -1;
+    }
+    struct statvfs info {};
+    if (statvfs(szPath, &info) != 0 || info.f_blocks == 0) {
+        print("statvfs(%s) failed!\r\n", szPath);
+        return -1;
+    }
+    uint64_t nBlockBytes = info.f_frsize ? info.f_frsize : info.f_bsize;  // the unit that f_bavail counts in
+    return uint64_t{info.f_bavail} * (nBlockBytes / 1024) >= uint64_t{nMB} * 1024;
+}
+
+int StorageMakeDir(const char *szPath)
+{
+    char szLevel[kStoragePathSize];
+    if (!TextCopy(szLevel, sizeof(szLevel), szPath))
+        return 0;
+    for (char *p = szLevel; *p; p++) {
+        if (*p != '/' || p == szLevel)
+            continue;
+        *p = '\0';
+        mkdir(szLevel, 0755);  // a level that fails shows in the last one
+        *p = '/';
+    }
+    mkdir(szLevel, 0755);
+    struct stat info {};
+    return stat(szLevel, &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+int StorageDirOf(char *szDir, size_t nSize, const char *szPath)
+{
+    const char *pSlash = strrchr(szPath, '/');
+    size_t nLen = pSlash ? static_cast<size_t>(pSlash - szPath) : 0;
+    TextBuf dir{szDir, nSize};
+    szDir[0] = '\0';
+    if (!pSlash)
+        return 0;
+    return TextAddBytes(&dir, szPath, nLen > 0 ? nLen : 1);
+}
+
+int StorageIsInside(const char *szName)
+{
+    for (const char *p = szName; p; p = strchr(p, '/')) {
+        if (*p == '/')
+            p++;
+        if (p[0] == '.' && (p[1] == '/' || p[1] == '\0' || (p[1] == '.' && (p[2] == '/' || p[2] == '\0'))))
+            return 0;
+    }
+    return 1;
+}
+
+int StorageNextPath(char *szPath, size_t nSize, const char *szRoot, const char *szProgram, int nKind)
+{
+    static const char letters[] = {'S', 'A', 'M'};
+    if (nKind < RECORD_SCHEDULED || nKind > RECORD_MANUAL)
+        return 0;
+    tm now = LocalTime(RecordTime());
+    int bTree = szRoot && *szRoot && szProgram && *szProgram;
+    TextBuf path{szPath, nSize};
+    if (bTree) {
+        if (!StorageIsInside(szProgram) || !TextAdd(&path, "%s%s", szRoot, szProgram))
+            return 0;
+        if (!TextAdd(&path, "%c%04u%02u%02u", '/', static_cast<unsigned>(now.tm_year + 1900),
+                     static_cast<unsigned>(now.tm_mon + 1), static_cast<unsigned>(now.tm_mday)))
+            return 0;
+        StorageMakeDir(szPath);
+    } else {
+        path.nLen = strnlen(szPath, nSize - 1);
+    }
+    if (!TextAdd(&path, "%s%c%02u%02u%02u%s", bTree ? "/" : "", letters[nKind - 1],
+                 static_cast<unsigned>(now.tm_hour), static_cast<unsigned>(now.tm_min),
+                 static_cast<unsigned>(now.tm_sec), kExtension))
+        return 0;
+    unlink(szPath);
+    return 1;
+}
+
+int StorageFindOldestDay(char *szDay, size_t nSize, const char *szProgramDir, const char *szSkip)
+{
+    char szDir[kStoragePathSize];
+    if (!TextCopy(szDir, sizeof(szDir), szProgramDir))
+        return 0;
+    size_t nDir = strlen(szDir);
+    if (nDir > 1 && szDir[nDir - 1] == '/')
+        szDir[nDir - 1] = '\0';
+    struct stat info {};
+    if (stat(szDir, &info) != 0)
+        return 0;
+    DirReader dir(szDir);
+    if (!dir.pDir) {
+        print("opendir(%s) failed!\n", szDir);
+        return 0;
+    }
+    char szOldest[kDayNameLen + 1] = "";
+    while (const char *szName = dir.Next(&info)) {
+        if (!S_ISDIR(info.st_mode) || !IsDayName(szName) || (szSkip && strcmp(szName, szSkip) == 0))
+            continue;
+        if (!*szOldest || strcmp(szName, szOldest) < 0)
+            TextCopy(szOldest, sizeof(szOldest), szName);
+    }
+    if (!*szOldest || !JoinPath(szDay, nSize, szDir, szOldest))
+        return 0;
+    print("The oldest path is %s.\n", szDay);
+    return 1;
+}
+
+static int IsEarlier(const timespec &a, const timespec &b)
+{
+    return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_nsec < b.tv_nsec;
+}
+
+// The recording of the directory that was changed first, or 0 without one.
+static int FindOldestFile(char *szFile, size_t nSize, const char *szDir, int bOnlyScheduled)
+{
+    DirReader dir(szDir);
+    if (!dir.pDir) {
+        print("opendir(%s) failed!\n", szDir);
+        return 0;
+    }
+    timespec oldest{};
+    int bFound = 0;
+    struct stat info {};
+    while (const char *szName = dir.Next(&info)) {
+        if (S_ISDIR(info.st_mode) || strlen(szName) <= 4 || !EndsWith(szName, kExtension))
+            continue;
+        if ((bOnlyScheduled && szName[0] != 'S') || (bFound && !IsEarlier(info.st_mtim, oldest)))
+            continue;
+        if (!JoinPath(szFile, nSize, szDir, szName))
+            continue;
+        oldest = info.st_mtim;
+        bFound = 1;
+    }
+    return bFound;
+}
+
+int StorageDeleteOldestFile(const char *szDir, int bOnlyScheduled)
+{
+    char szFile[kStoragePathSize] = "";
+    if (!FindOldestFile(szFile, sizeof(szFile), szDir, bOnlyScheduled)) {
+        rmdir(szDir);
+        return 0;
+    }
+    if (unlink(szFile) != 0) {
+        print("Remove the oldest file (%s) failed!\n", szFile);
+        return 0;
+    }
+    print("The oldest file (%s) is removed.\n", szFile);
+    rmdir(szDir);  // goes only when empty, and so never while a file in it is being written
+    return 1;
+}
+
+// Takes a day that holds nothing to delete out of the search. Returns 1 when it is gone under that name.
+static int SetDayAside(const char *szDay)
+{
+    struct stat info {};
+    if (lstat(szDay, &info) != 0)
+        return 1;
+    char szBad[kStoragePathSize];
+    TextBuf bad{szBad, sizeof(szBad)};
+    return !IsHeld(szDay) && TextAdd(&bad, "%s.bad", szDay) && rename(szDay, szBad) == 0;
+}
+
+static int MakeRoomByDays(const char *szDir, uint32_t nMB)
+{
+    char szProgramDir[kStoragePathSize];
+    char szDay[kStoragePathSize];
+    char szSkip[kDayNameLen + 1] = "";
+    if (!StorageDirOf(szProgramDir, sizeof(szProgramDir), szDir) ||
+        !StorageFindOldestDay(szDay, sizeof(szDay), szProgramDir, nullptr))
+        return 0;
+    do {
+        if (StorageDeleteOldestFile(szDay, 0))
+            continue;
+        if (!SetDayAside(szDay)) {
+            if (*szSkip)
+                return 0;
+            TextCopy(szSkip, sizeof(szSkip), strrchr(szDay, '/') + 1);
+        }
+        if (!StorageFindOldestDay(szDay, sizeof(szDay), szProgramDir, *szSkip ? szSkip : nullptr))
+            return 0;
+    } while (IsEnoughFreeDiskSpace(szProgramDir, nMB) == 0);
+    return 1;
+}
+
+int StorageMakeRoom(const char *szDir, int bDateLayout, uint32_t nMB, int bDelete)
+{
+    ORX_ASSERT(nMB > 0, "nSpaceInMB > 0");
+    if (IsEnoughFreeDiskSpace(szDir, nMB) != 0)
+        return 1;
+    if (!bDelete)
+        return 0;
+    if (bDateLayout)
+        return MakeRoomByDays(szDir, nMB);
+    while (StorageDeleteOldestFile(szDir, 0))
+        if (IsEnoughFreeDiskSpace(szDir, nMB) != 0)
+            return 1;
+    return 0;
+}
+
+int CheckPathReserveSpace(const char *szRoot, const char *szSubPath, int bDateLayout, uint32_t nMB,
+                          int bDelete)
+{
+    char szDir[kStoragePathSize];
+    ORX_ASSERT(nMB > 0, "nSpaceInMB > 0");
+    if (!JoinPath(szDir, sizeof(szDir), szRoot, szSubPath))
+        return 0;
+    size_t nDir = strlen(szDir);
+    if (nDir > 1 && szDir[nDir - 1] == '/')
+        szDir[nDir - 1] = '\0';
+    return StorageMakeRoom(szDir, bDateLayout, nMB, bDelete);
+}
+
+// Gives one interrupted file its final name or deletes it.
+static void Settle(const char *szFile, int64_t nBytes)
+{
+    char szFinal[kStoragePathSize];
+    TextBuf path{szFinal, sizeof(szFinal)};
+    if (nBytes >= kRecoverMinBytes && TextAddBytes(&path, szFile, strlen(szFile) - strlen(kOpenSuffix)))
+        rename(szFile, szFinal);
+    else
+        unlink(szFile);
+}
+
+static void RecoverBelow(const char *szDir, int nDepth)
+{
+    DirReader dir(szDir);
+    if (!dir.pDir || IsHeld(szDir))
+        return;
+    char szPath[kStoragePathSize];
+    struct stat info {};
+    while (const char *szName = dir.Next(&info)) {
+        if (!JoinPath(szPath, sizeof(szPath), szDir, szName))
+            continue;
+        if (S_ISDIR(info.st_mode) && szName[0] != '.' && nDepth < kMaxDepth)
+            RecoverBelow(szPath, nDepth + 1);
+        else if (S_ISREG(info.st_mode) && EndsWith(szName, kOpenSuffix))
+            Settle(szPath, info.st_size);
+    }
+}
+
+void StorageRecover(const char *szRoot)
+{
+    if (szRoot && *szRoot)
+        RecoverBelow(szRoot, 0);
+}
+
+int StorageRemoveTree(const char *szDir)
+{
+    {
+        DirReader dir(szDir);
+        char szPath[kStoragePathSize];
+        struct stat info {};
+        while (const char *szName = dir.Next(&info)) {
+            if (!JoinPath(szPath, sizeof(szPath), szDir, szName))
+                continue;
+            if (S_ISDIR(info.st_mode))
+                StorageRemoveTree(szPath);
+            else
+                unlink(szPath);
+        }
+    }
+    return rmdir(szDir) == 0 || errno == ENOENT;
+}
+
+static void RemoveDay(const char *szProgramDir, const char *szDay)
+{
+    char szPath[kStoragePathSize];
+    struct stat info {};
+    if (JoinPath(szPath, sizeof(szPath), szProgramDir, szDay) && lstat(szPath, &info) == 0 &&
+        S_ISDIR(info.st_mode) && !IsHeld(szPath))
+        StorageRemoveTree(szPath);
+}
+
+// Program names may hold slashes, so every directory that is not a day itself may be a program's.
+static void RemoveDayBelow(const char *szDir, const char *szDay, int nDepth)
+{
+    RemoveDay(szDir, szDay);
+    DirReader dir(szDir);
+    char szPath[kStoragePathSize];
+    struct stat info {};
+    while (const char *szName = dir.Next(&info)) {
+        if (!S_ISDIR(info.st_mode) || szName[0] == '.' || IsDayName(szName) || nDepth >= kMaxDepth)
+            continue;
+        if (JoinPath(szPath, sizeof(szPath), szDir, szName))
+            RemoveDayBelow(szPath, szDay, nDepth + 1);
+    }
+}
+
+void StorageDeleteOldDays(const char *szRoot, const char *szProgram, int nFirstAge)
+{
+    char szProgramDir[kStoragePathSize];
+    if (szProgram &&
+        (!StorageIsInside(szProgram) || !JoinPath(szProgramDir, sizeof(szProgramDir), szRoot, szProgram)))
+        return;
+    for (int nAge = nFirstAge; nAge <= nFirstAge + kOldDaysSpan; nAge++) {
+        tm day = LocalTime(RecordTime());
+        day.tm_mday -= nAge;
+        day.tm_hour = 12;  // far from the hours that a change of daylight saving moves
+        day.tm_isdst = -1;
+        mktime(&day);
+        char szDay[16];
+        TextBuf name{szDay, sizeof(szDay)};
+        TextAdd(&name, "%04u%02u%02u", static_cast<unsigned>(day.tm_year + 1900),
+                static_cast<unsigned>(day.tm_mon + 1), static_cast<unsigned>(day.tm_mday));
+        if (szProgram)
+            RemoveDay(szProgramDir, szDay);
+        else
+            RemoveDayBelow(szRoot, szDay, 0);
+    }
+}
+
+}  // namespace orx

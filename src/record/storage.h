@@ -1,0 +1,83 @@
+// Where recordings lie: names and directories, free space, deletion of the oldest, and what an interrupted
+// run left behind. The tree is <root><program>/<YYYYMMDD>/<letter><hhmmss>.zmf, one letter per kind of
+// recording. Directories that hold a file which this process is writing are neither renamed nor removed,
+// whatever else is in them. Scheduler thread only, StorageRecover at start-up.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+
+namespace orx {
+
+constexpr size_t kStoragePathSize = 1024;    // room for any path that is built here
+constexpr int64_t kRecoverMinBytes = 65536;  // an interrupted file of fewer bytes is not worth keeping
+constexpr uint32_t kReserveMegabytes = 30;   // space that every recording keeps free
+constexpr int kOldDaysSpan = 7;              // days past the first age that StorageDeleteOldDays looks at
+
+// Wall-clock seconds as names and limits of recordings see them. For tests: it runs nSeconds ahead from now
+// on.
+time_t RecordTime();
+void RecordTimeSetOffset(int64_t nSeconds);
+
+// Whether the file system that holds szPath has nMB megabytes available to ordinary users: 1 or 0, and -1
+// when that cannot be told (printed). Callers ask for 0 only, so that a query which fails never stops a
+// recording.
+int IsEnoughFreeDiskSpace(const char *szPath, uint32_t nMB);
+
+// Whether a name that a peer gave, such as a program's, stays below the directory that it is put behind: none
+// of its parts is "." or "..".
+int StorageIsInside(const char *szName);
+
+// Makes the path of the next recording: szRoot (ending in '/') + program + day + name, directories made as
+// needed, a file of that name removed. Without szRoot or szProgram the name alone is appended to the text
+// that szPath holds. Returns 1, or 0 for a kind other than 1..3, a program name that would leave the root, or
+// a path longer than nSize.
+int StorageNextPath(char *szPath, size_t nSize, const char *szRoot, const char *szProgram, int nKind);
+
+// Makes every missing directory of the path, mode 0755. Returns 1 when it is there, else 0.
+int StorageMakeDir(const char *szPath);
+
+// The directory part of a path, without the slash behind it ("/" stays), into szDir. Returns 1, or 0 when the
+// path has no slash or szDir is too small; szDir is then empty.
+int StorageDirOf(char *szDir, size_t nSize, const char *szPath);
+
+// The oldest day below the directory of a program, szSkip (8 characters, or null) left out. Returns 1 with
+// its path, or 0 when there is none.
+int StorageFindOldestDay(char *szDay, size_t nSize, const char *szProgramDir, const char *szSkip);
+
+// Deletes the recording of the directory that was changed first; with bOnlyScheduled only names that begin
+// with 'S' count. A directory that this leaves empty goes, too. Returns 1 when a file was deleted, else 0.
+int StorageDeleteOldestFile(const char *szDir, int bOnlyScheduled);
+
+// Sees to it that nMB (>0) megabytes are free for a file in szDir, when bDelete by deleting the oldest
+// recordings: of szDir itself, or with bDateLayout of the program whose day szDir is. Returns 1, or 0 when
+// there is no room.
+int StorageMakeRoom(const char *szDir, int bDateLayout, uint32_t nMB, int bDelete);
+// The same for a directory given as root and sub-path.
+int CheckPathReserveSpace(const char *szRoot, const char *szSubPath, int bDateLayout, uint32_t nMB,
+                          int bDelete);
+
+// Settles files that were being written when the process ended: those worth keeping get their final name, the
+// others are deleted. Nothing else below the root is touched.
+void StorageRecover(const char *szRoot);
+
+// Deletes the days that are nFirstAge to nFirstAge + 7 days old, of one program or (null) of all below the
+// root.
+void StorageDeleteOldDays(const char *szRoot, const char *szProgram, int nFirstAge);
+
+// Removes a directory with everything in it, following no link. Returns 1 when it is gone.
+int StorageRemoveTree(const char *szDir);
+
+// A file that this process is writing; the writer embeds it.
+struct OpenRecording {
+    OpenRecording *pNext = nullptr;
+    uint64_t nDevice = 0;  // and inode of the directory that holds the file
+    uint64_t nDirectory = 0;
+    int bHeld = 0;
+};
+// From hold to release the directory szDir is neither renamed nor removed.
+void StorageHold(OpenRecording *pOpen, const char *szDir);
+void StorageRelease(OpenRecording *pOpen);
+
+}  // namespace orx

@@ -1,0 +1,453 @@
+#include "record/zmfreader.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "base/assertion.h"
+#include "base/bytes.h"
+#include "base/console.h"
+
+namespace orx {
+
+constexpr uint32_t kRefillBelow = 64;    // bytes left in the buffer at which it is filled up
+constexpr uint32_t kRangeLineRoom = 32;  // behind the SDP text, for a line that is put in
+constexpr uint32_t kMinBuffer = 4096;
+
+// Reads up to nBytes from a position of the file. Returns how many there were.
+static size_t ReadAt(int fd, uint64_t nPos, void *pOut, size_t nBytes)
+{
+    size_t nDone = 0;
+    while (nDone < nBytes) {
+        ssize_t n =
+            pread(fd, static_cast<uint8_t *>(pOut) + nDone, nBytes - nDone, static_cast<off_t>(nPos + nDone));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        nDone += static_cast<size_t>(n);
+    }
+    return nDone;
+}
+
+// The head of the record at nPos, when the file holds the whole record.
+static int ReadRecordHead(const ZMFReader *pReader, uint64_t nPos, ZMFRecordHead *pHead)
+{
+    uint8_t bytes[kZmfRecordHeadBytes];
+    if (ReadAt(pReader->fd, nPos, bytes, sizeof(bytes)) != sizeof(bytes))
+        return 0;
+    ZMFRecordHeadDecode(bytes, pHead);
+    return pHead->nLength >= kZmfRecordHeadBytes && nPos + pHead->nLength <= pReader->nFileBytes;
+}
+
+uint64_t ZMFReaderWalk(const ZMFReader *pReader, uint64_t nPos, RecordProc pfnRecord, void *pContext)
+{
+    ZMFRecordHead head;
+    if (nPos == 0)
+        nPos = pReader->uDataBeginOffset;
+    while (ReadRecordHead(pReader, nPos, &head)) {
+        int bGoOn = pfnRecord(pContext, &head, nPos);
+        nPos += head.nLength;
+        if (!bGoOn)
+            break;
+    }
+    return nPos;
+}
+
+static int IsKeyFrame(const ZMFRecordHead *pHead)
+{
+    return pHead->chMedia == 'v' && (pHead->nFlags & ZMF_KEY);
+}
+
+// --- Opening ---
+
+static int ReadHead(ZMFReader *pReader)
+{
+    uint8_t bytes[kZmfHeadBytes] = {};
+    if (ReadAt(pReader->fd, 0, bytes, kZmfFixedHeadBytes) != kZmfFixedHeadBytes ||
+        !ZMFileHeaderDecode(bytes, kZmfFixedHeadBytes, &pReader->head))
+        return 0;
+    uint32_t nHead = pReader->head.nHeadSize < kZmfHeadBytes ? pReader->head.nHeadSize : kZmfHeadBytes;
+    if (ReadAt(pReader->fd, 0, bytes, nHead) != nHead || !ZMFileHeaderDecode(bytes, nHead, &pReader->head))
+        return 0;
+    pReader->uDataBeginOffset = ZMFileDataOffset(&pReader->head);
+    pReader->uDuration = pReader->head.uDuration;
+    return 1;
+}
+
+// Takes the entries over for as long as they make sense: each behind the one before, all inside the file.
+static int ReadIndex(ZMFReader *pReader)
+{
+    uint32_t nBytes = pReader->head.nIdxSize;
+    if (nBytes == 0)
+        return 1;
+    if (!ORX_PEER_ASSERT((nBytes & 0x7) == 0, "(pFileHead->nIdxSize & 0x7) == 0"))
+        return 0;
+    uint32_t nEntries = nBytes / kZmfEntryBytes;
+    auto *pBytes = static_cast<uint8_t *>(malloc(nBytes));
+    pReader->pIndex = new (std::nothrow) ZMFIndexEntry[nEntries];
+    int bRead = pBytes && pReader->pIndex &&
+                ReadAt(pReader->fd, pReader->head.nHeadSize, pBytes, nBytes) == nBytes &&
+                ORX_PEER_ASSERT(GetBe(pBytes, 4) == 0, "*p == 0");
+    for (uint32_t i = 0; bRead && i < nEntries; i++) {
+        uint32_t nPos = GetBe(pBytes + size_t{i} * kZmfEntryBytes, 4);
+        uint32_t nTimeMs = GetBe(pBytes + size_t{i} * kZmfEntryBytes + 4, 4);
+        if (i > 0 && (nPos == 0 || nPos + uint64_t{pReader->uDataBeginOffset} >= pReader->nFileBytes ||
+                      nPos + pReader->uDataBeginOffset <= pReader->pIndex[i - 1].nPos ||
+                      nTimeMs < pReader->pIndex[i - 1].nTimeMs))
+            break;
+        pReader->pIndex[i].nPos = nPos + pReader->uDataBeginOffset;
+        pReader->pIndex[i].nTimeMs = nTimeMs;
+        pReader->nIndex++;
+    }
+    free(pBytes);
+    return bRead;
+}
+
+static int CountRecord(void *pContext, const ZMFRecordHead *pHead, uint64_t /*nPos*/)
+{
+    auto *pReader = static_cast<ZMFReader *>(pContext);
+    if (pHead->nTimeMs > pReader->uDuration)
+        pReader->uDuration = pHead->nTimeMs;
+    pReader->head.uVideoSamples += pHead->chMedia == 'v' ? 1 : 0;
+    pReader->head.uTextSamples += pHead->chMedia == 't' ? 1 : 0;
+    pReader->head.uUserSamples += pHead->chMedia == 'u' ? 1 : 0;
+    pReader->head.uKeyFrames += IsKeyFrame(pHead) ? 1 : 0;
+    return 1;
+}
+
+// What the writer would have put into the header had it come to its end.
+static void MeasureInterrupted(ZMFReader *pReader)
+{
+    ZMFileHeader *pHead = &pReader->head;
+    pReader->bInterrupted = 1;
+    pHead->uVideoSamples = pHead->uTextSamples = pHead->uUserSamples = pHead->uKeyFrames = 0;
+    ZMFReaderWalk(pReader, 0, CountRecord, pReader);
+    pHead->uDuration = pReader->uDuration;
+}
+
+static int ReadSdp(ZMFReader *pReader)
+{
+    uint32_t nBytes = pReader->head.nSdpSize;
+    uint64_t nPos = uint64_t{pReader->head.nHeadSize} + pReader->head.nIdxSize;
+    size_t nRoom = size_t{nBytes} + kRangeLineRoom;
+    pReader->szSdp = static_cast<char *>(calloc(1, nRoom));
+    if (!pReader->szSdp || ReadAt(pReader->fd, nPos, pReader->szSdp, nBytes) != nBytes)
+        return 0;
+    if (pReader->uDuration > 0 && !SdpFindRange(pReader->szSdp))
+        SdpInsertRange(pReader->szSdp, nRoom, pReader->uDuration);
+    return 1;
+}
+
+// --- The read buffer ---
+
+// Moves what is left to the front and reads on behind it.
+static void Refill(ZMFReader *pReader)
+{
+    uint32_t nLeft = pReader->nHeld - pReader->nRead;
+    memmove(pReader->pBuffer, pReader->pBuffer + pReader->nRead, nLeft);
+    pReader->nBufferPos += pReader->nRead;
+    pReader->nRead = 0;
+    uint32_t nRoom = pReader->nBuffer - nLeft;
+    auto nGot = static_cast<uint32_t>(
+        ReadAt(pReader->fd, pReader->nBufferPos + nLeft, pReader->pBuffer + nLeft, nRoom));
+    pReader->nHeld = nLeft + nGot;
+    pReader->bEof = nGot < nRoom;
+}
+
+static uint64_t Position(const ZMFReader *pReader)
+{
+    return pReader->nBufferPos + pReader->nRead;
+}
+
+// Makes nPos the position of the next record, with a full buffer.
+static void MoveTo(ZMFReader *pReader, uint64_t nPos)
+{
+    pReader->nBufferPos = nPos;
+    pReader->nHeld = pReader->nRead = 0;
+    Refill(pReader);
+}
+
+// The record at the reading position when it is whole in the buffer or can be made so; null otherwise.
+static const uint8_t *PeekRecord(ZMFReader *pReader, ZMFRecordHead *pHead)
+{
+    if (!pReader->bEof && pReader->nHeld - pReader->nRead < kRefillBelow)
+        Refill(pReader);
+    uint32_t nLeft = pReader->nHeld - pReader->nRead;
+    if (nLeft < kZmfRecordHeadBytes)
+        return nullptr;
+    ZMFRecordHeadDecode(pReader->pBuffer + pReader->nRead, pHead);
+    if (pHead->nLength < kZmfRecordHeadBytes)
+        return nullptr;
+    if (pHead->nLength >= kZmfBigRecordBytes)
+        print("******Get big video frame=%dBytes*******\r\n", static_cast<int>(pHead->nLength));
+    if (pHead->nLength > nLeft && !pReader->bEof)
+        Refill(pReader);
+    return pHead->nLength <= pReader->nHeld - pReader->nRead ? pReader->pBuffer + pReader->nRead : nullptr;
+}
+
+ZMFReader *ZMFReaderOpen(const char *szFile, uint32_t nBuffer)
+{
+    auto *pReader = new (std::nothrow) ZMFReader;
+    if (!pReader)
+        return nullptr;
+    pReader->szFile = strdup(szFile);
+    pReader->nBuffer = nBuffer < kMinBuffer ? kMinBuffer : nBuffer;
+    pReader->pBuffer = static_cast<uint8_t *>(malloc(pReader->nBuffer));
+    pReader->fd = open(szFile, O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // a FIFO of that name must not hold us up
+    struct stat info {};
+    if (!pReader->szFile || !pReader->pBuffer || pReader->fd < 0 || fstat(pReader->fd, &info) != 0 ||
+        !S_ISREG(info.st_mode)) {
+        ZMFReaderClose(pReader);
+        return nullptr;
+    }
+    pReader->nFileBytes = static_cast<uint64_t>(info.st_size);
+    int bGood = ReadHead(pReader) && ReadIndex(pReader);
+    if (bGood && pReader->uDuration == 0)
+        MeasureInterrupted(pReader);
+    if (!bGood || !ReadSdp(pReader)) {
+        ZMFReaderClose(pReader);
+        return nullptr;
+    }
+    MoveTo(pReader, pReader->uDataBeginOffset);
+    return pReader;
+}
+
+void ZMFReaderClose(ZMFReader *pReader)
+{
+    if (!pReader)
+        return;
+    if (pReader->fd >= 0)
+        close(pReader->fd);
+    free(pReader->szFile);
+    free(pReader->szSdp);
+    free(pReader->pBuffer);
+    delete[] pReader->pIndex;
+    delete[] pReader->pKeyFrames;
+    delete pReader;
+}
+
+const uint8_t *ZMFReaderNextSample(ZMFReader *pReader, int *pnBytes)
+{
+    ZMFRecordHead head;
+    const uint8_t *pRecord = PeekRecord(pReader, &head);
+    if (!pRecord) {
+        *pnBytes = pReader->bEof && pReader->nHeld == pReader->nRead ? 0 : -1;
+        return nullptr;
+    }
+    pReader->nRead += head.nLength;
+    pReader->nRecords++;
+    pReader->nCurrentMs = head.nTimeMs;
+    pReader->bCurrent = 1;
+    *pnBytes = static_cast<int>(head.nLength);
+    return pRecord;
+}
+
+// --- Seeking ---
+
+// Makes the key frame at nPos the next record. Returns it, or null with the position as before when it is
+// none.
+static const uint8_t *TakeKeyFrame(ZMFReader *pReader, uint64_t nPos, uint32_t *pnTimeMs)
+{
+    uint64_t nBefore = Position(pReader);
+    ZMFRecordHead head;
+    MoveTo(pReader, nPos);
+    const uint8_t *pRecord = PeekRecord(pReader, &head);
+    if (!pRecord || !ORX_PEER_ASSERT(IsKeyFrame(&head), "p[2]=='v' && (p[3] & 0x40)")) {
+        MoveTo(pReader, nBefore);
+        return nullptr;
+    }
+    *pnTimeMs = pReader->nCurrentMs = head.nTimeMs;
+    pReader->bCurrent = 1;
+    return pRecord;
+}
+
+// Where to begin looking for a time: the last index entry before it, or the first record.
+static uint64_t SeekStart(const ZMFReader *pReader, uint32_t nTimeMs)
+{
+    uint32_t i = 0;
+    while (i < pReader->nIndex && pReader->pIndex[i].nTimeMs < nTimeMs)
+        i++;
+    return i > 0 && pReader->nIndex >= 2 ? pReader->pIndex[i - 1].nPos : pReader->uDataBeginOffset;
+}
+
+namespace {
+struct KeySearch {
+    uint32_t nTimeMs = 0;
+    uint64_t nKeyPos = 0;  // of the latest key frame, 0 before the first
+    int bFound = 0;
+};
+}  // namespace
+
+static int LookForTime(void *pContext, const ZMFRecordHead *pHead, uint64_t nPos)
+{
+    auto *pSearch = static_cast<KeySearch *>(pContext);
+    if (IsKeyFrame(pHead))
+        pSearch->nKeyPos = nPos;
+    pSearch->bFound = pSearch->nKeyPos != 0 && pHead->nTimeMs >= pSearch->nTimeMs;
+    return !pSearch->bFound;
+}
+
+const uint8_t *ZMFReaderSeek(ZMFReader *pReader, uint32_t nTimeMs, uint32_t *pnReachedMs)
+{
+    if (nTimeMs >= pReader->uDuration)
+        return nullptr;
+    KeySearch search;
+    search.nTimeMs = nTimeMs;
+    uint64_t uStartFilePos = SeekStart(pReader, nTimeMs);
+    if (uStartFilePos != pReader->uDataBeginOffset &&
+        !ORX_PEER_ASSERT(uStartFilePos > kZmfHeadBytes, "uStartFilePos > sizeof(ZMFileHeader)"))
+        return nullptr;
+    uint64_t nWalked = ZMFReaderWalk(pReader, uStartFilePos, LookForTime, &search);
+    // The duration may lie behind the last record: audio has the time of its block's first sample. In a file
+    // that is whole such a time belongs to the last key frame.
+    int bFound = search.bFound || (search.nKeyPos != 0 && nWalked == pReader->nFileBytes);
+    const uint8_t *pRecord = bFound ? TakeKeyFrame(pReader, search.nKeyPos, pnReachedMs) : nullptr;
+    for (int i = 0; pRecord && i < pReader->nKeyFrames; i++)
+        if (pReader->pKeyFrames[i].nTimeMs == *pnReachedMs)
+            pReader->nKeyPos = i;
+    return pRecord;
+}
+
+// --- Key-frame mode ---
+
+namespace {
+struct KeyTable {
+    KeyFrame *pKeys = nullptr;
+    uint32_t nKeys = 0;
+    uint32_t nMax = 0;
+};
+}  // namespace
+
+static int CollectKeyFrame(void *pContext, const ZMFRecordHead *pHead, uint64_t nPos)
+{
+    auto *pTable = static_cast<KeyTable *>(pContext);
+    if (IsKeyFrame(pHead)) {
+        if (pTable->pKeys)
+            pTable->pKeys[pTable->nKeys] = KeyFrame{nPos, pHead->nTimeMs};
+        pTable->nKeys++;
+    }
+    return pTable->nKeys < pTable->nMax;
+}
+
+// Whether the index names every key frame. An interrupted file has none, whatever its header says.
+static int IsIndexComplete(const ZMFReader *pReader)
+{
+    if (pReader->bInterrupted || pReader->nIndex == 0)
+        return 0;
+    uint32_t nInterval = pReader->head.nIdxInterval;
+    return nInterval == 1 || (nInterval == 0 && pReader->nIndex < pReader->head.nIdxSize / 16U);
+}
+
+static int TableFromIndex(ZMFReader *pReader)
+{
+    pReader->pKeyFrames = new (std::nothrow) KeyFrame[pReader->nIndex];
+    if (!pReader->pKeyFrames)
+        return 0;
+    for (uint32_t i = 0; i < pReader->nIndex; i++)
+        pReader->pKeyFrames[i] = KeyFrame{pReader->pIndex[i].nPos, pReader->pIndex[i].nTimeMs};
+    pReader->nKeyFrames = static_cast<int>(pReader->nIndex);
+    return 1;
+}
+
+static int TableFromRecords(ZMFReader *pReader)
+{
+    KeyTable table;
+    uint64_t nStart = pReader->nIndex > 0 ? pReader->pIndex[0].nPos : pReader->uDataBeginOffset;
+    table.nMax = pReader->head.uKeyFrames ? pReader->head.uKeyFrames + 1 : pReader->uDuration / 2000 + 1;
+    if (table.nMax == 0)
+        return 0;
+    uint32_t nMax = table.nMax;
+    ZMFReaderWalk(pReader, nStart, CollectKeyFrame, &table);  // counts only: the header may claim any number
+    if (table.nKeys == 0)
+        return 0;
+    table.pKeys = new (std::nothrow) KeyFrame[table.nKeys];
+    if (!table.pKeys)
+        return 0;
+    table.nMax = nMax < table.nKeys ? nMax : table.nKeys;
+    table.nKeys = 0;
+    ZMFReaderWalk(pReader, nStart, CollectKeyFrame, &table);
+    pReader->pKeyFrames = table.pKeys;
+    pReader->nKeyFrames = static_cast<int>(table.nKeys);
+    return pReader->nKeyFrames > 0;
+}
+
+int ZMFReaderSetupKeyFrameMode(ZMFReader *pReader, int nMoveKeyFrames)
+{
+    ORX_ASSERT(nMoveKeyFrames != 0, "nMoveKeyFrames != 0");
+    if (!pReader->pKeyFrames) {
+        int bMade = IsIndexComplete(pReader) ? TableFromIndex(pReader) : TableFromRecords(pReader);
+        if (!bMade)
+            return 0;
+    }
+    if (!pReader->bCurrent) {
+        pReader->nKeyPos = nMoveKeyFrames < 0 ? pReader->nKeyFrames : -1;
+        return 1;
+    }
+    for (int i = 0; i < pReader->nKeyFrames; i++) {
+        if (pReader->pKeyFrames[i].nTimeMs > pReader->nCurrentMs) {
+            pReader->nKeyPos = i - 1;
+            break;
+        }
+    }
+    return 1;
+}
+
+const uint8_t *ZMFReaderSeek2KeyFrame(ZMFReader *pReader, int nMoveKeyFrames, uint32_t *pnTimeMs)
+{
+    int nLast = pReader->nKeyFrames - 1;
+    if (nLast < 0 || (nMoveKeyFrames < 0 ? pReader->nKeyPos <= 0 : pReader->nKeyPos >= nLast))
+        return nullptr;
+    int64_t nTo = int64_t{pReader->nKeyPos} + nMoveKeyFrames;
+    nTo = nTo < 0 ? 0 : nTo > nLast ? nLast : nTo;
+    const uint8_t *pRecord = TakeKeyFrame(pReader, pReader->pKeyFrames[nTo].nPos, pnTimeMs);
+    if (pRecord)
+        pReader->nKeyPos = static_cast<int>(nTo);
+    return pRecord;
+}
+
+// --- What the file says of itself ---
+
+const char *ZMFReaderSdp(const ZMFReader *pReader)
+{
+    return pReader->szSdp;
+}
+
+uint32_t ZMFReaderDuration(const ZMFReader *pReader)
+{
+    return pReader->uDuration;
+}
+
+int ZMFReaderAppData(ZMFReader *pReader, void *pOut, uint32_t nSize)
+{
+    uint32_t nBytes = pReader->head.nAppDataBytes;
+    if (nBytes > nSize)
+        return -1;
+    uint64_t nPos = pReader->uDataBeginOffset - nBytes;
+    return ReadAt(pReader->fd, nPos, pOut, nBytes) == nBytes ? static_cast<int>(nBytes) : -1;
+}
+
+time_t ZMFReaderStartTime(const ZMFReader *pReader)
+{
+    char szText[sizeof(pReader->head.szStartTime) + 1] = "";
+    memcpy(szText, pReader->head.szStartTime, sizeof(pReader->head.szStartTime));
+    tm local{};
+    if (sscanf(szText, "%04d%02d%02d-%02d%02d%02d", &local.tm_year, &local.tm_mon, &local.tm_mday,
+               &local.tm_hour, &local.tm_min, &local.tm_sec) != 6)
+        return 0;
+    // A camera without a clock begins in 1970; a day later no time zone puts that before the epoch.
+    if (local.tm_year == 1970 && local.tm_mon == 1 && local.tm_mday == 1)
+        local.tm_mday = 2;
+    local.tm_year -= 1900;
+    local.tm_mon -= 1;
+    local.tm_isdst = -1;
+    return mktime(&local);
+}
+
+}  // namespace orx

@@ -1,0 +1,83 @@
+// The recording reader: hands out the sample records of one file in order, seeks to a time, and steps from
+// key frame to key frame. Files come from anywhere: nothing in one is trusted, and nothing outside its data
+// is read. Scheduler thread only.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+
+#include "record/zmfile.h"
+
+namespace orx {
+
+struct ZMFReader {
+    char *szFile = nullptr;  // owned
+    ZMFileHeader head;
+    ZMFIndexEntry *pIndex = nullptr;  // owned; positions from the start of the file, times as in the file
+    uint32_t nIndex = 0;
+    char *szSdp = nullptr;   // owned, with a range line when the duration is known
+    uint32_t uDuration = 0;  // ms
+    int bInterrupted =
+        0;  // never closed by its writer: duration and counters come from a walk through the records
+    uint32_t uDataBeginOffset = 0;
+    int fd = -1;
+    uint64_t nFileBytes = 0;
+
+    uint8_t *pBuffer = nullptr;  // owned, nBuffer bytes
+    uint32_t nBuffer = 0;
+    uint32_t nHeld = 0;       // bytes in the buffer
+    uint32_t nRead = 0;       // of them, handed out already
+    uint64_t nBufferPos = 0;  // position of the buffer's first byte in the file
+    int bEof = 0;             // the buffer reaches to the end of the file
+    uint32_t nRecords = 0;    // handed out
+    uint32_t nCurrentMs = 0;  // time of the last record handed out, or reached by a seek
+    int bCurrent = 0;         // there is such a time
+
+    struct KeyFrame *pKeyFrames = nullptr;  // table of the key-frame mode, owned
+    int nKeyFrames = 0;
+    int nKeyPos = 0;  // index into it; -1 before the first, nKeyFrames behind the last
+};
+
+struct KeyFrame {
+    uint64_t nPos = 0;  // from the start of the file
+    uint32_t nTimeMs = 0;
+};
+
+// Opens a recording with a read buffer of nBuffer bytes, which is also the largest record that can be read. A
+// file that its writer did not close is walked through once, for its duration. Null when it is no recording
+// or broken. Close with ZMFReaderClose, which accepts null.
+ZMFReader *ZMFReaderOpen(const char *szFile, uint32_t nBuffer);
+void ZMFReaderClose(ZMFReader *pReader);
+
+// The next record, its 8-byte head included, with its length in *pnBytes; valid until the next call of any
+// operation that reads. Null at the end: *pnBytes is then 0 when the file ends with its last record, and -1
+// when something follows that is no whole record.
+const uint8_t *ZMFReaderNextSample(ZMFReader *pReader, int *pnBytes);
+
+// Moves to the last key frame that playback from nTimeMs has to start with. Returns its record, which is the
+// next one to be handed out, and its time in *pnReachedMs. Null, with the position kept, from the duration on
+// or when there is none.
+const uint8_t *ZMFReaderSeek(ZMFReader *pReader, uint32_t nTimeMs, uint32_t *pnReachedMs);
+
+// Readies stepping from key frame to key frame, nMoveKeyFrames (not 0) saying in which direction. Returns 1,
+// or 0 when the file has none.
+int ZMFReaderSetupKeyFrameMode(ZMFReader *pReader, int nMoveKeyFrames);
+// Steps by nMoveKeyFrames, back when negative, at most to the first or last. Returns the record, which is the
+// next one to be handed out, with its time; null, with the position kept, at the end in that direction.
+const uint8_t *ZMFReaderSeek2KeyFrame(ZMFReader *pReader, int nMoveKeyFrames, uint32_t *pnTimeMs);
+
+const char *ZMFReaderSdp(const ZMFReader *pReader);
+uint32_t ZMFReaderDuration(const ZMFReader *pReader);  // ms
+// Copies the application data. Returns its size, 0 when there is none, -1 when nSize is too small or it
+// cannot be read.
+int ZMFReaderAppData(ZMFReader *pReader, void *pOut, uint32_t nSize);
+// When the file was begun; 0 when its text is no time.
+time_t ZMFReaderStartTime(const ZMFReader *pReader);
+
+// Visits every whole record from the file position nPos on (0: the first) without moving the reader, until
+// the procedure returns 0. Returns the position behind the last record visited.
+using RecordProc = int (*)(void *pContext, const ZMFRecordHead *pHead, uint64_t nPos);
+uint64_t ZMFReaderWalk(const ZMFReader *pReader, uint64_t nPos, RecordProc pfnRecord, void *pContext);
+
+}  // namespace orx

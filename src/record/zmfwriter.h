@@ -1,0 +1,124 @@
+// The recording writer: turns the RTP packets of one live program into a chain of recording files. It
+// rebuilds whole frames, gathers audio into blocks, indexes key frames, begins a new file after a set time or
+// when space runs short, and ends by itself after a set total time.
+//
+// Order of use: create, ZMFWriterSetReserveMinSpace, ZMFWriterSetLabel, ZMFWriterSetSdp, ZMFWriterSetLimits,
+// ZMFWriterWriteHead, then packets until a result below 1; ZMFWriterFree in every case. Times handed in are
+// milliseconds of a 32-bit clock that may wrap. Scheduler thread only.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+
+#include "record/depacketise.h"
+#include "record/fileout.h"
+#include "record/storage.h"
+#include "record/zmfile.h"
+
+namespace orx {
+
+constexpr uint32_t kAudioBlockBytes = 32768;  // audio payload that one record holds
+
+struct ZMFWriter {
+    char *szRoot = nullptr;     // root of the recordings, owned; null when the file was named by the client
+    char *szProgram = nullptr;  // directory below it, owned; null with szRoot
+    char *szFile = nullptr;     // path of the open file without ".tm!", owned
+    OpenRecording open;         // keeps the clean-up away from the file's directory
+
+    // Of the current file
+    uint32_t uDuration = 0;  // largest time stamp, ms from the start of the file
+    uint32_t uVideoSamples = 0;
+    uint32_t uTextSamples = 0;
+    uint32_t uUserSamples = 0;
+    uint32_t uSampleCount = 0;  // records written
+    uint32_t nBaseCount = 0;    // records written when the time base was taken
+    uint32_t nTimeBase = 0;     // time that is 0 in the file
+    uint32_t uDataBeginOffset = 0;
+    uint32_t uKeyFrames = 0;
+    uint32_t nCurIdxId = 0;  // index entries in use
+    ZMFIndexEntry index[DEF_IDX_COUNT];
+    ZMFileHeader head;
+    FileOut file;
+    time_t tFileStart = 0;
+
+    char *pszSdp = nullptr;       // owned, head.nSdpSize bytes, NUL-padded, and a NUL
+    uint8_t *pAppData = nullptr;  // owned, head.nAppDataBytes
+    uint8_t *pAudio = nullptr;    // audio block, owned, kAudioBlockBytes; made with the first sample
+    uint32_t nAudioDataBytes = 0;
+    uint32_t nAudioTime = 0;  // of the block's first sample, with its type word
+    uint32_t nAudioType = 0;
+
+    time_t tRecordStart = 0;       // when the first head was written, 0 before
+    uint32_t nSecondsPerFile = 0;  // 0: no limit
+    uint32_t nTotalSeconds = 0;    // 0: no limit
+    uint32_t nSpaceInMB = 0;       // space to keep free, 0: not looked at
+    int bDeleteOldest = 0;         // make that space by deleting the oldest recordings
+    uint32_t nTimeStampBase = 0;   // ms added to every time after a pause
+    int bRebase = 0;               // the next sample becomes the new time base
+
+    char szVideoCodec[16] = "";  // names of the SDP, in their normal form
+    char szAudioCodec[16] = "";
+    DepacketProc pfnVideo = nullptr;
+    DepacketProc pfnAudio = nullptr;
+    Depacketiser video;
+    Depacketiser audio;
+};
+
+// A writer with its first file open, in the date layout below szRoot (ending in '/') or with a name given.
+// nKind is a RECORD_... value, szLabel may be null. Null when the kind is none, the file cannot be made, or
+// without memory.
+ZMFWriter *ZMFWriterCreate(const char *szRoot, const char *szProgram, int nKind, const char *szLabel);
+ZMFWriter *ZMFWriterCreateFile(const char *szFile, int nKind, const char *szLabel);
+
+// Stops the recording and frees the writer; accepts null. The file of a writer that never got an SDP is
+// removed.
+void ZMFWriterFree(ZMFWriter *pWriter);
+// The same, but the current file is removed in any case.
+void ZMFWriterDiscard(ZMFWriter *pWriter);
+
+// Takes the description of the program: it is kept in the file and decides how packets are read. Only once.
+// Returns 1, or 0 when it is empty, longer than the format can hold, or memory runs out.
+int ZMFWriterSetSdp(ZMFWriter *pWriter, const char *szSdp);
+// Keeps nBytes opaque bytes in the file. The first call, before the head is written, fixes the room for them;
+// later ones may change what is in it. Returns 1, or 0 when there is none.
+int ZMFWriterSetAppData(ZMFWriter *pWriter, uint32_t nBytes, const void *pData);
+void ZMFWriterSetLabel(ZMFWriter *pWriter, const char *szLabel);  // at most 32 characters are used
+int ZMFWriterSetLimits(ZMFWriter *pWriter, uint32_t nSecondsPerFile, uint32_t nTotalSeconds);
+// Keeps nSpaceInMB (>0) megabytes free where the files go, and makes that room now. Returns 1, or 0 when
+// there is not so much and nothing (more) may be deleted.
+int ZMFWriterSetReserveMinSpace(ZMFWriter *pWriter, uint32_t nSpaceInMB, int bDeleteOldest);
+
+// Writes header, index, SDP and application data. Returns 1, or 0 on a write error.
+int ZMFWriterWriteHead(ZMFWriter *pWriter);
+
+// Records one RTP packet, or one sample. chMedia is 'v', 'a', or anything else for messages, of which those
+// that begin with "ALARM:" are kept; nType is SampleType(). Returns 1 when it was written or left out, 0 when
+// the recording ended by a limit or for want of space, -1 on an error. After a result below 1 the writer can
+// only be freed.
+int ZMFWriterWriteRtpPacket(ZMFWriter *pWriter, const uint8_t *pPacket, uint32_t nBytes, char chMedia,
+                            uint32_t nTimeMs);
+int ZMFWriterWriteSample(ZMFWriter *pWriter, const uint8_t *pData, uint32_t nBytes, uint32_t nTimeMs,
+                         uint32_t nType);
+
+// Begins the next file; none may be open. Returns 1, 0 for want of space, -1 on an error.
+int ZMFWriterCreateNextFile(ZMFWriter *pWriter);
+
+// Completes and closes the current file and gives it its final name; does nothing when none is open.
+void ZMFWriterStop(ZMFWriter *pWriter);
+
+// Leaves out the time until the next sample: it follows 20 ms after the last one.
+void ZMFWriterPause(ZMFWriter *pWriter);
+
+int ZMFWriterRecordKind(const ZMFWriter *pWriter);
+// The name that the current file will have. Returns its length, or 0 when the file is closed (or does not
+// fit).
+int ZMFWriterFileName(const ZMFWriter *pWriter, char *szOut, size_t nSize);
+
+// Writes the audio block that is gathered. Returns 1 or -1.
+int ZMFWriterFlushAudio(ZMFWriter *pWriter);
+// Rewrites header and index in place; with the counters only when bFinal, so that a file that was never
+// closed is known by its missing duration. Returns 1 or 0.
+int ZMFWriterRewriteHead(ZMFWriter *pWriter, int bFinal);
+
+}  // namespace orx
