@@ -1,0 +1,48 @@
+// The proxy on the box's web port: by the first bytes of a connection it is either handed to the server's
+// RTSP-over-HTTP tunnel or relayed to a local web server. One thread accepts and looks, one thread per
+// proxied connection relays. Start and stop: one thread, by habit the main thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "base/linkedlist.h"
+#include "runtime/thread.h"
+
+namespace orx {
+
+constexpr unsigned kHttpPendingMax = 128;  // connections that have not sent anything yet
+
+// Takes over a tunnelled connection: the connected, non-blocking socket, which from then on belongs to the
+// receiver whatever the result, and the nLen bytes already read from it, which are the caller's. Called on
+// the proxy thread. Returns 1 or 0.
+using HttpHandOver = int (*)(void *pContext, int fd, const void *pData, size_t nLen);
+
+struct HttpPending {
+    int fd = -1;         // owned
+    uint32_t nTime = 0;  // when it was accepted, seconds of uptime
+};
+
+struct HttpProxy {
+    Thread thread;
+    int fdListen = -1;         // owned
+    char szTargetIp[64] = "";  // dotted address or host name of the web server
+    uint16_t nTargetPort = 0;
+    HttpHandOver pfnHandOver = nullptr;
+    void *pContext = nullptr;  // first argument of pfnHandOver, not owned
+    // The rest belongs to the proxy thread.
+    HttpPending pendings[kHttpPendingMax];  // in order of acceptance
+    unsigned nPending = 0;
+    uint32_t nCheckTime = 0;  // uptime of the last look for connections to drop
+    List relays;              // HttpRelay, embedded nodes; owned
+};
+
+// Listens on the address given (null or empty: every one) and starts the proxy thread. Returns 1, or 0 when
+// it cannot listen (printed) or has no thread; nothing is left behind then.
+int HttpProxyStart(HttpProxy *pProxy, const char *szListenIp, int nListenPort, const char *szTargetIp,
+                   int nTargetPort, HttpHandOver pfnHandOver, void *pContext);
+// Ends the proxy thread and every relay, closes all their connections and frees all; takes some tens of
+// milliseconds. Accepts one that was never started.
+void HttpProxyStop(HttpProxy *pProxy);
+
+}  // namespace orx

@@ -1,0 +1,62 @@
+// The bridge of one remote peer: a TCP connection to the own RTSP port, and a thread that carries bytes
+// between it and the peer. Created, fed and freed by the relay thread; the bridge's own thread does the rest.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "base/linkedlist.h"
+#include "runtime/thread.h"
+
+struct _ENetHost;
+struct _ENetPacket;
+struct _ENetPeer;
+
+namespace orx {
+
+// The reliable-UDP host. The library knows no threads, so one lock covers every call that touches the host or
+// one of its peers; nothing waits, prints or calls out while it is held.
+struct UnetHost {
+    _ENetHost *pHost = nullptr;  // owned by the relay; guarded by mutex
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+};
+
+struct HostLock {
+    UnetHost *pUnetHost;
+    explicit HostLock(UnetHost *p) : pUnetHost(p) { pthread_mutex_lock(&p->mutex); }
+    ~HostLock() { pthread_mutex_unlock(&pUnetHost->mutex); }
+    HostLock(HostLock &&) = delete;
+    HostLock &operator=(HostLock &&) = delete;
+};
+
+struct UnetProxy {
+    ListNode node;                  // first; in the relay's list
+    UnetHost *pUnetHost = nullptr;  // not owned
+    _ENetPeer *pPeer = nullptr;     // null once the peer has gone or was reset; guarded by the host's mutex
+    uint32_t nOutgoing = 0;       // reliable bytes the peer has not acknowledged; guarded by the host's mutex
+    std::atomic<int> bActive{0};  // packets are welcome
+    int fd = -1;                  // connection to the RTSP port; owned
+    Thread thread;
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // guards the two below
+    List queue;                                         // received packets (_ENetPacket), owned
+    size_t nQueued = 0;                                 // bytes in them
+};
+
+// Connects to the RTSP port on 127.0.0.1, ties the record to the peer and starts the bridge. pCaller is the
+// calling thread. Returns the record, or null (printed). Free it with UnetProxyFree.
+UnetProxy *CreateUnetProxy(Thread *pCaller, UnetHost *pUnetHost, _ENetPeer *pPeer, int nRtspPort);
+// Hands over a packet of the peer, which belongs to the bridge from then on.
+void UnetProxyReceive(UnetProxy *pProxy, _ENetPacket *pPacket);
+// The peer has gone: cuts the record off from it and asks the bridge's thread to stop. The host's mutex is
+// held by the caller.
+void UnetProxyPeerGone(UnetProxy *pProxy);
+// Whether the bridge's thread has come to its end.
+int UnetProxyEnded(const UnetProxy *pProxy);
+// Ends the bridge's thread, resets the peer if there still is one, and frees everything; within some tens of
+// milliseconds. With several bridges ask all of them first, by ThreadExit. Without the host's mutex.
+void UnetProxyFree(UnetProxy *pProxy);
+
+}  // namespace orx
