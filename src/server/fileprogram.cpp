@@ -1,0 +1,69 @@
+#include "server/fileprogram.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "base/console.h"
+#include "base/textbuf.h"
+#include "record/storage.h"
+#include "record/zmfreader.h"
+#include "server/programinit.h"
+#include "server/sdp.h"
+#include "server/server.h"
+
+namespace orx {
+
+constexpr uint32_t kReadBuffer = 204800;  // bytes that the reader of a recording keeps
+
+const char *FileProgramSdp(const Program *pProg)
+{
+    return pProg->reader ? ZMFReaderSdp(pProg->reader) : nullptr;
+}
+
+uint32_t FileProgramDuration(const Program *pProg)
+{
+    return pProg->reader ? ZMFReaderDuration(pProg->reader) : 0;
+}
+
+int FileProgramSeek(Program *pProg, uint32_t nMs, uint32_t *pReached)
+{
+    return pProg->reader && ZMFReaderSeek(pProg->reader, nMs, pReached) != nullptr;
+}
+
+void FileProgramClose(Program *pProg)
+{
+    ZMFReaderClose(pProg->reader);
+    pProg->reader = nullptr;
+}
+
+// Opens the recording of a program whose Uri is set and reads its description. Returns 1 or 0.
+static int OpenReader(Program *pProg, const char *szFile)
+{
+    pProg->reader = ZMFReaderOpen(szFile, kReadBuffer);
+    if (!pProg->reader)
+        return 0;
+    const char *szSdp = FileProgramSdp(pProg);
+    return szSdp && SdpParse(pProg, szSdp, 0, FileProgramDuration(pProg));
+}
+
+Program *CreateFileProgram(const char *szPath)
+{
+    if (!g_server.bFilePrograms || !g_server.szRecordPath || !*g_server.szRecordPath ||
+        !StorageIsInside(szPath))
+        return nullptr;
+    char file[512];
+    TextBuf name{file, sizeof(file)};
+    if (!TextAdd(&name, "%s%s", g_server.szRecordPath, *szPath == '/' ? szPath + 1 : szPath))
+        return nullptr;
+    Program *pProg = ProgramNew(szPath);
+    if (!pProg)
+        return nullptr;
+    if (!OpenReader(pProg, file) || !ProgramReady(pProg)) {
+        ProgramDelete(pProg);
+        return nullptr;
+    }
+    print("CreateFileProgram(Uri=%s), pointer=0x%x.\r\n", pProg->Uri, ProgramPrintId(pProg));
+    return pProg;
+}
+
+}  // namespace orx

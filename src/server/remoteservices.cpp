@@ -1,0 +1,155 @@
+#include "server/remoteservices.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include <pthread.h>
+
+#include "base/console.h"
+#include "base/fdguard.h"
+#include "base/inifile.h"
+#include "net/ifaddr.h"
+#include "remote/httpproxy.h"
+#include "remote/unet.h"
+#include "runtime/sockutil.h"
+#include "server/server.h"
+#include "server/session.h"
+
+namespace orx {
+
+constexpr char kDefaultZupoServer[] = "zupo.example.com";
+constexpr size_t kShortGuid = 20;  // an identity must be longer to be registered
+
+// A connection on its way from the proxy thread to the scheduler thread.
+struct HandOver {
+    ListNode node;  // first
+    int fd = -1;    // owned
+    size_t nLen = 0;
+    uint8_t *pData = nullptr;  // owned, from malloc
+};
+
+struct RemoteServices {
+    HttpProxy proxy;
+    Unet unet;
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // guards the list
+    List handOvers;                                     // HandOver; those whose task has not run; owned
+};
+
+static void FreeHandOver(void * /*pUser*/, void *pItem)
+{
+    auto *pHandOver = static_cast<HandOver *>(pItem);
+    SockClose(pHandOver->fd);
+    free(pHandOver->pData);
+    delete pHandOver;
+}
+
+static void InitHandOvers(List *pList)
+{
+    ListInit(pList, nullptr);
+    ListUsedDefMap(pList, 0);
+    ListDataProc(pList, FreeHandOver, nullptr);
+}
+
+static int OnHandOver(Task *pTask, uint32_t, uint32_t, uint32_t)
+{
+    auto *pHandOver = static_cast<HandOver *>(TaskArgument(pTask));
+    RemoteServices *pRemote = g_server.pRemote;
+    pthread_mutex_lock(&pRemote->mutex);
+    ListRemove(&pRemote->handOvers, pHandOver, 0);
+    pthread_mutex_unlock(&pRemote->mutex);
+    RtspSessionCreate(std::exchange(pHandOver->fd, -1), pHandOver->pData, pHandOver->nLen);
+    FreeHandOver(nullptr, pHandOver);
+    return -1;
+}
+
+// Proxy thread: the session is made where all sessions live.
+static int AcceptTunnel(void *pContext, int fd, const void *pData, size_t nLen)
+{
+    auto *pRemote = static_cast<RemoteServices *>(pContext);
+    FdGuard sock(fd);
+    auto *pHandOver = new (std::nothrow) HandOver;
+    if (!pHandOver)
+        return 0;
+    pHandOver->pData = static_cast<uint8_t *>(malloc(nLen));
+    if (!pHandOver->pData) {
+        delete pHandOver;
+        return 0;
+    }
+    memcpy(pHandOver->pData, pData, nLen);
+    pHandOver->nLen = nLen;
+    pHandOver->fd = sock.Release();
+    pthread_mutex_lock(&pRemote->mutex);
+    ListAppend(&pRemote->handOvers, pHandOver);
+    pthread_mutex_unlock(&pRemote->mutex);
+    TaskSchedule(&g_server.scheduler, OnHandOver, 0, fd, pHandOver);
+    return 1;
+}
+
+static int StartProxy(RemoteServices *pRemote)
+{
+    return HttpProxyStart(&pRemote->proxy, g_server.szListenIp, g_server.nHttpProxyListenPort,
+                          g_server.szHttpProxyTargetIp, g_server.nHttpProxyTargetPort, AcceptTunnel, pRemote);
+}
+
+static void Register(RemoteServices *pRemote)
+{
+    char szServer[64], szGuid[64];
+    const char *szPath = g_server.szConfigPath;
+    read_profile_string("ZUPO", "ZupoServerAddr", szServer, sizeof(szServer), kDefaultZupoServer, szPath);
+    int nPort = read_profile_int("ZUPO", "ZupoServerPort", kZupoDefaultPort, szPath) & 0xFFFF;
+    read_profile_string("MAIN", "DeviceGuid", szGuid, sizeof(szGuid), "", szPath);
+    if (strlen(szGuid) <= kShortGuid)
+        return;
+    ZupoRegisterCreate(&pRemote->unet, szServer, nPort, szPath);
+    print("ZupoRegisterCreate(Server: %s:%d)\r\n", szServer, nPort);
+}
+
+static int StartRelay(RemoteServices *pRemote)
+{
+    UnetSettings settings;
+    settings.szBindIp = g_server.szListenIp;
+    settings.nPort = static_cast<int>(g_server.nUnetPort);
+    settings.nRtspPort = static_cast<int>(g_server.nListenPort);
+    settings.pfnGetAddress = NetGetAddress;
+    settings.szCfgPath = g_server.szConfigPath;
+    if (!UnetStart(&pRemote->unet, &settings))
+        return 0;
+    if (g_server.bZupo)
+        Register(pRemote);
+    return 1;
+}
+
+int RemoteServicesStart()
+{
+    if (!g_server.bHttpProxy && !g_server.bUnet && !g_server.bZupo)
+        return 1;
+    g_server.pRemote = new (std::nothrow) RemoteServices;
+    if (!g_server.pRemote)
+        return 0;
+    InitHandOvers(&g_server.pRemote->handOvers);
+    if (g_server.bHttpProxy && !StartProxy(g_server.pRemote))
+        return 0;
+    return (!g_server.bUnet && !g_server.bZupo) || StartRelay(g_server.pRemote);
+}
+
+void RemoteServicesStop()
+{
+    if (!g_server.pRemote)
+        return;
+    HttpProxyStop(&g_server.pRemote->proxy);
+    UnetStop(&g_server.pRemote->unet);
+}
+
+void RemoteServicesFree()
+{
+    if (!g_server.pRemote)
+        return;
+    ListDestroy(&g_server.pRemote->handOvers);
+    pthread_mutex_destroy(&g_server.pRemote->mutex);
+    delete g_server.pRemote;
+    g_server.pRemote = nullptr;
+}
+
+}  // namespace orx

@@ -1,0 +1,14 @@
+// The services that bring players in from outside: the HTTP proxy on the web port, the relay over reliable
+// UDP and the registration with a rendezvous server. Main thread.
+#pragma once
+
+namespace orx {
+
+// Starts those that the settings ask for. Returns 1, or 0 when one of them cannot start.
+int RemoteServicesStart();
+// Ends them and waits for their threads; while scheduler and listening socket still work.
+void RemoteServicesStop();
+// Frees what is left, once no task runs any more.
+void RemoteServicesFree();
+
+}  // namespace orx

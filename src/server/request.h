@@ -1,0 +1,56 @@
+// The request record: one RTSP or HTTP request as parsed from its header block, and its body (RFC 2326,
+// section 6). Scheduler thread only.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "base/avl.h"
+#include "base/faststring.h"
+
+namespace orx {
+
+struct Request {
+    int bParsed = 0;        // a header block was parsed and waits for its body or its dispatch
+    uint16_t nHeadLen = 0;  // bytes of that block, the empty line included
+    Str method = nullptr;
+    Str uri = nullptr;       // percent-decoded
+    Str protocol = nullptr;  // "RTSP", "HTTP"
+    Str version = nullptr;   // "1.0"
+    char szReason[64] = "";  // room for a status line; no accepted input fills it
+    int nStatus = 0;
+    AvlTree headers;        // name (no regard to case) -> RequestHeader
+    char *pBody = nullptr;  // owned, ended by a NUL
+    size_t nBody = 0;
+    size_t nPendingBody = 0;  // bytes of body announced and not yet attached
+};
+
+// Readies a record; RequestReset frees what it holds and makes it ready again.
+void RequestInit(Request *pRequest);
+void RequestReset(Request *pRequest);
+
+// Parses a header block into a fresh record. Returns 1 when complete, 0 when the block ends before the empty
+// line, -1 when malformed (a repeated header name included).
+int RequestParse(Request *pRequest, const char *pBlock, size_t nLen);
+
+// The value of a header, or null.
+const char *RequestHeaderValue(const Request *pRequest, const char *szName);
+
+// Attaches nLen bytes behind the body so far. Returns 1, or 0 when memory runs out.
+int RequestAttachBody(Request *pRequest, const void *pData, size_t nLen);
+
+inline const char *RequestMethod(const Request *pRequest)
+{
+    return StrText(pRequest->method);
+}
+inline const char *RequestUri(const Request *pRequest)
+{
+    return StrText(pRequest->uri);
+}
+
+// The path of the request's URI: what follows the first '/' behind "://", that '/' included; the whole URI
+// when it has no such form. Points into the URI.
+const char *RequestPath(const Request *pRequest);
+const char *UriPath(const char *szUri);
+
+}  // namespace orx

@@ -1,0 +1,192 @@
+#include "server/settings.h"
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+
+#include <unistd.h>
+
+#include "base/console.h"
+#include "base/inifile.h"
+#include "base/textbuf.h"
+
+namespace orx {
+
+// How a number that was read becomes the setting.
+enum class Clamp {
+    None,
+    MaxOr,    // above nLimit: nInstead (as unsigned, so that a negative one is above, too)
+    MinMax,   // below nLimit: nLimit; above nInstead: nInstead
+    ZeroMax,  // 0: 1; above nLimit: nLimit
+    Wrap16,   // taken modulo 65536
+};
+
+struct NumberSetting {
+    const char *szSection;
+    const char *szKey;
+    int nDefault;
+    size_t nOffset;  // of a 32-bit field of ServerConfig
+    Clamp clamp;
+    int nLimit;
+    int nInstead;
+};
+
+#define FIELD(name) offsetof(ServerConfig, name)
+
+static const NumberSetting g_numbers[] = {
+    {"SERVER", "AuthType", 1, FIELD(nAuthType), Clamp::MaxOr, 3, 1},
+    {"SERVER", "ConnectLimit", 100, FIELD(nConnectLimit), Clamp::MinMax, 5, INT32_MAX},
+    {"SERVER", "AutoDropDataWhenCrowded", 0, FIELD(bAutoDrop), Clamp::None, 0, 0},
+    {"SERVER", "EnableAnonymousViewer", 0, FIELD(bAnonymousViewer), Clamp::None, 0, 0},
+    {"SERVER", "EnableRtcp", 0, FIELD(bRtcp), Clamp::None, 0, 0},
+    {"SERVER", "EnableLowEnergy", 0, FIELD(bLowEnergy), Clamp::None, 0, 0},
+    {"SERVER", "ControlUsers", 0, FIELD(bControlUsers), Clamp::None, 0, 0},
+    {"SERVER", "EnableFilePrg", 0, FIELD(bFilePrograms), Clamp::None, 0, 0},
+    {"SERVER", "EnableHttpProxy", 0, FIELD(bHttpProxy), Clamp::None, 0, 0},
+    {"SERVER", "EnableUnet", 0, FIELD(bUnet), Clamp::None, 0, 0},
+    {"ZUPO", "ZupoEnable", 0, FIELD(bZupo), Clamp::None, 0, 0},
+    {"SERVER", "SessionBufSize", 16384, FIELD(nSessionBufSize), Clamp::None, 0, 0},
+    {"SERVER", "CacheLimit", 10, FIELD(nCacheLimit), Clamp::MinMax, 5, 60},
+    {"SERVER", "LiveTime", 10, FIELD(nLiveTime), Clamp::ZeroMax, 120, 0},
+    {"SERVER", "UdpStartPort", 50000, FIELD(nUdpStartPort), Clamp::Wrap16, 0, 0},
+    {"SERVER", "UdpEndPort", 52000, FIELD(nUdpEndPort), Clamp::Wrap16, 0, 0},
+    {"STORAGE", "AutoDelOldFile", 1, FIELD(bAutoDelOldFile), Clamp::None, 0, 0},
+    {"STORAGE", "PreRecordLen", 3, FIELD(nPreRecordLen), Clamp::MaxOr, 10, 10},
+    {"STORAGE", "MinutePerFile", 5, FIELD(nMinutePerFile), Clamp::MaxOr, 60, 60},
+    {"STORAGE", "RecordEnable", 0, FIELD(bRecord), Clamp::None, 0, 0},
+    {"INTEROP", "StandardPushers", 0, FIELD(bStandardPushers), Clamp::None, 0, 0},
+    {"GUARD", "SurvivePeerFaults", 0, FIELD(bSurvivePeerFaults), Clamp::None, 0, 0},
+    {"GUARD", "RunUnprivileged", 0, FIELD(bRunUnprivileged), Clamp::None, 0, 0},
+};
+
+#undef FIELD
+
+static int32_t Clamped(const NumberSetting *pRow, int32_t nValue)
+{
+    switch (pRow->clamp) {
+        case Clamp::None:
+            return nValue;
+        case Clamp::MaxOr:
+            return static_cast<uint32_t>(nValue) > static_cast<uint32_t>(pRow->nLimit) ? pRow->nInstead
+                                                                                       : nValue;
+        case Clamp::MinMax:
+            return nValue < pRow->nLimit ? pRow->nLimit : nValue > pRow->nInstead ? pRow->nInstead : nValue;
+        case Clamp::ZeroMax:
+            if (nValue == 0)
+                return 1;
+            return static_cast<uint32_t>(nValue) > static_cast<uint32_t>(pRow->nLimit) ? pRow->nLimit
+                                                                                       : nValue;
+        case Clamp::Wrap16:
+            return nValue & 0xFFFF;
+    }
+    return nValue;
+}
+
+static void ReadNumbers(ServerConfig *pServer, const char *szPath)
+{
+    for (const NumberSetting &row : g_numbers) {
+        int32_t nValue = Clamped(&row, read_profile_int(row.szSection, row.szKey, row.nDefault, szPath));
+        memcpy(reinterpret_cast<char *>(pServer) + row.nOffset, &nValue, sizeof(nValue));
+        if (row.nOffset == offsetof(ServerConfig, bAutoDrop))
+            print("AutoDropDataWhenCrowded=%d.\r\n", nValue);
+    }
+    pServer->bRecord = pServer->bRecord != 0;
+}
+
+static void ReadHttpProxy(ServerConfig *pServer, const char *szPath)
+{
+    if (!pServer->bHttpProxy)
+        return;
+    read_profile_string("SERVER", "HttpProxyTargetIp", pServer->szHttpProxyTargetIp,
+                        sizeof(pServer->szHttpProxyTargetIp), "127.0.0.1", szPath);
+    pServer->nHttpProxyTargetPort =
+        static_cast<uint16_t>(read_profile_int("SERVER", "HttpProxyTargetPort", 8080, szPath));
+    pServer->nHttpProxyListenPort =
+        static_cast<uint16_t>(read_profile_int("SERVER", "HttpProxyListenPort", 80, szPath));
+}
+
+static void ReadListenAddress(ServerConfig *pServer, const char *szPath)
+{
+    pServer->nListenPort = read_profile_int("SERVER", "ListenPort", 554, szPath) & 0xFFFF;
+    if (pServer->nListenPort == 0)
+        pServer->nListenPort = 554;
+    read_profile_string("SERVER", "ListenIp", pServer->szListenIp, sizeof(pServer->szListenIp), "0.0.0.0",
+                        szPath);
+    pServer->nUnetPort =
+        read_profile_int("SERVER", "UnetPort", static_cast<int>(pServer->nListenPort), szPath) & 0xFFFF;
+}
+
+static int CheckUdpRange(const ServerConfig *pServer)
+{
+    if (pServer->nUdpStartPort < 1000 || pServer->nUdpStartPort > 65530) {
+        print("Invalid UdpStartPort: %d!\r\n", pServer->nUdpStartPort);
+        return 0;
+    }
+    if (pServer->nUdpEndPort < 1001 || pServer->nUdpEndPort > 65534) {
+        print("Invalid UdpEndPort: %d!\r\n", pServer->nUdpEndPort);
+        return 0;
+    }
+    if (pServer->nUdpEndPort <= pServer->nUdpStartPort) {
+        print("Invalid UdpPort Range: from %d to %d!\r\n", pServer->nUdpStartPort, pServer->nUdpEndPort);
+        return 0;
+    }
+    return 1;
+}
+
+// The executable's directory, a '/' behind it, and the value's rest.
+static void AddBesideExecutable(TextBuf *pText, const char *szRest)
+{
+    char szExe[256] = "";
+    ssize_t n = readlink("/proc/self/exe", szExe, sizeof(szExe) - 1);
+    szExe[n > 0 ? n : 0] = '\0';
+    char *pSlash = strrchr(szExe, '/');
+    if (pSlash)
+        *pSlash = '\0';
+    TextAdd(pText, "%s/%s", szExe, szRest);
+}
+
+char *SettingsRecordPath(const char *szValue)
+{
+    char szPath[512] = "";
+    TextBuf text{szPath, sizeof(szPath)};
+    if (szValue[0] == '\0')
+        AddBesideExecutable(&text, "");
+    else if (szValue[0] == '.')
+        AddBesideExecutable(&text, strlen(szValue) > 2 ? szValue + 2 : "");
+    else
+        TextAdd(&text, "%s", szValue);
+    if (text.nLen == 0 || szPath[text.nLen - 1] != '/')
+        TextAdd(&text, "/");
+    return strdup(szPath);
+}
+
+// The register-id file lies beside the configuration.
+static void MakeGuidPath(ServerConfig *pServer)
+{
+    const char *pSlash = strrchr(pServer->szConfigPath, '/');
+    int nDir = pSlash ? static_cast<int>(pSlash + 1 - pServer->szConfigPath) : 0;
+    TextBuf text{pServer->szGuidPath, sizeof(pServer->szGuidPath)};
+    TextAdd(&text, "%.*sguid.dat", nDir, pServer->szConfigPath);
+}
+
+int SettingsRead(ServerConfig *pServer, const char *szPath)
+{
+    if (!szPath || !szPath[0])
+        return 0;
+    if (!TextCopy(pServer->szConfigPath, sizeof(pServer->szConfigPath), szPath)) {
+        print("The configuration's path is too long: %s\r\n", szPath);
+        return 0;
+    }
+    MakeGuidPath(pServer);
+    pServer->nMaxRegisterId = read_profile_int("GUID", "MaxRegisterId", 1001, pServer->szGuidPath);
+    ReadNumbers(pServer, szPath);
+    ReadHttpProxy(pServer, szPath);
+    ReadListenAddress(pServer, szPath);
+    pServer->nFileSendPeriod = kFileSendPeriodMs;
+    char szRecordPath[128] = "";
+    read_profile_string("STORAGE", "RecordPath", szRecordPath, sizeof(szRecordPath), "", szPath);
+    pServer->szRecordPath = SettingsRecordPath(szRecordPath);
+    return pServer->szRecordPath && CheckUdpRange(pServer);
+}
+
+}  // namespace orx
