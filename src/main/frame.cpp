@@ -1,0 +1,289 @@
+#include "main/frame.h"
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include <malloc.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include "base/console.h"
+#include "base/inifile.h"
+#include "base/textbuf.h"
+#include "runtime/thread.h"
+#include "server/server.h"
+
+namespace orx {
+
+static constexpr int kTickMs = 100;
+static constexpr unsigned kStateTicks =
+    50;  // the state file is written when more ticks than these have passed
+
+static std::atomic<int> g_bTerminate{0};  // set by the signal handler, looked at by the loops
+
+int ParentDirectory(char *szOut, size_t nSize)
+{
+    ssize_t n = readlink("/proc/self/exe", szOut, nSize - 1);
+    if (n < 0)
+        return 0;
+    szOut[n] = '\0';
+    for (int i = 0; i < 2; i++) {
+        char *pSlash = strrchr(szOut, '/');
+        if (pSlash)
+            *pSlash = '\0';
+    }
+    return 1;
+}
+
+static int WantsDaemon(int argc, char **argv)
+{
+    for (int i = 1; i < argc; i++)
+        if (strncmp(argv[i], "-c", 2) != 0 && strcasecmp(argv[i], "-daemond") == 0)
+            return 1;
+    return 0;
+}
+
+int ParseArguments(int argc, char **argv, const char *szDefault, char *szCfgPath, size_t nSize)
+{
+    const char *szName = szDefault;
+    for (int i = 1; i < argc; i++)
+        if (strncmp(argv[i], "-c", 2) == 0 && i + 1 < argc)
+            szName = argv[i + 1];
+    TextBuf path{szCfgPath, nSize};
+    szCfgPath[0] = '\0';
+    if (strchr(szName, '/')) {
+        TextAdd(&path, "%s", szName);
+    } else {
+        char szParent[kPathSize];
+        if (!ParentDirectory(szParent, sizeof(szParent))) {
+            print("failed to get process path's parent dir!\r\n");
+            return -1;
+        }
+        TextAdd(&path, "%s/cfg/%s", szParent, szName);
+    }
+    print("cfg=%s\r\n", szCfgPath);
+    return WantsDaemon(argc, argv);
+}
+
+// Formats a number in a signal handler, where printf may not be used.
+static char *AddNumber(char *p, unsigned nValue, unsigned nBase)
+{
+    char digits[16];
+    int n = 0;
+    do {
+        digits[n++] = "0123456789abcdef"[nValue % nBase];
+        nValue /= nBase;
+    } while (nValue);
+    while (n > 0)
+        *p++ = digits[--n];
+    return p;
+}
+
+static char *AddText(char *p, const char *sz)
+{
+    while (*sz)
+        *p++ = *sz++;
+    return p;
+}
+
+static void OnSegv()
+{
+    char szText[80];
+    auto nThread = static_cast<unsigned>(ThreadKernelId());
+    char *p = AddNumber(AddText(szText, "Catch(tid="), nThread, 10);
+    p = AddText(AddNumber(AddText(p, "[0x"), nThread, 16), "]): SIGSEGV\r\n");
+    ConsoleWriteRaw(szText, static_cast<size_t>(p - szText));
+    _exit(-1);
+}
+
+static void OnSignal(int nSignal)
+{
+    switch (nSignal) {
+        case SIGINT:
+            ConsoleWriteRaw("Catch: SIGINT\r\n", 15);
+            break;
+        case SIGCHLD:
+            ConsoleWriteRaw("Catch: SIGCHLD\r\n", 16);
+            break;
+        case SIGPIPE:
+            ConsoleWriteRaw("Catch: SIGPIPE\r\n", 16);
+            break;
+        case SIGTERM:
+            g_bTerminate = 1;
+            break;
+        default:
+            OnSegv();
+    }
+}
+
+void InstallSignalHandlers()
+{
+    for (int nSignal : {SIGINT, SIGSEGV, SIGCHLD, SIGPIPE, SIGTERM})
+        signal(nSignal, OnSignal);
+}
+
+void PrintStat()
+{
+    ServerStat stat;
+    if (!ServerGetStat(&stat, 1))
+        return;
+    print("TaskNum=%u, Lives=%u, Clients=%u, Monitors=%u.\r\n", stat.nTasks, stat.nLives, stat.nClients,
+          stat.nMonitors);
+    for (unsigned i = 0; i < stat.nSessions; i++) {
+        const SessionStat *p = &stat.pSessions[i];
+        time_t tStart = p->tStart;
+        struct tm t {};
+        localtime_r(&tStart, &t);
+        char szStart[64];
+        TextBuf text{szStart, sizeof(szStart)};
+        TextAdd(&text, "%4d-%02d-%02d-%02d:%02d:%02d", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour,
+                t.tm_min, t.tm_sec);
+        print("%u: %s\t%s\t%s\t%d\r\n", i, p->szProgram, p->szRemote, szStart, p->bPusher);
+    }
+    free(stat.pSessions);
+}
+
+void WriteStateFile(const char *szPath)
+{
+    ServerStat stat;
+    ServerGetStat(&stat, 0);
+    write_profile_int("MAIN", "CurTime", static_cast<int>(time(nullptr)), szPath);
+    write_profile_int("MAIN", "CurLives", static_cast<int>(stat.nLives), szPath);
+    write_profile_int("MAIN", "CurClients", static_cast<int>(stat.nClients), szPath);
+}
+
+static void SleepTick()
+{
+    usleep(kTickMs * 1000);
+}
+
+// Standard input, line by line. What is too long for the buffer is dropped up to the line's end.
+struct LineReader {
+    char text[256];
+    size_t nLen = 0;
+    int bEnd = 0;  // the end of input was seen
+};
+
+// Takes the first line held out into szLine, without its line end. 1, or 0 when none is complete.
+static int TakeLine(LineReader *pReader, char *szLine)
+{
+    auto *pEnd = static_cast<char *>(memchr(pReader->text, '\n', pReader->nLen));
+    if (!pEnd)
+        return 0;
+    auto nLine = static_cast<size_t>(pEnd - pReader->text);
+    memcpy(szLine, pReader->text, nLine);
+    szLine[nLine] = '\0';
+    if (nLine > 0 && szLine[nLine - 1] == '\r')
+        szLine[nLine - 1] = '\0';
+    pReader->nLen -= nLine + 1;
+    memmove(pReader->text, pEnd + 1, pReader->nLen);
+    return 1;
+}
+
+// Waits a tick for a line; an empty line when none came. At the end of input the line stays empty.
+static void ReadLine(LineReader *pReader, char *szLine)
+{
+    szLine[0] = '\0';
+    if (TakeLine(pReader, szLine) || pReader->bEnd)
+        return;
+    pollfd input{STDIN_FILENO, POLLIN, 0};
+    if (poll(&input, 1, kTickMs) <= 0)
+        return;
+    if (pReader->nLen == sizeof(pReader->text)) {
+        pReader->text[0] = ' ';  // what is left of the line is no command, whatever its end looks like
+        pReader->nLen = 1;
+    }
+    ssize_t n = read(STDIN_FILENO, pReader->text + pReader->nLen, sizeof(pReader->text) - pReader->nLen);
+    if (n > 0) {
+        pReader->nLen += static_cast<size_t>(n);
+    } else {
+        pReader->bEnd = 1;
+        pReader->text[pReader->nLen++] = '\n';  // the last line may lack its end
+    }
+    TakeLine(pReader, szLine);
+}
+
+void ConsoleLoop()
+{
+    LineReader reader;
+    char szLine[sizeof(reader.text) + 1];
+    print("Server started, commands:\nQuit\n\nEnter command: \r\n");
+    while (!g_bTerminate) {
+        ReadLine(&reader, szLine);
+        if (strcasecmp(szLine, "quit") == 0 || strcasecmp(szLine, "q") == 0)
+            return;
+        if (strcmp(szLine, "stat") == 0)
+            PrintStat();
+        SleepTick();
+    }
+}
+
+void DaemonLoop(const char *szStatePath, int bWriteState)
+{
+    for (unsigned nTicks = 0; !g_bTerminate; nTicks++) {
+        SleepTick();
+        if (bWriteState && nTicks > kStateTicks) {
+            WriteStateFile(szStatePath);
+            nTicks = 0;
+        }
+    }
+}
+
+static void PrintBanner(const char *szProgram)
+{
+    print("Orx version %s, built %s %s\r\n\r\n", ORX_VERSION, __DATE__, __TIME__);
+    print("Usage:%s [-c cfgfile] [-daemond].\r\n", szProgram);
+}
+
+// Many players over UDP want many sockets: up to what the system allows.
+static void RaiseDescriptorLimit()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+int RunProcess(int argc, char **argv)
+{
+    mallopt(M_ARENA_MAX, 1);  // nearly everything is allocated by one thread; more arenas only cost memory
+    InstallSignalHandlers();
+    ConsoleSetDaemon(WantsDaemon(argc, argv));  // before the banner: a daemon says nothing at all
+    PrintBanner(argv[0]);
+    char szCfg[kPathSize] = "";
+    int bDaemon = ParseArguments(argc, argv, "orx.cfg", szCfg, sizeof(szCfg)) == 1;
+    char szParent[kPathSize];
+    if (!ParentDirectory(szParent, sizeof(szParent))) {
+        print("failed to get process path's parent dir!\n");
+        return -1;
+    }
+    char szLog[kPathSize + 32];
+    char szState[kPathSize + 32];
+    TextBuf logPath{szLog, sizeof(szLog)};
+    TextBuf statePath{szState, sizeof(szState)};
+    TextAdd(&logPath, "%s/log/orx.log", szParent);
+    TextAdd(&statePath, "%s/log/orxstate.cur", szParent);
+    print("Main(tid=0x%x) begin...\r\n", ThreadKernelId());
+    int nLog = szCfg[0] ? read_profile_int("SERVER", "LogFile", 0, szCfg) : 0;
+    LogSetup(szLog, nLog);
+    RaiseDescriptorLimit();
+    if (!ServerStart(szCfg))
+        return 0;
+    log("Begin");
+    if (bDaemon)
+        DaemonLoop(szState, nLog);
+    else
+        ConsoleLoop();
+    ServerStop();
+    log("End");
+    print("main() exit OK.\n");
+    return 0;
+}
+
+}  // namespace orx
