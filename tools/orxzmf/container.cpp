@@ -1,0 +1,474 @@
+// Recordings as .mp4 and .mkv, written by Debian's libavformat. Pictures go in as they are. Audio does so
+// where the container takes it; otherwise it is decoded and becomes AAC.
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/channel_layout.h>
+}
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "export.h"
+#include "jpegimage.h"
+#include "record/depacketise.h"
+
+namespace orx {
+
+constexpr int64_t kMaxDriftMs = 60;  // between the time of an audio block and where the audio before it ends
+constexpr int64_t kG711PacketBytes = 160;
+constexpr int kSpeechFrameMs = 20;
+constexpr int kAacBitRate = 32000;
+constexpr int kPcmFrame = 1024;  // samples in one packet
+
+namespace {
+
+// When each picture is shown and in which order they go into the file, in ms.
+struct Timing {
+    std::vector<int64_t> shown;    // by picture, in the order of the recording
+    std::vector<int64_t> decoded;  // rises from picture to picture and is never later than shown
+    int64_t nDelay = 0;            // how far shown runs ahead of decoded because pictures are reordered
+    size_t nNext = 0;
+};
+
+// The audio that is decoded and encoded anew.
+struct Transcoder {
+    AVCodecContext *pDecoder = nullptr;
+    AVCodecContext *pEncoder = nullptr;
+    AVFrame *pDecoded = nullptr;
+    AVFrame *pFrame = nullptr;   // handed to the encoder
+    std::vector<float> waiting;  // samples not yet encoded
+    int64_t nSamples = 0;        // taken since the first sample of audio
+};
+
+struct Export {
+    Recording *pRecording = nullptr;
+    AVFormatContext *pFormat = nullptr;
+    AVPacket *pPacket = nullptr;
+    AVStream *pVideo = nullptr;
+    AVStream *pAudio = nullptr;
+    Timing timing;
+    Transcoder transcoder;
+    int bTranscode = 0;
+    int64_t nAudioStart = -1;  // ms, of the first audio sample
+    int64_t nAudioNext = -1;   // ms where the audio written so far ends
+};
+
+}  // namespace
+
+static int Refuse(const Export *pExport, const char *szReason)
+{
+    fprintf(stderr, "%s: %s\n", pExport->pRecording->path.c_str(), szReason);
+    return 0;
+}
+
+static int AudioRate(const Recording *pRecording)
+{
+    return pRecording->nAudio == AUDIO_AMR_WB ? 16000 : 8000;
+}
+
+static AVCodecID AudioId(AudioCodec nCodec)
+{
+    switch (nCodec) {
+        case AUDIO_PCMU:
+            return AV_CODEC_ID_PCM_MULAW;
+        case AUDIO_PCMA:
+            return AV_CODEC_ID_PCM_ALAW;
+        case AUDIO_AMR_NB:
+            return AV_CODEC_ID_AMR_NB;
+        case AUDIO_AMR_WB:
+            return AV_CODEC_ID_AMR_WB;
+        case AUDIO_NONE:
+        case AUDIO_OTHER:
+            break;
+    }
+    return AV_CODEC_ID_NONE;
+}
+
+// --- First pass: the times of the pictures ---
+
+// Decoding times for pictures that are not recorded in the order in which they are shown: the sorted times,
+// shifted back until none is later than its picture.
+static void OrderTimes(Timing *pTiming)
+{
+    std::vector<int64_t> sorted = pTiming->shown;
+    int bReordered = !std::is_sorted(sorted.begin(), sorted.end());
+    std::sort(sorted.begin(), sorted.end());
+    for (size_t i = 1; i < sorted.size(); i++)
+        sorted[i] = std::max(sorted[i], sorted[i - 1] + 1);  // two pictures of one time
+    pTiming->decoded = sorted;
+    if (!bReordered) {
+        pTiming->shown = sorted;
+        return;
+    }
+    for (size_t i = 0; i < sorted.size(); i++)
+        pTiming->nDelay = std::max(pTiming->nDelay, sorted[i] - pTiming->shown[i]);
+    for (int64_t &nTime : pTiming->decoded)
+        nTime -= pTiming->nDelay;
+}
+
+static int CollectTimes(Export *pExport, std::string *pFirstPicture, int *pbAudio)
+{
+    Recording *pRecording = pExport->pRecording;
+    Sample sample;
+    std::string picture;
+    *pbAudio = 0;
+    while (RecordingNext(pRecording, &sample, "reading")) {
+        *pbAudio |= sample.head.chMedia == 'a';
+        if (sample.head.chMedia != 'v' || !ExportPicture(pRecording->nVideo, sample, &picture))
+            continue;
+        if (pFirstPicture->empty())
+            *pFirstPicture = picture;
+        pExport->timing.shown.push_back(sample.head.nTimeMs);
+    }
+    OrderTimes(&pExport->timing);
+    return RecordingRewind(pRecording);
+}
+
+// --- Streams ---
+
+// Size of an H.264 picture, from its parameter sets.
+static void ParseH264Size(const std::string &picture, AVCodecParameters *pPar)
+{
+    AVCodecParserContext *pParser = av_parser_init(AV_CODEC_ID_H264);
+    AVCodecContext *pContext = avcodec_alloc_context3(nullptr);
+    if (pParser && pContext) {
+        uint8_t *pOut = nullptr;
+        int nOut = 0;
+        std::string padded = picture + std::string(AV_INPUT_BUFFER_PADDING_SIZE, '\0');
+        pParser->flags |= PARSER_FLAG_COMPLETE_FRAMES;
+        av_parser_parse2(pParser, pContext, &pOut, &nOut, reinterpret_cast<const uint8_t *>(padded.data()),
+                         static_cast<int>(picture.size()), AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0);
+        pPar->width = pParser->width;
+        pPar->height = pParser->height;
+        pPar->format = pParser->format;
+        pPar->profile = pContext->profile;
+        pPar->level = pContext->level;
+    }
+    av_parser_close(pParser);
+    avcodec_free_context(&pContext);
+}
+
+static int AddVideo(Export *pExport, const std::string &picture)
+{
+    AVStream *pStream = avformat_new_stream(pExport->pFormat, nullptr);
+    if (!pStream)
+        return 0;
+    AVCodecParameters *pPar = pStream->codecpar;
+    pPar->codec_type = AVMEDIA_TYPE_VIDEO;
+    pStream->time_base = AVRational{1, 1000};
+    if (pExport->pRecording->nVideo == VIDEO_JPEG) {
+        uint32_t nWidth = 0;
+        uint32_t nHeight = 0;
+        pPar->codec_id = AV_CODEC_ID_MJPEG;
+        JpegImageSize(picture, &nWidth, &nHeight);
+        pPar->width = static_cast<int>(nWidth);
+        pPar->height = static_cast<int>(nHeight);
+    } else {
+        pPar->codec_id = AV_CODEC_ID_H264;
+        ParseH264Size(picture, pPar);
+        pPar->video_delay = pExport->timing.nDelay > 0;
+        // The parameter sets of the first picture; the writer of the container takes them out of it.
+        pPar->extradata = static_cast<uint8_t *>(av_mallocz(picture.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+        if (!pPar->extradata)
+            return 0;
+        memcpy(pPar->extradata, picture.data(), picture.size());
+        pPar->extradata_size = static_cast<int>(picture.size());
+    }
+    pExport->pVideo = pStream;
+    return pPar->width > 0 && pPar->height > 0;
+}
+
+static int OpenDecoder(Export *pExport)
+{
+    const AVCodec *pCodec = avcodec_find_decoder(AudioId(pExport->pRecording->nAudio));
+    AVCodecContext *pContext = pCodec ? avcodec_alloc_context3(pCodec) : nullptr;
+    pExport->transcoder.pDecoder = pContext;
+    if (!pContext)
+        return 0;
+    pContext->sample_rate = AudioRate(pExport->pRecording);
+    av_channel_layout_default(&pContext->ch_layout, 1);
+    return avcodec_open2(pContext, pCodec, nullptr) == 0;
+}
+
+static int OpenEncoder(Export *pExport, AVStream *pStream)
+{
+    // PCM has no delay and loses nothing; AAC is what .mp4 takes.
+    int bPcm =
+        avformat_query_codec(pExport->pFormat->oformat, AV_CODEC_ID_PCM_S16LE, FF_COMPLIANCE_NORMAL) == 1;
+    const AVCodec *pCodec = avcodec_find_encoder(bPcm ? AV_CODEC_ID_PCM_S16LE : AV_CODEC_ID_AAC);
+    AVCodecContext *pContext = pCodec ? avcodec_alloc_context3(pCodec) : nullptr;
+    pExport->transcoder.pEncoder = pContext;
+    if (!pContext)
+        return 0;
+    pContext->sample_rate = AudioRate(pExport->pRecording);
+    pContext->sample_fmt = bPcm ? AV_SAMPLE_FMT_S16 : AV_SAMPLE_FMT_FLTP;
+    pContext->bit_rate = bPcm ? 0 : kAacBitRate;
+    pContext->time_base = AVRational{1, pContext->sample_rate};
+    av_channel_layout_default(&pContext->ch_layout, 1);
+    if (pExport->pFormat->oformat->flags & AVFMT_GLOBALHEADER)
+        pContext->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    pExport->transcoder.pDecoded = av_frame_alloc();
+    pExport->transcoder.pFrame = av_frame_alloc();
+    return pExport->transcoder.pDecoded && pExport->transcoder.pFrame &&
+           avcodec_open2(pContext, pCodec, nullptr) == 0 &&
+           avcodec_parameters_from_context(pStream->codecpar, pContext) >= 0;
+}
+
+static int AddAudio(Export *pExport)
+{
+    AVCodecID nId = AudioId(pExport->pRecording->nAudio);
+    AVStream *pStream = avformat_new_stream(pExport->pFormat, nullptr);
+    if (!pStream)
+        return 0;
+    pStream->time_base = AVRational{1, AudioRate(pExport->pRecording)};
+    pExport->pAudio = pStream;
+    pExport->bTranscode = avformat_query_codec(pExport->pFormat->oformat, nId, FF_COMPLIANCE_NORMAL) != 1;
+    if (pExport->bTranscode)
+        return OpenDecoder(pExport) && OpenEncoder(pExport, pStream);
+    AVCodecParameters *pPar = pStream->codecpar;
+    pPar->codec_type = AVMEDIA_TYPE_AUDIO;
+    pPar->codec_id = nId;
+    pPar->sample_rate = AudioRate(pExport->pRecording);
+    pPar->bits_per_coded_sample = av_get_bits_per_sample(nId);
+    pPar->block_align = 1;
+    pPar->frame_size = nId == AV_CODEC_ID_AMR_NB ? 160 : nId == AV_CODEC_ID_AMR_WB ? 320 : 0;
+    av_channel_layout_default(&pPar->ch_layout, 1);
+    return 1;
+}
+
+// --- Second pass: writing ---
+
+// Writes a copy of the bytes as one packet; times in the time base given.
+static int WritePacket(Export *pExport, AVStream *pStream, const uint8_t *pData, size_t nBytes,
+                       AVRational base, int64_t nPts, int64_t nDts, int64_t nDuration, int bKey)
+{
+    AVPacket *pPacket = pExport->pPacket;
+    if (av_new_packet(pPacket, static_cast<int>(nBytes)) < 0)
+        return 0;
+    memcpy(pPacket->data, pData, nBytes);
+    pPacket->stream_index = pStream->index;
+    pPacket->pts = nPts;
+    pPacket->dts = nDts;
+    pPacket->duration = nDuration;
+    pPacket->flags = bKey ? AV_PKT_FLAG_KEY : 0;
+    av_packet_rescale_ts(pPacket, base, pStream->time_base);
+    return av_interleaved_write_frame(pExport->pFormat, pPacket) >= 0;
+}
+
+static int WritePicture(Export *pExport, const Sample &sample, std::string *pPicture)
+{
+    Timing *pTiming = &pExport->timing;
+    if (!pExport->pVideo || !ExportPicture(pExport->pRecording->nVideo, sample, pPicture))
+        return 1;
+    size_t i = pTiming->nNext++;
+    size_t nPictures = pTiming->decoded.size();
+    if (i >= nPictures)
+        return 1;  // the file grew between the passes
+    // The last picture is shown for as long as the one before.
+    size_t nFrom = i + 1 < nPictures ? i : i > 0 ? i - 1 : 0;
+    int64_t nDuration = nPictures > 1 ? pTiming->decoded[nFrom + 1] - pTiming->decoded[nFrom] : 40;
+    return WritePacket(pExport, pExport->pVideo, reinterpret_cast<const uint8_t *>(pPicture->data()),
+                       pPicture->size(), AVRational{1, 1000}, pTiming->shown[i], pTiming->decoded[i],
+                       nDuration, IsKeyFrame(sample.head));
+}
+
+// Where a block of audio goes. Its time stamp is that of a packet's arrival; small differences to where the
+// audio before it ended are jitter and leave no gap.
+static int64_t PlaceAudio(Export *pExport, int64_t nTimeMs)
+{
+    int64_t nNext = pExport->nAudioNext;
+    if (pExport->nAudioStart < 0)
+        pExport->nAudioStart = nTimeMs;
+    return nNext < 0 || nTimeMs > nNext + kMaxDriftMs ? nTimeMs : nNext;
+}
+
+static int WriteEncoded(Export *pExport)
+{
+    Transcoder *pCoder = &pExport->transcoder;
+    AVPacket *pPacket = pExport->pPacket;
+    int nResult = avcodec_receive_packet(pCoder->pEncoder, pPacket);
+    for (; nResult == 0; nResult = avcodec_receive_packet(pCoder->pEncoder, pPacket)) {
+        pPacket->stream_index = pExport->pAudio->index;
+        av_packet_rescale_ts(pPacket, pCoder->pEncoder->time_base, pExport->pAudio->time_base);
+        if (av_interleaved_write_frame(pExport->pFormat, pPacket) < 0)
+            return 0;
+    }
+    return nResult == AVERROR(EAGAIN) || nResult == AVERROR_EOF;
+}
+
+static void FillFrame(AVFrame *pFrame, const float *pSamples, size_t nSamples)
+{
+    auto *pPcm = reinterpret_cast<int16_t *>(pFrame->data[0]);
+    if (pFrame->format == AV_SAMPLE_FMT_FLTP)
+        memcpy(pFrame->data[0], pSamples, nSamples * sizeof(float));
+    else
+        for (size_t i = 0; i < nSamples; i++)
+            pPcm[i] =
+                static_cast<int16_t>(std::lrint(std::clamp(pSamples[i] * 32768.0F, -32768.0F, 32767.0F)));
+}
+
+// Hands full frames to the encoder, at the end (bAll) also what is left.
+static int Encode(Export *pExport, int bAll)
+{
+    Transcoder *pCoder = &pExport->transcoder;
+    auto nFrame =
+        static_cast<size_t>(pCoder->pEncoder->frame_size > 0 ? pCoder->pEncoder->frame_size : kPcmFrame);
+    while (pCoder->waiting.size() >= nFrame || (bAll && !pCoder->waiting.empty())) {
+        size_t nTake = std::min(nFrame, pCoder->waiting.size());
+        AVFrame *pFrame = pCoder->pFrame;
+        av_frame_unref(pFrame);
+        pFrame->nb_samples = static_cast<int>(nTake);
+        pFrame->format = pCoder->pEncoder->sample_fmt;
+        pFrame->sample_rate = pCoder->pEncoder->sample_rate;
+        av_channel_layout_default(&pFrame->ch_layout, 1);
+        if (av_frame_get_buffer(pFrame, 0) < 0)
+            return 0;
+        FillFrame(pFrame, pCoder->waiting.data(), nTake);
+        pFrame->pts = pCoder->nSamples - static_cast<int64_t>(pCoder->waiting.size()) +
+                      pExport->nAudioStart * pFrame->sample_rate / 1000;
+        pCoder->waiting.erase(pCoder->waiting.begin(), pCoder->waiting.begin() + static_cast<long>(nTake));
+        if (avcodec_send_frame(pCoder->pEncoder, pFrame) < 0 || !WriteEncoded(pExport))
+            return 0;
+    }
+    return 1;
+}
+
+static void TakeDecoded(Transcoder *pCoder)
+{
+    const AVFrame *pFrame = pCoder->pDecoded;
+    for (int i = 0; i < pFrame->nb_samples; i++) {
+        float fValue = 0;
+        if (pFrame->format == AV_SAMPLE_FMT_S16)
+            fValue = static_cast<float>(reinterpret_cast<const int16_t *>(pFrame->data[0])[i]) / 32768.0F;
+        else if (pFrame->format == AV_SAMPLE_FMT_FLT || pFrame->format == AV_SAMPLE_FMT_FLTP)
+            fValue = reinterpret_cast<const float *>(pFrame->data[0])[i];
+        pCoder->waiting.push_back(fValue);
+    }
+    pCoder->nSamples += pFrame->nb_samples;
+}
+
+static int Transcode(Export *pExport, const uint8_t *pData, size_t nBytes, int64_t nAtMs)
+{
+    Transcoder *pCoder = &pExport->transcoder;
+    // Silence where nothing was recorded keeps the sound with the pictures.
+    int64_t nDue = (nAtMs - pExport->nAudioStart) * pCoder->pEncoder->sample_rate / 1000;
+    if (nDue > pCoder->nSamples) {
+        pCoder->waiting.insert(pCoder->waiting.end(), static_cast<size_t>(nDue - pCoder->nSamples), 0.0F);
+        pCoder->nSamples = nDue;
+    }
+    AVPacket *pPacket = pExport->pPacket;
+    if (av_new_packet(pPacket, static_cast<int>(nBytes)) < 0)
+        return 0;
+    memcpy(pPacket->data, pData, nBytes);
+    int bSent = avcodec_send_packet(pCoder->pDecoder, pPacket) == 0;
+    av_packet_unref(pPacket);
+    while (bSent && avcodec_receive_frame(pCoder->pDecoder, pCoder->pDecoded) == 0)
+        TakeDecoded(pCoder);
+    return Encode(pExport, 0);  // speech that cannot be decoded is left out
+}
+
+// A block of audio in pieces of at most 20 ms.
+static int WriteAudio(Export *pExport, const Sample &sample)
+{
+    AudioCodec nCodec = pExport->pRecording->nAudio;
+    int bAmr = nCodec == AUDIO_AMR_NB || nCodec == AUDIO_AMR_WB;
+    int64_t nAtMs = PlaceAudio(pExport, sample.head.nTimeMs);
+    if (!pExport->pAudio)
+        return 1;
+    for (uint32_t nPos = 0; nPos < sample.nBytes;) {
+        uint32_t nLeft = sample.nBytes - nPos;
+        uint32_t nPart = std::min<uint32_t>(kG711PacketBytes, nLeft);
+        if (bAmr)
+            nPart = AmrFrameBytes(nCodec == AUDIO_AMR_WB, sample.pData[nPos] >> 3);
+        if (nPart == 0 || nPart > nLeft)
+            return 1;
+        int64_t nMs = bAmr ? kSpeechFrameMs : nPart / 8;
+        int nRate = AudioRate(pExport->pRecording);
+        int bWritten = pExport->bTranscode ? Transcode(pExport, sample.pData + nPos, nPart, nAtMs)
+                                           : WritePacket(pExport, pExport->pAudio, sample.pData + nPos, nPart,
+                                                         AVRational{1, nRate}, nAtMs * nRate / 1000,
+                                                         nAtMs * nRate / 1000, nMs * nRate / 1000, 1);
+        if (!bWritten)
+            return 0;
+        nPos += nPart;
+        nAtMs += nMs;
+        pExport->nAudioNext = nAtMs;
+    }
+    return 1;
+}
+
+static int WriteSamples(Export *pExport)
+{
+    Sample sample;
+    std::string picture;
+    while (RecordingNext(pExport->pRecording, &sample, "exporting")) {
+        int bGood = sample.head.chMedia == 'v'   ? WritePicture(pExport, sample, &picture)
+                    : sample.head.chMedia == 'a' ? WriteAudio(pExport, sample)
+                                                 : 1;
+        if (!bGood)
+            return Refuse(pExport, "write error");
+    }
+    if (!pExport->bTranscode || !pExport->transcoder.pEncoder)
+        return 1;
+    return (Encode(pExport, 1) && avcodec_send_frame(pExport->transcoder.pEncoder, nullptr) == 0 &&
+            WriteEncoded(pExport))
+               ? 1
+               : Refuse(pExport, "the sound cannot be encoded");
+}
+
+static int Run(Export *pExport, const std::string &out)
+{
+    Recording *pRecording = pExport->pRecording;
+    std::string firstPicture;
+    int bAudio = 0;
+    if (!CollectTimes(pExport, &firstPicture, &bAudio))
+        return 0;
+    if (firstPicture.empty() || (pRecording->nVideo != VIDEO_H264 && pRecording->nVideo != VIDEO_JPEG))
+        return Refuse(pExport, "holds no pictures that can be exported");
+    pExport->pPacket = av_packet_alloc();
+    if (!pExport->pPacket ||
+        avformat_alloc_output_context2(&pExport->pFormat, nullptr, nullptr, out.c_str()) < 0)
+        return Refuse(pExport, "the container cannot be made");
+    if (!AddVideo(pExport, firstPicture))
+        return Refuse(pExport, "the size of its pictures is not known");
+    if (bAudio && AudioId(pRecording->nAudio) != AV_CODEC_ID_NONE && !AddAudio(pExport))
+        return Refuse(pExport, "its audio cannot be exported");
+    if (avio_open(&pExport->pFormat->pb, out.c_str(), AVIO_FLAG_WRITE) < 0) {
+        perror(out.c_str());
+        return 0;
+    }
+    int bGood = avformat_write_header(pExport->pFormat, nullptr) >= 0
+                    ? WriteSamples(pExport)
+                    : Refuse(pExport, "the header cannot be made");
+    if (bGood && av_write_trailer(pExport->pFormat) < 0)
+        bGood = Refuse(pExport, "write error");
+    if (avio_closep(&pExport->pFormat->pb) < 0 && bGood)
+        bGood = Refuse(pExport, "write error");
+    if (!bGood)
+        unlink(out.c_str());
+    return bGood;
+}
+
+int ExportContainer(Recording *pRecording, const std::string &out)
+{
+    Export work;
+    work.pRecording = pRecording;
+    av_log_set_level(AV_LOG_WARNING);
+    int bGood = Run(&work, out);
+    avcodec_free_context(&work.transcoder.pDecoder);
+    avcodec_free_context(&work.transcoder.pEncoder);
+    av_frame_free(&work.transcoder.pDecoded);
+    av_frame_free(&work.transcoder.pFrame);
+    av_packet_free(&work.pPacket);
+    avformat_free_context(work.pFormat);
+    return bGood;
+}
+
+}  // namespace orx

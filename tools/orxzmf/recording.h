@@ -1,0 +1,48 @@
+// One recording as the tool sees it: opened, its samples read one by one, progress on standard error.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "record/sdpscan.h"
+#include "record/zmfreader.h"
+
+namespace orx {
+
+enum VideoCodec { VIDEO_NONE, VIDEO_H264, VIDEO_JPEG, VIDEO_OTHER };
+enum AudioCodec { AUDIO_NONE, AUDIO_PCMU, AUDIO_PCMA, AUDIO_AMR_NB, AUDIO_AMR_WB, AUDIO_OTHER };
+
+struct Sample {
+    ZMFRecordHead head;
+    uint64_t nPos = 0;               // of the record in the file
+    const uint8_t *pData = nullptr;  // without the record's head; valid until the next one is read
+    uint32_t nBytes = 0;
+};
+
+struct Recording {
+    std::string path;
+    ZMFReader *pReader = nullptr;
+    SdpCodecs codecs;
+    VideoCodec nVideo = VIDEO_NONE;
+    AudioCodec nAudio = AUDIO_NONE;
+    uint64_t nPos = 0;       // of the next record
+    int nEnd = 0;            // after the last sample: 0 the file ends with it, -1 something follows
+    int64_t nNextShown = 0;  // monotonic ms at which progress is shown next, 0 before the first sample
+    int bShown = 0;
+};
+
+// Opens a recording and readies it for its first sample. Returns 1, or 0 with the reason on standard error.
+int RecordingOpen(Recording *pRecording, const std::string &path);
+void RecordingClose(Recording *pRecording);
+
+// Returns 1 with the next sample, or 0 at the end. Long work shows how far it is, with szWork in front.
+int RecordingNext(Recording *pRecording, Sample *pOut, const char *szWork);
+// Back to the first sample.
+int RecordingRewind(Recording *pRecording);
+
+inline int IsKeyFrame(const ZMFRecordHead &head)
+{
+    return head.chMedia == 'v' && (head.nFlags & ZMF_KEY);
+}
+
+}  // namespace orx

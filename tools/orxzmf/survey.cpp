@@ -1,0 +1,195 @@
+#include "survey.h"
+
+#include <cinttypes>
+#include <cstdarg>
+#include <cstdio>
+
+#include "base/bytes.h"
+#include "record/depacketise.h"
+#include "record/jpegparts.h"
+
+namespace orx {
+
+constexpr size_t kMaxFaults = 20;  // enough to see what happened
+constexpr uint8_t NAL_SPS = 7;
+
+namespace {
+
+// What is compared while the samples pass.
+struct Check {
+    Recording *pRecording;
+    Survey *pSurvey;
+    uint32_t nNextEntry = 0;  // of the index
+    uint32_t nLastVideoMs = 0;
+};
+
+}  // namespace
+
+__attribute__((format(printf, 2, 3))) static void Fault(Survey *pSurvey, const char *szFormat, ...)
+{
+    if (pSurvey->faults.size() >= kMaxFaults)
+        return;
+    char szText[200];
+    va_list args;
+    va_start(args, szFormat);
+    vsnprintf(szText, sizeof(szText), szFormat, args);  // NOLINT(clang-analyzer-valist.Uninitialized)
+    va_end(args);
+    pSurvey->faults.push_back(szText);
+}
+
+static int IsH264Whole(const Sample &sample)
+{
+    ByteReader in{sample.pData, sample.nBytes};
+    while (in.nLeft > 0) {
+        uint32_t nUnit = ReadBe(&in, 2);
+        if (nUnit < 3 || !ReadBytes(&in, nUnit - 2))
+            return 0;
+    }
+    return sample.nBytes > 0;
+}
+
+static int IsJpegWhole(const Sample &sample)
+{
+    if (sample.nBytes >= 2 && GetBe(sample.pData, 2) == 0xFFD8)
+        return 1;
+    JpegFragments in{sample.pData, sample.nBytes};
+    JpegFragment fragment;
+    while (in.nLeft > 0)
+        if (!JpegNextFragment(&in, &fragment))
+            return 0;
+    return sample.nBytes > 0;
+}
+
+static int IsAmrWhole(const Sample &sample, int bWideband)
+{
+    ByteReader in{sample.pData, sample.nBytes};
+    while (in.nLeft > 0) {
+        uint32_t nFrame = AmrFrameBytes(bWideband, in.p[0] >> 3);
+        if (nFrame == 0 || !ReadBytes(&in, nFrame))
+            return 0;
+    }
+    return 1;
+}
+
+static void CheckVideo(Check *pCheck, const Sample &sample)
+{
+    Survey *pSurvey = pCheck->pSurvey;
+    VideoCodec nCodec = pCheck->pRecording->nVideo;
+    if (pSurvey->nVideo == 1 && !IsKeyFrame(sample.head))
+        Fault(pSurvey, "the first picture is no key frame");
+    if (pSurvey->nVideo > 1 && sample.head.nTimeMs < pCheck->nLastVideoMs && nCodec == VIDEO_JPEG)
+        Fault(pSurvey, "picture at byte %" PRIu64 ": time runs back from %u to %u ms", sample.nPos,
+              pCheck->nLastVideoMs, sample.head.nTimeMs);
+    pCheck->nLastVideoMs = sample.head.nTimeMs;
+    int bWhole = nCodec == VIDEO_H264 ? IsH264Whole(sample) : nCodec == VIDEO_JPEG ? IsJpegWhole(sample) : 1;
+    if (!bWhole)
+        Fault(pSurvey, "picture at byte %" PRIu64 " (%u ms): its parts do not fill it", sample.nPos,
+              sample.head.nTimeMs);
+    else if (nCodec == VIDEO_H264 && ((sample.pData[2] & 0x1F) == NAL_SPS) != IsKeyFrame(sample.head))
+        Fault(pSurvey, "picture at byte %" PRIu64 " (%u ms): wrong key-frame flag", sample.nPos,
+              sample.head.nTimeMs);
+}
+
+// Every entry names a key frame and its time, in the order of the file.
+static void CheckIndex(Check *pCheck, const Sample &sample)
+{
+    const ZMFReader *pReader = pCheck->pRecording->pReader;
+    while (pCheck->nNextEntry < pReader->nIndex) {
+        const ZMFIndexEntry &entry = pReader->pIndex[pCheck->nNextEntry];
+        if (entry.nPos > sample.nPos)
+            return;
+        if (entry.nPos != sample.nPos || !IsKeyFrame(sample.head) || entry.nTimeMs != sample.head.nTimeMs)
+            Fault(pCheck->pSurvey, "index entry %u names no key frame at %u ms", pCheck->nNextEntry,
+                  entry.nTimeMs);
+        pCheck->nNextEntry++;
+    }
+}
+
+static void CountSample(Check *pCheck, const Sample &sample)
+{
+    Survey *pSurvey = pCheck->pSurvey;
+    if (sample.head.nTimeMs > pSurvey->nLastTimeMs)
+        pSurvey->nLastTimeMs = sample.head.nTimeMs;
+    switch (sample.head.chMedia) {
+        case 'v':
+            pSurvey->nVideo++;
+            pSurvey->nKeys += IsKeyFrame(sample.head) ? 1 : 0;
+            pSurvey->nVideoBytes += sample.nBytes;
+            if (sample.nBytes > pSurvey->nLargest)
+                pSurvey->nLargest = sample.nBytes;
+            CheckVideo(pCheck, sample);
+            break;
+        case 'a': {
+            AudioCodec nCodec = pCheck->pRecording->nAudio;
+            pSurvey->nAudio++;
+            pSurvey->nAudioBytes += sample.nBytes;
+            if ((nCodec == AUDIO_AMR_NB || nCodec == AUDIO_AMR_WB) &&
+                !IsAmrWhole(sample, nCodec == AUDIO_AMR_WB))
+                Fault(pSurvey, "audio at byte %" PRIu64 " (%u ms): broken AMR frames", sample.nPos,
+                      sample.head.nTimeMs);
+            break;
+        }
+        case 't':
+            pSurvey->nText++;
+            break;
+        case 'u':
+            pSurvey->nUser++;
+            break;
+        default:
+            pSurvey->nOther++;
+            Fault(pSurvey, "record at byte %" PRIu64 ": unknown kind 0x%02x", sample.nPos,
+                  static_cast<unsigned>(static_cast<uint8_t>(sample.head.chMedia)));
+    }
+}
+
+static void CompareCount(Survey *pSurvey, const char *szWhat, uint32_t nHeader, uint32_t nCounted)
+{
+    if (nHeader != nCounted)
+        Fault(pSurvey, "the header says %u %s, there are %u", nHeader, szWhat, nCounted);
+}
+
+static void CheckHeader(Check *pCheck)
+{
+    const ZMFReader *pReader = pCheck->pRecording->pReader;
+    const ZMFileHeader *pHead = &pReader->head;
+    Survey *pSurvey = pCheck->pSurvey;
+    if (pHead->nVersion != kZmfVersion)
+        pSurvey->notes.push_back("version " + std::to_string(pHead->nVersion) + ", not " +
+                                 std::to_string(kZmfVersion));
+    if (pHead->nIdxSize > 0 && pCheck->nNextEntry < pReader->nIndex && pSurvey->nVideo > 0)
+        Fault(pSurvey, "index entry %u points behind the last record", pCheck->nNextEntry);
+    if (pReader->bInterrupted) {
+        if (pSurvey->nVideo + pSurvey->nAudio + pSurvey->nUser + pSurvey->nText > 0)
+            pSurvey->notes.push_back("interrupted: it was never closed; duration and counts are those found");
+        if (pSurvey->nTail > 0)
+            pSurvey->notes.push_back(std::to_string(pSurvey->nTail) +
+                                     " bytes of an unfinished record at the end");
+        return;
+    }
+    if (pSurvey->nTail > 0)
+        Fault(pSurvey, "%" PRIu64 " bytes at the end are no whole record", pSurvey->nTail);
+    CompareCount(pSurvey, "pictures", pHead->uVideoSamples, pSurvey->nVideo);
+    CompareCount(pSurvey, "key frames", pHead->uKeyFrames, pSurvey->nKeys);
+    CompareCount(pSurvey, "texts", pHead->uTextSamples, pSurvey->nText);
+    CompareCount(pSurvey, "messages", pHead->uUserSamples, pSurvey->nUser);
+    if (pHead->uDuration < pSurvey->nLastTimeMs)
+        Fault(pSurvey, "the header says %u ms, the last sample is at %u ms", pHead->uDuration,
+              pSurvey->nLastTimeMs);
+}
+
+void SurveyRecording(Recording *pRecording, Survey *pOut)
+{
+    Check check{pRecording, pOut};
+    Sample sample;
+    while (RecordingNext(pRecording, &sample, "reading")) {
+        CountSample(&check, sample);
+        CheckIndex(&check, sample);
+    }
+    uint64_t nFile = pRecording->pReader->nFileBytes;
+    pOut->nTail = nFile > pRecording->nPos ? nFile - pRecording->nPos : 0;
+    if (nFile < pRecording->nPos)
+        Fault(pOut, "the file ends before its first record");
+    CheckHeader(&check);
+}
+
+}  // namespace orx
