@@ -1,0 +1,145 @@
+"""Pictures with sound: both arrive as they were pushed, on one time line."""
+
+import os
+import subprocess
+import unittest
+
+from case import InteropCase
+from clients import FFMPEG, FFMPEG_REMARKS, Child, FfmpegPusher, Gst, GstPusher, Mpv, OrxPusher
+from orxserver import LONG
+
+SECONDS = 60 if LONG else 5
+MAX_SKEW = 0.1  # seconds by which sound and pictures may be apart from how they were pushed
+
+
+class CopyPlayer(Child):
+    """Copies the packets into a file, as a recorder does."""
+
+    # As in mpv, the first picture has no time, whoever sends the stream.
+    ignored = FFMPEG_REMARKS + ("Timestamps are unset in a packet for stream 0",)
+
+    def __init__(self, folder, url, transport, seconds):
+        self.copy = os.path.join(folder, "copy-%s.mkv" % transport)
+        super().__init__("copy-" + transport, folder, FFMPEG + [
+            "-rtsp_transport", transport, "-i", url, "-map", "0:v", "-map", "0:a", "-t", str(seconds), "-c", "copy",
+            self.copy])
+
+
+class MpvListener(Mpv):
+    """Plays both to where nobody sees or hears it."""
+
+    def __init__(self, folder, url, seconds):
+        super().__init__("mpv-sound", folder, url, ["--length=%d" % seconds, "--vo=null", "--ao=null"], pictures=False)
+
+
+class GstListener(Gst):
+    """Decodes both and keeps the samples."""
+
+    ignored = Gst.ignored + ("can't find exact taps",)  # of its resampler
+
+    def __init__(self, folder, url, transport):
+        self.copy = os.path.join(folder, "gst-%s.sound" % transport)
+        super().__init__("gst-sound-" + transport, folder, [
+            "playbin", "uri=" + url.replace("rtsp", self.schemes[transport], 1), "video-sink=fakesink",
+            "audio-sink=filesink buffer-mode=unbuffered location=" + self.copy])
+
+
+def packets(path):
+    """Its packets of either kind, "video" and "audio": (time in seconds, digest)."""
+    text = subprocess.run(["ffprobe", "-loglevel", "error", "-show_data_hash", "MD5", "-show_entries",
+                           "packet=codec_type,dts_time,data_hash", "-of", "csv=print_section=0", path],
+                          check=True, stdout=subprocess.PIPE).stdout.decode()
+    found = {"video": [], "audio": []}
+    for line in text.split():
+        kind, time, digest = line.split(",")[:3]
+        found[kind].append((float(time), digest))
+    return found
+
+
+def sound(source, *how):
+    """The bytes of its sound: as they were sent, without any frames around them; or converted.
+    source: how ffmpeg is to read it."""
+    return subprocess.run(FFMPEG + [*source[:-1], "-i", source[-1], "-map", "0:a", *(how or ("-c", "copy", "-f", "data")), "pipe:1"],
+                          check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
+
+
+def offset(pushed, played):
+    """How much later packets have their time in what was played, seconds; None when none is in both."""
+    times = {digest: time for time, digest in pushed}
+    offsets = sorted(time - times[digest] for time, digest in played if digest in times)
+    return offsets[len(offsets) // 2] if offsets else None
+
+
+class Audio(InteropCase):
+    def check(self, make, rate, lossless, reports, in_frames=False, **options):
+        """lossless: samples compare after decoding; reports: the server sends its own; in_frames: packets keep
+        their borders on the way."""
+        self.start(SERVER={"EnableRtcp": reports})
+        pusher = self.add(make(self.dir, self.server.url(), **options))
+        self.wait_program()
+        url = self.server.url()
+        copies = [self.add(CopyPlayer(self.dir, url, t, SECONDS)) for t in ("tcp", "udp", "http")]
+        gst = [self.add(GstListener(self.dir, url, t)) for t in ("tcp", "udp")]
+        mpv = self.add(MpvListener(self.dir, url, SECONDS))
+        for player in copies + [mpv]:
+            self.assertEqual(0, player.wait(SECONDS + 40), player.name)
+        for player in gst:
+            self.assertEqual(0, player.stop(), player.name)
+        self.assert_only(1)
+        self.assertEqual(pusher.interrupted, pusher.stop())
+        self.assert_empty()
+        pushed_sound = sound(pusher.sound_copy())
+        for player in copies:
+            with self.subTest(player.name):
+                self.check_sound(sound([player.copy]), pushed_sound, rate)
+                self.check_times(packets(player.copy), packets(pusher.copy) if in_frames else None)
+        samples = sound(pusher.sound_copy(), "-f", "s16le") if lossless else None
+        for player in gst:
+            with self.subTest(player.name), open(player.copy, "rb") as f:
+                self.check_sound(f.read(), samples, rate)
+        for client in copies + gst + [mpv, pusher]:
+            with self.subTest(client.name):
+                self.assertEqual([], client.complaints())
+
+    def check_sound(self, played, pushed, rate):
+        self.assertGreater(len(played), SECONDS * rate // 10)
+        if pushed:
+            self.assertTrue(played in pushed, "%d bytes differ from what was pushed" % len(played))
+
+    def check_times(self, played, pushed):
+        for kind in ("video", "audio"):
+            times = [time for time, _ in played[kind]]
+            self.assertEqual([], [(a, b) for a, b in zip(times, times[1:]) if b <= a], kind + " does not move on")
+            self.assertAlmostEqual(SECONDS, times[-1] - times[0], delta=0.5)
+        if pushed:
+            video = offset(pushed["video"], played["video"])
+            audio = offset(pushed["audio"], played["audio"])
+            self.assertIsNotNone(video)
+            self.assertAlmostEqual(video, audio, delta=MAX_SKEW)
+
+    def check_ffmpeg(self, codec, rate, channels, lossless, reports):
+        self.check(FfmpegPusher, rate, lossless, reports, in_frames=not lossless, options=(
+            "-tune", "zerolatency", "-c:a", codec, "-ac", str(channels)), sound=(
+                "-f", "lavfi", "-i", "anoisesrc=sample_rate=%d" % rate))
+
+    def test_ffmpeg_aac_44100(self):
+        self.check_ffmpeg("aac", 44100, 2, False, 1)
+
+    def test_ffmpeg_aac_48000(self):
+        self.check_ffmpeg("aac", 48000, 1, False, 0)
+
+    def test_ffmpeg_alaw_16000(self):
+        self.check_ffmpeg("pcm_alaw", 16000, 1, True, 0)
+
+    def test_ffmpeg_mulaw_stereo(self):
+        self.check_ffmpeg("pcm_mulaw", 8000, 2, True, 1)
+
+    def test_gstreamer_alaw(self):
+        self.check(GstPusher, 8000, True, 1, sound=True)
+
+    def test_orxpush_alaw(self):
+        self.check(OrxPusher, 8000, True, 0, seconds=SECONDS + 20, sound=True)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,262 @@
+"""Real clients as child processes: pushers that keep a copy of what they push, and players that hand over
+every picture that they decode."""
+
+import hashlib
+import os
+import re
+import signal
+import subprocess
+import threading
+
+WIDTH, HEIGHT, FPS, GOP = 256, 144, 25, 25
+PICTURE = WIDTH * HEIGHT * 3 // 2  # bytes of a decoded picture, I420
+PUSH_PROGRAM = os.environ.get("ORX_PUSH", "orxpush")
+FFMPEG = ["ffmpeg", "-nostdin", "-hide_banner", "-nostats", "-loglevel", "warning"]
+
+
+class Child:
+    """A client. What it prints goes to a file; where pictures are wanted, its standard output is read."""
+
+    ignored = ()  # patterns of warnings that are no fault of the server's
+
+    def __init__(self, name, folder, argv, pictures=False, env=None):
+        self.name = name
+        self.argv = argv
+        self.log = os.path.join(folder, name + ".log")
+        self.pictures = []  # the digest of each picture, as it was decoded
+        with open(self.log, "ab") as log:
+            self.process = subprocess.Popen(
+                argv, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE if pictures else log, stderr=log,
+                cwd=folder, env=dict(os.environ, **(env or {})))
+        self.reader = threading.Thread(target=self._read, daemon=True) if pictures else None
+        if self.reader:
+            self.reader.start()
+
+    def _read(self):
+        while True:
+            picture = self.process.stdout.read(PICTURE)
+            if len(picture) < PICTURE:
+                return
+            self.pictures.append(hashlib.md5(picture).hexdigest())
+
+    def running(self):
+        return self.process.poll() is None
+
+    def wait(self, seconds):
+        """Its exit status; "still running" (and no longer so) when time is up."""
+        try:
+            status = self.process.wait(seconds)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()
+            status = "still running"
+        if self.reader:
+            self.reader.join()
+            self.process.stdout.close()
+        return status
+
+    def stop(self, seconds=20):
+        """Ends it as a user does, with an interrupt."""
+        if self.running():
+            self.process.send_signal(signal.SIGINT)
+        return self.wait(seconds)
+
+    def kill(self):
+        """Ends it as a crash or a power cut does: it says goodbye to nobody."""
+        if self.running():
+            self.process.kill()
+        return self.wait(20)
+
+    def output(self):
+        with open(self.log, errors="replace") as f:
+            return f.read()
+
+    def complaints(self):
+        """What it printed that should not be there."""
+        return [line for line in self.output().splitlines()
+                if line.strip() and not any(re.search(p, line) for p in self.ignored)]
+
+
+# ffmpeg tries ports for UDP until it finds free ones, and says so.
+FFMPEG_REMARKS = ("bind failed: Address already in use", r"^ *Last message repeated \d+ times$")
+
+
+class FfmpegPlayer(Child):
+    ignored = FFMPEG_REMARKS
+
+    def __init__(self, folder, url, transport, frames=10**6, name="ffmpeg", options=()):
+        super().__init__("%s-%s" % (name, transport), folder, FFMPEG + [
+            "-rtsp_transport", transport, "-i", url, "-map", "0:v", "-fps_mode", "passthrough",
+            "-frames:v", str(frames), *options, "-f", "rawvideo", "-pix_fmt", "yuv420p", "pipe:1"], pictures=True)
+
+
+class Mpv(Child):
+    # Its RTP reader gives the first picture no time, whoever sends the stream; and a busy machine is heard.
+    ignored = ("No video PTS!", "Invalid video timestamp", "Audio device underrun") + FFMPEG_REMARKS
+
+    def __init__(self, name, folder, url, options, pictures):
+        self.messages = os.path.join(folder, name + ".messages")
+        super().__init__(name, folder, ["mpv", "--no-config", "--no-terminal", "--log-file=" + self.messages,
+                                        *options, url], pictures)
+
+    def complaints(self):
+        with open(self.messages, errors="replace") as f:
+            lines = [line.rstrip() for line in f if re.match(r"\[ *[0-9.]+\]\[[wef]\]", line)]
+        return super().complaints() + [line for line in lines if not any(re.search(p, line) for p in self.ignored)]
+
+
+class MpvPlayer(Mpv):
+    def __init__(self, folder, url, transport, frames=10**6, name="mpv"):
+        super().__init__("%s-%s" % (name, transport), folder, url, [
+            "--rtsp-transport=" + transport, "--frames=%d" % frames, "--no-audio", "--o=pipe:1", "--of=rawvideo",
+            "--ovc=rawvideo"], pictures=True)
+
+
+class Gst(Child):
+    # Remarks that come with any live stream: a player's clock estimate yields when the pictures since the last key
+    # picture arrive faster than in real time. And at its end: it waits for the reply
+    # to TEARDOWN for a tenth of a second only, and may stumble over its own last event.
+    ignored = ("decreasing timestamp", "without knowing configured latency", "did not really configure latency",
+               "Timed out waiting for TEARDOWN", "gst_event_set_seqnum: assertion")
+    schemes = {"tcp": "rtspt", "udp": "rtspu", "http": "rtsph"}
+
+    def __init__(self, name, folder, arguments, pictures=False):
+        super().__init__(name, folder, ["gst-launch-1.0", "-q", "-e", *arguments], pictures,
+                         env={"GST_DEBUG": "2", "GST_DEBUG_NO_COLOR": "1"})
+
+    def stop(self, seconds=20):
+        """On an interrupt the pipeline is drained, which now and then never ends; the second one ends the process."""
+        if self.running():
+            self.process.send_signal(signal.SIGINT)
+            try:
+                self.process.wait(4)
+            except subprocess.TimeoutExpired:
+                status = super().stop(seconds)
+                return 0 if status == -signal.SIGINT else status
+        return self.wait(seconds)
+
+
+class GstPlayer(Gst):
+    def __init__(self, folder, url, transport, frames=10**6, name="gst"):
+        location = url.replace("rtsp", self.schemes[transport], 1)
+        super().__init__("%s-%s" % (name, transport), folder, (
+            "rtspsrc location=%s latency=500 ! rtph264depay ! h264parse ! avdec_h264 ! videoconvert ! "
+            "video/x-raw,format=I420 ! identity eos-after=%d ! fdsink fd=1 sync=false"
+            % (location, frames + 8)).split(), pictures=True)
+        self.frames = frames
+
+    def wait(self, seconds):
+        status = super().wait(seconds)
+        del self.pictures[self.frames:]  # what it squeezes out of the decoder at its end is not in order
+        return status
+
+
+# Every player with every transport that it has.
+PLAYERS = [
+    (FfmpegPlayer, "tcp"), (FfmpegPlayer, "udp"), (FfmpegPlayer, "http"),
+    (MpvPlayer, "tcp"), (MpvPlayer, "udp"),
+    (GstPlayer, "tcp"), (GstPlayer, "udp"), (GstPlayer, "http"),
+]
+
+
+class Pusher(Child):
+    copy = None  # the file that holds what was pushed
+    interrupted = 0  # its exit status when it is stopped
+
+    def sound_copy(self):
+        """The sound that was pushed: the arguments with which ffmpeg reads it."""
+        return [self.copy]
+
+    def reference(self):
+        """The pictures of what it pushed, in order, and the numbers of those that are key pictures."""
+        return decode(self.copy)
+
+
+class FfmpegPusher(Pusher):
+    """Encodes a test picture as it goes; by default with everything that the encoder does by itself.
+    sound: the options of a second input and its codec."""
+
+    interrupted = 255
+
+    def __init__(self, folder, url, name="ffmpeg-push", options=(), sound=()):
+        self.copy = os.path.join(folder, name + ".mkv")
+        outputs = "[f=rtsp:rtsp_transport=tcp:onfail=abort]%s|[f=matroska]%s" % (url, self.copy)
+        super().__init__(name, folder, FFMPEG + [
+            "-re", "-f", "lavfi", "-i", "testsrc2=size=%dx%d:rate=%d" % (WIDTH, HEIGHT, FPS), *sound,
+            "-pix_fmt", "yuv420p", "-c:v", "libx264", "-preset", "veryfast", "-g", str(GOP), *options,
+            "-flags", "+global_header", "-map", "0:v", *(("-map", "1:a") if sound else ()), "-f", "tee", outputs])
+
+
+class GstPusher(Gst, Pusher):
+    def __init__(self, folder, url, name="gst-push", sound=False):
+        self.copy = os.path.join(folder, name + ".h264")
+        self.alaw = os.path.join(folder, name + ".alaw")
+        line = ("rtspclientsink name=s protocols=tcp location=%s "
+                "videotestsrc is-live=true pattern=snow ! "
+                "video/x-raw,format=I420,width=%d,height=%d,framerate=%d/1 ! "
+                "x264enc tune=zerolatency speed-preset=ultrafast key-int-max=%d bitrate=1000 ! "
+                "h264parse config-interval=-1 ! tee name=v ! queue ! s. "
+                "v. ! queue ! video/x-h264,stream-format=byte-stream ! filesink buffer-mode=unbuffered location=%s "
+                % (url, WIDTH, HEIGHT, FPS, GOP, self.copy))
+        if sound:
+            line += ("audiotestsrc is-live=true wave=white-noise samplesperbuffer=160 ! "
+                     "audio/x-raw,rate=8000,channels=1 ! alawenc ! tee name=a ! queue ! s. "
+                     "a. ! queue ! filesink buffer-mode=unbuffered location=" + self.alaw)
+        super().__init__(name, folder, line.split())
+
+    def sound_copy(self):
+        return ["-f", "alaw", "-ar", "8000", self.alaw]
+
+
+class OrxPusher(Pusher):
+    ignored = (r"^orxpush: \d+ program.? started$", r"^orxpush: \d+ packets, \d+ bytes sent$")
+
+    def __init__(self, folder, url, name="orxpush", seconds=10, options=(), sound=False):
+        self.copy = os.path.join(folder, name + ".h264")
+        self.alaw = os.path.join(folder, name + ".alaw")
+        encode(self.copy, seconds)
+        if sound:
+            make_noise(self.alaw, seconds)
+            options = (*options, "--audio", self.alaw)
+        super().__init__(name, folder, [
+            PUSH_PROGRAM, "--quiet", "--file", self.copy, "--fps", str(FPS), *options, url])
+
+    sound_copy = GstPusher.sound_copy
+
+
+def make_noise(path, seconds):
+    subprocess.run(FFMPEG + ["-f", "lavfi", "-i", "anoisesrc=sample_rate=8000:duration=%d" % seconds, "-f", "alaw", path],
+                   check=True, stdin=subprocess.DEVNULL)
+
+
+def encode(path, seconds):
+    """Makes a byte stream of so many seconds."""
+    subprocess.run(FFMPEG + [
+        "-y", "-f", "lavfi", "-i", "testsrc2=size=%dx%d:rate=%d:duration=%d" % (WIDTH, HEIGHT, FPS, seconds),
+        "-pix_fmt", "yuv420p", "-c:v", "libx264", "-preset", "ultrafast", "-g", str(GOP), "-bf", "0", "-f", "h264",
+        path], check=True, stdin=subprocess.DEVNULL)
+
+
+def decode(path):
+    raw = subprocess.run(FFMPEG + ["-i", path, "-fps_mode", "passthrough", "-f", "rawvideo", "-pix_fmt", "yuv420p",
+                                   "pipe:1"], check=True, stdout=subprocess.PIPE, stdin=subprocess.DEVNULL).stdout
+    pictures = [hashlib.md5(raw[i:i + PICTURE]).hexdigest() for i in range(0, len(raw) - PICTURE + 1, PICTURE)]
+    shown = subprocess.run(["ffprobe", "-loglevel", "error", "-show_entries", "frame=key_frame", "-of",
+                            "csv=print_section=0", path], check=True, stdout=subprocess.PIPE).stdout.decode()
+    keys = [i for i, line in enumerate(shown.split()) if line.startswith("1")]
+    return pictures, keys
+
+
+def mismatch(got, reference):
+    """Compares a player's pictures with those pushed: from a key picture on, in order, without a hole.
+    Returns None, or what is wrong."""
+    pictures, keys = reference
+    if not got:
+        return "no picture was decoded"
+    if any(pictures[k:k + len(got)] == got for k in keys):
+        return None
+    number = {digest: i for i, digest in enumerate(pictures)}
+    order = [number.get(digest, "?") for digest in got]
+    steps = [(i, a, b) for i, (a, b) in enumerate(zip(order, order[1:])) if a == "?" or b == "?" or b != a + 1]
+    return "%d pictures from number %s on (key pictures: %s...); breaks: %s" % (
+        len(got), order[0], keys[:5], steps[:10])

@@ -1,0 +1,160 @@
+"""The real server in a directory of its own, with its own configuration and ports."""
+
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import time
+
+PROGRAM = os.environ.get("ORX_PROGRAM", "orx")
+LONG = os.environ.get("ORX_LONG", "0") == "1"
+
+# What every test needs; a test's own settings go on top.
+DEFAULTS = {
+    "SERVER": {"ListenIp": "127.0.0.1", "AuthType": "0"},
+    "INTEROP": {"StandardPushers": "1"},
+    "GUARD": {"SurvivePeerFaults": "1", "RunUnprivileged": "1"},
+}
+FAULTS = ("Sanitizer", "runtime error:", "ssertion", "SIGSEGV", "unknown event")
+PAIRS = 40  # UDP port pairs of one server
+
+
+def wait_for(condition, seconds=20.0, step=0.02):
+    """Waits until condition() is true and returns what it gave; its last value when time is up."""
+    end = time.monotonic() + seconds
+    while True:
+        value = condition()
+        if value or time.monotonic() > end:
+            return value
+        time.sleep(step)
+
+
+def free_tcp_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+def udp_range():
+    """Media ports below the range that the kernel hands out, apart from those of tests that run beside."""
+    return 10000 + os.getpid() % 250 * 2 * PAIRS
+
+
+class Stat:
+    """What the console's "stat" tells."""
+
+    def __init__(self, text):
+        head = re.search(r"TaskNum=(\d+), Lives=(\d+), Clients=(\d+), Monitors=(\d+)\.", text)
+        self.tasks, self.lives, self.clients, self.monitors = map(int, head.groups())
+        self.sessions = re.findall(r"^\d+: (.*)\t(.*)\t(.*)\t([01])\r?$", text, re.M)
+        self.pushers = sum(s[3] == "1" for s in self.sessions)
+
+    def __repr__(self):
+        return "tasks=%d lives=%d clients=%d monitors=%d %r" % (
+            self.tasks, self.lives, self.clients, self.monitors, self.sessions)
+
+
+class Server:
+    def __init__(self):
+        self.dir = tempfile.mkdtemp(prefix="orx-interop-")
+        self.log = os.path.join(self.dir, "server.log")
+        self.settings = {name: dict(keys) for name, keys in DEFAULTS.items()}
+        start = udp_range()
+        self.set("SERVER", UdpStartPort=start, UdpEndPort=start + 2 * PAIRS)
+        self.process = None
+        self.port = 0
+
+    def set(self, section, **keys):
+        self.settings.setdefault(section, {}).update({k: str(v) for k, v in keys.items()})
+
+    def _spawn(self):
+        self.port = free_tcp_port()
+        self.set("SERVER", ListenPort=self.port)
+        config = os.path.join(self.dir, "orx.cfg")
+        with open(config, "w") as f:
+            for name, keys in self.settings.items():
+                f.write("[%s]\n%s\n" % (name, "\n".join("%s=%s" % item for item in keys.items())))
+        with open(self.log, "w") as out:
+            self.process = subprocess.Popen(
+                [PROGRAM, "-c", config], stdin=subprocess.PIPE, stdout=out, stderr=subprocess.STDOUT, cwd=self.dir)
+
+    def start(self):
+        for _ in range(5):  # the port was free a moment ago; somebody else may have been faster
+            self._spawn()
+            if not wait_for(lambda: "Enter command:" in self.output() or self.process.poll() is not None):
+                break
+            if "Listen error" not in self.output() and self.process.poll() is None:
+                return self
+            self.kill()
+        raise AssertionError("the server does not start:\n" + self.output())
+
+    def output(self):
+        with open(self.log, errors="replace", newline="") as f:
+            return f.read()
+
+    def url(self, name="live/cam", scheme="rtsp", credentials=""):
+        return "%s://%s127.0.0.1:%d/%s" % (scheme, credentials + "@" if credentials else "", self.port, name)
+
+    def stat(self):
+        """Asks the console. What was printed before does not count."""
+        before = self.output().count("TaskNum=")
+        self.process.stdin.write(b"stat\n")
+        self.process.stdin.flush()
+
+        def answer():
+            parts = self.output().split("TaskNum=")
+            if len(parts) <= before + 1:
+                return None
+            text = "TaskNum=" + parts[before + 1]
+            head = re.search(r"Lives=(\d+), Clients=(\d+), Monitors=\d+\.\r?\n", text)
+            if not head:
+                return None
+            stat = Stat(text)
+            return stat if len(stat.sessions) >= stat.lives + stat.clients else None
+
+        stat = wait_for(answer, 10)
+        if not stat:
+            raise AssertionError("no answer to stat:\n" + self.output()[-2000:])
+        return stat
+
+    def wait_stat(self, condition, seconds=20.0):
+        """Asks until condition(stat) holds; the last answer."""
+        end = time.monotonic() + seconds
+        while True:
+            stat = self.stat()
+            if condition(stat) or time.monotonic() > end:
+                return stat
+            time.sleep(0.1)
+
+    def descriptors(self):
+        return sorted(os.readlink(entry.path) for entry in os.scandir("/proc/%d/fd" % self.process.pid))
+
+    def quit(self):
+        """Ends it as a user does; its exit status."""
+        if not self.process:
+            return 0
+        try:
+            self.process.stdin.write(b"quit\n")
+            self.process.stdin.close()
+        except BrokenPipeError:
+            pass
+        try:
+            return self.process.wait(20)
+        except subprocess.TimeoutExpired:
+            self.kill()
+            return "does not end"
+
+    def kill(self):
+        if self.process and self.process.poll() is None:
+            self.process.send_signal(signal.SIGKILL)
+            self.process.wait()
+
+    def faults(self):
+        """Lines of its output that tell of a fault of its own."""
+        return [line for line in self.output().splitlines() if any(word in line for word in FAULTS)]
+
+    def remove(self):
+        shutil.rmtree(self.dir, ignore_errors=True)
