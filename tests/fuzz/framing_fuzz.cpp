@@ -1,0 +1,202 @@
+// What peers send on an RTSP connection, arriving in any pieces: a server inside the fuzzer takes it, with a
+// program that is played. Whatever comes, the server goes on and keeps nothing of connections that are gone.
+//
+// An input is a line that says who sends and where the rest is cut, then the bytes that are sent:
+//   "f 10 3\n"   a new connection; pieces of 10 and 3 bytes, then the rest
+//   "p", "P"     the pusher of a program with a player ("P": standard pushers are understood)
+//   "v"          a player of that program
+//   "t"          the POST half of a tunnel that is paired: base64 text
+//   "T"          the same, with every second piece on the GET half as it is
+//   "g"          a new connection, while a GET half with the cookie "c" waits
+//   "h"          a connection handed over with the first piece, while such a GET half waits
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/assertion.h"
+#include "server/dispatch.h"
+#include "server/events.h"
+#include "server/program.h"
+#include "support/testserver.h"
+
+using namespace orx;
+
+static const char g_sdp[] =
+    "v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:trackID=0\r\n"
+    "m=audio 0 RTP/AVP 8\r\na=rtpmap:8 PCMA/8000/1\r\na=control:trackID=1\r\n"
+    "m=data 0 RTP/AVP 98\r\na=rtpmap:98 event/1000\r\na=control:trackID=2\r\n";
+
+// One connection as the server has it.
+struct Connection {
+    TcpPair pair;
+    uint32_t nGeneration = 0;
+    Connection()
+    {
+        Port *pPort = CreateTcpPort(pair.fdServer);
+        ORX_ASSERT(pPort && CreateSession(pPort), "a connection can be made");
+        nGeneration = pPort->nGeneration;
+    }
+    // One that comes with its first bytes.
+    Connection(const char *pData, size_t nBytes)
+    {
+        RtspSessionCreate(pair.fdServer, pData, nBytes);
+        Port *pPort = FindPort(pair.fdServer);
+        nGeneration = pPort ? pPort->nGeneration : 0;
+    }
+    Port *FindLive() const { return FindPortAlive(pair.fdServer, nGeneration); }
+    // Lets the server read some bytes. Returns 0 once it has closed the connection.
+    int Send(const char *pData, size_t nBytes)
+    {
+        while (nBytes > 0 && FindLive()) {
+            ssize_t n = send(pair.fdPeer, pData, nBytes, MSG_NOSIGNAL | MSG_DONTWAIT);
+            if (n <= 0)
+                return 0;
+            OnRead(pair.fdServer);
+            pData += n;
+            nBytes -= static_cast<size_t>(n);
+            char reply[16384];
+            while (recv(pair.fdPeer, reply, sizeof(reply), MSG_DONTWAIT) > 0)
+                continue;
+        }
+        return FindLive() != nullptr;
+    }
+    int Send(const std::string &text) { return Send(text.data(), text.size()); }
+};
+
+static std::string MakeRequest(const char *szMethod, int nCSeq, const char *szHeaders,
+                               const std::string &body = "")
+{
+    return std::string(szMethod) + " rtsp://h/cam/trackID=" + std::to_string(nCSeq % 10) +
+           " RTSP/1.0\r\nCSeq: " + std::to_string(nCSeq) + "\r\n" + szHeaders +
+           (body.empty() ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n") + "\r\n" + body;
+}
+
+static void StartPusher(Connection *pPusher)
+{
+    std::string path = "ANNOUNCE rtsp://h/cam RTSP/1.0\r\nCSeq: 1\r\nContent-Type: application/sdp\r\n";
+    std::string sdp = g_sdp;
+    ORX_ASSERT(pPusher->Send(path + "Content-Length: " + std::to_string(sdp.size()) + "\r\n\r\n" + sdp),
+               "announced");
+    for (int i = 0; i < 3; i++)
+        pPusher->Send(MakeRequest("SETUP", 10 + i, "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n"));
+    ORX_ASSERT(pPusher->Send(MakeRequest("PLAY", 20, "")), "pushing");
+}
+
+static void StartPlayer(Connection *pPlayer)
+{
+    pPlayer->Send("DESCRIBE rtsp://h/cam RTSP/1.0\r\nCSeq: 1\r\n\r\n");
+    for (int i = 0; i < 2; i++)
+        pPlayer->Send(MakeRequest("SETUP", 10 + i, "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n"));
+    ORX_ASSERT(pPlayer->Send(MakeRequest("PLAY", 20, "")), "playing");
+}
+
+static void StartTunnel(Connection *pGet, Connection *pPost)
+{
+    pGet->Send("GET /cam HTTP/1.0\r\nx-sessioncookie: c\r\n\r\n");
+    if (pPost)
+        ORX_ASSERT(pPost->Send("POST /cam HTTP/1.0\r\nx-sessioncookie: C\r\nContent-Type: "
+                               "application/x-rtsp-tunnelled\r\nContent-Length: 32767\r\n\r\n"),
+                   "paired");
+}
+
+struct Plan {
+    char cWho = 'f';
+    std::vector<size_t> pieces;
+    const char *pData;
+    size_t nData;
+};
+
+static Plan ReadPlan(const char *pInput, size_t nBytes)
+{
+    auto *pEnd = static_cast<const char *>(memchr(pInput, '\n', nBytes));
+    if (!pEnd)
+        return {'f', {}, pInput, nBytes};
+    std::string line(pInput, pEnd);
+    Plan plan{line.empty() ? 'f' : line[0], {}, pEnd + 1, nBytes - static_cast<size_t>(pEnd + 1 - pInput)};
+    char *p = line.data() + !line.empty();
+    for (char *pNext; plan.pieces.size() < 64; p = pNext) {
+        size_t nPiece = strtoul(p, &pNext, 10);
+        if (pNext == p)
+            break;
+        plan.pieces.push_back(nPiece);
+    }
+    return plan;
+}
+
+// The next piece is taken off the plan.
+static std::string TakePiece(Plan *pPlan, size_t nPiece)
+{
+    nPiece = nPiece < pPlan->nData ? nPiece : pPlan->nData;
+    std::string piece(pPlan->pData, nPiece);
+    pPlan->pData += nPiece;
+    pPlan->nData -= nPiece;
+    return piece;
+}
+
+// Who sends, and who gets every second piece instead.
+struct Cast {
+    Connection pusher;
+    std::unique_ptr<Connection> player, get, subject;
+    Connection *pSender = nullptr;
+    Connection *pSecond = nullptr;
+};
+
+static void SetUp(Cast *pCast, Plan *pPlan)
+{
+    char c = pPlan->cWho;
+    g_server.bStandardPushers = c == 'P';
+    StartPusher(&pCast->pusher);
+    if (c == 'p' || c == 'P' || c == 'v') {
+        pCast->player = std::make_unique<Connection>();
+        StartPlayer(pCast->player.get());
+        pCast->pSender = c == 'v' ? pCast->player.get() : &pCast->pusher;
+        return;
+    }
+    if (c != 'h')
+        pCast->subject = std::make_unique<Connection>();
+    if (c == 't' || c == 'T' || c == 'g' || c == 'h') {
+        pCast->get = std::make_unique<Connection>();
+        StartTunnel(pCast->get.get(), c == 't' || c == 'T' ? pCast->subject.get() : nullptr);
+        pCast->pSecond = c == 'T' ? pCast->get.get() : nullptr;
+    }
+    if (c == 'h') {
+        size_t nFirst = pPlan->pieces.empty() ? pPlan->nData : pPlan->pieces[0];
+        std::string piece = TakePiece(pPlan, nFirst);
+        pCast->subject = std::make_unique<Connection>(piece.data(), piece.size());
+    }
+    pCast->pSender = pCast->subject.get();
+}
+
+static void Play(Plan plan)
+{
+    Cast cast;
+    SetUp(&cast, &plan);
+    plan.pieces.push_back(plan.nData);
+    for (size_t i = 0; i < plan.pieces.size(); i++) {
+        Connection *pTo = cast.pSecond && i % 2 ? cast.pSecond : cast.pSender;
+        if (!pTo->Send(TakePiece(&plan, plan.pieces[i])) && !cast.pSecond)
+            break;
+    }
+    // what came behind the header of a POST is otherwise looked at a moment later
+    Port *pPort = cast.pSender->FindLive();
+    Session *pSession = pPort ? FindSession(pPort->fd) : nullptr;
+    if (pSession)
+        HandleInput(pSession, pPort);
+
+    while (auto *p = ListFirstOf<Session>(&g_server.sessions))
+        SessionFree(p);
+    ORX_ASSERT(ListCount(&g_server.programs) == 0, "programs go with their sessions");
+    ORX_ASSERT(!g_server.portMap.root, "ports go with their sessions");
+    ORX_ASSERT(!g_server.sessionMap.root, "no descriptor is left in the session map");
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
+{
+    static TestServer server("LiveTime=1\nEnableRtcp=1\nEnableLowEnergy=1\nConnectLimit=1000\n");
+    ORX_ASSERT(server.bRunning, "the server runs");
+    Plan plan = ReadPlan(reinterpret_cast<const char *>(pData), nBytes);
+    server.Run([&] { Play(plan); });
+    return 0;
+}

@@ -1,0 +1,57 @@
+// The packetisers: an input's first byte chooses one, the rest is a sample of a recording.
+#include "record/rtphelp.h"
+
+#include <algorithm>
+#include <memory>
+
+#include "base/assertion.h"
+#include "base/bytes.h"
+#include "base/console.h"
+#include "base/mediatype.h"
+
+using namespace orx;
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    ConsoleSetDaemon(1);
+    AssertSurvivePeerFaults(1);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
+{
+    using PackProc = int (*)(RtpOut *, const uint8_t *, uint32_t, uint32_t, int);
+    static const struct {
+        PackProc pfn;
+        uint32_t nMediaType;
+    } kinds[] = {{Pack2Rtp264Block, MEDIA_H264},   {Pack2RtpJpegBlock, MEDIA_JPEG},
+                 {Pack2RtpAmrBlock, MEDIA_AMR_NB}, {Pack2RtpAmrBlock, MEDIA_AMR_WB},
+                 {Pack2RtpG711Block, MEDIA_G711},  {Pack2RtpUserBlock, MEDIA_DATA}};
+    if (nBytes == 0)
+        return 0;
+    const auto &kind = kinds[pData[0] % std::size(kinds)];
+    std::unique_ptr<uint8_t[]> sample(new uint8_t[nBytes - 1]);
+    std::copy_n(pData + 1, nBytes - 1, sample.get());
+    std::unique_ptr<uint8_t[]> scratch(new uint8_t[kMinScratch]);
+    RtpOut out;
+    out.bInterleaved = pData[0] & 0x80 ? 1 : 0;
+    out.pScratch = scratch.get();
+    out.nScratch = kMinScratch;
+    out.tracks[1].nMediaType = kind.nMediaType;
+    out.tracks[1].nTimeScale = 8000;
+    BlockListInit(&out.Outq, nullptr);
+    int nPackets = kind.pfn(&out, sample.get(), static_cast<uint32_t>(nBytes - 1), 1000, 1);
+    ORX_ASSERT(nPackets >= 0 && (nPackets == 0 || static_cast<unsigned>(nPackets) == ListCount(&out.Outq)),
+               "every packet is counted");
+    uint32_t nAt = out.bInterleaved ? kInterleaveBytes : 0;
+    unsigned nMarkers = 0;
+    for (auto *p = ListFirstOf<DataBlock>(&out.Outq); p; p = reinterpret_cast<DataBlock *>(p->node.pNext)) {
+        ORX_ASSERT(p->len >= nAt + kRtpHeaderBytes && BlockData(p)[nAt] == 0x80, "an RTP packet");
+        ORX_ASSERT(nAt == 0 || GetBe(BlockData(p) + 2, 2) + 4 == p->len, "the prefix names its length");
+        nMarkers += BlockData(p)[nAt + 1] >> 7;
+    }
+    ORX_ASSERT(nPackets == 0 || (pData[0] % std::size(kinds) > 1) || nMarkers == 1,
+               "one marker for a picture");
+    ListEmpty(&out.Outq);
+    return 0;
+}

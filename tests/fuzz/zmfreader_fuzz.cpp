@@ -1,0 +1,96 @@
+// The recording reader: an input is a whole file. It is read to its end, sought in, and stepped through.
+#include "record/zmfreader.h"
+
+#include <sys/mman.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "base/assertion.h"
+#include "base/bytes.h"
+#include "base/console.h"
+#include "support/files.h"
+
+using namespace orx;
+
+// A file in memory, so that nothing is written to disk.
+static const std::string &ScratchFile()
+{
+    static const std::string path = "/proc/self/fd/" + std::to_string(memfd_create("recording", MFD_CLOEXEC));
+    return path;
+}
+
+// Reads a record whole. Its length must be the one it names.
+static void CheckRecord(const uint8_t *pRecord, uint32_t nBytes)
+{
+    ZMFRecordHead head;
+    ZMFRecordHeadDecode(pRecord, &head);
+    ORX_ASSERT(head.nLength == nBytes && nBytes >= kZmfRecordHeadBytes, "its own length");
+    std::unique_ptr<uint8_t[]> copy(new uint8_t[nBytes]);
+    memcpy(copy.get(), pRecord, nBytes);
+}
+
+static uint64_t ReadToEnd(ZMFReader *pReader)
+{
+    uint64_t nTotal = 0;
+    int nBytes = 0;
+    while (const uint8_t *p = ZMFReaderNextSample(pReader, &nBytes)) {
+        CheckRecord(p, static_cast<uint32_t>(nBytes));
+        nTotal += static_cast<uint64_t>(nBytes);
+    }
+    ORX_ASSERT(nBytes == 0 || nBytes == -1, "an end");
+    return nTotal;
+}
+
+static void Seek(ZMFReader *pReader)
+{
+    uint32_t nEnd = ZMFReaderDuration(pReader);
+    for (uint32_t nTimeMs : {0U, 1U, nEnd / 3, nEnd / 2, nEnd - 1, nEnd, UINT32_MAX}) {
+        uint32_t nReached = 0;
+        const uint8_t *p = ZMFReaderSeek(pReader, nTimeMs, &nReached);
+        int nBytes = 0;
+        ORX_ASSERT(!p || GetBe(p + 4, 4) == nReached, "the time reached");
+        const uint8_t *pNext = ZMFReaderNextSample(pReader, &nBytes);
+        ORX_ASSERT(!p || (pNext && GetBe(pNext + 4, 4) == nReached), "it is handed out next");
+    }
+}
+
+static void Step(ZMFReader *pReader)
+{
+    for (int nDirection : {1, -1}) {
+        if (!ZMFReaderSetupKeyFrameMode(pReader, nDirection))
+            return;
+        for (int nStep : {1, 2, -1, 100, 1, -100, -1, 1}) {
+            uint32_t nTimeMs = 0;
+            const uint8_t *p = ZMFReaderSeek2KeyFrame(pReader, nStep, &nTimeMs);
+            ORX_ASSERT(!p || (p[2] == 'v' && (p[3] & ZMF_KEY) && GetBe(p + 4, 4) == nTimeMs), "a key frame");
+        }
+    }
+}
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    ConsoleSetDaemon(1);
+    AssertSurvivePeerFaults(1);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
+{
+    WriteFile(ScratchFile(), std::string(reinterpret_cast<const char *>(pData), nBytes));
+    ZMFReader *pReader = ZMFReaderOpen(ScratchFile().c_str(), 4096);
+    if (!pReader)
+        return 0;
+    ORX_ASSERT(ReadToEnd(pReader) <= nBytes, "no more than the file");
+    Seek(pReader);
+    Step(pReader);
+    ReadToEnd(pReader);
+    std::unique_ptr<uint8_t[]> data(new uint8_t[65536]);
+    ZMFReaderAppData(pReader, data.get(), 65536);
+    ZMFReaderStartTime(pReader);
+    ORX_ASSERT(strlen(ZMFReaderSdp(pReader)) <= pReader->head.nSdpSize + 32U,
+               "the description and a range line");
+    ZMFReaderClose(pReader);
+    return 0;
+}
