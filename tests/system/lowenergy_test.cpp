@@ -20,6 +20,7 @@ using testing::ElementsAre;
 
 struct HookCalls {
     std::mutex mutex;
+    bool bInstalled = false;
     std::vector<std::string> calls;
     std::vector<std::string> Get()
     {
@@ -38,8 +39,11 @@ void NoteCall(void *pContext, const char *szProgram, const char *szRemote, int b
 
 int InstallHook(Task *pTask, uint32_t, uint32_t, uint32_t)
 {
-    g_server.pProgramHookContext = TaskArgument(pTask);
+    auto *pCalls = static_cast<HookCalls *>(TaskArgument(pTask));
+    g_server.pProgramHookContext = pCalls;
     g_server.pfnProgramHook = NoteCall;
+    std::lock_guard<std::mutex> lock(pCalls->mutex);
+    pCalls->bInstalled = true;
     return -1;
 }
 
@@ -59,6 +63,10 @@ struct InProcessTest : testing::Test {
                             "[GUARD]\nRunUnprivileged=1\n");
         ASSERT_EQ(1, ServerStart(file.c_str()));
         TaskSchedule(&g_server.scheduler, InstallHook, 0, 0, &hook);
+        ASSERT_TRUE(WaitFor([this] {
+            std::lock_guard<std::mutex> lock(hook.mutex);
+            return hook.bInstalled;
+        }));
     }
     void TearDown() override
     {
