@@ -1,8 +1,6 @@
 // Recordings as hours and days go by. The server runs inside the test, so that its clocks can be moved.
-#include <condition_variable>
+#include <atomic>
 #include <ctime>
-#include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -35,13 +33,15 @@ struct RecordClockTest : testing::Test {
     }
     std::string File(const std::string &name) const { return root + "/" + name; }
 
+    // Pushers may be silent for as long as can be: a jump of the clock is no silence of theirs.
     void Start(const std::string &storage)
     {
-        WriteFile(dir.File("orx.cfg"),
-                  "[SERVER]\nAuthType=0\nEnableFilePrg=1\nListenPort=" + std::to_string(ports.nFirst) +
-                      "\nUdpStartPort=" + std::to_string(ports.nFirst + 16) + "\nUdpEndPort=" +
-                      std::to_string(ports.nFirst + 500) + "\n[STORAGE]\nRecordEnable=1\nRecordPath=" + root +
-                      "\n" + storage + "[GUARD]\nRunUnprivileged=1\n");
+        WriteFile(dir.File("orx.cfg"), "[SERVER]\nAuthType=0\nLiveTime=120\nEnableFilePrg=1\nListenPort=" +
+                                           std::to_string(ports.nFirst) +
+                                           "\nUdpStartPort=" + std::to_string(ports.nFirst + 16) +
+                                           "\nUdpEndPort=" + std::to_string(ports.nFirst + 500) +
+                                           "\n[STORAGE]\nRecordEnable=1\nRecordPath=" + root + "\n" +
+                                           storage + "[GUARD]\nRunUnprivileged=1\n");
         ASSERT_EQ(1, ServerStart(dir.File("orx.cfg").c_str()));
         ASSERT_EQ(1, camera.Open(Url("cam")));
     }
@@ -51,20 +51,24 @@ struct RecordClockTest : testing::Test {
         RecordTimeSetOffset(0);
         ClockSetOffset(0);
     }
-    // Moves the wall clock of recordings, on the thread that reads it.
+    // Moves the wall clock of recordings, on the thread that reads it. What is sent later may overtake the
+    // task, so its end is waited for.
     void SetWallClock(int64_t nSeconds)
     {
         static int64_t nOffset;
+        static std::atomic<bool> bSet;
         camera.Flush();
         nOffset = nSeconds;
+        bSet = false;
         TaskSchedule(
             &g_server.scheduler,
             [](Task *, uint32_t, uint32_t, uint32_t) {
                 RecordTimeSetOffset(nOffset);
+                bSet = true;
                 return -1;
             },
             0, 0, nullptr);
-        camera.Flush();
+        ASSERT_TRUE(WaitFor([] { return bSet.load(); }));
     }
     void Stop()
     {
