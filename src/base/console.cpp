@@ -56,12 +56,13 @@ struct OutputLock {
 };
 
 // Waits until standard output takes more. 0 when it does not: a pipe that nobody empties must not hold up the
-// server, so one that has stalled for a second loses what is printed until somebody reads again.
+// server, so one that has stalled for a second loses what is printed until somebody reads again. A pipe whose
+// reader has gone is not written to: each write raises SIGPIPE, whose handler prints in turn, without end.
 static int WaitForOutput()
 {
     static std::atomic<int> g_bStalled{0};
     pollfd out{STDOUT_FILENO, POLLOUT, 0};
-    int bReady = poll(&out, 1, g_bStalled ? 0 : kStallMs) > 0;
+    int bReady = poll(&out, 1, g_bStalled ? 0 : kStallMs) > 0 && !(out.revents & POLLERR);
     g_bStalled = !bReady;
     return bReady;
 }

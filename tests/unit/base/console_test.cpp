@@ -1,10 +1,12 @@
 #include "base/console.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <ctime>
 
 #include <regex>
 #include <string>
+#include <utility>
 
 #include <poll.h>
 #include <unistd.h>
@@ -83,6 +85,17 @@ TEST(Print, APipeThatNobodyEmptiesHoldsUpNobody)
         continue;
     print("read again\n");
     EXPECT_EQ("read again\n", out.Arrived());
+}
+
+TEST(Print, ASignalHandlerThatPrintsOutlivesTheReader)
+{
+    auto pfnBefore = signal(SIGPIPE, [](int) { ConsoleWriteRaw("Catch: SIGPIPE\r\n", 16); });
+    {
+        StdoutPipe out;
+        close(std::exchange(out.nReadFd, -1));
+        print("nobody hears this\r\n");  // must come back
+    }
+    signal(SIGPIPE, pfnBefore);
 }
 
 struct LogTest : testing::Test {
