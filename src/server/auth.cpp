@@ -95,7 +95,7 @@ static int BasicValidate(Auth *pAuth, const char *szText, const char *szUrl)
         return -1;
     char plain[kMaxBasicText / 4 * 3 + 4];
     const char *pEnd = Base64Decode(StrText(value.s), plain, static_cast<size_t>(nLen));
-    if (!pEnd || plain + strlen(plain) != pEnd)
+    if (!pEnd || plain + strlen(plain) + 1 < pEnd)  // a text without its padding gives one 0 more
         return -1;
     char *pColon = strchr(plain, ':');
     if (!pColon)
