@@ -87,7 +87,7 @@ void ServerStop();
 struct SessionStat {
     char szRemote[24];    // peer address
     uint32_t tStart;      // seconds since the epoch
-    char szProgram[128];  // name of the program, "-" without one
+    char szProgram[256];  // name of the program, "-" without one
     int bPusher;
 };
 struct ServerStat {
