@@ -1,5 +1,5 @@
-// The kind and codec of a track, as one code: the low byte a video codec, the second an audio codec, the third text,
-// the fourth data.
+// The kind and codec of a track, as one code: the low byte a video codec, the second an audio codec, the
+// third text, the fourth data.
 #pragma once
 
 #include <cstdint>
