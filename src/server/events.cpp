@@ -19,11 +19,10 @@
 
 namespace orx {
 
-static constexpr int kSendBufferBytes = 163840;
 static constexpr int kReceiveBufferBytes = 131072;
-static constexpr uint32_t kAcceptRetryMs = 1000;
-static constexpr uint32_t kLongestSilence =
-    1000;  // seconds; more than that is a clock that was set, not silence
+static constexpr int kAcceptRetryMs = 1000;
+// Seconds; more than that is a clock that was set, not silence.
+static constexpr uint32_t kLongestSilence = 1000;
 
 // An event on its way: the code in the low half, the descriptor's generation above it.
 static void *EventArgument(uint32_t nEvent, uint32_t nGeneration)
@@ -60,7 +59,8 @@ static Session *OpenSession(int fd)
     return pSession;
 }
 
-static void OnAccept(int fdListen)
+// Accepts all that wait. Returns 0 when some may be left, because descriptors or memory have run out.
+static int AcceptAll(int fdListen)
 {
     int fd;
     while ((fd = accept4(fdListen, nullptr, nullptr, SOCK_CLOEXEC)) >= 0) {
@@ -69,10 +69,26 @@ static void OnAccept(int fdListen)
             SessionScheduleIdleCheck(pSession->Cmd);
     }
     if (errno == EAGAIN)
-        return;
+        return 1;
     print("accept(socket=0x%x) err=%d.\r\n", fdListen, errno);
+    return 0;
+}
+
+static int OnAcceptRetry(Task *pTask, uint32_t, uint32_t, uint32_t)
+{
+    if (!AcceptAll(pTask->nParam))
+        return kAcceptRetryMs;
+    g_server.bAcceptRetry = 0;
+    return -1;
+}
+
+static void OnAccept(int fdListen)
+{
+    if (AcceptAll(fdListen) || g_server.bAcceptRetry)
+        return;
     // those that wait are not reported again: look once descriptors or memory may have come free
-    PostPortEvent(fdListen, 0, MONITOR_ACCEPT, kAcceptRetryMs);
+    g_server.bAcceptRetry = 1;
+    TaskSchedule(&g_server.scheduler, OnAcceptRetry, kAcceptRetryMs, fdListen, nullptr);
 }
 
 int RtspSessionCreate(int fd, const void *pData, size_t nLen)
@@ -109,26 +125,23 @@ static void NoteReceived(Session *pSession, size_t nLen)
         pSession->nReceived = 1;
 }
 
-// The track whose RTCP port this is, or null.
-static const SessionTrack *FindControlTrack(const Session *pSession, const Port *pPort, int *pIndex)
+// The index of the track whose RTCP port this is, or -1.
+static int FindControlTrack(const Session *pSession, const Port *pPort)
 {
-    for (int i = 0; i < kMaxTracks; i++) {
-        if (pSession->tracks[i].Control == pPort) {
-            *pIndex = i;
-            return &pSession->tracks[i];
-        }
-    }
-    return nullptr;
+    for (int i = 0; i < kMaxTracks; i++)
+        if (pSession->tracks[i].Control == pPort)
+            return i;
+    return -1;
 }
 
 static void OnDatagram(Session *pSession, Port *pPort, const uint8_t *pData, size_t nLen)
 {
-    int nTrack = 0;
-    const SessionTrack *pTrack = FindControlTrack(pSession, pPort, &nTrack);
-    if (!pTrack || nLen == 0 || !(pSession->nFlags & SESSION_RTCP))
+    int i = FindControlTrack(pSession, pPort);
+    if (i < 0 || nLen == 0 || !(pSession->nFlags & SESSION_RTCP))
         return;
-    print("Receive RTCP packet on track %d, %d bytes.\n", pTrack->nRtcpChannel, static_cast<int>(nLen));
-    RtcpDump(pData, nLen, pSession->out.tracks[nTrack].nTimeScale);
+    print("Receive RTCP packet on track %d, %d bytes.\n", pSession->tracks[i].nRtcpChannel,
+          static_cast<int>(nLen));
+    RtcpDump(pData, nLen, pSession->out.tracks[i].nTimeScale);
 }
 
 // Ends what a socket error or the end of the stream ended.
@@ -205,7 +218,7 @@ static void FlushAfterRead(Session *pSession)
 }
 
 // A pusher that was told to sleep has nothing to send.
-static int MaySilent(const Session *pSession)
+static int MayBeSilent(const Session *pSession)
 {
     return (pSession->nFlags & SESSION_PUSHER) && pSession->pProg && pSession->pProg->bSleeping;
 }
@@ -224,7 +237,7 @@ static int ReadTcp(Session *pSession, Port *pPort)
     if (n == 0 || nError != EAGAIN)
         return CloseAfterRecv(pSession, pPort, static_cast<int>(n), n == 0 ? 0 : nError);
     uint32_t nSilent = ClockUptime() - pSession->tLastActivity;
-    if (nSilent <= g_server.nLiveTime || nSilent >= kLongestSilence || MaySilent(pSession))
+    if (nSilent <= g_server.nLiveTime || nSilent >= kLongestSilence || MayBeSilent(pSession))
         return 0;
     print("OnRead(fd=0x%x) TimeOut! The network will be closed.\r\n", pPort->fd);
     SessionClosePort(pSession, pPort);
@@ -268,6 +281,7 @@ static void OnPostedInput(int fd)
         OnRead(fd);
 }
 
+// pPort may be null: of the events of one wake-up, an earlier one can have closed it.
 static void HandleEvent(int fd, uint32_t nEvent, Port *pPort)
 {
     switch (nEvent) {
@@ -279,7 +293,8 @@ static void HandleEvent(int fd, uint32_t nEvent, Port *pPort)
             break;
         case MONITOR_CONNECT:
             print("OnConnect(0x%x)\r\n", fd);
-            pPort->nFlags |= PORT_CONNECTED;
+            if (pPort)
+                pPort->nFlags |= PORT_CONNECTED;
             break;
         case MONITOR_CLOSE:
             OnClose(fd);
@@ -304,7 +319,7 @@ static int OnEvent(Task *pTask, uint32_t, uint32_t, uint32_t)
     }
     // an event of a descriptor's earlier life must not reach the connection that has it now
     Port *pPort = FindPort(fd);
-    if (pPort && (pPort->nGeneration & 0xFFFF) == nArgument >> 16)
+    if (!pPort || (pPort->nGeneration & 0xFFFF) == nArgument >> 16)
         HandleEvent(fd, nEvent, pPort);
     return -1;
 }

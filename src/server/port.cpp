@@ -13,8 +13,6 @@
 
 namespace orx {
 
-static constexpr int kSendBufferBytes = 163840;  // holds a key frame of a typical camera
-
 static Port *NewPort(int fd, uint8_t nType)
 {
     static uint32_t nLastGeneration = 0;  // scheduler thread only

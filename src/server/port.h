@@ -12,6 +12,8 @@
 
 namespace orx {
 
+constexpr int kSendBufferBytes = 163840;  // SO_SNDBUF; holds a key frame of a typical camera
+
 enum : uint8_t { PORT_TCP = 1, PORT_UDP = 2 };
 enum : uint16_t {
     PORT_TUNNEL_POST = 0x2,  // the POST connection of an RTSP-over-HTTP tunnel: its bytes are base64 text

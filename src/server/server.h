@@ -70,6 +70,7 @@ struct ServerConfig {
     int bRunUnprivileged = 0;      // [GUARD] RunUnprivileged
     ProgramHook pfnProgramHook = nullptr;
     void *pProgramHookContext = nullptr;
+    int bAcceptRetry = 0;      // a further look for connections that wait is scheduled
     int bProgramMapReady = 0;  // programMap may still be looked into and edited
 };
 
