@@ -160,24 +160,23 @@ char *SettingsRecordPath(const char *szValue)
     return strdup(szPath);
 }
 
-// The register-id file lies beside the configuration.
-static void MakeGuidPath(ServerConfig *pServer)
+// The register-id file lies beside the configuration. Returns 1, or 0 when its path is too long.
+static int MakeGuidPath(ServerConfig *pServer)
 {
     const char *pSlash = strrchr(pServer->szConfigPath, '/');
     int nDir = pSlash ? static_cast<int>(pSlash + 1 - pServer->szConfigPath) : 0;
     TextBuf text{pServer->szGuidPath, sizeof(pServer->szGuidPath)};
-    TextAdd(&text, "%.*sguid.dat", nDir, pServer->szConfigPath);
+    return TextAdd(&text, "%.*sguid.dat", nDir, pServer->szConfigPath);
 }
 
 int SettingsRead(ServerConfig *pServer, const char *szPath)
 {
     if (!szPath || !szPath[0])
         return 0;
-    if (!TextCopy(pServer->szConfigPath, sizeof(pServer->szConfigPath), szPath)) {
+    if (!TextCopy(pServer->szConfigPath, sizeof(pServer->szConfigPath), szPath) || !MakeGuidPath(pServer)) {
         print("The configuration's path is too long: %s\r\n", szPath);
         return 0;
     }
-    MakeGuidPath(pServer);
     pServer->nMaxRegisterId = read_profile_int("GUID", "MaxRegisterId", 1001, pServer->szGuidPath);
     ReadNumbers(pServer, szPath);
     ReadHttpProxy(pServer, szPath);

@@ -248,6 +248,7 @@ TEST_F(SettingsTest, RefusesPathsThatItCannotKeep)
     EXPECT_EQ(0, SettingsRead(&config, ""));
     EXPECT_EQ(0, SettingsRead(&config, nullptr));
     EXPECT_EQ(0, SettingsRead(&config, ("/" + std::string(127, 'x')).c_str()));
+    EXPECT_EQ(0, SettingsRead(&config, ("/" + std::string(120, 'x') + "/a").c_str())) << "nor guid.dat's";
 }
 
 TEST_F(SettingsTest, FormsTheRecordPath)
