@@ -64,8 +64,7 @@ static timespec MonotonicIn(int32_t nMs)
     return until;
 }
 
-// One wait on the condition, for at most nMs milliseconds (negative: for ever). Returns 0 once the time is
-// up.
+// One wait on the condition, until then at the latest (null: for ever). Returns 0 once the time is up.
 static int Wait(Scheduler *pScheduler, SchedulerWait eWait, const timespec *pUntil)
 {
     pScheduler->eWait = eWait;

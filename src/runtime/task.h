@@ -12,9 +12,9 @@ namespace orx {
 struct Task;
 struct Scheduler;
 
-// Called with what was due - now, now and due (milliseconds of ClockMs). Returns the milliseconds to the next
-// run, or a negative value to end; the task must not be touched after that.
-using TaskProc = int (*)(Task *pTask, uint32_t nLate, uint32_t nNow, uint32_t nDue);
+// Called with due - now, now and due (milliseconds of ClockMs). Returns the milliseconds to the next run, or
+// a negative value to end; the task must not be touched after that.
+using TaskProc = int (*)(Task *pTask, uint32_t nEarly, uint32_t nNow, uint32_t nDue);
 
 struct Task {
     ListNode node;                    // first; pData is the owner's argument

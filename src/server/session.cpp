@@ -44,10 +44,9 @@ static int HandleTaken(uint32_t nHandle)
 // those alive.
 static uint32_t NextHandle()
 {
-    static uint32_t nLast = 0;
-    static int bSeeded = 0;
-    if (!bSeeded)
-        bSeeded = getrandom(&nLast, sizeof(nLast), GRND_NONBLOCK) == sizeof(nLast) || nLast == 0;
+    static uint32_t nLast = 0;  // 0: none was given yet
+    if (nLast == 0 && getrandom(&nLast, sizeof(nLast), GRND_NONBLOCK) != sizeof(nLast))
+        nLast = 0;
     do
         nLast++;
     while (nLast == 0 || HandleTaken(nLast));

@@ -1,5 +1,5 @@
 // One RTSP connection: a player, a pusher, a subscriber, or the half of an HTTP tunnel.
-// Scheduler thread only, except SessionHandOver.
+// Scheduler thread only.
 #pragma once
 
 #include <cstdint>
