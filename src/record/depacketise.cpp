@@ -148,13 +148,21 @@ static int EmitFrame(Depacketiser *pTrack, uint8_t nFlags)
                              SampleType('v', nFlags));
 }
 
-// Whether a packet that begins with this unit may be the first of a frame. Type and slice number are compared
-// with how earlier frames began, so that a slice whose parameter sets were lost does not pass for a frame.
-static int H264CanStart(const Depacketiser *pTrack, const uint8_t *pUnit, uint32_t nType)
+// The kind of a unit as one bit: its type, and of a slice whether it is the first of its picture.
+static uint64_t UnitKind(const uint8_t *pUnit, uint32_t nType)
 {
     int bSlice = nType == 1 || nType == 2 || nType == 5;
-    int bFirstSlice = pUnit[1] & 0x80;  // first_mb_in_slice is 0
-    return (pTrack->nFirstTypes >> nType & 1) && (!bSlice || bFirstSlice);
+    int bFirstSlice = bSlice && (pUnit[1] & 0x80);  // first_mb_in_slice is 0
+    return uint64_t{1} << (bFirstSlice ? 32 + nType : nType);
+}
+
+// Whether a packet that begins with this unit may be the first of a frame. A key frame shows by its parameter
+// set, so that one behind a gap, such as a cache leaves that kept only key frames, is not taken for damaged.
+// Others are compared with how earlier frames began: a slice whose parameter sets or whose picture's first
+// slice were lost does not pass for a frame.
+static int H264CanStart(const Depacketiser *pTrack, const uint8_t *pUnit, uint32_t nType)
+{
+    return nType == NAL_SPS || (pTrack->nFirstKinds & UnitKind(pUnit, nType)) != 0;
 }
 
 // A NAL unit with its 2-byte length in front.
@@ -263,7 +271,7 @@ int WriteH264RtpData(Depacketiser *pTrack, const uint8_t *pPacket, uint32_t nByt
     if (!AdmitPacket(pTrack, &packet, nTimeMs, bCanStart, &bFirst))
         return 1;
     if (bFirst)
-        pTrack->nFirstTypes |= 1U << nFirst;
+        pTrack->nFirstKinds |= UnitKind(unit, nFirst);
     if (!AppendPayload(pTrack, &packet, nType))
         return -1;
     if (!packet.bMarker)

@@ -35,7 +35,7 @@ struct Depacketiser {
     int nOpenUnit = -1;       // H.264: where in pFrame the unit begins that fragments are added to
     int bSeqKnown = 0;
     uint16_t nSeq = 0;         // of the last packet
-    uint32_t nFirstTypes = 0;  // H.264: unit types that whole frames have begun with, one bit each
+    uint64_t nFirstKinds = 0;  // H.264: kinds of units that whole frames have begun with, one bit each
 };
 
 // Gives back the buffer and forgets what was begun; the record can be used again.
