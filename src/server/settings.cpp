@@ -24,8 +24,8 @@ enum class Clamp {
 struct NumberSetting {
     const char *szSection;
     const char *szKey;
-    int nDefault;
     size_t nOffset;  // of a 32-bit field of ServerConfig
+    int nDefault;
     Clamp clamp;
     int nLimit;
     int nInstead;
@@ -34,29 +34,29 @@ struct NumberSetting {
 #define FIELD(name) offsetof(ServerConfig, name)
 
 static const NumberSetting g_numbers[] = {
-    {"SERVER", "AuthType", 1, FIELD(nAuthType), Clamp::MaxOr, 3, 1},
-    {"SERVER", "ConnectLimit", 100, FIELD(nConnectLimit), Clamp::MinMax, 5, INT32_MAX},
-    {"SERVER", "AutoDropDataWhenCrowded", 0, FIELD(bAutoDrop), Clamp::None, 0, 0},
-    {"SERVER", "EnableAnonymousViewer", 0, FIELD(bAnonymousViewer), Clamp::None, 0, 0},
-    {"SERVER", "EnableRtcp", 0, FIELD(bRtcp), Clamp::None, 0, 0},
-    {"SERVER", "EnableLowEnergy", 0, FIELD(bLowEnergy), Clamp::None, 0, 0},
-    {"SERVER", "ControlUsers", 0, FIELD(bControlUsers), Clamp::None, 0, 0},
-    {"SERVER", "EnableFilePrg", 0, FIELD(bFilePrograms), Clamp::None, 0, 0},
-    {"SERVER", "EnableHttpProxy", 0, FIELD(bHttpProxy), Clamp::None, 0, 0},
-    {"SERVER", "EnableUnet", 0, FIELD(bUnet), Clamp::None, 0, 0},
-    {"ZUPO", "ZupoEnable", 0, FIELD(bZupo), Clamp::None, 0, 0},
-    {"SERVER", "SessionBufSize", 16384, FIELD(nSessionBufSize), Clamp::None, 0, 0},
-    {"SERVER", "CacheLimit", 10, FIELD(nCacheLimit), Clamp::MinMax, 5, 60},
-    {"SERVER", "LiveTime", 10, FIELD(nLiveTime), Clamp::ZeroMax, 120, 0},
-    {"SERVER", "UdpStartPort", 50000, FIELD(nUdpStartPort), Clamp::Wrap16, 0, 0},
-    {"SERVER", "UdpEndPort", 52000, FIELD(nUdpEndPort), Clamp::Wrap16, 0, 0},
-    {"STORAGE", "AutoDelOldFile", 1, FIELD(bAutoDelOldFile), Clamp::None, 0, 0},
-    {"STORAGE", "PreRecordLen", 3, FIELD(nPreRecordLen), Clamp::MaxOr, 10, 10},
-    {"STORAGE", "MinutePerFile", 5, FIELD(nMinutePerFile), Clamp::MaxOr, 60, 60},
-    {"STORAGE", "RecordEnable", 0, FIELD(bRecord), Clamp::None, 0, 0},
-    {"INTEROP", "StandardPushers", 0, FIELD(bStandardPushers), Clamp::None, 0, 0},
-    {"GUARD", "SurvivePeerFaults", 0, FIELD(bSurvivePeerFaults), Clamp::None, 0, 0},
-    {"GUARD", "RunUnprivileged", 0, FIELD(bRunUnprivileged), Clamp::None, 0, 0},
+    {"SERVER", "AuthType", FIELD(nAuthType), 1, Clamp::MaxOr, 3, 1},
+    {"SERVER", "ConnectLimit", FIELD(nConnectLimit), 100, Clamp::MinMax, 5, INT32_MAX},
+    {"SERVER", "AutoDropDataWhenCrowded", FIELD(bAutoDrop), 0, Clamp::None, 0, 0},
+    {"SERVER", "EnableAnonymousViewer", FIELD(bAnonymousViewer), 0, Clamp::None, 0, 0},
+    {"SERVER", "EnableRtcp", FIELD(bRtcp), 0, Clamp::None, 0, 0},
+    {"SERVER", "EnableLowEnergy", FIELD(bLowEnergy), 0, Clamp::None, 0, 0},
+    {"SERVER", "ControlUsers", FIELD(bControlUsers), 0, Clamp::None, 0, 0},
+    {"SERVER", "EnableFilePrg", FIELD(bFilePrograms), 0, Clamp::None, 0, 0},
+    {"SERVER", "EnableHttpProxy", FIELD(bHttpProxy), 0, Clamp::None, 0, 0},
+    {"SERVER", "EnableUnet", FIELD(bUnet), 0, Clamp::None, 0, 0},
+    {"ZUPO", "ZupoEnable", FIELD(bZupo), 0, Clamp::None, 0, 0},
+    {"SERVER", "SessionBufSize", FIELD(nSessionBufSize), 16384, Clamp::None, 0, 0},
+    {"SERVER", "CacheLimit", FIELD(nCacheLimit), 10, Clamp::MinMax, 5, 60},
+    {"SERVER", "LiveTime", FIELD(nLiveTime), 10, Clamp::ZeroMax, 120, 0},
+    {"SERVER", "UdpStartPort", FIELD(nUdpStartPort), 50000, Clamp::Wrap16, 0, 0},
+    {"SERVER", "UdpEndPort", FIELD(nUdpEndPort), 52000, Clamp::Wrap16, 0, 0},
+    {"STORAGE", "AutoDelOldFile", FIELD(bAutoDelOldFile), 1, Clamp::None, 0, 0},
+    {"STORAGE", "PreRecordLen", FIELD(nPreRecordLen), 3, Clamp::MaxOr, 10, 10},
+    {"STORAGE", "MinutePerFile", FIELD(nMinutePerFile), 5, Clamp::MaxOr, 60, 60},
+    {"STORAGE", "RecordEnable", FIELD(bRecord), 0, Clamp::None, 0, 0},
+    {"INTEROP", "StandardPushers", FIELD(bStandardPushers), 0, Clamp::None, 0, 0},
+    {"GUARD", "SurvivePeerFaults", FIELD(bSurvivePeerFaults), 0, Clamp::None, 0, 0},
+    {"GUARD", "RunUnprivileged", FIELD(bRunUnprivileged), 0, Clamp::None, 0, 0},
 };
 
 #undef FIELD
