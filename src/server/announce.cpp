@@ -109,9 +109,7 @@ static int StartPusher(Session *pSession, Port *pPort, Program *pProg)
     PortSchedule(pPort, OnLiveWatchdog, g_server.nLiveTime * 1000);
     pSession->nState = STATE_DESCRIBED;
     SessionCopyTracks(pSession, pProg);
-    int nSent = ReplyFormat(
-        pSession, pPort, "RTSP/1.0 200 OK\r\n" ORX_SERVER_LINE "CSeq: %d\r\n" ORX_NO_CACHE "Date: %s\r\n\r\n",
-        pSession->nCSeq++, SessionRefreshDate(pSession));
+    int nSent = ReplyDated(pSession, pPort);
     if (nSent)
         ProgramCallHook(pProg, remote, 1);
     return nSent;

@@ -41,7 +41,6 @@ static int HandleRecord(Session *pSession, Port *pPort, Request *pRequest)
 {
     if (g_server.bStandardPushers && (pSession->nFlags & SESSION_PUSHER))
         return HandlePlay(pSession, pPort, pRequest);
-    print("HandleUnknown(Cmd=%s)!\r\n", RequestMethod(pRequest));
     return HandleUnknown(pSession, pPort, pRequest);
 }
 
@@ -82,7 +81,6 @@ static int Dispatch(Session *pSession, Port *pPort, Request *pRequest)
     for (const MethodEntry &method : g_methods)
         if (strcasecmp(method.szName, RequestMethod(pRequest)) == 0)
             return method.pfnHandle(pSession, pPort, pRequest);
-    print("HandleUnknown(Cmd=%s)!\r\n", RequestMethod(pRequest));
     return HandleUnknown(pSession, pPort, pRequest);
 }
 

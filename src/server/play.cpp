@@ -19,11 +19,6 @@ namespace orx {
 constexpr uint32_t kSeekTolerance = 2000;  // ms around the position that a wanted start is taken for
 constexpr size_t kMaxReply = 4096;
 
-static void *SessionPrintHandle(const Session *pSession)
-{
-    return reinterpret_cast<void *>(static_cast<uintptr_t>(pSession->nHandle));
-}
-
 // What a "Range" header asks for of a recording.
 struct WantedRange {
     uint32_t nStart = 0;  // ms; 0: from where it stands
@@ -174,14 +169,6 @@ int HandlePause(Session *pSession, Port *pPort, Request *)
                        "RTSP/1.0 200 OK\r\n" ORX_SERVER_LINE "CSeq: %d\r\n" ORX_NO_CACHE
                        "Session: %p\r\nDate: %s\r\n\r\n",
                        pSession->nCSeq++, SessionPrintHandle(pSession), SessionRefreshDate(pSession));
-}
-
-// "200 OK" with nothing but the date.
-static int ReplyDated(Session *pSession, Port *pPort)
-{
-    return ReplyFormat(pSession, pPort,
-                       "RTSP/1.0 200 OK\r\n" ORX_SERVER_LINE "CSeq: %d\r\n" ORX_NO_CACHE "Date: %s\r\n\r\n",
-                       pSession->nCSeq++, SessionRefreshDate(pSession));
 }
 
 int HandleTeardown(Session *pSession, Port *pPort, Request *)

@@ -423,6 +423,13 @@ int ReplyStatus(Session *pSession, Port *pPort, const char *szStatus)
                        szStatus, pSession->nCSeq++);
 }
 
+int ReplyDated(Session *pSession, Port *pPort)
+{
+    return ReplyFormat(pSession, pPort,
+                       "RTSP/1.0 200 OK\r\n" ORX_SERVER_LINE "CSeq: %d\r\n" ORX_NO_CACHE "Date: %s\r\n\r\n",
+                       pSession->nCSeq++, SessionRefreshDate(pSession));
+}
+
 int ReplyShort(Session *pSession, Port *pPort, const char *szStatus)
 {
     return ReplyFormat(pSession, pPort, "RTSP/1.0 %s\r\n" ORX_SERVER_LINE "CSeq: %d\r\n\r\n", szStatus,

@@ -34,7 +34,9 @@ __attribute__((format(printf, 3, 4))) int ReplyFormat(Session *pSession, Port *p
 // "RTSP/1.0 <status>" with Server, CSeq and the two cache lines; advances the session's CSeq. Result of
 // sending.
 int ReplyStatus(Session *pSession, Port *pPort, const char *szStatus);
-// The same without the cache lines.
+// "200 OK" in that form, with the date.
+int ReplyDated(Session *pSession, Port *pPort);
+// The form of ReplyStatus without the cache lines.
 int ReplyShort(Session *pSession, Port *pPort, const char *szStatus);
 // Ends a request whose peer assertion failed and was survived: 400, and 0 so that the session is closed.
 int ReplyPeerFault(Session *pSession, Port *pPort);

@@ -113,6 +113,12 @@ Port *SessionControlPort(const Session *pSession);
 // The peer of the session's control connection as "a.b.c.d:port"; szOut takes kAddrTextSize bytes.
 void SessionRemoteText(const Session *pSession, char *szOut);
 
+// The handle as "%p" prints it in "Session".
+inline void *SessionPrintHandle(const Session *pSession)
+{
+    return reinterpret_cast<void *>(static_cast<uintptr_t>(pSession->nHandle));
+}
+
 // Writes the date of replies: weekday, month before day, year behind it. nSize at least 40.
 void FormatHttpDate(char *szOut, size_t nSize);
 // The same into the session's date text, which is returned.

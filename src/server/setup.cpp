@@ -176,11 +176,10 @@ static int SendSetupReply(Session *pSession, Port *pPort, int i, const char *szT
         TextAdd(&text, "Transport: %s;ssrc=%08X\r\n", szTransport, pSession->out.tracks[i].nSsrc);
     else if (g_server.bStandardPushers)
         TextAdd(&text, "Transport: %s\r\n", szTransport);
-    return ReplyFormat(
-        pSession, pPort,
-        "RTSP/1.0 200 OK\r\n" ORX_SERVER_LINE "CSeq: %d\r\n" ORX_NO_CACHE "%sSession: %p\r\nDate: %s\r\n\r\n",
-        pSession->nCSeq++, line, reinterpret_cast<void *>(static_cast<uintptr_t>(pSession->nHandle)),
-        SessionRefreshDate(pSession));
+    return ReplyFormat(pSession, pPort,
+                       "RTSP/1.0 200 OK\r\n" ORX_SERVER_LINE "CSeq: %d\r\n" ORX_NO_CACHE
+                       "%sSession: %p\r\nDate: %s\r\n\r\n",
+                       pSession->nCSeq++, line, SessionPrintHandle(pSession), SessionRefreshDate(pSession));
 }
 
 int HandleSetup(Session *pSession, Port *pPort, Request *pRequest)

@@ -37,9 +37,7 @@ int HandleSubscribe(Session *pSession, Port *pPort, Request *pRequest)
         return ReplyPeerFault(pSession, pPort);
     if (!CheckUserToken(pSession, pRequest))
         return Refuse(pSession, pPort, "401 Unauthorized");
-    int nSent = ReplyFormat(
-        pSession, pPort, "RTSP/1.0 200 OK\r\n" ORX_SERVER_LINE "CSeq: %d\r\n" ORX_NO_CACHE "Date: %s\r\n\r\n",
-        pSession->nCSeq++, SessionRefreshDate(pSession));
+    int nSent = ReplyDated(pSession, pPort);
     LogSubscriber(pSession, pRequest);
     pSession->nFlags |= SESSION_SUBSCRIBER;
     return nSent;

@@ -102,6 +102,7 @@ int BindToHttpGet(Session *pSession, Port *pPort, Request *pRequest)
 
 int HandleUnknown(Session *pSession, Port *pPort, Request *pRequest)
 {
+    print("HandleUnknown(Cmd=%s)!\r\n", RequestMethod(pRequest));
     const char *szProtocol = StrText(pRequest->protocol);
     if (strcasecmp(szProtocol, "HTTP") == 0)
         return ReplyMismatch(pSession, pPort);
