@@ -21,8 +21,8 @@ constexpr size_t kMaxReply = 4096;
 
 // What a "Range" header asks for of a recording.
 struct WantedRange {
-    uint32_t nStart = 0;  // ms; 0: from where it stands
-    uint32_t nEnd = 0;    // ms; 0: to its end
+    uint32_t nStart = 0;         // ms; 0: from where it stands
+    uint32_t nEnd = UINT32_MAX;  // ms; not before its last second: to its end
 };
 
 static const char *NextDigit(const char *p)
@@ -71,8 +71,7 @@ static void StartFile(Session *pSession, const Request *pRequest, TextBuf *pText
     Program *pProg = pSession->pProg;
     auto nDuration = static_cast<int64_t>(FileProgramDuration(pProg));
     WantedRange range = ReadRange(RequestHeaderValue(pRequest, "Range"));
-    uint32_t nEnd =
-        range.nEnd && range.nEnd < nDuration - 1000 ? range.nEnd : static_cast<uint32_t>(nDuration);
+    uint32_t nEnd = range.nEnd < nDuration - 1000 ? range.nEnd : static_cast<uint32_t>(nDuration);
     uint32_t nReached = 0;
     if (range.nStart &&
         static_cast<uint32_t>(std::abs(ClockDiff(range.nStart, pSession->nPlayPos))) > kSeekTolerance &&
