@@ -68,6 +68,8 @@ static void Pair(Session *pGet, Session *pPost, Port *pPort)
     pGet->szCookie = nullptr;
     pGet->nFlags &= ~SESSION_TUNNEL_GET;
     pPost->Cmd = nullptr;
+    if (pPost->Reply == pPort)  // requests were answered on it before
+        pPost->Reply = nullptr;
     AvlReplace(&g_server.sessionMap, pPort->fd, pGet);
     auto *pText = reinterpret_cast<const char *>(pPost->pBuf + pPost->nNext);
     uint32_t nText = pPost->nLen - pPost->nNext;

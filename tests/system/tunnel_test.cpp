@@ -175,6 +175,22 @@ TEST_F(TunnelTest, FirstWaitingOfOneNameIsPaired)
     EXPECT_EQ(1, RtspWaitReply(&second, 2, &reply));
 }
 
+// A connection that was answered on before leaves its port to the tunnel all the same.
+TEST_F(TunnelTest, PostMayComeOnAConnectionInUse)
+{
+    server.Set("SERVER", "AuthType", "1");
+    server.Start();
+    RtspClient pusher;
+    ASSERT_EQ(1, RtspOpenPusher(&pusher, server.Url("/cam").c_str(), CameraSdp()));
+    Connect(&get);
+    Connect(&post);
+    ASSERT_EQ(kGetReply, Exchange(&get, Get("x-sessioncookie: abc\r\n")));
+    ASSERT_THAT(Exchange(&post, MakeRequest("DESCRIBE", server.Url("/cam"), 1)), StartsWith("RTSP/1.0 401 "));
+    Send(&post, Post("abc"));
+    Send(&post, Encoded(Options(4)));
+    EXPECT_EQ(4, AnsweredOnGet());
+}
+
 // Requests may stand right behind the header of the POST, whole or torn anywhere.
 TEST_F(TunnelTest, TakesWhatCameBehindTheHeader)
 {
