@@ -164,9 +164,7 @@ int CheckUserToken(Session *pSession, const Request *pRequest)
     int nLevel = kAnonymousLevel;
     if (!szUser || !szGiven || !GetUserAccount(nullptr, RequestUri(pRequest), szUser, password, &nLevel))
         return 0;
-    char token[17];
-    AuthUserToken(szUser, password, token);
-    if (strcmp(token, szGiven) != 0)
+    if (!AuthIsToken(szUser, password, szGiven))
         return 0;
     pSession->nUserLevel = nLevel;
     TextCopy(pSession->szUser, sizeof(pSession->szUser), szUser);

@@ -269,4 +269,11 @@ void AuthUserToken(const char *szUser, const char *szPassword, char *szOut)
     szOut[16] = '\0';
 }
 
+int AuthIsToken(const char *szUser, const char *szPassword, const char *szGiven)
+{
+    char token[17];
+    AuthUserToken(szUser, szPassword, token);
+    return SameSecret(token, szGiven);
+}
+
 }  // namespace orx

@@ -48,5 +48,7 @@ int AuthClientLine(Auth *pAuth, const char *szNonce, char *szOut, size_t nSize);
 
 // The 16-character token of a user ("UserAuth") into szOut[17].
 void AuthUserToken(const char *szUser, const char *szPassword, char *szOut);
+// Whether szGiven is that user's token.
+int AuthIsToken(const char *szUser, const char *szPassword, const char *szGiven);
 
 }  // namespace orx

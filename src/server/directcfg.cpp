@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 
 #include "base/console.h"
 #include "base/inifile.h"
@@ -39,15 +38,13 @@ struct ConfigText {
 static int LoadConfig(ConfigText *pConfig)
 {
     char *pRead = GetCfgFileContent(g_server.szConfigPath, &pConfig->nLen);
-    if (!pRead)
+    auto *pLonger = pRead ? static_cast<char *>(realloc(pRead, pConfig->nLen + 1)) : nullptr;
+    if (!pLonger) {
+        free(pRead);
         return 0;
-    pConfig->sz = static_cast<char *>(malloc(pConfig->nLen + 1));
-    if (pConfig->sz)
-        memcpy(pConfig->sz, pRead, pConfig->nLen);
-    free(pRead);
-    if (!pConfig->sz)
-        return 0;
-    pConfig->sz[pConfig->nLen] = '\0';
+    }
+    pLonger[pConfig->nLen] = '\0';
+    pConfig->sz = pLonger;
     return 1;
 }
 
@@ -56,13 +53,9 @@ static int IsSuperToken(const ConfigText *pConfig, const char *szGiven)
 {
     char user[kCredentialSize] = "";
     char password[kCredentialSize] = "";
-    char token[17];
     read_profile_string("USERS", "SuperUser", user, sizeof(user), "", pConfig->sz);
     read_profile_string("USERS", "SuperPwd", password, sizeof(password), "", pConfig->sz);
-    if (!*user)
-        return 0;
-    AuthUserToken(user, password, token);
-    return strcmp(token, szGiven) == 0;
+    return *user && AuthIsToken(user, password, szGiven);
 }
 
 // Sends a text of any length, piece by piece.

@@ -111,10 +111,8 @@ int HandleGetPlayList(Session *pSession, Port *pPort, Request *pRequest)
     int nFound = szUser && szGiven ? GetOwnAccount(szUser, &account) : 0;
     if (nFound < 0)
         return ReplyPeerFault(pSession, pPort);
-    char token[17] = "";
-    if (nFound)
-        AuthUserToken(szUser, account.szPassword, token);
-    if (!nFound || strcmp(token, szGiven) != 0)  // numbered 1 whatever the request's number is
+    if (!nFound ||
+        !AuthIsToken(szUser, account.szPassword, szGiven))  // numbered 1 whatever the request's number is
         return ReplyFormat(pSession, pPort,
                            "RTSP/1.0 401 Unauthorized\r\n" ORX_SERVER_LINE "CSeq: %d\r\n\r\n", 1);
     pSession->nUserLevel = account.nLevel;
