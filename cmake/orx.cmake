@@ -33,6 +33,23 @@ function(orx_module name)
   target_link_libraries(orx_${name} PUBLIC ${M_USES} Threads::Threads)
 endfunction()
 
+# orx_test_headers(unit_base): GoogleTest's headers take longer to compile than most tests, so that all test
+# programs share one precompiled copy of them. It is named without its directory: by a path clang-tidy would find
+# g++'s precompiled file and choke on it, and ccache would want to be told that it may trust it.
+function(orx_test_headers target)
+  if(CMAKE_DISABLE_PRECOMPILE_HEADERS)
+    return()
+  endif()
+  if(NOT TARGET test_headers)
+    add_library(test_headers OBJECT ${PROJECT_SOURCE_DIR}/tests/support/headers.cpp)
+    target_link_libraries(test_headers PRIVATE GTest::gmock)
+    target_precompile_headers(test_headers PRIVATE <gmock/gmock.h> <gtest/gtest.h> <filesystem> <thread>)
+    target_include_directories(test_headers INTERFACE ${CMAKE_CURRENT_BINARY_DIR}/CMakeFiles/test_headers.dir)
+    target_compile_options(test_headers INTERFACE "SHELL:-include cmake_pch.hxx")
+  endif()
+  target_link_libraries(${target} PRIVATE test_headers)
+endfunction()
+
 # orx_unit_test(runtime): one test program per folder, of every source in tests/unit/<folder>. It links that
 # folder's library and so only those below: a use that points upwards does not link.
 function(orx_unit_test name)
@@ -44,5 +61,6 @@ function(orx_unit_test name)
   target_include_directories(unit_${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
   target_compile_definitions(unit_${name} PRIVATE ORX_TEST_DATA="${PROJECT_SOURCE_DIR}/tests/data")
   target_link_libraries(unit_${name} PRIVATE orx_${name} GTest::gmock GTest::gtest_main)
+  orx_test_headers(unit_${name})
   gtest_discover_tests(unit_${name} TEST_PREFIX "unit.${name}." DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120)
 endfunction()

@@ -1,0 +1,1 @@
+// Nothing: the target of this file is what the precompiled headers of the tests are made for.
