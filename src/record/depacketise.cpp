@@ -11,12 +11,6 @@
 
 namespace orx {
 
-constexpr uint8_t NAL_SPS = 7;
-constexpr uint8_t NAL_LAST_SINGLE = 23;
-constexpr uint8_t NAL_STAP_A = 24;
-constexpr uint8_t NAL_FU_A = 28;
-constexpr uint8_t FU_START = 0x80;
-
 int RtpPacketParse(const uint8_t *pPacket, uint32_t nBytes, RtpPacket *pOut)
 {
     ByteReader in{pPacket, nBytes};
@@ -151,7 +145,7 @@ static int EmitFrame(Depacketiser *pTrack, uint8_t nFlags)
 // The kind of a unit as one bit: its type, and of a slice whether it is the first of its picture.
 static uint64_t UnitKind(const uint8_t *pUnit, uint32_t nType)
 {
-    int bSlice = nType == 1 || nType == 2 || nType == 5;
+    int bSlice = nType == 1 || nType == 2 || nType == NAL_IDR;
     int bFirstSlice = bSlice && (pUnit[1] & 0x80);  // first_mb_in_slice is 0
     return uint64_t{1} << (bFirstSlice ? 32 + nType : nType);
 }

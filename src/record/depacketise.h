@@ -11,6 +11,11 @@ namespace orx {
 constexpr uint32_t kFrameBytes = 131072;        // room for a frame while it is put together
 constexpr uint32_t kMaxH264PacketBytes = 2048;  // packets of H.264 are shorter than this
 
+// Unit types of H.264 (RFC 6184, section 5.2), and the bits of a fragment's second byte.
+enum NalType : uint8_t { NAL_IDR = 5, NAL_SPS = 7, NAL_LAST_SINGLE = 23, NAL_STAP_A = 24, NAL_FU_A = 28 };
+constexpr uint8_t FU_START = 0x80;
+constexpr uint8_t FU_END = 0x40;
+
 // A type word: the media character in bits 8-15, record flags in bits 0-7.
 constexpr uint32_t SampleType(char chMedia, uint8_t nFlags)
 {

@@ -13,11 +13,6 @@ namespace orx {
 
 constexpr uint8_t kRtpVersion2 = 0x80;
 constexpr uint8_t kRtpMarker = 0x80;
-constexpr uint8_t NAL_SPS = 7;
-constexpr uint8_t NAL_STAP_A = 24;
-constexpr uint8_t NAL_FU_A = 28;
-constexpr uint8_t FU_START = 0x80;
-constexpr uint8_t FU_END = 0x40;
 constexpr uint32_t kGatherBytes = 1462;  // units of fewer bytes share a packet; one of so many is cut up
 constexpr uint32_t kAmrFramesPerPacket = 15;
 constexpr uint32_t kFrameMs = 20;  // of speech in one AMR frame and one G.711 packet

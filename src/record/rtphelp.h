@@ -11,8 +11,8 @@
 namespace orx {
 
 constexpr uint32_t kMaxPayload = 1460;  // media bytes of one packet
-constexpr uint32_t kMinScratch =
-    8192;  // least size of RtpOut::pScratch: an aggregate of very small units is longer
+// Least size of RtpOut::pScratch: an aggregate of very small units is longer than a packet's payload.
+constexpr uint32_t kMinScratch = 8192;
 
 // Writes the 12 bytes of an RTP header (marker 0) for the track (0..2) at a time in ms and steps its sequence
 // number on. Returns 1, or 0 when the track's clock rate is no multiple of 1000.

@@ -7,9 +7,9 @@
 namespace orx {
 
 struct SdpCodecs {
-    char szVideo[16] = "";  // "H264", "JPEG", or the name as it stands; empty without video
-    char szAudio[16] =
-        "";  // "AMR-NB", "AMR-WB", "PCMU", "PCMA", or the name as it stands; empty without audio
+    // Names in normal form or, of a codec that cannot be recorded, as they stand; empty without the medium.
+    char szVideo[16] = "";  // "H264", "JPEG"
+    char szAudio[16] = "";  // "AMR-NB", "AMR-WB", "PCMU", "PCMA"
 };
 
 // Reads at most two media sections that are of use. Faults are printed and end the scan.

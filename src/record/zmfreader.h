@@ -18,8 +18,7 @@ struct ZMFReader {
     uint32_t nIndex = 0;
     char *szSdp = nullptr;   // owned, with a range line when the duration is known
     uint32_t uDuration = 0;  // ms
-    int bInterrupted =
-        0;  // never closed by its writer: duration and counters come from a walk through the records
+    int bInterrupted = 0;    // never closed: duration and counters come from a walk through the records
     uint32_t uDataBeginOffset = 0;
     int fd = -1;
     uint64_t nFileBytes = 0;

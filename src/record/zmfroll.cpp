@@ -171,7 +171,7 @@ int ZMFWriterSetSdp(ZMFWriter *pWriter, const char *szSdp)
 int ZMFWriterSetAppData(ZMFWriter *pWriter, uint32_t nBytes, const void *pData)
 {
     uint32_t nBlock = pWriter->head.nAppDataBytes;
-    if (nBlock == 0) {
+    if (!pWriter->pAppData) {
         if (nBytes > kZmfTextBlockMax || pWriter->uDataBeginOffset != 0)
             return 0;
         nBlock = (nBytes + 7) / 8 * 8;
@@ -333,9 +333,8 @@ int ZMFWriterCreateNextFile(ZMFWriter *pWriter)
         // The clean-up may have taken the new file's own, still empty directory with it.
         return access(szDir, F_OK) == 0 ? 0 : -1;
     }
-    // A day whose last file was deleted to make the room went with it.
-    if (bDateLayout)
-        StorageMakeDir(szDir);
+    // A directory whose last file was deleted to make the room went with it.
+    StorageMakeDir(szDir);
     if (!OpenFile(pWriter, szPath)) {
         Release(pWriter);
         return -1;

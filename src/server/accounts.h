@@ -13,8 +13,8 @@ struct OwnAccount {
     char szPassword[kPasswordSize] = "";
     int nLevel = 0;
     int bSuper = 0;  // sees every program
-    char szDevices[1024] =
-        "";  // of an ordinary user: the program paths, without leading '/', that he may see
+    // Of an ordinary user: the program paths, without leading '/', that he may see.
+    char szDevices[1024] = "";
 };
 
 // Finds a user there. Returns 1, 0 for an unknown one, or -1 when the configuration cannot be read.

@@ -11,7 +11,6 @@
 namespace orx {
 
 constexpr size_t kMaxFaults = 20;  // enough to see what happened
-constexpr uint8_t NAL_SPS = 7;
 
 namespace {
 
