@@ -32,8 +32,7 @@ struct MediaInfo {
     int64_t nExtTime = 0;
     uint32_t nLastRtpTime = 0;
     int bTimeKnown = 0;
-    uint32_t nTimeShift =
-        0;  // StandardPushers: added to its milliseconds, so that all tracks share a time line
+    uint32_t nTimeShift = 0;  // StandardPushers: added to its ms, so that all tracks share a time line
 };
 
 struct Program;
