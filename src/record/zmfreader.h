@@ -54,9 +54,9 @@ void ZMFReaderClose(ZMFReader *pReader);
 // when something follows that is no whole record.
 const uint8_t *ZMFReaderNextSample(ZMFReader *pReader, int *pnBytes);
 
-// Moves to the last key frame that playback from nTimeMs has to start with. Returns its record, which is the
-// next one to be handed out, and its time in *pnReachedMs. Null, with the position kept, from the duration on
-// or when there is none.
+// Moves to the key frame that playback from nTimeMs starts with: the last one up to the first record of that
+// time or later. Returns its record, which is the next one to be handed out, and its time in *pnReachedMs.
+// Null, with the position kept, from the duration on or when there is none.
 const uint8_t *ZMFReaderSeek(ZMFReader *pReader, uint32_t nTimeMs, uint32_t *pnReachedMs);
 
 // Readies stepping from key frame to key frame, nMoveKeyFrames (not 0) saying in which direction. Returns 1,

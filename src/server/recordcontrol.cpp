@@ -17,7 +17,8 @@ namespace orx {
 struct RecordOrder {
     int nKind = RECORD_MANUAL;
     int nLimitSeconds = 0;               // 0: none
-    char szFile[kStoragePathSize] = "";  // empty: named by the date layout
+    int bNamed = 0;                      // by the request, otherwise by the date layout
+    char szFile[kStoragePathSize] = "";  // its name; empty when that is too long
     uint32_t nPreRecord = 0;             // seconds
 };
 
@@ -108,7 +109,9 @@ static RecordOrder ReadOrder(const Program *pProg, const char *szParams)
         order.nLimitSeconds = TextToInt(p) > 0 ? TextToInt(p) : 0;
     if (const char *p = FindParameter(szParams, "FileName=")) {
         TextBuf text{order.szFile, sizeof(order.szFile)};
-        TextAddBytes(&text, p, strcspn(p, "&"));
+        size_t nName = strcspn(p, "&");
+        order.bNamed = nName > 0;
+        TextAddBytes(&text, p, nName);
     }
     order.nPreRecord = PreRecordSeconds(pProg, order.nKind);
     return order;
@@ -130,9 +133,8 @@ static const char *ProgramDirectory(const Program *pProg)
 // Opens the first file of a recording; null, with the cause printed, when it cannot be made.
 static ZMFWriter *OpenWriter(const Program *pProg, const RecordOrder *pOrder)
 {
-    int bNamed = pOrder->szFile[0] != '\0';
     char szFile[kStoragePathSize] = "";
-    if (bNamed)
+    if (pOrder->bNamed)
         TextCopy(szFile, sizeof(szFile), pOrder->szFile);
     else
         StorageNextPath(szFile, sizeof(szFile), g_server.szRecordPath, ProgramDirectory(pProg),
@@ -140,7 +142,7 @@ static ZMFWriter *OpenWriter(const Program *pProg, const RecordOrder *pOrder)
     print("StartRecord(%s) Limited=%dseconds, PreRecord=%useconds\r\n", szFile, pOrder->nLimitSeconds,
           pOrder->nPreRecord);
     ZMFWriter *pWriter = nullptr;
-    if (!bNamed)
+    if (!pOrder->bNamed)
         pWriter = ZMFWriterCreate(g_server.szRecordPath, ProgramDirectory(pProg), pOrder->nKind, nullptr);
     else if (IsSafeFileName(szFile))
         pWriter = ZMFWriterCreateFile(szFile, pOrder->nKind, nullptr);
