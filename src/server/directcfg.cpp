@@ -48,14 +48,15 @@ static int LoadConfig(ConfigText *pConfig)
     return 1;
 }
 
-// Only the super user's token opens these methods; a configuration without a super user has none.
+// Only the super user's token opens these methods. A configuration with neither name nor password has no
+// super user: the token of two empty texts is nobody's secret.
 static int IsSuperToken(const ConfigText *pConfig, const char *szGiven)
 {
     char user[kCredentialSize] = "";
     char password[kCredentialSize] = "";
     read_profile_string("USERS", "SuperUser", user, sizeof(user), "", pConfig->sz);
     read_profile_string("USERS", "SuperPwd", password, sizeof(password), "", pConfig->sz);
-    return *user && AuthIsToken(user, password, szGiven);
+    return (*user || *password) && AuthIsToken(user, password, szGiven);
 }
 
 // Sends a text of any length, piece by piece.

@@ -34,7 +34,7 @@ struct RemoteServices {
     HttpProxy proxy;
     Unet unet;
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // guards the list
-    List handOvers;                                     // HandOver; those whose task has not run; owned
+    List handOvers;                                     // HandOver, one per task to run; owned
 };
 
 static void FreeHandOver(void * /*pUser*/, void *pItem)
@@ -52,12 +52,13 @@ static void InitHandOvers(List *pList)
     ListDataProc(pList, FreeHandOver, nullptr);
 }
 
-static int OnHandOver(Task *pTask, uint32_t, uint32_t, uint32_t)
+// Of several tasks that wait the newest runs first, but a tunnel's GET must come in before its POST: each
+// task takes the oldest connection.
+static int OnHandOver(Task *, uint32_t, uint32_t, uint32_t)
 {
-    auto *pHandOver = static_cast<HandOver *>(TaskArgument(pTask));
     RemoteServices *pRemote = g_server.pRemote;
     pthread_mutex_lock(&pRemote->mutex);
-    ListRemove(&pRemote->handOvers, pHandOver, 0);
+    auto *pHandOver = static_cast<HandOver *>(ListFirst(&pRemote->handOvers, LIST_DETACH));
     pthread_mutex_unlock(&pRemote->mutex);
     RtspSessionCreate(std::exchange(pHandOver->fd, -1), pHandOver->pData, pHandOver->nLen);
     FreeHandOver(nullptr, pHandOver);
@@ -83,7 +84,7 @@ static int AcceptTunnel(void *pContext, int fd, const void *pData, size_t nLen)
     pthread_mutex_lock(&pRemote->mutex);
     ListAppend(&pRemote->handOvers, pHandOver);
     pthread_mutex_unlock(&pRemote->mutex);
-    TaskSchedule(&g_server.scheduler, OnHandOver, 0, fd, pHandOver);
+    TaskSchedule(&g_server.scheduler, OnHandOver, 0, fd, nullptr);
     return 1;
 }
 

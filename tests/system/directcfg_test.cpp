@@ -94,6 +94,8 @@ TEST_F(DirectCfgTest, OpensToNobodyWithoutASuperUser)
             EXPECT_EQ(Short("401 Unauthorized", client.nCSeq), reply) << szUsers << szUser;
         }
     }
+    WriteFile(server.ConfigPath(), "[USERS]\nSuperPwd=p\n");
+    EXPECT_THAT(Ask("GETCFGDIRECT", Auth("", "p")), StartsWith("RTSP/1.0 200")) << "a password is enough";
 }
 
 // Whoever has got the text and says nothing more is closed after five seconds; whoever goes on is not.
