@@ -1,37 +1,40 @@
 // What the tests of recording share: RTP packets and samples of every kind, made from a few numbers.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "base/assertion.h"
+#include <gtest/gtest.h>
+
 #include "base/bytes.h"
 #include "base/mediatype.h"
 #include "record/rtphelp.h"
-#include "record/storage.h"
 #include "record/zmfreader.h"
 #include "record/zmfwriter.h"
 #include "support/files.h"
+#include "support/output.h"
 
 namespace orx {
 
-inline const char *Bytes(const uint8_t *p)
+inline std::string Text(const uint8_t *p, size_t nBytes)
 {
-    return reinterpret_cast<const char *>(p);
+    return {reinterpret_cast<const char *>(p), nBytes};
 }
 inline const uint8_t *Data(const std::string &text)
 {
     return reinterpret_cast<const uint8_t *>(text.data());
+}
+inline uint32_t Size(const std::string &text)
+{
+    return static_cast<uint32_t>(text.size());
 }
 
 inline std::string Be(uint32_t nValue, size_t nBytes)
 {
     uint8_t bytes[4];
     PutBe(bytes, nBytes, nValue);
-    return {Bytes(bytes), nBytes};
+    return Text(bytes, nBytes);
 }
 
 // nBytes that differ from place to place and with the seed.
@@ -45,11 +48,9 @@ inline std::string Noise(size_t nBytes, uint32_t nSeed)
     return out;
 }
 
-inline std::string Rtp(uint16_t nSeq, uint32_t nTime, bool bMarker, const std::string &payload,
-                       int nPayloadType = 96)
+inline std::string Rtp(uint16_t nSeq, uint32_t nTime, bool bMarker, const std::string &payload)
 {
-    return std::string("\x80", 1) + static_cast<char>((bMarker ? 0x80 : 0) | nPayloadType) + Be(nSeq, 2) +
-           Be(nTime, 4) + Be(0x11223344, 4) + payload;
+    return (bMarker ? "\x80\xE0" : "\x80\x60") + Be(nSeq, 2) + Be(nTime, 4) + Be(0x11223344, 4) + payload;
 }
 
 // A NAL unit of a type; slices begin with the macroblock number 0.
@@ -62,17 +63,10 @@ inline std::string Nal(int nType, size_t nBytes, uint32_t nSeed)
     return unit;
 }
 
+// As it is recorded.
 inline std::string Prefixed(const std::string &unit)
 {
-    return Be(static_cast<uint32_t>(unit.size() + 2), 2) + unit;
-}
-
-inline std::string Stap(const std::vector<std::string> &units)
-{
-    std::string out(1, '\x78');
-    for (const auto &unit : units)
-        out += Be(static_cast<uint32_t>(unit.size()), 2) + unit;
-    return out;
+    return Be(Size(unit) + 2, 2) + unit;
 }
 
 // A unit in fragments of nPart bytes.
@@ -80,9 +74,8 @@ inline std::vector<std::string> Fragments(const std::string &unit, size_t nPart)
 {
     std::vector<std::string> out;
     for (size_t nPos = 1; nPos < unit.size(); nPos += nPart) {
-        int nFlags = (nPos == 1 ? 0x80 : 0) | (nPos + nPart >= unit.size() ? 0x40 : 0);
-        out.push_back(std::string(1, static_cast<char>((unit[0] & 0xE0) | 28)) +
-                      static_cast<char>(nFlags | (unit[0] & 0x1F)) + unit.substr(nPos, nPart));
+        uint32_t nFlags = (nPos == 1 ? 0x80 : 0) | (nPos + nPart >= unit.size() ? 0x40 : 0);
+        out.push_back("\x7C" + Be(nFlags | (unit[0] & 0x1F), 1) + unit.substr(nPos, nPart));
     }
     return out;
 }
@@ -97,118 +90,108 @@ struct Sample {
 
 inline std::ostream &operator<<(std::ostream &out, const Sample &sample)
 {
-    return out << sample.chMedia << (sample.nFlags & ZMF_KEY ? "*" : "") << "@" << sample.nTimeMs << " "
-               << sample.data.size() << " bytes";
+    return out << sample.chMedia << int{sample.nFlags} << "@" << sample.nTimeMs << " " << sample.data.size()
+               << " bytes";
 }
 
-// Every sample that the reader hands out from where it is.
-inline std::vector<Sample> ReadOn(ZMFReader *pReader, int *pnEnd = nullptr)
+// For a Depacketiser whose context is a vector of samples.
+inline int KeepSample(void *pSamples, const uint8_t *p, uint32_t n, uint32_t nTimeMs, uint32_t nType)
 {
-    std::vector<Sample> out;
-    int nBytes = 0;
-    while (const uint8_t *p = ZMFReaderNextSample(pReader, &nBytes)) {
-        ZMFRecordHead head;
-        ZMFRecordHeadDecode(p, &head);
-        EXPECT_EQ(head.nLength, static_cast<uint32_t>(nBytes));
-        out.push_back({head.chMedia, head.nFlags, head.nTimeMs, std::string(Bytes(p) + 8, head.nLength - 8)});
+    static_cast<std::vector<Sample> *>(pSamples)->push_back(
+        {static_cast<char>(nType >> 8), static_cast<uint8_t>(nType), nTimeMs, Text(p, n)});
+    return 1;
+}
+
+struct Reader {
+    ZMFReader *p;
+
+    explicit Reader(const std::string &path) : p(ZMFReaderOpen(path.c_str(), 204800)) {}
+    ~Reader() { ZMFReaderClose(p); }
+    Reader(const Reader &) = delete;
+    Reader &operator=(const Reader &) = delete;
+
+    // Every sample from where it is; how the file ends goes into *pnEnd.
+    std::vector<Sample> ReadOn(int *pnEnd) const
+    {
+        std::vector<Sample> out;
+        while (const uint8_t *pRecord = ZMFReaderNextSample(p, pnEnd)) {
+            ZMFRecordHead head;
+            ZMFRecordHeadDecode(pRecord, &head);
+            EXPECT_EQ(head.nLength, static_cast<uint32_t>(*pnEnd));
+            out.push_back({head.chMedia, head.nFlags, head.nTimeMs, Text(pRecord + 8, head.nLength - 8)});
+        }
+        return out;
     }
-    if (pnEnd)
-        *pnEnd = nBytes;
-    return out;
-}
+};
 
-inline std::vector<Sample> ReadFileSamples(const std::string &path)
-{
-    ZMFReader *pReader = ZMFReaderOpen(path.c_str(), 204800);
-    EXPECT_NE(pReader, nullptr) << path;
-    std::vector<Sample> out = pReader ? ReadOn(pReader) : std::vector<Sample>();
-    ZMFReaderClose(pReader);
-    return out;
-}
-
-constexpr char kVideoSdp[] =
-    "v=0\r\no=- 1 1 IN IP4 0.0.0.0\r\ns=cam\r\na=NickName:Door\r\nm=video 0 RTP/AVP 96\r\n"
-    "a=rtpmap:96 H264/90000\r\na=control:trackID=0\r\nm=audio 0 RTP/AVP 0\r\na=rtpmap:0 PCMU/8000\r\n"
-    "a=control:trackID=1\r\n";
-
-inline int PutSample(ZMFWriter *pWriter, char chMedia, uint8_t nFlags, uint32_t nTimeMs,
-                     const std::string &data)
-{
-    return ZMFWriterWriteSample(pWriter, Data(data), static_cast<uint32_t>(data.size()), nTimeMs,
-                                SampleType(chMedia, nFlags));
-}
-
-inline int PutPacket(ZMFWriter *pWriter, char chMedia, uint32_t nTimeMs, const std::string &packet)
-{
-    return ZMFWriterWriteRtpPacket(pWriter, Data(packet), static_cast<uint32_t>(packet.size()), chMedia,
-                                   nTimeMs);
-}
+constexpr char kVideoSdp[] = "v=0\r\ns=cam\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n";
 
 // A writer that is ready for packets, in a file of its own.
 struct Recorder {
     TempDir dir;
     std::string path = dir.File("rec.zmf");
-    ZMFWriter *pWriter = ZMFWriterCreateFile(path.c_str(), RECORD_MANUAL, nullptr);
+    ZMFWriter *pWriter;
 
-    explicit Recorder(const char *szSdp = kVideoSdp)
+    explicit Recorder(const char *szSdp = kVideoSdp, const char *szLabel = nullptr,
+                      const std::string &appData = "")
+        : pWriter(ZMFWriterCreateFile(path.c_str(), RECORD_MANUAL, szLabel))
     {
         EXPECT_EQ(1, ZMFWriterSetSdp(pWriter, szSdp));
+        EXPECT_EQ(1, ZMFWriterSetAppData(pWriter, Size(appData), appData.data()));
         EXPECT_EQ(1, ZMFWriterWriteHead(pWriter));
     }
-    ~Recorder() { Close(); }
+    ~Recorder() { ZMFWriterFree(pWriter); }
     Recorder(const Recorder &) = delete;
     Recorder &operator=(const Recorder &) = delete;
-    void Close()
+
+    int Put(char chMedia, uint8_t nFlags, uint32_t nTimeMs, const std::string &data) const
     {
-        ZMFWriterFree(pWriter);
-        pWriter = nullptr;
+        return ZMFWriterWriteSample(pWriter, Data(data), Size(data), nTimeMs, SampleType(chMedia, nFlags));
     }
-    std::vector<Sample> Finish()
+    int PutKey(uint32_t nTimeMs, size_t nBytes = 100) const
     {
-        Close();
-        return ReadFileSamples(path);
+        return Put('v', ZMF_KEY, nTimeMs, Nal(7, nBytes, nTimeMs));
+    }
+    // The finished file.
+    std::string Finish()
+    {
+        ZMFWriterFree(std::exchange(pWriter, nullptr));
+        return ReadFile(path);
+    }
+    std::vector<Sample> FinishedSamples()
+    {
+        int nEnd = 1;
+        Finish();
+        return Reader(path).ReadOn(&nEnd);
     }
 };
 
-// While it lives, what a peer's bytes break is refused and not fatal.
-struct SurviveFaults {
-    SurviveFaults() { AssertSurvivePeerFaults(1); }
-    ~SurviveFaults() { AssertSurvivePeerFaults(0); }
-};
-
-// While it lives, the wall clock of recordings can be moved.
-struct MovedClock {
-    ~MovedClock() { RecordTimeSetOffset(0); }
-    void Set(int64_t nSeconds) { RecordTimeSetOffset(nSeconds); }
-};
-
-// A player's output with three tracks, whose packets can be taken apart.
+// A player's output with one track, whose packets can be taken apart.
 struct Player {
     RtpOut out;
     std::vector<uint8_t> scratch = std::vector<uint8_t>(65536);
 
-    explicit Player(bool bInterleaved = false, uint32_t nMediaType = 1, uint32_t nTimeScale = 1000)
+    explicit Player(uint32_t nMediaType = MEDIA_H264, uint32_t nTimeScale = 1000)
     {
-        out.bInterleaved = bInterleaved;
         out.pScratch = scratch.data();
         out.nScratch = static_cast<uint32_t>(scratch.size());
         BlockListInit(&out.Outq, nullptr);
-        out.nTracks = kMaxTracks;
-        for (int i = 0; i < kMaxTracks; i++) {
-            out.tracks[i].bSetUp = 1;
-            out.tracks[i].nMediaType = nMediaType;
-            out.tracks[i].nPayloadType = static_cast<uint8_t>(96 + i);
-            out.tracks[i].nSsrc = 0xA0B0C0D0 + static_cast<uint32_t>(i);
-            out.tracks[i].nNextSeq = 0xFFFE;
-            out.tracks[i].nTimeScale = nTimeScale;
-        }
+        out.nTracks = 1;
+        out.tracks[0] = RtpTrack{1, nMediaType, 96, 0xA0B0C0D0, 0xFFFE, nTimeScale};
     }
     ~Player() { ListEmpty(&out.Outq); }
     Player(const Player &) = delete;
     Player &operator=(const Player &) = delete;
 
+    using PackProc = int (*)(RtpOut *, const uint8_t *, uint32_t, uint32_t, int);
+    int Pack(PackProc pfn, const std::string &sample, uint32_t nTimeMs = 0)
+    {
+        std::vector<uint8_t> exact(sample.begin(), sample.end());  // so that a step past its end is seen
+        return pfn(&out, exact.data(), static_cast<uint32_t>(exact.size()), nTimeMs, 0);
+    }
+
     struct Packet {
-        uint32_t nFlags;
+        int bKey;
         uint32_t nTimeMs;
         std::string data;
         bool Marker() const { return data[1] & 0x80; }
@@ -219,7 +202,8 @@ struct Player {
         std::vector<Packet> packets;
         for (ListNode *p = out.Outq.pFirst; p; p = p->pNext) {
             auto *pBlock = reinterpret_cast<DataBlock *>(p);
-            packets.push_back({pBlock->nFlags, pBlock->nTimestamp, {Bytes(BlockData(pBlock)), pBlock->len}});
+            packets.push_back(
+                {(pBlock->nFlags & DB_KEY) != 0, pBlock->nTimestamp, Text(BlockData(pBlock), pBlock->len)});
         }
         return packets;
     }
