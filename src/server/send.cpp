@@ -34,9 +34,8 @@ struct Batch {
     DataBlock *blocks[kMaxGather];
 };
 
-// The track set up that a media block belongs to, by its RTP payload type; -1 when none does. Blocks of an
-// interleaved session carry the '$' prefix.
-static int BlockTrack(const Session *pSession, const DataBlock *pBlock)
+// Blocks of an interleaved session carry the '$' prefix.
+int BlockTrack(const Session *pSession, const DataBlock *pBlock)
 {
     uint32_t nAt = (pSession->nFlags & SESSION_INTERLEAVED) ? kInterleaveBytes + 1 : 1;
     if (pBlock->len <= nAt)
@@ -79,14 +78,18 @@ static int StartsReports(const Session *pSession, const DataBlock *pBlock)
 // How far playing has gone in real time, for the pacing of recordings.
 struct Pace {
     int bPaced;         // a player of a recording
+    uint32_t nStart;    // ms, the position that PLAY began at
     uint32_t nElapsed;  // ms since PLAY
     uint32_t nSent;     // media ms since PLAY, at the last block
 };
 
+// The rest of a picture is not further ahead than its beginning: it follows at once, so that a pause does not
+// leave the player with a piece of one.
 static int HeldBack(const Pace *pPace, const DataBlock *pBlock)
 {
     return pPace->bPaced && (pBlock->nFlags & DB_MEDIA) &&
-           ClockDiff(pPace->nSent, pPace->nElapsed) > kFileLeadMs;
+           ClockDiff(pPace->nSent, pPace->nElapsed) > kFileLeadMs &&
+           pBlock->nTimestamp - pPace->nStart != pPace->nSent;
 }
 
 // Collects from the head of the queue what can leave in one call. Empty when pacing holds the head back.
@@ -107,7 +110,7 @@ static int Gather(const Session *pSession, Port *pGiven, const Pace *pPace, Batc
         pBatch->pPort = pPort;
         pBatch->blocks[pBatch->nBlocks++] = p;
         if (p->nFlags & DB_MEDIA)
-            pace.nSent = p->nTimestamp - pSession->nPlayStart;
+            pace.nSent = p->nTimestamp - pace.nStart;
         if (StartsReports(pSession, p))
             break;
     }
@@ -308,8 +311,9 @@ static void OnBlocked(Session *pSession, const Port *pPort, int bPush)
 static Pace ReadPace(const Session *pSession)
 {
     if (!pSession->pProg || pSession->pProg->bLive || (pSession->nFlags & SESSION_PUSHER))
-        return {0, 0, 0};
-    return {1, ClockMs() - pSession->nPlayClock, pSession->nPlayPos - pSession->nPlayStart};
+        return {};
+    return {1, pSession->nPlayStart, ClockMs() - pSession->nPlayClock,
+            pSession->nPlayPos - pSession->nPlayStart};
 }
 
 int SendDataEx(Session *pSession, Port *pPort, int bPush)
@@ -320,7 +324,7 @@ int SendDataEx(Session *pSession, Port *pPort, int bPush)
         if (ListCount(&pSession->out.Outq) == 0 && !(pace.bPaced && FillBufferFromFile(pSession)))
             return 1;
         if (pace.bPaced)
-            pace.nSent = pSession->nPlayPos - pSession->nPlayStart;
+            pace.nSent = pSession->nPlayPos - pace.nStart;
         if (!Gather(pSession, pPort, &pace, &batch))
             return 0;
         if (batch.nBlocks == 0)
@@ -358,6 +362,23 @@ static DataBlock *MakeReplyBlock(const void *pText, size_t nLen)
 int SendReply(Session *pSession, Port *pPort, const void *pText, size_t nLen)
 {
     return SendReply2(pSession, pPort, pText, nLen, nullptr, 0, nullptr);
+}
+
+// The first packet that pacing holds back and that a reply need not wait for; null when there is none.
+// Replies keep their order among themselves; reports, which carry the key flag, may be passed.
+static DataBlock *FirstHeldBack(const Session *pSession)
+{
+    Pace pace = ReadPace(pSession);
+    DataBlock *pHeld = nullptr;
+    for (auto *p = pace.bPaced ? ListFirstOf<DataBlock>(&pSession->out.Outq) : nullptr; p; p = NextBlock(p)) {
+        if (!(p->nFlags & (DB_MEDIA | DB_KEY)))
+            pHeld = nullptr;
+        else if (!pHeld && HeldBack(&pace, p))
+            pHeld = p;
+        else if (!pHeld && (p->nFlags & DB_MEDIA))
+            pace.nSent = p->nTimestamp - pace.nStart;
+    }
+    return pHeld;
 }
 
 // Puts a block before another one; behind it when part of that has left already, so that the stream stays
@@ -399,7 +420,7 @@ int SendReply2(Session *pSession, Port *pPort, const void *pText, size_t nLen, c
         FreeDataBlock(pTail);
         return 0;
     }
-    Enqueue(pSession, pHead, pBefore);
+    Enqueue(pSession, pHead, pBefore ? pBefore : FirstHeldBack(pSession));
     if (pTail)
         ListInsert(&pSession->out.Outq, pTail, pHead, 1);
     return SendDataEx(pSession, ReplyPort(pSession, pPort), 0);

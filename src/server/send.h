@@ -1,5 +1,5 @@
-// The output side of a session: replies and media share one queue and never overtake each other.
-// Scheduler thread only.
+// The output side of a session: replies and media share one queue and leave in its order. A reply is put
+// before the packets of a recording that are not yet due. Scheduler thread only.
 #pragma once
 
 #include <cstddef>
@@ -12,6 +12,10 @@
 #define ORX_NO_CACHE "Pragma: no-cache\r\nCache-Control: no-cache\r\n"
 
 namespace orx {
+
+// The track set up that a media block of the session's queue belongs to, by its RTP payload type; -1 when
+// none does.
+int BlockTrack(const Session *pSession, const DataBlock *pBlock);
 
 // Sends from the head of the queue; pPort null: the socket is chosen per block. bPush: a call from the
 // fan-out or the file sender, which come again by themselves. Returns 1 when the queue was drained or the
