@@ -585,10 +585,14 @@ int RtspRespond(RtspClient *pClient, const RtspMessage *pRequest, const char *sz
     return RtspSend(pClient, "RESPOND", nullptr, headers.c_str(), "", nTimeoutMs) != 0;
 }
 
-// A UDP socket on any address and the given port (0: any), or -1.
+// A UDP socket on any address and the given port (0: any), or -1. Its buffer holds what comes at once: the
+// packets since the last key picture, or the second that a recording is sent ahead.
 static int BindUdp(int nPort)
 {
+    constexpr int kBytes = 2 << 20;
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &kBytes, sizeof kBytes) != 0)
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kBytes, sizeof kBytes);
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(static_cast<uint16_t>(nPort));

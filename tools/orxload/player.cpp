@@ -18,7 +18,6 @@ constexpr size_t kTailBytes = 128 * 1024;  // a message longer than this is none
 constexpr size_t kDatagramBytes =
     65536 + 192;                     // not a power of two, so that the buffers do not share cache sets
 constexpr unsigned kDatagrams = 32;  // taken with one call
-constexpr int kUdpBufferBytes = 2 << 20;
 constexpr int kSendTimeoutMs = 1000;
 constexpr uint64_t kSecondUs = 1000000;
 constexpr uint32_t kOwnSsrc = 0x6F72786C;
@@ -30,13 +29,6 @@ static void Fail(LoadPlayer *pPlayer, const char *szWhy)
 {
     pPlayer->client.error = szWhy;
     pPlayer->state = pPlayer->state == LOAD_PLAYING ? LOAD_CUT : LOAD_FAILED;
-}
-
-static void PrepareUdp(RtspTrack *pTrack)
-{
-    for (int fd : {pTrack->udp.fdRtp, pTrack->udp.fdRtcp})
-        if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &kUdpBufferBytes, sizeof kUdpBufferBytes) != 0)
-            setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kUdpBufferBytes, sizeof kUdpBufferBytes);
 }
 
 static int OpenSteps(LoadPlayer *pPlayer, const LoadOptions *pOptions, const std::string &url)
@@ -53,8 +45,6 @@ static int OpenSteps(LoadPlayer *pPlayer, const LoadOptions *pOptions, const std
         RtspTrack *pTrack = &pClient->tracks[i];
         if (!RtspSetup(pClient, i, pPlayer->transport, nullptr, pOptions->nTimeoutMs))
             return 0;
-        if (pTrack->udp.fdRtp >= 0)
-            PrepareUdp(pTrack);
         pPlayer->tracks[i].nPayloadType = pTrack->sdp.nPayloadType;
         pPlayer->tracks[i].bVideo = pTrack->sdp.media == "video";
     }
