@@ -314,15 +314,39 @@ void FlushPlayers(Program *pProg)
     }
 }
 
-void SessionDropQueue(Session *pSession)
+// Whoever plays a recording sees numbers without a hole across pauses and jumps (RFC 2326, appendix B), and
+// so does not wait for packets that never come.
+static void GiveNumberBack(Session *pSession, const DataBlock *pBlock)
+{
+    if (!(pBlock->nFlags & DB_MEDIA) || !pSession->pProg || pSession->pProg->bLive)
+        return;
+    int nTrack = BlockTrack(pSession, pBlock);
+    if (nTrack >= 0)
+        pSession->out.tracks[nTrack].nNextSeq--;
+}
+
+// Drops the blocks that have all of the flags.
+static void DropWaiting(Session *pSession, uint32_t nFlags)
 {
     auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq);
     while (p) {
         DataBlock *pNext = NextBlock(p);
-        if (p->sent == 0)
+        if (p->sent == 0 && (p->nFlags & nFlags) == nFlags) {
+            GiveNumberBack(pSession, p);
             ListRemove(&pSession->out.Outq, p, 1);
+        }
         p = pNext;
     }
+}
+
+void SessionDropQueue(Session *pSession)
+{
+    DropWaiting(pSession, 0);
+}
+
+void SessionDropMedia(Session *pSession)
+{
+    DropWaiting(pSession, DB_MEDIA);
 }
 
 }  // namespace orx

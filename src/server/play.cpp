@@ -50,6 +50,16 @@ static WantedRange ReadRange(const char *szRange)
     return range;
 }
 
+// The number of a track's next packet: of the first one that waits, else of the first one to be made.
+static int NextNumber(const Session *pSession, int nTrack)
+{
+    uint16_t nNumber = pSession->out.tracks[nTrack].nNextSeq;
+    for (auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq); p; p = NextBlock(p))
+        if ((p->nFlags & DB_MEDIA) && p->sent == 0 && BlockTrack(pSession, p) == nTrack)
+            nNumber--;
+    return nNumber;
+}
+
 // The items of the reply's RTP-Info line: the tracks set up, with the number of their next packet if wanted.
 static void WriteRtpInfo(const Session *pSession, const char *szUrl, int bSequence, TextBuf *pText)
 {
@@ -60,9 +70,19 @@ static void WriteRtpInfo(const Session *pSession, const char *szUrl, int bSequen
             continue;
         TextAdd(pText, "%surl=%s/trackID=%d", szComma, szUrl, pSession->tracks[i].nTrackId);
         if (bSequence)
-            TextAdd(pText, ";seq=%d", pTrack->nNextSeq);
+            TextAdd(pText, ";seq=%d", NextNumber(pSession, i));
         szComma = ",";
     }
+}
+
+// What waits is from before the jump. The rest of a block that is under way counts as from behind it, so that
+// the pace follows the new position.
+static void Jump(Session *pSession, uint32_t nReached)
+{
+    SessionDropMedia(pSession);
+    for (auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq); p; p = NextBlock(p))
+        p->nTimestamp = nReached;
+    pSession->nPlayPos = nReached;
 }
 
 // Moves a recording to where the request wants it and writes the reply.
@@ -76,7 +96,7 @@ static void StartFile(Session *pSession, const Request *pRequest, TextBuf *pText
     if (range.nStart &&
         static_cast<uint32_t>(std::abs(ClockDiff(range.nStart, pSession->nPlayPos))) > kSeekTolerance &&
         FileProgramSeek(pProg, range.nStart, &nReached))
-        pSession->nPlayPos = nReached;
+        Jump(pSession, nReached);
     pSession->nPlayStart = pSession->nPlayPos;
     TextAdd(pText,
             "RTSP/1.0 200 OK\r\n" ORX_SERVER_LINE "CSeq: %d\r\nRange: npt=%d.%03d-%d.%03d\r\n" ORX_NO_CACHE
@@ -118,17 +138,21 @@ static DataBlock *StartLive(Session *pSession, const Request *pRequest, TextBuf 
     return pOldHead ? pOldHead : static_cast<DataBlock *>(ListFirst(&pSession->out.Outq, 0));
 }
 
-// A recording that was played to its end can be played again from elsewhere.
-static int MayPlay(const Session *pSession)
+// A recording that was played to its end can be played again from elsewhere. Standard players also jump while
+// it plays: PAUSE is no method that OPTIONS tells them of, and so GStreamer sends none.
+static int MayPlay(const Session *pSession, const Request *pRequest)
 {
-    int bState = pSession->nState == STATE_SETUP || pSession->nState == STATE_PAUSED ||
-                 pSession->nState == STATE_ENDED;
-    return bState && pSession->pProg;
+    if (!pSession->pProg)
+        return 0;
+    if (pSession->nState == STATE_PLAYING)
+        return g_server.bStandardPlayers && !pSession->pProg->bLive && RequestHeaderValue(pRequest, "Range");
+    return pSession->nState == STATE_SETUP || pSession->nState == STATE_PAUSED ||
+           pSession->nState == STATE_ENDED;
 }
 
 int HandlePlay(Session *pSession, Port *pPort, Request *pRequest)
 {
-    if (!MayPlay(pSession)) {
+    if (!MayPlay(pSession, pRequest)) {
         ReplyStatus(pSession, pPort, "455 Method Not Valid in This State");
         return 0;
     }

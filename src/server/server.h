@@ -66,6 +66,7 @@ struct ServerConfig {
     uint32_t nMinutePerFile = 0;
     char *szRecordPath = nullptr;  // owned; ends in '/'
     int bStandardPushers = 0;      // [INTEROP] StandardPushers
+    int bStandardPlayers = 0;      // [INTEROP] StandardPlayers
     int bSurvivePeerFaults = 0;    // [GUARD] SurvivePeerFaults
     int bRunUnprivileged = 0;      // [GUARD] RunUnprivileged
     ProgramHook pfnProgramHook = nullptr;

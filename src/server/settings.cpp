@@ -55,6 +55,7 @@ static const NumberSetting g_numbers[] = {
     {"STORAGE", "MinutePerFile", FIELD(nMinutePerFile), 5, Clamp::MaxOr, 60, 60},
     {"STORAGE", "RecordEnable", FIELD(bRecord), 0, Clamp::None, 0, 0},
     {"INTEROP", "StandardPushers", FIELD(bStandardPushers), 0, Clamp::None, 0, 0},
+    {"INTEROP", "StandardPlayers", FIELD(bStandardPlayers), 0, Clamp::None, 0, 0},
     {"GUARD", "SurvivePeerFaults", FIELD(bSurvivePeerFaults), 0, Clamp::None, 0, 0},
     {"GUARD", "RunUnprivileged", FIELD(bRunUnprivileged), 0, Clamp::None, 0, 0},
 };

@@ -9,6 +9,10 @@
 
 #include "base/assertion.h"
 #include "base/bytes.h"
+#include "record/zmfreader.h"
+#include "record/zmfwriter.h"
+#include "runtime/clock.h"
+#include "server/play.h"
 #include "server/programinit.h"
 #include "server/send.h"
 #include "support/testserver.h"
@@ -541,6 +545,100 @@ TEST_F(PlayerQueueTest, DroppingKeepsTheBlockThatIsUnderWay)
         SessionDropQueue(pPlayer);
         EXPECT_EQ(1U, ListCount(&pPlayer->out.Outq));
     });
+}
+
+// The same player with a recording of twenty seconds, one picture a second.
+struct RecordingQueueTest : PlayerQueueTest {
+    void StartPlaying()
+    {
+        Start("[INTEROP]\nStandardPlayers=1\n");
+        std::string file = server->dir.File("a.zmf");
+        ZMFWriter *pWriter = ZMFWriterCreateFile(file.c_str(), RECORD_MANUAL, nullptr);
+        ASSERT_EQ(1, ZMFWriterSetSdp(pWriter, "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n"));
+        ASSERT_EQ(1, ZMFWriterWriteHead(pWriter));
+        const uint8_t picture[] = {0, 4, 0x67, 0};
+        for (uint32_t i = 0; i <= 20; i++)
+            ASSERT_EQ(1, ZMFWriterWriteSample(pWriter, picture, 4, 1000 * i, 'v' << 8 | 0x40));
+        ZMFWriterFree(pWriter);
+        server->Run([&] {
+            pProg->bLive = 0;
+            pProg->reader = ZMFReaderOpen(file.c_str(), 65536);
+            pPlayer->nPlayClock = ClockMs();
+            pPlayer->out.tracks[0].nNextSeq = 1;
+            pPlayer->out.tracks[1].nNextSeq = 500;
+        });
+        ASSERT_NE(nullptr, pProg->reader);
+    }
+    // Queues a packet of which nSent bytes have left, and returns the rest.
+    std::string Queue(const Packet &packet, uint16_t nSent = 0)
+    {
+        DataBlock *pBlock = MakePacket(packet);
+        pBlock->sent = nSent;
+        ListAppend(&pPlayer->out.Outq, pBlock);
+        pPlayer->out.tracks[packet.nTrack].nNextSeq++;
+        auto *p = reinterpret_cast<char *>(BlockData(pBlock));
+        return {p + nSent, p + pBlock->len};
+    }
+};
+
+TEST_F(RecordingQueueTest, RepliesPassWhatIsNotYetDue)
+{
+    ASSERT_NO_FATAL_FAILURE(StartPlaying());
+    std::string expected;
+    server->Run([&] {
+        expected = Queue({0, 0}, 5);
+        for (const Packet &packet : {Packet{900, 1}, {5000000, 0}, {5000000, 0, 0, 1}})
+            expected += Queue(packet);
+        for (uint32_t i = 0; i < 2; i++)
+            Queue({5000040 + i, static_cast<int>(i)});
+        for (const char *szReply : {"one", "two"}) {
+            EXPECT_EQ(1, SendReply(pPlayer, pPlayer->Cmd, szReply, 3));
+            expected += szReply;
+        }
+        EXPECT_EQ(1, SendReply2(pPlayer, pPlayer->Cmd, "three", 5, "body", 4, nullptr));
+        expected += "threebody";
+    });
+    EXPECT_EQ(expected, Receive(expected.size())) << "a picture that has begun is sent whole";
+    EXPECT_EQ(2U, Waiting());
+}
+
+// A reply that could not leave is not passed by the next one, whatever has become of the media before it.
+TEST_F(RecordingQueueTest, RepliesKeepTheirOrder)
+{
+    ASSERT_NO_FATAL_FAILURE(StartPlaying());
+    server->Run([&] {
+        pPlayer->nPlayPos = 5000000;
+        Queue({5000040, 0});
+        ListAppend(&pPlayer->out.Outq, MakeDataBlock("one", 3, 0, 0, 0));
+        Queue({5000080, 0});
+        EXPECT_EQ(1, SendReply(pPlayer, pPlayer->Cmd, "two", 3));
+        EXPECT_EQ(4U, Waiting());
+        auto *pLast = reinterpret_cast<DataBlock *>(pPlayer->out.Outq.pLast);
+        EXPECT_STREQ("two", reinterpret_cast<const char *>(BlockData(PrevBlock(pLast))));
+    });
+}
+
+// Neither a packet nor a hole in their numbers, and the pace is that of the new place.
+TEST_F(RecordingQueueTest, JumpsLeaveNothingFromBefore)
+{
+    ASSERT_NO_FATAL_FAILURE(StartPlaying());
+    const std::string text = "PLAY rtsp://h/a.zmf RTSP/1.0\r\nCSeq: 1\r\nRange: npt=10-\r\n\r\n";
+    std::string expected;
+    server->Run([&] {
+        Request request;
+        RequestInit(&request);
+        ASSERT_EQ(1, RequestParse(&request, text.data(), text.size()));
+        expected = Queue({0, 0}, 5) + "RTSP/1.0 200 OK\r\n";
+        for (int i = 0; i < 5; i++)
+            Queue({40, i % 2});
+        EXPECT_EQ(1, HandlePlay(pPlayer, pPlayer->Cmd, &request));
+        EXPECT_EQ(10000U, pPlayer->nPlayPos);
+        RequestReset(&request);
+    });
+    std::string data = Receive(expected.size());
+    EXPECT_EQ(expected, data.substr(0, expected.size()));
+    EXPECT_THAT(data, HasSubstr("\r\nRange: npt=10.000-20.000\r\n"));
+    EXPECT_THAT(data, HasSubstr("trackID=0;seq=2,url=rtsp://h/a.zmf/trackID=0;seq=500\r\n"));
 }
 
 }  // namespace
