@@ -1,11 +1,10 @@
 """Pictures with sound: both arrive as they were pushed, on one time line."""
 
 import os
-import subprocess
 import unittest
 
 from case import InteropCase
-from clients import FFMPEG, FFMPEG_REMARKS, Child, FfmpegPusher, Gst, GstPusher, Mpv, OrxPusher
+from clients import FFMPEG, FFMPEG_REMARKS, Child, FfmpegPusher, Gst, GstPusher, Mpv, OrxPusher, packets, sound
 from orxserver import LONG
 
 SECONDS = 60 if LONG else 5
@@ -42,25 +41,6 @@ class GstListener(Gst):
         super().__init__("gst-sound-" + transport, folder, [
             "playbin", "uri=" + url.replace("rtsp", self.schemes[transport], 1), "video-sink=fakesink",
             "audio-sink=filesink buffer-mode=unbuffered location=" + self.copy])
-
-
-def packets(path):
-    """Its packets of either kind, "video" and "audio": (time in seconds, digest)."""
-    text = subprocess.run(["ffprobe", "-loglevel", "error", "-show_data_hash", "MD5", "-show_entries",
-                           "packet=codec_type,dts_time,data_hash", "-of", "csv=print_section=0", path],
-                          check=True, stdout=subprocess.PIPE).stdout.decode()
-    found = {"video": [], "audio": []}
-    for line in text.split():
-        kind, time, digest = line.split(",")[:3]
-        found[kind].append((float(time), digest))
-    return found
-
-
-def sound(source, *how):
-    """The bytes of its sound: as they were sent, without any frames around them; or converted.
-    source: how ffmpeg is to read it."""
-    return subprocess.run(FFMPEG + [*source[:-1], "-i", source[-1], "-map", "0:a", *(how or ("-c", "copy", "-f", "data")), "pipe:1"],
-                          check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
 
 
 def offset(pushed, played):

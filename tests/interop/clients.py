@@ -84,9 +84,9 @@ FFMPEG_REMARKS = ("bind failed: Address already in use", r"^ *Last message repea
 class FfmpegPlayer(Child):
     ignored = FFMPEG_REMARKS
 
-    def __init__(self, folder, url, transport, frames=10**6, name="ffmpeg", options=()):
+    def __init__(self, folder, url, transport, frames=10**6, name="ffmpeg", options=(), before=()):
         super().__init__("%s-%s" % (name, transport), folder, FFMPEG + [
-            "-rtsp_transport", transport, "-i", url, "-map", "0:v", "-fps_mode", "passthrough",
+            "-rtsp_transport", transport, *before, "-i", url, "-map", "0:v", "-fps_mode", "passthrough",
             "-frames:v", str(frames), *options, "-f", "rawvideo", "-pix_fmt", "yuv420p", "pipe:1"], pictures=True)
 
 
@@ -106,10 +106,10 @@ class Mpv(Child):
 
 
 class MpvPlayer(Mpv):
-    def __init__(self, folder, url, transport, frames=10**6, name="mpv"):
+    def __init__(self, folder, url, transport, frames=10**6, name="mpv", options=()):
         super().__init__("%s-%s" % (name, transport), folder, url, [
-            "--rtsp-transport=" + transport, "--frames=%d" % frames, "--no-audio", "--o=pipe:1", "--of=rawvideo",
-            "--ovc=rawvideo"], pictures=True)
+            "--rtsp-transport=" + transport, "--frames=%d" % frames, "--no-audio", *options, "--o=pipe:1",
+            "--of=rawvideo", "--ovc=rawvideo"], pictures=True)
 
 
 class Gst(Child):
@@ -120,8 +120,8 @@ class Gst(Child):
                "Timed out waiting for TEARDOWN", "gst_event_set_seqnum: assertion")
     schemes = {"tcp": "rtspt", "udp": "rtspu", "http": "rtsph"}
 
-    def __init__(self, name, folder, arguments, pictures=False):
-        super().__init__(name, folder, ["gst-launch-1.0", "-q", "-e", *arguments], pictures,
+    def __init__(self, name, folder, arguments, pictures=False, program=("gst-launch-1.0", "-q", "-e")):
+        super().__init__(name, folder, [*program, *arguments], pictures,
                          env={"GST_DEBUG": "2", "GST_DEBUG_NO_COLOR": "1"})
 
     def stop(self, seconds=20):
@@ -149,6 +149,20 @@ class GstPlayer(Gst):
         status = super().wait(seconds)
         del self.pictures[self.frames:]  # what it squeezes out of the decoder at its end is not in order
         return status
+
+
+class GstSeeker(Gst):
+    """Plays everything that there is, from where it is told."""
+
+    # A recording is sent up to a second ahead, where this player's estimate of the sender's clock gives way; and a
+    # remark of its resampler.
+    ignored = Gst.ignored + ("too big, reset skew", "can't find exact taps")
+
+    def __init__(self, folder, url, transport, start=0):
+        super().__init__("gst-play-" + transport, folder, [
+            "--start-position=%d" % start, "--audiosink=fakesink",
+            "--videosink=videoconvert ! video/x-raw,format=I420 ! fdsink fd=1 sync=false",
+            url.replace("rtsp", self.schemes[transport], 1)], True, ("gst-play-1.0", "--no-interactive", "-q"))
 
 
 # Every player with every transport that it has.
@@ -241,10 +255,30 @@ def decode(path):
     raw = subprocess.run(FFMPEG + ["-i", path, "-fps_mode", "passthrough", "-f", "rawvideo", "-pix_fmt", "yuv420p",
                                    "pipe:1"], check=True, stdout=subprocess.PIPE, stdin=subprocess.DEVNULL).stdout
     pictures = [hashlib.md5(raw[i:i + PICTURE]).hexdigest() for i in range(0, len(raw) - PICTURE + 1, PICTURE)]
-    shown = subprocess.run(["ffprobe", "-loglevel", "error", "-show_entries", "frame=key_frame", "-of",
-                            "csv=print_section=0", path], check=True, stdout=subprocess.PIPE).stdout.decode()
+    shown = subprocess.run(["ffprobe", "-loglevel", "error", "-select_streams", "v", "-show_entries", "frame=key_frame",
+                            "-of", "csv=print_section=0", path], check=True, stdout=subprocess.PIPE).stdout.decode()
     keys = [i for i, line in enumerate(shown.split()) if line.startswith("1")]
     return pictures, keys
+
+
+def packets(path):
+    """Its packets of either kind, "video" and "audio": (time in seconds, digest)."""
+    text = subprocess.run(["ffprobe", "-loglevel", "error", "-show_data_hash", "MD5", "-show_entries",
+                           "packet=codec_type,dts_time,data_hash", "-of", "csv=print_section=0", path],
+                          check=True, stdout=subprocess.PIPE).stdout.decode()
+    found = {"video": [], "audio": []}
+    for line in text.split():
+        kind, time, digest = (line + ",").split(",")[:3]
+        if kind:  # the first packet of some encoders takes two lines
+            found[kind].append((float(time), digest))
+    return found
+
+
+def sound(source, *how):
+    """The bytes of its sound: as they were sent, without any frames around them; or converted.
+    source: how ffmpeg is to read it."""
+    return subprocess.run(FFMPEG + [*source[:-1], "-i", source[-1], "-map", "0:a", *(how or ("-c", "copy", "-f", "data")), "pipe:1"],
+                          check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
 
 
 def mismatch(got, reference):

@@ -15,7 +15,7 @@ LONG = os.environ.get("ORX_LONG", "0") == "1"
 # What every test needs; a test's own settings go on top.
 DEFAULTS = {
     "SERVER": {"ListenIp": "127.0.0.1", "AuthType": "0"},
-    "INTEROP": {"StandardPushers": "1"},
+    "INTEROP": {"StandardPushers": "1", "StandardPlayers": "1"},
     "GUARD": {"SurvivePeerFaults": "1", "RunUnprivileged": "1"},
 }
 FAULTS = ("Sanitizer", "runtime error:", "ssertion", "SIGSEGV", "unknown event")

@@ -55,7 +55,7 @@ class UdpPlayer:
         while b"\r\n\r\n" not in self.held:
             self._receive()
         head, self.held = self.held.split(b"\r\n\r\n", 1)
-        text = head.decode()
+        text = head.decode() + "\r\n"
         length = int((re.search(r"Content-Length: (\d+)", text) or [0, 0])[1])
         while len(self.held) < length:
             self._receive()

@@ -1,0 +1,120 @@
+"""Recordings: what real players and the export make of them is what was pushed."""
+
+import os
+import re
+import subprocess
+import unittest
+
+from case import InteropCase
+from clients import FFMPEG, FPS, FfmpegPlayer, GstSeeker, MpvPlayer, OrxPusher, decode, mismatch, packets, sound
+from orxserver import wait_for
+from rtspplayer import UdpPlayer
+
+TRANSPORTS = ("tcp", "udp", "http")
+ZMF_PROGRAM = os.environ.get("ORX_ZMF", "orxzmf")
+SPEED = 4  # of the pusher, so that a recording does not take as long as it is
+
+
+class Recordings(InteropCase):
+    settings = {"SERVER": {"EnableFilePrg": 1}, "STORAGE": {"RecordEnable": 1}}
+
+    def record(self, seconds, **settings):
+        """Records orxpush, and stores its media and its pictures, which are those that were pushed."""
+        root = os.path.join(self.dir, "rec")
+        self.start(**{**settings, "STORAGE": {"RecordPath": root}})
+        pusher = self.add(OrxPusher(self.dir, self.server.url(), seconds=seconds, sound=True,
+                                    options=("--speed", str(SPEED))))
+        self.wait_program()
+        control = UdpPlayer(self.server.url())
+        control.request("DESCRIBE")
+        control.request("RECORDEX", headers="ActionParam: EventType=1\r\n")
+        self.assertEqual(0, pusher.wait(seconds + 40))
+        control.close()
+        self.assert_empty()
+        self.name = subprocess.run(["find", root, "-name", "*.zmf", "-printf", "%P"], check=True,
+                                   stdout=subprocess.PIPE).stdout.decode()
+        self.url = self.server.url(self.name)
+        self.zmf("check")
+        self.pictures, self.keys = decode(self.zmf("export", "h264"))
+        self.assertGreater(len(self.pictures), (seconds - SPEED) * FPS)
+        self.assertIsNone(mismatch(self.pictures, pusher.reference()))
+        with open(pusher.alaw, "rb") as pushed, open(self.zmf("export", "g711"), "rb") as f:
+            self.alaw = f.read()
+            self.assertIn(self.alaw, pushed.read())
+
+    def zmf(self, command, ending=None):
+        """Runs orxzmf on the recording. The file that it makes."""
+        made = [os.path.join(self.dir, "export." + ending)] if ending else []
+        done = subprocess.run([ZMF_PROGRAM, command, os.path.join(self.dir, "rec", self.name), *made],
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        self.assertEqual(0, done.returncode, done.stdout)
+        return made[0] if made else None
+
+    def check(self, players, first, last):
+        """Each has decoded these pictures, all of them and nothing else."""
+        for player in players:
+            with self.subTest(player.name):
+                self.assertIsNone(mismatch(player.pictures, (self.pictures[first:], [0])))
+                self.assertEqual(last - first, len(player.pictures))
+                self.assertEqual([], player.complaints())
+        self.assert_empty()
+
+    def test_to_the_end(self):
+        """The whole of it; a report tells the players when there is no more."""
+        self.record(10, SERVER={"EnableRtcp": 1})
+        players = [self.add(FfmpegPlayer(self.dir, self.url, transport)) for transport in TRANSPORTS]
+        players += [self.add(MpvPlayer(self.dir, self.url, transport)) for transport in ("tcp", "udp")]
+        players += [self.add(GstSeeker(self.dir, self.url, transport)) for transport in TRANSPORTS]
+        status = {player.name: player.wait(60) for player in players}
+        self.assertEqual({}, {name: s for name, s in status.items() if s != 0}, "exit status of players")
+        self.check(players, 0, len(self.pictures))
+
+    def test_from_elsewhere(self):
+        """ffmpeg and mpv pause, and go on elsewhere; GStreamer only asks for another place."""
+        self.record(12)
+        start, frames = 6, 2 * FPS
+        players = [self.add(FfmpegPlayer(self.dir, self.url, transport, frames, before=("-ss", str(start))))
+                   for transport in TRANSPORTS]
+        players += [self.add(MpvPlayer(self.dir, self.url, transport, frames, options=("--start=%d" % start,)))
+                    for transport in ("tcp", "udp")]
+        seekers = [self.add(GstSeeker(self.dir, self.url, transport, start)) for transport in TRANSPORTS]
+        for player in players:
+            self.assertEqual(0, player.wait(60), player.name)
+        first, last = start * FPS, start * FPS + frames
+        for player in seekers:
+            self.assertTrue(wait_for(lambda: self.pictures[last - 1] in player.pictures, 60), player.name)
+            player.stop()
+            # it has begun at the start, and over UDP some of that may still be under way when it asks
+            before = [picture for picture in player.pictures if picture in self.pictures[:first]]
+            player.pictures = player.pictures[len(before):][:frames]
+        self.check(players + seekers, first, last)
+
+    def test_export(self):
+        """Files that others read without a word: every picture at its time, and the sound."""
+        self.record(8)
+        for ending in ("mkv", "mp4"):
+            with self.subTest(ending):
+                path = self.zmf("export", ending)
+                said = subprocess.run(FFMPEG + ["-i", path, "-f", "null", "-"], check=True,
+                                      stdout=subprocess.PIPE, stderr=subprocess.STDOUT).stdout.decode()
+                self.assertEqual("", re.sub("Guessed Channel Layout.*\n", "", said))
+                self.assertEqual((self.pictures, self.keys), decode(path))
+                found = packets(path)
+                times = [time for time, _ in found["video"]]
+                self.assertLess(max(abs(time - i / FPS - times[0]) for i, time in enumerate(times)), 0.002)
+                for i in (0, -1):
+                    self.assertLess(abs(found["audio"][i][0] - times[i]), 0.2)
+                self.assertLess(abs(duration(path) - len(self.pictures) / FPS), 0.1)
+                if ending == "mkv":  # where the sound loses nothing
+                    self.assertEqual(sound(["-f", "alaw", "-ar", "8000", self.zmf("export", "g711")], "-f", "s16le"),
+                                     sound([path]))
+
+
+def duration(path):
+    """Of a file, in seconds, as its head says."""
+    return float(subprocess.run(["ffprobe", "-loglevel", "error", "-show_entries", "format=duration", "-of",
+                                 "csv=print_section=0", path], check=True, stdout=subprocess.PIPE).stdout)
+
+
+if __name__ == "__main__":
+    unittest.main()
