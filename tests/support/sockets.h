@@ -67,12 +67,12 @@ struct Sock {
         pollfd wait{fd, POLLIN, 0};
         return poll(&wait, 1, nMs) > 0;
     }
-    // What comes in until nBytes are there, the other side closes or nothing came for 5 seconds.
+    // What comes in until nBytes are there, the other side closes or nothing came for 20 seconds.
     std::string Read(size_t nBytes) const
     {
         std::string data;
         char buffer[65536];
-        while (data.size() < nBytes && Readable(5000)) {
+        while (data.size() < nBytes && Readable(20000)) {
             ssize_t n = recv(fd, buffer, std::min(sizeof(buffer), nBytes - data.size()), 0);
             if (n <= 0)
                 break;
@@ -131,7 +131,7 @@ struct Listener {
         listen(sock.fd, 512);
         nPort = PortOf(sock.fd);
     }
-    Sock Accept(int nMs = 5000) const
+    Sock Accept(int nMs = 20000) const
     {
         return Sock(sock.Readable(nMs) ? accept4(sock.fd, nullptr, nullptr, SOCK_CLOEXEC) : -1);
     }

@@ -22,7 +22,7 @@
 
 namespace orx {
 
-constexpr int kRtspTimeoutMs = 5000;
+constexpr int kRtspTimeoutMs = 20000;
 
 enum RtspTransport {
     RTSP_OVER_TCP,     // media as '$' frames on the connection
