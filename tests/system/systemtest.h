@@ -21,7 +21,8 @@ struct SystemTest : testing::Test {
     void StartCamera(const std::string &sdp, const std::string &path = "/cam");
     // Connects a client anew.
     void Connect(RtspClient *pClient, const std::string &path = "/cam");
-    // Waits until what the pusher sent has left for its players: that happens on every second read from it.
+    // Waits until what the pusher sent has left for its players: every second read from it sends what waits
+    // for one of them, from six packets on.
     void Deliver();
     void TearDown() override;
 };
