@@ -1,25 +1,17 @@
 // What a peer's bytes can break: with the guard on it ends that peer's session and nothing else, with the
-// guard off it stops the process. (The faults of SETUP are with the other methods of players.)
+// guard off it stops the process.
 #include <csignal>
-#include <string>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <sys/socket.h>
 
-#include "client/rtppacket.h"
-#include "system/orxprocess.h"
+#include "system/systemtest.h"
 
 namespace orx {
 namespace {
 
-using testing::HasSubstr;
-
-std::string Frame(int nChannel, const std::string &packet)
-{
-    std::string frame;
-    FrameAddHead(&frame, nChannel, packet.size());
-    return frame + packet;
-}
+const std::string kCookie = " / HTTP/1.0\r\nx-sessioncookie: c\r\n";
+const std::string kPost = "POST" + kCookie + "Content-Type: application/x-rtsp-tunnelled\r\n\r\n";
+const char *const kOptionsEncoded = "T1BUSU9OUyAqIFJUU1AvMS4wDQpDU2VxOiAxDQoNCg==";  // with CSeq 1
 
 std::string LongHead(size_t nBytes)
 {
@@ -27,177 +19,159 @@ std::string LongHead(size_t nBytes)
     return head + std::string(nBytes - head.size() - 4, 'x') + "\r\n\r\n";
 }
 
-const char kPost[] =
-    "POST / HTTP/1.0\r\nx-sessioncookie: c\r\nContent-Type: application/x-rtsp-tunnelled\r\n\r\n";
-
-struct Fault {
-    const char *szName;
-    const char *szText;  // of the assertion
-    // What the peer does; the connection that is to end is the first one.
-    void (*pfnDo)(OrxProcess *pServer, RtspClient *pFirst, RtspClient *pSecond);
-};
-
-void Connect(OrxProcess *pServer, RtspClient *pClient)
-{
-    ASSERT_EQ(1, RtspConnect(pClient, pServer->Url("/faulty").c_str()));
-}
-
-void Send(RtspClient *pClient, const std::string &bytes)
-{
-    ASSERT_EQ(1, RtspSendRaw(pClient, bytes.data(), bytes.size()));
-}
-
-// A GET half that waits, and what else came on its connection.
-void Wait(OrxProcess *pServer, RtspClient *pGet, const std::string &further)
-{
-    Connect(pServer, pGet);
-    Exchange(pGet, "GET / HTTP/1.0\r\nx-sessioncookie: c\r\n\r\n");
-    Send(pGet, further);
-}
-
-void AnnounceAndPush(OrxProcess *pServer, RtspClient *pPusher, const std::string &rate)
-{
-    std::string sdp =
-        "v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/" + rate + "\r\na=control:trackID=0\r\n";
-    ASSERT_EQ(1, RtspOpenPusher(pPusher, pServer->Url("/faulty").c_str(), sdp));
-    std::string packet = CameraPacket(0, 1, 1, "\x65");
-    RtspSendFrame(pPusher, 0, packet.data(), packet.size());
-}
-
-constexpr char kRateText[] = "(pProg->mediaInfos[nTrackId].nTimeScale % 1000) == 0";
-
-const Fault kFaults[] = {
-    {"channel beyond the tracks", "nTrackId < 8",
-     [](OrxProcess *pServer, RtspClient *pFirst, RtspClient *) {
-         Connect(pServer, pFirst);
-         Send(pFirst, Frame(8, "x"));
-     }},
-    {"the highest channel", "nTrackId < 8",
-     [](OrxProcess *pServer, RtspClient *pFirst, RtspClient *) {
-         Connect(pServer, pFirst);
-         Send(pFirst, Frame(255, ""));
-         Send(pFirst, "x");
-     }},
-    {"clock rate with odd milliseconds", kRateText,
-     [](OrxProcess *pServer, RtspClient *pFirst, RtspClient *) {
-         AnnounceAndPush(pServer, pFirst, "44100");
-     }},
-    {"clock rate below a thousand", kRateText,
-     [](OrxProcess *pServer, RtspClient *pFirst, RtspClient *) { AnnounceAndPush(pServer, pFirst, "90"); }},
-    {"header block of 4096 bytes", "nLen2Parse < sizeof(szTmpuff)",
-     [](OrxProcess *pServer, RtspClient *pFirst, RtspClient *) {
-         Connect(pServer, pFirst);
-         Send(pFirst, LongHead(4096));
-     }},
-    {"header block of far more", "nLen2Parse < sizeof(szTmpuff)",
-     [](OrxProcess *pServer, RtspClient *pFirst, RtspClient *) {
-         Connect(pServer, pFirst);
-         Send(pFirst, LongHead(16000));
-     }},
-    {"POST for a GET half that has a reply connection", "!p->Reply && session->Cmd==port",
-     [](OrxProcess *pServer, RtspClient *pFirst, RtspClient *pSecond) {
-         RtspMessage reply;
-         Wait(pServer, pSecond, MakeRequest("DESCRIBE", "/good", 1));
-         ASSERT_EQ(1, RtspWaitReply(pSecond, 1, &reply));
-         ASSERT_EQ(200, reply.nStatus);
-         Connect(pServer, pFirst);
-         Send(pFirst, kPost);
-     }},
-    {"POST for a GET half that has sent on", "!p->nLen",
-     [](OrxProcess *pServer, RtspClient *pFirst, RtspClient *pSecond) {
-         Wait(pServer, pSecond, "OPT");
-         pServer->Stat();  // it was read before the POST comes
-         Connect(pServer, pFirst);
-         Send(pFirst, kPost);
-     }},
-    {"padding that no encoder makes", "!\"Invalid input stream!\"",
-     [](OrxProcess *pServer, RtspClient *pFirst, RtspClient *pSecond) {
-         Wait(pServer, pSecond, "");
-         Connect(pServer, pFirst);
-         Send(pFirst, kPost);
-         Send(pFirst, "T1BU====");
-     }},
-    {"a tunnel whose GET half has gone", "session->Reply",
-     [](OrxProcess *pServer, RtspClient *pFirst, RtspClient *pSecond) {
-         Wait(pServer, pSecond, "");
-         Connect(pServer, pFirst);
-         Send(pFirst,
-              std::string(kPost) + "T1BUSU9OUyAqIFJUU1AvMS4wDQpDU2VxOiAxDQoNCg==");  // OPTIONS, CSeq 1
-         ASSERT_EQ(1, RtspWaitReply(pSecond, 1, nullptr));
-         int nFreed = CountText(pServer->Output(), "OnFreePort(");
-         RtspClose(pSecond);
-         ASSERT_TRUE(pServer->WaitOutput("OnFreePort(", nFreed + 1));
-         Send(pFirst, "T1BUSU9OUyAqIFJUU1AvMS4wDQpDU2VxOiAxDQoNCg==");
-     }},
-};
-
-struct GuardTest : testing::TestWithParam<Fault> {
+// A server with a good program, the peer that is at fault, and the other half of its tunnel.
+struct Scene {
     OrxProcess server;
-    RtspClient pusher, first, second;
+    RtspClient pusher, peer, get;
 
-    void Start(const char *szGuard)
+    explicit Scene(const char *szGuard)
     {
         server.Set("GUARD", "SurvivePeerFaults", szGuard);
         server.Start();
-        ASSERT_EQ(1, RtspOpenPusher(&pusher, server.Url("/good").c_str(), CameraSdp()));
+        EXPECT_EQ(1, RtspOpenPusher(&pusher, server.Url("/good").c_str(), CameraSdp()));
     }
-    void TearDown() override
+    void Connect(const char *szPath = "/good")
     {
-        if (HasFailure())
-            fprintf(stderr, "--- output of the server ---\n%s\n--- end ---\n", server.Output().c_str());
+        ASSERT_EQ(1, RtspConnect(&peer, server.Url(szPath).c_str()));
+    }
+    void Send(const std::string &bytes) { EXPECT_EQ(1, RtspSendRaw(&peer, bytes.data(), bytes.size())); }
+    // A GET half that waits; what else comes on its connection.
+    void Wait(const std::string &further)
+    {
+        ASSERT_EQ(1, RtspConnect(&get, server.Url("/good").c_str()));
+        Exchange(&get, "GET" + kCookie + "\r\n");
+        RtspSendRaw(&get, further.data(), further.size());
+    }
+    void Setup(const char *szPath, const std::string &headers)
+    {
+        EXPECT_EQ(1, RtspDescribe(&peer));
+        Send(MakeRequest("SETUP", server.Url(szPath), ++peer.nCSeq, headers));
+    }
+    void Push(const char *szRate)
+    {
+        std::string sdp = "v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/" + std::string(szRate) +
+                          "\r\na=control:trackID=0\r\n";
+        ASSERT_EQ(1, RtspOpenPusher(&peer, server.Url("/faulty").c_str(), sdp));
+        Send(Frame(0, CameraPacket(0, 1, 1, "\x65")));
+    }
+    // A tunnel that has lost the half which replies go to.
+    void LoseReplies(const char *szMethod)
+    {
+        ASSERT_EQ(1, RtspConnectTunnel(&peer, server.Url("/good").c_str()));
+        ASSERT_TRUE(Answers(&peer));
+        int nFreed = CountText(server.Output(), "OnFreePort(");
+        shutdown(peer.fd, SHUT_RDWR);
+        ASSERT_TRUE(server.WaitOutput("OnFreePort(", nFreed + 1));
+        ASSERT_NE(0, RtspSend(&peer, szMethod, nullptr));
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(Peers, GuardTest, testing::ValuesIn(kFaults),
-                         [](const testing::TestParamInfo<Fault> &info) {
-                             std::string name;
-                             for (const char *p = info.param.szName; *p; p++)
-                                 name += isalnum(static_cast<unsigned char>(*p)) ? *p : '_';
-                             return name;
-                         });
+const std::string kUdp = "Transport: RTP/AVP;unicast;client_port=";
+const char kHeadText[] = "nLen2Parse < sizeof(szTmpuff)";
+const char kRateText[] = "(pProg->mediaInfos[nTrackId].nTimeScale % 1000) == 0";
+const char kTracksText[] = "session->nTrackCount>=1 && session->nTrackCount < 4";
 
-TEST_P(GuardTest, EndsTheSessionWhenOn)
+const struct Fault {
+    const char *szName, *szText;  // the text of the assertion
+    void (*pfnDo)(Scene *);       // what the peer, who is connected, does
+    bool bRefused = false;        // it is told so
+} kFaults[] = {
+    {"channel beyond the tracks", "nTrackId < 8", [](Scene *p) { p->Send(Frame(8, "x")); }},
+    {"the highest channel", "nTrackId < 8", [](Scene *p) { p->Send(Frame(255, "") + "x"); }},
+    {"clock rate with odd milliseconds", kRateText, [](Scene *p) { p->Push("44100"); }},
+    {"clock rate below a thousand", kRateText, [](Scene *p) { p->Push("90"); }},
+    {"header block of 4096 bytes", kHeadText, [](Scene *p) { p->Send(LongHead(4096)); }},
+    {"header block of far more", kHeadText, [](Scene *p) { p->Send(LongHead(16000)); }},
+    {"POST for a GET half that has a reply connection", "!p->Reply && session->Cmd==port",
+     [](Scene *p) {
+         p->Wait(MakeRequest("DESCRIBE", "/good", 1));
+         ASSERT_EQ(1, RtspWaitReply(&p->get, 1, nullptr));
+         p->Send(kPost);
+     }},
+    {"POST for a GET half that has sent on", "!p->nLen",
+     [](Scene *p) {
+         p->Wait("OPT");
+         ASSERT_TRUE(Answers(&p->pusher));  // it was read before the POST comes
+         p->server.Stat();
+         p->Send(kPost);
+     }},
+    {"padding that no encoder makes", "!\"Invalid input stream!\"",
+     [](Scene *p) {
+         p->Wait("");
+         p->Send(kPost + "T1BU====");
+     }},
+    {"OPTIONS on half a tunnel", "session->Reply", [](Scene *p) { p->LoseReplies("OPTIONS"); }},
+    {"DESCRIBE on half a tunnel", "session->Reply!=((void *)0) && session->Reply!=port",
+     [](Scene *p) { p->LoseReplies("DESCRIBE"); }},
+    {"SETUP of no track", "", [](Scene *p) { p->Setup("/good", kOverTcp); }, true},
+    {"SETUP over nothing known", "",
+     [](Scene *p) { p->Setup("/good/trackID=0", "Transport: RAW/RAW/UDP\r\n"); }, true},
+    {"SETUP without a transport", "", [](Scene *p) { p->Setup("/good/trackID=0", ""); }, true},
+    {"ports that are no pair", "atoi(s+1)==nRemotePort+1",
+     [](Scene *p) { p->Setup("/good/trackID=0", kUdp + "5000-5003\r\n"); }, true},
+    {"port 0", "nLocalPort && nRemotePort", [](Scene *p) { p->Setup("/good/trackID=0", kUdp + "0-1\r\n"); },
+     true},
+    {"port 65536", "nLocalPort && nRemotePort",
+     [](Scene *p) { p->Setup("/good/trackID=0", kUdp + "65535-65536\r\n"); }, true},
+    {"a program of four tracks", kTracksText,
+     [](Scene *p) {
+         EXPECT_EQ(1, RtspConnect(&p->get, p->server.Url("/four").c_str()));
+         EXPECT_EQ(1, RtspAnnounce(&p->get, CameraSdp(4)));
+         p->Connect("/four");
+         p->Setup("/four/trackID=0", kOverTcp);
+     },
+     true},
+};
+
+TEST(Guard, EndsTheSessionWhenOn)
 {
-    Start("1");
-    const Fault &fault = GetParam();
-    std::string line = std::string("Assertion `") + fault.szText + "' failed.";
-    for (int n = 1; n <= 3; n++) {  // over and over
-        fault.pfnDo(&server, &first, &second);
-        EXPECT_TRUE(server.WaitOutput(line, n));
-        EXPECT_EQ(1, RtspWaitClosed(&first));
+    Scene scene("1");
+    for (const Fault &fault : kFaults) {
+        SCOPED_TRACE(fault.szName);
+        size_t nFrom = scene.server.Output().size();
+        scene.Connect();
+        fault.pfnDo(&scene);
+        EXPECT_TRUE(scene.server.WaitOutput("Assertion `" + std::string(fault.szText), 1, nFrom));
         RtspMessage reply;
-        EXPECT_EQ(1, RtspRequest(&pusher, "OPTIONS", nullptr, nullptr, "", &reply)) << "nobody else's";
-        RtspClose(&first);
-        RtspClose(&second);
-        EXPECT_TRUE(WaitFor([&] { return server.Stat().nMonitors == 2; })) << "nothing of it stays";
+        if (fault.bRefused) {
+            EXPECT_EQ(1, RtspWaitReply(&scene.peer, scene.peer.nCSeq, &reply));
+            EXPECT_EQ(400, reply.nStatus);
+        }
+        EXPECT_EQ(1, RtspWaitClosed(&scene.peer));
+        EXPECT_TRUE(Answers(&scene.pusher)) << "nobody else's";
+        RtspClose(&scene.peer);
+        RtspClose(&scene.get);
     }
-    EXPECT_EQ(0, server.Quit());
-    EXPECT_THAT(server.Output(), testing::Not(HasSubstr("Sanitizer")));
+    EXPECT_TRUE(WaitFor([&] { return scene.server.Stat().nMonitors == 2; })) << "nothing of them stays";
+    EXPECT_EQ(0, scene.server.Quit());
+    EXPECT_EQ(0, CountText(scene.server.Output(), "Sanitizer"));
 }
 
-TEST_P(GuardTest, StopsTheProcessWhenOff)
+TEST(Guard, StopsTheProcessWhenOff)
 {
-    Start("0");
-    GetParam().pfnDo(&server, &first, &second);
-    EXPECT_EQ(256 + SIGABRT, server.WaitExit());
-    EXPECT_THAT(server.Output(), HasSubstr(std::string("Assertion `") + GetParam().szText + "' failed."));
+    for (const Fault &fault : kFaults) {
+        SCOPED_TRACE(fault.szName);
+        Scene scene("0");
+        scene.Connect();
+        fault.pfnDo(&scene);
+        EXPECT_EQ(256 + SIGABRT, scene.server.WaitExit());
+        EXPECT_EQ(1, CountText(scene.server.Output(), "Assertion `" + std::string(fault.szText)));
+    }
 }
 
 // One byte less, and everything is fine in either setting.
 TEST(Guard, LimitsAreNotFaults)
 {
-    OrxProcess server;
-    server.Start();
-    RtspClient client, pusher;
-    Connect(&server, &client);
-    RtspMessage reply;
-    Send(&client, LongHead(4095));
-    EXPECT_EQ(1, RtspWaitReply(&client, 1, &reply));
-    Send(&client, Frame(7, "x"));
-    EXPECT_EQ(1, RtspRequest(&client, "OPTIONS", nullptr, nullptr, "", &reply));
-    AnnounceAndPush(&server, &pusher, "1000");
-    EXPECT_EQ(1, RtspRequest(&pusher, "OPTIONS", nullptr, nullptr, "", &reply));
-    EXPECT_EQ(0, server.Quit());
+    Scene scene("0");
+    scene.Connect();
+    scene.Send(LongHead(4095));
+    EXPECT_EQ(1, NextAnswer(&scene.peer));
+    scene.Send(Frame(7, "x"));
+    scene.peer.nCSeq = 1;
+    EXPECT_TRUE(Answers(&scene.peer));
+    scene.Push("1000");
+    EXPECT_TRUE(Answers(&scene.peer));
+    EXPECT_EQ(0, scene.server.Quit());
 }
 
 }  // namespace
