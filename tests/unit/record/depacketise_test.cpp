@@ -86,6 +86,23 @@ TEST(H264, AFrameWithALostPartIsDroppedWholeAndNoOther)
     }
 }
 
+// A cache that was trimmed holds whole key frames with gaps between them, and some encoders begin pictures
+// with any slice.
+TEST(H264, WholeFramesBehindAGapAreKept)
+{
+    Track t(WriteH264RtpData);
+    std::string any = Nal(1, 80, 4);
+    any[1] = static_cast<char>(any[1] & 0x7F);
+    for (uint32_t nFrame = 1; nFrame <= 3; nFrame++) {
+        t.Put(nFrame, false, Nal(7, 20, 5), 9);
+        t.Put(nFrame, true, Nal(5, 90, 7));
+    }
+    t.Put(4, true, Nal(7, 20, 5), 9);
+    t.Put(5, true, any);
+    t.Put(7, true, any, 1);
+    EXPECT_THAT(t.Frames(), ElementsAre(1, 2, 3, 4, 5, 7));
+}
+
 TEST(H264, PacketsThatCannotBeUsedChangeNothing)
 {
     Track t(WriteH264RtpData);
