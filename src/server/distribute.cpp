@@ -62,7 +62,8 @@ static int QueueCopy(Session *pSession, const DataBlock *pBlock)
 // Sends what waits, and a report when one is due. 0 when the player is to be given up.
 static int Flush(Session *pSession)
 {
-    if (!SendDataEx(pSession, nullptr, 1) || ListCount(&pSession->out.Outq) > kGiveUpAbove)
+    if (!SendDataEx(pSession, nullptr, 1) ||
+        ListCount(&pSession->out.Outq) > kGiveUpAbove + pSession->nStartBlocks)
         return 0;
     if (pSession->nFlags & SESSION_RTCP)
         SendRtcpReport(pSession);
@@ -297,6 +298,7 @@ int FillBufferAtFirstPlay(Session *pSession)
         pSession->tracks[nTrack].nFirstRtpTime = GetBe(BlockData(p) + 8, 4);
     }
     PrintCounts(pProg, pSession);
+    SendStartBurst(pSession, nQueued);
     return nQueued > 0;
 }
 

@@ -1,5 +1,6 @@
 #include "server/send.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -21,6 +22,8 @@ namespace orx {
 
 static constexpr uint32_t kDelayedSendMs = 200;
 static constexpr int32_t kFileLeadMs = 1000;  // a recording is sent at most this far ahead of real time
+static constexpr uint32_t kCatchUpSpeed = 4;  // times real time, of a start over UDP
+static constexpr uint32_t kCatchUpStepMs = 20;
 static constexpr uint32_t kDropAtBlockedSends = 20;
 static constexpr uint32_t kMaxReplies = 1000;   // that wait, before a peer that does not read is given up
 static constexpr int kMaxGather = 64;           // blocks of one gathered write, datagrams of one call
@@ -75,12 +78,13 @@ static int StartsReports(const Session *pSession, const DataBlock *pBlock)
     return nTrack >= 0 && pSession->tracks[nTrack].nPackets == 0;
 }
 
-// How far playing has gone in real time, for the pacing of recordings.
+// How far playing may have gone and has gone, for the pacing of recordings and of starts over UDP.
 struct Pace {
-    int bPaced;         // a player of a recording
+    int bPaced;         // 0: everything leaves at once
     uint32_t nStart;    // ms, the position that PLAY began at
-    uint32_t nElapsed;  // ms since PLAY
+    uint32_t nElapsed;  // media ms since PLAY that are due
     uint32_t nSent;     // media ms since PLAY, at the last block
+    int32_t nLead;      // ms that may be ahead of what is due
 };
 
 // The rest of a picture is not further ahead than its beginning: it follows at once, so that a pause does not
@@ -88,7 +92,7 @@ struct Pace {
 static int HeldBack(const Pace *pPace, const DataBlock *pBlock)
 {
     return pPace->bPaced && (pBlock->nFlags & DB_MEDIA) &&
-           ClockDiff(pPace->nSent, pPace->nElapsed) > kFileLeadMs &&
+           ClockDiff(pPace->nSent, pPace->nElapsed) > pPace->nLead &&
            pBlock->nTimestamp - pPace->nStart != pPace->nSent;
 }
 
@@ -294,7 +298,7 @@ static int OnSessionDelaySendTimer(Task *pTask, uint32_t, uint32_t, uint32_t)
 static void OnBlocked(Session *pSession, const Port *pPort, int bPush)
 {
     if (bPush) {
-        if (!g_server.bAutoDrop || !pSession->pProg || !pSession->pProg->bLive)
+        if (!g_server.bAutoDrop || !pSession->pProg || !pSession->pProg->bLive || pSession->nStartBlocks > 0)
             return;
         if (++pSession->nBlockedSends != kDropAtBlockedSends)
             return;
@@ -308,12 +312,27 @@ static void OnBlocked(Session *pSession, const Port *pPort, int bPush)
     PortSchedule(pPort, OnSessionDelaySendTimer, kDelayedSendMs);
 }
 
+// A start can be ten seconds of media, and a player's UDP socket holds a fraction of a second: at a multiple
+// of real time nothing is lost. Time stamps that jump do not hold it up for longer than the cache should
+// last.
+static int CatchesUp(const Session *pSession, uint32_t nElapsed)
+{
+    return pSession->nStartBlocks > 0 && !(pSession->nFlags & SESSION_INTERLEAVED) &&
+           nElapsed < pSession->pProg->nCacheLimit;
+}
+
 static Pace ReadPace(const Session *pSession)
 {
-    if (!pSession->pProg || pSession->pProg->bLive || (pSession->nFlags & SESSION_PUSHER))
+    if (!pSession->pProg || (pSession->nFlags & SESSION_PUSHER))
         return {};
-    return {1, pSession->nPlayStart, ClockMs() - pSession->nPlayClock,
-            pSession->nPlayPos - pSession->nPlayStart};
+    uint32_t nElapsed = ClockMs() - pSession->nPlayClock;
+    Pace pace = {1, pSession->nPlayStart, nElapsed, pSession->nPlayPos - pSession->nPlayStart, kFileLeadMs};
+    if (!pSession->pProg->bLive)
+        return pace;
+    pace.bPaced = CatchesUp(pSession, nElapsed);
+    pace.nElapsed = pSession->nCatchUpMs;
+    pace.nLead = 0;
+    return pace;
 }
 
 int SendDataEx(Session *pSession, Port *pPort, int bPush)
@@ -321,8 +340,10 @@ int SendDataEx(Session *pSession, Port *pPort, int bPush)
     Batch batch;
     Pace pace = ReadPace(pSession);
     for (;;) {
-        if (ListCount(&pSession->out.Outq) == 0 && !(pace.bPaced && FillBufferFromFile(pSession)))
+        if (ListCount(&pSession->out.Outq) == 0 && !(pace.bPaced && FillBufferFromFile(pSession))) {
+            pSession->nStartBlocks = 0;
             return 1;
+        }
         if (pace.bPaced)
             pace.nSent = pSession->nPlayPos - pace.nStart;
         if (!Gather(pSession, pPort, &pace, &batch))
@@ -339,6 +360,38 @@ int SendDataEx(Session *pSession, Port *pPort, int bPush)
             return 1;
         }
     }
+}
+
+static int OnCatchUpTimer(Task *pTask, uint32_t, uint32_t nNow, uint32_t)
+{
+    Port *pPort = PortOfTask(pTask);
+    Session *pSession = pPort ? FindSession(pTask->nParam) : nullptr;
+    if (!pSession)
+        return -1;
+    // a late step does not send more at once
+    pSession->nCatchUpMs += kCatchUpSpeed * std::min(nNow - pSession->nCatchUpClock, kCatchUpStepMs);
+    pSession->nCatchUpClock = nNow;
+    if (!SendDataEx(pSession, nullptr, 1)) {
+        SessionClosePort(pSession, pPort);
+        return -1;
+    }
+    if (pSession->nStartBlocks > 0)
+        return kCatchUpStepMs;
+    pSession->nFlags &= ~SESSION_CATCHES_UP;
+    return -1;
+}
+
+void SendStartBurst(Session *pSession, uint32_t nBlocks)
+{
+    if (!g_server.bStandardPlayers)
+        return;
+    pSession->nStartBlocks = nBlocks;
+    pSession->nCatchUpMs = 0;
+    pSession->nCatchUpClock = ClockMs();
+    if (nBlocks == 0 || (pSession->nFlags & (SESSION_INTERLEAVED | SESSION_CATCHES_UP)))
+        return;
+    pSession->nFlags |= SESSION_CATCHES_UP;
+    PortSchedule(SessionControlPort(pSession), OnCatchUpTimer, kCatchUpStepMs);
 }
 
 // Where a reply goes: on a connection that also carries the media or has no media yet, to the port that

@@ -22,6 +22,11 @@ int BlockTrack(const Session *pSession, const DataBlock *pBlock);
 // rest deferred, 0 on a socket error: the caller ends the session.
 int SendDataEx(Session *pSession, Port *pPort, int bPush);
 
+// Tells how much media a start from the cache has put into the queue. With [INTEROP] StandardPlayers it gets
+// the time that a player needs to take it: over UDP it leaves at four times real time, over TCP it may wait
+// without counting as a blocked connection.
+void SendStartBurst(Session *pSession, uint32_t nBlocks);
+
 // Queues a text and sends. Result of SendDataEx; 0 as well for a peer that lets more than 1000 such texts
 // wait.
 int SendReply(Session *pSession, Port *pPort, const void *pText, size_t nLen);

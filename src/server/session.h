@@ -18,6 +18,7 @@ enum : uint32_t {
     SESSION_TUNNEL_GET = 0x8,      // GET half of a tunnel that waits for its POST half
     SESSION_FILE_SENDER = 0x10,    // the file sender task runs
     SESSION_DELAYED_SEND = 0x100,  // a delayed-send timer is armed
+    SESSION_CATCHES_UP = 0x200,    // the timer of a start over UDP runs
     SESSION_RTCP = 0x400,          // RTCP reports enabled
     SESSION_SUBSCRIBER = 0x800,    // event subscriber
 };
@@ -79,6 +80,9 @@ struct Session {
     uint32_t nPlayStart = 0;     // position at which the current play began, ms
     uint32_t nPlayClock = 0;     // ClockMs at that moment
     uint32_t nBlockedSends = 0;  // sends in a row that would have blocked
+    uint32_t nStartBlocks = 0;   // media queued at once by a start; 0 when the queue has drained since
+    uint32_t nCatchUpMs = 0;     // media ms of it that may have left over UDP
+    uint32_t nCatchUpClock = 0;  // ClockMs when that was last raised
     uint32_t nPacketsSent = 0;
     uint64_t nBytesSent = 0;
     int bFinalReport = 0;      // a recording has ended, and the player is still to be told

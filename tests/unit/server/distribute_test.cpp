@@ -276,6 +276,45 @@ TEST_F(PlayerQueueTest, GivesAPlayerUpAtAThousandAndOne)
     Push({0, 0, 0, 1, 10});  // its program goes on
 }
 
+// A start of 1500 packets: a player that has not taken it yet is not one that cannot keep up, and over UDP
+// what its socket cannot hold is held back.
+TEST_F(PlayerQueueTest, StandardPlayersGetTimeForTheStart)
+{
+    Start("AutoDropDataWhenCrowded=1\n[INTEROP]\nStandardPlayers=1\n");
+    auto play = [&] {
+        server->Run([&] {
+            EXPECT_EQ(1, FillBufferAtFirstPlay(pPlayer));
+            pPlayer->nPlayClock = ClockMs();
+            EXPECT_EQ(1, SendDataEx(pPlayer, nullptr, 1));
+        });
+    };
+    server->Run([&] {
+        pPlayer->nState = STATE_SETUP;
+        for (uint32_t i = 0; i < 1500; i++)  // ten packets in each picture
+            CachePacketEx(pProg, MakePacket({i / 10 * 10, 0, i == 0, i % 10 == 9, 1400}));
+        pPlayer->nState = STATE_PLAYING;
+    });
+    auto waiting = [&] {
+        unsigned n = 0;
+        server->Run([&] { n = Waiting(); });
+        return n;
+    };
+    server->Run([&] {
+        pPlayer->nFlags &= ~SESSION_INTERLEAVED;
+        pPlayer->tracks[0].Media = CreateUdpPort("127.0.0.1", 40000 + getpid() % 20000, "127.99.0.1", 9);
+    });
+    play();
+    EXPECT_GT(waiting(), 1000U);
+    EXPECT_TRUE(WaitFor([&] { return waiting() == 0; }));
+
+    server->Run([&] { pPlayer->nFlags |= SESSION_INTERLEAVED; });
+    play();
+    EXPECT_GT(waiting(), 1000U);
+    Push({1500, 0, 0, 1, 1400}, 100);
+    ASSERT_EQ(1U, ListCount(&g_server.sessions)) << "not given up";
+    EXPECT_GT(waiting(), 1100U) << "nor robbed";
+}
+
 TEST_F(PlayerQueueTest, CrowdedPlayerLosesMediaAndKeepsReplies)
 {
     Start("AutoDropDataWhenCrowded=1\n");
