@@ -138,16 +138,18 @@ static DataBlock *StartLive(Session *pSession, const Request *pRequest, TextBuf 
     return pOldHead ? pOldHead : static_cast<DataBlock *>(ListFirst(&pSession->out.Outq, 0));
 }
 
-// A recording that was played to its end can be played again from elsewhere. Standard players also jump while
-// it plays: PAUSE is no method that OPTIONS tells them of, and so GStreamer sends none.
+// Standard players jump while a recording plays: PAUSE is no method that OPTIONS tells them of, and so
+// GStreamer sends none. And they play one again that has come to its end.
 static int MayPlay(const Session *pSession, const Request *pRequest)
 {
     if (!pSession->pProg)
         return 0;
-    if (pSession->nState == STATE_PLAYING)
-        return g_server.bStandardPlayers && !pSession->pProg->bLive && RequestHeaderValue(pRequest, "Range");
-    return pSession->nState == STATE_SETUP || pSession->nState == STATE_PAUSED ||
-           pSession->nState == STATE_ENDED;
+    if (pSession->nState == STATE_SETUP || pSession->nState == STATE_PAUSED)
+        return 1;
+    if (!g_server.bStandardPlayers || pSession->pProg->bLive)
+        return 0;
+    return pSession->nState == STATE_ENDED ||
+           (pSession->nState == STATE_PLAYING && RequestHeaderValue(pRequest, "Range"));
 }
 
 int HandlePlay(Session *pSession, Port *pPort, Request *pRequest)
@@ -183,7 +185,8 @@ int HandlePlay(Session *pSession, Port *pPort, Request *pRequest)
 int HandlePause(Session *pSession, Port *pPort, Request *)
 {
     SessionDropQueue(pSession);
-    if (pSession->nState != STATE_PLAYING && pSession->nState != STATE_ENDED) {
+    int bEnded = g_server.bStandardPlayers && pSession->nState == STATE_ENDED;
+    if (pSession->nState != STATE_PLAYING && !bEnded) {
         ReplyStatus(pSession, pPort, "455 Method Not Valid in This State");
         return 0;
     }
