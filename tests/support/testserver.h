@@ -1,5 +1,6 @@
-// The server inside a test: everything but a listening socket, and a way onto its thread. For tests that look
-// into sessions and programs; what a client can see is tested on the real program.
+// The server inside a test, without a listening socket unless it is given an address, and a way onto its
+// thread. For tests that look into sessions and programs or move clocks; what a client can see is tested on
+// the real program.
 #pragma once
 
 #include <arpa/inet.h>
@@ -22,10 +23,10 @@ struct TestServer {
     TempDir dir;
     int bRunning = 0;
 
-    // szSettings: further sections of the configuration.
-    explicit TestServer(const std::string &settings = "")
+    // settings: further keys of [SERVER], then further sections.
+    explicit TestServer(const std::string &settings = "", const std::string &listenIp = "none")
     {
-        WriteFile(dir.File("orx.cfg"), "[SERVER]\nAuthType=0\nListenIp=none\n" + settings +
+        WriteFile(dir.File("orx.cfg"), "[SERVER]\nAuthType=0\nListenIp=" + listenIp + "\n" + settings +
                                            "[GUARD]\nRunUnprivileged=1\nSurvivePeerFaults=1\n");
         bRunning = ServerStart(dir.File("orx.cfg").c_str());
     }

@@ -63,6 +63,27 @@ TEST_F(ConnectionTest, LimitLetsOneMoreIn)
     EXPECT_EQ(1, CountText(server.Output(), "Exceed the connect-limit!"));
 }
 
+// One that says nothing, and one that has got its text and says nothing more, are closed after five seconds;
+// one byte keeps a connection.
+TEST_F(ConnectionTest, SilentOnesAreClosed)
+{
+    server.Start();
+    uint64_t nStart = RtspNowUs();
+    Connect(&client);
+    Connect(&pusher);
+    std::string request = MakeRequest("GETWIFIROUTERS", "*", 1), text;
+    EXPECT_EQ(1, RtspSendRaw(&pusher, request.data(), request.size()));
+    EXPECT_EQ(1, RtspWaitBytes(&pusher, 8, &text));
+    EXPECT_EQ("NULL\r\n\r\n", text);
+    Connect(&player);
+    EXPECT_EQ(1, RtspSendRaw(&player, "O", 1));
+    EXPECT_EQ(1, RtspWaitClosed(&client));
+    EXPECT_EQ(1, RtspWaitClosed(&pusher));
+    EXPECT_GE(RtspNowUs() - nStart, 4900000U);
+    EXPECT_TRUE(server.WaitOutput("Force Close Idle Connection on stocket 0x", 2));
+    EXPECT_EQ(OptionsReply(1), orx::Exchange(&player, Options(1).substr(1)));
+}
+
 // Of the two events of a reset the newer one, its end, is handled first; the other finds nothing any more.
 TEST_F(ConnectionTest, TellsWhoComesAndGoes)
 {
