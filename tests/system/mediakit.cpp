@@ -1,50 +1,40 @@
 #include "system/mediakit.h"
 
+#include <linux/sock_diag.h>
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <filesystem>
-
-#include <gtest/gtest.h>
 
 #include "base/bytes.h"
 #include "client/rtppacket.h"
 #include "support/sockets.h"
 #include "support/wait.h"
-#include "system/orxprocess.h"
+#include "system/systemtest.h"
 
 namespace orx {
 
-constexpr int kPictureMs = 40;
-constexpr int kSoundMs = 20;
-constexpr int kKeyInterval = 25;
-constexpr int kFuA = 28;
-constexpr int kStapA = 24;
+constexpr uint32_t kFirstMs = 1000, kPictureMs = 40, kSoundMs = 20;
+constexpr int kFuA = 28, kStapA = 24;
+const std::string kStartCode("\0\0\0\1", 4);
 
 struct CodecRow {
-    Codec codec;
-    int nPayloadType;
-    int nTicksPerMs;
-    const char *szSection;  // of a description, with the place of the track's number left out
+    uint8_t nPayloadType;
+    uint32_t nTicksPerMs;
+    uint32_t nPlayedTicks;  // a recording's G.711 is stamped with eight times its time before the clock rate
+    const char *szSection;
 };
 
-static const CodecRow kCodecs[] = {
-    {Codec::H264, 96, 90, "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n"},
-    {Codec::JPEG, 26, 90, "m=video 0 RTP/AVP 26\r\na=rtpmap:26 JPEG/90000\r\n"},
-    {Codec::G711, 8, 8, "m=audio 0 RTP/AVP 8\r\na=rtpmap:8 PCMA/8000/1\r\n"},
-    {Codec::AMR_NB, 97, 8, "m=audio 0 RTP/AVP 97\r\na=rtpmap:97 AMR/8000/1\r\na=fmtp:97 octet-align=1\r\n"},
-    {Codec::AMR_WB, 97, 16,
-     "m=audio 0 RTP/AVP 97\r\na=rtpmap:97 AMR-WB/16000/1\r\na=fmtp:97 octet-align=1\r\n"},
-    {Codec::EVENTS, 98, 1, "m=data 0 RTP/AVP 98\r\na=rtpmap:98 events/1000\r\n"},
-};
-
-static const CodecRow *FindCodec(Codec codec)
+static const CodecRow &RowOf(Codec codec)
 {
-    return std::find_if(std::begin(kCodecs), std::end(kCodecs),
-                        [codec](const CodecRow &row) { return row.codec == codec; });
-}
-
-std::ostream &operator<<(std::ostream &out, const MediaUnit &unit)
-{
-    return out << (unit.bKey ? "key " : "") << unit.data.size() << " bytes @" << unit.nTimeMs;
+    static const CodecRow rows[] = {
+        {96, 90, 90, "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n"},
+        {26, 90, 90, "m=video 0 RTP/AVP 26\r\na=rtpmap:26 JPEG/90000\r\n"},
+        {8, 8, 64, "m=audio 0 RTP/AVP 8\r\na=rtpmap:8 PCMA/8000/1\r\n"},
+        {97, 8, 8, "m=audio 0 RTP/AVP 97\r\na=rtpmap:97 AMR/8000/1\r\na=fmtp:97 octet-align=1\r\n"},
+        {98, 1, 1, "m=data 0 RTP/AVP 98\r\na=rtpmap:98 events/1000\r\n"},
+    };
+    return rows[static_cast<int>(codec)];
 }
 
 std::string JoinData(const MediaUnits &units)
@@ -57,128 +47,56 @@ std::string JoinData(const MediaUnits &units)
 
 // --- From packets to units ---
 
-static void AddPart(std::string *pOut, std::string_view part)
+static std::string H264Part(std::string_view payload)
 {
-    char length[4];
-    PutBe(length, 4, static_cast<uint32_t>(part.size()));
-    pOut->append(length, 4);
-    pOut->append(part);
+    std::string part;
+    if (H264UnitType(payload) == kStapA) {
+        for (size_t nAt = 1; nAt + 2 <= payload.size(); nAt += 2 + GetBe(payload.data() + nAt, 2))
+            part += kStartCode + std::string(payload.substr(nAt + 2, GetBe(payload.data() + nAt, 2)));
+        return part;
+    }
+    if (H264UnitType(payload) != kFuA)
+        return kStartCode + std::string(payload);
+    if (payload[1] & 0x80)
+        part = kStartCode + static_cast<char>((payload[0] & 0xE0) | (payload[1] & 0x1F));
+    return part + std::string(payload.substr(2));
 }
 
-namespace {
+// Octet-aligned (RFC 4867); all frames of a packet are of one size.
+static std::string AmrPart(std::string_view payload)
+{
+    std::string part;
+    size_t nFrames = 1;
+    while (payload[nFrames] & 0x80)
+        nFrames++;
+    size_t nSpeech = (payload.size() - 1 - nFrames) / nFrames;
+    for (size_t i = 0; i < nFrames; i++)
+        part += static_cast<char>(payload[1 + i] & 0x7F) +
+                std::string(payload.substr(1 + nFrames + i * nSpeech, nSpeech));
+    return part;
+}
 
-// What a decoder's front end does with the packets of one track.
-struct Assembler {
-    Codec codec;
-    std::string data;
-    size_t nOpen = 0;  // where the length of the unit in fragments stands, 1 higher; 0: none
-    bool bBroken = false;
-
-    void AddH264(std::string_view payload)
-    {
-        int nType = payload[0] & 0x1F;
-        if (nType == kStapA) {
-            for (size_t nAt = 1; nAt + 2 <= payload.size();) {
-                size_t nBytes = GetBe(payload.data() + nAt, 2);
-                AddPart(&data, payload.substr(nAt + 2, nBytes));
-                nAt += 2 + nBytes;
-            }
-        } else if (nType == kFuA) {
-            AddFragment(payload);
-        } else {
-            AddPart(&data, payload);
-        }
-    }
-    void AddFragment(std::string_view payload)
-    {
-        if (payload[1] & 0x80) {
-            nOpen = data.size() + 1;
-            AddPart(&data, std::string(1, static_cast<char>((payload[0] & 0xE0) | (payload[1] & 0x1F))));
-        }
-        bBroken |= nOpen == 0;
-        if (bBroken)
-            return;
-        data.append(payload.substr(2));
-        PutBe(data.data() + nOpen - 1, 4, static_cast<uint32_t>(data.size() - nOpen - 3));
-        if (payload[1] & 0x40)
-            nOpen = 0;
-    }
-    // Octet-aligned, as in RFC 4867, into storage format; all frames of a packet are of one size.
-    void AddAmr(std::string_view payload)
-    {
-        size_t nFrames = 1;
-        while (payload[nFrames] & 0x80)
-            nFrames++;
-        size_t nSpeech = (payload.size() - 1 - nFrames) / nFrames;
-        for (size_t i = 0; i < nFrames; i++) {
-            data += static_cast<char>(payload[1 + i] & 0x7F);
-            data.append(payload.substr(1 + nFrames + i * nSpeech, nSpeech));
-        }
-    }
-    void Add(std::string_view payload)
-    {
-        if (codec == Codec::H264)
-            AddH264(payload);
-        else if (codec == Codec::JPEG)
-            AddPart(&data, payload);
-        else if (codec == Codec::AMR_NB || codec == Codec::AMR_WB)
-            AddAmr(payload);
-        else
-            data.append(payload);
-    }
-    void Reset()
-    {
-        data.clear();
-        nOpen = 0;
-        bBroken = false;
-    }
-};
-
-}  // namespace
-
-MediaUnits TakeApart(Codec codec, const std::vector<std::string> &packets, uint32_t nTicksPerMs, int *pnLost)
+// Packets of one track must follow each other; a picture ends with the marker.
+static MediaUnits TakeApart(Codec codec, const std::vector<std::string> &packets, uint32_t nTicksPerMs)
 {
     MediaUnits units;
-    Assembler assembler{codec, {}};
-    RtpHead last;
-    int nLost = 0;
-    bool bPictures = codec == Codec::H264 || codec == Codec::JPEG;
-    for (size_t i = 0; i < packets.size(); i++) {
-        RtpHead head;
-        if (!RtpParseHead(packets[i].data(), packets[i].size(), &head) ||
-            head.nHeadBytes >= packets[i].size()) {
-            ADD_FAILURE() << "no RTP packet";
+    std::string data;
+    RtpHead head;
+    for (const std::string &packet : packets) {
+        auto nExpected = static_cast<uint16_t>(head.nSequence + 1);
+        EXPECT_EQ(1, RtpParseHead(packet.data(), packet.size(), &head));
+        EXPECT_TRUE(&packet == &packets[0] || head.nSequence == nExpected) << "a packet is missing";
+        std::string_view payload = std::string_view(packet).substr(head.nHeadBytes);
+        data += codec == Codec::H264     ? H264Part(payload)
+                : codec == Codec::AMR_NB ? AmrPart(payload)
+                                         : std::string(payload);
+        if ((codec == Codec::H264 || codec == Codec::JPEG) && !head.bMarker)
             continue;
-        }
-        int nMissing = i == 0 ? 0 : static_cast<uint16_t>(head.nSequence - last.nSequence - 1);
-        nLost += nMissing;
-        if (nMissing || head.nTimestamp != last.nTimestamp)
-            assembler.Reset();
-        assembler.Add(std::string_view(packets[i]).substr(head.nHeadBytes));
-        last = head;
-        if (bPictures && !head.bMarker)
-            continue;
-        if (!assembler.bBroken)
-            units.push_back({head.nTimestamp / nTicksPerMs,
-                             codec == Codec::JPEG || (bPictures && (assembler.data[4] & 0x1F) == H264_SPS),
-                             assembler.data});
-        assembler.Reset();
+        units.push_back({head.nTimestamp / nTicksPerMs, codec == Codec::JPEG || (data[4] & 0x1F) == H264_SPS,
+                         std::move(data)});
+        data.clear();
     }
-    if (pnLost)
-        *pnLost = nLost;
     return units;
-}
-
-std::vector<std::string> ReadDump(const std::string &dump, int nChannel)
-{
-    std::vector<std::string> packets;
-    for (size_t nAt = 0; nAt + kFrameHeadBytes <= dump.size();) {
-        size_t nBytes = GetBe(dump.data() + nAt + 2, 2);
-        if (dump[nAt + 1] == nChannel)
-            packets.push_back(dump.substr(nAt + kFrameHeadBytes, nBytes));
-        nAt += kFrameHeadBytes + nBytes;
-    }
-    return packets;
 }
 
 // --- The camera ---
@@ -187,14 +105,11 @@ Camera::Camera(const std::vector<Codec> &codecs)
 {
     EXPECT_EQ(1, H264Load(&clip, ORX_TEST_DATA "/clip.h264"));
     for (Codec codec : codecs) {
-        const CodecRow *pRow = FindCodec(codec);
-        CameraTrack *pTrack = &tracks.emplace_back();
-        pTrack->codec = codec;
-        pTrack->stream.nPayloadType = static_cast<uint8_t>(pRow->nPayloadType);
-        pTrack->stream.nSsrc = 0x10203040 + static_cast<uint32_t>(tracks.size());
-        pTrack->stream.nSequence = 65530;  // wraps soon
-        pTrack->nTicksPerMs = static_cast<uint32_t>(pRow->nTicksPerMs);
-        pTrack->nChannel = 2 * static_cast<int>(tracks.size() - 1);
+        RtpStream stream;
+        stream.nPayloadType = RowOf(codec).nPayloadType;
+        stream.nSsrc = 0x10203040 + static_cast<uint32_t>(tracks.size());
+        stream.nSequence = 65530;  // wraps soon
+        tracks.push_back({codec, stream, {}});
     }
 }
 
@@ -202,7 +117,7 @@ std::string Camera::Sdp() const
 {
     std::string sdp = "v=0\r\no=- 1 1 IN IP4 127.0.0.1\r\ns=camera\r\nt=0 0\r\n";
     for (size_t i = 0; i < tracks.size(); i++)
-        sdp += FindCodec(tracks[i].codec)->szSection + ("a=control:trackID=" + std::to_string(i)) + "\r\n";
+        sdp += RowOf(tracks[i].codec).szSection + ("a=control:trackID=" + std::to_string(i)) + "\r\n";
     return sdp;
 }
 
@@ -211,93 +126,64 @@ int Camera::Open(const std::string &url, const std::string &moreSdp)
     return RtspOpenPusher(&client, url.c_str(), Sdp() + moreSdp);
 }
 
-static JpegPicture MakeJpeg(size_t nBytes, uint32_t nSeed, std::string *pScan)
+static void PackUnit(const Camera &camera, CameraTrack *pTrack, int nUnit, uint32_t nTime, RtpPackets *pOut)
 {
-    JpegPicture picture;
-    picture.nType = 1;
-    picture.nWidth = 320;
-    picture.nHeight = 240;
-    picture.tables = Pattern(128, nSeed);
-    *pScan = Pattern(nBytes + nSeed % 7 * 900, nSeed + 1);
-    picture.scan = *pScan;
-    return picture;
-}
-
-static void PackUnit(const Camera *pCamera, CameraTrack *pTrack, uint32_t nSeed, uint32_t nTimestamp,
-                     RtpPackets *pOut)
-{
-    RtpStream *pStream = &pTrack->stream;
-    std::string scan;
-    JpegPicture picture;
-    switch (pTrack->codec) {
-        case Codec::H264:
-            PackH264(pStream, pCamera->clip.pictures[nSeed % pCamera->clip.pictures.size()].units, nTimestamp,
-                     0, pOut);
-            break;
-        case Codec::JPEG:
-            picture = MakeJpeg(pCamera->nJpegBytes, nSeed, &scan);
-            PackJpeg(pStream, &picture, nTimestamp, pOut);
-            break;
-        case Codec::G711:
-            PackPlain(pStream, Pattern(160, nSeed), 1, nTimestamp, pOut);
-            break;
-        case Codec::AMR_NB:  // 12.2 kbit/s
-            PackPlain(pStream, "\xF0\x3C" + Pattern(31, nSeed), 1, nTimestamp, pOut);
-            break;
-        case Codec::AMR_WB:  // 12.65 kbit/s
-            PackPlain(pStream, "\xF0\x14" + Pattern(32, nSeed), 1, nTimestamp, pOut);
-            break;
-        case Codec::EVENTS:
-            break;
+    auto nSeed = static_cast<uint32_t>(nUnit);
+    if (pTrack->codec == Codec::H264) {
+        PackH264(&pTrack->stream, camera.clip.pictures[nSeed % camera.clip.pictures.size()].units, nTime, 0,
+                 pOut);
+    } else if (pTrack->codec == Codec::JPEG) {
+        std::string scan = Pattern(camera.nJpegBytes + nSeed % 7 * 900, nSeed + 1);
+        JpegPicture picture{1, 320, 240, 0, Pattern(128, nSeed), scan};
+        PackJpeg(&pTrack->stream, &picture, nTime, pOut);
+    } else {  // AMR of 12.2 kbit/s
+        PackPlain(&pTrack->stream,
+                  pTrack->codec == Codec::G711 ? Pattern(160, nSeed) : "\xF0\x3C" + Pattern(31, nSeed), 1,
+                  nTime, pOut);
     }
 }
 
 static void SendPackets(Camera *pCamera, CameraTrack *pTrack, const RtpPackets &packets)
 {
     std::string frames;
-    for (const std::string &packet : packets) {
-        FrameAddHead(&frames, pTrack->nChannel, packet.size());
-        frames += packet;
-    }
+    for (const std::string &packet : packets)
+        frames += Frame(2 * static_cast<int>(pTrack->stream.nSsrc - pCamera->tracks[0].stream.nSsrc), packet);
     ASSERT_EQ(1, RtspSendBytes(&pCamera->client, frames.data(), frames.size()));
-    MediaUnits units = TakeApart(pTrack->codec, packets, pTrack->nTicksPerMs);
-    pTrack->sent.insert(pTrack->sent.end(), units.begin(), units.end());
-}
-
-static void SendUnit(Camera *pCamera, CameraTrack *pTrack, uint32_t nSeed, uint32_t nMs)
-{
-    RtpPackets packets;
-    PackUnit(pCamera, pTrack, nSeed, nMs * pTrack->nTicksPerMs, &packets);
-    SendPackets(pCamera, pTrack, packets);
+    for (MediaUnit &unit : TakeApart(pTrack->codec, packets, RowOf(pTrack->codec).nTicksPerMs))
+        pTrack->sent.push_back(std::move(unit));
 }
 
 void Camera::Send(int nPictures)
 {
     for (int n = 0; n < nPictures && !testing::Test::HasFatalFailure(); n++, nPicture++) {
-        uint32_t nMs = nFirstMs + static_cast<uint32_t>(nPicture * kPictureMs);
+        uint32_t nMs = kFirstMs + static_cast<uint32_t>(nPicture) * kPictureMs;
         for (CameraTrack &track : tracks) {
-            bool bPictures = track.codec == Codec::H264 || track.codec == Codec::JPEG;
-            if (bPictures)
-                SendUnit(this, &track, static_cast<uint32_t>(nPicture), nMs);
-            for (int i = 0; !bPictures && track.codec != Codec::EVENTS && i < kPictureMs / kSoundMs; i++)
-                SendUnit(this, &track, static_cast<uint32_t>(2 * nPicture + i),
-                         nMs + static_cast<uint32_t>(i * kSoundMs));
+            bool bPictures = &track == &tracks[0];
+            for (uint32_t i = 0; i < (bPictures ? 1 : kPictureMs / kSoundMs) && track.codec != Codec::EVENTS;
+                 i++) {
+                RtpPackets packets;
+                PackUnit(*this, &track, bPictures ? nPicture : 2 * nPicture + static_cast<int>(i),
+                         (nMs + i * kSoundMs) * RowOf(track.codec).nTicksPerMs, &packets);
+                SendPackets(this, &track, packets);
+            }
         }
     }
+    ASSERT_TRUE(Answers(&client));
 }
 
 void Camera::SendEvent(const std::string &text)
 {
     RtpPackets packets;
-    uint32_t nMs = nFirstMs + static_cast<uint32_t>(nPicture * kPictureMs);
-    PackPlain(&tracks.back().stream, text, 1, nMs, &packets);
+    PackPlain(&tracks.back().stream, text, 1, kFirstMs + static_cast<uint32_t>(nPicture) * kPictureMs,
+              &packets);
     SendPackets(this, &tracks.back(), packets);
 }
 
-void Camera::Flush()
+std::string Camera::Record(const std::string &param)
 {
-    RtspMessage reply;
-    ASSERT_EQ(1, RtspRequest(&client, "OPTIONS", nullptr, nullptr, "", &reply));
+    std::string reply = Ask(&client, "RECORDEX", "", "ActionParam: " + param + "\r\n");
+    EXPECT_EQ(Reply(reply.substr(9, reply.find('\r') - 9)), reply);
+    return reply.substr(9, reply.find('\r') - 9);
 }
 
 // --- The player ---
@@ -312,27 +198,22 @@ int Viewer::Prepare(const std::string &url)
         if (!RtspSetup(&client, i, transport))
             return 0;
     packets.resize(client.tracks.size());
-    arrivals.resize(client.tracks.size());
     return 1;
 }
 
-std::string Viewer::Request(const std::string &method, const std::string &headers)
+std::string Viewer::Play(const std::string &range)
 {
-    RtspMessage reply;
-    Poll();
-    if (!RtspRequest(&client, method.c_str(), nullptr, headers.c_str(), "", &reply))
-        return "";
-    return Normalized(reply.raw);
+    return Ask(&client, "PLAY", "", range.empty() ? "" : "Range: npt=" + range + "\r\n");
 }
 
-static void Take(Viewer *pViewer, size_t nTrack, bool bReport, const std::string &packet, uint64_t nArrivalUs)
+static void Take(Viewer *pViewer, size_t nTrack, bool bReport, const std::string &packet)
 {
     if (bReport) {
         pViewer->reports.push_back(packet);
-    } else if (nTrack < pViewer->packets.size()) {
-        pViewer->packets[nTrack].push_back(packet);
-        pViewer->arrivals[nTrack].push_back(nArrivalUs);
+        return;
     }
+    pViewer->packets.at(nTrack).push_back(packet);
+    pViewer->nPictures += nTrack == 0 && packet.size() > 1 && (packet[1] & 0x80);
 }
 
 void Viewer::Poll()
@@ -341,13 +222,12 @@ void Viewer::Poll()
     std::string packet;
     RtspPoll(&client);
     while (RtspWaitFrame(&client, -1, &frame, 0))
-        Take(this, static_cast<size_t>(frame.nChannel) / 2, frame.nChannel & 1, frame.body, frame.nArrivalUs);
+        Take(this, static_cast<size_t>(frame.nChannel) / 2, frame.nChannel & 1, frame.body);
     for (size_t i = 0; i < client.tracks.size(); i++) {
         const RtspUdpPair &udp = client.tracks[i].udp;
-        while (udp.fdRtp >= 0 && RtspUdpReceive(udp.fdRtp, &packet, 0))
-            Take(this, i, false, packet, RtspNowUs());
-        while (udp.fdRtcp >= 0 && RtspUdpReceive(udp.fdRtcp, &packet, 0))
-            Take(this, i, true, packet, RtspNowUs());
+        for (int fd : {udp.fdRtp, udp.fdRtcp})
+            while (fd >= 0 && RtspUdpReceive(fd, &packet, 0))
+                Take(this, i, fd == udp.fdRtcp, packet);
     }
 }
 
@@ -355,24 +235,24 @@ void Viewer::Forget()
 {
     for (auto &track : packets)
         track.clear();
-    for (auto &track : arrivals)
-        track.clear();
-    reports.clear();
+    nPictures = 0;
 }
 
-size_t Viewer::Packets() const
+MediaUnits Viewer::Units(size_t nTrack, Codec codec) const
 {
-    size_t n = 0;
-    for (const auto &track : packets)
-        n += track.size();
-    return n;
+    return TakeApart(codec, packets[nTrack], RowOf(codec).nPlayedTicks);
 }
 
-MediaUnits Viewer::Units(size_t nTrack, Codec codec, int *pnLost) const
+unsigned Viewer::Dropped() const
 {
-    // a recording's G.711 is stamped with eight times its time before the clock rate is applied
-    auto nTicks = static_cast<uint32_t>(FindCodec(codec)->nTicksPerMs * (codec == Codec::G711 ? 8 : 1));
-    return TakeApart(codec, packets[nTrack], nTicks, pnLost);
+    unsigned nDropped = 0;
+    for (const RtspTrack &track : client.tracks) {
+        uint32_t info[SK_MEMINFO_VARS]{};
+        socklen_t nSize = sizeof(info);
+        if (track.udp.fdRtp >= 0 && getsockopt(track.udp.fdRtp, SOL_SOCKET, SO_MEMINFO, info, &nSize) == 0)
+            nDropped += info[SK_MEMINFO_DROPS];
+    }
+    return nDropped;
 }
 
 bool Watch(const std::vector<Viewer *> &viewers, const std::function<bool()> &done, int nMs)
@@ -386,27 +266,69 @@ bool Watch(const std::vector<Viewer *> &viewers, const std::function<bool()> &do
         nMs);
 }
 
-void WatchToTheEnd(const std::vector<Viewer *> &viewers, int nMs)
+bool WatchPictures(const std::vector<Viewer *> &viewers, size_t nPictures)
 {
-    auto count = [&] {
-        size_t n = 0;
-        for (const Viewer *pViewer : viewers)
-            n += pViewer->Packets();
-        return n;
-    };
-    for (size_t nBefore = count();; nBefore = count())
-        if (!Watch(
-                viewers, [&] { return count() != nBefore; }, nMs))
-            return;
+    return Watch(viewers, [&] {
+        return std::all_of(viewers.begin(), viewers.end(), [&](const Viewer *pViewer) {
+            return pViewer->nPictures >= nPictures || pViewer->Dropped() > 0;
+        });
+    });
 }
 
-std::string RecordEx(RtspClient *pClient, const std::string &param)
+void ExpectAllOf(const Camera &camera, Viewer *pViewer, size_t nFirst)
 {
-    RtspMessage reply;
-    std::string headers = "ActionParam: " + param + "\r\n";
-    if (!RtspRequest(pClient, "RECORDEX", nullptr, headers.c_str(), "", &reply))
-        return "";
-    return std::to_string(reply.nStatus) + " " + reply.reason;
+    const MediaUnits &pictures = camera.tracks[0].sent;
+    EXPECT_TRUE(WatchPictures({pViewer}, pictures.size() - nFirst));
+    for (size_t i = 0; i < camera.tracks.size() && pViewer->Dropped() == 0; i++) {
+        const CameraTrack &track = camera.tracks[i];
+        MediaUnits sent(track.sent);
+        sent.erase(sent.begin(), sent.begin() + static_cast<long>(nFirst * sent.size() / pictures.size()));
+        MediaUnits got;
+        EXPECT_TRUE(Watch({pViewer},
+                          [&] {
+                              got = pViewer->Units(i, track.codec);
+                              return JoinData(got).size() >= JoinData(sent).size() || pViewer->Dropped() > 0;
+                          }))
+            << "track " << i;
+        EXPECT_TRUE(JoinData(sent) == JoinData(got)) << "track " << i;  // sound is packed anew
+        for (size_t k = 0; i == 0 && k < got.size(); k++)
+            ASSERT_EQ((nFirst + k) * kPictureMs, got[k].nTimeMs) << "picture " << k;
+    }
+}
+
+// --- Recordings ---
+
+size_t DataOffset(const std::string &file)
+{
+    size_t n = 0;
+    for (size_t nAt : {4U, 8U, 10U, 12U})
+        n += GetBe(file.data() + nAt, 2);
+    return n;
+}
+
+static size_t RecordLength(const std::string &file, size_t nAt)
+{
+    return (size_t{GetBe(file.data() + nAt + 3, 1)} & 0x0F) << 16 | GetBe(file.data() + nAt, 2);
+}
+
+size_t RecordAt(const std::string &file, int nRecord)
+{
+    size_t nAt = DataOffset(file);
+    while (nRecord-- > 0)
+        nAt += RecordLength(file, nAt);
+    return nAt;
+}
+
+size_t CountPictures(const std::string &file)
+{
+    size_t nPictures = 0;
+    for (size_t nAt = DataOffset(file), nLen; nAt + 8 <= file.size(); nAt += nLen) {
+        nLen = RecordLength(file, nAt);
+        if (nAt + nLen > file.size())
+            break;
+        nPictures += file[nAt + 2] == 'v';
+    }
+    return nPictures;
 }
 
 std::vector<std::string> FilesBelow(const std::string &dir)
