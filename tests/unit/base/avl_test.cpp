@@ -76,22 +76,6 @@ TEST_F(Avl, RandomInsertAndRemoveMatchesAMap)
     }
 }
 
-TEST_F(Avl, DestroyHandsEveryNodeToTheFreeProcedureOnce)
-{
-    static std::vector<AvlKey> freed;
-    freed.clear();
-    AvlInit(&tree, [](AvlNode *pNode) {
-        freed.push_back(pNode->key);
-        free(pNode);
-        return 1;
-    });
-    for (AvlKey key : {4, 2, 6, 1, 3})
-        AvlInsert(&tree, key, nullptr);
-    AvlDestroy(&tree);
-    EXPECT_THAT(freed, testing::UnorderedElementsAre(1, 2, 3, 4, 6));
-    EXPECT_EQ(nullptr, tree.root);
-}
-
 TEST_F(Avl, TextKeysIgnoreCase)
 {
     tree.pfnCompare = AvlCompareTextNoCase;

@@ -2,8 +2,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
-#include <memory>
 #include <string>
 
 #include <sys/msg.h>
@@ -118,19 +116,6 @@ TEST_F(CgiPushTest, ActionsWaitForTheAnswersThatTheyHave)
     }
     EXPECT_EQ(-1, CgiPushAction("Reboot", nullptr, nullptr, 0));
     EXPECT_EQ("none", Take());
-}
-
-TEST(CfgFileContent, IsReadWhole)
-{
-    TempDir dir;
-    const std::string path = dir.File("orx.cfg");
-    for (const std::string &content : {"[USERS]\nSuperUser=a\n"s, "\0\xFF\r\n"s, std::string(100000, 'x')}) {
-        WriteFile(path, content);
-        size_t nSize = 0;
-        std::unique_ptr<char, void (*)(void *)> text(GetCfgFileContent(path.c_str(), &nSize), free);
-        ASSERT_TRUE(text);
-        EXPECT_EQ("inmem:" + content, std::string(text.get(), nSize));
-    }
 }
 
 }  // namespace

@@ -5,8 +5,6 @@
 #include <string>
 #include <vector>
 
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
 #include "support/files.h"
@@ -123,25 +121,6 @@ TEST_F(WifiScanTest, FollowsNoLink)
         std::filesystem::remove(dir.File(szName));
     }
     EXPECT_EQ(kList, Scan());
-}
-
-// The tool neither holds our sockets open nor takes the commands typed at our console.
-TEST_F(WifiScanTest, TheToolInheritsNothing)
-{
-    int fds[2];
-    ASSERT_EQ(0, pipe(fds));
-    ASSERT_EQ(6, write(fds[1], "quit\r\n", 6));
-    int nStdin = dup(STDIN_FILENO);
-    dup2(fds[0], STDIN_FILENO);
-    dup2(fds[1], 100);  // left open by whoever made it
-    Tool("[ ! -e /proc/$$/fd/100 ] || echo leaked > leak");
-    EXPECT_EQ(kList, Scan());
-    char typed[6] = "";
-    EXPECT_EQ(6, read(fds[0], typed, sizeof(typed)));
-    EXPECT_EQ("", ReadFile(dir.File("leak")));
-    dup2(nStdin, STDIN_FILENO);
-    for (int fd : {fds[0], fds[1], nStdin, 100})
-        close(fd);
 }
 
 }  // namespace

@@ -67,22 +67,6 @@ TEST(RtpHelp, BrokenSamples)
     }
 }
 
-TEST(RtpHelp, G711In20MsPackets)
-{
-    std::string sample = Noise(480, 1);
-    Player player(MEDIA_G711, 8000);
-    EXPECT_EQ(3, player.Pack(Pack2RtpG711Block, sample, 500));
-    uint32_t i = 0;
-    for (const auto &packet : player.Packets()) {
-        EXPECT_EQ(sample.substr(i * 160, 160), packet.Payload());
-        EXPECT_EQ(500 + i * 20, packet.nTimeMs);
-        EXPECT_EQ((500 + i * 20) * 8 * 8, GetBe(packet.data.data() + 4, 4))
-            << "as players have come to expect it";
-        EXPECT_TRUE(packet.Marker());
-        i++;
-    }
-}
-
 // Payloads of an image go out as they were recorded, also where they have restart markers (RFC 2435).
 TEST(RtpHelp, RecordedJpegPayloads)
 {

@@ -13,7 +13,7 @@
 namespace orx {
 namespace {
 
-TEST(Thread, RunsItsBodyAndIsJoinedAndRunsAgain)
+TEST(Thread, RunsAgainOnceItWasJoined)
 {
     std::atomic<int> nRuns{0};
     Thread thread;
@@ -39,19 +39,6 @@ TEST(Thread, StopRequestAndWakeupEndAPause)
         EXPECT_EQ(bStop, ThreadStopping(&thread));
         ThreadJoin(&thread);
     }
-}
-
-TEST(Thread, CancelledThreadIsStillJoined)
-{
-    Thread thread;
-    auto *pfnDeaf = +[](Thread *) {
-        for (;;)
-            pause();
-    };
-    ASSERT_EQ(1, ThreadCreate(&thread, pfnDeaf, nullptr));
-    ThreadCancel(&thread);
-    ThreadJoin(&thread);
-    EXPECT_FALSE(thread.nFlags & THREAD_ENDED);
 }
 
 // Gives up what lets a process raise its priority, and sends what it prints to where the tests look for it.

@@ -74,12 +74,10 @@ TEST(AuthBasic, LetsTheRightPasswordIn)
         {"Aladdin", "a:b:c", Basic("Aladdin:a:b:c"), 2},  // only the first colon separates
         {"Aladdin", "", Basic("Aladdin:"), 2},
         {"Aladdin", "open sesame", Basic("Aladdin:Open sesame"), -1},
-        {"Aladdin", "open sesame", Basic("Aladdin:open sesame "), -1},
         {"Aladdin", "open sesame", Basic("Aladdin:open sesam"), -1},
         {"Aladdin", "open sesame", Basic("aladdin:open sesame"), -1},
         {"Aladdin", "open sesame", Basic(std::string("Aladdin:open sesame\0x", 21)), -1},
         {"Aladdin", "open sesame", Basic("Aladdin"), -1},
-        {"Aladdin", "open sesame", "Basic ", -1},
         {"Aladdin", "open sesame", "basic QWxhZGRpbjpvcGVuIHNlc2FtZQ==", -1},
     };
     for (const auto &c : cases) {

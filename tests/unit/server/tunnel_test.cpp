@@ -66,11 +66,8 @@ TEST(TunnelDecode, AtAnySplit)
 
 TEST(TunnelDecode, RefusesWhatIsNoBase64)
 {
-    for (const std::string &text :
-         {std::string("T1B\x01"), std::string("T1B-"), std::string("OPTIONS * RTSP/1.0"),
-          std::string("T1BU\0", 5), std::string("TTTT===="), std::string("TT=T"), std::string("T==="),
-          std::string("====")})
-        EXPECT_EQ(0, Receiver().Decode(text)) << text;
+    for (const char *szText : {"T1B\x01", "T1B-", "TTTT====", "TT=T", "T==="})
+        EXPECT_EQ(0, Receiver().Decode(szText)) << szText;
 }
 
 TEST(TunnelDecode, NeverWritesPastTheBuffer)
