@@ -1,9 +1,12 @@
-// RECORDEX: what it answers, and which files it makes.
+// RECORDEX: what it answers, and which files it makes. GETPLAYLIST: what it lists, and for whom.
 #include <csignal>
 #include <ctime>
+#include <deque>
 #include <filesystem>
+#include <regex>
 
 #include "base/bytes.h"
+#include "support/sockets.h"
 #include "system/recordingtest.h"
 
 namespace orx {
@@ -141,6 +144,90 @@ TEST_F(RecordTest, IsCompletedWhenTheServerEnds)
         EXPECT_EQ(19U * 40, GetBe(file.data() + 40, 4)) << "the duration";
         std::filesystem::remove(File("a.zmf"));
     }
+}
+
+struct PlayListTest : RecordingTest {
+    std::deque<RtspClient> pushers;
+    const std::string admin = Token("admin", "secret");
+
+    void SetUp() override
+    {
+        for (const auto &[key, value] : {std::pair{"SuperUser", "admin"},
+                                         {"SuperPwd", "secret"},
+                                         {"NumUsers", "2"},
+                                         {"UserName0", "ann"},
+                                         {"UserPwd0", "anna"},
+                                         {"UserName1", "bob"}})
+            server.Set("USERS", key, value);
+        server.Set("USERCTRL", "UserDevList0", "cam/back, bare");
+        server.Start();
+    }
+    // A program of sound alone, or with pictures whose size is looked at by all who parse it.
+    void Announce(const std::string &name, const std::string &lines, bool bPictures = false)
+    {
+        std::string sdp = CameraSdp(bPictures ? 1 : 2);
+        if (!bPictures)
+            sdp.replace(sdp.find("m=video"), sdp.find("m=audio") - sdp.find("m=video"), "");
+        ASSERT_EQ(1, RtspOpenPusher(&pushers.emplace_back(), Url(name).c_str(), sdp + lines));
+    }
+    static std::string Token(const std::string &user, const std::string &password)
+    {
+        return "UserName: " + user + "\r\nUserAuth: " + RtspUserToken(user, password) + "\r\n";
+    }
+    // What comes on a connection of its own, up to the empty line; a well-formed time is replaced by "TIME".
+    std::string List(const std::string &headers) const
+    {
+        Sock sock = orx::Connect(server.nPort);
+        EXPECT_TRUE(sock.Send(MakeRequest("GETPLAYLIST", "*", 7, headers)));
+        std::string text, more;
+        do
+            text += more = sock.Read(1);
+        while (!more.empty() && text.find("\r\n\r\n") == std::string::npos);
+        EXPECT_TRUE(sock.StillOpen());
+        return std::regex_replace(text, std::regex("^PlayList:20[0-9]{6}-[0-9]{4}\r\n"), "TIME\r\n");
+    }
+};
+
+TEST_F(PlayListTest, ListsWhatAUserMaySeeOnHisScreen)
+{
+    Announce("cam/front", "a=NickName:front door\r\na=framesize:96 640-480\r\n", true);
+    Announce("cam/back", "a=cliprect:0,0,240,320\r\na=NickName:back\r\n", true);
+    Announce("bare", "");
+    Announce("odd", "a=framesize:96\r\n");
+    Announce("odder", "a=framesize:96 640x480\r\n");
+    const std::string front = "640x480|front door|/cam/front\r\n", back = "240x320|back|/cam/back\r\n",
+                      bare = "0x0||/bare\r\n", odd = "0x0||/odd\r\n0x0||/odder\r\n";
+    const struct {
+        std::string headers, lines;
+    } cases[] = {
+        {admin, front + back + bare + odd},
+        {admin + "Screen-Size: 0x240\r\n", front + back + bare + odd},
+        {admin + "Screen-Size: 640x480\r\n", front + back + bare + odd},
+        {admin + "Screen-Size: 640x479\r\n", back + bare + odd},
+        {admin + "Screen-Size: 320x239\r\n", bare + odd},
+        {Token("ann", "anna"), back + bare},
+        {Token("bob", ""), ""},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ("TIME\r\n" + c.lines + "\r\n", List(c.headers)) << c.headers;
+    for (const std::string &headers :
+         {std::string(), std::string("UserName: admin\r\n"), Token("admin", "wrong"), Token("eve", "")})
+        EXPECT_EQ("RTSP/1.0 401 Unauthorized\r\n" + kServerLine + "CSeq: 1\r\n\r\n", List(headers))
+            << headers;
+    EXPECT_TRUE(server.WaitOutput("bad SDP: invalid frame size line\n"));
+    EXPECT_TRUE(server.WaitOutput("bad SDP: invalid frame size line(no height)\n"));
+}
+
+// No program is added from byte 3904 on.
+TEST_F(PlayListTest, EndsBeforeItIsTooLong)
+{
+    const std::string name(80, 'n');
+    for (int i = 10; i < 60; i++)
+        Announce("cam" + std::to_string(i), "a=NickName:" + name + "\r\n");
+    const size_t nLine = strlen("0x0||/cam10\r\n") + name.size();
+    const size_t nLines = (3904 - strlen("PlayList:20261122-0101\r\n") + nLine - 1) / nLine;
+    std::string list = List(admin);
+    EXPECT_EQ(strlen("TIME\r\n") + nLines * nLine + 2, list.size()) << list;
 }
 
 }  // namespace
