@@ -1,13 +1,17 @@
 #!/bin/sh
 # What the server costs: processor time per delivered gigabyte for 10, 100 and 400 players over TCP and over UDP, each
 # beside a bare loop that only sends the same bytes to as many sockets; how long a picture is under way from the pusher
-# to the players; resident memory per player. One program of 2 Mbit/s, everything on this machine.
+# to the players; resident memory per player. One program of 2 Mbit/s, everything on this machine. Then what recording
+# costs: processor time per recorded gigabyte of an 8 Mbit/s program beside plain writes of the same bytes, and the
+# longest time for which one packet holds the thread that serves everybody.
 #
 #   scripts/bench.sh               builds in build/bench and measures
 #   BENCH_BIN=DIR scripts/bench.sh measures the programs in DIR
 #   BENCH_SECONDS=5                measured seconds of each row (10)
 #   BENCH_PLAYERS="10 100 400"     players of the rows
 #   BENCH_TRANSPORTS="tcp udp"
+#   BENCH_DISK=DIR                 where recordings are written (a temporary directory)
+#   BENCH_MEGABYTES=1000           recorded
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -16,7 +20,7 @@ rate=1960 # kbit/s: 25 pictures a second of 7 packets of 1400 bytes
 if [ -z "${BENCH_BIN:-}" ]; then
     scripts/install-deps.sh test
     cmake -S . -B build/bench -DCMAKE_BUILD_TYPE=Release >/dev/null
-    cmake --build build/bench -j"$(nproc)" --target orx orxpush orxload sendloop >/dev/null
+    cmake --build build/bench -j"$(nproc)" --target orx orxpush orxload sendloop recordloop >/dev/null
     BENCH_BIN=build/bench/bin
 fi
 bin=$(cd "$BENCH_BIN" && pwd)
@@ -94,3 +98,8 @@ for transport in ${BENCH_TRANSPORTS:-tcp udp}; do
         row "$transport" "$players"
     done
 done
+
+"$bin/recordloop" -m "${BENCH_MEGABYTES:-1000}" "${BENCH_DISK:-$dir}" >"$dir/record"
+printf '\n%-12s %9s %12s %6s   %20s\n' "" "CPU s/GB" "plain writes" ratio "longest packet, ms"
+sed 's/[^0-9.,]//g; s/,/ /g' "$dir/record" |
+    awk '{ printf "%-12s %9.3f %12.3f %6.2f   %20.2f\n", "recording", $1, $2, ($2 > 0 ? $1 / $2 : 0), $3 / 1000 }'
