@@ -73,16 +73,6 @@ TEST_F(InifileTest, CopiesIntoTheBuffer)
     }
 }
 
-TEST_F(InifileTest, ReadsNumbers)
-{
-    const char text[] = "[S]\na= \t-7x\nb=0x1f\nc=99999999999\nd=0000000000000000000000000000000123\n";
-    EXPECT_EQ(-7, read_profile_int("S", "a", 99, text));
-    EXPECT_EQ(0, read_profile_int("S", "b", 99, text));
-    EXPECT_EQ(2147483647, read_profile_int("S", "c", 99, text));
-    EXPECT_EQ(0, read_profile_int("S", "d", 99, text)) << "31 characters are looked at";
-    EXPECT_EQ(99, read_profile_int("S", "e", 99, text));
-}
-
 // A file of 8192 bytes, or a name that a request left empty: nothing is found, and nothing written.
 TEST_F(InifileTest, SurvivesWhatAFileOrPeerCanBreak)
 {

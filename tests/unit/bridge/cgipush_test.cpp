@@ -103,20 +103,5 @@ TEST_F(CgiPushTest, AnswersAreCopiedAsFarAsTheyGo)
     }
 }
 
-TEST_F(CgiPushTest, ActionsWaitForTheAnswersThatTheyHave)
-{
-    for (const CgiAction &action : kCgiActions) {
-        Answer("12:30");
-        char answer[8] = "kept";
-        EXPECT_EQ(0, CgiPushAction(action.szName, "/tmp/x", answer, sizeof(answer)));
-        EXPECT_STREQ(action.nFlags & CGI_ANSWER ? "12:30" : "kept", answer) << action.szName;
-        EXPECT_NE(std::string::npos, Take().find(action.szName));
-        char unread[8];
-        EXPECT_EQ(action.nWaitMs == 0, WaitReplyMsg(0, unread, sizeof(unread)) > 0) << action.szName;
-    }
-    EXPECT_EQ(-1, CgiPushAction("Reboot", nullptr, nullptr, 0));
-    EXPECT_EQ("none", Take());
-}
-
 }  // namespace
 }  // namespace orx

@@ -43,13 +43,11 @@ TEST(WifiReduce, OneLineForANetwork)
     const struct {
         std::string raw, lines;
     } cases[] = {
-        {"wlan0     No scan results\n\n", ""},
         {Cell("\"cafe\"", kSignal, "off"), "cafe [00:1A] 70/70 OPEN\n"},
         {Cell("\"cafe\"", kSignal, "on"), "cafe [00:1A] 70/70 WEP\n"},
         {Cell("\"cafe\"", kSignal, "on", kWpa), "cafe [00:1A] 70/70 WPA\n"},
         {Cell("\"cafe\"", kSignal, "on", kRsn + kWpa), "cafe [00:1A] 70/70 WPA/WPA2\n"},
         {Cell("\"cafe\"", kSignal, "1234-5678 [1]"), "cafe [00:1A] 70/70 1234-5678 [1]\n"},
-        {Cell("\"c\"", "100/100  Signal", "on"), "c [00:1A] 100/100 WEP\n"},
         {Cell("\"c\"", "70/70", "on"), "c [00:1A] 70/70WEP\n"},
         {Cell("\"\"", kSignal, "on"), " [00:1A] 70/70 WEP\n"},
         {Cell("off/any/hidden", kSignal, "on"), " [00:1A] 70/70 WEP\n"},

@@ -67,51 +67,5 @@ TEST(RtpHelp, BrokenSamples)
     }
 }
 
-// Payloads of an image go out as they were recorded, also where they have restart markers (RFC 2435).
-TEST(RtpHelp, RecordedJpegPayloads)
-{
-    for (uint32_t nType : {1, 65}) {
-        std::vector<std::string> payloads;
-        std::string sample;
-        uint32_t nOffset = 0;
-        for (uint32_t i = 0; i < 5; i++) {
-            std::string restart = nType == 65 ? Be(0x0004C000 + i, 4) : "";
-            std::string tables = i == 0 ? Be(128, 4) + Noise(128, 9) : "", scan = Noise(1000 + 13 * i, i);
-            payloads.push_back(Be(nOffset, 4) + Be(nType, 1) + "\xFF\x28\x1E" + restart + tables + scan);
-            sample += payloads.back();
-            nOffset += Size(scan);
-        }
-        Player player(MEDIA_JPEG);
-        ASSERT_EQ(5, player.Pack(Pack2RtpJpegBlock, sample));
-        std::vector<Player::Packet> packets = player.Packets();
-        for (size_t i = 0; i < 5; i++) {
-            EXPECT_EQ(payloads[i], packets[i].Payload());
-            EXPECT_EQ(i == 4, packets[i].Marker());
-        }
-    }
-}
-
-TEST(RtpHelp, JfifImages)
-{
-    auto segment = [](uint32_t nMarker, const std::string &body) {
-        return Be(0xFF00 | nMarker, 2) + Be(Size(body) + 2, 2) + body;
-    };
-    std::string luma = Noise(64, 1), chroma = Noise(64, 2), scan = Noise(4000, 3), luma0 = Be(0, 1) + luma;
-    std::string size = segment(0xC0, "\x08" + Be(240, 2) + Be(320, 2) + "\x03" + std::string(9, 'c'));
-    std::string soi = "\xFF\xD8" + segment(0xE0, "JFIF \xFF\xDB inside"), sos = segment(0xDA, "\x03ssssss");
-    for (const auto &tables :  // the two may share a segment or have one each
-         {segment(0xDB, luma0 + "\x01" + chroma), segment(0xDB, luma0) + segment(0xDB, "\x01" + chroma)}) {
-        Player player(MEDIA_JPEG);
-        ASSERT_EQ(3, player.Pack(Pack2RtpJpegBlock, soi + tables + size + sos + scan, 40));
-        std::vector<Player::Packet> packets = player.Packets();
-        for (uint32_t i = 0; i < 3; i++) {
-            EXPECT_EQ(Be(i * 1460, 4) + "\x01\xFF\x28\x1E" + (i == 0 ? Be(128, 4) + luma + chroma : "") +
-                          scan.substr(i * 1460, 1460),
-                      packets[i].Payload());
-            EXPECT_EQ(i == 2, packets[i].Marker());
-        }
-    }
-}
-
 }  // namespace
 }  // namespace orx

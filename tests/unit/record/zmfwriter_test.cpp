@@ -127,20 +127,5 @@ TEST(ZMFWriter, TimesBeforeTheFileAreTakenAtItsBeginningOnly)
                 HasSubstr("pWriter->uSampleCount < 6"));
 }
 
-TEST(ZMFWriter, APauseLeavesNoGap)
-{
-    Recorder recorder;
-    recorder.PutKey(1000);
-    for (uint32_t i = 1; i <= 10; i++)
-        recorder.Put('v', 0, 1000 + i * 40, "p");
-    ZMFWriterPause(recorder.pWriter);
-    EXPECT_EQ(1, recorder.Put('a', 0, 900000, "b"));
-    EXPECT_EQ(1, recorder.Put('v', 0, 900000, "q"));  // as early as the sample that set the new base
-    EXPECT_EQ(1, recorder.Put('v', 0, 900040, "r"));
-    std::vector<Sample> samples = recorder.FinishedSamples();
-    std::vector<Sample> expected = {{'a', 0, 420, "b"}, {'v', 0, 420, "q"}, {'v', 0, 460, "r"}};
-    EXPECT_EQ(expected, std::vector<Sample>(samples.begin() + 11, samples.end()));
-}
-
 }  // namespace
 }  // namespace orx

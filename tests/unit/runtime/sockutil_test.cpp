@@ -2,8 +2,6 @@
 
 #include <string>
 
-#include <arpa/inet.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -41,24 +39,6 @@ TEST(SockResolveUriDeathTest, TextTooLong)
     EXPECT_EQ(1, SockResolveUri(&addr, (":80" + std::string(252, ' ')).c_str(), 554));
     EXPECT_DEATH(SockResolveUri(&addr, (":80" + std::string(253, ' ')).c_str(), 554),
                  testing::HasSubstr("`strlen(uri)<sizeof(buf)'"));
-}
-
-TEST(SockAddrClass, ByFirstByte)
-{
-    static const struct {
-        const char *szIp;
-        char cClass;
-        int bUsable;
-    } cases[] = {
-        {"0.0.0.0", 'E', 1},   {"0.0.0.1", 'E', 0},   {"1.0.0.0", 'A', 1},   {"127.0.0.1", 'E', 0},
-        {"128.0.0.0", 'B', 1}, {"192.0.0.1", 'C', 1}, {"224.0.0.1", 'D', 1}, {"255.255.255.255", 'E', 1},
-    };
-    for (const auto &c : cases) {
-        sockaddr_in addr{};
-        addr.sin_addr.s_addr = inet_addr(c.szIp);
-        EXPECT_EQ(c.cClass, SockAddrClass(&addr)) << c.szIp;
-        EXPECT_EQ(c.bUsable, SockIsUsableAddr(&addr)) << c.szIp;
-    }
 }
 
 }  // namespace

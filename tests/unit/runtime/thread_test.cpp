@@ -1,45 +1,13 @@
 #include "runtime/thread.h"
 
-#include <atomic>
-
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "support/wait.h"
-
 namespace orx {
 namespace {
-
-TEST(Thread, RunsAgainOnceItWasJoined)
-{
-    std::atomic<int> nRuns{0};
-    Thread thread;
-    for (int i = 1; i <= 2; i++) {
-        auto *pfnCount = +[](Thread *pThread) { ++*static_cast<std::atomic<int> *>(pThread->pArgument); };
-        ASSERT_EQ(1, ThreadCreate(&thread, pfnCount, &nRuns));
-        ThreadJoin(&thread);
-        EXPECT_EQ(i, nRuns);
-        EXPECT_TRUE(thread.nFlags & THREAD_ENDED);
-    }
-    ThreadJoin(&thread);  // nothing to join any more
-}
-
-TEST(Thread, StopRequestAndWakeupEndAPause)
-{
-    for (int bStop : {0, 1}) {
-        Thread thread;
-        ASSERT_EQ(1, ThreadCreate(
-                         &thread, [](Thread *pThread) { ThreadPause(pThread, 3600 * 1000); }, nullptr));
-        EXPECT_TRUE(WaitFor([&] { return thread.nPauseMs != 0; }));
-        bStop ? ThreadExit(&thread) : ThreadWakeup(&thread);
-        EXPECT_TRUE(WaitFor([&] { return (thread.nFlags & THREAD_ENDED) != 0; }));
-        EXPECT_EQ(bStop, ThreadStopping(&thread));
-        ThreadJoin(&thread);
-    }
-}
 
 // Gives up what lets a process raise its priority, and sends what it prints to where the tests look for it.
 void RaisePriorityWithoutTheRight(int bAllowed)

@@ -52,16 +52,5 @@ TEST(CamCfg, ShowsAViewerOnlyItsOwn)
         << "nobody has no name";
 }
 
-TEST(CamCfg, CutAnywhereHidesTheSame)
-{
-    const std::string text =
-        "[USERS]\r\nNumUsers=1\r\nSuperPwd=secret\r\nUserName0=al\r\nUserPwd0=hidden\r\n[SMTP]\r\n";
-    for (size_t n = 0; n <= text.size(); n++) {
-        std::string shown = Filtered(text.substr(0, n));
-        EXPECT_EQ(std::string::npos, shown.find("secret")) << n;
-        EXPECT_EQ(std::string::npos, shown.find("hidden")) << n;
-    }
-}
-
 }  // namespace
 }  // namespace orx

@@ -218,24 +218,6 @@ struct PlayerQueueTest : testing::Test {
     }
 };
 
-TEST_F(PlayerQueueTest, LeavesOutWhatAPlayerHasNotSetUp)
-{
-    Start();
-    Push({0, 0});
-    Push({0, 1});
-    Push({0, 2});
-    EXPECT_EQ(2U, Waiting()) << "described, but not set up";
-    server->Run([&] { pPlayer->nState = STATE_PAUSED; });
-    Push({0, 0});
-    EXPECT_EQ(2U, Waiting()) << "not playing";
-    server->Run([&] {
-        pPlayer->nState = STATE_PLAYING;
-        pPlayer->out.nTracks = 1;
-    });
-    Push({0, 1});
-    EXPECT_EQ(2U, Waiting()) << "no track with that payload type";
-}
-
 TEST_F(PlayerQueueTest, GivesAPlayerUpAtAThousandAndOne)
 {
     Start();

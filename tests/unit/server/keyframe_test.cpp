@@ -86,7 +86,6 @@ TEST(KeyFrame, FlagsEachKeyPictureOnce)
           {9, 0, StapA({6, 7, 8}), 1},
           {9, 1, idr, 0}}},
         {"two slices of one picture", MEDIA_H264, {{0, 0, idr, 1}, {0, 1, idr, 0}, {3000, 1, idr, 1}}},
-        {"two parameter sets", MEDIA_H264, {{0, 0, sps, 1}, {0, 0, sps, 0}, {0, 1, idr, 0}}},
         {"sets again at the next picture", MEDIA_H264, {{0, 1, sps, 1}, {0, 1, sps, 1}}},
         {"fragmented parameter set", MEDIA_H264, {{0, 0, fuSps, 1}, {0, 1, fuIdrStart, 0}}},
         {"one aggregate", MEDIA_H264, {{0, 1, StapA({6, 5}), 1}, {3000, 1, StapA({6, 1}), 0}}},

@@ -53,32 +53,6 @@ struct ProgramTest : testing::Test {
     }
 };
 
-TEST_F(ProgramTest, FindsLivePrograms)
-{
-    Session pusher, other;
-    Program *pSub = Make("/ch1-s1", &pusher);
-    Program *pCam = Make("/cam", &other);
-    const struct {
-        std::string path;
-        Program *pFound, *pFoundWithSubstream;
-    } cases[] = {
-        {"/CH1-S1", pSub, pSub},    {"/ch1", nullptr, pSub},
-        {"/CH1", nullptr, nullptr}, {"/ch1-", nullptr, nullptr},
-        {"/Cam", pCam, pCam},       {"/cam/", nullptr, nullptr},
-        {"", nullptr, nullptr},     {"/ch" + std::string(5000, '1'), nullptr, nullptr},
-    };
-    for (const auto &c : cases) {
-        EXPECT_EQ(c.pFound, ProgramFind(c.path.c_str())) << c.path;
-        EXPECT_EQ(c.pFoundWithSubstream, ProgramFindWithSubstream(c.path.c_str())) << c.path;
-    }
-    Program *pTwin = ProgramNew("/CAM");
-    pTwin->bLive = 1;
-    EXPECT_EQ(0, ProgramReady(pTwin)) << "a name is taken once";
-    ProgramDelete(pTwin);
-    ProgramDetach(&pusher);
-    ProgramDetach(&other);
-}
-
 // The order is that of creation, also where handles wrap, whatever the order of attaching.
 TEST_F(ProgramTest, KeepsWhoIsAttachedInOrder)
 {

@@ -123,24 +123,6 @@ TEST(Sdp, NumbersTracks)
     g_server.bStandardPushers = 0;
 }
 
-TEST(Sdp, ReadsFrameSizes)
-{
-    static const struct {
-        const char *szLine;
-        uint32_t nWidth, nHeight;
-    } cases[] = {
-        {"a=framesize:96 640-480", 640, 480},
-        {"a=cliprect:0,0,480,640", 640, 480},
-        {"a=cliprect:1,2,3,4\r\na=framesize:96 1920-1080", 1920, 1080},
-        {"a=framesize:96 640-99999999999", 640, 2147483647},
-    };
-    for (const auto &c : cases) {
-        Parsed p(std::string(kVideo) + c.szLine + "\r\n");
-        EXPECT_EQ(c.nWidth, p.mediaInfos[0].nWidth) << c.szLine;
-        EXPECT_EQ(c.nHeight, p.mediaInfos[0].nHeight) << c.szLine;
-    }
-}
-
 TEST(Sdp, ReadsTheLengthOfARecording)
 {
     static const struct {
@@ -159,17 +141,6 @@ TEST(Sdp, ReadsTheLengthOfARecording)
     for (const auto &c : cases) {
         Parsed p(std::string(kHead) + c.szLine + "\r\n" + kVideo, c.bLive, c.nKnown);
         EXPECT_EQ(c.nDuration, p.mediaInfos[0].nDuration) << c.szLine;
-    }
-}
-
-// Cut anywhere, a description is refused or described by what is left.
-TEST(Sdp, SurvivesEveryCut)
-{
-    std::string sdp = std::string(kHead) + kVideo + "a=framesize:96 640-480\r\n" + kAudio;
-    for (size_t n = 0; n < sdp.size(); n++) {
-        Parsed p(sdp.substr(0, n));
-        EXPECT_LE(p.nTrackCount, 2);
-        EXPECT_FALSE(p.nResult && p.nTrackCount == 0);
     }
 }
 
