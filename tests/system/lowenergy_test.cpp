@@ -1,7 +1,5 @@
 // Idle programs, silent pushers and the program hook. The server runs inside the test, so that its clock can
 // be moved.
-#include <sys/socket.h>
-
 #include <memory>
 #include <mutex>
 
@@ -67,22 +65,6 @@ TEST_F(LowEnergyTest, IdlePusherSleepsUntilSomebodyWatches)
     RtspMessage frame;
     ASSERT_EQ(1, RtspWaitFrame(&player, 0, &frame));
     EXPECT_EQ(CameraPacket(0, 10000, 5000U * 3600, "\x67sps"), frame.body);
-}
-
-// Of a pusher's tunnel only the half towards us is left: it cannot be told anything, which ends nobody else.
-TEST_F(LowEnergyTest, PusherOfHalfATunnelIsNotWoken)
-{
-    Start();
-    ASSERT_EQ(1, RtspConnectTunnel(&pusher, url.c_str()));
-    ASSERT_EQ(1, RtspAnnounce(&pusher, CameraSdp()));
-    MoveTo(121000);
-    ASSERT_EQ(1, RtspWaitRequest(&pusher, "SLEEP", nullptr));
-    ServerStat before{}, now{};
-    ServerGetStat(&before, 0);
-    shutdown(pusher.fd, SHUT_RDWR);
-    ASSERT_TRUE(WaitFor([&] { return ServerGetStat(&now, 0) && now.nMonitors < before.nMonitors; }));
-    ASSERT_EQ(1, RtspConnect(&player, url.c_str()));
-    EXPECT_EQ(1, RtspDescribe(&player));
 }
 
 TEST_F(LowEnergyTest, WatchedPusherStaysAwake)

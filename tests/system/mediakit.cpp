@@ -14,7 +14,7 @@
 
 namespace orx {
 
-constexpr uint32_t kFirstMs = 1000, kPictureMs = 40, kSoundMs = 20;
+constexpr uint32_t kFirstMs = 1000, kPictureMs = 40;
 constexpr int kFuA = 28, kStapA = 24;
 const std::string kStartCode("\0\0\0\1", 4);
 
@@ -31,7 +31,6 @@ static const CodecRow &RowOf(Codec codec)
         {96, 90, 90, "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n"},
         {26, 90, 90, "m=video 0 RTP/AVP 26\r\na=rtpmap:26 JPEG/90000\r\n"},
         {8, 8, 64, "m=audio 0 RTP/AVP 8\r\na=rtpmap:8 PCMA/8000/1\r\n"},
-        {97, 8, 8, "m=audio 0 RTP/AVP 97\r\na=rtpmap:97 AMR/8000/1\r\na=fmtp:97 octet-align=1\r\n"},
         {98, 1, 1, "m=data 0 RTP/AVP 98\r\na=rtpmap:98 events/1000\r\n"},
     };
     return rows[static_cast<int>(codec)];
@@ -62,20 +61,6 @@ static std::string H264Part(std::string_view payload)
     return part + std::string(payload.substr(2));
 }
 
-// Octet-aligned (RFC 4867); all frames of a packet are of one size.
-static std::string AmrPart(std::string_view payload)
-{
-    std::string part;
-    size_t nFrames = 1;
-    while (payload[nFrames] & 0x80)
-        nFrames++;
-    size_t nSpeech = (payload.size() - 1 - nFrames) / nFrames;
-    for (size_t i = 0; i < nFrames; i++)
-        part += static_cast<char>(payload[1 + i] & 0x7F) +
-                std::string(payload.substr(1 + nFrames + i * nSpeech, nSpeech));
-    return part;
-}
-
 // Packets of one track must follow each other; a picture ends with the marker.
 static MediaUnits TakeApart(Codec codec, const std::vector<std::string> &packets, uint32_t nTicksPerMs)
 {
@@ -87,13 +72,10 @@ static MediaUnits TakeApart(Codec codec, const std::vector<std::string> &packets
         EXPECT_EQ(1, RtpParseHead(packet.data(), packet.size(), &head));
         EXPECT_TRUE(&packet == &packets[0] || head.nSequence == nExpected) << "a packet is missing";
         std::string_view payload = std::string_view(packet).substr(head.nHeadBytes);
-        data += codec == Codec::H264     ? H264Part(payload)
-                : codec == Codec::AMR_NB ? AmrPart(payload)
-                                         : std::string(payload);
+        data += codec == Codec::H264 ? H264Part(payload) : std::string(payload);
         if ((codec == Codec::H264 || codec == Codec::JPEG) && !head.bMarker)
             continue;
-        units.push_back({head.nTimestamp / nTicksPerMs, codec == Codec::JPEG || (data[4] & 0x1F) == H264_SPS,
-                         std::move(data)});
+        units.push_back({head.nTimestamp / nTicksPerMs, std::move(data)});
         data.clear();
     }
     return units;
@@ -126,57 +108,39 @@ int Camera::Open(const std::string &url, const std::string &moreSdp)
     return RtspOpenPusher(&client, url.c_str(), Sdp() + moreSdp);
 }
 
-static void PackUnit(const Camera &camera, CameraTrack *pTrack, int nUnit, uint32_t nTime, RtpPackets *pOut)
+static void PackUnit(const Camera &camera, CameraTrack *pTrack, uint32_t nUnit, uint32_t nMs,
+                     RtpPackets *pOut)
 {
-    auto nSeed = static_cast<uint32_t>(nUnit);
+    uint32_t nTime = nMs * RowOf(pTrack->codec).nTicksPerMs;
+    const auto &clip = camera.clip.pictures;
     if (pTrack->codec == Codec::H264) {
-        PackH264(&pTrack->stream, camera.clip.pictures[nSeed % camera.clip.pictures.size()].units, nTime, 0,
-                 pOut);
+        PackH264(&pTrack->stream, clip[nUnit % clip.size()].units, nTime, 0, pOut);
     } else if (pTrack->codec == Codec::JPEG) {
-        std::string scan = Pattern(camera.nJpegBytes + nSeed % 7 * 900, nSeed + 1);
-        JpegPicture picture{1, 320, 240, 0, Pattern(128, nSeed), scan};
+        std::string scan = Pattern(camera.nJpegBytes + nUnit % 7 * 900, nUnit + 1);
+        JpegPicture picture{1, 320, 240, 0, Pattern(128, nUnit), scan};
         PackJpeg(&pTrack->stream, &picture, nTime, pOut);
-    } else {  // AMR of 12.2 kbit/s
-        PackPlain(&pTrack->stream,
-                  pTrack->codec == Codec::G711 ? Pattern(160, nSeed) : "\xF0\x3C" + Pattern(31, nSeed), 1,
-                  nTime, pOut);
+    } else if (pTrack->codec == Codec::G711) {  // two pieces for each picture
+        PackPlain(&pTrack->stream, Pattern(160, 2 * nUnit), 1, nTime, pOut);
+        PackPlain(&pTrack->stream, Pattern(160, 2 * nUnit + 1), 1, nTime + 160, pOut);
     }
 }
 
-static void SendPackets(Camera *pCamera, CameraTrack *pTrack, const RtpPackets &packets)
+void Camera::Send(int nPictures, bool bWait)
 {
-    std::string frames;
-    for (const std::string &packet : packets)
-        frames += Frame(2 * static_cast<int>(pTrack->stream.nSsrc - pCamera->tracks[0].stream.nSsrc), packet);
-    ASSERT_EQ(1, RtspSendBytes(&pCamera->client, frames.data(), frames.size()));
-    for (MediaUnit &unit : TakeApart(pTrack->codec, packets, RowOf(pTrack->codec).nTicksPerMs))
-        pTrack->sent.push_back(std::move(unit));
-}
-
-void Camera::Send(int nPictures)
-{
-    for (int n = 0; n < nPictures && !testing::Test::HasFatalFailure(); n++, nPicture++) {
-        uint32_t nMs = kFirstMs + static_cast<uint32_t>(nPicture) * kPictureMs;
-        for (CameraTrack &track : tracks) {
-            bool bPictures = &track == &tracks[0];
-            for (uint32_t i = 0; i < (bPictures ? 1 : kPictureMs / kSoundMs) && track.codec != Codec::EVENTS;
-                 i++) {
-                RtpPackets packets;
-                PackUnit(*this, &track, bPictures ? nPicture : 2 * nPicture + static_cast<int>(i),
-                         (nMs + i * kSoundMs) * RowOf(track.codec).nTicksPerMs, &packets);
-                SendPackets(this, &track, packets);
-            }
+    for (int n = 0; n < nPictures; n++, nPicture++) {
+        std::string frames;
+        for (size_t i = 0; i < tracks.size(); i++) {
+            RtpPackets packets;
+            PackUnit(*this, &tracks[i], static_cast<uint32_t>(nPicture),
+                     kFirstMs + static_cast<uint32_t>(nPicture) * kPictureMs, &packets);
+            for (const std::string &packet : packets)
+                frames += Frame(2 * static_cast<int>(i), packet);
+            for (MediaUnit &unit : TakeApart(tracks[i].codec, packets, RowOf(tracks[i].codec).nTicksPerMs))
+                tracks[i].sent.push_back(std::move(unit));
         }
+        ASSERT_EQ(1, RtspSendBytes(&client, frames.data(), frames.size()));
     }
-    ASSERT_TRUE(Answers(&client));
-}
-
-void Camera::SendEvent(const std::string &text)
-{
-    RtpPackets packets;
-    PackPlain(&tracks.back().stream, text, 1, kFirstMs + static_cast<uint32_t>(nPicture) * kPictureMs,
-              &packets);
-    SendPackets(this, &tracks.back(), packets);
+    ASSERT_TRUE(!bWait || Answers(&client));
 }
 
 std::string Camera::Record(const std::string &param)

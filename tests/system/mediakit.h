@@ -13,13 +13,12 @@
 
 namespace orx {
 
-enum class Codec { H264, JPEG, G711, AMR_NB, EVENTS };
+enum class Codec { H264, JPEG, G711, EVENTS };
 
-// A picture, a piece of sound or a message as a decoder is given it: H.264 with start codes, AMR in storage
-// form, anything else as the payloads joined.
+// A picture or a piece of sound as a decoder is given it: H.264 with start codes, anything else as the
+// payloads joined.
 struct MediaUnit {
     uint32_t nTimeMs = 0;
-    bool bKey = false;
     std::string data;
 };
 using MediaUnits = std::vector<MediaUnit>;
@@ -38,10 +37,9 @@ struct Camera {
     explicit Camera(const std::vector<Codec> &codecs);
     std::string Sdp() const;
     int Open(const std::string &url, const std::string &moreSdp = "");
-    // Sends the next pictures with the sound between them, as fast as the server takes them, which has taken
-    // them then. Failures are test failures.
-    void Send(int nPictures);
-    void SendEvent(const std::string &text);  // on the last track
+    // Sends the next pictures with the sound between them, as fast as the server takes them; with bWait it
+    // has taken them then. Failures are test failures.
+    void Send(int nPictures, bool bWait = true);
     // Sends RECORDEX. Returns "200 OK" and the like.
     std::string Record(const std::string &param);
 

@@ -67,8 +67,6 @@ void ChildProcess::Spawn(const std::string &program, const std::vector<std::stri
         dup2(in.fd, 0);
         dup2(out.fd, 1);
         dup2(out.fd, 2);
-        for (const auto &[name, value] : environment)
-            setenv(name.c_str(), value.c_str(), 1);
         signal(SIGPIPE, SIG_DFL);
         execvp(argv[0], argv.data());
         _exit(127);

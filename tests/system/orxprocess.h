@@ -57,8 +57,7 @@ struct ChildProcess {
     bool WaitOutput(const std::string &text, int nTimes = 1, size_t nFrom = 0) const;
 
     TempDir dir;
-    pid_t pid = -1;                                  // -1: not running
-    std::map<std::string, std::string> environment;  // further variables, before it is started
+    pid_t pid = -1;  // -1: not running
 
 private:
     Sock input;

@@ -33,8 +33,7 @@ struct PlaybackTest : RecordingTest {
 // second before its time.
 TEST_F(PlaybackTest, GivesEverythingBackOverEveryTransport)
 {
-    const std::vector<Codec> programmes[] = {{Codec::H264, Codec::G711, Codec::EVENTS},
-                                             {Codec::JPEG, Codec::AMR_NB}};
+    const std::vector<Codec> programmes[] = {{Codec::H264, Codec::G711}, {Codec::JPEG}};
     server.Start();
     std::deque<Camera> cameras;
     for (const auto &codecs : programmes) {
@@ -42,13 +41,7 @@ TEST_F(PlaybackTest, GivesEverythingBackOverEveryTransport)
         std::string name = std::to_string(cameras.size()) + ".zmf";
         ASSERT_EQ(1, pCamera->Open(Url("cam")));
         ASSERT_EQ("200 OK", pCamera->Record("FileName=" + File(name)));
-        pCamera->Send(40);
-        if (codecs.back() == Codec::EVENTS) {
-            pCamera->SendEvent("ALARM:the door");
-            pCamera->SendEvent("a remark that nobody keeps");
-            pCamera->tracks.back().sent.pop_back();
-        }
-        pCamera->Send(20);
+        pCamera->Send(60);
         ASSERT_EQ("200 OK", pCamera->Record("Cmd=stop"));
         for (RtspTransport transport : kTransports)
             ASSERT_TRUE(Add(name, transport));
@@ -67,7 +60,6 @@ TEST_F(PlaybackTest, GivesEverythingBackOverEveryTransport)
         EXPECT_FALSE(viewers[i].client.bClosed) << "a recording's end does not end the connection";
     }
     EXPECT_GE(RtspNowUs() - nStart, 1250000U);
-    cameras[0].tracks[2].sent.clear();
     ExpectAllOf(cameras[0], &restless, 50);
     viewers.clear();
     RtspClose(&restless.client);
@@ -185,23 +177,15 @@ const struct Damage {
     int nPictures;       // of 50 that are played
     const char *szText;  // of the assertion that it breaks, or null
 } kDamages[] = {
-    {"empty", [](std::string *p) { p->clear(); }, kRefused, nullptr},
     {"half a header", [](std::string *p) { p->resize(100); }, kRefused, nullptr},
     {"odd index", [](std::string *p) { Set(p, 8, 2, 1601); }, kRefused, "(pFileHead->nIdxSize & 0x7) == 0"},
     {"index that begins late", [](std::string *p) { Set(p, 168, 4, 1); }, kRefused, "*p == 0"},
-    {"index of nonsense", [](std::string *p) { p->replace(176, 1592, std::string(1592, '\x5A')); }, 50,
-     nullptr},
-    {"no description", [](std::string *p) { p->replace(1768, 40, std::string(40, '\0')); }, kRefused,
-     nullptr},
     {"endless duration", [](std::string *p) { Set(p, 40, 4, 0xFFFFFFFF); }, 50, nullptr},
     {"cut in a record", [](std::string *p) { p->resize(RecordAt(*p, 20) + 9); }, 20, nullptr},
-    {"record of 7", [](std::string *p) { Set(p, RecordAt(*p, 20), 2, 7); }, 20, nullptr},
     {"record of a megabyte", [](std::string *p) { Set(p, RecordAt(*p, 20) + 3, 1, 0x0F); }, 20, nullptr},
-    {"unknown record", [](std::string *p) { (*p)[RecordAt(*p, 20) + 2] = 'z'; }, 49, nullptr},
     {"time that goes back", [](std::string *p) { Set(p, RecordAt(*p, 20) + 4, 4, 0); }, 50, nullptr},
     {"unit beyond its record", [](std::string *p) { Set(p, RecordAt(*p, 20) + 8, 2, 0xFFFF); }, kAny,
      "len==0"},
-    {"picture that is sound", [](std::string *p) { (*p)[RecordAt(*p, 20) + 2] = 'a'; }, kAny, nullptr},
 };
 
 // Who plays one may seek in it, too; with the guard off it stops the process, by the text that names what is

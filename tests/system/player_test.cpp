@@ -198,16 +198,5 @@ TEST_F(PlayerTest, StartsWithOneRequest)
     EXPECT_THAT(Ask(&player, "PLAY"), HasSubstr(RtpInfo(2)));
 }
 
-TEST_F(PlayerTest, GoesWithThePusher)
-{
-    StartWatched(1);
-    RtspReset(&pusher);
-    EXPECT_EQ(1, RtspWaitClosed(&player));
-    EXPECT_TRUE(server.WaitOutput("StopProgramAssociatedSessions().\r\n"));
-    EXPECT_TRUE(server.WaitOutput("OnFreeProgram(Uri=/cam), pointer=0x"));
-    Connect(&player);
-    EXPECT_EQ(Refused("404 Not Found"), Ask(&player, "DESCRIBE"));
-}
-
 }  // namespace
 }  // namespace orx
