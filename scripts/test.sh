@@ -30,9 +30,9 @@ for set in ${1:-asan tsan fuzz release}; do
     fuzz) run_tests "$set" -j"$jobs" -L fuzz ;;
     *) run_tests "$set" -j"$jobs" -LE interop ;;
     esac
-    # Real players compare every picture, and lose some on a machine that is too busy: one at a time, and a second
-    # chance. With the sanitizers only when there is time.
+    # Real players compare every picture, and lose some on a machine that is too busy: two at a time, and more than
+    # one chance. With the sanitizers only when there is time.
     if [ "$set" = release ] || { [ "$set" != fuzz ] && [ -n "${ORX_LONG:-}" ]; }; then
-        run_tests "$set" -j1 -L interop --repeat until-pass:2
+        run_tests "$set" -j2 -L interop --repeat until-pass:3
     fi
 done
