@@ -1,5 +1,5 @@
-// The administrator's methods, with the camera process at the other end of its message queue and a stand-in
-// for the scanning tool. The queue and the camera's program are in namespaces of this test's own.
+// The administrator's methods, with the camera process at the other end of its message queue. The queue and
+// the camera's program are in namespaces of this test's own.
 #include <cstring>
 #include <filesystem>
 
@@ -15,7 +15,6 @@ namespace orx {
 namespace {
 
 using testing::EndsWith;
-using testing::HasSubstr;
 
 const std::string kUnauthorized = Reply("401 Unauthorized"), kInternal = Reply("501 Internal error");
 
@@ -32,8 +31,7 @@ struct DirectCfgTest : SystemTest {
 
     void Start()
     {
-        server.Set("USERS", "SuperUser", "root");
-        server.Set("USERS", "SuperPwd", "rootpw");
+        server.Set("USERS", "SuperUser=root\nSuperPwd=rootpw");
         server.Start();
         Connect(&client);
     }
@@ -157,70 +155,6 @@ TEST_F(CameraTest, IsNotThere)
     EXPECT_TRUE(server.WaitOutput(" = -1\r\n", 2));
     EXPECT_EQ("", Command());
     EXPECT_EQ("", FindNewCfg()) << "nothing is left that nobody will ask for";
-}
-
-struct WifiTest : DirectCfgTest {
-    // The scan keeps its files where every other server on the machine does.
-    void SetUp() override
-    {
-        if (!EnterNamespaces(CLONE_NEWNS) || !MountEmpty("/mnt"))
-            GTEST_SKIP() << "needs the right to make namespaces of mounts";
-        std::filesystem::create_directory("/mnt/ramdisk0");
-    }
-    // Puts a stand-in for the scanning tool first in PATH.
-    void StandIn(const std::string &script)
-    {
-        std::string folder = server.dir.File("path");
-        std::filesystem::create_directories(folder);
-        WriteFile(folder + "/iwlist", "#!/bin/sh\n" + script);
-        ASSERT_EQ(0, chmod((folder + "/iwlist").c_str(), 0755));
-        setenv("PATH", (folder + ":" + getenv("PATH")).c_str(), 1);  // the server takes it over
-    }
-    // What comes back, which is no RTSP message.
-    std::string Networks()
-    {
-        std::string request = MakeRequest("GETWIFIROUTERS", "*", ++client.nCSeq), all, one;
-        RtspSendRaw(&client, request.data(), request.size());
-        while (all.size() < 4 || all.compare(all.size() - 4, 4, "\r\n\r\n") != 0) {
-            if (!RtspWaitBytes(&client, 1, &one))
-                return all + "(no end)";
-            all += one;
-        }
-        return all;
-    }
-};
-
-// More of them than one block of the output queue holds.
-TEST_F(WifiTest, ListsTheNetworks)
-{
-    StandIn(
-        "echo \"$0 $*\" > \"${0%/*}/called\"\n"
-        "printf '  Cell 01 - Address: 00:1D:0F:12:34:56\\n ESSID:\"garage\"\\n Quality=58/70  Signal\\n'\n"
-        "printf ' Encryption key:on\\n'\n"
-        "i=0; while [ $i -lt 900 ]; do\n"
-        "printf '  Cell - Address: 00:1D:0F:12:34:56\\n ESSID:\"%0100d\"\\n Quality=58/70  S\\n "
-        "Encryption key:off\\n' $i\n"
-        "i=$((i+1)); done\n");
-    server.Set("WIFI", "DevName", "wlan0; touch x");
-    Start();
-    for (int i = 0; i < 2; i++) {
-        std::string list = Networks();
-        EXPECT_THAT(list, testing::StartsWith("garage [00:1D:0F:12:34:56] 58/70 WEP\n0"));
-        EXPECT_EQ(900, CountText(list, " [00:1D:0F:12:34:56] 58/70 OPEN\n"));
-        EXPECT_THAT(list, EndsWith("899 [00:1D:0F:12:34:56] 58/70 OPEN\n\r\n\r\n"));
-    }
-    EXPECT_THAT(ReadFile(server.dir.File("path/called")), HasSubstr("iwlist wlan0; touch x scan\n"));
-}
-
-TEST_F(WifiTest, HasNothingToList)
-{
-    StandIn("exit 1\n");
-    Start();
-    EXPECT_EQ("NULL\r\n\r\n", Networks());
-    EXPECT_TRUE(server.WaitOutput("GetWifiRouters() DevName is empty!\n"));
-    WriteFile(server.ConfigPath(), "[WIFI]\nDevName=wlan0\n");
-    EXPECT_EQ("NULL\r\n\r\n", Networks());
-    EXPECT_EQ(1, CountText(server.Output(), "DevName is empty"));
 }
 
 }  // namespace

@@ -122,23 +122,17 @@ ToolProcess::ToolProcess(const std::string &name, const std::vector<std::string>
 
 OrxProcess::OrxProcess()
 {
-    Set("SERVER", "AuthType", "0");
-    Set("SERVER", "ListenIp", "127.0.0.1");
-    Set("SERVER", "ListenPort", std::to_string(nPort));
-    Set("SERVER", "LiveTime", "120");
-    Set("SERVER", "UdpStartPort", std::to_string(nUdpStart));
-    Set("SERVER", "UdpEndPort", std::to_string(nPort + kBlockPorts - 4));
-    Set("GUARD", "RunUnprivileged", "1");
+    Set("SERVER", "AuthType=0\nListenIp=127.0.0.1\nLiveTime=120\nListenPort=" + std::to_string(nPort) +
+                      "\nUdpStartPort=" + std::to_string(nUdpStart) +
+                      "\nUdpEndPort=" + std::to_string(nPort + kBlockPorts - 4));
+    Set("GUARD", "RunUnprivileged=1");
 }
 
 void OrxProcess::Launch(const std::vector<std::string> &arguments)
 {
-    std::string config, section;
-    for (const auto &[name, value] : settings) {
-        if (name.first != section)
-            config += "[" + (section = name.first) + "]\n";
-        config += name.second + "=" + value + "\n";
-    }
+    std::string config;
+    for (const auto &[section, lines] : settings)
+        config += "[" + section + "]\n" + lines;
     for (const char *szFolder : {"bin", "cfg", "log"})
         std::filesystem::create_directories(dir.File(szFolder));
     WriteFile(ConfigPath(), config);

@@ -81,10 +81,15 @@ struct OrxProcess : ChildProcess {
     OrxProcess();
     ~OrxProcess() { Kill(); }  // before its ports are given back
 
-    // One value of the configuration, before it is started.
+    // Lines of a section of the configuration, before it is started; of one key the last one that was set
+    // counts.
+    void Set(const std::string &section, const std::string &lines)
+    {
+        settings[section].insert(0, lines + "\n");
+    }
     void Set(const std::string &section, const std::string &key, const std::string &value)
     {
-        settings[{section, key}] = value;
+        Set(section, key + "=" + value);
     }
     // Writes the configuration and starts the program; Start also waits until it listens
     // and reads its console.
@@ -107,7 +112,7 @@ struct OrxProcess : ChildProcess {
     int nUdpStart = ports.nFirst + 16;  // first port of its media range
 
 private:
-    std::map<std::pair<std::string, std::string>, std::string> settings;
+    std::map<std::string, std::string> settings;
 };
 
 }  // namespace orx

@@ -169,26 +169,20 @@ void Set(std::string *pFile, size_t nAt, size_t nBytes, uint32_t nValue)
     PutBe(pFile->data() + nAt, nBytes, nValue);
 }
 
-constexpr int kRefused = -1, kAny = -2;
-
 const struct Damage {
-    const char *szName;
     void (*pfnDo)(std::string *pFile);
-    int nPictures;       // of 50 that are played
+    int nPictures;       // of 50 that are played; -1 when none can be
     const char *szText;  // of the assertion that it breaks, or null
 } kDamages[] = {
-    {"half a header", [](std::string *p) { p->resize(100); }, kRefused, nullptr},
-    {"odd index", [](std::string *p) { Set(p, 8, 2, 1601); }, kRefused, "(pFileHead->nIdxSize & 0x7) == 0"},
-    {"index that begins late", [](std::string *p) { Set(p, 168, 4, 1); }, kRefused, "*p == 0"},
-    {"endless duration", [](std::string *p) { Set(p, 40, 4, 0xFFFFFFFF); }, 50, nullptr},
-    {"cut in a record", [](std::string *p) { p->resize(RecordAt(*p, 20) + 9); }, 20, nullptr},
-    {"record of a megabyte", [](std::string *p) { Set(p, RecordAt(*p, 20) + 3, 1, 0x0F); }, 20, nullptr},
-    {"time that goes back", [](std::string *p) { Set(p, RecordAt(*p, 20) + 4, 4, 0); }, 50, nullptr},
-    {"unit beyond its record", [](std::string *p) { Set(p, RecordAt(*p, 20) + 8, 2, 0xFFFF); }, kAny,
-     "len==0"},
+    {[](std::string *p) { p->resize(100); }, -1, nullptr},
+    {[](std::string *p) { p->resize(RecordAt(*p, 20) + 9); }, 20, nullptr},
+    {[](std::string *p) { Set(p, RecordAt(*p, 20) + 3, 1, 0x0F); }, 20, nullptr},          // a long record
+    {[](std::string *p) { Set(p, 8, 2, 1601); }, -1, "(pFileHead->nIdxSize & 0x7) == 0"},  // index entries
+    {[](std::string *p) { Set(p, 168, 4, 1); }, -1, "*p == 0"},                       // the first of them
+    {[](std::string *p) { Set(p, RecordAt(*p, 20) + 8, 2, 0xFFFF); }, 20, "len==0"},  // a long unit
 };
 
-// Who plays one may seek in it, too; with the guard off it stops the process, by the text that names what is
+// Who plays one may seek in it, too. With the guard off it stops the process, by the text that names what is
 // broken.
 TEST_F(PlaybackTest, BrokenFilesEndWithoutHarm)
 {
@@ -197,49 +191,39 @@ TEST_F(PlaybackTest, BrokenFilesEndWithoutHarm)
     Camera camera({Codec::H264});
     ASSERT_NO_FATAL_FAILURE(Record(&camera, "good.zmf", 50));
     const std::string good = ReadFile(File("good.zmf"));
-    std::vector<std::pair<const Damage *, Viewer *>> played;
     for (const Damage &damage : kDamages) {
-        SCOPED_TRACE(damage.szName);
+        SCOPED_TRACE(&damage - kDamages);
         std::string file = good;
         damage.pfnDo(&file);
         WriteFile(File("bad.zmf"), file);
         Viewer *pViewer = Add("bad.zmf");
-        EXPECT_EQ(damage.nPictures != kRefused, pViewer != nullptr);
+        EXPECT_EQ(damage.nPictures >= 0, pViewer != nullptr);
         if (pViewer) {
-            std::filesystem::remove(File("bad.zmf"));  // its reader keeps it
             pViewer->Play();
-            played.emplace_back(&damage, pViewer);
+            EXPECT_TRUE(WatchPictures({pViewer}, static_cast<size_t>(damage.nPictures)));
+            for (const char *szRange : {"1.9-", "0.1-", "4000000-"}) {
+                Ask(&pViewer->client, "PAUSE");
+                pViewer->Play(szRange);
+            }
         }
-    }
-    Viewer *pLast = Add("good.zmf");
-    ASSERT_TRUE(pLast);
-    EXPECT_THAT(pLast->Play(), kIsOk);
-    EXPECT_TRUE(WatchPictures({pLast}, 50));
-    for (const auto &[pDamage, pViewer] : played) {
-        EXPECT_TRUE(pDamage->nPictures == kAny || WatchPictures({pViewer}, pDamage->nPictures))
-            << pDamage->szName;
-        for (const char *szRange : {"1.9-", "0.1-", "4000000-"}) {
-            Ask(&pViewer->client, "PAUSE");
-            pViewer->Play(szRange);
-        }
-    }
-    for (const Damage &damage : kDamages) {
         if (!damage.szText)
             continue;
-        EXPECT_TRUE(server.WaitOutput("Assertion `" + std::string(damage.szText)));
+        const std::string text = "Assertion `" + std::string(damage.szText);
+        EXPECT_TRUE(server.WaitOutput(text));
         OrxProcess strict;
-        strict.Set("SERVER", "EnableFilePrg", "1");
-        strict.Set("STORAGE", "RecordPath", root);
+        strict.Set("SERVER", "EnableFilePrg=1");
+        strict.Set("STORAGE", "RecordPath=" + root);
         strict.Start();
-        std::string file = good;
-        damage.pfnDo(&file);
-        WriteFile(File("bad.zmf"), file);
         Viewer viewer;
         if (viewer.Prepare(strict.Url("/bad.zmf")))
             viewer.Play();
-        EXPECT_EQ(256 + SIGABRT, strict.WaitExit()) << damage.szName;
-        EXPECT_EQ(1, CountText(strict.Output(), "Assertion `" + std::string(damage.szText) + "' failed."));
+        EXPECT_EQ(256 + SIGABRT, strict.WaitExit());
+        EXPECT_EQ(1, CountText(strict.Output(), text));
     }
+    Viewer *pViewer = Add("good.zmf");
+    ASSERT_TRUE(pViewer);
+    EXPECT_THAT(pViewer->Play(), kIsOk);
+    EXPECT_TRUE(WatchPictures({pViewer}, 50));
 }
 
 }  // namespace

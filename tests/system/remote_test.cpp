@@ -7,8 +7,6 @@
 namespace orx {
 namespace {
 
-using testing::HasSubstr;
-
 const std::string kGuid = "box-0123456789abcdef-01";
 
 std::string At(int nPort)
@@ -20,19 +18,6 @@ struct RemoteTest : SystemTest {
     int nZupoPort = server.nSparePort, nLocalPort = server.nSparePort + 1, nWebPort = server.nSparePort + 2;
     int nUnetPort = server.nSparePort + 3, nPicture = 0;
 
-    void UseZupo()
-    {
-        server.Set("ZUPO", "ZupoEnable", "1");
-        server.Set("ZUPO", "ZupoServerAddr", "127.0.0.1");
-        server.Set("ZUPO", "ZupoServerPort", std::to_string(nZupoPort));
-        server.Set("MAIN", "DeviceGuid", kGuid);
-    }
-    void UseProxy(int nListenPort, int nTargetPort)
-    {
-        server.Set("SERVER", "EnableHttpProxy", "1");
-        server.Set("SERVER", "HttpProxyListenPort", std::to_string(nListenPort));
-        server.Set("SERVER", "HttpProxyTargetPort", std::to_string(nTargetPort));
-    }
     // A player that comes by a port gets pictures.
     void ExpectPlays(RtspClient *pPlayer, int nPort, RtspTransport transport = RTSP_OVER_TCP)
     {
@@ -47,7 +32,8 @@ struct RemoteTest : SystemTest {
 
 TEST_F(RemoteTest, PlayersComeThroughTheRelayByIdentity)
 {
-    UseZupo();
+    server.Set("ZUPO", "ZupoEnable=1\nZupoServerAddr=127.0.0.1\nZupoServerPort=" + std::to_string(nZupoPort));
+    server.Set("MAIN", "DeviceGuid", kGuid);
     ToolProcess zupo("orxzupo", {"--listen", At(nZupoPort)});
     ASSERT_TRUE(zupo.WaitOutput("listening on " + At(nZupoPort) + "\n"));
     StartCamera(CameraSdp());
@@ -75,8 +61,7 @@ TEST_F(RemoteTest, PlayersComeThroughTheRelayByIdentity)
 
 TEST_F(RemoteTest, TheRelayIsReachedDirectlyToo)
 {
-    server.Set("SERVER", "EnableUnet", "1");
-    server.Set("SERVER", "UnetPort", std::to_string(nUnetPort));
+    server.Set("SERVER", "EnableUnet=1\nUnetPort=" + std::to_string(nUnetPort));
     StartCamera(CameraSdp());
     ToolProcess relay("orxrelay", {"--quiet", "--listen", At(nLocalPort), At(nUnetPort)});
     ASSERT_TRUE(WaitFor([&] { return orx::Connect(nLocalPort).fd >= 0; }));
@@ -87,30 +72,11 @@ TEST_F(RemoteTest, TheRelayIsReachedDirectlyToo)
     EXPECT_TRUE(WaitFor([&] { return server.Stat().nClients == 0; }));
 }
 
-TEST_F(RemoteTest, TheRefusalListKeepsBoxesOut)
-{
-    UseZupo();
-    std::string list = server.dir.File("refused");
-    WriteFile(list, "# stolen\n  " + kGuid + "\r\n");
-    ToolProcess zupo("orxzupo", {"--listen", At(nZupoPort), "--refuse", list});
-    ASSERT_TRUE(zupo.WaitOutput("listening"));
-    server.Start();
-    EXPECT_TRUE(zupo.WaitOutput("box " + kGuid + " at " + At(server.nPort) + " is refused\n"));
-    const std::vector<std::string> check = {"--check", "--server", At(nZupoPort), kGuid};
-    ToolProcess refused("orxrelay", check);
-    EXPECT_EQ(1, refused.WaitExit());
-    EXPECT_EQ("orxrelay: the rendezvous server refuses\n", refused.Output());
-    WriteFile(list, "192.0.2.7\n");
-    zupo.Signal(SIGHUP);
-    ToolProcess unknown("orxrelay", check);
-    EXPECT_EQ(1, unknown.WaitExit());
-    EXPECT_EQ("orxrelay: no box of that identity is registered\n", unknown.Output());
-}
-
 TEST_F(RemoteTest, PagesAndTunnelledPlayersShareTheWebPort)
 {
     Listener web;
-    UseProxy(nWebPort, web.nPort);
+    server.Set("SERVER", "EnableHttpProxy=1\nHttpProxyListenPort=" + std::to_string(nWebPort) +
+                             "\nHttpProxyTargetPort=" + std::to_string(web.nPort));
     StartCamera(CameraSdp());
     EXPECT_TRUE(server.WaitOutput("listen on " + At(nWebPort) + ", Target=" + At(web.nPort) + "\n"));
     Sock browser = orx::Connect(nWebPort);
@@ -122,16 +88,6 @@ TEST_F(RemoteTest, PagesAndTunnelledPlayersShareTheWebPort)
     ExpectPlays(&player, nWebPort, RTSP_OVER_TUNNEL);
     EXPECT_THAT(server.Output(), testing::ContainsRegex("\nfd0x[0-9a-f]+ received [0-9]+ bytes\r\n"))
         << "the POST half";
-}
-
-TEST_F(RemoteTest, AServiceThatCannotStartEndsTheStartUp)
-{
-    Listener taken;
-    UseProxy(taken.nPort, 80);
-    server.Launch();
-    EXPECT_GE(server.WaitExit(), 0);
-    EXPECT_THAT(server.Output(), HasSubstr("Listen error " + std::to_string(EADDRINUSE) + "\n"));
-    EXPECT_EQ(0, CountText(server.Output(), "Enter command:"));
 }
 
 }  // namespace

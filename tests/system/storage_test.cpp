@@ -239,39 +239,32 @@ TEST_F(PowerCutTest, KeepsWhatWasWritten)
     size_t nKept = 0;
     for (int nRound = 0; nRound < (getenv("ORX_LONG") ? 50 : 4); nRound++) {
         SCOPED_TRACE(nRound);
-        Camera large({Codec::JPEG}), small({Codec::H264, Codec::G711});
-        large.nJpegBytes = 20000;
-        for (Camera *pCamera : {&large, &small}) {
-            ASSERT_EQ(1, pCamera->Open(Url(pCamera == &large ? "0" : "1")));
-            ASSERT_EQ("200 OK", pCamera->Record("EventType=1"));
-        }
-        for (auto n = 1 + static_cast<int>(random() % 60); n > 0; n--)
-            for (Camera *pCamera : {&large, &small})
-                pCamera->Send(1);
-        large.Send(1 + static_cast<int>(random() % 5), false);  // they may be on their way
+        Camera camera({Codec::H264, Codec::G711});
+        ASSERT_EQ(1, camera.Open(Url("cam")));
+        ASSERT_EQ("200 OK", camera.Record("EventType=1"));
+        camera.Send(1 + static_cast<int>(random() % 100));
+        camera.Send(1 + static_cast<int>(random() % 5), false);  // they may be on their way
         server.Kill();
         std::map<std::string, std::string> expected, found;
         for (const std::string &name : FilesBelow(root)) {
-            bool bOpen = name.size() > 4 && name.compare(name.size() - 4, 4, ".tm!") == 0;
             std::string content = ReadFile(File(name));
-            if (!bOpen || content.size() >= kWorth)
-                expected[bOpen ? name.substr(0, name.size() - 4) : name] = content;
+            size_t nOpen = name.find(".tm!");
+            if (nOpen == std::string::npos || content.size() >= kWorth)
+                expected[name.substr(0, nOpen)] = content;
         }
         ASSERT_NO_FATAL_FAILURE(server.Start());
         for (const std::string &name : FilesBelow(root))
             found[name] = ReadFile(File(name));
         EXPECT_TRUE(expected == found);
         for (const auto &[name, content] : found) {
-            if (name[0] != '0' && name[0] != '1')
+            if (name.compare(0, 4, "cam/") != 0)
                 continue;
-            const MediaUnits &sent = (name[0] == '0' ? large : small).tracks[0].sent;
             Viewer viewer;
             ASSERT_EQ(1, viewer.Prepare(Url(name))) << name;
             EXPECT_THAT(viewer.Play(), kIsOk);
             EXPECT_TRUE(WatchPictures({&viewer}, CountPictures(content))) << name;
-            std::string all = JoinData(sent),
-                        got = JoinData(viewer.Units(0, name[0] == '0' ? Codec::JPEG : Codec::H264));
-            EXPECT_EQ(0U, all.find(got)) << name;
+            EXPECT_EQ(0U, JoinData(camera.tracks[0].sent).find(JoinData(viewer.Units(0, Codec::H264))))
+                << name;
             std::filesystem::remove(File(name));
             nKept++;
         }

@@ -19,12 +19,7 @@ struct SubscribeTest : RecordingTest {
 
     void StartDevice(int nTracks = 3)
     {
-        for (const auto &[key, value] : {std::pair{"SuperUser", "root"},
-                                         {"SuperPwd", "rootpw"},
-                                         {"NumUsers", "1"},
-                                         {"UserName0", "ann"},
-                                         {"UserPwd0", ""}})
-            server.Set("USERS", key, value);
+        server.Set("USERS", "SuperUser=root\nSuperPwd=rootpw\nNumUsers=1\nUserName0=ann\nUserPwd0=");
         StartCamera(CameraSdp(nTracks), "/ch1-s1");
     }
     std::string Subscribe(RtspClient *pClient, const std::string &headers, const std::string &path = "/ch1")

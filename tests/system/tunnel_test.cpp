@@ -165,24 +165,6 @@ TEST_F(TunnelTest, TakesTextInAnyPieces)
     ExpectAnswers(1, 200);
 }
 
-// What arrives on the GET half while a request of the POST half waits for its body shares its buffer.
-TEST_F(TunnelTest, BytesOnTheGetHalfLeaveNothingBehind)
-{
-    server.Start();
-    std::string request = MakeRequest("SET_PARAMETER", "*", 1, "", std::string(90, 'b'));
-    Pair(Encoded(request.substr(0, request.size() - 90)));
-    ASSERT_TRUE(server.WaitOutput("Base64Decode("));
-    Send(&get, "b");  // the first byte of the body, for all the server knows
-    Send(&get, "b");
-    EXPECT_EQ(-1, NextAnswer(&get, 100));
-    Send(&post, Encoded(std::string(88, 'b')));
-    ExpectAnswers(1, 1);
-    Send(&get, Options(2));
-    ExpectAnswers(2, 2);
-    Send(&post, Encoded(Options(3)));
-    ExpectAnswers(3, 3);
-}
-
 TEST_F(TunnelTest, CarriesPushersAndPlayers)
 {
     server.Set("SERVER", "EnableRtcp", "1");
