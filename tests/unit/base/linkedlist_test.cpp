@@ -99,8 +99,9 @@ TEST_P(ListBoth, InsertsAtEveryPlace)
 
 TEST_P(ListBoth, SortedInsertKeepsArrivalOfEqualItems)
 {
+    const int ranks[] = {5, 3, 5, 1, 3};
     for (int i = 0; i < 5; i++) {
-        items[i].nRank = "53513"[i];
+        items[i].nRank = ranks[i];
         EXPECT_EQ(1, ListSortInsert(&list, &items[i]));
     }
     EXPECT_EQ("dbeac", Order(&list));
@@ -169,17 +170,14 @@ int FollowScript(List *pList, void *pArg1, void * /*pArg2*/, void *pItem)
 TEST_P(ListBoth, TravelCodes)
 {
     static const struct {
-        int bBackward;
-        const char *szRemoved;
-        char cStop;
-        int nGoOn;
-        const char *szVisited, *szLeft;
-        char cResult;
+        int bBackward, nGoOn;
+        const char *szRemoved, *szVisited, *szLeft;
+        char cStop, cResult;
     } cases[] = {
-        {0, "", 'b', 3, "ab", "abcd", '-'},  {0, "a", 0, -1, "abcd", "bcd", '-'},
-        {0, "bc", 0, 4, "abcd", "ad", '-'},  {0, "abcd", 0, 3, "abcd", "", '-'},
-        {1, "", 'b', 3, "dcb", "abcd", 'b'}, {1, "d", 0, -1, "dcba", "abc", '-'},
-        {1, "bc", 0, 4, "dcba", "ad", '-'},  {1, "abcd", 0, 3, "dcba", "", '-'},
+        {0, 3, "", "ab", "abcd", 'b', '-'},  {0, -1, "a", "abcd", "bcd", 0, '-'},
+        {0, 4, "bc", "abcd", "ad", 0, '-'},  {0, 3, "abcd", "abcd", "", 0, '-'},
+        {1, 3, "", "dcb", "abcd", 'b', 'b'}, {1, -1, "d", "dcba", "abc", 0, '-'},
+        {1, 4, "bc", "dcba", "ad", 0, '-'},  {1, 3, "abcd", "dcba", "", 0, '-'},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(std::string(c.bBackward ? "backward " : "forward ") + c.szRemoved);

@@ -10,28 +10,28 @@
 namespace orx {
 namespace {
 
-const std::string kTitle = "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\n";
-const std::string kLan = "eth0\t0000090A\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n";
-const std::string kDefault = "eth0\t00000000\tFE00090A\t0003\t0\t0\t100\t00000000\t0\t0\t0   \n";
 const char *const kGateway = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ ? "10.9.0.254" : "254.0.9.10";
 
 TEST(NetRoute, Tables)
 {
-    static const struct {
+    const std::string title = "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\n";
+    const std::string lan = "eth0\t0000090A\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n";
+    const std::string defaultRoute = "eth0\t00000000\tFE00090A\t0003\t0\t0\t100\t00000000\t0\t0\t0   \n";
+    const struct {
         std::string text;
         int nResult;
         const char *szGateway;
     } cases[] = {
-        {kTitle + kLan + kDefault, 0, kGateway},
-        {kTitle + "a-name.of:its%own \t00000000 FE00090A 3 0 0 0 0", 0,
-         kGateway},  // the last line unfinished
-        {kTitle + "ppp0\t00000000\t00000000\t0001\t0\t0\t0\t00000000\n" + kDefault, 0, "0.0.0.0"},
-        {kTitle + "eth1\t00000000\t0100090A\t0002\t0\t0\t0\t00000000\n" + kDefault, 0, kGateway},  // is down
-        {kTitle + kDefault + "broken\n", 0, kGateway},  // nobody looks behind the default route
-        {kDefault, 0, "untouched"},                     // the first line is the title, whatever it says
-        {kTitle + kLan, 0, "untouched"},
-        {kTitle + "eth0\n" + kDefault, -2, "untouched"},
-        {kTitle + "eth0\t00000000\tFE00090A\t0003\tx\t0\t0\t00000000\n", -2, "untouched"},
+        {title + lan + defaultRoute, 0, kGateway},
+        {title + "a-name.of:its%own \t00000000 FE00090A 3 0 0 0 0", 0, kGateway},  // the last line unfinished
+        {title + "ppp0\t00000000\t00000000\t0001\t0\t0\t0\t00000000\n" + defaultRoute, 0, "0.0.0.0"},
+        {title + "eth1\t00000000\t0100090A\t0002\t0\t0\t0\t00000000\n" + defaultRoute, 0,
+         kGateway},                                        // is down
+        {title + defaultRoute + "broken\n", 0, kGateway},  // nobody looks behind the default route
+        {defaultRoute, 0, "untouched"},                    // the first line is the title, whatever it says
+        {title + lan, 0, "untouched"},
+        {title + "eth0\n" + defaultRoute, -2, "untouched"},
+        {title + "eth0\t00000000\tFE00090A\t0003\tx\t0\t0\t00000000\n", -2, "untouched"},
     };
     TempDir dir;
     for (const auto &c : cases) {

@@ -14,8 +14,8 @@ namespace {
 
 using Owned = std::unique_ptr<char, void (*)(void *)>;
 
-const std::string kRsn = "IE: IEEE 802.11i/WPA2 Version 1\n";
-const std::string kWpa = "IE: WPA Version 1\n";
+const char kRsn[] = "IE: IEEE 802.11i/WPA2 Version 1\n";
+const char kWpa[] = "IE: WPA Version 1\n";
 const char kTitle[] = "wlan0     Scan completed :\n";
 const char kSignal[] = "70/70  Signal level=-31 dBm  ";
 
@@ -46,7 +46,7 @@ TEST(WifiReduce, OneLineForANetwork)
         {Cell("\"cafe\"", kSignal, "off"), "cafe [00:1A] 70/70 OPEN\n"},
         {Cell("\"cafe\"", kSignal, "on"), "cafe [00:1A] 70/70 WEP\n"},
         {Cell("\"cafe\"", kSignal, "on", kWpa), "cafe [00:1A] 70/70 WPA\n"},
-        {Cell("\"cafe\"", kSignal, "on", kRsn + kWpa), "cafe [00:1A] 70/70 WPA/WPA2\n"},
+        {Cell("\"cafe\"", kSignal, "on", std::string(kRsn) + kWpa), "cafe [00:1A] 70/70 WPA/WPA2\n"},
         {Cell("\"cafe\"", kSignal, "1234-5678 [1]"), "cafe [00:1A] 70/70 1234-5678 [1]\n"},
         {Cell("\"c\"", "70/70", "on"), "c [00:1A] 70/70WEP\n"},
         {Cell("\"\"", kSignal, "on"), " [00:1A] 70/70 WEP\n"},

@@ -18,7 +18,7 @@ using namespace std::literals;
 using testing::HasSubstr;
 
 const char kGuid[] = "box-0123456789abcdef-01";
-const std::string kHeartbeat = "\0\0\1\0\0\0\0\0\0\0\x03\xEB\0\0\0\0"s;
+constexpr std::string_view kHeartbeat = "\0\0\1\0\0\0\0\0\0\0\x03\xEB\0\0\0\0"sv;
 
 int FakeAddress(const char *szInterface, char *szOut, size_t nOut)
 {
@@ -142,7 +142,7 @@ TEST(Registration, ABrokenPacketEndsTheConnection)
         {reply.substr(0, 7) + "\7"s + reply.substr(8), "ack_head.nDataLen==6"},
         {punch.substr(0, 7) + "\0"s + punch.substr(8), "ack_head.nDataLen==6"},
         {punch.substr(0, 21), "dataLength >= (sizeof(ZUPO_PACKET_HEAD))+ack_head.nDataLen"},
-        {kHeartbeat, ""},  // other commands concern nobody here
+        {std::string(kHeartbeat), ""},  // other commands concern nobody here
     };
     for (const auto &c : cases) {
         Unet unet;

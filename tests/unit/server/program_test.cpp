@@ -99,23 +99,22 @@ TEST_F(ProgramTest, FindsAccountsInTheCamerasText)
     Session pusher;
     Program *pProg = Make("/cam", &pusher);
     static const struct {
-        const char *szText, *szUser;
+        const char *szText, *szUser, *szPassword;
         int nLevel;  // -1: refused
-        const char *szPassword;
         int bControlUsers = 0;
     } cases[] = {
-        {nullptr, "boss", 0, "bosspw"},
-        {nullptr, "ann", -1, ""},
-        {"[USERS]\r\nNumUsers=2\r\nUserName0=ann\r\nUserPwd0=x\r\nUserLevel0=1\r\n", "ann", 1, "x"},
-        {"[USERS]\r\nNumUsers=2\r\nUserName0=ann\r\nUserName1=bob\r\n", "bob", 2, ""},
-        {"[USERS]\nNumUsers=1\nUserName0=ann\nUserName1=bob\n", "bob", -1, ""},
-        {"[USERS]\nNumUsers=2000000000\nUserName0=ann\n", "bob", -1, ""},
-        {"[USERS]\nNumUsers=1\nUserName0=ann\n", "boss", -1, ""},
-        {"[USERS]\nSuperUser=\nSuperPwd=\nNumUsers=1\nUserName0=\n", "", -1, ""},
-        {"[USERS]SuperUser=root", "root", 0, ""},  // no line end in it
+        {nullptr, "boss", "bosspw", 0},
+        {nullptr, "ann", "", -1},
+        {"[USERS]\r\nNumUsers=2\r\nUserName0=ann\r\nUserPwd0=x\r\nUserLevel0=1\r\n", "ann", "x", 1},
+        {"[USERS]\r\nNumUsers=2\r\nUserName0=ann\r\nUserName1=bob\r\n", "bob", "", 2},
+        {"[USERS]\nNumUsers=1\nUserName0=ann\nUserName1=bob\n", "bob", "", -1},
+        {"[USERS]\nNumUsers=2000000000\nUserName0=ann\n", "bob", "", -1},
+        {"[USERS]\nNumUsers=1\nUserName0=ann\n", "boss", "", -1},
+        {"[USERS]\nSuperUser=\nSuperPwd=\nNumUsers=1\nUserName0=\n", "", "", -1},
+        {"[USERS]SuperUser=root", "root", "", 0},  // no line end in it
         // the server's own accounts count whatever the camera says
-        {"[USERS]\nSuperUser=root\n", "root", -1, "", 1},
-        {"[USERS]\nSuperUser=root\n", "boss", 0, "bosspw", 1},
+        {"[USERS]\nSuperUser=root\n", "root", "", -1, 1},
+        {"[USERS]\nSuperUser=root\n", "boss", "bosspw", 0, 1},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(std::string(c.szText ? c.szText : "none") + c.szUser);
