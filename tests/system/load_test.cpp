@@ -30,10 +30,11 @@ TEST_F(LoadTest, EveryPlayerGetsEveryByte)
         ASSERT_EQ(1, RtspDescribe(&controls[i]));
         EXPECT_EQ(Reply("200 OK"), Ask(&controls[i], "RECORDEX", "", "ActionParam: EventType=1\r\n"));
     }
-    ToolProcess streams("orxload", {"--tcp", many, "--tunnel", few, "--stalled", "4", "--programs", "2",
-                                    "--verify", dump, "--strict", "--duration", seconds, url});
-    ToolProcess datagrams("orxload",
-                          {"--udp", many, "--programs", "2", "--verify", dump, "--duration", seconds, url});
+    ToolProcess streams(
+        "orxload", {"--tcp", many, "--tunnel", few, "--stalled", "4", "--timeout", "60000", "--programs", "2",
+                    "--verify", dump, "--strict", "--duration", seconds, url});
+    ToolProcess datagrams("orxload", {"--udp", many, "--timeout", "60000", "--programs", "2", "--verify",
+                                      dump, "--duration", seconds, url});
     EXPECT_EQ(0, streams.WaitExit(120000)) << streams.Output();
     EXPECT_EQ(0, datagrams.WaitExit(120000)) << datagrams.Output();
     push.Signal(SIGINT);

@@ -39,7 +39,7 @@ TEST_F(RecordClockTest, FilesFollowEachOther)
     Start("MinutePerFile=2\n");
     ASSERT_EQ("200 OK", camera->Record("EventType=1"));
     camera->Send(60);
-    server->MoveWallClock(100);
+    server->MoveWallClock(60);
     camera->Send(30);  // not yet
     server->MoveWallClock(122);
     camera->Send(40);  // at picture 100, the next key picture
@@ -104,9 +104,9 @@ TEST_F(RecordClockTest, FilesBeginAndEndByTheWallClock)
          {{25, kDay}, {25, 0}, {25, 61}, {1, 300}, {25, 300}},
          {{named, 25}, {named, 1}, {"a\\.zmf", 50}}},
         {"the limit counts all files, and takes the picture that is over it",
-         "MinutePerFile=1\n",
-         "LimitLen=100&EventType=2",
-         {{25, 0}, {25, 61}, {24, 95}, {10, 102}},
+         "MinutePerFile=10\n",
+         "LimitLen=1000&EventType=2",
+         {{25, 0}, {25, 601}, {24, 700}, {10, 1002}},
          {{dated, 25}, {dated, 50}}},
     };
     for (const auto &c : cases) {
@@ -131,26 +131,22 @@ TEST_F(RecordClockTest, FilesBeginAndEndByTheWallClock)
     }
 }
 
-// The newest picture is number 249 when the alarm comes; a key picture comes every second.
+// As far back as the cache reaches, to a key picture; one comes every second.
 TEST_F(RecordClockTest, AlarmsBeginBeforeTheAlarm)
 {
     static const struct {
-        uint32_t nAgeMs;  // of the program
         const char *szStorage;
-        size_t nFirst;  // picture with which the recording begins; 250: the next one
-    } cases[] = {
-        {20000, "PreRecordLen=3\n", 175}, {20000, "PreRecordLen=10\n", 0}, {20000, "PreRecordLen=0\n", 250},
-        {20000, "PreRecordLen=1\n", 225}, {1500, "PreRecordLen=3\n", 225}, {20000, "", 175},
-    };
+        size_t nBefore;  // of 250 pictures, whose program is twenty seconds old
+    } cases[] = {{"PreRecordLen=3\n", 75}, {"PreRecordLen=10\n", 250}, {"PreRecordLen=0\n", 0}, {"", 75}};
     for (const auto &c : cases) {
         Start(c.szStorage);
         camera->Send(250);
-        server->MoveClock(c.nAgeMs);
+        server->MoveClock(20000);
         ASSERT_EQ("200 OK", camera->Record("EventType=2&FileName=" + dir.File("a.zmf")));
         camera->Send(26);
         RtspClose(&camera->client);
         ASSERT_TRUE(WaitFor([&] { return FilesBelow(dir.path) == std::vector<std::string>{"a.zmf"}; }));
-        EXPECT_EQ(276 - c.nFirst, CountPictures(ReadFile(dir.File("a.zmf")))) << c.szStorage << c.nAgeMs;
+        EXPECT_EQ(26 + c.nBefore, CountPictures(ReadFile(dir.File("a.zmf")))) << c.szStorage;
         std::filesystem::remove(dir.File("a.zmf"));
     }
 }
@@ -175,11 +171,9 @@ TEST_F(RecordClockTest, RecordingsSayBye)
         ASSERT_EQ(1, viewers.emplace_back(transport).Prepare(server->Url("/a.zmf")));
         EXPECT_THAT(viewers.back().Play(), kIsOk);
     }
-    server->MoveClock(5000);
-    for (Viewer &viewer : viewers) {
+    server->MoveClock(3000);  // all of it is due
+    for (Viewer &viewer : viewers)
         ExpectAllOf(*camera, &viewer);
-        EXPECT_EQ(2U, viewer.reports.size()) << "after the first packet of each track";
-    }
     auto ended = [&] {
         int nEnded = 0;
         server->server.Run([&] {
@@ -190,11 +184,13 @@ TEST_F(RecordClockTest, RecordingsSayBye)
         return nEnded == 3;
     };
     ASSERT_TRUE(WaitFor(ended));
-    server->MoveClock(16000);
-    for (Viewer &viewer : viewers) {
-        EXPECT_TRUE(Watch({&viewer}, [&] { return viewer.reports.size() >= 4; }));
-        EXPECT_EQ(2, std::count_if(viewer.reports.begin(), viewer.reports.end(), SaysBye));
-    }
+    for (Viewer &viewer : viewers)
+        EXPECT_EQ(0, std::count_if(viewer.reports.begin(), viewer.reports.end(), SaysBye));
+    server->MoveClock(14000);
+    for (Viewer &viewer : viewers)
+        EXPECT_TRUE(Watch({&viewer}, [&] {
+            return std::count_if(viewer.reports.begin(), viewer.reports.end(), SaysBye) == 2;
+        }));
 }
 
 }  // namespace
