@@ -40,7 +40,7 @@ TEST_F(AnnounceTest, AnswersToTheLetter)
     EXPECT_FALSE(Finds("/cam/"));
     EXPECT_EQ(Reply("200 OK", kNoCache + "Session: SESSION\r\n" + kDate),
               Ask(&pusher, "SETUP", "/cam/trackID=1", "Transport: RTP/AVP/TCP;unicast;interleaved=2-3\r\n"));
-    EXPECT_EQ("RTSP/1.0 500 Not implemented\r\n" + kServerLine + kNoCache + "\r\n", Ask(&pusher, "RECORD"));
+    EXPECT_EQ(kNotImplemented, Ask(&pusher, "RECORD"));
     EXPECT_EQ(Reply("200 OK", "Range: npt=now-\r\n" + kNoCache + "Session: SESSION\r\n" + kDate +
                                   "RTP-Info: url=" + server.Url("/cam/trackID=1") + "\r\n"),
               Ask(&pusher, "PLAY"));
@@ -69,7 +69,7 @@ TEST_F(AnnounceTest, RefusesAndCloses)
     }
     Connect(&pusher);
     EXPECT_EQ(Dated(), Announce(&pusher, "/cam", longest));
-    EXPECT_EQ(Refused("455 Method Not Valid in This State"), Announce(&pusher, "/other"));
+    EXPECT_EQ(kWrongState, Announce(&pusher, "/other"));
     EXPECT_EQ(1, RtspWaitClosed(&pusher));
 }
 

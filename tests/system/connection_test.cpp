@@ -12,15 +12,7 @@ namespace {
 
 using namespace std::string_literals;
 
-const std::string kNotImplemented = "RTSP/1.0 500 Not implemented\r\n" + kServerLine + kNoCache + "\r\n";
-const std::string kMismatch = "HTTP/1.1 400 Bad Request(Content Types Mismatched)\r\n" + kServerLine +
-                              kNoCache + "Connection: Close\r\n\r\n";
 const char *const kUnnumbered = "OPTIONS * RTSP/1.0\r\nAccept: x\r\n\r\n";
-
-std::string Options(int nCSeq)
-{
-    return MakeRequest("OPTIONS", "*", nCSeq);
-}
 
 std::string OptionsReply(int nCSeq)
 {
@@ -31,13 +23,6 @@ std::string OptionsReply(int nCSeq)
 struct ConnectionTest : SystemTest {
     RtspClient client;
 
-    void Send(const std::string &bytes) { ASSERT_EQ(1, RtspSendRaw(&client, bytes.data(), bytes.size())); }
-    std::string Exchange(const std::string &text) { return orx::Exchange(&client, text); }
-    void ExpectAnswers(int nFirst, int nLast)
-    {
-        for (int i = nFirst; i <= nLast; i++)
-            ASSERT_EQ(i, NextAnswer(&client));
-    }
     // Whether the connection ends without another word.
     bool EndsSilently() { return RtspWaitClosed(&client) && client.inbox.empty() && client.buffer.empty(); }
 };
@@ -81,7 +66,7 @@ TEST_F(ConnectionTest, SilentOnesAreClosed)
     EXPECT_EQ(1, RtspWaitClosed(&pusher));
     EXPECT_GE(RtspNowUs() - nStart, 4900000U);
     EXPECT_TRUE(server.WaitOutput("Force Close Idle Connection on stocket 0x", 2));
-    EXPECT_EQ(OptionsReply(1), orx::Exchange(&player, Options(1).substr(1)));
+    EXPECT_EQ(OptionsReply(1), Exchange(&player, Options(1).substr(1)));
 }
 
 // Of the two events of a reset the newer one, its end, is handled first; the other finds nothing any more.
@@ -110,18 +95,18 @@ TEST_F(ConnectionTest, TakesMessagesInPieces)
                          Frame(0, "short") + Frame(1, Options(77)) + Frame(7, "") + Options(3);
     Connect(&client);
     for (char c : stream)
-        Send(std::string(1, c));
-    ExpectAnswers(1, 3);
+        Send(&client, std::string(1, c));
+    ExpectAnswers(&client, 1, 3);
     Connect(&client);
-    Send(stream + Options(4));
-    ExpectAnswers(1, 4);
+    Send(&client, stream + Options(4));
+    ExpectAnswers(&client, 1, 4);
     std::string request = MakeRequest("SET_PARAMETER", "*", 5, "", Options(78));
-    Send(request.substr(0, request.size() - 1));
+    Send(&client, request.substr(0, request.size() - 1));
     EXPECT_EQ(-1, NextAnswer(&client, 100)) << "the body is not complete";
-    Send(request.substr(request.size() - 1) + Options(6) + Frame(0, ""));
-    ExpectAnswers(5, 6);
-    Send(Options(7));
-    ExpectAnswers(7, 7);
+    Send(&client, request.substr(request.size() - 1) + Options(6) + Frame(0, ""));
+    ExpectAnswers(&client, 5, 6);
+    Send(&client, Options(7));
+    ExpectAnswers(&client, 7, 7);
     EXPECT_TRUE(client.inbox.empty()) << "each was answered once";
 }
 
@@ -132,7 +117,7 @@ TEST_F(ConnectionTest, SkipsFramesThatFeedNothing)
     const std::string packet = CameraPacket(0, 1, 90, "\x65payload");
     Connect(&client);
     ASSERT_EQ(1, RtspDescribe(&client));
-    Send(Frame(0, packet) + Frame(2, packet));  // a player's own
+    Send(&client, Frame(0, packet) + Frame(2, packet));  // a player's own
     EXPECT_TRUE(Answers(&client));
     // the pusher's: too short for RTP, of tracks that are not described, of no length
     std::string frames = Frame(0, packet.substr(0, 11)) + Frame(0, "") + Frame(2, packet) + Frame(6, packet) +
@@ -148,18 +133,20 @@ TEST_F(ConnectionTest, NumbersOfRequests)
 {
     StartCamera(CameraSdp());
     Connect(&client);
-    EXPECT_EQ(OptionsReply(1), Exchange(kUnnumbered)) << "a first one may come without; the counter begins";
-    EXPECT_EQ(OptionsReply(2), Exchange(kUnnumbered)) << "and goes on while nothing was described";
-    Send(Options(7) + Options(5) + MakeRequest("SET_PARAMETER", "*", 6, "", "dropped with its body"));
-    EXPECT_EQ(OptionsReply(7), Exchange(Options(7)));
-    EXPECT_EQ(OptionsReply(7), Exchange(Options(2000000000))) << "a repeated number is answered";
-    ExpectAnswers(2000000000, 2000000000);
+    EXPECT_EQ(OptionsReply(1), Exchange(&client, kUnnumbered))
+        << "a first one may come without; the counter begins";
+    EXPECT_EQ(OptionsReply(2), Exchange(&client, kUnnumbered)) << "and goes on while nothing was described";
+    Send(&client,
+         Options(7) + Options(5) + MakeRequest("SET_PARAMETER", "*", 6, "", "dropped with its body"));
+    EXPECT_EQ(OptionsReply(7), Exchange(&client, Options(7)));
+    EXPECT_EQ(OptionsReply(7), Exchange(&client, Options(2000000000))) << "a repeated number is answered";
+    ExpectAnswers(&client, 2000000000, 2000000000);
     for (const char *szLine :
          {"CmdSeq(5) < session->nReqSeq(7)! Drop it!\r\n", "CmdSeq(6) < session->nReqSeq(7)! Drop it!\r\n"})
         EXPECT_TRUE(server.WaitOutput(szLine));
     Connect(&client);
     ASSERT_EQ(1, RtspDescribe(&client));
-    EXPECT_EQ("RTSP/1.0 400 Bad Request(no CSeq)\r\n" + kServerLine + "\r\n", Exchange(kUnnumbered));
+    EXPECT_EQ("RTSP/1.0 400 Bad Request(no CSeq)\r\n" + kServerLine + "\r\n", Exchange(&client, kUnnumbered));
     EXPECT_EQ(1, RtspWaitClosed(&client));
     EXPECT_TRUE(server.WaitOutput("no CSeq!!!\r\n"));
 }
@@ -190,12 +177,12 @@ TEST_F(ConnectionTest, AnswersWhatItDoesNotKnow)
     };
     for (const auto &[text, reply] : cases) {
         Connect(&client);
-        EXPECT_EQ(reply, Exchange(text)) << text;
+        EXPECT_EQ(reply, Exchange(&client, text)) << text;
         EXPECT_TRUE(!reply.empty() || EndsSilently()) << text;
     }
     EXPECT_TRUE(Answers(&player));
     Connect(&client);
-    Send("OPTIONS * RTSP/1.0\r\nnothing\r\n\r\n");  // without a colon it is not complete, and waits
+    Send(&client, "OPTIONS * RTSP/1.0\r\nnothing\r\n\r\n");  // without a colon it is not complete, and waits
     EXPECT_EQ(0, RtspWaitClosed(&client, 100));
 }
 
@@ -205,17 +192,17 @@ TEST_F(ConnectionTest, MessagesFitTheBuffer)
     server.Set("SERVER", "SessionBufSize", "1000");  // becomes 4096
     server.Start();
     Connect(&client);
-    Send(Options(1).insert(20, "X: " + std::string(kTotal, 'x')).substr(0, kTotal - 2));
+    Send(&client, Options(1).insert(20, "X: " + std::string(kTotal, 'x')).substr(0, kTotal - 2));
     EXPECT_EQ(0, RtspWaitClosed(&client, 100)) << "one byte short of full";
-    Send("x");
+    Send(&client, "x");
     EXPECT_TRUE(EndsSilently());
     // the largest message, which fills the buffer to its last byte, and the largest frame
     Connect(&client);
     std::string request = MakeRequest("SET_PARAMETER", "*", 1, "", std::string(kTotal - 60, 'b'));
     ASSERT_EQ(kTotal - 1, request.size());
-    Send(request + Frame(3, std::string(kTotal - 1 - 4, 'f')) + Options(2));
-    ExpectAnswers(1, 2);
-    Send(Frame(3, std::string(kTotal - 4, 'f')).substr(0, kTotal - 1));
+    Send(&client, request + Frame(3, std::string(kTotal - 1 - 4, 'f')) + Options(2));
+    ExpectAnswers(&client, 1, 2);
+    Send(&client, Frame(3, std::string(kTotal - 4, 'f')).substr(0, kTotal - 1));
     EXPECT_TRUE(EndsSilently()) << "and one that never fits";
 }
 
@@ -224,12 +211,12 @@ TEST_F(ConnectionTest, RepliesLeaveBeforeTheEnd)
 {
     server.Start();
     Connect(&client);
-    Send(Options(1) + Options(2));
+    Send(&client, Options(1) + Options(2));
     RtspShutdown(&client);
-    ExpectAnswers(1, 2);
+    ExpectAnswers(&client, 1, 2);
     EXPECT_EQ(1, RtspWaitClosed(&client));
     Connect(&client);
-    Send(Options(1).substr(0, 20));
+    Send(&client, Options(1).substr(0, 20));
     RtspShutdown(&client);
     EXPECT_TRUE(EndsSilently());
     for (int i = 0; i < 50; i++) {

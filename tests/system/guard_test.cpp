@@ -34,25 +34,24 @@ struct Scene {
     {
         ASSERT_EQ(1, RtspConnect(&peer, server.Url(szPath).c_str()));
     }
-    void Send(const std::string &bytes) { EXPECT_EQ(1, RtspSendRaw(&peer, bytes.data(), bytes.size())); }
     // A GET half that waits; what else comes on its connection.
     void Wait(const std::string &further)
     {
         ASSERT_EQ(1, RtspConnect(&get, server.Url("/good").c_str()));
         Exchange(&get, "GET" + kCookie + "\r\n");
-        RtspSendRaw(&get, further.data(), further.size());
+        Send(&get, further);
     }
     void Setup(const char *szPath, const std::string &headers)
     {
         EXPECT_EQ(1, RtspDescribe(&peer));
-        Send(MakeRequest("SETUP", server.Url(szPath), ++peer.nCSeq, headers));
+        Send(&peer, MakeRequest("SETUP", server.Url(szPath), ++peer.nCSeq, headers));
     }
     void Push(const char *szRate)
     {
         std::string sdp = "v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/" + std::string(szRate) +
                           "\r\na=control:trackID=0\r\n";
         ASSERT_EQ(1, RtspOpenPusher(&peer, server.Url("/faulty").c_str(), sdp));
-        Send(Frame(0, CameraPacket(0, 1, 1, "\x65")));
+        Send(&peer, Frame(0, CameraPacket(0, 1, 1, "\x65")));
     }
     // A tunnel that has lost the half which replies go to.
     void LoseReplies(const char *szMethod)
@@ -76,26 +75,26 @@ const struct Fault {
     void (*pfnDo)(Scene *);       // what the peer, who is connected, does
     bool bRefused = false;        // it is told so
 } kFaults[] = {
-    {"channel beyond the tracks", "nTrackId < 8", [](Scene *p) { p->Send(Frame(8, "x")); }},
+    {"channel beyond the tracks", "nTrackId < 8", [](Scene *p) { Send(&p->peer, Frame(8, "x")); }},
     {"clock rate with odd milliseconds", kRateText, [](Scene *p) { p->Push("44100"); }},
-    {"header block of 4096 bytes", kHeadText, [](Scene *p) { p->Send(LongHead(4096)); }},
+    {"header block of 4096 bytes", kHeadText, [](Scene *p) { Send(&p->peer, LongHead(4096)); }},
     {"POST for a GET half that has a reply connection", "!p->Reply && session->Cmd==port",
      [](Scene *p) {
          p->Wait(MakeRequest("DESCRIBE", "/good", 1));
          ASSERT_EQ(1, RtspWaitReply(&p->get, 1, nullptr));
-         p->Send(kPost);
+         Send(&p->peer, kPost);
      }},
     {"POST for a GET half that has sent on", "!p->nLen",
      [](Scene *p) {
          p->Wait("OPT");
          ASSERT_TRUE(Answers(&p->pusher));  // it was read before the POST comes
          p->server.Stat();
-         p->Send(kPost);
+         Send(&p->peer, kPost);
      }},
     {"padding that no encoder makes", "!\"Invalid input stream!\"",
      [](Scene *p) {
          p->Wait("");
-         p->Send(kPost + "T1BU====");
+         Send(&p->peer, kPost + "T1BU====");
      }},
     {"OPTIONS on half a tunnel", "session->Reply", [](Scene *p) { p->LoseReplies("OPTIONS"); }},
     {"DESCRIBE on half a tunnel", "session->Reply!=((void *)0) && session->Reply!=port",
@@ -158,9 +157,9 @@ TEST(Guard, LimitsAreNotFaults)
 {
     Scene scene("0");
     scene.Connect();
-    scene.Send(LongHead(4095));
+    Send(&scene.peer, LongHead(4095));
     EXPECT_EQ(1, NextAnswer(&scene.peer));
-    scene.Send(Frame(7, "x"));
+    Send(&scene.peer, Frame(7, "x"));
     scene.peer.nCSeq = 1;
     EXPECT_TRUE(Answers(&scene.peer));
     scene.Push("1000");

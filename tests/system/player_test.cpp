@@ -7,8 +7,6 @@ namespace {
 
 using testing::HasSubstr;
 
-const std::string kWrongState = "455 Method Not Valid in This State";
-
 struct PlayerTest : SystemTest {
     // Starts the server with a camera that has sent a picture, and a player that has described it.
     void StartWatched(int nTracks)
@@ -52,7 +50,7 @@ TEST_F(PlayerTest, DescribesAProgramWithoutItsPassword)
     StartCamera(CameraSdp(2) + "a=NickName:door\r\na=ProgramAuth:0123456789\r\na=behind:1\r\n");
     Connect(&player);
     EXPECT_EQ(WithBody("200 OK", kSdp, CameraSdp(2) + "a=NickName:door\r\n"), Ask(&player, "DESCRIBE"));
-    EXPECT_EQ(Refused(kWrongState), Ask(&player, "DESCRIBE"));
+    EXPECT_EQ(kWrongState, Ask(&player, "DESCRIBE"));
     EXPECT_EQ(1, RtspWaitClosed(&player));
     for (const char *szLine :
          {"CreateLiveProgram(Uri=/cam), pointer=0x", "CreatePlayClient(Uri=/cam), Remote=127.0.0.1:"})
@@ -84,7 +82,7 @@ TEST_F(PlayerTest, SetsUpOverTheConnection)
               Ask(&player, "SETUP", "/cam/trackID=1", "Transport: RTP/AVP/TCP;unicast;interleaved=4-5\r\n"));
     EXPECT_THAT(Ask(&player, "SETUP", "/cam/trackID=0", "Transport: RTP/AVP/TCP;whatever\r\n"),
                 HasSubstr("Transport: RTP/AVP/TCP;unicast;interleaved=0-1;ssrc=1234ABCD\r\n"));
-    EXPECT_EQ(Refused(kWrongState), Ask(&player, "SETUP", "/cam/trackID=0", kOverTcp));
+    EXPECT_EQ(kWrongState, Ask(&player, "SETUP", "/cam/trackID=0", kOverTcp));
     EXPECT_EQ(1, RtspWaitClosed(&player));
 }
 
@@ -118,16 +116,16 @@ TEST_F(PlayerTest, RefusesAndCloses)
     StartCamera(CameraSdp(2));
     const struct {
         int nSteps;  // of DESCRIBE, SETUP, PLAY done before
-        std::string method, path, headers, status;
+        std::string method, path, headers, reply;
     } cases[] = {
         {0, "SETUP", "/cam/trackID=0", kOverTcp, kWrongState},
         {0, "PLAY", "", "", kWrongState},
         {0, "PAUSE", "", "", kWrongState},
         {1, "PLAY", "", "", kWrongState},
         {1, "QUICKPLAY", "", "", kWrongState},
-        {1, "SETUP", "/cam/trackID=9", kOverTcp, "400 Bad Request(invalid trackID in SETUP)"},
-        {1, "SETUP", "/cam/trackID=0", "Transport: RTP/AVP;multicast\r\n", "500 Internal error"},
-        {1, "SETUP", "/cam/trackID=0", "Transport: RTP/AVP/UDP;unicast;x\r\n", "500 Internal error"},
+        {1, "SETUP", "/cam/trackID=9", kOverTcp, Refused("400 Bad Request(invalid trackID in SETUP)")},
+        {1, "SETUP", "/cam/trackID=0", "Transport: RTP/AVP;multicast\r\n", Refused("500 Internal error")},
+        {1, "SETUP", "/cam/trackID=0", "Transport: RTP/AVP/UDP;unicast;x\r\n", Refused("500 Internal error")},
         {2, "PAUSE", "", "", kWrongState},
         {2, "DESCRIBE", "", "", kWrongState},
         {3, "PLAY", "", "", kWrongState},
@@ -138,7 +136,7 @@ TEST_F(PlayerTest, RefusesAndCloses)
         EXPECT_TRUE(c.nSteps < 1 || RtspDescribe(&player));
         EXPECT_TRUE(c.nSteps < 2 || RtspSetup(&player, 0, RTSP_OVER_TCP));
         EXPECT_TRUE(c.nSteps < 3 || RtspPlay(&player));
-        EXPECT_EQ(Refused(c.status), Ask(&player, c.method, c.path, c.headers)) << c.method << c.headers;
+        EXPECT_EQ(c.reply, Ask(&player, c.method, c.path, c.headers)) << c.method << c.headers;
         EXPECT_EQ(1, RtspWaitClosed(&player)) << c.method << c.headers;
     }
     EXPECT_TRUE(Answers(&pusher)) << "the program is none the worse";

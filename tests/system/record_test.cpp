@@ -144,7 +144,7 @@ TEST_F(RecordTest, IsCompletedWhenTheServerEnds)
 
 struct PlayListTest : RecordingTest {
     std::deque<RtspClient> pushers;
-    const std::string admin = Token("admin", "secret");
+    const std::string admin = UserHeaders("admin", "secret");
 
     void SetUp() override
     {
@@ -161,10 +161,6 @@ struct PlayListTest : RecordingTest {
         if (!bPictures)
             sdp.replace(sdp.find("m=video"), sdp.find("m=audio") - sdp.find("m=video"), "");
         ASSERT_EQ(1, RtspOpenPusher(&pushers.emplace_back(), Url(name).c_str(), sdp + lines));
-    }
-    static std::string Token(const std::string &user, const std::string &password)
-    {
-        return "UserName: " + user + "\r\nUserAuth: " + RtspUserToken(user, password) + "\r\n";
     }
     // What comes on a connection of its own, up to the empty line; a well-formed time is replaced by "TIME".
     std::string List(const std::string &headers) const
@@ -197,13 +193,13 @@ TEST_F(PlayListTest, ListsWhatAUserMaySeeOnHisScreen)
         {admin + "Screen-Size: 640x480\r\n", front + back + bare + odd},
         {admin + "Screen-Size: 640x479\r\n", back + bare + odd},
         {admin + "Screen-Size: 320x239\r\n", bare + odd},
-        {Token("ann", "anna"), back + bare},
-        {Token("bob", ""), ""},
+        {UserHeaders("ann", "anna"), back + bare},
+        {UserHeaders("bob", ""), ""},
     };
     for (const auto &c : cases)
         EXPECT_EQ("TIME\r\n" + c.lines + "\r\n", List(c.headers)) << c.headers;
-    for (const std::string &headers :
-         {std::string(), std::string("UserName: admin\r\n"), Token("admin", "wrong"), Token("eve", "")})
+    for (const std::string &headers : {std::string(), std::string("UserName: admin\r\n"),
+                                       UserHeaders("admin", "wrong"), UserHeaders("eve", "")})
         EXPECT_EQ("RTSP/1.0 401 Unauthorized\r\n" + kServerLine + "CSeq: 1\r\n\r\n", List(headers))
             << headers;
     EXPECT_TRUE(server.WaitOutput("bad SDP: invalid frame size line\n"));

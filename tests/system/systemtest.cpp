@@ -23,6 +23,16 @@ void SystemTest::Deliver()
     ASSERT_TRUE(Answers(&pusher) && Answers(&pusher));
 }
 
+void SystemTest::ExpectLeft(unsigned nClients, unsigned nMonitors)
+{
+    OrxStat stat;
+    EXPECT_TRUE(WaitFor([&] {
+        stat = server.Stat();
+        return stat.nClients == nClients && stat.nMonitors == nMonitors;
+    })) << stat.nClients
+        << " clients, " << stat.nMonitors << " sockets";
+}
+
 void SystemTest::TearDown()
 {
     if (server.pid >= 0) {
@@ -81,6 +91,22 @@ int NextAnswer(RtspClient *pClient, int nTimeoutMs)
         return -1;
     EXPECT_THAT(reply.raw, kIsOk);
     return static_cast<int>(RtspHeaderNumber(&reply, "CSeq", -2));
+}
+
+void ExpectAnswers(RtspClient *pClient, int nFirst, int nLast)
+{
+    for (int i = nFirst; i <= nLast; i++)
+        ASSERT_EQ(i, NextAnswer(pClient));
+}
+
+void Send(RtspClient *pClient, const std::string &bytes)
+{
+    ASSERT_EQ(1, RtspSendRaw(pClient, bytes.data(), bytes.size()));
+}
+
+std::string UserHeaders(const std::string &user, const std::string &password)
+{
+    return "UserName: " + user + "\r\nUserAuth: " + RtspUserToken(user, password) + "\r\n";
 }
 
 std::string MakeRequest(const std::string &method, const std::string &url, int nCSeq,

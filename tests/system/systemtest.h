@@ -24,6 +24,8 @@ struct SystemTest : testing::Test {
     // Waits until what the pusher sent has left for its players: every second read from it sends what waits
     // for one of them, from six packets on.
     void Deliver();
+    // Waits until so many clients and sockets, the listener included, are left.
+    void ExpectLeft(unsigned nClients, unsigned nMonitors);
     void TearDown() override;
 };
 
@@ -40,9 +42,19 @@ std::string Ask(RtspClient *pClient, const std::string &method, const std::strin
 bool Answers(RtspClient *pClient);
 // The number of the next reply, which is a 200; -1 when none comes.
 int NextAnswer(RtspClient *pClient, int nTimeoutMs = kRtspTimeoutMs);
+// That the next replies have the numbers from nFirst to nLast.
+void ExpectAnswers(RtspClient *pClient, int nFirst, int nLast);
+// Sends bytes as they are.
+void Send(RtspClient *pClient, const std::string &bytes);
 // A request as a text, for those that are not sent whole or one by one.
 std::string MakeRequest(const std::string &method, const std::string &url, int nCSeq,
                         const std::string &headers = "", const std::string &body = "");
+inline std::string Options(int nCSeq)
+{
+    return MakeRequest("OPTIONS", "*", nCSeq);
+}
+// The headers by which some methods know a user.
+std::string UserHeaders(const std::string &user, const std::string &password);
 
 // --- Replies, as Ask gives them ---
 
@@ -63,6 +75,11 @@ inline std::string Refused(const std::string &status)
 {
     return Reply(status, kNoCache);
 }
+inline const std::string kWrongState = Refused("455 Method Not Valid in This State");
+inline const std::string kNotImplemented =
+    "RTSP/1.0 500 Not implemented\r\n" + kServerLine + kNoCache + "\r\n";
+inline const std::string kMismatch = "HTTP/1.1 400 Bad Request(Content Types Mismatched)\r\n" + kServerLine +
+                                     kNoCache + "Connection: Close\r\n\r\n";
 inline std::string Dated(const std::string &lines = "")
 {
     return Reply("200 OK", lines + kNoCache + kDate);
