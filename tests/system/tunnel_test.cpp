@@ -157,6 +157,7 @@ TEST_F(TunnelTest, CarriesPushersAndPlayers)
         ASSERT_EQ(1, RtspSendFrame(&pusher, 0, sent[i].data(), sent[i].size()));
     }
     Deliver();
+    EXPECT_TRUE(Answers(&player)) << "behind the last five, which would wait for more";
     RtspMessage got;
     for (const std::string &packet : sent) {
         ASSERT_EQ(1, RtspWaitFrame(&player, 0, &got));
