@@ -97,10 +97,10 @@ TEST_F(RtcpTest, DatagramsLeaveTheConnectionAlone)
     EXPECT_EQ(500, reply.nStatus) << "an unknown method, received whole";
     SendPictures(&pusher, 1, 5);
     Deliver();
+    player.nCSeq = 70;
     EXPECT_TRUE(Answers(&player)) << "behind the last five, which would wait for more";
     for (int i = 0; i < 12; i++)
         ASSERT_EQ(1, RtspUdpReceive(pTrack->udp.fdRtp, &packet)) << i;
-    player.nCSeq = 70;
     EXPECT_EQ(Dated(), Ask(&player, "SET_PARAMETER"));
 }
 
