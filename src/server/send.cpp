@@ -315,24 +315,20 @@ static void OnBlocked(Session *pSession, const Port *pPort, int bPush)
 // A start can be ten seconds of media, and a player's UDP socket holds a fraction of a second: at a multiple
 // of real time nothing is lost. Time stamps that jump do not hold it up for longer than the cache should
 // last.
-static int CatchesUp(const Session *pSession, uint32_t nElapsed)
+static int CatchesUp(const Session *pSession)
 {
     return pSession->nStartBlocks > 0 && !(pSession->nFlags & SESSION_INTERLEAVED) &&
-           nElapsed < pSession->pProg->nCacheLimit;
+           ClockMs() - pSession->nPlayClock < pSession->pProg->nCacheLimit;
 }
 
 static Pace ReadPace(const Session *pSession)
 {
     if (!pSession->pProg || (pSession->nFlags & SESSION_PUSHER))
         return {};
-    uint32_t nElapsed = ClockMs() - pSession->nPlayClock;
-    Pace pace = {1, pSession->nPlayStart, nElapsed, pSession->nPlayPos - pSession->nPlayStart, kFileLeadMs};
+    uint32_t nSent = pSession->nPlayPos - pSession->nPlayStart;
     if (!pSession->pProg->bLive)
-        return pace;
-    pace.bPaced = CatchesUp(pSession, nElapsed);
-    pace.nElapsed = pSession->nCatchUpMs;
-    pace.nLead = 0;
-    return pace;
+        return {1, pSession->nPlayStart, ClockMs() - pSession->nPlayClock, nSent, kFileLeadMs};
+    return {CatchesUp(pSession), pSession->nPlayStart, pSession->nCatchUpMs, nSent, 0};
 }
 
 int SendDataEx(Session *pSession, Port *pPort, int bPush)
