@@ -16,7 +16,7 @@
 #include "base/inifile.h"
 #include "base/textbuf.h"
 #include "runtime/thread.h"
-#include "server/server.h"
+#include "server/front/server.h"
 
 namespace orx {
 

@@ -109,9 +109,12 @@ static void WaitForDue(Scheduler *pScheduler)
 static int RunTask(Scheduler *pScheduler, Task *pTask, uint32_t nNow)
 {
     uint32_t nDue = pTask->nDue;
+    void (*pfnAfter)() = pScheduler->pfnAfter;
     pScheduler->pRunning = pTask;
     pthread_mutex_unlock(&pScheduler->mutex);
     int nNextMs = pTask->pfnRun(pTask, nDue - nNow, nNow, nDue);
+    if (pfnAfter)
+        pfnAfter();
     uint32_t nAfter = ClockMs();
     pthread_mutex_lock(&pScheduler->mutex);
     pScheduler->pRunning = nullptr;
@@ -260,6 +263,12 @@ void TaskCancel(Task *pTask)
     while (pScheduler->nRuns == nRuns)
         pthread_cond_wait(&pScheduler->ran, &pScheduler->mutex);
     pScheduler->nCancellers--;
+}
+
+void SchedulerSetAfterProc(Scheduler *pScheduler, void (*pfnAfter)())
+{
+    MutexGuard guard(&pScheduler->mutex);
+    pScheduler->pfnAfter = pfnAfter;
 }
 
 unsigned SchedulerTaskCount(Scheduler *pScheduler)

@@ -1,5 +1,5 @@
 // Camera configurations: whatever the text, what a viewer is shown holds no account but the viewer's own.
-#include "server/camcfg.h"
+#include "server/methods/camcfg.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -8,7 +8,7 @@
 
 #include "base/assertion.h"
 #include "base/inifile.h"
-#include "server/sdp.h"
+#include "server/core/sdp.h"
 
 using namespace orx;
 

@@ -1,0 +1,275 @@
+#include "server/core/session.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <new>
+
+#include <sys/random.h>
+
+#include "base/assertion.h"
+#include "base/console.h"
+#include "base/textbuf.h"
+#include "runtime/clock.h"
+#include "runtime/sockutil.h"
+#include "server/core/program.h"
+#include "server/core/registry.h"
+#include "server/core/settings.h"
+
+namespace orx {
+
+static constexpr uint32_t kMinReceiveBuffer = 4096;
+static constexpr uint32_t kMaxReceiveBuffer = 65536;
+static constexpr uint32_t kIdleCheckMs = 5000;
+static constexpr uint32_t kDelayedCloseMs = 2000;
+
+static uint32_t ReceiveBufferSize()
+{
+    uint32_t nSize = g_settings.nSessionBufSize;
+    if (nSize < kMinReceiveBuffer)
+        return kMinReceiveBuffer;
+    return nSize > kMaxReceiveBuffer ? kMaxReceiveBuffer : nSize;
+}
+
+static int HandleTaken(uint32_t nHandle)
+{
+    for (auto *p = ListFirstOf<Session>(&g_server.sessions); p;
+         p = reinterpret_cast<Session *>(p->node.pNext))
+        if (p->nHandle == nHandle)
+            return 1;
+    return 0;
+}
+
+// The next session handle: counts up from a value nobody can guess, skipping 0 and, once it has wrapped,
+// those alive.
+static uint32_t NextHandle()
+{
+    static uint32_t nLast = 0;  // 0: none was given yet
+    if (nLast == 0 && getrandom(&nLast, sizeof(nLast), GRND_NONBLOCK) != sizeof(nLast))
+        nLast = 0;
+    do
+        nLast++;
+    while (nLast == 0 || HandleTaken(nLast));
+    return nLast;
+}
+
+static Session *NewSession()
+{
+    auto *pSession = new (std::nothrow) Session;
+    if (!pSession) {
+        print("warning: NOT enough memory to CreateSession()!\n");
+        return nullptr;
+    }
+    pSession->nTotal = ReceiveBufferSize();
+    ORX_ASSERT(pSession->nTotal, "p->nTotal");
+    pSession->pBuf = static_cast<uint8_t *>(malloc(pSession->nTotal));
+    if (!pSession->pBuf) {
+        delete pSession;
+        return nullptr;
+    }
+    pSession->pBuf[0] = 0;
+    return pSession;
+}
+
+Session *CreateSession(Port *pPort)
+{
+    ORX_ASSERT(pPort, "port");
+    Session *pSession = NewSession();
+    if (!pSession)
+        return nullptr;
+    BlockListInit(&pSession->out.Outq, pSession);
+    pSession->nHandle = NextHandle();
+    pSession->tLastActivity = ClockUptime();
+    pSession->tStart = static_cast<uint32_t>(time(nullptr));
+    if (g_settings.bRtcp)
+        pSession->nFlags |= SESSION_RTCP;
+    pSession->Cmd = pPort;
+    ListAppend(&g_server.sessions, pSession);
+    AvlReplace(&g_server.sessionMap, pPort->fd, pSession);
+    return pSession;
+}
+
+Session *FindSession(int fd)
+{
+    return static_cast<Session *>(AvlValue(&g_server.sessionMap, fd));
+}
+
+// Takes the port out of the session map and frees it; accepts null.
+static void DropPort(Port *pPort)
+{
+    if (!pPort)
+        return;
+    AvlDiscard(&g_server.sessionMap, AvlRemove(&g_server.sessionMap, pPort->fd));
+    PortClose(pPort);
+}
+
+Session *SessionOfTask(const Task *pTask)
+{
+    Port *pPort = PortOfTask(pTask);
+    return pPort ? FindSession(pPort->fd) : nullptr;
+}
+
+// Gives the UDP ports of a track back.
+static void CloseTrackPorts(SessionTrack *pTrack)
+{
+    if (pTrack->Media) {
+        int nPort = SockGetPort(&pTrack->Media->local);
+        PortMgrRelease(g_server.pPortMgr, nPort);
+        print("FreePairPort(%d-%d)\r\n", nPort, nPort + 1);
+        DropPort(pTrack->Media);
+    }
+    DropPort(pTrack->Control);
+}
+
+static void SessionFree(void *pRecord)
+{
+    auto *pSession = static_cast<Session *>(pRecord);
+    free(pSession->pBuf);
+    free(pSession->szCookie);
+    ListDestroy(&pSession->out.Outq);
+    free(pSession->pFileBuf);
+    delete pSession;
+}
+
+// Ends one session, whatever becomes of its program's players.
+static void EndOne(Session *pSession)
+{
+    pSession->bEnded = 1;
+    ListRemove(&g_server.sessions, pSession, 0);
+    print("OnFreeSession().\r\n");
+    if (pSession->Cmd) {
+        char szRemote[kAddrTextSize];
+        SessionRemoteText(pSession, szRemote);
+        log("Close  session(fd=0x%x) from %s", pSession->Cmd->fd, szRemote);
+    }
+    Port *pReply = pSession->Reply != pSession->Cmd ? pSession->Reply : nullptr;
+    DropPort(pSession->Cmd);
+    DropPort(pReply);
+    pSession->Cmd = pSession->Reply = nullptr;
+    for (SessionTrack &track : pSession->tracks)
+        CloseTrackPorts(&track);
+    ProgramDetach(pSession);
+    Retire(&pSession->retired, pSession, SessionFree);
+}
+
+void SessionEnd(Session *pSession)
+{
+    if (pSession->bEnded)
+        return;
+    SessionEndPlayers(pSession);
+    EndOne(pSession);
+}
+
+void SessionEndPlayers(Session *pSession)
+{
+    Program *pProg = pSession->pProg;
+    if (!pProg || !(pSession->nFlags & SESSION_PUSHER))
+        return;
+    print("StopProgramAssociatedSessions().\r\n");
+    while (auto *pPlayer = static_cast<Session *>(ListFirst(&pProg->players, 0)))
+        EndOne(pPlayer);
+}
+
+void SessionEndAll()
+{
+    while (auto *p = ListFirstOf<Session>(&g_server.sessions))
+        EndOne(p);
+}
+
+int SessionClosePort(Session *pSession, Port *pPort)
+{
+    AvlDiscard(&g_server.sessionMap, AvlRemove(&g_server.sessionMap, pPort->fd));
+    int bIsReply = pPort == pSession->Reply;
+    int bIsControl = bIsReply || pPort == pSession->Cmd;
+    int bInterleaved = (pSession->nFlags & SESSION_INTERLEAVED) != 0;
+    // a media socket is still named by its track: it goes with the session
+    if (!bIsControl || (bInterleaved && (bIsReply || !pSession->Reply))) {
+        SessionEnd(pSession);
+        return 1;
+    }
+    if (pPort == pSession->Cmd)
+        pSession->Cmd = nullptr;
+    if (bIsReply)
+        pSession->Reply = nullptr;
+    PortClose(pPort);
+    if (pSession->Cmd || pSession->Reply)
+        return 0;
+    SessionEnd(pSession);
+    return 1;
+}
+
+Port *SessionControlPort(const Session *pSession)
+{
+    Port *pPort = pSession->Cmd ? pSession->Cmd : pSession->Reply;
+    return pPort && (pPort->nFlags & PORT_TUNNEL_POST) ? pSession->Reply : pPort;
+}
+
+void SessionRemoteText(const Session *pSession, char *szOut)
+{
+    const Port *pPort = pSession->Cmd ? pSession->Cmd : pSession->Reply;
+    sockaddr_in none{};
+    SockAddrToString(pPort ? &pPort->remote : &none, szOut);
+}
+
+void FormatHttpDate(char *szOut, size_t nSize)
+{
+    static const char *const g_days[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+    static const char *const g_months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                           "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    time_t now = time(nullptr);
+    struct tm t {};
+    gmtime_r(&now, &t);
+    TextBuf text{szOut, nSize};
+    // month before day and the year behind it: the order that this server's clients know
+    TextAdd(&text, "%s, %s %d %04d %02d:%02d:%02d GMT", g_days[t.tm_wday], g_months[t.tm_mon], t.tm_mday,
+            t.tm_year + 1900, t.tm_hour, t.tm_min, t.tm_sec);
+}
+
+const char *SessionRefreshDate(Session *pSession)
+{
+    FormatHttpDate(pSession->szDate, sizeof(pSession->szDate));
+    return pSession->szDate;
+}
+
+static int OnSessionDelayCloseTimer(Task *pTask, uint32_t, uint32_t, uint32_t)
+{
+    Session *pSession = SessionOfTask(pTask);
+    if (pSession) {
+        print("OnSessionDelayCloseTimer()\r\n");
+        SessionEnd(pSession);
+    }
+    return -1;
+}
+
+void SessionDelayClose(const Port *pPort)
+{
+    PortSchedule(pPort, OnSessionDelayCloseTimer, kDelayedCloseMs);
+}
+
+static int OnIdleCheck(Task *pTask, uint32_t, uint32_t, uint32_t)
+{
+    Port *pPort = PortOfTask(pTask);
+    if (!pPort)
+        return -1;
+    Session *pSession = FindSession(pPort->fd);
+    if (!pSession) {
+        print("Idle Connection Client(stocket=0x%x) is broken!\r\n", pPort->fd);
+        return -1;
+    }
+    if (pSession->nReceived)
+        return -1;
+    if (PortReadNow(pPort) < 0) {
+        print("Idle Connection Client(socket=0x%x) is broken!\r\n", pPort->fd);
+    } else if (!pSession->bEnded && !pSession->nReceived) {
+        print("Force Close Idle Connection on stocket 0x%x\r\n", pPort->fd);
+        SessionClosePort(pSession, pPort);
+    }
+    return -1;
+}
+
+void SessionScheduleIdleCheck(const Port *pPort)
+{
+    PortSchedule(pPort, OnIdleCheck, kIdleCheckMs);
+}
+
+}  // namespace orx
