@@ -77,14 +77,14 @@ struct PlayerQueueTest : testing::Test {
         pProg->nRefs = 1;  // as if a pusher held it
         ListAppend(&g_server.programs, pProg);
         pPlayer = CreateSession(CreateTcpPort(pair.fdServer));
-        pPlayer->Reply = pPlayer->Cmd;
-        pPlayer->nFlags |= SESSION_INTERLEAVED;
+        pPlayer->peer.Reply = pPlayer->peer.Cmd;
+        pPlayer->out.bInterleaved = 1;
         pPlayer->nState = STATE_PLAYING;
         ProgramAttach(pPlayer, pProg);
         pPlayer->out.nTracks = 3;
         for (int i = 0; i < 3; i++) {
-            pPlayer->out.tracks[i].nPayloadType = kPayloadTypes[i];
-            pPlayer->out.tracks[i].bSetUp = i < 2;
+            pPlayer->tracks[i].nPayloadType = kPayloadTypes[i];
+            pPlayer->tracks[i].bSetUp = i < 2;
         }
     }
     void TearDown() override { core.reset(); }
@@ -127,9 +127,9 @@ struct RecordingQueueTest : PlayerQueueTest {
         RunOnScheduler([&] {
             pProg->bLive = 0;
             pProg->reader = ZMFReaderOpen(file.c_str(), 65536);
-            pPlayer->nPlayClock = ClockMs();
-            pPlayer->out.tracks[0].nNextSeq = 1;
-            pPlayer->out.tracks[1].nNextSeq = 500;
+            pPlayer->play.nPlayClock = ClockMs();
+            pPlayer->tracks[0].nNextSeq = 1;
+            pPlayer->tracks[1].nNextSeq = 500;
         });
         ASSERT_NE(nullptr, pProg->reader);
     }
@@ -139,7 +139,7 @@ struct RecordingQueueTest : PlayerQueueTest {
         DataBlock *pBlock = MakePacket(packet);
         pBlock->sent = nSent;
         ListAppend(&pPlayer->out.Outq, pBlock);
-        pPlayer->out.tracks[packet.nTrack].nNextSeq++;
+        pPlayer->tracks[packet.nTrack].nNextSeq++;
         auto *p = reinterpret_cast<char *>(BlockData(pBlock));
         return {p + nSent, p + pBlock->len};
     }

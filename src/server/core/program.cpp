@@ -2,7 +2,6 @@
 
 #include <strings.h>
 
-#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -18,17 +17,6 @@ namespace orx {
 
 constexpr size_t kMaxPath = 256;  // of a request's decoded URI, NUL included
 
-// The list of players maps a session to the node in its middle.
-static ListNode *MapPlayerNode(void *, void *pItem)
-{
-    return &static_cast<Session *>(pItem)->playerNode;
-}
-
-static void *MapPlayerData(void *, ListNode *pNode)
-{
-    return reinterpret_cast<char *>(pNode) - offsetof(Session, playerNode);
-}
-
 // Handles are given in order and wrap.
 static int ComparePlayers(void *, void *pData, void *pKey)
 {
@@ -42,7 +30,7 @@ Program *ProgramNew(const char *szPath, const ProgramOps *pOps)
         return nullptr;
     pProg->pOps = pOps;
     ListInit(&pProg->players, pProg);
-    ListMapProc(&pProg->players, MapPlayerNode, MapPlayerData);
+    ListUsedDefMap(&pProg->players, 1);  // a session's second node
     ListDataProc(&pProg->players, nullptr, ComparePlayers);
     BlockListInit(&pProg->Pktq, pProg);
     pProg->tBorn = ClockUptime();

@@ -64,11 +64,9 @@ struct Program {
     char *szCamCfg = nullptr;     // camera configuration text, owned
     uint32_t nCamCfg = 0;         // its length
     int nTrackCount = 0;
-    int nVideoTrack = 0;  // index into mediaInfos of the last such section; see bHas...
-    int nAudioTrack = 0;
+    int nVideoTrack = -1;  // index into mediaInfos of the last section of that kind, -1 without one
+    int nAudioTrack = -1;
     int nDataTrack = -1;
-    int bHasVideo = 0;  // a section of that kind was described
-    int bHasAudio = 0;
     MediaInfo mediaInfos[kMaxMediaInfos];
     List Pktq;                     // cached DataBlocks, owned
     void *pCacheCursor = nullptr;  // a block in Pktq, or null

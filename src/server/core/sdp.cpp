@@ -129,12 +129,10 @@ static int EnterKind(Program *pProg, int i, std::string_view media)
         pInfo->nMediaType = MEDIA_AUDIO_OTHER;
         pInfo->nSampleBits = 16;
         pProg->nAudioTrack = i;
-        pProg->bHasAudio = 1;
     } else if (SameName(media, "video")) {
         pInfo->nMediaType = MEDIA_VIDEO_OTHER;
         pInfo->nSampleBits = kVideoSampleBits;
         pProg->nVideoTrack = i;
-        pProg->bHasVideo = 1;
     } else if (SameName(media, "data")) {
         pInfo->nMediaType = MEDIA_DATA;
         pProg->nDataTrack = i;

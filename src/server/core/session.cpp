@@ -9,7 +9,6 @@
 
 #include "base/assertion.h"
 #include "base/console.h"
-#include "base/textbuf.h"
 #include "runtime/clock.h"
 #include "runtime/sockutil.h"
 #include "server/core/program.h"
@@ -53,6 +52,12 @@ static uint32_t NextHandle()
     return nLast;
 }
 
+Session::Session()
+{
+    for (int i = 0; i < kMaxTracks; i++)
+        out.tracks[i] = &tracks[i];
+}
+
 static Session *NewSession()
 {
     auto *pSession = new (std::nothrow) Session;
@@ -60,14 +65,14 @@ static Session *NewSession()
         print("warning: NOT enough memory to CreateSession()!\n");
         return nullptr;
     }
-    pSession->nTotal = ReceiveBufferSize();
-    ORX_ASSERT(pSession->nTotal, "p->nTotal");
-    pSession->pBuf = static_cast<uint8_t *>(malloc(pSession->nTotal));
-    if (!pSession->pBuf) {
+    pSession->input.nTotal = ReceiveBufferSize();
+    ORX_ASSERT(pSession->input.nTotal, "p->nTotal");
+    pSession->input.pBuf = static_cast<uint8_t *>(malloc(pSession->input.nTotal));
+    if (!pSession->input.pBuf) {
         delete pSession;
         return nullptr;
     }
-    pSession->pBuf[0] = 0;
+    pSession->input.pBuf[0] = 0;
     return pSession;
 }
 
@@ -79,11 +84,11 @@ Session *CreateSession(Port *pPort)
         return nullptr;
     BlockListInit(&pSession->out.Outq, pSession);
     pSession->nHandle = NextHandle();
-    pSession->tLastActivity = ClockUptime();
-    pSession->tStart = static_cast<uint32_t>(time(nullptr));
+    pSession->peer.tLastActivity = ClockUptime();
+    pSession->peer.tStart = static_cast<uint32_t>(time(nullptr));
     if (g_settings.bRtcp)
         pSession->nFlags |= SESSION_RTCP;
-    pSession->Cmd = pPort;
+    pSession->peer.Cmd = pPort;
     ListAppend(&g_server.sessions, pSession);
     AvlReplace(&g_server.sessionMap, pPort->fd, pSession);
     return pSession;
@@ -124,10 +129,10 @@ static void CloseTrackPorts(SessionTrack *pTrack)
 static void SessionFree(void *pRecord)
 {
     auto *pSession = static_cast<Session *>(pRecord);
-    free(pSession->pBuf);
-    free(pSession->szCookie);
+    free(pSession->input.pBuf);
+    free(pSession->peer.szCookie);
     ListDestroy(&pSession->out.Outq);
-    free(pSession->pFileBuf);
+    free(pSession->out.pScratch);
     delete pSession;
 }
 
@@ -137,15 +142,15 @@ static void EndOne(Session *pSession)
     pSession->bEnded = 1;
     ListRemove(&g_server.sessions, pSession, 0);
     print("OnFreeSession().\r\n");
-    if (pSession->Cmd) {
+    if (pSession->peer.Cmd) {
         char szRemote[kAddrTextSize];
         SessionRemoteText(pSession, szRemote);
-        log("Close  session(fd=0x%x) from %s", pSession->Cmd->fd, szRemote);
+        log("Close  session(fd=0x%x) from %s", pSession->peer.Cmd->fd, szRemote);
     }
-    Port *pReply = pSession->Reply != pSession->Cmd ? pSession->Reply : nullptr;
-    DropPort(pSession->Cmd);
+    Port *pReply = pSession->peer.Reply != pSession->peer.Cmd ? pSession->peer.Reply : nullptr;
+    DropPort(pSession->peer.Cmd);
     DropPort(pReply);
-    pSession->Cmd = pSession->Reply = nullptr;
+    pSession->peer.Cmd = pSession->peer.Reply = nullptr;
     for (SessionTrack &track : pSession->tracks)
         CloseTrackPorts(&track);
     ProgramDetach(pSession);
@@ -179,56 +184,46 @@ void SessionEndAll()
 int SessionClosePort(Session *pSession, Port *pPort)
 {
     AvlDiscard(&g_server.sessionMap, AvlRemove(&g_server.sessionMap, pPort->fd));
-    int bIsReply = pPort == pSession->Reply;
-    int bIsControl = bIsReply || pPort == pSession->Cmd;
-    int bInterleaved = (pSession->nFlags & SESSION_INTERLEAVED) != 0;
+    int bIsReply = pPort == pSession->peer.Reply;
+    int bIsControl = bIsReply || pPort == pSession->peer.Cmd;
+    int bInterleaved = pSession->out.bInterleaved;
     // a media socket is still named by its track: it goes with the session
-    if (!bIsControl || (bInterleaved && (bIsReply || !pSession->Reply))) {
+    if (!bIsControl || (bInterleaved && (bIsReply || !pSession->peer.Reply))) {
         SessionEnd(pSession);
         return 1;
     }
-    if (pPort == pSession->Cmd)
-        pSession->Cmd = nullptr;
+    if (pPort == pSession->peer.Cmd)
+        pSession->peer.Cmd = nullptr;
     if (bIsReply)
-        pSession->Reply = nullptr;
+        pSession->peer.Reply = nullptr;
     PortClose(pPort);
-    if (pSession->Cmd || pSession->Reply)
+    if (pSession->peer.Cmd || pSession->peer.Reply)
         return 0;
     SessionEnd(pSession);
     return 1;
 }
 
+Port *SessionPeerPort(const Session *pSession)
+{
+    return pSession->peer.Cmd ? pSession->peer.Cmd : pSession->peer.Reply;
+}
+
+Port *SessionReplyPort(const Session *pSession)
+{
+    return pSession->peer.Reply ? pSession->peer.Reply : pSession->peer.Cmd;
+}
+
 Port *SessionControlPort(const Session *pSession)
 {
-    Port *pPort = pSession->Cmd ? pSession->Cmd : pSession->Reply;
-    return pPort && (pPort->nFlags & PORT_TUNNEL_POST) ? pSession->Reply : pPort;
+    Port *pPort = SessionPeerPort(pSession);
+    return pPort && (pPort->nFlags & PORT_TUNNEL_POST) ? pSession->peer.Reply : pPort;
 }
 
 void SessionRemoteText(const Session *pSession, char *szOut)
 {
-    const Port *pPort = pSession->Cmd ? pSession->Cmd : pSession->Reply;
+    const Port *pPort = SessionPeerPort(pSession);
     sockaddr_in none{};
     SockAddrToString(pPort ? &pPort->remote : &none, szOut);
-}
-
-void FormatHttpDate(char *szOut, size_t nSize)
-{
-    static const char *const g_days[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-    static const char *const g_months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                           "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-    time_t now = time(nullptr);
-    struct tm t {};
-    gmtime_r(&now, &t);
-    TextBuf text{szOut, nSize};
-    // month before day and the year behind it: the order that this server's clients know
-    TextAdd(&text, "%s, %s %d %04d %02d:%02d:%02d GMT", g_days[t.tm_wday], g_months[t.tm_mon], t.tm_mday,
-            t.tm_year + 1900, t.tm_hour, t.tm_min, t.tm_sec);
-}
-
-const char *SessionRefreshDate(Session *pSession)
-{
-    FormatHttpDate(pSession->szDate, sizeof(pSession->szDate));
-    return pSession->szDate;
 }
 
 static int OnSessionDelayCloseTimer(Task *pTask, uint32_t, uint32_t, uint32_t)
@@ -256,11 +251,11 @@ static int OnIdleCheck(Task *pTask, uint32_t, uint32_t, uint32_t)
         print("Idle Connection Client(stocket=0x%x) is broken!\r\n", pPort->fd);
         return -1;
     }
-    if (pSession->nReceived)
+    if (pSession->peer.nReceived)
         return -1;
     if (PortReadNow(pPort) < 0) {
         print("Idle Connection Client(socket=0x%x) is broken!\r\n", pPort->fd);
-    } else if (!pSession->bEnded && !pSession->nReceived) {
+    } else if (!pSession->bEnded && !pSession->peer.nReceived) {
         print("Force Close Idle Connection on stocket 0x%x\r\n", pPort->fd);
         SessionClosePort(pSession, pPort);
     }

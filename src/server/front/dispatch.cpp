@@ -8,9 +8,8 @@
 #include "base/console.h"
 #include "server/core/program.h"
 #include "server/media/ingest.h"
-#include "server/media/recordcontrol.h"
+#include "server/media/replies.h"
 #include "server/media/rtcp.h"
-#include "server/media/send.h"
 #include "server/methods/announce.h"
 #include "server/methods/camcfg.h"
 #include "server/methods/describe.h"
@@ -20,6 +19,7 @@
 #include "server/methods/play.h"
 #include "server/methods/playlist.h"
 #include "server/methods/quickplay.h"
+#include "server/methods/recordex.h"
 #include "server/methods/register.h"
 #include "server/methods/setup.h"
 #include "server/methods/subscribe.h"
@@ -42,8 +42,7 @@ static Step EndSession(Session *pSession)
     return Step::Gone;
 }
 
-// A handler returns 1 when the session lives on; after 0 it is ended.
-using MethodProc = int (*)(Session *pSession, Port *pPort, Request *pRequest);
+using MethodProc = Verdict (*)(Session *pSession, Port *pPort, Request *pRequest);
 
 struct MethodEntry {
     const char *szName;  // compared without regard to case; the first match wins
@@ -77,7 +76,7 @@ static const MethodEntry g_methods[] = {
     {"RECORD", HandleRecord},
 };
 
-static int Dispatch(Session *pSession, Port *pPort, Request *pRequest)
+static Verdict Dispatch(Session *pSession, Port *pPort, Request *pRequest)
 {
     for (const MethodEntry &method : g_methods)
         if (strcasecmp(method.szName, RequestMethod(pRequest)) == 0)
@@ -99,8 +98,8 @@ static void DumpRtcpFrame(const Session *pSession, unsigned nChannel, const uint
 // even when the length is 0.
 static Step TakeFrame(Session *pSession, uint32_t *pAt)
 {
-    const uint8_t *pFrame = pSession->pBuf + *pAt;
-    uint32_t nLeft = pSession->nLen - *pAt;
+    const uint8_t *pFrame = pSession->input.pBuf + *pAt;
+    uint32_t nLeft = pSession->input.nLen - *pAt;
     if (nLeft < kInterleaveBytes + 1)
         return Step::Wait;
     uint32_t nBytes = GetBe(pFrame + 2, 2) + kInterleaveBytes;
@@ -144,8 +143,8 @@ static int ParseLength(const char *sz, size_t nMax, size_t *pValue)
 static Step ParseHead(Session *pSession, Port *pPort, uint32_t nAt)
 {
     Request *pRequest = &pPort->request;
-    auto *pText = reinterpret_cast<const char *>(pSession->pBuf + nAt);
-    auto *pEnd = static_cast<const char *>(memmem(pText, pSession->nLen - nAt, "\r\n\r\n", 4));
+    auto *pText = reinterpret_cast<const char *>(pSession->input.pBuf + nAt);
+    auto *pEnd = static_cast<const char *>(memmem(pText, pSession->input.nLen - nAt, "\r\n\r\n", 4));
     if (!pEnd)
         return Step::Wait;
     auto nLen2Parse = static_cast<uint32_t>(pEnd + 4 - pText);
@@ -161,7 +160,7 @@ static Step ParseHead(Session *pSession, Port *pPort, uint32_t nAt)
     const char *szLength = RequestHeaderValue(pRequest, "Content-Length");
     if (!szLength || IsTunnelPost(pRequest))
         return Step::Taken;
-    if (!ParseLength(szLength, pSession->nTotal - 1 - nLen2Parse, &pRequest->nPendingBody)) {
+    if (!ParseLength(szLength, pSession->input.nTotal - 1 - nLen2Parse, &pRequest->nPendingBody)) {
         print("Invalid Content-Length on fd=0x%x!\r\n", pPort->fd);
         return EndSession(pSession);
     }
@@ -175,17 +174,16 @@ static Step CheckCSeq(Session *pSession, Port *pPort)
     if (!szCSeq) {
         if (pSession->nState == STATE_NEW)
             return Step::Taken;  // a first request, for example the HTTP GET of a tunnel
-        static const char g_szReply[] = "RTSP/1.0 400 Bad Request(no CSeq)\r\n" ORX_SERVER_LINE "\r\n";
-        SendReply(pSession, pPort, g_szReply, sizeof(g_szReply) - 1);
+        ReplyShort(pSession, pPort, STATUS_NO_CSEQ);
         print("no CSeq!!!\r\n");
         return EndSession(pSession);
     }
     auto nCSeq = static_cast<uint32_t>(strtoul(szCSeq, nullptr, 10));
-    if (pSession->nReqSeq && nCSeq < pSession->nReqSeq) {
-        print("CmdSeq(%u) < session->nReqSeq(%u)! Drop it!\r\n", nCSeq, pSession->nReqSeq);
+    if (pSession->input.nReqSeq && nCSeq < pSession->input.nReqSeq) {
+        print("CmdSeq(%u) < session->nReqSeq(%u)! Drop it!\r\n", nCSeq, pSession->input.nReqSeq);
         return Step::Wait;
     }
-    pSession->nReqSeq = nCSeq;
+    pSession->input.nReqSeq = nCSeq;
     pSession->nCSeq = static_cast<int>(nCSeq);
     return Step::Taken;
 }
@@ -195,12 +193,12 @@ static Step CheckCSeq(Session *pSession, Port *pPort)
 static Step RunHandler(Session *pSession, Port *pPort, uint32_t *pAt)
 {
     int bPost = strcasecmp(RequestMethod(&pPort->request), "POST") == 0;
-    int nResult = Dispatch(pSession, pPort, &pPort->request);
+    Verdict eVerdict = Dispatch(pSession, pPort, &pPort->request);
     RequestReset(&pPort->request);
-    if (!nResult || pSession->bEnded)
+    if (eVerdict == Verdict::End || pSession->bEnded)
         return EndSession(pSession);
     if (bPost)
-        *pAt = pSession->nLen = 0;
+        *pAt = pSession->input.nLen = 0;
     return Step::Taken;
 }
 
@@ -213,14 +211,14 @@ static Step TakeMessage(Session *pSession, Port *pPort, uint32_t *pAt)
         if (step != Step::Taken)
             return step;
     }
-    uint32_t nHeld = pSession->nLen - *pAt - pRequest->nHeadLen;
+    uint32_t nHeld = pSession->input.nLen - *pAt - pRequest->nHeadLen;
     if (nHeld < pRequest->nPendingBody)
         return Step::Wait;
     uint32_t nBody = static_cast<uint32_t>(pRequest->nPendingBody);
     uint32_t nBodyAt = *pAt + pRequest->nHeadLen;
-    if (nBody && !RequestAttachBody(pRequest, pSession->pBuf + nBodyAt, nBody))
+    if (nBody && !RequestAttachBody(pRequest, pSession->input.pBuf + nBodyAt, nBody))
         return EndSession(pSession);
-    *pAt = pSession->nNext = nBodyAt + nBody;
+    *pAt = pSession->input.nNext = nBodyAt + nBody;
     Step step = CheckCSeq(pSession, pPort);
     if (step == Step::Taken)
         return RunHandler(pSession, pPort, pAt);
@@ -233,7 +231,7 @@ static Step TakeMessage(Session *pSession, Port *pPort, uint32_t *pAt)
 // may leave it now through this port: its record must not outlive it.
 static void ForgetOtherPort(const Session *pSession, const Port *pPort)
 {
-    for (Port *pOther : {pSession->Cmd, pSession->Reply})
+    for (Port *pOther : {pSession->peer.Cmd, pSession->peer.Reply})
         if (pOther && pOther != pPort && pOther->request.bParsed)
             RequestReset(&pOther->request);
 }
@@ -242,22 +240,22 @@ int HandleInput(Session *pSession, Port *pPort)
 {
     uint32_t nAt = 0;
     ForgetOtherPort(pSession, pPort);
-    while (nAt < pSession->nLen) {
+    while (nAt < pSession->input.nLen) {
         Step step =
-            pSession->pBuf[nAt] == '$' ? TakeFrame(pSession, &nAt) : TakeMessage(pSession, pPort, &nAt);
+            pSession->input.pBuf[nAt] == '$' ? TakeFrame(pSession, &nAt) : TakeMessage(pSession, pPort, &nAt);
         if (step == Step::Gone)
             return 0;
         if (step == Step::Wait)
             break;
     }
-    pSession->nLen -= nAt;
-    if (pSession->nLen == pSession->nTotal - 1) {
+    pSession->input.nLen -= nAt;
+    if (pSession->input.nLen == pSession->input.nTotal - 1) {
         SessionEnd(pSession);
         return 0;
     }
     if (nAt > 0)
-        memmove(pSession->pBuf, pSession->pBuf + nAt, pSession->nLen);
-    pSession->pBuf[pSession->nLen] = 0;
+        memmove(pSession->input.pBuf, pSession->input.pBuf + nAt, pSession->input.nLen);
+    pSession->input.pBuf[pSession->input.nLen] = 0;
     return 1;
 }
 

@@ -68,7 +68,7 @@ static int AcceptAll(int fdListen)
     while ((fd = accept4(fdListen, nullptr, nullptr, SOCK_CLOEXEC)) >= 0) {
         Session *pSession = OpenSession(fd);
         if (pSession)
-            SessionScheduleIdleCheck(pSession->Cmd);
+            SessionScheduleIdleCheck(pSession->peer.Cmd);
     }
     if (errno == EAGAIN)
         return 1;
@@ -99,19 +99,19 @@ int RtspSessionCreate(int fd, const void *pData, size_t nLen)
     if (!pSession)
         return 0;
     if (!pData || nLen == 0) {
-        SessionScheduleIdleCheck(pSession->Cmd);
+        SessionScheduleIdleCheck(pSession->peer.Cmd);
         return 1;
     }
-    ORX_ASSERT(pSession->nLen == 0, "session->nLen==0");
-    if (nLen > pSession->nTotal - 1) {
+    ORX_ASSERT(pSession->input.nLen == 0, "session->nLen==0");
+    if (nLen > pSession->input.nTotal - 1) {
         SessionEnd(pSession);
         return 0;
     }
-    memcpy(pSession->pBuf, pData, nLen);
-    pSession->pBuf[nLen] = 0;
-    pSession->nLen = static_cast<uint32_t>(nLen);
-    pSession->nReceived = static_cast<uint32_t>(nLen);
-    Port *pPort = pSession->Cmd;
+    memcpy(pSession->input.pBuf, pData, nLen);
+    pSession->input.pBuf[nLen] = 0;
+    pSession->input.nLen = static_cast<uint32_t>(nLen);
+    pSession->peer.nReceived = static_cast<uint32_t>(nLen);
+    Port *pPort = pSession->peer.Cmd;
     int bLives = HandleInput(pSession, pPort);
     if (FindPort(fd) == pPort && (pPort->nFlags & PORT_TUNNEL_POST))  // it belongs to the GET half now
         print("fd0x%x received %d bytes\r\n", fd, static_cast<int>(nLen));
@@ -120,10 +120,10 @@ int RtspSessionCreate(int fd, const void *pData, size_t nLen)
 
 static void NoteReceived(Session *pSession, size_t nLen)
 {
-    pSession->tLastActivity = ClockUptime();
-    pSession->nReceived += static_cast<uint32_t>(nLen);
-    if (pSession->nReceived == 0)  // wrapped: 0 is kept for "never sent anything"
-        pSession->nReceived = 1;
+    pSession->peer.tLastActivity = ClockUptime();
+    pSession->peer.nReceived += static_cast<uint32_t>(nLen);
+    if (pSession->peer.nReceived == 0)  // wrapped: 0 is kept for "never sent anything"
+        pSession->peer.nReceived = 1;
 }
 
 // The index of the track whose RTCP port this is, or -1.
@@ -142,7 +142,7 @@ static void OnDatagram(Session *pSession, Port *pPort, const uint8_t *pData, siz
         return;
     print("Receive RTCP packet on track %d, %d bytes.\n", pSession->tracks[i].nRtcpChannel,
           static_cast<int>(nLen));
-    RtcpDump(pData, nLen, pSession->out.tracks[i].nTimeScale);
+    RtcpDump(pData, nLen, pSession->tracks[i].nTimeScale);
 }
 
 // Ends what a socket error or the end of the stream ended.
@@ -184,9 +184,9 @@ static int TakeInput(Session *pSession, Port *pPort, const char *pRaw, size_t nL
             return 0;
         }
     } else {
-        pSession->nLen += static_cast<uint32_t>(nLen);
+        pSession->input.nLen += static_cast<uint32_t>(nLen);
     }
-    pSession->pBuf[pSession->nLen] = 0;
+    pSession->input.pBuf[pSession->input.nLen] = 0;
     return HandleInput(pSession, pPort);
 }
 
@@ -194,8 +194,8 @@ static int TakeInput(Session *pSession, Port *pPort, const char *pRaw, size_t nL
 // *ppRaw is where the bytes are.
 static ssize_t Receive(const Session *pSession, const Port *pPort, char *pText, size_t nText, char **ppRaw)
 {
-    size_t nRoom = pSession->nTotal - pSession->nLen - 1;
-    *ppRaw = reinterpret_cast<char *>(pSession->pBuf + pSession->nLen);
+    size_t nRoom = pSession->input.nTotal - pSession->input.nLen - 1;
+    *ppRaw = reinterpret_cast<char *>(pSession->input.pBuf + pSession->input.nLen);
     if (pPort->nFlags & PORT_TUNNEL_POST) {
         *ppRaw = pText;
         nRoom = nRoom < nText ? nRoom : nText;
@@ -226,7 +226,7 @@ static int ReadTcp(Session *pSession, Port *pPort)
     int nError = errno;
     if (n == 0 || nError != EAGAIN)
         return CloseAfterRecv(pSession, pPort, static_cast<int>(n), n == 0 ? 0 : nError);
-    uint32_t nSilent = ClockUptime() - pSession->tLastActivity;
+    uint32_t nSilent = ClockUptime() - pSession->peer.tLastActivity;
     if (nSilent <= g_settings.nLiveTime || nSilent >= kLongestSilence || MayBeSilent(pSession))
         return 0;
     print("OnRead(fd=0x%x) TimeOut! The network will be closed.\r\n", pPort->fd);

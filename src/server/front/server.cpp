@@ -161,7 +161,7 @@ static void DescribeSession(const Session *pSession, SessionStat *pOut)
 {
     *pOut = SessionStat();
     SessionRemoteText(pSession, pOut->szRemote);
-    pOut->tStart = pSession->tStart;
+    pOut->tStart = pSession->peer.tStart;
     TextCopy(pOut->szProgram, sizeof(pOut->szProgram), pSession->pProg ? pSession->pProg->Uri : "-");
     pOut->bPusher = (pSession->nFlags & SESSION_PUSHER) != 0;
 }

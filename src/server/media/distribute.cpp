@@ -6,6 +6,7 @@
 #include "base/bytes.h"
 #include "base/console.h"
 #include "runtime/clock.h"
+#include "server/media/outqueue.h"
 #include "server/media/recordcontrol.h"
 #include "server/media/rtcp.h"
 #include "server/media/send.h"
@@ -13,70 +14,32 @@
 
 namespace orx {
 
-static constexpr uint32_t kFlushAbove = 5;  // blocks that wait before a read of the pusher flushes a player
-static constexpr uint32_t kForceFlushAbove = 50;      // before the next packet does
-static constexpr uint32_t kGiveUpAbove = 1000;        // and before a player is given up
-static constexpr uint32_t kVideoOnlyAbove = 19;       // blocked sends after which only video is queued
 static constexpr uint32_t kMaxKeptKeys = 15;          // key frames kept from before the span
 static constexpr uint32_t kMaxCachedBlocks = 150000;  // a minute and a quarter of 20 Mbit/s
-
-static uint8_t BlockPayloadType(const DataBlock *pBlock)
-{
-    return BlockData(pBlock)[kInterleaveBytes + 1] & 0x7F;
-}
 
 static int BlockMarker(const DataBlock *pBlock)
 {
     return BlockData(pBlock)[kInterleaveBytes + 1] >> 7;
 }
 
-// The first track that carries the payload type, when the player has set it up; else -1.
-static int PlayerTrack(const Session *pSession, const DataBlock *pBlock)
-{
-    uint8_t nType = BlockPayloadType(pBlock);
-    for (int i = 0; i < pSession->out.nTracks; i++)
-        if (pSession->out.tracks[i].nPayloadType == nType)
-            return pSession->out.tracks[i].bSetUp ? i : -1;
-    return -1;
-}
-
-// Queues a player's own copy of a cached packet. Returns the track it is for, or -1 when it was left out.
-static int QueueCopy(Session *pSession, const DataBlock *pBlock)
-{
-    int nTrack = PlayerTrack(pSession, pBlock);
-    if (nTrack < 0)
-        return -1;
-    if (pSession->nBlockedSends > kVideoOnlyAbove && !(pBlock->nFlags & DB_VIDEO))
-        return -1;
-    uint32_t nSkip = (pSession->nFlags & SESSION_INTERLEAVED) ? 0 : kInterleaveBytes;
-    DataBlock *pCopy = MakeDataBlock2(BlockData(pBlock) + nSkip, pBlock->len - nSkip, pBlock->nFlags);
-    if (!pCopy) {
-        print("MakeDataBlock() failed!\r\n");
-        return -1;
-    }
-    pCopy->nTimestamp = pBlock->nTimestamp;
-    ListAppend(&pSession->out.Outq, pCopy);
-    return nTrack;
-}
-
 // Sends what waits, and a report when one is due. 0 when the player is to be given up.
 static int Flush(Session *pSession)
 {
     if (!SendDataEx(pSession, nullptr, 1) ||
-        ListCount(&pSession->out.Outq) > kGiveUpAbove + pSession->nStartBlocks)
+        ListCount(&pSession->out.Outq) > kGiveUp + pSession->output.nStartBlocks)
         return 0;
     if (pSession->nFlags & SESSION_RTCP)
         SendRtcpReport(pSession);
     return 1;
 }
 
-// Returns 0 when the session was freed.
+// Returns 0 when that ended the session.
 static int PushPacket2SessionQueue(Session *pSession, const DataBlock *pBlock)
 {
     if (QueueCopy(pSession, pBlock) < 0)
         return 1;
     unsigned nItems = ListCount(&pSession->out.Outq);
-    if (nItems <= kForceFlushAbove)
+    if (nItems <= kFlushAtOnce)
         return 1;
     print("PushPacket2SessionQueue(): session->Outq.nItems=%u\r\n", nItems);
     if (Flush(pSession))
@@ -90,13 +53,14 @@ static int PushPacket2SessionQueue(Session *pSession, const DataBlock *pBlock)
 static void SendEventMsg2SubscribeClient(Session *pSession, const DataBlock *pBlock)
 {
     constexpr uint32_t kHead = kInterleaveBytes + kRtpHeaderBytes;
-    if (pBlock->len < kHead || !pSession->Reply)
+    if (pBlock->len < kHead || !pSession->peer.Reply)
         return;
     size_t nLen = pBlock->len - kHead;
     // what is sent past the queue must not cut into a block that has left in part
     auto *pWaiting = ListFirstOf<DataBlock>(&pSession->out.Outq);
     int bMidBlock = pWaiting && pWaiting->sent > 0;
-    ssize_t n = bMidBlock ? -1 : send(pSession->Reply->fd, BlockData(pBlock) + kHead, nLen, MSG_NOSIGNAL);
+    ssize_t n =
+        bMidBlock ? -1 : send(pSession->peer.Reply->fd, BlockData(pBlock) + kHead, nLen, MSG_NOSIGNAL);
     if (n == static_cast<ssize_t>(nLen))
         return;
     print("SendEventMsg2SubscribeClient()->DestroySession()!\r\n");
@@ -279,18 +243,8 @@ int FillBufferAtFirstPlay(Session *pSession)
         return 0;
     }
     unsigned nQueued = 0;
-    int bSeen[kMaxTracks] = {};
-    for (; p; p = NextBlock(p)) {
-        int nTrack = QueueCopy(pSession, p);
-        if (nTrack < 0)
-            continue;
-        nQueued++;
-        if (bSeen[nTrack])
-            continue;
-        bSeen[nTrack] = 1;
-        pSession->tracks[nTrack].nFirstSeq = GetBe(BlockData(p) + 6, 2);
-        pSession->tracks[nTrack].nFirstRtpTime = GetBe(BlockData(p) + 8, 4);
-    }
+    for (; p; p = NextBlock(p))
+        nQueued += QueueCopy(pSession, p) >= 0;
     PrintCounts(pProg, pSession);
     SendStartBurst(pSession, nQueued);
     return nQueued > 0;
@@ -301,48 +255,13 @@ void FlushPlayers(Program *pProg)
     Session *pNext;
     for (auto *p = static_cast<Session *>(ListFirst(&pProg->players, 0)); p; p = pNext) {
         pNext = static_cast<Session *>(ListNext(&pProg->players, p, 0));
-        if (p->nState != STATE_PLAYING || ListCount(&p->out.Outq) <= kFlushAbove)
+        if (p->nState != STATE_PLAYING || ListCount(&p->out.Outq) <= kFlushAfterRead)
             continue;
         if (!SendDataEx(p, nullptr, 1))
             SessionEnd(p);
         else if (p->nFlags & SESSION_RTCP)
             SendRtcpReport(p);
     }
-}
-
-// Whoever plays a recording sees numbers without a hole across pauses and jumps (RFC 2326, appendix B), and
-// so does not wait for packets that never come.
-static void GiveNumberBack(Session *pSession, const DataBlock *pBlock)
-{
-    if (!(pBlock->nFlags & DB_MEDIA) || !pSession->pProg || pSession->pProg->bLive)
-        return;
-    int nTrack = BlockTrack(pSession, pBlock);
-    if (nTrack >= 0)
-        pSession->out.tracks[nTrack].nNextSeq--;
-}
-
-// Drops the blocks that have all of the flags.
-static void DropWaiting(Session *pSession, uint32_t nFlags)
-{
-    auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq);
-    while (p) {
-        DataBlock *pNext = NextBlock(p);
-        if (p->sent == 0 && (p->nFlags & nFlags) == nFlags) {
-            GiveNumberBack(pSession, p);
-            ListRemove(&pSession->out.Outq, p, 1);
-        }
-        p = pNext;
-    }
-}
-
-void SessionDropQueue(Session *pSession)
-{
-    DropWaiting(pSession, 0);
-}
-
-void SessionDropMedia(Session *pSession)
-{
-    DropWaiting(pSession, DB_MEDIA);
 }
 
 }  // namespace orx

@@ -18,10 +18,4 @@ int FillBufferAtFirstPlay(Session *pSession);
 // end players.
 void FlushPlayers(Program *pProg);
 
-// Drops what waits in a session's queue; a block that is partly written stays, so that the stream remains
-// whole. Packets of a recording give their RTP sequence numbers back.
-void SessionDropQueue(Session *pSession);
-// The same for media alone: replies and reports stay.
-void SessionDropMedia(Session *pSession);
-
 }  // namespace orx

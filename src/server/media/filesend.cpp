@@ -35,20 +35,18 @@ static PackProc FindPacketiser(uint32_t nMediaType)
     return nullptr;
 }
 
-// Says whether the player takes samples of a kind, and has set up the track that they go on.
-static int Takes(const Session *pSession, uint32_t nKindMask, int nTrack)
+// Says whether the player has set up the track that samples go on; -1 stands for no such track.
+static int Takes(const Session *pSession, int nTrack)
 {
-    return (pSession->nMediaMask & nKindMask) && nTrack >= 0 && nTrack < pSession->out.nTracks &&
-           pSession->out.tracks[nTrack].bSetUp;
+    return nTrack >= 0 && nTrack < pSession->out.nTracks && pSession->tracks[nTrack].bSetUp;
 }
 
 // Queues a sample of video or sound when the player takes it. Returns the packets made.
-static int PackMedia(Session *pSession, uint32_t nKindMask, int nTrack, const uint8_t *pData, uint32_t nLen,
-                     uint32_t nTimeMs)
+static int PackMedia(Session *pSession, int nTrack, const uint8_t *pData, uint32_t nLen, uint32_t nTimeMs)
 {
-    if (!Takes(pSession, nKindMask, nTrack))
+    if (!Takes(pSession, nTrack))
         return 0;
-    PackProc pfnPack = FindPacketiser(pSession->out.tracks[nTrack].nMediaType);
+    PackProc pfnPack = FindPacketiser(pSession->tracks[nTrack].nMediaType);
     if (pfnPack)
         return pfnPack(&pSession->out, pData, nLen, nTimeMs, nTrack);
     print("Unsupported video media type!\r\n");
@@ -57,7 +55,7 @@ static int PackMedia(Session *pSession, uint32_t nKindMask, int nTrack, const ui
 
 static int PackData(Session *pSession, int nTrack, const uint8_t *pData, uint32_t nLen, uint32_t nTimeMs)
 {
-    if (!Takes(pSession, MEDIA_DATA | MEDIA_TEXT, nTrack))
+    if (!Takes(pSession, nTrack))
         return 0;
     return Pack2RtpUserBlock(&pSession->out, pData, nLen, nTimeMs, nTrack);
 }
@@ -72,9 +70,9 @@ static void PackRecord(Session *pSession, const uint8_t *pRecord, uint32_t nByte
     uint32_t nLen = nBytes - kZmfRecordHeadBytes;
     int nPackets = 0;
     if (head.chMedia == 'v')
-        nPackets = PackMedia(pSession, MEDIA_VIDEO_MASK, pProg->nVideoTrack, pData, nLen, head.nTimeMs);
+        nPackets = PackMedia(pSession, pProg->nVideoTrack, pData, nLen, head.nTimeMs);
     else if (head.chMedia == 'a')
-        nPackets = PackMedia(pSession, MEDIA_AUDIO_MASK, pProg->nAudioTrack, pData, nLen, head.nTimeMs);
+        nPackets = PackMedia(pSession, pProg->nAudioTrack, pData, nLen, head.nTimeMs);
     else
         nPackets = PackData(pSession, pProg->nDataTrack, pData, nLen, head.nTimeMs);
     pProg->nSerial += static_cast<uint32_t>(nPackets);
@@ -84,16 +82,16 @@ static void PackRecord(Session *pSession, const uint8_t *pRecord, uint32_t nByte
 static void EndFile(Session *pSession)
 {
     pSession->nState = STATE_ENDED;
-    pSession->bFinalReport = (pSession->nFlags & SESSION_RTCP) != 0;
+    pSession->play.bFinalReport = (pSession->nFlags & SESSION_RTCP) != 0;
 }
 
 // The last words to the player, once the reports before are old enough. Returns 1 when there is nothing left
 // to say.
 static int SayBye(Session *pSession)
 {
-    if (pSession->nState == STATE_ENDED && pSession->bFinalReport && SendRtcpBye(pSession))
-        pSession->bFinalReport = 0;
-    return pSession->nState != STATE_ENDED || !pSession->bFinalReport;
+    if (pSession->nState == STATE_ENDED && pSession->play.bFinalReport && SendRtcpBye(pSession))
+        pSession->play.bFinalReport = 0;
+    return pSession->nState != STATE_ENDED || !pSession->play.bFinalReport;
 }
 
 int FillBufferFromFile(Session *pSession)
@@ -132,7 +130,7 @@ static int OnFileSend(Task *pTask, uint32_t, uint32_t, uint32_t)
         pSession->nFlags &= ~SESSION_FILE_SENDER;
         return -1;
     }
-    int bOnePort = (pSession->nFlags & SESSION_INTERLEAVED) != 0;
+    int bOnePort = pSession->out.bInterleaved;
     if (!SendDataEx(pSession, bOnePort ? pPort : nullptr, 1)) {
         print("Player Client(stocket=0x%x) is broken!\r\n", pPort->fd);
         pSession->nFlags &= ~SESSION_FILE_SENDER;

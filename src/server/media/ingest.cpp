@@ -61,7 +61,7 @@ int FeedProgram(Session *pSession, unsigned nTrack, const uint8_t *pFrame, uint3
     uint32_t nTime;
     if (!MediaTime(&pProg->mediaInfos[nTrack], GetBe(pFrame + 8, 4), &nTime))
         return 0;
-    int bVideo = pProg->bHasVideo && static_cast<int>(nTrack) == pProg->nVideoTrack;
+    int bVideo = static_cast<int>(nTrack) == pProg->nVideoTrack;
     int bKey = bVideo && pProg->pfnIsKeyFrame && pProg->pfnIsKeyFrame(pProg, pFrame, nBytes);
     DataBlock *pBlock = MakeDataBlock(pFrame, nBytes, 1, bVideo, bKey);
     if (!pBlock) {
@@ -77,8 +77,8 @@ void FeedEnd(Session *pSession)
 {
     if (!(pSession->nFlags & SESSION_PUSHER) || pSession->nState != STATE_PLAYING || !pSession->pProg)
         return;
-    pSession->nReads++;
-    if (pSession->nReads & 1)
+    pSession->input.nReads++;
+    if (pSession->input.nReads & 1)
         FlushPlayers(pSession->pProg);
 }
 

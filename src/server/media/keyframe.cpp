@@ -10,7 +10,7 @@ namespace orx {
 // track and for one that is no whole RTP packet.
 static int OpenVideoPacket(const Program *pProg, const uint8_t *pFrame, uint32_t nLen, RtpPacket *pOut)
 {
-    return pProg->bHasVideo && nLen > kInterleaveBytes && pFrame[1] == 2 * pProg->nVideoTrack &&
+    return nLen > kInterleaveBytes && pFrame[1] == 2 * pProg->nVideoTrack &&
            RtpPacketParse(pFrame + kInterleaveBytes, nLen - kInterleaveBytes, pOut);
 }
 

@@ -13,21 +13,12 @@
 
 namespace orx {
 
-// What the request asks for.
-struct RecordOrder {
-    int nKind = RECORD_MANUAL;
-    int nLimitSeconds = 0;               // 0: none
-    int bNamed = 0;                      // by the request, otherwise by the date layout
-    char szFile[kStoragePathSize] = "";  // its name; empty when that is too long
-    uint32_t nPreRecord = 0;             // seconds
-};
-
 // The letter by which a writer knows the kind of a packet.
 static char MediaLetter(const Program *pProg, const DataBlock *pBlock)
 {
     if (pBlock->nFlags & DB_VIDEO)
         return 'v';
-    return pProg->bHasAudio && BlockData(pBlock)[1] == 2 * pProg->nAudioTrack ? 'a' : 'u';
+    return BlockData(pBlock)[1] == 2 * pProg->nAudioTrack ? 'a' : 'u';
 }
 
 static int WritePacket(ZMFWriter *pWriter, const Program *pProg, const DataBlock *pBlock)
@@ -63,13 +54,8 @@ void RecordersClose(Program *pProg)
         DropRecorder(pProg, pProg->nRecorders - 1);
 }
 
-static int ReplyNoSpace(Session *pSession, Port *pPort)
-{
-    return ReplyShort(pSession, pPort, "200 NOT enough space to RECORD.");
-}
-
 // Ends the first manual recording; others end only by their limits.
-static void StopRecord(Program *pProg)
+void StopRecord(Program *pProg)
 {
     for (int i = 0; i < pProg->nRecorders; i++) {
         if (ZMFWriterRecordKind(pProg->recorders[i]) != RECORD_MANUAL)
@@ -82,12 +68,6 @@ static void StopRecord(Program *pProg)
     }
 }
 
-static const char *FindParameter(const char *szParams, const char *szName)
-{
-    const char *p = strstr(szParams, szName);
-    return p ? p + strlen(szName) : nullptr;
-}
-
 // The cached seconds ahead of an alarm, as far back as the program goes. Uptime counts begun seconds; the age
 // of a young program is told by the clock of milliseconds.
 static uint32_t PreRecordSeconds(const Program *pProg, int nKind)
@@ -98,23 +78,6 @@ static uint32_t PreRecordSeconds(const Program *pProg, int nKind)
     if (nAge <= g_settings.nPreRecordLen)
         nAge = (ClockMs() - pProg->nBornMs) / 1000;
     return nAge < g_settings.nPreRecordLen ? nAge : g_settings.nPreRecordLen;
-}
-
-static RecordOrder ReadOrder(const Program *pProg, const char *szParams)
-{
-    RecordOrder order;
-    if (const char *p = FindParameter(szParams, "EventType="))
-        order.nKind = TextToInt(p);
-    if (const char *p = FindParameter(szParams, "LimitLen="))
-        order.nLimitSeconds = TextToInt(p) > 0 ? TextToInt(p) : 0;
-    if (const char *p = FindParameter(szParams, "FileName=")) {
-        TextBuf text{order.szFile, sizeof(order.szFile)};
-        size_t nName = strcspn(p, "&");
-        order.bNamed = nName > 0;
-        TextAddBytes(&text, p, nName);
-    }
-    order.nPreRecord = PreRecordSeconds(pProg, order.nKind);
-    return order;
 }
 
 // A peer may choose where its recording goes, but only a recording's name, so that it overwrites nothing
@@ -131,7 +94,7 @@ static const char *ProgramDirectory(const Program *pProg)
 }
 
 // Opens the first file of a recording; null, with the cause printed, when it cannot be made.
-static ZMFWriter *OpenWriter(const Program *pProg, const RecordOrder *pOrder)
+static ZMFWriter *OpenWriter(const Program *pProg, const RecordOrder *pOrder, uint32_t nPreRecord)
 {
     char szFile[kStoragePathSize] = "";
     if (pOrder->bNamed)
@@ -140,7 +103,7 @@ static ZMFWriter *OpenWriter(const Program *pProg, const RecordOrder *pOrder)
         StorageNextPath(szFile, sizeof(szFile), g_settings.szRecordPath, ProgramDirectory(pProg),
                         pOrder->nKind);
     print("StartRecord(%s) Limited=%dseconds, PreRecord=%useconds\r\n", szFile, pOrder->nLimitSeconds,
-          pOrder->nPreRecord);
+          nPreRecord);
     ZMFWriter *pWriter = nullptr;
     if (!pOrder->bNamed)
         pWriter = ZMFWriterCreate(g_settings.szRecordPath, ProgramDirectory(pProg), pOrder->nKind, nullptr);
@@ -191,38 +154,18 @@ static int PreRecord(ZMFWriter *pWriter, const Program *pProg, uint32_t nSeconds
     return 1;
 }
 
-static int StartRecord(Session *pSession, Port *pPort, const char *szParams)
+int StartRecord(Program *pProg, const RecordOrder *pOrder)
 {
-    Program *pProg = pSession->pProg;
-    if (!ORX_PEER_ASSERT(pProg->bLive && pProg->szSdp, "pProg->bLive && pProg->szSdp"))
-        return ReplyPeerFault(pSession, pPort);
-    if (pProg->nRecorders == kMaxRecorders)
-        return ReplyShort(pSession, pPort, "200 OK");
-    RecordOrder order = ReadOrder(pProg, szParams);
-    ZMFWriter *pWriter = OpenWriter(pProg, &order);
+    uint32_t nPreRecord = PreRecordSeconds(pProg, pOrder->nKind);
+    ZMFWriter *pWriter = OpenWriter(pProg, pOrder, nPreRecord);
     if (!pWriter)
-        return ReplyNoSpace(pSession, pPort);
-    if (!BeginFile(pWriter, pProg, &order) || !PreRecord(pWriter, pProg, order.nPreRecord)) {
+        return 0;
+    if (!BeginFile(pWriter, pProg, pOrder) || !PreRecord(pWriter, pProg, nPreRecord)) {
         ZMFWriterDiscard(pWriter);
-        return ReplyNoSpace(pSession, pPort);
+        return 0;
     }
     pProg->recorders[pProg->nRecorders++] = pWriter;
-    return ReplyShort(pSession, pPort, "200 OK");
-}
-
-int HandleRecordEx(Session *pSession, Port *pPort, Request *pRequest)
-{
-    if (!g_settings.bRecord)
-        return ReplyShort(pSession, pPort, "405 Method Not Allowed");
-    if (!pSession->pProg)
-        return ReplyShort(pSession, pPort, "400 Bad Request(no RECORDEX yet)");
-    const char *szParams = RequestHeaderValue(pRequest, "ActionParam");
-    if (!szParams)
-        return ReplyShort(pSession, pPort, "400 Bad Request(no ActionParam field)");
-    if (!strstr(szParams, "Cmd=stop"))
-        return StartRecord(pSession, pPort, szParams);
-    StopRecord(pSession->pProg);
-    return ReplyShort(pSession, pPort, "200 OK");
+    return 1;
 }
 
 }  // namespace orx

@@ -12,7 +12,6 @@
 #include "base/textbuf.h"
 #include "runtime/clock.h"
 #include "server/core/program.h"
-#include "server/media/send.h"
 
 namespace orx {
 
@@ -221,28 +220,27 @@ static uint32_t RtpClock(uint32_t nRate, const timeval *pTime)
 // A compound report of a track for now, with the '$' prefix on an interleaved session. Returns its bytes.
 static size_t MakeReport(const Session *pSession, int nTrack, int bBye, uint8_t *pOut, size_t nRoom)
 {
-    const RtpTrack *pRtp = &pSession->out.tracks[nTrack];
     const SessionTrack *pTrack = &pSession->tracks[nTrack];
-    size_t nPrefix = (pSession->nFlags & SESSION_INTERLEAVED) ? kInterleaveBytes : 0;
+    size_t nPrefix = pSession->out.bInterleaved ? kInterleaveBytes : 0;
     timeval now{};
     gettimeofday(&now, nullptr);
     uint32_t nNtpSec, nNtpFrac;
     NtpFromTime(static_cast<uint32_t>(now.tv_sec), static_cast<uint32_t>(now.tv_usec), &nNtpSec, &nNtpFrac);
-    uint32_t nRtpTime = RtpClock(pRtp->nTimeScale, &now) - pTrack->nClockBase + pTrack->nFirstSentRtpTime;
+    uint32_t nRtpTime = RtpClock(pTrack->nTimeScale, &now) - pTrack->nClockBase + pTrack->nFirstSentRtpTime;
     const char *szName = pSession->pProg ? pSession->pProg->szName : "";
 
     uint8_t *pPacket = pOut + nPrefix;
     size_t n =
-        RtcpMakeSR(pPacket, pRtp->nSsrc, nNtpSec, nNtpFrac, nRtpTime, pTrack->nPackets, pTrack->nOctets);
-    n += RtcpMakeSDES(pPacket + n, nRoom - nPrefix - n, pRtp->nSsrc, szName);
+        RtcpMakeSR(pPacket, pTrack->nSsrc, nNtpSec, nNtpFrac, nRtpTime, pTrack->nPackets, pTrack->nOctets);
+    n += RtcpMakeSDES(pPacket + n, nRoom - nPrefix - n, pTrack->nSsrc, szName);
     if (bBye)
-        n += RtcpMakeBYE(pPacket + n, nRoom - nPrefix - n, pRtp->nSsrc, "completed");
+        n += RtcpMakeBYE(pPacket + n, nRoom - nPrefix - n, pTrack->nSsrc, "completed");
     if (nPrefix) {
         PutBe(pOut, 1, '$');
         PutBe(pOut + 1, 1, pTrack->nRtcpChannel);
         PutBe(pOut + 2, 2, static_cast<uint32_t>(n));
     }
-    RtcpDump(pPacket, n, pRtp->nTimeScale);
+    RtcpDump(pPacket, n, pTrack->nTimeScale);
     return n + nPrefix;
 }
 
@@ -252,7 +250,7 @@ static void SendTrackReport(Session *pSession, int nTrack, int bBye, DataBlock *
 {
     uint8_t report[kMaxReport];
     size_t nLen = MakeReport(pSession, nTrack, bBye, report, sizeof(report));
-    if (!(pSession->nFlags & SESSION_INTERLEAVED)) {
+    if (!pSession->out.bInterleaved) {
         const Port *pPort = pSession->tracks[nTrack].Control;
         if (pPort)
             sendto(pPort->fd, report, nLen, MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&pPort->remote),
@@ -274,11 +272,11 @@ static void SendFirstRtcpReport(Session *pSession, int nTrack, const uint8_t *pR
     timeval now{};
     gettimeofday(&now, nullptr);
     pTrack->nFirstSentRtpTime = GetBe(pRtp + 4, 4);
-    pTrack->nClockBase = RtpClock(pSession->out.tracks[nTrack].nTimeScale, &now);
-    pSession->out.tracks[nTrack].nSsrc = GetBe(pRtp + 8, 4);
+    pTrack->nClockBase = RtpClock(pTrack->nTimeScale, &now);
+    pTrack->nSsrc = GetBe(pRtp + 8, 4);
     print("SendFirstRtcpReport():\r\n");
     SendTrackReport(pSession, nTrack, 0, pAfter);
-    pSession->tLastReport = ClockUptime();
+    pSession->output.tLastReport = ClockUptime();
 }
 
 void RtcpNotePacketSent(Session *pSession, int nTrack, const uint8_t *pRtp, size_t nLen, DataBlock *pAfter)
@@ -293,7 +291,7 @@ void RtcpNotePacketSent(Session *pSession, int nTrack, const uint8_t *pRtp, size
 
 static int ReportDue(const Session *pSession)
 {
-    return ClockUptime() - pSession->tLastReport >= kReportPeriod;
+    return ClockUptime() - pSession->output.tLastReport >= kReportPeriod;
 }
 
 // The reports of every track set up, when they are due. Returns 1, or 0 when they are not.
@@ -302,12 +300,12 @@ static int SendReports(Session *pSession, int bBye)
     if (!ReportDue(pSession))
         return 0;
     for (int i = 0; i < pSession->out.nTracks; i++) {
-        if (!pSession->out.tracks[i].bSetUp)
+        if (!pSession->tracks[i].bSetUp)
             continue;
         print("SendRtcpReport():\r\n");
         SendTrackReport(pSession, i, bBye, nullptr);
     }
-    pSession->tLastReport = ClockUptime();
+    pSession->output.tLastReport = ClockUptime();
     return 1;
 }
 

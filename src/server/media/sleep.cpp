@@ -3,7 +3,7 @@
 #include "base/console.h"
 #include "runtime/clock.h"
 #include "server/core/settings.h"
-#include "server/media/send.h"
+#include "server/media/replies.h"
 
 namespace orx {
 
@@ -12,9 +12,12 @@ constexpr uint32_t kSleepAfter = 60;  // seconds that a program idles before its
 // Sends one of the two requests. Returns 1, or 0 when there is no connection or writing to it failed.
 static int Tell(Session *pPusher, const char *szMethod)
 {
-    Port *pPort = SessionControlPort(pPusher);
-    return pPort && ReplyFormat(pPusher, pPort, "%s RTSP/1.0\r\n" ORX_SERVER_LINE "CSeq: %d\r\n\r\n",
-                                szMethod, pPusher->nCSeq++);
+    Message request(pPusher, SessionControlPort(pPusher));
+    if (!request.pPort)
+        return 0;
+    RequestBegin(&request, szMethod);
+    pPusher->nCSeq++;
+    return MessageSend(&request) == Verdict::Keep;
 }
 
 static int IsIdle(const Program *pProg)
@@ -43,7 +46,7 @@ void ProgramWake(Program *pProg)
         return;
     ProgramClearCache(pProg);
     Tell(pPusher, "WAKE");
-    pPusher->tLastActivity = ClockUptime();  // it was told to be silent: its time to answer starts now
+    pPusher->peer.tLastActivity = ClockUptime();  // it was told to be silent: its time to answer starts now
     pProg->bSleeping = 0;
     pProg->tIdleSince = 0;
     print("Prog(%s) end sleeping state.\r\n", pProg->Uri);

@@ -167,8 +167,8 @@ int CheckUserToken(Session *pSession, const Request *pRequest)
         return 0;
     if (!AuthIsToken(szUser, password, szGiven))
         return 0;
-    pSession->nUserLevel = nLevel;
-    TextCopy(pSession->szUser, sizeof(pSession->szUser), szUser);
+    pSession->viewer.nUserLevel = nLevel;
+    TextCopy(pSession->viewer.szUser, sizeof(pSession->viewer.szUser), szUser);
     return 1;
 }
 

@@ -10,7 +10,7 @@
 #include "server/core/registry.h"
 #include "server/core/settings.h"
 #include "server/media/fileprogram.h"
-#include "server/media/send.h"
+#include "server/media/replies.h"
 #include "server/media/sleep.h"
 #include "server/methods/auth.h"
 
@@ -23,10 +23,10 @@ constexpr size_t kMaxCredentials = 4096 + 32;  // a header block and what is put
 int ChooseReplyPort(Session *pSession, Port *pPort)
 {
     if (!(pPort->nFlags & PORT_TUNNEL_POST)) {
-        pSession->Reply = pPort;
+        pSession->peer.Reply = pPort;
         return 1;
     }
-    return ORX_PEER_ASSERT(pSession->Reply && pSession->Reply != pPort,
+    return ORX_PEER_ASSERT(pSession->peer.Reply && pSession->peer.Reply != pPort,
                            "session->Reply!=((void *)0) && session->Reply!=port");
 }
 
@@ -55,13 +55,12 @@ static Program *OpenFileProgram(Session *pSession, const char *szPath)
     Program *pProg = CreateFileProgram(szPath);
     if (!pProg)
         return nullptr;
-    if (!pSession->pFileBuf)
-        pSession->pFileBuf = static_cast<uint8_t *>(malloc(kFileBuffer));
-    if (!pSession->pFileBuf) {
+    if (!pSession->out.pScratch)
+        pSession->out.pScratch = static_cast<uint8_t *>(malloc(kFileBuffer));
+    if (!pSession->out.pScratch) {
         ProgramEnd(pProg);
         return nullptr;
     }
-    pSession->out.pScratch = pSession->pFileBuf;
     pSession->out.nScratch = kFileBuffer;
     return pProg;
 }
@@ -77,12 +76,12 @@ int AttachByPath(Session *pSession, Port *pPort, Request *pRequest)
     if (!pProg)
         pProg = OpenFileProgram(pSession, szPath);
     if (!pProg) {
-        ReplyStatus(pSession, pPort, "404 Not Found");
+        Reply(pSession, pPort, STATUS_NOT_FOUND);
         return 0;
     }
     if (pProg != pSession->pProg) {  // what the accounts of another program allowed does not count here
-        pSession->nUserLevel = kNobodysLevel;
-        pSession->szUser[0] = '\0';
+        pSession->viewer.nUserLevel = kNobodysLevel;
+        pSession->viewer.szUser[0] = '\0';
     }
     ProgramAttach(pSession, pProg);
     ProgramWake(pProg);
@@ -93,18 +92,17 @@ static Admission Challenge(Session *pSession, Port *pPort)
 {
     char line[256] = "";
     AuthChallenge(g_server.pAuth, line, sizeof(line));
-    // the request will come again: its number is not used up
-    int nSent =
-        ReplyFormat(pSession, pPort, "RTSP/1.0 401 Unauthorized\r\n" ORX_SERVER_LINE "CSeq: %d\r\n%s\r\n",
-                    pSession->nCSeq, line);
-    return nSent ? CHALLENGED : UNREACHED;
+    Message reply(pSession, pPort);
+    ReplyBeginNumbered(&reply, STATUS_UNAUTHORIZED, pSession->nCSeq);  // the request will come again
+    TextAdd(&reply.text, "%s", line);
+    return MessageSend(&reply) == Verdict::Keep ? CHALLENGED : UNREACHED;
 }
 
 // Checks the credentials of a DESCRIBE or QUICKPLAY and answers when they do not let the player in.
 static Admission Admit(Session *pSession, Port *pPort, const Request *pRequest)
 {
     if (g_settings.nAuthType == AUTH_NONE) {
-        pSession->nUserLevel = 0;
+        pSession->viewer.nUserLevel = 0;
         return ADMITTED;
     }
     const char *szValue = RequestHeaderValue(pRequest, "Authorization");
@@ -116,20 +114,17 @@ static Admission Admit(Session *pSession, Port *pPort, const Request *pRequest)
     int nLevel = -1;
     if (TextAdd(&text, "%s\r\nAuthorization: %s", RequestMethod(pRequest), szValue))
         nLevel = AuthValidate(g_server.pAuth, credentials, RequestUri(pRequest));
-    if (nLevel < 0) {
-        int nSent =
-            ReplyFormat(pSession, pPort, "RTSP/1.0 403 Forbidden\r\nCSeq: %d\r\n\r\n", pSession->nCSeq++);
-        return nSent ? REFUSED : UNREACHED;
-    }
-    pSession->nUserLevel = nLevel;
-    TextCopy(pSession->szUser, sizeof(pSession->szUser), g_server.pAuth->szUser);
+    if (nLevel < 0)
+        return ReplyShort(pSession, pPort, STATUS_FORBIDDEN) == Verdict::Keep ? REFUSED : UNREACHED;
+    pSession->viewer.nUserLevel = nLevel;
+    TextCopy(pSession->viewer.szUser, sizeof(pSession->viewer.szUser), g_server.pAuth->szUser);
     return ADMITTED;
 }
 
 Admission EnterProgram(Session *pSession, Port *pPort, Request *pRequest)
 {
     if (pSession->nState != STATE_NEW) {
-        ReplyStatus(pSession, pPort, "455 Method Not Valid in This State");
+        Reply(pSession, pPort, STATUS_WRONG_STATE);
         return UNREACHED;
     }
     if (!ChooseReplyPort(pSession, pPort) || !AttachByPath(pSession, pPort, pRequest))

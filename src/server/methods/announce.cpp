@@ -7,7 +7,7 @@
 #include "server/core/settings.h"
 #include "server/core/tracks.h"
 #include "server/media/liveprogram.h"
-#include "server/media/send.h"
+#include "server/media/replies.h"
 #include "server/media/sleep.h"
 #include "server/methods/admit.h"
 
@@ -22,16 +22,17 @@ static int ReplaceOldPusher(Session *pSession, Port *pPort, const char *szPath)
     if (!pOld)
         return 1;
     Session *pPusher = pOld->pPusher;
-    const Port *pOldPort = pPusher->Cmd ? pPusher->Cmd : pPusher->Reply;
+    const Port *pOldPort = SessionPeerPort(pPusher);
     if (SockGetIp(&pPort->remote) == SockGetIp(&pOldPort->remote)) {
         print("The same pusher Announce again, Destroy the old program.\r\n");
         SessionEnd(pPusher);
         return 1;
     }
-    // numbered by the counter of the pusher that stays: clients know this reply so
-    ReplyFormat(pSession, pPort,
-                "RTSP/1.0 502 Duplicate\r\n" ORX_SERVER_LINE "CSeq: %d\r\n" ORX_NO_CACHE "\r\n",
-                pPusher->nCSeq++);
+    // numbered by the counter of the pusher that stays: it is that pusher's session that answers
+    Message reply(pSession, pPort);
+    ReplyBeginNumbered(&reply, STATUS_DUPLICATE, pPusher->nCSeq++);
+    MessageNoCache(&reply);
+    MessageSend(&reply);
     return 0;
 }
 
@@ -54,8 +55,8 @@ static int OnLiveWatchdog(Task *pTask, uint32_t, uint32_t, uint32_t)
     return pProg && pProg->bSleeping ? kSleepingPeriodMs : static_cast<int>(g_settings.nLiveTime * 1000);
 }
 
-// The session becomes the pusher of a new program. Returns 1 when its reply was sent.
-static int StartPusher(Session *pSession, Port *pPort, Program *pProg)
+// The session becomes the pusher of a new program.
+static Verdict StartPusher(Session *pSession, Port *pPort, Program *pProg)
 {
     char remote[kAddrTextSize];
     SockAddrToString(&pPort->remote, remote);
@@ -68,10 +69,10 @@ static int StartPusher(Session *pSession, Port *pPort, Program *pProg)
     PortSchedule(pPort, OnLiveWatchdog, g_settings.nLiveTime * 1000);
     pSession->nState = STATE_DESCRIBED;
     SessionCopyTracks(pSession, pProg);
-    int nSent = ReplyDated(pSession, pPort);
-    if (nSent)
+    Verdict eVerdict = ReplyDated(pSession, pPort, STATUS_OK);
+    if (eVerdict == Verdict::Keep)
         ProgramCallHook(pProg, remote, 1);
-    return nSent;
+    return eVerdict;
 }
 
 static int HasDescription(const Request *pRequest)
@@ -80,28 +81,23 @@ static int HasDescription(const Request *pRequest)
     return szType && strcmp(szType, "application/sdp") == 0 && pRequest->pBody && pRequest->nBody > 0;
 }
 
-int HandleAnnounce(Session *pSession, Port *pPort, Request *pRequest)
+Verdict HandleAnnounce(Session *pSession, Port *pPort, Request *pRequest)
 {
     if (pSession->nState != STATE_NEW) {
-        ReplyStatus(pSession, pPort, "455 Method Not Valid in This State");
-        return 0;
+        return Refuse(pSession, pPort, STATUS_WRONG_STATE);
     }
     if (!ChooseReplyPort(pSession, pPort))
-        return 0;
-    if (!HasDescription(pRequest)) {
-        ReplyStatus(pSession, pPort, "400 Bad Request(no SDP)");
-        return 0;
-    }
+        return Verdict::End;
+    if (!HasDescription(pRequest))
+        return Refuse(pSession, pPort, STATUS_NO_SDP);
     // a challenged DESCRIBE may have left a program here, whose players are about to be freed with it
     ProgramDetach(pSession);
     const char *szPath = RequestPath(pRequest);
     if (!ReplaceOldPusher(pSession, pPort, szPath))
-        return 0;
+        return Verdict::End;
     Program *pProg = CreateLiveProgram(szPath, pRequest->pBody, pRequest->nBody);
-    if (!pProg) {
-        ReplyStatus(pSession, pPort, "501 Internal error");
-        return 0;
-    }
+    if (!pProg)
+        return Refuse(pSession, pPort, STATUS_FAILED);
     return StartPusher(pSession, pPort, pProg);
 }
 

@@ -5,6 +5,6 @@
 
 namespace orx {
 
-int HandleAnnounce(Session *pSession, Port *pPort, Request *pRequest);
+Verdict HandleAnnounce(Session *pSession, Port *pPort, Request *pRequest);
 
 }  // namespace orx

@@ -9,7 +9,7 @@
 #include "base/textbuf.h"
 #include "server/core/program.h"
 #include "server/core/sdp.h"
-#include "server/media/send.h"
+#include "server/media/replies.h"
 
 namespace orx {
 
@@ -190,31 +190,28 @@ const char *CamCfgFindUsers(const char *szText, size_t nText, size_t *pnUsers)
     return p;
 }
 
-static int SendCamCfg(Session *pSession, Port *pPort, const char *szStatus, const char *pText, size_t nText)
+static Verdict SendCamCfg(Session *pSession, Port *pPort, Status eStatus, const char *pText, size_t nText)
 {
-    char head[512];
-    TextBuf text{head, sizeof(head)};
-    TextAdd(&text,
-            "RTSP/1.0 %s\r\n" ORX_SERVER_LINE
-            "CSeq: %d\r\nContent-Type: text/plain\r\nContent-Length: %d\r\n" ORX_NO_CACHE "Date: %s\r\n\r\n",
-            szStatus, pSession->nCSeq++, static_cast<int>(nText), SessionRefreshDate(pSession));
-    return SendReply2(pSession, pPort, head, text.nLen, pText, nText, nullptr);
+    Message reply(pSession, pPort);
+    ReplyBegin(&reply, eStatus);
+    TextAdd(&reply.text, "Content-Type: text/plain\r\nContent-Length: %d\r\n", static_cast<int>(nText));
+    MessageNoCache(&reply);
+    MessageDate(&reply);
+    return MessageSendBody(&reply, pText, nText);
 }
 
-int ReplyCamCfg(Session *pSession, Port *pPort)
+Verdict ReplyCamCfg(Session *pSession, Port *pPort)
 {
-    static constexpr char kGot[] = "650 Get camera config OK";
-    static constexpr char kNone[] = "651 Get camera config failed";
     const Program *pProg = pSession->pProg;
     if (!pProg->szCamCfg)
-        return SendCamCfg(pSession, pPort, kNone, nullptr, 0);
-    if (pSession->nUserLevel == 0)
-        return SendCamCfg(pSession, pPort, kGot, pProg->szCamCfg, pProg->nCamCfg);
+        return SendCamCfg(pSession, pPort, STATUS_NO_CAMCFG, nullptr, 0);
+    if (pSession->viewer.nUserLevel == 0)
+        return SendCamCfg(pSession, pPort, STATUS_CAMCFG, pProg->szCamCfg, pProg->nCamCfg);
     size_t nShown = 0;
-    char *pShown = CamCfgFilter(pProg->szCamCfg, pProg->nCamCfg, pSession->szUser, &nShown);
-    int nSent = SendCamCfg(pSession, pPort, pShown ? kGot : kNone, pShown, nShown);
+    char *pShown = CamCfgFilter(pProg->szCamCfg, pProg->nCamCfg, pSession->viewer.szUser, &nShown);
+    Verdict eVerdict = SendCamCfg(pSession, pPort, pShown ? STATUS_CAMCFG : STATUS_NO_CAMCFG, pShown, nShown);
     free(pShown);
-    return nSent;
+    return eVerdict;
 }
 
 // A copy with a NUL behind it, from malloc; null without memory.
@@ -246,18 +243,18 @@ static void KeepCamCfg(Program *pProg, const char *szText, size_t nText)
     ReplaceText(&pProg->szAccounts, bEmpty ? nullptr : CopyBytes(pUsers, nUsers));
 }
 
-int HandlePutCamCfg(Session *pSession, Port *pPort, Request *pRequest)
+Verdict HandlePutCamCfg(Session *pSession, Port *pPort, Request *pRequest)
 {
     const char *szType = RequestHeaderValue(pRequest, "Content-Type");
     if (!szType || strcmp(szType, "text/plain") != 0 || !pRequest->nBody)
-        return ReplyShort(pSession, pPort, "400 Bad Request");
+        return ReplyShort(pSession, pPort, STATUS_BAD_REQUEST);
     Program *pProg = pSession->pProg;
     // the text holds the program's accounts: a viewer, who may not even have shown a password yet, has no say
     if (!pProg || pProg->pPusher != pSession)
-        return ReplyShort(pSession, pPort, "400 Bad Request(no PUTCAMCFG yet)");
+        return ReplyShort(pSession, pPort, STATUS_NO_PUTCAMCFG);
     KeepCamCfg(pProg, pRequest->pBody, pRequest->nBody);
     pSession->nCSeq++;
-    return 1;
+    return Verdict::Keep;
 }
 
 }  // namespace orx

@@ -19,9 +19,9 @@ char *CamCfgFilter(const char *szText, size_t nText, const char *szUser, size_t 
 const char *CamCfgFindUsers(const char *szText, size_t nText, size_t *pnUsers);
 
 // PUTCAMCFG: the camera's configuration text, kept with the program.
-int HandlePutCamCfg(Session *pSession, Port *pPort, Request *pRequest);
+Verdict HandlePutCamCfg(Session *pSession, Port *pPort, Request *pRequest);
 
-// Answers a request for the configuration of the session's program. Result of sending.
-int ReplyCamCfg(Session *pSession, Port *pPort);
+// Answers a request for the configuration of the session's program.
+Verdict ReplyCamCfg(Session *pSession, Port *pPort);
 
 }  // namespace orx

@@ -5,10 +5,10 @@
 
 namespace orx {
 
-int HandleDescribe(Session *pSession, Port *pPort, Request *pRequest);
+Verdict HandleDescribe(Session *pSession, Port *pPort, Request *pRequest);
 
 // What DESCRIBE and QUICKPLAY do once the player may watch: the session takes the program's tracks, and the
-// description is sent. Result of sending.
-int Describe(Session *pSession, Port *pPort, const Request *pRequest);
+// description is sent.
+Verdict Describe(Session *pSession, Port *pPort, const Request *pRequest);
 
 }  // namespace orx

@@ -3,16 +3,16 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "base/textbuf.h"
-#include "server/methods/camcfg.h"
-#include "server/media/send.h"
+#include "server/core/program.h"
 #include "server/core/registry.h"
+#include "server/media/replies.h"
+#include "server/media/send.h"
+#include "server/methods/camcfg.h"
 
 namespace orx {
 
-constexpr size_t kForwardBytes = 2048;     // of the largest request, body included; a longer one is refused
-constexpr int kControlLevel = 2;           // control needs a user level below this
-constexpr size_t kMaxAnswer = 4096 + 256;  // a header block holds the answer; the reply's own lines
+constexpr size_t kForwardBytes = 2048;  // of the largest request, body included; a longer one is refused
+constexpr int kControlLevel = 2;        // control needs a user level below this
 
 // Header values end at CRLF, so that one may still hold a single CR or LF: forwarded, that would start a line
 // of its own at a less strict reader.
@@ -32,84 +32,85 @@ static int FeedsProgram(const Session *pSession)
     return FindPusher(pSession) == pSession;
 }
 
-// Sends a request that was built with the pusher's number. Returns 1, or 0 when that ended the pusher.
-static int Forward(Session *pPusher, const TextBuf *pText)
+// Ends the header block and adds the body. Returns 1, or 0 when that is more than is forwarded.
+static int Complete(Message *pRequest, const void *pBody, size_t nBody)
 {
+    TextAdd(&pRequest->text, "\r\n");
+    TextAddBytes(&pRequest->text, pBody, nBody);
+    return !pRequest->text.bFull && pRequest->text.nLen <= kForwardBytes;
+}
+
+// Sends a complete request. When it cannot be written the pusher's session ends, and with it that of who
+// asked.
+static Verdict Forward(Message *pRequest)
+{
+    Session *pPusher = pRequest->pSession;
     pPusher->nCSeq++;
     Port *pPort = SessionControlPort(pPusher);
-    if (pPort && SendReply(pPusher, pPort, pText->sz, pText->nLen))
-        return 1;
-    SessionEnd(pPusher);
-    return 0;
+    if (!pPort || !SendReply(pPusher, pPort, pRequest->sz, pRequest->text.nLen))
+        SessionEnd(pPusher);
+    return Verdict::Keep;
 }
 
 // Builds the request; 0 when something is missing or does not fit.
-static int WriteCamControl(TextBuf *pText, const Session *pSession, const Request *pRequest)
+static int WriteCamControl(Message *pMessage, const Session *pSession, const Request *pRequest)
 {
-    const Session *pPusher = FindPusher(pSession);
     const char *szAction = RequestHeaderValue(pRequest, "CamAction");
     const char *szParam = RequestHeaderValue(pRequest, "ActionParam");
     if (!szParam)
         szParam = "none";
-    if (!szAction || !pPusher || pSession->nUserLevel >= kControlLevel)
+    if (!szAction || !pMessage->pSession || pSession->viewer.nUserLevel >= kControlLevel)
         return 0;
     if (!IsOneLine(szAction) || !IsOneLine(szParam))
         return 0;
-    TextAdd(pText,
-            "CAMCONTROL RTSP/1.0\r\n" ORX_SERVER_LINE "CSeq: %d\r\nCamAction: %s\r\nActionParam: %s\r\n",
-            pPusher->nCSeq, szAction, szParam);
+    RequestBegin(pMessage, "CAMCONTROL");
+    TextAdd(&pMessage->text, "CamAction: %s\r\nActionParam: %s\r\n", szAction, szParam);
     if (pRequest->nBody)
-        TextAdd(pText, "Content-Type: text/plain\r\nContent-length: %d\r\n",
+        TextAdd(&pMessage->text, "Content-Type: text/plain\r\nContent-length: %d\r\n",
                 static_cast<int>(pRequest->nBody));
-    TextAdd(pText, "ClientSsId: %u\r\n\r\n", pSession->nHandle);
-    return TextAddBytes(pText, pRequest->pBody, pRequest->nBody);
+    TextAdd(&pMessage->text, "ClientSsId: %u\r\n", pSession->nHandle);
+    return Complete(pMessage, pRequest->pBody, pRequest->nBody);
 }
 
-int HandleCamControl(Session *pSession, Port *pPort, Request *pRequest)
+Verdict HandleCamControl(Session *pSession, Port *pPort, Request *pRequest)
 {
-    char message[kForwardBytes + 1];
-    TextBuf text{message, sizeof(message)};
-    if (!WriteCamControl(&text, pSession, pRequest))
-        return ReplyShort(pSession, pPort, "400 Bad Request(no CAMCONTROL yet)");
-    return Forward(FindPusher(pSession), &text);
+    Message message(FindPusher(pSession), nullptr);
+    if (!WriteCamControl(&message, pSession, pRequest))
+        return ReplyShort(pSession, pPort, STATUS_NO_CAMCONTROL);
+    return Forward(&message);
 }
 
-int HandlePutVoice(Session *pSession, Port *pPort, Request *pRequest)
+Verdict HandlePutVoice(Session *pSession, Port *pPort, Request *pRequest)
 {
     const char *szType = RequestHeaderValue(pRequest, "Content-Type");
     if (!szType || strcmp(szType, "audio/amr") != 0 || !pRequest->nBody)
-        return ReplyShort(pSession, pPort, "400 Bad Request");
-    Session *pPusher = FindPusher(pSession);
-    if (!pPusher || pSession->nUserLevel >= kControlLevel)
-        return ReplyShort(pSession, pPort, "400 Bad Request(no PUTVOICE yet)");
-    char message[kForwardBytes + 1];
-    TextBuf text{message, sizeof(message)};
-    TextAdd(&text,
-            "PUTVOICE RTSP/1.0\r\n" ORX_SERVER_LINE
-            "CSeq: %d\r\nContent-Type: audio/amr\r\nContent-length: %d\r\nClientSsId: %u\r\n\r\n",
-            pPusher->nCSeq, static_cast<int>(pRequest->nBody), pSession->nHandle);
-    if (!TextAddBytes(&text, pRequest->pBody, pRequest->nBody))
-        return ReplyShort(pSession, pPort, "400 Bad Request");
-    return Forward(pPusher, &text);
+        return ReplyShort(pSession, pPort, STATUS_BAD_REQUEST);
+    Message message(FindPusher(pSession), nullptr);
+    if (!message.pSession || pSession->viewer.nUserLevel >= kControlLevel)
+        return ReplyShort(pSession, pPort, STATUS_NO_PUTVOICE);
+    RequestBegin(&message, "PUTVOICE");
+    TextAdd(&message.text, "Content-Type: audio/amr\r\nContent-length: %d\r\nClientSsId: %u\r\n",
+            static_cast<int>(pRequest->nBody), pSession->nHandle);
+    if (!Complete(&message, pRequest->pBody, pRequest->nBody))
+        return ReplyShort(pSession, pPort, STATUS_BAD_REQUEST);
+    return Forward(&message);
 }
 
-int HandleGetCamInfo(Session *pSession, Port *pPort, Request *pRequest)
+Verdict HandleGetCamInfo(Session *pSession, Port *pPort, Request *pRequest)
 {
     const char *szType = RequestHeaderValue(pRequest, "GetInfoType");
     if (!szType || !IsOneLine(szType))
-        return ReplyShort(pSession, pPort, "400 Bad Request(GetInfoType field not found)");
+        return ReplyShort(pSession, pPort, STATUS_NO_INFO_TYPE);
     if (pSession->pProg && strcmp(szType, "getcamcfg") == 0)
         return ReplyCamCfg(pSession, pPort);
-    Session *pPusher = FindPusher(pSession);
-    char message[kForwardBytes + 1];
-    TextBuf text{message, sizeof(message)};
-    int bFits = pPusher && TextAdd(&text,
-                                   "GETCAMINFO RTSP/1.0\r\n" ORX_SERVER_LINE
-                                   "CSeq: %d\r\nGetInfoType: %s\r\nClientSsId: %u\r\n\r\n",
-                                   pPusher->nCSeq, szType, pSession->nHandle);
-    if (!bFits)
-        return ReplyShort(pSession, pPort, "400 Bad Request(no GETCAMCFG yet)");
-    return Forward(pPusher, &text);
+    Message message(FindPusher(pSession), nullptr);
+    if (!message.pSession)
+        return ReplyShort(pSession, pPort, STATUS_NO_GETCAMCFG);
+    RequestBegin(&message, "GETCAMINFO");
+    TextAdd(&message.text, "GetInfoType: %s\r\nClientSsId: %u\r\n", szType, pSession->nHandle);
+    if (!Complete(&message, nullptr, 0))
+        return ReplyShort(pSession, pPort, STATUS_NO_GETCAMCFG);
+    return Forward(&message);
 }
 
 // The session that an answer is for: the one with that handle, the oldest one for 0. Null when the number is
@@ -129,25 +130,23 @@ static Session *FindAsker(const char *szHandle)
 
 static void PassAnswer(Session *pAsker, const char *szForward)
 {
-    char answer[kMaxAnswer];
-    TextBuf text{answer, sizeof(answer)};
-    TextAdd(&text, "RTSP/1.0 %s \r\n" ORX_SERVER_LINE "CSeq: %d\r\n\r\n", szForward, pAsker->nCSeq++);
-    Port *pPort = SessionControlPort(pAsker);
-    if (!pPort || !SendReply(pAsker, pPort, answer, text.nLen))
+    Message answer(pAsker, SessionControlPort(pAsker));
+    ReplyBeginText(&answer, szForward);
+    if (!answer.pPort || MessageSend(&answer) == Verdict::End)
         SessionEnd(pAsker);
 }
 
-int HandleRespond(Session *pSession, Port *pPort, Request *pRequest)
+Verdict HandleRespond(Session *pSession, Port *pPort, Request *pRequest)
 {
     // whoever may answer decides what other sessions are told: only the session that the question went to
     if (!FeedsProgram(pSession))
-        return ReplyShort(pSession, pPort, "400 Bad Request(no RESPOND yet)");
+        return ReplyShort(pSession, pPort, STATUS_NO_RESPOND);
     const char *szHandle = RequestHeaderValue(pRequest, "ClientSsId");
     const char *szForward = RequestHeaderValue(pRequest, "Forward");
     Session *pAsker = szHandle && szForward && IsOneLine(szForward) ? FindAsker(szHandle) : nullptr;
     if (pAsker)
         PassAnswer(pAsker, szForward);
-    return 1;
+    return Verdict::Keep;
 }
 
 }  // namespace orx

@@ -12,6 +12,7 @@
 #include "net/wifiscan.h"
 #include "server/methods/auth.h"
 #include "base/filewrite.h"
+#include "server/media/replies.h"
 #include "server/media/send.h"
 #include "server/core/settings.h"
 
@@ -71,29 +72,28 @@ static int SendLong(Session *pSession, Port *pPort, const char *pText, size_t nT
 // comes.
 static void ExpectMore(Session *pSession, Port *pPort)
 {
-    pSession->nReceived = 0;
+    pSession->peer.nReceived = 0;
     SessionScheduleIdleCheck(pPort);
 }
 
-int HandleGetCfgDirect(Session *pSession, Port *pPort, Request *pRequest)
+Verdict HandleGetCfgDirect(Session *pSession, Port *pPort, Request *pRequest)
 {
     const char *szAuth = RequestHeaderValue(pRequest, "UserAuth");
     if (!szAuth)
-        return ReplyShort(pSession, pPort, "401 Unauthorized");
+        return ReplyShort(pSession, pPort, STATUS_UNAUTHORIZED);
     ConfigText config;
     if (!LoadConfig(&config))
-        return ReplyShort(pSession, pPort, "501 Internal error");
+        return ReplyShort(pSession, pPort, STATUS_FAILED);
     if (!IsSuperToken(&config, szAuth))
-        return ReplyShort(pSession, pPort, "401 Unauthorized");
+        return ReplyShort(pSession, pPort, STATUS_UNAUTHORIZED);
     size_t nText = config.nLen - kMemPrefix;
-    int nSent = ReplyFormat(pSession, pPort,
-                            "RTSP/1.0 200 OK\r\n" ORX_SERVER_LINE
-                            "CSeq: %d\r\nContent-Type: text/plain\r\nContent-length: %d\r\n\r\n",
-                            pSession->nCSeq++, static_cast<int>(nText)) &&
-                SendLong(pSession, pPort, config.sz + kMemPrefix, nText);
-    if (nSent)
-        ExpectMore(pSession, pPort);
-    return nSent;
+    Message reply(pSession, pPort);
+    ReplyBegin(&reply, STATUS_OK);
+    TextAdd(&reply.text, "Content-Type: text/plain\r\nContent-length: %d\r\n", static_cast<int>(nText));
+    if (MessageSend(&reply) == Verdict::End || !SendLong(pSession, pPort, config.sz + kMemPrefix, nText))
+        return Verdict::End;
+    ExpectMore(pSession, pPort);
+    return Verdict::Keep;
 }
 
 // Writes the camera's new configuration where the camera will load it from, and reaches for the camera.
@@ -108,29 +108,29 @@ static int PrepareCamera(char *szPath, const Request *pRequest)
     return 0;
 }
 
-int HandleSetCfgDirect(Session *pSession, Port *pPort, Request *pRequest)
+Verdict HandleSetCfgDirect(Session *pSession, Port *pPort, Request *pRequest)
 {
     const char *szAuth = RequestHeaderValue(pRequest, "UserAuth");
     if (!szAuth)
-        return ReplyShort(pSession, pPort, "401 Unauthorized");
+        return ReplyShort(pSession, pPort, STATUS_UNAUTHORIZED);
     if (!pRequest->nBody)
-        return ReplyShort(pSession, pPort, "400 Bad Request");
+        return ReplyShort(pSession, pPort, STATUS_BAD_REQUEST);
     ConfigText config;
     if (!LoadConfig(&config) || !IsSuperToken(&config, szAuth))
-        return ReplyShort(pSession, pPort, "401 Unauthorized");
+        return ReplyShort(pSession, pPort, STATUS_UNAUTHORIZED);
     char path[sizeof(kCfgTemplate)];
     TextCopy(path, sizeof(path), kCfgTemplate);
     if (!PrepareCamera(path, pRequest))
-        return ReplyShort(pSession, pPort, "501 Internal error");
+        return ReplyShort(pSession, pPort, STATUS_FAILED);
     if (CgiPushAction("cfgfile", path, nullptr, 0) != 0)
         unlink(path);  // the camera will never hear of it
-    ReplyShort(pSession, pPort, "200 OK");
+    ReplyShort(pSession, pPort, STATUS_OK);
     CgiPushAction("reboot", nullptr, nullptr, 0);
     CgiPushClose();
-    return 1;
+    return Verdict::Keep;
 }
 
-int HandleGetWifiRouters(Session *pSession, Port *pPort, Request *)
+Verdict HandleGetWifiRouters(Session *pSession, Port *pPort, Request *)
 {
     static constexpr char kNothing[] = "NULL\r\n\r\n";
     char device[64] = "";
@@ -143,7 +143,7 @@ int HandleGetWifiRouters(Session *pSession, Port *pPort, Request *)
                        : SendReply(pSession, pPort, kNothing, sizeof(kNothing) - 1);
     free(szList);
     ExpectMore(pSession, pPort);
-    return nSent;
+    return KeepIf(nSent);
 }
 
 }  // namespace orx

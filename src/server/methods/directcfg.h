@@ -7,9 +7,9 @@
 namespace orx {
 
 // The configuration file as it is, and a new one for the camera process; for the super user alone.
-int HandleGetCfgDirect(Session *pSession, Port *pPort, Request *pRequest);
-int HandleSetCfgDirect(Session *pSession, Port *pPort, Request *pRequest);
+Verdict HandleGetCfgDirect(Session *pSession, Port *pPort, Request *pRequest);
+Verdict HandleSetCfgDirect(Session *pSession, Port *pPort, Request *pRequest);
 // The wireless networks that the box sees.
-int HandleGetWifiRouters(Session *pSession, Port *pPort, Request *pRequest);
+Verdict HandleGetWifiRouters(Session *pSession, Port *pPort, Request *pRequest);
 
 }  // namespace orx

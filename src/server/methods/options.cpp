@@ -1,23 +1,38 @@
 #include "server/methods/options.h"
 
-#include "server/media/send.h"
+#include <strings.h>
+
+#include "base/console.h"
+#include "server/media/replies.h"
+#include "server/methods/tunnel.h"
 
 namespace orx {
 
-int HandleSetParameter(Session *pSession, Port *pPort, Request *)
+Verdict HandleSetParameter(Session *pSession, Port *pPort, Request *)
 {
-    return ReplyDated(pSession, pPort);
+    return ReplyDated(pSession, pPort, STATUS_OK);
 }
 
-int HandleOptions(Session *pSession, Port *pPort, Request *)
+Verdict HandleOptions(Session *pSession, Port *pPort, Request *)
 {
-    return ReplyFormat(
-        pSession, pPort,
-        "RTSP/1.0 200 OK\r\n" ORX_SERVER_LINE
-        "CSeq: %d\r\n"
-        "Public: DESCRIBE, SETUP, PLAY, TEARDOWN, SET_PARAMETER, GETCAMINFO, CAMCONTROL\r\n" ORX_NO_CACHE
-        "Date: %s\r\n\r\n",
-        pSession->nCSeq++, SessionRefreshDate(pSession));
+    Message reply(pSession, pPort);
+    ReplyBegin(&reply, STATUS_OK);
+    TextAdd(&reply.text,
+            "Public: DESCRIBE, SETUP, PLAY, TEARDOWN, SET_PARAMETER, GETCAMINFO, CAMCONTROL\r\n");
+    MessageNoCache(&reply);
+    MessageDate(&reply);
+    return MessageSend(&reply);
+}
+
+Verdict HandleUnknown(Session *pSession, Port *pPort, Request *pRequest)
+{
+    print("HandleUnknown(Cmd=%s)!\r\n", RequestMethod(pRequest));
+    const char *szProtocol = StrText(pRequest->protocol);
+    if (strcasecmp(szProtocol, "HTTP") == 0)
+        return ReplyMismatch(pSession, pPort);
+    if (strcasecmp(szProtocol, "RTSP") == 0)
+        return Reply(pSession, pPort, STATUS_NOT_IMPLEMENTED);
+    return Verdict::End;
 }
 
 }  // namespace orx

@@ -11,14 +11,14 @@
 #include "server/media/fileprogram.h"
 #include "server/media/filesend.h"
 #include "server/core/sdp.h"
-#include "server/media/send.h"
-#include "server/methods/tunnel.h"
+#include "server/media/outqueue.h"
+#include "server/media/replies.h"
+#include "server/methods/options.h"
 #include "server/core/settings.h"
 
 namespace orx {
 
 constexpr uint32_t kSeekTolerance = 2000;  // ms around the position that a wanted start is taken for
-constexpr size_t kMaxReply = 4096;
 
 // What a "Range" header asks for of a recording.
 struct WantedRange {
@@ -54,9 +54,9 @@ static WantedRange ReadRange(const char *szRange)
 // The number of a track's next packet: of the first one that waits, else of the first one to be made.
 static int NextNumber(const Session *pSession, int nTrack)
 {
-    uint16_t nNumber = pSession->out.tracks[nTrack].nNextSeq;
+    uint16_t nNumber = pSession->tracks[nTrack].nNextSeq;
     for (auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq); p; p = NextBlock(p))
-        if ((p->nFlags & DB_MEDIA) && p->sent == 0 && BlockTrack(pSession, p) == nTrack)
+        if ((p->nFlags & DB_MEDIA) && p->sent == 0 && TrackOfBlock(pSession, p) == nTrack)
             nNumber--;
     return nNumber;
 }
@@ -66,10 +66,10 @@ static void WriteRtpInfo(const Session *pSession, const char *szUrl, int bSequen
 {
     const char *szComma = "";
     for (int i = 0; i < pSession->out.nTracks; i++) {
-        const RtpTrack *pTrack = &pSession->out.tracks[i];
+        const SessionTrack *pTrack = &pSession->tracks[i];
         if (!pTrack->bSetUp)
             continue;
-        TextAdd(pText, "%surl=%s/trackID=%d", szComma, szUrl, pSession->tracks[i].nTrackId);
+        TextAdd(pText, "%surl=%s/trackID=%d", szComma, szUrl, pTrack->nTrackId);
         if (bSequence)
             TextAdd(pText, ";seq=%d", NextNumber(pSession, i));
         szComma = ",";
@@ -80,33 +80,41 @@ static void WriteRtpInfo(const Session *pSession, const char *szUrl, int bSequen
 // the pace follows the new position.
 static void Jump(Session *pSession, uint32_t nReached)
 {
-    SessionDropMedia(pSession);
+    QueueDropMedia(pSession);
     for (auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq); p; p = NextBlock(p))
         p->nTimestamp = nReached;
-    pSession->nPlayPos = nReached;
+    pSession->play.nPlayPos = nReached;
+}
+
+// The end of both replies to PLAY.
+static void AddPlayLines(Message *pReply, const Request *pRequest, int bSequence)
+{
+    MessageNoCache(pReply);
+    MessageSession(pReply);
+    MessageDate(pReply);
+    TextAdd(&pReply->text, "RTP-Info: ");
+    WriteRtpInfo(pReply->pSession, RequestUri(pRequest), bSequence, &pReply->text);
+    TextAdd(&pReply->text, "\r\n");
 }
 
 // Moves a recording to where the request wants it and writes the reply.
-static void StartFile(Session *pSession, const Request *pRequest, TextBuf *pText)
+static void StartFile(Message *pReply, const Request *pRequest)
 {
+    Session *pSession = pReply->pSession;
     Program *pProg = pSession->pProg;
     auto nDuration = static_cast<int64_t>(FileProgramDuration(pProg));
     WantedRange range = ReadRange(RequestHeaderValue(pRequest, "Range"));
     uint32_t nEnd = range.nEnd < nDuration - 1000 ? range.nEnd : static_cast<uint32_t>(nDuration);
     uint32_t nReached = 0;
-    if (range.nStart &&
-        static_cast<uint32_t>(std::abs(ClockDiff(range.nStart, pSession->nPlayPos))) > kSeekTolerance &&
+    uint32_t nPos = pSession->play.nPlayPos;
+    if (range.nStart && static_cast<uint32_t>(std::abs(ClockDiff(range.nStart, nPos))) > kSeekTolerance &&
         FileProgramSeek(pProg, range.nStart, &nReached))
         Jump(pSession, nReached);
-    pSession->nPlayStart = pSession->nPlayPos;
-    TextAdd(pText,
-            "RTSP/1.0 200 OK\r\n" ORX_SERVER_LINE "CSeq: %d\r\nRange: npt=%d.%03d-%d.%03d\r\n" ORX_NO_CACHE
-            "Session: %p\r\nDate: %s\r\nRTP-Info: ",
-            pSession->nCSeq++, static_cast<int>(pSession->nPlayPos / 1000),
-            static_cast<int>(pSession->nPlayPos % 1000), static_cast<int>(nEnd / 1000),
-            static_cast<int>(nEnd % 1000), SessionPrintHandle(pSession), SessionRefreshDate(pSession));
-    WriteRtpInfo(pSession, RequestUri(pRequest), 1, pText);
-    TextAdd(pText, "\r\n\r\n");
+    nPos = pSession->play.nPlayStart = pSession->play.nPlayPos;
+    ReplyBegin(pReply, STATUS_OK);
+    TextAdd(&pReply->text, "Range: npt=%d.%03d-%d.%03d\r\n", static_cast<int>(nPos / 1000),
+            static_cast<int>(nPos % 1000), static_cast<int>(nEnd / 1000), static_cast<int>(nEnd % 1000));
+    AddPlayLines(pReply, pRequest, 1);
 }
 
 // The media time of the first packet that a player is given, or that the program holds.
@@ -123,19 +131,16 @@ static uint32_t FirstMediaTime(Session *pSession)
 
 // Fills a player's queue and writes the reply. Returns the block that the reply goes before: the media that
 // is queued here must not overtake it.
-static DataBlock *StartLive(Session *pSession, const Request *pRequest, TextBuf *pText)
+static DataBlock *StartLive(Message *pReply, const Request *pRequest)
 {
+    Session *pSession = pReply->pSession;
     auto *pOldHead = static_cast<DataBlock *>(ListFirst(&pSession->out.Outq, 0));
     if (!(pSession->nFlags & SESSION_PUSHER))
         FillBufferAtFirstPlay(pSession);
-    pSession->nPlayPos = FirstMediaTime(pSession);
-    pSession->nPlayStart = pSession->nPlayPos;
-    TextAdd(pText,
-            "RTSP/1.0 200 OK\r\n" ORX_SERVER_LINE "CSeq: %d\r\nRange: npt=now-\r\n" ORX_NO_CACHE
-            "Session: %p\r\nDate: %s\r\nRTP-Info: ",
-            pSession->nCSeq++, SessionPrintHandle(pSession), SessionRefreshDate(pSession));
-    WriteRtpInfo(pSession, RequestUri(pRequest), 0, pText);
-    TextAdd(pText, "\r\n\r\n");
+    pSession->play.nPlayStart = pSession->play.nPlayPos = FirstMediaTime(pSession);
+    ReplyBegin(pReply, STATUS_OK);
+    TextAdd(&pReply->text, "Range: npt=now-\r\n");
+    AddPlayLines(pReply, pRequest, 0);
     return pOldHead ? pOldHead : static_cast<DataBlock *>(ListFirst(&pSession->out.Outq, 0));
 }
 
@@ -153,59 +158,56 @@ static int MayPlay(const Session *pSession, const Request *pRequest)
            (pSession->nState == STATE_PLAYING && RequestHeaderValue(pRequest, "Range"));
 }
 
-int HandlePlay(Session *pSession, Port *pPort, Request *pRequest)
+Verdict HandlePlay(Session *pSession, Port *pPort, Request *pRequest)
 {
-    if (!MayPlay(pSession, pRequest)) {
-        ReplyStatus(pSession, pPort, "455 Method Not Valid in This State");
-        return 0;
-    }
-    pSession->nPlayClock = ClockMs();
-    char reply[kMaxReply];
-    TextBuf text{reply, sizeof(reply)};
+    if (!MayPlay(pSession, pRequest))
+        return Refuse(pSession, pPort, STATUS_WRONG_STATE);
+    pSession->play.nPlayClock = ClockMs();
+    Message reply(pSession, pPort);
     int bLive = pSession->pProg->bLive;
     DataBlock *pBefore = nullptr;
     if (bLive)
-        pBefore = StartLive(pSession, pRequest, &text);
+        pBefore = StartLive(&reply, pRequest);
     else
-        StartFile(pSession, pRequest, &text);
+        StartFile(&reply, pRequest);
     pSession->nState = STATE_PLAYING;
-    if (text.bFull || !SendReply2(pSession, pPort, reply, text.nLen, nullptr, 0, pBefore))
-        return 0;
+    if (MessageSendBefore(&reply, pBefore) == Verdict::End)
+        return Verdict::End;
     if (pSession->nFlags & SESSION_PUSHER)
-        return 1;
-    if (pSession->Reply && pSession->Reply != pPort) {
+        return Verdict::Keep;
+    if (pSession->peer.Reply && pSession->peer.Reply != pPort) {
         if (!ORX_PEER_ASSERT(pPort->nFlags & PORT_TUNNEL_POST, "port->flags & 2"))
-            return 0;
-        pPort = pSession->Reply;
+            return Verdict::End;
+        pPort = pSession->peer.Reply;
     }
     if (!bLive)
         FileSenderStart(pSession, pPort);
-    return 1;
+    return Verdict::Keep;
 }
 
-int HandleRecord(Session *pSession, Port *pPort, Request *pRequest)
+Verdict HandleRecord(Session *pSession, Port *pPort, Request *pRequest)
 {
     if (g_settings.bStandardPushers && (pSession->nFlags & SESSION_PUSHER))
         return HandlePlay(pSession, pPort, pRequest);
     return HandleUnknown(pSession, pPort, pRequest);
 }
 
-int HandlePause(Session *pSession, Port *pPort, Request *)
+Verdict HandlePause(Session *pSession, Port *pPort, Request *)
 {
-    SessionDropQueue(pSession);
+    QueueDropAll(pSession);
     int bEnded = g_settings.bStandardPlayers && pSession->nState == STATE_ENDED;
-    if (pSession->nState != STATE_PLAYING && !bEnded) {
-        ReplyStatus(pSession, pPort, "455 Method Not Valid in This State");
-        return 0;
-    }
+    if (pSession->nState != STATE_PLAYING && !bEnded)
+        return Refuse(pSession, pPort, STATUS_WRONG_STATE);
     pSession->nState = STATE_PAUSED;
-    return ReplyFormat(pSession, pPort,
-                       "RTSP/1.0 200 OK\r\n" ORX_SERVER_LINE "CSeq: %d\r\n" ORX_NO_CACHE
-                       "Session: %p\r\nDate: %s\r\n\r\n",
-                       pSession->nCSeq++, SessionPrintHandle(pSession), SessionRefreshDate(pSession));
+    Message reply(pSession, pPort);
+    ReplyBegin(&reply, STATUS_OK);
+    MessageNoCache(&reply);
+    MessageSession(&reply);
+    MessageDate(&reply);
+    return MessageSend(&reply);
 }
 
-int HandleTeardown(Session *pSession, Port *pPort, Request *)
+Verdict HandleTeardown(Session *pSession, Port *pPort, Request *)
 {
     if (pSession->pProg) {
         pSession->nState = STATE_TORNDOWN;
@@ -214,11 +216,11 @@ int HandleTeardown(Session *pSession, Port *pPort, Request *)
             SessionEndPlayers(pSession);
         ProgramDetach(pSession);
     }
-    SessionDropQueue(pSession);
-    if (!ReplyDated(pSession, pPort))
-        return 0;
+    QueueDropAll(pSession);
+    if (ReplyDated(pSession, pPort, STATUS_OK) == Verdict::End)
+        return Verdict::End;
     SessionDelayClose(pPort);
-    return 1;
+    return Verdict::Keep;
 }
 
 }  // namespace orx

@@ -5,12 +5,12 @@
 
 namespace orx {
 
-int HandlePlay(Session *pSession, Port *pPort, Request *pRequest);
-int HandlePause(Session *pSession, Port *pPort, Request *pRequest);
-int HandleTeardown(Session *pSession, Port *pPort, Request *pRequest);
+Verdict HandlePlay(Session *pSession, Port *pPort, Request *pRequest);
+Verdict HandlePause(Session *pSession, Port *pPort, Request *pRequest);
+Verdict HandleTeardown(Session *pSession, Port *pPort, Request *pRequest);
 
 // RECORD starts an announced program as PLAY does, where standard encoders are to be understood ([INTEROP]
 // StandardPushers); anywhere else the method is unknown.
-int HandleRecord(Session *pSession, Port *pPort, Request *pRequest);
+Verdict HandleRecord(Session *pSession, Port *pPort, Request *pRequest);
 
 }  // namespace orx

@@ -10,6 +10,7 @@
 #include "server/methods/auth.h"
 #include "server/core/program.h"
 #include "server/core/sdp.h"
+#include "server/media/replies.h"
 #include "server/media/send.h"
 #include "server/core/registry.h"
 #include "server/core/settings.h"
@@ -104,27 +105,33 @@ static size_t WriteList(char *szList, const OwnAccount *pAccount, PictureSize sc
     return text.nLen + 2;
 }
 
-int HandleGetPlayList(Session *pSession, Port *pPort, Request *pRequest)
+// Numbered 1, whatever the request's number is: the list itself has no number either.
+static Verdict ReplyUnauthorized(Session *pSession, Port *pPort)
+{
+    Message reply(pSession, pPort);
+    ReplyBeginNumbered(&reply, STATUS_UNAUTHORIZED, 1);
+    return MessageSend(&reply);
+}
+
+Verdict HandleGetPlayList(Session *pSession, Port *pPort, Request *pRequest)
 {
     const char *szUser = RequestHeaderValue(pRequest, "UserName");
     const char *szGiven = RequestHeaderValue(pRequest, "UserAuth");
     OwnAccount account;
     int nFound = szUser && szGiven ? GetOwnAccount(szUser, &account) : 0;
     if (nFound < 0)
-        return ReplyPeerFault(pSession, pPort);
-    if (!nFound ||
-        !AuthIsToken(szUser, account.szPassword, szGiven))  // numbered 1 whatever the request's number is
-        return ReplyFormat(pSession, pPort,
-                           "RTSP/1.0 401 Unauthorized\r\n" ORX_SERVER_LINE "CSeq: %d\r\n\r\n", 1);
-    pSession->nUserLevel = account.nLevel;
-    TextCopy(pSession->szUser, sizeof(pSession->szUser), szUser);
+        return RefuseFault(pSession, pPort);
+    if (!nFound || !AuthIsToken(szUser, account.szPassword, szGiven))
+        return ReplyUnauthorized(pSession, pPort);
+    pSession->viewer.nUserLevel = account.nLevel;
+    TextCopy(pSession->viewer.szUser, sizeof(pSession->viewer.szUser), szUser);
     PictureSize screen;
     const char *szScreen = RequestHeaderValue(pRequest, "Screen-Size");
     if (szScreen && sscanf(szScreen, "%9dx%9d", &screen.nWidth, &screen.nHeight) != 2)
         screen = PictureSize();
     char szList[kListSize];
     size_t nLen = WriteList(szList, &account, screen);
-    return SendReply(pSession, pPort, szList, nLen);
+    return KeepIf(SendReply(pSession, pPort, szList, nLen));
 }
 
 }  // namespace orx

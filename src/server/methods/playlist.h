@@ -5,6 +5,6 @@
 
 namespace orx {
 
-int HandleGetPlayList(Session *pSession, Port *pPort, Request *pRequest);
+Verdict HandleGetPlayList(Session *pSession, Port *pPort, Request *pRequest);
 
 }  // namespace orx

@@ -18,36 +18,35 @@ static int EnterAllTracks(Session *pSession)
     int nTracks = pSession->pProg->nTrackCount;
     if (!ORX_PEER_ASSERT(nTracks >= 1 && nTracks < 4, "session->nTrackCount>=1 && session->nTrackCount < 4"))
         return 0;
-    pSession->nFlags |= SESSION_INTERLEAVED;
     pSession->out.bInterleaved = 1;
     for (int i = 0; i < nTracks; i++)
         SessionEnterTrack(pSession, i);
     return 1;
 }
 
-int HandleQuickPlay(Session *pSession, Port *pPort, Request *pRequest)
+Verdict HandleQuickPlay(Session *pSession, Port *pPort, Request *pRequest)
 {
     Admission admission = EnterProgram(pSession, pPort, pRequest);
     if (admission != ADMITTED)
-        return admission == CHALLENGED;
-    if (!Describe(pSession, pPort, pRequest) || !EnterAllTracks(pSession))
-        return 0;
+        return KeepIf(admission == CHALLENGED);
+    if (Describe(pSession, pPort, pRequest) == Verdict::End || !EnterAllTracks(pSession))
+        return Verdict::End;
     Program *pProg = pSession->pProg;
-    pSession->nPlayClock = ClockMs();
+    pSession->play.nPlayClock = ClockMs();
     if (pProg->bLive) {
         auto *pFirst = static_cast<DataBlock *>(ListFirst(&pProg->Pktq, 0));
-        pSession->nPlayPos = pFirst ? pFirst->nTimestamp : 0;
+        pSession->play.nPlayPos = pFirst ? pFirst->nTimestamp : 0;
     }
-    pSession->nPlayStart = pSession->nPlayPos;
+    pSession->play.nPlayStart = pSession->play.nPlayPos;
     pSession->nState = STATE_PLAYING;
     if (!ORX_PEER_ASSERT(!(pSession->nFlags & SESSION_FILE_SENDER), "!(session->nFlags & 0x10)"))
-        return 0;
+        return Verdict::End;
     if (!pProg->bLive) {
-        FileSenderStart(pSession, pSession->Reply);
-        return 1;
+        FileSenderStart(pSession, pSession->peer.Reply);
+        return Verdict::Keep;
     }
     FillBufferAtFirstPlay(pSession);
-    return SendDataEx(pSession, nullptr, 0);
+    return KeepIf(SendDataEx(pSession, nullptr, 0));
 }
 
 }  // namespace orx

@@ -6,6 +6,6 @@
 
 namespace orx {
 
-int HandleQuickPlay(Session *pSession, Port *pPort, Request *pRequest);
+Verdict HandleQuickPlay(Session *pSession, Port *pPort, Request *pRequest);
 
 }  // namespace orx

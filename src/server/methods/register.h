@@ -6,6 +6,6 @@
 namespace orx {
 
 // A name for a camera, the same one for the same Guid.
-int HandleRegister(Session *pSession, Port *pPort, Request *pRequest);
+Verdict HandleRegister(Session *pSession, Port *pPort, Request *pRequest);
 
 }  // namespace orx

@@ -9,7 +9,7 @@
 #include "base/textbuf.h"
 #include "runtime/sockutil.h"
 #include "server/core/sdp.h"
-#include "server/media/send.h"
+#include "server/media/replies.h"
 #include "server/core/registry.h"
 #include "server/core/settings.h"
 #include "server/core/tracks.h"
@@ -43,7 +43,6 @@ static void ReadPusherChannels(Session *pSession, int i, const char *szTransport
 
 static SetupResult SetupInterleaved(Session *pSession, int i, const char *szTransport, TextBuf *pText)
 {
-    pSession->nFlags |= SESSION_INTERLEAVED;
     pSession->out.bInterleaved = 1;
     if (pSession->nFlags & SESSION_PUSHER)
         ReadPusherChannels(pSession, i, szTransport);
@@ -143,9 +142,9 @@ static SetupResult SetupTransport(Session *pSession, Port *pPort, int i, const R
 
 static int IsSetupAllowed(const Session *pSession)
 {
-    if (!pSession->pProg || pSession->nSetupCount >= static_cast<uint32_t>(pSession->pProg->nTrackCount))
+    if (!pSession->pProg || pSession->play.nSetupCount >= static_cast<uint32_t>(pSession->pProg->nTrackCount))
         return 0;
-    return pSession->nState == (pSession->nSetupCount ? STATE_SETUP : STATE_DESCRIBED);
+    return pSession->nState == (pSession->play.nSetupCount ? STATE_SETUP : STATE_DESCRIBED);
 }
 
 // The index of the track with that number, or -1.
@@ -157,45 +156,40 @@ static int FindTrack(const Session *pSession, int nTrackId)
     return -1;
 }
 
-static int SendSetupReply(Session *pSession, Port *pPort, int i, const char *szTransport)
+static Verdict SendSetupReply(Session *pSession, Port *pPort, int i, const char *szTransport)
 {
-    char line[256] = "";
-    TextBuf text{line, sizeof(line)};
+    Message reply(pSession, pPort);
+    ReplyBegin(&reply, STATUS_OK);
+    MessageNoCache(&reply);
     if (!(pSession->nFlags & SESSION_PUSHER))
-        TextAdd(&text, "Transport: %s;ssrc=%08X\r\n", szTransport, pSession->out.tracks[i].nSsrc);
+        TextAdd(&reply.text, "Transport: %s;ssrc=%08X\r\n", szTransport, pSession->tracks[i].nSsrc);
     else if (g_settings.bStandardPushers)
-        TextAdd(&text, "Transport: %s\r\n", szTransport);
-    return ReplyFormat(pSession, pPort,
-                       "RTSP/1.0 200 OK\r\n" ORX_SERVER_LINE "CSeq: %d\r\n" ORX_NO_CACHE
-                       "%sSession: %p\r\nDate: %s\r\n\r\n",
-                       pSession->nCSeq++, line, SessionPrintHandle(pSession), SessionRefreshDate(pSession));
+        TextAdd(&reply.text, "Transport: %s\r\n", szTransport);
+    MessageSession(&reply);
+    MessageDate(&reply);
+    return MessageSend(&reply);
 }
 
-int HandleSetup(Session *pSession, Port *pPort, Request *pRequest)
+Verdict HandleSetup(Session *pSession, Port *pPort, Request *pRequest)
 {
-    if (!IsSetupAllowed(pSession)) {
-        ReplyStatus(pSession, pPort, "455 Method Not Valid in This State");
-        return 0;
-    }
+    if (!IsSetupAllowed(pSession))
+        return Refuse(pSession, pPort, STATUS_WRONG_STATE);
     int nTracks = pSession->pProg->nTrackCount;
     const char *pEqual = strchr(RequestPath(pRequest), '=');
     if (!ORX_PEER_ASSERT(nTracks >= 1 && nTracks < 4,
                          "session->nTrackCount>=1 && session->nTrackCount < 4") ||
         !ORX_PEER_ASSERT(pEqual, "pEqual || !\"no track in the URI\""))
-        return ReplyPeerFault(pSession, pPort);
+        return RefuseFault(pSession, pPort);
     int i = FindTrack(pSession, TextToInt(pEqual + 1));
-    if (i < 0) {
-        ReplyStatus(pSession, pPort, "400 Bad Request(invalid trackID in SETUP)");
-        return 0;
-    }
+    if (i < 0)
+        return Refuse(pSession, pPort, STATUS_NO_TRACK);
     char transport[128] = "";
     TextBuf text{transport, sizeof(transport)};
     switch (SetupTransport(pSession, pPort, i, pRequest, &text)) {
         case SETUP_FAULT:
-            return ReplyPeerFault(pSession, pPort);
+            return RefuseFault(pSession, pPort);
         case SETUP_FAILED:
-            ReplyStatus(pSession, pPort, "500 Internal error");
-            return 0;
+            return Refuse(pSession, pPort, STATUS_NO_TRANSPORT);
         case SETUP_DONE:
             break;
     }

@@ -5,6 +5,6 @@
 
 namespace orx {
 
-int HandleSetup(Session *pSession, Port *pPort, Request *pRequest);
+Verdict HandleSetup(Session *pSession, Port *pPort, Request *pRequest);
 
 }  // namespace orx

@@ -6,6 +6,6 @@
 
 namespace orx {
 
-int HandleSubscribe(Session *pSession, Port *pPort, Request *pRequest);
+Verdict HandleSubscribe(Session *pSession, Port *pPort, Request *pRequest);
 
 }  // namespace orx

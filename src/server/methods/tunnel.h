@@ -11,9 +11,10 @@ namespace orx {
 // Whether a "Content-Type" or "Accept" is that of a tunnel; null is not.
 int IsTunnelType(const char *szType);
 
-int HandleTunnelGet(Session *pSession, Port *pPort, Request *pRequest);
-int BindToHttpGet(Session *pSession, Port *pPort, Request *pRequest);  // the method POST
-int HandleUnknown(Session *pSession, Port *pPort, Request *pRequest);
+Verdict HandleTunnelGet(Session *pSession, Port *pPort, Request *pRequest);
+Verdict BindToHttpGet(Session *pSession, Port *pPort, Request *pRequest);  // the method POST
+// The answer to an HTTP request that opens no tunnel.
+Verdict ReplyMismatch(Session *pSession, Port *pPort);
 
 // Decodes nLen base64 characters that a tunnel POST port received, together with what the port kept from
 // before, and appends the bytes to the session's receive buffer; an unfinished group stays with the port.

@@ -154,7 +154,7 @@ TEST_F(PlayerQueueTest, StandardPlayersGetTimeForTheStart)
     auto play = [&] {
         RunOnScheduler([&] {
             EXPECT_EQ(1, FillBufferAtFirstPlay(pPlayer));
-            pPlayer->nPlayClock = ClockMs();
+            pPlayer->play.nPlayClock = ClockMs();
             EXPECT_EQ(1, SendDataEx(pPlayer, nullptr, 1));
         });
     };
@@ -170,14 +170,14 @@ TEST_F(PlayerQueueTest, StandardPlayersGetTimeForTheStart)
         return n;
     };
     RunOnScheduler([&] {
-        pPlayer->nFlags &= ~SESSION_INTERLEAVED;
+        pPlayer->out.bInterleaved = 0;
         pPlayer->tracks[0].Media = CreateUdpPort("127.0.0.1", 40000 + getpid() % 20000, "127.99.0.1", 9);
     });
     play();
     EXPECT_GT(waiting(), 1000U);
     EXPECT_TRUE(WaitFor([&] { return waiting() == 0; }));
 
-    RunOnScheduler([&] { pPlayer->nFlags |= SESSION_INTERLEAVED; });
+    RunOnScheduler([&] { pPlayer->out.bInterleaved = 1; });
     play();
     EXPECT_GT(waiting(), 1000U);
     Push({1500, 0, 0, 1, 1400}, 100);
@@ -188,16 +188,16 @@ TEST_F(PlayerQueueTest, StandardPlayersGetTimeForTheStart)
 TEST_F(PlayerQueueTest, CrowdedPlayerLosesMediaAndKeepsReplies)
 {
     Start("AutoDropDataWhenCrowded=1\n");
-    for (int i = 0; i < 300 && pPlayer->nBlockedSends < 19; i++)
+    for (int i = 0; i < 300 && pPlayer->output.nBlockedSends < 19; i++)
         Push({0, 0, 0, 1, 60000});  // far more than the connection holds
-    ASSERT_EQ(19U, pPlayer->nBlockedSends);
+    ASSERT_EQ(19U, pPlayer->output.nBlockedSends);
     RunOnScheduler([&] {
         DataBlock *pReply = MakeDataBlock("reply", 5, 0, 0, 0);
         ListInsert(&pPlayer->out.Outq, pReply, ListFirst(&pPlayer->out.Outq, 0), 1);
     });
     ASSERT_GT(Waiting(), 50U);
     Push({0, 0, 0, 1, 60000});
-    EXPECT_EQ(20U, pPlayer->nBlockedSends);
+    EXPECT_EQ(20U, pPlayer->output.nBlockedSends);
     unsigned nPartial = ListFirstOf<DataBlock>(&pPlayer->out.Outq)->sent > 0;
     EXPECT_EQ(1U + nPartial, Waiting()) << "the reply, and a packet of which a part has left";
 
@@ -207,7 +207,7 @@ TEST_F(PlayerQueueTest, CrowdedPlayerLosesMediaAndKeepsReplies)
     EXPECT_TRUE(WaitFor([&] {  // in the end the connection is blocked no more
         data += Receive(0);
         Push({0, 0, 0, 1, 100}, 51);
-        return pPlayer->nBlockedSends == 0;
+        return pPlayer->output.nBlockedSends == 0;
     }));
     Push({0, 1}, 10);
     EXPECT_GE(Waiting(), 10U) << "and with sound again";
@@ -225,10 +225,10 @@ TEST_F(RecordingQueueTest, RepliesPassWhatIsNotYetDue)
         for (uint32_t i = 0; i < 2; i++)
             Queue({5000040 + i, static_cast<int>(i)});
         for (const char *szReply : {"one", "two"}) {
-            EXPECT_EQ(1, SendReply(pPlayer, pPlayer->Cmd, szReply, 3));
+            EXPECT_EQ(1, SendReply(pPlayer, pPlayer->peer.Cmd, szReply, 3));
             expected += szReply;
         }
-        EXPECT_EQ(1, SendReply2(pPlayer, pPlayer->Cmd, "three", 5, "body", 4, nullptr));
+        EXPECT_EQ(1, SendReply2(pPlayer, pPlayer->peer.Cmd, "three", 5, "body", 4, nullptr));
         expected += "threebody";
     });
     EXPECT_EQ(expected, Receive(expected.size())) << "a picture that has begun is sent whole";
@@ -240,11 +240,11 @@ TEST_F(RecordingQueueTest, RepliesKeepTheirOrder)
 {
     ASSERT_NO_FATAL_FAILURE(StartPlaying());
     RunOnScheduler([&] {
-        pPlayer->nPlayPos = 5000000;
+        pPlayer->play.nPlayPos = 5000000;
         Queue({5000040, 0});
         ListAppend(&pPlayer->out.Outq, MakeDataBlock("one", 3, 0, 0, 0));
         Queue({5000080, 0});
-        EXPECT_EQ(1, SendReply(pPlayer, pPlayer->Cmd, "two", 3));
+        EXPECT_EQ(1, SendReply(pPlayer, pPlayer->peer.Cmd, "two", 3));
         EXPECT_EQ(4U, Waiting());
         auto *pLast = reinterpret_cast<DataBlock *>(pPlayer->out.Outq.pLast);
         EXPECT_STREQ("two", reinterpret_cast<const char *>(BlockData(PrevBlock(pLast))));

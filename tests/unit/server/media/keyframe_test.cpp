@@ -38,7 +38,7 @@ struct VideoProgram : Program {
     explicit VideoProgram(uint32_t nMediaType)
     {
         nTrackCount = 1;
-        bHasVideo = 1;
+        nVideoTrack = 0;
         mediaInfos[0].nMediaType = nMediaType;
         pfnIsKeyFrame = KeyFrameSelect(this);
     }

@@ -23,8 +23,8 @@ TEST_F(RecordingQueueTest, JumpsLeaveNothingFromBefore)
         expected = Queue({0, 0}, 5) + "RTSP/1.0 200 OK\r\n";
         for (int i = 0; i < 5; i++)
             Queue({40, i % 2});
-        EXPECT_EQ(1, HandlePlay(pPlayer, pPlayer->Cmd, &request));
-        EXPECT_EQ(10000U, pPlayer->nPlayPos);
+        EXPECT_EQ(Verdict::Keep, HandlePlay(pPlayer, pPlayer->peer.Cmd, &request));
+        EXPECT_EQ(10000U, pPlayer->play.nPlayPos);
         RequestReset(&request);
     });
     std::string data = Receive(expected.size());

@@ -20,14 +20,14 @@ struct Receiver {
 
     explicit Receiver(uint32_t nTotal = 4096)
     {
-        session.pBuf = static_cast<uint8_t *>(malloc(nTotal));  // of its very size, for the address sanitizer
-        session.nTotal = nTotal;
-        session.pBuf[0] = 0;
+        session.input.pBuf = static_cast<uint8_t *>(malloc(nTotal));  // of its very size, for the address sanitizer
+        session.input.nTotal = nTotal;
+        session.input.pBuf[0] = 0;
         ConsoleSetDaemon(1);  // it prints what it decodes
     }
     ~Receiver()
     {
-        free(session.pBuf);
+        free(session.input.pBuf);
         ConsoleSetDaemon(0);
     }
     Receiver(const Receiver &) = delete;
@@ -36,8 +36,8 @@ struct Receiver {
     int Decode(const std::string &text) { return TunnelDecode(&session, &port, text.data(), text.size()); }
     std::string Held() const
     {
-        EXPECT_EQ(0, session.pBuf[session.nLen]);
-        return {reinterpret_cast<char *>(session.pBuf), session.nLen};
+        EXPECT_EQ(0, session.input.pBuf[session.input.nLen]);
+        return {reinterpret_cast<char *>(session.input.pBuf), session.input.nLen};
     }
 };
 
