@@ -17,18 +17,8 @@
 
 namespace orx {
 
-static constexpr uint32_t kMinReceiveBuffer = 4096;
-static constexpr uint32_t kMaxReceiveBuffer = 65536;
 static constexpr uint32_t kIdleCheckMs = 5000;
 static constexpr uint32_t kDelayedCloseMs = 2000;
-
-static uint32_t ReceiveBufferSize()
-{
-    uint32_t nSize = g_settings.nSessionBufSize;
-    if (nSize < kMinReceiveBuffer)
-        return kMinReceiveBuffer;
-    return nSize > kMaxReceiveBuffer ? kMaxReceiveBuffer : nSize;
-}
 
 static int HandleTaken(uint32_t nHandle)
 {
@@ -65,7 +55,7 @@ static Session *NewSession()
         print("warning: NOT enough memory to CreateSession()!\n");
         return nullptr;
     }
-    pSession->input.nTotal = ReceiveBufferSize();
+    pSession->input.nTotal = g_settings.nSessionBufSize;
     ORX_ASSERT(pSession->input.nTotal, "p->nTotal");
     pSession->input.pBuf = static_cast<uint8_t *>(malloc(pSession->input.nTotal));
     if (!pSession->input.pBuf) {

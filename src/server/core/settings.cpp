@@ -1,5 +1,6 @@
 #include "server/core/settings.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -14,121 +15,161 @@ namespace orx {
 
 Settings g_settings;
 
-// How a number that was read becomes the setting.
-enum class Clamp {
-    None,
-    MaxOr,    // above nLimit: nInstead (as unsigned, so that a negative one is above, too)
-    MinMax,   // below nLimit: nLimit; above nInstead: nInstead
-    ZeroMax,  // 0: 1; above nLimit: nLimit
-    Wrap16,   // taken modulo 65536
-};
+static constexpr SettingPlace Here(size_t nOffset, size_t nBytes)
+{
+    return {"server", nOffset, nBytes};
+}
 
-struct NumberSetting {
-    const char *szSection;
-    const char *szKey;
-    size_t nOffset;  // of a 32-bit field of Settings
-    int nDefault;
-    Clamp clamp;
-    int nLimit;
-    int nInstead;
-};
+#define FIELD(name) Here(offsetof(Settings, name), sizeof(Settings::name))
 
-#define FIELD(name) offsetof(Settings, name)
+static constexpr SettingPlace ReadBy(const char *szReader, size_t nBytes = sizeof(int32_t))
+{
+    return {szReader, kNotHere, nBytes};
+}
 
-static const NumberSetting g_numbers[] = {
-    {"SERVER", "AuthType", FIELD(nAuthType), 1, Clamp::MaxOr, 3, 1},
-    {"SERVER", "ConnectLimit", FIELD(nConnectLimit), 100, Clamp::MinMax, 5, INT32_MAX},
-    {"SERVER", "AutoDropDataWhenCrowded", FIELD(bAutoDrop), 0, Clamp::None, 0, 0},
-    {"SERVER", "EnableAnonymousViewer", FIELD(bAnonymousViewer), 0, Clamp::None, 0, 0},
-    {"SERVER", "EnableRtcp", FIELD(bRtcp), 0, Clamp::None, 0, 0},
-    {"SERVER", "EnableLowEnergy", FIELD(bLowEnergy), 0, Clamp::None, 0, 0},
-    {"SERVER", "ControlUsers", FIELD(bControlUsers), 0, Clamp::None, 0, 0},
-    {"SERVER", "EnableFilePrg", FIELD(bFilePrograms), 0, Clamp::None, 0, 0},
-    {"SERVER", "EnableHttpProxy", FIELD(bHttpProxy), 0, Clamp::None, 0, 0},
-    {"SERVER", "EnableUnet", FIELD(bUnet), 0, Clamp::None, 0, 0},
-    {"ZUPO", "ZupoEnable", FIELD(bZupo), 0, Clamp::None, 0, 0},
-    {"SERVER", "SessionBufSize", FIELD(nSessionBufSize), 16384, Clamp::None, 0, 0},
-    {"SERVER", "CacheLimit", FIELD(nCacheSeconds), 10, Clamp::MinMax, 5, 60},
-    {"SERVER", "LiveTime", FIELD(nLiveTime), 10, Clamp::ZeroMax, 120, 0},
-    {"SERVER", "UdpStartPort", FIELD(nUdpStartPort), 50000, Clamp::Wrap16, 0, 0},
-    {"SERVER", "UdpEndPort", FIELD(nUdpEndPort), 52000, Clamp::Wrap16, 0, 0},
-    {"STORAGE", "AutoDelOldFile", FIELD(bAutoDelOldFile), 1, Clamp::None, 0, 0},
-    {"STORAGE", "PreRecordLen", FIELD(nPreRecordLen), 3, Clamp::MaxOr, 10, 10},
-    {"STORAGE", "MinutePerFile", FIELD(nMinutePerFile), 5, Clamp::MaxOr, 60, 60},
-    {"STORAGE", "RecordEnable", FIELD(bRecord), 0, Clamp::None, 0, 0},
-    {"INTEROP", "StandardPushers", FIELD(bStandardPushers), 0, Clamp::None, 0, 0},
-    {"INTEROP", "StandardPlayers", FIELD(bStandardPlayers), 0, Clamp::None, 0, 0},
-    {"GUARD", "SurvivePeerFaults", FIELD(bSurvivePeerFaults), 0, Clamp::None, 0, 0},
-    {"GUARD", "RunUnprivileged", FIELD(bRunUnprivileged), 0, Clamp::None, 0, 0},
+static constexpr Setting Number(const char *szSection, const char *szKey, SettingPlace place, int nDefault,
+                                Clamp clamp = Clamp::None, int nLowest = 0, int nHighest = 0)
+{
+    return {szSection, szKey, place, SettingKind::Number, nullptr, nDefault, clamp, nLowest, nHighest};
+}
+
+static constexpr Setting Text(const char *szSection, const char *szKey, SettingPlace place,
+                              const char *szDefault)
+{
+    return {szSection, szKey, place, SettingKind::Text, szDefault, 0, Clamp::None, 0, 0};
+}
+
+static constexpr Setting g_table[] = {
+    Number("SERVER", "AuthType", FIELD(nAuthType), 1, Clamp::DefaultUnsigned, 0, 3),
+    Number("SERVER", "ConnectLimit", FIELD(nConnectLimit), 100, Clamp::Hold, 5, INT32_MAX),
+    Number("SERVER", "AutoDropDataWhenCrowded", FIELD(bAutoDrop), 0),
+    Number("SERVER", "EnableAnonymousViewer", FIELD(bAnonymousViewer), 0),
+    Number("SERVER", "EnableRtcp", FIELD(bRtcp), 0),
+    Number("SERVER", "EnableLowEnergy", FIELD(bLowEnergy), 0),
+    Number("SERVER", "ControlUsers", FIELD(bControlUsers), 0),
+    Number("SERVER", "EnableFilePrg", FIELD(bFilePrograms), 0),
+    Number("SERVER", "EnableHttpProxy", FIELD(bHttpProxy), 0),
+    Number("SERVER", "EnableUnet", FIELD(bUnet), 0),
+    Number("ZUPO", "ZupoEnable", FIELD(bZupo), 0),
+    Number("SERVER", "SessionBufSize", FIELD(nSessionBufSize), 16384, Clamp::HoldUnsigned, 4096, 65536),
+    Number("SERVER", "CacheLimit", FIELD(nCacheSeconds), 10, Clamp::Hold, 5, 60),
+    Number("SERVER", "LiveTime", FIELD(nLiveTime), 10, Clamp::HoldUnsigned, 1, 120),
+    Number("SERVER", "UdpStartPort", FIELD(nUdpStartPort), 50000, Clamp::PortOrRefuse, 1000, 65530),
+    Number("SERVER", "UdpEndPort", FIELD(nUdpEndPort), 52000, Clamp::PortOrRefuse, 1001, 65534),
+    Number("STORAGE", "AutoDelOldFile", FIELD(bAutoDelOldFile), 1),
+    Number("STORAGE", "PreRecordLen", FIELD(nPreRecordLen), 3, Clamp::HoldUnsigned, 0, 10),
+    Number("STORAGE", "MinutePerFile", FIELD(nMinutePerFile), 5, Clamp::HoldUnsigned, 0, 60),
+    Number("STORAGE", "RecordEnable", FIELD(bRecord), 0, Clamp::Flag),
+    Number("INTEROP", "StandardPushers", FIELD(bStandardPushers), 0),
+    Number("INTEROP", "StandardPlayers", FIELD(bStandardPlayers), 0),
+    Number("GUARD", "SurvivePeerFaults", FIELD(bSurvivePeerFaults), 0),
+    Number("GUARD", "RunUnprivileged", FIELD(bRunUnprivileged), 0),
+    Text("SERVER", "HttpProxyTargetIp", FIELD(szHttpProxyTargetIp), "127.0.0.1"),
+    Number("SERVER", "HttpProxyTargetPort", FIELD(nHttpProxyTargetPort), 8080, Clamp::Port, 0, 65535),
+    Number("SERVER", "HttpProxyListenPort", FIELD(nHttpProxyListenPort), 80, Clamp::Port, 0, 65535),
+    Number("SERVER", "ListenPort", FIELD(nListenPort), 554, Clamp::Port, 1, 65535),
+    Text("SERVER", "ListenIp", FIELD(szListenIp), "0.0.0.0"),
+    {"SERVER", "UnetPort", FIELD(nUnetPort), SettingKind::Number, "ListenPort", 0, Clamp::Port, 0, 65535},
+    Text("STORAGE", "RecordPath", FIELD(szRecordSetting), ""),
+    Text("ZUPO", "ZupoServerAddr", FIELD(szZupoServer), "zupo.example.com"),
+    Number("ZUPO", "ZupoServerPort", FIELD(nZupoPort), 6323, Clamp::Port, 0, 65535),
+    Text("MAIN", "DeviceGuid", FIELD(szDeviceGuid), ""),  // and the relay, which sends it
+    Number("SERVER", "LogFile", ReadBy("main"), 0),
+    Text("USERS", "SuperUser", ReadBy("accounts", 128), ""),
+    Text("USERS", "SuperPwd", ReadBy("accounts", 64), ""),
+    Number("USERS", "NumUsers", ReadBy("accounts"), 0, Clamp::Hold, 0, 1024),
+    Text("USERS", "UserName%d", ReadBy("accounts", 128), ""),
+    Text("USERS", "UserPwd%d", ReadBy("accounts", 64), ""),
+    Number("USERS", "UserLevel%d", ReadBy("accounts"), 2),
+    Text("USERCTRL", "UserDevList%d", ReadBy("accounts", 1024), ""),
+    Text("WIFI", "DevName", ReadBy("directcfg", 64), ""),  // and the relay
+    Number("WIFI", "UseWirelessLan", ReadBy("relay"), 0),
+    Number("UPNP", "UpnpEnable", ReadBy("relay"), 0),
+    Number("UPNP", "MappedListenPort", ReadBy("relay"), 0, Clamp::Port, 0, 65535),
 };
 
 #undef FIELD
 
-static int32_t Clamped(const NumberSetting *pRow, int32_t nValue)
+static constexpr int NumbersFit()
+{
+    for (const Setting &row : g_table)
+        if (row.kind == SettingKind::Number && row.place.nBytes != sizeof(int32_t))
+            return 0;
+    return 1;
+}
+static_assert(NumbersFit(), "a number goes into a field of 32 bits");
+
+std::span<const Setting> SettingsTable()
+{
+    return g_table;
+}
+
+static int Inside(const Setting *pRow, int32_t nValue)
+{
+    return nValue >= pRow->nLowest && nValue <= pRow->nHighest;
+}
+
+static int32_t Clamped(const Setting *pRow, int32_t nDefault, int32_t nValue)
 {
     switch (pRow->clamp) {
         case Clamp::None:
             return nValue;
-        case Clamp::MaxOr:
-            return static_cast<uint32_t>(nValue) > static_cast<uint32_t>(pRow->nLimit) ? pRow->nInstead
-                                                                                       : nValue;
-        case Clamp::MinMax:
-            return nValue < pRow->nLimit ? pRow->nLimit : nValue > pRow->nInstead ? pRow->nInstead : nValue;
-        case Clamp::ZeroMax:
-            if (nValue == 0)
-                return 1;
-            return static_cast<uint32_t>(nValue) > static_cast<uint32_t>(pRow->nLimit) ? pRow->nLimit
-                                                                                       : nValue;
-        case Clamp::Wrap16:
+        case Clamp::Flag:
+            return nValue != 0;
+        case Clamp::Hold:
+            return std::clamp(nValue, pRow->nLowest, pRow->nHighest);
+        case Clamp::HoldUnsigned:
+            return nValue < 0 ? pRow->nHighest : std::clamp(nValue, pRow->nLowest, pRow->nHighest);
+        case Clamp::DefaultUnsigned:
+            return Inside(pRow, nValue) ? nValue : nDefault;
+        case Clamp::Port:
+            return Inside(pRow, nValue & 0xFFFF) ? nValue & 0xFFFF : nDefault;
+        case Clamp::PortOrRefuse:
             return nValue & 0xFFFF;
     }
     return nValue;
 }
 
-static void ReadNumbers(Settings *pSettings, const char *szPath)
+// The number that was read for a row.
+static int32_t NumberOf(const Settings *pSettings, const Setting *pRow)
 {
-    for (const NumberSetting &row : g_numbers) {
-        int32_t nValue = Clamped(&row, read_profile_int(row.szSection, row.szKey, row.nDefault, szPath));
-        memcpy(reinterpret_cast<char *>(pSettings) + row.nOffset, &nValue, sizeof(nValue));
-        if (row.nOffset == offsetof(Settings, bAutoDrop))
-            print("AutoDropDataWhenCrowded=%d.\r\n", nValue);
-    }
-    pSettings->bRecord = pSettings->bRecord != 0;
+    int32_t nValue = 0;
+    memcpy(&nValue, reinterpret_cast<const char *>(pSettings) + pRow->place.nOffset, sizeof(nValue));
+    return nValue;
 }
 
-static void ReadHttpProxy(Settings *pSettings, const char *szPath)
+// A default is a number, or what another key of the section, which was read before, says.
+static int32_t DefaultOf(const Settings *pSettings, const Setting *pRow)
 {
-    if (!pSettings->bHttpProxy)
+    for (const Setting &row : g_table)
+        if (pRow->szDefault && strcmp(row.szKey, pRow->szDefault) == 0)
+            return NumberOf(pSettings, &row);
+    return pRow->nDefault;
+}
+
+static void ReadRow(Settings *pSettings, const Setting *pRow, const char *szPath)
+{
+    char *pField = reinterpret_cast<char *>(pSettings) + pRow->place.nOffset;
+    if (pRow->kind == SettingKind::Text) {
+        read_profile_string(pRow->szSection, pRow->szKey, pField, static_cast<int>(pRow->place.nBytes),
+                            pRow->szDefault, szPath);
         return;
-    read_profile_string("SERVER", "HttpProxyTargetIp", pSettings->szHttpProxyTargetIp,
-                        sizeof(pSettings->szHttpProxyTargetIp), "127.0.0.1", szPath);
-    pSettings->nHttpProxyTargetPort =
-        static_cast<uint16_t>(read_profile_int("SERVER", "HttpProxyTargetPort", 8080, szPath));
-    pSettings->nHttpProxyListenPort =
-        static_cast<uint16_t>(read_profile_int("SERVER", "HttpProxyListenPort", 80, szPath));
-}
-
-static void ReadListenAddress(Settings *pSettings, const char *szPath)
-{
-    pSettings->nListenPort = read_profile_int("SERVER", "ListenPort", 554, szPath) & 0xFFFF;
-    if (pSettings->nListenPort == 0)
-        pSettings->nListenPort = 554;
-    read_profile_string("SERVER", "ListenIp", pSettings->szListenIp, sizeof(pSettings->szListenIp), "0.0.0.0",
-                        szPath);
-    pSettings->nUnetPort =
-        read_profile_int("SERVER", "UnetPort", static_cast<int>(pSettings->nListenPort), szPath) & 0xFFFF;
+    }
+    int32_t nDefault = DefaultOf(pSettings, pRow);
+    int32_t nValue =
+        Clamped(pRow, nDefault, read_profile_int(pRow->szSection, pRow->szKey, nDefault, szPath));
+    memcpy(pField, &nValue, sizeof(nValue));
+    if (pRow->place.nOffset == offsetof(Settings, bAutoDrop))
+        print("AutoDropDataWhenCrowded=%d.\r\n", nValue);
 }
 
 static int CheckUdpRange(const Settings *pSettings)
 {
-    if (pSettings->nUdpStartPort < 1000 || pSettings->nUdpStartPort > 65530) {
-        print("Invalid UdpStartPort: %d!\r\n", pSettings->nUdpStartPort);
-        return 0;
-    }
-    if (pSettings->nUdpEndPort < 1001 || pSettings->nUdpEndPort > 65534) {
-        print("Invalid UdpEndPort: %d!\r\n", pSettings->nUdpEndPort);
-        return 0;
-    }
+    for (const Setting &row : g_table)
+        if (row.clamp == Clamp::PortOrRefuse && !Inside(&row, NumberOf(pSettings, &row))) {
+            print("Invalid %s: %d!\r\n", row.szKey, NumberOf(pSettings, &row));
+            return 0;
+        }
     if (pSettings->nUdpEndPort <= pSettings->nUdpStartPort) {
         print("Invalid UdpPort Range: from %d to %d!\r\n", pSettings->nUdpStartPort, pSettings->nUdpEndPort);
         return 0;
@@ -181,13 +222,11 @@ int SettingsRead(Settings *pSettings, const char *szPath)
         print("The configuration's path is too long: %s\r\n", szPath);
         return 0;
     }
-    ReadNumbers(pSettings, szPath);
-    ReadHttpProxy(pSettings, szPath);
-    ReadListenAddress(pSettings, szPath);
+    for (const Setting &row : g_table)
+        if (row.place.nOffset != kNotHere)
+            ReadRow(pSettings, &row, szPath);
     pSettings->nFileSendPeriod = kFileSendPeriodMs;
-    char szRecordPath[128] = "";
-    read_profile_string("STORAGE", "RecordPath", szRecordPath, sizeof(szRecordPath), "", szPath);
-    pSettings->szRecordPath = SettingsRecordPath(szRecordPath);
+    pSettings->szRecordPath = SettingsRecordPath(pSettings->szRecordSetting);
     return pSettings->szRecordPath && CheckUdpRange(pSettings);
 }
 

@@ -9,7 +9,6 @@
 
 #include "base/console.h"
 #include "base/fdguard.h"
-#include "base/inifile.h"
 #include "net/ifaddr.h"
 #include "remote/httpproxy.h"
 #include "remote/unet.h"
@@ -20,7 +19,6 @@
 
 namespace orx {
 
-constexpr char kDefaultZupoServer[] = "zupo.example.com";
 constexpr size_t kShortGuid = 20;  // an identity must be longer to be registered
 
 // A connection on its way from the proxy thread to the scheduler thread.
@@ -93,22 +91,18 @@ static int AcceptTunnel(void *pContext, int fd, const void *pData, size_t nLen)
 
 static int StartProxy(RemoteServices *pRemote)
 {
-    return HttpProxyStart(&pRemote->proxy, g_settings.szListenIp, g_settings.nHttpProxyListenPort,
-                          g_settings.szHttpProxyTargetIp, g_settings.nHttpProxyTargetPort, AcceptTunnel,
-                          pRemote);
+    return HttpProxyStart(&pRemote->proxy, g_settings.szListenIp,
+                          static_cast<int>(g_settings.nHttpProxyListenPort), g_settings.szHttpProxyTargetIp,
+                          static_cast<int>(g_settings.nHttpProxyTargetPort), AcceptTunnel, pRemote);
 }
 
 static void Register(RemoteServices *pRemote)
 {
-    char szServer[64], szGuid[64];
-    const char *szPath = g_settings.szConfigPath;
-    read_profile_string("ZUPO", "ZupoServerAddr", szServer, sizeof(szServer), kDefaultZupoServer, szPath);
-    int nPort = read_profile_int("ZUPO", "ZupoServerPort", kZupoDefaultPort, szPath) & 0xFFFF;
-    read_profile_string("MAIN", "DeviceGuid", szGuid, sizeof(szGuid), "", szPath);
-    if (strlen(szGuid) <= kShortGuid)
+    int nPort = static_cast<int>(g_settings.nZupoPort);
+    if (strlen(g_settings.szDeviceGuid) <= kShortGuid)
         return;
-    ZupoRegisterCreate(&pRemote->unet, szServer, nPort, szPath);
-    print("ZupoRegisterCreate(Server: %s:%d)\r\n", szServer, nPort);
+    ZupoRegisterCreate(&pRemote->unet, g_settings.szZupoServer, nPort, g_settings.szConfigPath);
+    print("ZupoRegisterCreate(Server: %s:%d)\r\n", g_settings.szZupoServer, nPort);
 }
 
 static int StartRelay(RemoteServices *pRemote)
