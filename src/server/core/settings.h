@@ -81,8 +81,8 @@ struct Setting {
     const char *szKey;  // with "%d" one key for each number from 0
     SettingPlace place;
     SettingKind kind;
-    const char
-        *szDefault;  // of a text; of a number a key above whose value is the default, or null: nDefault
+    // Of a text its default. Of a number null, where nDefault counts, or a key above whose value does.
+    const char *szDefault;
     int nDefault;
     Clamp clamp;  // of a number
     int nLowest, nHighest;
