@@ -1,3 +1,5 @@
+#include "remote/registration.h"
+
 #include <string>
 
 #include <gmock/gmock.h>
@@ -6,7 +8,6 @@
 #include "base/textbuf.h"
 #include "enettest.h"
 #include "remote/unet.h"
-#include "remote/unetzupo.h"
 #include "runtime/clock.h"
 #include "support/files.h"
 #include "support/output.h"
@@ -145,11 +146,13 @@ TEST(Registration, ABrokenPacketEndsTheConnection)
         {std::string(kHeartbeat), ""},  // other commands concern nobody here
     };
     for (const auto &c : cases) {
-        Unet unet;
-        unet.bRegistered = 1;
-        EXPECT_THAT(PeerFaults([&] { ZupoReceive(&unet, c.packet.data(), c.packet.size()); }),
+        UnetHost host;
+        Registration registration;
+        registration.pHost = &host;
+        registration.bRegistered = 1;
+        EXPECT_THAT(PeerFaults([&] { RegistrationReceive(&registration, c.packet.data(), c.packet.size()); }),
                     HasSubstr(c.szText));
-        EXPECT_EQ(*c.szText == '\0', unet.bRegistered) << c.szText;
+        EXPECT_EQ(*c.szText == '\0', registration.bRegistered) << c.szText;
     }
 }
 
