@@ -266,6 +266,20 @@ AvlNode *AvlRemove(AvlTree *pTree, AvlKey key)
     return pNode;
 }
 
+int AvlDelete(AvlTree *pTree, AvlKey key)
+{
+    AvlNode *pNode = AvlRemove(pTree, key);
+    AvlDiscard(pTree, pNode);
+    return pNode != nullptr;
+}
+
+int AvlForget(AvlTree *pTree, AvlKey key)
+{
+    AvlNode *pNode = AvlRemove(pTree, key);
+    free(pNode);
+    return pNode != nullptr;
+}
+
 AvlNode *AvlFind(const AvlTree *pTree, AvlKey key)
 {
     AvlNode *pNode = pTree->root;

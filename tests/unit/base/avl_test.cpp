@@ -66,14 +66,29 @@ TEST_F(Avl, RandomInsertAndRemoveMatchesAMap)
                 EXPECT_EQ(pValue, pfnEnter(&tree, key, pValue)->value);
                 map[key] = pValue;
             } else {
-                AvlNode *pNode = AvlRemove(&tree, key);
-                EXPECT_EQ(map.erase(key), pNode ? 1U : 0U);
-                AvlDiscard(&tree, pNode);
+                EXPECT_EQ(static_cast<int>(map.erase(key)),
+                          nStep % 2 ? AvlDelete(&tree, key) : AvlForget(&tree, key));
             }
             CheckAgainst(&tree, map);
         }
         AvlDestroy(&tree);
     }
+}
+
+int FreeInt(AvlNode *pNode)
+{
+    return ++*static_cast<int *>(pNode->value) == 0;
+}
+
+TEST_F(Avl, OnlyDeleteReachesTheValue)
+{
+    int nFreed[2] = {};
+    tree.pfnFree = FreeInt;
+    for (int i = 0; i < 2; i++)
+        AvlInsert(&tree, i, &nFreed[i]);
+    EXPECT_EQ(1, AvlDelete(&tree, 0));
+    EXPECT_EQ(1, AvlForget(&tree, 1));
+    EXPECT_THAT(nFreed, testing::ElementsAre(1, 0));
 }
 
 TEST_F(Avl, TextKeysIgnoreCase)
