@@ -110,8 +110,6 @@ int ZMFWriterSetSdp(ZMFWriter *pWriter, const char *szSdp)
         return 0;
     SdpCodecs codecs;
     SdpScanCodecs(szSdp, &codecs);
-    TextCopy(pWriter->szVideoCodec, sizeof(pWriter->szVideoCodec), codecs.szVideo);
-    TextCopy(pWriter->szAudioCodec, sizeof(pWriter->szAudioCodec), codecs.szAudio);
     pWriter->pfnVideo = SdpVideoDepacketiser(codecs.szVideo);
     pWriter->pfnAudio = SdpAudioDepacketiser(codecs.szAudio);
     pWriter->audio.bWideband = strcmp(codecs.szAudio, "AMR-WB") == 0;

@@ -39,9 +39,7 @@ struct ZMFWriter {
     uint32_t nSpaceInMB = 0;       // space to keep free, 0: not looked at
     int bDeleteOldest = 0;         // make that space by deleting the oldest recordings
 
-    char szVideoCodec[16] = "";  // names of the SDP, in their normal form
-    char szAudioCodec[16] = "";
-    DepacketProc pfnVideo = nullptr;
+    DepacketProc pfnVideo = nullptr;  // by the SDP's codec; null without one that is known
     DepacketProc pfnAudio = nullptr;
     Depacketiser video;
     Depacketiser audio;

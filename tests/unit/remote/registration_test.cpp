@@ -143,6 +143,7 @@ TEST(Registration, ABrokenPacketEndsTheConnection)
         {reply.substr(0, 7) + "\7"s + reply.substr(8), "ack_head.nDataLen==6"},
         {punch.substr(0, 7) + "\0"s + punch.substr(8), "ack_head.nDataLen==6"},
         {punch.substr(0, 21), "dataLength >= (sizeof(ZUPO_PACKET_HEAD))+ack_head.nDataLen"},
+        {reply, ""},
         {std::string(kHeartbeat), ""},  // other commands concern nobody here
     };
     for (const auto &c : cases) {
@@ -153,6 +154,7 @@ TEST(Registration, ABrokenPacketEndsTheConnection)
         EXPECT_THAT(PeerFaults([&] { RegistrationReceive(&registration, c.packet.data(), c.packet.size()); }),
                     HasSubstr(c.szText));
         EXPECT_EQ(*c.szText == '\0', registration.bRegistered) << c.szText;
+        EXPECT_EQ(c.packet == reply ? 0x7F000001U : 0, registration.nSeenIp);
     }
 }
 
