@@ -1,5 +1,6 @@
 #include "record/storage.h"
 
+#include <climits>
 #include <ctime>
 #include <filesystem>
 #include <string>
@@ -85,6 +86,8 @@ TEST_F(OldDays, GoWithWhatIsInThem)
     for (const char *szProgram : {"cam", static_cast<const char *>(nullptr)}) {
         for (const auto &c : cases)
             Put(root + c.szFile);
+        for (int nAge : {INT_MIN, -3000000, -1000, 9000, 1000000, INT_MAX})  // days that nobody has
+            StorageDeleteOldDays(root.c_str(), szProgram, nAge);
         OpenRecording open;
         StorageHold(&open, (root + "cam/20240227").c_str());
         StorageDeleteOldDays(root.c_str(), szProgram, 3);
