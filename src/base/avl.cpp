@@ -10,7 +10,8 @@
 
 namespace orx {
 
-// The nodes from the root down to one of interest, and a null behind the last.
+// The nodes from the root down to one of interest, and a null behind the last. A tree of height 33, which
+// would not fit, has over nine million nodes at the least.
 static constexpr int kPathEntries = 33;
 using Path = AvlNode *[kPathEntries];
 

@@ -15,8 +15,10 @@
 
 namespace orx {
 
-constexpr uint32_t kPauseGapMs = 20;
-constexpr uint32_t kEarlyRecords = 6;  // records after the time base among which times may lie before it
+constexpr uint32_t kPauseGapMs = 20;  // later than the last sample, and no more than pictures are apart
+// Records after the time base among which times may lie before it: sound and picture of one moment come one
+// after the other.
+constexpr uint32_t kEarlyRecords = 6;
 constexpr char kAlarmPrefix[] = "ALARM:";
 
 static int TakeSample(void *pContext, const uint8_t *pData, uint32_t nBytes, uint32_t nTimeMs, uint32_t nType)

@@ -16,7 +16,7 @@
 
 namespace orx {
 
-constexpr uint32_t kAudioBlockBytes = 32768;  // audio payload that one record holds
+constexpr uint32_t kAudioBlockBytes = 32768;  // audio payload that one record holds: 4 seconds of G.711
 
 struct ZMFWriter {
     char *szRoot = nullptr;     // root of the recordings, owned; null when the file was named by the client

@@ -11,11 +11,13 @@
 
 namespace orx {
 
+// A burst of events goes in one piece, and one that does not end leaves room to others every so many tasks.
+// Nothing hangs on the exact number.
 static constexpr int kTasksPerPass = 49;
-static constexpr int32_t kEarlyMs = 10;     // a task runs this much before it is due
-static constexpr int32_t kTaskPauseMs = 1;  // after a task that will run again
-static constexpr int32_t kPassPauseMs = 2;  // after each pass; leaves time to threads of lower priority
-static constexpr int kHighestPriority = -20;
+static constexpr int32_t kEarlyMs = 10;       // tasks due within so short a time share a wake-up
+static constexpr int32_t kTaskPauseMs = 1;    // after a task that will run again: at most 1000 runs a second
+static constexpr int32_t kPassPauseMs = 2;    // after each pass; leaves time to threads of lower priority
+static constexpr int kHighestPriority = -20;  // of nice: media goes before all else that the box does
 
 static_assert(offsetof(Task, node) == 0, "the task list maps a task to its node at the very start");
 
