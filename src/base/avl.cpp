@@ -26,6 +26,13 @@ static int FreeNothing(AvlNode * /*pNode*/)
     return 0;
 }
 
+// Hands a node that was taken out to pfnFree, and frees it when that says so; accepts null.
+static void Discard(AvlTree *pTree, AvlNode *pNode)
+{
+    if (pNode && !pTree->pfnFree(pNode))
+        free(pNode);
+}
+
 static int CompareInt32(AvlKey a, AvlKey b)
 {
     return static_cast<int32_t>(static_cast<uint32_t>(a) - static_cast<uint32_t>(b));
@@ -165,7 +172,7 @@ AvlNode *AvlInsert(AvlTree *pTree, AvlKey key, void *pValue)
     pNode->value = pValue;
     if (AvlAdd(pTree, pNode))
         return pNode;
-    AvlDiscard(pTree, pNode);
+    Discard(pTree, pNode);
     return nullptr;
 }
 
@@ -189,7 +196,7 @@ static int TakeOver(AvlTree *pTree, AvlNode *pNode, Path stack, int nTop)
     pNode->right = p->right;
     pNode->height = p->height;
     *ppLink = pNode;
-    AvlDiscard(pTree, p);
+    Discard(pTree, p);
     return 1;
 }
 
@@ -270,7 +277,7 @@ AvlNode *AvlRemove(AvlTree *pTree, AvlKey key)
 int AvlDelete(AvlTree *pTree, AvlKey key)
 {
     AvlNode *pNode = AvlRemove(pTree, key);
-    AvlDiscard(pTree, pNode);
+    Discard(pTree, pNode);
     return pNode != nullptr;
 }
 
@@ -431,7 +438,7 @@ AvlNode *AvlTraverseWide(AvlTree *pTree, AvlNode *pStart, int (*pfnVisit)(AvlTre
 
 static int DiscardVisited(AvlTree *pTree, AvlNode *pNode)
 {
-    AvlDiscard(pTree, pNode);
+    Discard(pTree, pNode);
     return 1;
 }
 
@@ -439,12 +446,6 @@ void AvlDestroy(AvlTree *pTree)
 {
     AvlTraversePost(pTree, pTree->root, DiscardVisited);
     pTree->root = nullptr;
-}
-
-void AvlDiscard(AvlTree *pTree, AvlNode *pNode)
-{
-    if (pNode && !pTree->pfnFree(pNode))
-        free(pNode);
 }
 
 void OnCheckBanlance(const AvlTree * /*pTree*/, const AvlNode *item)

@@ -62,8 +62,6 @@ AvlNode *AvlTraversePre(AvlTree *pTree, AvlNode *pStart, int (*pfnVisit)(AvlTree
 AvlNode *AvlTraverseWide(AvlTree *pTree, AvlNode *pStart, int (*pfnVisit)(AvlTree *, AvlNode *));
 // Discards every node through pfnFree; the tree is empty afterwards and may be used again.
 void AvlDestroy(AvlTree *pTree);
-// Hands a node that AvlRemove took out to pfnFree, and frees it when that says so; accepts null.
-void AvlDiscard(AvlTree *pTree, AvlNode *pNode);
 // Asserts that the node's height is that of its taller child plus one.
 void OnCheckBanlance(const AvlTree *pTree, const AvlNode *pNode);
 

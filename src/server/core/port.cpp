@@ -102,7 +102,7 @@ Port *CreateUdpPort(const char *szLocalIp, int nLocalPort, const char *szRemoteI
         return RefuseUdp(pPort);
     if (!MonitorAdd(&g_server.monitor, pPort->fd, MONITOR_READ, pPort->nGeneration)) {
         print("warning: can't monitor event\n");
-        AvlDiscard(&g_server.portMap, AvlRemove(&g_server.portMap, pPort->fd));
+        AvlDelete(&g_server.portMap, pPort->fd);
         return nullptr;
     }
     print("CreateUdpPort(local=%d, remote=%d)\r\n", nLocalPort, nRemotePort);
@@ -145,7 +145,7 @@ int PortReadNow(const Port *pPort)
 void PortClose(Port *pPort)
 {
     if (pPort)
-        AvlDiscard(&g_server.portMap, AvlRemove(&g_server.portMap, pPort->fd));
+        AvlDelete(&g_server.portMap, pPort->fd);
 }
 
 int OnFreePort(AvlNode *pNode)

@@ -94,7 +94,7 @@ Program *ProgramFindWithSubstream(const char *szPath)
 static void RemoveName(Program *pProg)
 {
     if (ProgramFind(pProg->Uri) == pProg)
-        AvlDiscard(&g_server.programMap, AvlRemove(&g_server.programMap, AvlTextKey(pProg->Uri)));
+        AvlForget(&g_server.programMap, AvlTextKey(pProg->Uri));
 }
 
 void ProgramAttach(Session *pSession, Program *pProg)

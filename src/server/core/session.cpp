@@ -94,7 +94,7 @@ static void DropPort(Port *pPort)
 {
     if (!pPort)
         return;
-    AvlDiscard(&g_server.sessionMap, AvlRemove(&g_server.sessionMap, pPort->fd));
+    AvlForget(&g_server.sessionMap, pPort->fd);
     PortClose(pPort);
 }
 
@@ -173,7 +173,7 @@ void SessionEndAll()
 
 int SessionClosePort(Session *pSession, Port *pPort)
 {
-    AvlDiscard(&g_server.sessionMap, AvlRemove(&g_server.sessionMap, pPort->fd));
+    AvlForget(&g_server.sessionMap, pPort->fd);
     int bIsReply = pPort == pSession->peer.Reply;
     int bIsControl = bIsReply || pPort == pSession->peer.Cmd;
     int bInterleaved = pSession->out.bInterleaved;

@@ -130,7 +130,7 @@ Verdict MessageSendBefore(Message *pMessage, DataBlock *pBefore)
     return Send(pMessage, nullptr, 0, pBefore);
 }
 
-Verdict Reply(Session *pSession, Port *pPort, Status eStatus)
+Verdict ReplyStatus(Session *pSession, Port *pPort, Status eStatus)
 {
     Message reply(pSession, pPort);
     ReplyBegin(&reply, eStatus);

@@ -75,17 +75,17 @@ Verdict MessageSend(Message *pMessage);
 Verdict MessageSendBody(Message *pMessage, const void *pBody, size_t nBody);
 Verdict MessageSendBefore(Message *pMessage, DataBlock *pBefore);
 
-// Replies that are nothing but a status. Reply has the two cache lines, as the methods of players and pushers
+// Replies that are nothing but a status. ReplyStatus has the two cache lines, as the methods of players and pushers
 // answer; ReplyDated the date as well; ReplyShort neither, as the extension methods answer. Results of
 // MessageSend.
-Verdict Reply(Session *pSession, Port *pPort, Status eStatus);
+Verdict ReplyStatus(Session *pSession, Port *pPort, Status eStatus);
 Verdict ReplyDated(Session *pSession, Port *pPort, Status eStatus);
 Verdict ReplyShort(Session *pSession, Port *pPort, Status eStatus);
 
 // A refusal after which the session ends.
 inline Verdict Refuse(Session *pSession, Port *pPort, Status eStatus)
 {
-    Reply(pSession, pPort, eStatus);
+    ReplyStatus(pSession, pPort, eStatus);
     return Verdict::End;
 }
 // The same after a peer assertion that failed and was survived.

@@ -76,7 +76,7 @@ int AttachByPath(Session *pSession, Port *pPort, Request *pRequest)
     if (!pProg)
         pProg = OpenFileProgram(pSession, szPath);
     if (!pProg) {
-        Reply(pSession, pPort, STATUS_NOT_FOUND);
+        ReplyStatus(pSession, pPort, STATUS_NOT_FOUND);
         return 0;
     }
     if (pProg != pSession->pProg) {  // what the accounts of another program allowed does not count here
@@ -124,7 +124,7 @@ static Admission Admit(Session *pSession, Port *pPort, const Request *pRequest)
 Admission EnterProgram(Session *pSession, Port *pPort, Request *pRequest)
 {
     if (pSession->nState != STATE_NEW) {
-        Reply(pSession, pPort, STATUS_WRONG_STATE);
+        ReplyStatus(pSession, pPort, STATUS_WRONG_STATE);
         return UNREACHED;
     }
     if (!ChooseReplyPort(pSession, pPort) || !AttachByPath(pSession, pPort, pRequest))

@@ -31,7 +31,7 @@ Verdict HandleUnknown(Session *pSession, Port *pPort, Request *pRequest)
     if (strcasecmp(szProtocol, "HTTP") == 0)
         return ReplyMismatch(pSession, pPort);
     if (strcasecmp(szProtocol, "RTSP") == 0)
-        return Reply(pSession, pPort, STATUS_NOT_IMPLEMENTED);
+        return ReplyStatus(pSession, pPort, STATUS_NOT_IMPLEMENTED);
     return Verdict::End;
 }
 

@@ -73,7 +73,7 @@ static int OpenPair(Session *pSession, SessionTrack *pTrack, const Port *pPort, 
     Port *pMedia = CreateMediaPort(pSession, pPort, nLocalPort, nRemotePort);
     Port *pControl = pMedia ? CreateMediaPort(pSession, pPort, nLocalPort + 1, nRemotePort + 1) : nullptr;
     if (pMedia && !pControl) {
-        AvlDiscard(&g_server.sessionMap, AvlRemove(&g_server.sessionMap, pMedia->fd));
+        AvlForget(&g_server.sessionMap, pMedia->fd);
         PortClose(pMedia);
         return 0;
     }

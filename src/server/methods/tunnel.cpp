@@ -33,12 +33,12 @@ Verdict HandleTunnelGet(Session *pSession, Port *pPort, Request *pRequest)
 {
     const char *szCookie = RequestHeaderValue(pRequest, "x-sessioncookie");
     if (!szCookie && IsTunnelType(RequestHeaderValue(pRequest, "Accept")))
-        return Reply(pSession, pPort, HTTP_NO_COOKIE);
+        return ReplyStatus(pSession, pPort, HTTP_NO_COOKIE);
     if (!szCookie)
         return ReplyMismatch(pSession, pPort);
     char *szCopy = strdup(szCookie);
     if (!szCopy)
-        return Reply(pSession, pPort, HTTP_FAILED);
+        return ReplyStatus(pSession, pPort, HTTP_FAILED);
     free(pSession->peer.szCookie);
     pSession->peer.szCookie = szCopy;
     pSession->nFlags |= SESSION_TUNNEL_GET;
