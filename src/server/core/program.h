@@ -85,6 +85,21 @@ struct Program {
     Retired retired;
 };
 
+// The players of a program, in order of creation; null at the end. A walk takes the next one before it does
+// anything that may end the one it is at.
+inline Session *PlayerOfNode(ListNode *pNode)
+{
+    return pNode ? reinterpret_cast<Session *>(pNode - 1) : nullptr;  // map mode 1
+}
+inline Session *FirstPlayer(const Program *pProg)
+{
+    return PlayerOfNode(pProg->players.pFirst);
+}
+inline Session *NextPlayer(const Session *pPlayer)
+{
+    return PlayerOfNode(pPlayer->playerNode.pNext);
+}
+
 // A new record for a path, in no container yet; null without memory. ProgramDiscard gives one back that never
 // became ready.
 Program *ProgramNew(const char *szPath, const ProgramOps *pOps);

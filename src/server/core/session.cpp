@@ -161,7 +161,7 @@ void SessionEndPlayers(Session *pSession)
     if (!pProg || !(pSession->nFlags & SESSION_PUSHER))
         return;
     print("StopProgramAssociatedSessions().\r\n");
-    while (auto *pPlayer = static_cast<Session *>(ListFirst(&pProg->players, 0)))
+    while (Session *pPlayer = FirstPlayer(pProg))
         EndOne(pPlayer);
 }
 

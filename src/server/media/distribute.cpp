@@ -71,9 +71,8 @@ static void FanOut(Program *pProg, const DataBlock *pBlock)
 {
     int bEvent = pProg->nDataTrack >= 0 && BlockData(pBlock)[1] == 2 * pProg->nDataTrack;
     Session *pNext;
-    for (auto *p = static_cast<Session *>(ListFirst(&pProg->players, 0)); p; p = pNext) {
-        pNext =
-            static_cast<Session *>(ListNext(&pProg->players, p, 0));  // the player may not outlive its packet
+    for (Session *p = FirstPlayer(pProg); p; p = pNext) {
+        pNext = NextPlayer(p);
         if (p->nState == STATE_PLAYING && !PushPacket2SessionQueue(p, pBlock))
             continue;
         if (bEvent && (p->nFlags & SESSION_SUBSCRIBER))
@@ -253,8 +252,8 @@ int FillBufferAtFirstPlay(Session *pSession)
 void FlushPlayers(Program *pProg)
 {
     Session *pNext;
-    for (auto *p = static_cast<Session *>(ListFirst(&pProg->players, 0)); p; p = pNext) {
-        pNext = static_cast<Session *>(ListNext(&pProg->players, p, 0));
+    for (Session *p = FirstPlayer(pProg); p; p = pNext) {
+        pNext = NextPlayer(p);
         if (p->nState != STATE_PLAYING || ListCount(&p->out.Outq) <= kFlushAfterRead)
             continue;
         if (!SendDataEx(p, nullptr, 1))

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "runtime/clock.h"
 #include "server/core/program.h"
 
 namespace orx {
@@ -28,13 +27,6 @@ Pace PaceOf(const Session *pSession)
     if (!pSession->pProg->bLive)
         return {1, pPlay->nPlayStart, ClockMs() - pPlay->nPlayClock, nSent, kFileLeadMs};
     return {CatchesUp(pSession), pPlay->nPlayStart, pSession->output.nCatchUpMs, nSent, 0};
-}
-
-int PaceHoldsBack(const Pace *pPace, const DataBlock *pBlock)
-{
-    return pPace->bPaced && (pBlock->nFlags & DB_MEDIA) &&
-           ClockDiff(pPace->nSent, pPace->nElapsed) > pPace->nLead &&
-           pBlock->nTimestamp - pPace->nStart != pPace->nSent;
 }
 
 DataBlock *PaceFirstHeld(const Session *pSession)

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "base/datablock.h"
+#include "runtime/clock.h"
 #include "server/core/session.h"
 
 namespace orx {
@@ -23,7 +24,12 @@ Pace PaceOf(const Session *pSession);
 
 // Whether a block has to wait. The rest of a picture does not: it is not further ahead than its beginning, so
 // that a pause leaves no player with a piece of one.
-int PaceHoldsBack(const Pace *pPace, const DataBlock *pBlock);
+inline int PaceHoldsBack(const Pace *pPace, const DataBlock *pBlock)
+{
+    return pPace->bPaced && (pBlock->nFlags & DB_MEDIA) &&
+           ClockDiff(pPace->nSent, pPace->nElapsed) > pPace->nLead &&
+           pBlock->nTimestamp - pPace->nStart != pPace->nSent;
+}
 
 // Notes that a block is on its way; only media has a place in time.
 inline void PaceAdvance(Pace *pPace, const DataBlock *pBlock)
