@@ -8,7 +8,7 @@
 
 #include "base/assertion.h"
 #include "base/inifile.h"
-#include "server/core/sdp.h"
+#include "base/textnumber.h"
 
 using namespace orx;
 

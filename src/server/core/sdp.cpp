@@ -3,33 +3,18 @@
 #include <strings.h>
 
 #include <algorithm>
-#include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
 #include "base/console.h"
 #include "base/textbuf.h"
+#include "base/textnumber.h"
 #include "server/core/settings.h"
 
 namespace orx {
 
 constexpr std::string_view kBlanks = " \t\r\n\v\f";  // what separates the words of a line
 constexpr uint32_t kVideoSampleBits = 10000;
-
-int TextToInt(const char *sz)
-{
-    long n = strtol(sz, nullptr, 10);
-    return static_cast<int>(std::clamp<long>(n, INT_MIN, INT_MAX));
-}
-
-uint32_t NptToMs(const char *sz)
-{
-    constexpr float kLongest = 2000000;  // 23 days; more milliseconds than that leave 31 bits
-    float fSeconds = std::clamp(strtof(sz, nullptr), 0.0F, kLongest);
-    auto nSeconds = static_cast<uint32_t>(fSeconds);
-    return nSeconds * 1000 + static_cast<uint32_t>(fSeconds * 1000) % 1000;
-}
 
 static int IsDigit(char c)
 {

@@ -10,10 +10,4 @@ namespace orx {
 // described.
 int SdpParse(Program *pProg, const char *szSdp, int bLive, uint32_t nDurationMs);
 
-// A decimal number at the start of a text; what int cannot hold becomes the nearest that it can, no number 0.
-int TextToInt(const char *sz);
-// Seconds with a fraction, as in "npt=0-12.5" (RFC 2326, section 3.6), in milliseconds. sz starts with a
-// digit.
-uint32_t NptToMs(const char *sz);
-
 }  // namespace orx

@@ -5,9 +5,9 @@
 #include "base/assertion.h"
 #include "base/console.h"
 #include "base/textbuf.h"
+#include "base/textnumber.h"
 #include "record/zmfwriter.h"
 #include "runtime/clock.h"
-#include "server/core/sdp.h"
 #include "server/media/send.h"
 #include "server/core/settings.h"
 

@@ -7,9 +7,9 @@
 #include "base/console.h"
 #include "base/inifile.h"
 #include "base/textbuf.h"
+#include "base/textnumber.h"
 #include "server/methods/auth.h"
 #include "server/core/program.h"
-#include "server/core/sdp.h"
 #include "server/core/registry.h"
 #include "server/core/settings.h"
 

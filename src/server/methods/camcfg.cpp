@@ -7,8 +7,8 @@
 #include "base/avl.h"
 #include "base/inifile.h"
 #include "base/textbuf.h"
+#include "base/textnumber.h"
 #include "server/core/program.h"
-#include "server/core/sdp.h"
 #include "server/media/replies.h"
 
 namespace orx {

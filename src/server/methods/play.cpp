@@ -6,11 +6,11 @@
 
 #include "base/assertion.h"
 #include "base/textbuf.h"
+#include "base/textnumber.h"
 #include "runtime/clock.h"
 #include "server/media/distribute.h"
 #include "server/media/fileprogram.h"
 #include "server/media/filesend.h"
-#include "server/core/sdp.h"
 #include "server/media/outqueue.h"
 #include "server/media/replies.h"
 #include "server/methods/options.h"

@@ -6,10 +6,10 @@
 
 #include "base/console.h"
 #include "base/textbuf.h"
+#include "base/textnumber.h"
 #include "server/methods/accounts.h"
 #include "server/methods/auth.h"
 #include "server/core/program.h"
-#include "server/core/sdp.h"
 #include "server/media/replies.h"
 #include "server/media/send.h"
 #include "server/core/registry.h"

@@ -4,7 +4,7 @@
 
 #include "base/assertion.h"
 #include "base/textbuf.h"
-#include "server/core/sdp.h"
+#include "base/textnumber.h"
 #include "server/core/settings.h"
 #include "server/media/recordcontrol.h"
 #include "server/media/replies.h"

@@ -7,8 +7,8 @@
 
 #include "base/assertion.h"
 #include "base/textbuf.h"
+#include "base/textnumber.h"
 #include "runtime/sockutil.h"
-#include "server/core/sdp.h"
 #include "server/media/replies.h"
 #include "server/core/registry.h"
 #include "server/core/settings.h"
