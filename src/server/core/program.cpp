@@ -9,6 +9,7 @@
 
 #include "base/console.h"
 #include "base/textbuf.h"
+#include "record/sdpreader.h"
 #include "runtime/clock.h"
 #include "server/core/registry.h"
 #include "server/core/settings.h"
@@ -168,16 +169,15 @@ const char *ProgramSdp(const Program *pProg)
     return pProg->pOps->pfnSdp(pProg);
 }
 
-// Copies what follows szTag up to the end of the line. Returns 1, or 0 with an empty buffer.
-static int CopyAttribute(const char *szSdp, const char *szTag, char *szOut, size_t nSize)
+// Copies what follows a tag in the description up to the end of the line. Returns 1, or 0 with an empty
+// buffer.
+static int CopyAttribute(const char *szSdp, std::string_view tag, char *szOut, size_t nSize)
 {
+    std::string_view value;
     szOut[0] = '\0';
-    const char *p = szSdp ? strstr(szSdp, szTag) : nullptr;
-    if (!p)
+    if (!szSdp || !SdpFind(szSdp, tag, SDP_ANYWHERE, &value))
         return 0;
-    p += strlen(szTag);
-    TextCopy(szOut, nSize, p);
-    szOut[strcspn(szOut, "\r\n")] = '\0';
+    TextCopy(szOut, nSize, SdpLine(value));
     return 1;
 }
 
@@ -192,12 +192,11 @@ int ProgramNames(const Program *pProg, char *szGroup, size_t nGroup, char *szNic
 int ProgramPassword(const Program *pProg, char *szOut)
 {
     constexpr size_t kPasswordBytes = 32;
-    constexpr char kTag[] = "a=ProgramAuth:";
+    std::string_view value;
     const char *szSdp = ProgramSdp(pProg);
-    const char *p = szSdp ? strstr(szSdp, kTag) : nullptr;
-    if (!p)
+    if (!szSdp || !SdpFind(szSdp, "a=ProgramAuth:", SDP_ANYWHERE, &value))
         return 0;
-    TextCopy(szOut, kPasswordBytes + 1, p + strlen(kTag));
+    TextCopy(szOut, kPasswordBytes + 1, value);  // of that many characters, whatever ends its line
     return 1;
 }
 

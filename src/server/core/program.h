@@ -6,6 +6,7 @@
 
 #include "base/linkedlist.h"
 #include "base/mediatype.h"
+#include "record/keyframe.h"
 #include "server/core/session.h"
 
 namespace orx {
@@ -44,9 +45,6 @@ struct ProgramOps {
     void (*pfnStop)(Program *pProg);              // nothing more comes: closes what reads or records it
 };
 
-// Says whether a '$' frame (prefix included, at least prefix and RTP header) starts a key frame.
-using KeyFrameProc = int (*)(Program *pProg, const uint8_t *pFrame, uint32_t nLen);
-
 struct Program {
     ListNode node;  // first: the program list maps an item to itself
     const ProgramOps *pOps = nullptr;
@@ -76,12 +74,10 @@ struct Program {
     uint32_t tBorn = 0;            // uptime at creation
     uint32_t nBornMs = 0;          // ClockMs() then
     int bSleeping = 0;
-    KeyFrameProc pfnIsKeyFrame = nullptr;
-    int bKeySeen = 0;            // a packet of time stamp nKeyTime carried the key flag
-    uint32_t nKeyTime = 0;       // RTP time stamp
-    int bAfterMarker = 1;        // the last video packet ended a frame
-    List players;                // attached sessions that are not the pusher, in order of creation
-    Session *pPusher = nullptr;  // not owned; null once the pusher has gone, and for recordings
+    KeyFrameProc pfnIsKeyFrame = nullptr;  // of the video track; null without video
+    KeyWatch keyWatch;                     // what it remembers of that track
+    List players;                          // attached sessions that are not the pusher, in order of creation
+    Session *pPusher = nullptr;            // not owned; null once the pusher has gone, and for recordings
     Retired retired;
 };
 

@@ -50,6 +50,15 @@ static int MediaTime(MediaInfo *pInfo, uint32_t nRtpTime, uint32_t *pMs)
     return 1;
 }
 
+// Says whether a '$' frame of the program's video track starts a key frame.
+static int IsKeyFrame(Program *pProg, const uint8_t *pFrame, uint32_t nBytes)
+{
+    RtpPacket packet;
+    return pProg->pfnIsKeyFrame &&
+           RtpPacketParse(pFrame + kInterleaveBytes, nBytes - kInterleaveBytes, &packet) &&
+           pProg->pfnIsKeyFrame(&pProg->keyWatch, &packet);
+}
+
 int FeedProgram(Session *pSession, unsigned nTrack, const uint8_t *pFrame, uint32_t nBytes)
 {
     Program *pProg = pSession->pProg;
@@ -62,7 +71,7 @@ int FeedProgram(Session *pSession, unsigned nTrack, const uint8_t *pFrame, uint3
     if (!MediaTime(&pProg->mediaInfos[nTrack], GetBe(pFrame + 8, 4), &nTime))
         return 0;
     int bVideo = static_cast<int>(nTrack) == pProg->nVideoTrack;
-    int bKey = bVideo && pProg->pfnIsKeyFrame && pProg->pfnIsKeyFrame(pProg, pFrame, nBytes);
+    int bKey = bVideo && IsKeyFrame(pProg, pFrame, nBytes);
     DataBlock *pBlock = MakeDataBlock(pFrame, nBytes, 1, bVideo, bKey);
     if (!pBlock) {
         print("MakeDataBlock() failed and Destroy the Session!\r\n");

@@ -4,7 +4,6 @@
 
 #include "runtime/clock.h"
 #include "server/core/sdp.h"
-#include "server/media/keyframe.h"
 #include "server/media/recordcontrol.h"
 
 namespace orx {
@@ -28,11 +27,8 @@ Program *CreateLiveProgram(const char *szPath, const char *szSdp, size_t nSdp)
     pProg->bLive = 1;
     pProg->tIdleSince = ClockUptime();
     pProg->szSdp = strdup(szSdp);
-    if (pProg->szSdp && SdpParse(pProg, szSdp, 1, 0)) {
-        pProg->pfnIsKeyFrame = KeyFrameSelect(pProg);
-        if (ProgramReady(pProg))
-            return pProg;
-    }
+    if (pProg->szSdp && SdpParse(pProg, szSdp, 1, 0) && ProgramReady(pProg))
+        return pProg;
     ProgramDiscard(pProg);
     return nullptr;
 }
