@@ -72,18 +72,16 @@ static std::string_view TakeWord(std::string_view *pText, std::string_view blank
     return word;
 }
 
-// Takes a decimal number off the front; the rest of its word stays. Empty when there is none.
-static std::string_view TakeNumber(std::string_view *pText, std::string_view blanks)
+// Takes a decimal number off the front; the rest of its word stays. Returns 1, or 0 without one.
+static int TakeNumber(std::string_view *pText, std::string_view blanks)
 {
     size_t nStart = std::min(pText->find_first_not_of(blanks), pText->size());
     int bSign = nStart < pText->size() && ((*pText)[nStart] == '-' || (*pText)[nStart] == '+');
     size_t nDigits = nStart + static_cast<size_t>(bSign);
     if (!IsDigit(*pText, nDigits))
-        return {};
-    size_t nEnd = std::min(pText->find_first_not_of(kDigits, nDigits), pText->size());
-    std::string_view number = pText->substr(nStart, nEnd - nStart);
-    pText->remove_prefix(nEnd);
-    return number;
+        return 0;
+    pText->remove_prefix(std::min(pText->find_first_not_of(kDigits, nDigits), pText->size()));
+    return 1;
 }
 
 int SdpReadMedia(std::string_view text, SdpMediaForm nForm, SdpMedia *pOut)
@@ -94,10 +92,9 @@ int SdpReadMedia(std::string_view text, SdpMediaForm nForm, SdpMedia *pOut)
         text = SdpLine(text);
     text.remove_prefix(strlen("m="));
     pOut->media = TakeWord(&text, blanks);
-    pOut->port = bScan ? TakeNumber(&text, blanks) : TakeWord(&text, blanks);
-    if (pOut->port.empty())
+    if (bScan ? !TakeNumber(&text, blanks) : TakeWord(&text, blanks).empty())
         return 0;
-    pOut->protocol = TakeWord(&text, blanks);
+    TakeWord(&text, blanks);  // the protocol
     pOut->format = TakeWord(&text, blanks);
     return !pOut->format.empty();
 }

@@ -37,11 +37,9 @@ SdpWalk SdpSections(std::string_view sdp, SdpPlace nPlace);
 // Steps to the next section. Returns 1, or 0 behind the last.
 int SdpNextSection(SdpWalk *pWalk, SdpSection *pOut);
 
-// "m=<media> <port> <protocol> <format> ...".
+// What is used of "m=<media> <port> <protocol> <format> ...".
 struct SdpMedia {
     std::string_view media;
-    std::string_view port;
-    std::string_view protocol;
     std::string_view format;  // the first: the payload type
 };
 enum SdpMediaForm {
