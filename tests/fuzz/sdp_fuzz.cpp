@@ -38,12 +38,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
     std::string text(reinterpret_cast<const char *>(pData), nBytes);
     Record(text);
     for (int bLive = 0; bLive < 2; bLive++) {
-        Program prog;
-        if (!SdpParse(&prog, text.c_str(), bLive, 0))
+        Description desc;
+        if (!SdpParse(&desc, text.c_str(), bLive, 0))
             continue;
-        ORX_ASSERT(prog.nTrackCount >= 1 && prog.nTrackCount <= kMaxMediaInfos, "one to four tracks");
-        for (int i = 0; i < prog.nTrackCount; i++)
-            CheckTrack(&prog.mediaInfos[i], i);
+        ORX_ASSERT(desc.nTrackCount >= 1 && desc.nTrackCount <= kMaxMediaInfos, "one to four tracks");
+        for (int i = 0; i < desc.nTrackCount; i++)
+            CheckTrack(&desc.mediaInfos[i], i);
     }
     return 0;
 }

@@ -33,10 +33,10 @@ Program *ProgramNew(const char *szPath, const ProgramOps *pOps)
     ListInit(&pProg->players, pProg);
     ListUsedDefMap(&pProg->players, 1);  // a session's second node
     ListDataProc(&pProg->players, nullptr, ComparePlayers);
-    BlockListInit(&pProg->Pktq, pProg);
+    BlockListInit(&pProg->cache.Pktq, pProg);
     pProg->tBorn = ClockUptime();
     pProg->nBornMs = ClockMs();
-    pProg->nCacheLimit = g_settings.nCacheSeconds * 1000;
+    pProg->cache.nCacheLimit = g_settings.nCacheSeconds * 1000;
     pProg->Uri = strdup(szPath);
     if (pProg->Uri)
         return pProg;
@@ -47,11 +47,11 @@ Program *ProgramNew(const char *szPath, const ProgramOps *pOps)
 static void ProgramFree(void *pRecord)
 {
     auto *pProg = static_cast<Program *>(pRecord);
-    free(pProg->szSdp);
+    free(pProg->desc.szSdp);
     free(pProg->Uri);
-    free(pProg->szCamCfg);
-    free(pProg->szAccounts);
-    ListEmpty(&pProg->Pktq);
+    free(pProg->camera.szCamCfg);
+    free(pProg->camera.szAccounts);
+    ListEmpty(&pProg->cache.Pktq);
     delete pProg;
 }
 
@@ -126,7 +126,7 @@ void ProgramDetach(Session *pSession)
     if (pProg->nRefs == 0)
         ProgramEnd(pProg);
     else if (pProg->nRefs == 1 && pProg->pPusher)
-        pProg->tIdleSince = ClockUptime();
+        pProg->sleep.tIdleSince = ClockUptime();
 }
 
 void ProgramCallHook(const Program *pProg, const char *szRemote, int bUp)
@@ -159,9 +159,9 @@ void ProgramEndAll()
 
 void ProgramClearCache(Program *pProg)
 {
-    ListEmpty(&pProg->Pktq);
-    pProg->pCacheCursor = nullptr;
-    pProg->nKeptKeys = 0;
+    ListEmpty(&pProg->cache.Pktq);
+    pProg->cache.pCacheCursor = nullptr;
+    pProg->cache.nKeptKeys = 0;
 }
 
 const char *ProgramSdp(const Program *pProg)

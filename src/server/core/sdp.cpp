@@ -11,18 +11,18 @@ namespace orx {
 constexpr uint32_t kVideoSampleBits = 10000;
 
 // Enters the kind of section i. Returns 0 for one that is not to be counted.
-static int EnterKind(Program *pProg, int i, std::string_view media)
+static int EnterKind(Description *pDesc, int i, std::string_view media)
 {
-    MediaInfo *pInfo = &pProg->mediaInfos[i];
+    MediaInfo *pInfo = &pDesc->mediaInfos[i];
     pInfo->nMediaType = SdpMediaKind(media);
     if (pInfo->nMediaType == MEDIA_AUDIO_OTHER) {
         pInfo->nSampleBits = 16;
-        pProg->nAudioTrack = i;
+        pDesc->nAudioTrack = i;
     } else if (pInfo->nMediaType == MEDIA_VIDEO_OTHER) {
         pInfo->nSampleBits = kVideoSampleBits;
-        pProg->nVideoTrack = i;
+        pDesc->nVideoTrack = i;
     } else if (pInfo->nMediaType == MEDIA_DATA) {
-        pProg->nDataTrack = i;
+        pDesc->nDataTrack = i;
     }
     return pInfo->nMediaType != 0;
 }
@@ -100,35 +100,35 @@ static int ReadAttributes(MediaInfo *pInfo, int i, const SdpSection &section)
 }
 
 // The last track with a video code decides.
-static KeyFrameProc ChooseKeyTest(const Program *pProg)
+static KeyFrameProc ChooseKeyTest(const Description *pDesc)
 {
     KeyFrameProc pfnIsKey = nullptr;
-    for (int i = 0; i < pProg->nTrackCount; i++)
-        if (uint32_t nVideo = pProg->mediaInfos[i].nMediaType & MEDIA_VIDEO_MASK)
+    for (int i = 0; i < pDesc->nTrackCount; i++)
+        if (uint32_t nVideo = pDesc->mediaInfos[i].nMediaType & MEDIA_VIDEO_MASK)
             pfnIsKey = CodecByType(nVideo)->pfnIsKey;
     return pfnIsKey;
 }
 
-int SdpParse(Program *pProg, const char *szSdp, int bLive, uint32_t nDurationMs)
+int SdpParse(Description *pDesc, const char *szSdp, int bLive, uint32_t nDurationMs)
 {
     uint32_t nDuration = 0;
     if (!bLive)
         nDuration = nDurationMs ? nDurationMs : SdpRangeEndMs(szSdp);
-    pProg->nTrackCount = 0;
+    pDesc->nTrackCount = 0;
     SdpWalk walk = SdpSections(szSdp, SDP_LINE_OR_CR);
     SdpSection section;
-    while (pProg->nTrackCount < kMaxMediaInfos && SdpNextSection(&walk, &section)) {
+    while (pDesc->nTrackCount < kMaxMediaInfos && SdpNextSection(&walk, &section)) {
         SdpMedia media;
         if (!SdpReadMedia(section.rest, SDP_MEDIA_SCAN, &media)) {
             print("bad SDP:\r\n%s\r\n", szSdp);
             break;
         }
-        int i = pProg->nTrackCount;
-        MediaInfo *pInfo = &pProg->mediaInfos[i];
+        int i = pDesc->nTrackCount;
+        MediaInfo *pInfo = &pDesc->mediaInfos[i];
         *pInfo = MediaInfo();
         pInfo->nRtpChannel = static_cast<uint8_t>(2 * i);
         pInfo->nRtcpChannel = static_cast<uint8_t>(2 * i + 1);
-        if (!EnterKind(pProg, i, media.media)) {
+        if (!EnterKind(pDesc, i, media.media)) {
             print("ignore unknown media \"%.*s\"\n", static_cast<int>(media.media.size()),
                   media.media.data());
             continue;
@@ -136,10 +136,10 @@ int SdpParse(Program *pProg, const char *szSdp, int bLive, uint32_t nDurationMs)
         pInfo->nDuration = nDuration;
         if (!ReadAttributes(pInfo, i, section))
             return 0;
-        pProg->nTrackCount++;
+        pDesc->nTrackCount++;
     }
-    pProg->pfnIsKeyFrame = ChooseKeyTest(pProg);
-    return pProg->nTrackCount != 0;
+    pDesc->pfnIsKeyFrame = ChooseKeyTest(pDesc);
+    return pDesc->nTrackCount != 0;
 }
 
 }  // namespace orx

@@ -5,9 +5,9 @@
 
 namespace orx {
 
-// Fills the track count, indices and mediaInfos of *pProg from the text, and chooses its key-frame test.
+// Fills the track count, indices and mediaInfos of *pDesc from the text, and chooses its key-frame test.
 // nDurationMs is a recording's length, 0 when unknown (its range line is then looked at) and for live.
 // Returns 1 when at least one track was described.
-int SdpParse(Program *pProg, const char *szSdp, int bLive, uint32_t nDurationMs);
+int SdpParse(Description *pDesc, const char *szSdp, int bLive, uint32_t nDurationMs);
 
 }  // namespace orx

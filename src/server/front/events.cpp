@@ -210,7 +210,7 @@ static ssize_t Receive(const Session *pSession, const Port *pPort, char *pText, 
 // A pusher that was told to sleep has nothing to send.
 static int MayBeSilent(const Session *pSession)
 {
-    return (pSession->nFlags & SESSION_PUSHER) && pSession->pProg && pSession->pProg->bSleeping;
+    return (pSession->nFlags & SESSION_PUSHER) && pSession->pProg && pSession->pProg->sleep.bSleeping;
 }
 
 static int ReadTcp(Session *pSession, Port *pPort)

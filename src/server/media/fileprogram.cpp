@@ -45,7 +45,7 @@ static int OpenReader(Program *pProg, const char *szFile)
     if (!pProg->reader)
         return 0;
     const char *szSdp = FileSdp(pProg);
-    return szSdp && SdpParse(pProg, szSdp, 0, FileProgramDuration(pProg));
+    return szSdp && SdpParse(&pProg->desc, szSdp, 0, FileProgramDuration(pProg));
 }
 
 Program *CreateFileProgram(const char *szPath)

@@ -50,12 +50,12 @@ static void PackRecord(Session *pSession, const uint8_t *pRecord, uint32_t nByte
     uint32_t nLen = nBytes - kZmfRecordHeadBytes;
     int nPackets = 0;
     if (head.chMedia == 'v')
-        nPackets = PackMedia(pSession, pProg->nVideoTrack, pData, nLen, head.nTimeMs);
+        nPackets = PackMedia(pSession, pProg->desc.nVideoTrack, pData, nLen, head.nTimeMs);
     else if (head.chMedia == 'a')
-        nPackets = PackMedia(pSession, pProg->nAudioTrack, pData, nLen, head.nTimeMs);
+        nPackets = PackMedia(pSession, pProg->desc.nAudioTrack, pData, nLen, head.nTimeMs);
     else
-        nPackets = PackData(pSession, pProg->nDataTrack, pData, nLen, head.nTimeMs);
-    pProg->nSerial += static_cast<uint32_t>(nPackets);
+        nPackets = PackData(pSession, pProg->desc.nDataTrack, pData, nLen, head.nTimeMs);
+    pProg->cache.nSerial += static_cast<uint32_t>(nPackets);
 }
 
 // The recording is at its end: nothing more is read until the player seeks.

@@ -12,7 +12,7 @@ constexpr size_t kMaxDescription = 4000;  // characters that a description stays
 
 static const char *LiveSdp(const Program *pProg)
 {
-    return pProg->szSdp;
+    return pProg->desc.szSdp;
 }
 
 static const ProgramOps g_liveOps = {LiveSdp, nullptr, RecordersClose};
@@ -25,9 +25,9 @@ Program *CreateLiveProgram(const char *szPath, const char *szSdp, size_t nSdp)
     if (!pProg)
         return nullptr;
     pProg->bLive = 1;
-    pProg->tIdleSince = ClockUptime();
-    pProg->szSdp = strdup(szSdp);
-    if (pProg->szSdp && SdpParse(pProg, szSdp, 1, 0) && ProgramReady(pProg))
+    pProg->sleep.tIdleSince = ClockUptime();
+    pProg->desc.szSdp = strdup(szSdp);
+    if (pProg->desc.szSdp && SdpParse(&pProg->desc, szSdp, 1, 0) && ProgramReady(pProg))
         return pProg;
     ProgramDiscard(pProg);
     return nullptr;

@@ -15,7 +15,7 @@ static constexpr uint32_t kCatchUpSpeed = 4;  // times real time, of a start ove
 static int CatchesUp(const Session *pSession)
 {
     return pSession->output.nStartBlocks > 0 && !pSession->out.bInterleaved &&
-           ClockMs() - pSession->play.nPlayClock < pSession->pProg->nCacheLimit;
+           ClockMs() - pSession->play.nPlayClock < pSession->pProg->cache.nCacheLimit;
 }
 
 Pace PaceOf(const Session *pSession)

@@ -126,8 +126,8 @@ int GetUserAccount(void *, const char *szUrl, const char *szUser, char *szPasswo
         print("GetUserAccount() failed! No corresponding Program found!\r\n");
         return 0;
     }
-    if (!g_settings.bControlUsers && pProg->szAccounts)
-        return FindAccountIn(pProg->szAccounts, pProg, szUser, szPassword, pLevel);
+    if (!g_settings.bControlUsers && pProg->camera.szAccounts)
+        return FindAccountIn(pProg->camera.szAccounts, pProg, szUser, szPassword, pLevel);
     Profile *pStore = ProfileInit(g_settings.szConfigPath);
     int nResult = FindAccountIn(pStore ? pStore->text : "", pProg, szUser, szPassword, pLevel);
     ProfileFree(pStore);

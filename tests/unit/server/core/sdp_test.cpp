@@ -12,7 +12,7 @@ constexpr char kHead[] = "v=0\r\no=- 0 0 IN IP4 127.0.0.1\r\ns=live\r\nt=0 0\r\n
 constexpr char kVideo[] = "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:trackID=0\r\n";
 constexpr char kAudio[] = "m=audio 0 RTP/AVP 97\r\na=rtpmap:97 AMR/8000/1\r\na=control:trackID=1\r\n";
 
-struct Parsed : Program {
+struct Parsed : Description {
     int nResult;
     explicit Parsed(const std::string &sdp, int bLive = 1, uint32_t nDurationMs = 0)
         : nResult(SdpParse(this, sdp.c_str(), bLive, nDurationMs))
