@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -40,9 +41,7 @@ TEST(WifiReduce, OneLineForANetwork)
 {
     // what a line of 127 characters has room for behind its indentation, the mark and the quote
     const size_t nFits = 127 - strlen("    ESSID:\"");
-    const struct {
-        std::string raw, lines;
-    } cases[] = {
+    const std::pair<std::string, std::string> cases[] = {
         {Cell("\"cafe\"", kSignal, "off"), "cafe [00:1A] 70/70 OPEN\n"},
         {Cell("\"cafe\"", kSignal, "on"), "cafe [00:1A] 70/70 WEP\n"},
         {Cell("\"cafe\"", kSignal, "on", kWpa), "cafe [00:1A] 70/70 WPA\n"},
@@ -63,8 +62,8 @@ TEST(WifiReduce, OneLineForANetwork)
         {Cell("\"" + std::string(nFits, 'n') + "key:off\"", kSignal, "on"),
          std::string(nFits - 1, 'n') + " [00:1A] 70/70 WEP\n"},
     };
-    for (const auto &c : cases)
-        EXPECT_EQ(c.lines + "\r\n\r\n", Reduce(kTitle + c.raw)) << c.raw;
+    for (const auto &[raw, lines] : cases)
+        EXPECT_EQ(lines + "\r\n\r\n", Reduce(kTitle + raw)) << raw;
 }
 
 // The stand-in for the scanning tool, first in PATH, prints the file "text" after what it is given to do.
@@ -99,7 +98,7 @@ TEST_F(WifiScanTest, TheInterfaceIsOneArgument)
 {
     Tool("for word in \"$@\"; do echo \"<$word>\"; done > args");
     for (const char *szName :
-         {"", "wlan0; touch shell", "$(touch shell)`touch shell`", "a b\n'\"%s&", "wlan0 scan > shell #"}) {
+         {"", "wlan0; touch shell", "$(touch shell)`touch shell`", "a b\n'\"%s& > shell #"}) {
         EXPECT_EQ(kList, Scan(szName)) << szName;
         EXPECT_EQ("<" + std::string(szName) + ">\n<scan>\n", ReadFile(dir.File("args")));
     }
