@@ -7,13 +7,14 @@
 
 #include <gtest/gtest.h>
 
-#include "base/bytes.h"
 #include "base/mediatype.h"
+#include "record/codec.h"
 #include "record/rtphelp.h"
 #include "record/zmfreader.h"
 #include "record/zmfwriter.h"
 #include "support/files.h"
 #include "support/output.h"
+#include "support/rtp.h"
 
 namespace orx {
 
@@ -30,33 +31,15 @@ inline uint32_t Size(const std::string &text)
     return static_cast<uint32_t>(text.size());
 }
 
-inline std::string Be(uint32_t nValue, size_t nBytes)
-{
-    uint8_t bytes[4];
-    PutBe(bytes, nBytes, nValue);
-    return Text(bytes, nBytes);
-}
-
-// nBytes that differ from place to place and with the seed.
-inline std::string Noise(size_t nBytes, uint32_t nSeed)
-{
-    std::string out(nBytes, '\0');
-    for (char &c : out) {
-        nSeed = nSeed * 1664525 + 1013904223;
-        c = static_cast<char>(nSeed >> 24);
-    }
-    return out;
-}
-
 inline std::string Rtp(uint16_t nSeq, uint32_t nTime, bool bMarker, const std::string &payload)
 {
-    return (bMarker ? "\x80\xE0" : "\x80\x60") + Be(nSeq, 2) + Be(nTime, 4) + Be(0x11223344, 4) + payload;
+    return MakeRtp({96, nSeq, nTime, bMarker}, payload);
 }
 
 // A NAL unit of a type; slices begin with the macroblock number 0.
 inline std::string Nal(int nType, size_t nBytes, uint32_t nSeed)
 {
-    std::string unit = Noise(nBytes, nSeed);
+    std::string unit = Pattern(nBytes, nSeed);
     unit[0] = static_cast<char>(0x60 | nType);
     if (nBytes > 1)
         unit[1] = static_cast<char>(unit[1] | 0x80);
@@ -107,8 +90,7 @@ struct Reader {
 
     explicit Reader(const std::string &path) : p(ZMFReaderOpen(path.c_str(), 204800)) {}
     ~Reader() { ZMFReaderClose(p); }
-    Reader(const Reader &) = delete;
-    Reader &operator=(const Reader &) = delete;
+    Reader &operator=(Reader &&) = delete;
 
     // Every sample from where it is; how the file ends goes into *pnEnd.
     std::vector<Sample> ReadOn(int *pnEnd) const
@@ -141,8 +123,7 @@ struct Recorder {
         EXPECT_EQ(1, ZMFWriterWriteHead(pWriter));
     }
     ~Recorder() { ZMFWriterFree(pWriter); }
-    Recorder(const Recorder &) = delete;
-    Recorder &operator=(const Recorder &) = delete;
+    Recorder &operator=(Recorder &&) = delete;
 
     int Put(char chMedia, uint8_t nFlags, uint32_t nTimeMs, const std::string &data) const
     {
@@ -182,10 +163,8 @@ struct Player {
         out.tracks[0] = &track;
     }
     ~Player() { ListEmpty(&out.Outq); }
-    Player(const Player &) = delete;
-    Player &operator=(const Player &) = delete;
+    Player &operator=(Player &&) = delete;
 
-    using PackProc = int (*)(RtpOut *, const uint8_t *, uint32_t, uint32_t, int);
     int Pack(PackProc pfn, const std::string &sample, uint32_t nTimeMs = 0)
     {
         std::vector<uint8_t> exact(sample.begin(), sample.end());  // so that a step past its end is seen
@@ -194,7 +173,6 @@ struct Player {
 
     struct Packet {
         int bKey;
-        uint32_t nTimeMs;
         std::string data;
         bool Marker() const { return data[1] & 0x80; }
         std::string Payload() const { return data.substr(12); }
@@ -204,8 +182,7 @@ struct Player {
         std::vector<Packet> packets;
         for (ListNode *p = out.Outq.pFirst; p; p = p->pNext) {
             auto *pBlock = reinterpret_cast<DataBlock *>(p);
-            packets.push_back(
-                {(pBlock->nFlags & DB_KEY) != 0, pBlock->nTimestamp, Text(BlockData(pBlock), pBlock->len)});
+            packets.push_back({(pBlock->nFlags & DB_KEY) != 0, Text(BlockData(pBlock), pBlock->len)});
         }
         return packets;
     }
