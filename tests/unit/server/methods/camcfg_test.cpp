@@ -1,6 +1,7 @@
 // What a viewer is shown of a camera's configuration, and which part of it are accounts.
 #include "server/methods/camcfg.h"
 
+#include <array>
 #include <cstdlib>
 #include <string>
 
@@ -23,10 +24,7 @@ std::string Filtered(const std::string &text, const char *szUser = "bob")
 
 TEST(CamCfg, ShowsAViewerOnlyItsOwn)
 {
-    static const struct {
-        const char *szName;
-        std::string text, shown;
-    } cases[] = {
+    static const std::array<std::string, 3> cases[] = {
         {"nothing to hide", "[VIDEO]\r\nSize=1\r\n", "[VIDEO]\r\nSize=1\r\n"},
         {"the super user", "[USERS]\nSuperUser=a\nSuperPwd=b\nNumUsers=0\n[X]\nSuperPwd=kept\n",
          "[USERS]\nNumUsers=0\n[X]\nSuperPwd=kept\n"},
@@ -46,8 +44,8 @@ TEST(CamCfg, ShowsAViewerOnlyItsOwn)
         {"whole sections", "a=1\n[SMTP]\nPwd=x\n\n[A]\nb=[SMTP]\n[SEND2FTP]\nc=2\n[SMTP2]\nd=3\n[SMTP]\ne=4",
          "a=1\n[A]\nb=[SMTP]\n[SMTP2]\nd=3\n"},
     };
-    for (const auto &c : cases)
-        EXPECT_EQ(c.shown, Filtered(c.text)) << c.szName;
+    for (const auto &[name, text, shown] : cases)
+        EXPECT_EQ(shown, Filtered(text)) << name;
     EXPECT_EQ("[USERS]\nNumUsers=1\n", Filtered("[USERS]\nNumUsers=1\nUserName0=\nUserPwd0=p\n", ""))
         << "nobody has no name";
 }
