@@ -28,6 +28,11 @@ static const char g_sdp[] =
     "m=audio 0 RTP/AVP 8\r\na=rtpmap:8 PCMA/8000/1\r\na=control:trackID=1\r\n"
     "m=data 0 RTP/AVP 98\r\na=rtpmap:98 event/1000\r\na=control:trackID=2\r\n";
 
+static const std::string g_post =
+    "POST /cam HTTP/1.0\r\nx-sessioncookie: C\r\nContent-Type: "
+    "application/x-rtsp-tunnelled\r\nContent-Length: "
+    "32767\r\n\r\n";
+
 // One connection as the server has it.
 struct Connection {
     TcpPair pair;
@@ -65,40 +70,22 @@ struct Connection {
     int Send(const std::string &text) { return Send(text.data(), text.size()); }
 };
 
-static std::string MakeRequest(const char *szMethod, int nCSeq, const char *szHeaders,
+static std::string MakeRequest(const char *szMethod, int nCSeq, const char *szHeaders = "",
                                const std::string &body = "")
 {
-    return std::string(szMethod) + " rtsp://h/cam/trackID=" + std::to_string(nCSeq % 10) +
+    return std::string(szMethod) + " rtsp://h/cam" +
+           (nCSeq < 10 ? "" : "/trackID=" + std::to_string(nCSeq % 10)) +
            " RTSP/1.0\r\nCSeq: " + std::to_string(nCSeq) + "\r\n" + szHeaders +
            (body.empty() ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n") + "\r\n" + body;
 }
 
-static void StartPusher(Connection *pPusher)
+// A pusher or player of so many tracks, from its first request on.
+static void Start(Connection *pConnection, const std::string &request, int nTracks)
 {
-    std::string path = "ANNOUNCE rtsp://h/cam RTSP/1.0\r\nCSeq: 1\r\nContent-Type: application/sdp\r\n";
-    std::string sdp = g_sdp;
-    ORX_ASSERT(pPusher->Send(path + "Content-Length: " + std::to_string(sdp.size()) + "\r\n\r\n" + sdp),
-               "announced");
-    for (int i = 0; i < 3; i++)
-        pPusher->Send(MakeRequest("SETUP", 10 + i, "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n"));
-    ORX_ASSERT(pPusher->Send(MakeRequest("PLAY", 20, "")), "pushing");
-}
-
-static void StartPlayer(Connection *pPlayer)
-{
-    pPlayer->Send("DESCRIBE rtsp://h/cam RTSP/1.0\r\nCSeq: 1\r\n\r\n");
-    for (int i = 0; i < 2; i++)
-        pPlayer->Send(MakeRequest("SETUP", 10 + i, "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n"));
-    ORX_ASSERT(pPlayer->Send(MakeRequest("PLAY", 20, "")), "playing");
-}
-
-static void StartTunnel(Connection *pGet, Connection *pPost)
-{
-    pGet->Send("GET /cam HTTP/1.0\r\nx-sessioncookie: c\r\n\r\n");
-    if (pPost)
-        ORX_ASSERT(pPost->Send("POST /cam HTTP/1.0\r\nx-sessioncookie: C\r\nContent-Type: "
-                               "application/x-rtsp-tunnelled\r\nContent-Length: 32767\r\n\r\n"),
-                   "paired");
+    pConnection->Send(request);
+    for (int i = 0; i < nTracks; i++)
+        pConnection->Send(MakeRequest("SETUP", 10 + i, "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n"));
+    ORX_ASSERT(pConnection->Send(MakeRequest("PLAY", 20)), "it plays");
 }
 
 struct Plan {
@@ -147,10 +134,10 @@ static void SetUp(Cast *pCast, Plan *pPlan)
 {
     char c = pPlan->cWho;
     g_server.bStandardPushers = c == 'P';
-    StartPusher(&pCast->pusher);
+    Start(&pCast->pusher, MakeRequest("ANNOUNCE", 1, "Content-Type: application/sdp\r\n", g_sdp), 3);
     if (c == 'p' || c == 'P' || c == 'v') {
         pCast->player = std::make_unique<Connection>();
-        StartPlayer(pCast->player.get());
+        Start(pCast->player.get(), MakeRequest("DESCRIBE", 1), 2);
         pCast->pSender = c == 'v' ? pCast->player.get() : &pCast->pusher;
         return;
     }
@@ -158,7 +145,9 @@ static void SetUp(Cast *pCast, Plan *pPlan)
         pCast->subject = std::make_unique<Connection>();
     if (c == 't' || c == 'T' || c == 'g' || c == 'h') {
         pCast->get = std::make_unique<Connection>();
-        StartTunnel(pCast->get.get(), c == 't' || c == 'T' ? pCast->subject.get() : nullptr);
+        pCast->get->Send("GET /cam HTTP/1.0\r\nx-sessioncookie: c\r\n\r\n");
+        int bPaired = c == 't' || c == 'T';
+        ORX_ASSERT(!bPaired || pCast->subject->Send(g_post), "paired");
         pCast->pSecond = c == 'T' ? pCast->get.get() : nullptr;
     }
     if (c == 'h') {
