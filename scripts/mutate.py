@@ -8,6 +8,7 @@ noticed, 1 some were not, 2 the table does not fit the sources or the tests fail
 """
 import argparse
 import configparser
+import os
 import pathlib
 import re
 import signal
@@ -18,6 +19,7 @@ import time
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 TREE = ROOT / "build" / "release"
 TABLE = ROOT / "tests" / "mutations" / "faults.ini"
+LONGEST = 600  # seconds of one command
 
 
 def read_table():
@@ -54,16 +56,26 @@ def targets(fault, tests):
 
 
 def run(command, log):
+    """Whether the command ends in time, and well."""
     log.write("+ %s\n" % " ".join(map(str, command)))
     log.flush()
-    return subprocess.run(command, stdout=log, stderr=log, stdin=subprocess.DEVNULL).returncode == 0
+    process = subprocess.Popen(command, stdout=log, stderr=log, stdin=subprocess.DEVNULL, start_new_session=True)
+    try:
+        return process.wait(LONGEST) == 0
+    except BaseException as reason:  # a broken program may run in circles: it is ended, with what tests it
+        os.killpg(process.pid, signal.SIGKILL)
+        process.wait()
+        if not isinstance(reason, subprocess.TimeoutExpired):
+            raise
+        return False
 
 
 def build_and_test(fault, tests, log):
     """Returns "pass", "FAIL" or "no build"."""
     if not run(["cmake", "--build", TREE, "-j2", "--target", *targets(fault, tests)], log):
         return "no build"
-    passed = run(["ctest", "--test-dir", TREE, "--no-tests=error", "-R", fault["tests"], "--output-on-failure"], log)
+    passed = run(["ctest", "--test-dir", TREE, "--no-tests=error", "-R", fault["tests"], "--output-on-failure",
+                  "--stop-on-failure"], log)
     return "pass" if passed else "FAIL"
 
 

@@ -14,6 +14,7 @@
 #include <string>
 #include <utility>
 
+#include "support/rtp.h"
 #include "support/wait.h"
 
 namespace orx {
@@ -141,17 +142,6 @@ struct Listener {
 inline int FreeTcpPort()
 {
     return Listener().nPort;
-}
-
-// Bytes in which a lost, doubled or moved piece shows.
-inline std::string Pattern(size_t nBytes, uint32_t nSeed)
-{
-    std::string data(nBytes, '\0');
-    for (char &c : data) {
-        nSeed = nSeed * 1664525u + 1013904223u;
-        c = static_cast<char>(nSeed >> 24);
-    }
-    return data;
 }
 
 }  // namespace orx

@@ -145,10 +145,8 @@ TEST_F(AnnounceTest, ServesStandardPushers)
               Ask(&pusher, "SETUP", "/cam/streamid=0",
                   "Transport: RTP/AVP/TCP;unicast;interleaved=0-1;mode=record\r\n"));
     EXPECT_THAT(Ask(&pusher, "RECORD"), kIsOk);
-    SendPictures(&pusher, 0, 1);
-    Deliver();
-    ASSERT_EQ(1, RtspOpenPlayer(&player, server.Url("/cam").c_str(), RTSP_OVER_TCP));
-    EXPECT_EQ(1, RtspWaitFrame(&player, 0, nullptr));
+    Connect(&player);
+    EXPECT_EQ(1, RtspDescribe(&player));
     Connect(&other);
     EXPECT_THAT(Ask(&other, "RECORD"), testing::StartsWith("RTSP/1.0 500")) << "not for others";
     EXPECT_EQ(Dated(), Ask(&pusher, "TEARDOWN"));

@@ -63,8 +63,9 @@ struct Viewer {
     int Prepare(const std::string &url);
     // PLAY, from where it is asked. Returns the reply.
     std::string Play(const std::string &range = "");
+    // Both. Returns 1 or 0.
+    int Open(const std::string &url);
     void Poll();  // takes what is there
-    void Forget();
     // What a decoder gets. A recording's time stamps begin at 0.
     MediaUnits Units(size_t nTrack, Codec codec) const;
     // Datagrams that the machine has dropped because the test did not read in time: nothing can be expected

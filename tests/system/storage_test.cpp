@@ -53,8 +53,7 @@ struct SmallDisk {
         server.emplace("EnableFilePrg=1\n[STORAGE]\nRecordEnable=1\nRecordPath=" + root + "\n" + storage);
         camera.nJpegBytes = 50000;  // and a little more
         ASSERT_EQ(1, camera.Open(server->Url("/cam")));
-        ASSERT_EQ(1, live.Prepare(server->Url("/cam")));
-        EXPECT_THAT(live.Play(), kIsOk);
+        ASSERT_EQ(1, live.Open(server->Url("/cam")));
     }
     // A file from before, the later in the calls the younger.
     void Make(const std::string &name, size_t nMegabytes) const
@@ -81,11 +80,11 @@ struct SmallDisk {
         server->MoveWallClock(nSeconds += 10);
     }
     // The files below the root with such names; those that are being written end with ".tm!".
-    std::vector<std::string> Files(const std::string &prefix, const std::string &suffix = "") const
+    std::vector<std::string> Files(const std::string &prefix = "", const std::string &suffix = "") const
     {
         std::vector<std::string> files = FilesBelow(root);
         std::erase_if(files, [&](const std::string &name) {
-            return name.compare(0, prefix.size(), prefix) != 0 || !testing::Value(name, EndsWith(suffix));
+            return !name.starts_with(prefix) || !name.ends_with(suffix);
         });
         return files;
     }
@@ -115,8 +114,7 @@ struct SmallDisk {
         MediaUnits played;
         for (const std::string &name : files) {
             Viewer viewer;
-            EXPECT_EQ(1, viewer.Prepare(server->Url("/" + name))) << name;
-            EXPECT_THAT(viewer.Play(), kIsOk);
+            EXPECT_EQ(1, viewer.Open(server->Url("/" + name))) << name;
             EXPECT_TRUE(WatchPictures({&viewer}, CountPictures(ReadFile(File(name))))) << name;
             for (MediaUnit &unit : viewer.Units(0, Codec::JPEG))
                 played.push_back(std::move(unit));
@@ -148,10 +146,9 @@ TEST(FullDisk, LosesTheOldestFirst)
                                                  "cam/20200103/M000001.zmf", "cam/20200105/S000000.zmf"};
         const std::vector<std::string> others = {"cam/20190101.bad/S000000.zmf", "cam/2019/S000000.zmf",
                                                  "cam/20200103/notes.txt", "other/20180101/S000000.zmf"};
-        for (const std::string &name : others)
-            pDisk->Make(name, 1);
-        for (const std::string &name : oldest)
-            pDisk->Make(name, 1);
+        for (const auto *pNames : {&others, &oldest})
+            for (const std::string &name : *pNames)
+                pDisk->Make(name, 1);
         pDisk->Start("MinutePerFile=1\n");
         EXPECT_EQ("200 OK", pDisk->camera.Record("EventType=1"));
         EXPECT_EQ(oldest.size(), pDisk->CountLeft(oldest)) << "there is room";
@@ -184,11 +181,11 @@ TEST(FullDisk, EndsRecordingsWhereNothingMayBeDeleted)
         EXPECT_EQ("200 OK", pDisk->camera.Record("EventType=1"));
         for (int i = 0; i < 5; i++)
             pDisk->SendMegabyte();
-        std::vector<std::string> files = pDisk->Files("");
+        std::vector<std::string> files = pDisk->Files();
         EXPECT_THAT(files, ElementsAre("cam/20200101/S000000.zmf", EndsWith(".zmf")));
         EXPECT_EQ(kNoSpace, pDisk->camera.Record("EventType=1"));
         EXPECT_EQ(kNoSpace, pDisk->camera.Record("EventType=2&FileName=" + pDisk->File("x.zmf")));
-        EXPECT_EQ(files, pDisk->Files(""));
+        EXPECT_EQ(files, pDisk->Files());
         pDisk->ExpectWatched();
         std::filesystem::remove(pDisk->File(files[0]));
         EXPECT_EQ("200 OK", pDisk->camera.Record("EventType=1"));
@@ -206,7 +203,7 @@ TEST(FullDisk, LeavesWholeRecords)
         for (int i = 0; i < 4; i++)
             pDisk->SendMegabyte();
         EXPECT_EQ(0U, pDisk->FreeMegabytes());
-        EXPECT_THAT(pDisk->Files(""), ElementsAre("a.zmf", "filler"));
+        EXPECT_THAT(pDisk->Files(), ElementsAre("a.zmf", "filler"));
         // its header does not claim what was lost: a reader counts for itself
         std::string file = ReadFile(pDisk->File("a.zmf"));
         EXPECT_EQ(0U, GetBe(file.data() + 40, 4));
@@ -235,7 +232,6 @@ TEST_F(PowerCutTest, KeepsWhatWasWritten)
     ASSERT_NO_FATAL_FAILURE(Record(&before, "before.zmf", 30));
     WriteFile(File("named.zmf.tm!"), std::string(kWorth, 'x'));
     WriteFile(File("small.zmf.tm!"), std::string(kWorth - 1, 'x'));
-    WriteFile(File("notes.tm"), "x");
     size_t nKept = 0;
     for (int nRound = 0; nRound < (getenv("ORX_LONG") ? 50 : 4); nRound++) {
         SCOPED_TRACE(nRound);
@@ -256,15 +252,12 @@ TEST_F(PowerCutTest, KeepsWhatWasWritten)
         for (const std::string &name : FilesBelow(root))
             found[name] = ReadFile(File(name));
         EXPECT_TRUE(expected == found);
+        std::erase_if(found, [](const auto &file) { return !file.first.starts_with("cam/"); });
         for (const auto &[name, content] : found) {
-            if (name.compare(0, 4, "cam/") != 0)
-                continue;
             Viewer viewer;
-            ASSERT_EQ(1, viewer.Prepare(Url(name))) << name;
-            EXPECT_THAT(viewer.Play(), kIsOk);
+            ASSERT_EQ(1, viewer.Open(Url(name))) << name;
             EXPECT_TRUE(WatchPictures({&viewer}, CountPictures(content))) << name;
-            EXPECT_EQ(0U, JoinData(camera.tracks[0].sent).find(JoinData(viewer.Units(0, Codec::H264))))
-                << name;
+            EXPECT_EQ(0U, JoinData(camera.tracks[0].sent).find(JoinData(viewer.Units(0, Codec::H264))));
             std::filesystem::remove(File(name));
             nKept++;
         }

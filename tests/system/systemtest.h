@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "client/rtspclient.h"
+#include "support/rtp.h"
 #include "system/orxprocess.h"
 
 namespace orx {
@@ -100,8 +101,6 @@ std::string CameraSdp(int nTracks = 1);
 // One RTP packet of such a track.
 std::string CameraPacket(int nTrack, uint16_t nSequence, uint32_t nTime, const std::string &payload,
                          bool bMarker = false);
-// The packet as an interleaved frame.
-std::string Frame(int nChannel, const std::string &packet);
 // Sends nCount pictures of two packets each (SPS, IDR slice) on track 0, 40 ms apart from nFirst on.
 void SendPictures(RtspClient *pPusher, int nFirst, int nCount);
 
