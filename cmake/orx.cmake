@@ -50,17 +50,21 @@ function(orx_test_headers target)
   target_link_libraries(${target} PRIVATE test_headers)
 endfunction()
 
-# orx_unit_test(runtime): one test program per folder, of every source in tests/unit/<folder>. It links that
-# folder's library and so only those below: a use that points upwards does not link.
-function(orx_unit_test name)
-  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${name}/*.cpp)
+# orx_unit_test(runtime) or orx_unit_test(server/core): one test program per folder, of every source in that
+# folder of tests/unit. It links all of that folder's library and so only those below it: a use that points
+# upwards does not link.
+function(orx_unit_test folder)
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${folder}/*.cpp)
   if(NOT sources)
     return()
   endif()
+  get_filename_component(name ${folder} NAME)
   add_executable(unit_${name} ${sources})
   target_include_directories(unit_${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
-  target_compile_definitions(unit_${name} PRIVATE ORX_TEST_DATA="${PROJECT_SOURCE_DIR}/tests/data")
-  target_link_libraries(unit_${name} PRIVATE orx_${name} GTest::gmock GTest::gtest_main)
+  target_compile_definitions(unit_${name} PRIVATE ORX_TEST_DATA="${PROJECT_SOURCE_DIR}/tests/data"
+                                                  ORX_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+  target_link_libraries(unit_${name} PRIVATE -Wl,--whole-archive $<TARGET_FILE:orx_${name}> -Wl,--no-whole-archive
+                                             orx_${name} GTest::gmock GTest::gtest_main)
   orx_test_headers(unit_${name})
   gtest_discover_tests(unit_${name} TEST_PREFIX "unit.${name}." DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120)
 endfunction()

@@ -10,7 +10,8 @@
 
 namespace orx {
 
-// The nodes from the root down to one of interest, and a null behind the last.
+// The nodes from the root down to one of interest, and a null behind the last. A tree of height 33, which
+// would not fit, has over nine million nodes at the least.
 static constexpr int kPathEntries = 33;
 using Path = AvlNode *[kPathEntries];
 
@@ -23,6 +24,13 @@ static AvlNode *AllocNode(AvlKey /*key*/, void * /*pValue*/)
 static int FreeNothing(AvlNode * /*pNode*/)
 {
     return 0;
+}
+
+// Hands a node that was taken out to pfnFree, and frees it when that says so; accepts null.
+static void Discard(AvlTree *pTree, AvlNode *pNode)
+{
+    if (pNode && !pTree->pfnFree(pNode))
+        free(pNode);
 }
 
 static int CompareInt32(AvlKey a, AvlKey b)
@@ -164,7 +172,7 @@ AvlNode *AvlInsert(AvlTree *pTree, AvlKey key, void *pValue)
     pNode->value = pValue;
     if (AvlAdd(pTree, pNode))
         return pNode;
-    AvlDiscard(pTree, pNode);
+    Discard(pTree, pNode);
     return nullptr;
 }
 
@@ -188,7 +196,7 @@ static int TakeOver(AvlTree *pTree, AvlNode *pNode, Path stack, int nTop)
     pNode->right = p->right;
     pNode->height = p->height;
     *ppLink = pNode;
-    AvlDiscard(pTree, p);
+    Discard(pTree, p);
     return 1;
 }
 
@@ -264,6 +272,20 @@ AvlNode *AvlRemove(AvlTree *pTree, AvlKey key)
         pNode->left && pNode->right ? UnlinkInner(pTree, stack, nTop) : UnlinkEdge(pTree, stack, nTop);
     Rebalance(pTree, stack, nChanged, 0);
     return pNode;
+}
+
+int AvlDelete(AvlTree *pTree, AvlKey key)
+{
+    AvlNode *pNode = AvlRemove(pTree, key);
+    Discard(pTree, pNode);
+    return pNode != nullptr;
+}
+
+int AvlForget(AvlTree *pTree, AvlKey key)
+{
+    AvlNode *pNode = AvlRemove(pTree, key);
+    free(pNode);
+    return pNode != nullptr;
 }
 
 AvlNode *AvlFind(const AvlTree *pTree, AvlKey key)
@@ -416,7 +438,7 @@ AvlNode *AvlTraverseWide(AvlTree *pTree, AvlNode *pStart, int (*pfnVisit)(AvlTre
 
 static int DiscardVisited(AvlTree *pTree, AvlNode *pNode)
 {
-    AvlDiscard(pTree, pNode);
+    Discard(pTree, pNode);
     return 1;
 }
 
@@ -424,12 +446,6 @@ void AvlDestroy(AvlTree *pTree)
 {
     AvlTraversePost(pTree, pTree->root, DiscardVisited);
     pTree->root = nullptr;
-}
-
-void AvlDiscard(AvlTree *pTree, AvlNode *pNode)
-{
-    if (pNode && !pTree->pfnFree(pNode))
-        free(pNode);
 }
 
 void OnCheckBanlance(const AvlTree * /*pTree*/, const AvlNode *item)

@@ -38,9 +38,15 @@ AvlNode *AvlInsert(AvlTree *pTree, AvlKey key, void *pValue);
 AvlNode *AvlReplace(AvlTree *pTree, AvlKey key, void *pValue);
 // Enters a node whose key is set; its other fields but the value are overwritten. 1 inserted, 0 refused.
 int AvlAdd(AvlTree *pTree, AvlNode *pNode);
-// Takes the node out without freeing it (AvlDiscard does that); null when the key is absent. The links of the
-// node given back mean nothing any more.
+// Takes the node out without freeing it; null when the key is absent. The links of the node given back mean
+// nothing any more.
 AvlNode *AvlRemove(AvlTree *pTree, AvlKey key);
+// Takes the entry out of a map that owns its values: node and value are discarded through pfnFree. Returns 1,
+// or 0 when the key is absent.
+int AvlDelete(AvlTree *pTree, AvlKey key);
+// Takes the entry out of a map that only names what others own: the node is freed, pfnFree is not called and
+// the value stays as it is. Returns 1, or 0 when the key is absent.
+int AvlForget(AvlTree *pTree, AvlKey key);
 AvlNode *AvlFind(const AvlTree *pTree, AvlKey key);
 // For a node that is in the tree: its n-th ancestor (1 the parent) or null above the root, its neighbours in
 // key order or null at the ends, the number of nodes on the path to it (1 for the root).
@@ -56,8 +62,6 @@ AvlNode *AvlTraversePre(AvlTree *pTree, AvlNode *pStart, int (*pfnVisit)(AvlTree
 AvlNode *AvlTraverseWide(AvlTree *pTree, AvlNode *pStart, int (*pfnVisit)(AvlTree *, AvlNode *));
 // Discards every node through pfnFree; the tree is empty afterwards and may be used again.
 void AvlDestroy(AvlTree *pTree);
-// Hands a node that AvlRemove took out to pfnFree, and frees it when that says so; accepts null.
-void AvlDiscard(AvlTree *pTree, AvlNode *pNode);
 // Asserts that the node's height is that of its taller child plus one.
 void OnCheckBanlance(const AvlTree *pTree, const AvlNode *pNode);
 

@@ -18,12 +18,12 @@
 
 namespace orx {
 
-constexpr long kLogMaxBytes = 204800;     // a larger log is trimmed before the next line
-constexpr long kLogDropBytes = 51200;     // what a trim takes off its front, before rounding up to a line
+constexpr long kLogMaxBytes = 204800;  // a larger log is trimmed: it may lie on a RAM disk of some megabytes
+constexpr long kLogDropBytes = 51200;  // a quarter at a time, so that the file is seldom written anew
 constexpr size_t kLogMessageSize = 1024;  // longer messages are cut
-constexpr size_t kPrintRoom = 1024;       // longer prints are formatted on the heap
+constexpr size_t kPrintRoom = 1024;       // longer prints, such as dumped requests, are formatted on the heap
 
-constexpr int kStallMs = 1000;            // how long a full pipe is waited for
+constexpr int kStallMs = 1000;  // how long a full pipe is waited for: a reader that is alive reads sooner
 constexpr size_t kPieceBytes = PIPE_BUF;  // what a pipe that polls writable takes without blocking
 
 static std::atomic<int> g_bDaemon{0};  // written at start-up, read by any thread
@@ -86,7 +86,7 @@ static void WriteOut(const char *szText, size_t nLen)
 // lock of stdio is held when a signal or a cancellation comes.
 void print(const char *szFormat, ...)
 {
-    if (ConsoleIsDaemon())
+    if (g_bDaemon.load(std::memory_order_relaxed))
         return;
     char room[kPrintRoom];
     va_list args;
@@ -113,7 +113,7 @@ void print(const char *szFormat, ...)
 
 void ConsoleWriteRaw(const char *szText, size_t nLen)
 {
-    if (ConsoleIsDaemon())
+    if (g_bDaemon.load(std::memory_order_relaxed))
         return;
     int nErrno = errno;  // the interrupted code may be about to look at it
     WriteOut(szText, nLen);
@@ -123,11 +123,6 @@ void ConsoleWriteRaw(const char *szText, size_t nLen)
 void ConsoleSetDaemon(int bDaemon)
 {
     g_bDaemon.store(bDaemon, std::memory_order_relaxed);
-}
-
-int ConsoleIsDaemon()
-{
-    return g_bDaemon.load(std::memory_order_relaxed);
 }
 
 void LogSetup(const char *szPath, int nEnabled)

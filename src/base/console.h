@@ -14,7 +14,6 @@ void ConsoleWriteRaw(const char *szText, size_t nLen);
 
 // Silences the console (1) or lets it speak again (0).
 void ConsoleSetDaemon(int bDaemon);
-int ConsoleIsDaemon();
 
 // Names the log file and says whether lines are written to it (nEnabled non-zero). At start-up, before
 // threads run.

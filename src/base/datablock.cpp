@@ -45,7 +45,7 @@ void FreeDataBlock(DataBlock *pBlock)
     free(pBlock);
 }
 
-void FreeDataBlockItem(void * /*pContext*/, void *pItem)
+static void FreeDataBlockItem(void * /*pContext*/, void *pItem)
 {
     FreeDataBlock(static_cast<DataBlock *>(pItem));
 }

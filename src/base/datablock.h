@@ -52,9 +52,8 @@ DataBlock *MakeDataBlock(const void *pData, size_t nLen, int bMedia, int bVideo,
 // The same with the flags word given.
 DataBlock *MakeDataBlock2(const void *pData, size_t nLen, uint32_t nFlags);
 
-// Frees a block that is in no list; accepts null. FreeDataBlockItem has the form of a list's free procedure.
+// Frees a block that is in no list; accepts null.
 void FreeDataBlock(DataBlock *pBlock);
-void FreeDataBlockItem(void *pContext, void *pItem);
 
 // Readies pList as a queue of blocks that it owns: embedded nodes, blocks freed with FreeDataBlock.
 void BlockListInit(List *pList, void *pContext);

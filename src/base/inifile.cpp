@@ -501,7 +501,7 @@ int Update2IniFile(const char *szIniFile, char *szContent)
 // The bytes of a file that cannot tell its size, up to its end or its first end byte.
 static off_t CountBytes(int fd)
 {
-    char buf[4096];
+    char buf[4096];  // the page that the kernel hands out at a time
     off_t nCount = 0;
     for (;;) {
         ssize_t n = read(fd, buf, sizeof(buf));

@@ -5,7 +5,7 @@
 
 namespace orx {
 
-constexpr size_t kHexAllocSize = 36;
+constexpr size_t kHexAllocSize = 36;  // 32 digits and a NUL, up to a whole word
 
 // Of RFC 1321: the integer parts of 2^32 times abs(sin(i + 1)), and the rotations of the four rounds.
 static const uint32_t kSines[64] = {

@@ -2,6 +2,7 @@
 
 #include <sys/ipc.h>
 #include <sys/msg.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,11 +19,11 @@
 
 namespace orx {
 
-static constexpr char kKeyPath[] =
-    "/opt/app/bin/pusher";  // the camera process makes its key of its own program
+// The camera process makes its key of its own program and this letter.
+static constexpr char kKeyPath[] = "/opt/app/bin/pusher";
 static constexpr int kKeyProject = 'a';
-static constexpr int kQueueMode = 0666;
-static constexpr useconds_t kPollUs = 50000;
+static constexpr int kQueueMode = 0666;       // the camera process may be another user's
+static constexpr useconds_t kPollUs = 50000;  // a message queue cannot be waited for with a time limit
 static constexpr size_t kMaxAnswerBytes = kCameraTextSize;
 static constexpr char kMemPrefix[] = "inmem:";
 static constexpr size_t kMemPrefixLen = sizeof(kMemPrefix) - 1;
@@ -100,7 +101,8 @@ int CgiPushRequest(const char *szType, const char *szStream)
     return SendMsg(&msg);
 }
 
-int CgiPushElapsedMs(const timeval &tvBegin, const timeval &tvNow)
+// Milliseconds between two times of day. Seconds that went back abort.
+static int ElapsedMs(const timeval &tvBegin, const timeval &tvNow)
 {
     ORX_ASSERT(tvNow.tv_sec >= tvBegin.tv_sec, "tvNow.tv_sec >= tvBegin.tv_sec");
     auto nSeconds = tvNow.tv_sec - tvBegin.tv_sec;
@@ -139,7 +141,7 @@ int WaitReplyMsg(int nTimeoutMs, char *szOut, size_t nSize)
     while ((nReceived = TakeAnswer(&msg)) < 0) {
         usleep(kPollUs);
         gettimeofday(&tvNow, nullptr);
-        if (CgiPushElapsedMs(tvBegin, tvNow) > nTimeoutMs)
+        if (ElapsedMs(tvBegin, tvNow) > nTimeoutMs)
             return -1;
     }
     CopyAnswer(&msg, szOut, nSize);

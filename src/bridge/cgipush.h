@@ -6,8 +6,6 @@
 // for up to 550 milliseconds.
 #pragma once
 
-#include <sys/time.h>
-
 #include <cstddef>
 #include <cstdint>
 
@@ -72,9 +70,6 @@ constexpr CgiAction kCgiActions[] = {
     {"getcamtime", CGI_REQUEST | CGI_ANSWER, 500, 0},
     {"getalarmlist", CGI_REQUEST | CGI_ANSWER, 500, 0},
 };
-
-// Milliseconds between two times of day. Seconds that went back abort.
-int CgiPushElapsedMs(const timeval &tvBegin, const timeval &tvNow);
 
 // Loads a whole file as a text that the profile store reads from memory: "inmem:" and the content, without a
 // NUL. Returns the text, which the caller frees with free, and its length; null when the file is empty or

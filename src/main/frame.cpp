@@ -16,17 +16,18 @@
 #include "base/inifile.h"
 #include "base/textbuf.h"
 #include "runtime/thread.h"
-#include "server/server.h"
+#include "server/front/server.h"
 
 namespace orx {
 
-static constexpr int kTickMs = 100;
-static constexpr unsigned kStateTicks =
-    50;  // the state file is written when more ticks than these have passed
+static constexpr size_t kPathSize = 256;
+static constexpr int kTickMs = 100;          // so long at most does a loop miss that it is to end
+static constexpr unsigned kStateTicks = 50;  // the state file is written when more ticks have passed: 5 s
 
 static std::atomic<int> g_bTerminate{0};  // set by the signal handler, looked at by the loops
 
-int ParentDirectory(char *szOut, size_t nSize)
+// The directory two levels above the executable. Returns 1 where /proc can be read, else 0.
+static int ParentDirectory(char *szOut, size_t nSize)
 {
     ssize_t n = readlink("/proc/self/exe", szOut, nSize - 1);
     if (n < 0)
@@ -48,7 +49,10 @@ static int WantsDaemon(int argc, char **argv)
     return 0;
 }
 
-int ParseArguments(int argc, char **argv, const char *szDefault, char *szCfgPath, size_t nSize)
+// Finds the configuration file: the name behind "-c...", else szDefault; a name without '/' lies in
+// <parent>/cfg. Returns 1 when "-daemond" was given, 0 otherwise, -1 when the parent directory cannot be
+// found.
+static int ParseArguments(int argc, char **argv, const char *szDefault, char *szCfgPath, size_t nSize)
 {
     const char *szName = szDefault;
     for (int i = 1; i < argc; i++)
@@ -121,13 +125,15 @@ static void OnSignal(int nSignal)
     }
 }
 
-void InstallSignalHandlers()
+// SIGTERM asks the loops to end.
+static void InstallSignalHandlers()
 {
     for (int nSignal : {SIGINT, SIGSEGV, SIGCHLD, SIGPIPE, SIGTERM})
         signal(nSignal, OnSignal);
 }
 
-void PrintStat()
+// Prints the figures and the list of sessions.
+static void PrintStat()
 {
     ServerStat stat;
     if (!ServerGetStat(&stat, 1))
@@ -148,7 +154,7 @@ void PrintStat()
     free(stat.pSessions);
 }
 
-void WriteStateFile(const char *szPath)
+static void WriteStateFile(const char *szPath)
 {
     ServerStat stat;
     ServerGetStat(&stat, 0);
@@ -208,7 +214,8 @@ static void ReadLine(LineReader *pReader, char *szLine)
     TakeLine(pReader, szLine);
 }
 
-void ConsoleLoop()
+// Until "quit" or "q" is read, or SIGTERM comes.
+static void ConsoleLoop()
 {
     LineReader reader;
     char szLine[sizeof(reader.text) + 1];
@@ -223,7 +230,7 @@ void ConsoleLoop()
     }
 }
 
-void DaemonLoop(const char *szStatePath, int bWriteState)
+static void DaemonLoop(const char *szStatePath, int bWriteState)
 {
     for (unsigned nTicks = 0; !g_bTerminate; nTicks++) {
         SleepTick();

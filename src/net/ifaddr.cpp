@@ -17,6 +17,17 @@
 
 namespace orx {
 
+// What an interface can be told to change, as interface configuration tools name it.
+enum : unsigned {
+    NET_OPT_NUMBER = 1,  // takes a number
+    NET_OPT_HWADDR = 2,  // takes a hardware address
+    NET_OPT_SWITCH = 4,  // on, or off with a '-' in front
+    NET_OPT_ADDR = 8,    // takes an IPv4 address
+};
+struct NetOption {
+    const char *szName;
+    unsigned nFlags;  // NET_OPT_...
+};
 static const NetOption g_options[] = {
     {"metric", NET_OPT_NUMBER},    {"mtu", NET_OPT_NUMBER},      {"txqueuelen", NET_OPT_NUMBER},
     {"hw", NET_OPT_HWADDR},        {"netmask", NET_OPT_ADDR},    {"broadcast", NET_OPT_ADDR},
@@ -108,17 +119,17 @@ int NetGetMac(const char *szInterface, char *szOut, size_t nOut)
     return 0;
 }
 
-static int HasOption(const NetOption *pOptions, size_t nOptions, const char *szName, unsigned nFlags)
+static int HasOption(const char *szName, unsigned nFlags)
 {
-    for (size_t i = 0; i < nOptions; i++)
-        if (strcmp(pOptions[i].szName, szName) == 0)
-            return (pOptions[i].nFlags & nFlags) == nFlags;
+    for (const NetOption &option : g_options)
+        if (strcmp(option.szName, szName) == 0)
+            return (option.nFlags & nFlags) == nFlags;
     return 0;
 }
 
-int NetSetMacByTable(const NetOption *pOptions, size_t nOptions, const char *szInterface, const char *szMac)
+int NetSetMac(const char *szInterface, const char *szMac)
 {
-    if (!HasOption(pOptions, nOptions, "hw", NET_OPT_HWADDR))
+    if (!HasOption("hw", NET_OPT_HWADDR))
         return -4;
     FdGuard sock{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
     if (sock.fd < 0)
@@ -132,11 +143,6 @@ int NetSetMacByTable(const NetOption *pOptions, size_t nOptions, const char *szI
     if (!NameRequest(&request, szInterface) || ioctl(sock.fd, SIOCSIFHWADDR, &request) != 0)
         return -3;
     return 0;
-}
-
-int NetSetMac(const char *szInterface, const char *szMac)
-{
-    return NetSetMacByTable(g_options, sizeof(g_options) / sizeof(g_options[0]), szInterface, szMac);
 }
 
 // The value of a hex digit, or -1.

@@ -36,21 +36,6 @@ int NetGetMac(const char *szInterface, char *szOut, size_t nOut);
 // options has no "hw".
 int NetSetMac(const char *szInterface, const char *szMac);
 
-// What an interface can be told to change, as interface configuration tools name it.
-enum : unsigned {
-    NET_OPT_NUMBER = 1,  // takes a number
-    NET_OPT_HWADDR = 2,  // takes a hardware address
-    NET_OPT_SWITCH = 4,  // on, or off with a '-' in front
-    NET_OPT_ADDR = 8,    // takes an IPv4 address
-};
-struct NetOption {
-    const char *szName;
-    unsigned nFlags;  // NET_OPT_...
-};
-
-// NetSetMac with another table of options.
-int NetSetMacByTable(const NetOption *pOptions, size_t nOptions, const char *szInterface, const char *szMac);
-
 // Reads six groups of one or two hex digits, each next one behind a ':' or at once. Returns 1, or 0 when the
 // text is anything else or goes on.
 int NetParseMac(const char *szMac, uint8_t *pMac);

@@ -24,8 +24,9 @@ static constexpr char kTmp[] = "/tmp";
 static constexpr char kListEnd[] = "\r\n\r\n";
 static constexpr size_t kListEndSize = sizeof(kListEnd) - 1;
 static constexpr size_t kPathSize = 256;
-static constexpr size_t kLineMax = 127;  // characters looked at in a line of the tool
-static constexpr size_t kQualityMax = 8, kIeee80211iMax = 5;
+static constexpr size_t kLineMax = 127;      // characters looked at in a line of the tool
+static constexpr size_t kQualityMax = 8;     // "100/100" and a blank
+static constexpr size_t kIeee80211iMax = 5;  // "/WPA2"
 
 struct WifiNetwork {
     char essid[128] = "";       // with the quote that closes it

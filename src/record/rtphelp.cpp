@@ -21,7 +21,7 @@ constexpr uint32_t kG711Bytes = 160;
 int SetRtpHeader(RtpOut *pOut, uint8_t *pHeader, int nTrackId, uint32_t nTimeMs)
 {
     ORX_ASSERT(nTrackId >= 0 && nTrackId <= 2, "nTrackId <= 2");
-    RtpTrack *pTrack = &pOut->tracks[nTrackId];
+    RtpTrack *pTrack = pOut->tracks[nTrackId];
     if (!ORX_PEER_ASSERT(pTrack->nTimeScale % 1000 == 0,
                          "(pProg->mediaInfos[nTrackId].nTimeScale % 1000)==0"))
         return 0;
@@ -221,7 +221,7 @@ static uint32_t CountFrames(int bWideband, const uint8_t *pData, uint32_t nBytes
 int Pack2RtpAmrBlock(RtpOut *pOut, const uint8_t *pData, uint32_t nLenIn, uint32_t nTimeMs, int nTrackId)
 {
     ORX_ASSERT(nTrackId >= 0 && nTrackId <= 2, "nTrackId <= 2");
-    uint32_t nMediaType = pOut->tracks[nTrackId].nMediaType;
+    uint32_t nMediaType = pOut->tracks[nTrackId]->nMediaType;
     if (nMediaType != MEDIA_AMR_NB && nMediaType != MEDIA_AMR_WB) {
         print("unknown AudioType!");
         return 0;

@@ -24,11 +24,11 @@ struct RtpTrack {
 
 struct RtpOut {
     int bInterleaved = 0;         // packets carry the 4-byte prefix of the RTSP connection
-    uint8_t *pScratch = nullptr;  // room for one packet while it is built; owned by the session
+    uint8_t *pScratch = nullptr;  // room for one packet while it is built; from malloc, the owner's
     uint32_t nScratch = 0;        // its size
     List Outq;                    // DataBlocks waiting to be sent, owned
     int nTracks = 0;
-    RtpTrack tracks[kMaxTracks];
+    RtpTrack *tracks[kMaxTracks] = {};  // the owner's records
 };
 
 }  // namespace orx

@@ -19,6 +19,7 @@ namespace orx {
 
 constexpr size_t kDayNameLen = 8;  // YYYYMMDD
 constexpr char kExtension[] = ".zmf";
+constexpr int kOldDaysMaxAge = 1000000;  // days, far beyond the years of the calendar's four digits
 constexpr int kMaxDepth = 16;  // of directories below the root: a bound, far beyond what is made here
 
 static int64_t g_nTimeOffset;             // tests only
@@ -373,7 +374,8 @@ void StorageRecover(const char *szRoot)
         RecoverBelow(szRoot, 0);
 }
 
-int StorageRemoveTree(const char *szDir)
+// Removes a directory with everything in it, following no link.
+static void RemoveTree(const char *szDir)
 {
     {
         DirReader dir(szDir);
@@ -383,27 +385,50 @@ int StorageRemoveTree(const char *szDir)
             if (!JoinPath(szPath, sizeof(szPath), szDir, szName))
                 continue;
             if (S_ISDIR(info.st_mode))
-                StorageRemoveTree(szPath);
+                RemoveTree(szPath);
             else
                 unlink(szPath);
         }
     }
-    return rmdir(szDir) == 0 || errno == ENOENT;
+    rmdir(szDir);
 }
 
-static void RemoveDay(const char *szProgramDir, const char *szDay)
+struct OldDays {
+    char names[kOldDaysSpan + 1][kDayNameLen + 1] = {};  // empty: none, the date has not that many digits
+};
+
+static void NameOldDays(OldDays *pDays, int nFirstAge)
 {
-    char szPath[kStoragePathSize];
-    struct stat info {};
-    if (JoinPath(szPath, sizeof(szPath), szProgramDir, szDay) && lstat(szPath, &info) == 0 &&
-        S_ISDIR(info.st_mode) && !IsHeld(szPath))
-        StorageRemoveTree(szPath);
+    const tm today = LocalTime(RecordTime());
+    if (nFirstAge < -kOldDaysMaxAge || nFirstAge > kOldDaysMaxAge)
+        return;
+    for (char(&szDay)[kDayNameLen + 1] : pDays->names) {
+        tm day = today;
+        day.tm_mday -= nFirstAge++;
+        day.tm_hour = 12;  // far from the hours that a change of daylight saving moves
+        day.tm_isdst = -1;
+        mktime(&day);
+        TextBuf name{szDay, sizeof(szDay)};
+        TextAdd(&name, "%04u%02u%02u", static_cast<unsigned>(day.tm_year + 1900),
+                static_cast<unsigned>(day.tm_mon + 1), static_cast<unsigned>(day.tm_mday));
+    }
+}
+
+static void RemoveDays(const char *szProgramDir, const OldDays *pDays)
+{
+    for (const auto &szDay : pDays->names) {
+        char szPath[kStoragePathSize];
+        struct stat info {};
+        if (*szDay && JoinPath(szPath, sizeof(szPath), szProgramDir, szDay) && lstat(szPath, &info) == 0 &&
+            S_ISDIR(info.st_mode) && !IsHeld(szPath))
+            RemoveTree(szPath);
+    }
 }
 
 // Program names may hold slashes, so every directory that is not a day itself may be a program's.
-static void RemoveDayBelow(const char *szDir, const char *szDay, int nDepth)
+static void RemoveDaysBelow(const char *szDir, const OldDays *pDays, int nDepth)
 {
-    RemoveDay(szDir, szDay);
+    RemoveDays(szDir, pDays);
     DirReader dir(szDir);
     char szPath[kStoragePathSize];
     struct stat info {};
@@ -411,31 +436,21 @@ static void RemoveDayBelow(const char *szDir, const char *szDay, int nDepth)
         if (!S_ISDIR(info.st_mode) || szName[0] == '.' || IsDayName(szName) || nDepth >= kMaxDepth)
             continue;
         if (JoinPath(szPath, sizeof(szPath), szDir, szName))
-            RemoveDayBelow(szPath, szDay, nDepth + 1);
+            RemoveDaysBelow(szPath, pDays, nDepth + 1);
     }
 }
 
 void StorageDeleteOldDays(const char *szRoot, const char *szProgram, int nFirstAge)
 {
-    char szProgramDir[kStoragePathSize];
-    if (szProgram &&
-        (!StorageIsInside(szProgram) || !JoinPath(szProgramDir, sizeof(szProgramDir), szRoot, szProgram)))
+    OldDays days;
+    NameOldDays(&days, nFirstAge);
+    if (!szProgram) {
+        RemoveDaysBelow(szRoot, &days, 0);
         return;
-    for (int nAge = nFirstAge; nAge <= nFirstAge + kOldDaysSpan; nAge++) {
-        tm day = LocalTime(RecordTime());
-        day.tm_mday -= nAge;
-        day.tm_hour = 12;  // far from the hours that a change of daylight saving moves
-        day.tm_isdst = -1;
-        mktime(&day);
-        char szDay[16];
-        TextBuf name{szDay, sizeof(szDay)};
-        TextAdd(&name, "%04u%02u%02u", static_cast<unsigned>(day.tm_year + 1900),
-                static_cast<unsigned>(day.tm_mon + 1), static_cast<unsigned>(day.tm_mday));
-        if (szProgram)
-            RemoveDay(szProgramDir, szDay);
-        else
-            RemoveDayBelow(szRoot, szDay, 0);
     }
+    char szProgramDir[kStoragePathSize];
+    if (StorageIsInside(szProgram) && JoinPath(szProgramDir, sizeof(szProgramDir), szRoot, szProgram))
+        RemoveDays(szProgramDir, &days);
 }
 
 }  // namespace orx

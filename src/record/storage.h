@@ -11,9 +11,9 @@
 namespace orx {
 
 constexpr size_t kStoragePathSize = 1024;    // room for any path that is built here
-constexpr int64_t kRecoverMinBytes = 65536;  // an interrupted file of fewer bytes is not worth keeping
-constexpr uint32_t kReserveMegabytes = 30;   // space that every recording keeps free
-constexpr int kOldDaysSpan = 7;              // days past the first age that StorageDeleteOldDays looks at
+constexpr int64_t kRecoverMinBytes = 65536;  // an interrupted file of fewer holds a picture or two at best
+constexpr uint32_t kReserveMegabytes = 30;   // kept free by every recording: two minutes at 2 Mbit/s
+constexpr int kOldDaysSpan = 7;              // a week's days are caught up on by one StorageDeleteOldDays
 
 // Wall-clock seconds as names and limits of recordings see them. For tests: it runs nSeconds ahead from now
 // on.
@@ -65,9 +65,6 @@ void StorageRecover(const char *szRoot);
 // Deletes the days that are nFirstAge to nFirstAge + 7 days old, of one program or (null) of all below the
 // root.
 void StorageDeleteOldDays(const char *szRoot, const char *szProgram, int nFirstAge);
-
-// Removes a directory with everything in it, following no link. Returns 1 when it is gone.
-int StorageRemoveTree(const char *szDir);
 
 // A file that this process is writing; the writer embeds it.
 struct OpenRecording {

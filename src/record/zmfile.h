@@ -11,9 +11,9 @@ namespace orx {
 constexpr uint32_t kZmfMagic = 0x7A6D6640;  // "zmf@"
 constexpr uint32_t kZmfHeadBytes = 168;     // header record as written
 constexpr uint32_t kZmfFixedHeadBytes = 8;  // what every header has, however short
-constexpr uint16_t kZmfVersion = 100;
-constexpr uint32_t DEF_IDX_COUNT = 200;  // index entries as written
-constexpr uint32_t kZmfEntryBytes = 8;   // one index entry
+constexpr uint16_t kZmfVersion = 100;       // 1.00
+constexpr uint32_t DEF_IDX_COUNT = 200;     // index entries as written; every n-th key frame has one
+constexpr uint32_t kZmfEntryBytes = 8;      // one index entry
 constexpr uint32_t kZmfIdxBytes = DEF_IDX_COUNT * kZmfEntryBytes;
 constexpr uint32_t kZmfRecordHeadBytes = 8;
 constexpr uint32_t kZmfMaxRecordBytes = 0xFFFFF;  // 20 bits of length

@@ -16,9 +16,9 @@
 
 namespace orx {
 
-constexpr uint32_t kRefillBelow = 64;    // bytes left in the buffer at which it is filled up
+constexpr uint32_t kRefillBelow = 64;    // bytes left in the buffer at which it is filled up: a head fits
 constexpr uint32_t kRangeLineRoom = 32;  // behind the SDP text, for a line that is put in
-constexpr uint32_t kMinBuffer = 4096;
+constexpr uint32_t kMinBuffer = 4096;    // a smaller one would be filled up for every record
 
 // Reads up to nBytes from a position of the file. Returns how many there were.
 static size_t ReadAt(int fd, uint64_t nPos, void *pOut, size_t nBytes)
@@ -46,7 +46,10 @@ static int ReadRecordHead(const ZMFReader *pReader, uint64_t nPos, ZMFRecordHead
     return pHead->nLength >= kZmfRecordHeadBytes && nPos + pHead->nLength <= pReader->nFileBytes;
 }
 
-uint64_t ZMFReaderWalk(const ZMFReader *pReader, uint64_t nPos, RecordProc pfnRecord, void *pContext)
+// Visits every whole record from the file position nPos on (0: the first) without moving the reader, until
+// the procedure returns 0. Returns the position behind the last record visited.
+using RecordProc = int (*)(void *pContext, const ZMFRecordHead *pHead, uint64_t nPos);
+static uint64_t WalkRecords(const ZMFReader *pReader, uint64_t nPos, RecordProc pfnRecord, void *pContext)
 {
     ZMFRecordHead head;
     if (nPos == 0)
@@ -128,7 +131,7 @@ static void MeasureInterrupted(ZMFReader *pReader)
     ZMFileHeader *pHead = &pReader->head;
     pReader->bInterrupted = 1;
     pHead->uVideoSamples = pHead->uTextSamples = pHead->uUserSamples = pHead->uKeyFrames = 0;
-    ZMFReaderWalk(pReader, 0, CountRecord, pReader);
+    WalkRecords(pReader, 0, CountRecord, pReader);
     pHead->uDuration = pReader->uDuration;
 }
 
@@ -304,7 +307,7 @@ const uint8_t *ZMFReaderSeek(ZMFReader *pReader, uint32_t nTimeMs, uint32_t *pnR
     if (uStartFilePos != pReader->uDataBeginOffset &&
         !ORX_PEER_ASSERT(uStartFilePos > kZmfHeadBytes, "uStartFilePos > sizeof(ZMFileHeader)"))
         return nullptr;
-    uint64_t nWalked = ZMFReaderWalk(pReader, uStartFilePos, LookForTime, &search);
+    uint64_t nWalked = WalkRecords(pReader, uStartFilePos, LookForTime, &search);
     // The duration may lie behind the last record: audio has the time of its block's first sample. In a file
     // that is whole such a time belongs to the last key frame.
     int bFound = search.bFound || (search.nKeyPos != 0 && nWalked == pReader->nFileBytes);
@@ -364,7 +367,7 @@ static int TableFromRecords(ZMFReader *pReader)
     if (table.nMax == 0)
         return 0;
     uint32_t nMax = table.nMax;
-    ZMFReaderWalk(pReader, nStart, CollectKeyFrame, &table);  // counts only: the header may claim any number
+    WalkRecords(pReader, nStart, CollectKeyFrame, &table);  // counts only: the header may claim any number
     if (table.nKeys == 0)
         return 0;
     table.pKeys = new (std::nothrow) KeyFrame[table.nKeys];
@@ -372,7 +375,7 @@ static int TableFromRecords(ZMFReader *pReader)
         return 0;
     table.nMax = nMax < table.nKeys ? nMax : table.nKeys;
     table.nKeys = 0;
-    ZMFReaderWalk(pReader, nStart, CollectKeyFrame, &table);
+    WalkRecords(pReader, nStart, CollectKeyFrame, &table);
     pReader->pKeyFrames = table.pKeys;
     pReader->nKeyFrames = static_cast<int>(table.nKeys);
     return pReader->nKeyFrames > 0;

@@ -74,9 +74,4 @@ int ZMFReaderAppData(ZMFReader *pReader, void *pOut, uint32_t nSize);
 // When the file was begun; 0 when its text is no time.
 time_t ZMFReaderStartTime(const ZMFReader *pReader);
 
-// Visits every whole record from the file position nPos on (0: the first) without moving the reader, until
-// the procedure returns 0. Returns the position behind the last record visited.
-using RecordProc = int (*)(void *pContext, const ZMFRecordHead *pHead, uint64_t nPos);
-uint64_t ZMFReaderWalk(const ZMFReader *pReader, uint64_t nPos, RecordProc pfnRecord, void *pContext);
-
 }  // namespace orx

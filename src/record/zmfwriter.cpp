@@ -1,17 +1,136 @@
 #include "record/zmfwriter.h"
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
+#include <new>
 
 #include "base/assertion.h"
 #include "base/console.h"
+#include "base/textbuf.h"
+#include "record/sdpscan.h"
 #include "runtime/clock.h"
 
 namespace orx {
 
-constexpr uint32_t kPauseGapMs = 20;
-constexpr uint32_t kEarlyRecords = 6;  // records after the time base among which times may lie before it
+constexpr uint32_t kPauseGapMs = 20;  // later than the last sample, and no more than pictures are apart
+// Records after the time base among which times may lie before it: sound and picture of one moment come one
+// after the other.
+constexpr uint32_t kEarlyRecords = 6;
 constexpr char kAlarmPrefix[] = "ALARM:";
+
+static int TakeSample(void *pContext, const uint8_t *pData, uint32_t nBytes, uint32_t nTimeMs, uint32_t nType)
+{
+    return ZMFWriterWriteSample(static_cast<ZMFWriter *>(pContext), pData, nBytes, nTimeMs, nType);
+}
+
+static ZMFWriter *NewWriter(int nKind, const char *szLabel)
+{
+    if (nKind < RECORD_SCHEDULED || nKind > RECORD_MANUAL)
+        return nullptr;
+    auto *pWriter = new (std::nothrow) ZMFWriter;
+    if (!pWriter)
+        return nullptr;
+    pWriter->file.head.nRecordKind = static_cast<uint16_t>(nKind);
+    ZMFWriterSetLabel(pWriter, szLabel);
+    pWriter->video.pfnSample = pWriter->audio.pfnSample = TakeSample;
+    pWriter->video.pContext = pWriter->audio.pContext = pWriter;
+    return pWriter;
+}
+
+ZMFWriter *ZMFWriterCreate(const char *szRoot, const char *szProgram, int nKind, const char *szLabel)
+{
+    char szPath[kStoragePathSize] = "";
+    ZMFWriter *pWriter = szRoot && szProgram ? NewWriter(nKind, szLabel) : nullptr;
+    if (!pWriter)
+        return nullptr;
+    pWriter->szRoot = strdup(szRoot);
+    pWriter->szProgram = strdup(szProgram);
+    if (pWriter->szRoot && pWriter->szProgram &&
+        StorageNextPath(szPath, sizeof(szPath), szRoot, szProgram, nKind) &&
+        RecordFileOpen(&pWriter->file, szPath))
+        return pWriter;
+    ZMFWriterFree(pWriter);
+    return nullptr;
+}
+
+ZMFWriter *ZMFWriterCreateFile(const char *szFile, int nKind, const char *szLabel)
+{
+    ZMFWriter *pWriter = NewWriter(nKind, szLabel);
+    if (pWriter && RecordFileOpen(&pWriter->file, szFile))
+        return pWriter;
+    ZMFWriterFree(pWriter);
+    return nullptr;
+}
+
+// Gives back everything but the record itself, which the caller still holds.
+static void Release(ZMFWriter *pWriter)
+{
+    ZMFWriterStop(pWriter);
+    DepacketiserReset(&pWriter->video);
+    DepacketiserReset(&pWriter->audio);
+    RecordFileFree(&pWriter->file);
+    for (char **pp : {&pWriter->szRoot, &pWriter->szProgram}) {
+        free(*pp);
+        *pp = nullptr;
+    }
+    free(pWriter->pAudio);
+    pWriter->pAudio = nullptr;
+}
+
+void ZMFWriterFree(ZMFWriter *pWriter)
+{
+    if (!pWriter)
+        return;
+    if (!pWriter->file.pszSdp) {
+        ZMFWriterDiscard(pWriter);
+        return;
+    }
+    Release(pWriter);
+    delete pWriter;
+}
+
+void ZMFWriterDiscard(ZMFWriter *pWriter)
+{
+    if (!pWriter)
+        return;
+    ZMFWriterStop(pWriter);
+    if (pWriter->file.szFile)
+        unlink(pWriter->file.szFile);
+    Release(pWriter);
+    delete pWriter;
+}
+
+int ZMFWriterSetSdp(ZMFWriter *pWriter, const char *szSdp)
+{
+    if (!szSdp || !*szSdp)
+        return 0;
+    ORX_ASSERT(pWriter->file.pszSdp == nullptr, "pWriter->pszSdp==((void *)0)");
+    if (!RecordFileSetSdp(&pWriter->file, szSdp))
+        return 0;
+    SdpCodecs codecs;
+    SdpScanCodecs(szSdp, &codecs);
+    pWriter->pfnVideo = SdpVideoDepacketiser(codecs.szVideo);
+    pWriter->pfnAudio = SdpAudioDepacketiser(codecs.szAudio);
+    pWriter->audio.bWideband = strcmp(codecs.szAudio, "AMR-WB") == 0;
+    return 1;
+}
+
+int ZMFWriterSetAppData(ZMFWriter *pWriter, uint32_t nBytes, const void *pData)
+{
+    return RecordFileSetAppData(&pWriter->file, nBytes, pData);
+}
+
+void ZMFWriterSetLabel(ZMFWriter *pWriter, const char *szLabel)
+{
+    char *szTo = pWriter->file.head.szLabel;
+    size_t nLen = szLabel ? strnlen(szLabel, sizeof(pWriter->file.head.szLabel)) : 0;
+    memset(szTo, 0, sizeof(pWriter->file.head.szLabel));
+    if (nLen > 0)
+        memcpy(szTo, szLabel, nLen);
+}
 
 int ZMFWriterSetLimits(ZMFWriter *pWriter, uint32_t nSecondsPerFile, uint32_t nTotalSeconds)
 {
@@ -26,23 +145,74 @@ int ZMFWriterSetReserveMinSpace(ZMFWriter *pWriter, uint32_t nSpaceInMB, int bDe
     pWriter->nSpaceInMB = nSpaceInMB;
     pWriter->bDeleteOldest = bDeleteOldest;
     char szDir[kStoragePathSize];
-    if (!StorageDirOf(szDir, sizeof(szDir), pWriter->szFile))
+    if (!StorageDirOf(szDir, sizeof(szDir), pWriter->file.szFile))
         return 1;
     return StorageMakeRoom(szDir, pWriter->szRoot != nullptr, nSpaceInMB, bDeleteOldest);
 }
 
-void ZMFWriterSetLabel(ZMFWriter *pWriter, const char *szLabel)
+int ZMFWriterWriteHead(ZMFWriter *pWriter)
 {
-    char *szTo = pWriter->head.szLabel;
-    size_t nLen = szLabel ? strnlen(szLabel, sizeof(pWriter->head.szLabel)) : 0;
-    memset(szTo, 0, sizeof(pWriter->head.szLabel));
-    if (nLen > 0)
-        memcpy(szTo, szLabel, nLen);
+    int bWritten = RecordFileWriteHead(&pWriter->file);
+    if (pWriter->tRecordStart == 0)
+        pWriter->tRecordStart = pWriter->file.tFileStart;
+    return bWritten;
 }
 
-int ZMFWriterRecordKind(const ZMFWriter *pWriter)
+// Writes the audio block that is gathered. Returns 1 or -1.
+static int FlushAudio(ZMFWriter *pWriter)
 {
-    return pWriter->head.nRecordKind;
+    uint32_t nBytes = pWriter->nAudioDataBytes;
+    pWriter->nAudioDataBytes = 0;
+    if (nBytes == 0)
+        return 1;
+    return RecordFileWriteRecord(&pWriter->file, pWriter->pAudio, nBytes, pWriter->nAudioTime,
+                                 pWriter->nAudioType);
+}
+
+void ZMFWriterStop(ZMFWriter *pWriter)
+{
+    RecordFile *pFile = &pWriter->file;
+    if (!RecordFileIsOpen(pFile))
+        return;
+    if (pFile->uDataBeginOffset != 0 && FlushAudio(pWriter) < 1)
+        print("ZMFWriterStop(%s): the last audio is lost!\r\n", pFile->szFile);
+    if (!RecordFileClose(pFile))
+        print("ZMFWriterStop(%s): write error!\r\n", pFile->szFile);
+    pWriter->nAudioDataBytes = 0;
+}
+
+// Builds the path of the next file. Returns 1 or 0.
+static int NextPath(const ZMFWriter *pWriter, char *szPath, size_t nSize)
+{
+    if (!pWriter->szRoot)
+        return RecordFileNextPath(&pWriter->file, szPath, nSize);
+    return StorageNextPath(szPath, nSize, pWriter->szRoot, pWriter->szProgram,
+                           pWriter->file.head.nRecordKind);
+}
+
+int ZMFWriterCreateNextFile(ZMFWriter *pWriter)
+{
+    char szPath[kStoragePathSize] = "";
+    char szDir[kStoragePathSize];
+    ORX_ASSERT(!RecordFileIsOpen(&pWriter->file), "pWriter->pFile==((void *)0)");
+    if (!NextPath(pWriter, szPath, sizeof(szPath)) || !StorageDirOf(szDir, sizeof(szDir), szPath))
+        return -1;
+    if (pWriter->nSpaceInMB > 0 &&
+        !StorageMakeRoom(szDir, pWriter->szRoot != nullptr, pWriter->nSpaceInMB, pWriter->bDeleteOldest)) {
+        // The clean-up may have taken the new file's own, still empty directory with it.
+        return access(szDir, F_OK) == 0 ? 0 : -1;
+    }
+    // A directory whose last file was deleted to make the room went with it.
+    StorageMakeDir(szDir);
+    if (!RecordFileOpen(&pWriter->file, szPath)) {
+        Release(pWriter);
+        return -1;
+    }
+    pWriter->nTimeStampBase = 0;
+    pWriter->bRebase = 0;
+    ORX_ASSERT(pWriter->video.nBytes == 0, "pWriter->nBytes==0");
+    ORX_ASSERT(pWriter->nAudioDataBytes == 0, "pWriter->nAudioDataBytes==0");
+    return RecordFileBeginNext(&pWriter->file) && ZMFWriterWriteHead(pWriter) ? 1 : -1;
 }
 
 // The seconds since *ptStart. A wall clock that was set back counts from anew, so that a file never grows
@@ -55,36 +225,6 @@ static uint32_t SecondsSince(time_t *ptStart)
     return static_cast<uint32_t>(tNow - *ptStart);
 }
 
-static int WriteRecord(ZMFWriter *pWriter, const uint8_t *pData, uint32_t nBytes, uint32_t nTimeMs,
-                       uint32_t nType)
-{
-    ZMFRecordHead head;
-    head.nLength = nBytes + kZmfRecordHeadBytes;
-    head.chMedia = static_cast<char>(nType >> 8);
-    head.nFlags = static_cast<uint8_t>(nType);
-    head.nTimeMs = nTimeMs;
-    if (!ORX_PEER_ASSERT(nBytes <= kZmfMaxRecordBytes - kZmfRecordHeadBytes, "nLen <= 0xfffff"))
-        return -1;
-    if (head.nLength >= kZmfBigRecordBytes)
-        print("******Write big video frame=%dBytes*******\r\n", static_cast<int>(head.nLength));
-    uint8_t bytes[kZmfRecordHeadBytes];
-    ZMFRecordHeadEncode(&head, bytes);
-    if (!FileOutWrite(&pWriter->file, bytes, sizeof(bytes), pData, nBytes))
-        return -1;
-    FileOutCommit(&pWriter->file);
-    pWriter->uSampleCount++;
-    return 1;
-}
-
-int ZMFWriterFlushAudio(ZMFWriter *pWriter)
-{
-    uint32_t nBytes = pWriter->nAudioDataBytes;
-    pWriter->nAudioDataBytes = 0;
-    if (nBytes == 0)
-        return 1;
-    return WriteRecord(pWriter, pWriter->pAudio, nBytes, pWriter->nAudioTime, pWriter->nAudioType);
-}
-
 static int GatherAudio(ZMFWriter *pWriter, const uint8_t *pData, uint32_t nBytes, uint32_t nTimeMs,
                        uint32_t nType)
 {
@@ -94,7 +234,7 @@ static int GatherAudio(ZMFWriter *pWriter, const uint8_t *pData, uint32_t nBytes
         pWriter->pAudio = static_cast<uint8_t *>(malloc(kAudioBlockBytes));
     if (!pWriter->pAudio)
         return -1;
-    if (nBytes > kAudioBlockBytes - pWriter->nAudioDataBytes && ZMFWriterFlushAudio(pWriter) < 1)
+    if (nBytes > kAudioBlockBytes - pWriter->nAudioDataBytes && FlushAudio(pWriter) < 1)
         return -1;
     if (pWriter->nAudioDataBytes == 0) {
         pWriter->nAudioTime = nTimeMs;
@@ -105,41 +245,14 @@ static int GatherAudio(ZMFWriter *pWriter, const uint8_t *pData, uint32_t nBytes
     return 1;
 }
 
-// Keeps every second entry, so that the index reaches twice as far.
-static int HalveIndex(ZMFWriter *pWriter)
-{
-    print("======nCurIdxId >= DEF_IDX_COUNT======\r");
-    for (uint32_t i = 0; i < DEF_IDX_COUNT / 2; i++)
-        pWriter->index[i] = pWriter->index[2 * i];
-    pWriter->nCurIdxId = DEF_IDX_COUNT / 2;
-    pWriter->head.nIdxInterval = static_cast<uint16_t>(pWriter->head.nIdxInterval * 2);
-    return ZMFWriterRewriteHead(pWriter, 0) && FileOutFlush(&pWriter->file);
-}
-
-// Counts a key frame whose record comes next, with an index entry when it is its turn.
-static int IndexKeyFrame(ZMFWriter *pWriter, uint32_t nTimeMs)
-{
-    if (pWriter->nCurIdxId >= DEF_IDX_COUNT && pWriter->head.nIdxInterval < 0x8000 && !HalveIndex(pWriter))
-        return -1;
-    uint64_t nPos = FileOutPos(&pWriter->file) - pWriter->uDataBeginOffset;
-    int bTurn = pWriter->uKeyFrames % pWriter->head.nIdxInterval == 0 && pWriter->nCurIdxId < DEF_IDX_COUNT;
-    if (bTurn && nPos <= UINT32_MAX) {  // beyond 4 GB a seek walks on from the last entry
-        pWriter->index[pWriter->nCurIdxId].nPos = static_cast<uint32_t>(nPos);
-        pWriter->index[pWriter->nCurIdxId].nTimeMs = nTimeMs;
-        pWriter->nCurIdxId++;
-    }
-    pWriter->uKeyFrames++;
-    return 1;
-}
-
 static int IsRollOverDue(ZMFWriter *pWriter)
 {
     if (pWriter->nSecondsPerFile == 0)
         return 0;
-    if (SecondsSince(&pWriter->tFileStart) >= pWriter->nSecondsPerFile)
+    if (SecondsSince(&pWriter->file.tFileStart) >= pWriter->nSecondsPerFile)
         return 1;
     char szDir[kStoragePathSize];
-    return pWriter->nSpaceInMB > 0 && StorageDirOf(szDir, sizeof(szDir), pWriter->szFile) &&
+    return pWriter->nSpaceInMB > 0 && StorageDirOf(szDir, sizeof(szDir), pWriter->file.szFile) &&
            IsEnoughFreeDiskSpace(szDir, pWriter->nSpaceInMB) == 0;
 }
 
@@ -160,7 +273,7 @@ static int RollOver(ZMFWriter *pWriter, uint32_t nTimeMs)
 // ZMFWriterWriteSample.
 static int PrepareVideo(ZMFWriter *pWriter, int bKey, uint32_t *pnRelative, int *pbWrite)
 {
-    if (ZMFWriterFlushAudio(pWriter) < 1)
+    if (FlushAudio(pWriter) < 1)
         return -1;
     if (bKey && IsRollOverDue(pWriter)) {
         if (pWriter->nTimeStampBase > 0 &&
@@ -171,10 +284,9 @@ static int PrepareVideo(ZMFWriter *pWriter, int bKey, uint32_t *pnRelative, int 
             return nResult;
         *pnRelative = 0;
     }
-    if (bKey && IndexKeyFrame(pWriter, *pnRelative) < 1)
+    if (bKey && RecordFileAddKeyFrame(&pWriter->file, *pnRelative) < 1)
         return -1;
-    *pbWrite = pWriter->uKeyFrames > 0;  // nothing before the first key frame could be decoded
-    pWriter->uVideoSamples += *pbWrite ? 1 : 0;
+    *pbWrite = pWriter->file.uKeyFrames > 0;  // nothing before the first key frame could be decoded
     return 1;
 }
 
@@ -183,22 +295,22 @@ static int PrepareVideo(ZMFWriter *pWriter, int bKey, uint32_t *pnRelative, int 
 static int PlaceInTime(ZMFWriter *pWriter, uint32_t nTimeMs, char chMedia, uint32_t *pnRelative)
 {
     *pnRelative = 0;
-    if (pWriter->uSampleCount == 0 || pWriter->bRebase) {
-        if (chMedia != 'v' && pWriter->uKeyFrames == 0)
+    if (pWriter->file.uSampleCount == 0 || pWriter->bRebase) {
+        if (chMedia != 'v' && pWriter->file.uKeyFrames == 0)
             return 0;
         pWriter->nTimeBase = nTimeMs;
-        pWriter->nBaseCount = pWriter->uSampleCount;
+        pWriter->nBaseCount = pWriter->file.uSampleCount;
         pWriter->bRebase = 0;
     } else {
         int32_t nDiff = ClockDiff(nTimeMs, pWriter->nTimeBase);
-        if (nDiff <= 0 && !ORX_PEER_ASSERT(pWriter->uSampleCount - pWriter->nBaseCount < kEarlyRecords,
+        if (nDiff <= 0 && !ORX_PEER_ASSERT(pWriter->file.uSampleCount - pWriter->nBaseCount < kEarlyRecords,
                                            "pWriter->uSampleCount < 6"))
             return -1;
         *pnRelative = nDiff > 0 ? static_cast<uint32_t>(nDiff) : 0;
     }
     *pnRelative += pWriter->nTimeStampBase;
-    if (*pnRelative > pWriter->uDuration)
-        pWriter->uDuration = *pnRelative;
+    if (*pnRelative > pWriter->file.uDuration)
+        pWriter->file.uDuration = *pnRelative;
     return 1;
 }
 
@@ -208,7 +320,7 @@ int ZMFWriterWriteSample(ZMFWriter *pWriter, const uint8_t *pData, uint32_t nByt
     auto chMedia = static_cast<char>(nType >> 8);
     uint32_t nRelative = 0;
     int bWrite = 1;
-    if (pWriter->file.fd < 0 || pWriter->uDataBeginOffset == 0)
+    if (!RecordFileIsOpen(&pWriter->file) || pWriter->file.uDataBeginOffset == 0)
         return -1;
     ORX_ASSERT(chMedia == 'v' || chMedia == 'a' || chMedia == 'u' || chMedia == 't',
                "!\"unknown media type\"");
@@ -222,9 +334,7 @@ int ZMFWriterWriteSample(ZMFWriter *pWriter, const uint8_t *pData, uint32_t nByt
         if (nResult < 1 || !bWrite)
             return nResult;
     }
-    pWriter->uTextSamples += chMedia == 't' ? 1 : 0;
-    pWriter->uUserSamples += chMedia == 'u' ? 1 : 0;
-    if (WriteRecord(pWriter, pData, nBytes, nRelative, nType) < 1)
+    if (RecordFileWriteRecord(&pWriter->file, pData, nBytes, nRelative, nType) < 1)
         return -1;
     if (pWriter->nTotalSeconds == 0 || SecondsSince(&pWriter->tRecordStart) <= pWriter->nTotalSeconds)
         return 1;
@@ -249,9 +359,21 @@ int ZMFWriterWriteRtpPacket(ZMFWriter *pWriter, const uint8_t *pPacket, uint32_t
 
 void ZMFWriterPause(ZMFWriter *pWriter)
 {
-    ZMFWriterFlushAudio(pWriter);
-    pWriter->nTimeStampBase = pWriter->uDuration + kPauseGapMs;
+    FlushAudio(pWriter);
+    pWriter->nTimeStampBase = pWriter->file.uDuration + kPauseGapMs;
     pWriter->bRebase = 1;
+}
+
+int ZMFWriterRecordKind(const ZMFWriter *pWriter)
+{
+    return pWriter->file.head.nRecordKind;
+}
+
+int ZMFWriterFileName(const ZMFWriter *pWriter, char *szOut, size_t nSize)
+{
+    if (!RecordFileIsOpen(&pWriter->file) || !TextCopy(szOut, nSize, pWriter->file.szFile))
+        return 0;
+    return static_cast<int>(strlen(szOut));
 }
 
 }  // namespace orx

@@ -12,39 +12,23 @@
 #include <ctime>
 
 #include "record/depacketise.h"
-#include "record/fileout.h"
-#include "record/storage.h"
-#include "record/zmfile.h"
+#include "record/recordfile.h"
 
 namespace orx {
 
-constexpr uint32_t kAudioBlockBytes = 32768;  // audio payload that one record holds
+constexpr uint32_t kAudioBlockBytes = 32768;  // audio payload that one record holds: 4 seconds of G.711
 
 struct ZMFWriter {
     char *szRoot = nullptr;     // root of the recordings, owned; null when the file was named by the client
     char *szProgram = nullptr;  // directory below it, owned; null with szRoot
-    char *szFile = nullptr;     // path of the open file without ".tm!", owned
-    OpenRecording open;         // keeps the clean-up away from the file's directory
+    RecordFile file;            // the current one; closed between two, and after the end
 
-    // Of the current file
-    uint32_t uDuration = 0;  // largest time stamp, ms from the start of the file
-    uint32_t uVideoSamples = 0;
-    uint32_t uTextSamples = 0;
-    uint32_t uUserSamples = 0;
-    uint32_t uSampleCount = 0;  // records written
-    uint32_t nBaseCount = 0;    // records written when the time base was taken
-    uint32_t nTimeBase = 0;     // time that is 0 in the file
-    uint32_t uDataBeginOffset = 0;
-    uint32_t uKeyFrames = 0;
-    uint32_t nCurIdxId = 0;  // index entries in use
-    ZMFIndexEntry index[DEF_IDX_COUNT];
-    ZMFileHeader head;
-    FileOut file;
-    time_t tFileStart = 0;
+    uint32_t nTimeBase = 0;       // time that is 0 in the file
+    uint32_t nBaseCount = 0;      // records of the file when the time base was taken
+    uint32_t nTimeStampBase = 0;  // ms added to every time after a pause
+    int bRebase = 0;              // the next sample becomes the new time base
 
-    char *pszSdp = nullptr;       // owned, head.nSdpSize bytes, NUL-padded, and a NUL
-    uint8_t *pAppData = nullptr;  // owned, head.nAppDataBytes
-    uint8_t *pAudio = nullptr;    // audio block, owned, kAudioBlockBytes; made with the first sample
+    uint8_t *pAudio = nullptr;  // audio block, owned, kAudioBlockBytes; made with the first sample
     uint32_t nAudioDataBytes = 0;
     uint32_t nAudioTime = 0;  // of the block's first sample, with its type word
     uint32_t nAudioType = 0;
@@ -54,12 +38,8 @@ struct ZMFWriter {
     uint32_t nTotalSeconds = 0;    // 0: no limit
     uint32_t nSpaceInMB = 0;       // space to keep free, 0: not looked at
     int bDeleteOldest = 0;         // make that space by deleting the oldest recordings
-    uint32_t nTimeStampBase = 0;   // ms added to every time after a pause
-    int bRebase = 0;               // the next sample becomes the new time base
 
-    char szVideoCodec[16] = "";  // names of the SDP, in their normal form
-    char szAudioCodec[16] = "";
-    DepacketProc pfnVideo = nullptr;
+    DepacketProc pfnVideo = nullptr;  // by the SDP's codec; null without one that is known
     DepacketProc pfnAudio = nullptr;
     Depacketiser video;
     Depacketiser audio;
@@ -92,6 +72,11 @@ int ZMFWriterSetReserveMinSpace(ZMFWriter *pWriter, uint32_t nSpaceInMB, int bDe
 // Writes header, index, SDP and application data. Returns 1, or 0 on a write error.
 int ZMFWriterWriteHead(ZMFWriter *pWriter);
 
+// Completes and closes the current file and gives it its final name; does nothing when none is open.
+void ZMFWriterStop(ZMFWriter *pWriter);
+// Begins the next file; none may be open. Returns 1, 0 for want of space, -1 on an error.
+int ZMFWriterCreateNextFile(ZMFWriter *pWriter);
+
 // Records one RTP packet, or one sample. chMedia is 'v', 'a', or anything else for messages, of which those
 // that begin with "ALARM:" are kept; nType is SampleType(). Returns 1 when it was written or left out, 0 when
 // the recording ended by a limit or for want of space, -1 on an error. After a result below 1 the writer can
@@ -101,12 +86,6 @@ int ZMFWriterWriteRtpPacket(ZMFWriter *pWriter, const uint8_t *pPacket, uint32_t
 int ZMFWriterWriteSample(ZMFWriter *pWriter, const uint8_t *pData, uint32_t nBytes, uint32_t nTimeMs,
                          uint32_t nType);
 
-// Begins the next file; none may be open. Returns 1, 0 for want of space, -1 on an error.
-int ZMFWriterCreateNextFile(ZMFWriter *pWriter);
-
-// Completes and closes the current file and gives it its final name; does nothing when none is open.
-void ZMFWriterStop(ZMFWriter *pWriter);
-
 // Leaves out the time until the next sample: it follows 20 ms after the last one.
 void ZMFWriterPause(ZMFWriter *pWriter);
 
@@ -114,11 +93,5 @@ int ZMFWriterRecordKind(const ZMFWriter *pWriter);
 // The name that the current file will have. Returns its length, or 0 when the file is closed (or does not
 // fit).
 int ZMFWriterFileName(const ZMFWriter *pWriter, char *szOut, size_t nSize);
-
-// Writes the audio block that is gathered. Returns 1 or -1.
-int ZMFWriterFlushAudio(ZMFWriter *pWriter);
-// Rewrites header and index in place; with the counters only when bFinal, so that a file that was never
-// closed is known by its missing duration. Returns 1 or 0.
-int ZMFWriterRewriteHead(ZMFWriter *pWriter, int bFinal);
 
 }  // namespace orx

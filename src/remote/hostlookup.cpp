@@ -17,7 +17,7 @@ struct HostLookup {
     std::atomic<int> nOwners{1};   // the asker and the resolving thread; the last one frees the record
     std::atomic<int> nResult{-1};  // as HostLookupResult; written last
     uint32_t nIp = 0;              // host order
-    char szHost[256] = "";
+    char szHost[256] = "";         // names have 253 characters at most (RFC 1035)
 };
 
 static void *ResolveEntry(void *pArgument)

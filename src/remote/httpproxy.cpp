@@ -17,10 +17,10 @@
 
 namespace orx {
 
-constexpr size_t kFirstRead = 4095;    // what a connection is judged by
-constexpr int32_t kSilentSeconds = 3;  // after which a connection that sends nothing is dropped
-constexpr int kWaitMs = 20;
-constexpr uint32_t kRoundPauseMs = 10;
+constexpr size_t kFirstRead = 4095;     // what a connection is judged by: the head of a request
+constexpr int32_t kSilentSeconds = 3;   // after which a connection that sends nothing is dropped
+constexpr int kWaitMs = 20;             // so late at most are relays looked after, and a stop is noticed
+constexpr uint32_t kRoundPauseMs = 10;  // a crowd of visitors costs one round in 10 ms
 constexpr char kTunnelMark[] = "application/x-rtsp-tunnelled";
 
 // Takes the pending connection out of the list, keeping the order of the rest. Returns its socket.

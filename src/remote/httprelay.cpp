@@ -18,8 +18,8 @@
 
 namespace orx {
 
-constexpr int kConnectSeconds = 2;
-constexpr size_t kReadSize = 8192;
+constexpr int kConnectSeconds = 2;      // the web server is on the box or next to it
+constexpr size_t kReadSize = 8192;      // with the pause: 400 KB a second
 constexpr uint32_t kRoundPauseMs = 20;  // caps a relay at kReadSize per direction and pause
 
 // Finds the web server's address; a look-up that outlasts the thread goes on without it. Returns 1 or 0.

@@ -4,49 +4,28 @@
 // stop: any thread, one after the other.
 #pragma once
 
-#include <atomic>
-#include <cstddef>
-#include <cstdint>
-
 #include "base/linkedlist.h"
-#include "remote/unetproxy.h"
-#include "remote/zupo.h"
+#include "remote/registration.h"
+#include "remote/unethost.h"
 #include "runtime/thread.h"
 
 namespace orx {
 
-struct HostLookup;
-
 struct UnetSettings {
-    const char *szBindIp = nullptr;  // dotted local address; null or empty: every one
-    int nPort = 0;                   // UDP port of the relay; 0: any
-    int nRtspPort = 0;               // where bridges connect to on 127.0.0.1
-    // Writes the dotted address of a network interface into nOut bytes; 0, or -1. Called on the relay thread;
-    // null: the private address stays unknown.
-    int (*pfnGetAddress)(const char *szInterface, char *szOut, size_t nOut) = nullptr;
+    const char *szBindIp = nullptr;                // dotted local address; null or empty: every one
+    int nPort = 0;                                 // UDP port of the relay; 0: any
+    int nRtspPort = 0;                             // where bridges connect to on 127.0.0.1
+    InterfaceAddressProc pfnGetAddress = nullptr;  // called on the relay thread; may be null
     const char *szCfgPath = nullptr;  // configuration file, used when the registration is given none
 };
 
 struct Unet {
     UnetHost host;
     Thread thread;
-    int fdWake = -1;  // event descriptor that ends the relay thread's wait; owned
-    int nPort = 0;    // UDP port in use
+    int nPort = 0;  // UDP port in use
     int nRtspPort = 0;
-    int (*pfnGetAddress)(const char *szInterface, char *szOut, size_t nOut) = nullptr;
-    // The rendezvous server: written once, before nZupoPort.
-    char szZupoServer[64] = "";
-    char szCfgPath[128] = "";
-    std::atomic<int> nZupoPort{0};  // 0: no registration
-    // The rest belongs to the relay thread.
-    List proxies;                        // UnetProxy, embedded nodes; owned
-    HostLookup *pLookup = nullptr;       // of the rendezvous server's name, while it runs; owned
-    _ENetPeer *pServerPeer = nullptr;    // the rendezvous server; not owned
-    _ENetPeer *pPunchingPeer = nullptr;  // the party last punched towards; not owned
-    int bRegistered = 0;
-    uint32_t nLastTime = 0;  // last connection attempt or heartbeat, seconds of uptime
-    DeviceInfo device;
-    uint32_t nSeenIp = 0;  // this box's address as the rendezvous server sees it, host order
+    Registration registration;  // with the rendezvous server
+    List proxies;               // UnetProxy, embedded nodes; owned; relay thread
 };
 
 // Makes the host and starts the relay thread. Returns 1, or 0 (printed) with everything undone.

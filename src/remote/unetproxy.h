@@ -9,28 +9,10 @@
 #include <cstdint>
 
 #include "base/linkedlist.h"
+#include "remote/unethost.h"
 #include "runtime/thread.h"
 
-struct _ENetHost;
-struct _ENetPacket;
-struct _ENetPeer;
-
 namespace orx {
-
-// The reliable-UDP host. The library knows no threads, so one lock covers every call that touches the host or
-// one of its peers; nothing waits, prints or calls out while it is held.
-struct UnetHost {
-    _ENetHost *pHost = nullptr;  // owned by the relay; guarded by mutex
-    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-};
-
-struct HostLock {
-    UnetHost *pUnetHost;
-    explicit HostLock(UnetHost *p) : pUnetHost(p) { pthread_mutex_lock(&p->mutex); }
-    ~HostLock() { pthread_mutex_unlock(&pUnetHost->mutex); }
-    HostLock(HostLock &&) = delete;
-    HostLock &operator=(HostLock &&) = delete;
-};
 
 struct UnetProxy {
     ListNode node;                  // first; in the relay's list

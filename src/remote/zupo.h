@@ -8,7 +8,7 @@
 
 namespace orx {
 
-constexpr int kZupoDefaultPort = 6323;
+constexpr int kZupoDefaultPort = 6323;  // of the rendezvous server
 constexpr uint32_t kZupoHeadTag = 0x100;
 constexpr size_t kZupoGuidSize = 32;    // an identity, NUL-padded; at most 31 characters
 constexpr size_t kZupoAddressSize = 6;  // of an encoded ZupoAddress

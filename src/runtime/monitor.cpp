@@ -9,8 +9,8 @@
 
 namespace orx {
 
-static constexpr int kMaxEvents = 1024;
-static constexpr int kWaitMs = 100;  // so long at most does a request to stop go unnoticed
+static constexpr int kMaxEvents = 1024;  // on the stack, 16 KB at most; more that is ready comes later
+static constexpr int kWaitMs = 100;      // so long at most does a request to stop go unnoticed
 
 static epoll_event MakeEvent(uint32_t nEvents, int fd, uint32_t nGeneration)
 {

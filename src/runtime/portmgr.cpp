@@ -10,7 +10,7 @@
 namespace orx {
 
 static constexpr int kBitsPerWord = 32;
-static constexpr int kWordsPerLine = 4;
+static constexpr int kWordsPerLine = 4;  // of the dump
 
 static std::atomic<int> g_bDebug{0};  // written at start-up, read by any thread
 

@@ -19,9 +19,9 @@
 
 namespace orx {
 
-static constexpr int kListenBacklog = 10;
+static constexpr int kListenBacklog = 10;  // waiting to be accepted, which takes milliseconds
 static constexpr int kMaxPort = 65535;
-static constexpr size_t kUriTextSize = 256;
+static constexpr size_t kUriTextSize = 256;  // a host name has 253 characters at most (RFC 1035)
 
 static const sockaddr *Generic(const sockaddr_in *pAddr)
 {

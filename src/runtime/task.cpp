@@ -11,11 +11,13 @@
 
 namespace orx {
 
+// A burst of events goes in one piece, and one that does not end leaves room to others every so many tasks.
+// Nothing hangs on the exact number.
 static constexpr int kTasksPerPass = 49;
-static constexpr int32_t kEarlyMs = 10;     // a task runs this much before it is due
-static constexpr int32_t kTaskPauseMs = 1;  // after a task that will run again
-static constexpr int32_t kPassPauseMs = 2;  // after each pass; leaves time to threads of lower priority
-static constexpr int kHighestPriority = -20;
+static constexpr int32_t kEarlyMs = 10;       // tasks due within so short a time share a wake-up
+static constexpr int32_t kTaskPauseMs = 1;    // after a task that will run again: at most 1000 runs a second
+static constexpr int32_t kPassPauseMs = 2;    // after each pass; leaves time to threads of lower priority
+static constexpr int kHighestPriority = -20;  // of nice: media goes before all else that the box does
 
 static_assert(offsetof(Task, node) == 0, "the task list maps a task to its node at the very start");
 
@@ -109,9 +111,12 @@ static void WaitForDue(Scheduler *pScheduler)
 static int RunTask(Scheduler *pScheduler, Task *pTask, uint32_t nNow)
 {
     uint32_t nDue = pTask->nDue;
+    void (*pfnAfter)() = pScheduler->pfnAfter;
     pScheduler->pRunning = pTask;
     pthread_mutex_unlock(&pScheduler->mutex);
     int nNextMs = pTask->pfnRun(pTask, nDue - nNow, nNow, nDue);
+    if (pfnAfter)
+        pfnAfter();
     uint32_t nAfter = ClockMs();
     pthread_mutex_lock(&pScheduler->mutex);
     pScheduler->pRunning = nullptr;
@@ -260,6 +265,12 @@ void TaskCancel(Task *pTask)
     while (pScheduler->nRuns == nRuns)
         pthread_cond_wait(&pScheduler->ran, &pScheduler->mutex);
     pScheduler->nCancellers--;
+}
+
+void SchedulerSetAfterProc(Scheduler *pScheduler, void (*pfnAfter)())
+{
+    MutexGuard guard(&pScheduler->mutex);
+    pScheduler->pfnAfter = pfnAfter;
 }
 
 unsigned SchedulerTaskCount(Scheduler *pScheduler)

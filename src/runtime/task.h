@@ -46,6 +46,7 @@ struct Scheduler {
     uint32_t nWaits = 0;       // waits ended so far, by the clock or by a signal: how often the thread woke
     unsigned nCancellers = 0;  // threads in TaskCancel that wait for a callback to return
     int bReady = 0;            // mutex, wake and ran exist
+    void (*pfnAfter)() = nullptr;  // see SchedulerSetAfterProc
 };
 
 // Starts the scheduler thread. Returns 1, or 0 with everything undone.
@@ -66,6 +67,9 @@ inline void *TaskArgument(const Task *pTask)
 {
     return pTask->node.pData;
 }
+// Names a procedure that is called on the scheduler thread after each callback, so that what ended while a
+// callback used it can be freed. Before the first task is scheduled. Null: none.
+void SchedulerSetAfterProc(Scheduler *pScheduler, void (*pfnAfter)());
 // The number of tasks in the list. A callback that asks is itself not counted.
 unsigned SchedulerTaskCount(Scheduler *pScheduler);
 // Between SchedulerCork(.., 1) and SchedulerCork(.., 0), which wakes the thread if need be, tasks with delay

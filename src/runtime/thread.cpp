@@ -11,7 +11,7 @@
 
 namespace orx {
 
-static constexpr long kPauseStepNs = 10 * 1000000L;
+static constexpr long kPauseStepNs = 10 * 1000000L;  // so long at most does a pause miss what ends it
 
 static std::atomic<int> g_bAllowNoPriority{0};  // written at start-up, read by any thread
 static std::atomic<int> g_bPriorityTold{0};     // the failure has been printed

@@ -1,11 +1,11 @@
 // Camera configurations: whatever the text, what a viewer is shown holds no account but the viewer's own.
-#include "server/camcfg.h"
+#include "server/methods/camcfg.h"
 
 #include <cstdlib>
 
 #include "base/inifile.h"
 #include "fuzz/fuzz.h"
-#include "server/sdp.h"
+#include "server/core/sdp.h"
 
 using namespace orx;
 

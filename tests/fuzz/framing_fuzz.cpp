@@ -16,9 +16,11 @@
 #include <vector>
 
 #include "base/assertion.h"
-#include "server/dispatch.h"
-#include "server/events.h"
-#include "server/program.h"
+#include "server/front/dispatch.h"
+#include "server/front/events.h"
+#include "server/core/program.h"
+#include "server/core/registry.h"
+#include "server/core/settings.h"
 #include "support/testserver.h"
 
 using namespace orx;
@@ -59,6 +61,7 @@ struct Connection {
             if (n <= 0)
                 return 0;
             OnRead(pair.fdServer);
+            FreeRetired();  // as after a callback
             pData += n;
             nBytes -= static_cast<size_t>(n);
             char reply[16384];
@@ -133,8 +136,9 @@ struct Cast {
 static void SetUp(Cast *pCast, Plan *pPlan)
 {
     char c = pPlan->cWho;
-    g_server.bStandardPushers = c == 'P';
-    Start(&pCast->pusher, MakeRequest("ANNOUNCE", 1, "Content-Type: application/sdp\r\n", g_sdp), 3);
+    g_settings.bStandardPushers = c == 'P';
+    Start(&pCast->pusher, MakeRequest("ANNOUNCE", 1, "Content-Type: application/sdp
+", g_sdp), 3);
     if (c == 'p' || c == 'P' || c == 'v') {
         pCast->player = std::make_unique<Connection>();
         Start(pCast->player.get(), MakeRequest("DESCRIBE", 1), 2);
@@ -175,7 +179,7 @@ static void Play(Plan plan)
         HandleInput(pSession, pPort);
 
     while (auto *p = ListFirstOf<Session>(&g_server.sessions))
-        SessionFree(p);
+        SessionEnd(p);
     ORX_ASSERT(ListCount(&g_server.programs) == 0, "programs go with their sessions");
     ORX_ASSERT(!g_server.portMap.root, "ports go with their sessions");
     ORX_ASSERT(!g_server.sessionMap.root, "no descriptor is left in the session map");

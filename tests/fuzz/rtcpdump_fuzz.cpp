@@ -1,5 +1,5 @@
 // RTCP from peers: whatever the packet's counts and lengths say, the dump reads inside it and ends.
-#include "server/rtcp.h"
+#include "server/media/rtcp.h"
 
 #include "base/bytes.h"
 

@@ -24,8 +24,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
     out.bInterleaved = pData[0] & 0x80 ? 1 : 0;
     out.pScratch = scratch.get();
     out.nScratch = kMinScratch;
-    out.tracks[1].nMediaType = kind.nMediaType;
-    out.tracks[1].nTimeScale = 8000;
+    RtpTrack track;
+    track.nMediaType = kind.nMediaType;
+    track.nTimeScale = 8000;
+    out.tracks[1] = &track;
     BlockListInit(&out.Outq, nullptr);
     int nPackets = kind.pfn(&out, sample.get(), static_cast<uint32_t>(nBytes - 1), 1000, 1);
     ORX_ASSERT(nPackets >= 0 && (nPackets == 0 || static_cast<unsigned>(nPackets) == ListCount(&out.Outq)),

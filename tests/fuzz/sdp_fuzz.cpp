@@ -1,5 +1,5 @@
 // Session descriptions: whatever the text, what is described makes sense and stays within its fields.
-#include "server/sdp.h"
+#include "server/core/sdp.h"
 
 #include "fuzz/fuzz.h"
 

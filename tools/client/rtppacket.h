@@ -1,5 +1,6 @@
 // RTP and RTCP packets as both sides of a connection need them (RFC 3550, RFC 2326 section 10.12). Any
 // thread.
+// Written apart from the server's own, which it helps to test (see rtspclient.h).
 #pragma once
 
 #include <cstddef>

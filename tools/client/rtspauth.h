@@ -1,4 +1,5 @@
 // Basic and Digest credentials (RFC 2617, without the qop directive), the client's side. Any thread.
+// Written apart from the server's own, which it helps to test (see rtspclient.h).
 #pragma once
 
 #include <string>

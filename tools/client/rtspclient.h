@@ -4,6 +4,12 @@
 // comes before it is kept in the inbox, in order, for those who wait for it later. Every operation that may
 // wait takes the milliseconds that it may take as a whole.
 //
+// It shares no parsing code with the server, on purpose. The system tests ask the server through this
+// library: what a parser of the server got wrong, a test that used the same parser would get wrong in the
+// same way, and pass. So messages, descriptions, RTP heads and the rules for credentials are written here
+// once more, from the RFCs. Of the server's code only the bytes, MD5 and base64 of src/base are used, which
+// have tests with known answers. Do not merge the two.
+//
 // A client belongs to one thread at a time; there is no state outside it.
 #pragma once
 

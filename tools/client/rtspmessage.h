@@ -1,5 +1,6 @@
 // What arrives on an RTSP connection, taken apart: replies, requests of the server, interleaved frames (RFC
 // 2326, sections 6, 7 and 10.12). Any thread.
+// Written apart from the server's own, which it helps to test (see rtspclient.h).
 #pragma once
 
 #include <cstddef>

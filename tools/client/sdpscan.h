@@ -1,4 +1,5 @@
 // The tracks of a session description, as a player needs them for its SETUP requests (RFC 2327). Any thread.
+// Written apart from the server's own, which it helps to test (see rtspclient.h).
 #pragma once
 
 #include <string>

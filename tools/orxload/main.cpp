@@ -9,6 +9,7 @@
 #include <deque>
 #include <memory>
 
+#include "cli/options.h"
 #include "orxload/player.h"
 #include "orxload/process.h"
 #include "orxload/report.h"
@@ -42,13 +43,6 @@ struct Load {
     uint64_t nCpuUs = 0;      // of the server, then
     uint64_t nProgressUs = 0;
 };
-
-static std::string WithNumber(const std::string &text, int nNumber)
-{
-    size_t nAt = text.find("%d");
-    std::string out = text;
-    return nAt == std::string::npos ? out : out.replace(nAt, 2, std::to_string(nNumber));
-}
 
 static void AddPlayers(Load *pLoad, RtspTransport transport, int nPlayers, int bStalled)
 {

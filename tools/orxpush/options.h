@@ -39,7 +39,4 @@ enum { PUSH_OK = 0, PUSH_FAILED = 1, PUSH_USAGE = 2 };
 // Reads the command line. Returns -1 to go on, or the exit code to end with at once.
 int PushParseOptions(int argc, char **argv, PushOptions *pOut);
 
-// The text with its first "%d" replaced by the number.
-std::string WithNumber(const std::string &text, int nNumber);
-
 }  // namespace orx

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <random>
 
+#include "cli/options.h"
 #include "client/mediastamp.h"
 #include "client/rtppacket.h"
 

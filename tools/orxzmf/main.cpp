@@ -1,57 +1,70 @@
 // orxzmf: looks into recordings, checks them, and exports them.
-#include <cstdio>
-#include <cstring>
-
 #include "base/assertion.h"
 #include "base/console.h"
+#include "cli/options.h"
 #include "export.h"
 #include "report.h"
 
 using namespace orx;
 
-static const char kHelp[] =
-    "Usage: orxzmf info FILE          header, index, counts, and a check\n"
-    "       orxzmf list DIR           a table of the recordings in DIR and below\n"
-    "       orxzmf check FILE...      whether each file is sound\n"
-    "       orxzmf export FILE OUT    by the ending of OUT: .h264, .mjpeg, .g711 or .amr for the bare "
-    "media,\n"
-    "                                 .mp4 or .mkv with time stamps, key frames and audio\n"
-    "\n"
-    "Exit code: 0 everything is sound or was exported, 1 a file is faulty or could not be read or written,\n"
-    "2 the command line cannot be used.\n";
+using Words = std::vector<std::string>;
 
-static int Check(int nFiles, char **files)
+static int Info(const Words &words)
+{
+    return ReportInfo(words[0].c_str());
+}
+
+static int List(const Words &words)
+{
+    return ReportList(words[0].c_str());
+}
+
+static int Check(const Words &words)
 {
     int nStatus = 0;
-    for (int i = 0; i < nFiles; i++)
-        nStatus |= ReportCheck(files[i]);
+    for (const std::string &file : words)
+        nStatus |= ReportCheck(file.c_str());
     return nStatus;
 }
 
-static int Export(const char *szFile, const char *szOut)
+static int Export(const Words &words)
 {
     Recording recording;
-    if (!RecordingOpen(&recording, szFile))
+    if (!RecordingOpen(&recording, words[0].c_str()))
         return 1;
-    int bGood = ExportRecording(&recording, szOut);
+    int bGood = ExportRecording(&recording, words[1].c_str());
     RecordingClose(&recording);
     return bGood ? 0 : 1;
 }
 
+static const struct {
+    OptionForm form;
+    int (*pfnRun)(const Words &words);  // the exit code
+} g_commands[] = {
+    {{"info", "FILE", 1, 1, "header, index, counts, and a check"}, Info},
+    {{"list", "DIR", 1, 1, "a table of the recordings in DIR and below"}, List},
+    {{"check", "FILE...", 1, SIZE_MAX, "whether each file is sound"}, Check},
+    {{"export", "FILE OUT", 2, 2,
+      "by the ending of OUT: .h264, .mjpeg, .g711 or .amr for the bare media, .mp4 or .mkv with time stamps, "
+      "key frames and audio"},
+     Export},
+};
+
 int main(int argc, char **argv)
 {
-    const char *szCommand = argc > 1 ? argv[1] : "";
+    CommandLine line{"orxzmf",
+                     "Looks into recordings, checks them, and exports them.",
+                     {},
+                     {},
+                     "Exit code: 0 everything is sound or was exported, 1 a file is faulty or could not be "
+                     "read or written, 2 the command line cannot be used."};
+    for (const auto &command : g_commands)
+        line.forms.push_back(command.form);
+    CommandArguments arguments;
+    int nResult = OptionsRead(&line, argc, argv, &arguments);
+    if (nResult != OPTIONS_GO_ON)
+        return nResult;
     ConsoleSetDaemon(1);         // the library's own messages are for the server's console
     AssertSurvivePeerFaults(1);  // a broken file is refused, whatever it breaks
-    if (strcmp(szCommand, "info") == 0 && argc == 3)
-        return ReportInfo(argv[2]);
-    if (strcmp(szCommand, "list") == 0 && argc == 3)
-        return ReportList(argv[2]);
-    if (strcmp(szCommand, "check") == 0 && argc >= 3)
-        return Check(argc - 2, argv + 2);
-    if (strcmp(szCommand, "export") == 0 && argc == 4)
-        return Export(argv[2], argv[3]);
-    int bHelp = strcmp(szCommand, "--help") == 0 || strcmp(szCommand, "help") == 0;
-    fputs(kHelp, bHelp ? stdout : stderr);
-    return bHelp ? 0 : 2;
+    return g_commands[arguments.nForm].pfnRun(arguments.words);
 }

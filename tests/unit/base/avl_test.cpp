@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <map>
 #include <random>
+#include <string>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -66,14 +67,76 @@ TEST_F(Avl, RandomInsertAndRemoveMatchesAMap)
                 EXPECT_EQ(pValue, pfnEnter(&tree, key, pValue)->value);
                 map[key] = pValue;
             } else {
-                AvlNode *pNode = AvlRemove(&tree, key);
-                EXPECT_EQ(map.erase(key), pNode ? 1U : 0U);
-                AvlDiscard(&tree, pNode);
+                EXPECT_EQ(static_cast<int>(map.erase(key)),
+                          nStep % 2 ? AvlDelete(&tree, key) : AvlForget(&tree, key));
             }
             CheckAgainst(&tree, map);
         }
         AvlDestroy(&tree);
     }
+}
+
+int FreeInt(AvlNode *pNode)
+{
+    return ++*static_cast<int *>(pNode->value) == 0;
+}
+
+TEST_F(Avl, OnlyDeleteReachesTheValue)
+{
+    int nFreed[2] = {};
+    tree.pfnFree = FreeInt;
+    for (int i = 0; i < 2; i++)
+        AvlInsert(&tree, i, &nFreed[i]);
+    EXPECT_EQ(1, AvlDelete(&tree, 0));
+    EXPECT_EQ(1, AvlForget(&tree, 1));
+    EXPECT_THAT(nFreed, testing::ElementsAre(1, 0));
+}
+
+// Entered in order, seven keys make a full tree: 4 above 2 and 6, these above the odd ones.
+TEST_F(Avl, WalksAndPaths)
+{
+    static std::string visited;
+    static AvlKey stopKey;
+    using Visit = int (*)(AvlTree *, AvlNode *);
+    Visit pfnVisit = [](AvlTree *, AvlNode *pNode) {
+        visited += std::to_string(pNode->key);
+        return pNode->key != stopKey ? 1 : 0;
+    };
+    static const struct {
+        const char *szName;
+        AvlNode *(*pfnWalk)(AvlTree *, AvlNode *, Visit);
+        AvlKey start, stop;
+        const char *szVisited;
+    } walks[] = {
+        {"pre", AvlTraversePre, 4, 0, "4213657"},   {"pre", AvlTraversePre, 4, 3, "4213"},
+        {"post", AvlTraversePost, 4, 0, "1325764"}, {"post", AvlTraversePost, 6, 7, "57"},
+        {"wide", AvlTraverseWide, 4, 0, "4261357"}, {"wide", AvlTraverseWide, 2, 1, "21"},
+    };
+    AvlNode own;  // an entry that brings its node
+    own.key = 7;
+    for (AvlKey key = 1; key < 7; key++)
+        AvlInsert(&tree, key, nullptr);
+    EXPECT_EQ(1, AvlAdd(&tree, &own));
+    for (const auto &c : walks) {
+        visited = "";
+        stopKey = c.stop;
+        EXPECT_EQ(AvlFind(&tree, c.stop), c.pfnWalk(&tree, AvlFind(&tree, c.start), pfnVisit)) << c.szName;
+        EXPECT_EQ(c.szVisited, visited) << c.szName;
+        EXPECT_EQ(nullptr, c.pfnWalk(&tree, nullptr, pfnVisit));
+    }
+    static const struct {
+        AvlKey key;
+        int nDepth;
+        AvlKey ancestors[3];  // the node itself, its parent, and the one above; 0 none
+    } paths[] = {{4, 1, {4, 0, 0}}, {6, 2, {6, 4, 0}}, {7, 3, {7, 6, 4}}};
+    for (const auto &c : paths) {
+        AvlNode *pNode = AvlFind(&tree, c.key);
+        OnCheckBanlance(&tree, pNode);
+        EXPECT_EQ(c.nDepth, AvlDepth(&tree, pNode));
+        for (int n = 0; n < 3; n++)
+            EXPECT_EQ(AvlFind(&tree, c.ancestors[n]), AvlParent(&tree, pNode, n)) << c.key << " " << n;
+    }
+    EXPECT_EQ(&own, AvlRemove(&tree, 7));
 }
 
 TEST_F(Avl, TextKeysIgnoreCase)
@@ -96,6 +159,9 @@ TEST_F(AvlDeathTest, MisuseAbortsWithItsText)
     alien.key = 2;
     EXPECT_DEATH(AvlInsert(&tree, 2, nullptr), HasSubstr("`!\"key conflict\"'"));
     EXPECT_DEATH(AvlNext(&tree, &alien), HasSubstr("`stack[top]==item'"));
+    alien.height = 2;
+    EXPECT_DEATH(OnCheckBanlance(&tree, &alien),
+                 HasSubstr("`Height(item)==Max(Height(item->left),Height(item->right)) + 1'"));
 }
 
 }  // namespace

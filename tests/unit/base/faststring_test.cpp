@@ -34,6 +34,7 @@ TEST(FastString, ChangingASharedStringLeavesTheOtherHandle)
         {"StrTrimLeft", [](Str *p) { return StrTrimLeft(p, " "); }, "aBc "},
         {"StrTrimRight", [](Str *p) { return StrTrimRight(p, " "); }, " aBc"},
         {"StrLower", StrLower, " abc "},
+        {"StrUpper", StrUpper, " ABC "},
         {"BufClear", BufClear, ""},
         {"BufEnsure", [](Str *p) { return BufEnsure(p, 100); }, " aBc "},
     };
@@ -52,10 +53,82 @@ TEST(FastString, ChangingASharedStringLeavesTheOtherHandle)
     }
 }
 
+struct Text {
+    Str s = nullptr;
+    explicit Text(const char *sz) { StrCreate(&s, sz, 0); }
+    ~Text() { StrDestroy(&s); }
+    Text(const Text &) = delete;
+    Text &operator=(const Text &) = delete;
+};
+
+TEST(FastString, Compares)
+{
+    static const struct {
+        const char *a, *b;
+        int bEqual, bEqualCaseless, nCmp, nCmpCaseless;
+    } cases[] = {
+        {"", "", 1, 1, 0, 0},       {"abc", "abc", 1, 1, 0, 0},
+        {"aBc", "AbC", 0, 1, 1, 0}, {"abc", "abcd", 0, 0, -1, -1},
+        {"b", "abc", 0, 0, 1, 1},   {"Z", "[", 0, 0, -1, 1},  // z lies behind [
+    };
+    auto sign = [](int n) { return (n > 0) - (n < 0); };
+    for (const auto &c : cases) {
+        Text a(c.a), b(c.b);
+        EXPECT_EQ(c.bEqual, StrEqual(&a.s, &b.s)) << c.a;
+        EXPECT_EQ(c.bEqualCaseless, StrEqualCaseless(&a.s, &b.s)) << c.a;
+        EXPECT_EQ(c.nCmp, sign(StrCmp(&a.s, &b.s))) << c.a;
+        EXPECT_EQ(c.nCmpCaseless, sign(StrCmpCaseless(&a.s, &b.s))) << c.a;
+        Str both = nullptr;
+        StrAdd(&a.s, &b.s, &both);
+        EXPECT_EQ(std::string(c.a) + c.b, Held(both));
+        StrDestroy(&both);
+    }
+}
+
+TEST(FastString, Searches)
+{
+    static const struct {
+        const char *szText, *szFind;
+        size_t nFrom;
+        unsigned nFlags;
+        int nFirst, nNext;  // where the match and the one after it are; -1 none
+    } cases[] = {
+        {"abAbaab", "ab", 0, STR_FORWARD, 0, 5},  {"abAbaab", "ab", 1, STR_CASELESS, 2, 5},
+        {"abAbaab", "ab", 6, STR_BACKWARD, 5, 0}, {"abAbaab", "aB", 4, STR_BACKWARD | STR_CASELESS, 2, 0},
+        {"abAbaab", "ab", 6, STR_FORWARD, -1, 0}, {"aaa", "aa", 0, STR_FORWARD, 0, -1},
+        {"aaa", "aa", 2, STR_BACKWARD, 1, -1},    {"abAba", "A", 0, STR_FORWARD, 2, -1},
+        {"abAba", "a", 3, STR_BACKWARD, 0, -1},   {"abAba", "A", 1, STR_CASELESS, 2, 4},
+    };
+    for (const auto &c : cases) {
+        Text text(c.szText);
+        auto at = [&](const char *p) { return p ? static_cast<int>(p - text.s->text) : -1; };
+        SCOPED_TRACE(std::string(c.szText) + " " + c.szFind + " flags " + std::to_string(c.nFlags));
+        const char *p = StrStr(&text.s, c.szFind, c.nFrom, c.nFlags);
+        EXPECT_EQ(c.nFirst, at(p));
+        EXPECT_EQ(p ? c.nNext : -1, at(StrStrNext(&text.s, c.szFind, p, c.nFlags)));
+        if (c.szFind[1])
+            continue;
+        p = StrChar(&text.s, c.szFind[0], c.nFrom, c.nFlags);
+        EXPECT_EQ(c.nFirst, at(p));
+        EXPECT_EQ(p ? c.nNext : -1, at(StrCharNext(&text.s, c.szFind[0], p, c.nFlags)));
+    }
+}
+
 TEST(FastStringDeathTest, WhatDoesNotFitAborts)
 {
     Str a = nullptr, out = nullptr;
     StrCreate(&a, "abc", 0);
+    for (size_t nSize : {0U, 8U}) {  // with the four bytes of every block: room for 3 and 11, and the NUL
+        Str b = BufMake(nSize);
+        BufCopy(b, a);
+        EXPECT_EQ("abc", Held(b));
+        StrDestroy(&b);
+    }
+    Text longer("abcd");
+    Str b = BufMake(0);
+    EXPECT_DEATH(BufCopy(b, longer.s), HasSubstr("`d->total>s->len || !\"destination buffer too small\"'"));
+    StrDestroy(&b);
+    EXPECT_DEATH(StrStr(&a, "b", 0, 4), HasSubstr("`nFlags<=3 || !\"invalid search flags\"'"));
     EXPECT_DEATH(StrSub(&a, &out, 1, 3), HasSubstr("`b->len>=nFrom+nLen || !\"substring out of range\"'"));
     EXPECT_DEATH(StrCreate(&out, "x", UINT32_MAX - 1), HasSubstr("`!\"out of memory\"'"));
     StrDestroy(&a);

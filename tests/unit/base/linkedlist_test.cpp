@@ -193,6 +193,41 @@ TEST_P(ListBoth, TravelCodes)
     }
 }
 
+// Nodes that the owner makes; and nodes of the items' own, whose data word is the owner's.
+TEST(List, OwnersThatWorkOnNodes)
+{
+    std::string calls;
+    List list;
+    Item a, b;
+    ListInit(&list, &calls);
+    ListUsedDefMap(&list, 0);
+    ListNodeProc(
+        &list,
+        [](void *pCalls, void *pItem) {
+            *static_cast<std::string *>(pCalls) += '+';
+            static_cast<Item *>(pItem)->node.pData = pItem;
+            return &static_cast<Item *>(pItem)->node;
+        },
+        [](void *pCalls, ListNode *) { *static_cast<std::string *>(pCalls) += '-'; });
+    ListAppend(&list, &a);
+    ListAppend(&list, &b);
+    EXPECT_EQ(1, ListContains(&list, &a, 0));
+    EXPECT_EQ(1, ListRemove(&list, &a, 1));
+    EXPECT_EQ(0, ListContains(&list, &a, 0));
+    EXPECT_EQ(0, ListRemove(&list, &a, 1));
+    ListEmpty(&list);
+    EXPECT_EQ("++--", calls);
+
+    ListUsedDefMap(&list, 0);
+    a.node = b.node = {};
+    ListAppend(&list, &a);
+    ListAppend(&list, &b);
+    ListSetData(&list, &a, &calls);
+    EXPECT_EQ(&calls, ListGetData(&list, &a));
+    EXPECT_EQ(nullptr, ListGetData(&list, &b));
+    EXPECT_EQ(1, ListContains(&list, &calls, 1));
+}
+
 TEST(ListDeathTest, MisuseAbortsWithItsText)
 {
     List list, other;
@@ -206,6 +241,9 @@ TEST(ListDeathTest, MisuseAbortsWithItsText)
     EXPECT_DEATH(ListAppend(nullptr, &b), HasSubstr("`pList || !\"invalid list\"'"));
     EXPECT_DEATH(ListAppend(&list, &a), HasSubstr("`!p->pList'"));
     EXPECT_DEATH(ListRemove(&list, &b, 0), HasSubstr("`p->pList==pList'"));
+    EXPECT_DEATH(ListGetData(&list, &b), HasSubstr("`p && p->pList==pList'"));
+    auto *pfnAlloc = +[](void *, void *) -> ListNode * { return nullptr; };
+    EXPECT_DEATH(ListNodeProc(&list, pfnAlloc, nullptr), HasSubstr("`((void *)0)!=pfnFreeNode'"));
 }
 
 }  // namespace

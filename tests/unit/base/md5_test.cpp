@@ -1,5 +1,6 @@
 #include "base/md5.h"
 
+#include <cstdlib>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -25,6 +26,9 @@ TEST(Md5, GivesTheKnownDigests)
         char hex[kMd5HexSize];
         EXPECT_EQ(32, Md5Hex(c.text.c_str(), 0, hex));
         EXPECT_STREQ(c.szHex, hex) << c.text;
+        char *pNew = Md5HexAlloc(c.text.c_str(), c.text.size());
+        EXPECT_STREQ(c.szHex, pNew) << c.text;
+        free(pNew);
     }
 }
 

@@ -169,6 +169,7 @@ struct Recorder {
 // A player's output with one track, whose packets can be taken apart.
 struct Player {
     RtpOut out;
+    RtpTrack track;
     std::vector<uint8_t> scratch = std::vector<uint8_t>(65536);
 
     explicit Player(uint32_t nMediaType = MEDIA_H264, uint32_t nTimeScale = 1000)
@@ -177,7 +178,8 @@ struct Player {
         out.nScratch = static_cast<uint32_t>(scratch.size());
         BlockListInit(&out.Outq, nullptr);
         out.nTracks = 1;
-        out.tracks[0] = RtpTrack{1, nMediaType, 96, 0xA0B0C0D0, 0xFFFE, nTimeScale};
+        track = RtpTrack{1, nMediaType, 96, 0xA0B0C0D0, 0xFFFE, nTimeScale};
+        out.tracks[0] = &track;
     }
     ~Player() { ListEmpty(&out.Outq); }
     Player(const Player &) = delete;

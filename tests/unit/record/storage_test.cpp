@@ -1,5 +1,7 @@
 #include "record/storage.h"
 
+#include <climits>
+#include <ctime>
 #include <filesystem>
 #include <string>
 
@@ -7,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "support/files.h"
+#include "support/output.h"
 
 namespace orx {
 namespace {
@@ -31,6 +34,116 @@ TEST(Storage, PathsStayBelowTheRoot)
     EXPECT_EQ(0, next("a/b", 0));
     EXPECT_EQ(0, next("a/b", 4));
     EXPECT_EQ(0, next(std::string(60, 'p'), 1, 40)) << "no room for the path";
+}
+
+// A tree below a root, and what is outside; the wall clock of recordings stands still at noon of a day in
+// March of a leap year.
+struct OldDays : testing::Test {
+    TempDir dir;
+    std::string root = dir.File("rec/");
+
+    OldDays()
+    {
+        tm noon{};
+        noon.tm_year = 2024 - 1900;
+        noon.tm_mon = 2;
+        noon.tm_mday = 5;
+        noon.tm_hour = 12;
+        noon.tm_isdst = -1;
+        RecordTimeSetOffset(mktime(&noon) - time(nullptr));
+        Put(dir.File("outside/20240229/M1.zmf"));
+    }
+    ~OldDays() override { RecordTimeSetOffset(0); }
+    static void Put(const std::string &path)
+    {
+        std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+        WriteFile(path, "x");
+    }
+    void Link(const std::string &at) const
+    {
+        std::filesystem::create_directories(std::filesystem::path(root + at).parent_path());
+        std::filesystem::create_symlink(dir.File("outside/20240229"), root + at);
+    }
+};
+
+// Days of 3 to 10 days of age go: 24 February to 2 March.
+TEST_F(OldDays, GoWithWhatIsInThem)
+{
+    static const struct {
+        const char *szFile;
+        bool bOfCam, bOfAll;  // it goes when the days of "cam" are deleted, and those of every program
+    } cases[] = {
+        {"cam/20240302/M1.zmf", true, true},       {"cam/20240302/a/b/M1.zmf", true, true},
+        {"cam/20240229/M1.txt", true, true},       {"cam/20240224/M1.zmf.tm!", true, true},
+        {"cam/20240303/M1.zmf", false, false},     {"cam/20240223/M1.zmf", false, false},
+        {"cam/20240305/M1.zmf", false, false},     {"cam/20240229.bad/M1.zmf", false, false},
+        {"cam/0240229/M1.zmf", false, false},      {"cam/20240228", false, false},  // a file
+        {"cam/20240227/20240226/x", false, false},                                  // its day is held
+        {"20240229/M1.zmf", false, true},          {"cam2/20240229/M1.zmf", false, true},
+        {"a/b/20240229/M1.zmf", false, true},      {"cam/sub/20240229/M1.zmf", false, true},
+        {".cam/20240229/M1.zmf", false, false},    {"cam/20240303/20240229/M1.zmf", false, false},
+    };
+    for (const char *szProgram : {"cam", static_cast<const char *>(nullptr)}) {
+        for (const auto &c : cases)
+            Put(root + c.szFile);
+        for (int nAge : {INT_MIN, -3000000, -1000, 9000, 1000000, INT_MAX})  // days that nobody has
+            StorageDeleteOldDays(root.c_str(), szProgram, nAge);
+        OpenRecording open;
+        StorageHold(&open, (root + "cam/20240227").c_str());
+        StorageDeleteOldDays(root.c_str(), szProgram, 3);
+        StorageRelease(&open);
+        for (const auto &c : cases) {
+            bool bThere = std::filesystem::exists(root + c.szFile);
+            EXPECT_EQ(!(szProgram ? c.bOfCam : c.bOfAll), bThere) << c.szFile;
+        }
+        EXPECT_FALSE(std::filesystem::exists(root + "cam/20240302"));
+    }
+}
+
+// A link in the place of a day or of a program is left alone; one within a day goes, not what it names.
+TEST_F(OldDays, NothingOutsideTheRootIsReached)
+{
+    for (const char *szLink : {"cam/20240229", "link", "cam/20240228/inner", "cam/20240228/a/inner"})
+        Link(szLink);
+    std::filesystem::create_symlink(dir.File("outside"), root + "program");
+    for (const char *szProgram :
+         {"cam", "../outside", "cam/../../outside", static_cast<const char *>(nullptr)})
+        StorageDeleteOldDays(root.c_str(), szProgram, 3);
+    EXPECT_EQ("x", ReadFile(dir.File("outside/20240229/M1.zmf")));
+    EXPECT_TRUE(std::filesystem::is_symlink(root + "cam/20240229"));
+    EXPECT_FALSE(std::filesystem::exists(root + "cam/20240228"));
+}
+
+// No disk has the room asked for, so that everything that may be deleted is: the oldest day first.
+TEST_F(OldDays, ReserveSpaceDeletesTheOldestFirst)
+{
+    static const struct {
+        const char *szSub;
+        int bDateLayout;
+        uint32_t nMB;
+        int bDelete, nResult;
+        const char *szRemoved, *szLeft;  // days or files by their digits
+    } cases[] = {
+        {"cam/20240101", 1, 1, 1, 1, "", "20240101 20231231 "},
+        {"cam/20240101/", 1, UINT32_MAX, 0, 0, "", "20240101 20231231 "},
+        {"cam/20240101", 1, UINT32_MAX, 1, 0, "20231231 20240101 ", ""},
+        {"cam/20240101", 0, UINT32_MAX, 1, 1, "20240101 ", "20231231 "},  // gone, so that it cannot be asked
+    };
+    for (const auto &c : cases) {
+        std::string removed, left;
+        for (const char *szDay : {"20240101", "20231231"})
+            Put(root + "cam/" + szDay + "/M1.zmf");
+        int nResult = -1;
+        std::string said = Printed(
+            [&] { nResult = CheckPathReserveSpace(root.c_str(), c.szSub, c.bDateLayout, c.nMB, c.bDelete); });
+        EXPECT_EQ(c.nResult, nResult) << said;
+        for (size_t n = 0; (n = said.find("The oldest file (", n)) != std::string::npos; n++)
+            removed += said.substr(n + 17 + root.size() + 4, 8) + " ";
+        for (const char *szDay : {"20240101", "20231231"})
+            left += std::filesystem::exists(root + "cam/" + szDay) ? szDay + std::string(" ") : "";
+        EXPECT_EQ(c.szRemoved, removed) << said;
+        EXPECT_EQ(c.szLeft, left) << c.szSub;
+    }
 }
 
 }  // namespace

@@ -17,7 +17,7 @@ std::string MakeRecording(const std::string &path, uint32_t nSeconds, bool bClos
         recorder.Put('v', i % 5 == 0 ? ZMF_KEY : 0, i * 200, Nal(i % 5 == 0 ? 7 : 1, 60, i));
         recorder.Put('a', 0, i * 200 + 10, "sound");
     }
-    FileOutFlush(&recorder.pWriter->file);
+    FileOutFlush(&recorder.pWriter->file.out);
     WriteFile(path, bClosed ? recorder.Finish() : ReadFile(recorder.path + ".tm!"));
     return ReadFile(path);
 }

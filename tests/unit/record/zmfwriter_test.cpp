@@ -86,6 +86,24 @@ TEST(ZMFWriter, NothingBeforeTheFirstKeyFrame)
     EXPECT_EQ(expected, recorder.FinishedSamples());
 }
 
+// What is gathered is written, and the next sample follows 20 ms after the last one, whatever its clock says.
+TEST(ZMFWriter, APauseLeavesTimeOut)
+{
+    Recorder recorder;
+    recorder.PutKey(1000);
+    recorder.Put('v', 0, 1040, "picture");
+    recorder.Put('a', 0, 1050, "sound");
+    ZMFWriterPause(recorder.pWriter);
+    recorder.Put('a', 0, 500, "after");
+    recorder.PutKey(700);
+    std::vector<Sample> expected = {{'v', ZMF_KEY, 0, Nal(7, 100, 1000)},
+                                    {'v', 0, 40, "picture"},
+                                    {'a', 0, 50, "sound"},
+                                    {'a', 0, 70, "after"},
+                                    {'v', ZMF_KEY, 270, Nal(7, 100, 700)}};
+    EXPECT_EQ(expected, recorder.FinishedSamples());
+}
+
 TEST(ZMFWriter, BigFramesUseTheLongLength)
 {
     for (size_t nBytes : {65527U, 65528U, 131071U}) {

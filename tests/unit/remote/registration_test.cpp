@@ -1,3 +1,5 @@
+#include "remote/registration.h"
+
 #include <string>
 
 #include <gmock/gmock.h>
@@ -6,7 +8,6 @@
 #include "base/textbuf.h"
 #include "enettest.h"
 #include "remote/unet.h"
-#include "remote/unetzupo.h"
 #include "runtime/clock.h"
 #include "support/files.h"
 #include "support/output.h"
@@ -142,14 +143,18 @@ TEST(Registration, ABrokenPacketEndsTheConnection)
         {reply.substr(0, 7) + "\7"s + reply.substr(8), "ack_head.nDataLen==6"},
         {punch.substr(0, 7) + "\0"s + punch.substr(8), "ack_head.nDataLen==6"},
         {punch.substr(0, 21), "dataLength >= (sizeof(ZUPO_PACKET_HEAD))+ack_head.nDataLen"},
+        {reply, ""},
         {std::string(kHeartbeat), ""},  // other commands concern nobody here
     };
     for (const auto &c : cases) {
-        Unet unet;
-        unet.bRegistered = 1;
-        EXPECT_THAT(PeerFaults([&] { ZupoReceive(&unet, c.packet.data(), c.packet.size()); }),
+        UnetHost host;
+        Registration registration;
+        registration.pHost = &host;
+        registration.bRegistered = 1;
+        EXPECT_THAT(PeerFaults([&] { RegistrationReceive(&registration, c.packet.data(), c.packet.size()); }),
                     HasSubstr(c.szText));
-        EXPECT_EQ(*c.szText == '\0', unet.bRegistered) << c.szText;
+        EXPECT_EQ(*c.szText == '\0', registration.bRegistered) << c.szText;
+        EXPECT_EQ(c.packet == reply ? 0x7F000001U : 0, registration.nSeenIp);
     }
 }
 

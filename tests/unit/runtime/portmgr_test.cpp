@@ -1,8 +1,11 @@
 #include "runtime/portmgr.h"
 
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "support/output.h"
 
 namespace orx {
 namespace {
@@ -63,6 +66,20 @@ TEST(PortMgr, TakesBackOnlyPairsOfItsRange)
         PortMgrRelease(&ports.mgr, c.nPort);
         EXPECT_EQ(c.bTaken ? c.nPort : 0, PortMgrAlloc(&ports.mgr)) << c.nPort;
     }
+}
+
+TEST(PortMgr, DumpsItsWords)
+{
+    Ports four(50000, 50000 + 2 * 127), five(50000, 50000 + 2 * 128);
+    const std::string line = "00000=[ffffffff]\t00001=[ffffffff]\t00002=[ffffffff]\t00003=[ffffffff]\t\r\n";
+    EXPECT_EQ(line + "\r\n", Printed([&] { PortMgrDump(&four.mgr); }));
+    EXPECT_EQ(line + "00004=[ffffffff]\t\r\n", Printed([&] { PortMgrDump(&five.mgr); }));
+    Ports one(50000, 50010);
+    PortMgrSetDebug(1);
+    EXPECT_EQ("00000=[fffffffe]\t\r\n", Printed([&] { PortMgrAlloc(&one.mgr); }));
+    EXPECT_EQ("00000=[ffffffff]\t\r\n", Printed([&] { PortMgrRelease(&one.mgr, 50000); }));
+    PortMgrSetDebug(0);
+    EXPECT_EQ("", Printed([&] { PortMgrAlloc(&one.mgr); }));
 }
 
 }  // namespace

@@ -6,6 +6,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/wait.h"
+
 namespace orx {
 namespace {
 
@@ -32,6 +34,32 @@ TEST(ThreadDeathTest, PriorityThatMayNotBeRaised)
     EXPECT_EXIT(RaisePriorityWithoutTheRight(1), testing::ExitedWithCode(0),
                 testing::AllOf(HasSubstr("Priority -20 is not permitted"),
                                testing::Not(HasSubstr("Priority -19"))));  // it is told once
+}
+
+TEST(Thread, EndsAPauseOrDiesWhereItStands)
+{
+    Thread sleeper;
+    ASSERT_EQ(1, ThreadCreate(
+                     &sleeper, [](Thread *pThread) { ThreadPause(pThread, 3600000); }, nullptr));
+    EXPECT_TRUE(WaitFor([&] {
+        ThreadWakeup(&sleeper);  // lost when it comes before the pause
+        return (sleeper.nFlags & THREAD_ENDED) != 0;
+    }));
+    EXPECT_EQ(0, ThreadStopping(&sleeper));
+    ThreadJoin(&sleeper);
+
+    Thread deaf;
+    ASSERT_EQ(1, ThreadCreate(
+                     &deaf,
+                     [](Thread *) {
+                         for (;;)
+                             pause();
+                     },
+                     nullptr));
+    ThreadCancel(&deaf);
+    ThreadJoin(&deaf);
+    EXPECT_EQ(1, ThreadStopping(&deaf));
+    EXPECT_EQ(0U, deaf.nFlags & THREAD_ENDED);
 }
 
 }  // namespace

@@ -1,0 +1,259 @@
+#include "record/recordfile.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <initializer_list>
+
+#include "base/assertion.h"
+#include "base/bytes.h"
+#include "base/console.h"
+#include "base/textbuf.h"
+
+namespace orx {
+
+constexpr size_t kExtensionLen = 4;  // ".zmf"
+
+// Path of the file while it is being written.
+static int OpenName(const RecordFile *pFile, char *szOut, size_t nSize)
+{
+    TextBuf path{szOut, nSize};
+    return TextAdd(&path, "%s%s", pFile->szFile, kOpenSuffix);
+}
+
+int RecordFileOpen(RecordFile *pFile, const char *szFile)
+{
+    char szOpen[kStoragePathSize];
+    char szDir[kStoragePathSize];
+    char *szCopy = strdup(szFile);
+    if (!szCopy)
+        return 0;
+    free(pFile->szFile);
+    pFile->szFile = szCopy;
+    if (!OpenName(pFile, szOpen, sizeof(szOpen)) || !FileOutOpen(&pFile->out, szOpen))
+        return 0;
+    StorageDirOf(szDir, sizeof(szDir), szFile);
+    StorageHold(&pFile->open, szDir);
+    return 1;
+}
+
+int RecordFileIsOpen(const RecordFile *pFile)
+{
+    return pFile->out.fd >= 0;
+}
+
+int RecordFileSetSdp(RecordFile *pFile, const char *szSdp)
+{
+    size_t nText = strlen(szSdp);
+    size_t nBlock = (nText + 8) / 8 * 8;
+    nBlock += SdpFindRange(szSdp) ? 16 : 32;
+    if (nBlock > kZmfTextBlockMax)
+        return 0;
+    auto *szCopy = static_cast<char *>(calloc(1, nBlock + 1));
+    if (!szCopy)
+        return 0;
+    memcpy(szCopy, szSdp, nText + 1);
+    SdpRemoveRange(szCopy);
+    size_t nLeft = strlen(szCopy);
+    memset(szCopy + nLeft, 0, nBlock - nLeft);
+    free(pFile->pszSdp);
+    pFile->pszSdp = szCopy;
+    pFile->head.nSdpSize = static_cast<uint16_t>(nBlock);
+    return 1;
+}
+
+int RecordFileSetAppData(RecordFile *pFile, uint32_t nBytes, const void *pData)
+{
+    uint32_t nBlock = pFile->head.nAppDataBytes;
+    if (!pFile->pAppData) {
+        if (nBytes > kZmfTextBlockMax || pFile->uDataBeginOffset != 0)
+            return 0;
+        nBlock = (nBytes + 7) / 8 * 8;
+        pFile->pAppData = static_cast<uint8_t *>(calloc(1, nBlock + 1));
+        if (!pFile->pAppData)
+            return 0;
+        pFile->head.nAppDataBytes = static_cast<uint16_t>(nBlock);
+    }
+    ORX_ASSERT(nBytes <= nBlock, "nAppDataBytes <= pWriter->nAppDataBytes");
+    memset(pFile->pAppData, 0, nBlock);
+    if (nBytes > 0)
+        memcpy(pFile->pAppData, pData, nBytes);
+    return 1;
+}
+
+static void EncodeIndex(const RecordFile *pFile, uint8_t *pOut)
+{
+    memset(pOut, 0, kZmfIdxBytes);
+    for (uint32_t i = 0; i < pFile->nCurIdxId; i++) {
+        PutBe(pOut + i * kZmfEntryBytes, 4, pFile->index[i].nPos);
+        PutBe(pOut + i * kZmfEntryBytes + 4, 4, pFile->index[i].nTimeMs);
+    }
+}
+
+static void FormatTime(TextBuf *pText, time_t tWhen)
+{
+    tm local{};
+    localtime_r(&tWhen, &local);
+    TextAdd(pText, "%04d%02d%02d-%02d%02d%02d", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
+            local.tm_hour, local.tm_min, local.tm_sec);
+}
+
+int RecordFileWriteHead(RecordFile *pFile)
+{
+    uint8_t bytes[kZmfHeadBytes + kZmfIdxBytes] = {};
+    pFile->tFileStart = RecordTime();
+    TextBuf start{pFile->head.szStartTime, sizeof(pFile->head.szStartTime)};
+    FormatTime(&start, pFile->tFileStart);
+    ZMFileHeaderEncode(&pFile->head, bytes);
+    if (!FileOutWrite(&pFile->out, bytes, sizeof(bytes), pFile->pszSdp, pFile->head.nSdpSize) ||
+        !FileOutWrite(&pFile->out, pFile->pAppData, pFile->head.nAppDataBytes, nullptr, 0) ||
+        !FileOutFlush(&pFile->out))
+        return 0;
+    FileOutCommit(&pFile->out);
+    pFile->uDataBeginOffset = ZMFileDataOffset(&pFile->head);
+    return 1;
+}
+
+// Rewrites header and index in place; with the counters only when bFinal, so that a file that was never
+// closed is known by its missing duration. Returns 1 or 0.
+static int RewriteHead(RecordFile *pFile, int bFinal)
+{
+    uint8_t bytes[kZmfHeadBytes + kZmfIdxBytes];
+    ZMFileHeader head = pFile->head;
+    if (bFinal) {
+        head.uDuration = pFile->uDuration;
+        head.uVideoSamples = pFile->uVideoSamples;
+        head.uTextSamples = pFile->uTextSamples;
+        head.uUserSamples = pFile->uUserSamples;
+        head.uKeyFrames = pFile->uKeyFrames;
+    }
+    ZMFileHeaderEncode(&head, bytes);
+    EncodeIndex(pFile, bytes + kZmfHeadBytes);
+    return FileOutPatch(&pFile->out, 0, bytes, sizeof(bytes));
+}
+
+// Keeps every second entry, so that the index reaches twice as far.
+static int HalveIndex(RecordFile *pFile)
+{
+    print("======nCurIdxId >= DEF_IDX_COUNT======\r");
+    for (uint32_t i = 0; i < DEF_IDX_COUNT / 2; i++)
+        pFile->index[i] = pFile->index[2 * i];
+    pFile->nCurIdxId = DEF_IDX_COUNT / 2;
+    pFile->head.nIdxInterval = static_cast<uint16_t>(pFile->head.nIdxInterval * 2);
+    return RewriteHead(pFile, 0) && FileOutFlush(&pFile->out);
+}
+
+int RecordFileAddKeyFrame(RecordFile *pFile, uint32_t nTimeMs)
+{
+    // the interval has 16 bits, so that it doubles up to 0x8000
+    if (pFile->nCurIdxId >= DEF_IDX_COUNT && pFile->head.nIdxInterval < 0x8000 && !HalveIndex(pFile))
+        return -1;
+    uint64_t nPos = FileOutPos(&pFile->out) - pFile->uDataBeginOffset;
+    int bTurn = pFile->uKeyFrames % pFile->head.nIdxInterval == 0 && pFile->nCurIdxId < DEF_IDX_COUNT;
+    if (bTurn && nPos <= UINT32_MAX) {  // beyond 4 GB a seek walks on from the last entry
+        pFile->index[pFile->nCurIdxId].nPos = static_cast<uint32_t>(nPos);
+        pFile->index[pFile->nCurIdxId].nTimeMs = nTimeMs;
+        pFile->nCurIdxId++;
+    }
+    pFile->uKeyFrames++;
+    return 1;
+}
+
+int RecordFileWriteRecord(RecordFile *pFile, const uint8_t *pData, uint32_t nBytes, uint32_t nTimeMs,
+                          uint32_t nType)
+{
+    ZMFRecordHead head;
+    head.nLength = nBytes + kZmfRecordHeadBytes;
+    head.chMedia = static_cast<char>(nType >> 8);
+    head.nFlags = static_cast<uint8_t>(nType);
+    head.nTimeMs = nTimeMs;
+    pFile->uVideoSamples += head.chMedia == 'v' ? 1 : 0;
+    pFile->uTextSamples += head.chMedia == 't' ? 1 : 0;
+    pFile->uUserSamples += head.chMedia == 'u' ? 1 : 0;
+    if (!ORX_PEER_ASSERT(nBytes <= kZmfMaxRecordBytes - kZmfRecordHeadBytes, "nLen <= 0xfffff"))
+        return -1;
+    if (head.nLength >= kZmfBigRecordBytes)
+        print("******Write big video frame=%dBytes*******\r\n", static_cast<int>(head.nLength));
+    uint8_t bytes[kZmfRecordHeadBytes];
+    ZMFRecordHeadEncode(&head, bytes);
+    if (!FileOutWrite(&pFile->out, bytes, sizeof(bytes), pData, nBytes))
+        return -1;
+    FileOutCommit(&pFile->out);
+    pFile->uSampleCount++;
+    return 1;
+}
+
+// Header, index, SDP and application data as they are at the end. A write error leaves the rest undone: how
+// many of the records that were counted are in the file is not known then, so it stays as one that was
+// interrupted.
+static void Complete(RecordFile *pFile)
+{
+    if (!FileOutFlush(&pFile->out))
+        return;
+    ORX_ASSERT(pFile->nCurIdxId == 0 || pFile->index[0].nPos == 0,
+               "index[0].pos == 0 || index[0].pos == pWriter->uDataBeginOffset");
+    if (!RewriteHead(pFile, 1))
+        return;
+    if (pFile->uDuration > 0 && pFile->pszSdp) {
+        const char *p = SdpFindRange(pFile->pszSdp);
+        ORX_ASSERT(p == nullptr, "p==((void *)0)");
+        SdpInsertRange(pFile->pszSdp, pFile->head.nSdpSize + size_t{1}, pFile->uDuration);
+    }
+    uint64_t nSdpAt = kZmfHeadBytes + kZmfIdxBytes;
+    if (FileOutPatch(&pFile->out, nSdpAt, pFile->pszSdp, pFile->head.nSdpSize))
+        FileOutPatch(&pFile->out, nSdpAt + pFile->head.nSdpSize, pFile->pAppData, pFile->head.nAppDataBytes);
+}
+
+int RecordFileClose(RecordFile *pFile)
+{
+    char szOpen[kStoragePathSize];
+    if (pFile->uDataBeginOffset != 0)
+        Complete(pFile);
+    int bNamed = OpenName(pFile, szOpen, sizeof(szOpen)) && FileOutIsAt(&pFile->out, szOpen);
+    int bWhole = FileOutClose(&pFile->out);
+    if (bNamed)  // otherwise a later recording has taken the name
+        rename(szOpen, pFile->szFile);
+    StorageRelease(&pFile->open);
+    pFile->uDataBeginOffset = 0;
+    return bWhole;
+}
+
+int RecordFileNextPath(const RecordFile *pFile, char *szOut, size_t nSize)
+{
+    const char *pSlash = pFile->szFile ? strrchr(pFile->szFile, '/') : nullptr;
+    if (!pSlash)
+        return 0;
+    const char *pDash = strchr(pSlash, '-');
+    size_t nLast = strlen(pSlash + 1);
+    size_t nStem = pDash ? static_cast<size_t>(pDash - pFile->szFile) : strlen(pFile->szFile);
+    if (!pDash && nLast > kExtensionLen)
+        nStem -= kExtensionLen;
+    TextBuf path{szOut, nSize};
+    TextAddBytes(&path, pFile->szFile, nStem);
+    TextAdd(&path, "-");
+    FormatTime(&path, RecordTime());
+    return TextAdd(&path, ".zmf");
+}
+
+int RecordFileBeginNext(RecordFile *pFile)
+{
+    if (pFile->pszSdp && !RecordFileSetSdp(pFile, pFile->pszSdp))
+        return 0;
+    pFile->uDuration = pFile->uVideoSamples = pFile->uTextSamples = pFile->uUserSamples = 0;
+    pFile->uSampleCount = pFile->uKeyFrames = pFile->nCurIdxId = 0;
+    pFile->head.nIdxInterval = 1;
+    pFile->head.nFileSeq++;
+    return 1;
+}
+
+void RecordFileFree(RecordFile *pFile)
+{
+    for (char **pp : {&pFile->szFile, &pFile->pszSdp}) {
+        free(*pp);
+        *pp = nullptr;
+    }
+    free(pFile->pAppData);
+    pFile->pAppData = nullptr;
+}
+
+}  // namespace orx

@@ -1,0 +1,72 @@
+// One file of a recording while it is written: header, key-frame index, SDP and application data, the
+// records, and at the end its completion and its final name. A recording of several files opens the same
+// record again for each, and description, application data and label go on into the next. Scheduler thread
+// only.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+
+#include "record/fileout.h"
+#include "record/storage.h"
+#include "record/zmfile.h"
+
+namespace orx {
+
+struct RecordFile {
+    char *szFile = nullptr;  // path without ".tm!", owned; kept after the close
+    OpenRecording open;      // keeps the clean-up away from the file's directory
+    FileOut out;
+    ZMFileHeader head;            // its counters are filled in when the file is completed
+    char *pszSdp = nullptr;       // owned, head.nSdpSize bytes, NUL-padded, and a NUL
+    uint8_t *pAppData = nullptr;  // owned, head.nAppDataBytes
+    time_t tFileStart = 0;        // when the head was written
+
+    uint32_t uDataBeginOffset = 0;  // position of the first record, 0 until the head is written
+    uint32_t uDuration = 0;         // largest time stamp, ms from the start of the file; the caller raises it
+    uint32_t uVideoSamples = 0;
+    uint32_t uTextSamples = 0;
+    uint32_t uUserSamples = 0;
+    uint32_t uSampleCount = 0;  // records written
+    uint32_t uKeyFrames = 0;
+    uint32_t nCurIdxId = 0;  // index entries in use
+    ZMFIndexEntry index[DEF_IDX_COUNT];
+};
+
+// Makes szFile, under its name with ".tm!" behind it. Returns 1 or 0.
+int RecordFileOpen(RecordFile *pFile, const char *szFile);
+int RecordFileIsOpen(const RecordFile *pFile);
+
+// Keeps the description with room behind it for the range line of a completed file; a range line that it has
+// is left out. The description that is kept already may be given again. Returns 1, or 0 when it is longer
+// than the format can hold or memory runs out.
+int RecordFileSetSdp(RecordFile *pFile, const char *szSdp);
+// Keeps nBytes opaque bytes. The first call, before the head is written, fixes the room for them; later ones
+// may change what is in it. Returns 1, or 0 when there is none.
+int RecordFileSetAppData(RecordFile *pFile, uint32_t nBytes, const void *pData);
+
+// Writes header, index, SDP and application data. Returns 1, or 0 on a write error.
+int RecordFileWriteHead(RecordFile *pFile);
+
+// Counts a key frame whose record comes next, with an index entry when it is its turn. Returns 1 or -1.
+int RecordFileAddKeyFrame(RecordFile *pFile, uint32_t nTimeMs);
+// Appends one record; nTimeMs counts from the start of the file, nType is SampleType(). Returns 1 or -1.
+int RecordFileWriteRecord(RecordFile *pFile, const uint8_t *pData, uint32_t nBytes, uint32_t nTimeMs,
+                          uint32_t nType);
+
+// Completes the file when its head was written, closes it and gives it its final name. Returns 1, or 0 when
+// something was lost.
+int RecordFileClose(RecordFile *pFile);
+
+// The path that follows one that was not built from the date: its stem, up to the first '-' of the name, with
+// the time of now. Returns 1, or 0 for a path without directory or one that does not fit.
+int RecordFileNextPath(const RecordFile *pFile, char *szOut, size_t nSize);
+// Readies the record for the next file of the recording: counters, index, and the description without the
+// range line of the file before. Returns 1, or 0 without memory.
+int RecordFileBeginNext(RecordFile *pFile);
+
+// Frees what the record owns; the file is closed.
+void RecordFileFree(RecordFile *pFile);
+
+}  // namespace orx

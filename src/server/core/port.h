@@ -1,0 +1,67 @@
+// A socket known to the server: the TCP connection of a client or one UDP media socket.
+// Scheduler thread only.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+
+#include "runtime/task.h"
+#include "server/core/request.h"
+#include "server/core/retire.h"
+
+namespace orx {
+
+constexpr int kSendBufferBytes = 163840;  // SO_SNDBUF; holds a key frame of a typical camera
+
+enum : uint8_t { PORT_TCP = 1, PORT_UDP = 2 };
+enum : uint16_t {
+    PORT_TUNNEL_POST = 0x2,  // the POST connection of an RTSP-over-HTTP tunnel: its bytes are base64 text
+    PORT_CONNECTED = 0x200,
+    PORT_NO_SEGMENTS = 0x400,  // UDP: the path to the peer takes single datagrams only
+};
+
+struct Port {
+    int fd = -1;               // owned; key of the port map and of the session map
+    uint8_t nType = 0;         // PORT_TCP, PORT_UDP
+    uint16_t nFlags = 0;       // PORT_...
+    uint32_t nGeneration = 0;  // tells this socket from an earlier one with the same descriptor; never 0
+    sockaddr_in local{};
+    sockaddr_in remote{};  // UDP: the configured peer, then the source of the last datagram
+    Request request;       // the message that is being received
+    char tail[4] = "";     // tunnel POST: characters of a base64 group not yet complete
+    uint32_t nTail = 0;
+    Retired retired;
+};
+
+// Takes over a connected socket and watches it for reading; null when that fails, the socket is then closed.
+Port *CreateTcpPort(int fd);
+
+// Opens a UDP socket on the local address, aimed at the remote one, and watches it for reading; null on
+// failure. Both ports are in host order and not 0.
+Port *CreateUdpPort(const char *szLocalIp, int nLocalPort, const char *szRemoteIp, int nRemotePort);
+
+// The port of a descriptor, or null. FindPortAlive also wants the generation to be the one given.
+Port *FindPort(int fd);
+Port *FindPortAlive(int fd, uint32_t nGeneration);
+
+// A timer that names a connection keeps its descriptor (the task's nParam) and generation, never the record's
+// address. PortOfTask: the port, or null once it has gone.
+void PortSchedule(const Port *pPort, TaskProc pfnRun, uint32_t nDelayMs);
+Port *PortOfTask(const Task *pTask);
+
+// Queues an event of the port as the monitor would, in nDelayMs: MONITOR_... or PORT_POSTED_INPUT.
+constexpr uint32_t PORT_POSTED_INPUT = 0x8000;  // run the parser on what the session already holds
+void PortPostEvent(const Port *pPort, uint32_t nEvent, uint32_t nDelayMs);
+
+// Reads the connection dry and handles what came. Returns 0, or -1 when it was found closed, or silent for
+// too long, and the port was closed; a request may also have ended its session (bEnded).
+int PortReadNow(const Port *pPort);
+
+// Takes the port out of the port map and closes its socket; accepts null.
+void PortClose(Port *pPort);
+
+// Free procedure of the port map: closes the socket of a node's port.
+int OnFreePort(AvlNode *pNode);
+
+}  // namespace orx

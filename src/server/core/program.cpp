@@ -1,0 +1,214 @@
+#include "server/core/program.h"
+
+#include <strings.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <new>
+
+#include "base/console.h"
+#include "base/textbuf.h"
+#include "runtime/clock.h"
+#include "server/core/registry.h"
+#include "server/core/settings.h"
+
+namespace orx {
+
+constexpr size_t kMaxPath = 256;  // of a request's decoded URI, NUL included
+
+// Handles are given in order and wrap.
+static int ComparePlayers(void *, void *pData, void *pKey)
+{
+    return ClockDiff(static_cast<Session *>(pData)->nHandle, static_cast<Session *>(pKey)->nHandle);
+}
+
+Program *ProgramNew(const char *szPath, const ProgramOps *pOps)
+{
+    auto *pProg = new (std::nothrow) Program;
+    if (!pProg)
+        return nullptr;
+    pProg->pOps = pOps;
+    ListInit(&pProg->players, pProg);
+    ListUsedDefMap(&pProg->players, 1);  // a session's second node
+    ListDataProc(&pProg->players, nullptr, ComparePlayers);
+    BlockListInit(&pProg->Pktq, pProg);
+    pProg->tBorn = ClockUptime();
+    pProg->nBornMs = ClockMs();
+    pProg->nCacheLimit = g_settings.nCacheSeconds * 1000;
+    pProg->Uri = strdup(szPath);
+    if (pProg->Uri)
+        return pProg;
+    delete pProg;
+    return nullptr;
+}
+
+static void ProgramFree(void *pRecord)
+{
+    auto *pProg = static_cast<Program *>(pRecord);
+    free(pProg->szSdp);
+    free(pProg->Uri);
+    free(pProg->szCamCfg);
+    free(pProg->szAccounts);
+    ListEmpty(&pProg->Pktq);
+    delete pProg;
+}
+
+void ProgramDiscard(Program *pProg)
+{
+    pProg->pOps->pfnStop(pProg);
+    ProgramFree(pProg);
+}
+
+int ProgramReady(Program *pProg)
+{
+    TextBuf name{pProg->szName, sizeof(pProg->szName)};
+    TextAdd(&name, "Orx%u", static_cast<unsigned>(time(nullptr)) + static_cast<unsigned>(rand()));
+    if (pProg->bLive &&
+        (ProgramFind(pProg->Uri) || !AvlInsert(&g_server.programMap, AvlTextKey(pProg->Uri), pProg)))
+        return 0;
+    return ListAppend(&g_server.programs, pProg);
+}
+
+unsigned ProgramPrintId(const Program *pProg)
+{
+    return static_cast<unsigned>(reinterpret_cast<uintptr_t>(pProg));
+}
+
+Program *ProgramFind(const char *szPath)
+{
+    return static_cast<Program *>(AvlValue(&g_server.programMap, AvlTextKey(szPath)));
+}
+
+Program *ProgramFindWithSubstream(const char *szPath)
+{
+    Program *pProg = ProgramFind(szPath);
+    if (pProg || strncmp(szPath, "/ch", 3) != 0 || strchr(szPath, '-'))
+        return pProg;
+    char path[kMaxPath + 3];
+    TextBuf text{path, sizeof(path)};
+    return TextAdd(&text, "%s-s1", szPath) ? ProgramFind(path) : nullptr;
+}
+
+// Nobody finds the program any more. The name may belong to a later program by now.
+static void RemoveName(Program *pProg)
+{
+    if (ProgramFind(pProg->Uri) == pProg)
+        AvlForget(&g_server.programMap, AvlTextKey(pProg->Uri));
+}
+
+void ProgramAttach(Session *pSession, Program *pProg)
+{
+    if (pSession->pProg == pProg)
+        return;
+    ProgramDetach(pSession);
+    pProg->nRefs++;
+    pSession->pProg = pProg;
+    if (pProg->pPusher != pSession)
+        ListSortInsert(&pProg->players, pSession);
+}
+
+void ProgramDetach(Session *pSession)
+{
+    Program *pProg = pSession->pProg;
+    if (!pProg)
+        return;
+    pSession->pProg = nullptr;
+    if (pProg->pPusher == pSession) {
+        pProg->pPusher = nullptr;
+        RemoveName(pProg);
+        pProg->pOps->pfnStop(pProg);  // players may stay on, but nothing more comes
+    } else {
+        ListRemove(&pProg->players, pSession, 0);
+    }
+    pProg->nRefs--;
+    if (pProg->nRefs == 0)
+        ProgramEnd(pProg);
+    else if (pProg->nRefs == 1 && pProg->pPusher)
+        pProg->tIdleSince = ClockUptime();
+}
+
+void ProgramCallHook(const Program *pProg, const char *szRemote, int bUp)
+{
+    if (!g_server.pfnProgramHook)
+        return;
+    char nick[128];
+    char text[512];
+    ProgramNames(pProg, nullptr, 0, nick, sizeof(nick));
+    TextBuf out{text, sizeof(text)};
+    TextAdd(&out, "%s:%s", pProg->Uri, nick);
+    g_server.pfnProgramHook(g_server.pProgramHookContext, text, szRemote, bUp);
+}
+
+void ProgramEnd(Program *pProg)
+{
+    ListRemove(&g_server.programs, pProg, 0);
+    RemoveName(pProg);
+    print("OnFreeProgram(Uri=%s), pointer=0x%x.\r\n", pProg->Uri, ProgramPrintId(pProg));
+    ProgramCallHook(pProg, nullptr, 0);
+    pProg->pOps->pfnStop(pProg);
+    Retire(&pProg->retired, pProg, ProgramFree);
+}
+
+void ProgramEndAll()
+{
+    while (auto *p = ListFirstOf<Program>(&g_server.programs))
+        ProgramEnd(p);
+}
+
+void ProgramClearCache(Program *pProg)
+{
+    ListEmpty(&pProg->Pktq);
+    pProg->pCacheCursor = nullptr;
+    pProg->nKeptKeys = 0;
+}
+
+const char *ProgramSdp(const Program *pProg)
+{
+    return pProg->pOps->pfnSdp(pProg);
+}
+
+// Copies what follows szTag up to the end of the line. Returns 1, or 0 with an empty buffer.
+static int CopyAttribute(const char *szSdp, const char *szTag, char *szOut, size_t nSize)
+{
+    szOut[0] = '\0';
+    const char *p = szSdp ? strstr(szSdp, szTag) : nullptr;
+    if (!p)
+        return 0;
+    p += strlen(szTag);
+    TextCopy(szOut, nSize, p);
+    szOut[strcspn(szOut, "\r\n")] = '\0';
+    return 1;
+}
+
+int ProgramNames(const Program *pProg, char *szGroup, size_t nGroup, char *szNick, size_t nNick)
+{
+    const char *szSdp = ProgramSdp(pProg);
+    int bGroup = !szGroup || CopyAttribute(szSdp, "a=GroupName:", szGroup, nGroup);
+    int bNick = !szNick || CopyAttribute(szSdp, "a=NickName:", szNick, nNick);
+    return szSdp && bGroup && bNick;
+}
+
+int ProgramPassword(const Program *pProg, char *szOut)
+{
+    constexpr size_t kPasswordBytes = 32;
+    constexpr char kTag[] = "a=ProgramAuth:";
+    const char *szSdp = ProgramSdp(pProg);
+    const char *p = szSdp ? strstr(szSdp, kTag) : nullptr;
+    if (!p)
+        return 0;
+    TextCopy(szOut, kPasswordBytes + 1, p + strlen(kTag));
+    return 1;
+}
+
+unsigned ProgramCountLive()
+{
+    unsigned nLives = 0;
+    for (auto *pNode = ListFirstOf<ListNode>(&g_server.programs); pNode; pNode = pNode->pNext) {
+        const auto *pProg = reinterpret_cast<Program *>(pNode);
+        nLives += pProg->bLive && pProg->pPusher;
+    }
+    return nLives;
+}
+
+}  // namespace orx

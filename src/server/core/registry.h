@@ -1,0 +1,49 @@
+// The server's shared containers and services, one of each per process. They belong to the scheduler thread;
+// the main thread makes and frees them while no other thread runs.
+#pragma once
+
+#include <cstdint>
+
+#include "base/avl.h"
+#include "base/linkedlist.h"
+#include "runtime/monitor.h"
+#include "runtime/portmgr.h"
+#include "runtime/task.h"
+
+namespace orx {
+
+struct Auth;
+
+// Called when a live program comes up (bUp 1, with the pusher's address) and when a program is freed (bUp 0,
+// null). szProgram is "<uri>:<nickname>".
+using ProgramHook = void (*)(void *pContext, const char *szProgram, const char *szRemote, int bUp);
+
+// How the rooms below reach the one that handles the events of sockets, which names these when the server
+// starts: see PortPostEvent and PortReadNow.
+struct EventProcs {
+    void (*pfnPost)(int fd, uint32_t nGeneration, uint32_t nEvent, uint32_t nDelayMs) = nullptr;
+    int (*pfnRead)(int fd) = nullptr;
+};
+
+struct ServerConfig {
+    Auth *pAuth = nullptr;  // owned
+    List sessions;          // every Session, in order of creation; embedded nodes
+    List programs;          // every Program, in order of creation; embedded nodes
+    AvlTree portMap;        // descriptor -> Port, which it owns
+    AvlTree programMap;     // Uri (no regard to case) -> live Program
+    AvlTree sessionMap;     // descriptor -> Session that owns the port
+    Monitor monitor;
+    Scheduler scheduler;
+    EventProcs events;
+    PortMgr *pPortMgr = nullptr;  // owned
+    int nMaxRegisterId = 0;       // number of the next name that REGISTER gives
+    ProgramHook pfnProgramHook = nullptr;
+    void *pProgramHookContext = nullptr;
+};
+
+extern ServerConfig g_server;
+
+// Readies the lists and maps. pfnFreePort: free procedure of the port map.
+void RegistryInit(int (*pfnFreePort)(AvlNode *pNode));
+
+}  // namespace orx

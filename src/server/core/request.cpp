@@ -1,0 +1,216 @@
+#include "server/core/request.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+namespace orx {
+
+static constexpr size_t kMaxUri = 255;  // decoded
+
+struct RequestHeader {
+    Str name = nullptr;
+    Str value = nullptr;
+};
+
+// A run of bytes inside the block that is parsed.
+struct Span {
+    const char *p;
+    const char *pEnd;
+    size_t Size() const { return static_cast<size_t>(pEnd - p); }
+};
+
+static int IsSpace(char c)
+{
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v';
+}
+
+static int FreeHeader(AvlNode *pNode)
+{
+    auto *pHeader = static_cast<RequestHeader *>(pNode->value);
+    StrDestroy(&pHeader->name);
+    StrDestroy(&pHeader->value);
+    delete pHeader;
+    return 0;
+}
+
+void RequestInit(Request *pRequest)
+{
+    *pRequest = Request();
+    AvlInit(&pRequest->headers, FreeHeader);
+    pRequest->headers.pfnCompare = AvlCompareTextNoCase;
+}
+
+static void FreeText(Str *pText)
+{
+    if (*pText)
+        StrDestroy(pText);
+}
+
+void RequestReset(Request *pRequest)
+{
+    FreeText(&pRequest->method);
+    FreeText(&pRequest->uri);
+    FreeText(&pRequest->protocol);
+    FreeText(&pRequest->version);
+    AvlDestroy(&pRequest->headers);
+    free(pRequest->pBody);
+    RequestInit(pRequest);
+}
+
+// The token at the start of *pLine, stepped over together with the white space behind it.
+static Span TakeToken(Span *pLine)
+{
+    Span token{pLine->p, pLine->p};
+    while (token.pEnd < pLine->pEnd && !IsSpace(*token.pEnd))
+        token.pEnd++;
+    pLine->p = token.pEnd;
+    while (pLine->p < pLine->pEnd && IsSpace(*pLine->p))
+        pLine->p++;
+    return token;
+}
+
+static int SetText(Str *pText, Span span)
+{
+    if (span.Size() == 0)
+        return 0;
+    StrCreate(pText, span.p, span.Size());
+    return 1;
+}
+
+static int HexValue(char c)
+{
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    c = static_cast<char>(c | 0x20);
+    return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+}
+
+// Stores the URI with its percent escapes decoded. 0 when it is empty or too long.
+static int SetUri(Str *pUri, Span span)
+{
+    char szUri[kMaxUri + 1];
+    size_t nLen = 0;
+    while (span.p < span.pEnd) {
+        char c = *span.p++;
+        if (c == '%' && span.Size() >= 2 && HexValue(span.p[0]) >= 0 && HexValue(span.p[1]) >= 0) {
+            c = static_cast<char>(HexValue(span.p[0]) << 4 | HexValue(span.p[1]));
+            span.p += 2;
+        }
+        if (nLen == kMaxUri)
+            return 0;
+        szUri[nLen++] = c;
+    }
+    return SetText(pUri, {szUri, szUri + nLen});
+}
+
+// METHOD URI PROTOCOL/VERSION. The '/' is looked for behind the URI only, so that a status line is no
+// request.
+static int ParseStartLine(Request *pRequest, Span line)
+{
+    if (line.Size() == 0 || IsSpace(*line.p))
+        return 0;
+    if (!SetText(&pRequest->method, TakeToken(&line)) || !SetUri(&pRequest->uri, TakeToken(&line)))
+        return 0;
+    auto *pSlash = static_cast<const char *>(memchr(line.p, '/', line.Size()));
+    if (!pSlash || !SetText(&pRequest->protocol, {line.p, pSlash}))
+        return 0;
+    Span version{pSlash + 1, line.pEnd};
+    return SetText(&pRequest->version, TakeToken(&version));
+}
+
+// Enters a header. A name that came before makes the request malformed; only "User-Agent", which nothing here
+// reads, may come twice, because some players' extensions add a second one.
+static int AddHeader(Request *pRequest, Span name, Span value)
+{
+    auto *pHeader = new (std::nothrow) RequestHeader;
+    if (!pHeader)
+        return 0;
+    SetText(&pHeader->name, name);
+    SetText(&pHeader->value, value);
+    AvlKey key = AvlTextKey(StrText(pHeader->name));
+    int bRepeated = AvlFind(&pRequest->headers, key) != nullptr;
+    int bMayRepeat = strcasecmp(StrText(pHeader->name), "User-Agent") == 0;
+    if (!bRepeated && AvlInsert(&pRequest->headers, key, pHeader))
+        return 1;
+    StrDestroy(&pHeader->name);
+    StrDestroy(&pHeader->value);
+    delete pHeader;
+    return bRepeated && bMayRepeat;
+}
+
+static const char *FindLineEnd(Span text)
+{
+    return static_cast<const char *>(memmem(text.p, text.Size(), "\r\n", 2));
+}
+
+// One header line that ends at pEnd, of a block whose rest is given. 1 entered, 0 incomplete, -1 malformed.
+static int ParseHeaderLine(Request *pRequest, Span rest, const char *pEnd)
+{
+    auto *pColon = static_cast<const char *>(memchr(rest.p, ':', rest.Size()));
+    if (!pColon)
+        return 0;
+    if (pColon > pEnd)
+        return -1;
+    Span name{rest.p, pColon};
+    Span value{pColon + 1, pEnd};
+    while (value.p < value.pEnd && IsSpace(*value.p))
+        value.p++;
+    if (name.Size() == 0 || value.Size() == 0)
+        return -1;
+    return AddHeader(pRequest, name, value) ? 1 : -1;
+}
+
+int RequestParse(Request *pRequest, const char *pBlock, size_t nLen)
+{
+    Span rest{pBlock, pBlock + nLen};
+    const char *pEnd = FindLineEnd(rest);
+    if (!pEnd)
+        return 0;
+    if (!ParseStartLine(pRequest, {rest.p, pEnd}))
+        return -1;
+    for (rest.p = pEnd + 2; (pEnd = FindLineEnd(rest)) != nullptr; rest.p = pEnd + 2) {
+        if (pEnd == rest.p) {
+            pRequest->nHeadLen = static_cast<uint16_t>(pEnd + 2 - pBlock);
+            pRequest->bParsed = 1;
+            return 1;
+        }
+        int nResult = ParseHeaderLine(pRequest, rest, pEnd);
+        if (nResult != 1)
+            return nResult;
+    }
+    return 0;
+}
+
+const char *RequestHeaderValue(const Request *pRequest, const char *szName)
+{
+    auto *pHeader = static_cast<RequestHeader *>(AvlValue(&pRequest->headers, AvlTextKey(szName)));
+    return pHeader ? StrText(pHeader->value) : nullptr;
+}
+
+int RequestAttachBody(Request *pRequest, const void *pData, size_t nLen)
+{
+    auto *pBody = static_cast<char *>(realloc(pRequest->pBody, pRequest->nBody + nLen + 1));
+    if (!pBody)
+        return 0;
+    pRequest->pBody = pBody;
+    if (nLen > 0)
+        memcpy(pBody + pRequest->nBody, pData, nLen);
+    pRequest->nBody += nLen;
+    pBody[pRequest->nBody] = '\0';
+    return 1;
+}
+
+const char *UriPath(const char *szUri)
+{
+    const char *pScheme = strstr(szUri, "://");
+    const char *pPath = pScheme ? strchr(pScheme + 3, '/') : nullptr;
+    return pPath ? pPath : szUri;
+}
+
+const char *RequestPath(const Request *pRequest)
+{
+    return UriPath(RequestUri(pRequest));
+}
+
+}  // namespace orx

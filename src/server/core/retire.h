@@ -1,0 +1,21 @@
+// Sessions, ports and programs end in the middle of work that still holds pointers to them. Each is taken out
+// of every list and map at once, so that nobody finds it any more; its memory goes when the scheduler's
+// callback is over. A pointer is therefore good for the callback that it was given to. Scheduler thread only.
+#pragma once
+
+namespace orx {
+
+// Member of a record that ends in this way.
+struct Retired {
+    Retired *pNext = nullptr;
+    void *pRecord = nullptr;
+    void (*pfnFree)(void *pRecord) = nullptr;
+};
+
+// Has pfnFree(pRecord) called when the current callback is over. pRetired is the record's own member.
+void Retire(Retired *pRetired, void *pRecord, void (*pfnFree)(void *pRecord));
+
+// Frees what was retired; called after each callback of the scheduler, and when the server stops.
+void FreeRetired();
+
+}  // namespace orx

@@ -1,0 +1,260 @@
+#include "server/core/session.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <new>
+
+#include <sys/random.h>
+
+#include "base/assertion.h"
+#include "base/console.h"
+#include "runtime/clock.h"
+#include "runtime/sockutil.h"
+#include "server/core/program.h"
+#include "server/core/registry.h"
+#include "server/core/settings.h"
+
+namespace orx {
+
+static constexpr uint32_t kIdleCheckMs = 5000;
+static constexpr uint32_t kDelayedCloseMs = 2000;
+
+static int HandleTaken(uint32_t nHandle)
+{
+    for (auto *p = ListFirstOf<Session>(&g_server.sessions); p;
+         p = reinterpret_cast<Session *>(p->node.pNext))
+        if (p->nHandle == nHandle)
+            return 1;
+    return 0;
+}
+
+// The next session handle: counts up from a value nobody can guess, skipping 0 and, once it has wrapped,
+// those alive.
+static uint32_t NextHandle()
+{
+    static uint32_t nLast = 0;  // 0: none was given yet
+    if (nLast == 0 && getrandom(&nLast, sizeof(nLast), GRND_NONBLOCK) != sizeof(nLast))
+        nLast = 0;
+    do
+        nLast++;
+    while (nLast == 0 || HandleTaken(nLast));
+    return nLast;
+}
+
+Session::Session()
+{
+    for (int i = 0; i < kMaxTracks; i++)
+        out.tracks[i] = &tracks[i];
+}
+
+static Session *NewSession()
+{
+    auto *pSession = new (std::nothrow) Session;
+    if (!pSession) {
+        print("warning: NOT enough memory to CreateSession()!\n");
+        return nullptr;
+    }
+    pSession->input.nTotal = g_settings.nSessionBufSize;
+    ORX_ASSERT(pSession->input.nTotal, "p->nTotal");
+    pSession->input.pBuf = static_cast<uint8_t *>(malloc(pSession->input.nTotal));
+    if (!pSession->input.pBuf) {
+        delete pSession;
+        return nullptr;
+    }
+    pSession->input.pBuf[0] = 0;
+    return pSession;
+}
+
+Session *CreateSession(Port *pPort)
+{
+    ORX_ASSERT(pPort, "port");
+    Session *pSession = NewSession();
+    if (!pSession)
+        return nullptr;
+    BlockListInit(&pSession->out.Outq, pSession);
+    pSession->nHandle = NextHandle();
+    pSession->peer.tLastActivity = ClockUptime();
+    pSession->peer.tStart = static_cast<uint32_t>(time(nullptr));
+    if (g_settings.bRtcp)
+        pSession->nFlags |= SESSION_RTCP;
+    pSession->peer.Cmd = pPort;
+    ListAppend(&g_server.sessions, pSession);
+    AvlReplace(&g_server.sessionMap, pPort->fd, pSession);
+    return pSession;
+}
+
+Session *FindSession(int fd)
+{
+    return static_cast<Session *>(AvlValue(&g_server.sessionMap, fd));
+}
+
+// Takes the port out of the session map and frees it; accepts null.
+static void DropPort(Port *pPort)
+{
+    if (!pPort)
+        return;
+    AvlForget(&g_server.sessionMap, pPort->fd);
+    PortClose(pPort);
+}
+
+Session *SessionOfTask(const Task *pTask)
+{
+    Port *pPort = PortOfTask(pTask);
+    return pPort ? FindSession(pPort->fd) : nullptr;
+}
+
+// Gives the UDP ports of a track back.
+static void CloseTrackPorts(SessionTrack *pTrack)
+{
+    if (pTrack->Media) {
+        int nPort = SockGetPort(&pTrack->Media->local);
+        PortMgrRelease(g_server.pPortMgr, nPort);
+        print("FreePairPort(%d-%d)\r\n", nPort, nPort + 1);
+        DropPort(pTrack->Media);
+    }
+    DropPort(pTrack->Control);
+}
+
+static void SessionFree(void *pRecord)
+{
+    auto *pSession = static_cast<Session *>(pRecord);
+    free(pSession->input.pBuf);
+    free(pSession->peer.szCookie);
+    ListDestroy(&pSession->out.Outq);
+    free(pSession->out.pScratch);
+    delete pSession;
+}
+
+// Ends one session, whatever becomes of its program's players.
+static void EndOne(Session *pSession)
+{
+    pSession->bEnded = 1;
+    ListRemove(&g_server.sessions, pSession, 0);
+    print("OnFreeSession().\r\n");
+    if (pSession->peer.Cmd) {
+        char szRemote[kAddrTextSize];
+        SessionRemoteText(pSession, szRemote);
+        log("Close  session(fd=0x%x) from %s", pSession->peer.Cmd->fd, szRemote);
+    }
+    Port *pReply = pSession->peer.Reply != pSession->peer.Cmd ? pSession->peer.Reply : nullptr;
+    DropPort(pSession->peer.Cmd);
+    DropPort(pReply);
+    pSession->peer.Cmd = pSession->peer.Reply = nullptr;
+    for (SessionTrack &track : pSession->tracks)
+        CloseTrackPorts(&track);
+    ProgramDetach(pSession);
+    Retire(&pSession->retired, pSession, SessionFree);
+}
+
+void SessionEnd(Session *pSession)
+{
+    if (pSession->bEnded)
+        return;
+    SessionEndPlayers(pSession);
+    EndOne(pSession);
+}
+
+void SessionEndPlayers(Session *pSession)
+{
+    Program *pProg = pSession->pProg;
+    if (!pProg || !(pSession->nFlags & SESSION_PUSHER))
+        return;
+    print("StopProgramAssociatedSessions().\r\n");
+    while (auto *pPlayer = static_cast<Session *>(ListFirst(&pProg->players, 0)))
+        EndOne(pPlayer);
+}
+
+void SessionEndAll()
+{
+    while (auto *p = ListFirstOf<Session>(&g_server.sessions))
+        EndOne(p);
+}
+
+int SessionClosePort(Session *pSession, Port *pPort)
+{
+    AvlForget(&g_server.sessionMap, pPort->fd);
+    int bIsReply = pPort == pSession->peer.Reply;
+    int bIsControl = bIsReply || pPort == pSession->peer.Cmd;
+    int bInterleaved = pSession->out.bInterleaved;
+    // a media socket is still named by its track: it goes with the session
+    if (!bIsControl || (bInterleaved && (bIsReply || !pSession->peer.Reply))) {
+        SessionEnd(pSession);
+        return 1;
+    }
+    if (pPort == pSession->peer.Cmd)
+        pSession->peer.Cmd = nullptr;
+    if (bIsReply)
+        pSession->peer.Reply = nullptr;
+    PortClose(pPort);
+    if (pSession->peer.Cmd || pSession->peer.Reply)
+        return 0;
+    SessionEnd(pSession);
+    return 1;
+}
+
+Port *SessionPeerPort(const Session *pSession)
+{
+    return pSession->peer.Cmd ? pSession->peer.Cmd : pSession->peer.Reply;
+}
+
+Port *SessionReplyPort(const Session *pSession)
+{
+    return pSession->peer.Reply ? pSession->peer.Reply : pSession->peer.Cmd;
+}
+
+Port *SessionControlPort(const Session *pSession)
+{
+    Port *pPort = SessionPeerPort(pSession);
+    return pPort && (pPort->nFlags & PORT_TUNNEL_POST) ? pSession->peer.Reply : pPort;
+}
+
+void SessionRemoteText(const Session *pSession, char *szOut)
+{
+    const Port *pPort = SessionPeerPort(pSession);
+    sockaddr_in none{};
+    SockAddrToString(pPort ? &pPort->remote : &none, szOut);
+}
+
+static int OnSessionDelayCloseTimer(Task *pTask, uint32_t, uint32_t, uint32_t)
+{
+    Session *pSession = SessionOfTask(pTask);
+    if (pSession) {
+        print("OnSessionDelayCloseTimer()\r\n");
+        SessionEnd(pSession);
+    }
+    return -1;
+}
+
+void SessionDelayClose(const Port *pPort)
+{
+    PortSchedule(pPort, OnSessionDelayCloseTimer, kDelayedCloseMs);
+}
+
+static int OnIdleCheck(Task *pTask, uint32_t, uint32_t, uint32_t)
+{
+    Port *pPort = PortOfTask(pTask);
+    if (!pPort)
+        return -1;
+    Session *pSession = FindSession(pPort->fd);
+    if (!pSession) {
+        print("Idle Connection Client(stocket=0x%x) is broken!\r\n", pPort->fd);
+        return -1;
+    }
+    if (pSession->peer.nReceived)
+        return -1;
+    if (PortReadNow(pPort) < 0) {
+        print("Idle Connection Client(socket=0x%x) is broken!\r\n", pPort->fd);
+    } else if (!pSession->bEnded && !pSession->peer.nReceived) {
+        print("Force Close Idle Connection on stocket 0x%x\r\n", pPort->fd);
+        SessionClosePort(pSession, pPort);
+    }
+    return -1;
+}
+
+void SessionScheduleIdleCheck(const Port *pPort)
+{
+    PortSchedule(pPort, OnIdleCheck, kIdleCheckMs);
+}
+
+}  // namespace orx

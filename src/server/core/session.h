@@ -1,0 +1,166 @@
+// One RTSP connection: a player, a pusher, a subscriber, or the half of an HTTP tunnel.
+// Scheduler thread only.
+#pragma once
+
+#include <cstdint>
+
+#include "base/linkedlist.h"
+#include "record/rtpout.h"
+#include "server/core/port.h"
+
+namespace orx {
+
+struct Program;
+
+// What the handler of a request says about its session once it has replied.
+enum class Verdict { End, Keep };
+
+inline Verdict KeepIf(int bKeep)
+{
+    return bKeep ? Verdict::Keep : Verdict::End;
+}
+
+enum : uint32_t {
+    SESSION_PUSHER = 0x1,          // feeds a live program
+    SESSION_TUNNEL_GET = 0x8,      // GET half of a tunnel that waits for its POST half
+    SESSION_FILE_SENDER = 0x10,    // the file sender task runs
+    SESSION_DELAYED_SEND = 0x100,  // a delayed-send timer is armed
+    SESSION_CATCHES_UP = 0x200,    // the timer of a start over UDP runs
+    SESSION_RTCP = 0x400,          // RTCP reports enabled
+    SESSION_SUBSCRIBER = 0x800,    // event subscriber
+};
+
+enum SessionState : uint32_t {
+    STATE_NEW = 0,        // DESCRIBE, QUICKPLAY, ANNOUNCE, SUBSCRIBE may come
+    STATE_DESCRIBED = 1,  // the first SETUP may come
+    STATE_SETUP = 2,      // more SETUP, or PLAY
+    STATE_PAUSED = 3,     // PLAY again
+    STATE_PLAYING = 4,
+    STATE_TORNDOWN = 5,
+    STATE_ENDED = 6,  // a file program was played to its end
+};
+
+// A track of the program, as it travels to or from this peer.
+struct SessionTrack : RtpTrack {
+    int nTrackId = 0;         // by which SETUP names it
+    uint8_t nRtpChannel = 0;  // interleaved channels
+    uint8_t nRtcpChannel = 0;
+    Port *Media = nullptr;    // UDP port of RTP, null when interleaved; owned by the port map
+    Port *Control = nullptr;  // UDP port of RTCP
+    // What sender reports tell (RFC 3550, section 6.4.1).
+    uint32_t nFirstSentRtpTime = 0;  // RTP time stamp of the first packet written
+    uint32_t nClockBase = 0;         // RTP clock at that moment
+    uint32_t nPackets = 0;           // packets and payload octets written
+    uint32_t nOctets = 0;
+};
+
+// The connections to the peer, and what was heard of it.
+struct SessionPeer {
+    Port *Cmd = nullptr;         // connection that requests arrive on; ports are owned by the port map
+    Port *Reply = nullptr;       // connection that replies and media go out on, may equal Cmd
+    char *szCookie = nullptr;    // x-sessioncookie of a waiting GET half, owned
+    uint32_t tStart = 0;         // wall clock at creation, seconds
+    uint32_t tLastActivity = 0;  // uptime in seconds at the last receive
+    uint32_t nReceived = 0;      // bytes since creation; 0: nothing ever came
+};
+
+// What came and is not worked off.
+struct SessionInput {
+    uint8_t *pBuf = nullptr;  // receive buffer, owned
+    uint32_t nTotal = 0;      // its size
+    uint32_t nLen = 0;        // bytes held; the byte behind them is 0
+    uint32_t nNext = 0;       // while a request is handled: offset in pBuf behind it
+    uint32_t nReqSeq = 0;     // highest CSeq accepted
+    uint32_t nReads = 0;      // TCP reads of a playing pusher
+};
+
+// How the queue (RtpOut::Outq) gets on.
+struct SessionOutput {
+    uint32_t nBlockedSends = 0;  // sends in a row that would have blocked
+    uint32_t nStartBlocks = 0;   // media queued at once by a start; 0 when the queue has drained since
+    uint32_t nCatchUpMs = 0;     // media ms of it that may have left over UDP
+    uint32_t nCatchUpClock = 0;  // ClockMs when that was last raised
+    uint32_t tLastReport = 0;    // uptime in seconds of the last report cycle
+};
+
+// Where playing has got to.
+struct SessionPlay {
+    uint32_t nSetupCount = 0;  // SETUP requests that succeeded
+    uint32_t nPlayPos = 0;     // play position, ms: follows the media packets that were sent
+    uint32_t nPlayStart = 0;   // position at which the current play began, ms
+    uint32_t nPlayClock = 0;   // ClockMs at that moment
+    int bFinalReport = 0;      // a recording has ended, and the player is still to be told
+};
+
+// Who watches, by the accounts of the program.
+struct SessionViewer {
+    int nUserLevel = 3;  // 0 super user ... 3 nobody yet
+    char szUser[64] = "";
+};
+
+struct Session {
+    ListNode node;         // first: the session list maps an item to itself
+    ListNode playerNode;   // second: the same for the program's list of players, in map mode 1
+    uint32_t nHandle = 0;  // "Session" and "ClientSsId" on the wire: never 0, unique while the program lives
+    uint32_t nFlags = 0;   // SESSION_...
+    uint32_t nState = STATE_NEW;
+    int nCSeq = 1;             // number of the next reply, or of the next request to this peer
+    Program *pProg = nullptr;  // counted in its nRefs
+    SessionPeer peer;
+    SessionInput input;
+    RtpOut out;  // queue, transport form, and the tracks as the packetisers see them; its scratch is owned
+    SessionTrack tracks[kMaxTracks];
+    SessionOutput output;
+    SessionPlay play;
+    SessionViewer viewer;
+    int bEnded = 0;  // by SessionEnd: in no list, without ports and program
+    Retired retired;
+
+    Session();
+};
+
+// Takes over an accepted or handed-over connection: a session on pPort, in the list and in the session map.
+// Null when memory runs out; the port is then left to the caller.
+Session *CreateSession(Port *pPort);
+
+Session *FindSession(int fd);
+
+// The session that a timer's task named by its connection (see PortSchedule), or null once either has gone.
+Session *SessionOfTask(const Task *pTask);
+
+// Ends a session, here and nowhere else: of a pusher first every player of its program; then its ports are
+// closed, and it is out of every list and map. The record itself stays readable until the callback is over
+// (see retire.h). Does nothing when it has ended already.
+void SessionEnd(Session *pSession);
+
+// Ends every player of a pusher's program; does nothing for any other session.
+void SessionEndPlayers(Session *pSession);
+
+// Ends every session, in order of creation. When the server stops: main thread, no other one runs any more.
+void SessionEndAll();
+
+// Ends the session's use of a port, and the session with its last one. Returns 1 when that ended it, else 0.
+int SessionClosePort(Session *pSession, Port *pPort);
+
+// The connections of a session, each null when it has gone. They are one but for a tunnel, whose requests
+// come on one and whose replies go on the other.
+Port *SessionPeerPort(const Session *pSession);   // the peer's: that of requests, else that of replies
+Port *SessionReplyPort(const Session *pSession);  // of what waits in the queue, other than datagrams
+Port *SessionControlPort(
+    const Session *pSession);  // of requests to the peer; never the half that only it writes
+
+// The peer of the session's control connection as "a.b.c.d:port"; szOut takes kAddrTextSize bytes.
+void SessionRemoteText(const Session *pSession, char *szOut);
+
+// The handle as "%p" prints it in "Session".
+inline void *SessionPrintHandle(const Session *pSession)
+{
+    return reinterpret_cast<void *>(static_cast<uintptr_t>(pSession->nHandle));
+}
+
+// Schedules the delayed close: the connection's session ends in 2000 ms.
+void SessionDelayClose(const Port *pPort);
+// Schedules the idle check: a connection that has sent nothing within 5000 ms is closed.
+void SessionScheduleIdleCheck(const Port *pPort);
+
+}  // namespace orx

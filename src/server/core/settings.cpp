@@ -1,0 +1,239 @@
+#include "server/core/settings.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+
+#include <unistd.h>
+
+#include "base/console.h"
+#include "base/inifile.h"
+#include "base/textbuf.h"
+
+namespace orx {
+
+Settings g_settings;
+
+static constexpr SettingPlace Here(size_t nOffset, size_t nBytes)
+{
+    return {"server", nOffset, nBytes};
+}
+
+#define FIELD(name) Here(offsetof(Settings, name), sizeof(Settings::name))
+
+static constexpr SettingPlace ReadBy(const char *szReader, size_t nBytes = sizeof(int32_t))
+{
+    return {szReader, kNotHere, nBytes};
+}
+
+static constexpr Setting Number(const char *szSection, const char *szKey, SettingPlace place, int nDefault,
+                                Clamp clamp = Clamp::None, int nLowest = 0, int nHighest = 0)
+{
+    return {szSection, szKey, place, SettingKind::Number, nullptr, nDefault, clamp, nLowest, nHighest};
+}
+
+static constexpr Setting Text(const char *szSection, const char *szKey, SettingPlace place,
+                              const char *szDefault)
+{
+    return {szSection, szKey, place, SettingKind::Text, szDefault, 0, Clamp::None, 0, 0};
+}
+
+static constexpr Setting g_table[] = {
+    Number("SERVER", "AuthType", FIELD(nAuthType), 1, Clamp::DefaultUnsigned, 0, 3),
+    Number("SERVER", "ConnectLimit", FIELD(nConnectLimit), 100, Clamp::Hold, 5, INT32_MAX),
+    Number("SERVER", "AutoDropDataWhenCrowded", FIELD(bAutoDrop), 0),
+    Number("SERVER", "EnableAnonymousViewer", FIELD(bAnonymousViewer), 0),
+    Number("SERVER", "EnableRtcp", FIELD(bRtcp), 0),
+    Number("SERVER", "EnableLowEnergy", FIELD(bLowEnergy), 0),
+    Number("SERVER", "ControlUsers", FIELD(bControlUsers), 0),
+    Number("SERVER", "EnableFilePrg", FIELD(bFilePrograms), 0),
+    Number("SERVER", "EnableHttpProxy", FIELD(bHttpProxy), 0),
+    Number("SERVER", "EnableUnet", FIELD(bUnet), 0),
+    Number("ZUPO", "ZupoEnable", FIELD(bZupo), 0),
+    Number("SERVER", "SessionBufSize", FIELD(nSessionBufSize), 16384, Clamp::HoldUnsigned, 4096, 65536),
+    Number("SERVER", "CacheLimit", FIELD(nCacheSeconds), 10, Clamp::Hold, 5, 60),
+    Number("SERVER", "LiveTime", FIELD(nLiveTime), 10, Clamp::HoldUnsigned, 1, 120),
+    Number("SERVER", "UdpStartPort", FIELD(nUdpStartPort), 50000, Clamp::PortOrRefuse, 1000, 65530),
+    Number("SERVER", "UdpEndPort", FIELD(nUdpEndPort), 52000, Clamp::PortOrRefuse, 1001, 65534),
+    Number("STORAGE", "AutoDelOldFile", FIELD(bAutoDelOldFile), 1),
+    Number("STORAGE", "PreRecordLen", FIELD(nPreRecordLen), 3, Clamp::HoldUnsigned, 0, 10),
+    Number("STORAGE", "MinutePerFile", FIELD(nMinutePerFile), 5, Clamp::HoldUnsigned, 0, 60),
+    Number("STORAGE", "RecordEnable", FIELD(bRecord), 0, Clamp::Flag),
+    Number("INTEROP", "StandardPushers", FIELD(bStandardPushers), 0),
+    Number("INTEROP", "StandardPlayers", FIELD(bStandardPlayers), 0),
+    Number("GUARD", "SurvivePeerFaults", FIELD(bSurvivePeerFaults), 0),
+    Number("GUARD", "RunUnprivileged", FIELD(bRunUnprivileged), 0),
+    Text("SERVER", "HttpProxyTargetIp", FIELD(szHttpProxyTargetIp), "127.0.0.1"),
+    Number("SERVER", "HttpProxyTargetPort", FIELD(nHttpProxyTargetPort), 8080, Clamp::Port, 0, 65535),
+    Number("SERVER", "HttpProxyListenPort", FIELD(nHttpProxyListenPort), 80, Clamp::Port, 0, 65535),
+    Number("SERVER", "ListenPort", FIELD(nListenPort), 554, Clamp::Port, 1, 65535),
+    Text("SERVER", "ListenIp", FIELD(szListenIp), "0.0.0.0"),
+    {"SERVER", "UnetPort", FIELD(nUnetPort), SettingKind::Number, "ListenPort", 0, Clamp::Port, 0, 65535},
+    Text("STORAGE", "RecordPath", FIELD(szRecordSetting), ""),
+    Text("ZUPO", "ZupoServerAddr", FIELD(szZupoServer), "zupo.example.com"),
+    Number("ZUPO", "ZupoServerPort", FIELD(nZupoPort), 6323, Clamp::Port, 0, 65535),
+    Text("MAIN", "DeviceGuid", FIELD(szDeviceGuid), ""),  // and the relay, which sends it
+    Number("SERVER", "LogFile", ReadBy("main"), 0),
+    Text("USERS", "SuperUser", ReadBy("accounts", 128), ""),
+    Text("USERS", "SuperPwd", ReadBy("accounts", 64), ""),
+    Number("USERS", "NumUsers", ReadBy("accounts"), 0, Clamp::Hold, 0, 1024),
+    Text("USERS", "UserName%d", ReadBy("accounts", 128), ""),
+    Text("USERS", "UserPwd%d", ReadBy("accounts", 64), ""),
+    Number("USERS", "UserLevel%d", ReadBy("accounts"), 2),
+    Text("USERCTRL", "UserDevList%d", ReadBy("accounts", 1024), ""),
+    Text("WIFI", "DevName", ReadBy("directcfg", 64), ""),  // and the relay
+    Number("WIFI", "UseWirelessLan", ReadBy("relay"), 0),
+    Number("UPNP", "UpnpEnable", ReadBy("relay"), 0),
+    Number("UPNP", "MappedListenPort", ReadBy("relay"), 0, Clamp::Port, 0, 65535),
+};
+
+#undef FIELD
+
+static constexpr int NumbersFit()
+{
+    for (const Setting &row : g_table)
+        if (row.kind == SettingKind::Number && row.place.nBytes != sizeof(int32_t))
+            return 0;
+    return 1;
+}
+static_assert(NumbersFit(), "a number goes into a field of 32 bits");
+
+std::span<const Setting> SettingsTable()
+{
+    return g_table;
+}
+
+static int Inside(const Setting *pRow, int32_t nValue)
+{
+    return nValue >= pRow->nLowest && nValue <= pRow->nHighest;
+}
+
+static int32_t Clamped(const Setting *pRow, int32_t nDefault, int32_t nValue)
+{
+    switch (pRow->clamp) {
+        case Clamp::None:
+            return nValue;
+        case Clamp::Flag:
+            return nValue != 0;
+        case Clamp::Hold:
+            return std::clamp(nValue, pRow->nLowest, pRow->nHighest);
+        case Clamp::HoldUnsigned:
+            return nValue < 0 ? pRow->nHighest : std::clamp(nValue, pRow->nLowest, pRow->nHighest);
+        case Clamp::DefaultUnsigned:
+            return Inside(pRow, nValue) ? nValue : nDefault;
+        case Clamp::Port:
+            return Inside(pRow, nValue & 0xFFFF) ? nValue & 0xFFFF : nDefault;
+        case Clamp::PortOrRefuse:
+            return nValue & 0xFFFF;
+    }
+    return nValue;
+}
+
+// The number that was read for a row.
+static int32_t NumberOf(const Settings *pSettings, const Setting *pRow)
+{
+    int32_t nValue = 0;
+    memcpy(&nValue, reinterpret_cast<const char *>(pSettings) + pRow->place.nOffset, sizeof(nValue));
+    return nValue;
+}
+
+// A default is a number, or what another key of the section, which was read before, says.
+static int32_t DefaultOf(const Settings *pSettings, const Setting *pRow)
+{
+    for (const Setting &row : g_table)
+        if (pRow->szDefault && strcmp(row.szKey, pRow->szDefault) == 0)
+            return NumberOf(pSettings, &row);
+    return pRow->nDefault;
+}
+
+static void ReadRow(Settings *pSettings, const Setting *pRow, const char *szPath)
+{
+    char *pField = reinterpret_cast<char *>(pSettings) + pRow->place.nOffset;
+    if (pRow->kind == SettingKind::Text) {
+        read_profile_string(pRow->szSection, pRow->szKey, pField, static_cast<int>(pRow->place.nBytes),
+                            pRow->szDefault, szPath);
+        return;
+    }
+    int32_t nDefault = DefaultOf(pSettings, pRow);
+    int32_t nValue =
+        Clamped(pRow, nDefault, read_profile_int(pRow->szSection, pRow->szKey, nDefault, szPath));
+    memcpy(pField, &nValue, sizeof(nValue));
+    if (pRow->place.nOffset == offsetof(Settings, bAutoDrop))
+        print("AutoDropDataWhenCrowded=%d.\r\n", nValue);
+}
+
+static int CheckUdpRange(const Settings *pSettings)
+{
+    for (const Setting &row : g_table)
+        if (row.clamp == Clamp::PortOrRefuse && !Inside(&row, NumberOf(pSettings, &row))) {
+            print("Invalid %s: %d!\r\n", row.szKey, NumberOf(pSettings, &row));
+            return 0;
+        }
+    if (pSettings->nUdpEndPort <= pSettings->nUdpStartPort) {
+        print("Invalid UdpPort Range: from %d to %d!\r\n", pSettings->nUdpStartPort, pSettings->nUdpEndPort);
+        return 0;
+    }
+    return 1;
+}
+
+// The executable's directory, a '/' behind it, and the value's rest.
+static void AddBesideExecutable(TextBuf *pText, const char *szRest)
+{
+    char szExe[256] = "";
+    ssize_t n = readlink("/proc/self/exe", szExe, sizeof(szExe) - 1);
+    szExe[n > 0 ? n : 0] = '\0';
+    char *pSlash = strrchr(szExe, '/');
+    if (pSlash)
+        *pSlash = '\0';
+    TextAdd(pText, "%s/%s", szExe, szRest);
+}
+
+char *SettingsRecordPath(const char *szValue)
+{
+    char szPath[512] = "";
+    TextBuf text{szPath, sizeof(szPath)};
+    if (szValue[0] == '\0')
+        AddBesideExecutable(&text, "");
+    else if (szValue[0] == '.')
+        AddBesideExecutable(&text, strlen(szValue) > 2 ? szValue + 2 : "");
+    else
+        TextAdd(&text, "%s", szValue);
+    if (text.nLen == 0 || szPath[text.nLen - 1] != '/')
+        TextAdd(&text, "/");
+    return strdup(szPath);
+}
+
+// The register-id file lies beside the configuration. Returns 1, or 0 when its path is too long.
+static int MakeGuidPath(Settings *pSettings)
+{
+    const char *pSlash = strrchr(pSettings->szConfigPath, '/');
+    int nDir = pSlash ? static_cast<int>(pSlash + 1 - pSettings->szConfigPath) : 0;
+    TextBuf text{pSettings->szGuidPath, sizeof(pSettings->szGuidPath)};
+    return TextAdd(&text, "%.*sguid.dat", nDir, pSettings->szConfigPath);
+}
+
+int SettingsRead(Settings *pSettings, const char *szPath)
+{
+    if (!szPath || !szPath[0])
+        return 0;
+    if (!TextCopy(pSettings->szConfigPath, sizeof(pSettings->szConfigPath), szPath) ||
+        !MakeGuidPath(pSettings)) {
+        print("The configuration's path is too long: %s\r\n", szPath);
+        return 0;
+    }
+    for (const Setting &row : g_table)
+        if (row.place.nOffset != kNotHere)
+            ReadRow(pSettings, &row, szPath);
+    pSettings->nFileSendPeriod = kFileSendPeriodMs;
+    pSettings->szRecordPath = SettingsRecordPath(pSettings->szRecordSetting);
+    return pSettings->szRecordPath && CheckUdpRange(pSettings);
+}
+
+void SettingsFree(Settings *pSettings)
+{
+    free(pSettings->szRecordPath);
+    *pSettings = Settings();
+}
+
+}  // namespace orx

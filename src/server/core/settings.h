@@ -1,0 +1,103 @@
+// Every key of the configuration, and what the server keeps of them: read from the file before anything else
+// runs, and only read afterwards. Any thread may read.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+namespace orx {
+
+constexpr uint32_t kFileSendPeriodMs = 200;  // between two runs of a file program's sender
+
+struct Settings {
+    char szConfigPath[128] = "";
+    char szGuidPath[128] = "";  // guid.dat beside the configuration
+    uint32_t nAuthType = 0;     // 0 none, 1 Basic, 2 Digest
+    uint32_t nConnectLimit = 0;
+    uint32_t nLiveTime = 0;        // seconds
+    uint32_t nFileSendPeriod = 0;  // milliseconds
+    uint32_t nSessionBufSize = 0;  // bytes of a connection's receive buffer
+    uint32_t nCacheSeconds = 0;    // CacheLimit
+    uint32_t nListenPort = 0;
+    char szListenIp[16] = "";
+    int bFilePrograms = 0;  // EnableFilePrg
+    int bHttpProxy = 0;
+    char szHttpProxyTargetIp[20] = "";
+    uint32_t nHttpProxyTargetPort = 0;
+    uint32_t nHttpProxyListenPort = 0;
+    int bUnet = 0;           // EnableUnet
+    uint32_t nUnetPort = 0;  // the relay's UDP port
+    int bRecord = 0;         // RecordEnable
+    int bLowEnergy = 0;
+    int bRtcp = 0;
+    int bZupo = 0;
+    char szZupoServer[64] = "";
+    uint32_t nZupoPort = 0;
+    char szDeviceGuid[64] = "";  // this box's identity at that server
+    int bControlUsers = 0;
+    int bAutoDrop = 0;  // AutoDropDataWhenCrowded
+    int bAnonymousViewer = 0;
+    int nUdpStartPort = 0;
+    int nUdpEndPort = 0;
+    int bAutoDelOldFile = 0;
+    uint32_t nPreRecordLen = 0;  // seconds
+    uint32_t nMinutePerFile = 0;
+    char szRecordSetting[128] = "";  // RecordPath as it stands in the file
+    char *szRecordPath = nullptr;    // what is made of it; owned, ends in '/'
+    int bStandardPushers = 0;        // [INTEROP] StandardPushers
+    int bStandardPlayers = 0;        // [INTEROP] StandardPlayers
+    int bSurvivePeerFaults = 0;      // [GUARD] SurvivePeerFaults
+    int bRunUnprivileged = 0;        // [GUARD] RunUnprivileged
+};
+
+// Written by ServerStart and ServerStop on the main thread, while nothing else runs.
+extern Settings g_settings;
+
+// How a number that was read becomes the setting.
+enum class Clamp {
+    None,             // any number
+    Flag,             // 0 stays 0, all else becomes 1
+    Hold,             // outside the limits: the nearer one
+    HoldUnsigned,     // the same, but a negative number is above
+    DefaultUnsigned,  // outside the limits: the default; a negative number is above
+    Port,             // modulo 65536, then outside the limits: the default
+    PortOrRefuse,     // modulo 65536; outside the limits the server does not start
+};
+
+enum class SettingKind { Number, Text };
+
+constexpr size_t kNotHere = SIZE_MAX;  // offset of what another module reads
+
+struct SettingPlace {
+    const char *szReader;  // "server": SettingsRead; else the module that reads the key where it needs it
+    size_t nOffset;        // of the field of Settings, or kNotHere
+    size_t nBytes;         // room, for a text with its NUL; a longer one is cut
+};
+
+// One key of the configuration. Its documents, cfg/orx.cfg and docs/configuration.md, say the same of it.
+struct Setting {
+    const char *szSection;
+    const char *szKey;  // with "%d" one key for each number from 0
+    SettingPlace place;
+    SettingKind kind;
+    // Of a text its default. Of a number null, where nDefault counts, or a key above whose value does.
+    const char *szDefault;
+    int nDefault;
+    Clamp clamp;  // of a number
+    int nLowest, nHighest;
+};
+
+// Every key that anything reads, in the order in which the server reads its own.
+std::span<const Setting> SettingsTable();
+
+// Fills *pSettings from the file. Returns 1, or 0 for an empty path and for a UDP port range that is printed
+// as invalid. SettingsFree gives back what it holds and makes it all zero.
+int SettingsRead(Settings *pSettings, const char *szPath);
+void SettingsFree(Settings *pSettings);
+
+// The directory of recordings for a configured value: empty gives the executable's directory, a leading '.'
+// is taken relative to it, and a '/' is added when missing. The text is from malloc; null without memory.
+char *SettingsRecordPath(const char *szValue);
+
+}  // namespace orx

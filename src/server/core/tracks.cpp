@@ -1,0 +1,34 @@
+#include "server/core/tracks.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace orx {
+
+void SessionCopyTracks(Session *pSession, const Program *pProg)
+{
+    pSession->out.nTracks = std::min(pProg->nTrackCount, kMaxTracks);
+    for (int i = 0; i < pSession->out.nTracks; i++) {
+        const MediaInfo *pInfo = &pProg->mediaInfos[i];
+        SessionTrack *pTrack = &pSession->tracks[i];
+        pTrack->nMediaType = pInfo->nMediaType;
+        pTrack->nPayloadType = static_cast<uint8_t>(pInfo->nPayloadType);
+        pTrack->nTimeScale = pInfo->nTimeScale;
+        pTrack->nTrackId = pInfo->nTrackId;
+        pTrack->nRtpChannel = pInfo->nRtpChannel;
+        pTrack->nRtcpChannel = pInfo->nRtcpChannel;
+    }
+}
+
+void SessionEnterTrack(Session *pSession, int i)
+{
+    const Program *pProg = pSession->pProg;
+    SessionTrack *pTrack = &pSession->tracks[i];
+    pTrack->nSsrc = pProg->bLive ? pProg->ssrc : static_cast<uint32_t>(rand());
+    pTrack->nNextSeq = pProg->bLive ? 0 : static_cast<uint16_t>(rand());
+    pTrack->bSetUp = 1;
+    pSession->play.nSetupCount++;
+    pSession->nState = STATE_SETUP;
+}
+
+}  // namespace orx

@@ -1,0 +1,14 @@
+// How a session takes the tracks of its program. Scheduler thread only.
+#pragma once
+
+#include "server/core/program.h"
+
+namespace orx {
+
+// Copies what a session keeps of its program's tracks; a fourth track is left out.
+void SessionCopyTracks(Session *pSession, const Program *pProg);
+
+// Marks track i as set up: source, first sequence number and what the session's media is made of.
+void SessionEnterTrack(Session *pSession, int i);
+
+}  // namespace orx

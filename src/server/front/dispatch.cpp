@@ -1,0 +1,262 @@
+#include "server/front/dispatch.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "base/assertion.h"
+#include "base/bytes.h"
+#include "base/console.h"
+#include "server/core/program.h"
+#include "server/media/ingest.h"
+#include "server/media/replies.h"
+#include "server/media/rtcp.h"
+#include "server/methods/announce.h"
+#include "server/methods/camcfg.h"
+#include "server/methods/describe.h"
+#include "server/methods/devcontrol.h"
+#include "server/methods/directcfg.h"
+#include "server/methods/options.h"
+#include "server/methods/play.h"
+#include "server/methods/playlist.h"
+#include "server/methods/quickplay.h"
+#include "server/methods/recordex.h"
+#include "server/methods/register.h"
+#include "server/methods/setup.h"
+#include "server/methods/subscribe.h"
+#include "server/methods/tunnel.h"
+
+namespace orx {
+
+static constexpr uint32_t kMaxHeadBytes = 4096;  // a header block is shorter than this
+
+// What became of the bytes at the cursor.
+enum class Step {
+    Taken,  // consumed, go on behind them
+    Wait,   // incomplete, more must arrive
+    Gone,   // the session has ended
+};
+
+static Step EndSession(Session *pSession)
+{
+    SessionEnd(pSession);
+    return Step::Gone;
+}
+
+using MethodProc = Verdict (*)(Session *pSession, Port *pPort, Request *pRequest);
+
+struct MethodEntry {
+    const char *szName;  // compared without regard to case; the first match wins
+    MethodProc pfnHandle;
+};
+
+static const MethodEntry g_methods[] = {
+    {"QUICKPLAY", HandleQuickPlay},
+    {"ANNOUNCE", HandleAnnounce},
+    {"DESCRIBE", HandleDescribe},
+    {"SETUP", HandleSetup},
+    {"PLAY", HandlePlay},
+    {"PAUSE", HandlePause},
+    {"TEARDOWN", HandleTeardown},
+    {"GET", HandleTunnelGet},
+    {"POST", BindToHttpGet},
+    {"OPTIONS", HandleOptions},
+    {"SET_PARAMETER", HandleSetParameter},
+    {"GETPLAYLIST", HandleGetPlayList},
+    {"CAMCONTROL", HandleCamControl},
+    {"PUTVOICE", HandlePutVoice},
+    {"PUTCAMCFG", HandlePutCamCfg},
+    {"GETCAMINFO", HandleGetCamInfo},
+    {"RECORDEX", HandleRecordEx},
+    {"RESPOND", HandleRespond},
+    {"GETCFGDIRECT", HandleGetCfgDirect},
+    {"SETCFGDIRECT", HandleSetCfgDirect},
+    {"REGISTER", HandleRegister},
+    {"SUBSCRIBE", HandleSubscribe},
+    {"GETWIFIROUTERS", HandleGetWifiRouters},
+    {"RECORD", HandleRecord},
+};
+
+static Verdict Dispatch(Session *pSession, Port *pPort, Request *pRequest)
+{
+    for (const MethodEntry &method : g_methods)
+        if (strcasecmp(method.szName, RequestMethod(pRequest)) == 0)
+            return method.pfnHandle(pSession, pPort, pRequest);
+    return HandleUnknown(pSession, pPort, pRequest);
+}
+
+static void DumpRtcpFrame(const Session *pSession, unsigned nChannel, const uint8_t *pPacket, uint32_t nLen)
+{
+    if (!(pSession->nFlags & SESSION_RTCP))
+        return;
+    print("Receive RTCP packet on track %u, %u bytes.\n", nChannel, nLen);
+    const Program *pProg = pSession->pProg;
+    unsigned nTrack = (nChannel - 1) / 2;
+    RtcpDump(pPacket, nLen, pProg && nTrack < kMaxMediaInfos ? pProg->mediaInfos[nTrack].nTimeScale : 0);
+}
+
+// An interleaved frame (RFC 2326, section 10.12): '$', channel, length, packet. Its fifth byte is waited for
+// even when the length is 0.
+static Step TakeFrame(Session *pSession, uint32_t *pAt)
+{
+    const uint8_t *pFrame = pSession->input.pBuf + *pAt;
+    uint32_t nLeft = pSession->input.nLen - *pAt;
+    if (nLeft < kInterleaveBytes + 1)
+        return Step::Wait;
+    uint32_t nBytes = GetBe(pFrame + 2, 2) + kInterleaveBytes;
+    if (nLeft < nBytes)
+        return Step::Wait;
+    unsigned nTrackId = pFrame[1];
+    if (!ORX_PEER_ASSERT(nTrackId < 8, "nTrackId < 8"))
+        return EndSession(pSession);
+    if (nTrackId & 1)
+        DumpRtcpFrame(pSession, nTrackId, pFrame + kInterleaveBytes, nBytes - kInterleaveBytes);
+    else if (!FeedProgram(pSession, nTrackId / 2, pFrame, nBytes))
+        return EndSession(pSession);
+    *pAt += nBytes;
+    return Step::Taken;
+}
+
+// The POST of a tunnel announces a huge length that is never awaited: its body is the stream of requests.
+static int IsTunnelPost(const Request *pRequest)
+{
+    return IsTunnelType(RequestHeaderValue(pRequest, "Content-Type")) &&
+           strcasecmp(RequestMethod(pRequest), "POST") == 0;
+}
+
+// A plain decimal number of at most nMax. 1 or 0.
+static int ParseLength(const char *sz, size_t nMax, size_t *pValue)
+{
+    size_t nValue = 0;
+    const char *p = sz;
+    for (; *p >= '0' && *p <= '9'; p++) {
+        nValue = nValue * 10 + static_cast<size_t>(*p - '0');
+        if (nValue > nMax)
+            return 0;
+    }
+    while (*p == ' ' || *p == '\t')
+        p++;
+    *pValue = nValue;
+    return p > sz && *p == '\0' && *sz >= '0' && *sz <= '9';
+}
+
+// Parses the header block at the cursor into the port's request record.
+static Step ParseHead(Session *pSession, Port *pPort, uint32_t nAt)
+{
+    Request *pRequest = &pPort->request;
+    auto *pText = reinterpret_cast<const char *>(pSession->input.pBuf + nAt);
+    auto *pEnd = static_cast<const char *>(memmem(pText, pSession->input.nLen - nAt, "\r\n\r\n", 4));
+    if (!pEnd)
+        return Step::Wait;
+    auto nLen2Parse = static_cast<uint32_t>(pEnd + 4 - pText);
+    if (!ORX_PEER_ASSERT(nLen2Parse < kMaxHeadBytes, "nLen2Parse < sizeof(szTmpuff)"))
+        return EndSession(pSession);
+    RequestReset(pRequest);
+    int nResult = RequestParse(pRequest, pText, nLen2Parse);
+    if (nResult < 0)
+        return EndSession(pSession);
+    if (nResult == 0 && !(pPort->nFlags & PORT_TUNNEL_POST))
+        return Step::Wait;
+    pRequest->nHeadLen = static_cast<uint16_t>(nLen2Parse);
+    const char *szLength = RequestHeaderValue(pRequest, "Content-Length");
+    if (!szLength || IsTunnelPost(pRequest))
+        return Step::Taken;
+    if (!ParseLength(szLength, pSession->input.nTotal - 1 - nLen2Parse, &pRequest->nPendingBody)) {
+        print("Invalid Content-Length on fd=0x%x!\r\n", pPort->fd);
+        return EndSession(pSession);
+    }
+    return Step::Taken;
+}
+
+// Checks and notes the request's number. Taken: dispatch it. Wait stands for a message that is to be dropped.
+static Step CheckCSeq(Session *pSession, Port *pPort)
+{
+    const char *szCSeq = RequestHeaderValue(&pPort->request, "CSeq");
+    if (!szCSeq) {
+        if (pSession->nState == STATE_NEW)
+            return Step::Taken;  // a first request, for example the HTTP GET of a tunnel
+        ReplyShort(pSession, pPort, STATUS_NO_CSEQ);
+        print("no CSeq!!!\r\n");
+        return EndSession(pSession);
+    }
+    auto nCSeq = static_cast<uint32_t>(strtoul(szCSeq, nullptr, 10));
+    if (pSession->input.nReqSeq && nCSeq < pSession->input.nReqSeq) {
+        print("CmdSeq(%u) < session->nReqSeq(%u)! Drop it!\r\n", nCSeq, pSession->input.nReqSeq);
+        return Step::Wait;
+    }
+    pSession->input.nReqSeq = nCSeq;
+    pSession->nCSeq = static_cast<int>(nCSeq);
+    return Step::Taken;
+}
+
+// Runs the handler and ends the session when it says so. A request that could not be forwarded has ended it
+// already, together with the other sessions of its program.
+static Step RunHandler(Session *pSession, Port *pPort, uint32_t *pAt)
+{
+    int bPost = strcasecmp(RequestMethod(&pPort->request), "POST") == 0;
+    Verdict eVerdict = Dispatch(pSession, pPort, &pPort->request);
+    RequestReset(&pPort->request);
+    if (eVerdict == Verdict::End || pSession->bEnded)
+        return EndSession(pSession);
+    if (bPost)
+        *pAt = pSession->input.nLen = 0;
+    return Step::Taken;
+}
+
+// A text message: header block, body, number, handler.
+static Step TakeMessage(Session *pSession, Port *pPort, uint32_t *pAt)
+{
+    Request *pRequest = &pPort->request;
+    if (!pRequest->bParsed) {
+        Step step = ParseHead(pSession, pPort, *pAt);
+        if (step != Step::Taken)
+            return step;
+    }
+    uint32_t nHeld = pSession->input.nLen - *pAt - pRequest->nHeadLen;
+    if (nHeld < pRequest->nPendingBody)
+        return Step::Wait;
+    uint32_t nBody = static_cast<uint32_t>(pRequest->nPendingBody);
+    uint32_t nBodyAt = *pAt + pRequest->nHeadLen;
+    if (nBody && !RequestAttachBody(pRequest, pSession->input.pBuf + nBodyAt, nBody))
+        return EndSession(pSession);
+    *pAt = pSession->input.nNext = nBodyAt + nBody;
+    Step step = CheckCSeq(pSession, pPort);
+    if (step == Step::Taken)
+        return RunHandler(pSession, pPort, pAt);
+    if (step == Step::Wait)
+        RequestReset(pRequest);
+    return step == Step::Gone ? Step::Gone : Step::Taken;
+}
+
+// Both connections of a tunnel fill one buffer. A header block that the other one parsed is still in it, but
+// may leave it now through this port: its record must not outlive it.
+static void ForgetOtherPort(const Session *pSession, const Port *pPort)
+{
+    for (Port *pOther : {pSession->peer.Cmd, pSession->peer.Reply})
+        if (pOther && pOther != pPort && pOther->request.bParsed)
+            RequestReset(&pOther->request);
+}
+
+int HandleInput(Session *pSession, Port *pPort)
+{
+    uint32_t nAt = 0;
+    ForgetOtherPort(pSession, pPort);
+    while (nAt < pSession->input.nLen) {
+        Step step =
+            pSession->input.pBuf[nAt] == '$' ? TakeFrame(pSession, &nAt) : TakeMessage(pSession, pPort, &nAt);
+        if (step == Step::Gone)
+            return 0;
+        if (step == Step::Wait)
+            break;
+    }
+    pSession->input.nLen -= nAt;
+    if (pSession->input.nLen == pSession->input.nTotal - 1) {
+        SessionEnd(pSession);
+        return 0;
+    }
+    if (nAt > 0)
+        memmove(pSession->input.pBuf, pSession->input.pBuf + nAt, pSession->input.nLen);
+    pSession->input.pBuf[pSession->input.nLen] = 0;
+    return 1;
+}
+
+}  // namespace orx

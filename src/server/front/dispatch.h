@@ -1,0 +1,12 @@
+// Framing and dispatch: takes '$' frames and text messages out of a session's receive buffer and runs the
+// handler of each request. Scheduler thread only.
+#pragma once
+
+#include "server/core/session.h"
+
+namespace orx {
+
+// Works off what the receive buffer holds. Returns 1, or 0 when the session has ended.
+int HandleInput(Session *pSession, Port *pPort);
+
+}  // namespace orx

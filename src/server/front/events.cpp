@@ -1,0 +1,333 @@
+#include "server/front/events.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include <sys/socket.h>
+
+#include "base/assertion.h"
+#include "base/console.h"
+#include "runtime/clock.h"
+#include "runtime/sockutil.h"
+#include "server/front/dispatch.h"
+#include "server/media/ingest.h"
+#include "server/media/rtcp.h"
+#include "server/core/program.h"
+#include "server/core/registry.h"
+#include "server/core/settings.h"
+#include "server/core/session.h"
+#include "server/methods/tunnel.h"
+
+namespace orx {
+
+static constexpr int kReceiveBufferBytes = 131072;
+static constexpr int kAcceptRetryMs = 1000;
+static int g_bAcceptRetry = 0;  // a further look for connections that wait is scheduled
+// Seconds; more than that is a clock that was set, not silence.
+static constexpr uint32_t kLongestSilence = 1000;
+
+// An event on its way: the code in the low half, the descriptor's generation above it.
+static void *EventArgument(uint32_t nEvent, uint32_t nGeneration)
+{
+    return reinterpret_cast<void *>(static_cast<uintptr_t>(nGeneration << 16 | nEvent));
+}
+
+// Readies an accepted socket and makes a session on it; null with the socket closed when that is not
+// possible.
+static Session *OpenSession(int fd)
+{
+    linger reset{1, 0};  // a close resets the connection, so that no dead peer keeps it
+    SockSetOption(fd, SOL_SOCKET, SO_SNDBUF, kSendBufferBytes);
+    SockSetOption(fd, SOL_SOCKET, SO_RCVBUF, kReceiveBufferBytes);
+    setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+    if (ListCount(&g_server.sessions) > g_settings.nConnectLimit) {
+        print("Exceed the connect-limit! Refuse to accept new client to connect.\r\n");
+        SockClose(fd);
+        return nullptr;
+    }
+    Port *pPort = CreateTcpPort(fd);
+    if (!pPort)
+        return nullptr;
+    SockSetNonBlock(fd, 1);
+    Session *pSession = CreateSession(pPort);
+    if (!pSession) {
+        PortClose(pPort);
+        return nullptr;
+    }
+    char szRemote[kAddrTextSize];
+    SockAddrToString(&pPort->remote, szRemote);
+    print("Create session(fd=0x%x) from %s\r\n", fd, szRemote);
+    log("Create session(fd=0x%x) from %s", fd, szRemote);
+    return pSession;
+}
+
+// Accepts all that wait. Returns 0 when some may be left, because descriptors or memory have run out.
+static int AcceptAll(int fdListen)
+{
+    int fd;
+    while ((fd = accept4(fdListen, nullptr, nullptr, SOCK_CLOEXEC)) >= 0) {
+        Session *pSession = OpenSession(fd);
+        if (pSession)
+            SessionScheduleIdleCheck(pSession->peer.Cmd);
+    }
+    if (errno == EAGAIN)
+        return 1;
+    print("accept(socket=0x%x) err=%d.\r\n", fdListen, errno);
+    return 0;
+}
+
+static int OnAcceptRetry(Task *pTask, uint32_t, uint32_t, uint32_t)
+{
+    if (!AcceptAll(pTask->nParam))
+        return kAcceptRetryMs;
+    g_bAcceptRetry = 0;
+    return -1;
+}
+
+static void OnAccept(int fdListen)
+{
+    if (AcceptAll(fdListen) || g_bAcceptRetry)
+        return;
+    // those that wait are not reported again: look once descriptors or memory may have come free
+    g_bAcceptRetry = 1;
+    TaskSchedule(&g_server.scheduler, OnAcceptRetry, kAcceptRetryMs, fdListen, nullptr);
+}
+
+int RtspSessionCreate(int fd, const void *pData, size_t nLen)
+{
+    Session *pSession = OpenSession(fd);
+    if (!pSession)
+        return 0;
+    if (!pData || nLen == 0) {
+        SessionScheduleIdleCheck(pSession->peer.Cmd);
+        return 1;
+    }
+    ORX_ASSERT(pSession->input.nLen == 0, "session->nLen==0");
+    if (nLen > pSession->input.nTotal - 1) {
+        SessionEnd(pSession);
+        return 0;
+    }
+    memcpy(pSession->input.pBuf, pData, nLen);
+    pSession->input.pBuf[nLen] = 0;
+    pSession->input.nLen = static_cast<uint32_t>(nLen);
+    pSession->peer.nReceived = static_cast<uint32_t>(nLen);
+    Port *pPort = pSession->peer.Cmd;
+    int bLives = HandleInput(pSession, pPort);
+    if (FindPort(fd) == pPort && (pPort->nFlags & PORT_TUNNEL_POST))  // it belongs to the GET half now
+        print("fd0x%x received %d bytes\r\n", fd, static_cast<int>(nLen));
+    return bLives;
+}
+
+static void NoteReceived(Session *pSession, size_t nLen)
+{
+    pSession->peer.tLastActivity = ClockUptime();
+    pSession->peer.nReceived += static_cast<uint32_t>(nLen);
+    if (pSession->peer.nReceived == 0)  // wrapped: 0 is kept for "never sent anything"
+        pSession->peer.nReceived = 1;
+}
+
+// The index of the track whose RTCP port this is, or -1.
+static int FindControlTrack(const Session *pSession, const Port *pPort)
+{
+    for (int i = 0; i < kMaxTracks; i++)
+        if (pSession->tracks[i].Control == pPort)
+            return i;
+    return -1;
+}
+
+static void OnDatagram(Session *pSession, Port *pPort, const uint8_t *pData, size_t nLen)
+{
+    int i = FindControlTrack(pSession, pPort);
+    if (i < 0 || nLen == 0 || !(pSession->nFlags & SESSION_RTCP))
+        return;
+    print("Receive RTCP packet on track %d, %d bytes.\n", pSession->tracks[i].nRtcpChannel,
+          static_cast<int>(nLen));
+    RtcpDump(pData, nLen, pSession->tracks[i].nTimeScale);
+}
+
+// Ends what a socket error or the end of the stream ended.
+static int CloseAfterRecv(Session *pSession, Port *pPort, int nResult, int nError)
+{
+    if (nResult == 0)
+        print("Client(socket=0x%x) close.\r\n", pPort->fd);
+    print("recv(socket=0x%x)  err=%d.\r\n", pPort->fd, nError);
+    SessionClosePort(pSession, pPort);
+    return -1;
+}
+
+// Reads the datagrams of a media socket. They never mix with the text of the control connection: each is a
+// sign of life, is looked at by itself, and is gone. An empty one, sent to open a NAT, is as good as any.
+static int ReadUdp(Session *pSession, Port *pPort)
+{
+    uint8_t data[2048];
+    for (;;) {
+        sockaddr_in from{};
+        socklen_t nFrom = sizeof(from);
+        ssize_t n = recvfrom(pPort->fd, data, sizeof(data), 0, reinterpret_cast<sockaddr *>(&from), &nFrom);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return errno == EAGAIN ? 0 : CloseAfterRecv(pSession, pPort, -1, errno);
+        pPort->remote = from;
+        NoteReceived(pSession, static_cast<size_t>(n));
+        OnDatagram(pSession, pPort, data, static_cast<size_t>(n));
+    }
+}
+
+// Takes what was received into the buffer and parses it. 0 when the session is gone.
+static int TakeInput(Session *pSession, Port *pPort, const char *pRaw, size_t nLen)
+{
+    NoteReceived(pSession, nLen);
+    if (pPort->nFlags & PORT_TUNNEL_POST) {
+        if (!TunnelDecode(pSession, pPort, pRaw, nLen)) {
+            SessionEnd(pSession);
+            return 0;
+        }
+    } else {
+        pSession->input.nLen += static_cast<uint32_t>(nLen);
+    }
+    pSession->input.pBuf[pSession->input.nLen] = 0;
+    return HandleInput(pSession, pPort);
+}
+
+// One recv. Base64 text goes through a buffer of its own, anything else straight behind the bytes held.
+// *ppRaw is where the bytes are.
+static ssize_t Receive(const Session *pSession, const Port *pPort, char *pText, size_t nText, char **ppRaw)
+{
+    size_t nRoom = pSession->input.nTotal - pSession->input.nLen - 1;
+    *ppRaw = reinterpret_cast<char *>(pSession->input.pBuf + pSession->input.nLen);
+    if (pPort->nFlags & PORT_TUNNEL_POST) {
+        *ppRaw = pText;
+        nRoom = nRoom < nText ? nRoom : nText;
+    }
+    ssize_t n;
+    do
+        n = recv(pPort->fd, *ppRaw, nRoom, 0);
+    while (n < 0 && errno == EINTR);
+    return n;
+}
+
+// A pusher that was told to sleep has nothing to send.
+static int MayBeSilent(const Session *pSession)
+{
+    return (pSession->nFlags & SESSION_PUSHER) && pSession->pProg && pSession->pProg->bSleeping;
+}
+
+static int ReadTcp(Session *pSession, Port *pPort)
+{
+    char text[2048];
+    char *pRaw = nullptr;
+    ssize_t n;
+    while ((n = Receive(pSession, pPort, text, sizeof(text), &pRaw)) > 0) {
+        if (!TakeInput(pSession, pPort, pRaw, static_cast<size_t>(n)))
+            return 0;
+        FeedEnd(pSession);
+    }
+    int nError = errno;
+    if (n == 0 || nError != EAGAIN)
+        return CloseAfterRecv(pSession, pPort, static_cast<int>(n), n == 0 ? 0 : nError);
+    uint32_t nSilent = ClockUptime() - pSession->peer.tLastActivity;
+    if (nSilent <= g_settings.nLiveTime || nSilent >= kLongestSilence || MayBeSilent(pSession))
+        return 0;
+    print("OnRead(fd=0x%x) TimeOut! The network will be closed.\r\n", pPort->fd);
+    SessionClosePort(pSession, pPort);
+    return -1;
+}
+
+int OnRead(int fd)
+{
+    Port *pPort = FindPort(fd);
+    Session *pSession = FindSession(fd);
+    if (pPort && !pSession && pPort->nType == PORT_UDP)
+        return 0;
+    if (!pPort && !pSession) {
+        // not closed here: the descriptor is no longer ours and may serve somebody else by now
+        print("OnRead() failed and CloseSock(fd=0x%x).\r\n", fd);
+        return -1;
+    }
+    ORX_ASSERT(pPort && pSession, "!port && !session");
+    return pPort->nType == PORT_UDP ? ReadUdp(pSession, pPort) : ReadTcp(pSession, pPort);
+}
+
+static void OnClose(int fd)
+{
+    print("OnClose(0x%x)\r\n", fd);
+    Port *pPort = FindPort(fd);
+    Session *pSession = FindSession(fd);
+    if (pPort && pSession)
+        SessionClosePort(pSession, pPort);
+    else if (pPort)
+        PortClose(pPort);
+    else
+        ORX_ASSERT(!pSession, "!session");
+}
+
+static void OnPostedInput(int fd)
+{
+    Port *pPort = FindPort(fd);
+    Session *pSession = FindSession(fd);
+    // more than the buffer took may wait in the socket, which reports nothing again by itself
+    if (pPort && pSession && HandleInput(pSession, pPort))
+        OnRead(fd);
+}
+
+// pPort may be null: of the events of one wake-up, an earlier one can have closed it.
+static void HandleEvent(int fd, uint32_t nEvent, Port *pPort)
+{
+    switch (nEvent) {
+        case MONITOR_READ:
+            OnRead(fd);
+            break;
+        case MONITOR_WRITE:
+            print("OnWrite(0x%x)\r\n", fd);
+            break;
+        case MONITOR_CONNECT:
+            print("OnConnect(0x%x)\r\n", fd);
+            if (pPort)
+                pPort->nFlags |= PORT_CONNECTED;
+            break;
+        case MONITOR_CLOSE:
+            OnClose(fd);
+            break;
+        case PORT_POSTED_INPUT:
+            OnPostedInput(fd);
+            break;
+        default:
+            print("OnUnknownEvent(0x%x)\r\n", fd);
+            ORX_ASSERT(0, "!\"unknown event\"");
+    }
+}
+
+static int OnEvent(Task *pTask, uint32_t, uint32_t, uint32_t)
+{
+    auto nArgument = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(TaskArgument(pTask)));
+    uint32_t nEvent = nArgument & 0xFFFF;
+    int fd = pTask->nParam;
+    if (nEvent == MONITOR_ACCEPT) {
+        OnAccept(fd);
+        return -1;
+    }
+    // an event of a descriptor's earlier life must not reach the connection that has it now
+    Port *pPort = FindPort(fd);
+    if (!pPort || (pPort->nGeneration & 0xFFFF) == nArgument >> 16)
+        HandleEvent(fd, nEvent, pPort);
+    return -1;
+}
+
+static void PostEvent(int fd, uint32_t nGeneration, uint32_t nEvent, uint32_t nDelayMs)
+{
+    TaskSchedule(&g_server.scheduler, OnEvent, nDelayMs, fd, EventArgument(nEvent, nGeneration));
+}
+
+void EventsInit()
+{
+    g_server.events = {PostEvent, OnRead};
+    g_bAcceptRetry = 0;
+}
+
+void OnMonitorEvent(void * /*pContext*/, int fd, uint32_t nEvent, uint32_t nGeneration)
+{
+    PostEvent(fd, nGeneration, nEvent, 0);
+}
+
+}  // namespace orx

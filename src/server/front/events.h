@@ -1,0 +1,23 @@
+// Socket events on their way from the monitor to the sessions: accept, read, close.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace orx {
+
+// Tells the rooms below how to read a port and how to post events of it, before the server's threads start.
+void EventsInit();
+
+// The server's monitor callback: queues the event for the scheduler thread. Monitor thread.
+void OnMonitorEvent(void *pContext, int fd, uint32_t nEvent, uint32_t nGeneration);
+
+// Reads the socket dry and handles what came. Returns 0, or -1 when the connection was found closed, or
+// silent for too long, and the port was closed. Scheduler thread.
+int OnRead(int fd);
+
+// Hand-over of an accepted connection with the bytes already read from it. Returns 1 when the session lives
+// on. Scheduler thread.
+int RtspSessionCreate(int fd, const void *pData, size_t nLen);
+
+}  // namespace orx

@@ -1,0 +1,154 @@
+#include "server/front/remoteservices.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include <pthread.h>
+
+#include "base/console.h"
+#include "base/fdguard.h"
+#include "net/ifaddr.h"
+#include "remote/httpproxy.h"
+#include "remote/unet.h"
+#include "runtime/sockutil.h"
+#include "server/core/registry.h"
+#include "server/core/settings.h"
+#include "server/front/events.h"
+
+namespace orx {
+
+constexpr size_t kShortGuid = 20;  // an identity must be longer to be registered
+
+// A connection on its way from the proxy thread to the scheduler thread.
+struct HandOver {
+    ListNode node;  // first
+    int fd = -1;    // owned
+    size_t nLen = 0;
+    uint8_t *pData = nullptr;  // owned, from malloc
+};
+
+struct RemoteServices {
+    HttpProxy proxy;
+    Unet unet;
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // guards the list
+    List handOvers;                                     // HandOver, one per task to run; owned
+};
+
+static RemoteServices *g_pRemote = nullptr;  // main thread, but for its list
+
+static void FreeHandOver(void * /*pUser*/, void *pItem)
+{
+    auto *pHandOver = static_cast<HandOver *>(pItem);
+    SockClose(pHandOver->fd);
+    free(pHandOver->pData);
+    delete pHandOver;
+}
+
+static void InitHandOvers(List *pList)
+{
+    ListInit(pList, nullptr);
+    ListUsedDefMap(pList, 0);
+    ListDataProc(pList, FreeHandOver, nullptr);
+}
+
+// Of several tasks that wait the newest runs first, but a tunnel's GET must come in before its POST: each
+// task takes the oldest connection.
+static int OnHandOver(Task *, uint32_t, uint32_t, uint32_t)
+{
+    RemoteServices *pRemote = g_pRemote;
+    pthread_mutex_lock(&pRemote->mutex);
+    auto *pHandOver = static_cast<HandOver *>(ListFirst(&pRemote->handOvers, LIST_DETACH));
+    pthread_mutex_unlock(&pRemote->mutex);
+    RtspSessionCreate(std::exchange(pHandOver->fd, -1), pHandOver->pData, pHandOver->nLen);
+    FreeHandOver(nullptr, pHandOver);
+    return -1;
+}
+
+// Proxy thread: the session is made where all sessions live.
+static int AcceptTunnel(void *pContext, int fd, const void *pData, size_t nLen)
+{
+    auto *pRemote = static_cast<RemoteServices *>(pContext);
+    FdGuard sock(fd);
+    auto *pHandOver = new (std::nothrow) HandOver;
+    if (!pHandOver)
+        return 0;
+    pHandOver->pData = static_cast<uint8_t *>(malloc(nLen));
+    if (!pHandOver->pData) {
+        delete pHandOver;
+        return 0;
+    }
+    memcpy(pHandOver->pData, pData, nLen);
+    pHandOver->nLen = nLen;
+    pHandOver->fd = sock.Release();
+    pthread_mutex_lock(&pRemote->mutex);
+    ListAppend(&pRemote->handOvers, pHandOver);
+    pthread_mutex_unlock(&pRemote->mutex);
+    TaskSchedule(&g_server.scheduler, OnHandOver, 0, fd, nullptr);
+    return 1;
+}
+
+static int StartProxy(RemoteServices *pRemote)
+{
+    return HttpProxyStart(&pRemote->proxy, g_settings.szListenIp,
+                          static_cast<int>(g_settings.nHttpProxyListenPort), g_settings.szHttpProxyTargetIp,
+                          static_cast<int>(g_settings.nHttpProxyTargetPort), AcceptTunnel, pRemote);
+}
+
+static void Register(RemoteServices *pRemote)
+{
+    int nPort = static_cast<int>(g_settings.nZupoPort);
+    if (strlen(g_settings.szDeviceGuid) <= kShortGuid)
+        return;
+    ZupoRegisterCreate(&pRemote->unet, g_settings.szZupoServer, nPort, g_settings.szConfigPath);
+    print("ZupoRegisterCreate(Server: %s:%d)\r\n", g_settings.szZupoServer, nPort);
+}
+
+static int StartRelay(RemoteServices *pRemote)
+{
+    UnetSettings settings;
+    settings.szBindIp = g_settings.szListenIp;
+    settings.nPort = static_cast<int>(g_settings.nUnetPort);
+    settings.nRtspPort = static_cast<int>(g_settings.nListenPort);
+    settings.pfnGetAddress = NetGetAddress;
+    settings.szCfgPath = g_settings.szConfigPath;
+    if (!UnetStart(&pRemote->unet, &settings))
+        return 0;
+    if (g_settings.bZupo)
+        Register(pRemote);
+    return 1;
+}
+
+int RemoteServicesStart()
+{
+    if (!g_settings.bHttpProxy && !g_settings.bUnet && !g_settings.bZupo)
+        return 1;
+    g_pRemote = new (std::nothrow) RemoteServices;
+    if (!g_pRemote)
+        return 0;
+    InitHandOvers(&g_pRemote->handOvers);
+    if (g_settings.bHttpProxy && !StartProxy(g_pRemote))
+        return 0;
+    return (!g_settings.bUnet && !g_settings.bZupo) || StartRelay(g_pRemote);
+}
+
+void RemoteServicesStop()
+{
+    if (!g_pRemote)
+        return;
+    HttpProxyStop(&g_pRemote->proxy);
+    UnetStop(&g_pRemote->unet);
+}
+
+void RemoteServicesFree()
+{
+    if (!g_pRemote)
+        return;
+    ListDestroy(&g_pRemote->handOvers);
+    pthread_mutex_destroy(&g_pRemote->mutex);
+    delete g_pRemote;
+    g_pRemote = nullptr;
+}
+
+}  // namespace orx

@@ -1,0 +1,212 @@
+#include "server/front/server.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
+#include <new>
+
+#include <sys/random.h>
+#include <sys/socket.h>
+
+#include "base/assertion.h"
+#include "base/console.h"
+#include "base/textbuf.h"
+#include "record/storage.h"
+#include "runtime/sockutil.h"
+#include "server/core/program.h"
+#include "server/core/registry.h"
+#include "server/core/session.h"
+#include "server/core/settings.h"
+#include "server/front/events.h"
+#include "server/front/remoteservices.h"
+#include "server/methods/accounts.h"
+#include "server/methods/auth.h"
+#include "server/methods/guidstore.h"
+
+namespace orx {
+
+static constexpr int kBacklog = 128;  // connections that may wait to be accepted
+
+static constexpr char kRealm[] = "Orx";
+
+static void ClearServer()
+{
+    g_server.~ServerConfig();
+    new (&g_server) ServerConfig;
+    SettingsFree(&g_settings);
+}
+
+// Names, sources and sequence numbers come from rand().
+static void SeedRandom()
+{
+    unsigned nSeed = 0;
+    if (getrandom(&nSeed, sizeof(nSeed), GRND_NONBLOCK) != sizeof(nSeed))
+        nSeed = static_cast<unsigned>(time(nullptr));
+    srand(nSeed);
+}
+
+// What an earlier run left unfinished is settled before the directory is used again.
+static void PrepareStorage()
+{
+    StorageRecover(g_settings.szRecordPath);
+    StorageMakeDir(g_settings.szRecordPath);
+}
+
+static int CreatePortMgr()
+{
+    g_server.pPortMgr = new (std::nothrow) PortMgr;
+    return PortMgrInit(g_server.pPortMgr, g_settings.nUdpStartPort, g_settings.nUdpEndPort);
+}
+
+static int CreateScheduler()
+{
+    if (!SchedulerCreate(&g_server.scheduler))
+        return 0;
+    SchedulerSetAfterProc(&g_server.scheduler, FreeRetired);
+    return 1;
+}
+
+static int CreateAuth()
+{
+    g_server.pAuth = AuthCreate(g_settings.nAuthType, kRealm, GetUserAccount, &g_server);
+    if (!g_server.pAuth)
+        print("No authenticator for AuthType %u (%s): set AuthType to 0, 1 or 2.\r\n", g_settings.nAuthType,
+              AuthSchemeName(g_settings.nAuthType));
+    return g_server.pAuth != nullptr;
+}
+
+// A listener that cannot be opened is reported; the server starts without it.
+static void OpenListener()
+{
+    sockaddr_in addr{};
+    int fd = -1;
+    if (SockSetAddr(&addr, g_settings.szListenIp, static_cast<int>(g_settings.nListenPort)))
+        fd = SockListenTcp(&addr);
+    if (fd < 0) {
+        print("Listen error %d\n", errno);
+        return;
+    }
+    listen(fd, kBacklog);  // a recorder that comes back opens all its cameras at once
+    char szAddr[kAddrTextSize];
+    SockAddrToString(&addr, szAddr);
+    print("socket 0x%x listen on %s %s\n", fd, "TCP", szAddr);
+    if (!MonitorAddListen(&g_server.monitor, fd))
+        print("warning: can't monitor event\n");
+}
+
+// All events of one wake-up of the monitor cost the scheduler one wake-up.
+static void OnMonitorBurst(void * /*pContext*/, int bBegin)
+{
+    SchedulerCork(&g_server.scheduler, bBegin);
+}
+
+int ServerStart(const char *szConfigPath)
+{
+    ClearServer();
+    if (!SettingsRead(&g_settings, szConfigPath)) {
+        ClearServer();
+        return 0;
+    }
+    g_server.nMaxRegisterId = GuidStoreNextId(g_settings.szGuidPath);
+    EventsInit();
+    SeedRandom();
+    AssertSurvivePeerFaults(g_settings.bSurvivePeerFaults);
+    ThreadAllowNoPriority(g_settings.bRunUnprivileged);
+    PrepareStorage();
+    RegistryInit(OnFreePort);
+    int bReady = CreatePortMgr() && CreateAuth() && CreateScheduler() &&
+                 MonitorCreate(&g_server.monitor, OnMonitorEvent, nullptr);
+    if (!bReady) {
+        ServerStop();
+        return 0;
+    }
+    MonitorSetBurstProc(&g_server.monitor, OnMonitorBurst);
+    OpenListener();
+    if (!RemoteServicesStart()) {
+        ServerStop();
+        return 0;
+    }
+    return 1;
+}
+
+void ServerStop()
+{
+    RemoteServicesStop();
+    ThreadJoin(&g_server.monitor.thread);  // no more events; its sockets stay while tasks may still use them
+    SchedulerDestroy(&g_server.scheduler);
+    RemoteServicesFree();
+    MonitorDestroy(&g_server.monitor);
+    AvlDestroy(&g_server.programMap);
+    SessionEndAll();
+    ProgramEndAll();
+    AvlDestroy(&g_server.portMap);
+    AvlDestroy(&g_server.sessionMap);
+    FreeRetired();
+    PortMgrFree(g_server.pPortMgr);
+    delete g_server.pPortMgr;
+    AuthFree(g_server.pAuth);
+    ClearServer();
+}
+
+// A request of the main thread that the scheduler thread answers.
+struct StatRequest {
+    ServerStat *pStat;
+    int bWithSessions;
+    pthread_mutex_t mutex;
+    pthread_cond_t answered;
+    int bAnswered;
+};
+
+static void DescribeSession(const Session *pSession, SessionStat *pOut)
+{
+    *pOut = SessionStat();
+    SessionRemoteText(pSession, pOut->szRemote);
+    pOut->tStart = pSession->peer.tStart;
+    TextCopy(pOut->szProgram, sizeof(pOut->szProgram), pSession->pProg ? pSession->pProg->Uri : "-");
+    pOut->bPusher = (pSession->nFlags & SESSION_PUSHER) != 0;
+}
+
+static void GatherStat(ServerStat *pStat, int bWithSessions)
+{
+    pStat->nTasks = SchedulerTaskCount(&g_server.scheduler);
+    pStat->nLives = ProgramCountLive();
+    pStat->nMonitors = g_server.monitor.nAdded;
+    unsigned nCount = ListCount(&g_server.sessions);
+    if (bWithSessions && nCount)
+        pStat->pSessions = static_cast<SessionStat *>(calloc(nCount, sizeof(SessionStat)));
+    for (auto *p = ListFirstOf<Session>(&g_server.sessions); p;
+         p = reinterpret_cast<Session *>(p->node.pNext)) {
+        pStat->nClients += (p->nFlags & SESSION_PUSHER) == 0;
+        if (pStat->pSessions)
+            DescribeSession(p, &pStat->pSessions[pStat->nSessions++]);
+    }
+}
+
+static int OnStatRequest(Task *pTask, uint32_t, uint32_t, uint32_t)
+{
+    auto *pRequest = static_cast<StatRequest *>(TaskArgument(pTask));
+    GatherStat(pRequest->pStat, pRequest->bWithSessions);
+    pthread_mutex_lock(&pRequest->mutex);
+    pRequest->bAnswered = 1;
+    pthread_cond_signal(&pRequest->answered);
+    pthread_mutex_unlock(&pRequest->mutex);
+    return -1;
+}
+
+int ServerGetStat(ServerStat *pStat, int bWithSessions)
+{
+    *pStat = ServerStat();
+    if (!g_server.scheduler.bReady)
+        return 0;
+    StatRequest request{pStat, bWithSessions, PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER, 0};
+    TaskSchedule(&g_server.scheduler, OnStatRequest, 0, 0, &request);
+    pthread_mutex_lock(&request.mutex);
+    while (!request.bAnswered)
+        pthread_cond_wait(&request.answered, &request.mutex);
+    pthread_mutex_unlock(&request.mutex);
+    pthread_mutex_destroy(&request.mutex);
+    pthread_cond_destroy(&request.answered);
+    return 1;
+}
+
+}  // namespace orx

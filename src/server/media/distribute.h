@@ -1,0 +1,21 @@
+// The road of a live packet: program cache, recorders, and the output queue of every player. Scheduler thread
+// only.
+#pragma once
+
+#include "base/datablock.h"
+#include "server/core/program.h"
+
+namespace orx {
+
+// Caches a packet and hands it on; the program owns the block from here on. May end players.
+void CachePacketEx(Program *pProg, DataBlock *pBlock);
+
+// Fills the queue of a player that starts from the last key frame on. Returns 1 when something was queued or
+// the session has no program, else 0.
+int FillBufferAtFirstPlay(Session *pSession);
+
+// Sends what waits for the playing clients of a pusher's program whose queues hold more than 5 blocks. May
+// end players.
+void FlushPlayers(Program *pProg);
+
+}  // namespace orx

@@ -1,0 +1,75 @@
+#include "server/media/fileprogram.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "base/console.h"
+#include "base/textbuf.h"
+#include "record/storage.h"
+#include "record/zmfreader.h"
+#include "server/core/sdp.h"
+#include "server/core/settings.h"
+#include "server/media/filesend.h"
+#include "server/media/keyframe.h"
+
+namespace orx {
+
+constexpr uint32_t kReadBuffer = 204800;  // bytes that the reader of a recording keeps
+
+static const char *FileSdp(const Program *pProg)
+{
+    return pProg->reader ? ZMFReaderSdp(pProg->reader) : nullptr;
+}
+
+static void CloseReader(Program *pProg)
+{
+    ZMFReaderClose(pProg->reader);
+    pProg->reader = nullptr;
+}
+
+static const ProgramOps g_fileOps = {FileSdp, FillBufferFromFile, CloseReader};
+
+uint32_t FileProgramDuration(const Program *pProg)
+{
+    return pProg->reader ? ZMFReaderDuration(pProg->reader) : 0;
+}
+
+int FileProgramSeek(Program *pProg, uint32_t nMs, uint32_t *pReached)
+{
+    return pProg->reader && ZMFReaderSeek(pProg->reader, nMs, pReached) != nullptr;
+}
+
+// Opens the recording of a program whose Uri is set and reads its description. Returns 1 or 0.
+static int OpenReader(Program *pProg, const char *szFile)
+{
+    pProg->reader = ZMFReaderOpen(szFile, kReadBuffer);
+    if (!pProg->reader)
+        return 0;
+    const char *szSdp = FileSdp(pProg);
+    if (!szSdp || !SdpParse(pProg, szSdp, 0, FileProgramDuration(pProg)))
+        return 0;
+    pProg->pfnIsKeyFrame = KeyFrameSelect(pProg);
+    return 1;
+}
+
+Program *CreateFileProgram(const char *szPath)
+{
+    if (!g_settings.bFilePrograms || !g_settings.szRecordPath || !*g_settings.szRecordPath ||
+        !StorageIsInside(szPath))
+        return nullptr;
+    char file[512];
+    TextBuf name{file, sizeof(file)};
+    if (!TextAdd(&name, "%s%s", g_settings.szRecordPath, *szPath == '/' ? szPath + 1 : szPath))
+        return nullptr;
+    Program *pProg = ProgramNew(szPath, &g_fileOps);
+    if (!pProg)
+        return nullptr;
+    if (!OpenReader(pProg, file) || !ProgramReady(pProg)) {
+        ProgramDiscard(pProg);
+        return nullptr;
+    }
+    print("CreateFileProgram(Uri=%s), pointer=0x%x.\r\n", pProg->Uri, ProgramPrintId(pProg));
+    return pProg;
+}
+
+}  // namespace orx

@@ -1,0 +1,153 @@
+#include "server/media/filesend.h"
+
+#include "base/console.h"
+#include "record/rtphelp.h"
+#include "record/zmfile.h"
+#include "record/zmfreader.h"
+#include "server/core/program.h"
+#include "server/media/rtcp.h"
+#include "server/media/send.h"
+#include "server/core/settings.h"
+
+namespace orx {
+
+static constexpr int kSamplesPerRefill = 4;
+static constexpr int kEmptyRefills = 64;  // in a row before the others get their turn
+
+using PackProc = int (*)(RtpOut *pOut, const uint8_t *pData, uint32_t nLen, uint32_t nTimeMs, int nTrackId);
+
+// Which packetiser makes packets of a track's samples.
+struct Packetiser {
+    uint32_t nMediaType;
+    PackProc pfnPack;
+};
+
+static const Packetiser g_packetisers[] = {
+    {MEDIA_H264, Pack2Rtp264Block},   {MEDIA_JPEG, Pack2RtpJpegBlock}, {MEDIA_AMR_NB, Pack2RtpAmrBlock},
+    {MEDIA_AMR_WB, Pack2RtpAmrBlock}, {MEDIA_G711, Pack2RtpG711Block},
+};
+
+static PackProc FindPacketiser(uint32_t nMediaType)
+{
+    for (const Packetiser &row : g_packetisers)
+        if (row.nMediaType == nMediaType)
+            return row.pfnPack;
+    return nullptr;
+}
+
+// Says whether the player has set up the track that samples go on; -1 stands for no such track.
+static int Takes(const Session *pSession, int nTrack)
+{
+    return nTrack >= 0 && nTrack < pSession->out.nTracks && pSession->tracks[nTrack].bSetUp;
+}
+
+// Queues a sample of video or sound when the player takes it. Returns the packets made.
+static int PackMedia(Session *pSession, int nTrack, const uint8_t *pData, uint32_t nLen, uint32_t nTimeMs)
+{
+    if (!Takes(pSession, nTrack))
+        return 0;
+    PackProc pfnPack = FindPacketiser(pSession->tracks[nTrack].nMediaType);
+    if (pfnPack)
+        return pfnPack(&pSession->out, pData, nLen, nTimeMs, nTrack);
+    print("Unsupported video media type!\r\n");
+    return 0;
+}
+
+static int PackData(Session *pSession, int nTrack, const uint8_t *pData, uint32_t nLen, uint32_t nTimeMs)
+{
+    if (!Takes(pSession, nTrack))
+        return 0;
+    return Pack2RtpUserBlock(&pSession->out, pData, nLen, nTimeMs, nTrack);
+}
+
+// Queues one record of the file.
+static void PackRecord(Session *pSession, const uint8_t *pRecord, uint32_t nBytes)
+{
+    Program *pProg = pSession->pProg;
+    ZMFRecordHead head;
+    ZMFRecordHeadDecode(pRecord, &head);
+    const uint8_t *pData = pRecord + kZmfRecordHeadBytes;
+    uint32_t nLen = nBytes - kZmfRecordHeadBytes;
+    int nPackets = 0;
+    if (head.chMedia == 'v')
+        nPackets = PackMedia(pSession, pProg->nVideoTrack, pData, nLen, head.nTimeMs);
+    else if (head.chMedia == 'a')
+        nPackets = PackMedia(pSession, pProg->nAudioTrack, pData, nLen, head.nTimeMs);
+    else
+        nPackets = PackData(pSession, pProg->nDataTrack, pData, nLen, head.nTimeMs);
+    pProg->nSerial += static_cast<uint32_t>(nPackets);
+}
+
+// The recording is at its end: nothing more is read until the player seeks.
+static void EndFile(Session *pSession)
+{
+    pSession->nState = STATE_ENDED;
+    pSession->play.bFinalReport = (pSession->nFlags & SESSION_RTCP) != 0;
+}
+
+// The last words to the player, once the reports before are old enough. Returns 1 when there is nothing left
+// to say.
+static int SayBye(Session *pSession)
+{
+    if (pSession->nState == STATE_ENDED && pSession->play.bFinalReport && SendRtcpBye(pSession))
+        pSession->play.bFinalReport = 0;
+    return pSession->nState != STATE_ENDED || !pSession->play.bFinalReport;
+}
+
+int FillBufferFromFile(Session *pSession)
+{
+    Program *pProg = pSession->pProg;
+    List *pQueue = &pSession->out.Outq;
+    if (!pProg || pProg->bLive || !pProg->reader)
+        return 0;
+    // samples that the player does not take make no packets: go on until some do, but do not read a long
+    // recording through at once
+    for (int n = 0; n < kEmptyRefills && ListCount(pQueue) == 0 && pSession->nState == STATE_PLAYING; n++) {
+        for (int i = 0; i < kSamplesPerRefill && pSession->nState == STATE_PLAYING; i++) {
+            int nBytes = 0;
+            const uint8_t *pRecord = ZMFReaderNextSample(pProg->reader, &nBytes);
+            if (pRecord)
+                PackRecord(pSession, pRecord, static_cast<uint32_t>(nBytes));
+            else if (i == 0)
+                EndFile(pSession);
+            else
+                break;
+        }
+    }
+    return ListCount(pQueue) > 0;
+}
+
+// One run of the sender. It ends with the connection, when the player pauses, and when the recording has
+// ended and the player was told so.
+static int OnFileSend(Task *pTask, uint32_t, uint32_t, uint32_t)
+{
+    Port *pPort = PortOfTask(pTask);
+    Session *pSession = SessionOfTask(pTask);
+    if (!pSession)
+        return -1;
+    int bDone = SayBye(pSession);
+    if (pSession->nState != STATE_PLAYING && bDone && ListCount(&pSession->out.Outq) == 0) {
+        pSession->nFlags &= ~SESSION_FILE_SENDER;
+        return -1;
+    }
+    int bOnePort = pSession->out.bInterleaved;
+    if (!SendDataEx(pSession, bOnePort ? pPort : nullptr, 1)) {
+        print("Player Client(stocket=0x%x) is broken!\r\n", pPort->fd);
+        pSession->nFlags &= ~SESSION_FILE_SENDER;
+        SessionClosePort(pSession, pPort);
+        return -1;
+    }
+    if ((pSession->nFlags & SESSION_RTCP) && pSession->nState == STATE_PLAYING)
+        SendRtcpReport(pSession);
+    return static_cast<int>(g_settings.nFileSendPeriod);
+}
+
+void FileSenderStart(Session *pSession, Port *pPort)
+{
+    if (pSession->nFlags & SESSION_FILE_SENDER)
+        return;
+    pSession->nFlags |= SESSION_FILE_SENDER;
+    PortSchedule(pPort, OnFileSend, 0);
+}
+
+}  // namespace orx

@@ -1,0 +1,85 @@
+#include "server/media/ingest.h"
+
+#include "base/assertion.h"
+#include "base/bytes.h"
+#include "base/console.h"
+#include "runtime/clock.h"
+#include "server/core/settings.h"
+#include "server/media/distribute.h"
+
+namespace orx {
+
+// The RTP clock extended to 64 bits, so that its wrap after some hours does not show.
+static int64_t ExtendTime(MediaInfo *pInfo, uint32_t nRtpTime)
+{
+    pInfo->nExtTime = pInfo->bTimeKnown
+                          ? pInfo->nExtTime + static_cast<int32_t>(nRtpTime - pInfo->nLastRtpTime)
+                          : int64_t{nRtpTime};
+    pInfo->nLastRtpTime = nRtpTime;
+    return pInfo->nExtTime;
+}
+
+// Standard encoders start every track's clock at a random value (RFC 3550, section 5.1), and have rates such
+// as 44100. What they send is put on one time line: a track's first packet has the time of its arrival.
+static uint32_t AlignedTime(MediaInfo *pInfo, uint32_t nRtpTime)
+{
+    int bFirst = !pInfo->bTimeKnown;
+    auto nMs = static_cast<uint32_t>(ExtendTime(pInfo, nRtpTime) * 1000 / pInfo->nTimeScale);
+    if (bFirst)
+        pInfo->nTimeShift = ClockMs() - nMs;
+    pInfo->bTimeKnown = 1;
+    return nMs + pInfo->nTimeShift;
+}
+
+// The packet's media time in milliseconds. Returns 1, or 0 when the track's clock rate cannot be scaled.
+static int MediaTime(MediaInfo *pInfo, uint32_t nRtpTime, uint32_t *pMs)
+{
+    if (g_settings.bStandardPushers) {
+        *pMs = AlignedTime(pInfo, nRtpTime);
+        return 1;
+    }
+    int64_t nTime = ExtendTime(pInfo, nRtpTime);
+    pInfo->bTimeKnown = 1;
+    if (pInfo->nTimeScale != 1000) {
+        if (!ORX_PEER_ASSERT(pInfo->nTimeScale >= 1000 && (pInfo->nTimeScale % 1000) == 0,
+                             "(pProg->mediaInfos[nTrackId].nTimeScale % 1000) == 0"))
+            return 0;
+        nTime /= pInfo->nTimeScale / 1000;
+    }
+    *pMs = static_cast<uint32_t>(nTime);
+    return 1;
+}
+
+int FeedProgram(Session *pSession, unsigned nTrack, const uint8_t *pFrame, uint32_t nBytes)
+{
+    Program *pProg = pSession->pProg;
+    int bUsable = (pSession->nFlags & SESSION_PUSHER) && pProg &&
+                  static_cast<int>(nTrack) < pProg->nTrackCount &&
+                  nBytes >= kInterleaveBytes + kRtpHeaderBytes;
+    if (!bUsable)
+        return 1;
+    uint32_t nTime;
+    if (!MediaTime(&pProg->mediaInfos[nTrack], GetBe(pFrame + 8, 4), &nTime))
+        return 0;
+    int bVideo = static_cast<int>(nTrack) == pProg->nVideoTrack;
+    int bKey = bVideo && pProg->pfnIsKeyFrame && pProg->pfnIsKeyFrame(pProg, pFrame, nBytes);
+    DataBlock *pBlock = MakeDataBlock(pFrame, nBytes, 1, bVideo, bKey);
+    if (!pBlock) {
+        print("MakeDataBlock() failed and Destroy the Session!\r\n");
+        return 0;
+    }
+    pBlock->nTimestamp = nTime;
+    CachePacketEx(pProg, pBlock);
+    return 1;
+}
+
+void FeedEnd(Session *pSession)
+{
+    if (!(pSession->nFlags & SESSION_PUSHER) || pSession->nState != STATE_PLAYING || !pSession->pProg)
+        return;
+    pSession->input.nReads++;
+    if (pSession->input.nReads & 1)
+        FlushPlayers(pSession->pProg);
+}
+
+}  // namespace orx

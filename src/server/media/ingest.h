@@ -1,0 +1,19 @@
+// Where a pusher's packets come in: each gets its media time and its flags, and goes to the program.
+// Scheduler thread only.
+#pragma once
+
+#include <cstdint>
+
+#include "server/core/session.h"
+
+namespace orx {
+
+// Hands a '$' frame (nBytes with its prefix) of an RTP channel to the program that the session feeds; one
+// that is of no use to it is dropped. Returns 0 when the session must end, else 1.
+int FeedProgram(Session *pSession, unsigned nTrack, const uint8_t *pFrame, uint32_t nBytes);
+
+// A read of the session is worked off: what the packets of a playing pusher added to the players' queues
+// leaves on every second read.
+void FeedEnd(Session *pSession);
+
+}  // namespace orx

@@ -1,0 +1,40 @@
+#include "server/media/liveprogram.h"
+
+#include <cstring>
+
+#include "runtime/clock.h"
+#include "server/core/sdp.h"
+#include "server/media/keyframe.h"
+#include "server/media/recordcontrol.h"
+
+namespace orx {
+
+constexpr size_t kMaxDescription = 4000;  // characters that a description stays below
+
+static const char *LiveSdp(const Program *pProg)
+{
+    return pProg->szSdp;
+}
+
+static const ProgramOps g_liveOps = {LiveSdp, nullptr, RecordersClose};
+
+Program *CreateLiveProgram(const char *szPath, const char *szSdp, size_t nSdp)
+{
+    if (nSdp >= kMaxDescription)
+        return nullptr;
+    Program *pProg = ProgramNew(szPath, &g_liveOps);
+    if (!pProg)
+        return nullptr;
+    pProg->bLive = 1;
+    pProg->tIdleSince = ClockUptime();
+    pProg->szSdp = strdup(szSdp);
+    if (pProg->szSdp && SdpParse(pProg, szSdp, 1, 0)) {
+        pProg->pfnIsKeyFrame = KeyFrameSelect(pProg);
+        if (ProgramReady(pProg))
+            return pProg;
+    }
+    ProgramDiscard(pProg);
+    return nullptr;
+}
+
+}  // namespace orx

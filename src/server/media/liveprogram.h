@@ -1,0 +1,14 @@
+// Programs that a pusher feeds. Scheduler thread only.
+#pragma once
+
+#include <cstddef>
+
+#include "server/core/program.h"
+
+namespace orx {
+
+// A live program for a path and a description (nSdp characters), in list and name map; null when it cannot be
+// made: the description is too long or of no use, the path is taken, or memory runs out.
+Program *CreateLiveProgram(const char *szPath, const char *szSdp, size_t nSdp);
+
+}  // namespace orx

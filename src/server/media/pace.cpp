@@ -1,0 +1,69 @@
+#include "server/media/pace.h"
+
+#include <algorithm>
+
+#include "runtime/clock.h"
+#include "server/core/program.h"
+
+namespace orx {
+
+static constexpr int32_t kFileLeadMs = 1000;  // a recording is sent at most this far ahead of real time
+static constexpr uint32_t kCatchUpSpeed = 4;  // times real time, of a start over UDP
+
+// A start can be ten seconds of media, and a player's UDP socket holds a fraction of a second: at a multiple
+// of real time nothing is lost. Time stamps that jump do not hold it up for longer than the cache should
+// last.
+static int CatchesUp(const Session *pSession)
+{
+    return pSession->output.nStartBlocks > 0 && !pSession->out.bInterleaved &&
+           ClockMs() - pSession->play.nPlayClock < pSession->pProg->nCacheLimit;
+}
+
+Pace PaceOf(const Session *pSession)
+{
+    if (!pSession->pProg || (pSession->nFlags & SESSION_PUSHER))
+        return {};
+    const SessionPlay *pPlay = &pSession->play;
+    uint32_t nSent = pPlay->nPlayPos - pPlay->nPlayStart;
+    if (!pSession->pProg->bLive)
+        return {1, pPlay->nPlayStart, ClockMs() - pPlay->nPlayClock, nSent, kFileLeadMs};
+    return {CatchesUp(pSession), pPlay->nPlayStart, pSession->output.nCatchUpMs, nSent, 0};
+}
+
+int PaceHoldsBack(const Pace *pPace, const DataBlock *pBlock)
+{
+    return pPace->bPaced && (pBlock->nFlags & DB_MEDIA) &&
+           ClockDiff(pPace->nSent, pPace->nElapsed) > pPace->nLead &&
+           pBlock->nTimestamp - pPace->nStart != pPace->nSent;
+}
+
+DataBlock *PaceFirstHeld(const Session *pSession)
+{
+    Pace pace = PaceOf(pSession);
+    DataBlock *pHeld = nullptr;
+    for (auto *p = pace.bPaced ? ListFirstOf<DataBlock>(&pSession->out.Outq) : nullptr; p; p = NextBlock(p)) {
+        if (!(p->nFlags & (DB_MEDIA | DB_KEY)))
+            pHeld = nullptr;
+        else if (!pHeld && PaceHoldsBack(&pace, p))
+            pHeld = p;
+        else if (!pHeld)
+            PaceAdvance(&pace, p);
+    }
+    return pHeld;
+}
+
+void PaceStart(Session *pSession, uint32_t nBlocks)
+{
+    pSession->output.nStartBlocks = nBlocks;
+    pSession->output.nCatchUpMs = 0;
+    pSession->output.nCatchUpClock = ClockMs();
+}
+
+void PaceRaise(Session *pSession, uint32_t nNow)
+{
+    SessionOutput *pOutput = &pSession->output;
+    pOutput->nCatchUpMs += kCatchUpSpeed * std::min(nNow - pOutput->nCatchUpClock, kCatchUpStepMs);
+    pOutput->nCatchUpClock = nNow;
+}
+
+}  // namespace orx

@@ -1,0 +1,45 @@
+// How far ahead of real time a player's media may leave: recordings, and over UDP the start of a live
+// program. Scheduler thread only.
+#pragma once
+
+#include <cstdint>
+
+#include "base/datablock.h"
+#include "server/core/session.h"
+
+namespace orx {
+
+// How far playing may have gone and has gone.
+struct Pace {
+    int bPaced;         // 0: everything leaves at once
+    uint32_t nStart;    // ms, the position that PLAY began at
+    uint32_t nElapsed;  // media ms since PLAY that are due
+    uint32_t nSent;     // media ms since PLAY, at the last block
+    int32_t nLead;      // ms that may be ahead of what is due
+};
+
+// The pace of the session at this moment.
+Pace PaceOf(const Session *pSession);
+
+// Whether a block has to wait. The rest of a picture does not: it is not further ahead than its beginning, so
+// that a pause leaves no player with a piece of one.
+int PaceHoldsBack(const Pace *pPace, const DataBlock *pBlock);
+
+// Notes that a block is on its way; only media has a place in time.
+inline void PaceAdvance(Pace *pPace, const DataBlock *pBlock)
+{
+    if (pBlock->nFlags & DB_MEDIA)
+        pPace->nSent = pBlock->nTimestamp - pPace->nStart;
+}
+
+// The first packet of the queue that the pace holds back and that a reply need not wait for; null when there
+// is none. Replies keep their order among themselves; reports, which carry the key flag, may be passed.
+DataBlock *PaceFirstHeld(const Session *pSession);
+
+// A start from the cache has put nBlocks of media into the queue. PaceRaise lets more of it go, once every
+// kCatchUpStepMs, at nNow (ClockMs); what a late step missed is not made up for.
+constexpr uint32_t kCatchUpStepMs = 20;
+void PaceStart(Session *pSession, uint32_t nBlocks);
+void PaceRaise(Session *pSession, uint32_t nNow);
+
+}  // namespace orx

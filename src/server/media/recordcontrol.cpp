@@ -1,0 +1,171 @@
+#include "server/media/recordcontrol.h"
+
+#include <cstring>
+
+#include "base/assertion.h"
+#include "base/console.h"
+#include "base/textbuf.h"
+#include "record/zmfwriter.h"
+#include "runtime/clock.h"
+#include "server/core/sdp.h"
+#include "server/media/send.h"
+#include "server/core/settings.h"
+
+namespace orx {
+
+// The letter by which a writer knows the kind of a packet.
+static char MediaLetter(const Program *pProg, const DataBlock *pBlock)
+{
+    if (pBlock->nFlags & DB_VIDEO)
+        return 'v';
+    return BlockData(pBlock)[1] == 2 * pProg->nAudioTrack ? 'a' : 'u';
+}
+
+static int WritePacket(ZMFWriter *pWriter, const Program *pProg, const DataBlock *pBlock)
+{
+    return ZMFWriterWriteRtpPacket(pWriter, BlockData(pBlock) + kInterleaveBytes,
+                                   pBlock->len - kInterleaveBytes, MediaLetter(pProg, pBlock),
+                                   pBlock->nTimestamp);
+}
+
+// Closes a writer and moves the last one into its place.
+static void DropRecorder(Program *pProg, int i)
+{
+    ZMFWriterFree(pProg->recorders[i]);
+    pProg->recorders[i] = pProg->recorders[--pProg->nRecorders];
+    pProg->recorders[pProg->nRecorders] = nullptr;
+}
+
+void RecordersWrite(Program *pProg, const DataBlock *pBlock)
+{
+    for (int i = pProg->nRecorders - 1; i >= 0; i--) {
+        int nResult = WritePacket(pProg->recorders[i], pProg, pBlock);
+        if (nResult > 0)
+            continue;
+        print(nResult < 0 ? "ZMFWriterWriteSample() failed!\r\n"
+                          : "ZMFWriterWriteSample() auto stopped().\r\n");
+        DropRecorder(pProg, i);
+    }
+}
+
+void RecordersClose(Program *pProg)
+{
+    while (pProg->nRecorders > 0)
+        DropRecorder(pProg, pProg->nRecorders - 1);
+}
+
+// Ends the first manual recording; others end only by their limits.
+void StopRecord(Program *pProg)
+{
+    for (int i = 0; i < pProg->nRecorders; i++) {
+        if (ZMFWriterRecordKind(pProg->recorders[i]) != RECORD_MANUAL)
+            continue;
+        char szFile[kStoragePathSize] = "";
+        ZMFWriterFileName(pProg->recorders[i], szFile, sizeof(szFile));
+        DropRecorder(pProg, i);
+        print("StopRecord(%s)\r\n", szFile);
+        return;
+    }
+}
+
+// The cached seconds ahead of an alarm, as far back as the program goes. Uptime counts begun seconds; the age
+// of a young program is told by the clock of milliseconds.
+static uint32_t PreRecordSeconds(const Program *pProg, int nKind)
+{
+    if (nKind != RECORD_ALARM)
+        return 0;
+    uint32_t nAge = ClockUptime() - pProg->tBorn;
+    if (nAge <= g_settings.nPreRecordLen)
+        nAge = (ClockMs() - pProg->nBornMs) / 1000;
+    return nAge < g_settings.nPreRecordLen ? nAge : g_settings.nPreRecordLen;
+}
+
+// A peer may choose where its recording goes, but only a recording's name, so that it overwrites nothing
+// else.
+static int IsSafeFileName(const char *szFile)
+{
+    size_t nLen = strlen(szFile);
+    return nLen > 4 && strcasecmp(szFile + nLen - 4, ".zmf") == 0 && !strstr(szFile, "../");
+}
+
+static const char *ProgramDirectory(const Program *pProg)
+{
+    return pProg->Uri[0] == '/' ? pProg->Uri + 1 : pProg->Uri;
+}
+
+// Opens the first file of a recording; null, with the cause printed, when it cannot be made.
+static ZMFWriter *OpenWriter(const Program *pProg, const RecordOrder *pOrder, uint32_t nPreRecord)
+{
+    char szFile[kStoragePathSize] = "";
+    if (pOrder->bNamed)
+        TextCopy(szFile, sizeof(szFile), pOrder->szFile);
+    else
+        StorageNextPath(szFile, sizeof(szFile), g_settings.szRecordPath, ProgramDirectory(pProg),
+                        pOrder->nKind);
+    print("StartRecord(%s) Limited=%dseconds, PreRecord=%useconds\r\n", szFile, pOrder->nLimitSeconds,
+          nPreRecord);
+    ZMFWriter *pWriter = nullptr;
+    if (!pOrder->bNamed)
+        pWriter = ZMFWriterCreate(g_settings.szRecordPath, ProgramDirectory(pProg), pOrder->nKind, nullptr);
+    else if (IsSafeFileName(szFile))
+        pWriter = ZMFWriterCreateFile(szFile, pOrder->nKind, nullptr);
+    if (!pWriter) {
+        print("Create record file(%s) failed!\r\n", szFile);
+        return nullptr;
+    }
+    if (ZMFWriterSetReserveMinSpace(pWriter, kReserveMegabytes, g_settings.bAutoDelOldFile))
+        return pWriter;
+    print("NOT enough storage space to record!!!\n");
+    ZMFWriterDiscard(pWriter);
+    return nullptr;
+}
+
+// Label, description, limits and header. 1 or 0.
+static int BeginFile(ZMFWriter *pWriter, const Program *pProg, const RecordOrder *pOrder)
+{
+    char szNick[32];
+    ProgramNames(pProg, nullptr, 0, szNick, sizeof(szNick));
+    ZMFWriterSetLabel(pWriter, szNick);
+    return ZMFWriterSetSdp(pWriter, pProg->szSdp) &&
+           ZMFWriterSetLimits(pWriter, g_settings.nMinutePerFile * 60,
+                              static_cast<uint32_t>(pOrder->nLimitSeconds)) &&
+           ZMFWriterWriteHead(pWriter);
+}
+
+// The first cached key frame that is not older than the seconds wanted; null when there is none.
+static DataBlock *FindPreRecordStart(const Program *pProg, uint32_t nSeconds)
+{
+    auto *pNewest = reinterpret_cast<DataBlock *>(pProg->Pktq.pLast);
+    DataBlock *p = pNewest;
+    while (p && p->node.pPrev &&
+           ClockDiff(pNewest->nTimestamp, p->nTimestamp) < static_cast<int32_t>(nSeconds * 1000))
+        p = PrevBlock(p);
+    while (p && (p->nFlags & (DB_VIDEO | DB_KEY)) != (DB_VIDEO | DB_KEY))
+        p = NextBlock(p);
+    return p;
+}
+
+// Writes what the cache holds of the time before. 1, or 0 when a packet could not be written.
+static int PreRecord(ZMFWriter *pWriter, const Program *pProg, uint32_t nSeconds)
+{
+    for (const DataBlock *p = FindPreRecordStart(pProg, nSeconds); p; p = NextBlock(p))
+        if (WritePacket(pWriter, pProg, p) < 1)
+            return 0;
+    return 1;
+}
+
+int StartRecord(Program *pProg, const RecordOrder *pOrder)
+{
+    uint32_t nPreRecord = PreRecordSeconds(pProg, pOrder->nKind);
+    ZMFWriter *pWriter = OpenWriter(pProg, pOrder, nPreRecord);
+    if (!pWriter)
+        return 0;
+    if (!BeginFile(pWriter, pProg, pOrder) || !PreRecord(pWriter, pProg, nPreRecord)) {
+        ZMFWriterDiscard(pWriter);
+        return 0;
+    }
+    pProg->recorders[pProg->nRecorders++] = pWriter;
+    return 1;
+}
+
+}  // namespace orx

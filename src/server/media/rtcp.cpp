@@ -1,0 +1,322 @@
+#include "server/media/rtcp.h"
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include "base/bytes.h"
+#include "base/console.h"
+#include "base/textbuf.h"
+#include "runtime/clock.h"
+#include "server/core/program.h"
+
+namespace orx {
+
+static constexpr uint32_t kNtpOffset = 2208988800U;  // seconds from 1900 to 1970
+static constexpr uint32_t kReportPeriod = 10;        // seconds
+static constexpr size_t kSrBytes = 28;
+static constexpr size_t kMaxReport = 256;  // prefix, SR, SDES and BYE with room to spare
+
+enum : unsigned { RTCP_SR = 200, RTCP_RR = 201, RTCP_SDES = 202, RTCP_BYE = 203, RTCP_APP = 204 };
+
+// The common first word (RFC 3550, section 6.4.1); nBytes is the packet's whole size.
+static void PutHead(uint8_t *pOut, unsigned nCount, unsigned nType, size_t nBytes)
+{
+    PutBe(pOut, 1, 0x80 | nCount);
+    PutBe(pOut + 1, 1, nType);
+    PutBe(pOut + 2, 2, static_cast<uint32_t>(nBytes / 4 - 1));
+}
+
+size_t RtcpMakeSR(uint8_t *pOut, uint32_t nSsrc, uint32_t nNtpSec, uint32_t nNtpFrac, uint32_t nRtpTime,
+                  uint32_t nPackets, uint32_t nOctets)
+{
+    PutHead(pOut, 0, RTCP_SR, kSrBytes);
+    PutBe(pOut + 4, 4, nSsrc);
+    PutBe(pOut + 8, 4, nNtpSec);
+    PutBe(pOut + 12, 4, nNtpFrac);
+    PutBe(pOut + 16, 4, nRtpTime);
+    PutBe(pOut + 20, 4, nPackets);
+    PutBe(pOut + 24, 4, nOctets);
+    return kSrBytes;
+}
+
+size_t RtcpMakeSDES(uint8_t *pOut, size_t nRoom, uint32_t nSsrc, const char *szCname)
+{
+    size_t nLen = strlen(szCname);
+    size_t nBytes = ((nLen + 11) & ~size_t{3}) + 4;
+    if (nLen > 255 || nBytes > nRoom)
+        return 0;
+    memset(pOut, 0, nBytes);
+    PutHead(pOut, 1, RTCP_SDES, nBytes);
+    PutBe(pOut + 4, 4, nSsrc);
+    PutBe(pOut + 8, 1, 1);  // CNAME
+    // what deployed players of this server have always been sent, even where it is shorter than the text
+    PutBe(pOut + 9, 1, static_cast<uint32_t>(nBytes - 13));
+    std::copy_n(szCname, nLen, pOut + 10);
+    return nBytes;
+}
+
+size_t RtcpMakeRR(uint8_t *pOut, uint32_t nSsrc, unsigned nBlocks)
+{
+    PutHead(pOut, nBlocks, RTCP_RR, 8 + size_t{24} * nBlocks);
+    PutBe(pOut + 4, 4, nSsrc);
+    return 8;
+}
+
+size_t RtcpMakeReportBlock(uint8_t *pOut, const RtcpBlock *pBlock)
+{
+    uint32_t nMs = pBlock->nSinceSrMs;
+    uint32_t nDelay = pBlock->bSrKnown ? (nMs / 1000) << 16 | ((nMs % 1000) << 13) / 125 : 0;
+    PutBe(pOut, 4, pBlock->nSsrc);
+    PutBe(pOut + 4, 1, pBlock->nFraction);
+    PutBe(pOut + 5, 3, pBlock->nLost);
+    PutBe(pOut + 8, 4, pBlock->nLastSeq);
+    PutBe(pOut + 12, 4, pBlock->nJitter);
+    PutBe(pOut + 16, 4, pBlock->nLsr);
+    PutBe(pOut + 20, 4, nDelay);
+    return 24;
+}
+
+size_t RtcpMakeBYE(uint8_t *pOut, size_t nRoom, uint32_t nSsrc, const char *szReason)
+{
+    size_t nLen = szReason ? strlen(szReason) : 0;
+    size_t nBytes = ((nLen + 8 + 3) & ~size_t{3}) + 4;
+    if (nBytes > nRoom)
+        return 0;
+    memset(pOut, 0, nBytes);
+    PutHead(pOut, 1, RTCP_BYE, nBytes);
+    PutBe(pOut + 4, 4, nSsrc);
+    std::copy_n(szReason, nLen, pOut + 8);
+    return nBytes;
+}
+
+void NtpFromTime(uint32_t nSec, uint32_t nMicros, uint32_t *pNtpSec, uint32_t *pNtpFrac)
+{
+    *pNtpSec = nSec + kNtpOffset;
+    *pNtpFrac = nMicros * 4294 + (nMicros * 1981) / 2048;
+}
+
+void NtpTimeToString(uint32_t nNtpSec, uint32_t nNtpFrac, char *szOut, size_t nSize)
+{
+    TextBuf text{szOut, nSize};
+    time_t nTime = static_cast<uint32_t>(nNtpSec - kNtpOffset);
+    struct tm t {};
+    if (!gmtime_r(&nTime, &t)) {
+        TextAdd(&text, "ntp_sec=%u, ntp_frac=%u", nNtpSec, nNtpFrac);
+        return;
+    }
+    TextAdd(&text, "%4d-%02d-%02d-%02d:%02d:%02d.%u", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour,
+            t.tm_min, t.tm_sec, nNtpFrac / 4295 / 1000);
+}
+
+static void DumpBlocks(ByteReader *pIn, unsigned nCount)
+{
+    for (unsigned i = 0; i < nCount; i++) {
+        uint32_t nSsrc = ReadBe(pIn, 4);
+        uint32_t nFraction = ReadBe(pIn, 1);
+        uint32_t nLost = ReadBe(pIn, 3);
+        uint32_t nLastSeq = ReadBe(pIn, 4);
+        uint32_t nJitter = ReadBe(pIn, 4);
+        uint32_t nLsr = ReadBe(pIn, 4);
+        uint32_t nDlsr = ReadBe(pIn, 4);
+        if (pIn->bFailed)
+            return;
+        print("RR[%u] ssrc=%u, fraction=%u, lost=%u, last_seq=%u, jitter=%u, lsr=%u, dlsr=%u\r\n", i, nSsrc,
+              nFraction, nLost, nLastSeq, nJitter, nLsr, nDlsr);
+    }
+}
+
+static void DumpSR(ByteReader *pIn, unsigned nCount, uint32_t nClockRate)
+{
+    uint32_t nSsrc = ReadBe(pIn, 4);
+    uint32_t nNtpSec = ReadBe(pIn, 4);
+    uint32_t nNtpFrac = ReadBe(pIn, 4);
+    uint32_t nRtpTime = ReadBe(pIn, 4);
+    uint32_t nPackets = ReadBe(pIn, 4);
+    uint32_t nOctets = ReadBe(pIn, 4);
+    if (pIn->bFailed)
+        return;
+    char szTime[64];
+    NtpTimeToString(nNtpSec, nNtpFrac, szTime, sizeof(szTime));
+    if (nClockRate < 1000)
+        print("SR ssrc=%u, ntpTime=%s, rtp_ts=%u, psent=%u, osent=%u\r\n", nSsrc, szTime, nRtpTime, nPackets,
+              nOctets);
+    else
+        print("SR ssrc=%u, ntpTime=%s, rtp_ts=%ums, psent=%u, osent=%u\r\n", nSsrc, szTime,
+              nRtpTime / (nClockRate / 1000), nPackets, nOctets);
+    DumpBlocks(pIn, nCount);
+}
+
+static void DumpRR(ByteReader *pIn, unsigned nCount)
+{
+    uint32_t nSsrc = ReadBe(pIn, 4);
+    if (pIn->bFailed)
+        return;
+    print("RR sender's ssrc=%u:\r\n", nSsrc);
+    DumpBlocks(pIn, nCount);
+}
+
+// The bytes of an item's text: as many as its length says, and on to the end of the text where our own
+// formula says too few. The next item begins with its type, the end of the items with a 0: both below a
+// blank.
+static uint32_t ItemTextBytes(const ByteReader *pIn, uint32_t nLen)
+{
+    uint32_t nShown = nLen < pIn->nLeft ? nLen : static_cast<uint32_t>(pIn->nLeft);
+    while (nShown < pIn->nLeft && pIn->p[nShown] >= ' ')
+        nShown++;
+    return nShown;
+}
+
+// Only the first item of the first chunk.
+static void DumpSDES(ByteReader *pIn)
+{
+    uint32_t nSsrc = ReadBe(pIn, 4);
+    uint32_t nType = ReadBe(pIn, 1);
+    uint32_t nLen = ReadBe(pIn, 1);
+    if (pIn->bFailed)
+        return;
+    print("SDes ssrc=%u, type=%u, length=%u, data=%.*s\r\n", nSsrc, nType, nLen,
+          static_cast<int>(ItemTextBytes(pIn, nLen)), reinterpret_cast<const char *>(pIn->p));
+}
+
+void RtcpDump(const uint8_t *pPacket, size_t nLen, uint32_t nClockRate)
+{
+    static const char *const g_names[] = {"SR", "RR", "SDES", "BYE", "APP"};
+    ByteReader in{pPacket, nLen};
+    while (in.nLeft >= 4) {
+        uint32_t nFlags = ReadBe(&in, 1);
+        uint32_t nType = ReadBe(&in, 1);
+        size_t nBody = size_t{4} * ReadBe(&in, 2);
+        unsigned nCount = nFlags & 0x1F;
+        print("RTCP head: version=%u, padding=%u, count=%u, type=%u, length=%u\r\n", nFlags >> 6,
+              nFlags >> 5 & 1, nCount, nType, static_cast<unsigned>(nBody + 4));
+        if (nType < RTCP_SR || nType > RTCP_APP) {
+            print("Invalid RTCP packet!\r\n");
+            return;
+        }
+        print("RTCP packet type is %s\r\n", g_names[nType - RTCP_SR]);
+        size_t nHere = nBody < in.nLeft ? nBody : in.nLeft;
+        ByteReader body{ReadBytes(&in, nHere), nHere};
+        if (nType == RTCP_SR)
+            DumpSR(&body, nCount, nClockRate);
+        else if (nType == RTCP_RR)
+            DumpRR(&body, nCount);
+        else if (nType == RTCP_SDES)
+            DumpSDES(&body);
+    }
+    print("\r\n");
+}
+
+// The RTP clock of a rate at a wall time; reports count from its value at the track's first packet.
+static uint32_t RtpClock(uint32_t nRate, const timeval *pTime)
+{
+    return nRate * static_cast<uint32_t>(pTime->tv_sec) +
+           (nRate / 1000) * static_cast<uint32_t>(pTime->tv_usec / 1000);
+}
+
+// A compound report of a track for now, with the '$' prefix on an interleaved session. Returns its bytes.
+static size_t MakeReport(const Session *pSession, int nTrack, int bBye, uint8_t *pOut, size_t nRoom)
+{
+    const SessionTrack *pTrack = &pSession->tracks[nTrack];
+    size_t nPrefix = pSession->out.bInterleaved ? kInterleaveBytes : 0;
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    uint32_t nNtpSec, nNtpFrac;
+    NtpFromTime(static_cast<uint32_t>(now.tv_sec), static_cast<uint32_t>(now.tv_usec), &nNtpSec, &nNtpFrac);
+    uint32_t nRtpTime = RtpClock(pTrack->nTimeScale, &now) - pTrack->nClockBase + pTrack->nFirstSentRtpTime;
+    const char *szName = pSession->pProg ? pSession->pProg->szName : "";
+
+    uint8_t *pPacket = pOut + nPrefix;
+    size_t n =
+        RtcpMakeSR(pPacket, pTrack->nSsrc, nNtpSec, nNtpFrac, nRtpTime, pTrack->nPackets, pTrack->nOctets);
+    n += RtcpMakeSDES(pPacket + n, nRoom - nPrefix - n, pTrack->nSsrc, szName);
+    if (bBye)
+        n += RtcpMakeBYE(pPacket + n, nRoom - nPrefix - n, pTrack->nSsrc, "completed");
+    if (nPrefix) {
+        PutBe(pOut, 1, '$');
+        PutBe(pOut + 1, 1, pTrack->nRtcpChannel);
+        PutBe(pOut + 2, 2, static_cast<uint32_t>(n));
+    }
+    RtcpDump(pPacket, n, pTrack->nTimeScale);
+    return n + nPrefix;
+}
+
+// Makes a track's report and sends it: over UDP at once, interleaved through the queue (behind pAfter when
+// given).
+static void SendTrackReport(Session *pSession, int nTrack, int bBye, DataBlock *pAfter)
+{
+    uint8_t report[kMaxReport];
+    size_t nLen = MakeReport(pSession, nTrack, bBye, report, sizeof(report));
+    if (!pSession->out.bInterleaved) {
+        const Port *pPort = pSession->tracks[nTrack].Control;
+        if (pPort)
+            sendto(pPort->fd, report, nLen, MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&pPort->remote),
+                   sizeof(pPort->remote));
+        return;
+    }
+    DataBlock *pBlock = MakeDataBlock(report, nLen, 0, 0, 1);
+    if (!pBlock)
+        print("MakeDataBlock() failed!\r\n");
+    else if (pAfter)
+        ListInsert(&pSession->out.Outq, pBlock, pAfter, 1);
+    else
+        ListAppend(&pSession->out.Outq, pBlock);
+}
+
+static void SendFirstRtcpReport(Session *pSession, int nTrack, const uint8_t *pRtp, DataBlock *pAfter)
+{
+    SessionTrack *pTrack = &pSession->tracks[nTrack];
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    pTrack->nFirstSentRtpTime = GetBe(pRtp + 4, 4);
+    pTrack->nClockBase = RtpClock(pTrack->nTimeScale, &now);
+    pTrack->nSsrc = GetBe(pRtp + 8, 4);
+    print("SendFirstRtcpReport():\r\n");
+    SendTrackReport(pSession, nTrack, 0, pAfter);
+    pSession->output.tLastReport = ClockUptime();
+}
+
+void RtcpNotePacketSent(Session *pSession, int nTrack, const uint8_t *pRtp, size_t nLen, DataBlock *pAfter)
+{
+    SessionTrack *pTrack = &pSession->tracks[nTrack];
+    if (nLen < kRtpHeaderBytes)
+        return;
+    pTrack->nOctets += static_cast<uint32_t>(nLen - kRtpHeaderBytes);
+    if (pTrack->nPackets++ == 0)
+        SendFirstRtcpReport(pSession, nTrack, pRtp, pAfter);
+}
+
+static int ReportDue(const Session *pSession)
+{
+    return ClockUptime() - pSession->output.tLastReport >= kReportPeriod;
+}
+
+// The reports of every track set up, when they are due. Returns 1, or 0 when they are not.
+static int SendReports(Session *pSession, int bBye)
+{
+    if (!ReportDue(pSession))
+        return 0;
+    for (int i = 0; i < pSession->out.nTracks; i++) {
+        if (!pSession->tracks[i].bSetUp)
+            continue;
+        print("SendRtcpReport():\r\n");
+        SendTrackReport(pSession, i, bBye, nullptr);
+    }
+    pSession->output.tLastReport = ClockUptime();
+    return 1;
+}
+
+int SendRtcpReport(Session *pSession)
+{
+    return SendReports(pSession, 0);
+}
+
+int SendRtcpBye(Session *pSession)
+{
+    return SendReports(pSession, 1);
+}
+
+}  // namespace orx

@@ -1,0 +1,52 @@
+// RTCP (RFC 3550, section 6): sender reports to players, builders, and the dump of what peers send.
+// Scheduler thread only; the builders and the dump: any thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "server/core/session.h"
+
+namespace orx {
+
+// Builders. Each writes into pOut, which has the room named, and returns the bytes written.
+size_t RtcpMakeSR(uint8_t *pOut, uint32_t nSsrc, uint32_t nNtpSec, uint32_t nNtpFrac, uint32_t nRtpTime,
+                  uint32_t nPackets, uint32_t nOctets);  // 28 bytes
+size_t RtcpMakeSDES(uint8_t *pOut, size_t nRoom, uint32_t nSsrc,
+                    const char *szCname);                            // 0 when there is no room
+size_t RtcpMakeRR(uint8_t *pOut, uint32_t nSsrc, unsigned nBlocks);  // 8 bytes; blocks follow
+struct RtcpBlock {
+    uint32_t nSsrc;
+    uint8_t nFraction;
+    uint32_t nLost;  // 24 bits
+    uint32_t nLastSeq;
+    uint32_t nJitter;
+    uint32_t nLsr;
+    uint32_t nSinceSrMs;  // milliseconds since the last SR
+    int bSrKnown;         // 0: DLSR is 0
+};
+size_t RtcpMakeReportBlock(uint8_t *pOut, const RtcpBlock *pBlock);                     // 24 bytes
+size_t RtcpMakeBYE(uint8_t *pOut, size_t nRoom, uint32_t nSsrc, const char *szReason);  // reason may be null
+
+// NTP form of a wall time (RFC 5905, section 6), and its text for the dump (nSize at least 64).
+void NtpFromTime(uint32_t nSec, uint32_t nMicros, uint32_t *pNtpSec, uint32_t *pNtpFrac);
+void NtpTimeToString(uint32_t nNtpSec, uint32_t nNtpFrac, char *szOut, size_t nSize);
+
+// Prints a compound packet; never looks outside its nLen bytes. nClockRate 0: RTP times are printed as they
+// are.
+void RtcpDump(const uint8_t *pPacket, size_t nLen, uint32_t nClockRate);
+
+// Notes that a media packet (RTP header at pRtp, nLen bytes) of track i was written completely: counters, and
+// on the first one the clock base and the first report. pAfter is the block just sent, still at the head of
+// the queue.
+void RtcpNotePacketSent(Session *pSession, int nTrack, const uint8_t *pRtp, size_t nLen, DataBlock *pAfter);
+
+// The report cycle, at most every 10 seconds. Returns 1 when reports were made, else 0. Over TCP the reports
+// are queued, not sent.
+int SendRtcpReport(Session *pSession);
+
+// The last words to a player whose recording has ended: a report with BYE "completed" for every track, when
+// the last report is at least 10 seconds old. Returns 1 when it was made, else 0.
+int SendRtcpBye(Session *pSession);
+
+}  // namespace orx

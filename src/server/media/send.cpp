@@ -1,0 +1,239 @@
+#include "server/media/send.h"
+
+#include <cerrno>
+
+#include "base/assertion.h"
+#include "base/console.h"
+#include "runtime/clock.h"
+#include "server/core/program.h"
+#include "server/core/settings.h"
+#include "server/media/outqueue.h"
+#include "server/media/pace.h"
+#include "server/media/rtcp.h"
+#include "server/media/wire.h"
+
+namespace orx {
+
+static constexpr uint32_t kDelayedSendMs = 200;
+
+// The connection for replies and interleaved media, or the media socket of the block's track. Null when a
+// survived peer assertion found none: which packets a recording makes is up to the file.
+static Port *ChoosePort(const Session *pSession, const DataBlock *pBlock)
+{
+    Port *pPort = nullptr;
+    if (IsDatagram(pSession, pBlock)) {
+        int nTrack = TrackOfBlock(pSession, pBlock);
+        pPort = nTrack >= 0 ? pSession->tracks[nTrack].Media : nullptr;
+    } else {
+        pPort = SessionReplyPort(pSession);
+    }
+    return ORX_PEER_ASSERT(pPort, "port") ? pPort : nullptr;
+}
+
+// Whether the first packet of a track would leave with this block: its report has to follow right behind it.
+static int StartsReports(const Session *pSession, const DataBlock *pBlock)
+{
+    if (!(pSession->nFlags & SESSION_RTCP) || !(pBlock->nFlags & DB_MEDIA))
+        return 0;
+    int nTrack = TrackOfBlock(pSession, pBlock);
+    return nTrack >= 0 && pSession->tracks[nTrack].nPackets == 0;
+}
+
+// Collects from the head of the queue what can leave in one call. Empty when pacing holds the head back.
+// Returns 1, or 0 when the head has no socket to leave by.
+static int Gather(const Session *pSession, Port *pGiven, const Pace *pPace, Batch *pBatch)
+{
+    Pace pace = *pPace;
+    pBatch->nBlocks = 0;
+    for (auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq); p && pBatch->nBlocks < kMaxGather;
+         p = NextBlock(p)) {
+        if (PaceHoldsBack(&pace, p))
+            break;
+        Port *pPort = pGiven ? pGiven : ChoosePort(pSession, p);
+        if (!pPort && pBatch->nBlocks == 0)
+            return 0;
+        if (pBatch->nBlocks > 0 && pPort != pBatch->pPort)
+            break;
+        pBatch->pPort = pPort;
+        pBatch->blocks[pBatch->nBlocks++] = p;
+        PaceAdvance(&pace, p);
+        if (StartsReports(pSession, p))
+            break;
+    }
+    return 1;
+}
+
+// Accounts for a block that was written completely, and frees it.
+static void BlockDone(Session *pSession, DataBlock *pBlock)
+{
+    if (pBlock->nFlags & DB_MEDIA) {
+        pSession->play.nPlayPos = pBlock->nTimestamp;
+        int nTrack = (pSession->nFlags & SESSION_RTCP) ? TrackOfBlock(pSession, pBlock) : -1;
+        uint32_t nPrefix = pSession->out.bInterleaved ? kInterleaveBytes : 0;
+        if (nTrack >= 0)
+            RtcpNotePacketSent(pSession, nTrack, BlockData(pBlock) + nPrefix, pBlock->len - nPrefix, pBlock);
+    }
+    ListRemove(&pSession->out.Outq, pBlock, 1);
+}
+
+static int OnSessionDelaySendTimer(Task *pTask, uint32_t, uint32_t, uint32_t)
+{
+    Port *pPort = PortOfTask(pTask);
+    Session *pSession = SessionOfTask(pTask);
+    if (!pSession)
+        return -1;
+    print("OnSessionDelaySendTimer(stocket=0x%x)\r\n", pPort->fd);
+    pSession->nFlags &= ~SESSION_DELAYED_SEND;
+    // replies and datagrams of one queue go to different sockets: each block finds its own
+    int bOnePort = pSession->out.bInterleaved || pSession->play.nSetupCount == 0;
+    if (!SendDataEx(pSession, bOnePort && pPort->nType == PORT_TCP ? pPort : nullptr, 0)) {
+        SessionClosePort(pSession, pPort);
+        return -1;
+    }
+    int bArmed = (pSession->nFlags & SESSION_DELAYED_SEND) != 0;
+    if (bArmed || pSession->nState == STATE_PLAYING || ListCount(&pSession->out.Outq) == 0)
+        return -1;
+    pSession->nFlags |= SESSION_DELAYED_SEND;
+    return kDelayedSendMs;
+}
+
+// The socket takes no more. A call that comes again by itself only counts, any other is repeated by a timer.
+static void OnBlocked(Session *pSession, const Port *pPort, int bPush)
+{
+    SessionOutput *pOutput = &pSession->output;
+    if (bPush) {
+        if (!g_settings.bAutoDrop || !pSession->pProg || !pSession->pProg->bLive || pOutput->nStartBlocks > 0)
+            return;
+        if (++pOutput->nBlockedSends != kBlockedSends)
+            return;
+        QueueDropCrowded(pSession);
+        print("SendDataEx(socket=0x%x) blocked count=%u!\r\n", pPort->fd, pOutput->nBlockedSends);
+        return;
+    }
+    if (pSession->nFlags & (SESSION_FILE_SENDER | SESSION_DELAYED_SEND))
+        return;
+    pSession->nFlags |= SESSION_DELAYED_SEND;
+    PortSchedule(pPort, OnSessionDelaySendTimer, kDelayedSendMs);
+}
+
+// Writes the batch and accounts for what left. Results of WireWrite.
+static int WriteBatch(Session *pSession, Batch *pBatch)
+{
+    int nLeft = 0;
+    int nResult = WireWrite(pBatch, &nLeft);
+    if (nResult > 0)
+        pSession->output.nBlockedSends = 0;
+    for (int i = 0; i < nLeft; i++)
+        BlockDone(pSession, pBatch->blocks[i]);
+    return nResult;
+}
+
+// Asks the program for what comes next. Returns 1 when something was queued.
+static int Refill(Session *pSession)
+{
+    const ProgramOps *pOps = pSession->pProg->pOps;
+    return pOps->pfnRefill && pOps->pfnRefill(pSession);
+}
+
+int SendDataEx(Session *pSession, Port *pPort, int bPush)
+{
+    Batch batch;
+    Pace pace = PaceOf(pSession);
+    for (;;) {
+        if (ListCount(&pSession->out.Outq) == 0 && !(pace.bPaced && Refill(pSession))) {
+            pSession->output.nStartBlocks = 0;
+            return 1;
+        }
+        if (pace.bPaced)
+            pace.nSent = pSession->play.nPlayPos - pace.nStart;
+        if (!Gather(pSession, pPort, &pace, &batch))
+            return 0;
+        if (batch.nBlocks == 0)
+            return 1;
+        int nResult = WriteBatch(pSession, &batch);
+        if (nResult < 0) {
+            print("SendDataEx(socket=0x%x) failed(errcode=%d)!\r\n", batch.pPort->fd, errno);
+            return 0;
+        }
+        if (nResult == 0) {
+            OnBlocked(pSession, batch.pPort, bPush);
+            return 1;
+        }
+    }
+}
+
+static int OnCatchUpTimer(Task *pTask, uint32_t, uint32_t nNow, uint32_t)
+{
+    Session *pSession = SessionOfTask(pTask);
+    if (!pSession)
+        return -1;
+    PaceRaise(pSession, nNow);
+    if (!SendDataEx(pSession, nullptr, 1)) {
+        SessionClosePort(pSession, PortOfTask(pTask));
+        return -1;
+    }
+    if (pSession->output.nStartBlocks > 0)
+        return kCatchUpStepMs;
+    pSession->nFlags &= ~SESSION_CATCHES_UP;
+    return -1;
+}
+
+void SendStartBurst(Session *pSession, uint32_t nBlocks)
+{
+    if (!g_settings.bStandardPlayers)
+        return;
+    PaceStart(pSession, nBlocks);
+    if (nBlocks == 0 || pSession->out.bInterleaved || (pSession->nFlags & SESSION_CATCHES_UP))
+        return;
+    pSession->nFlags |= SESSION_CATCHES_UP;
+    PortSchedule(SessionControlPort(pSession), OnCatchUpTimer, kCatchUpStepMs);
+}
+
+// Where a reply goes: on a connection that also carries the media or has no media yet, to the port that
+// asked, or to the GET half of its tunnel; else each block finds its socket.
+static Port *ReplyPort(const Session *pSession, Port *pPort)
+{
+    if (!pSession->out.bInterleaved && pSession->play.nSetupCount > 0)
+        return nullptr;
+    return (pPort->nFlags & PORT_TUNNEL_POST) ? pSession->peer.Reply : pPort;
+}
+
+static DataBlock *MakeReplyBlock(const void *pText, size_t nLen)
+{
+    if (nLen >= 65536) {
+        print("Reply of %u bytes is too long!\r\n", static_cast<unsigned>(nLen));
+        return nullptr;
+    }
+    return MakeDataBlock(pText, nLen, 0, 0, 0);
+}
+
+int SendReply(Session *pSession, Port *pPort, const void *pText, size_t nLen)
+{
+    return SendReply2(pSession, pPort, pText, nLen, nullptr, 0, nullptr);
+}
+
+int SendReply2(Session *pSession, Port *pPort, const void *pText, size_t nLen, const void *pBody,
+               size_t nBody, DataBlock *pBefore)
+{
+    // a client can close the half of its tunnel that replies take, and go on asking on the other
+    if ((pPort->nFlags & PORT_TUNNEL_POST) && !ORX_PEER_ASSERT(pSession->peer.Reply, "session->Reply"))
+        return 0;
+    if (RepliesPileUp(pSession)) {
+        print("Too many replies wait on fd=0x%x!\r\n", pPort->fd);
+        return 0;
+    }
+    DataBlock *pHead = MakeReplyBlock(pText, nLen);
+    DataBlock *pTail = nBody ? MakeReplyBlock(pBody, nBody) : nullptr;
+    if (!pHead || (nBody && !pTail)) {
+        print("MakeDataBlock() failed!\r\n");
+        FreeDataBlock(pHead);
+        FreeDataBlock(pTail);
+        return 0;
+    }
+    QueueBefore(pSession, pHead, pBefore ? pBefore : PaceFirstHeld(pSession));
+    if (pTail)
+        ListInsert(&pSession->out.Outq, pTail, pHead, 1);
+    return SendDataEx(pSession, ReplyPort(pSession, pPort), 0);
+}
+
+}  // namespace orx

@@ -1,0 +1,55 @@
+#include "server/media/sleep.h"
+
+#include "base/console.h"
+#include "runtime/clock.h"
+#include "server/core/settings.h"
+#include "server/media/replies.h"
+
+namespace orx {
+
+constexpr uint32_t kSleepAfter = 60;  // seconds that a program idles before its pusher is told to sleep
+
+// Sends one of the two requests. Returns 1, or 0 when there is no connection or writing to it failed.
+static int Tell(Session *pPusher, const char *szMethod)
+{
+    Message request(pPusher, SessionControlPort(pPusher));
+    if (!request.pPort)
+        return 0;
+    RequestBegin(&request, szMethod);
+    pPusher->nCSeq++;
+    return MessageSend(&request) == Verdict::Keep;
+}
+
+static int IsIdle(const Program *pProg)
+{
+    return pProg->nRefs < 2 && pProg->tIdleSince && !pProg->bSleeping &&
+           ClockUptime() - pProg->tIdleSince >= kSleepAfter;
+}
+
+void SleepIfIdle(Session *pPusher)
+{
+    Program *pProg = pPusher->pProg;
+    if (!g_settings.bLowEnergy || !pProg || !IsIdle(pProg))
+        return;
+    if (!Tell(pPusher, "SLEEP")) {
+        SessionEnd(pPusher);
+        return;
+    }
+    print("Prog(%s) enter sleeping state...\r\n", pProg->Uri);
+    pProg->bSleeping = 1;
+}
+
+void ProgramWake(Program *pProg)
+{
+    Session *pPusher = pProg->pPusher;
+    if (!g_settings.bLowEnergy || !pProg->bLive || !pProg->bSleeping || !pProg->tIdleSince || !pPusher)
+        return;
+    ProgramClearCache(pProg);
+    Tell(pPusher, "WAKE");
+    pPusher->peer.tLastActivity = ClockUptime();  // it was told to be silent: its time to answer starts now
+    pProg->bSleeping = 0;
+    pProg->tIdleSince = 0;
+    print("Prog(%s) end sleeping state.\r\n", pProg->Uri);
+}
+
+}  // namespace orx

@@ -1,0 +1,104 @@
+#include "server/methods/announce.h"
+
+#include <cstring>
+
+#include "base/console.h"
+#include "runtime/sockutil.h"
+#include "server/core/settings.h"
+#include "server/core/tracks.h"
+#include "server/media/liveprogram.h"
+#include "server/media/replies.h"
+#include "server/media/sleep.h"
+#include "server/methods/admit.h"
+
+namespace orx {
+
+constexpr int kSleepingPeriodMs = 60000;  // between two looks at a sleeping program
+
+// Makes room under a path that is taken. Returns 1 when it is free now; else 0, and the refusal is sent.
+static int ReplaceOldPusher(Session *pSession, Port *pPort, const char *szPath)
+{
+    Program *pOld = ProgramFind(szPath);
+    if (!pOld)
+        return 1;
+    Session *pPusher = pOld->pPusher;
+    const Port *pOldPort = SessionPeerPort(pPusher);
+    if (SockGetIp(&pPort->remote) == SockGetIp(&pOldPort->remote)) {
+        print("The same pusher Announce again, Destroy the old program.\r\n");
+        SessionEnd(pPusher);
+        return 1;
+    }
+    // numbered by the counter of the pusher that stays: it is that pusher's session that answers
+    Message reply(pSession, pPort);
+    ReplyBeginNumbered(&reply, STATUS_DUPLICATE, pPusher->nCSeq++);
+    MessageNoCache(&reply);
+    MessageSend(&reply);
+    return 0;
+}
+
+// Looks after a pusher's connection, one task for each; ends with it.
+static int OnLiveWatchdog(Task *pTask, uint32_t, uint32_t, uint32_t)
+{
+    Session *pSession = SessionOfTask(pTask);
+    if (!pSession)
+        return -1;
+    const Port *pPort = PortOfTask(pTask);
+    if (PortReadNow(pPort) < 0) {
+        print("Live Program Client(socket=0x%x) is broken!\r\n", static_cast<unsigned>(pPort->fd));
+        return -1;
+    }
+    if (!pSession->bEnded)
+        SleepIfIdle(pSession);
+    if (pSession->bEnded)
+        return -1;
+    const Program *pProg = pSession->pProg;
+    return pProg && pProg->bSleeping ? kSleepingPeriodMs : static_cast<int>(g_settings.nLiveTime * 1000);
+}
+
+// The session becomes the pusher of a new program.
+static Verdict StartPusher(Session *pSession, Port *pPort, Program *pProg)
+{
+    char remote[kAddrTextSize];
+    SockAddrToString(&pPort->remote, remote);
+    pProg->pPusher = pSession;
+    ProgramAttach(pSession, pProg);
+    print("CreateLiveProgram(Uri=%s), pointer=0x%x, Remote=%s.\r\n", pProg->Uri, ProgramPrintId(pProg),
+          remote);
+    log("CreateLiveProgram(Uri=%s), pointer=0x%x, Remote=%s", pProg->Uri, ProgramPrintId(pProg), remote);
+    pSession->nFlags |= SESSION_PUSHER;
+    PortSchedule(pPort, OnLiveWatchdog, g_settings.nLiveTime * 1000);
+    pSession->nState = STATE_DESCRIBED;
+    SessionCopyTracks(pSession, pProg);
+    Verdict eVerdict = ReplyDated(pSession, pPort, STATUS_OK);
+    if (eVerdict == Verdict::Keep)
+        ProgramCallHook(pProg, remote, 1);
+    return eVerdict;
+}
+
+static int HasDescription(const Request *pRequest)
+{
+    const char *szType = RequestHeaderValue(pRequest, "Content-Type");
+    return szType && strcmp(szType, "application/sdp") == 0 && pRequest->pBody && pRequest->nBody > 0;
+}
+
+Verdict HandleAnnounce(Session *pSession, Port *pPort, Request *pRequest)
+{
+    if (pSession->nState != STATE_NEW) {
+        return Refuse(pSession, pPort, STATUS_WRONG_STATE);
+    }
+    if (!ChooseReplyPort(pSession, pPort))
+        return Verdict::End;
+    if (!HasDescription(pRequest))
+        return Refuse(pSession, pPort, STATUS_NO_SDP);
+    // a challenged DESCRIBE may have left a program here, whose players are about to be freed with it
+    ProgramDetach(pSession);
+    const char *szPath = RequestPath(pRequest);
+    if (!ReplaceOldPusher(pSession, pPort, szPath))
+        return Verdict::End;
+    Program *pProg = CreateLiveProgram(szPath, pRequest->pBody, pRequest->nBody);
+    if (!pProg)
+        return Refuse(pSession, pPort, STATUS_FAILED);
+    return StartPusher(pSession, pPort, pProg);
+}
+
+}  // namespace orx

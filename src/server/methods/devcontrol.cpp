@@ -1,0 +1,152 @@
+#include "server/methods/devcontrol.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "server/core/program.h"
+#include "server/core/registry.h"
+#include "server/media/replies.h"
+#include "server/media/send.h"
+#include "server/methods/camcfg.h"
+
+namespace orx {
+
+constexpr size_t kForwardBytes = 2048;  // of the largest request, body included; a longer one is refused
+constexpr int kControlLevel = 2;        // control needs a user level below this
+
+// Header values end at CRLF, so that one may still hold a single CR or LF: forwarded, that would start a line
+// of its own at a less strict reader.
+static int IsOneLine(const char *sz)
+{
+    return sz[strcspn(sz, "\r\n")] == '\0';
+}
+
+// The session that feeds the program of this one; null without a program, and for a recording.
+static Session *FindPusher(const Session *pSession)
+{
+    return pSession->pProg ? pSession->pProg->pPusher : nullptr;
+}
+
+static int FeedsProgram(const Session *pSession)
+{
+    return FindPusher(pSession) == pSession;
+}
+
+// Ends the header block and adds the body. Returns 1, or 0 when that is more than is forwarded.
+static int Complete(Message *pRequest, const void *pBody, size_t nBody)
+{
+    TextAdd(&pRequest->text, "\r\n");
+    TextAddBytes(&pRequest->text, pBody, nBody);
+    return !pRequest->text.bFull && pRequest->text.nLen <= kForwardBytes;
+}
+
+// Sends a complete request. When it cannot be written the pusher's session ends, and with it that of who
+// asked.
+static Verdict Forward(Message *pRequest)
+{
+    Session *pPusher = pRequest->pSession;
+    pPusher->nCSeq++;
+    Port *pPort = SessionControlPort(pPusher);
+    if (!pPort || !SendReply(pPusher, pPort, pRequest->sz, pRequest->text.nLen))
+        SessionEnd(pPusher);
+    return Verdict::Keep;
+}
+
+// Builds the request; 0 when something is missing or does not fit.
+static int WriteCamControl(Message *pMessage, const Session *pSession, const Request *pRequest)
+{
+    const char *szAction = RequestHeaderValue(pRequest, "CamAction");
+    const char *szParam = RequestHeaderValue(pRequest, "ActionParam");
+    if (!szParam)
+        szParam = "none";
+    if (!szAction || !pMessage->pSession || pSession->viewer.nUserLevel >= kControlLevel)
+        return 0;
+    if (!IsOneLine(szAction) || !IsOneLine(szParam))
+        return 0;
+    RequestBegin(pMessage, "CAMCONTROL");
+    TextAdd(&pMessage->text, "CamAction: %s\r\nActionParam: %s\r\n", szAction, szParam);
+    if (pRequest->nBody)
+        TextAdd(&pMessage->text, "Content-Type: text/plain\r\nContent-length: %d\r\n",
+                static_cast<int>(pRequest->nBody));
+    TextAdd(&pMessage->text, "ClientSsId: %u\r\n", pSession->nHandle);
+    return Complete(pMessage, pRequest->pBody, pRequest->nBody);
+}
+
+Verdict HandleCamControl(Session *pSession, Port *pPort, Request *pRequest)
+{
+    Message message(FindPusher(pSession), nullptr);
+    if (!WriteCamControl(&message, pSession, pRequest))
+        return ReplyShort(pSession, pPort, STATUS_NO_CAMCONTROL);
+    return Forward(&message);
+}
+
+Verdict HandlePutVoice(Session *pSession, Port *pPort, Request *pRequest)
+{
+    const char *szType = RequestHeaderValue(pRequest, "Content-Type");
+    if (!szType || strcmp(szType, "audio/amr") != 0 || !pRequest->nBody)
+        return ReplyShort(pSession, pPort, STATUS_BAD_REQUEST);
+    Message message(FindPusher(pSession), nullptr);
+    if (!message.pSession || pSession->viewer.nUserLevel >= kControlLevel)
+        return ReplyShort(pSession, pPort, STATUS_NO_PUTVOICE);
+    RequestBegin(&message, "PUTVOICE");
+    TextAdd(&message.text, "Content-Type: audio/amr\r\nContent-length: %d\r\nClientSsId: %u\r\n",
+            static_cast<int>(pRequest->nBody), pSession->nHandle);
+    if (!Complete(&message, pRequest->pBody, pRequest->nBody))
+        return ReplyShort(pSession, pPort, STATUS_BAD_REQUEST);
+    return Forward(&message);
+}
+
+Verdict HandleGetCamInfo(Session *pSession, Port *pPort, Request *pRequest)
+{
+    const char *szType = RequestHeaderValue(pRequest, "GetInfoType");
+    if (!szType || !IsOneLine(szType))
+        return ReplyShort(pSession, pPort, STATUS_NO_INFO_TYPE);
+    if (pSession->pProg && strcmp(szType, "getcamcfg") == 0)
+        return ReplyCamCfg(pSession, pPort);
+    Message message(FindPusher(pSession), nullptr);
+    if (!message.pSession)
+        return ReplyShort(pSession, pPort, STATUS_NO_GETCAMCFG);
+    RequestBegin(&message, "GETCAMINFO");
+    TextAdd(&message.text, "GetInfoType: %s\r\nClientSsId: %u\r\n", szType, pSession->nHandle);
+    if (!Complete(&message, nullptr, 0))
+        return ReplyShort(pSession, pPort, STATUS_NO_GETCAMCFG);
+    return Forward(&message);
+}
+
+// The session that an answer is for: the one with that handle, the oldest one for 0. Null when the number is
+// none, and when the session has gone meanwhile.
+static Session *FindAsker(const char *szHandle)
+{
+    char *pEnd = nullptr;
+    unsigned long long nHandle = strtoull(szHandle, &pEnd, 10);
+    if (*szHandle < '0' || *szHandle > '9' || pEnd[strspn(pEnd, " \t")] != '\0')
+        return nullptr;
+    for (auto *p = ListFirstOf<Session>(&g_server.sessions); p;
+         p = static_cast<Session *>(ListNext(&g_server.sessions, p, 0)))
+        if (nHandle == 0 || p->nHandle == nHandle)
+            return p;
+    return nullptr;
+}
+
+static void PassAnswer(Session *pAsker, const char *szForward)
+{
+    Message answer(pAsker, SessionControlPort(pAsker));
+    ReplyBeginText(&answer, szForward);
+    if (!answer.pPort || MessageSend(&answer) == Verdict::End)
+        SessionEnd(pAsker);
+}
+
+Verdict HandleRespond(Session *pSession, Port *pPort, Request *pRequest)
+{
+    // whoever may answer decides what other sessions are told: only the session that the question went to
+    if (!FeedsProgram(pSession))
+        return ReplyShort(pSession, pPort, STATUS_NO_RESPOND);
+    const char *szHandle = RequestHeaderValue(pRequest, "ClientSsId");
+    const char *szForward = RequestHeaderValue(pRequest, "Forward");
+    Session *pAsker = szHandle && szForward && IsOneLine(szForward) ? FindAsker(szHandle) : nullptr;
+    if (pAsker)
+        PassAnswer(pAsker, szForward);
+    return Verdict::Keep;
+}
+
+}  // namespace orx

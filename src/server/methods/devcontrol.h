@@ -1,0 +1,17 @@
+// Control of the camera behind a program: requests of players that are forwarded to its pusher and answered
+// with RESPOND. Scheduler thread only.
+#pragma once
+
+#include "server/core/session.h"
+
+namespace orx {
+
+// Forwarded to the pusher, which answers in its own time. When the request cannot be written to it, the
+// pusher's session ends with every player of its program, so the asking session as well.
+Verdict HandleCamControl(Session *pSession, Port *pPort, Request *pRequest);
+Verdict HandlePutVoice(Session *pSession, Port *pPort, Request *pRequest);
+Verdict HandleGetCamInfo(Session *pSession, Port *pPort, Request *pRequest);
+// The pusher's answer, passed on to the session that asked.
+Verdict HandleRespond(Session *pSession, Port *pPort, Request *pRequest);
+
+}  // namespace orx

@@ -1,0 +1,226 @@
+#include "server/methods/play.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "base/assertion.h"
+#include "base/textbuf.h"
+#include "runtime/clock.h"
+#include "server/media/distribute.h"
+#include "server/media/fileprogram.h"
+#include "server/media/filesend.h"
+#include "server/core/sdp.h"
+#include "server/media/outqueue.h"
+#include "server/media/replies.h"
+#include "server/methods/options.h"
+#include "server/core/settings.h"
+
+namespace orx {
+
+constexpr uint32_t kSeekTolerance = 2000;  // ms around the position that a wanted start is taken for
+
+// What a "Range" header asks for of a recording.
+struct WantedRange {
+    uint32_t nStart = 0;         // ms; 0: from where it stands
+    uint32_t nEnd = UINT32_MAX;  // ms; not before its last second: to its end
+};
+
+static const char *NextDigit(const char *p)
+{
+    return p + strcspn(p, "0123456789\r\n");
+}
+
+static int IsNumber(const char *p)
+{
+    return *p >= '0' && *p <= '9';
+}
+
+// Reads "npt=10.5-20" and the like: the numbers count, not the unit.
+static WantedRange ReadRange(const char *szRange)
+{
+    WantedRange range;
+    const char *p = NextDigit(szRange ? szRange : "");
+    if (!IsNumber(p))
+        return range;
+    range.nStart = NptToMs(p);
+    p += strcspn(p, "-\r\n");
+    p = NextDigit(p);
+    if (IsNumber(p))
+        range.nEnd = NptToMs(p);
+    return range;
+}
+
+// The number of a track's next packet: of the first one that waits, else of the first one to be made.
+static int NextNumber(const Session *pSession, int nTrack)
+{
+    uint16_t nNumber = pSession->tracks[nTrack].nNextSeq;
+    for (auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq); p; p = NextBlock(p))
+        if ((p->nFlags & DB_MEDIA) && p->sent == 0 && TrackOfBlock(pSession, p) == nTrack)
+            nNumber--;
+    return nNumber;
+}
+
+// The items of the reply's RTP-Info line: the tracks set up, with the number of their next packet if wanted.
+static void WriteRtpInfo(const Session *pSession, const char *szUrl, int bSequence, TextBuf *pText)
+{
+    const char *szComma = "";
+    for (int i = 0; i < pSession->out.nTracks; i++) {
+        const SessionTrack *pTrack = &pSession->tracks[i];
+        if (!pTrack->bSetUp)
+            continue;
+        TextAdd(pText, "%surl=%s/trackID=%d", szComma, szUrl, pTrack->nTrackId);
+        if (bSequence)
+            TextAdd(pText, ";seq=%d", NextNumber(pSession, i));
+        szComma = ",";
+    }
+}
+
+// What waits is from before the jump. The rest of a block that is under way counts as from behind it, so that
+// the pace follows the new position.
+static void Jump(Session *pSession, uint32_t nReached)
+{
+    QueueDropMedia(pSession);
+    for (auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq); p; p = NextBlock(p))
+        p->nTimestamp = nReached;
+    pSession->play.nPlayPos = nReached;
+}
+
+// The end of both replies to PLAY.
+static void AddPlayLines(Message *pReply, const Request *pRequest, int bSequence)
+{
+    MessageNoCache(pReply);
+    MessageSession(pReply);
+    MessageDate(pReply);
+    TextAdd(&pReply->text, "RTP-Info: ");
+    WriteRtpInfo(pReply->pSession, RequestUri(pRequest), bSequence, &pReply->text);
+    TextAdd(&pReply->text, "\r\n");
+}
+
+// Moves a recording to where the request wants it and writes the reply.
+static void StartFile(Message *pReply, const Request *pRequest)
+{
+    Session *pSession = pReply->pSession;
+    Program *pProg = pSession->pProg;
+    auto nDuration = static_cast<int64_t>(FileProgramDuration(pProg));
+    WantedRange range = ReadRange(RequestHeaderValue(pRequest, "Range"));
+    uint32_t nEnd = range.nEnd < nDuration - 1000 ? range.nEnd : static_cast<uint32_t>(nDuration);
+    uint32_t nReached = 0;
+    uint32_t nPos = pSession->play.nPlayPos;
+    if (range.nStart && static_cast<uint32_t>(std::abs(ClockDiff(range.nStart, nPos))) > kSeekTolerance &&
+        FileProgramSeek(pProg, range.nStart, &nReached))
+        Jump(pSession, nReached);
+    nPos = pSession->play.nPlayStart = pSession->play.nPlayPos;
+    ReplyBegin(pReply, STATUS_OK);
+    TextAdd(&pReply->text, "Range: npt=%d.%03d-%d.%03d\r\n", static_cast<int>(nPos / 1000),
+            static_cast<int>(nPos % 1000), static_cast<int>(nEnd / 1000), static_cast<int>(nEnd % 1000));
+    AddPlayLines(pReply, pRequest, 1);
+}
+
+// The media time of the first packet that a player is given, or that the program holds.
+static uint32_t FirstMediaTime(Session *pSession)
+{
+    List *pQueue = &pSession->out.Outq;
+    auto *pBlock = static_cast<DataBlock *>(ListFirst(pQueue, 0));
+    while (pBlock && !(pBlock->nFlags & DB_MEDIA))
+        pBlock = static_cast<DataBlock *>(ListNext(pQueue, pBlock, 0));
+    if (!pBlock || (pSession->nFlags & SESSION_PUSHER))
+        pBlock = static_cast<DataBlock *>(ListFirst(&pSession->pProg->Pktq, 0));
+    return pBlock ? pBlock->nTimestamp : 0;
+}
+
+// Fills a player's queue and writes the reply. Returns the block that the reply goes before: the media that
+// is queued here must not overtake it.
+static DataBlock *StartLive(Message *pReply, const Request *pRequest)
+{
+    Session *pSession = pReply->pSession;
+    auto *pOldHead = static_cast<DataBlock *>(ListFirst(&pSession->out.Outq, 0));
+    if (!(pSession->nFlags & SESSION_PUSHER))
+        FillBufferAtFirstPlay(pSession);
+    pSession->play.nPlayStart = pSession->play.nPlayPos = FirstMediaTime(pSession);
+    ReplyBegin(pReply, STATUS_OK);
+    TextAdd(&pReply->text, "Range: npt=now-\r\n");
+    AddPlayLines(pReply, pRequest, 0);
+    return pOldHead ? pOldHead : static_cast<DataBlock *>(ListFirst(&pSession->out.Outq, 0));
+}
+
+// Standard players jump while a recording plays: PAUSE is no method that OPTIONS tells them of, and so
+// GStreamer sends none. And they play one again that has come to its end.
+static int MayPlay(const Session *pSession, const Request *pRequest)
+{
+    if (!pSession->pProg)
+        return 0;
+    if (pSession->nState == STATE_SETUP || pSession->nState == STATE_PAUSED)
+        return 1;
+    if (!g_settings.bStandardPlayers || pSession->pProg->bLive)
+        return 0;
+    return pSession->nState == STATE_ENDED ||
+           (pSession->nState == STATE_PLAYING && RequestHeaderValue(pRequest, "Range"));
+}
+
+Verdict HandlePlay(Session *pSession, Port *pPort, Request *pRequest)
+{
+    if (!MayPlay(pSession, pRequest))
+        return Refuse(pSession, pPort, STATUS_WRONG_STATE);
+    pSession->play.nPlayClock = ClockMs();
+    Message reply(pSession, pPort);
+    int bLive = pSession->pProg->bLive;
+    DataBlock *pBefore = nullptr;
+    if (bLive)
+        pBefore = StartLive(&reply, pRequest);
+    else
+        StartFile(&reply, pRequest);
+    pSession->nState = STATE_PLAYING;
+    if (MessageSendBefore(&reply, pBefore) == Verdict::End)
+        return Verdict::End;
+    if (pSession->nFlags & SESSION_PUSHER)
+        return Verdict::Keep;
+    if (pSession->peer.Reply && pSession->peer.Reply != pPort) {
+        if (!ORX_PEER_ASSERT(pPort->nFlags & PORT_TUNNEL_POST, "port->flags & 2"))
+            return Verdict::End;
+        pPort = pSession->peer.Reply;
+    }
+    if (!bLive)
+        FileSenderStart(pSession, pPort);
+    return Verdict::Keep;
+}
+
+Verdict HandleRecord(Session *pSession, Port *pPort, Request *pRequest)
+{
+    if (g_settings.bStandardPushers && (pSession->nFlags & SESSION_PUSHER))
+        return HandlePlay(pSession, pPort, pRequest);
+    return HandleUnknown(pSession, pPort, pRequest);
+}
+
+Verdict HandlePause(Session *pSession, Port *pPort, Request *)
+{
+    QueueDropAll(pSession);
+    int bEnded = g_settings.bStandardPlayers && pSession->nState == STATE_ENDED;
+    if (pSession->nState != STATE_PLAYING && !bEnded)
+        return Refuse(pSession, pPort, STATUS_WRONG_STATE);
+    pSession->nState = STATE_PAUSED;
+    Message reply(pSession, pPort);
+    ReplyBegin(&reply, STATUS_OK);
+    MessageNoCache(&reply);
+    MessageSession(&reply);
+    MessageDate(&reply);
+    return MessageSend(&reply);
+}
+
+Verdict HandleTeardown(Session *pSession, Port *pPort, Request *)
+{
+    if (pSession->pProg) {
+        pSession->nState = STATE_TORNDOWN;
+        // so standard encoders leave every time; their players would wait for media without an end
+        if (g_settings.bStandardPushers)
+            SessionEndPlayers(pSession);
+        ProgramDetach(pSession);
+    }
+    QueueDropAll(pSession);
+    if (ReplyDated(pSession, pPort, STATUS_OK) == Verdict::End)
+        return Verdict::End;
+    SessionDelayClose(pPort);
+    return Verdict::Keep;
+}
+
+}  // namespace orx

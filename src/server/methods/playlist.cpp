@@ -1,0 +1,137 @@
+#include "server/methods/playlist.h"
+
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "base/console.h"
+#include "base/textbuf.h"
+#include "server/methods/accounts.h"
+#include "server/methods/auth.h"
+#include "server/core/program.h"
+#include "server/core/sdp.h"
+#include "server/media/replies.h"
+#include "server/media/send.h"
+#include "server/core/registry.h"
+#include "server/core/settings.h"
+
+namespace orx {
+
+static constexpr size_t kListSize = 4096;
+static constexpr size_t kListFull = 3904;  // no program is added from here on
+
+struct PictureSize {
+    int nWidth = 0;
+    int nHeight = 0;
+};
+
+// "a=framesize:96 640-480".
+static PictureSize ReadFrameSize(const char *pLine)
+{
+    PictureSize size;
+    const char *pBlank = pLine + strcspn(pLine, " \r\n");
+    if (*pBlank != ' ') {
+        print("bad SDP: invalid frame size line\n");
+        return size;
+    }
+    const char *pDash = pBlank + 1 + strspn(pBlank + 1, " 0123456789");
+    if (*pDash != '-') {
+        print("bad SDP: invalid frame size line(no height)\n");
+        return size;
+    }
+    size.nWidth = TextToInt(pBlank + 1);
+    size.nHeight = TextToInt(pDash + 1);
+    return size;
+}
+
+// "a=cliprect:0,0,480,640": the third number is listed first.
+static PictureSize ReadClipRect(const char *pLine)
+{
+    int numbers[4] = {};
+    const char *p = strchr(pLine, ':');
+    for (int &nNumber : numbers) {
+        p += strcspn(p, "0123456789\r\n");
+        nNumber = TextToInt(p);
+        p += strspn(p, "0123456789");
+    }
+    return {numbers[2], numbers[3]};
+}
+
+static PictureSize ReadPictureSize(const char *szSdp)
+{
+    if (const char *p = strstr(szSdp, "a=framesize:"))
+        return ReadFrameSize(p);
+    if (const char *p = strstr(szSdp, "a=cliprect:"))
+        return ReadClipRect(p);
+    return {};
+}
+
+// Larger than a screen whose size is known.
+static int IsTooLarge(PictureSize size, PictureSize screen)
+{
+    return screen.nWidth && screen.nHeight &&
+           int64_t{size.nWidth} * size.nHeight > int64_t{screen.nWidth} * screen.nHeight;
+}
+
+static void AddProgram(TextBuf *pText, const Program *pProg, const OwnAccount *pAccount, PictureSize screen)
+{
+    const char *szName = pProg->Uri[0] == '/' ? pProg->Uri + 1 : pProg->Uri;
+    if (!pAccount->bSuper && !strstr(pAccount->szDevices, szName))
+        return;
+    PictureSize size = ReadPictureSize(ProgramSdp(pProg));
+    if (IsTooLarge(size, screen))
+        return;
+    char szNick[128];
+    ProgramNames(pProg, nullptr, 0, szNick, sizeof(szNick));
+    TextAdd(pText, "%dx%d|%s|%s\r\n", size.nWidth, size.nHeight, szNick, pProg->Uri);
+}
+
+// The text of the list, ended by an empty line. Returns its length.
+static size_t WriteList(char *szList, const OwnAccount *pAccount, PictureSize screen)
+{
+    time_t now = time(nullptr);
+    struct tm t {};
+    localtime_r(&now, &t);
+    TextBuf text{szList, kListSize - 2};  // the empty line always fits
+    TextAdd(&text, "PlayList:%4d%02d%02d-%02d%02d\r\n", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour,
+            t.tm_min);
+    for (auto *pNode = ListFirstOf<ListNode>(&g_server.programs); pNode && text.nLen < kListFull;
+         pNode = pNode->pNext) {
+        const auto *pProg = reinterpret_cast<Program *>(pNode);
+        if (pProg->bLive && pProg->pPusher)
+            AddProgram(&text, pProg, pAccount, screen);
+    }
+    memcpy(szList + text.nLen, "\r\n", 3);
+    return text.nLen + 2;
+}
+
+// Numbered 1, whatever the request's number is: the list itself has no number either.
+static Verdict ReplyUnauthorized(Session *pSession, Port *pPort)
+{
+    Message reply(pSession, pPort);
+    ReplyBeginNumbered(&reply, STATUS_UNAUTHORIZED, 1);
+    return MessageSend(&reply);
+}
+
+Verdict HandleGetPlayList(Session *pSession, Port *pPort, Request *pRequest)
+{
+    const char *szUser = RequestHeaderValue(pRequest, "UserName");
+    const char *szGiven = RequestHeaderValue(pRequest, "UserAuth");
+    OwnAccount account;
+    int nFound = szUser && szGiven ? GetOwnAccount(szUser, &account) : 0;
+    if (nFound < 0)
+        return RefuseFault(pSession, pPort);
+    if (!nFound || !AuthIsToken(szUser, account.szPassword, szGiven))
+        return ReplyUnauthorized(pSession, pPort);
+    pSession->viewer.nUserLevel = account.nLevel;
+    TextCopy(pSession->viewer.szUser, sizeof(pSession->viewer.szUser), szUser);
+    PictureSize screen;
+    const char *szScreen = RequestHeaderValue(pRequest, "Screen-Size");
+    if (szScreen && sscanf(szScreen, "%9dx%9d", &screen.nWidth, &screen.nHeight) != 2)
+        screen = PictureSize();
+    char szList[kListSize];
+    size_t nLen = WriteList(szList, &account, screen);
+    return KeepIf(SendReply(pSession, pPort, szList, nLen));
+}
+
+}  // namespace orx

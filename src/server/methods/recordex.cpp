@@ -1,0 +1,62 @@
+#include "server/methods/recordex.h"
+
+#include <cstring>
+
+#include "base/assertion.h"
+#include "base/textbuf.h"
+#include "server/core/sdp.h"
+#include "server/core/settings.h"
+#include "server/media/recordcontrol.h"
+#include "server/media/replies.h"
+
+namespace orx {
+
+static const char *FindParameter(const char *szParams, const char *szName)
+{
+    const char *p = strstr(szParams, szName);
+    return p ? p + strlen(szName) : nullptr;
+}
+
+static RecordOrder ReadOrder(const char *szParams)
+{
+    RecordOrder order;
+    if (const char *p = FindParameter(szParams, "EventType="))
+        order.nKind = TextToInt(p);
+    if (const char *p = FindParameter(szParams, "LimitLen="))
+        order.nLimitSeconds = TextToInt(p) > 0 ? TextToInt(p) : 0;
+    if (const char *p = FindParameter(szParams, "FileName=")) {
+        TextBuf text{order.szFile, sizeof(order.szFile)};
+        size_t nName = strcspn(p, "&");
+        order.bNamed = nName > 0;
+        TextAddBytes(&text, p, nName);
+    }
+    return order;
+}
+
+static Verdict Start(Session *pSession, Port *pPort, const char *szParams)
+{
+    Program *pProg = pSession->pProg;
+    if (!ORX_PEER_ASSERT(pProg->bLive && pProg->szSdp, "pProg->bLive && pProg->szSdp"))
+        return RefuseFault(pSession, pPort);
+    if (pProg->nRecorders == kMaxRecorders)
+        return ReplyShort(pSession, pPort, STATUS_OK);
+    RecordOrder order = ReadOrder(szParams);
+    return ReplyShort(pSession, pPort, StartRecord(pProg, &order) ? STATUS_OK : STATUS_NO_RECORD_SPACE);
+}
+
+Verdict HandleRecordEx(Session *pSession, Port *pPort, Request *pRequest)
+{
+    if (!g_settings.bRecord)
+        return ReplyShort(pSession, pPort, STATUS_NOT_ALLOWED);
+    if (!pSession->pProg)
+        return ReplyShort(pSession, pPort, STATUS_NO_RECORDEX);
+    const char *szParams = RequestHeaderValue(pRequest, "ActionParam");
+    if (!szParams)
+        return ReplyShort(pSession, pPort, STATUS_NO_PARAM);
+    if (!strstr(szParams, "Cmd=stop"))
+        return Start(pSession, pPort, szParams);
+    StopRecord(pSession->pProg);
+    return ReplyShort(pSession, pPort, STATUS_OK);
+}
+
+}  // namespace orx

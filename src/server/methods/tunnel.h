@@ -1,0 +1,24 @@
+// RTSP over HTTP: a GET connection for everything the server sends and a POST connection whose base64 body
+// carries the requests, paired by their "x-sessioncookie". Scheduler thread only.
+#pragma once
+
+#include <cstddef>
+
+#include "server/core/session.h"
+
+namespace orx {
+
+// Whether a "Content-Type" or "Accept" is that of a tunnel; null is not.
+int IsTunnelType(const char *szType);
+
+Verdict HandleTunnelGet(Session *pSession, Port *pPort, Request *pRequest);
+Verdict BindToHttpGet(Session *pSession, Port *pPort, Request *pRequest);  // the method POST
+// The answer to an HTTP request that opens no tunnel.
+Verdict ReplyMismatch(Session *pSession, Port *pPort);
+
+// Decodes nLen base64 characters that a tunnel POST port received, together with what the port kept from
+// before, and appends the bytes to the session's receive buffer; an unfinished group stays with the port.
+// Returns 1, or 0 for text that is not base64 or does not fit: the session is to end.
+int TunnelDecode(Session *pSession, Port *pPort, const char *pText, size_t nLen);
+
+}  // namespace orx

@@ -1,0 +1,112 @@
+#include "server/core/request.h"
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace orx {
+namespace {
+
+struct RequestTest : testing::Test {
+    Request request;
+    void SetUp() override { RequestInit(&request); }
+    void TearDown() override { RequestReset(&request); }
+    int Parse(const std::string &block)
+    {
+        std::vector<char> exact(block.begin(), block.end());  // so that a step past its end is seen
+        RequestReset(&request);
+        return RequestParse(&request, exact.data(), exact.size());
+    }
+    std::string Header(const char *szName) const
+    {
+        const char *sz = RequestHeaderValue(&request, szName);
+        return sz ? sz : "(none)";
+    }
+};
+
+TEST_F(RequestTest, TakesStartLines)
+{
+    static const struct {
+        const char *szLine, *szParts;  // null: malformed
+    } cases[] = {
+        {"OPTIONS rtsp://h/a RTSP/1.0", "OPTIONS|rtsp://h/a|RTSP|1.0"},
+        {"x \t y\v\t Z/9 ", "x|y|Z|9"},
+        {" OPTIONS * RTSP/1.0", nullptr},
+        {"\nOPTIONS * RTSP/1.0", nullptr},
+        {"", nullptr},
+        {"OPTIONS", nullptr},
+        {"OPTIONS rtsp://h/a", nullptr},
+        {"OPTIONS * RTSP", nullptr},  // the slash of the header behind does not count
+        {"OPTIONS * /1.0", nullptr},
+        {"OPTIONS * RTSP/", nullptr},
+        {"RTSP/1.0 200 OK", nullptr},  // replies are no requests
+    };
+    for (const auto &c : cases) {
+        int nResult = Parse(std::string(c.szLine) + "\r\nAccept: a/b\r\n\r\n");
+        ASSERT_EQ(c.szParts ? 1 : -1, nResult) << c.szLine;
+        if (nResult != 1)
+            continue;
+        EXPECT_EQ(c.szParts, std::string(RequestMethod(&request)) + "|" + RequestUri(&request) + "|" +
+                                 StrText(request.protocol) + "|" + StrText(request.version));
+    }
+}
+
+TEST_F(RequestTest, DecodesTheUri)
+{
+    static const std::pair<const char *, const char *> cases[] = {
+        {"/a%20b", "/a b"}, {"/%41%5a%5A", "/AZZ"}, {"/100%", "/100%"},   {"/%4g", "/%4g"},
+        {"/%%41", "/%A"},   {"/%2541", "/%41"},     {"%2e%2E/x", "../x"},
+    };
+    for (const auto &[szSent, szStored] : cases) {
+        ASSERT_EQ(1, Parse(std::string("PLAY ") + szSent + " RTSP/1.0\r\n\r\n")) << szSent;
+        EXPECT_STREQ(szStored, RequestUri(&request)) << szSent;
+    }
+}
+
+TEST_F(RequestTest, BoundsTheDecodedUri)
+{
+    std::string escaped;
+    for (int i = 0; i < 255; i++)
+        escaped += "%61";
+    for (const std::string &longest : {std::string(255, 'u'), escaped}) {
+        EXPECT_EQ(1, Parse("PLAY " + longest + " RTSP/1.0\r\n\r\n"));
+        EXPECT_EQ(255U, StrLen(request.uri));
+        EXPECT_EQ(-1, Parse("PLAY " + longest + "u RTSP/1.0\r\n\r\n"));
+    }
+}
+
+TEST_F(RequestTest, TakesHeaders)
+{
+    const std::string head = "SETUP a RTSP/1.0\r\nCSeq:5\r\nTransport:  \t RTP/AVP;x=1:2 \r\n\r\n";
+    ASSERT_EQ(1, Parse(head + "what follows is not looked at"));
+    EXPECT_EQ(head.size(), request.nHeadLen);
+    EXPECT_EQ("5", Header("cseq"));
+    EXPECT_EQ("RTP/AVP;x=1:2 ", Header("TRANSPORT"));
+    EXPECT_EQ("(none)", Header("Trans"));
+    for (size_t n = 1; n < head.size(); n++)
+        EXPECT_EQ(0, Parse(head.substr(0, n))) << "incomplete at " << n;
+}
+
+TEST_F(RequestTest, TellsMalformedFromIncomplete)
+{
+    static const struct {
+        const char *szHeaders;
+        int nResult;
+    } cases[] = {
+        {"\r\n", 1},
+        {"A: b\r\n\r\n", 1},
+        {"A: b\r\nC: d\r", 0},                          // the block ends before the empty line
+        {"nothing\r\n\r\n", 0},                         // no ':' follows at all
+        {"A: b\r\nnothing\r\nC: d\r\n\r\n", -1},        // the next ':' stands in a later line
+        {"A: \t \r\nB: c\r\n\r\n", -1},                 // an empty value
+        {"CSeq: 1\r\nX: y\r\ncseq: 2\r\n\r\n", -1},     // a repeated name
+        {"User-Agent: a\r\nuser-agent: b\r\n\r\n", 1},  // which some players' extensions do
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(c.nResult, Parse(std::string("PLAY a RTSP/1.0\r\n") + c.szHeaders)) << c.szHeaders;
+}
+
+}  // namespace
+}  // namespace orx

@@ -1,0 +1,255 @@
+#include "server/media/distribute.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "base/bytes.h"
+#include "runtime/clock.h"
+#include "server/media/send.h"
+#include "support/output.h"
+#include "support/playerkit.h"
+#include "support/wait.h"
+
+namespace orx {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+constexpr char kWarning[] =
+    "Warning: Could NOT find the next KeyFrame to remove the items that's before it.\r\n";
+
+// A program whose cache spans ten seconds.
+struct CacheTest : testing::Test {
+    Program *pProg;
+    uint32_t nBase = 0;  // added to all times
+    std::string output;
+
+    CacheTest()
+    {
+        g_settings.nCacheSeconds = 10;
+        pProg = ProgramNew("/cam", &g_testOps);
+    }
+    ~CacheTest() override { ProgramDiscard(pProg); }
+
+    void Push(Packet packet)
+    {
+        packet.nTime += nBase;
+        output += Printed([&] { CachePacketEx(pProg, MakePacket(packet)); });
+    }
+    // Pictures of two packets every 100 ms, a key picture every nKeyMs, from nFrom up to and with nTo.
+    void PushVideo(uint32_t nFrom, uint32_t nTo, uint32_t nKeyMs)
+    {
+        for (uint32_t n = nFrom; n <= nTo; n += 100) {
+            Push({n, 0, nKeyMs && n % nKeyMs == 0});
+            Push({n, 0, 0, 1});
+        }
+    }
+    // The packets of the cache in order, "K" for the first of a key picture.
+    std::vector<std::string> Cached(uint32_t nUpTo = INT32_MAX) const
+    {
+        std::vector<std::string> items;
+        for (ListNode *pNode = pProg->Pktq.pFirst; pNode; pNode = pNode->pNext) {
+            auto *p = reinterpret_cast<DataBlock *>(pNode);
+            const char *szKind = BlockData(p)[1] == 2 ? "a" : (p->nFlags & DB_KEY) ? "K" : "v";
+            if (p->nTimestamp - nBase <= nUpTo)
+                items.push_back(szKind + std::to_string(p->nTimestamp - nBase));
+        }
+        return items;
+    }
+    uint32_t FirstTime() const { return ListFirstOf<DataBlock>(&pProg->Pktq)->nTimestamp - nBase; }
+    uint32_t CursorTime() const { return static_cast<DataBlock *>(pProg->pCacheCursor)->nTimestamp - nBase; }
+};
+
+// After one and a quarter spans it is trimmed: behind the end of a picture within the span comes the first
+// key picture that may begin it; of what is older whole key pictures stay and nothing else.
+TEST_F(CacheTest, KeepsTheSpanAndOldKeyPictures)
+{
+    for (uint32_t nStart : {0U, 0xFFFFFFFFU - 5000}) {  // also where the clock wraps
+        nBase = nStart;
+        Push({50, 1});
+        PushVideo(0, 2900, 1000);
+        Push({2950, 1});
+        PushVideo(3000, 12500, 1000);
+        EXPECT_EQ(nullptr, pProg->pCacheCursor);
+        Push({12600, 0, 0, 1});
+        EXPECT_EQ(3000U, CursorTime());
+        EXPECT_THAT(Cached(3100), ElementsAre("K0", "v0", "K1000", "v1000", "K2000", "v2000", "K3000",
+                                              "v3000", "v3100", "v3100"));
+        ProgramClearCache(pProg);
+        EXPECT_EQ(0U, ListCount(&pProg->Pktq));
+        EXPECT_EQ(nullptr, pProg->pCacheCursor);
+    }
+}
+
+TEST_F(CacheTest, ForgetsTheOldestKeyPicturesBeyondFifteen)
+{
+    PushVideo(0, 60000, 1000);
+    EXPECT_EQ(15U, pProg->nKeptKeys);
+    EXPECT_GE(CursorTime(), 60000U - 12500U);
+    EXPECT_EQ(CursorTime() - 15000, FirstTime());
+    EXPECT_EQ(2 * 15U, Cached(CursorTime() - 1).size()) << "two packets each";
+}
+
+TEST_F(CacheTest, CursorOutlivesWhatLaterTrimsRemove)
+{
+    PushVideo(0, 30000, 700);  // keys come and go while the cursor moves on
+    PushVideo(30100, 50000, 0);
+    PushVideo(50100, 80000, 900);
+    ListNode *p = pProg->Pktq.pFirst;
+    while (p && p != pProg->pCacheCursor)
+        p = p->pNext;
+    EXPECT_NE(nullptr, p);
+}
+
+// A stamp that is not after the start block's trims nothing, however far it lies before it; a guarded server
+// begins anew.
+TEST_F(CacheTest, TimeThatGoesBack)
+{
+    for (int bGuarded : {0, 1}) {
+        g_settings.bSurvivePeerFaults = bGuarded;
+        ProgramClearCache(pProg);
+        PushVideo(20000, 20500, 1000);
+        Push({0, 0, 0, 1});
+        EXPECT_EQ(bGuarded ? 1U : 13U, ListCount(&pProg->Pktq));
+    }
+    g_settings.bSurvivePeerFaults = 0;
+}
+
+TEST_F(CacheTest, WithoutKeysWholePicturesWithinTheSpanStay)
+{
+    PushVideo(0, 12500, 0);
+    Push({12600, 0, 0, 1});
+    EXPECT_THAT(output, HasSubstr(kWarning));
+    EXPECT_EQ(2700U, FirstTime()) << "the first picture that is younger than the span";
+    ProgramClearCache(pProg);
+    for (uint32_t n = 0; n <= 60000; n += 100)
+        Push({n, 1});
+    EXPECT_LE(ListCount(&pProg->Pktq), 126U) << "sound alone is bounded, too";
+}
+
+TEST_F(PlayerQueueTest, GivesAPlayerUpAtAThousandAndOne)
+{
+    Start();
+    unsigned nMost = 0;
+    for (int i = 0; i < 1200 && ListCount(&g_server.sessions) > 0; i++) {
+        nMost = Waiting();
+        Push({0, 0, i == 0, 1, 60000});  // the connection takes a few of these and is full
+    }
+    EXPECT_EQ(1000U, nMost);
+    EXPECT_EQ(0U, ListCount(&g_server.sessions));
+    EXPECT_EQ(1U, pProg->nRefs);
+    Push({0, 0, 0, 1, 10});  // its program goes on
+}
+
+// A start of 1500 packets: a player that has not taken it yet is not one that cannot keep up, and over UDP
+// what its socket cannot hold is held back.
+TEST_F(PlayerQueueTest, StandardPlayersGetTimeForTheStart)
+{
+    Start("AutoDropDataWhenCrowded=1\n[INTEROP]\nStandardPlayers=1\n");
+    auto play = [&] {
+        RunOnScheduler([&] {
+            EXPECT_EQ(1, FillBufferAtFirstPlay(pPlayer));
+            pPlayer->play.nPlayClock = ClockMs();
+            EXPECT_EQ(1, SendDataEx(pPlayer, nullptr, 1));
+        });
+    };
+    RunOnScheduler([&] {
+        pPlayer->nState = STATE_SETUP;
+        for (uint32_t i = 0; i < 1500; i++)  // ten packets in each picture
+            CachePacketEx(pProg, MakePacket({i / 10 * 10, 0, i == 0, i % 10 == 9, 1400}));
+        pPlayer->nState = STATE_PLAYING;
+    });
+    auto waiting = [&] {
+        unsigned n = 0;
+        RunOnScheduler([&] { n = Waiting(); });
+        return n;
+    };
+    RunOnScheduler([&] {
+        pPlayer->out.bInterleaved = 0;
+        pPlayer->tracks[0].Media = CreateUdpPort("127.0.0.1", 40000 + getpid() % 20000, "127.99.0.1", 9);
+    });
+    play();
+    EXPECT_GT(waiting(), 1000U);
+    EXPECT_TRUE(WaitFor([&] { return waiting() == 0; }));
+
+    RunOnScheduler([&] { pPlayer->out.bInterleaved = 1; });
+    play();
+    EXPECT_GT(waiting(), 1000U);
+    Push({1500, 0, 0, 1, 1400}, 100);
+    ASSERT_EQ(1U, ListCount(&g_server.sessions)) << "not given up";
+    EXPECT_GT(waiting(), 1100U) << "nor robbed";
+}
+
+TEST_F(PlayerQueueTest, CrowdedPlayerLosesMediaAndKeepsReplies)
+{
+    Start("AutoDropDataWhenCrowded=1\n");
+    for (int i = 0; i < 300 && pPlayer->output.nBlockedSends < 19; i++)
+        Push({0, 0, 0, 1, 60000});  // far more than the connection holds
+    ASSERT_EQ(19U, pPlayer->output.nBlockedSends);
+    RunOnScheduler([&] {
+        DataBlock *pReply = MakeDataBlock("reply", 5, 0, 0, 0);
+        ListInsert(&pPlayer->out.Outq, pReply, ListFirst(&pPlayer->out.Outq, 0), 1);
+    });
+    ASSERT_GT(Waiting(), 50U);
+    Push({0, 0, 0, 1, 60000});
+    EXPECT_EQ(20U, pPlayer->output.nBlockedSends);
+    unsigned nPartial = ListFirstOf<DataBlock>(&pPlayer->out.Outq)->sent > 0;
+    EXPECT_EQ(1U + nPartial, Waiting()) << "the reply, and a packet of which a part has left";
+
+    Push({0, 1}, 10);
+    EXPECT_EQ(1U + nPartial, Waiting()) << "no sound for the time being";
+    std::string data;
+    EXPECT_TRUE(WaitFor([&] {  // in the end the connection is blocked no more
+        data += Receive(0);
+        Push({0, 0, 0, 1, 100}, 51);
+        return pPlayer->output.nBlockedSends == 0;
+    }));
+    Push({0, 1}, 10);
+    EXPECT_GE(Waiting(), 10U) << "and with sound again";
+    EXPECT_THAT(data + Receive(0), HasSubstr("reply"));
+}
+
+TEST_F(RecordingQueueTest, RepliesPassWhatIsNotYetDue)
+{
+    ASSERT_NO_FATAL_FAILURE(StartPlaying());
+    std::string expected;
+    RunOnScheduler([&] {
+        expected = Queue({0, 0}, 5);
+        for (const Packet &packet : {Packet{900, 1}, {5000000, 0}, {5000000, 0, 0, 1}})
+            expected += Queue(packet);
+        for (uint32_t i = 0; i < 2; i++)
+            Queue({5000040 + i, static_cast<int>(i)});
+        for (const char *szReply : {"one", "two"}) {
+            EXPECT_EQ(1, SendReply(pPlayer, pPlayer->peer.Cmd, szReply, 3));
+            expected += szReply;
+        }
+        EXPECT_EQ(1, SendReply2(pPlayer, pPlayer->peer.Cmd, "three", 5, "body", 4, nullptr));
+        expected += "threebody";
+    });
+    EXPECT_EQ(expected, Receive(expected.size())) << "a picture that has begun is sent whole";
+    EXPECT_EQ(2U, Waiting());
+}
+
+// A reply that could not leave is not passed by the next one, whatever has become of the media before it.
+TEST_F(RecordingQueueTest, RepliesKeepTheirOrder)
+{
+    ASSERT_NO_FATAL_FAILURE(StartPlaying());
+    RunOnScheduler([&] {
+        pPlayer->play.nPlayPos = 5000000;
+        Queue({5000040, 0});
+        ListAppend(&pPlayer->out.Outq, MakeDataBlock("one", 3, 0, 0, 0));
+        Queue({5000080, 0});
+        EXPECT_EQ(1, SendReply(pPlayer, pPlayer->peer.Cmd, "two", 3));
+        EXPECT_EQ(4U, Waiting());
+        auto *pLast = reinterpret_cast<DataBlock *>(pPlayer->out.Outq.pLast);
+        EXPECT_STREQ("two", reinterpret_cast<const char *>(BlockData(PrevBlock(pLast))));
+    });
+}
+
+}  // namespace
+}  // namespace orx

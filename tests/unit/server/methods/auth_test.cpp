@@ -1,0 +1,160 @@
+#include "server/methods/auth.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "base/base64.h"
+#include "base/md5.h"
+#include "base/textbuf.h"
+
+namespace orx {
+namespace {
+
+// An authenticator that knows one account.
+struct Authenticator {
+    std::string user = "Mufasa", password = "Circle Of Life";
+    std::string askedUrl;
+    Auth *p;
+
+    explicit Authenticator(unsigned nType, const char *szRealm = "Orx")
+        : p(AuthCreate(nType, szRealm, Find, this))
+    {
+    }
+    ~Authenticator() { AuthFree(p); }
+    Authenticator(const Authenticator &) = delete;
+    Authenticator &operator=(const Authenticator &) = delete;
+
+    static int Find(void *pContext, const char *szUrl, const char *szUser, char *szPassword, int *pLevel)
+    {
+        auto *pThis = static_cast<Authenticator *>(pContext);
+        pThis->askedUrl = szUrl;
+        TextCopy(szPassword, 64, pThis->password.c_str());
+        *pLevel = 2;
+        return szUser == pThis->user;
+    }
+    int Validate(const std::string &value, const std::string &method = "DESCRIBE") const
+    {
+        return AuthValidate(p, (method + "\r\nAuthorization: " + value).c_str(), "rtsp://box/ch1");
+    }
+    std::string Nonce() const
+    {
+        char line[256];
+        EXPECT_EQ(1, AuthChallenge(p, line, sizeof(line)));
+        return std::string(strstr(line, "nonce=\"") + 7, 32);
+    }
+};
+
+std::string Hex(const std::string &text)
+{
+    char hex[kMd5HexSize];
+    Md5Hex(text.data(), text.size(), hex);
+    return hex;
+}
+
+std::string Basic(const std::string &pair)
+{
+    std::string out(Base64EncodedSize(pair.size()), '\0');
+    Base64Encode(pair.data(), out.data(), pair.size());
+    return "Basic " + std::string(out.c_str());
+}
+
+TEST(AuthBasic, LetsTheRightPasswordIn)
+{
+    static const struct {
+        const char *szUser, *szPassword;
+        std::string value;
+        int nLevel;
+    } cases[] = {
+        {"Aladdin", "open sesame", "Basic QWxhZGRpbjpvcGVuIHNlc2FtZQ==", 2},  // RFC 2617, section 2
+        {"Aladdin", "open sesame", "Basic QWxhZGRpbjpvcGVuIHNlc2FtZQ", 2},    // some leave the padding out
+        {"Aladdin", "a:b:c", Basic("Aladdin:a:b:c"), 2},  // only the first colon separates
+        {"Aladdin", "", Basic("Aladdin:"), 2},
+        {"Aladdin", "open sesame", Basic("Aladdin:Open sesame"), -1},
+        {"Aladdin", "open sesame", Basic("Aladdin:open sesam"), -1},
+        {"Aladdin", "open sesame", Basic("aladdin:open sesame"), -1},
+        {"Aladdin", "open sesame", Basic(std::string("Aladdin:open sesame\0x", 21)), -1},
+        {"Aladdin", "open sesame", Basic("Aladdin"), -1},
+        {"Aladdin", "open sesame", "basic QWxhZGRpbjpvcGVuIHNlc2FtZQ==", -1},
+    };
+    for (const auto &c : cases) {
+        Authenticator auth(AUTH_BASIC);
+        auth.user = c.szUser;
+        auth.password = c.szPassword;
+        EXPECT_EQ(c.nLevel, auth.Validate(c.value)) << c.value;
+        EXPECT_TRUE(c.nLevel < 0 || auth.askedUrl == "rtsp://box/ch1");
+    }
+}
+
+// 144 bytes are 192 characters, one byte more is past the limit; a long name is cut to its field.
+TEST(AuthBasic, BoundsTheEncodedText)
+{
+    Authenticator auth(AUTH_BASIC);
+    auth.user = std::string(63, 'u');
+    auth.password = std::string(63, 'p');
+    EXPECT_EQ(2, auth.Validate(Basic(std::string(80, 'u') + ":" + auth.password)));
+    EXPECT_EQ(-1, auth.Validate(Basic(std::string(81, 'u') + ":" + auth.password)));
+}
+
+// The digests of RFC 2617, section 3.5, and the response that they give without qop.
+TEST(AuthDigest, AgreesWithAKnownAnswer)
+{
+    Authenticator auth(AUTH_DIGEST, "testrealm@host.com");
+    std::string nonce = auth.Nonce();
+    std::string value =
+        "Digest username=\"Mufasa\", realm=\"testrealm@host.com\", nonce=\"" + nonce +
+        "\", uri=\"/dir/index.html\", response=\"" +
+        Hex("939e7578ed9e3c518a452acee763bce9:" + nonce + ":39aff3a2bab6126f332b942af96d3366") + "\"";
+    EXPECT_EQ(2, auth.Validate(value, "GET"));
+    EXPECT_EQ(-1, auth.Validate(value, "PUT"));
+    EXPECT_EQ(-1, auth.Validate(value, ""));
+    EXPECT_EQ(nonce, auth.Nonce()) << "one nonce for a run";
+    EXPECT_NE(nonce, Authenticator(AUTH_DIGEST).Nonce());
+}
+
+TEST(AuthDigest, TakesTheFormsThatClientsWriteAndNothingElse)
+{
+    Authenticator auth(AUTH_DIGEST);
+    const std::string nonce = auth.Nonce();
+    const std::string response =
+        Hex(Hex("Mufasa:Orx:Circle Of Life") + ":" + nonce + ":" + Hex("DESCRIBE:u"));
+    EXPECT_EQ(
+        2, auth.Validate("Digest username=Mufasa realm=Orx nonce=" + nonce + " uri=u response=" + response));
+    EXPECT_EQ(2, auth.Validate("Digest response='" + response + "',uri='u',nonce='" + nonce +
+                               "',realm='Orx',username='Mufasa',algorithm=MD5"));
+    const std::string good = "Digest username=\"Mufasa\", realm=\"Orx\", nonce=\"" + nonce +
+                             "\", uri=\"u\", response=\"" + response + "\"";
+    ASSERT_EQ(2, auth.Validate(good));
+
+    std::string upper = response;
+    std::transform(upper.begin(), upper.end(), upper.begin(), toupper);
+    const std::pair<std::string, std::string> changes[] = {
+        {"Mufasa", "Simba"}, {"Orx", "orx"},      {nonce, Hex("x")}, {"uri=\"u", "uri=\"v"},
+        {response, upper},   {"Digest", "Basic"}, {"username=", ""}, {"realm=", ""},
+        {"nonce=", ""},      {"uri=", ""},        {"response=", ""}, {response + "\"", response},
+    };
+    for (const auto &[from, to] : changes) {
+        std::string text = good;
+        EXPECT_EQ(-1, auth.Validate(text.replace(text.find(from), from.size(), to))) << text;
+    }
+    auth.password = "circle of life";
+    EXPECT_EQ(-1, auth.Validate(good));
+}
+
+TEST(AuthToken, TakesEverySecondDigit)
+{
+    char token[17];
+    AuthUserToken("admin", "secret", token);
+    EXPECT_STREQ("def1a4c0eb29e223", token);
+    EXPECT_TRUE(AuthIsToken("admin", "secret", token));
+    EXPECT_FALSE(AuthIsToken("admin", "Secret", token));
+    EXPECT_FALSE(AuthIsToken("admin", "secret", "def1a4c0eb29e22"));
+    AuthUserToken("", "secret", token);
+    EXPECT_TRUE(AuthIsToken("anonymous", "secret", token));
+}
+
+}  // namespace
+}  // namespace orx

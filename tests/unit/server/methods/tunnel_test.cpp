@@ -1,0 +1,86 @@
+#include "server/methods/tunnel.h"
+
+#include <cstdlib>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "base/base64.h"
+#include "base/console.h"
+#include "support/output.h"
+
+namespace orx {
+namespace {
+
+// The receive buffer of a session and the POST port that feeds it.
+struct Receiver {
+    SurviveFaults survive;
+    Session session;
+    Port port;
+
+    explicit Receiver(uint32_t nTotal = 4096)
+    {
+        session.input.pBuf = static_cast<uint8_t *>(malloc(nTotal));  // of its very size, for the address sanitizer
+        session.input.nTotal = nTotal;
+        session.input.pBuf[0] = 0;
+        ConsoleSetDaemon(1);  // it prints what it decodes
+    }
+    ~Receiver()
+    {
+        free(session.input.pBuf);
+        ConsoleSetDaemon(0);
+    }
+    Receiver(const Receiver &) = delete;
+    Receiver &operator=(const Receiver &) = delete;
+
+    int Decode(const std::string &text) { return TunnelDecode(&session, &port, text.data(), text.size()); }
+    std::string Held() const
+    {
+        EXPECT_EQ(0, session.input.pBuf[session.input.nLen]);
+        return {reinterpret_cast<char *>(session.input.pBuf), session.input.nLen};
+    }
+};
+
+std::string Encoded(const std::string &bytes)
+{
+    std::string text(Base64EncodedSize(bytes.size()), '\0');
+    Base64Encode(bytes.data(), text.data(), bytes.size());
+    return text.substr(0, text.size() - 1);
+}
+
+TEST(TunnelDecode, AtAnySplit)
+{
+    const std::string bytes = std::string("OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n\r\n$\0\0\x02zz", 37);
+    const std::string text =
+        Encoded(bytes.substr(0, 7)) + "\r\n \t\v" + Encoded(bytes.substr(7, 11)) + Encoded(bytes.substr(18));
+    for (size_t i = 0; i <= text.size(); i++) {
+        for (size_t j = i; j <= text.size(); j++) {
+            Receiver r;
+            ASSERT_TRUE(r.Decode(text.substr(0, i)) && r.Decode(text.substr(i, j - i)) &&
+                        r.Decode(text.substr(j)));
+            ASSERT_EQ(bytes, r.Held()) << i << ", " << j;
+            ASSERT_EQ(0U, r.port.nTail);
+        }
+    }
+}
+
+TEST(TunnelDecode, RefusesWhatIsNoBase64)
+{
+    for (const char *szText : {"T1B\x01", "T1B-", "TTTT====", "TT=T", "T==="})
+        EXPECT_EQ(0, Receiver().Decode(szText)) << szText;
+}
+
+TEST(TunnelDecode, NeverWritesPastTheBuffer)
+{
+    Receiver exact(10);  // room for nine bytes and a NUL
+    EXPECT_EQ(1, exact.Decode("YWJjYWJjYWJj"));
+    EXPECT_EQ("abcabcabc", exact.Held());
+    EXPECT_EQ(0, exact.Decode("YWJj"));
+    Receiver less(9);
+    EXPECT_EQ(1, less.Decode("YWJjYWJj"));
+    EXPECT_EQ(0, less.Decode("YWJj"));
+    EXPECT_EQ("abcabc", less.Held());
+}
+
+}  // namespace
+}  // namespace orx
