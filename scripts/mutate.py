@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 """Breaks the program on purpose, one fault at a time, and looks whether its tests notice.
 
-Each section of tests/mutations/faults.ini is a fault: the module (src/**/<module>.cpp), a text that stands in it once,
-what takes its place, and the tests that must fail then, as a regular expression of ctest. The fault is built with the
-preset release, the tests are run, and the file is put back, also after an interrupt. Exit status: 0 every fault was
-noticed, 1 some were not, 2 the table does not fit the sources or the tests fail without a fault.
+Each section of tests/mutations/faults.ini is a fault: a text that stands in the sources once, what takes its place, and
+the tests that must fail then, as a regular expression of ctest. The fault is built with the preset release, the tests
+are run, and the file is put back, also after an interrupt. Exit status: 0 every fault was noticed, 1 some were not, 2 the
+table does not fit the sources or the tests fail without a fault.
 """
 import argparse
 import configparser
@@ -42,12 +42,13 @@ def read_tests():
 
 
 def place(fault):
-    """The file of a fault and its text; exits when it does not stand there once."""
-    files = list((ROOT / "src").glob("**/%s.cpp" % fault["module"]))
-    text = files[0].read_text() if len(files) == 1 else ""
-    if text.count(fault["find"]) != 1:
-        sys.exit("%s: %d files, in which the text stands %d times" % (fault["module"], len(files), text.count(fault["find"])))
-    return files[0], text
+    """The file of a fault and its text; exits when it does not stand in the sources once."""
+    found = [(path, path.read_text()) for path in (ROOT / "src").glob("**/%s.cpp" % fault.get("module", "*"))]
+    found = [(path, text) for path, text in found if fault["find"] in text]
+    times = sum(text.count(fault["find"]) for _, text in found)
+    if times != 1:
+        sys.exit("this stands in the sources %d times: %s" % (times, fault["find"]))
+    return found[0]
 
 
 def targets(fault, tests):

@@ -137,8 +137,7 @@ static void SetUp(Cast *pCast, Plan *pPlan)
 {
     char c = pPlan->cWho;
     g_settings.bStandardPushers = c == 'P';
-    Start(&pCast->pusher, MakeRequest("ANNOUNCE", 1, "Content-Type: application/sdp
-", g_sdp), 3);
+    Start(&pCast->pusher, MakeRequest("ANNOUNCE", 1, "Content-Type: application/sdp\r\n", g_sdp), 3);
     if (c == 'p' || c == 'P' || c == 'v') {
         pCast->player = std::make_unique<Connection>();
         Start(pCast->player.get(), MakeRequest("DESCRIBE", 1), 2);
