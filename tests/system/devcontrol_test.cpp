@@ -104,35 +104,6 @@ TEST_F(DevControlTest, ForwardsToTheLetterAndBringsTheAnswerBack)
     EXPECT_TRUE(pusher.inbox.empty()) << "no reply to the answers";
 }
 
-TEST_F(DevControlTest, RefusesAndKeepsTheConnection)
-{
-    StartCamera(CameraSdp());
-    const std::string respond = "ClientSsId: 0\r\nForward: 200 OK\r\n";
-    const struct {
-        bool bWatches;
-        std::string method, headers, body, status;
-    } cases[] = {
-        {false, "CAMCONTROL", kAction, "", "400 Bad Request(no CAMCONTROL yet)"},
-        {true, "CAMCONTROL", "ActionParam: 1\r\n", "", "400 Bad Request(no CAMCONTROL yet)"},
-        {true, "CAMCONTROL", "CamAction: a\nX: b\r\n", "", "400 Bad Request(no CAMCONTROL yet)"},
-        {false, "PUTVOICE", kVoice, "x", "400 Bad Request(no PUTVOICE yet)"},
-        {true, "PUTVOICE", kVoice, "", "400 Bad Request"},
-        {true, "PUTVOICE", kPlain, "x", "400 Bad Request"},
-        {true, "GETCAMINFO", "GetInfoType: a\nb\r\n", "", "400 Bad Request(GetInfoType field not found)"},
-        {false, "GETCAMINFO", kGetCfg, "", "400 Bad Request(no GETCAMCFG yet)"},
-        {true, "RESPOND", respond, "", "400 Bad Request(no RESPOND yet)"},
-        {true, "PUTCAMCFG", kPlain, "x", "400 Bad Request(no PUTCAMCFG yet)"},
-        {true, "PUTCAMCFG", kPlain, "", "400 Bad Request"},
-        {false, "PUTCAMCFG", kVoice, "x", "400 Bad Request"},
-    };
-    RtspClient &stranger = Add(), &watcher = Watch();
-    for (const auto &c : cases)
-        EXPECT_EQ(Reply(c.status), Ask(c.bWatches ? &watcher : &stranger, c.method, "", c.headers, c.body))
-            << c.method << c.headers;
-    EXPECT_TRUE(Answers(&pusher));
-    EXPECT_TRUE(pusher.inbox.empty()) << "nothing of it reached the camera";
-}
-
 // The whole request fits 2048 bytes or is refused; it is never cut.
 TEST_F(DevControlTest, RefusesWhatDoesNotFit)
 {
@@ -274,11 +245,9 @@ TEST_F(DevControlTest, TakesNothingFromAChallengedPlayer)
 TEST_F(DevControlTest, GivesEveryGuidItsName)
 {
     auto ask = [this](const std::string &guid) {
-        return Ask(&Add(), "REGISTER", "", guid.empty() ? "" : "Guid: " + guid + "\r\n");
+        return Ask(&Add(), "REGISTER", "", "Guid: " + guid + "\r\n");
     };
     server.Start();
-    for (const char *szGuid : {"", "a=b", "a\nMaxRegisterId"})
-        EXPECT_EQ(Reply("400 Bad Request(no Guid field)"), ask(szGuid)) << szGuid;
     EXPECT_EQ(Reply("200 OK", "Result: cam1001\r\n"), ask("a"));
     EXPECT_EQ(Reply("200 OK", "Result: cam1002\r\n"), ask("b"));
     ASSERT_EQ(0, server.Quit());

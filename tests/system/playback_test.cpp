@@ -29,39 +29,6 @@ struct PlaybackTest : RecordingTest {
     }
 };
 
-// Everybody has a reader of its own: who seeks or goes does not move the others. Nothing comes more than a
-// second before its time.
-TEST_F(PlaybackTest, GivesEverythingBackOverEveryTransport)
-{
-    const std::vector<Codec> programmes[] = {{Codec::H264, Codec::G711}, {Codec::JPEG}};
-    server.Start();
-    std::deque<Camera> cameras;
-    for (const auto &codecs : programmes) {
-        std::string name = std::to_string(cameras.size() + 1) + ".zmf";
-        ASSERT_NO_FATAL_FAILURE(Record(&cameras.emplace_back(codecs), name, 60));
-        for (RtspTransport transport : kTransports)
-            ASSERT_TRUE(Add(name, transport));
-    }
-    uint64_t nStart = RtspNowUs();
-    for (Viewer &viewer : viewers)
-        EXPECT_THAT(viewer.Play(), HasSubstr("\r\nRange: npt=0.000-2.3"));
-    Viewer restless, gone;
-    ASSERT_TRUE(restless.Prepare(Url("1.zmf")) && gone.Prepare(Url("1.zmf")));
-    EXPECT_THAT(gone.Play(), kIsOk);
-    RtspReset(&gone.client);
-    EXPECT_THAT(restless.Play("2.1-"), HasSubstr("\r\nRange: npt=2.000-2.3"));
-    for (size_t i = 0; i < viewers.size(); i++) {
-        SCOPED_TRACE("transport " + std::to_string(i % 3));
-        ExpectAllOf(cameras[i / 3], &viewers[i]);
-        EXPECT_FALSE(viewers[i].client.bClosed) << "a recording's end does not end the connection";
-    }
-    EXPECT_GE(RtspNowUs() - nStart, 1250000U);
-    ExpectAllOf(cameras[0], &restless, 50);
-    viewers.clear();
-    RtspClose(&restless.client);
-    ExpectLeft(0, 3);
-}
-
 // Long enough that no wait for a busy machine comes near the place that is jumped to. Whatever happens, no
 // number of a packet is left out.
 TEST_F(PlaybackTest, PlaysFromWhereItIsAsked)

@@ -130,6 +130,12 @@ std::string CameraSdp(int nTracks)
     return sdp;
 }
 
+std::string LongestSdp()
+{
+    std::string sdp = CameraSdp(2);
+    return sdp + "a=x:" + std::string(3999 - sdp.size() - 6, 'x') + "\r\n";
+}
+
 std::string CameraPacket(int nTrack, uint16_t nSequence, uint32_t nTime, const std::string &payload,
                          bool bMarker)
 {

@@ -98,6 +98,8 @@ inline const auto kIsOk = testing::StartsWith("RTSP/1.0 200 OK\r\n");
 
 // Track 0 is video (H.264, type 96), 1 sound (PCMU, type 0), 2 data (type 98), 3 sound again.
 std::string CameraSdp(int nTracks = 1);
+// One of two tracks, as long as one may be.
+std::string LongestSdp();
 // One RTP packet of such a track.
 std::string CameraPacket(int nTrack, uint16_t nSequence, uint32_t nTime, const std::string &payload,
                          bool bMarker = false);
