@@ -1,7 +1,6 @@
 """Pictures with sound: both arrive as they were pushed, on one time line."""
 
 import os
-import unittest
 
 from case import InteropCase
 from clients import FFMPEG, FFMPEG_REMARKS, Child, FfmpegPusher, Gst, GstPusher, Mpv, OrxPusher, packets, sound
@@ -118,7 +117,3 @@ class Audio(InteropCase):
 
     def test_orxpush_alaw(self):
         self.check(OrxPusher, 8000, True, 0, seconds=SECONDS + 20, sound=True)
-
-
-if __name__ == "__main__":
-    unittest.main()

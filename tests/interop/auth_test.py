@@ -1,7 +1,5 @@
 """Passwords: every player comes in with the right one, and none with a wrong one or without."""
 
-import unittest
-
 from case import InteropCase
 from clients import PLAYERS, FfmpegPusher
 
@@ -27,7 +25,3 @@ class Auth(InteropCase):
 
     def test_digest(self):
         self.check(2)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,7 +1,5 @@
 """However a client leaves, nothing of it stays: no session, no socket, no port."""
 
-import unittest
-
 from case import InteropCase
 from clients import PLAYERS, FfmpegPusher, GstPusher, OrxPusher
 from orxserver import wait_for
@@ -40,7 +38,3 @@ class Leave(InteropCase):
                 self.assert_empty()
                 for player in players:
                     player.stop()
-
-
-if __name__ == "__main__":
-    unittest.main()

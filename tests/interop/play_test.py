@@ -1,7 +1,6 @@
 """Every pusher with every player at once: each decodes exactly what was pushed."""
 
 import time
-import unittest
 
 from case import InteropCase
 from clients import FPS, PLAYERS, FfmpegPusher, GstPusher, OrxPusher
@@ -48,7 +47,3 @@ class Play(InteropCase):
         self.end(*pushers.values())
         for kind, pusher in pushers.items():
             self.assert_shown(players[kind], pusher, 2 * FPS)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,7 +1,5 @@
 """Programs after each other, and pushers that are not served."""
 
-import unittest
-
 from case import InteropCase
 from clients import FFMPEG, FPS, PLAYERS, Child, FfmpegPlayer, FfmpegPusher, GstPusher, mismatch
 from orxserver import wait_for
@@ -61,7 +59,3 @@ class Programs(InteropCase):
             self.assertNotIn(pusher.wait(30), (0, "still running"), pusher.name)
             self.assertNotEqual([], pusher.complaints(), pusher.name)
         self.assert_empty()
-
-
-if __name__ == "__main__":
-    unittest.main()

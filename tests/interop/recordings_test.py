@@ -5,7 +5,6 @@ import os
 import re
 import socket
 import subprocess
-import unittest
 
 from case import InteropCase
 from clients import FPS, PLAYERS, GstSeeker, OrxPusher, decode, duration, ffmpeg, mismatch, packets, sound
@@ -98,7 +97,3 @@ class Recordings(InteropCase):
                 if ending == "mkv":  # where the sound loses nothing
                     self.assertEqual(sound(["-f", "alaw", "-ar", "8000", self.zmf("export", "g711")], "-f", "s16le"),
                                      sound([path]))
-
-
-if __name__ == "__main__":
-    unittest.main()

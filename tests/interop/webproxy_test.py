@@ -8,7 +8,6 @@ import random
 import socket
 import threading
 import time
-import unittest
 
 from case import InteropCase
 from orxserver import LONG, free_tcp_port
@@ -121,7 +120,3 @@ class WebProxy(InteropCase):
         start = time.monotonic()
         self.assertEqual(0, self.server.quit())
         self.assertLess(time.monotonic() - start, 1)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,8 +1,7 @@
 // Pushers: how a program comes up, is replaced and goes.
 #include "system/systemtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 struct AnnounceTest : SystemTest {
     RtspClient other;
@@ -18,8 +17,7 @@ struct AnnounceTest : SystemTest {
         server.Start();
         Connect(&pusher);
         ASSERT_EQ(Dated(), Announce(&pusher));
-        Connect(&player);
-        ASSERT_EQ(1, RtspDescribe(&player));
+        Describe(&player);
     }
     // Whether a player finds a program under a path.
     bool Finds(const std::string &path)
@@ -53,8 +51,7 @@ TEST_F(AnnounceTest, ReplacesThePusherOfTheSameAddress)
     EXPECT_EQ(1, RtspWaitClosed(&pusher));
     EXPECT_EQ(1, RtspWaitClosed(&player));
     EXPECT_TRUE(server.WaitOutput("The same pusher Announce again, Destroy the old program.\r\n"));
-    Connect(&player);
-    ASSERT_EQ(1, RtspDescribe(&player));
+    Describe(&player);
     EXPECT_EQ(2U, player.tracks.size());
 }
 
@@ -108,6 +105,3 @@ TEST_F(AnnounceTest, ServesStandardPushers)
     EXPECT_EQ(1, RtspWaitClosed(&player));
     EXPECT_TRUE(server.WaitOutput("OnFreeProgram(Uri=/cam)"));
 }
-
-}  // namespace
-}  // namespace orx

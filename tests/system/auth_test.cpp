@@ -1,8 +1,7 @@
 // Who is let in, and what the others are told.
 #include "system/systemtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 using testing::MatchesRegex;
 
@@ -84,6 +83,3 @@ TEST_F(AuthTest, NoUserWithoutAName)
     StartWith("1", "NumUsers=1\nSuperUser=\nSuperPwd=\nUserName0=\nUserPwd0=\n");
     EXPECT_EQ(kForbidden, Ask(&player, "DESCRIBE", "", "Authorization: Basic Og==\r\n"));  // ":"
 }
-
-}  // namespace
-}  // namespace orx

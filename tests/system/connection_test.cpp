@@ -7,8 +7,7 @@
 
 #include "system/systemtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 using namespace std::string_literals;
 
@@ -114,8 +113,7 @@ TEST_F(ConnectionTest, SkipsFramesThatFeedNothing)
 {
     StartCamera(CameraSdp());
     const std::string packet = CameraPacket(0, 1, 90, "\x65payload");
-    Connect(&client);
-    ASSERT_EQ(1, RtspDescribe(&client));
+    Describe(&client);
     Send(&client, Frame(0, packet) + Frame(2, packet));  // a player's own
     EXPECT_TRUE(Answers(&client));
     // the pusher's: too short for RTP, of tracks that are not described, of no length
@@ -140,8 +138,7 @@ TEST_F(ConnectionTest, NumbersOfRequests)
     for (int nNumber : {7, 7, 8})  // a repeated number is answered
         EXPECT_EQ(nNumber, NextAnswer(&client));
     EXPECT_TRUE(server.WaitOutput("CmdSeq(6) < session->nReqSeq(7)! Drop it!\r\n"));
-    Connect(&client);
-    ASSERT_EQ(1, RtspDescribe(&client));
+    Describe(&client);
     EXPECT_EQ("RTSP/1.0 400 Bad Request(no CSeq)\r\n" + kServerLine + "\r\n", Exchange(&client, kUnnumbered));
     EXPECT_EQ(1, RtspWaitClosed(&client));
     EXPECT_TRUE(server.WaitOutput("no CSeq!!!\r\n"));
@@ -305,6 +302,3 @@ TEST_F(ConnectionTest, NothingStaysOfThoseThatWent)
     ASSERT_EQ(1, RtspOpenPlayer(&player, server.Url("/cam").c_str(), RTSP_OVER_UDP));
     EXPECT_EQ(server.nUdpStart, ntohs(player.tracks[0].udp.serverRtp.sin_port));
 }
-
-}  // namespace
-}  // namespace orx

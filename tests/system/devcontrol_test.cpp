@@ -5,8 +5,7 @@
 #include "support/sockets.h"
 #include "system/systemtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 using namespace std::string_literals;
 using testing::HasSubstr;
@@ -180,8 +179,7 @@ TEST_F(DevControlTest, GivesUpWhoDoesNotRead)
     Leave(std::string(4000, 'x'));
     RtspClient &lazy = players.emplace_back();
     lazy.nReceiveBuffer = 4096;
-    Connect(&lazy);
-    ASSERT_EQ(1, RtspDescribe(&lazy));
+    Describe(&lazy);
     for (int i = 0; i < 20000 && RtspSend(&lazy, "GETCAMINFO", nullptr, kGetCfg.c_str());)
         i++;
     EXPECT_TRUE(server.WaitOutput("Too many replies wait on fd=0x"));
@@ -255,6 +253,3 @@ TEST_F(DevControlTest, GivesEveryGuidItsName)
     EXPECT_EQ(Reply("200 OK", "Result: cam1003\r\n"), ask("c"));
     EXPECT_EQ(Reply("200 OK", "Result: cam1001\r\n"), ask("a"));
 }
-
-}  // namespace
-}  // namespace orx

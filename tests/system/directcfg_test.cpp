@@ -11,8 +11,7 @@
 #include "support/namespaces.h"
 #include "system/systemtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 using testing::EndsWith;
 
@@ -156,6 +155,3 @@ TEST_F(CameraTest, IsNotThere)
     EXPECT_EQ("", Command());
     EXPECT_EQ("", FindNewCfg()) << "nothing is left that nobody will ask for";
 }
-
-}  // namespace
-}  // namespace orx

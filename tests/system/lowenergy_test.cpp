@@ -5,8 +5,7 @@
 #include "system/localserver.h"
 #include "system/systemtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 struct LowEnergyTest : testing::Test {
     std::unique_ptr<LocalServer> server;
@@ -114,6 +113,3 @@ TEST_F(LowEnergyTest, HookHearsOfProgramsThatComeAndGo)
     RtspClose(&pusher);
     EXPECT_TRUE(heard({"up /other: 127.0.0.1:", "down /cam:front door none"}));
 }
-
-}  // namespace
-}  // namespace orx

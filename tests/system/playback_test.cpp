@@ -7,8 +7,7 @@
 #include "base/bytes.h"
 #include "system/recordingtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 using testing::HasSubstr;
 
@@ -185,6 +184,3 @@ TEST_F(PlaybackTest, BrokenFilesEndWithoutHarm)
     EXPECT_THAT(pViewer->Play(), kIsOk);
     EXPECT_TRUE(WatchPictures({pViewer}, 50));
 }
-
-}  // namespace
-}  // namespace orx

@@ -2,8 +2,7 @@
 #include "client/rtppacket.h"
 #include "system/systemtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 using testing::HasSubstr;
 
@@ -14,8 +13,7 @@ struct PlayerTest : SystemTest {
         StartCamera(CameraSdp(nTracks));
         SendPictures(&pusher, 0, 1);
         Deliver();
-        Connect(&player);
-        ASSERT_EQ(1, RtspDescribe(&player));
+        Describe(&player);
     }
     std::string NextFrame()
     {
@@ -84,8 +82,7 @@ TEST_F(PlayerTest, SetsUpOverUdpAndGivesThePortsBack)
         return std::to_string(server.nUdpStart + n) + "-" + std::to_string(server.nUdpStart + n + 1);
     };
     for (int nRound = 1; nRound <= 2; nRound++) {
-        Connect(&player);
-        ASSERT_EQ(1, RtspDescribe(&player));
+        Describe(&player);
         EXPECT_EQ(
             Reply("200 OK", kNoCache + "Transport: RTP/AVP/UDP;unicast;client_port=6000-6001;server_port=" +
                                 pair(0) + ";ssrc=1234ABCD\r\nSession: SESSION\r\n" + kDate),
@@ -152,6 +149,3 @@ TEST_F(PlayerTest, StartsWithOneRequest)
     EXPECT_THAT(Ask(&player, "PAUSE"), kIsOk);
     EXPECT_THAT(Ask(&player, "PLAY"), HasSubstr(RtpInfo(2)));
 }
-
-}  // namespace
-}  // namespace orx

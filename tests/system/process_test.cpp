@@ -7,8 +7,7 @@
 #include "support/sockets.h"
 #include "system/systemtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 using testing::EndsWith;
 using testing::HasSubstr;
@@ -226,6 +225,3 @@ TEST_F(ProcessTest, StopsUnderLoad)
     EXPECT_EQ(1, RtspWaitClosed(&pusher));
     EXPECT_EQ(1, RtspWaitClosed(&players[2]));
 }
-
-}  // namespace
-}  // namespace orx

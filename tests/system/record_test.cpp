@@ -9,8 +9,7 @@
 #include "support/sockets.h"
 #include "system/recordingtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 using testing::ElementsAre;
 
@@ -34,8 +33,7 @@ struct RecordTest : RecordingTest {
 TEST_F(RecordTest, AnswersByteForByte)
 {
     StartRecorder();
-    Connect(&player);
-    ASSERT_EQ(1, RtspDescribe(&player));
+    Describe(&player);
     const struct {
         std::string param, status;
     } cases[] = {
@@ -207,6 +205,3 @@ TEST_F(PlayListTest, EndsBeforeItIsTooLong)
     std::string list = List(admin);
     EXPECT_EQ(strlen("TIME\r\n") + nLines * nLine + 2, list.size()) << list;
 }
-
-}  // namespace
-}  // namespace orx

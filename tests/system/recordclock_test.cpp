@@ -6,8 +6,7 @@
 #include "system/mediakit.h"
 #include "system/systemtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 struct RecordClockTest : testing::Test {
     TempDir dir;
@@ -185,6 +184,3 @@ TEST_F(RecordClockTest, RecordingsSayBye)
             return std::count_if(viewer.reports.begin(), viewer.reports.end(), SaysBye) == 2;
         }));
 }
-
-}  // namespace
-}  // namespace orx

@@ -2,8 +2,7 @@
 // told, and whether its connection stays. Nobody else notices.
 #include "system/recordingtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 const std::string kAction = "CamAction: up\r\n", kVoice = "Content-Type: audio/amr\r\n";
 const std::string kRoot = UserHeaders("root", "rootpw"), kRecord = "ActionParam: Cmd=stop\r\n";
@@ -107,6 +106,3 @@ TEST_F(RefusalsTest, ToTheLetter)
     for (const std::string &headers : {kRecord, std::string()})
         EXPECT_EQ(Reply("405 Method Not Allowed"), Ask(&player, "RECORDEX", "", headers));
 }
-
-}  // namespace
-}  // namespace orx

@@ -6,8 +6,7 @@
 #include "support/sockets.h"
 #include "system/systemtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 TEST(RemoteSoak, APauseLosesNothing)
 {
@@ -40,6 +39,3 @@ TEST(RemoteSoak, APauseLosesNothing)
     UnetStop(&unet);
     EXPECT_EQ(0, CountText(relay.Output(), "orxrelay:"));
 }
-
-}  // namespace
-}  // namespace orx

@@ -6,8 +6,7 @@
 #include "client/rtppacket.h"
 #include "system/systemtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 uint32_t Be32(const std::string &bytes, size_t nAt)
 {
@@ -62,13 +61,7 @@ TEST_F(RtcpTest, AFirstReportFollowsTheFirstPacketOfATrack)
         if (nChannel & 1)
             ExpectReport(frame.body, 1, nChannel == 1 ? 4 : 160);
     }
-    EXPECT_TRUE(std::regex_search(
-        server.Output(),
-        std::regex(
-            "SendFirstRtcpReport\\(\\):\r\nRTCP head: version=2, padding=0, count=0, type=200, length=28\r\n"
-            "RTCP packet type is SR\r\nSR ssrc=305441741, ntpTime=20[-0-9]+:[0-9]{2}:[0-9]{2}\\.[0-9]{1,3}, "
-            "rtp_ts=[0-9]+ms, psent=1, osent=4\r\n[^]*"
-            "SDes ssrc=305441741, type=1, length=[0-9]+, data=Orx[0-9]+\r\n\r\n")));
+    EXPECT_EQ(2, CountText(server.Output(), "SendFirstRtcpReport():\r\nRTCP head: version=2, "));
 }
 
 // Receiver reports, packets that open a NAT and whatever else players send to the media ports reach neither
@@ -108,8 +101,7 @@ TEST_F(RtcpTest, MediaFollowsTheDatagrams)
             StartCamera(CameraSdp());
         RtspUdpPair pair;
         ASSERT_EQ(1, RtspUdpOpen(&pair));
-        Connect(&player);
-        ASSERT_EQ(1, RtspDescribe(&player));
+        Describe(&player);
         std::string reply =
             Ask(&player, "SETUP", "/cam/trackID=0", "Transport: RTP/AVP;unicast;client_port=9-10\r\n");
         std::smatch ports;
@@ -126,6 +118,3 @@ TEST_F(RtcpTest, MediaFollowsTheDatagrams)
         }));
     }
 }
-
-}  // namespace
-}  // namespace orx

@@ -13,8 +13,7 @@
 #include "system/localserver.h"
 #include "system/recordingtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 using testing::ElementsAre;
 using testing::EndsWith;
@@ -264,6 +263,3 @@ TEST_F(PowerCutTest, KeepsWhatWasWritten)
     }
     EXPECT_GT(nKept, 0U);
 }
-
-}  // namespace
-}  // namespace orx

@@ -1,8 +1,7 @@
 // Event subscriptions: who may, and that every packet of the data track arrives as the camera sent it.
 #include "system/recordingtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 constexpr int kDataTrack = 2, kDataChannel = 4;
 struct SubscribeTest : RecordingTest {
@@ -94,6 +93,3 @@ TEST_F(SubscribeTest, GivesNoRightsElsewhere)
     EXPECT_EQ(1, RtspWaitClosed(&subscriber));
     EXPECT_TRUE(server.WaitOutput("pProg->bLive"));
 }
-
-}  // namespace
-}  // namespace orx

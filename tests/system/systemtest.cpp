@@ -16,6 +16,12 @@ void SystemTest::Connect(RtspClient *pClient, const std::string &path)
     ASSERT_EQ(1, RtspConnect(pClient, server.Url(path).c_str()));
 }
 
+void SystemTest::Describe(RtspClient *pClient, const std::string &path)
+{
+    Connect(pClient, path);
+    ASSERT_EQ(1, RtspDescribe(pClient)) << pClient->error;
+}
+
 void SystemTest::Deliver()
 {
     ASSERT_TRUE(Answers(&pusher) && Answers(&pusher));

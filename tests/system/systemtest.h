@@ -22,6 +22,8 @@ struct SystemTest : testing::Test {
     void StartCamera(const std::string &sdp, const std::string &path = "/cam");
     // Connects a client anew.
     void Connect(RtspClient *pClient, const std::string &path = "/cam");
+    // Connects a player anew, to a program that is there.
+    void Describe(RtspClient *pClient, const std::string &path = "/cam");
     // Waits until what the pusher sent has left for its players: every second read from it sends what waits
     // for one of them, from six packets on.
     void Deliver();

@@ -5,8 +5,7 @@
 #include "client/rtppacket.h"
 #include "system/systemtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 const std::string kTunnelType = "application/x-rtsp-tunnelled\r\n";
 const std::string kGetReply =
@@ -175,6 +174,3 @@ TEST_F(TunnelTest, HalvesGo)
     shutdown(player.fd, SHUT_RDWR);
     ExpectLeft(0, 2);
 }
-
-}  // namespace
-}  // namespace orx
