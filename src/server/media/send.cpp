@@ -14,7 +14,7 @@
 
 namespace orx {
 
-static constexpr uint32_t kDelayedSendMs = 200;
+static constexpr uint32_t kDelayedSendMs = 200;  // a socket that was full has room again after a round trip
 
 // The connection for replies and interleaved media, or the media socket of the block's track. Null when a
 // survived peer assertion found none: which packets a recording makes is up to the file.
