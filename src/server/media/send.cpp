@@ -123,7 +123,7 @@ static int WriteBatch(Session *pSession, Batch *pBatch)
     int nResult = WireWrite(pBatch, &nLeft);
     if (nResult > 0)
         pSession->output.nBlockedSends = 0;
-    for (int i = 0; i < nLeft; i++)
+    for (int i = 0; i < nLeft && i < pBatch->nBlocks; i++)
         BlockDone(pSession, pBatch->blocks[i]);
     return nResult;
 }
