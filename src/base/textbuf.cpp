@@ -40,14 +40,15 @@ int TextAddBytes(TextBuf *pText, const void *pData, size_t nLen)
 
 int TextCopy(char *szTo, size_t nSize, const char *szFrom)
 {
+    return TextCopy(szTo, nSize, std::string_view(szFrom ? szFrom : ""));
+}
+
+int TextCopy(char *szTo, size_t nSize, std::string_view from)
+{
     TextBuf text{szTo, nSize};
-    szTo[0] = '\0';
-    if (!szFrom)
-        return 1;
-    size_t nLen = strlen(szFrom);
-    size_t nFits = nLen < nSize ? nLen : nSize - 1;
-    TextAddBytes(&text, szFrom, nFits);
-    return nFits == nLen;
+    size_t nFits = from.size() < nSize ? from.size() : nSize - 1;
+    TextAddBytes(&text, from.data(), nFits);
+    return nFits == from.size();
 }
 
 }  // namespace orx

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string_view>
 
 namespace orx {
 
@@ -22,5 +23,6 @@ int TextAddBytes(TextBuf *pText, const void *pData, size_t nLen);
 // Copies szFrom (null counts as empty) into a buffer of nSize (>0) bytes, cut to what fits, always
 // terminated. Returns 1 when all of it fitted, else 0.
 int TextCopy(char *szTo, size_t nSize, const char *szFrom);
+int TextCopy(char *szTo, size_t nSize, std::string_view from);
 
 }  // namespace orx

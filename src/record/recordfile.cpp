@@ -9,6 +9,7 @@
 #include "base/bytes.h"
 #include "base/console.h"
 #include "base/textbuf.h"
+#include "record/sdpreader.h"
 
 namespace orx {
 
@@ -46,7 +47,7 @@ int RecordFileSetSdp(RecordFile *pFile, const char *szSdp)
 {
     size_t nText = strlen(szSdp);
     size_t nBlock = (nText + 8) / 8 * 8;
-    nBlock += SdpFindRange(szSdp) ? 16 : 32;
+    nBlock += SdpHasRange(szSdp) ? 16 : 32;
     if (nBlock > kZmfTextBlockMax)
         return 0;
     auto *szCopy = static_cast<char *>(calloc(1, nBlock + 1));
@@ -195,8 +196,7 @@ static void Complete(RecordFile *pFile)
     if (!RewriteHead(pFile, 1))
         return;
     if (pFile->uDuration > 0 && pFile->pszSdp) {
-        const char *p = SdpFindRange(pFile->pszSdp);
-        ORX_ASSERT(p == nullptr, "p==((void *)0)");
+        ORX_ASSERT(!SdpHasRange(pFile->pszSdp), "p==((void *)0)");
         SdpInsertRange(pFile->pszSdp, pFile->head.nSdpSize + size_t{1}, pFile->uDuration);
     }
     uint64_t nSdpAt = kZmfHeadBytes + kZmfIdxBytes;

@@ -2,22 +2,24 @@
 // thread only.
 #pragma once
 
-#include "record/depacketise.h"
+#include "record/codec.h"
 
 namespace orx {
 
+struct SdpCodec {
+    const Codec *pCodec = nullptr;  // null without the medium, and for a codec that cannot be recorded
+    char szName[16] = "";           // in normal form or, of a codec not known, as it stands; empty without
+};
 struct SdpCodecs {
-    // Names in normal form or, of a codec that cannot be recorded, as they stand; empty without the medium.
-    char szVideo[16] = "";  // "H264", "JPEG"
-    char szAudio[16] = "";  // "AMR-NB", "AMR-WB", "PCMU", "PCMA"
+    SdpCodec video;
+    SdpCodec audio;
 };
 
 // Reads at most two media sections that are of use. Faults are printed and end the scan.
 void SdpScanCodecs(const char *szSdp, SdpCodecs *pOut);
 
-// The procedure for a codec name; null, printed, for one that cannot be recorded, and silently for an empty
-// name.
-DepacketProc SdpVideoDepacketiser(const char *szCodec);
-DepacketProc SdpAudioDepacketiser(const char *szCodec);
+// The procedure for a codec; null for one that cannot be recorded (printed, szKind being "Video" or "Audio"),
+// and silently without the medium.
+DepacketProc SdpDepacketiser(const SdpCodec *pCodec, const char *szKind);
 
 }  // namespace orx

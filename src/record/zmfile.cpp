@@ -3,7 +3,6 @@
 #include <cstring>
 
 #include "base/bytes.h"
-#include "base/textbuf.h"
 
 namespace orx {
 
@@ -95,51 +94,6 @@ void ZMFRecordHeadDecode(const uint8_t *pData, ZMFRecordHead *pHead)
     pHead->chMedia = static_cast<char>(pData[2]);
     pHead->nFlags = pData[3] & 0xF0;
     pHead->nTimeMs = GetBe(pData + 4, 4);
-}
-
-const char *SdpFindLine(const char *szSdp, const char *szPrefix)
-{
-    size_t nPrefix = strlen(szPrefix);
-    for (const char *p = szSdp; p; p = strchr(p, '\n')) {
-        if (*p == '\n')
-            p++;
-        if (strncmp(p, szPrefix, nPrefix) == 0)
-            return p;
-    }
-    return nullptr;
-}
-
-const char *SdpFindRange(const char *szSdp)
-{
-    const char *p = SdpFindLine(szSdp, "a=range:");
-    return p ? p : SdpFindLine(szSdp, "a=Range:");
-}
-
-int SdpRemoveRange(char *szSdp)
-{
-    int nRemoved = 0;
-    while (const char *pLine = SdpFindRange(szSdp)) {
-        const char *pEnd = strchr(pLine, '\n');
-        pEnd = pEnd ? pEnd + 1 : pLine + strlen(pLine);
-        memmove(szSdp + (pLine - szSdp), pEnd, strlen(pEnd) + 1);
-        nRemoved++;
-    }
-    return nRemoved;
-}
-
-int SdpInsertRange(char *szSdp, size_t nSize, uint32_t nDurationMs)
-{
-    char szLine[48];
-    TextBuf line{szLine, sizeof(szLine)};
-    TextAdd(&line, "a=range:npt=0-%.3f\r\n", static_cast<double>(static_cast<float>(nDurationMs) / 1000.0F));
-    const char *pMedia = SdpFindLine(szSdp, "m=");
-    size_t nText = strlen(szSdp);
-    if (!pMedia || nText + line.nLen >= nSize)
-        return 0;
-    char *pAt = szSdp + (pMedia - szSdp);
-    memmove(pAt + line.nLen, pAt, strlen(pAt) + 1);
-    memcpy(pAt, szLine, line.nLen);
-    return 1;
 }
 
 }  // namespace orx

@@ -70,14 +70,4 @@ struct ZMFRecordHead {
 void ZMFRecordHeadEncode(const ZMFRecordHead *pHead, uint8_t *pOut);
 void ZMFRecordHeadDecode(const uint8_t *pData, ZMFRecordHead *pHead);  // of 8 bytes
 
-// The first line of szSdp that begins with szPrefix, or null.
-const char *SdpFindLine(const char *szSdp, const char *szPrefix);
-// The first "a=range:" or "a=Range:" line, or null.
-const char *SdpFindRange(const char *szSdp);
-// Takes every range line out of szSdp. Returns how many there were.
-int SdpRemoveRange(char *szSdp);
-// Puts "a=range:npt=0-<seconds>" in front of the first "m=" line of the text in a buffer of nSize bytes.
-// Returns 1, or 0, text untouched, when there is no such line or no room.
-int SdpInsertRange(char *szSdp, size_t nSize, uint32_t nDurationMs);
-
 }  // namespace orx

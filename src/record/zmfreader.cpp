@@ -13,6 +13,7 @@
 #include "base/assertion.h"
 #include "base/bytes.h"
 #include "base/console.h"
+#include "record/sdpreader.h"
 
 namespace orx {
 
@@ -143,7 +144,7 @@ static int ReadSdp(ZMFReader *pReader)
     pReader->szSdp = static_cast<char *>(calloc(1, nRoom));
     if (!pReader->szSdp || ReadAt(pReader->fd, nPos, pReader->szSdp, nBytes) != nBytes)
         return 0;
-    if (pReader->uDuration > 0 && !SdpFindRange(pReader->szSdp))
+    if (pReader->uDuration > 0 && !SdpHasRange(pReader->szSdp))
         SdpInsertRange(pReader->szSdp, nRoom, pReader->uDuration);
     return 1;
 }

@@ -112,9 +112,9 @@ int ZMFWriterSetSdp(ZMFWriter *pWriter, const char *szSdp)
         return 0;
     SdpCodecs codecs;
     SdpScanCodecs(szSdp, &codecs);
-    pWriter->pfnVideo = SdpVideoDepacketiser(codecs.szVideo);
-    pWriter->pfnAudio = SdpAudioDepacketiser(codecs.szAudio);
-    pWriter->audio.bWideband = strcmp(codecs.szAudio, "AMR-WB") == 0;
+    pWriter->pfnVideo = SdpDepacketiser(&codecs.video, "Video");
+    pWriter->pfnAudio = SdpDepacketiser(&codecs.audio, "Audio");
+    pWriter->audio.bWideband = CodecIsWideband(codecs.audio.pCodec);
     return 1;
 }
 

@@ -4,8 +4,8 @@
 #include <cstdlib>
 
 #include "base/inifile.h"
+#include "base/textnumber.h"
 #include "fuzz/fuzz.h"
-#include "server/core/sdp.h"
 
 using namespace orx;
 

@@ -1,7 +1,11 @@
 // Session descriptions: whatever the text, what is described makes sense and stays within its fields.
 #include "server/core/sdp.h"
 
+#include <vector>
+
 #include "fuzz/fuzz.h"
+#include "record/sdpreader.h"
+#include "record/sdpscan.h"
 
 using namespace orx;
 
@@ -12,16 +16,31 @@ static void CheckTrack(const MediaInfo *pInfo, int i)
     ORX_ASSERT(pInfo->nRtpChannel == 2 * i && pInfo->nRtcpChannel == 2 * i + 1, "channels follow the index");
 }
 
+// What a recording does with the text: its codecs, and the range line in a block with room for one.
+static void Record(const std::string &text)
+{
+    SdpCodecs codecs;
+    SdpScanCodecs(text.c_str(), &codecs);
+    ORX_ASSERT(!codecs.audio.pCodec || codecs.audio.pCodec->pfnDepacket, "what is taken can be recorded");
+    std::vector<char> block(text.c_str(), text.c_str() + strlen(text.c_str()) + 1);
+    SdpRemoveRange(block.data());
+    ORX_ASSERT(!SdpHasRange(block.data()), "no range line is left");
+    block.resize(strlen(block.data()) + 32);
+    if (SdpInsertRange(block.data(), block.size(), 12500))
+        ORX_ASSERT(SdpHasRange(block.data()), "the range line is in");
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
 {
     const std::string text = Text(pData, nBytes);
+    Record(text);
     for (int bLive = 0; bLive < 2; bLive++) {
-        Program prog;
-        if (!SdpParse(&prog, text.c_str(), bLive, 0))
+        Description desc;
+        if (!SdpParse(&desc, text.c_str(), bLive, 0))
             continue;
-        ORX_ASSERT(prog.nTrackCount >= 1 && prog.nTrackCount <= kMaxMediaInfos, "one to four tracks");
-        for (int i = 0; i < prog.nTrackCount; i++)
-            CheckTrack(&prog.mediaInfos[i], i);
+        ORX_ASSERT(desc.nTrackCount >= 1 && desc.nTrackCount <= kMaxMediaInfos, "one to four tracks");
+        for (int i = 0; i < desc.nTrackCount; i++)
+            CheckTrack(&desc.mediaInfos[i], i);
     }
     return 0;
 }

@@ -46,7 +46,7 @@ inline DataBlock *MakePacket(const Packet &packet)
 // A program that nothing feeds but the test.
 inline const ProgramOps g_testOps = {
     [](const Program *pProg) -> const char * {
-        return pProg->reader ? ZMFReaderSdp(pProg->reader) : pProg->szSdp;
+        return pProg->reader ? ZMFReaderSdp(pProg->reader) : pProg->desc.szSdp;
     },
     FillBufferFromFile,
     [](Program *pProg) {
@@ -73,7 +73,7 @@ struct PlayerQueueTest : testing::Test {
     {
         pProg = ProgramNew("/cam", &g_testOps);
         pProg->bLive = 1;
-        pProg->nDataTrack = 2;
+        pProg->desc.nDataTrack = 2;
         pProg->nRefs = 1;  // as if a pusher held it
         ListAppend(&g_server.programs, pProg);
         pPlayer = CreateSession(CreateTcpPort(pair.fdServer));

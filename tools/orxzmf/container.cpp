@@ -68,27 +68,22 @@ static int Refuse(const Export *pExport, const char *szReason)
     return 0;
 }
 
-static int AudioRate(const Recording *pRecording)
+static const Codec *AudioOf(const Export *pExport)
 {
-    return pRecording->nAudio == AUDIO_AMR_WB ? 16000 : 8000;
+    return pExport->pRecording->codecs.audio.pCodec;
 }
 
-static AVCodecID AudioId(AudioCodec nCodec)
+static SampleForm PictureForm(const Recording *pRecording)
 {
-    switch (nCodec) {
-        case AUDIO_PCMU:
-            return AV_CODEC_ID_PCM_MULAW;
-        case AUDIO_PCMA:
-            return AV_CODEC_ID_PCM_ALAW;
-        case AUDIO_AMR_NB:
-            return AV_CODEC_ID_AMR_NB;
-        case AUDIO_AMR_WB:
-            return AV_CODEC_ID_AMR_WB;
-        case AUDIO_NONE:
-        case AUDIO_OTHER:
-            break;
-    }
-    return AV_CODEC_ID_NONE;
+    return FormOf(pRecording->codecs.video);
+}
+
+// What libavcodec calls a codec; none for one that is not recorded.
+static AVCodecID IdOf(const Codec *pCodec)
+{
+    const char *szName = pCodec ? pCodec->exported.szAvName : nullptr;
+    const AVCodecDescriptor *pDescriptor = szName ? avcodec_descriptor_get_by_name(szName) : nullptr;
+    return pDescriptor ? pDescriptor->id : AV_CODEC_ID_NONE;
 }
 
 // --- First pass: the times of the pictures ---
@@ -121,7 +116,7 @@ static int CollectTimes(Export *pExport, std::string *pFirstPicture, int *pbAudi
     *pbAudio = 0;
     while (RecordingNext(pRecording, &sample, "reading")) {
         *pbAudio |= sample.head.chMedia == 'a';
-        if (sample.head.chMedia != 'v' || !ExportPicture(pRecording->nVideo, sample, &picture))
+        if (sample.head.chMedia != 'v' || !ExportPicture(PictureForm(pRecording), sample, &picture))
             continue;
         if (pFirstPicture->empty())
             *pFirstPicture = picture;
@@ -163,15 +158,14 @@ static int AddVideo(Export *pExport, const std::string &picture)
     AVCodecParameters *pPar = pStream->codecpar;
     pPar->codec_type = AVMEDIA_TYPE_VIDEO;
     pStream->time_base = AVRational{1, 1000};
-    if (pExport->pRecording->nVideo == VIDEO_JPEG) {
+    pPar->codec_id = IdOf(pExport->pRecording->codecs.video.pCodec);
+    if (PictureForm(pExport->pRecording) == FORM_JPEG) {
         uint32_t nWidth = 0;
         uint32_t nHeight = 0;
-        pPar->codec_id = AV_CODEC_ID_MJPEG;
         JpegImageSize(picture, &nWidth, &nHeight);
         pPar->width = static_cast<int>(nWidth);
         pPar->height = static_cast<int>(nHeight);
     } else {
-        pPar->codec_id = AV_CODEC_ID_H264;
         ParseH264Size(picture, pPar);
         pPar->video_delay = pExport->timing.nDelay > 0;
         // The parameter sets of the first picture; the writer of the container takes them out of it.
@@ -187,12 +181,12 @@ static int AddVideo(Export *pExport, const std::string &picture)
 
 static int OpenDecoder(Export *pExport)
 {
-    const AVCodec *pCodec = avcodec_find_decoder(AudioId(pExport->pRecording->nAudio));
+    const AVCodec *pCodec = avcodec_find_decoder(IdOf(AudioOf(pExport)));
     AVCodecContext *pContext = pCodec ? avcodec_alloc_context3(pCodec) : nullptr;
     pExport->transcoder.pDecoder = pContext;
     if (!pContext)
         return 0;
-    pContext->sample_rate = AudioRate(pExport->pRecording);
+    pContext->sample_rate = AudioOf(pExport)->nSampleRate;
     av_channel_layout_default(&pContext->ch_layout, 1);
     return avcodec_open2(pContext, pCodec, nullptr) == 0;
 }
@@ -207,7 +201,7 @@ static int OpenEncoder(Export *pExport, AVStream *pStream)
     pExport->transcoder.pEncoder = pContext;
     if (!pContext)
         return 0;
-    pContext->sample_rate = AudioRate(pExport->pRecording);
+    pContext->sample_rate = AudioOf(pExport)->nSampleRate;
     pContext->sample_fmt = bPcm ? AV_SAMPLE_FMT_S16 : AV_SAMPLE_FMT_FLTP;
     pContext->bit_rate = bPcm ? 0 : kAacBitRate;
     pContext->time_base = AVRational{1, pContext->sample_rate};
@@ -223,11 +217,12 @@ static int OpenEncoder(Export *pExport, AVStream *pStream)
 
 static int AddAudio(Export *pExport)
 {
-    AVCodecID nId = AudioId(pExport->pRecording->nAudio);
+    const Codec *pCodec = AudioOf(pExport);
+    AVCodecID nId = IdOf(pCodec);
     AVStream *pStream = avformat_new_stream(pExport->pFormat, nullptr);
     if (!pStream)
         return 0;
-    pStream->time_base = AVRational{1, AudioRate(pExport->pRecording)};
+    pStream->time_base = AVRational{1, pCodec->nSampleRate};
     pExport->pAudio = pStream;
     pExport->bTranscode = avformat_query_codec(pExport->pFormat->oformat, nId, FF_COMPLIANCE_NORMAL) != 1;
     if (pExport->bTranscode)
@@ -235,10 +230,10 @@ static int AddAudio(Export *pExport)
     AVCodecParameters *pPar = pStream->codecpar;
     pPar->codec_type = AVMEDIA_TYPE_AUDIO;
     pPar->codec_id = nId;
-    pPar->sample_rate = AudioRate(pExport->pRecording);
+    pPar->sample_rate = pCodec->nSampleRate;
     pPar->bits_per_coded_sample = av_get_bits_per_sample(nId);
     pPar->block_align = 1;
-    pPar->frame_size = nId == AV_CODEC_ID_AMR_NB ? 160 : nId == AV_CODEC_ID_AMR_WB ? 320 : 0;
+    pPar->frame_size = pCodec->nForm == FORM_AMR ? pCodec->nSampleRate / 1000 * kSpeechFrameMs : 0;
     av_channel_layout_default(&pPar->ch_layout, 1);
     return 1;
 }
@@ -265,7 +260,7 @@ static int WritePacket(Export *pExport, AVStream *pStream, const uint8_t *pData,
 static int WritePicture(Export *pExport, const Sample &sample, std::string *pPicture)
 {
     Timing *pTiming = &pExport->timing;
-    if (!pExport->pVideo || !ExportPicture(pExport->pRecording->nVideo, sample, pPicture))
+    if (!pExport->pVideo || !ExportPicture(PictureForm(pExport->pRecording), sample, pPicture))
         return 1;
     size_t i = pTiming->nNext++;
     size_t nPictures = pTiming->decoded.size();
@@ -377,20 +372,20 @@ static int Transcode(Export *pExport, const uint8_t *pData, size_t nBytes, int64
 // A block of audio in pieces of at most 20 ms.
 static int WriteAudio(Export *pExport, const Sample &sample)
 {
-    AudioCodec nCodec = pExport->pRecording->nAudio;
-    int bAmr = nCodec == AUDIO_AMR_NB || nCodec == AUDIO_AMR_WB;
+    const Codec *pCodec = AudioOf(pExport);
     int64_t nAtMs = PlaceAudio(pExport, sample.head.nTimeMs);
     if (!pExport->pAudio)
         return 1;
+    int bAmr = pCodec->nForm == FORM_AMR;
+    int nRate = pCodec->nSampleRate;
     for (uint32_t nPos = 0; nPos < sample.nBytes;) {
         uint32_t nLeft = sample.nBytes - nPos;
         uint32_t nPart = std::min<uint32_t>(kG711PacketBytes, nLeft);
         if (bAmr)
-            nPart = AmrFrameBytes(nCodec == AUDIO_AMR_WB, sample.pData[nPos] >> 3);
+            nPart = AmrFrameBytes(CodecIsWideband(pCodec), sample.pData[nPos] >> 3);
         if (nPart == 0 || nPart > nLeft)
             return 1;
         int64_t nMs = bAmr ? kSpeechFrameMs : nPart / 8;
-        int nRate = AudioRate(pExport->pRecording);
         int bWritten = pExport->bTranscode ? Transcode(pExport, sample.pData + nPos, nPart, nAtMs)
                                            : WritePacket(pExport, pExport->pAudio, sample.pData + nPos, nPart,
                                                          AVRational{1, nRate}, nAtMs * nRate / 1000,
@@ -430,7 +425,7 @@ static int Run(Export *pExport, const std::string &out)
     int bAudio = 0;
     if (!CollectTimes(pExport, &firstPicture, &bAudio))
         return 0;
-    if (firstPicture.empty() || (pRecording->nVideo != VIDEO_H264 && pRecording->nVideo != VIDEO_JPEG))
+    if (firstPicture.empty() || PictureForm(pRecording) == FORM_NONE)
         return Refuse(pExport, "holds no pictures that can be exported");
     pExport->pPacket = av_packet_alloc();
     if (!pExport->pPacket ||
@@ -438,7 +433,7 @@ static int Run(Export *pExport, const std::string &out)
         return Refuse(pExport, "the container cannot be made");
     if (!AddVideo(pExport, firstPicture))
         return Refuse(pExport, "the size of its pictures is not known");
-    if (bAudio && AudioId(pRecording->nAudio) != AV_CODEC_ID_NONE && !AddAudio(pExport))
+    if (bAudio && IdOf(AudioOf(pExport)) != AV_CODEC_ID_NONE && !AddAudio(pExport))
         return Refuse(pExport, "its audio cannot be exported");
     if (avio_open(&pExport->pFormat->pb, out.c_str(), AVIO_FLAG_WRITE) < 0) {
         perror(out.c_str());

@@ -11,20 +11,9 @@
 
 namespace orx {
 
-namespace {
-
-using RawProc = int (*)(Recording *pRecording, FILE *pFile);
-
-struct ExportFormat {
-    const char *szEnding;
-    RawProc pfnRaw;  // null: a container
-};
-
-}  // namespace
-
-int ExportPicture(VideoCodec nCodec, const Sample &sample, std::string *pOut)
+int ExportPicture(SampleForm nForm, const Sample &sample, std::string *pOut)
 {
-    if (nCodec == VIDEO_JPEG)
+    if (nForm == FORM_JPEG)
         return JpegImageRebuild(sample.pData, sample.nBytes, pOut);
     ByteReader in{sample.pData, sample.nBytes};
     pOut->clear();
@@ -45,16 +34,14 @@ static int Refuse(const Recording *pRecording, const char *szReason)
     return 0;
 }
 
-static int WritePictures(Recording *pRecording, FILE *pFile, VideoCodec nCodec)
+static int WritePictures(Recording *pRecording, FILE *pFile, const Codec *pCodec)
 {
     Sample sample;
     std::string picture;
-    if (pRecording->nVideo != nCodec)
-        return Refuse(pRecording, nCodec == VIDEO_H264 ? "holds no H.264 video" : "holds no JPEG video");
     while (RecordingNext(pRecording, &sample, "exporting")) {
         if (sample.head.chMedia != 'v')
             continue;
-        if (!ExportPicture(nCodec, sample, &picture))
+        if (!ExportPicture(pCodec->nForm, sample, &picture))
             fprintf(stderr, "%s: a broken picture at %u ms is left out\n", pRecording->path.c_str(),
                     sample.head.nTimeMs);
         else if (fwrite(picture.data(), 1, picture.size(), pFile) != picture.size())
@@ -63,48 +50,34 @@ static int WritePictures(Recording *pRecording, FILE *pFile, VideoCodec nCodec)
     return 1;
 }
 
-static int WriteSound(Recording *pRecording, FILE *pFile, const char *szHead)
+static int WriteSound(Recording *pRecording, FILE *pFile, const Codec *pCodec)
 {
     Sample sample;
-    fputs(szHead, pFile);
+    fputs(pCodec->exported.szHead, pFile);
     while (RecordingNext(pRecording, &sample, "exporting"))
         if (sample.head.chMedia == 'a' && fwrite(sample.pData, 1, sample.nBytes, pFile) != sample.nBytes)
             return Refuse(pRecording, "write error");
     return 1;
 }
 
-static int WriteH264(Recording *pRecording, FILE *pFile)
+// The bare media of the kind that codecs like pWanted have.
+static int WriteMedia(Recording *pRecording, FILE *pFile, const Codec *pWanted)
 {
-    return WritePictures(pRecording, pFile, VIDEO_H264);
+    int bVideo = (pWanted->nMediaType & MEDIA_VIDEO_MASK) != 0;
+    const Codec *pHeld = bVideo ? pRecording->codecs.video.pCodec : pRecording->codecs.audio.pCodec;
+    if (!pHeld || strcmp(pHeld->exported.szEnding, pWanted->exported.szEnding) != 0)
+        return Refuse(pRecording, (std::string("holds no ") + pWanted->exported.szHolds).c_str());
+    return bVideo ? WritePictures(pRecording, pFile, pHeld) : WriteSound(pRecording, pFile, pHeld);
 }
 
-static int WriteMjpeg(Recording *pRecording, FILE *pFile)
-{
-    return WritePictures(pRecording, pFile, VIDEO_JPEG);
-}
-
-static int WriteG711(Recording *pRecording, FILE *pFile)
-{
-    if (pRecording->nAudio != AUDIO_PCMU && pRecording->nAudio != AUDIO_PCMA)
-        return Refuse(pRecording, "holds no G.711 audio");
-    return WriteSound(pRecording, pFile, "");
-}
-
-static int WriteAmr(Recording *pRecording, FILE *pFile)
-{
-    if (pRecording->nAudio != AUDIO_AMR_NB && pRecording->nAudio != AUDIO_AMR_WB)
-        return Refuse(pRecording, "holds no AMR audio");
-    return WriteSound(pRecording, pFile, pRecording->nAudio == AUDIO_AMR_WB ? "#!AMR-WB\n" : "#!AMR\n");
-}
-
-static int WriteRaw(Recording *pRecording, const std::string &out, RawProc pfnRaw)
+static int WriteRaw(Recording *pRecording, const std::string &out, const Codec *pCodec)
 {
     FILE *pFile = fopen(out.c_str(), "wb");
     if (!pFile) {
         perror(out.c_str());
         return 0;
     }
-    int bGood = pfnRaw(pRecording, pFile);
+    int bGood = WriteMedia(pRecording, pFile, pCodec);
     if (fclose(pFile) != 0 && bGood)
         bGood = Refuse(pRecording, "write error");
     if (!bGood)
@@ -112,17 +85,27 @@ static int WriteRaw(Recording *pRecording, const std::string &out, RawProc pfnRa
     return bGood;
 }
 
+static int HasEnding(const std::string &out, const char *szEnding)
+{
+    size_t nEnding = strlen(szEnding);
+    return out.size() > nEnding && strcasecmp(out.c_str() + out.size() - nEnding, szEnding) == 0;
+}
+
 int ExportRecording(Recording *pRecording, const std::string &out)
 {
-    static const ExportFormat formats[] = {{".h264", WriteH264}, {".mjpeg", WriteMjpeg}, {".g711", WriteG711},
-                                           {".amr", WriteAmr},   {".mp4", nullptr},      {".mkv", nullptr}};
-    for (const ExportFormat &format : formats) {
-        size_t nEnding = strlen(format.szEnding);
-        if (out.size() <= nEnding || strcasecmp(out.c_str() + out.size() - nEnding, format.szEnding) != 0)
+    std::string endings;
+    for (const Codec &codec : Codecs()) {
+        const char *szEnding = codec.exported.szEnding;
+        if (!szEnding)
             continue;
-        return format.pfnRaw ? WriteRaw(pRecording, out, format.pfnRaw) : ExportContainer(pRecording, out);
+        if (HasEnding(out, szEnding))
+            return WriteRaw(pRecording, out, &codec);
+        if (!endings.ends_with(std::string(szEnding) + ", "))  // codecs that share one stand together
+            endings += std::string(szEnding) + ", ";
     }
-    fprintf(stderr, "%s: the ending must be .h264, .mjpeg, .g711, .amr, .mp4 or .mkv\n", out.c_str());
+    if (HasEnding(out, ".mp4") || HasEnding(out, ".mkv"))
+        return ExportContainer(pRecording, out);
+    fprintf(stderr, "%s: the ending must be %s.mp4 or .mkv\n", out.c_str(), endings.c_str());
     return 0;
 }
 

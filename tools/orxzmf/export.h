@@ -8,14 +8,14 @@
 
 namespace orx {
 
-// Writes the recording as the ending of szOut says: .h264, .mjpeg, .g711 and .amr are the bare media, .mp4
-// and .mkv files with time stamps, key frames and audio. Returns 1, or 0 with the reason on standard error;
-// no file is left then.
+// Writes the recording as the ending of szOut says: those that the table of codecs names (.h264, .amr, ...)
+// are the bare media, .mp4 and .mkv files with time stamps, key frames and audio. Returns 1, or 0 with the
+// reason on standard error; no file is left then.
 int ExportRecording(Recording *pRecording, const std::string &out);
 
-// The picture of a sample as a byte stream with start codes (H.264) or as a JFIF image. Returns 1, or 0 when
-// it is broken.
-int ExportPicture(VideoCodec nCodec, const Sample &sample, std::string *pOut);
+// The picture of a sample as a byte stream with start codes (FORM_UNITS) or as a JFIF image (FORM_JPEG).
+// Returns 1, or 0 when it is broken.
+int ExportPicture(SampleForm nForm, const Sample &sample, std::string *pOut);
 
 // The .mp4 and .mkv half: present when Debian's libavformat was there at build time, a message otherwise.
 int ExportContainer(Recording *pRecording, const std::string &out);

@@ -21,31 +21,6 @@ static int64_t NowMs()
     return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
-static VideoCodec VideoOf(const char *szCodec)
-{
-    if (!*szCodec)
-        return VIDEO_NONE;
-    return strcmp(szCodec, "H264") == 0   ? VIDEO_H264
-           : strcmp(szCodec, "JPEG") == 0 ? VIDEO_JPEG
-                                          : VIDEO_OTHER;
-}
-
-static AudioCodec AudioOf(const char *szCodec)
-{
-    static const struct {
-        const char *szName;
-        AudioCodec nCodec;
-    } names[] = {{"", AUDIO_NONE},
-                 {"PCMU", AUDIO_PCMU},
-                 {"PCMA", AUDIO_PCMA},
-                 {"AMR-NB", AUDIO_AMR_NB},
-                 {"AMR-WB", AUDIO_AMR_WB}};
-    for (const auto &entry : names)
-        if (strcmp(entry.szName, szCodec) == 0)
-            return entry.nCodec;
-    return AUDIO_OTHER;
-}
-
 int RecordingOpen(Recording *pRecording, const std::string &path)
 {
     *pRecording = Recording{};
@@ -57,8 +32,6 @@ int RecordingOpen(Recording *pRecording, const std::string &path)
         return 0;
     }
     SdpScanCodecs(ZMFReaderSdp(pRecording->pReader), &pRecording->codecs);
-    pRecording->nVideo = VideoOf(pRecording->codecs.szVideo);
-    pRecording->nAudio = AudioOf(pRecording->codecs.szAudio);
     pRecording->nPos = pRecording->pReader->uDataBeginOffset;
     return 1;
 }

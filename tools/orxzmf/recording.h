@@ -9,9 +9,6 @@
 
 namespace orx {
 
-enum VideoCodec { VIDEO_NONE, VIDEO_H264, VIDEO_JPEG, VIDEO_OTHER };
-enum AudioCodec { AUDIO_NONE, AUDIO_PCMU, AUDIO_PCMA, AUDIO_AMR_NB, AUDIO_AMR_WB, AUDIO_OTHER };
-
 struct Sample {
     ZMFRecordHead head;
     uint64_t nPos = 0;               // of the record in the file
@@ -23,8 +20,6 @@ struct Recording {
     std::string path;
     ZMFReader *pReader = nullptr;
     SdpCodecs codecs;
-    VideoCodec nVideo = VIDEO_NONE;
-    AudioCodec nAudio = AUDIO_NONE;
     uint64_t nPos = 0;       // of the next record
     int nEnd = 0;            // after the last sample: 0 the file ends with it, -1 something follows
     int64_t nNextShown = 0;  // monotonic ms at which progress is shown next, 0 before the first sample
@@ -39,6 +34,12 @@ void RecordingClose(Recording *pRecording);
 int RecordingNext(Recording *pRecording, Sample *pOut, const char *szWork);
 // Back to the first sample.
 int RecordingRewind(Recording *pRecording);
+
+// How the samples of a medium are made up.
+inline SampleForm FormOf(const SdpCodec &codec)
+{
+    return codec.pCodec ? codec.pCodec->nForm : FORM_NONE;
+}
 
 inline int IsKeyFrame(const ZMFRecordHead &head)
 {

@@ -67,10 +67,10 @@ static void PrintHeader(const ZMFReader *pReader)
 static void PrintSurvey(const Recording &recording, const Survey &survey)
 {
     printf("video:          %s, %u pictures, %u key frames, %" PRIu64 " bytes, largest %u\n",
-           *recording.codecs.szVideo ? Printable(recording.codecs.szVideo, 16).c_str() : "none",
+           *recording.codecs.video.szName ? Printable(recording.codecs.video.szName, 16).c_str() : "none",
            survey.nVideo, survey.nKeys, survey.nVideoBytes, survey.nLargest);
     printf("audio:          %s, %u blocks, %" PRIu64 " bytes\n",
-           *recording.codecs.szAudio ? Printable(recording.codecs.szAudio, 16).c_str() : "none",
+           *recording.codecs.audio.szName ? Printable(recording.codecs.audio.szName, 16).c_str() : "none",
            survey.nAudio, survey.nAudioBytes);
     printf("texts:          %u\n", survey.nText);
     printf("messages:       %u\n", survey.nUser);

@@ -73,19 +73,27 @@ static int IsAmrWhole(const Sample &sample, int bWideband)
 static void CheckVideo(Check *pCheck, const Sample &sample)
 {
     Survey *pSurvey = pCheck->pSurvey;
-    VideoCodec nCodec = pCheck->pRecording->nVideo;
+    SampleForm nForm = FormOf(pCheck->pRecording->codecs.video);
     if (pSurvey->nVideo == 1 && !IsKeyFrame(sample.head))
         Fault(pSurvey, "the first picture is no key frame");
-    if (pSurvey->nVideo > 1 && sample.head.nTimeMs < pCheck->nLastVideoMs && nCodec == VIDEO_JPEG)
+    if (pSurvey->nVideo > 1 && sample.head.nTimeMs < pCheck->nLastVideoMs && nForm == FORM_JPEG)
         Fault(pSurvey, "picture at byte %" PRIu64 ": time runs back from %u to %u ms", sample.nPos,
               pCheck->nLastVideoMs, sample.head.nTimeMs);
     pCheck->nLastVideoMs = sample.head.nTimeMs;
-    int bWhole = nCodec == VIDEO_H264 ? IsH264Whole(sample) : nCodec == VIDEO_JPEG ? IsJpegWhole(sample) : 1;
+    int bWhole = nForm == FORM_UNITS ? IsH264Whole(sample) : nForm == FORM_JPEG ? IsJpegWhole(sample) : 1;
     if (!bWhole)
         Fault(pSurvey, "picture at byte %" PRIu64 " (%u ms): its parts do not fill it", sample.nPos,
               sample.head.nTimeMs);
-    else if (nCodec == VIDEO_H264 && ((sample.pData[2] & 0x1F) == NAL_SPS) != IsKeyFrame(sample.head))
+    else if (nForm == FORM_UNITS && ((sample.pData[2] & 0x1F) == NAL_SPS) != IsKeyFrame(sample.head))
         Fault(pSurvey, "picture at byte %" PRIu64 " (%u ms): wrong key-frame flag", sample.nPos,
+              sample.head.nTimeMs);
+}
+
+static void CheckAudio(Check *pCheck, const Sample &sample)
+{
+    const SdpCodec &audio = pCheck->pRecording->codecs.audio;
+    if (FormOf(audio) == FORM_AMR && !IsAmrWhole(sample, CodecIsWideband(audio.pCodec)))
+        Fault(pCheck->pSurvey, "audio at byte %" PRIu64 " (%u ms): broken AMR frames", sample.nPos,
               sample.head.nTimeMs);
 }
 
@@ -118,16 +126,11 @@ static void CountSample(Check *pCheck, const Sample &sample)
                 pSurvey->nLargest = sample.nBytes;
             CheckVideo(pCheck, sample);
             break;
-        case 'a': {
-            AudioCodec nCodec = pCheck->pRecording->nAudio;
+        case 'a':
             pSurvey->nAudio++;
             pSurvey->nAudioBytes += sample.nBytes;
-            if ((nCodec == AUDIO_AMR_NB || nCodec == AUDIO_AMR_WB) &&
-                !IsAmrWhole(sample, nCodec == AUDIO_AMR_WB))
-                Fault(pSurvey, "audio at byte %" PRIu64 " (%u ms): broken AMR frames", sample.nPos,
-                      sample.head.nTimeMs);
+            CheckAudio(pCheck, sample);
             break;
-        }
         case 't':
             pSurvey->nText++;
             break;

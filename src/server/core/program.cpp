@@ -9,6 +9,7 @@
 
 #include "base/console.h"
 #include "base/textbuf.h"
+#include "record/sdpreader.h"
 #include "runtime/clock.h"
 #include "server/core/registry.h"
 #include "server/core/settings.h"
@@ -32,10 +33,10 @@ Program *ProgramNew(const char *szPath, const ProgramOps *pOps)
     ListInit(&pProg->players, pProg);
     ListUsedDefMap(&pProg->players, 1);  // a session's second node
     ListDataProc(&pProg->players, nullptr, ComparePlayers);
-    BlockListInit(&pProg->Pktq, pProg);
+    BlockListInit(&pProg->cache.Pktq, pProg);
     pProg->tBorn = ClockUptime();
     pProg->nBornMs = ClockMs();
-    pProg->nCacheLimit = g_settings.nCacheSeconds * 1000;
+    pProg->cache.nCacheLimit = g_settings.nCacheSeconds * 1000;
     pProg->Uri = strdup(szPath);
     if (pProg->Uri)
         return pProg;
@@ -46,11 +47,11 @@ Program *ProgramNew(const char *szPath, const ProgramOps *pOps)
 static void ProgramFree(void *pRecord)
 {
     auto *pProg = static_cast<Program *>(pRecord);
-    free(pProg->szSdp);
+    free(pProg->desc.szSdp);
     free(pProg->Uri);
-    free(pProg->szCamCfg);
-    free(pProg->szAccounts);
-    ListEmpty(&pProg->Pktq);
+    free(pProg->camera.szCamCfg);
+    free(pProg->camera.szAccounts);
+    ListEmpty(&pProg->cache.Pktq);
     delete pProg;
 }
 
@@ -125,7 +126,7 @@ void ProgramDetach(Session *pSession)
     if (pProg->nRefs == 0)
         ProgramEnd(pProg);
     else if (pProg->nRefs == 1 && pProg->pPusher)
-        pProg->tIdleSince = ClockUptime();
+        pProg->sleep.tIdleSince = ClockUptime();
 }
 
 void ProgramCallHook(const Program *pProg, const char *szRemote, int bUp)
@@ -158,9 +159,9 @@ void ProgramEndAll()
 
 void ProgramClearCache(Program *pProg)
 {
-    ListEmpty(&pProg->Pktq);
-    pProg->pCacheCursor = nullptr;
-    pProg->nKeptKeys = 0;
+    ListEmpty(&pProg->cache.Pktq);
+    pProg->cache.pCacheCursor = nullptr;
+    pProg->cache.nKeptKeys = 0;
 }
 
 const char *ProgramSdp(const Program *pProg)
@@ -168,16 +169,15 @@ const char *ProgramSdp(const Program *pProg)
     return pProg->pOps->pfnSdp(pProg);
 }
 
-// Copies what follows szTag up to the end of the line. Returns 1, or 0 with an empty buffer.
-static int CopyAttribute(const char *szSdp, const char *szTag, char *szOut, size_t nSize)
+// Copies what follows a tag in the description up to the end of the line. Returns 1, or 0 with an empty
+// buffer.
+static int CopyAttribute(const char *szSdp, std::string_view tag, char *szOut, size_t nSize)
 {
+    std::string_view value;
     szOut[0] = '\0';
-    const char *p = szSdp ? strstr(szSdp, szTag) : nullptr;
-    if (!p)
+    if (!szSdp || !SdpFind(szSdp, tag, SDP_ANYWHERE, &value))
         return 0;
-    p += strlen(szTag);
-    TextCopy(szOut, nSize, p);
-    szOut[strcspn(szOut, "\r\n")] = '\0';
+    TextCopy(szOut, nSize, SdpLine(value));
     return 1;
 }
 
@@ -192,12 +192,11 @@ int ProgramNames(const Program *pProg, char *szGroup, size_t nGroup, char *szNic
 int ProgramPassword(const Program *pProg, char *szOut)
 {
     constexpr size_t kPasswordBytes = 32;
-    constexpr char kTag[] = "a=ProgramAuth:";
+    std::string_view value;
     const char *szSdp = ProgramSdp(pProg);
-    const char *p = szSdp ? strstr(szSdp, kTag) : nullptr;
-    if (!p)
+    if (!szSdp || !SdpFind(szSdp, "a=ProgramAuth:", SDP_ANYWHERE, &value))
         return 0;
-    TextCopy(szOut, kPasswordBytes + 1, p + strlen(kTag));
+    TextCopy(szOut, kPasswordBytes + 1, value);  // of that many characters, whatever ends its line
     return 1;
 }
 

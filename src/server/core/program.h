@@ -4,8 +4,10 @@
 
 #include <cstdint>
 
+#include "base/datablock.h"
 #include "base/linkedlist.h"
 #include "base/mediatype.h"
+#include "record/keyframe.h"
 #include "server/core/session.h"
 
 namespace orx {
@@ -13,8 +15,16 @@ namespace orx {
 struct ZMFWriter;
 struct ZMFReader;
 
-constexpr int kMaxMediaInfos = 4;
-constexpr int kMaxRecorders = 4;
+constexpr int kMaxMediaInfos = 4;  // sections of a description that are read
+constexpr int kMaxRecorders = 4;   // recordings of one program at a time: one of each kind, and one more
+
+// How a pusher's RTP time stamps become milliseconds (see ingest.h).
+struct MediaClock {
+    int bTimeKnown = 0;         // a packet has come; the rest is set
+    uint32_t nLastRtpTime = 0;  // of the last packet
+    int64_t nExtTime = 0;       // the same extended to 64 bits, so that its wrap does not reach the cache
+    uint32_t nTimeShift = 0;    // StandardPushers: added to its ms, so that all tracks share a time line
+};
 
 struct MediaInfo {
     uint32_t nMediaType = 0;  // MEDIA_...
@@ -28,11 +38,7 @@ struct MediaInfo {
     uint32_t nWidth = 0;   // video; the channel count of audio
     uint32_t nHeight = 0;  // video; the sample rate of audio
     uint32_t nSampleBits = 0;
-    // The RTP time stamp extended to 64 bits, so that its wrap does not reach the cache.
-    int64_t nExtTime = 0;
-    uint32_t nLastRtpTime = 0;
-    int bTimeKnown = 0;
-    uint32_t nTimeShift = 0;  // StandardPushers: added to its ms, so that all tracks share a time line
+    MediaClock clock;
 };
 
 struct Program;
@@ -44,46 +50,76 @@ struct ProgramOps {
     void (*pfnStop)(Program *pProg);              // nothing more comes: closes what reads or records it
 };
 
-// Says whether a '$' frame (prefix included, at least prefix and RTP header) starts a key frame.
-using KeyFrameProc = int (*)(Program *pProg, const uint8_t *pFrame, uint32_t nLen);
-
-struct Program {
-    ListNode node;  // first: the program list maps an item to itself
-    const ProgramOps *pOps = nullptr;
-    uint32_t nRefs = 0;        // sessions attached, the pusher's included
-    uint32_t nCacheLimit = 0;  // ms of media that the cache keeps
-    int bLive = 0;
-    uint32_t ssrc = 0;     // of the pushed stream, learnt from the first packet
-    uint32_t nSerial = 0;  // number of the next packet cached; while non-zero, ssrc is not learnt
-    char szName[16] = "";  // generated; CNAME of reports
-    ZMFWriter *recorders[kMaxRecorders] = {};
-    int nRecorders = 0;
-    ZMFReader *reader = nullptr;  // a recording's; null for live
-    char *szSdp = nullptr;        // owned; null for a recording, whose reader holds it
-    char *Uri = nullptr;          // owned; path, beginning with '/'
-    char *szCamCfg = nullptr;     // camera configuration text, owned
-    uint32_t nCamCfg = 0;         // its length
+// What the description tells.
+struct Description {
+    char *szSdp = nullptr;  // owned; null for a recording, whose reader holds it
     int nTrackCount = 0;
     int nVideoTrack = -1;  // index into mediaInfos of the last section of that kind, -1 without one
     int nAudioTrack = -1;
     int nDataTrack = -1;
     MediaInfo mediaInfos[kMaxMediaInfos];
-    List Pktq;                     // cached DataBlocks, owned
-    void *pCacheCursor = nullptr;  // a block in Pktq, or null
-    uint32_t nKeptKeys = 0;        // retained key frames before the cursor
-    char *szAccounts = nullptr;    // "[USERS]" section of the camera configuration text, owned
-    uint32_t tIdleSince = 0;       // uptime, seconds; 0 after a wake
-    uint32_t tBorn = 0;            // uptime at creation
-    uint32_t nBornMs = 0;          // ClockMs() then
+    KeyFrameProc pfnIsKeyFrame = nullptr;  // of the video track; null without video
+};
+
+// The packets that a player starts with.
+struct PacketCache {
+    List Pktq;                          // DataBlocks, owned
+    DataBlock *pCacheCursor = nullptr;  // a block in Pktq, or null
+    uint32_t nCacheLimit = 0;           // ms of media that are kept
+    uint32_t nKeptKeys = 0;             // retained key frames before the cursor
+    uint32_t nSerial = 0;               // number of the next packet; while non-zero, ssrc is not learnt
+    uint32_t ssrc = 0;                  // of the pushed stream, learnt from the first packet
+};
+
+// What the pusher's camera has told of itself.
+struct CameraText {
+    char *szCamCfg = nullptr;    // its configuration text, owned
+    uint32_t nCamCfg = 0;        // the text's length
+    char *szAccounts = nullptr;  // the "[USERS]" section of it, owned
+};
+
+// Low-energy mode (see sleep.h).
+struct ProgramSleep {
+    uint32_t tIdleSince = 0;  // uptime in seconds since which there is no player; 0 after a wake
     int bSleeping = 0;
-    KeyFrameProc pfnIsKeyFrame = nullptr;
-    int bKeySeen = 0;            // a packet of time stamp nKeyTime carried the key flag
-    uint32_t nKeyTime = 0;       // RTP time stamp
-    int bAfterMarker = 1;        // the last video packet ended a frame
-    List players;                // attached sessions that are not the pusher, in order of creation
-    Session *pPusher = nullptr;  // not owned; null once the pusher has gone, and for recordings
+};
+
+struct Program {
+    ListNode node;  // first: the program list maps an item to itself
+    const ProgramOps *pOps = nullptr;
+    char *Uri = nullptr;          // owned; path, beginning with '/'
+    char szName[16] = "";         // generated; CNAME of reports
+    int bLive = 0;                // fed by a pusher, not read from a recording
+    uint32_t nRefs = 0;           // sessions attached, the pusher's included
+    uint32_t tBorn = 0;           // uptime at creation
+    uint32_t nBornMs = 0;         // ClockMs() then
+    List players;                 // attached sessions that are not the pusher, in order of creation
+    Session *pPusher = nullptr;   // not owned; null once the pusher has gone, and for recordings
+    ZMFReader *reader = nullptr;  // of a recording; null for live
+    ZMFWriter *recorders[kMaxRecorders] = {};
+    int nRecorders = 0;
+    Description desc;
+    PacketCache cache;
+    KeyWatch keyWatch;  // what the key-frame test remembers of the video track
+    CameraText camera;
+    ProgramSleep sleep;
     Retired retired;
 };
+
+// The players of a program, in order of creation; null at the end. A walk takes the next one before it does
+// anything that may end the one it is at.
+inline Session *PlayerOfNode(ListNode *pNode)
+{
+    return pNode ? reinterpret_cast<Session *>(pNode - 1) : nullptr;  // map mode 1
+}
+inline Session *FirstPlayer(const Program *pProg)
+{
+    return PlayerOfNode(pProg->players.pFirst);
+}
+inline Session *NextPlayer(const Session *pPlayer)
+{
+    return PlayerOfNode(pPlayer->playerNode.pNext);
+}
 
 // A new record for a path, in no container yet; null without memory. ProgramDiscard gives one back that never
 // became ready.

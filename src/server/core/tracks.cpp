@@ -7,9 +7,9 @@ namespace orx {
 
 void SessionCopyTracks(Session *pSession, const Program *pProg)
 {
-    pSession->out.nTracks = std::min(pProg->nTrackCount, kMaxTracks);
+    pSession->out.nTracks = std::min(pProg->desc.nTrackCount, kMaxTracks);
     for (int i = 0; i < pSession->out.nTracks; i++) {
-        const MediaInfo *pInfo = &pProg->mediaInfos[i];
+        const MediaInfo *pInfo = &pProg->desc.mediaInfos[i];
         SessionTrack *pTrack = &pSession->tracks[i];
         pTrack->nMediaType = pInfo->nMediaType;
         pTrack->nPayloadType = static_cast<uint8_t>(pInfo->nPayloadType);
@@ -24,7 +24,7 @@ void SessionEnterTrack(Session *pSession, int i)
 {
     const Program *pProg = pSession->pProg;
     SessionTrack *pTrack = &pSession->tracks[i];
-    pTrack->nSsrc = pProg->bLive ? pProg->ssrc : static_cast<uint32_t>(rand());
+    pTrack->nSsrc = pProg->bLive ? pProg->cache.ssrc : static_cast<uint32_t>(rand());
     pTrack->nNextSeq = pProg->bLive ? 0 : static_cast<uint16_t>(rand());
     pTrack->bSetUp = 1;
     pSession->play.nSetupCount++;

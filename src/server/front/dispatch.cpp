@@ -91,7 +91,7 @@ static void DumpRtcpFrame(const Session *pSession, unsigned nChannel, const uint
     print("Receive RTCP packet on track %u, %u bytes.\n", nChannel, nLen);
     const Program *pProg = pSession->pProg;
     unsigned nTrack = (nChannel - 1) / 2;
-    RtcpDump(pPacket, nLen, pProg && nTrack < kMaxMediaInfos ? pProg->mediaInfos[nTrack].nTimeScale : 0);
+    RtcpDump(pPacket, nLen, pProg && nTrack < kMaxMediaInfos ? pProg->desc.mediaInfos[nTrack].nTimeScale : 0);
 }
 
 // An interleaved frame (RFC 2326, section 10.12): '$', channel, length, packet. Its fifth byte is waited for

@@ -14,7 +14,8 @@
 
 namespace orx {
 
-static constexpr uint32_t kMaxKeptKeys = 15;          // key frames kept from before the span
+// Key frames kept from before the span: what a quarter of the longest span (a minute) holds at one a second.
+static constexpr uint32_t kMaxKeptKeys = 15;
 static constexpr uint32_t kMaxCachedBlocks = 150000;  // a minute and a quarter of 20 Mbit/s
 
 static int BlockMarker(const DataBlock *pBlock)
@@ -69,11 +70,10 @@ static void SendEventMsg2SubscribeClient(Session *pSession, const DataBlock *pBl
 
 static void FanOut(Program *pProg, const DataBlock *pBlock)
 {
-    int bEvent = pProg->nDataTrack >= 0 && BlockData(pBlock)[1] == 2 * pProg->nDataTrack;
+    int bEvent = pProg->desc.nDataTrack >= 0 && BlockData(pBlock)[1] == 2 * pProg->desc.nDataTrack;
     Session *pNext;
-    for (auto *p = static_cast<Session *>(ListFirst(&pProg->players, 0)); p; p = pNext) {
-        pNext =
-            static_cast<Session *>(ListNext(&pProg->players, p, 0));  // the player may not outlive its packet
+    for (Session *p = FirstPlayer(pProg); p; p = pNext) {
+        pNext = NextPlayer(p);
         if (p->nState == STATE_PLAYING && !PushPacket2SessionQueue(p, pBlock))
             continue;
         if (bEvent && (p->nFlags & SESSION_SUBSCRIBER))
@@ -83,10 +83,10 @@ static void FanOut(Program *pProg, const DataBlock *pBlock)
 
 static void LearnSsrc(Program *pProg, const DataBlock *pBlock)
 {
-    if (pProg->nSerial != 0 || pProg->ssrc != 0)
+    if (pProg->cache.nSerial != 0 || pProg->cache.ssrc != 0)
         return;
-    pProg->ssrc = GetBe(BlockData(pBlock) + 12, 4);
-    print("Program(%s)->ssrc=%u\r\n", pProg->szName, pProg->ssrc);
+    pProg->cache.ssrc = GetBe(BlockData(pBlock) + 12, 4);
+    print("Program(%s)->ssrc=%u\r\n", pProg->szName, pProg->cache.ssrc);
 }
 
 // Frees the blocks from pFrom up to pUntil (not included; null: to the end).
@@ -94,7 +94,7 @@ static void FreeUncached(Program *pProg, DataBlock *pFrom, const DataBlock *pUnt
 {
     while (pFrom != pUntil) {
         DataBlock *pNext = NextBlock(pFrom);
-        ListRemove(&pProg->Pktq, pFrom, 1);
+        ListRemove(&pProg->cache.Pktq, pFrom, 1);
         pFrom = pNext;
     }
 }
@@ -105,7 +105,7 @@ static DataBlock *FindKeyInSpan(const Program *pProg, DataBlock *pFrom, uint32_t
     int bFrameEnded = 0;
     for (DataBlock *p = pFrom; p; p = NextBlock(p)) {
         if (!(p->nFlags & DB_VIDEO) ||
-            ClockDiff(nNow, p->nTimestamp) >= static_cast<int32_t>(pProg->nCacheLimit))
+            ClockDiff(nNow, p->nTimestamp) >= static_cast<int32_t>(pProg->cache.nCacheLimit))
             continue;
         if (bFrameEnded && (p->nFlags & DB_KEY))
             return p;
@@ -120,13 +120,14 @@ static void TrimWithoutKey(Program *pProg, DataBlock *pFrom, uint32_t nNow)
     print("Warning: Could NOT find the next KeyFrame to remove the items that's before it.\r\n");
     int bFrameEnded = 0;
     DataBlock *p = pFrom;
-    while (p && !(bFrameEnded && ClockDiff(nNow, p->nTimestamp) < static_cast<int32_t>(pProg->nCacheLimit))) {
+    while (p && !(bFrameEnded &&
+                  ClockDiff(nNow, p->nTimestamp) < static_cast<int32_t>(pProg->cache.nCacheLimit))) {
         if (p->nFlags & DB_VIDEO)
             bFrameEnded = BlockMarker(p);
         p = NextBlock(p);
     }
     FreeUncached(pProg, pFrom, p);
-    pProg->pCacheCursor = p;
+    pProg->cache.pCacheCursor = p;
 }
 
 // Of the blocks from pFrom up to the key frame pKey, only whole key frames stay.
@@ -140,9 +141,9 @@ static void KeepKeyFrames(Program *pProg, DataBlock *pFrom, DataBlock *pKey)
         if (bVideo && (pFrom->nFlags & DB_KEY)) {
             bKept = 1;
             nKeptTime = pFrom->nTimestamp;
-            pProg->nKeptKeys++;
+            pProg->cache.nKeptKeys++;
         } else if (!bVideo || !bKept || pFrom->nTimestamp != nKeptTime) {
-            ListRemove(&pProg->Pktq, pFrom, 1);
+            ListRemove(&pProg->cache.Pktq, pFrom, 1);
         }
         pFrom = pNext;
     }
@@ -150,13 +151,13 @@ static void KeepKeyFrames(Program *pProg, DataBlock *pFrom, DataBlock *pKey)
 
 static void LimitKeptKeys(Program *pProg)
 {
-    while (pProg->nKeptKeys > kMaxKeptKeys) {
-        auto *pFirst = ListFirstOf<DataBlock>(&pProg->Pktq);
+    while (pProg->cache.nKeptKeys > kMaxKeptKeys) {
+        auto *pFirst = ListFirstOf<DataBlock>(&pProg->cache.Pktq);
         DataBlock *p = pFirst;
-        while (p && p != pProg->pCacheCursor && p->nTimestamp == pFirst->nTimestamp)
+        while (p && p != pProg->cache.pCacheCursor && p->nTimestamp == pFirst->nTimestamp)
             p = NextBlock(p);
         FreeUncached(pProg, pFirst, p);
-        pProg->nKeptKeys--;
+        pProg->cache.nKeptKeys--;
     }
 }
 
@@ -165,28 +166,28 @@ static void LimitKeptKeys(Program *pProg)
 static int HasRunAway(const Program *pProg, int32_t nAge, int32_t nGrowLimit)
 {
     return g_settings.bSurvivePeerFaults &&
-           (nAge < -nGrowLimit || ListCount(&pProg->Pktq) > kMaxCachedBlocks);
+           (nAge < -nGrowLimit || ListCount(&pProg->cache.Pktq) > kMaxCachedBlocks);
 }
 
 // Begins the cache anew with its newest block.
 static void RestartCache(Program *pProg)
 {
     print("Program(%s): its time stamps have run away, the cache begins anew.\r\n", pProg->szName);
-    FreeUncached(pProg, ListFirstOf<DataBlock>(&pProg->Pktq),
-                 reinterpret_cast<DataBlock *>(pProg->Pktq.pLast));
-    pProg->pCacheCursor = nullptr;
-    pProg->nKeptKeys = 0;
+    FreeUncached(pProg, ListFirstOf<DataBlock>(&pProg->cache.Pktq),
+                 reinterpret_cast<DataBlock *>(pProg->cache.Pktq.pLast));
+    pProg->cache.pCacheCursor = nullptr;
+    pProg->cache.nKeptKeys = 0;
 }
 
 static void TrimCache(Program *pProg, uint32_t nNow)
 {
-    auto *pStart = static_cast<DataBlock *>(pProg->pCacheCursor);
+    auto *pStart = pProg->cache.pCacheCursor;
     if (!pStart) {
-        pStart = ListFirstOf<DataBlock>(&pProg->Pktq);
-        pProg->nKeptKeys = 0;  // those kept before count again as they are passed
+        pStart = ListFirstOf<DataBlock>(&pProg->cache.Pktq);
+        pProg->cache.nKeptKeys = 0;  // those kept before count again as they are passed
     }
     int32_t nAge = ClockDiff(nNow, pStart->nTimestamp);
-    auto nGrowLimit = static_cast<int32_t>(pProg->nCacheLimit + pProg->nCacheLimit / 4);
+    auto nGrowLimit = static_cast<int32_t>(pProg->cache.nCacheLimit + pProg->cache.nCacheLimit / 4);
     if (HasRunAway(pProg, nAge, nGrowLimit)) {
         RestartCache(pProg);
         return;
@@ -198,33 +199,33 @@ static void TrimCache(Program *pProg, uint32_t nNow)
         TrimWithoutKey(pProg, pStart, nNow);
         return;
     }
-    pProg->pCacheCursor = pKey;
+    pProg->cache.pCacheCursor = pKey;
     KeepKeyFrames(pProg, pStart, pKey);
     LimitKeptKeys(pProg);
 }
 
 void CachePacketEx(Program *pProg, DataBlock *pBlock)
 {
-    int bRet = ListAppend(&pProg->Pktq, pBlock);
+    int bRet = ListAppend(&pProg->cache.Pktq, pBlock);
     ORX_ASSERT(bRet, "bRet");
-    pBlock->nSerial = pProg->nSerial;
+    pBlock->nSerial = pProg->cache.nSerial;
     FanOut(pProg, pBlock);
     LearnSsrc(pProg, pBlock);
     RecordersWrite(pProg, pBlock);
-    pProg->nSerial++;
+    pProg->cache.nSerial++;
     TrimCache(pProg, pBlock->nTimestamp);
 }
 
 static void PrintCounts(const Program *pProg, const Session *pSession)
 {
-    print("FillBufferAtFirstPlay(Cache Packets:In=%u, Out=%u)\r\n", ListCount(&pProg->Pktq),
+    print("FillBufferAtFirstPlay(Cache Packets:In=%u, Out=%u)\r\n", ListCount(&pProg->cache.Pktq),
           ListCount(&pSession->out.Outq));
 }
 
 // The start of the newest key frame in the cache, or null.
 static DataBlock *FindLastKey(const Program *pProg)
 {
-    auto *p = reinterpret_cast<DataBlock *>(pProg->Pktq.pLast);
+    auto *p = reinterpret_cast<DataBlock *>(pProg->cache.Pktq.pLast);
     while (p && (p->nFlags & (DB_VIDEO | DB_KEY)) != (DB_VIDEO | DB_KEY))
         p = PrevBlock(p);
     return p;
@@ -237,7 +238,7 @@ int FillBufferAtFirstPlay(Session *pSession)
         return 1;
     DataBlock *p = FindLastKey(pProg);
     if (!p) {
-        if (ListCount(&pProg->Pktq) > 0)
+        if (ListCount(&pProg->cache.Pktq) > 0)
             print("FillBufferAtFirstPlay() did not find the next KeyFrame to fill packet!\r\n");
         PrintCounts(pProg, pSession);
         return 0;
@@ -253,8 +254,8 @@ int FillBufferAtFirstPlay(Session *pSession)
 void FlushPlayers(Program *pProg)
 {
     Session *pNext;
-    for (auto *p = static_cast<Session *>(ListFirst(&pProg->players, 0)); p; p = pNext) {
-        pNext = static_cast<Session *>(ListNext(&pProg->players, p, 0));
+    for (Session *p = FirstPlayer(pProg); p; p = pNext) {
+        pNext = NextPlayer(p);
         if (p->nState != STATE_PLAYING || ListCount(&p->out.Outq) <= kFlushAfterRead)
             continue;
         if (!SendDataEx(p, nullptr, 1))

@@ -10,7 +10,6 @@
 #include "server/core/sdp.h"
 #include "server/core/settings.h"
 #include "server/media/filesend.h"
-#include "server/media/keyframe.h"
 
 namespace orx {
 
@@ -46,10 +45,7 @@ static int OpenReader(Program *pProg, const char *szFile)
     if (!pProg->reader)
         return 0;
     const char *szSdp = FileSdp(pProg);
-    if (!szSdp || !SdpParse(pProg, szSdp, 0, FileProgramDuration(pProg)))
-        return 0;
-    pProg->pfnIsKeyFrame = KeyFrameSelect(pProg);
-    return 1;
+    return szSdp && SdpParse(&pProg->desc, szSdp, 0, FileProgramDuration(pProg));
 }
 
 Program *CreateFileProgram(const char *szPath)

@@ -1,6 +1,7 @@
 #include "server/media/filesend.h"
 
 #include "base/console.h"
+#include "record/codec.h"
 #include "record/rtphelp.h"
 #include "record/zmfile.h"
 #include "record/zmfreader.h"
@@ -11,29 +12,10 @@
 
 namespace orx {
 
+// A refill comes when the queue is empty: a picture and the sound beside it, so that little is read ahead of a
+// player that pauses or leaves.
 static constexpr int kSamplesPerRefill = 4;
 static constexpr int kEmptyRefills = 64;  // in a row before the others get their turn
-
-using PackProc = int (*)(RtpOut *pOut, const uint8_t *pData, uint32_t nLen, uint32_t nTimeMs, int nTrackId);
-
-// Which packetiser makes packets of a track's samples.
-struct Packetiser {
-    uint32_t nMediaType;
-    PackProc pfnPack;
-};
-
-static const Packetiser g_packetisers[] = {
-    {MEDIA_H264, Pack2Rtp264Block},   {MEDIA_JPEG, Pack2RtpJpegBlock}, {MEDIA_AMR_NB, Pack2RtpAmrBlock},
-    {MEDIA_AMR_WB, Pack2RtpAmrBlock}, {MEDIA_G711, Pack2RtpG711Block},
-};
-
-static PackProc FindPacketiser(uint32_t nMediaType)
-{
-    for (const Packetiser &row : g_packetisers)
-        if (row.nMediaType == nMediaType)
-            return row.pfnPack;
-    return nullptr;
-}
 
 // Says whether the player has set up the track that samples go on; -1 stands for no such track.
 static int Takes(const Session *pSession, int nTrack)
@@ -46,9 +28,9 @@ static int PackMedia(Session *pSession, int nTrack, const uint8_t *pData, uint32
 {
     if (!Takes(pSession, nTrack))
         return 0;
-    PackProc pfnPack = FindPacketiser(pSession->tracks[nTrack].nMediaType);
-    if (pfnPack)
-        return pfnPack(&pSession->out, pData, nLen, nTimeMs, nTrack);
+    const Codec *pCodec = CodecByType(pSession->tracks[nTrack].nMediaType);
+    if (pCodec && pCodec->pfnPack)
+        return pCodec->pfnPack(&pSession->out, pData, nLen, nTimeMs, nTrack);
     print("Unsupported video media type!\r\n");
     return 0;
 }
@@ -70,12 +52,12 @@ static void PackRecord(Session *pSession, const uint8_t *pRecord, uint32_t nByte
     uint32_t nLen = nBytes - kZmfRecordHeadBytes;
     int nPackets = 0;
     if (head.chMedia == 'v')
-        nPackets = PackMedia(pSession, pProg->nVideoTrack, pData, nLen, head.nTimeMs);
+        nPackets = PackMedia(pSession, pProg->desc.nVideoTrack, pData, nLen, head.nTimeMs);
     else if (head.chMedia == 'a')
-        nPackets = PackMedia(pSession, pProg->nAudioTrack, pData, nLen, head.nTimeMs);
+        nPackets = PackMedia(pSession, pProg->desc.nAudioTrack, pData, nLen, head.nTimeMs);
     else
-        nPackets = PackData(pSession, pProg->nDataTrack, pData, nLen, head.nTimeMs);
-    pProg->nSerial += static_cast<uint32_t>(nPackets);
+        nPackets = PackData(pSession, pProg->desc.nDataTrack, pData, nLen, head.nTimeMs);
+    pProg->cache.nSerial += static_cast<uint32_t>(nPackets);
 }
 
 // The recording is at its end: nothing more is read until the player seeks.

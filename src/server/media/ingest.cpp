@@ -10,36 +10,35 @@
 namespace orx {
 
 // The RTP clock extended to 64 bits, so that its wrap after some hours does not show.
-static int64_t ExtendTime(MediaInfo *pInfo, uint32_t nRtpTime)
+static int64_t ExtendTime(MediaClock *pClock, uint32_t nRtpTime)
 {
-    pInfo->nExtTime = pInfo->bTimeKnown
-                          ? pInfo->nExtTime + static_cast<int32_t>(nRtpTime - pInfo->nLastRtpTime)
-                          : int64_t{nRtpTime};
-    pInfo->nLastRtpTime = nRtpTime;
-    return pInfo->nExtTime;
+    pClock->nExtTime = pClock->bTimeKnown
+                           ? pClock->nExtTime + static_cast<int32_t>(nRtpTime - pClock->nLastRtpTime)
+                           : int64_t{nRtpTime};
+    pClock->nLastRtpTime = nRtpTime;
+    pClock->bTimeKnown = 1;
+    return pClock->nExtTime;
 }
 
 // Standard encoders start every track's clock at a random value (RFC 3550, section 5.1), and have rates such
 // as 44100. What they send is put on one time line: a track's first packet has the time of its arrival.
-static uint32_t AlignedTime(MediaInfo *pInfo, uint32_t nRtpTime)
+static uint32_t AlignedTime(MediaClock *pClock, uint32_t nTimeScale, uint32_t nRtpTime)
 {
-    int bFirst = !pInfo->bTimeKnown;
-    auto nMs = static_cast<uint32_t>(ExtendTime(pInfo, nRtpTime) * 1000 / pInfo->nTimeScale);
+    int bFirst = !pClock->bTimeKnown;
+    auto nMs = static_cast<uint32_t>(ExtendTime(pClock, nRtpTime) * 1000 / nTimeScale);
     if (bFirst)
-        pInfo->nTimeShift = ClockMs() - nMs;
-    pInfo->bTimeKnown = 1;
-    return nMs + pInfo->nTimeShift;
+        pClock->nTimeShift = ClockMs() - nMs;
+    return nMs + pClock->nTimeShift;
 }
 
 // The packet's media time in milliseconds. Returns 1, or 0 when the track's clock rate cannot be scaled.
 static int MediaTime(MediaInfo *pInfo, uint32_t nRtpTime, uint32_t *pMs)
 {
     if (g_settings.bStandardPushers) {
-        *pMs = AlignedTime(pInfo, nRtpTime);
+        *pMs = AlignedTime(&pInfo->clock, pInfo->nTimeScale, nRtpTime);
         return 1;
     }
-    int64_t nTime = ExtendTime(pInfo, nRtpTime);
-    pInfo->bTimeKnown = 1;
+    int64_t nTime = ExtendTime(&pInfo->clock, nRtpTime);
     if (pInfo->nTimeScale != 1000) {
         if (!ORX_PEER_ASSERT(pInfo->nTimeScale >= 1000 && (pInfo->nTimeScale % 1000) == 0,
                              "(pProg->mediaInfos[nTrackId].nTimeScale % 1000) == 0"))
@@ -50,19 +49,28 @@ static int MediaTime(MediaInfo *pInfo, uint32_t nRtpTime, uint32_t *pMs)
     return 1;
 }
 
+// Says whether a '$' frame of the program's video track starts a key frame.
+static int IsKeyFrame(Program *pProg, const uint8_t *pFrame, uint32_t nBytes)
+{
+    RtpPacket packet;
+    return pProg->desc.pfnIsKeyFrame &&
+           RtpPacketParse(pFrame + kInterleaveBytes, nBytes - kInterleaveBytes, &packet) &&
+           pProg->desc.pfnIsKeyFrame(&pProg->keyWatch, &packet);
+}
+
 int FeedProgram(Session *pSession, unsigned nTrack, const uint8_t *pFrame, uint32_t nBytes)
 {
     Program *pProg = pSession->pProg;
     int bUsable = (pSession->nFlags & SESSION_PUSHER) && pProg &&
-                  static_cast<int>(nTrack) < pProg->nTrackCount &&
+                  static_cast<int>(nTrack) < pProg->desc.nTrackCount &&
                   nBytes >= kInterleaveBytes + kRtpHeaderBytes;
     if (!bUsable)
         return 1;
     uint32_t nTime;
-    if (!MediaTime(&pProg->mediaInfos[nTrack], GetBe(pFrame + 8, 4), &nTime))
+    if (!MediaTime(&pProg->desc.mediaInfos[nTrack], GetBe(pFrame + 8, 4), &nTime))
         return 0;
-    int bVideo = static_cast<int>(nTrack) == pProg->nVideoTrack;
-    int bKey = bVideo && pProg->pfnIsKeyFrame && pProg->pfnIsKeyFrame(pProg, pFrame, nBytes);
+    int bVideo = static_cast<int>(nTrack) == pProg->desc.nVideoTrack;
+    int bKey = bVideo && IsKeyFrame(pProg, pFrame, nBytes);
     DataBlock *pBlock = MakeDataBlock(pFrame, nBytes, 1, bVideo, bKey);
     if (!pBlock) {
         print("MakeDataBlock() failed and Destroy the Session!\r\n");
@@ -77,6 +85,8 @@ void FeedEnd(Session *pSession)
 {
     if (!(pSession->nFlags & SESSION_PUSHER) || pSession->nState != STATE_PLAYING || !pSession->pProg)
         return;
+    // Every second time: a picture often comes in two reads, and one write for both halves the cost of sending.
+    // The first read counts, so that a player does not wait for a slow pusher's second.
     pSession->input.nReads++;
     if (pSession->input.nReads & 1)
         FlushPlayers(pSession->pProg);

@@ -4,7 +4,6 @@
 
 #include "runtime/clock.h"
 #include "server/core/sdp.h"
-#include "server/media/keyframe.h"
 #include "server/media/recordcontrol.h"
 
 namespace orx {
@@ -13,7 +12,7 @@ constexpr size_t kMaxDescription = 4000;  // characters that a description stays
 
 static const char *LiveSdp(const Program *pProg)
 {
-    return pProg->szSdp;
+    return pProg->desc.szSdp;
 }
 
 static const ProgramOps g_liveOps = {LiveSdp, nullptr, RecordersClose};
@@ -26,13 +25,10 @@ Program *CreateLiveProgram(const char *szPath, const char *szSdp, size_t nSdp)
     if (!pProg)
         return nullptr;
     pProg->bLive = 1;
-    pProg->tIdleSince = ClockUptime();
-    pProg->szSdp = strdup(szSdp);
-    if (pProg->szSdp && SdpParse(pProg, szSdp, 1, 0)) {
-        pProg->pfnIsKeyFrame = KeyFrameSelect(pProg);
-        if (ProgramReady(pProg))
-            return pProg;
-    }
+    pProg->sleep.tIdleSince = ClockUptime();
+    pProg->desc.szSdp = strdup(szSdp);
+    if (pProg->desc.szSdp && SdpParse(&pProg->desc, szSdp, 1, 0) && ProgramReady(pProg))
+        return pProg;
     ProgramDiscard(pProg);
     return nullptr;
 }

@@ -5,24 +5,6 @@
 
 namespace orx {
 
-int TrackOfPayload(const Session *pSession, uint8_t nPayloadType, TrackChoice eChoice)
-{
-    for (int i = 0; i < pSession->out.nTracks; i++) {
-        const SessionTrack *pTrack = &pSession->tracks[i];
-        if (pTrack->nPayloadType == nPayloadType && (pTrack->bSetUp || eChoice == TrackChoice::Described))
-            return pTrack->bSetUp ? i : -1;
-    }
-    return -1;
-}
-
-int TrackOfBlock(const Session *pSession, const DataBlock *pBlock)
-{
-    uint32_t nAt = pSession->out.bInterleaved ? kInterleaveBytes + 1 : 1;
-    if (pBlock->len <= nAt)
-        return -1;
-    return TrackOfPayload(pSession, BlockData(pBlock)[nAt] & 0x7F, TrackChoice::SetUp);
-}
-
 int QueueCopy(Session *pSession, const DataBlock *pBlock)
 {
     uint8_t nPayloadType = BlockData(pBlock)[kInterleaveBytes + 1] & 0x7F;

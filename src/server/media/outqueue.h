@@ -24,11 +24,25 @@ enum class TrackChoice {
     SetUp,      // the first that the player set up: a queue holds packets of no other
 };
 
-// The track of the session that carries the payload type, or -1.
-int TrackOfPayload(const Session *pSession, uint8_t nPayloadType, TrackChoice eChoice);
+// The track of the session that carries the payload type, when it is set up; else -1.
+inline int TrackOfPayload(const Session *pSession, uint8_t nPayloadType, TrackChoice eChoice)
+{
+    for (int i = 0; i < pSession->out.nTracks; i++) {
+        const SessionTrack *pTrack = &pSession->tracks[i];
+        if (pTrack->nPayloadType == nPayloadType && (pTrack->bSetUp || eChoice == TrackChoice::Described))
+            return pTrack->bSetUp ? i : -1;
+    }
+    return -1;
+}
 
 // The track set up that a media block of the session's queue belongs to; -1 when none does.
-int TrackOfBlock(const Session *pSession, const DataBlock *pBlock);
+inline int TrackOfBlock(const Session *pSession, const DataBlock *pBlock)
+{
+    uint32_t nAt = pSession->out.bInterleaved ? kInterleaveBytes + 1 : 1;
+    if (pBlock->len <= nAt)
+        return -1;
+    return TrackOfPayload(pSession, BlockData(pBlock)[nAt] & 0x7F, TrackChoice::SetUp);
+}
 
 // Whether a block leaves by a media socket.
 inline int IsDatagram(const Session *pSession, const DataBlock *pBlock)

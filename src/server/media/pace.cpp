@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "runtime/clock.h"
 #include "server/core/program.h"
 
 namespace orx {
@@ -16,7 +15,7 @@ static constexpr uint32_t kCatchUpSpeed = 4;  // times real time, of a start ove
 static int CatchesUp(const Session *pSession)
 {
     return pSession->output.nStartBlocks > 0 && !pSession->out.bInterleaved &&
-           ClockMs() - pSession->play.nPlayClock < pSession->pProg->nCacheLimit;
+           ClockMs() - pSession->play.nPlayClock < pSession->pProg->cache.nCacheLimit;
 }
 
 Pace PaceOf(const Session *pSession)
@@ -28,13 +27,6 @@ Pace PaceOf(const Session *pSession)
     if (!pSession->pProg->bLive)
         return {1, pPlay->nPlayStart, ClockMs() - pPlay->nPlayClock, nSent, kFileLeadMs};
     return {CatchesUp(pSession), pPlay->nPlayStart, pSession->output.nCatchUpMs, nSent, 0};
-}
-
-int PaceHoldsBack(const Pace *pPace, const DataBlock *pBlock)
-{
-    return pPace->bPaced && (pBlock->nFlags & DB_MEDIA) &&
-           ClockDiff(pPace->nSent, pPace->nElapsed) > pPace->nLead &&
-           pBlock->nTimestamp - pPace->nStart != pPace->nSent;
 }
 
 DataBlock *PaceFirstHeld(const Session *pSession)

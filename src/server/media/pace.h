@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "base/datablock.h"
+#include "runtime/clock.h"
 #include "server/core/session.h"
 
 namespace orx {
@@ -23,7 +24,12 @@ Pace PaceOf(const Session *pSession);
 
 // Whether a block has to wait. The rest of a picture does not: it is not further ahead than its beginning, so
 // that a pause leaves no player with a piece of one.
-int PaceHoldsBack(const Pace *pPace, const DataBlock *pBlock);
+inline int PaceHoldsBack(const Pace *pPace, const DataBlock *pBlock)
+{
+    return pPace->bPaced && (pBlock->nFlags & DB_MEDIA) &&
+           ClockDiff(pPace->nSent, pPace->nElapsed) > pPace->nLead &&
+           pBlock->nTimestamp - pPace->nStart != pPace->nSent;
+}
 
 // Notes that a block is on its way; only media has a place in time.
 inline void PaceAdvance(Pace *pPace, const DataBlock *pBlock)
@@ -38,7 +44,7 @@ DataBlock *PaceFirstHeld(const Session *pSession);
 
 // A start from the cache has put nBlocks of media into the queue. PaceRaise lets more of it go, once every
 // kCatchUpStepMs, at nNow (ClockMs); what a late step missed is not made up for.
-constexpr uint32_t kCatchUpStepMs = 20;
+constexpr uint32_t kCatchUpStepMs = 20;  // at four times real time two pictures of 25 a second
 void PaceStart(Session *pSession, uint32_t nBlocks);
 void PaceRaise(Session *pSession, uint32_t nNow);
 

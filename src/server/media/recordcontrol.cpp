@@ -5,9 +5,9 @@
 #include "base/assertion.h"
 #include "base/console.h"
 #include "base/textbuf.h"
+#include "base/textnumber.h"
 #include "record/zmfwriter.h"
 #include "runtime/clock.h"
-#include "server/core/sdp.h"
 #include "server/media/send.h"
 #include "server/core/settings.h"
 
@@ -18,7 +18,7 @@ static char MediaLetter(const Program *pProg, const DataBlock *pBlock)
 {
     if (pBlock->nFlags & DB_VIDEO)
         return 'v';
-    return BlockData(pBlock)[1] == 2 * pProg->nAudioTrack ? 'a' : 'u';
+    return BlockData(pBlock)[1] == 2 * pProg->desc.nAudioTrack ? 'a' : 'u';
 }
 
 static int WritePacket(ZMFWriter *pWriter, const Program *pProg, const DataBlock *pBlock)
@@ -126,7 +126,7 @@ static int BeginFile(ZMFWriter *pWriter, const Program *pProg, const RecordOrder
     char szNick[32];
     ProgramNames(pProg, nullptr, 0, szNick, sizeof(szNick));
     ZMFWriterSetLabel(pWriter, szNick);
-    return ZMFWriterSetSdp(pWriter, pProg->szSdp) &&
+    return ZMFWriterSetSdp(pWriter, pProg->desc.szSdp) &&
            ZMFWriterSetLimits(pWriter, g_settings.nMinutePerFile * 60,
                               static_cast<uint32_t>(pOrder->nLimitSeconds)) &&
            ZMFWriterWriteHead(pWriter);
@@ -135,7 +135,7 @@ static int BeginFile(ZMFWriter *pWriter, const Program *pProg, const RecordOrder
 // The first cached key frame that is not older than the seconds wanted; null when there is none.
 static DataBlock *FindPreRecordStart(const Program *pProg, uint32_t nSeconds)
 {
-    auto *pNewest = reinterpret_cast<DataBlock *>(pProg->Pktq.pLast);
+    auto *pNewest = reinterpret_cast<DataBlock *>(pProg->cache.Pktq.pLast);
     DataBlock *p = pNewest;
     while (p && p->node.pPrev &&
            ClockDiff(pNewest->nTimestamp, p->nTimestamp) < static_cast<int32_t>(nSeconds * 1000))

@@ -75,9 +75,9 @@ Verdict MessageSend(Message *pMessage);
 Verdict MessageSendBody(Message *pMessage, const void *pBody, size_t nBody);
 Verdict MessageSendBefore(Message *pMessage, DataBlock *pBefore);
 
-// Replies that are nothing but a status. ReplyStatus has the two cache lines, as the methods of players and pushers
-// answer; ReplyDated the date as well; ReplyShort neither, as the extension methods answer. Results of
-// MessageSend.
+// Replies that are nothing but a status. ReplyStatus has the two cache lines, as the methods of players and
+// pushers answer; ReplyDated the date as well; ReplyShort neither, as the extension methods answer. Results
+// of MessageSend.
 Verdict ReplyStatus(Session *pSession, Port *pPort, Status eStatus);
 Verdict ReplyDated(Session *pSession, Port *pPort, Status eStatus);
 Verdict ReplyShort(Session *pSession, Port *pPort, Status eStatus);

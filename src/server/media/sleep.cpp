@@ -22,8 +22,8 @@ static int Tell(Session *pPusher, const char *szMethod)
 
 static int IsIdle(const Program *pProg)
 {
-    return pProg->nRefs < 2 && pProg->tIdleSince && !pProg->bSleeping &&
-           ClockUptime() - pProg->tIdleSince >= kSleepAfter;
+    return pProg->nRefs < 2 && pProg->sleep.tIdleSince && !pProg->sleep.bSleeping &&
+           ClockUptime() - pProg->sleep.tIdleSince >= kSleepAfter;
 }
 
 void SleepIfIdle(Session *pPusher)
@@ -36,19 +36,20 @@ void SleepIfIdle(Session *pPusher)
         return;
     }
     print("Prog(%s) enter sleeping state...\r\n", pProg->Uri);
-    pProg->bSleeping = 1;
+    pProg->sleep.bSleeping = 1;
 }
 
 void ProgramWake(Program *pProg)
 {
     Session *pPusher = pProg->pPusher;
-    if (!g_settings.bLowEnergy || !pProg->bLive || !pProg->bSleeping || !pProg->tIdleSince || !pPusher)
+    if (!g_settings.bLowEnergy || !pProg->bLive || !pProg->sleep.bSleeping || !pProg->sleep.tIdleSince ||
+        !pPusher)
         return;
     ProgramClearCache(pProg);
     Tell(pPusher, "WAKE");
     pPusher->peer.tLastActivity = ClockUptime();  // it was told to be silent: its time to answer starts now
-    pProg->bSleeping = 0;
-    pProg->tIdleSince = 0;
+    pProg->sleep.bSleeping = 0;
+    pProg->sleep.tIdleSince = 0;
     print("Prog(%s) end sleeping state.\r\n", pProg->Uri);
 }
 

@@ -7,9 +7,9 @@
 #include "base/console.h"
 #include "base/inifile.h"
 #include "base/textbuf.h"
+#include "base/textnumber.h"
 #include "server/methods/auth.h"
 #include "server/core/program.h"
-#include "server/core/sdp.h"
 #include "server/core/registry.h"
 #include "server/core/settings.h"
 
@@ -17,7 +17,7 @@ namespace orx {
 
 constexpr int kMaxUsers = 1024;      // however many a camera's text claims to list
 constexpr int kListedUserLevel = 2;  // of a user without a level of its own
-constexpr int kAnonymousLevel = 3;
+constexpr int kAnonymousLevel = 3;   // who needs no password may watch and nothing else
 
 // Reads a value out of an account text, cut to the buffer. Returns 1, or 0 with an empty buffer.
 static int ReadValue(const char *szText, const char *szSection, const char *szKey, char *szOut, size_t nSize)
@@ -126,8 +126,8 @@ int GetUserAccount(void *, const char *szUrl, const char *szUser, char *szPasswo
         print("GetUserAccount() failed! No corresponding Program found!\r\n");
         return 0;
     }
-    if (!g_settings.bControlUsers && pProg->szAccounts)
-        return FindAccountIn(pProg->szAccounts, pProg, szUser, szPassword, pLevel);
+    if (!g_settings.bControlUsers && pProg->camera.szAccounts)
+        return FindAccountIn(pProg->camera.szAccounts, pProg, szUser, szPassword, pLevel);
     Profile *pStore = ProfileInit(g_settings.szConfigPath);
     int nResult = FindAccountIn(pStore ? pStore->text : "", pProg, szUser, szPassword, pLevel);
     ProfileFree(pStore);

@@ -52,7 +52,8 @@ static int OnLiveWatchdog(Task *pTask, uint32_t, uint32_t, uint32_t)
     if (pSession->bEnded)
         return -1;
     const Program *pProg = pSession->pProg;
-    return pProg && pProg->bSleeping ? kSleepingPeriodMs : static_cast<int>(g_settings.nLiveTime * 1000);
+    return pProg && pProg->sleep.bSleeping ? kSleepingPeriodMs
+                                           : static_cast<int>(g_settings.nLiveTime * 1000);
 }
 
 // The session becomes the pusher of a new program.

@@ -7,8 +7,8 @@
 #include "base/avl.h"
 #include "base/inifile.h"
 #include "base/textbuf.h"
+#include "base/textnumber.h"
 #include "server/core/program.h"
-#include "server/core/sdp.h"
 #include "server/media/replies.h"
 
 namespace orx {
@@ -203,12 +203,13 @@ static Verdict SendCamCfg(Session *pSession, Port *pPort, Status eStatus, const 
 Verdict ReplyCamCfg(Session *pSession, Port *pPort)
 {
     const Program *pProg = pSession->pProg;
-    if (!pProg->szCamCfg)
+    if (!pProg->camera.szCamCfg)
         return SendCamCfg(pSession, pPort, STATUS_NO_CAMCFG, nullptr, 0);
     if (pSession->viewer.nUserLevel == 0)
-        return SendCamCfg(pSession, pPort, STATUS_CAMCFG, pProg->szCamCfg, pProg->nCamCfg);
+        return SendCamCfg(pSession, pPort, STATUS_CAMCFG, pProg->camera.szCamCfg, pProg->camera.nCamCfg);
     size_t nShown = 0;
-    char *pShown = CamCfgFilter(pProg->szCamCfg, pProg->nCamCfg, pSession->viewer.szUser, &nShown);
+    char *pShown =
+        CamCfgFilter(pProg->camera.szCamCfg, pProg->camera.nCamCfg, pSession->viewer.szUser, &nShown);
     Verdict eVerdict = SendCamCfg(pSession, pPort, pShown ? STATUS_CAMCFG : STATUS_NO_CAMCFG, pShown, nShown);
     free(pShown);
     return eVerdict;
@@ -233,14 +234,14 @@ static void ReplaceText(char **ppText, char *szNew)
 
 static void KeepCamCfg(Program *pProg, const char *szText, size_t nText)
 {
-    ReplaceText(&pProg->szCamCfg, CopyBytes(szText, nText));
-    pProg->nCamCfg = pProg->szCamCfg ? static_cast<uint32_t>(nText) : 0;
+    ReplaceText(&pProg->camera.szCamCfg, CopyBytes(szText, nText));
+    pProg->camera.nCamCfg = pProg->camera.szCamCfg ? static_cast<uint32_t>(nText) : 0;
     size_t nUsers = 0;
     const char *pUsers = CamCfgFindUsers(szText, nText, &nUsers);
     if (!pUsers)
         return;
     int bEmpty = nUsers <= strlen("[USERS]");
-    ReplaceText(&pProg->szAccounts, bEmpty ? nullptr : CopyBytes(pUsers, nUsers));
+    ReplaceText(&pProg->camera.szAccounts, bEmpty ? nullptr : CopyBytes(pUsers, nUsers));
 }
 
 Verdict HandlePutCamCfg(Session *pSession, Port *pPort, Request *pRequest)

@@ -4,8 +4,8 @@
 
 #include "base/console.h"
 #include "base/textbuf.h"
+#include "base/textnumber.h"
 #include "runtime/sockutil.h"
-#include "server/core/sdp.h"
 #include "server/core/tracks.h"
 #include "server/media/replies.h"
 #include "server/methods/admit.h"

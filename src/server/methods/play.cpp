@@ -6,11 +6,11 @@
 
 #include "base/assertion.h"
 #include "base/textbuf.h"
+#include "base/textnumber.h"
 #include "runtime/clock.h"
 #include "server/media/distribute.h"
 #include "server/media/fileprogram.h"
 #include "server/media/filesend.h"
-#include "server/core/sdp.h"
 #include "server/media/outqueue.h"
 #include "server/media/replies.h"
 #include "server/methods/options.h"
@@ -125,7 +125,7 @@ static uint32_t FirstMediaTime(Session *pSession)
     while (pBlock && !(pBlock->nFlags & DB_MEDIA))
         pBlock = static_cast<DataBlock *>(ListNext(pQueue, pBlock, 0));
     if (!pBlock || (pSession->nFlags & SESSION_PUSHER))
-        pBlock = static_cast<DataBlock *>(ListFirst(&pSession->pProg->Pktq, 0));
+        pBlock = static_cast<DataBlock *>(ListFirst(&pSession->pProg->cache.Pktq, 0));
     return pBlock ? pBlock->nTimestamp : 0;
 }
 

@@ -6,10 +6,10 @@
 
 #include "base/console.h"
 #include "base/textbuf.h"
+#include "record/sdpreader.h"
 #include "server/methods/accounts.h"
 #include "server/methods/auth.h"
 #include "server/core/program.h"
-#include "server/core/sdp.h"
 #include "server/media/replies.h"
 #include "server/media/send.h"
 #include "server/core/registry.h"
@@ -17,53 +17,33 @@
 
 namespace orx {
 
-static constexpr size_t kListSize = 4096;
-static constexpr size_t kListFull = 3904;  // no program is added from here on
+static constexpr size_t kListSize = 4096;  // of the whole answer
+static constexpr size_t kListFull = 3904;  // no program is added from here on: room for the line of one more
 
 struct PictureSize {
     int nWidth = 0;
     int nHeight = 0;
 };
 
-// "a=framesize:96 640-480".
-static PictureSize ReadFrameSize(const char *pLine)
-{
-    PictureSize size;
-    const char *pBlank = pLine + strcspn(pLine, " \r\n");
-    if (*pBlank != ' ') {
-        print("bad SDP: invalid frame size line\n");
-        return size;
-    }
-    const char *pDash = pBlank + 1 + strspn(pBlank + 1, " 0123456789");
-    if (*pDash != '-') {
-        print("bad SDP: invalid frame size line(no height)\n");
-        return size;
-    }
-    size.nWidth = TextToInt(pBlank + 1);
-    size.nHeight = TextToInt(pDash + 1);
-    return size;
-}
-
-// "a=cliprect:0,0,480,640": the third number is listed first.
-static PictureSize ReadClipRect(const char *pLine)
-{
-    int numbers[4] = {};
-    const char *p = strchr(pLine, ':');
-    for (int &nNumber : numbers) {
-        p += strcspn(p, "0123456789\r\n");
-        nNumber = TextToInt(p);
-        p += strspn(p, "0123456789");
-    }
-    return {numbers[2], numbers[3]};
-}
-
+// As it is listed: of a clip rectangle the height first.
 static PictureSize ReadPictureSize(const char *szSdp)
 {
-    if (const char *p = strstr(szSdp, "a=framesize:"))
-        return ReadFrameSize(p);
-    if (const char *p = strstr(szSdp, "a=cliprect:"))
-        return ReadClipRect(p);
-    return {};
+    PictureSize size;
+    int numbers[4] = {};
+    switch (SdpReadFrameSize(szSdp, 1, &size.nWidth, &size.nHeight)) {
+        case SDP_SIZE_NONE:
+            SdpReadClipRect(szSdp, numbers);
+            return {numbers[2], numbers[3]};
+        case SDP_SIZE_NO_WIDTH:
+            print("bad SDP: invalid frame size line\n");
+            break;
+        case SDP_SIZE_NO_HEIGHT:
+            print("bad SDP: invalid frame size line(no height)\n");
+            break;
+        case SDP_SIZE_GOOD:
+            break;
+    }
+    return size;
 }
 
 // Larger than a screen whose size is known.

@@ -15,7 +15,7 @@ namespace orx {
 // Sets every track up on the control connection. Returns 1, or 0 for a program with too many.
 static int EnterAllTracks(Session *pSession)
 {
-    int nTracks = pSession->pProg->nTrackCount;
+    int nTracks = pSession->pProg->desc.nTrackCount;
     if (!ORX_PEER_ASSERT(nTracks >= 1 && nTracks < 4, "session->nTrackCount>=1 && session->nTrackCount < 4"))
         return 0;
     pSession->out.bInterleaved = 1;
@@ -34,7 +34,7 @@ Verdict HandleQuickPlay(Session *pSession, Port *pPort, Request *pRequest)
     Program *pProg = pSession->pProg;
     pSession->play.nPlayClock = ClockMs();
     if (pProg->bLive) {
-        auto *pFirst = static_cast<DataBlock *>(ListFirst(&pProg->Pktq, 0));
+        auto *pFirst = static_cast<DataBlock *>(ListFirst(&pProg->cache.Pktq, 0));
         pSession->play.nPlayPos = pFirst ? pFirst->nTimestamp : 0;
     }
     pSession->play.nPlayStart = pSession->play.nPlayPos;

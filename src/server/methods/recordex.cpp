@@ -4,7 +4,7 @@
 
 #include "base/assertion.h"
 #include "base/textbuf.h"
-#include "server/core/sdp.h"
+#include "base/textnumber.h"
 #include "server/core/settings.h"
 #include "server/media/recordcontrol.h"
 #include "server/media/replies.h"
@@ -36,7 +36,7 @@ static RecordOrder ReadOrder(const char *szParams)
 static Verdict Start(Session *pSession, Port *pPort, const char *szParams)
 {
     Program *pProg = pSession->pProg;
-    if (!ORX_PEER_ASSERT(pProg->bLive && pProg->szSdp, "pProg->bLive && pProg->szSdp"))
+    if (!ORX_PEER_ASSERT(pProg->bLive && pProg->desc.szSdp, "pProg->bLive && pProg->szSdp"))
         return RefuseFault(pSession, pPort);
     if (pProg->nRecorders == kMaxRecorders)
         return ReplyShort(pSession, pPort, STATUS_OK);

@@ -7,8 +7,8 @@
 
 #include "base/assertion.h"
 #include "base/textbuf.h"
+#include "base/textnumber.h"
 #include "runtime/sockutil.h"
-#include "server/core/sdp.h"
 #include "server/media/replies.h"
 #include "server/core/registry.h"
 #include "server/core/settings.h"
@@ -16,7 +16,7 @@
 
 namespace orx {
 
-constexpr int kPairTries = 64;  // port pairs tried when other processes sit on some
+constexpr int kPairTries = 64;  // port pairs tried when other processes sit on some: each costs two calls
 
 enum SetupResult {
     SETUP_DONE,
@@ -36,7 +36,7 @@ static void ReadPusherChannels(Session *pSession, int i, const char *szTransport
     p += strcspn(p, "-;");
     if (*p == '-')
         pTrack->nRtcpChannel = static_cast<uint8_t>(TextToInt(p + 1));
-    MediaInfo *pInfo = &pSession->pProg->mediaInfos[i];
+    MediaInfo *pInfo = &pSession->pProg->desc.mediaInfos[i];
     pInfo->nRtpChannel = pTrack->nRtpChannel;
     pInfo->nRtcpChannel = pTrack->nRtcpChannel;
 }
@@ -142,7 +142,8 @@ static SetupResult SetupTransport(Session *pSession, Port *pPort, int i, const R
 
 static int IsSetupAllowed(const Session *pSession)
 {
-    if (!pSession->pProg || pSession->play.nSetupCount >= static_cast<uint32_t>(pSession->pProg->nTrackCount))
+    if (!pSession->pProg ||
+        pSession->play.nSetupCount >= static_cast<uint32_t>(pSession->pProg->desc.nTrackCount))
         return 0;
     return pSession->nState == (pSession->play.nSetupCount ? STATE_SETUP : STATE_DESCRIBED);
 }
@@ -174,7 +175,7 @@ Verdict HandleSetup(Session *pSession, Port *pPort, Request *pRequest)
 {
     if (!IsSetupAllowed(pSession))
         return Refuse(pSession, pPort, STATUS_WRONG_STATE);
-    int nTracks = pSession->pProg->nTrackCount;
+    int nTracks = pSession->pProg->desc.nTrackCount;
     const char *pEqual = strchr(RequestPath(pRequest), '=');
     if (!ORX_PEER_ASSERT(nTracks >= 1 && nTracks < 4,
                          "session->nTrackCount>=1 && session->nTrackCount < 4") ||

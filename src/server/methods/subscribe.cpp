@@ -26,7 +26,7 @@ Verdict HandleSubscribe(Session *pSession, Port *pPort, Request *pRequest)
     if (!ChooseReplyPort(pSession, pPort) || !AttachByPath(pSession, pPort, pRequest))
         return Verdict::End;
     const Program *pProg = pSession->pProg;
-    if (pProg->nDataTrack < 0)
+    if (pProg->desc.nDataTrack < 0)
         return Refuse(pSession, pPort, STATUS_WRONG_STATE);
     if (!ORX_PEER_ASSERT(pProg->bLive, "pProg->bLive"))
         return RefuseFault(pSession, pPort);

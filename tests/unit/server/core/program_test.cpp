@@ -17,7 +17,7 @@ namespace {
 
 constexpr char kSdp[] = "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:trackID=0\r\n";
 
-const ProgramOps g_liveOps = {[](const Program *pProg) -> const char * { return pProg->szSdp; }, nullptr,
+const ProgramOps g_liveOps = {[](const Program *pProg) -> const char * { return pProg->desc.szSdp; }, nullptr,
                               [](Program *) {}};
 
 // The registry without a server around it.
@@ -41,8 +41,8 @@ struct ProgramTest : testing::Test {
     {
         Program *pProg = ProgramNew(szPath, &g_liveOps);
         pProg->bLive = 1;
-        pProg->szSdp = strdup(sdp.c_str());
-        EXPECT_EQ(1, SdpParse(pProg, pProg->szSdp, 1, 0));
+        pProg->desc.szSdp = strdup(sdp.c_str());
+        EXPECT_EQ(1, SdpParse(&pProg->desc, pProg->desc.szSdp, 1, 0));
         EXPECT_EQ(1, ProgramReady(pProg));
         pProg->pPusher = pPusher;
         ProgramAttach(pPusher, pProg);

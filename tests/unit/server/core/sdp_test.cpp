@@ -12,7 +12,7 @@ constexpr char kHead[] = "v=0\r\no=- 0 0 IN IP4 127.0.0.1\r\ns=live\r\nt=0 0\r\n
 constexpr char kVideo[] = "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:trackID=0\r\n";
 constexpr char kAudio[] = "m=audio 0 RTP/AVP 97\r\na=rtpmap:97 AMR/8000/1\r\na=control:trackID=1\r\n";
 
-struct Parsed : Program {
+struct Parsed : Description {
     int nResult;
     explicit Parsed(const std::string &sdp, int bLive = 1, uint32_t nDurationMs = 0)
         : nResult(SdpParse(this, sdp.c_str(), bLive, nDurationMs))
@@ -58,6 +58,8 @@ TEST(Sdp, KnowsCodecsByName)
         {"audio", "SAMR/8000/1", MEDIA_AMR_NB, 1, "AMR-NB"},
         {"audio", "sawb/16000", MEDIA_AMR_WB, 2, "AMR-WB"},
         {"Audio", "pcma/8000/1", MEDIA_G711, 1, "pcma"},
+        {"audio", "AMR-NB/8000", MEDIA_AUDIO_OTHER, 2, "AMR-NB"},  // only recordings call it so
+        {"audio", "g711a/8000/1", MEDIA_G711, 1, "g711a"},
         {"audio", "MPEG4-GENERIC/48000/2", MEDIA_AUDIO_OTHER, 2, "MPEG4-GENERIC"},
         {"text", "t140/1000", MEDIA_TEXT, 0, "t140"},
         {"video", std::string(300, 'x') + "/90000", MEDIA_VIDEO_OTHER, 0, "xxxxxxxxxxxxxxx"},
@@ -70,6 +72,16 @@ TEST(Sdp, KnowsCodecsByName)
         EXPECT_EQ(c.nWidth, p.mediaInfos[0].nWidth) << c.map;
         EXPECT_EQ(97, p.mediaInfos[0].nPayloadType) << c.map;
     }
+}
+
+TEST(Sdp, TheLastVideoTrackChoosesTheKeyFrameTest)
+{
+    const std::string jpeg = "m=video 0 RTP/AVP 26\r\na=rtpmap:26 JPEG/90000\r\n",
+                      other = "m=video 0 RTP/AVP 99\r\na=rtpmap:99 H265/90000\r\n";
+    EXPECT_EQ(IsKeyH264, Parsed(jpeg + kVideo + kAudio).pfnIsKeyFrame);
+    EXPECT_EQ(IsKeyJpeg, Parsed(kVideo + jpeg).pfnIsKeyFrame);
+    EXPECT_EQ(IsKeyGeneric, Parsed(kVideo + other).pfnIsKeyFrame);
+    EXPECT_EQ(nullptr, Parsed(kAudio).pfnIsKeyFrame);
 }
 
 TEST(Sdp, RefusesWhatCannotBePlayed)

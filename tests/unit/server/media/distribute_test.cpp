@@ -53,7 +53,7 @@ struct CacheTest : testing::Test {
     std::vector<std::string> Cached(uint32_t nUpTo = INT32_MAX) const
     {
         std::vector<std::string> items;
-        for (ListNode *pNode = pProg->Pktq.pFirst; pNode; pNode = pNode->pNext) {
+        for (ListNode *pNode = pProg->cache.Pktq.pFirst; pNode; pNode = pNode->pNext) {
             auto *p = reinterpret_cast<DataBlock *>(pNode);
             const char *szKind = BlockData(p)[1] == 2 ? "a" : (p->nFlags & DB_KEY) ? "K" : "v";
             if (p->nTimestamp - nBase <= nUpTo)
@@ -61,8 +61,8 @@ struct CacheTest : testing::Test {
         }
         return items;
     }
-    uint32_t FirstTime() const { return ListFirstOf<DataBlock>(&pProg->Pktq)->nTimestamp - nBase; }
-    uint32_t CursorTime() const { return static_cast<DataBlock *>(pProg->pCacheCursor)->nTimestamp - nBase; }
+    uint32_t FirstTime() const { return ListFirstOf<DataBlock>(&pProg->cache.Pktq)->nTimestamp - nBase; }
+    uint32_t CursorTime() const { return pProg->cache.pCacheCursor->nTimestamp - nBase; }
 };
 
 // After one and a quarter spans it is trimmed: behind the end of a picture within the span comes the first
@@ -75,21 +75,21 @@ TEST_F(CacheTest, KeepsTheSpanAndOldKeyPictures)
         PushVideo(0, 2900, 1000);
         Push({2950, 1});
         PushVideo(3000, 12500, 1000);
-        EXPECT_EQ(nullptr, pProg->pCacheCursor);
+        EXPECT_EQ(nullptr, pProg->cache.pCacheCursor);
         Push({12600, 0, 0, 1});
         EXPECT_EQ(3000U, CursorTime());
         EXPECT_THAT(Cached(3100), ElementsAre("K0", "v0", "K1000", "v1000", "K2000", "v2000", "K3000",
                                               "v3000", "v3100", "v3100"));
         ProgramClearCache(pProg);
-        EXPECT_EQ(0U, ListCount(&pProg->Pktq));
-        EXPECT_EQ(nullptr, pProg->pCacheCursor);
+        EXPECT_EQ(0U, ListCount(&pProg->cache.Pktq));
+        EXPECT_EQ(nullptr, pProg->cache.pCacheCursor);
     }
 }
 
 TEST_F(CacheTest, ForgetsTheOldestKeyPicturesBeyondFifteen)
 {
     PushVideo(0, 60000, 1000);
-    EXPECT_EQ(15U, pProg->nKeptKeys);
+    EXPECT_EQ(15U, pProg->cache.nKeptKeys);
     EXPECT_GE(CursorTime(), 60000U - 12500U);
     EXPECT_EQ(CursorTime() - 15000, FirstTime());
     EXPECT_EQ(2 * 15U, Cached(CursorTime() - 1).size()) << "two packets each";
@@ -100,9 +100,9 @@ TEST_F(CacheTest, CursorOutlivesWhatLaterTrimsRemove)
     PushVideo(0, 30000, 700);  // keys come and go while the cursor moves on
     PushVideo(30100, 50000, 0);
     PushVideo(50100, 80000, 900);
-    ListNode *p = pProg->Pktq.pFirst;
-    while (p && p != pProg->pCacheCursor)
-        p = p->pNext;
+    auto *p = ListFirstOf<DataBlock>(&pProg->cache.Pktq);
+    while (p && p != pProg->cache.pCacheCursor)
+        p = NextBlock(p);
     EXPECT_NE(nullptr, p);
 }
 
@@ -115,7 +115,7 @@ TEST_F(CacheTest, TimeThatGoesBack)
         ProgramClearCache(pProg);
         PushVideo(20000, 20500, 1000);
         Push({0, 0, 0, 1});
-        EXPECT_EQ(bGuarded ? 1U : 13U, ListCount(&pProg->Pktq));
+        EXPECT_EQ(bGuarded ? 1U : 13U, ListCount(&pProg->cache.Pktq));
     }
     g_settings.bSurvivePeerFaults = 0;
 }
@@ -129,7 +129,7 @@ TEST_F(CacheTest, WithoutKeysWholePicturesWithinTheSpanStay)
     ProgramClearCache(pProg);
     for (uint32_t n = 0; n <= 60000; n += 100)
         Push({n, 1});
-    EXPECT_LE(ListCount(&pProg->Pktq), 126U) << "sound alone is bounded, too";
+    EXPECT_LE(ListCount(&pProg->cache.Pktq), 126U) << "sound alone is bounded, too";
 }
 
 TEST_F(PlayerQueueTest, GivesAPlayerUpAtAThousandAndOne)

@@ -45,13 +45,13 @@ TEST(Accounts, AreFoundInTheCamerasText)
     for (const auto &c : cases) {
         SCOPED_TRACE(std::string(c.szText ? c.szText : "none") + c.szUser);
         g_settings.bControlUsers = c.bControlUsers;
-        pProg->szAccounts = c.szText ? strdup(c.szText) : nullptr;
+        pProg->camera.szAccounts = c.szText ? strdup(c.szText) : nullptr;
         char password[64] = "";
         int nLevel = -1;
         EXPECT_EQ(c.nLevel >= 0, GetUserAccount(nullptr, "rtsp://box/cam", c.szUser, password, &nLevel));
         EXPECT_EQ(c.nLevel, nLevel);
         EXPECT_STREQ(c.szPassword, password);
-        free(std::exchange(pProg->szAccounts, nullptr));
+        free(std::exchange(pProg->camera.szAccounts, nullptr));
     }
     char password[64] = "";
     EXPECT_EQ(1, GetUserAccount(nullptr, nullptr, "boss", password, nullptr)) << "the first live program";

@@ -1,11 +1,9 @@
-#include "server/media/keyframe.h"
+#include "record/codec.h"
 
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
-
-#include "base/bytes.h"
 
 namespace orx {
 namespace {
@@ -19,32 +17,20 @@ struct Packet {
     int bKey;  // what is expected
 };
 
-// A '$' frame as a pusher sends it, with bytes between the fixed RTP header and the payload.
-Bytes Frame(const Packet &packet, uint8_t nChannel = 0, uint8_t nFlags = 0x80, const Bytes &between = {})
-{
-    Bytes frame(16);
-    frame[0] = '$';
-    frame[1] = nChannel;
-    frame[4] = nFlags;
-    frame[5] = static_cast<uint8_t>((packet.bMarker ? 0x80 : 0) | 96);
-    PutBe(&frame[8], 4, packet.nTime);
-    frame.insert(frame.end(), between.begin(), between.end());
-    frame.insert(frame.end(), packet.payload.begin(), packet.payload.end());
-    PutBe(&frame[2], 2, static_cast<uint32_t>(frame.size() - 4));
-    return frame;
-}
+// One track's test and what it remembers.
+struct Video {
+    KeyFrameProc pfnIsKey;
+    KeyWatch watch;
 
-struct VideoProgram : Program {
-    explicit VideoProgram(uint32_t nMediaType)
+    explicit Video(uint32_t nMediaType) : pfnIsKey(CodecByType(nMediaType)->pfnIsKey) {}
+    int IsKey(const Packet &packet)
     {
-        nTrackCount = 1;
-        nVideoTrack = 0;
-        mediaInfos[0].nMediaType = nMediaType;
-        pfnIsKeyFrame = KeyFrameSelect(this);
-    }
-    int IsKey(const Bytes &frame)
-    {
-        return pfnIsKeyFrame(this, frame.data(), static_cast<uint32_t>(frame.size()));
+        RtpPacket rtp;
+        rtp.bMarker = packet.bMarker;
+        rtp.nRtpTime = packet.nTime;
+        rtp.pPayload = packet.payload.data();
+        rtp.nPayload = static_cast<uint32_t>(packet.payload.size());
+        return pfnIsKey(&watch, &rtp);
     }
 };
 
@@ -98,31 +84,19 @@ TEST(KeyFrame, FlagsEachKeyPictureOnce)
          {{0, 0, {1}, 1}, {0, 1, {1}, 0}, {3000, 1, {1}, 1}, {6000, 0, {}, 1}, {6000, 0, {}, 0}}},
     };
     for (const auto &c : cases) {
-        VideoProgram prog(c.nMediaType);
+        Video video(c.nMediaType);
         for (size_t i = 0; i < c.packets.size(); i++)
-            EXPECT_EQ(c.packets[i].bKey, prog.IsKey(Frame(c.packets[i]))) << c.szName << ", packet " << i;
+            EXPECT_EQ(c.packets[i].bKey, video.IsKey(c.packets[i])) << c.szName << ", packet " << i;
     }
-}
-
-TEST(KeyFrame, LooksBehindTheWholeRtpHeaderOfItsTrack)
-{
-    VideoProgram prog(MEDIA_H264);
-    const Bytes extras{0, 0, 0, 5, 0, 0, 0, 6, 0xBE, 0xDE, 0, 1, 1, 2, 3, 4};  // two sources, an extension
-    EXPECT_EQ(0, prog.IsKey(Frame({0, 1, {0x41}, 0}, 0, 0x92, extras)));
-    EXPECT_EQ(0, prog.IsKey(Frame({0, 1, {0x67, 1}, 0}, 2, 0x92, extras))) << "another track";
-    EXPECT_EQ(1, prog.IsKey(Frame({0, 1, {0x67, 1}, 1}, 0, 0x92, extras)));
 }
 
 TEST(KeyFrame, SurvivesEveryCut)
 {
-    const Bytes payloads[] = {StapA({9, 7, 8}), {0x7C, 0x85, 1}, {24, 0xFF, 0xFF, 7}, {24, 0, 0, 0, 0}, {}};
-    for (uint32_t nType : {MEDIA_H264, MEDIA_JPEG, MEDIA_VIDEO_OTHER}) {
-        for (const Bytes &payload : payloads) {
-            Bytes whole = Frame({0, 0, payload, 0});
-            for (size_t n = 0; n <= whole.size(); n++)  // copies of their very size, for the sanitizers
-                VideoProgram(nType).IsKey(Bytes(whole.begin(), whole.begin() + static_cast<long>(n)));
-        }
-    }
+    const Bytes payloads[] = {StapA({9, 7, 8}), {0x7C, 0x85, 1}, {24, 0xFF, 0xFF, 7}, {24, 0, 0, 0, 0}};
+    for (uint32_t nType : {MEDIA_H264, MEDIA_JPEG, MEDIA_VIDEO_OTHER})
+        for (const Bytes &payload : payloads)
+            for (size_t n = 0; n <= payload.size(); n++)  // copies of their very size, for the sanitizers
+                Video(nType).IsKey({0, 0, Bytes(payload.begin(), payload.begin() + static_cast<long>(n)), 0});
 }
 
 }  // namespace

@@ -1,0 +1,51 @@
+#include "record/codec.h"
+
+#include <cstring>
+
+#include <gtest/gtest.h>
+
+namespace orx {
+namespace {
+
+// The kind that a section of this codec has.
+uint32_t KindOf(const Codec &codec)
+{
+    return codec.nMediaType & MEDIA_VIDEO_MASK ? MEDIA_VIDEO_OTHER : MEDIA_AUDIO_OTHER;
+}
+
+TEST(Codec, EveryNameLeadsToItsRow)
+{
+    for (const Codec &codec : Codecs()) {
+        for (const CodecAlias &alias : codec.aliases) {
+            for (CodecUser nUser : {CODEC_PROGRAM, CODEC_RECORDING}) {
+                const Codec *pFound =
+                    alias.szName ? CodecByName(KindOf(codec), alias.szName, nUser) : nullptr;
+                EXPECT_EQ(alias.szName && (alias.nUsers & nUser) ? &codec : nullptr, pFound) << codec.szName;
+            }
+        }
+    }
+    EXPECT_EQ(nullptr, CodecByName(MEDIA_AUDIO_OTHER, "H264", CODEC_PROGRAM)) << "not of this kind";
+    EXPECT_EQ(nullptr, CodecByStaticType(0));
+}
+
+// What a row must have so that every part of the system can do its work with it.
+TEST(Codec, EveryRowIsComplete)
+{
+    for (const Codec &codec : Codecs()) {
+        SCOPED_TRACE(codec.szName);
+        int bVideo = KindOf(codec) == MEDIA_VIDEO_OTHER;
+        EXPECT_EQ(bVideo, codec.pfnIsKey != nullptr) << "players of video start with a key frame";
+        EXPECT_LT(strlen(codec.szName), 16U) << "records of tracks hold 15 characters";
+        EXPECT_EQ(codec.pfnPack, CodecByType(codec.nMediaType)->pfnPack)
+            << "a player's track has only the type";
+        int bRecorded = CodecByName(KindOf(codec), codec.szName, CODEC_RECORDING) == &codec;
+        EXPECT_EQ(bRecorded, codec.pfnDepacket != nullptr);
+        EXPECT_EQ(bRecorded, codec.nForm != FORM_NONE);
+        EXPECT_EQ(bRecorded && !bVideo, codec.nSampleRate != 0);
+        EXPECT_EQ(bRecorded, codec.exported.szEnding && codec.exported.szHolds && codec.exported.szAvName);
+        EXPECT_TRUE(!bRecorded || codec.pfnPack) << "what is recorded can be played";
+    }
+}
+
+}  // namespace
+}  // namespace orx
