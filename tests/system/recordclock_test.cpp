@@ -50,7 +50,7 @@ TEST_F(RecordClockTest, FilesFollowEachOther)
     }));
     static const size_t pictures[] = {100, 50, 40};
     std::deque<Viewer> viewers(3);
-    std::string video, sound, sent = JoinData(camera->tracks[1].sent);
+    std::string video, sound;
     for (size_t i = 0; i < 3; i++) {
         EXPECT_THAT(files[i], testing::MatchesRegex("cam/20[0-9]{6}/S[0-9]{6}\\.zmf"));
         EXPECT_EQ(i, Number(files[i], 134, 2)) << "the number in the recording";
@@ -66,7 +66,7 @@ TEST_F(RecordClockTest, FilesFollowEachOther)
         sound.clear();
         for (const Viewer &viewer : viewers)
             sound += JoinData(viewer.Units(1, Codec::G711));
-        return sound == sent;
+        return sound == JoinData(camera->tracks[1].sent);
     }));
 }
 
