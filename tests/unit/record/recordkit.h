@@ -14,6 +14,7 @@
 #include "record/zmfwriter.h"
 #include "support/files.h"
 #include "support/output.h"
+#include "support/rtp.h"
 
 namespace orx {
 
@@ -30,33 +31,15 @@ inline uint32_t Size(const std::string &text)
     return static_cast<uint32_t>(text.size());
 }
 
-inline std::string Be(uint32_t nValue, size_t nBytes)
-{
-    uint8_t bytes[4];
-    PutBe(bytes, nBytes, nValue);
-    return Text(bytes, nBytes);
-}
-
-// nBytes that differ from place to place and with the seed.
-inline std::string Noise(size_t nBytes, uint32_t nSeed)
-{
-    std::string out(nBytes, '\0');
-    for (char &c : out) {
-        nSeed = nSeed * 1664525 + 1013904223;
-        c = static_cast<char>(nSeed >> 24);
-    }
-    return out;
-}
-
 inline std::string Rtp(uint16_t nSeq, uint32_t nTime, bool bMarker, const std::string &payload)
 {
-    return (bMarker ? "\x80\xE0" : "\x80\x60") + Be(nSeq, 2) + Be(nTime, 4) + Be(0x11223344, 4) + payload;
+    return MakeRtp({96, nSeq, nTime, bMarker}, payload);
 }
 
 // A NAL unit of a type; slices begin with the macroblock number 0.
 inline std::string Nal(int nType, size_t nBytes, uint32_t nSeed)
 {
-    std::string unit = Noise(nBytes, nSeed);
+    std::string unit = Pattern(nBytes, nSeed);
     unit[0] = static_cast<char>(0x60 | nType);
     if (nBytes > 1)
         unit[1] = static_cast<char>(unit[1] | 0x80);
