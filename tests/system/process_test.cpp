@@ -78,11 +78,7 @@ TEST_F(ProcessTest, ConsoleKnowsItsCommands)
     server.TypeBytes("quit");  // a last line without its end
     server.EndInput();
     EXPECT_EQ(0, server.WaitExit());
-}
-
-TEST_F(ProcessTest, RunsOnWithoutStandardInput)
-{
-    server.Start();
+    server.Start();  // without standard input it runs on
     server.EndInput();
     EXPECT_EQ(-1, server.WaitExit(300));
     Connect(&player);
