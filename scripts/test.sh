@@ -4,7 +4,7 @@
 # that fails.
 #   scripts/test.sh                 all sets
 #   scripts/test.sh release         one set: release, asan, tsan or fuzz
-#   ORX_LONG=1 scripts/test.sh      the full minutes of the interop tests, and long soaks
+#   ORX_LONG=1 scripts/test.sh      the full minutes of the interop tests
 #   ORX_FUZZ_SECONDS=600 ...        how long each fuzz target runs (10)
 set -eu
 cd "$(dirname "$0")/.."
