@@ -11,10 +11,12 @@ class Auth(InteropCase):
         self.start(SERVER={"AuthType": auth_type}, USERS=USERS)
         pusher = self.push(FfmpegPusher, options=("-tune", "zerolatency"))
         let_in = []
-        for case, credentials, players in [("right", "admin:s3cret", PLAYERS), ("listed", "guest:pass%20word", PLAYERS[:1])]:
+        for case, credentials, players in (("right", "admin:s3cret", PLAYERS),
+                                           ("listed", "guest:pass%20word", PLAYERS[:1])):
             let_in += self.play(30, players, self.server.url(credentials=credentials), case)
             self.assert_ended(let_in, 30)
-        for case, credentials, reason in [("wrong", "guest:s3cret", "403|Forbidden"), ("nobody", "", "401|Unauthorized")]:
+        for case, credentials, reason in (("wrong", "guest:s3cret", "403|Forbidden"),
+                                          ("nobody", "", "401|Unauthorized")):
             self.assert_refused(self.play(30, url=self.server.url(credentials=credentials), name=case), reason)
         self.assert_only(1)
         self.end(pusher)

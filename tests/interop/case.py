@@ -40,7 +40,8 @@ class InteropCase(unittest.TestCase):
 
     def play(self, frames=10**6, players=PLAYERS, url=None, name="", **options):
         """Starts players, each over its transport."""
-        return [self.add(make(self.dir, url or self.server.url(), transport, frames, name=name + make.__name__, **options))
+        url = url or self.server.url()
+        return [self.add(make(self.dir, url, transport, frames, name=name + make.__name__, **options))
                 for make, transport in players]
 
     def request(self, connection, method, headers=""):

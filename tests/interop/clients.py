@@ -246,8 +246,9 @@ class OrxPusher(Pusher):
 
     def __init__(self, folder, url, name="orxpush", seconds=10, options=(), sound=False):
         self.name_copies(folder, name)
-        ffmpeg("-f", "lavfi", "-i", "testsrc2=size=%dx%d:rate=%d:duration=%d" % (WIDTH, HEIGHT, FPS, seconds), "-pix_fmt",
-               "yuv420p", "-c:v", "libx264", "-preset", "ultrafast", "-g", str(GOP), "-bf", "0", "-f", "h264", self.copy)
+        ffmpeg("-f", "lavfi", "-i", "testsrc2=size=%dx%d:rate=%d:duration=%d" % (WIDTH, HEIGHT, FPS, seconds),
+               "-pix_fmt", "yuv420p", "-c:v", "libx264", "-preset", "ultrafast", "-g", str(GOP), "-bf", "0",
+               "-f", "h264", self.copy)
         if sound:
             ffmpeg("-f", "lavfi", "-i", "anoisesrc=sample_rate=8000:duration=%d" % seconds, "-f", "alaw", self.alaw)
             options = (*options, "--audio", self.alaw)

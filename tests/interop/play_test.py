@@ -42,7 +42,8 @@ class Play(InteropCase):
         pushers = {kind: self.push(make, kind, n + 1, name=kind, **options)
                    for n, (kind, (make, options)) in enumerate(PUSHERS.items())}
         time.sleep(10)  # of media, twice what is kept
-        players = {kind: self.play(2 * FPS, (PLAYERS[0], PLAYERS[6]), self.server.url(kind), kind + "-") for kind in pushers}
+        players = {kind: self.play(2 * FPS, (PLAYERS[0], PLAYERS[6]), self.server.url(kind), kind + "-")
+                   for kind in pushers}
         self.assert_ended(sum(players.values(), []))
         self.end(*pushers.values())
         for kind, pusher in pushers.items():
