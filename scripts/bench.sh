@@ -81,7 +81,7 @@ row() {
     "$bin/orxload" --json --quiet --"$1" "$2" --warmup 2 --duration "$seconds" --watch-pid $server \
         "rtsp://127.0.0.1:$port/bench" >"$dir/load" || echo "bench: orxload found faults (exit code $?)" >&2
     stop
-    "$bin/sendloop" --"$1" "$2" --seconds "$seconds" >"$dir/loop"
+    "$bin/sendloop" "$1" "$2" "$seconds" >"$dir/loop"
     loop=$(sed -n 's/.*"cpu_s_per_gb":\([0-9.]*\).*/\1/p' "$dir/loop")
     cpu=$(number server cpu_s_per_gb)
     printf '%-4s %7d %9.3f %9.3f %6.2f   %7.2f %7.2f %7.2f %7.2f   %9.1f %6s %6s\n' "$1" "$2" "$cpu" "$loop" \
@@ -99,7 +99,7 @@ for transport in ${BENCH_TRANSPORTS:-tcp udp}; do
     done
 done
 
-"$bin/recordloop" -m "${BENCH_MEGABYTES:-1000}" "${BENCH_DISK:-$dir}" >"$dir/record"
+"$bin/recordloop" "${BENCH_DISK:-$dir}" "${BENCH_MEGABYTES:-1000}" >"$dir/record"
 printf '\n%-12s %9s %12s %6s   %20s\n' "" "CPU s/GB" "plain writes" ratio "longest packet, ms"
 sed 's/[^0-9.,]//g; s/,/ /g' "$dir/record" |
     awk '{ printf "%-12s %9.3f %12.3f %6.2f   %20.2f\n", "recording", $1, $2, ($2 > 0 ? $1 / $2 : 0), $3 / 1000 }'

@@ -10,7 +10,7 @@ test="git libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev py
       ffmpeg mpv gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-base-apps
       gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav
       gstreamer1.0-rtsp
-      iproute2 nftables busybox"
+      iproute2 nftables"
 
 case "${1:-}" in
 build) wanted="$build $tools" ;;

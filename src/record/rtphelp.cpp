@@ -325,7 +325,9 @@ int Pack2RtpG711Block(RtpOut *pOut, const uint8_t *pData, uint32_t nLenIn, uint3
     PacketBuilder packet{pOut, nTrackId};
     int nPackets = 0;
     for (uint32_t nPos = 0; nPos < nLenIn; nPos += kG711Bytes, nPackets++) {
-        Begin(&packet, nTimeMs * 8);  // and again by the clock rate: players have come to expect this stamp
+        // part of this protocol: the stamp of a G.711 packet is eight times its milliseconds, then scaled by the
+        // clock rate as every other
+        Begin(&packet, nTimeMs * 8);
         Add(&packet, pData + nPos, kG711Bytes);
         if (!Finish(&packet, nTimeMs, 1, 0, 0))
             return 0;

@@ -1,14 +1,11 @@
 // Camera configurations: whatever the text, what a viewer is shown holds no account but the viewer's own.
 #include "server/methods/camcfg.h"
 
-#include <algorithm>
-#include <cstdint>
 #include <cstdlib>
-#include <string>
 
-#include "base/assertion.h"
 #include "base/inifile.h"
 #include "base/textnumber.h"
+#include "fuzz/fuzz.h"
 
 using namespace orx;
 
@@ -25,12 +22,12 @@ static std::string ValueIn(const char *szText, const std::string &key)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
 {
-    std::string text(reinterpret_cast<const char *>(pData), nBytes);
+    const std::string text = Text(pData, nBytes);
     size_t nShown = 0;
     char *szShown = CamCfgFilter(text.c_str(), nBytes, "bob", &nShown);
     ORX_ASSERT(szShown && nShown <= nBytes && szShown[nShown] == '\0', "what is left of a text is no longer");
-    ORX_ASSERT(ValueIn(szShown, "SuperUser") == "-", "no super user's name");
-    ORX_ASSERT(ValueIn(szShown, "SuperPwd") == "-", "no super user's password");
+    ORX_ASSERT(ValueIn(szShown, "SuperUser") == "-" && ValueIn(szShown, "SuperPwd") == "-",
+               "nothing of the super user");
     int nUsers = std::min(TextToInt(ValueIn(text.c_str(), "NumUsers").c_str()), 4);
     for (int i = 0; i < nUsers; i++) {
         std::string number = std::to_string(i);
@@ -40,8 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
     free(szShown);
     size_t nAccounts = 0;
     const char *pAccounts = CamCfgFindUsers(text.c_str(), nBytes, &nAccounts);
-    if (pAccounts)
-        ORX_ASSERT(size_t(pAccounts - text.c_str()) + nAccounts < nBytes,
-                   "accounts are followed by a section");
+    ORX_ASSERT(!pAccounts || size_t(pAccounts - text.c_str()) + nAccounts < nBytes,
+               "accounts are followed by a section");
     return 0;
 }

@@ -9,9 +9,9 @@
 //   "T"          the same, with every second piece on the GET half as it is
 //   "g"          a new connection, while a GET half with the cookie "c" waits
 //   "h"          a connection handed over with the first piece, while such a GET half waits
-#include <cstdlib>
-#include <cstring>
+#include <algorithm>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -29,6 +29,11 @@ static const char g_sdp[] =
     "v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:trackID=0\r\n"
     "m=audio 0 RTP/AVP 8\r\na=rtpmap:8 PCMA/8000/1\r\na=control:trackID=1\r\n"
     "m=data 0 RTP/AVP 98\r\na=rtpmap:98 event/1000\r\na=control:trackID=2\r\n";
+
+static const std::string g_post =
+    "POST /cam HTTP/1.0\r\nx-sessioncookie: C\r\nContent-Type: "
+    "application/x-rtsp-tunnelled\r\nContent-Length: "
+    "32767\r\n\r\n";
 
 // One connection as the server has it.
 struct Connection {
@@ -68,74 +73,33 @@ struct Connection {
     int Send(const std::string &text) { return Send(text.data(), text.size()); }
 };
 
-static std::string MakeRequest(const char *szMethod, int nCSeq, const char *szHeaders,
+static std::string MakeRequest(const char *szMethod, int nCSeq, const char *szHeaders = "",
                                const std::string &body = "")
 {
-    return std::string(szMethod) + " rtsp://h/cam/trackID=" + std::to_string(nCSeq % 10) +
+    return std::string(szMethod) + " rtsp://h/cam" +
+           (nCSeq < 10 ? "" : "/trackID=" + std::to_string(nCSeq % 10)) +
            " RTSP/1.0\r\nCSeq: " + std::to_string(nCSeq) + "\r\n" + szHeaders +
            (body.empty() ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n") + "\r\n" + body;
 }
 
-static void StartPusher(Connection *pPusher)
+// A pusher or player of so many tracks, from its first request on.
+static void Start(Connection *pConnection, const std::string &request, int nTracks)
 {
-    std::string path = "ANNOUNCE rtsp://h/cam RTSP/1.0\r\nCSeq: 1\r\nContent-Type: application/sdp\r\n";
-    std::string sdp = g_sdp;
-    ORX_ASSERT(pPusher->Send(path + "Content-Length: " + std::to_string(sdp.size()) + "\r\n\r\n" + sdp),
-               "announced");
-    for (int i = 0; i < 3; i++)
-        pPusher->Send(MakeRequest("SETUP", 10 + i, "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n"));
-    ORX_ASSERT(pPusher->Send(MakeRequest("PLAY", 20, "")), "pushing");
+    pConnection->Send(request);
+    for (int i = 0; i < nTracks; i++)
+        pConnection->Send(MakeRequest("SETUP", 10 + i, "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n"));
+    ORX_ASSERT(pConnection->Send(MakeRequest("PLAY", 20)), "it plays");
 }
 
-static void StartPlayer(Connection *pPlayer)
+// The pieces that a line of sizes cuts the data into.
+static std::vector<std::string> Cut(const std::string &sizes, std::string data)
 {
-    pPlayer->Send("DESCRIBE rtsp://h/cam RTSP/1.0\r\nCSeq: 1\r\n\r\n");
-    for (int i = 0; i < 2; i++)
-        pPlayer->Send(MakeRequest("SETUP", 10 + i, "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n"));
-    ORX_ASSERT(pPlayer->Send(MakeRequest("PLAY", 20, "")), "playing");
-}
-
-static void StartTunnel(Connection *pGet, Connection *pPost)
-{
-    pGet->Send("GET /cam HTTP/1.0\r\nx-sessioncookie: c\r\n\r\n");
-    if (pPost)
-        ORX_ASSERT(pPost->Send("POST /cam HTTP/1.0\r\nx-sessioncookie: C\r\nContent-Type: "
-                               "application/x-rtsp-tunnelled\r\nContent-Length: 32767\r\n\r\n"),
-                   "paired");
-}
-
-struct Plan {
-    char cWho = 'f';
-    std::vector<size_t> pieces;
-    const char *pData;
-    size_t nData;
-};
-
-static Plan ReadPlan(const char *pInput, size_t nBytes)
-{
-    auto *pEnd = static_cast<const char *>(memchr(pInput, '\n', nBytes));
-    if (!pEnd)
-        return {'f', {}, pInput, nBytes};
-    std::string line(pInput, pEnd);
-    Plan plan{line.empty() ? 'f' : line[0], {}, pEnd + 1, nBytes - static_cast<size_t>(pEnd + 1 - pInput)};
-    char *p = line.data() + !line.empty();
-    for (char *pNext; plan.pieces.size() < 64; p = pNext) {
-        size_t nPiece = strtoul(p, &pNext, 10);
-        if (pNext == p)
-            break;
-        plan.pieces.push_back(nPiece);
-    }
-    return plan;
-}
-
-// The next piece is taken off the plan.
-static std::string TakePiece(Plan *pPlan, size_t nPiece)
-{
-    nPiece = nPiece < pPlan->nData ? nPiece : pPlan->nData;
-    std::string piece(pPlan->pData, nPiece);
-    pPlan->pData += nPiece;
-    pPlan->nData -= nPiece;
-    return piece;
+    std::vector<std::string> pieces;
+    std::istringstream line(sizes);
+    for (size_t n; pieces.size() < 64 && line >> n; data.erase(0, n))
+        pieces.push_back(data.substr(0, n));
+    pieces.push_back(data);
+    return pieces;
 }
 
 // Who sends, and who gets every second piece instead.
@@ -146,40 +110,39 @@ struct Cast {
     Connection *pSecond = nullptr;
 };
 
-static void SetUp(Cast *pCast, Plan *pPlan)
+static void SetUp(Cast *pCast, char c, std::string *pFirst)
 {
-    char c = pPlan->cWho;
     g_settings.bStandardPushers = c == 'P';
-    StartPusher(&pCast->pusher);
+    Start(&pCast->pusher, MakeRequest("ANNOUNCE", 1, "Content-Type: application/sdp\r\n", g_sdp), 3);
     if (c == 'p' || c == 'P' || c == 'v') {
         pCast->player = std::make_unique<Connection>();
-        StartPlayer(pCast->player.get());
+        Start(pCast->player.get(), MakeRequest("DESCRIBE", 1), 2);
         pCast->pSender = c == 'v' ? pCast->player.get() : &pCast->pusher;
         return;
     }
-    if (c != 'h')
-        pCast->subject = std::make_unique<Connection>();
     if (c == 't' || c == 'T' || c == 'g' || c == 'h') {
         pCast->get = std::make_unique<Connection>();
-        StartTunnel(pCast->get.get(), c == 't' || c == 'T' ? pCast->subject.get() : nullptr);
+        pCast->get->Send("GET /cam HTTP/1.0\r\nx-sessioncookie: c\r\n\r\n");
         pCast->pSecond = c == 'T' ? pCast->get.get() : nullptr;
     }
-    if (c == 'h') {
-        size_t nFirst = pPlan->pieces.empty() ? pPlan->nData : pPlan->pieces[0];
-        std::string piece = TakePiece(pPlan, nFirst);
-        pCast->subject = std::make_unique<Connection>(piece.data(), piece.size());
-    }
+    pCast->subject = c == 'h' ? std::make_unique<Connection>(pFirst->data(), pFirst->size())
+                              : std::make_unique<Connection>();
+    if (c == 'h')
+        pFirst->clear();
+    ORX_ASSERT((c != 't' && c != 'T') || pCast->subject->Send(g_post), "paired");
     pCast->pSender = pCast->subject.get();
 }
 
-static void Play(Plan plan)
+static void Play(const std::string &input)
 {
+    size_t nLine = std::min(input.find('\n'), input.size()), nWho = nLine > 0 && nLine < input.size();
+    auto pieces = nLine < input.size() ? Cut(input.substr(nWho, nLine - nWho), input.substr(nLine + 1))
+                                       : std::vector<std::string>{input};
     Cast cast;
-    SetUp(&cast, &plan);
-    plan.pieces.push_back(plan.nData);
-    for (size_t i = 0; i < plan.pieces.size(); i++) {
+    SetUp(&cast, nWho ? input[0] : 'f', &pieces[0]);
+    for (size_t i = 0; i < pieces.size(); i++) {
         Connection *pTo = cast.pSecond && i % 2 ? cast.pSecond : cast.pSender;
-        if (!pTo->Send(TakePiece(&plan, plan.pieces[i])) && !cast.pSecond)
+        if (!pTo->Send(pieces[i]) && !cast.pSecond)
             break;
     }
     // what came behind the header of a POST is otherwise looked at a moment later
@@ -199,7 +162,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
 {
     static TestServer server("LiveTime=1\nEnableRtcp=1\nEnableLowEnergy=1\nConnectLimit=1000\n");
     ORX_ASSERT(server.bRunning, "the server runs");
-    Plan plan = ReadPlan(reinterpret_cast<const char *>(pData), nBytes);
-    server.Run([&] { Play(plan); });
+    const std::string input(reinterpret_cast<const char *>(pData), nBytes);
+    server.Run([&] { Play(input); });
     return 0;
 }

@@ -1,22 +1,10 @@
 // The packetisers: an input's first byte chooses one, the rest is a sample of a recording.
 #include "record/rtphelp.h"
 
-#include <algorithm>
-#include <memory>
-
-#include "base/assertion.h"
-#include "base/bytes.h"
-#include "base/console.h"
 #include "base/mediatype.h"
+#include "fuzz/fuzz.h"
 
 using namespace orx;
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    ConsoleSetDaemon(1);
-    AssertSurvivePeerFaults(1);
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
 {
@@ -30,8 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
     if (nBytes == 0)
         return 0;
     const auto &kind = kinds[pData[0] % std::size(kinds)];
-    std::unique_ptr<uint8_t[]> sample(new uint8_t[nBytes - 1]);
-    std::copy_n(pData + 1, nBytes - 1, sample.get());
+    auto sample = Exact(pData + 1, nBytes - 1);
     std::unique_ptr<uint8_t[]> scratch(new uint8_t[kMinScratch]);
     RtpOut out;
     out.bInterleaved = pData[0] & 0x80 ? 1 : 0;

@@ -1,11 +1,9 @@
 // Session descriptions: whatever the text, what is described makes sense and stays within its fields.
 #include "server/core/sdp.h"
 
-#include <cstring>
-#include <string>
 #include <vector>
 
-#include "base/assertion.h"
+#include "fuzz/fuzz.h"
 #include "record/sdpreader.h"
 #include "record/sdpscan.h"
 
@@ -13,8 +11,7 @@ using namespace orx;
 
 static void CheckTrack(const MediaInfo *pInfo, int i)
 {
-    ORX_ASSERT(pInfo->nMediaType != 0, "every track has a kind");
-    ORX_ASSERT(pInfo->nTimeScale != 0, "every track has a clock");
+    ORX_ASSERT(pInfo->nMediaType != 0 && pInfo->nTimeScale != 0, "every track has a kind and a clock");
     ORX_ASSERT(memchr(pInfo->szEncoding, 0, sizeof(pInfo->szEncoding)), "the name ends");
     ORX_ASSERT(pInfo->nRtpChannel == 2 * i && pInfo->nRtcpChannel == 2 * i + 1, "channels follow the index");
 }
@@ -35,7 +32,7 @@ static void Record(const std::string &text)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
 {
-    std::string text(reinterpret_cast<const char *>(pData), nBytes);
+    const std::string text = Text(pData, nBytes);
     Record(text);
     for (int bLive = 0; bLive < 2; bLive++) {
         Description desc;

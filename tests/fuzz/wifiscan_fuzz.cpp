@@ -1,23 +1,15 @@
 // What the scanning tool prints, names of strangers' networks included, reduces to a list of whole lines.
 #include "net/wifiscan.h"
 
-#include <cstdint>
 #include <cstdlib>
-#include <cstring>
 
-#include <algorithm>
-#include <memory>
-#include <string>
-
-#include "base/assertion.h"
+#include "fuzz/fuzz.h"
 
 using namespace orx;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
 {
-    // a copy of its very size, so that the address sanitizer sees a step past its end
-    std::unique_ptr<char[]> raw(new char[nBytes]);
-    std::copy_n(pData, nBytes, raw.get());
+    auto raw = Exact<char>(pData, nBytes);
     size_t nLength = 0;
     char *szList = WifiReduce(raw.get(), nBytes, &nLength);
     ORX_ASSERT(szList, "szList");

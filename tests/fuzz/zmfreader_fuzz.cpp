@@ -1,25 +1,9 @@
 // The recording reader: an input is a whole file. It is read to its end, sought in, and stepped through.
 #include "record/zmfreader.h"
 
-#include <sys/mman.h>
-
-#include <cstring>
-#include <memory>
-#include <string>
-
-#include "base/assertion.h"
-#include "base/bytes.h"
-#include "base/console.h"
-#include "support/files.h"
+#include "fuzz/fuzz.h"
 
 using namespace orx;
-
-// A file in memory, so that nothing is written to disk.
-static const std::string &ScratchFile()
-{
-    static const std::string path = "/proc/self/fd/" + std::to_string(memfd_create("recording", MFD_CLOEXEC));
-    return path;
-}
 
 // Reads a record whole. Its length must be the one it names.
 static void CheckRecord(const uint8_t *pRecord, uint32_t nBytes)
@@ -27,8 +11,7 @@ static void CheckRecord(const uint8_t *pRecord, uint32_t nBytes)
     ZMFRecordHead head;
     ZMFRecordHeadDecode(pRecord, &head);
     ORX_ASSERT(head.nLength == nBytes && nBytes >= kZmfRecordHeadBytes, "its own length");
-    std::unique_ptr<uint8_t[]> copy(new uint8_t[nBytes]);
-    memcpy(copy.get(), pRecord, nBytes);
+    Exact(pRecord, nBytes);
 }
 
 static uint64_t ReadToEnd(ZMFReader *pReader)
@@ -69,16 +52,9 @@ static void Step(ZMFReader *pReader)
     }
 }
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    ConsoleSetDaemon(1);
-    AssertSurvivePeerFaults(1);
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
 {
-    WriteFile(ScratchFile(), std::string(reinterpret_cast<const char *>(pData), nBytes));
+    WriteFile(ScratchFile(), Text(pData, nBytes));
     ZMFReader *pReader = ZMFReaderOpen(ScratchFile().c_str(), 4096);
     if (!pReader)
         return 0;

@@ -1,17 +1,13 @@
 // Packets of the rendezvous protocol: what a decoder accepts encodes to the bytes it was read from.
 #include "remote/zupo.h"
 
-#include <cstring>
-
-#include "base/assertion.h"
+#include "fuzz/fuzz.h"
 
 using namespace orx;
 
-namespace {
+static constexpr size_t kHead = sizeof(ZUPO_PACKET_HEAD);
 
-constexpr size_t kHead = sizeof(ZUPO_PACKET_HEAD);
-
-void CheckAddress(const uint8_t *pData, size_t nBytes)
+static void CheckAddress(const uint8_t *pData, size_t nBytes)
 {
     ZupoAddress address;
     uint8_t packet[kZupoPacketSize];
@@ -22,7 +18,7 @@ void CheckAddress(const uint8_t *pData, size_t nBytes)
     ORX_ASSERT(memcmp(packet + kHead, pData, kZupoAddressSize) == 0, "the same address");
 }
 
-void CheckDevice(const uint8_t *pData, size_t nBytes)
+static void CheckDevice(const uint8_t *pData, size_t nBytes)
 {
     DeviceInfo info, again;
     uint8_t packet[kZupoPacketSize];
@@ -34,8 +30,6 @@ void CheckDevice(const uint8_t *pData, size_t nBytes)
     ORX_ASSERT(ZupoDeviceDecode(&again, packet + kHead, nLen - kHead), "readable");
     ORX_ASSERT(memcmp(&info, &again, sizeof(info)) == 0, "the same device, with nothing behind its identity");
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
 {

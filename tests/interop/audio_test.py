@@ -1,11 +1,10 @@
 """Pictures with sound: both arrive as they were pushed, on one time line."""
 
 import os
-import unittest
 
 from case import InteropCase
 from clients import FFMPEG, FFMPEG_REMARKS, Child, FfmpegPusher, Gst, GstPusher, Mpv, OrxPusher, packets, sound
-from orxserver import LONG
+from orxserver import LONG, wait_for
 
 SECONDS = 60 if LONG else 5
 MAX_SKEW = 0.1  # seconds by which sound and pictures may be apart from how they were pushed
@@ -55,19 +54,18 @@ class Audio(InteropCase):
         """lossless: samples compare after decoding; reports: the server sends its own; in_frames: packets keep
         their borders on the way."""
         self.start(SERVER={"EnableRtcp": reports})
-        pusher = self.add(make(self.dir, self.server.url(), **options))
-        self.wait_program()
+        pusher = self.push(make, **options)
         url = self.server.url()
         copies = [self.add(CopyPlayer(self.dir, url, t, SECONDS)) for t in ("tcp", "udp", "http")]
         gst = [self.add(GstListener(self.dir, url, t)) for t in ("tcp", "udp")]
         mpv = self.add(MpvListener(self.dir, url, SECONDS))
-        for player in copies + [mpv]:
-            self.assertEqual(0, player.wait(SECONDS + 40), player.name)
-        for player in gst:
+        self.assert_ended(copies + [mpv], SECONDS + 40)
+        for player in gst:  # which may have needed a while to begin
+            wait_for(lambda p=player: not p.running() or os.path.exists(p.copy) and
+                     os.path.getsize(p.copy) > SECONDS * rate // 10, 40)
             self.assertEqual(0, player.stop(), player.name)
         self.assert_only(1)
-        self.assertEqual(pusher.interrupted, pusher.stop())
-        self.assert_empty()
+        self.end(pusher)
         pushed_sound = sound(pusher.sound_copy())
         for player in copies:
             with self.subTest(player.name):
@@ -119,7 +117,3 @@ class Audio(InteropCase):
 
     def test_orxpush_alaw(self):
         self.check(OrxPusher, 8000, True, 0, seconds=SECONDS + 20, sound=True)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,6 +1,7 @@
 """Real clients as child processes: pushers that keep a copy of what they push, and players that hand over
 every picture that they decode."""
 
+import functools
 import hashlib
 import os
 import re
@@ -81,6 +82,18 @@ class Child:
 FFMPEG_REMARKS = ("bind failed: Address already in use", r"^ *Last message repeated \d+ times$")
 
 
+def ffmpeg(*arguments, errors=None):
+    """What it writes to its standard output."""
+    return subprocess.run([*FFMPEG, *arguments], check=True, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                          stderr=errors).stdout
+
+
+def ffprobe(path, *arguments):
+    """The lines that it tells of a file."""
+    return subprocess.run(["ffprobe", "-loglevel", "error", *arguments, "-of", "csv=print_section=0", path], check=True,
+                          stdout=subprocess.PIPE, text=True).stdout.split()
+
+
 class FfmpegPlayer(Child):
     ignored = FFMPEG_REMARKS
 
@@ -112,6 +125,12 @@ class MpvPlayer(Mpv):
             "--of=rawvideo", "--ovc=rawvideo"], pictures=True)
 
 
+@functools.cache
+def scan_plugins():
+    """The first program on a fresh machine that uses GStreamer looks at all its plugins, and complains of some."""
+    subprocess.run(["gst-inspect-1.0", "fakesink"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+
 class Gst(Child):
     # Remarks that come with any live stream: a player's clock estimate yields when the pictures since the last key
     # picture arrive faster than in real time. And at its end: it waits for the reply
@@ -121,6 +140,7 @@ class Gst(Child):
     schemes = {"tcp": "rtspt", "udp": "rtspu", "http": "rtsph"}
 
     def __init__(self, name, folder, arguments, pictures=False, program=("gst-launch-1.0", "-q", "-e")):
+        scan_plugins()
         super().__init__(name, folder, [*program, *arguments], pictures,
                          env={"GST_DEBUG": "2", "GST_DEBUG_NO_COLOR": "1"})
 
@@ -175,15 +195,18 @@ PLAYERS = [
 
 class Pusher(Child):
     copy = None  # the file that holds what was pushed
+    alaw = None  # another one for its sound
     interrupted = 0  # its exit status when it is stopped
 
     def sound_copy(self):
         """The sound that was pushed: the arguments with which ffmpeg reads it."""
-        return [self.copy]
+        return ["-f", "alaw", "-ar", "8000", self.alaw] if self.alaw else [self.copy]
 
     def reference(self):
-        """The pictures of what it pushed, in order, and the numbers of those that are key pictures."""
         return decode(self.copy)
+
+    def name_copies(self, folder, name):
+        self.copy, self.alaw = (os.path.join(folder, name + ending) for ending in (".h264", ".alaw"))
 
 
 class FfmpegPusher(Pusher):
@@ -203,8 +226,7 @@ class FfmpegPusher(Pusher):
 
 class GstPusher(Gst, Pusher):
     def __init__(self, folder, url, name="gst-push", sound=False):
-        self.copy = os.path.join(folder, name + ".h264")
-        self.alaw = os.path.join(folder, name + ".alaw")
+        self.name_copies(folder, name)
         line = ("rtspclientsink name=s protocols=tcp location=%s "
                 "videotestsrc is-live=true pattern=snow ! "
                 "video/x-raw,format=I420,width=%d,height=%d,framerate=%d/1 ! "
@@ -218,67 +240,50 @@ class GstPusher(Gst, Pusher):
                      "a. ! queue ! filesink buffer-mode=unbuffered location=" + self.alaw)
         super().__init__(name, folder, line.split())
 
-    def sound_copy(self):
-        return ["-f", "alaw", "-ar", "8000", self.alaw]
-
 
 class OrxPusher(Pusher):
     ignored = (r"^orxpush: \d+ program.? started$", r"^orxpush: \d+ packets, \d+ bytes sent$")
 
     def __init__(self, folder, url, name="orxpush", seconds=10, options=(), sound=False):
-        self.copy = os.path.join(folder, name + ".h264")
-        self.alaw = os.path.join(folder, name + ".alaw")
-        encode(self.copy, seconds)
+        self.name_copies(folder, name)
+        ffmpeg("-f", "lavfi", "-i", "testsrc2=size=%dx%d:rate=%d:duration=%d" % (WIDTH, HEIGHT, FPS, seconds),
+               "-pix_fmt", "yuv420p", "-c:v", "libx264", "-preset", "ultrafast", "-g", str(GOP), "-bf", "0",
+               "-f", "h264", self.copy)
         if sound:
-            make_noise(self.alaw, seconds)
+            ffmpeg("-f", "lavfi", "-i", "anoisesrc=sample_rate=8000:duration=%d" % seconds, "-f", "alaw", self.alaw)
             options = (*options, "--audio", self.alaw)
         super().__init__(name, folder, [
             PUSH_PROGRAM, "--quiet", "--file", self.copy, "--fps", str(FPS), *options, url])
 
-    sound_copy = GstPusher.sound_copy
-
-
-def make_noise(path, seconds):
-    subprocess.run(FFMPEG + ["-f", "lavfi", "-i", "anoisesrc=sample_rate=8000:duration=%d" % seconds, "-f", "alaw", path],
-                   check=True, stdin=subprocess.DEVNULL)
-
-
-def encode(path, seconds):
-    """Makes a byte stream of so many seconds."""
-    subprocess.run(FFMPEG + [
-        "-y", "-f", "lavfi", "-i", "testsrc2=size=%dx%d:rate=%d:duration=%d" % (WIDTH, HEIGHT, FPS, seconds),
-        "-pix_fmt", "yuv420p", "-c:v", "libx264", "-preset", "ultrafast", "-g", str(GOP), "-bf", "0", "-f", "h264",
-        path], check=True, stdin=subprocess.DEVNULL)
-
 
 def decode(path):
-    raw = subprocess.run(FFMPEG + ["-i", path, "-fps_mode", "passthrough", "-f", "rawvideo", "-pix_fmt", "yuv420p",
-                                   "pipe:1"], check=True, stdout=subprocess.PIPE, stdin=subprocess.DEVNULL).stdout
+    """Its pictures, and the numbers of the key pictures."""
+    raw = ffmpeg("-i", path, "-fps_mode", "passthrough", "-f", "rawvideo", "-pix_fmt", "yuv420p", "pipe:1")
     pictures = [hashlib.md5(raw[i:i + PICTURE]).hexdigest() for i in range(0, len(raw) - PICTURE + 1, PICTURE)]
-    shown = subprocess.run(["ffprobe", "-loglevel", "error", "-select_streams", "v", "-show_entries", "frame=key_frame",
-                            "-of", "csv=print_section=0", path], check=True, stdout=subprocess.PIPE).stdout.decode()
-    keys = [i for i, line in enumerate(shown.split()) if line.startswith("1")]
-    return pictures, keys
+    shown = ffprobe(path, "-select_streams", "v", "-show_entries", "frame=key_frame")
+    return pictures, [i for i, line in enumerate(shown) if line.startswith("1")]
 
 
 def packets(path):
     """Its packets of either kind, "video" and "audio": (time in seconds, digest)."""
-    text = subprocess.run(["ffprobe", "-loglevel", "error", "-show_data_hash", "MD5", "-show_entries",
-                           "packet=codec_type,dts_time,data_hash", "-of", "csv=print_section=0", path],
-                          check=True, stdout=subprocess.PIPE).stdout.decode()
     found = {"video": [], "audio": []}
-    for line in text.split():
+    for line in ffprobe(path, "-show_data_hash", "MD5", "-show_entries", "packet=codec_type,dts_time,data_hash"):
         kind, time, digest = (line + ",").split(",")[:3]
         if kind:  # the first packet of some encoders takes two lines
             found[kind].append((float(time), digest))
     return found
 
 
+def duration(path):
+    """Of a file, in seconds, as its head says."""
+    return float(ffprobe(path, "-show_entries", "format=duration")[0])
+
+
 def sound(source, *how):
     """The bytes of its sound: as they were sent, without any frames around them; or converted.
     source: how ffmpeg is to read it."""
-    return subprocess.run(FFMPEG + [*source[:-1], "-i", source[-1], "-map", "0:a", *(how or ("-c", "copy", "-f", "data")), "pipe:1"],
-                          check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
+    return ffmpeg(*source[:-1], "-i", source[-1], "-map", "0:a", *(how or ("-c", "copy", "-f", "data")), "pipe:1",
+                  errors=subprocess.DEVNULL)
 
 
 def mismatch(got, reference):

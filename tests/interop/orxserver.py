@@ -95,57 +95,45 @@ class Server:
         with open(self.log, errors="replace", newline="") as f:
             return f.read()
 
-    def url(self, name="live/cam", scheme="rtsp", credentials=""):
-        return "%s://%s127.0.0.1:%d/%s" % (scheme, credentials + "@" if credentials else "", self.port, name)
+    def url(self, name="live/cam", credentials=""):
+        return "rtsp://%s127.0.0.1:%d/%s" % (credentials + "@" if credentials else "", self.port, name)
 
     def stat(self):
-        """Asks the console. What was printed before does not count."""
-        before = self.output().count("TaskNum=")
+        """Asks the console."""
+        begin = len(self.output())
         self.process.stdin.write(b"stat\n")
         self.process.stdin.flush()
 
         def answer():
-            parts = self.output().split("TaskNum=")
-            if len(parts) <= before + 1:
-                return None
-            text = "TaskNum=" + parts[before + 1]
-            head = re.search(r"Lives=(\d+), Clients=(\d+), Monitors=\d+\.\r?\n", text)
-            if not head:
-                return None
-            stat = Stat(text)
-            return stat if len(stat.sessions) >= stat.lives + stat.clients else None
+            text = self.output()[begin:]
+            self.last = Stat(text) if re.search(r"Lives=.*\.\r?\n", text) else None
+            return self.last and len(self.last.sessions) >= self.last.lives + self.last.clients
 
-        stat = wait_for(answer, 10)
-        if not stat:
+        if not wait_for(answer, 10):
             raise AssertionError("no answer to stat:\n" + self.output()[-2000:])
-        return stat
+        return self.last
 
-    def wait_stat(self, condition, seconds=20.0):
+    def wait_stat(self, condition):
         """Asks until condition(stat) holds; the last answer."""
-        end = time.monotonic() + seconds
-        while True:
-            stat = self.stat()
-            if condition(stat) or time.monotonic() > end:
-                return stat
-            time.sleep(0.1)
+        wait_for(lambda: condition(self.stat()), step=0.1)
+        return self.last
+
+    def wait_output(self, text, times=1):
+        return wait_for(lambda: self.output().count(text) >= times)
 
     def descriptors(self):
         return sorted(os.readlink(entry.path) for entry in os.scandir("/proc/%d/fd" % self.process.pid))
 
     def quit(self):
-        """Ends it as a user does; its exit status."""
+        """Ends it as a user does, unless it has ended; its exit status."""
         if not self.process:
             return 0
         try:
-            self.process.stdin.write(b"quit\n")
-            self.process.stdin.close()
-        except BrokenPipeError:
-            pass
-        try:
-            return self.process.wait(20)
+            self.process.communicate(b"quit\n" if self.process.poll() is None else None, 20)
         except subprocess.TimeoutExpired:
             self.kill()
             return "does not end"
+        return self.process.returncode
 
     def kill(self):
         if self.process and self.process.poll() is None:

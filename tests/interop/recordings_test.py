@@ -1,14 +1,14 @@
 """Recordings: what real players and the export make of them is what was pushed."""
 
+import glob
 import os
 import re
+import socket
 import subprocess
-import unittest
 
 from case import InteropCase
-from clients import FFMPEG, FPS, FfmpegPlayer, GstSeeker, MpvPlayer, OrxPusher, decode, mismatch, packets, sound
+from clients import FPS, PLAYERS, GstSeeker, OrxPusher, decode, duration, ffmpeg, mismatch, packets, sound
 from orxserver import wait_for
-from rtspplayer import UdpPlayer
 
 TRANSPORTS = ("tcp", "udp", "http")
 ZMF_PROGRAM = os.environ.get("ORX_ZMF", "orxzmf")
@@ -22,17 +22,13 @@ class Recordings(InteropCase):
         """Records orxpush, and stores its media and its pictures, which are those that were pushed."""
         root = os.path.join(self.dir, "rec")
         self.start(**{**settings, "STORAGE": {"RecordPath": root}})
-        pusher = self.add(OrxPusher(self.dir, self.server.url(), seconds=seconds, sound=True,
-                                    options=("--speed", str(SPEED))))
-        self.wait_program()
-        control = UdpPlayer(self.server.url())
-        control.request("DESCRIBE")
-        control.request("RECORDEX", headers="ActionParam: EventType=1\r\n")
-        self.assertEqual(0, pusher.wait(seconds + 40))
-        control.close()
+        pusher = self.push(OrxPusher, seconds=seconds, sound=True, options=("--speed", str(SPEED)))
+        with socket.create_connection(("127.0.0.1", self.server.port)) as control:
+            self.request(control, "DESCRIBE")
+            self.request(control, "RECORDEX", "ActionParam: EventType=1\r\n")
+            self.assertEqual(0, pusher.wait(seconds + 40))
         self.assert_empty()
-        self.name = subprocess.run(["find", root, "-name", "*.zmf", "-printf", "%P"], check=True,
-                                   stdout=subprocess.PIPE).stdout.decode()
+        self.name = os.path.relpath(glob.glob(root + "/**/*.zmf", recursive=True)[0], root)
         self.url = self.server.url(self.name)
         self.zmf("check")
         self.pictures, self.keys = decode(self.zmf("export", "h264"))
@@ -62,24 +58,19 @@ class Recordings(InteropCase):
     def test_to_the_end(self):
         """The whole of it; a report tells the players when there is no more."""
         self.record(10, SERVER={"EnableRtcp": 1})
-        players = [self.add(FfmpegPlayer(self.dir, self.url, transport)) for transport in TRANSPORTS]
-        players += [self.add(MpvPlayer(self.dir, self.url, transport)) for transport in ("tcp", "udp")]
+        players = self.play(players=PLAYERS[:5], url=self.url)
         players += [self.add(GstSeeker(self.dir, self.url, transport)) for transport in TRANSPORTS]
-        status = {player.name: player.wait(60) for player in players}
-        self.assertEqual({}, {name: s for name, s in status.items() if s != 0}, "exit status of players")
+        self.assert_ended(players, 60)
         self.check(players, 0, len(self.pictures))
 
     def test_from_elsewhere(self):
         """ffmpeg and mpv pause, and go on elsewhere; GStreamer only asks for another place."""
         self.record(12)
         start, frames = 6, 2 * FPS
-        players = [self.add(FfmpegPlayer(self.dir, self.url, transport, frames, before=("-ss", str(start))))
-                   for transport in TRANSPORTS]
-        players += [self.add(MpvPlayer(self.dir, self.url, transport, frames, options=("--start=%d" % start,)))
-                    for transport in ("tcp", "udp")]
+        players = self.play(frames, PLAYERS[:3], self.url, before=("-ss", str(start)))
+        players += self.play(frames, PLAYERS[3:5], self.url, options=("--start=%d" % start,))
         seekers = [self.add(GstSeeker(self.dir, self.url, transport, start)) for transport in TRANSPORTS]
-        for player in players:
-            self.assertEqual(0, player.wait(60), player.name)
+        self.assert_ended(players, 60)
         first, last = start * FPS, start * FPS + frames
         for player in seekers:
             self.assertTrue(wait_for(lambda: self.pictures[last - 1] in player.pictures, 60), player.name)
@@ -94,8 +85,7 @@ class Recordings(InteropCase):
         for ending in ("mkv", "mp4"):
             with self.subTest(ending):
                 path = self.zmf("export", ending)
-                said = subprocess.run(FFMPEG + ["-i", path, "-f", "null", "-"], check=True,
-                                      stdout=subprocess.PIPE, stderr=subprocess.STDOUT).stdout.decode()
+                said = ffmpeg("-i", path, "-f", "null", "-", errors=subprocess.STDOUT).decode()
                 self.assertEqual("", re.sub("Guessed Channel Layout.*\n", "", said))
                 self.assertEqual((self.pictures, self.keys), decode(path))
                 found = packets(path)
@@ -107,13 +97,3 @@ class Recordings(InteropCase):
                 if ending == "mkv":  # where the sound loses nothing
                     self.assertEqual(sound(["-f", "alaw", "-ar", "8000", self.zmf("export", "g711")], "-f", "s16le"),
                                      sound([path]))
-
-
-def duration(path):
-    """Of a file, in seconds, as its head says."""
-    return float(subprocess.run(["ffprobe", "-loglevel", "error", "-show_entries", "format=duration", "-of",
-                                 "csv=print_section=0", path], check=True, stdout=subprocess.PIPE).stdout)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -13,6 +13,7 @@
 #include "runtime/clock.h"
 #include "server/media/distribute.h"
 #include "server/media/filesend.h"
+#include "support/rtp.h"
 #include "support/testcore.h"
 #include "support/wait.h"
 
@@ -30,14 +31,8 @@ struct Packet {
 
 inline DataBlock *MakePacket(const Packet &packet)
 {
-    std::vector<uint8_t> frame(4 + 12 + packet.nPayload, 'p');
-    frame[0] = '$';
-    frame[1] = static_cast<uint8_t>(2 * packet.nTrack);
-    PutBe(&frame[2], 2, static_cast<uint32_t>(12 + packet.nPayload));
-    frame[4] = 0x80;
-    frame[5] = static_cast<uint8_t>(packet.bMarker << 7 | kPayloadTypes[packet.nTrack]);
-    PutBe(&frame[8], 4, packet.nTime * 90);
-    PutBe(&frame[12], 4, 0xFEEDF00D);
+    const RtpFields head{kPayloadTypes[packet.nTrack], 0, packet.nTime * 90, packet.bMarker != 0};
+    std::string frame = Frame(2 * packet.nTrack, MakeRtp(head, std::string(packet.nPayload, 'p')));
     DataBlock *pBlock = MakeDataBlock(frame.data(), frame.size(), 1, packet.nTrack == 0, packet.bKey);
     pBlock->nTimestamp = packet.nTime;
     return pBlock;

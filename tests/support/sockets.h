@@ -125,9 +125,9 @@ struct Listener {
     Sock sock;
     int nPort = 0;
 
-    Listener() : sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    explicit Listener(int nWantedPort = 0) : sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
-        sockaddr_in addr = Loopback(0);
+        sockaddr_in addr = Loopback(nWantedPort);
         bind(sock.fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr));
         listen(sock.fd, 512);
         nPort = PortOf(sock.fd);

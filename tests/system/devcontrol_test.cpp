@@ -5,8 +5,7 @@
 #include "support/sockets.h"
 #include "system/systemtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 using namespace std::string_literals;
 using testing::HasSubstr;
@@ -68,10 +67,13 @@ struct DevControlTest : SystemTest {
     }
 };
 
+// Over a tunnel the answer comes on the GET connection, between the media.
 TEST_F(DevControlTest, ForwardsToTheLetterAndBringsTheAnswerBack)
 {
     StartCamera(CameraSdp());
-    RtspClient &watcher = Watch();
+    Watch();
+    RtspClient &watcher = players.emplace_back();
+    ASSERT_EQ(1, RtspOpenPlayer(&watcher, server.Url("/cam").c_str(), RTSP_OVER_TUNNEL));
     const std::string text = "two\r\n\r\nlines\0of $text"s;
     const struct {
         const char *szMethod, *szForwarded;
@@ -82,9 +84,7 @@ TEST_F(DevControlTest, ForwardsToTheLetterAndBringsTheAnswerBack)
          "CamAction: zoom in\r\nActionParam: speed=3\r\n"},
         {"CAMCONTROL", "CAMCONTROL", kAction, text,
          kAction + "ActionParam: none\r\n" + kPlain + "Content-length: 21\r\n"},
-        {"PUTVOICE", "PUTVOICE", kVoice, Pattern(1500, 7), kVoice + "Content-length: 1500\r\n"},
-        {"PUTVOICE", "PUTVOICE", kVoice, "$", kVoice + "Content-length: 1\r\n"},
-        {"GETCAMINFO", "GETCAMINFO", "GetInfoType: getcamtime\r\n", "", "GetInfoType: getcamtime\r\n"},
+        {"PUTVOICE", "PUTVOICE", kVoice, "$" + Pattern(1500, 7), kVoice + "Content-length: 1501\r\n"},
         {"GETCAMINFO", "GETCAMINFO", "GetInfoType: GetCamCfg\r\n", "", "GetInfoType: GetCamCfg\r\n"},
     };
     // the pusher's last request had this number, and its reply went out with it
@@ -97,6 +97,7 @@ TEST_F(DevControlTest, ForwardsToTheLetterAndBringsTheAnswerBack)
         EXPECT_EQ(c.szForwarded + (" RTSP/1.0\r\n" + kServerLine) + "CSeq: " + std::to_string(++nNumber) +
                       "\r\n" + c.lines + "ClientSsId: " + handle + "\r\n\r\n" + c.body,
                   request.raw);
+        SendPictures(&pusher, 0, 3);
         ASSERT_EQ(1, RtspRespond(&pusher, &request, "200 OK"));
         nNumber = pusher.nCSeq - 1;  // an answer has no reply, and leaves its number to the next request
         ExpectTold(&watcher, "200 OK ");
@@ -104,35 +105,6 @@ TEST_F(DevControlTest, ForwardsToTheLetterAndBringsTheAnswerBack)
     EXPECT_THAT(handle, testing::MatchesRegex("[1-9][0-9]*"));
     EXPECT_TRUE(Answers(&pusher));
     EXPECT_TRUE(pusher.inbox.empty()) << "no reply to the answers";
-}
-
-TEST_F(DevControlTest, RefusesAndKeepsTheConnection)
-{
-    StartCamera(CameraSdp());
-    const std::string respond = "ClientSsId: 0\r\nForward: 200 OK\r\n";
-    const struct {
-        bool bWatches;
-        std::string method, headers, body, status;
-    } cases[] = {
-        {false, "CAMCONTROL", kAction, "", "400 Bad Request(no CAMCONTROL yet)"},
-        {true, "CAMCONTROL", "ActionParam: 1\r\n", "", "400 Bad Request(no CAMCONTROL yet)"},
-        {true, "CAMCONTROL", "CamAction: a\nX: b\r\n", "", "400 Bad Request(no CAMCONTROL yet)"},
-        {false, "PUTVOICE", kVoice, "x", "400 Bad Request(no PUTVOICE yet)"},
-        {true, "PUTVOICE", kVoice, "", "400 Bad Request"},
-        {true, "PUTVOICE", kPlain, "x", "400 Bad Request"},
-        {true, "GETCAMINFO", "GetInfoType: a\nb\r\n", "", "400 Bad Request(GetInfoType field not found)"},
-        {false, "GETCAMINFO", kGetCfg, "", "400 Bad Request(no GETCAMCFG yet)"},
-        {true, "RESPOND", respond, "", "400 Bad Request(no RESPOND yet)"},
-        {true, "PUTCAMCFG", kPlain, "x", "400 Bad Request(no PUTCAMCFG yet)"},
-        {true, "PUTCAMCFG", kPlain, "", "400 Bad Request"},
-        {false, "PUTCAMCFG", kVoice, "x", "400 Bad Request"},
-    };
-    RtspClient &stranger = Add(), &watcher = Watch();
-    for (const auto &c : cases)
-        EXPECT_EQ(Reply(c.status), Ask(c.bWatches ? &watcher : &stranger, c.method, "", c.headers, c.body))
-            << c.method << c.headers;
-    EXPECT_TRUE(Answers(&pusher));
-    EXPECT_TRUE(pusher.inbox.empty()) << "nothing of it reached the camera";
 }
 
 // The whole request fits 2048 bytes or is refused; it is never cut.
@@ -153,29 +125,6 @@ TEST_F(DevControlTest, RefusesWhatDoesNotFit)
         ask(nLargest + 1);
         ExpectTold(&watcher, "400 Bad Request(no CAMCONTROL yet)");
     }
-}
-
-// In any order; over a tunnel the answer comes on the GET connection, between the media.
-TEST_F(DevControlTest, ServesManyPlayers)
-{
-    StartCamera(CameraSdp());
-    RtspClient tunnel;
-    ASSERT_EQ(1, RtspOpenPlayer(&tunnel, server.Url("/cam").c_str(), RTSP_OVER_TUNNEL));
-    std::vector<RtspClient *> clients = {&tunnel};
-    for (int i = 1; i < 5; i++)
-        clients.push_back(&Watch());
-    std::vector<RtspMessage> requests;
-    for (size_t i = 0; i < clients.size(); i++) {
-        clients[i]->nCSeq = 100 * static_cast<int>(i + 1);
-        Send(clients[i], "CAMCONTROL", "CamAction: a" + std::to_string(i) + "\r\n");
-        requests.push_back(Forwarded("CAMCONTROL"));
-        EXPECT_EQ("a" + std::to_string(i), Header(requests.back(), "CamAction"));
-    }
-    SendPictures(&pusher, 0, 3);
-    for (size_t i = clients.size(); i-- > 0;)
-        ASSERT_EQ(1, RtspRespond(&pusher, &requests[i], ("20" + std::to_string(i) + " fine, a: b").c_str()));
-    for (size_t i = 0; i < clients.size(); i++)
-        ExpectTold(clients[i], "20" + std::to_string(i) + " fine, a: b ");
 }
 
 TEST_F(DevControlTest, DropsAnswersThatNobodyWaitsFor)
@@ -215,8 +164,7 @@ TEST_F(DevControlTest, GivesUpWhoDoesNotRead)
     Leave(std::string(4000, 'x'));
     RtspClient &lazy = players.emplace_back();
     lazy.nReceiveBuffer = 4096;
-    Connect(&lazy);
-    ASSERT_EQ(1, RtspDescribe(&lazy));
+    Describe(&lazy);
     for (int i = 0; i < 20000 && RtspSend(&lazy, "GETCAMINFO", nullptr, kGetCfg.c_str());)
         i++;
     EXPECT_TRUE(server.WaitOutput("Too many replies wait on fd=0x"));
@@ -247,21 +195,12 @@ TEST_F(DevControlTest, ShowsEverybodyTheirOwnConfiguration)
     EXPECT_EQ(WithBody("651 Get camera config failed", kPlain, ""),
               Ask(&Watch("stranger"), "GETCAMINFO", "", kGetCfg));
     Leave(kCamCfg);
-    const struct {
-        const char *szUser, *szPassword;
-        std::string shown;
-        bool bControls;
-    } cases[] = {{"boss", "bosspw", kCamCfg, true}, {"bob", "bobpw", kBobsView, false}};
-    for (const auto &c : cases) {
-        RtspClient &watcher = Watch(c.szUser, c.szPassword);
-        EXPECT_EQ(WithBody("650 Get camera config OK", kPlain, c.shown),
-                  Ask(&watcher, "GETCAMINFO", "", kGetCfg));
-        Send(&watcher, "CAMCONTROL", kAction);
-        if (c.bControls)
-            Forwarded("CAMCONTROL");
-        else
-            ExpectTold(&watcher, "400 Bad Request(no CAMCONTROL yet)");
-    }
+    RtspClient &boss = Watch("boss", "bosspw"), &bob = Watch("bob", "bobpw");
+    EXPECT_EQ(WithBody("650 Get camera config OK", kPlain, kCamCfg), Ask(&boss, "GETCAMINFO", "", kGetCfg));
+    EXPECT_EQ(WithBody("650 Get camera config OK", kPlain, kBobsView), Ask(&bob, "GETCAMINFO", "", kGetCfg));
+    EXPECT_EQ(kNoControl, Ask(&bob, "CAMCONTROL", "", kAction));
+    Send(&boss, "CAMCONTROL", kAction);
+    Forwarded("CAMCONTROL");
     Leave("[USERS]\r\nNumUsers=0\r\n");  // accounts that are followed by nothing leave those that are known
     Watch("bob", "bobpw");
     Leave("[USERS][VIDEO]\r\n");
@@ -289,11 +228,9 @@ TEST_F(DevControlTest, TakesNothingFromAChallengedPlayer)
 TEST_F(DevControlTest, GivesEveryGuidItsName)
 {
     auto ask = [this](const std::string &guid) {
-        return Ask(&Add(), "REGISTER", "", guid.empty() ? "" : "Guid: " + guid + "\r\n");
+        return Ask(&Add(), "REGISTER", "", "Guid: " + guid + "\r\n");
     };
     server.Start();
-    for (const char *szGuid : {"", "a=b", "a\nMaxRegisterId"})
-        EXPECT_EQ(Reply("400 Bad Request(no Guid field)"), ask(szGuid)) << szGuid;
     EXPECT_EQ(Reply("200 OK", "Result: cam1001\r\n"), ask("a"));
     EXPECT_EQ(Reply("200 OK", "Result: cam1002\r\n"), ask("b"));
     ASSERT_EQ(0, server.Quit());
@@ -301,6 +238,3 @@ TEST_F(DevControlTest, GivesEveryGuidItsName)
     EXPECT_EQ(Reply("200 OK", "Result: cam1003\r\n"), ask("c"));
     EXPECT_EQ(Reply("200 OK", "Result: cam1001\r\n"), ask("a"));
 }
-
-}  // namespace
-}  // namespace orx

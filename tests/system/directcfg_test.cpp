@@ -1,18 +1,14 @@
 // The administrator's methods, with the camera process at the other end of its message queue. The queue and
 // the camera's program are in namespaces of this test's own.
-#include <cstring>
 #include <filesystem>
 
-#include <sys/ipc.h>
-#include <sys/msg.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "support/namespaces.h"
+#include "support/cameraqueue.h"
 #include "system/systemtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 using testing::EndsWith;
 
@@ -69,37 +65,20 @@ TEST_F(DirectCfgTest, ReadsTheServersConfiguration)
 }
 
 struct CameraTest : DirectCfgTest {
-    static constexpr char kProgram[] = "/opt/app/bin/pusher";
     int nQueue = -1;
 
     void SetUp() override
     {
-        if (!EnterNamespaces(CLONE_NEWIPC | CLONE_NEWNS) || !MountEmpty("/opt"))
+        if (!MakeCameraProgram())
             GTEST_SKIP() << "needs the right to make namespaces of message queues and mounts";
         Start();
     }
     void MakeCamera()
     {
-        std::filesystem::create_directories("/opt/app/bin");
-        WriteFile(kProgram, "");
-        nQueue = msgget(ftok(kProgram, 'a'), IPC_CREAT | 0666);
+        nQueue = msgget(ftok(kCameraProgram, 'a'), IPC_CREAT | 0666);
         ASSERT_GE(nQueue, 0);
     }
-    // The next command to the camera, as the text up to its end; "" when there is none.
-    std::string Command() const
-    {
-        struct {
-            long nType;
-            int32_t nSender;
-            char text[1028];
-        } msg{};
-        if (msgrcv(nQueue, &msg, 1032, 1, IPC_NOWAIT) != 1032)
-            return "";
-        EXPECT_EQ(server.pid, msg.nSender);
-        for (size_t i = strlen(msg.text); i < sizeof(msg.text); i++)
-            EXPECT_EQ('\0', msg.text[i]);
-        return msg.text;
-    }
+    std::string Command() const { return TakeCommand(nQueue, server.pid); }
     // The file that a new configuration lies in; "" when there is none.
     std::string FindNewCfg() const
     {
@@ -140,10 +119,6 @@ TEST_F(CameraTest, GetsItsNewConfiguration)
 TEST_F(CameraTest, IsNotThere)
 {
     EXPECT_EQ(kInternal, SetCfg(admin, newCfg));
-    EXPECT_TRUE(server.WaitOutput("Creat Key for MsgQueue Error:No such file or directory\n"));
-    MakeCamera();
-    ASSERT_EQ(0, msgctl(nQueue, IPC_RMID, nullptr));
-    EXPECT_EQ(kInternal, SetCfg(admin, newCfg));
     EXPECT_TRUE(server.WaitOutput("errno=2(ENOENT)!\r\n"));
     // a camera that reads no more shows on the console only
     MakeCamera();
@@ -155,7 +130,7 @@ TEST_F(CameraTest, IsNotThere)
     EXPECT_TRUE(server.WaitOutput(" = -1\r\n", 2));
     EXPECT_EQ("", Command());
     EXPECT_EQ("", FindNewCfg()) << "nothing is left that nobody will ask for";
+    std::filesystem::remove(kCameraProgram);
+    EXPECT_EQ(kInternal, SetCfg(admin, newCfg));
+    EXPECT_TRUE(server.WaitOutput("Creat Key for MsgQueue Error:No such file or directory\n"));
 }
-
-}  // namespace
-}  // namespace orx

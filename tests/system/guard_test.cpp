@@ -6,8 +6,7 @@
 
 #include "system/systemtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 const std::string kCookie = " / HTTP/1.0\r\nx-sessioncookie: c\r\n";
 const std::string kPost = "POST" + kCookie + "Content-Type: application/x-rtsp-tunnelled\r\n\r\n";
@@ -166,6 +165,3 @@ TEST(Guard, LimitsAreNotFaults)
     EXPECT_TRUE(Answers(&scene.peer));
     EXPECT_EQ(0, scene.server.Quit());
 }
-
-}  // namespace
-}  // namespace orx

@@ -5,8 +5,7 @@
 #include "support/sockets.h"
 #include "system/recordingtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 const bool kLong = getenv("ORX_LONG") != nullptr;
 
@@ -55,8 +54,7 @@ TEST_F(LoadTest, AnEncoderAnswersPlayers)
     server.Start();
     ToolProcess push("orxpush", {"--wait", "10", "--loop", "--forward", "200 Moved", Url("cam")});
     ASSERT_TRUE(push.WaitOutput("1 program started"));
-    Connect(&player);
-    ASSERT_EQ(1, RtspDescribe(&player));
+    Describe(&player);
     EXPECT_EQ(Reply("200 Moved "), Ask(&player, "CAMCONTROL", "", "CamAction: ptz\r\nActionParam: left\r\n"));
     EXPECT_TRUE(push.WaitOutput("/cam: server asks: CAMCONTROL ptz left\n"));
 }
@@ -90,6 +88,3 @@ TEST_F(LoadTest, TheToolsSayWhatIsWrong)
         EXPECT_THAT(tool.Output(), testing::HasSubstr(c.text));
     }
 }
-
-}  // namespace
-}  // namespace orx

@@ -5,8 +5,7 @@
 #include "system/localserver.h"
 #include "system/systemtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 struct LowEnergyTest : testing::Test {
     std::unique_ptr<LocalServer> server;
@@ -18,6 +17,12 @@ struct LowEnergyTest : testing::Test {
     {
         server = std::make_unique<LocalServer>("EnableLowEnergy=1\n", nLiveTime);
         url = server->Url("/cam");
+        ASSERT_EQ(1, RtspOpenPusher(&pusher, url.c_str(), CameraSdp() + "a=NickName:front door\r\n"));
+    }
+    void Watch()
+    {
+        ASSERT_EQ(1, RtspConnect(&player, url.c_str()));
+        ASSERT_EQ(1, RtspDescribe(&player));
     }
     // Moves the clock to nMs after the start, in steps that connections do not mistake for silence.
     void MoveTo(uint32_t nMs)
@@ -43,15 +48,13 @@ struct LowEnergyTest : testing::Test {
 TEST_F(LowEnergyTest, IdlePusherSleepsUntilSomebodyWatches)
 {
     Start();
-    ASSERT_EQ(1, RtspOpenPusher(&pusher, url.c_str(), CameraSdp()));
     SendPictures(&pusher, 0, 3);
     MoveTo(121000);
     ExpectTold("SLEEP", pusher.nCSeq + 1);
     // silence of a pusher that sleeps is no fault, at none of the watchdog's visits every minute
     for (uint32_t nMs = 200000; nMs <= 700000; nMs += 100000)
         server->MoveClock(nMs);
-    ASSERT_EQ(1, RtspConnect(&player, url.c_str()));
-    ASSERT_EQ(1, RtspDescribe(&player));
+    Watch();
     ExpectTold("WAKE", pusher.nCSeq + 2);
     server->MoveClock(760000);  // the watchdog's next visit, before the pusher has anything to send again
     // what was cached before is not shown as if it were now
@@ -67,9 +70,7 @@ TEST_F(LowEnergyTest, IdlePusherSleepsUntilSomebodyWatches)
 TEST_F(LowEnergyTest, WatchedPusherStaysAwake)
 {
     Start();
-    ASSERT_EQ(1, RtspOpenPusher(&pusher, url.c_str(), CameraSdp()));
-    ASSERT_EQ(1, RtspConnect(&player, url.c_str()));
-    ASSERT_EQ(1, RtspDescribe(&player));
+    Watch();
     MoveTo(121000);
     ASSERT_TRUE(Answers(&pusher));
     EXPECT_EQ(0, RtspWaitRequest(&pusher, "SLEEP", nullptr, 100));
@@ -84,9 +85,7 @@ TEST_F(LowEnergyTest, WatchedPusherStaysAwake)
 TEST_F(LowEnergyTest, DropsAPusherThatFallsSilent)
 {
     Start(60);
-    ASSERT_EQ(1, RtspOpenPusher(&pusher, url.c_str(), CameraSdp()));
-    ASSERT_EQ(1, RtspConnect(&player, url.c_str()));
-    ASSERT_EQ(1, RtspDescribe(&player));
+    Watch();
     server->MoveClock(70000);
     EXPECT_EQ(1, RtspWaitClosed(&pusher));
     EXPECT_EQ(1, RtspWaitClosed(&player));
@@ -109,11 +108,8 @@ TEST_F(LowEnergyTest, HookHearsOfProgramsThatComeAndGo)
             calls.push_back((bUp ? "up " : "down ") + std::string(szProgram) + " " + remote);
         };
     });
-    ASSERT_EQ(1, RtspOpenPusher(&pusher, url.c_str(), CameraSdp() + "a=NickName:front door\r\n"));
-    EXPECT_TRUE(heard({"up /cam:front door 127.0.0.1:"}));
+    ASSERT_EQ(1, RtspOpenPusher(&player, server->Url("/other").c_str(), CameraSdp()));
+    EXPECT_TRUE(heard({"up /other: 127.0.0.1:"}));
     RtspClose(&pusher);
-    EXPECT_TRUE(heard({"up /cam:front door 127.0.0.1:", "down /cam:front door none"}));
+    EXPECT_TRUE(heard({"up /other: 127.0.0.1:", "down /cam:front door none"}));
 }
-
-}  // namespace
-}  // namespace orx

@@ -63,8 +63,9 @@ struct Viewer {
     int Prepare(const std::string &url);
     // PLAY, from where it is asked. Returns the reply.
     std::string Play(const std::string &range = "");
+    // Both. Returns 1 or 0.
+    int Open(const std::string &url);
     void Poll();  // takes what is there
-    void Forget();
     // What a decoder gets. A recording's time stamps begin at 0.
     MediaUnits Units(size_t nTrack, Codec codec) const;
     // Datagrams that the machine has dropped because the test did not read in time: nothing can be expected
@@ -76,15 +77,12 @@ struct Viewer {
 bool WatchPictures(const std::vector<Viewer *> &viewers, size_t nPictures);
 bool Watch(const std::vector<Viewer *> &viewers, const std::function<bool()> &done, int nMs = 60000);
 
-// Whether a player got the camera's pictures from nFirst on and their sound: up to the last ones, whole and
-// in order, at the times that the recording gives them. Waits for the rest of the sound.
-void ExpectAllOf(const Camera &camera, Viewer *pViewer, size_t nFirst = 0);
+// Whether a player got the camera's pictures and their sound: up to the last ones, whole and in order, at the
+// times that the recording gives them. Waits for the rest of the sound.
+void ExpectAllOf(const Camera &camera, Viewer *pViewer);
 
 // --- Recordings ---
 
-// Where the records of a recording begin, and the one of a number.
-size_t DataOffset(const std::string &file);
-size_t RecordAt(const std::string &file, int nRecord);
 // Video records that are whole.
 size_t CountPictures(const std::string &file);
 // The files below a directory, sorted, by their paths from there.

@@ -45,14 +45,11 @@ PortBlock::PortBlock()
 void ChildProcess::Spawn(const std::string &program, const std::vector<std::string> &arguments)
 {
     ASSERT_LT(pid, 0) << "it runs already";
-    std::vector<std::string> words;
     std::istringstream emulator(ORX_EMULATOR);  // of a program that was built for another machine
-    for (std::string word; emulator >> word;)
-        words.push_back(word);
+    std::vector<std::string> words(std::istream_iterator<std::string>(emulator), {});
     words.push_back(program);
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char *> argv;
-    argv.reserve(words.size() + 1);
     for (std::string &word : words)
         argv.push_back(word.data());
     argv.push_back(nullptr);
@@ -130,19 +127,16 @@ OrxProcess::OrxProcess()
 
 void OrxProcess::Launch(const std::vector<std::string> &arguments)
 {
-    std::string config;
+    std::string config, program = dir.File("bin/orx");
     for (const auto &[section, lines] : settings)
         config += "[" + section + "]\n" + lines;
     for (const char *szFolder : {"bin", "cfg", "log"})
         std::filesystem::create_directories(dir.File(szFolder));
     WriteFile(ConfigPath(), config);
     // it finds its directory by its own executable, so that has to lie there itself
-    std::error_code error;
-    if (!std::filesystem::exists(dir.File("bin/orx")))
-        std::filesystem::create_hard_link(ORX_PROGRAM, dir.File("bin/orx"), error);
-    if (error)
-        std::filesystem::copy_file(ORX_PROGRAM, dir.File("bin/orx"));
-    Spawn(dir.File("bin/orx"), arguments);
+    if (!std::filesystem::exists(program) && link(ORX_PROGRAM, program.c_str()) != 0)
+        std::filesystem::copy_file(ORX_PROGRAM, program);
+    Spawn(program, arguments);
 }
 
 void OrxProcess::Start(const std::vector<std::string> &arguments)

@@ -1,70 +1,15 @@
 // Recordings played back: what comes out is what went in, whoever asks and from wherever.
 #include <sys/stat.h>
 
-#include <csignal>
 #include <filesystem>
 
-#include "base/bytes.h"
 #include "system/recordingtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 using testing::HasSubstr;
 
-const RtspTransport kTransports[] = {RTSP_OVER_TCP, RTSP_OVER_UDP, RTSP_OVER_TUNNEL};
-
-struct PlaybackTest : RecordingTest {
-    std::deque<Viewer> viewers;
-
-    // A player of a recording; null when it cannot be played.
-    Viewer *Add(const std::string &name, RtspTransport transport = RTSP_OVER_TCP)
-    {
-        Viewer *pViewer = &viewers.emplace_back(transport);
-        if (pViewer->Prepare(Url(name)))
-            return pViewer;
-        EXPECT_EQ("DESCRIBE: 404 Not Found", pViewer->client.error);
-        viewers.pop_back();
-        return nullptr;
-    }
-};
-
-// Everybody has a reader of its own: who seeks or goes does not move the others. Nothing comes more than a
-// second before its time.
-TEST_F(PlaybackTest, GivesEverythingBackOverEveryTransport)
-{
-    const std::vector<Codec> programmes[] = {{Codec::H264, Codec::G711}, {Codec::JPEG}};
-    server.Start();
-    std::deque<Camera> cameras;
-    for (const auto &codecs : programmes) {
-        Camera *pCamera = &cameras.emplace_back(codecs);
-        std::string name = std::to_string(cameras.size()) + ".zmf";
-        ASSERT_EQ(1, pCamera->Open(Url("cam")));
-        ASSERT_EQ("200 OK", pCamera->Record("FileName=" + File(name)));
-        pCamera->Send(60);
-        ASSERT_EQ("200 OK", pCamera->Record("Cmd=stop"));
-        for (RtspTransport transport : kTransports)
-            ASSERT_TRUE(Add(name, transport));
-    }
-    uint64_t nStart = RtspNowUs();
-    for (Viewer &viewer : viewers)
-        EXPECT_THAT(viewer.Play(), HasSubstr("\r\nRange: npt=0.000-2.3"));
-    Viewer restless, gone;
-    ASSERT_TRUE(restless.Prepare(Url("1.zmf")) && gone.Prepare(Url("1.zmf")));
-    EXPECT_THAT(gone.Play(), kIsOk);
-    RtspReset(&gone.client);
-    EXPECT_THAT(restless.Play("2.1-"), HasSubstr("\r\nRange: npt=2.000-2.3"));
-    for (size_t i = 0; i < viewers.size(); i++) {
-        SCOPED_TRACE("transport " + std::to_string(i % 3));
-        ExpectAllOf(cameras[i / 3], &viewers[i]);
-        EXPECT_FALSE(viewers[i].client.bClosed) << "a recording's end does not end the connection";
-    }
-    EXPECT_GE(RtspNowUs() - nStart, 1250000U);
-    ExpectAllOf(cameras[0], &restless, 50);
-    viewers.clear();
-    RtspClose(&restless.client);
-    ExpectLeft(0, 2);
-}
+using PlaybackTest = RecordingTest;
 
 // Long enough that no wait for a busy machine comes near the place that is jumped to. Whatever happens, no
 // number of a packet is left out.
@@ -77,18 +22,18 @@ TEST_F(PlaybackTest, PlaysFromWhereItIsAsked)
     Camera camera({Codec::H264, Codec::G711});
     ASSERT_NO_FATAL_FAILURE(Record(&camera, "a.zmf", kPictures));
     const MediaUnits &sent = camera.tracks[0].sent;
-    for (RtspTransport transport : kTransports) {
-        Viewer *pViewer = Add("a.zmf", transport);
-        ASSERT_TRUE(pViewer);
+    for (RtspTransport transport : {RTSP_OVER_TCP, RTSP_OVER_UDP, RTSP_OVER_TUNNEL}) {
+        Viewer viewer(transport);
+        ASSERT_EQ(1, viewer.Prepare(Url("a.zmf")));
         // Plays and returns with which picture it begins: the one wanted, where others may come before the
         // reply. What comes then are those that follow.
         auto play = [&](const std::string &range, const std::string &reply, size_t nWanted = SIZE_MAX) {
-            pViewer->Poll();
+            viewer.Poll();
             MediaUnits got;
-            size_t nAt = pViewer->Units(0, Codec::H264).size();
-            EXPECT_THAT(pViewer->Play(range), HasSubstr("\r\nRange: npt=" + reply)) << range;
-            EXPECT_TRUE(Watch({pViewer}, [&] {
-                got = pViewer->Units(0, Codec::H264);
+            size_t nAt = viewer.Units(0, Codec::H264).size();
+            EXPECT_THAT(viewer.Play(range), HasSubstr("\r\nRange: npt=" + reply)) << range;
+            EXPECT_TRUE(Watch({&viewer}, [&] {
+                got = viewer.Units(0, Codec::H264);
                 while (nWanted != SIZE_MAX && nAt < got.size() && got[nAt].nTimeMs != nWanted * 40)
                     nAt++;
                 return got.size() >= nAt + 5;
@@ -101,13 +46,13 @@ TEST_F(PlaybackTest, PlaysFromWhereItIsAsked)
         };
         // Pauses, and returns which picture is to come next at the least.
         auto pause = [&] {
-            EXPECT_THAT(Ask(&pViewer->client, "PAUSE"), kIsOk);
-            pViewer->Poll();  // what left before the reply
-            size_t nGot = pViewer->nPictures;
+            EXPECT_THAT(Ask(&viewer.client, "PAUSE"), kIsOk);
+            viewer.Poll();  // what left before the reply
+            size_t nGot = viewer.nPictures;
             EXPECT_FALSE(Watch(
-                {pViewer}, [&] { return pViewer->nPictures > nGot; }, 50))
+                {&viewer}, [&] { return viewer.nPictures > nGot; }, 50))
                 << "it is paused";
-            return pViewer->Units(0, Codec::H264).back().nTimeMs / 40 + 1;
+            return viewer.Units(0, Codec::H264).back().nTimeMs / 40 + 1;
         };
         EXPECT_EQ(0U, play("", "0.000" + end));
         size_t nNext = pause(), nFirst = play("", "");
@@ -127,10 +72,10 @@ TEST_F(PlaybackTest, PlaysFromWhereItIsAsked)
         pause();
         EXPECT_EQ(2475U, play("99.979-", "99.000" + end));
         EXPECT_TRUE(
-            Watch({pViewer}, [&] { return pViewer->Units(0, Codec::H264).back().data == sent.back().data; }));
+            Watch({&viewer}, [&] { return viewer.Units(0, Codec::H264).back().data == sent.back().data; }));
         EXPECT_EQ(0U, play("0.5-", "0.000" + end)) << "from its end back to the start";
-        pViewer->Units(1, Codec::G711);
-        EXPECT_EQ(kWrongState, pViewer->Play()) << "where to?";
+        viewer.Units(1, Codec::G711);
+        EXPECT_EQ(kWrongState, viewer.Play()) << "where to?";
     }
 }
 
@@ -138,10 +83,8 @@ TEST_F(PlaybackTest, DescribesRecordings)
 {
     server.Start();
     Camera camera({Codec::H264});
-    ASSERT_EQ(1, camera.Open(Url("cam"), "a=NickName:door\r\na=range:npt=now-\r\na=ProgramAuth:123\r\n"));
-    ASSERT_EQ("200 OK", camera.Record("FileName=" + File("a.zmf")));
-    camera.Send(26);
-    ASSERT_EQ("200 OK", camera.Record("Cmd=stop"));
+    ASSERT_NO_FATAL_FAILURE(
+        Record(&camera, "a.zmf", 26, "a=NickName:door\r\na=range:npt=now-\r\na=ProgramAuth:123\r\n"));
     std::string sdp = camera.Sdp() + "a=NickName:door\r\n";
     sdp.insert(sdp.find("m="), "a=range:npt=0-1.000\r\n");
     Connect(&player, "/a.zmf");
@@ -161,70 +104,3 @@ TEST_F(PlaybackTest, DescribesRecordings)
     Connect(&player, "/a.zmf");
     EXPECT_EQ(Refused("404 Not Found"), Ask(&player, "DESCRIBE"));
 }
-
-// --- Files from elsewhere ---
-
-void Set(std::string *pFile, size_t nAt, size_t nBytes, uint32_t nValue)
-{
-    PutBe(pFile->data() + nAt, nBytes, nValue);
-}
-
-const struct Damage {
-    void (*pfnDo)(std::string *pFile);
-    int nPictures;       // of 50 that are played; -1 when none can be
-    const char *szText;  // of the assertion that it breaks, or null
-} kDamages[] = {
-    {[](std::string *p) { p->resize(100); }, -1, nullptr},
-    {[](std::string *p) { p->resize(RecordAt(*p, 20) + 9); }, 20, nullptr},
-    {[](std::string *p) { Set(p, RecordAt(*p, 20) + 3, 1, 0x0F); }, 20, nullptr},          // a long record
-    {[](std::string *p) { Set(p, 8, 2, 1601); }, -1, "(pFileHead->nIdxSize & 0x7) == 0"},  // index entries
-    {[](std::string *p) { Set(p, 168, 4, 1); }, -1, "*p == 0"},                       // the first of them
-    {[](std::string *p) { Set(p, RecordAt(*p, 20) + 8, 2, 0xFFFF); }, 20, "len==0"},  // a long unit
-};
-
-// Who plays one may seek in it, too. With the guard off it stops the process, by the text that names what is
-// broken.
-TEST_F(PlaybackTest, BrokenFilesEndWithoutHarm)
-{
-    server.Set("GUARD", "SurvivePeerFaults", "1");
-    server.Start();
-    Camera camera({Codec::H264});
-    ASSERT_NO_FATAL_FAILURE(Record(&camera, "good.zmf", 50));
-    const std::string good = ReadFile(File("good.zmf"));
-    for (const Damage &damage : kDamages) {
-        SCOPED_TRACE(&damage - kDamages);
-        std::string file = good;
-        damage.pfnDo(&file);
-        WriteFile(File("bad.zmf"), file);
-        Viewer *pViewer = Add("bad.zmf");
-        EXPECT_EQ(damage.nPictures >= 0, pViewer != nullptr);
-        if (pViewer) {
-            pViewer->Play();
-            EXPECT_TRUE(WatchPictures({pViewer}, static_cast<size_t>(damage.nPictures)));
-            for (const char *szRange : {"1.9-", "0.1-", "4000000-"}) {
-                Ask(&pViewer->client, "PAUSE");
-                pViewer->Play(szRange);
-            }
-        }
-        if (!damage.szText)
-            continue;
-        const std::string text = "Assertion `" + std::string(damage.szText);
-        EXPECT_TRUE(server.WaitOutput(text));
-        OrxProcess strict;
-        strict.Set("SERVER", "EnableFilePrg=1");
-        strict.Set("STORAGE", "RecordPath=" + root);
-        strict.Start();
-        Viewer viewer;
-        if (viewer.Prepare(strict.Url("/bad.zmf")))
-            viewer.Play();
-        EXPECT_EQ(256 + SIGABRT, strict.WaitExit());
-        EXPECT_EQ(1, CountText(strict.Output(), text));
-    }
-    Viewer *pViewer = Add("good.zmf");
-    ASSERT_TRUE(pViewer);
-    EXPECT_THAT(pViewer->Play(), kIsOk);
-    EXPECT_TRUE(WatchPictures({pViewer}, 50));
-}
-
-}  // namespace
-}  // namespace orx

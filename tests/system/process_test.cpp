@@ -7,8 +7,7 @@
 #include "support/sockets.h"
 #include "system/systemtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 using testing::EndsWith;
 using testing::HasSubstr;
@@ -29,18 +28,18 @@ TEST_F(ProcessTest, SaysWhatItIsAndWhatItReads)
     std::regex threads(
         "(getpriority\\(\\)=-?[0-9]+|(Scheduler|Monitor)Entry\\(tid=0x[0-9a-f]+\\) begin\\.\\.\\.)\r\n");
     const std::string output = std::regex_replace(server.Output(), threads, "");
-    const std::string program = server.dir.File("bin/orx");
-    const std::string parent = std::filesystem::canonical(server.dir.path).string();
+    const std::string program = server.dir.File("bin/orx"),
+                      parent = std::filesystem::canonical(server.dir.path);
     char szThread[16];
     snprintf(szThread, sizeof(szThread), "%x", static_cast<unsigned>(server.pid));
     EXPECT_TRUE(std::regex_match(
         output,
-        std::regex("Orx .*version 2\\.3\\.1\\.2.*[A-Z][a-z]{2} [ 0-9]?[0-9] 20[0-9]{2} [0-9:]{8}\r\n\r\n"
-                   "Usage:" +
-                   program + " \\[-c cfgfile\\] \\[-daemond\\]\\.\r\ncfg=" + parent +
-                   "/cfg/orx\\.cfg\r\nMain\\(tid=0x" + szThread +
-                   "\\) begin\\.\\.\\.\r\n[^]* listen on TCP 127\\.0\\.0\\.1:" +
-                   std::to_string(server.nPort) + "\nServer started, commands:\nQuit\n\n" + kUp)))
+        std::regex(
+            "Orx .*version 2\\.3\\.1\\.2.*[A-Z][a-z]{2} [ 0-9]?[0-9] 20[0-9]{2} [0-9:]{8}\r\n\r\nUsage:" +
+            program + " \\[-c cfgfile\\] \\[-daemond\\]\\.\r\ncfg=" + parent +
+            "/cfg/orx\\.cfg\r\nMain\\(tid=0x" + szThread +
+            "\\) begin\\.\\.\\.\r\n[^]* listen on TCP 127\\.0\\.0\\.1:" + std::to_string(server.nPort) +
+            "\nServer started, commands:\nQuit\n\n" + kUp)))
         << output;
     EXPECT_EQ(0, server.Quit());
     std::filesystem::copy_file(server.ConfigPath(), parent + "/cfg/my.cfg");
@@ -50,12 +49,10 @@ TEST_F(ProcessTest, SaysWhatItIsAndWhatItReads)
         std::vector<std::string> arguments;
         std::string path;
     } cases[] = {
-        {{"-cfoo", "my.cfg"}, parent + "/cfg/my.cfg"},
-        {{"-c", "other.cfg", "-c", "my.cfg"}, parent + "/cfg/my.cfg"},
+        {{"-c", "other.cfg", "-cfoo", "my.cfg"}, parent + "/cfg/my.cfg"},
         {{"-c", parent + "/other.cfg"}, parent + "/other.cfg"},
         {{"-c", relative}, relative},
-        {{"-C", "my.cfg", "--help"}, parent + "/cfg/orx.cfg"},
-        {{"daemond", "-c"}, parent + "/cfg/orx.cfg"},
+        {{"-C", "my.cfg", "--help", "daemond", "-c"}, parent + "/cfg/orx.cfg"},
     };
     for (const auto &c : cases) {
         server.Spawn(program, c.arguments);
@@ -71,7 +68,6 @@ TEST_F(ProcessTest, ConsoleKnowsItsCommands)
         server.Start();
         server.TypeBytes(szTyped);
         EXPECT_EQ(0, server.WaitExit()) << szTyped;
-        EXPECT_THAT(server.Output(), EndsWith("main() exit OK.\n"));
     }
     server.Start();
     server.TypeBytes("STAT\n quit\nquit \n\nstat x\nexit\nstat\n\n");
@@ -82,11 +78,7 @@ TEST_F(ProcessTest, ConsoleKnowsItsCommands)
     server.TypeBytes("quit");  // a last line without its end
     server.EndInput();
     EXPECT_EQ(0, server.WaitExit());
-}
-
-TEST_F(ProcessTest, RunsOnWithoutStandardInput)
-{
-    server.Start();
+    server.Start();  // without standard input it runs on
     server.EndInput();
     EXPECT_EQ(-1, server.WaitExit(300));
     Connect(&player);
@@ -135,20 +127,20 @@ TEST_F(ProcessTest, WritesTheLogWhenTold)
     EXPECT_EQ(0, server.Quit());
     EXPECT_TRUE(std::filesystem::is_empty(server.dir.File("log")));
     server.Set("SERVER", "LogFile", "1");
-    server.Start();
-    Connect(&player);
-    EXPECT_EQ(1, RtspSendRaw(&player, "A * B/1\r\n\r\n", 11));
-    EXPECT_EQ(1, RtspWaitClosed(&player));
-    EXPECT_EQ(0, server.Quit());
-    server.Start();
-    EXPECT_EQ(0, server.Quit());
-    const std::string time = "[0-9]{2}:[0-9]{2}:[0-9]{2}: ",
-                      begin = "\r\n20[-0-9]{8}\r\n" + time + "Begin\r\n";
-    EXPECT_TRUE(std::regex_match(
-        ReadFile(server.LogPath()),
-        std::regex(begin + time + "Create session\\(fd=0x([0-9a-f]+)\\) from (127\\.0\\.0\\.1:[0-9]+)\r\n" +
-                   time + "Close  session\\(fd=0x\\1\\) from \\2\r\n" + time + "End\r\n" + begin + time +
-                   "End\r\n")))
+    for (int i = 0; i < 2; i++) {
+        server.Start();
+        Connect(&player);
+        EXPECT_EQ("", Exchange(&player, "A * B/1\r\n\r\n"));
+        EXPECT_EQ(0, server.Quit());
+    }
+    const std::string time = "[0-9]{2}:[0-9]{2}:[0-9]{2}: ";
+    auto run = [&](const std::string &fd, const std::string &from) {
+        return "\r\n20[-0-9]{8}\r\n" + time + "Begin\r\n" + time +
+               "Create session\\(fd=0x([0-9a-f]+)\\) from " + "(127\\.0\\.0\\.1:[0-9]+)\r\n" + time +
+               "Close  session\\(fd=0x" + fd + "\\) from " + from + "\r\n" + time + "End\r\n";
+    };
+    EXPECT_TRUE(
+        std::regex_match(ReadFile(server.LogPath()), std::regex(run("\\1", "\\2") + run("\\3", "\\4"))))
         << ReadFile(server.LogPath());
     EXPECT_FALSE(std::filesystem::exists(server.dir.File("log/orxstate.cur"))) << "only a daemon writes it";
 }
@@ -160,16 +152,14 @@ TEST_F(ProcessTest, DaemonIsSilentAndWritesItsState)
     ASSERT_TRUE(WaitFor([&] { return RtspConnect(&player, server.Url("/cam").c_str()) == 1; }));
     EXPECT_TRUE(Answers(&player));
     ASSERT_EQ(1, RtspOpenPusher(&pusher, server.Url("/cam").c_str(), CameraSdp()));
+    std::smatch parts;
     std::string state;
     ASSERT_TRUE(WaitFor([&] {
         state = ReadFile(server.dir.File("log/orxstate.cur"));
-        return state.find("CurLives=1\n") != std::string::npos;
-    }));
-    std::smatch parts;
-    ASSERT_TRUE(std::regex_match(state, parts, std::regex("\\[MAIN\\]\n[^]*\nCurTime=([0-9]+)\n[^]*")))
-        << state;
+        return std::regex_search(state, parts,
+                                 std::regex("^\\[MAIN\\]\nCurClients=1\nCurLives=1\nCurTime=([0-9]+)\n"));
+    })) << state;
     EXPECT_TRUE(IsSince(std::stol(parts[1])));
-    EXPECT_THAT(state, HasSubstr("\nCurClients=1\n"));
     for (int nSignal : {SIGINT, SIGCHLD, SIGTERM})
         server.Signal(nSignal);
     EXPECT_EQ(0, server.WaitExit());
@@ -198,21 +188,13 @@ TEST_F(ProcessTest, OutlivesSignalsButSegmentationFaults)
 // What cannot start says why, and ends with status 0 before anything has begun. Without a listener it runs.
 TEST_F(ProcessTest, RefusesToStart)
 {
-    static const struct {
-        const char *szKey, *szValue, *szLine;
-    } cases[] = {
-        {"UdpStartPort", "999", "Invalid UdpStartPort: 999!\r\n"},
-        {"UdpEndPort", "65535", "Invalid UdpEndPort: 65535!\r\n"},
-        {"UdpEndPort", "1001", "Invalid UdpPort Range: from "},
-        {"AuthType", "3", "AuthType 3"},
-    };
-    for (const auto &c : cases) {
+    for (const auto &[szKey, szLine] :
+         {std::pair{"UdpStartPort=999", "Invalid UdpStartPort: 999!\r\n"}, {"AuthType=3", "AuthType 3"}}) {
         OrxProcess orx;
-        orx.Set("SERVER", "LogFile", "1");
-        orx.Set("SERVER", c.szKey, c.szValue);
+        orx.Set("SERVER", std::string("LogFile=1\n") + szKey);
         orx.Launch();
-        EXPECT_EQ(0, orx.WaitExit()) << c.szKey;
-        EXPECT_THAT(orx.Output(), HasSubstr(c.szLine));
+        EXPECT_EQ(0, orx.WaitExit()) << szKey;
+        EXPECT_THAT(orx.Output(), HasSubstr(szLine));
         EXPECT_EQ(0, CountText(orx.Output(), "Server started") + CountText(orx.Output(), "Sanitizer"));
         EXPECT_FALSE(std::filesystem::exists(orx.LogPath()));
     }
@@ -239,6 +221,3 @@ TEST_F(ProcessTest, StopsUnderLoad)
     EXPECT_EQ(1, RtspWaitClosed(&pusher));
     EXPECT_EQ(1, RtspWaitClosed(&players[2]));
 }
-
-}  // namespace
-}  // namespace orx

@@ -21,9 +21,9 @@ struct RecordingTest : SystemTest {
     std::string Url(const std::string &name) const { return server.Url("/" + name); }
 
     // Has the camera send so many pictures while they are recorded into a file of the root.
-    void Record(Camera *pCamera, const std::string &name, int nPictures)
+    void Record(Camera *pCamera, const std::string &name, int nPictures, const std::string &moreSdp = "")
     {
-        ASSERT_EQ(1, pCamera->Open(Url("camera-of-" + name)));
+        ASSERT_EQ(1, pCamera->Open(Url("camera-of-" + name), moreSdp));
         ASSERT_EQ("200 OK", pCamera->Record("FileName=" + File(name)));
         pCamera->Send(nPictures);
         ASSERT_EQ("200 OK", pCamera->Record("Cmd=stop"));

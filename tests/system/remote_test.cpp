@@ -4,8 +4,7 @@
 #include "support/sockets.h"
 #include "system/systemtest.h"
 
-namespace orx {
-namespace {
+using namespace orx;
 
 const std::string kGuid = "box-0123456789abcdef-01";
 
@@ -89,6 +88,3 @@ TEST_F(RemoteTest, PagesAndTunnelledPlayersShareTheWebPort)
     EXPECT_THAT(server.Output(), testing::ContainsRegex("\nfd0x[0-9a-f]+ received [0-9]+ bytes\r\n"))
         << "the POST half";
 }
-
-}  // namespace
-}  // namespace orx

@@ -3,8 +3,6 @@
 #include <filesystem>
 #include <regex>
 
-#include "client/rtppacket.h"
-
 namespace orx {
 
 void SystemTest::StartCamera(const std::string &sdp, const std::string &path)
@@ -16,6 +14,12 @@ void SystemTest::StartCamera(const std::string &sdp, const std::string &path)
 void SystemTest::Connect(RtspClient *pClient, const std::string &path)
 {
     ASSERT_EQ(1, RtspConnect(pClient, server.Url(path).c_str()));
+}
+
+void SystemTest::Describe(RtspClient *pClient, const std::string &path)
+{
+    Connect(pClient, path);
+    ASSERT_EQ(1, RtspDescribe(pClient)) << pClient->error;
 }
 
 void SystemTest::Deliver()
@@ -132,26 +136,17 @@ std::string CameraSdp(int nTracks)
     return sdp;
 }
 
+std::string LongestSdp()
+{
+    std::string sdp = CameraSdp(2);
+    return sdp + "a=x:" + std::string(3999 - sdp.size() - 6, 'x') + "\r\n";
+}
+
 std::string CameraPacket(int nTrack, uint16_t nSequence, uint32_t nTime, const std::string &payload,
                          bool bMarker)
 {
-    static const uint8_t types[] = {96, 0, 98};
-    RtpHead head;
-    head.bMarker = bMarker;
-    head.nPayloadType = types[nTrack];
-    head.nSequence = nSequence;
-    head.nTimestamp = nTime;
-    head.nSsrc = 0x1234ABCD;
-    std::string packet(kRtpHeadBytes, '\0');
-    RtpWriteHead(packet.data(), &head);
-    return packet + payload;
-}
-
-std::string Frame(int nChannel, const std::string &packet)
-{
-    std::string frame;
-    FrameAddHead(&frame, nChannel, packet.size());
-    return frame + packet;
+    static const uint32_t types[] = {96, 0, 98};
+    return MakeRtp({types[nTrack], nSequence, nTime, bMarker}, payload);
 }
 
 void SendPictures(RtspClient *pPusher, int nFirst, int nCount)

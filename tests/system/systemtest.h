@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "client/rtspclient.h"
+#include "support/rtp.h"
 #include "system/orxprocess.h"
 
 namespace orx {
@@ -21,6 +22,8 @@ struct SystemTest : testing::Test {
     void StartCamera(const std::string &sdp, const std::string &path = "/cam");
     // Connects a client anew.
     void Connect(RtspClient *pClient, const std::string &path = "/cam");
+    // Connects a player anew, to a program that is there.
+    void Describe(RtspClient *pClient, const std::string &path = "/cam");
     // Waits until what the pusher sent has left for its players: every second read from it sends what waits
     // for one of them, from six packets on.
     void Deliver();
@@ -97,11 +100,11 @@ inline const auto kIsOk = testing::StartsWith("RTSP/1.0 200 OK\r\n");
 
 // Track 0 is video (H.264, type 96), 1 sound (PCMU, type 0), 2 data (type 98), 3 sound again.
 std::string CameraSdp(int nTracks = 1);
+// One of two tracks, as long as one may be.
+std::string LongestSdp();
 // One RTP packet of such a track.
 std::string CameraPacket(int nTrack, uint16_t nSequence, uint32_t nTime, const std::string &payload,
                          bool bMarker = false);
-// The packet as an interleaved frame.
-std::string Frame(int nChannel, const std::string &packet);
 // Sends nCount pictures of two packets each (SPS, IDR slice) on track 0, 40 ms apart from nFirst on.
 void SendPictures(RtspClient *pPusher, int nFirst, int nCount);
 

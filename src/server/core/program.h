@@ -15,8 +15,8 @@ namespace orx {
 struct ZMFWriter;
 struct ZMFReader;
 
-constexpr int kMaxMediaInfos = 4;
-constexpr int kMaxRecorders = 4;
+constexpr int kMaxMediaInfos = 4;  // sections of a description that are read
+constexpr int kMaxRecorders = 4;   // recordings of one program at a time: one of each kind, and one more
 
 // How a pusher's RTP time stamps become milliseconds (see ingest.h).
 struct MediaClock {

@@ -1,4 +1,4 @@
-// Reading a session description (RFC 4566) as deployed encoders write it. Any thread.
+// Reading a session description (RFC 4566) as encoders write it. Any thread.
 #pragma once
 
 #include "server/core/program.h"

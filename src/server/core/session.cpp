@@ -17,8 +17,8 @@
 
 namespace orx {
 
-static constexpr uint32_t kIdleCheckMs = 5000;
-static constexpr uint32_t kDelayedCloseMs = 2000;
+static constexpr uint32_t kIdleCheckMs = 5000;     // who connects has something to say by then
+static constexpr uint32_t kDelayedCloseMs = 2000;  // time for a last reply to arrive before the reset
 
 static int HandleTaken(uint32_t nHandle)
 {

@@ -20,8 +20,8 @@
 
 namespace orx {
 
-static constexpr int kReceiveBufferBytes = 131072;
-static constexpr int kAcceptRetryMs = 1000;
+static constexpr int kReceiveBufferBytes = 131072;  // SO_RCVBUF: some pictures of a pusher
+static constexpr int kAcceptRetryMs = 1000;  // descriptors come free as connections end
 static int g_bAcceptRetry = 0;  // a further look for connections that wait is scheduled
 // Seconds; more than that is a clock that was set, not silence.
 static constexpr uint32_t kLongestSilence = 1000;

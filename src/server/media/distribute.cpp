@@ -14,7 +14,8 @@
 
 namespace orx {
 
-static constexpr uint32_t kMaxKeptKeys = 15;          // key frames kept from before the span
+// Key frames kept from before the span: what a quarter of the longest span (a minute) holds at one a second.
+static constexpr uint32_t kMaxKeptKeys = 15;
 static constexpr uint32_t kMaxCachedBlocks = 150000;  // a minute and a quarter of 20 Mbit/s
 
 static int BlockMarker(const DataBlock *pBlock)

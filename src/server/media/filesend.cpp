@@ -12,6 +12,8 @@
 
 namespace orx {
 
+// A refill comes when the queue is empty: a picture and the sound beside it, so that little is read ahead of a
+// player that pauses or leaves.
 static constexpr int kSamplesPerRefill = 4;
 static constexpr int kEmptyRefills = 64;  // in a row before the others get their turn
 

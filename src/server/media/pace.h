@@ -44,7 +44,7 @@ DataBlock *PaceFirstHeld(const Session *pSession);
 
 // A start from the cache has put nBlocks of media into the queue. PaceRaise lets more of it go, once every
 // kCatchUpStepMs, at nNow (ClockMs); what a late step missed is not made up for.
-constexpr uint32_t kCatchUpStepMs = 20;
+constexpr uint32_t kCatchUpStepMs = 20;  // at four times real time two pictures of 25 a second
 void PaceStart(Session *pSession, uint32_t nBlocks);
 void PaceRaise(Session *pSession, uint32_t nNow);
 

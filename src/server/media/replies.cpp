@@ -8,46 +8,46 @@
 namespace orx {
 
 // Which of the two lines follow a status line.
-enum StatusHead : unsigned { HEAD_SERVER = 1, HEAD_CSEQ = 2, HEAD_BOTH = 3 };
+enum StatusHead { HEAD_SERVER = 1, HEAD_CSEQ = 2, HEAD_BOTH = 3 };
 
 struct StatusRow {
     Status eStatus;  // its place in the table
+    StatusHead eHead;
     const char *szLine;
-    unsigned nHead;
 };
 
 // One status line a row. Refusals tell the cause in parentheses. Clients compare these texts: they stay.
 static constexpr StatusRow g_statuses[] = {
-    {STATUS_OK, "RTSP/1.0 200 OK", HEAD_BOTH},
-    {STATUS_NO_RECORD_SPACE, "RTSP/1.0 200 NOT enough space to RECORD.", HEAD_BOTH},
-    {STATUS_BAD_REQUEST, "RTSP/1.0 400 Bad Request", HEAD_BOTH},
-    {STATUS_NO_SDP, "RTSP/1.0 400 Bad Request(no SDP)", HEAD_BOTH},
-    {STATUS_NO_TRACK, "RTSP/1.0 400 Bad Request(invalid trackID in SETUP)", HEAD_BOTH},
-    {STATUS_NO_CSEQ, "RTSP/1.0 400 Bad Request(no CSeq)", HEAD_SERVER},
-    {STATUS_NO_CAMCONTROL, "RTSP/1.0 400 Bad Request(no CAMCONTROL yet)", HEAD_BOTH},
-    {STATUS_NO_PUTVOICE, "RTSP/1.0 400 Bad Request(no PUTVOICE yet)", HEAD_BOTH},
-    {STATUS_NO_INFO_TYPE, "RTSP/1.0 400 Bad Request(GetInfoType field not found)", HEAD_BOTH},
-    {STATUS_NO_GETCAMCFG, "RTSP/1.0 400 Bad Request(no GETCAMCFG yet)", HEAD_BOTH},
-    {STATUS_NO_PUTCAMCFG, "RTSP/1.0 400 Bad Request(no PUTCAMCFG yet)", HEAD_BOTH},
-    {STATUS_NO_RESPOND, "RTSP/1.0 400 Bad Request(no RESPOND yet)", HEAD_BOTH},
-    {STATUS_NO_GUID, "RTSP/1.0 400 Bad Request(no Guid field)", HEAD_BOTH},
-    {STATUS_NO_RECORDEX, "RTSP/1.0 400 Bad Request(no RECORDEX yet)", HEAD_BOTH},
-    {STATUS_NO_PARAM, "RTSP/1.0 400 Bad Request(no ActionParam field)", HEAD_BOTH},
-    {STATUS_UNAUTHORIZED, "RTSP/1.0 401 Unauthorized", HEAD_BOTH},
-    {STATUS_FORBIDDEN, "RTSP/1.0 403 Forbidden", HEAD_CSEQ},
-    {STATUS_NOT_FOUND, "RTSP/1.0 404 Not Found", HEAD_BOTH},
-    {STATUS_NOT_ALLOWED, "RTSP/1.0 405 Method Not Allowed", HEAD_BOTH},
-    {STATUS_WRONG_STATE, "RTSP/1.0 455 Method Not Valid in This State", HEAD_BOTH},
-    {STATUS_NO_TRANSPORT, "RTSP/1.0 500 Internal error", HEAD_BOTH},
-    {STATUS_NOT_IMPLEMENTED, "RTSP/1.0 500 Not implemented", HEAD_SERVER},
-    {STATUS_FAILED, "RTSP/1.0 501 Internal error", HEAD_BOTH},
-    {STATUS_DUPLICATE, "RTSP/1.0 502 Duplicate", HEAD_BOTH},
-    {STATUS_CAMCFG, "RTSP/1.0 650 Get camera config OK", HEAD_BOTH},
-    {STATUS_NO_CAMCFG, "RTSP/1.0 651 Get camera config failed", HEAD_BOTH},
-    {HTTP_OK, "HTTP/1.1 200 OK", HEAD_SERVER},
-    {HTTP_NO_COOKIE, "HTTP/1.1 400 Bad Request(no x-sessioncookie)", HEAD_SERVER},
-    {HTTP_MISMATCH, "HTTP/1.1 400 Bad Request(Content Types Mismatched)", HEAD_SERVER},
-    {HTTP_FAILED, "HTTP/1.1 501 Internal error", HEAD_SERVER},
+    {STATUS_OK, HEAD_BOTH, "RTSP/1.0 200 OK"},
+    {STATUS_NO_RECORD_SPACE, HEAD_BOTH, "RTSP/1.0 200 NOT enough space to RECORD."},
+    {STATUS_BAD_REQUEST, HEAD_BOTH, "RTSP/1.0 400 Bad Request"},
+    {STATUS_NO_SDP, HEAD_BOTH, "RTSP/1.0 400 Bad Request(no SDP)"},
+    {STATUS_NO_TRACK, HEAD_BOTH, "RTSP/1.0 400 Bad Request(invalid trackID in SETUP)"},
+    {STATUS_NO_CSEQ, HEAD_SERVER, "RTSP/1.0 400 Bad Request(no CSeq)"},
+    {STATUS_NO_CAMCONTROL, HEAD_BOTH, "RTSP/1.0 400 Bad Request(no CAMCONTROL yet)"},
+    {STATUS_NO_PUTVOICE, HEAD_BOTH, "RTSP/1.0 400 Bad Request(no PUTVOICE yet)"},
+    {STATUS_NO_INFO_TYPE, HEAD_BOTH, "RTSP/1.0 400 Bad Request(GetInfoType field not found)"},
+    {STATUS_NO_GETCAMCFG, HEAD_BOTH, "RTSP/1.0 400 Bad Request(no GETCAMCFG yet)"},
+    {STATUS_NO_PUTCAMCFG, HEAD_BOTH, "RTSP/1.0 400 Bad Request(no PUTCAMCFG yet)"},
+    {STATUS_NO_RESPOND, HEAD_BOTH, "RTSP/1.0 400 Bad Request(no RESPOND yet)"},
+    {STATUS_NO_GUID, HEAD_BOTH, "RTSP/1.0 400 Bad Request(no Guid field)"},
+    {STATUS_NO_RECORDEX, HEAD_BOTH, "RTSP/1.0 400 Bad Request(no RECORDEX yet)"},
+    {STATUS_NO_PARAM, HEAD_BOTH, "RTSP/1.0 400 Bad Request(no ActionParam field)"},
+    {STATUS_UNAUTHORIZED, HEAD_BOTH, "RTSP/1.0 401 Unauthorized"},
+    {STATUS_FORBIDDEN, HEAD_CSEQ, "RTSP/1.0 403 Forbidden"},
+    {STATUS_NOT_FOUND, HEAD_BOTH, "RTSP/1.0 404 Not Found"},
+    {STATUS_NOT_ALLOWED, HEAD_BOTH, "RTSP/1.0 405 Method Not Allowed"},
+    {STATUS_WRONG_STATE, HEAD_BOTH, "RTSP/1.0 455 Method Not Valid in This State"},
+    {STATUS_NO_TRANSPORT, HEAD_BOTH, "RTSP/1.0 500 Internal error"},
+    {STATUS_NOT_IMPLEMENTED, HEAD_SERVER, "RTSP/1.0 500 Not implemented"},
+    {STATUS_FAILED, HEAD_BOTH, "RTSP/1.0 501 Internal error"},
+    {STATUS_DUPLICATE, HEAD_BOTH, "RTSP/1.0 502 Duplicate"},
+    {STATUS_CAMCFG, HEAD_BOTH, "RTSP/1.0 650 Get camera config OK"},
+    {STATUS_NO_CAMCFG, HEAD_BOTH, "RTSP/1.0 651 Get camera config failed"},
+    {HTTP_OK, HEAD_SERVER, "HTTP/1.1 200 OK"},
+    {HTTP_NO_COOKIE, HEAD_SERVER, "HTTP/1.1 400 Bad Request(no x-sessioncookie)"},
+    {HTTP_MISMATCH, HEAD_SERVER, "HTTP/1.1 400 Bad Request(Content Types Mismatched)"},
+    {HTTP_FAILED, HEAD_SERVER, "HTTP/1.1 501 Internal error"},
 };
 
 static constexpr int RowsStandInOrder()
@@ -59,23 +59,23 @@ static constexpr int RowsStandInOrder()
 }
 static_assert(RowsStandInOrder(), "a status is its row's index");
 
-static void AddHead(Message *pMessage, unsigned nHead, int nCSeq)
+static void AddHead(Message *pMessage, StatusHead eHead, int nCSeq)
 {
-    if (nHead & HEAD_SERVER)
+    if (eHead & HEAD_SERVER)
         TextAdd(&pMessage->text, "Server: Orx/2.3.1.2\r\n");
-    if (nHead & HEAD_CSEQ)
+    if (eHead & HEAD_CSEQ)
         TextAdd(&pMessage->text, "CSeq: %d\r\n", nCSeq);
 }
 
 void ReplyBeginNumbered(Message *pReply, Status eStatus, int nCSeq)
 {
     TextAdd(&pReply->text, "%s\r\n", g_statuses[eStatus].szLine);
-    AddHead(pReply, g_statuses[eStatus].nHead, nCSeq);
+    AddHead(pReply, g_statuses[eStatus].eHead, nCSeq);
 }
 
 void ReplyBegin(Message *pReply, Status eStatus)
 {
-    int bNumbered = g_statuses[eStatus].nHead & HEAD_CSEQ;
+    int bNumbered = g_statuses[eStatus].eHead & HEAD_CSEQ;
     ReplyBeginNumbered(pReply, eStatus, bNumbered ? pReply->pSession->nCSeq++ : 0);
 }
 

@@ -53,7 +53,8 @@ size_t RtcpMakeSDES(uint8_t *pOut, size_t nRoom, uint32_t nSsrc, const char *szC
     PutHead(pOut, 1, RTCP_SDES, nBytes);
     PutBe(pOut + 4, 4, nSsrc);
     PutBe(pOut + 8, 1, 1);  // CNAME
-    // what deployed players of this server have always been sent, even where it is shorter than the text
+    // the item's length is the room behind it but for its last four bytes, which may be shorter than the text:
+    // part of this protocol, though RFC 3550 has the text's own length here
     PutBe(pOut + 9, 1, static_cast<uint32_t>(nBytes - 13));
     std::copy_n(szCname, nLen, pOut + 10);
     return nBytes;

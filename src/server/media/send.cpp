@@ -14,7 +14,7 @@
 
 namespace orx {
 
-static constexpr uint32_t kDelayedSendMs = 200;
+static constexpr uint32_t kDelayedSendMs = 200;  // a socket that was full has room again after a round trip
 
 // The connection for replies and interleaved media, or the media socket of the block's track. Null when a
 // survived peer assertion found none: which packets a recording makes is up to the file.
@@ -123,7 +123,7 @@ static int WriteBatch(Session *pSession, Batch *pBatch)
     int nResult = WireWrite(pBatch, &nLeft);
     if (nResult > 0)
         pSession->output.nBlockedSends = 0;
-    for (int i = 0; i < nLeft; i++)
+    for (int i = 0; i < nLeft && i < pBatch->nBlocks; i++)
         BlockDone(pSession, pBatch->blocks[i]);
     return nResult;
 }

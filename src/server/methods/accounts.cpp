@@ -17,7 +17,7 @@ namespace orx {
 
 constexpr int kMaxUsers = 1024;      // however many a camera's text claims to list
 constexpr int kListedUserLevel = 2;  // of a user without a level of its own
-constexpr int kAnonymousLevel = 3;
+constexpr int kAnonymousLevel = 3;   // who needs no password may watch and nothing else
 
 // Reads a value out of an account text, cut to the buffer. Returns 1, or 0 with an empty buffer.
 static int ReadValue(const char *szText, const char *szSection, const char *szKey, char *szOut, size_t nSize)

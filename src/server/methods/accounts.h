@@ -6,7 +6,7 @@
 
 namespace orx {
 
-constexpr size_t kPasswordSize = 64;
+constexpr size_t kPasswordSize = 64;  // bytes of the buffer, NUL included
 
 // An account of the server's own configuration.
 struct OwnAccount {

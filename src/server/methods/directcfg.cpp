@@ -19,7 +19,7 @@
 namespace orx {
 
 constexpr size_t kPieceBytes = 32768;  // of a long answer; a block of the output queue stays below 65536
-constexpr size_t kCredentialSize = 256;
+constexpr size_t kCredentialSize = 256;  // bytes of a name or password as it is read
 constexpr size_t kMemPrefix = 6;  // "inmem:" before the text
 constexpr char kCfgTemplate[] = "/tmp/orxXXXXXX.cfg";
 constexpr int kCfgSuffix = 4;  // ".cfg": the camera goes by it

@@ -17,8 +17,8 @@
 
 namespace orx {
 
-static constexpr size_t kListSize = 4096;
-static constexpr size_t kListFull = 3904;  // no program is added from here on
+static constexpr size_t kListSize = 4096;  // of the whole answer
+static constexpr size_t kListFull = 3904;  // no program is added from here on: room for the line of one more
 
 struct PictureSize {
     int nWidth = 0;

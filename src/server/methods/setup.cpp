@@ -16,7 +16,7 @@
 
 namespace orx {
 
-constexpr int kPairTries = 64;  // port pairs tried when other processes sit on some
+constexpr int kPairTries = 64;  // port pairs tried when other processes sit on some: each costs two calls
 
 enum SetupResult {
     SETUP_DONE,

@@ -13,7 +13,7 @@
 namespace orx {
 
 static constexpr char kTunnelType[] = "application/x-rtsp-tunnelled";
-static constexpr uint32_t kPostedInputDelayMs = 10;
+static constexpr uint32_t kPostedInputDelayMs = 10;  // the handler of the POST has returned by then
 
 int IsTunnelType(const char *szType)
 {

@@ -12,7 +12,7 @@ TEST(TextBuf, FillsToTheLastByteAndHoldsNoHalfAPiece)
     TextBuf text{room, 8};
     EXPECT_EQ(1, TextAdd(&text, "%s=%d", "ab", 12));
     EXPECT_EQ(1, TextAddBytes(&text, "67", 2));
-    EXPECT_EQ(0, TextAdd(&text, "%s", "8"));
+    EXPECT_EQ(0, TextAddBytes(&text, "8", 1));
     EXPECT_STREQ("ab=1267", room);
     TextBuf spoilt{room, 8};
     EXPECT_EQ(0, TextAdd(&spoilt, "%s", "12345678"));

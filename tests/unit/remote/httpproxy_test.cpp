@@ -2,6 +2,7 @@
 
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -108,6 +109,63 @@ TEST(HttpProxy, PendingListIsFullAt128AndTheOldestGoes)
     EXPECT_TRUE(silent[0].Closed(20000));
     EXPECT_TRUE(silent[1].StillOpen());
     EXPECT_TRUE(silent.back().StillOpen());
+}
+
+TEST(HttpProxy, CarriesLargeFilesBothWays)
+{
+    ProxyRig rig;
+    const std::string up = "POST /" + Pattern(300000, 1), down = Pattern(300000, 2);
+    Sock client = Connect(rig.nPort);
+    std::thread sender([&] { client.Send(up); });
+    Sock page = rig.web.Accept();
+    std::thread server([&] { page.Send(down); });
+    EXPECT_TRUE(up == page.Read(up.size()));
+    EXPECT_TRUE(down == client.Read(down.size()));
+    sender.join();
+    server.join();
+    page.Close();
+    EXPECT_TRUE(client.Closed(20000));
+}
+
+// None is answered before all have asked, and nothing of them stays.
+TEST(HttpProxy, ServesTwoHundredAtOnce)
+{
+    ProxyRig rig;
+    rig.Settle();
+    rig.handed.clear();
+    const int nBefore = OpenDescriptors();
+    std::vector<Sock> clients, pages;
+    for (int i = 100; i < 300; i++)
+        clients.push_back(rig.Ask("GET /" + std::to_string(i)));
+    for (int i = 100; i < 300; i++)
+        pages.push_back(rig.web.Accept());
+    for (const Sock &page : pages)
+        page.Send("page" + page.Read(8));
+    for (int i = 100; i < 300; i++)
+        EXPECT_EQ("pageGET /" + std::to_string(i), clients[static_cast<size_t>(i) - 100].Read(12));
+    pages.clear();
+    clients.clear();
+    EXPECT_TRUE(WaitFor([&] { return OpenDescriptors() <= nBefore; })) << OpenDescriptors() - nBefore;
+}
+
+// Who asks meanwhile is neither answered nor closed; the proxy stops at once with all of them.
+TEST(HttpProxy, OutlivesAWebServerThatIsDown)
+{
+    ProxyRig rig;
+    rig.web.sock.Close();
+    std::vector<Sock> waiting;
+    for (int i = 0; i < 20; i++)
+        waiting.push_back(rig.Ask("GET /"));
+    rig.Settle();
+    Listener again(rig.web.nPort);
+    Sock client = rig.Ask("GET /new");
+    Sock page = again.Accept();
+    EXPECT_EQ("GET /new", page.Read(8));
+    for (const Sock &sock : waiting)
+        EXPECT_TRUE(sock.StillOpen());
+    auto start = std::chrono::steady_clock::now();
+    HttpProxyStop(&rig.proxy);
+    EXPECT_LT(ElapsedMs(start), 1000);
 }
 
 }  // namespace

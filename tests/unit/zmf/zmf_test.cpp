@@ -4,12 +4,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "base/bytes.h"
 #include "orxzmf/jpegimage.h"
 #include "orxzmf/report.h"
 #include "orxzmf/survey.h"
 #include "record/zmfwriter.h"
 #include "support/files.h"
+#include "support/rtp.h"
 
 namespace orx {
 namespace {
@@ -17,12 +17,6 @@ namespace {
 using testing::Contains;
 using testing::HasSubstr;
 
-std::string Be(uint32_t nValue, size_t nBytes)
-{
-    uint8_t bytes[4];
-    PutBe(bytes, nBytes, nValue);
-    return {reinterpret_cast<char *>(bytes), nBytes};
-}
 const uint8_t *Data(const std::string &text)
 {
     return reinterpret_cast<const uint8_t *>(text.data());
