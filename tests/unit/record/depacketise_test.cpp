@@ -14,7 +14,7 @@ using testing::HasSubstr;
 // Packets of one track, and the samples that they become.
 struct Track {
     Depacketiser track;
-    std::vector<Sample> samples;
+    std::vector<MediaSample> samples;
     DepacketProc pfn;
     uint16_t nSeq = 65534;  // wraps on the way
 

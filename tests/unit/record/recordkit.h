@@ -63,15 +63,15 @@ inline std::vector<std::string> Fragments(const std::string &unit, size_t nPart)
     return out;
 }
 
-struct Sample {
+struct MediaSample {
     char chMedia;
     uint8_t nFlags;
     uint32_t nTimeMs;
     std::string data;
-    bool operator==(const Sample &) const = default;
+    bool operator==(const MediaSample &) const = default;
 };
 
-inline std::ostream &operator<<(std::ostream &out, const Sample &sample)
+inline std::ostream &operator<<(std::ostream &out, const MediaSample &sample)
 {
     return out << sample.chMedia << int{sample.nFlags} << "@" << sample.nTimeMs << " " << sample.data.size()
                << " bytes";
@@ -80,7 +80,7 @@ inline std::ostream &operator<<(std::ostream &out, const Sample &sample)
 // For a Depacketiser whose context is a vector of samples.
 inline int KeepSample(void *pSamples, const uint8_t *p, uint32_t n, uint32_t nTimeMs, uint32_t nType)
 {
-    static_cast<std::vector<Sample> *>(pSamples)->push_back(
+    static_cast<std::vector<MediaSample> *>(pSamples)->push_back(
         {static_cast<char>(nType >> 8), static_cast<uint8_t>(nType), nTimeMs, Text(p, n)});
     return 1;
 }
@@ -93,9 +93,9 @@ struct Reader {
     Reader &operator=(Reader &&) = delete;
 
     // Every sample from where it is; how the file ends goes into *pnEnd.
-    std::vector<Sample> ReadOn(int *pnEnd) const
+    std::vector<MediaSample> ReadOn(int *pnEnd) const
     {
-        std::vector<Sample> out;
+        std::vector<MediaSample> out;
         while (const uint8_t *pRecord = ZMFReaderNextSample(p, pnEnd)) {
             ZMFRecordHead head;
             ZMFRecordHeadDecode(pRecord, &head);
@@ -139,7 +139,7 @@ struct Recorder {
         ZMFWriterFree(std::exchange(pWriter, nullptr));
         return ReadFile(path);
     }
-    std::vector<Sample> FinishedSamples()
+    std::vector<MediaSample> FinishedSamples()
     {
         int nEnd = 1;
         Finish();

@@ -48,7 +48,7 @@ TEST(RtpHelp, RecordedAgainPicturesAreTheSame)
     constexpr uint32_t kStartMs = 0xFFFFF000;  // wraps on the way, as does the sequence number
     Recorder recorder;
     Player player;
-    std::vector<Sample> expected;
+    std::vector<MediaSample> expected;
     for (uint32_t i = 0; i < 200; i++) {
         size_t nBytes = 40 + i * 977 % 9000;
         std::vector<std::string> units = {Nal(1, nBytes, i)};

@@ -40,7 +40,7 @@ TEST_F(ZMFReaderTest, ACutFilePlaysUpToItsLastWholeRecord)
     for (bool bClosed : {false, true}) {
         std::string file = MakeRecording(path, 2, bClosed);
         int nResult = 1;
-        std::vector<Sample> whole = Reader(path).ReadOn(&nResult);
+        std::vector<MediaSample> whole = Reader(path).ReadOn(&nResult);
         ASSERT_EQ(bClosed ? 20U : 19U, whole.size()) << "the last sound is in the writer's memory";
         size_t nBegin = file.size();
         for (const auto &sample : whole)
@@ -57,7 +57,7 @@ TEST_F(ZMFReaderTest, ACutFilePlaysUpToItsLastWholeRecord)
                 nEnd += whole[nKept++].data.size() + 8;
             uint32_t nLastMs = nKept > 0 ? whole[nKept - 1].nTimeMs : 0;
             ASSERT_EQ(bClosed ? 1810U : nLastMs, ZMFReaderDuration(reader.p));
-            ASSERT_EQ(std::vector<Sample>(whole.begin(), whole.begin() + static_cast<long>(nKept)),
+            ASSERT_EQ(std::vector<MediaSample>(whole.begin(), whole.begin() + static_cast<long>(nKept)),
                       reader.ReadOn(&nResult));
             ASSERT_EQ(nEnd == nSize ? 0 : -1, nResult);
         }
