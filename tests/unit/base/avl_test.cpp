@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 
 namespace orx {
-namespace {
 
 using testing::HasSubstr;
 
@@ -22,7 +21,7 @@ struct Avl : testing::Test {
 };
 
 // The height of a subtree, after a check of every node in it. The nodes are appended in their order.
-int CheckSubtree(AvlNode *pNode, std::vector<AvlNode *> *pInOrder)
+static int CheckSubtree(AvlNode *pNode, std::vector<AvlNode *> *pInOrder)
 {
     if (!pNode)
         return 0;
@@ -35,7 +34,7 @@ int CheckSubtree(AvlNode *pNode, std::vector<AvlNode *> *pInOrder)
 }
 
 // The tree holds exactly what the map holds, in order, and is balanced everywhere.
-void CheckAgainst(const AvlTree *pTree, const std::map<AvlKey, void *> &map)
+static void CheckAgainst(const AvlTree *pTree, const std::map<AvlKey, void *> &map)
 {
     std::vector<AvlNode *> nodes;
     CheckSubtree(pTree->root, &nodes);
@@ -138,5 +137,4 @@ TEST_F(AvlDeathTest, MisuseAbortsWithItsText)
                  HasSubstr("`Height(item)==Max(Height(item->left),Height(item->right)) + 1'"));
 }
 
-}  // namespace
 }  // namespace orx

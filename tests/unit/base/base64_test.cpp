@@ -10,7 +10,6 @@
 #include "support/output.h"
 
 namespace orx {
-namespace {
 
 using namespace std::string_view_literals;
 
@@ -59,5 +58,4 @@ TEST(Base64, RefusesWhatFollowsPadding)
     }
 }
 
-}  // namespace
 }  // namespace orx

@@ -13,7 +13,6 @@
 #include "support/files.h"
 
 namespace orx {
-namespace {
 
 // Standard output as a pipe for as long as it lives.
 struct StdoutPipe {
@@ -91,5 +90,4 @@ TEST(Log, TrimsPastTheLimit)
     LogSetup("", 0);
 }
 
-}  // namespace
 }  // namespace orx

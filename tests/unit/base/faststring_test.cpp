@@ -8,12 +8,11 @@
 #include <gtest/gtest.h>
 
 namespace orx {
-namespace {
 
 using testing::HasSubstr;
 
 // What a string holds, after a check of its block.
-std::string Held(const Str &s)
+static std::string Held(const Str &s)
 {
     EXPECT_EQ(1U, s->nRefs);
     EXPECT_LT(s->len, s->total);
@@ -123,5 +122,4 @@ TEST(FastStringDeathTest, WhatDoesNotFitAborts)
     EXPECT_DEATH(StrCreate(&out, "x", UINT32_MAX - 1), HasSubstr("`!\"out of memory\"'"));
 }
 
-}  // namespace
 }  // namespace orx

@@ -12,7 +12,6 @@
 #include "support/output.h"
 
 namespace orx {
-namespace {
 
 using namespace std::string_literals;
 using testing::HasSubstr;
@@ -23,7 +22,7 @@ struct InifileTest : testing::Test {
 };
 
 // The value of a key, or "<none>".
-std::string Read(const char *section, const char *key, const std::string &file)
+static std::string Read(const char *section, const char *key, const std::string &file)
 {
     char value[512];
     return read_profile_string(section, key, value, sizeof(value), nullptr, file.c_str()) ? value : "<none>";
@@ -166,5 +165,4 @@ TEST_F(InifileTest, Merges)
     EXPECT_EQ(0, MergeIniFile(path.c_str(), dir.File("missing").c_str()));
 }
 
-}  // namespace
 }  // namespace orx

@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 namespace orx {
-namespace {
 
 using testing::HasSubstr;
 
@@ -20,19 +19,19 @@ struct Item {
     int nRank = 0;
 };
 
-char NameOf(void *pItem)
+static char NameOf(void *pItem)
 {
     return pItem ? static_cast<Item *>(pItem)->cName : '-';
 }
 
-int AddName(void *pNames, void * /*pArg2*/, void *pItem)
+static int AddName(void *pNames, void * /*pArg2*/, void *pItem)
 {
     *static_cast<std::string *>(pNames) += NameOf(pItem);
     return 0;
 }
 
 // The items in order, after a check that both directions and the count agree.
-std::string Order(List *pList)
+static std::string Order(List *pList)
 {
     std::string forward, backward;
     ListSearch(pList, AddName, &forward, nullptr, 0);
@@ -141,7 +140,7 @@ struct Script {
     std::string visited;
 };
 
-int FollowScript(List *pList, void *pArg1, void * /*pArg2*/, void *pItem)
+static int FollowScript(List *pList, void *pArg1, void * /*pArg2*/, void *pItem)
 {
     auto *pScript = static_cast<Script *>(pArg1);
     char cName = NameOf(pItem);
@@ -229,5 +228,4 @@ TEST(ListDeathTest, MisuseAbortsWithItsText)
     EXPECT_DEATH(ListNodeProc(&list, pfnAlloc, nullptr), HasSubstr("`((void *)0)!=pfnFreeNode'"));
 }
 
-}  // namespace
 }  // namespace orx

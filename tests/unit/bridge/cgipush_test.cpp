@@ -13,7 +13,6 @@
 #include "support/cameraqueue.h"
 
 namespace orx {
-namespace {
 
 using namespace std::string_literals;
 
@@ -76,5 +75,4 @@ TEST_F(CgiPushTest, AnswersAreCopiedAsFarAsTheyGo)
     }
 }
 
-}  // namespace
 }  // namespace orx

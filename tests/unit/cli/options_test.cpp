@@ -5,7 +5,6 @@
 #include <utility>
 
 namespace orx {
-namespace {
 
 using testing::HasSubstr;
 
@@ -17,7 +16,7 @@ struct Values {
     std::vector<std::string> lines;
 };
 
-CommandLine Line(Values *pValues)
+static CommandLine Line(Values *pValues)
 {
     return {"tool",
             "Does this and that.",
@@ -33,7 +32,7 @@ CommandLine Line(Values *pValues)
 }
 
 // What a reading of words, each with a '|' behind it, says: "taken", "helped", or why it is refused.
-std::string Said(const CommandLine &line, std::string words, CommandArguments *pOut)
+static std::string Said(const CommandLine &line, std::string words, CommandArguments *pOut)
 {
     char program[] = "program";
     std::vector<char *> argv = {program};
@@ -135,5 +134,4 @@ Exit code: 0 or 2.
     EXPECT_THAT(OptionsHelp(&line), HasSubstr("xxx\n               wordss\n"));
 }
 
-}  // namespace
 }  // namespace orx

@@ -10,7 +10,6 @@
 #include "support/namespaces.h"
 
 namespace orx {
-namespace {
 
 TEST(NetMac, Texts)
 {
@@ -89,5 +88,4 @@ TEST_F(NetInterface, KeepsTheGatewayAcrossAnAddress)
     EXPECT_EQ("", Read(GetGateway));
 }
 
-}  // namespace
 }  // namespace orx

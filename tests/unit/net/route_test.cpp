@@ -9,7 +9,6 @@
 #include "support/files.h"
 
 namespace orx {
-namespace {
 
 const char *const kGateway = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ ? "10.9.0.254" : "254.0.9.10";
 
@@ -39,5 +38,4 @@ TEST(NetRoute, Tables)
     }
 }
 
-}  // namespace
 }  // namespace orx

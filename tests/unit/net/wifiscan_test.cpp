@@ -11,7 +11,6 @@
 #include "support/files.h"
 
 namespace orx {
-namespace {
 
 using Owned = std::unique_ptr<char, void (*)(void *)>;
 
@@ -21,14 +20,14 @@ const char kTitle[] = "wlan0     Scan completed :\n";
 const char kSignal[] = "70/70  Signal level=-31 dBm  ";
 
 // A network as the tool prints it. essid is all that stands behind "ESSID:".
-std::string Cell(const std::string &essid, const std::string &quality, const std::string &key,
-                 const std::string &rest = "")
+static std::string Cell(const std::string &essid, const std::string &quality, const std::string &key,
+                        const std::string &rest = "")
 {
     return "          Cell 01 - Address: 00:1A\n    Channel:6\n    Quality=" + quality +
            "\n    Encryption key:" + key + "\n    ESSID:" + essid + "\n    Bit Rates:1 Mb/s\n    " + rest;
 }
 
-std::string Reduce(const std::string &raw)
+static std::string Reduce(const std::string &raw)
 {
     size_t nLength = 0;
     std::vector<char> bytes(raw.begin(), raw.end());  // of its very size, for the address sanitizer
@@ -120,5 +119,4 @@ TEST_F(WifiScanTest, FollowsNoLink)
     EXPECT_EQ(kList, Scan());
 }
 
-}  // namespace
 }  // namespace orx

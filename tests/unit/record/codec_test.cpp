@@ -5,10 +5,9 @@
 #include <gtest/gtest.h>
 
 namespace orx {
-namespace {
 
 // The kind that a section of this codec has.
-uint32_t KindOf(const Codec &codec)
+static uint32_t KindOf(const Codec &codec)
 {
     return codec.nMediaType & MEDIA_VIDEO_MASK ? MEDIA_VIDEO_OTHER : MEDIA_AUDIO_OTHER;
 }
@@ -44,5 +43,4 @@ TEST(Codec, EveryRowIsComplete)
     }
 }
 
-}  // namespace
 }  // namespace orx

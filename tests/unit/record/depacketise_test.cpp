@@ -6,7 +6,6 @@
 #include "recordkit.h"
 
 namespace orx {
-namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -47,7 +46,7 @@ struct Track {
 };
 
 // Not the first slice of its picture.
-std::string LaterSlice()
+static std::string LaterSlice()
 {
     std::string unit = Nal(1, 80, 4);
     unit[1] = static_cast<char>(unit[1] & 0x7F);
@@ -188,5 +187,4 @@ TEST(Jpeg, PayloadsAreJoinedAndDamagedImagesDropped)
     EXPECT_EQ(payload(0, 'a') + payload(100, 'b'), t.samples[0].data);
 }
 
-}  // namespace
 }  // namespace orx

@@ -11,7 +11,6 @@
 #include "record/codec.h"
 
 namespace orx {
-namespace {
 
 const std::map<std::string, std::vector<uint8_t>> kPayloads = {
     {"sps", {0x67, 1}},
@@ -78,5 +77,4 @@ TEST(KeyFrame, FlagsEachKeyPictureOnce)
     }
 }
 
-}  // namespace
 }  // namespace orx

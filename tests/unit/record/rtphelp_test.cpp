@@ -6,7 +6,6 @@
 #include "recordkit.h"
 
 namespace orx {
-namespace {
 
 using testing::HasSubstr;
 
@@ -91,5 +90,4 @@ TEST(RtpHelp, BrokenSamples)
     }
 }
 
-}  // namespace
 }  // namespace orx

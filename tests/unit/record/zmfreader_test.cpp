@@ -7,10 +7,9 @@
 #include "recordkit.h"
 
 namespace orx {
-namespace {
 
 // A recording with a key frame a second, four pictures and an audio sample between.
-std::string MakeRecording(const std::string &path, uint32_t nSeconds, bool bClosed = true)
+static std::string MakeRecording(const std::string &path, uint32_t nSeconds, bool bClosed = true)
 {
     Recorder recorder;
     for (uint32_t i = 0; i < nSeconds * 5; i++) {
@@ -23,7 +22,7 @@ std::string MakeRecording(const std::string &path, uint32_t nSeconds, bool bClos
 }
 
 // The time of the record stepped to, or -1.
-int64_t Step(const Reader &reader, int nKeys)
+static int64_t Step(const Reader &reader, int nKeys)
 {
     uint32_t nTime = 0;
     return ZMFReaderSeek2KeyFrame(reader.p, nKeys, &nTime) ? int64_t{nTime} : -1;
@@ -93,5 +92,4 @@ TEST_F(ZMFReaderTest, StepsFromKeyFrameToKeyFrame)
     EXPECT_EQ(3000, Step(interrupted, -1)) << "an interrupted file has no index to go by";
 }
 
-}  // namespace
 }  // namespace orx

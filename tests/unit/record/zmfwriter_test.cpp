@@ -8,11 +8,10 @@
 #include "recordkit.h"
 
 namespace orx {
-namespace {
 
 using testing::HasSubstr;
 
-uint32_t Field(const std::string &file, size_t nOffset, size_t nBytes)
+static uint32_t Field(const std::string &file, size_t nOffset, size_t nBytes)
 {
     return GetBe(file.data() + nOffset, nBytes);
 }
@@ -145,5 +144,4 @@ TEST(ZMFWriter, TimesBeforeTheFileAreTakenAtItsBeginningOnly)
                 HasSubstr("pWriter->uSampleCount < 6"));
 }
 
-}  // namespace
 }  // namespace orx

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 namespace orx {
-namespace {
 
 struct ClockTest : testing::Test {
     void TearDown() override { ClockSetOffset(0); }
@@ -50,5 +49,4 @@ TEST_F(ClockTest, NeverGoesBackNorDoThreadsPushItAhead)
     EXPECT_LT(ClockDiff(ClockMs(), ClockUptime() * 1000), 3000);
 }
 
-}  // namespace
 }  // namespace orx

@@ -9,7 +9,6 @@
 #include "support/output.h"
 
 namespace orx {
-namespace {
 
 // Pairs from one port to another, and all that can be had of them.
 struct Ports {
@@ -69,5 +68,4 @@ TEST(PortMgr, DumpsItsWords)
     EXPECT_EQ("", Printed([&] { PortMgrAlloc(&one.mgr); }));
 }
 
-}  // namespace
 }  // namespace orx

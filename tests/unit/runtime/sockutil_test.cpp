@@ -13,7 +13,6 @@
 #include "support/output.h"
 
 namespace orx {
-namespace {
 
 TEST(SockResolveUri, SplitsHostAndPort)
 {
@@ -96,5 +95,4 @@ TEST(SockUtil, BindsAndConnects)
     EXPECT_EQ(nHost == 0, said.starts_with("gethostbyname(")) << said;
 }
 
-}  // namespace
 }  // namespace orx

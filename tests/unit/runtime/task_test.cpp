@@ -12,7 +12,6 @@
 #include "support/wait.h"
 
 namespace orx {
-namespace {
 
 using testing::ElementsAre;
 
@@ -211,5 +210,4 @@ TEST_F(SchedulerTest, ThreadsScheduleAtTheSameTime)
     EXPECT_EQ(1200U, Ran().size());
 }
 
-}  // namespace
 }  // namespace orx

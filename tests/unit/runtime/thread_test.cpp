@@ -9,10 +9,9 @@
 #include "support/wait.h"
 
 namespace orx {
-namespace {
 
 // Gives up what lets a process raise its priority, and sends what it prints to where the tests look for it.
-void RaisePriorityWithoutTheRight(int bAllowed)
+static void RaisePriorityWithoutTheRight(int bAllowed)
 {
     dup2(STDERR_FILENO, STDOUT_FILENO);
     rlimit none{0, 0};
@@ -59,5 +58,4 @@ TEST(Thread, EndsAPauseOrDiesWhereItStands)
     EXPECT_EQ(0U, deaf.nFlags & THREAD_ENDED);
 }
 
-}  // namespace
 }  // namespace orx

@@ -12,7 +12,6 @@
 #include "unit/record/recordkit.h"
 
 namespace orx {
-namespace {
 
 using testing::Contains;
 using testing::HasSubstr;
@@ -46,7 +45,7 @@ TEST(JpegImage, RecordedPayloadsBecomeAnImage)
         EXPECT_EQ(0, rebuild(bad, &image));
 }
 
-Survey Look(const std::string &path)
+static Survey Look(const std::string &path)
 {
     Recording recording;
     Survey survey;
@@ -86,5 +85,4 @@ TEST(Survey, FindsFaults)
     EXPECT_EQ(2U, Look(path).notes.size());
 }
 
-}  // namespace
 }  // namespace orx

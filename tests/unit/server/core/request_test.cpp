@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 namespace orx {
-namespace {
 
 struct RequestTest : testing::Test {
     Request request;
@@ -91,5 +90,4 @@ TEST_F(RequestTest, TellsMalformedFromIncomplete)
         EXPECT_EQ(nResult, Parse(std::string("PLAY a RTSP/1.0\r\n") + szHeaders)) << szHeaders;
 }
 
-}  // namespace
 }  // namespace orx

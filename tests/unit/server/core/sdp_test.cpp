@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 namespace orx {
-namespace {
 
 constexpr char kHead[] = "v=0\r\no=- 0 0 IN IP4 127.0.0.1\r\ns=live\r\nt=0 0\r\n";
 constexpr char kVideo[] = "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:trackID=0\r\n";
@@ -23,7 +22,7 @@ struct Parsed : Description {
 };
 
 // What is known of a track, in words.
-std::string Told(const MediaInfo &m)
+static std::string Told(const MediaInfo &m)
 {
     char text[128];
     snprintf(text, sizeof(text), "%d %s/%u %ux%u %u bits, track %d, channels %d-%d", m.nPayloadType,
@@ -136,5 +135,4 @@ TEST(Sdp, ReadsTheLengthOfARecording)
     }
 }
 
-}  // namespace
 }  // namespace orx

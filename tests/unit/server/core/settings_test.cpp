@@ -15,7 +15,6 @@
 #include "support/output.h"
 
 namespace orx {
-namespace {
 
 using testing::HasSubstr;
 
@@ -89,7 +88,7 @@ TEST_F(SettingsTest, ChecksTheUdpRange)
     }
 }
 
-std::string LimitsOf(const Setting &row)
+static std::string LimitsOf(const Setting &row)
 {
     if (row.kind == SettingKind::Text)
         return std::to_string(row.place.nBytes - 1) + " characters";
@@ -105,13 +104,13 @@ std::string LimitsOf(const Setting &row)
 }
 
 // What stands in a document under the heading of a section, up to the next heading.
-std::string Part(const std::string &text, const std::string &mark, const char *szSection)
+static std::string Part(const std::string &text, const std::string &mark, const char *szSection)
 {
     size_t nBegin = text.find(mark + szSection + "]");
     return nBegin == std::string::npos ? "" : text.substr(nBegin, text.find(mark, nBegin + 1) - nBegin);
 }
 
-size_t Count(const std::string &text, const std::regex &what)
+static size_t Count(const std::string &text, const std::regex &what)
 {
     return static_cast<size_t>(
         std::distance(std::sregex_iterator(text.begin(), text.end(), what), std::sregex_iterator()));
@@ -169,5 +168,4 @@ TEST(SettingsTable, HasARowForEveryKeyThatASourceNames)
     EXPECT_THAT(named, testing::IsSupersetOf(others));
 }
 
-}  // namespace
 }  // namespace orx

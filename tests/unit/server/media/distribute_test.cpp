@@ -15,7 +15,6 @@
 #include "support/wait.h"
 
 namespace orx {
-namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -246,5 +245,4 @@ TEST_F(RecordingQueueTest, RepliesKeepTheirOrder)
     });
 }
 
-}  // namespace
 }  // namespace orx

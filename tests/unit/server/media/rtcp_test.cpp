@@ -10,7 +10,6 @@
 #include "support/output.h"
 
 namespace orx {
-namespace {
 
 using testing::HasSubstr;
 
@@ -66,5 +65,4 @@ TEST(RtcpDump, ShowsACompound)
     EXPECT_THAT(Printed([&] { RtcpDump(p, 8, 0); }), HasSubstr("Invalid RTCP packet!\r\n"));
 }
 
-}  // namespace
 }  // namespace orx

@@ -14,7 +14,6 @@
 #include "support/testcore.h"
 
 namespace orx {
-namespace {
 
 // Accounts in the text that a camera sent, which may not be taken for the name of a file.
 TEST(Accounts, AreFoundInTheCamerasText)
@@ -58,5 +57,4 @@ TEST(Accounts, AreFoundInTheCamerasText)
     ProgramDetach(&pusher);
 }
 
-}  // namespace
 }  // namespace orx

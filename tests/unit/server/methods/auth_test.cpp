@@ -13,7 +13,6 @@
 #include "base/textbuf.h"
 
 namespace orx {
-namespace {
 
 // An authenticator that knows one account.
 struct Authenticator {
@@ -48,14 +47,14 @@ struct Authenticator {
     }
 };
 
-std::string Hex(const std::string &text)
+static std::string Hex(const std::string &text)
 {
     char hex[kMd5HexSize];
     Md5Hex(text.data(), text.size(), hex);
     return hex;
 }
 
-std::string Basic(const std::string &pair)
+static std::string Basic(const std::string &pair)
 {
     std::string out(Base64EncodedSize(pair.size()), '\0');
     Base64Encode(pair.data(), out.data(), pair.size());
@@ -147,5 +146,4 @@ TEST(AuthToken, TakesEverySecondDigit)
     EXPECT_TRUE(AuthIsToken("anonymous", "secret", token));
 }
 
-}  // namespace
 }  // namespace orx

@@ -8,11 +8,10 @@
 #include <gtest/gtest.h>
 
 namespace orx {
-namespace {
 
 using namespace std::string_literals;
 
-std::string Filtered(const std::string &text, const char *szUser = "bob")
+static std::string Filtered(const std::string &text, const char *szUser = "bob")
 {
     size_t nOut = 0;
     char *pOut = CamCfgFilter(text.c_str(), text.size(), szUser, &nOut);
@@ -50,5 +49,4 @@ TEST(CamCfg, ShowsAViewerOnlyItsOwn)
         << "nobody has no name";
 }
 
-}  // namespace
 }  // namespace orx

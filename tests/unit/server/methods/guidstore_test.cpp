@@ -10,7 +10,6 @@
 #include "support/files.h"
 
 namespace orx {
-namespace {
 
 TEST(GuidStore, TakesNoKeyThatIsNone)
 {
@@ -63,5 +62,4 @@ TEST(GuidStore, ReplacesTheFileOrLeavesIt)
     EXPECT_EQ(0, GuidStoreAdd(path.c_str(), "a", "cam1", 2)) << "something that cannot be read";
 }
 
-}  // namespace
 }  // namespace orx

@@ -10,7 +10,6 @@
 #include "support/output.h"
 
 namespace orx {
-namespace {
 
 // The receive buffer of a session and the POST port that feeds it.
 struct Receiver {
@@ -36,7 +35,7 @@ struct Receiver {
     }
 };
 
-std::string Encoded(const std::string &bytes)
+static std::string Encoded(const std::string &bytes)
 {
     std::string text(Base64EncodedSize(bytes.size()), '\0');
     Base64Encode(bytes.data(), text.data(), bytes.size());
@@ -77,5 +76,4 @@ TEST(TunnelDecode, NeverWritesPastTheBuffer)
     EXPECT_EQ("abcabc", less.Held());
 }
 
-}  // namespace
 }  // namespace orx
