@@ -32,14 +32,14 @@ TEST(Base64, EncodesAndDecodesStrictly)
 TEST(Base64, DecodesTolerantly)
 {
     static const std::tuple<std::string_view, size_t, std::string_view> cases[] = {
+        // a NUL ends it before the length does, and an unfinished group gives one byte more
         {" Q\tU\vJ D\r\nREVG", 0, "ABCDEF"},
         {"QUJDREVG", 4, "ABC"},
-        {"QUJD\0REVG"sv, 9, "ABC"},  // a NUL ends it before the length does
+        {"QUJD\0REVG"sv, 9, "ABC"},
         {"QUJD\xffREVG", 0, "ABC"},
         {"QUI=", 0, "AB"},
         {"QQ=\r\n=\r\n", 0, "A"},
-        {"QQ", 0, "A\0"sv},  // unfinished groups give one byte more
-    };
+        {"QQ", 0, "A\0"sv}};
     for (const auto &[text, nLen, bytes] : cases) {
         char out[32];
         char *pEnd = Base64Decode(text.data(), out, nLen);

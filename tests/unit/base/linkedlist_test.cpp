@@ -2,6 +2,8 @@
 
 #include <climits>
 #include <cstdlib>
+#include <cstring>
+#include <functional>
 #include <string>
 #include <utility>
 
@@ -132,23 +134,10 @@ TEST_P(ListBoth, FlagsUnlinkAndFree)
     }
 }
 
-// A traveler that notes where it comes, removes some items, and stops at one.
-struct Script {
-    std::string removed;
-    char cStop;
-    int nGoOn, nRemoved;  // what it says when it goes on, and after removing
-    std::string visited;
-};
-
-static int FollowScript(List *pList, void *pArg1, void * /*pArg2*/, void *pItem)
+// A traveler that asks a function.
+static int AskFunction(List * /*pList*/, void *pFunction, void * /*pArg2*/, void *pItem)
 {
-    auto *pScript = static_cast<Script *>(pArg1);
-    char cName = NameOf(pItem);
-    pScript->visited += cName;
-    if (pScript->removed.find(cName) == std::string::npos)
-        return cName == pScript->cStop ? 0 : pScript->nGoOn;
-    ListRemove(pList, pItem, 1);
-    return pScript->nRemoved;
+    return (*static_cast<std::function<int(void *)> *>(pFunction))(pItem);
 }
 
 TEST_P(ListBoth, TravelCodes)
@@ -164,16 +153,22 @@ TEST_P(ListBoth, TravelCodes)
         {1, 4, "bc", "dcba", "ad", 0, '-'},  {1, 3, "abcd", "dcba", "", 0, '-'},
     };
     for (const auto &c : cases) {
+        std::string visited;
+        std::function<int(void *)> visit = [&](void *pItem) {
+            visited += NameOf(pItem);
+            if (!strchr(c.szRemoved, NameOf(pItem)))
+                return NameOf(pItem) == c.cStop ? 0 : c.nGoOn;
+            ListRemove(&list, pItem, 1);
+            return c.bBackward ? 1 : 2;
+        };
         SCOPED_TRACE(std::string(c.bBackward ? "backward " : "forward ") + c.szRemoved);
         Fill(4);
-        Script script{c.szRemoved, c.cStop, c.nGoOn, c.bBackward ? 1 : 2, ""};
-        EXPECT_EQ(c.cResult, NameOf(ListTravel(&list, FollowScript, &script, nullptr, c.bBackward)));
-        EXPECT_EQ(c.szVisited, script.visited);
+        EXPECT_EQ(c.cResult, NameOf(ListTravel(&list, AskFunction, &visit, nullptr, c.bBackward)));
+        EXPECT_EQ(c.szVisited, visited);
         EXPECT_EQ(c.szLeft, Order(&list));
         Clear();
-        Script empty{"", '-', 0, 0, ""};  // an empty list calls once, without an item
-        EXPECT_EQ(nullptr, ListTravel(&list, FollowScript, &empty, nullptr, c.bBackward));
-        EXPECT_EQ("-", empty.visited);
+        EXPECT_EQ(nullptr, ListTravel(&list, AskFunction, &visit, nullptr, c.bBackward));
+        EXPECT_EQ(c.szVisited + std::string("-"), visited) << "an empty list calls once, without an item";
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -10,10 +11,7 @@ namespace orx {
 // Short texts, and lengths around the end of a block, where the padding needs another one.
 TEST(Md5, GivesTheKnownDigests)
 {
-    static const struct {
-        std::string text;
-        const char *szHex;
-    } cases[] = {
+    static const std::pair<std::string, const char *> cases[] = {
         {"", "d41d8cd98f00b204e9800998ecf8427e"},
         {"abcdefghijklmnopqrstuvwxyz", "c3fcd3d76192e4007dfb496cca67e13b"},
         {std::string(55, 'a'), "ef1772b6dff9a122358552954ad0df65"},
@@ -21,12 +19,12 @@ TEST(Md5, GivesTheKnownDigests)
         {std::string(64, 'a'), "014842d480b571495a4a0363793f7367"},
         {std::string(65, 'a'), "c743a45e0d2e6a95cb859adae0248435"},
     };
-    for (const auto &c : cases) {
+    for (const auto &[text, szHex] : cases) {
         char hex[kMd5HexSize];
-        EXPECT_EQ(32, Md5Hex(c.text.c_str(), 0, hex));
-        EXPECT_STREQ(c.szHex, hex) << c.text;
-        char *pNew = Md5HexAlloc(c.text.c_str(), c.text.size());
-        EXPECT_STREQ(c.szHex, pNew) << c.text;
+        EXPECT_EQ(32, Md5Hex(text.c_str(), 0, hex));
+        EXPECT_STREQ(szHex, hex) << text;
+        char *pNew = Md5HexAlloc(text.c_str(), text.size());
+        EXPECT_STREQ(szHex, pNew) << text;
         free(pNew);
     }
 }

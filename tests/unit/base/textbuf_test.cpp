@@ -1,5 +1,7 @@
 #include "base/textbuf.h"
 
+#include <tuple>
+
 #include <gtest/gtest.h>
 
 namespace orx {
@@ -22,15 +24,12 @@ TEST(TextBuf, FillsToTheLastByteAndHoldsNoHalfAPiece)
 
 TEST(TextCopy, CutsAndTerminates)
 {
-    static const struct {
-        const char *szFrom;
-        int nResult;
-        const char *szTo;
-    } cases[] = {{nullptr, 1, ""}, {"abc", 1, "abc"}, {"abcd", 0, "abc"}};
-    for (const auto &c : cases) {
+    static const std::tuple<const char *, int, const char *> cases[] = {
+        {nullptr, 1, ""}, {"abc", 1, "abc"}, {"abcd", 0, "abc"}};
+    for (const auto &[szFrom, nResult, szTo] : cases) {
         char to[4] = {'x', 'x', 'x', 'x'};
-        EXPECT_EQ(c.nResult, TextCopy(to, sizeof(to), c.szFrom));
-        EXPECT_STREQ(c.szTo, to);
+        EXPECT_EQ(nResult, TextCopy(to, sizeof(to), szFrom));
+        EXPECT_STREQ(szTo, to);
     }
     char one[1] = {'x'};
     EXPECT_EQ(0, TextCopy(one, 1, "a"));

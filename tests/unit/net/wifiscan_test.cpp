@@ -1,7 +1,6 @@
 #include "net/wifiscan.h"
 
 #include <cstdlib>
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -11,8 +10,6 @@
 #include "support/files.h"
 
 namespace orx {
-
-using Owned = std::unique_ptr<char, void (*)(void *)>;
 
 const char kRsn[] = "IE: IEEE 802.11i/WPA2 Version 1\n";
 const char kWpa[] = "IE: WPA Version 1\n";
@@ -27,13 +24,13 @@ static std::string Cell(const std::string &essid, const std::string &quality, co
            "\n    Encryption key:" + key + "\n    ESSID:" + essid + "\n    Bit Rates:1 Mb/s\n    " + rest;
 }
 
-static std::string Reduce(const std::string &raw)
+// A list, or "<none>"; it is freed.
+static std::string Taken(char *pList, size_t nLength)
 {
-    size_t nLength = 0;
-    std::vector<char> bytes(raw.begin(), raw.end());  // of its very size, for the address sanitizer
-    Owned list(WifiReduce(bytes.data(), bytes.size(), &nLength), free);
-    EXPECT_EQ('\0', list.get()[nLength]);
-    return {list.get(), nLength};
+    std::string list = pList ? std::string(pList, nLength) : "<none>";
+    EXPECT_TRUE(!pList || pList[nLength] == '\0');
+    free(pList);
+    return list;
 }
 
 TEST(WifiReduce, OneLineForANetwork)
@@ -61,8 +58,13 @@ TEST(WifiReduce, OneLineForANetwork)
         {Cell("\"" + std::string(nFits, 'n') + "key:off\"", kSignal, "on"),
          std::string(nFits - 1, 'n') + " [00:1A] 70/70 WEP\n"},
     };
-    for (const auto &[raw, lines] : cases)
-        EXPECT_EQ(lines + "\r\n\r\n", Reduce(kTitle + raw)) << raw;
+    for (const auto &[raw, lines] : cases) {
+        const std::string text = kTitle + raw;
+        std::vector<char> bytes(text.begin(), text.end());  // of its very size, for the address sanitizer
+        size_t nLength = 0;
+        char *pList = WifiReduce(bytes.data(), bytes.size(), &nLength);
+        EXPECT_EQ(lines + "\r\n\r\n", Taken(pList, nLength)) << raw;
+    }
 }
 
 // The stand-in for the scanning tool, first in PATH, prints the file "text" after what it is given to do.
@@ -82,12 +84,11 @@ struct WifiScanTest : testing::Test {
         WriteFile(dir.File("iwlist"), "#!/bin/sh\ncd '" + dir.path + "'\n" + before + "\ncat - text\n");
         std::filesystem::permissions(dir.File("iwlist"), std::filesystem::perms::owner_all);
     }
-    // The list, or "<none>".
     std::string Scan(const char *szInterface = "wlan0") const
     {
         size_t nLength = 0;
-        Owned list(WifiScanIn(dir.path.c_str(), szInterface, &nLength), free);
-        return list ? std::string(list.get(), nLength) : "<none>";
+        char *pList = WifiScanIn(dir.path.c_str(), szInterface, &nLength);
+        return Taken(pList, nLength);
     }
 };
 

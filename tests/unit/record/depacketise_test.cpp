@@ -34,7 +34,7 @@ struct Track {
     int Put(uint32_t nFrame, bool bMarker, const std::string &payload, int nLostBefore = 0)
     {
         nSeq = static_cast<uint16_t>(nSeq + nLostBefore + 1);
-        return PutPacket(Rtp(nSeq, nFrame * 3600, bMarker, payload), nFrame);
+        return PutPacket(MakeRtp({96, nSeq, nFrame * 3600, bMarker}, payload), nFrame);
     }
     std::vector<uint32_t> Frames() const
     {
@@ -127,9 +127,9 @@ TEST(H264, PacketsThatCannotBeUsedChangeNothing)
 TEST(H264, RtpHeaderExtrasAreNotMedia)
 {
     const std::string unit = Nal(1, 40, 1);
-    std::string packet = Rtp(7, 3600, true, "");
-    packet[0] = static_cast<char>(0x80 | 0x20 | 0x10 | 2);  // padding, extension, two sources
-    packet += std::string(8, 'c') + Be(1, 4) + "extn" + unit + Be(3, 3);
+    const RtpFields head{.bMarker = true,
+                         .nFlags = 0x80 | 0x20 | 0x10 | 2};  // padding, extension, two sources
+    std::string packet = MakeRtp(head, std::string(8, 'c') + Be(1, 4) + "extn" + unit + Be(3, 3));
     Track t(WriteH264RtpData);
     EXPECT_EQ(1, t.PutPacket(packet, 40));
     packet.back() = '\xFF';  // more padding than there is packet

@@ -12,21 +12,20 @@
 
 namespace orx {
 
-const std::map<std::string, std::vector<uint8_t>> kPayloads = {
+// Single units, fragments (FU-A) and aggregates (STAP-A), these of units of two bytes each.
+static const std::map<std::string, std::vector<uint8_t>> kPayloads = {
     {"sps", {0x67, 1}},
     {"pps", {0x68, 1}},
     {"sei", {0x06, 1}},
     {"delimiter", {0x09, 1}},
     {"idr", {0x65, 1}},
     {"slice", {0x41, 1}},
-    // fragments
     {"idr-start", {0x7C, 0x85, 1}},
     {"idr-rest", {0x7C, 0x05, 1}},
     {"idr-end", {0x7C, 0x45, 1}},
     {"sps-start", {0x7C, 0x87, 1}},
     {"slice-start", {0x5C, 0x81, 1}},
     {"fragment-cut", {0x7C}},
-    // aggregates of units of two bytes each
     {"delimiter+sps+pps+sei", {24, 0, 2, 9, 0xAA, 0, 2, 7, 0xAA, 0, 2, 8, 0xAA, 0, 2, 6, 0xAA}},
     {"sei+sps", {24, 0, 2, 6, 0xAA, 0, 2, 7, 0xAA}},
     {"sei+idr", {24, 0, 2, 6, 0xAA, 0, 2, 5, 0xAA}},
@@ -37,8 +36,7 @@ const std::map<std::string, std::vector<uint8_t>> kPayloads = {
     {"jpeg-start", {0, 0, 0, 0, 1, 255, 40, 30}},
     {"jpeg-rest", {0, 0, 5, 0xB4, 1, 255, 40, 30}},
     {"byte", {0}},
-    {"nothing", {}},
-};
+    {"nothing", {}}};
 
 // The opening pictures as real encoders packetise them, each packet by its time stamp and payload; * marks
 // where a key picture is to be seen, ! the marker.

@@ -31,11 +31,6 @@ inline uint32_t Size(const std::string &text)
     return static_cast<uint32_t>(text.size());
 }
 
-inline std::string Rtp(uint16_t nSeq, uint32_t nTime, bool bMarker, const std::string &payload)
-{
-    return MakeRtp({96, nSeq, nTime, bMarker}, payload);
-}
-
 // A NAL unit of a type; slices begin with the macroblock number 0.
 inline std::string Nal(int nType, size_t nBytes, uint32_t nSeed)
 {

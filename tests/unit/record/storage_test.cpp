@@ -4,6 +4,7 @@
 #include <ctime>
 #include <filesystem>
 #include <string>
+#include <tuple>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -12,6 +13,8 @@
 #include "support/output.h"
 
 namespace orx {
+
+constexpr const char *kEveryProgram = nullptr;
 
 TEST(Storage, PathsStayBelowTheRoot)
 {
@@ -44,10 +47,7 @@ struct StorageDays : testing::Test {
     StorageDays()
     {
         tm noon{};
-        noon.tm_year = 2024 - 1900;
-        noon.tm_mon = 2;
-        noon.tm_mday = 5;
-        noon.tm_hour = 12;
+        strptime("2024-03-05 12", "%Y-%m-%d %H", &noon);
         noon.tm_isdst = -1;
         RecordTimeSetOffset(mktime(&noon) - time(nullptr));
         Put(dir.File("outside/20240229/M1.zmf"));
@@ -58,20 +58,13 @@ struct StorageDays : testing::Test {
         std::filesystem::create_directories(std::filesystem::path(path).parent_path());
         WriteFile(path, "x");
     }
-    void Link(const std::string &at) const
-    {
-        std::filesystem::create_directories(std::filesystem::path(root + at).parent_path());
-        std::filesystem::create_symlink(dir.File("outside/20240229"), root + at);
-    }
 };
 
 // Days of 3 to 10 days of age go: 24 February to 2 March.
 TEST_F(StorageDays, GoWithWhatIsInThem)
 {
-    static const struct {
-        const char *szFile;
-        bool bOfCam, bOfAll;  // it goes when the days of "cam" are deleted, and those of every program
-    } cases[] = {
+    static const std::tuple<const char *, bool, bool> cases[] = {
+        // whether it goes when the days of "cam" are deleted, and when those of every program are
         {"cam/20240302/M1.zmf", true, true},       {"cam/20240302/a/b/M1.zmf", true, true},
         {"cam/20240229/M1.txt", true, true},       {"cam/20240224/M1.zmf.tm!", true, true},
         {"cam/20240303/M1.zmf", false, false},     {"cam/20240223/M1.zmf", false, false},
@@ -82,19 +75,17 @@ TEST_F(StorageDays, GoWithWhatIsInThem)
         {"a/b/20240229/M1.zmf", false, true},      {"cam/sub/20240229/M1.zmf", false, true},
         {".cam/20240229/M1.zmf", false, false},    {"cam/20240303/20240229/M1.zmf", false, false},
     };
-    for (const char *szProgram : {"cam", static_cast<const char *>(nullptr)}) {
+    for (const char *szProgram : {"cam", kEveryProgram}) {
         for (const auto &c : cases)
-            Put(root + c.szFile);
+            Put(root + std::get<0>(c));
         for (int nAge : {INT_MIN, -3000000, -1000, 9000, 1000000, INT_MAX})  // days that nobody has
             StorageDeleteOldDays(root.c_str(), szProgram, nAge);
         OpenRecording open;
         StorageHold(&open, (root + "cam/20240227").c_str());
         StorageDeleteOldDays(root.c_str(), szProgram, 3);
         StorageRelease(&open);
-        for (const auto &c : cases) {
-            bool bThere = std::filesystem::exists(root + c.szFile);
-            EXPECT_EQ(!(szProgram ? c.bOfCam : c.bOfAll), bThere) << c.szFile;
-        }
+        for (const auto &[szFile, bOfCam, bOfAll] : cases)
+            EXPECT_EQ(szProgram ? !bOfCam : !bOfAll, std::filesystem::exists(root + szFile)) << szFile;
         EXPECT_FALSE(std::filesystem::exists(root + "cam/20240302"));
     }
 }
@@ -102,11 +93,11 @@ TEST_F(StorageDays, GoWithWhatIsInThem)
 // A link in the place of a day or of a program is left alone; one within a day goes, not what it names.
 TEST_F(StorageDays, NothingOutsideTheRootIsReached)
 {
+    std::filesystem::create_directories(root + "cam/20240228/a");
     for (const char *szLink : {"cam/20240229", "link", "cam/20240228/inner", "cam/20240228/a/inner"})
-        Link(szLink);
+        std::filesystem::create_symlink(dir.File("outside/20240229"), root + szLink);
     std::filesystem::create_symlink(dir.File("outside"), root + "program");
-    for (const char *szProgram :
-         {"cam", "../outside", "cam/../../outside", static_cast<const char *>(nullptr)})
+    for (const char *szProgram : {"cam", "../outside", "cam/../../outside", kEveryProgram})
         StorageDeleteOldDays(root.c_str(), szProgram, 3);
     EXPECT_EQ("x", ReadFile(dir.File("outside/20240229/M1.zmf")));
     EXPECT_TRUE(std::filesystem::is_symlink(root + "cam/20240229"));
@@ -128,18 +119,19 @@ TEST_F(StorageDays, ReserveSpaceDeletesTheOldestFirst)
         {"cam/20240101", 1, UINT32_MAX, 1, 0, "20231231 20240101 ", ""},
         {"cam/20240101", 0, UINT32_MAX, 1, 1, "20240101 ", "20231231 "},  // gone, so that it cannot be asked
     };
+    static const std::string days[] = {"20240101", "20231231"};
     for (const auto &c : cases) {
         std::string removed, left;
-        for (const char *szDay : {"20240101", "20231231"})
-            Put(root + "cam/" + szDay + "/M1.zmf");
+        for (const auto &day : days)
+            Put(root + "cam/" + day + "/M1.zmf");
         int nResult = -1;
         std::string said = Printed(
             [&] { nResult = CheckPathReserveSpace(root.c_str(), c.szSub, c.bDateLayout, c.nMB, c.bDelete); });
         EXPECT_EQ(c.nResult, nResult) << said;
         for (size_t n = 0; (n = said.find("The oldest file (", n)) != std::string::npos; n++)
             removed += said.substr(n + 17 + root.size() + 4, 8) + " ";
-        for (const char *szDay : {"20240101", "20231231"})
-            left += std::filesystem::exists(root + "cam/" + szDay) ? szDay + std::string(" ") : "";
+        for (const auto &day : days)
+            left += std::filesystem::exists(root + "cam/" + day) ? day + " " : "";
         EXPECT_EQ(c.szRemoved, removed) << said;
         EXPECT_EQ(c.szLeft, left) << c.szSub;
     }

@@ -1,6 +1,7 @@
 #include "record/zmfwriter.h"
 
 #include <filesystem>
+#include <tuple>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -116,19 +117,18 @@ TEST(ZMFWriter, BigFramesUseTheLongLength)
 
 TEST(ZMFWriter, TheIndexHalvesWhenItIsFull)
 {
-    static const struct {
-        uint32_t nKeys, nInterval, nEntries;
-    } cases[] = {{199, 1, 199}, {200, 1, 200}, {201, 2, 101}, {400, 4, 100}, {401, 4, 101}, {1000, 8, 125}};
-    for (const auto &c : cases) {
+    static const std::tuple<uint32_t, uint32_t, uint32_t> cases[] = {
+        {199, 1, 199}, {200, 1, 200}, {201, 2, 101}, {400, 4, 100}, {401, 4, 101}, {1000, 8, 125}};
+    for (const auto &[nKeys, nInterval, nEntries] : cases) {
         Recorder recorder;
-        for (uint32_t i = 0; i < c.nKeys; i++)
+        for (uint32_t i = 0; i < nKeys; i++)
             ASSERT_EQ(1, recorder.PutKey(i * 1000, 20));
         std::string file = recorder.Finish();
-        EXPECT_EQ(c.nInterval, Field(file, 132, 2)) << c.nKeys;
-        EXPECT_EQ(c.nKeys, Field(file, 128, 4));
+        EXPECT_EQ(nInterval, Field(file, 132, 2)) << nKeys;
+        EXPECT_EQ(nKeys, Field(file, 128, 4));
         for (uint32_t i = 0; i < 200; i++) {
-            uint32_t nKey = i < c.nEntries ? i * c.nInterval : 0;
-            EXPECT_EQ(nKey * 28, Field(file, 168 + i * 8, 4)) << c.nKeys << " entry " << i;
+            uint32_t nKey = i < nEntries ? i * nInterval : 0;
+            EXPECT_EQ(nKey * 28, Field(file, 168 + i * 8, 4)) << nKeys << " entry " << i;
             EXPECT_EQ(nKey * 1000, Field(file, 172 + i * 8, 4));
         }
     }

@@ -15,24 +15,20 @@ namespace orx {
 
 struct EnetSide {
     ENetHost *pHost = nullptr;
-    std::vector<ENetPeer *> connected;                         // in order of their connect events
+    std::vector<ENetPeer *> connected, disconnected;           // in order of their events
     std::vector<std::pair<ENetPeer *, std::string>> received;  // packets
-    std::vector<ENetPeer *> disconnected;
+    ENetAddress address{};                                     // its own, then that of the last Connect
 
     EnetSide()
     {
-        ENetAddress address{};
         enet_address_set_host(&address, "127.0.0.1");
         pHost = enet_host_create(&address, 64, 1, 0, 0);
     }
     ~EnetSide() { enet_host_destroy(pHost); }
-    EnetSide(EnetSide &&) = delete;
     EnetSide &operator=(EnetSide &&) = delete;
     int Port() const { return PortOf(pHost->socket); }
     ENetPeer *Connect(int nPort)
     {
-        ENetAddress address{};
-        enet_address_set_host(&address, "127.0.0.1");
         address.port = static_cast<uint16_t>(nPort);
         return enet_host_connect(pHost, &address, 1, 0);
     }
@@ -41,22 +37,16 @@ struct EnetSide {
         enet_peer_send(pPeer, 0, enet_packet_create(data.data(), data.size(), ENET_PACKET_FLAG_RELIABLE));
         enet_host_flush(pHost);
     }
-    // Looks after the host until the condition holds or the time is up.
+    // Looks after the host until the condition holds or the time is up, which is generous by default.
     template <typename Condition>
-    bool Pump(Condition condition, int nMs)
+    bool Pump(Condition condition, int nMs = 60000)
     {
-        auto start = std::chrono::steady_clock::now();
-        for (;;) {
-            ENetEvent event{};
-            while (enet_host_service(pHost, &event, 0) > 0)
+        auto pumped = [&] {
+            for (ENetEvent event{}; enet_host_service(pHost, &event, 0) > 0;)
                 Note(event);
-            if (condition())
-                return true;
-            if (ElapsedMs(start) > nMs)
-                return false;
-            enet_uint32 nWait = ENET_SOCKET_WAIT_RECEIVE;
-            enet_socket_wait(pHost->socket, &nWait, 2);
-        }
+            return condition();
+        };
+        return WaitFor(pumped, nMs);
     }
     // Everything that came from the peer, in one piece.
     std::string Stream(const ENetPeer *pPeer) const

@@ -1,6 +1,7 @@
 #include "remote/registration.h"
 
 #include <string>
+#include <tuple>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -46,7 +47,7 @@ struct BoxRig {
 
     explicit BoxRig(const std::string &config = "")
     {
-        Configure(config);
+        WriteFile(dir.File("orx.cfg"), "[MAIN]\nDeviceGuid="s + kGuid + "\n" + config);
         UnetSettings settings;
         settings.szBindIp = "127.0.0.1";
         settings.nRtspPort = rtsp.nPort;
@@ -59,16 +60,11 @@ struct BoxRig {
         UnetStop(&unet);
         ClockSetOffset(0);
     }
-    void Configure(const std::string &config)
-    {
-        WriteFile(dir.File("orx.cfg"), "[MAIN]\nDeviceGuid="s + kGuid + "\n" + config);
-    }
     // The next packet from the box, or "none".
-    std::string Next(int nMs = 60000)
+    std::string Next()
     {
-        return server.Pump([&] { return server.received.size() > nSeen; }, nMs)
-                   ? server.received[nSeen++].second
-                   : "none";
+        bool bCame = server.Pump([&] { return server.received.size() > nSeen; });
+        return bCame ? server.received[nSeen++].second : "none";
     }
     void Reply(const std::string &packet) { server.Send(server.connected.back(), packet); }
     std::string Register(const std::string &ip, const std::string &mapped) const
@@ -77,27 +73,20 @@ struct BoxRig {
         return "\0\0\1\0\0\0\0\x28\0\0\x03\xE9\0\0\0\0"s + kGuid + std::string(32 - strlen(kGuid), '\0') +
                ip + port + mapped;
     }
-    bool ComesBack(int nMs = 60000)
-    {
-        size_t nBefore = server.connected.size();
-        return server.Pump([&] { return server.connected.size() > nBefore; }, nMs);
-    }
 };
 
 TEST(Registration, TellsWhatTheConfigurationSays)
 {
-    static const struct {
-        const char *szConfig;
-        std::string ip, mapped;
-    } cases[] = {
+    static const std::tuple<const char *, std::string, std::string> cases[] = {
+        // a configuration, and the bytes of the address and of the mapped port
         {"[UPNP]\nUpnpEnable=1\nMappedListenPort=32769\n", "\x0A\0\0\2"s, "\x80\1"s},
         {"[WIFI]\nUseWirelessLan=1\nDevName=wlan7\n", "\x0A\0\0\3"s, "\0\0"s},
         {"[WIFI]\nUseWirelessLan=1\n", "\x0A\0\0\2"s, "\0\0"s},
         {"[WIFI]\nUseWirelessLan=1\nDevName=gone0\n", "\0\0\0\0"s, "\0\0"s},
     };
-    for (const auto &c : cases) {
-        BoxRig rig(c.szConfig);
-        EXPECT_EQ(rig.Register(c.ip, c.mapped), rig.Next()) << c.szConfig;
+    for (const auto &[szConfig, ip, mapped] : cases) {
+        BoxRig rig(szConfig);
+        EXPECT_EQ(rig.Register(ip, mapped), rig.Next()) << szConfig;
     }
 }
 
@@ -123,7 +112,8 @@ TEST(Registration, ComesBackAfterAWhile)
             rig.Reply(Packet(ZUPO_REGISTER_REPLY, 0));
         else
             enet_peer_disconnect(rig.server.connected.back(), 0);
-        for (uint32_t nMs = 0; !rig.ComesBack(20); nMs += 1000)
+        for (uint32_t nMs = 0; !rig.server.Pump([&] { return rig.server.connected.size() > 1; }, 20);
+             nMs += 1000)
             ClockSetOffset(nMs);
         EXPECT_GE(ClockDiff(ClockMs(), nStart), bRefused ? 58000 : 28000);
         EXPECT_NE("none", rig.Next());
@@ -133,10 +123,7 @@ TEST(Registration, ComesBackAfterAWhile)
 TEST(Registration, ABrokenPacketEndsTheConnection)
 {
     const std::string reply = Packet(ZUPO_REGISTER_REPLY, kZupoAccepted), punch = Packet(ZUPO_PUNCH, 0);
-    const struct {
-        std::string packet;
-        const char *szText;
-    } cases[] = {
+    const std::pair<std::string, const char *> cases[] = {
         {"", "dataLength >= (sizeof(ZUPO_PACKET_HEAD))'"},
         {reply.substr(0, 15), "dataLength >= (sizeof(ZUPO_PACKET_HEAD))'"},
         {reply.substr(0, 7) + "\7"s + reply.substr(8), "ack_head.nDataLen==6"},
@@ -150,10 +137,10 @@ TEST(Registration, ABrokenPacketEndsTheConnection)
         Registration registration;
         registration.pHost = &host;
         registration.bRegistered = 1;
-        EXPECT_THAT(PeerFaults([&] { RegistrationReceive(&registration, c.packet.data(), c.packet.size()); }),
-                    HasSubstr(c.szText));
-        EXPECT_EQ(*c.szText == '\0', registration.bRegistered) << c.szText;
-        EXPECT_EQ(c.packet == reply ? 0x7F000001U : 0, registration.nSeenIp);
+        EXPECT_THAT(PeerFaults([&] { RegistrationReceive(&registration, c.first.data(), c.first.size()); }),
+                    HasSubstr(c.second));
+        EXPECT_EQ(*c.second == '\0', registration.bRegistered) << c.second;
+        EXPECT_EQ(c.first == reply ? 0x7F000001U : 0, registration.nSeenIp);
     }
 }
 
