@@ -1,47 +1,27 @@
 #include "server/core/program.h"
 
-#include <cstdlib>
-#include <cstring>
-#include <string>
-
 #include <gtest/gtest.h>
 
-#include "base/textbuf.h"
 #include "server/core/registry.h"
-#include "server/core/sdp.h"
-#include "server/core/settings.h"
-#include "support/files.h"
 
 namespace orx {
 
-constexpr char kSdp[] = "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:trackID=0\r\n";
-
-const ProgramOps g_liveOps = {[](const Program *pProg) -> const char * { return pProg->desc.szSdp; }, nullptr,
-                              [](Program *) {}};
+const ProgramOps g_liveOps = {nullptr, nullptr, [](Program *) {}};
 
 // The registry without a server around it.
 struct ProgramTest : testing::Test {
-    TempDir dir;
-
-    void SetUp() override
+    ProgramTest() { RegistryInit(OnFreePort); }
+    ~ProgramTest() override
     {
-        RegistryInit(OnFreePort);
-        TextCopy(g_settings.szConfigPath, sizeof(g_settings.szConfigPath), dir.File("orx.cfg").c_str());
-    }
-    void TearDown() override
-    {
-        g_settings.bControlUsers = 0;
         ProgramEndAll();
         AvlDestroy(&g_server.programMap);
         FreeRetired();
     }
     // A live program as ANNOUNCE makes it, with its pusher attached.
-    static Program *Make(const char *szPath, Session *pPusher, const std::string &sdp = kSdp)
+    static Program *Make(const char *szPath, Session *pPusher)
     {
         Program *pProg = ProgramNew(szPath, &g_liveOps);
         pProg->bLive = 1;
-        pProg->desc.szSdp = strdup(sdp.c_str());
-        EXPECT_EQ(1, SdpParse(&pProg->desc, pProg->desc.szSdp, 1, 0));
         EXPECT_EQ(1, ProgramReady(pProg));
         pProg->pPusher = pPusher;
         ProgramAttach(pPusher, pProg);
