@@ -6,6 +6,7 @@
 #include "base/assertion.h"
 #include "base/base64.h"
 #include "base/console.h"
+#include "base/textbuf.h"
 #include "runtime/clock.h"
 #include "server/core/registry.h"
 #include "server/media/replies.h"
@@ -106,11 +107,6 @@ static int IsBase64(char c)
            c == '/' || c == '=';
 }
 
-static int IsSpace(char c)
-{
-    return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v';
-}
-
 // Decodes one group of four into pOut. Returns 1 to 3 bytes; 0 for padding that no encoder makes.
 static uint32_t DecodeGroup(const char *pGroup, uint8_t *pOut)
 {
@@ -129,7 +125,7 @@ int TunnelDecode(Session *pSession, Port *pPort, const char *pText, size_t nLen)
 {
     uint32_t nFrom = pSession->input.nLen;
     for (size_t i = 0; i < nLen; i++) {
-        if (IsSpace(pText[i]))
+        if (TextIsSpace(pText[i]))
             continue;
         if (!IsBase64(pText[i])) {
             print("Invalid base64 text on fd=0x%x!\r\n", pPort->fd);
