@@ -2,11 +2,6 @@
 // them; and a way onto the thread that owns them.
 #pragma once
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -18,6 +13,7 @@
 #include "server/core/session.h"
 #include "server/core/settings.h"
 #include "support/files.h"
+#include "support/sockets.h"
 
 namespace orx {
 
@@ -89,20 +85,13 @@ struct TcpPair {
     int fdPeer = -1;    // owned
     TcpPair()
     {
-        sockaddr_in addr{}, peer{};
-        addr.sin_family = peer.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        peer.sin_addr.s_addr = htonl(INADDR_LOOPBACK + 0x630000);  // 127.99.0.1
-        socklen_t nSize = sizeof(addr);
-        auto *pAddr = reinterpret_cast<sockaddr *>(&addr);
-        int fdListen = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        Listener listener;
+        sockaddr_in own = Loopback(0), to = Loopback(listener.nPort);
+        own.sin_addr.s_addr = htonl(INADDR_LOOPBACK + 0x630000);  // 127.99.0.1
         fdPeer = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (bind(fdListen, pAddr, nSize) == 0 && listen(fdListen, 1) == 0 &&
-            getsockname(fdListen, pAddr, &nSize) == 0 &&
-            bind(fdPeer, reinterpret_cast<sockaddr *>(&peer), nSize) == 0 &&
-            connect(fdPeer, pAddr, nSize) == 0)
-            fdServer = accept4(fdListen, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-        close(fdListen);
+        if (bind(fdPeer, reinterpret_cast<sockaddr *>(&own), sizeof(own)) == 0 &&
+            connect(fdPeer, reinterpret_cast<sockaddr *>(&to), sizeof(to)) == 0)
+            fdServer = accept4(listener.sock.fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         linger reset{1, 0};  // thousands of these leave nothing behind
         setsockopt(fdServer, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
     }

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <string_view>
+#include <tuple>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -9,35 +10,28 @@
 #include "support/output.h"
 
 namespace orx {
-namespace {
 
 using namespace std::string_view_literals;
 
 TEST(Base64, EncodesAndDecodesStrictly)
 {
-    static const struct {
-        std::string_view bytes, text;
-    } cases[] = {
+    static const std::pair<std::string_view, std::string_view> cases[] = {
         {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"\xfb\xef\xbe\xff", "++++/w=="},
     };
-    for (const auto &c : cases) {
-        char text[32], bytes[32];
-        EXPECT_EQ(c.text.size() + 1, Base64EncodeCount(text, c.bytes.data(), c.bytes.size()));
-        EXPECT_EQ(c.text, text);
-        EXPECT_EQ(c.text.size() + 1, Base64EncodedSize(c.bytes.size()));
-        EXPECT_EQ(c.bytes.size(), Base64DecodeStrict(bytes, text));
-        EXPECT_EQ(c.bytes, bytes);
-        EXPECT_EQ(c.text.size(), Base64PaddedLength(text));
+    for (const auto &[bytes, text] : cases) {
+        char encoded[32], decoded[32];
+        EXPECT_EQ(text.size() + 1, Base64EncodeCount(encoded, bytes.data(), bytes.size()));
+        EXPECT_EQ(text, encoded);
+        EXPECT_EQ(text.size() + 1, Base64EncodedSize(bytes.size()));
+        EXPECT_EQ(bytes.size(), Base64DecodeStrict(decoded, encoded));
+        EXPECT_EQ(bytes, decoded);
+        EXPECT_EQ(text.size(), Base64PaddedLength(encoded));
     }
 }
 
 TEST(Base64, DecodesTolerantly)
 {
-    static const struct {
-        std::string_view text;
-        size_t nLen;
-        std::string_view bytes;
-    } cases[] = {
+    static const std::tuple<std::string_view, size_t, std::string_view> cases[] = {
         {" Q\tU\vJ D\r\nREVG", 0, "ABCDEF"},
         {"QUJDREVG", 4, "ABC"},
         {"QUJD\0REVG"sv, 9, "ABC"},  // a NUL ends it before the length does
@@ -46,12 +40,12 @@ TEST(Base64, DecodesTolerantly)
         {"QQ=\r\n=\r\n", 0, "A"},
         {"QQ", 0, "A\0"sv},  // unfinished groups give one byte more
     };
-    for (const auto &c : cases) {
+    for (const auto &[text, nLen, bytes] : cases) {
         char out[32];
-        char *pEnd = Base64Decode(c.text.data(), out, c.nLen);
-        ASSERT_NE(nullptr, pEnd) << c.text;
-        EXPECT_EQ('\0', *pEnd) << c.text;
-        EXPECT_EQ(c.bytes, std::string_view(out, size_t(pEnd - out))) << c.text;
+        char *pEnd = Base64Decode(text.data(), out, nLen);
+        ASSERT_NE(nullptr, pEnd) << text;
+        EXPECT_EQ('\0', *pEnd) << text;
+        EXPECT_EQ(bytes, std::string_view(out, size_t(pEnd - out))) << text;
     }
 }
 
@@ -64,5 +58,4 @@ TEST(Base64, RefusesWhatFollowsPadding)
     }
 }
 
-}  // namespace
 }  // namespace orx

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 namespace orx {
-namespace {
 
 TEST(ByteReader, ReadsBigEndianUntilItFailsForGood)
 {
@@ -27,5 +26,4 @@ TEST(PutBe, MirrorsGetBe)
     EXPECT_EQ(0x8102fe04u, GetBe(out + 1, 4));
 }
 
-}  // namespace
 }  // namespace orx

@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <string>
+#include <tuple>
 #include <utility>
 
 #include <poll.h>
@@ -12,7 +13,6 @@
 #include "support/files.h"
 
 namespace orx {
-namespace {
 
 // Standard output as a pipe for as long as it lives.
 struct StdoutPipe {
@@ -33,8 +33,7 @@ struct StdoutPipe {
         close(nSavedFd);
         close(nReadFd);
     }
-    StdoutPipe(const StdoutPipe &) = delete;
-    StdoutPipe &operator=(const StdoutPipe &) = delete;
+    StdoutPipe &operator=(StdoutPipe &&) = delete;
 
     // What has arrived already, without waiting.
     std::string Arrived() const
@@ -75,22 +74,20 @@ TEST(Log, TrimsPastTheLimit)
     TempDir dir;
     std::string path = dir.File("orx.log");
     LogSetup(path.c_str(), 1);
-    static const struct {
-        size_t nBytes, nLineEnd, nDropped;
-    } cases[] = {{204800, 100, 0}, {204801, 51198, 60002}, {204801, 51199, 60002}, {300000, 51200, 51202}};
-    for (const auto &c : cases) {
-        std::string text(c.nBytes, '\0');
-        text.replace(c.nLineEnd, 2, "\r\n");
+    static const std::tuple<size_t, size_t, size_t> cases[] = {
+        {204800, 100, 0}, {204801, 51198, 60002}, {204801, 51199, 60002}, {300000, 51200, 51202}};
+    for (const auto &[nBytes, nLineEnd, nDropped] : cases) {
+        std::string text(nBytes, '\0');
+        text.replace(nLineEnd, 2, "\r\n");
         text.replace(60000, 2, "\r\n");
         WriteFile(path, text);
         log("new %s", "%n%s");
-        std::string after = ReadFile(path), kept = text.substr(c.nDropped);
-        EXPECT_TRUE(after.starts_with(kept)) << c.nBytes;
-        EXPECT_TRUE(after.ends_with(": new %n%s\r\n")) << c.nBytes;
-        EXPECT_LT(after.size(), kept.size() + 40) << c.nBytes;
+        std::string after = ReadFile(path), kept = text.substr(nDropped);
+        EXPECT_TRUE(after.starts_with(kept)) << nBytes;
+        EXPECT_TRUE(after.ends_with(": new %n%s\r\n")) << nBytes;
+        EXPECT_LT(after.size(), kept.size() + 40) << nBytes;
     }
     LogSetup("", 0);
 }
 
-}  // namespace
 }  // namespace orx

@@ -1,17 +1,18 @@
 #include "base/faststring.h"
 
+#include <cstring>
 #include <string>
+#include <tuple>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace orx {
-namespace {
 
 using testing::HasSubstr;
 
 // What a string holds, after a check of its block.
-std::string Held(const Str &s)
+static std::string Held(const Str &s)
 {
     EXPECT_EQ(1U, s->nRefs);
     EXPECT_LT(s->len, s->total);
@@ -19,14 +20,17 @@ std::string Held(const Str &s)
     return {s->text, s->len};
 }
 
+struct Text {
+    Str s = nullptr;
+    explicit Text(const char *sz) { StrCreate(&s, sz, 0); }
+    ~Text() { StrDestroy(&s); }
+    Text &operator=(Text &&) = delete;
+};
+
 // Whatever changes one of two handles leaves the other's text alone, and each ends up with its own block.
 TEST(FastString, ChangingASharedStringLeavesTheOtherHandle)
 {
-    static const struct {
-        const char *szName;
-        int (*pfnChange)(Str *);
-        const char *szHeld;
-    } cases[] = {
+    static const std::tuple<const char *, int (*)(Str *), const char *> cases[] = {
         {"CopyOnWrite", CopyOnWrite, " aBc "},
         {"StrCat", [](Str *p) { return StrCat(p, "d", 0); }, " aBc d"},
         {"StrCat of its own text", [](Str *p) { return StrCat(p, (*p)->text, 0); }, " aBc  aBc "},
@@ -38,50 +42,36 @@ TEST(FastString, ChangingASharedStringLeavesTheOtherHandle)
         {"BufClear", BufClear, ""},
         {"BufEnsure", [](Str *p) { return BufEnsure(p, 100); }, " aBc "},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.szName);
-        Str a = nullptr, b = nullptr;
-        StrCreate(&a, " aBc ", 0);
-        StrShare(&a, &b);
-        EXPECT_EQ(1, c.pfnChange(&b));
-        EXPECT_EQ(" aBc ", Held(a));
-        EXPECT_EQ(c.szHeld, Held(b));
-        EXPECT_EQ(1, c.pfnChange(&a));  // the same on an unshared block
-        EXPECT_EQ(c.szHeld, Held(a));
-        StrDestroy(&a);
+    for (const auto &[szName, pfnChange, szHeld] : cases) {
+        Text a(" aBc ");
+        Str b = nullptr;
+        StrShare(&a.s, &b);
+        EXPECT_EQ(1, pfnChange(&b));
+        EXPECT_EQ(" aBc ", Held(a.s)) << szName;
+        EXPECT_EQ(szHeld, Held(b)) << szName;
+        EXPECT_EQ(1, pfnChange(&a.s));  // the same on an unshared block
+        EXPECT_EQ(szHeld, Held(a.s)) << szName;
         StrDestroy(&b);
     }
 }
 
-struct Text {
-    Str s = nullptr;
-    explicit Text(const char *sz) { StrCreate(&s, sz, 0); }
-    ~Text() { StrDestroy(&s); }
-    Text(const Text &) = delete;
-    Text &operator=(const Text &) = delete;
-};
-
-TEST(FastString, Compares)
+// Every pair of texts as the C library compares it; z lies behind [, and Z before it.
+TEST(FastString, ComparesAndAdds)
 {
-    static const struct {
-        const char *a, *b;
-        int bEqual, bEqualCaseless, nCmp, nCmpCaseless;
-    } cases[] = {
-        {"", "", 1, 1, 0, 0},       {"abc", "abc", 1, 1, 0, 0},
-        {"aBc", "AbC", 0, 1, 1, 0}, {"abc", "abcd", 0, 0, -1, -1},
-        {"b", "abc", 0, 0, 1, 1},   {"Z", "[", 0, 0, -1, 1},  // z lies behind [
-    };
     auto sign = [](int n) { return (n > 0) - (n < 0); };
-    for (const auto &c : cases) {
-        Text a(c.a), b(c.b);
-        EXPECT_EQ(c.bEqual, StrEqual(&a.s, &b.s)) << c.a;
-        EXPECT_EQ(c.bEqualCaseless, StrEqualCaseless(&a.s, &b.s)) << c.a;
-        EXPECT_EQ(c.nCmp, sign(StrCmp(&a.s, &b.s))) << c.a;
-        EXPECT_EQ(c.nCmpCaseless, sign(StrCmpCaseless(&a.s, &b.s))) << c.a;
-        Str both = nullptr;
-        StrAdd(&a.s, &b.s, &both);
-        EXPECT_EQ(std::string(c.a) + c.b, Held(both));
-        StrDestroy(&both);
+    const char *const texts[] = {"", "abc", "aBc", "AbC", "abcd", "b", "Z", "["};
+    for (const char *szA : texts) {
+        for (const char *szB : texts) {
+            Text a(szA), b(szB);
+            EXPECT_EQ(sign(strcmp(szA, szB)), sign(StrCmp(&a.s, &b.s))) << szA << " " << szB;
+            EXPECT_EQ(sign(strcasecmp(szA, szB)), sign(StrCmpCaseless(&a.s, &b.s))) << szA << " " << szB;
+            EXPECT_EQ(strcmp(szA, szB) == 0, StrEqual(&a.s, &b.s)) << szA << " " << szB;
+            EXPECT_EQ(strcasecmp(szA, szB) == 0, StrEqualCaseless(&a.s, &b.s)) << szA << " " << szB;
+            Str both = nullptr;
+            StrAdd(&a.s, &b.s, &both);
+            EXPECT_EQ(std::string(szA) + szB, Held(both));
+            StrDestroy(&both);
+        }
     }
 }
 
@@ -116,23 +106,20 @@ TEST(FastString, Searches)
 
 TEST(FastStringDeathTest, WhatDoesNotFitAborts)
 {
-    Str a = nullptr, out = nullptr;
-    StrCreate(&a, "abc", 0);
+    Text a("abc"), longer("abcd");
+    Str out = nullptr;
     for (size_t nSize : {0U, 8U}) {  // with the four bytes of every block: room for 3 and 11, and the NUL
         Str b = BufMake(nSize);
-        BufCopy(b, a);
+        BufCopy(b, a.s);
         EXPECT_EQ("abc", Held(b));
         StrDestroy(&b);
     }
-    Text longer("abcd");
     Str b = BufMake(0);
     EXPECT_DEATH(BufCopy(b, longer.s), HasSubstr("`d->total>s->len || !\"destination buffer too small\"'"));
     StrDestroy(&b);
-    EXPECT_DEATH(StrStr(&a, "b", 0, 4), HasSubstr("`nFlags<=3 || !\"invalid search flags\"'"));
-    EXPECT_DEATH(StrSub(&a, &out, 1, 3), HasSubstr("`b->len>=nFrom+nLen || !\"substring out of range\"'"));
+    EXPECT_DEATH(StrStr(&a.s, "b", 0, 4), HasSubstr("`nFlags<=3 || !\"invalid search flags\"'"));
+    EXPECT_DEATH(StrSub(&a.s, &out, 1, 3), HasSubstr("`b->len>=nFrom+nLen || !\"substring out of range\"'"));
     EXPECT_DEATH(StrCreate(&out, "x", UINT32_MAX - 1), HasSubstr("`!\"out of memory\"'"));
-    StrDestroy(&a);
 }
 
-}  // namespace
 }  // namespace orx

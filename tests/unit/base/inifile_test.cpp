@@ -1,6 +1,7 @@
 #include "base/inifile.h"
 
 #include <string>
+#include <tuple>
 
 #include <unistd.h>
 
@@ -11,7 +12,6 @@
 #include "support/output.h"
 
 namespace orx {
-namespace {
 
 using namespace std::string_literals;
 using testing::HasSubstr;
@@ -22,7 +22,7 @@ struct InifileTest : testing::Test {
 };
 
 // The value of a key, or "<none>".
-std::string Read(const char *section, const char *key, const std::string &file)
+static std::string Read(const char *section, const char *key, const std::string &file)
 {
     char value[512];
     return read_profile_string(section, key, value, sizeof(value), nullptr, file.c_str()) ? value : "<none>";
@@ -30,9 +30,8 @@ std::string Read(const char *section, const char *key, const std::string &file)
 
 TEST_F(InifileTest, FindsKeys)
 {
-    static const struct {
-        const char *szText, *szValue;  // of "ip" in "NET"
-    } cases[] = {
+    static const std::pair<const char *, std::string> cases[] = {
+        // a text, and the value of "ip" in "NET" there
         {"[NET]\r\nmask=x\r\nip=10.0.0.5\r\n", "10.0.0.5"},
         {"[NET]\rmask=a\rip=b", "b"},
         {"[NET]\nip=\n", ""},
@@ -46,10 +45,10 @@ TEST_F(InifileTest, FindsKeys)
         {"[NET]\nx=y\xff\nip=a\n", "<none>"},  // that byte ends a file
         {"", "<none>"},
     };
-    for (const auto &c : cases) {
-        WriteFile(path, c.szText);
-        EXPECT_EQ(c.szValue, Read("NET", "ip", path)) << c.szText;
-        EXPECT_EQ(c.szValue != "<none>"s, check_profile_key("NET", "ip", path.c_str())) << c.szText;
+    for (const auto &[szText, value] : cases) {
+        WriteFile(path, szText);
+        EXPECT_EQ(value, Read("NET", "ip", path)) << szText;
+        EXPECT_EQ(value != "<none>", check_profile_key("NET", "ip", path.c_str())) << szText;
     }
     EXPECT_EQ("a", Read("NET", "ip", "inmem:\n[NET]\nip=a\n"));
     EXPECT_EQ("a", Read("NET", "ip", "[NET]\nip=a\n"));
@@ -57,19 +56,16 @@ TEST_F(InifileTest, FindsKeys)
 
 TEST_F(InifileTest, CopiesIntoTheBuffer)
 {
-    static const struct {
-        const char *szKey, *szDefault;
-        int nResult;
-        const char *bytes;  // six of them
-    } cases[] = {
+    static const std::tuple<const char *, const char *, int, const char *> cases[] = {
+        // a key, its default, the result and the six bytes of the buffer
         {"k", nullptr, 1, "abc\0\0\0"},  {"long", "d", 1, "abcde\0"},     {"none", nullptr, 0, "xxxxxx"},
         {"none", "ab", 0, "ab\0\0\0\0"}, {"none", "abcdef", 0, "abcdef"}, {"none", "abcdefgh", 0, "abcdef"},
     };
-    for (const auto &c : cases) {
+    const char *szText = "[S]\nk=abc\nlong=abcdefgh\n";
+    for (const auto &[szKey, szDefault, nResult, bytes] : cases) {
         char value[] = "xxxxxxg";
-        EXPECT_EQ(c.nResult,
-                  read_profile_string("S", c.szKey, value, 6, c.szDefault, "[S]\nk=abc\nlong=abcdefgh\n"));
-        EXPECT_EQ(std::string(c.bytes, 6) + "g", std::string(value, 7)) << c.szKey;
+        EXPECT_EQ(nResult, read_profile_string("S", szKey, value, 6, szDefault, szText));
+        EXPECT_EQ(std::string(bytes, 6) + "g", std::string(value, 7)) << szKey;
     }
 }
 
@@ -95,9 +91,8 @@ TEST_F(InifileTest, SurvivesWhatAFileOrPeerCanBreak)
 
 TEST_F(InifileTest, Writes)
 {
-    static const struct {
-        const char *szBefore, *szValue, *szAfter;  // "K" in "S"
-    } cases[] = {
+    static const std::tuple<const char *, const char *, const char *> cases[] = {
+        // a file, a value for "K" in "S", and the file with it
         {nullptr, "V", "[S]\nK=V\n"},
         {"[A]\r\nx=1\r\n", "V", "[A]\r\nx=1\r\n\n[S]\nK=V\n"},
         {"100%% [%s]\n", "%d", "100%% [%s]\n\n[S]\nK=%d\n"},
@@ -108,13 +103,13 @@ TEST_F(InifileTest, Writes)
         // a new value changes nothing around it
         {"[S]\r\nx=%%\r\nK=1\r\n;%%\r\n", "%%", "[S]\r\nx=%%\r\nK=%%\r\n;%%\r\n"},
     };
-    for (const auto &c : cases) {
+    for (const auto &[szBefore, szValue, szAfter] : cases) {
         unlink(path.c_str());
-        if (c.szBefore)
-            WriteFile(path, c.szBefore);
-        EXPECT_EQ(1, write_profile_string("S", "K", c.szValue, path.c_str())) << c.szAfter;
-        EXPECT_EQ(c.szAfter, ReadFile(path));
-        EXPECT_EQ(c.szValue, Read("S", "K", path)) << c.szAfter;
+        if (szBefore)
+            WriteFile(path, szBefore);
+        EXPECT_EQ(1, write_profile_string("S", "K", szValue, path.c_str())) << szAfter;
+        EXPECT_EQ(szAfter, ReadFile(path));
+        EXPECT_EQ(szValue, Read("S", "K", path)) << szAfter;
     }
 }
 
@@ -135,11 +130,9 @@ TEST_F(InifileTest, WritesUpToTheLimit)
 
 TEST_F(InifileTest, Removes)
 {
-    static const struct {
-        const char *szKey;     // of section "S"; null: the whole section
-        const char *szBefore;  // what there is
-        const char *szAfter;   // null: result 0 and nothing changed
-    } cases[] = {
+    static const std::tuple<const char *, const char *, const char *> cases[] = {
+        // a key of section "S" or null for the whole section, what there is, and what is left; null: result 0
+        // and nothing changed
         {"k", "[S]\r\nx=2\r\nk=1\r\n[T]\r\nk=3\r\n", "[S]\r\nx=2\r\n[T]\r\nk=3\r\n"},
         {"k", "[S]\nkk=1\nxk=2\nx=k=3\nk =4\n", "[S]\nkk=1\nxk=2\nx=k=3\n"},
         {"k", "[S]\nx=1\nk=1", nullptr},           // no line end
@@ -149,15 +142,14 @@ TEST_F(InifileTest, Removes)
         {nullptr, "[A]\nx=1\n[S]\nk=1\n[B]\ny=1\n", "[A]\nx=1\n[B]\ny=1\n"},
         {nullptr, "[S]\n\n [B]\nk=1\n", ""},  // a blank before it: no header
     };
-    for (const auto &c : cases) {
-        std::string inMemory = "inmem:"s + c.szBefore;
-        WriteFile(path, c.szBefore);
-        for (char *file : {path.data(), inMemory.data()}) {
-            int nResult =
-                c.szKey ? remove_profile_key("S", c.szKey, file) : remove_profile_section("S", file);
-            EXPECT_EQ(c.szAfter != nullptr, nResult) << c.szBefore;
-        }
-        EXPECT_EQ(c.szAfter ? c.szAfter : c.szBefore, ReadFile(path)) << c.szBefore;
+    for (const auto &[szKey, szBefore, szAfter] : cases) {
+        std::string inMemory = "inmem:"s + szBefore;
+        WriteFile(path, szBefore);
+        for (char *file : {path.data(), inMemory.data()})
+            EXPECT_EQ(szAfter != nullptr,
+                      szKey ? remove_profile_key("S", szKey, file) : remove_profile_section("S", file))
+                << szBefore;
+        EXPECT_EQ(szAfter ? szAfter : szBefore, ReadFile(path)) << szBefore;
         EXPECT_EQ("inmem:" + ReadFile(path), inMemory.c_str());
     }
 }
@@ -173,5 +165,4 @@ TEST_F(InifileTest, Merges)
     EXPECT_EQ(0, MergeIniFile(path.c_str(), dir.File("missing").c_str()));
 }
 
-}  // namespace
 }  // namespace orx

@@ -3,12 +3,12 @@
 #include <climits>
 #include <cstdlib>
 #include <string>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace orx {
-namespace {
 
 using testing::HasSubstr;
 
@@ -19,19 +19,19 @@ struct Item {
     int nRank = 0;
 };
 
-char NameOf(void *pItem)
+static char NameOf(void *pItem)
 {
     return pItem ? static_cast<Item *>(pItem)->cName : '-';
 }
 
-int AddName(void *pNames, void * /*pArg2*/, void *pItem)
+static int AddName(void *pNames, void * /*pArg2*/, void *pItem)
 {
     *static_cast<std::string *>(pNames) += NameOf(pItem);
     return 0;
 }
 
 // The items in order, after a check that both directions and the count agree.
-std::string Order(List *pList)
+static std::string Order(List *pList)
 {
     std::string forward, backward;
     ListSearch(pList, AddName, &forward, nullptr, 0);
@@ -39,11 +39,6 @@ std::string Order(List *pList)
     EXPECT_EQ(forward, std::string(backward.rbegin(), backward.rend()));
     EXPECT_EQ(forward.size(), ListCount(pList));
     return forward;
-}
-
-int CompareRank(void * /*pUser*/, void *pData, void *pKey)
-{
-    return static_cast<Item *>(pData)->nRank - static_cast<Item *>(pKey)->nRank;
 }
 
 // Every case runs on a list that allocates its nodes and on one whose items embed them.
@@ -57,8 +52,11 @@ struct ListBoth : testing::TestWithParam<bool> {
         ListInit(&list, &freed);
         if (!GetParam())
             ListUsedDefMap(&list, 0);
+        auto *pfnByRank = +[](void *, void *pData, void *pKey) {
+            return static_cast<Item *>(pData)->nRank - static_cast<Item *>(pKey)->nRank;
+        };
         ListDataProc(
-            &list, [](void *pFreed, void *pItem) { AddName(pFreed, nullptr, pItem); }, CompareRank);
+            &list, [](void *pFreed, void *pItem) { AddName(pFreed, nullptr, pItem); }, pfnByRank);
         for (int i = 0; i < 5; i++) {
             items[i].cName = static_cast<char>('a' + i);
             items[i].nRank = i;
@@ -88,58 +86,45 @@ TEST_P(ListBoth, InsertsAtEveryPlace)
     EXPECT_EQ(1, ListInsert(&list, &items[2], &items[0], 1));
     EXPECT_EQ(1, ListInsert(&list, &items[4], &items[0], 0));
     EXPECT_EQ("eacd", Order(&list));
-    static const struct {
-        int nIndex;
-        char cName;
-    } cases[] = {{0, 'e'},  {3, 'd'},  {4, '-'},  {INT_MAX, '-'},
-                 {-1, 'd'}, {-4, 'e'}, {-5, '-'}, {INT_MIN, '-'}};
-    for (const auto &c : cases)
-        EXPECT_EQ(c.cName, NameOf(ListItem(&list, c.nIndex, 0))) << c.nIndex;
+    static const std::pair<int, char> cases[] = {{0, 'e'},  {3, 'd'},  {4, '-'},  {INT_MAX, '-'},
+                                                 {-1, 'd'}, {-4, 'e'}, {-5, '-'}, {INT_MIN, '-'}};
+    for (const auto &[nIndex, cName] : cases)
+        EXPECT_EQ(cName, NameOf(ListItem(&list, nIndex, 0))) << nIndex;
 }
 
 TEST_P(ListBoth, SortedInsertKeepsArrivalOfEqualItems)
 {
-    const int ranks[] = {5, 3, 5, 1, 3};
-    for (int i = 0; i < 5; i++) {
-        items[i].nRank = ranks[i];
-        EXPECT_EQ(1, ListSortInsert(&list, &items[i]));
+    for (int i = 0; int nRank : {5, 3, 5, 1, 3}) {
+        items[i].nRank = nRank;
+        EXPECT_EQ(1, ListSortInsert(&list, &items[i++]));
     }
     EXPECT_EQ("dbeac", Order(&list));
-}
-
-int IsInner(void *, void *, void *pItem)
-{
-    return NameOf(pItem) == 'b' || NameOf(pItem) == 'c';
 }
 
 // Each access operation on "abcd": which item it gives, and what the flags leave behind.
 TEST_P(ListBoth, FlagsUnlinkAndFree)
 {
-    static const struct {
-        void *(*pfnAccess)(List *, Item *, unsigned);
-        char cTaken;
-        const char *szLeft;
-    } cases[] = {
-        {[](List *p, Item *, unsigned n) { return ListFirst(p, n); }, 'a', "bcd"},
-        {[](List *p, Item *, unsigned n) { return ListLast(p, n); }, 'd', "abc"},
-        {[](List *p, Item *a, unsigned n) { return ListNext(p, a + 1, n); }, 'c', "abd"},
-        {[](List *p, Item *a, unsigned n) { return ListPrev(p, a + 1, n); }, 'a', "bcd"},
-        {[](List *p, Item *, unsigned n) { return ListItem(p, -2, n); }, 'c', "abd"},
-        {[](List *p, Item *, unsigned n) { return ListSearch(p, IsInner, nullptr, nullptr, n); }, 'b', "acd"},
-        {[](List *p, Item *, unsigned n) {
-             return ListSearch(p, IsInner, nullptr, nullptr, n | LIST_BACKWARD);
-         },
-         'c', "abd"},
-    };
-    for (const auto &c : cases) {
-        for (unsigned nFlags = 0; nFlags <= (LIST_DETACH | LIST_FREE); nFlags++) {
-            SCOPED_TRACE(c.szLeft + std::string(" flags ") + std::to_string(nFlags));
+    auto *pfnInner =
+        +[](void *, void *, void *pItem) { return int{NameOf(pItem) == 'b' || NameOf(pItem) == 'c'}; };
+    for (unsigned nFlags = 0; nFlags <= (LIST_DETACH | LIST_FREE); nFlags++) {
+        const std::pair<char, std::function<void *()>> cases[] = {
+            {'a', [&] { return ListFirst(&list, nFlags); }},
+            {'d', [&] { return ListLast(&list, nFlags); }},
+            {'c', [&] { return ListNext(&list, &items[1], nFlags); }},
+            {'a', [&] { return ListPrev(&list, &items[1], nFlags); }},
+            {'c', [&] { return ListItem(&list, -2, nFlags); }},
+            {'b', [&] { return ListSearch(&list, pfnInner, nullptr, nullptr, nFlags); }},
+            {'c', [&] { return ListSearch(&list, pfnInner, nullptr, nullptr, nFlags | LIST_BACKWARD); }},
+        };
+        for (const auto &[cTaken, access] : cases) {
+            SCOPED_TRACE(cTaken + std::string(" flags ") + std::to_string(nFlags));
+            std::string left = "abcd";
             Fill(4);
             freed.clear();
-            ListNode *pNode = GetParam() ? ListFindNode(&list, &items[c.cTaken - 'a'], 1) : nullptr;
-            EXPECT_EQ(c.cTaken, NameOf(c.pfnAccess(&list, items, nFlags)));
-            EXPECT_EQ(nFlags & LIST_DETACH ? c.szLeft : "abcd", Order(&list));
-            EXPECT_EQ(nFlags == (LIST_DETACH | LIST_FREE) ? std::string(1, c.cTaken) : "", freed);
+            ListNode *pNode = GetParam() ? ListFindNode(&list, &items[cTaken - 'a'], 1) : nullptr;
+            EXPECT_EQ(cTaken, NameOf(access()));
+            EXPECT_EQ(nFlags & LIST_DETACH ? left.erase(size_t(cTaken - 'a'), 1) : left, Order(&list));
+            EXPECT_EQ(nFlags == (LIST_DETACH | LIST_FREE) ? std::string(1, cTaken) : "", freed);
             if (nFlags == LIST_DETACH)
                 free(pNode);  // a bare detach leaves it to the caller
             Clear();
@@ -155,16 +140,15 @@ struct Script {
     std::string visited;
 };
 
-int FollowScript(List *pList, void *pArg1, void * /*pArg2*/, void *pItem)
+static int FollowScript(List *pList, void *pArg1, void * /*pArg2*/, void *pItem)
 {
     auto *pScript = static_cast<Script *>(pArg1);
     char cName = NameOf(pItem);
     pScript->visited += cName;
-    if (pScript->removed.find(cName) != std::string::npos) {
-        ListRemove(pList, pItem, 1);
-        return pScript->nRemoved;
-    }
-    return cName == pScript->cStop ? 0 : pScript->nGoOn;
+    if (pScript->removed.find(cName) == std::string::npos)
+        return cName == pScript->cStop ? 0 : pScript->nGoOn;
+    ListRemove(pList, pItem, 1);
+    return pScript->nRemoved;
 }
 
 TEST_P(ListBoth, TravelCodes)
@@ -196,25 +180,24 @@ TEST_P(ListBoth, TravelCodes)
 // Nodes that the owner makes; and nodes of the items' own, whose data word is the owner's.
 TEST(List, OwnersThatWorkOnNodes)
 {
-    std::string calls;
+    static std::string calls;
     List list;
     Item a, b;
-    ListInit(&list, &calls);
-    ListUsedDefMap(&list, 0);
+    ListInit(&list, nullptr);
     ListNodeProc(
         &list,
-        [](void *pCalls, void *pItem) {
-            *static_cast<std::string *>(pCalls) += '+';
+        [](void *, void *pItem) {
+            calls += '+';
             static_cast<Item *>(pItem)->node.pData = pItem;
             return &static_cast<Item *>(pItem)->node;
         },
-        [](void *pCalls, ListNode *) { *static_cast<std::string *>(pCalls) += '-'; });
+        [](void *, ListNode *) { calls += '-'; });
     ListAppend(&list, &a);
     ListAppend(&list, &b);
-    EXPECT_EQ(1, ListContains(&list, &a, 0));
-    EXPECT_EQ(1, ListRemove(&list, &a, 1));
-    EXPECT_EQ(0, ListContains(&list, &a, 0));
-    EXPECT_EQ(0, ListRemove(&list, &a, 1));
+    for (int bThere : {1, 0}) {
+        EXPECT_EQ(bThere, ListContains(&list, &a, 0));
+        EXPECT_EQ(bThere, ListRemove(&list, &a, 1));
+    }
     ListEmpty(&list);
     EXPECT_EQ("++--", calls);
 
@@ -235,9 +218,8 @@ TEST(ListDeathTest, MisuseAbortsWithItsText)
     for (List *p : {&list, &other}) {
         ListInit(p, nullptr);
         ListUsedDefMap(p, 0);
+        ListAppend(p, p == &list ? &a : &b);
     }
-    ListAppend(&list, &a);
-    ListAppend(&other, &b);
     EXPECT_DEATH(ListAppend(nullptr, &b), HasSubstr("`pList || !\"invalid list\"'"));
     EXPECT_DEATH(ListAppend(&list, &a), HasSubstr("`!p->pList'"));
     EXPECT_DEATH(ListRemove(&list, &b, 0), HasSubstr("`p->pList==pList'"));
@@ -246,5 +228,4 @@ TEST(ListDeathTest, MisuseAbortsWithItsText)
     EXPECT_DEATH(ListNodeProc(&list, pfnAlloc, nullptr), HasSubstr("`((void *)0)!=pfnFreeNode'"));
 }
 
-}  // namespace
 }  // namespace orx

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 namespace orx {
-namespace {
 
 // Short texts, and lengths around the end of a block, where the padding needs another one.
 TEST(Md5, GivesTheKnownDigests)
@@ -32,5 +31,4 @@ TEST(Md5, GivesTheKnownDigests)
     }
 }
 
-}  // namespace
 }  // namespace orx

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 namespace orx {
-namespace {
 
 TEST(TextBuf, FillsToTheLastByteAndHoldsNoHalfAPiece)
 {
@@ -38,5 +37,4 @@ TEST(TextCopy, CutsAndTerminates)
     EXPECT_EQ('\0', one[0]);
 }
 
-}  // namespace
 }  // namespace orx

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 namespace orx {
-namespace {
 
 TEST(TextNumber, ReadsWhatBeginsAText)
 {
@@ -40,5 +39,4 @@ TEST(TextNumber, ReadsSecondsAsMilliseconds)
         EXPECT_EQ(c.nMs, NptToMs(c.szText)) << c.szText;
 }
 
-}  // namespace
 }  // namespace orx

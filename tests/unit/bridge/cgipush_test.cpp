@@ -1,8 +1,10 @@
 #include "bridge/cgipush.h"
 
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include <unistd.h>
 
@@ -11,7 +13,6 @@
 #include "support/cameraqueue.h"
 
 namespace orx {
-namespace {
 
 using namespace std::string_literals;
 
@@ -40,18 +41,16 @@ struct CgiPushTest : testing::Test {
 TEST_F(CgiPushTest, CommandsAreSentWholeOrNotAtAll)
 {
     const std::string longest(1023 - strlen("CAMCONTROL s\r\nCamAction: a\r\nActionParam: \r\n\r\n"), 'p');
-    const struct {
-        std::string action, param, stream, text;
-    } cases[] = {
+    const std::array<std::string, 4> cases[] = {
+        // action, parameter and stream, and the message
         {"left", "%s%n", "ch1.sdp", "CAMCONTROL ch1.sdp\r\nCamAction: left\r\nActionParam: %s%n\r\n\r\n"},
         {"left", "", "", "CAMCONTROL vdr_cif.sdp\r\nCamAction: left\r\nActionParam: none\r\n\r\n"},
         {"a", longest, "s", "CAMCONTROL s\r\nCamAction: a\r\nActionParam: " + longest + "\r\n\r\n"},
         {"aa", longest, "s", ""},
     };
-    for (const auto &c : cases) {
-        EXPECT_EQ(c.text.empty() ? -1 : 0,
-                  CgiPushControl(c.action.c_str(), c.param.c_str(), c.stream.c_str()));
-        EXPECT_EQ(c.text, TakeCommand(nQueue, getpid()));
+    for (const auto &[action, param, stream, text] : cases) {
+        EXPECT_EQ(text.empty() ? -1 : 0, CgiPushControl(action.c_str(), param.c_str(), stream.c_str()));
+        EXPECT_EQ(text, TakeCommand(nQueue, getpid()));
     }
     EXPECT_EQ(-1, CgiPushRequest(std::string(1024, 'x').c_str(), nullptr));
     EXPECT_EQ("", TakeCommand(nQueue, getpid()));
@@ -60,24 +59,20 @@ TEST_F(CgiPushTest, CommandsAreSentWholeOrNotAtAll)
 TEST_F(CgiPushTest, AnswersAreCopiedAsFarAsTheyGo)
 {
     const std::string full(1024, 'f');
-    const struct {
-        std::string text;
-        size_t nSent;     // bytes behind the type
-        std::string got;  // all of the caller's buffer
-    } cases[] = {
+    const std::tuple<std::string, size_t, std::string> cases[] = {
+        // a text, the bytes sent behind the type, and all of the caller's buffer
         {"12:30", kWireBytes, "12:30\0\0\0"s},
         {"12:30", kWireBytes, "12:30"},  // no room for a NUL
         {"12:30", kWireBytes, "12"},
         {"12:30", 9, "12:30\0\0\0"s},                         // a short message
         {full + "fill", kWireBytes, full + "\0\0\0\0\0\0"s},  // the fill is no text
     };
-    for (const auto &c : cases) {
-        Answer(c.text, c.nSent);
-        std::string room(c.got.size() + 1, '#');
-        EXPECT_EQ(int(c.nSent), WaitReplyMsg(0, room.data(), c.got.size())) << c.text;
-        EXPECT_EQ(c.got + "#", room) << c.text;
+    for (const auto &[text, nSent, got] : cases) {
+        Answer(text, nSent);
+        std::string room(got.size() + 1, '#');
+        EXPECT_EQ(int(nSent), WaitReplyMsg(0, room.data(), got.size())) << text;
+        EXPECT_EQ(got + "#", room) << text;
     }
 }
 
-}  // namespace
 }  // namespace orx

@@ -1,10 +1,10 @@
 // The tools' command lines: what is taken, what is refused and with which words, and the help.
 #include "cli/options.h"
 
-#include <algorithm>
+#include <tuple>
+#include <utility>
 
 namespace orx {
-namespace {
 
 using testing::HasSubstr;
 
@@ -16,7 +16,7 @@ struct Values {
     std::vector<std::string> lines;
 };
 
-CommandLine Line(Values *pValues)
+static CommandLine Line(Values *pValues)
 {
     return {"tool",
             "Does this and that.",
@@ -31,74 +31,64 @@ CommandLine Line(Values *pValues)
             "Exit code: 0 or 2."};
 }
 
-int Read(const CommandLine &line, const std::vector<std::string> &words, CommandArguments *pOut)
+// What a reading of words, each with a '|' behind it, says: "taken", "helped", or why it is refused.
+static std::string Said(const CommandLine &line, std::string words, CommandArguments *pOut)
 {
-    std::vector<std::string> all = words;
-    all.insert(all.begin(), "program");
-    std::vector<char *> argv(all.size() + 1, nullptr);
-    std::transform(all.begin(), all.end(), argv.begin(), [](std::string &word) { return word.data(); });
-    return OptionsRead(&line, static_cast<int>(all.size()), argv.data(), pOut);
+    char program[] = "program";
+    std::vector<char *> argv = {program};
+    for (size_t nFrom = 0, nEnd; (nEnd = words.find('|', nFrom)) != std::string::npos; nFrom = nEnd + 1) {
+        words[nEnd] = '\0';
+        argv.push_back(&words[nFrom]);
+    }
+    argv.push_back(nullptr);
+    testing::internal::CaptureStderr();
+    testing::internal::CaptureStdout();
+    int nResult = OptionsRead(&line, static_cast<int>(argv.size()) - 1, argv.data(), pOut);
+    std::string help = testing::internal::GetCapturedStdout(),
+                refusal = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(nResult == OPTIONS_HELPED, !help.empty());
+    EXPECT_EQ(nResult == OPTIONS_WRONG, !refusal.empty());
+    return nResult == OPTIONS_GO_ON ? "taken" : nResult == OPTIONS_HELPED ? "helped" : refusal;
 }
 
 TEST(CommandOptions, TakeWhatIsAllowedAndNameWhatIsNot)
 {
-    static const struct {
-        std::vector<std::string> words;
-        const char *szRefusal;  // null: taken
-    } cases[] = {
-        {{"u"}, nullptr},
-        {{"u", "f", "--loop"}, nullptr},
-        {{"--count", "1", "u"}, nullptr},
-        {{"--count=10", "u"}, nullptr},
-        {{"--count", "1e1", "u"}, nullptr},
-        {{"--cou", "2", "u"}, nullptr},
-        {{"--first", "4294967295", "u"}, nullptr},
-        {{"--speed", "0", "--speed", "2", "u"}, nullptr},
-        {{"--name", "--loop", "u"}, nullptr},
-        {{"--", "--loop"}, nullptr},
-        {{"-h", "u"}, ""},
-        {{"--count", "0", "u"}, "tool: --count: 0 is not a number from 1 to 10\nTry tool --help.\n"},
-        {{"--count", "11", "u"}, "--count: 11 is not a number from 1 to 10\n"},
-        {{"--count", "2.5", "u"}, "--count: 2.5 is not a whole number from 1 to 10\n"},
-        {{"--count", "2x", "u"}, "--count: 2x is not a number"},
-        {{"--count", "", "u"}, "--count:  is not a number"},
-        {{"--first", "4294967296", "u"}, "is not a number from 0 to 4294967295\n"},
-        {{"--speed", "2.01", "u"}, "--speed: 2.01 is not a number from 0 to 2\n"},
-        {{"--speed", "nan", "u"}, "--speed: nan is not a number"},
-        {{"u", "--count"}, "tool: --count needs a value\nTry tool --help.\n"},
-        {{"--loop=1", "u"}, "--loop=1: that option takes no value\nTry"},
-        {{"--none", "u"}, "there is no option --none"},
-        {{"--l", "u"}, "there is no option --l, or no single one"},
-        {{"-x", "u"}, "there is no option -x\n"},
-        {{}, "tool: give URL [FILE]\nTry tool --help.\n"},
-        {{"u", "f", "more"}, "tool: give URL [FILE]\nTry tool --help.\n"},
+    Values values;
+    CommandArguments arguments;
+    for (const char *szWords :
+         {"u|", "u|f|--loop|", "--count|1|u|", "--count=10|u|", "--count|1e1|u|", "--cou|2|u|",
+          "--first|4294967295|u|", "--speed|0|--speed|2|u|", "--name|--loop|u|", "--|--loop|"})
+        EXPECT_EQ("taken", Said(Line(&values), szWords, &arguments)) << szWords;
+    static const std::pair<const char *, const char *> refused[] = {
+        {"-h|u|", "helped"},
+        {"--count|0|u|", "tool: --count: 0 is not a number from 1 to 10\nTry tool --help.\n"},
+        {"--count|11|u|", "--count: 11 is not a number from 1 to 10\n"},
+        {"--count|2.5|u|", "--count: 2.5 is not a whole number from 1 to 10\n"},
+        {"--count|2x|u|", "--count: 2x is not a number"},
+        {"--count||u|", "--count:  is not a number"},
+        {"--first|4294967296|u|", "is not a number from 0 to 4294967295\n"},
+        {"--speed|2.01|u|", "--speed: 2.01 is not a number from 0 to 2\n"},
+        {"--speed|nan|u|", "--speed: nan is not a number"},
+        {"u|--count|", "tool: --count needs a value\nTry tool --help.\n"},
+        {"--loop=1|u|", "--loop=1: that option takes no value\nTry"},
+        {"--none|u|", "there is no option --none"},
+        {"--l|u|", "there is no option --l, or no single one"},
+        {"-x|u|", "there is no option -x\n"},
+        {"", "tool: give URL [FILE]\nTry tool --help.\n"},
+        {"u|f|more|", "tool: give URL [FILE]\nTry tool --help.\n"},
     };
-    for (const auto &c : cases) {
-        Values values;
-        CommandArguments arguments;
-        testing::internal::CaptureStderr();
-        testing::internal::CaptureStdout();
-        int nResult = Read(Line(&values), c.words, &arguments);
-        int bHelp = !testing::internal::GetCapturedStdout().empty();
-        EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(c.szRefusal ? c.szRefusal : ""));
-        EXPECT_EQ(c.szRefusal ? bHelp ? OPTIONS_HELPED : OPTIONS_WRONG : OPTIONS_GO_ON, nResult)
-            << testing::PrintToString(c.words);
-    }
+    for (const auto &[szWords, szSaid] : refused)
+        EXPECT_THAT(Said(Line(&values), szWords, &arguments), HasSubstr(szSaid)) << szWords;
 }
 
 TEST(CommandOptions, ReachTheirTargets)
 {
     Values values;
     CommandArguments arguments;
-    ASSERT_EQ(OPTIONS_GO_ON, Read(Line(&values),
-                                  {"u", "--loop", "--count=7", "--first", "4294967295", "--speed", "0.25",
-                                   "--name=", "--line", "a", "f", "--line=b"},
-                                  &arguments));
-    EXPECT_EQ(1, values.bLoop);
-    EXPECT_EQ(7, values.nCount);
-    EXPECT_EQ(4294967295, values.nFirst);
-    EXPECT_EQ(0.25, values.dSpeed);
-    EXPECT_EQ("", values.name);
+    const char *szWords = "u|--loop|--count=7|--first|4294967295|--speed|0.25|--name=|--line|a|f|--line=b|";
+    EXPECT_EQ("taken", Said(Line(&values), szWords, &arguments));
+    EXPECT_EQ(std::tuple(1, 7, 4294967295, 0.25, ""),
+              std::tie(values.bLoop, values.nCount, values.nFirst, values.dSpeed, values.name));
     EXPECT_THAT(values.lines, testing::ElementsAre("a", "b"));
     EXPECT_THAT(arguments.words, testing::ElementsAre("u", "f"));
 }
@@ -106,25 +96,14 @@ TEST(CommandOptions, ReachTheirTargets)
 TEST(CommandOptions, VerbsChooseAForm)
 {
     const CommandLine line{"tool", "", {{"list", "DIR", 1, 1, ""}, {"check", "FILE...", 1, 9, ""}}, {}, ""};
-    static const struct {
-        std::vector<std::string> words;
-        const char *szRefusal;
-    } cases[] = {
-        {{"check", "a", "b"}, nullptr},
-        {{}, "tool: say what to do (list, check)\n"},
-        {{"lis", "a"}, "tool: lis is none of its commands (list, check)\n"},
-        {{"list", "a", "b"}, "tool: give list DIR\n"},
-    };
-    for (const auto &c : cases) {
-        CommandArguments arguments;
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(c.szRefusal ? OPTIONS_WRONG : OPTIONS_GO_ON, Read(line, c.words, &arguments));
-        EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(c.szRefusal ? c.szRefusal : ""));
-        if (!c.szRefusal) {
-            EXPECT_EQ(1U, arguments.nForm);
-            EXPECT_THAT(arguments.words, testing::ElementsAre("a", "b"));
-        }
-    }
+    CommandArguments arguments;
+    EXPECT_THAT(Said(line, "", &arguments), HasSubstr("tool: say what to do (list, check)\n"));
+    EXPECT_THAT(Said(line, "lis|a|", &arguments),
+                HasSubstr("tool: lis is none of its commands (list, check)\n"));
+    EXPECT_THAT(Said(line, "list|a|b|", &arguments), HasSubstr("tool: give list DIR\n"));
+    EXPECT_EQ("taken", Said(line, "check|a|b|", &arguments));
+    EXPECT_EQ(1U, arguments.nForm);
+    EXPECT_THAT(arguments.words, testing::ElementsAre("a", "b"));
 }
 
 TEST(CommandOptions, HelpComesFromTheTable)
@@ -133,28 +112,26 @@ TEST(CommandOptions, HelpComesFromTheTable)
     CommandLine line = Line(&values);
     const std::string fits = std::string(96 - 15 - 6, 'x') + " words", tooLong = fits + "s";
     line.options[1].szHelp = fits.c_str();
-    const std::string head =
-        "Usage: tool [options] URL [FILE]\n"
-        "Does this and that.\n"
-        "\n"
-        "  URL [FILE]   what to work on\n"
-        "All of them\n"
-        "  --loop       ";
-    EXPECT_EQ(head + fits +
-                  "\n"
-                  "  --count N    how many (default 3; 1 to 10)\n"
-                  "  --first N    where from (0 to 4294967295)\n"
-                  "  --speed X    how fast (default 1.5; 0 to 2)\n"
-                  "  --name TEXT  what it is called (default cam)\n"
-                  "  --line TEXT-THAT-TAKES-SPACE\n"
-                  "               what it says (may be repeated)\n"
-                  "  --help       this text\n"
-                  "\n"
-                  "Exit code: 0 or 2.\n",
+    EXPECT_EQ(R"(Usage: tool [options] URL [FILE]
+Does this and that.
+
+  URL [FILE]   what to work on
+All of them
+  --loop       )" +
+                  fits + R"(
+  --count N    how many (default 3; 1 to 10)
+  --first N    where from (0 to 4294967295)
+  --speed X    how fast (default 1.5; 0 to 2)
+  --name TEXT  what it is called (default cam)
+  --line TEXT-THAT-TAKES-SPACE
+               what it says (may be repeated)
+  --help       this text
+
+Exit code: 0 or 2.
+)",
               OptionsHelp(&line));
     line.options[1].szHelp = tooLong.c_str();
     EXPECT_THAT(OptionsHelp(&line), HasSubstr("xxx\n               wordss\n"));
 }
 
-}  // namespace
 }  // namespace orx

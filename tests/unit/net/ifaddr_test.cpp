@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -9,13 +10,11 @@
 #include "support/namespaces.h"
 
 namespace orx {
-namespace {
 
 TEST(NetMac, Texts)
 {
-    static const struct {
-        const char *szText, *szMac;  // null: malformed
-    } cases[] = {
+    static const std::pair<const char *, const char *> cases[] = {
+        // null: malformed
         {"00:1a:2B:3c:4D:5e", "\x00\x1a\x2b\x3c\x4d\x5e"},
         {"0:1:a:B10:f", "\x00\x01\x0a\xb1\x00\x0f"},
         {"001a2b3c4d5", "\x00\x1a\x2b\x3c\x4d\x05"},  // the last group has one digit
@@ -24,10 +23,10 @@ TEST(NetMac, Texts)
         {"00::1a:2b:3c:4d:5e", nullptr},
         {"0g:1a:2b:3c:4d:5e", nullptr},
     };
-    for (const auto &c : cases) {
+    for (const auto &[szText, szMac] : cases) {
         uint8_t mac[kMacBytes];
-        ASSERT_EQ(c.szMac != nullptr, NetParseMac(c.szText, mac)) << c.szText;
-        EXPECT_TRUE(!c.szMac || memcmp(c.szMac, mac, sizeof(mac)) == 0) << c.szText;
+        ASSERT_EQ(szMac != nullptr, NetParseMac(szText, mac)) << szText;
+        EXPECT_TRUE(!szMac || memcmp(szMac, mac, sizeof(mac)) == 0) << szText;
     }
 }
 
@@ -40,17 +39,13 @@ struct NetInterface : testing::Test {
             GTEST_SKIP() << "needs the right to make a network namespace and an interface in it";
     }
     // What an operation reads, or its result.
-    template <typename Operation>
-    static std::string Read(Operation operation, const char *szInterface = "cam0")
+    static std::string Read(int (*pfnGet)(const char *, char *, size_t), const char *szInterface = "cam0")
     {
         char text[kIpTextSize] = "";
-        int nResult = operation(szInterface, text, sizeof(text));
+        int nResult = pfnGet(szInterface, text, sizeof(text));
         return nResult == 0 ? text : std::to_string(nResult);
     }
-    static std::string Gateway()
-    {
-        return Read([](const char *, char *szOut, size_t nOut) { return NetGetGateway(szOut, nOut); });
-    }
+    static int GetGateway(const char *, char *szOut, size_t nOut) { return NetGetGateway(szOut, nOut); }
 };
 
 TEST_F(NetInterface, ReadsWhatWasSet)
@@ -78,20 +73,19 @@ TEST_F(NetInterface, ReadsWhatWasSet)
 TEST_F(NetInterface, KeepsTheGatewayAcrossAnAddress)
 {
     ASSERT_EQ(0, NetSetAddress("cam0", "10.9.0.1"));
-    EXPECT_EQ("", Gateway());
+    EXPECT_EQ("", Read(GetGateway));
     EXPECT_EQ(0, NetSetGateway("10.9.0.253"));
     EXPECT_EQ(0, NetSetGateway("10.9.0.254"));
     for (const char *szBad : {"192.168.7.1", "0.0.0.0", "10.9.0", ""})  // out of reach, or no address
         EXPECT_EQ(-1, NetSetGateway(szBad)) << szBad;
-    EXPECT_EQ("10.9.0.254", Gateway());
+    EXPECT_EQ("10.9.0.254", Read(GetGateway));
     EXPECT_EQ(0, NetSetAddress("cam0", "10.9.0.2"));
     EXPECT_EQ(0, NetSetNetmask("cam0", "255.255.0.0"));
     EXPECT_EQ(-1, NetSetAddress("nosuch0", "10.9.0.3"));
-    EXPECT_EQ("10.9.0.254", Gateway());
+    EXPECT_EQ("10.9.0.254", Read(GetGateway));
     EXPECT_EQ(-1, NetDelGateway("10.9.0.253"));
     EXPECT_EQ(0, NetDelGateway("10.9.0.254"));
-    EXPECT_EQ("", Gateway());
+    EXPECT_EQ("", Read(GetGateway));
 }
 
-}  // namespace
 }  // namespace orx

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -10,7 +11,6 @@
 #include "support/files.h"
 
 namespace orx {
-namespace {
 
 using Owned = std::unique_ptr<char, void (*)(void *)>;
 
@@ -20,14 +20,14 @@ const char kTitle[] = "wlan0     Scan completed :\n";
 const char kSignal[] = "70/70  Signal level=-31 dBm  ";
 
 // A network as the tool prints it. essid is all that stands behind "ESSID:".
-std::string Cell(const std::string &essid, const std::string &quality, const std::string &key,
-                 const std::string &rest = "")
+static std::string Cell(const std::string &essid, const std::string &quality, const std::string &key,
+                        const std::string &rest = "")
 {
     return "          Cell 01 - Address: 00:1A\n    Channel:6\n    Quality=" + quality +
            "\n    Encryption key:" + key + "\n    ESSID:" + essid + "\n    Bit Rates:1 Mb/s\n    " + rest;
 }
 
-std::string Reduce(const std::string &raw)
+static std::string Reduce(const std::string &raw)
 {
     size_t nLength = 0;
     std::vector<char> bytes(raw.begin(), raw.end());  // of its very size, for the address sanitizer
@@ -40,9 +40,7 @@ TEST(WifiReduce, OneLineForANetwork)
 {
     // what a line of 127 characters has room for behind its indentation, the mark and the quote
     const size_t nFits = 127 - strlen("    ESSID:\"");
-    const struct {
-        std::string raw, lines;
-    } cases[] = {
+    const std::pair<std::string, std::string> cases[] = {
         {Cell("\"cafe\"", kSignal, "off"), "cafe [00:1A] 70/70 OPEN\n"},
         {Cell("\"cafe\"", kSignal, "on"), "cafe [00:1A] 70/70 WEP\n"},
         {Cell("\"cafe\"", kSignal, "on", kWpa), "cafe [00:1A] 70/70 WPA\n"},
@@ -63,8 +61,8 @@ TEST(WifiReduce, OneLineForANetwork)
         {Cell("\"" + std::string(nFits, 'n') + "key:off\"", kSignal, "on"),
          std::string(nFits - 1, 'n') + " [00:1A] 70/70 WEP\n"},
     };
-    for (const auto &c : cases)
-        EXPECT_EQ(c.lines + "\r\n\r\n", Reduce(kTitle + c.raw)) << c.raw;
+    for (const auto &[raw, lines] : cases)
+        EXPECT_EQ(lines + "\r\n\r\n", Reduce(kTitle + raw)) << raw;
 }
 
 // The stand-in for the scanning tool, first in PATH, prints the file "text" after what it is given to do.
@@ -99,7 +97,7 @@ TEST_F(WifiScanTest, TheInterfaceIsOneArgument)
 {
     Tool("for word in \"$@\"; do echo \"<$word>\"; done > args");
     for (const char *szName :
-         {"", "wlan0; touch shell", "$(touch shell)`touch shell`", "a b\n'\"%s&", "wlan0 scan > shell #"}) {
+         {"", "wlan0; touch shell", "$(touch shell)`touch shell`", "a b\n'\"%s& > shell #"}) {
         EXPECT_EQ(kList, Scan(szName)) << szName;
         EXPECT_EQ("<" + std::string(szName) + ">\n<scan>\n", ReadFile(dir.File("args")));
     }
@@ -121,5 +119,4 @@ TEST_F(WifiScanTest, FollowsNoLink)
     EXPECT_EQ(kList, Scan());
 }
 
-}  // namespace
 }  // namespace orx

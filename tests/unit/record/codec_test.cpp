@@ -5,25 +5,21 @@
 #include <gtest/gtest.h>
 
 namespace orx {
-namespace {
 
 // The kind that a section of this codec has.
-uint32_t KindOf(const Codec &codec)
+static uint32_t KindOf(const Codec &codec)
 {
     return codec.nMediaType & MEDIA_VIDEO_MASK ? MEDIA_VIDEO_OTHER : MEDIA_AUDIO_OTHER;
 }
 
 TEST(Codec, EveryNameLeadsToItsRow)
 {
-    for (const Codec &codec : Codecs()) {
-        for (const CodecAlias &alias : codec.aliases) {
-            for (CodecUser nUser : {CODEC_PROGRAM, CODEC_RECORDING}) {
-                const Codec *pFound =
-                    alias.szName ? CodecByName(KindOf(codec), alias.szName, nUser) : nullptr;
-                EXPECT_EQ(alias.szName && (alias.nUsers & nUser) ? &codec : nullptr, pFound) << codec.szName;
-            }
-        }
-    }
+    for (const Codec &codec : Codecs())
+        for (const CodecAlias &alias : codec.aliases)
+            for (CodecUser nUser : {CODEC_PROGRAM, CODEC_RECORDING})
+                EXPECT_TRUE(!alias.szName || CodecByName(KindOf(codec), alias.szName, nUser) ==
+                                                 (alias.nUsers & nUser ? &codec : nullptr))
+                    << codec.szName;
     EXPECT_EQ(nullptr, CodecByName(MEDIA_AUDIO_OTHER, "H264", CODEC_PROGRAM)) << "not of this kind";
     EXPECT_EQ(nullptr, CodecByStaticType(0));
 }
@@ -45,5 +41,4 @@ TEST(Codec, EveryRowIsComplete)
     }
 }
 
-}  // namespace
 }  // namespace orx

@@ -6,7 +6,6 @@
 #include "recordkit.h"
 
 namespace orx {
-namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -14,7 +13,7 @@ using testing::HasSubstr;
 // Packets of one track, and the samples that they become.
 struct Track {
     Depacketiser track;
-    std::vector<Sample> samples;
+    std::vector<MediaSample> samples;
     DepacketProc pfn;
     uint16_t nSeq = 65534;  // wraps on the way
 
@@ -24,8 +23,7 @@ struct Track {
         track.pfnSample = KeepSample;
     }
     ~Track() { DepacketiserReset(&track); }
-    Track(const Track &) = delete;
-    Track &operator=(const Track &) = delete;
+    Track &operator=(Track &&) = delete;
 
     int PutPacket(const std::string &packet, uint32_t nTimeMs)
     {
@@ -47,6 +45,14 @@ struct Track {
     }
 };
 
+// Not the first slice of its picture.
+static std::string LaterSlice()
+{
+    std::string unit = Nal(1, 80, 4);
+    unit[1] = static_cast<char>(unit[1] & 0x7F);
+    return unit;
+}
+
 // Frames 1 and 2 are whole, then something is lost in or around frames 3 to 5. Which frames are left?
 TEST(H264, AFrameWithALostPartIsDroppedWholeAndNoOther)
 {
@@ -57,14 +63,10 @@ TEST(H264, AFrameWithALostPartIsDroppedWholeAndNoOther)
         int nLostBefore = 0;
     };
     const std::string a = Nal(1, 100, 1), sps = Nal(7, 20, 5), pps = Nal(8, 6, 6), idr = Nal(5, 90, 7);
-    const std::vector<std::string> cut = Fragments(Nal(1, 300, 3), 100);
-    std::string second = Nal(1, 80, 4);  // not the first slice of its picture
-    second[1] = static_cast<char>(second[1] & 0x7F);
-    const struct {
-        const char *szLost;
-        std::vector<Step> steps;
-        std::vector<uint32_t> left;
-    } cases[] = {
+    const std::string whole = Nal(1, 300, 3), second = LaterSlice();
+    const std::vector<std::string> cut = Fragments(whole, 100);
+    const std::tuple<const char *, std::vector<Step>, std::vector<uint32_t>> cases[] = {
+        {"one before fragments", {{4, false, cut[0], 1}, {4, false, cut[1]}, {4, true, cut[2]}}, {1, 2, 4}},
         {"a whole frame", {{4, true, a, 1}, {5, true, a}}, {1, 2, 4, 5}},
         {"the first fragment", {{3, false, cut[1], 1}, {3, true, cut[2]}, {4, true, a}}, {1, 2, 4}},
         {"one in the middle", {{3, false, cut[0]}, {3, true, cut[2], 1}, {4, true, a}}, {1, 2, 4}},
@@ -73,16 +75,15 @@ TEST(H264, AFrameWithALostPartIsDroppedWholeAndNoOther)
         {"the first slice", {{3, true, second, 1}, {4, true, a}}, {1, 2, 4}},
         {"the parameter sets", {{3, false, pps, 1}, {3, true, idr}, {4, true, a}}, {1, 2, 4}},
     };
-    for (const auto &c : cases) {
+    for (const auto &[szLost, lossy, left] : cases) {
         Track t(WriteH264RtpData);
-        for (const Step &step :
-             {Step{1, false, sps}, Step{1, false, pps}, Step{1, true, idr}, Step{2, true, a}})
-            t.Put(step.nFrame, step.bMarker, step.payload);
-        for (const Step &step : c.steps)
-            EXPECT_EQ(1, t.Put(step.nFrame, step.bMarker, step.payload, step.nLostBefore)) << c.szLost;
-        EXPECT_EQ(c.left, t.Frames()) << c.szLost;
+        std::vector<Step> steps = {{1, false, sps}, {1, false, pps}, {1, true, idr}, {2, true, a}};
+        steps.insert(steps.end(), lossy.begin(), lossy.end());
+        for (const Step &step : steps)
+            EXPECT_EQ(1, t.Put(step.nFrame, step.bMarker, step.payload, step.nLostBefore)) << szLost;
+        EXPECT_EQ(left, t.Frames()) << szLost;
         for (size_t i = 1; i < t.samples.size(); i++)
-            EXPECT_EQ(Prefixed(a), t.samples[i].data) << c.szLost;
+            EXPECT_THAT(t.samples[i].data, testing::AnyOf(Prefixed(a), Prefixed(whole))) << szLost;
     }
 }
 
@@ -91,15 +92,13 @@ TEST(H264, AFrameWithALostPartIsDroppedWholeAndNoOther)
 TEST(H264, WholeFramesBehindAGapAreKept)
 {
     Track t(WriteH264RtpData);
-    std::string any = Nal(1, 80, 4);
-    any[1] = static_cast<char>(any[1] & 0x7F);
     for (uint32_t nFrame = 1; nFrame <= 3; nFrame++) {
         t.Put(nFrame, false, Nal(7, 20, 5), 9);
         t.Put(nFrame, true, Nal(5, 90, 7));
     }
     t.Put(4, true, Nal(7, 20, 5), 9);
-    t.Put(5, true, any);
-    t.Put(7, true, any, 1);
+    t.Put(5, true, LaterSlice());
+    t.Put(7, true, LaterSlice(), 1);
     EXPECT_THAT(t.Frames(), ElementsAre(1, 2, 3, 4, 5, 7));
 }
 
@@ -162,12 +161,12 @@ TEST(Depacketiser, FaultsOfThePusher)
     for (const auto &c : cases) {
         Track t(c.pfn);
         int nResult = 1;
-        std::string faults = PeerFaults([&] {
-            for (size_t i = 0; i < c.payloads.size() && nResult == 1; i++)
-                nResult = t.Put(1, c.bMarker, c.payloads[i]);
-        });
+        EXPECT_THAT(PeerFaults([&] {
+                        for (const std::string &payload : c.payloads)
+                            nResult = nResult == 1 ? t.Put(1, c.bMarker, payload) : nResult;
+                    }),
+                    HasSubstr(c.szText));
         EXPECT_EQ(-1, nResult) << c.szText;
-        EXPECT_THAT(faults, HasSubstr(c.szText));
     }
 }
 
@@ -188,5 +187,4 @@ TEST(Jpeg, PayloadsAreJoinedAndDamagedImagesDropped)
     EXPECT_EQ(payload(0, 'a') + payload(100, 'b'), t.samples[0].data);
 }
 
-}  // namespace
 }  // namespace orx

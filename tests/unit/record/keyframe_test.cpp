@@ -1,103 +1,77 @@
-#include "record/codec.h"
+#include "record/keyframe.h"
 
+#include <map>
+#include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 namespace orx {
-namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-struct Packet {
-    uint32_t nTime;
-    int bMarker;
-    Bytes payload;
-    int bKey;  // what is expected
+const std::map<std::string, std::vector<uint8_t>> kPayloads = {
+    {"sps", {0x67, 1}},
+    {"pps", {0x68, 1}},
+    {"sei", {0x06, 1}},
+    {"delimiter", {0x09, 1}},
+    {"idr", {0x65, 1}},
+    {"slice", {0x41, 1}},
+    // fragments
+    {"idr-start", {0x7C, 0x85, 1}},
+    {"idr-rest", {0x7C, 0x05, 1}},
+    {"idr-end", {0x7C, 0x45, 1}},
+    {"sps-start", {0x7C, 0x87, 1}},
+    {"slice-start", {0x5C, 0x81, 1}},
+    {"fragment-cut", {0x7C}},
+    // aggregates of units of two bytes each
+    {"delimiter+sps+pps+sei", {24, 0, 2, 9, 0xAA, 0, 2, 7, 0xAA, 0, 2, 8, 0xAA, 0, 2, 6, 0xAA}},
+    {"sei+sps", {24, 0, 2, 6, 0xAA, 0, 2, 7, 0xAA}},
+    {"sei+idr", {24, 0, 2, 6, 0xAA, 0, 2, 5, 0xAA}},
+    {"sei+slice", {24, 0, 2, 6, 0xAA, 0, 2, 1, 0xAA}},
+    {"aggregate-cut", {24, 0}},
+    {"aggregate-long", {24, 0xFF, 0xFF, 7}},
+    {"aggregate-empty", {24, 0, 0, 0, 0}},
+    {"jpeg-start", {0, 0, 0, 0, 1, 255, 40, 30}},
+    {"jpeg-rest", {0, 0, 5, 0xB4, 1, 255, 40, 30}},
+    {"byte", {0}},
+    {"nothing", {}},
 };
 
-// One track's test and what it remembers.
-struct Video {
-    KeyFrameProc pfnIsKey;
-    KeyWatch watch;
-
-    explicit Video(KeyFrameProc pfn) : pfnIsKey(pfn) {}
-    int IsKey(const Packet &packet)
-    {
-        RtpPacket rtp;
-        rtp.bMarker = packet.bMarker;
-        rtp.nRtpTime = packet.nTime;
-        rtp.pPayload = packet.payload.data();
-        rtp.nPayload = static_cast<uint32_t>(packet.payload.size());
-        return pfnIsKey(&watch, &rtp);
-    }
-};
-
-// An aggregate of units of two bytes each.
-Bytes StapA(const Bytes &types)
-{
-    Bytes out{24};
-    for (uint8_t nType : types)
-        out.insert(out.end(), {0, 2, nType, 0xAA});
-    return out;
-}
-
-// The opening pictures as real encoders packetise them.
+// The opening pictures as real encoders packetise them, each packet by its time stamp and payload; * marks
+// where a key picture is to be seen, ! the marker.
 TEST(KeyFrame, FlagsEachKeyPictureOnce)
 {
-    const Bytes sps{0x67, 1}, pps{0x68, 1}, sei{0x06, 1}, delimiter{0x09, 1}, idr{0x65, 1}, slice{0x41, 1};
-    const Bytes fuIdrStart{0x7C, 0x85, 1}, fuIdrRest{0x7C, 0x05, 1}, fuIdrEnd{0x7C, 0x45, 1};
-    const Bytes fuSps{0x7C, 0x87, 1}, fuSlice{0x5C, 0x81, 1};
-    const Bytes jpegStart{0, 0, 0, 0, 1, 255, 40, 30}, jpegRest{0, 0, 5, 0xB4, 1, 255, 40, 30};
-    const struct {
-        const char *szName;
-        KeyFrameProc pfn;
-        std::vector<Packet> packets;
-    } cases[] = {
-        {"sets as single units",
-         IsKeyH264,
-         {{0, 0, delimiter, 0}, {0, 0, sps, 1}, {0, 0, pps, 0}, {0, 1, idr, 0}, {3000, 1, slice, 0}}},
-        {"sets in the description only",
-         IsKeyH264,
-         {{0, 0, sei, 0},
-          {0, 0, fuIdrStart, 1},
-          {0, 0, fuIdrRest, 0},
-          {0, 1, fuIdrEnd, 0},
-          {9, 1, fuSlice, 0}}},
-        {"sets behind SEI and delimiter",
-         IsKeyH264,
-         {{0, 0, StapA({9, 7, 8, 6}), 1},
-          {0, 1, fuIdrStart, 0},
-          {9, 0, StapA({6, 7, 8}), 1},
-          {9, 1, idr, 0}}},
-        {"two slices of one picture", IsKeyH264, {{0, 0, idr, 1}, {0, 1, idr, 0}, {3000, 1, idr, 1}}},
-        {"sets again at the next picture", IsKeyH264, {{0, 1, sps, 1}, {0, 1, sps, 1}}},
-        {"fragmented parameter set", IsKeyH264, {{0, 0, fuSps, 1}, {0, 1, fuIdrStart, 0}}},
-        {"one aggregate", IsKeyH264, {{0, 1, StapA({6, 5}), 1}, {3000, 1, StapA({6, 1}), 0}}},
-        {"time stamp 0 comes again", IsKeyH264, {{0, 1, slice, 0}, {0xFFFFFFFF, 1, idr, 1}, {0, 1, idr, 1}}},
-        {"jpeg",
-         IsKeyJpeg,
-         {{0, 0, jpegStart, 1}, {0, 1, jpegRest, 0}, {9, 1, jpegStart, 1}, {9, 1, {0}, 0}}},
-        {"others start behind a marker",
-         IsKeyGeneric,
-         {{0, 0, {1}, 1}, {0, 1, {1}, 0}, {3000, 1, {1}, 1}, {6000, 0, {}, 1}, {6000, 0, {}, 0}}},
+    static const std::tuple<const char *, KeyFrameProc, const char *> cases[] = {
+        {"sets as single units", IsKeyH264, "0:delimiter 0:sps* 0:pps 0:idr! 3000:slice!"},
+        {"sets in the description only", IsKeyH264,
+         "0:sei 0:idr-start* 0:idr-rest 0:idr-end! 9:slice-start!"},
+        {"sets behind others", IsKeyH264, "0:delimiter+sps+pps+sei* 0:idr-start! 9:sei+sps* 9:idr!"},
+        {"two slices of one picture", IsKeyH264, "0:idr* 0:idr! 3000:idr*!"},
+        {"sets again at the next picture", IsKeyH264, "0:sps*! 0:sps*!"},
+        {"fragmented parameter set", IsKeyH264, "0:sps-start* 0:idr-start!"},
+        {"one aggregate", IsKeyH264, "0:sei+idr*! 3000:sei+slice!"},
+        {"time stamp 0 comes again", IsKeyH264, "0:slice! 4294967295:idr*! 0:idr*!"},
+        {"cut short", IsKeyH264,
+         "0:nothing 0:fragment-cut 0:aggregate-cut 0:aggregate-long 0:aggregate-empty"},
+        {"images", IsKeyJpeg, "0:jpeg-start* 0:jpeg-rest! 9:jpeg-start*! 9:byte! 9:nothing"},
+        {"others start behind a marker", IsKeyGeneric,
+         "0:byte* 0:byte! 3000:byte*! 6000:nothing* 6000:nothing"},
     };
-    for (const auto &c : cases) {
-        Video video(c.pfn);
-        for (size_t i = 0; i < c.packets.size(); i++)
-            EXPECT_EQ(c.packets[i].bKey, video.IsKey(c.packets[i])) << c.szName << ", packet " << i;
+    for (const auto &[szName, pfnIsKey, szPackets] : cases) {
+        KeyWatch watch;
+        std::istringstream words(szPackets);
+        for (std::string word; words >> word;) {
+            size_t nName = word.find(':') + 1;
+            const auto &payload = kPayloads.at(word.substr(nName, word.find_first_of("*!") - nName));
+            RtpPacket rtp;
+            rtp.nRtpTime = static_cast<uint32_t>(std::stoul(word));
+            rtp.bMarker = word.back() == '!';
+            rtp.pPayload = payload.data();
+            rtp.nPayload = static_cast<uint32_t>(payload.size());
+            EXPECT_EQ(word.find('*') != std::string::npos, pfnIsKey(&watch, &rtp)) << szName << ", " << word;
+        }
     }
 }
 
-TEST(KeyFrame, SurvivesEveryCut)
-{
-    const Bytes payloads[] = {StapA({9, 7, 8}), {0x7C, 0x85, 1}, {24, 0xFF, 0xFF, 7}, {24, 0, 0, 0, 0}};
-    for (KeyFrameProc pfn : {IsKeyH264, IsKeyJpeg, IsKeyGeneric})
-        for (const Bytes &payload : payloads)
-            for (size_t n = 0; n <= payload.size(); n++)  // copies of their very size, for the sanitizers
-                Video(pfn).IsKey({0, 0, Bytes(payload.begin(), payload.begin() + static_cast<long>(n)), 0});
-}
-
-}  // namespace
 }  // namespace orx

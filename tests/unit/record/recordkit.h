@@ -7,8 +7,8 @@
 
 #include <gtest/gtest.h>
 
-#include "base/bytes.h"
 #include "base/mediatype.h"
+#include "record/codec.h"
 #include "record/rtphelp.h"
 #include "record/zmfreader.h"
 #include "record/zmfwriter.h"
@@ -63,15 +63,15 @@ inline std::vector<std::string> Fragments(const std::string &unit, size_t nPart)
     return out;
 }
 
-struct Sample {
+struct MediaSample {
     char chMedia;
     uint8_t nFlags;
     uint32_t nTimeMs;
     std::string data;
-    bool operator==(const Sample &) const = default;
+    bool operator==(const MediaSample &) const = default;
 };
 
-inline std::ostream &operator<<(std::ostream &out, const Sample &sample)
+inline std::ostream &operator<<(std::ostream &out, const MediaSample &sample)
 {
     return out << sample.chMedia << int{sample.nFlags} << "@" << sample.nTimeMs << " " << sample.data.size()
                << " bytes";
@@ -80,7 +80,7 @@ inline std::ostream &operator<<(std::ostream &out, const Sample &sample)
 // For a Depacketiser whose context is a vector of samples.
 inline int KeepSample(void *pSamples, const uint8_t *p, uint32_t n, uint32_t nTimeMs, uint32_t nType)
 {
-    static_cast<std::vector<Sample> *>(pSamples)->push_back(
+    static_cast<std::vector<MediaSample> *>(pSamples)->push_back(
         {static_cast<char>(nType >> 8), static_cast<uint8_t>(nType), nTimeMs, Text(p, n)});
     return 1;
 }
@@ -90,13 +90,12 @@ struct Reader {
 
     explicit Reader(const std::string &path) : p(ZMFReaderOpen(path.c_str(), 204800)) {}
     ~Reader() { ZMFReaderClose(p); }
-    Reader(const Reader &) = delete;
-    Reader &operator=(const Reader &) = delete;
+    Reader &operator=(Reader &&) = delete;
 
     // Every sample from where it is; how the file ends goes into *pnEnd.
-    std::vector<Sample> ReadOn(int *pnEnd) const
+    std::vector<MediaSample> ReadOn(int *pnEnd) const
     {
-        std::vector<Sample> out;
+        std::vector<MediaSample> out;
         while (const uint8_t *pRecord = ZMFReaderNextSample(p, pnEnd)) {
             ZMFRecordHead head;
             ZMFRecordHeadDecode(pRecord, &head);
@@ -124,8 +123,7 @@ struct Recorder {
         EXPECT_EQ(1, ZMFWriterWriteHead(pWriter));
     }
     ~Recorder() { ZMFWriterFree(pWriter); }
-    Recorder(const Recorder &) = delete;
-    Recorder &operator=(const Recorder &) = delete;
+    Recorder &operator=(Recorder &&) = delete;
 
     int Put(char chMedia, uint8_t nFlags, uint32_t nTimeMs, const std::string &data) const
     {
@@ -141,7 +139,7 @@ struct Recorder {
         ZMFWriterFree(std::exchange(pWriter, nullptr));
         return ReadFile(path);
     }
-    std::vector<Sample> FinishedSamples()
+    std::vector<MediaSample> FinishedSamples()
     {
         int nEnd = 1;
         Finish();
@@ -165,10 +163,8 @@ struct Player {
         out.tracks[0] = &track;
     }
     ~Player() { ListEmpty(&out.Outq); }
-    Player(const Player &) = delete;
-    Player &operator=(const Player &) = delete;
+    Player &operator=(Player &&) = delete;
 
-    using PackProc = int (*)(RtpOut *, const uint8_t *, uint32_t, uint32_t, int);
     int Pack(PackProc pfn, const std::string &sample, uint32_t nTimeMs = 0)
     {
         std::vector<uint8_t> exact(sample.begin(), sample.end());  // so that a step past its end is seen
@@ -177,7 +173,6 @@ struct Player {
 
     struct Packet {
         int bKey;
-        uint32_t nTimeMs;
         std::string data;
         bool Marker() const { return data[1] & 0x80; }
         std::string Payload() const { return data.substr(12); }
@@ -187,8 +182,7 @@ struct Player {
         std::vector<Packet> packets;
         for (ListNode *p = out.Outq.pFirst; p; p = p->pNext) {
             auto *pBlock = reinterpret_cast<DataBlock *>(p);
-            packets.push_back(
-                {(pBlock->nFlags & DB_KEY) != 0, pBlock->nTimestamp, Text(BlockData(pBlock), pBlock->len)});
+            packets.push_back({(pBlock->nFlags & DB_KEY) != 0, Text(BlockData(pBlock), pBlock->len)});
         }
         return packets;
     }

@@ -6,7 +6,6 @@
 #include "recordkit.h"
 
 namespace orx {
-namespace {
 
 using testing::HasSubstr;
 
@@ -14,10 +13,8 @@ using testing::HasSubstr;
 // marker.
 TEST(RtpHelp, H264PacketKinds)
 {
-    const struct {
-        std::vector<std::pair<int, size_t>> units;  // type and size
-        const char *szPackets;
-    } cases[] = {
+    using Units = std::vector<std::pair<int, size_t>>;  // type and size
+    const std::pair<Units, const char *> cases[] = {
         {{{7, 20}, {8, 6}, {5, 3000}}, "2* f f f! "},
         {{{1, 1461}}, "1! "},
         {{{1, 1462}}, "f f! "},
@@ -25,9 +22,9 @@ TEST(RtpHelp, H264PacketKinds)
         {{{7, 700}, {8, 761}, {5, 10}}, "2* 1! "},
         {{{1, 1461}, {1, 5000}, {1, 3}, {1, 3}, {1, 3}}, "1 f f f f 3! "},
     };
-    for (const auto &c : cases) {
+    for (const auto &[units, szPackets] : cases) {
         std::string sample, kinds;
-        for (const auto &[nType, nBytes] : c.units)
+        for (const auto &[nType, nBytes] : units)
             sample += Prefixed(Nal(nType, nBytes, 1));
         Player player;
         player.Pack(Pack2Rtp264Block, sample);
@@ -40,8 +37,34 @@ TEST(RtpHelp, H264PacketKinds)
                      (packet.Marker() ? "! " : " ");
             EXPECT_LE(payload.size(), nType == 28 ? 1462U : 1470U);
         }
-        EXPECT_EQ(c.szPackets, kinds);
+        EXPECT_EQ(szPackets, kinds);
     }
+}
+
+// From packets into a file and out again: a recording holds what a player gets.
+TEST(RtpHelp, RecordedAgainPicturesAreTheSame)
+{
+    constexpr uint32_t kStartMs = 0xFFFFF000;  // wraps on the way, as does the sequence number
+    Recorder recorder;
+    Player player;
+    std::vector<MediaSample> expected;
+    for (uint32_t i = 0; i < 200; i++) {
+        size_t nBytes = 40 + i * 977 % 9000;
+        std::vector<std::string> units = {Nal(1, nBytes, i)};
+        if (i % 10 == 0)
+            units = {Nal(7, 20, i), Nal(8, 6, i), Nal(5, 12000 + nBytes, i), Nal(5, 60000, i)};
+        else if (i % 3 == 0)
+            units = {Nal(1, nBytes, i), Nal(1, 1461, i), Nal(1, 1462, i)};
+        expected.push_back({'v', i % 10 == 0 ? ZMF_KEY : uint8_t{0}, i * 40, ""});
+        for (const auto &unit : units)
+            expected[i].data += Prefixed(unit);
+        player.Pack(Pack2Rtp264Block, expected[i].data, i * 40);
+        for (const auto &packet : player.Packets())
+            ASSERT_EQ(1, ZMFWriterWriteRtpPacket(recorder.pWriter, Data(packet.data), Size(packet.data), 'v',
+                                                 kStartMs + i * 40));
+        ListEmpty(&player.out.Outq);
+    }
+    EXPECT_EQ(expected, recorder.FinishedSamples());
 }
 
 // What a file's samples break ends their packetising.
@@ -49,7 +72,7 @@ TEST(RtpHelp, BrokenSamples)
 {
     const struct {
         const char *szText;
-        Player::PackProc pfn;
+        PackProc pfn;
         std::string sample;
         uint32_t nTimeScale = 1000;
     } cases[] = {
@@ -67,5 +90,4 @@ TEST(RtpHelp, BrokenSamples)
     }
 }
 
-}  // namespace
 }  // namespace orx

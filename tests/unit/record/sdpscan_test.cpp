@@ -8,7 +8,6 @@
 #include "support/output.h"
 
 namespace orx {
-namespace {
 
 using testing::HasSubstr;
 
@@ -49,5 +48,4 @@ TEST(SdpScan, TakesWhatCanBeRecorded)
     }
 }
 
-}  // namespace
 }  // namespace orx

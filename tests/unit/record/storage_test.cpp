@@ -12,7 +12,6 @@
 #include "support/output.h"
 
 namespace orx {
-namespace {
 
 TEST(Storage, PathsStayBelowTheRoot)
 {
@@ -38,11 +37,11 @@ TEST(Storage, PathsStayBelowTheRoot)
 
 // A tree below a root, and what is outside; the wall clock of recordings stands still at noon of a day in
 // March of a leap year.
-struct OldDays : testing::Test {
+struct StorageDays : testing::Test {
     TempDir dir;
     std::string root = dir.File("rec/");
 
-    OldDays()
+    StorageDays()
     {
         tm noon{};
         noon.tm_year = 2024 - 1900;
@@ -53,7 +52,7 @@ struct OldDays : testing::Test {
         RecordTimeSetOffset(mktime(&noon) - time(nullptr));
         Put(dir.File("outside/20240229/M1.zmf"));
     }
-    ~OldDays() override { RecordTimeSetOffset(0); }
+    ~StorageDays() override { RecordTimeSetOffset(0); }
     static void Put(const std::string &path)
     {
         std::filesystem::create_directories(std::filesystem::path(path).parent_path());
@@ -67,7 +66,7 @@ struct OldDays : testing::Test {
 };
 
 // Days of 3 to 10 days of age go: 24 February to 2 March.
-TEST_F(OldDays, GoWithWhatIsInThem)
+TEST_F(StorageDays, GoWithWhatIsInThem)
 {
     static const struct {
         const char *szFile;
@@ -101,7 +100,7 @@ TEST_F(OldDays, GoWithWhatIsInThem)
 }
 
 // A link in the place of a day or of a program is left alone; one within a day goes, not what it names.
-TEST_F(OldDays, NothingOutsideTheRootIsReached)
+TEST_F(StorageDays, NothingOutsideTheRootIsReached)
 {
     for (const char *szLink : {"cam/20240229", "link", "cam/20240228/inner", "cam/20240228/a/inner"})
         Link(szLink);
@@ -115,7 +114,7 @@ TEST_F(OldDays, NothingOutsideTheRootIsReached)
 }
 
 // No disk has the room asked for, so that everything that may be deleted is: the oldest day first.
-TEST_F(OldDays, ReserveSpaceDeletesTheOldestFirst)
+TEST_F(StorageDays, ReserveSpaceDeletesTheOldestFirst)
 {
     static const struct {
         const char *szSub;
@@ -146,5 +145,4 @@ TEST_F(OldDays, ReserveSpaceDeletesTheOldestFirst)
     }
 }
 
-}  // namespace
 }  // namespace orx

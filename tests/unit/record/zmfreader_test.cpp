@@ -7,10 +7,9 @@
 #include "recordkit.h"
 
 namespace orx {
-namespace {
 
 // A recording with a key frame a second, four pictures and an audio sample between.
-std::string MakeRecording(const std::string &path, uint32_t nSeconds, bool bClosed = true)
+static std::string MakeRecording(const std::string &path, uint32_t nSeconds, bool bClosed = true)
 {
     Recorder recorder;
     for (uint32_t i = 0; i < nSeconds * 5; i++) {
@@ -23,7 +22,7 @@ std::string MakeRecording(const std::string &path, uint32_t nSeconds, bool bClos
 }
 
 // The time of the record stepped to, or -1.
-int64_t Step(const Reader &reader, int nKeys)
+static int64_t Step(const Reader &reader, int nKeys)
 {
     uint32_t nTime = 0;
     return ZMFReaderSeek2KeyFrame(reader.p, nKeys, &nTime) ? int64_t{nTime} : -1;
@@ -40,7 +39,7 @@ TEST_F(ZMFReaderTest, ACutFilePlaysUpToItsLastWholeRecord)
     for (bool bClosed : {false, true}) {
         std::string file = MakeRecording(path, 2, bClosed);
         int nResult = 1;
-        std::vector<Sample> whole = Reader(path).ReadOn(&nResult);
+        std::vector<MediaSample> whole = Reader(path).ReadOn(&nResult);
         ASSERT_EQ(bClosed ? 20U : 19U, whole.size()) << "the last sound is in the writer's memory";
         size_t nBegin = file.size();
         for (const auto &sample : whole)
@@ -57,7 +56,7 @@ TEST_F(ZMFReaderTest, ACutFilePlaysUpToItsLastWholeRecord)
                 nEnd += whole[nKept++].data.size() + 8;
             uint32_t nLastMs = nKept > 0 ? whole[nKept - 1].nTimeMs : 0;
             ASSERT_EQ(bClosed ? 1810U : nLastMs, ZMFReaderDuration(reader.p));
-            ASSERT_EQ(std::vector<Sample>(whole.begin(), whole.begin() + static_cast<long>(nKept)),
+            ASSERT_EQ(std::vector<MediaSample>(whole.begin(), whole.begin() + static_cast<long>(nKept)),
                       reader.ReadOn(&nResult));
             ASSERT_EQ(nEnd == nSize ? 0 : -1, nResult);
         }
@@ -93,5 +92,4 @@ TEST_F(ZMFReaderTest, StepsFromKeyFrameToKeyFrame)
     EXPECT_EQ(3000, Step(interrupted, -1)) << "an interrupted file has no index to go by";
 }
 
-}  // namespace
 }  // namespace orx

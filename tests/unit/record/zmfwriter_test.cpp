@@ -8,11 +8,10 @@
 #include "recordkit.h"
 
 namespace orx {
-namespace {
 
 using testing::HasSubstr;
 
-uint32_t Field(const std::string &file, size_t nOffset, size_t nBytes)
+static uint32_t Field(const std::string &file, size_t nOffset, size_t nBytes)
 {
     return GetBe(file.data() + nOffset, nBytes);
 }
@@ -79,10 +78,10 @@ TEST(ZMFWriter, NothingBeforeTheFirstKeyFrame)
     EXPECT_EQ(1, recorder.Put('a', 0, 1010, "two"));
     EXPECT_EQ(1, recorder.Put('v', 0, 1040, "picture"));
     EXPECT_EQ(1, recorder.Put('a', 0, 1060, "three"));
-    std::vector<Sample> expected = {{'v', ZMF_KEY, 0, Nal(7, 100, 1000)},
-                                    {'a', 0, 0, "onetwo"},
-                                    {'v', 0, 40, "picture"},
-                                    {'a', 0, 60, "three"}};
+    std::vector<MediaSample> expected = {{'v', ZMF_KEY, 0, Nal(7, 100, 1000)},
+                                         {'a', 0, 0, "onetwo"},
+                                         {'v', 0, 40, "picture"},
+                                         {'a', 0, 60, "three"}};
     EXPECT_EQ(expected, recorder.FinishedSamples());
 }
 
@@ -96,11 +95,11 @@ TEST(ZMFWriter, APauseLeavesTimeOut)
     ZMFWriterPause(recorder.pWriter);
     recorder.Put('a', 0, 500, "after");
     recorder.PutKey(700);
-    std::vector<Sample> expected = {{'v', ZMF_KEY, 0, Nal(7, 100, 1000)},
-                                    {'v', 0, 40, "picture"},
-                                    {'a', 0, 50, "sound"},
-                                    {'a', 0, 70, "after"},
-                                    {'v', ZMF_KEY, 270, Nal(7, 100, 700)}};
+    std::vector<MediaSample> expected = {{'v', ZMF_KEY, 0, Nal(7, 100, 1000)},
+                                         {'v', 0, 40, "picture"},
+                                         {'a', 0, 50, "sound"},
+                                         {'a', 0, 70, "after"},
+                                         {'v', ZMF_KEY, 270, Nal(7, 100, 700)}};
     EXPECT_EQ(expected, recorder.FinishedSamples());
 }
 
@@ -110,7 +109,7 @@ TEST(ZMFWriter, BigFramesUseTheLongLength)
         Recorder recorder;
         recorder.PutKey(0, nBytes);
         recorder.Put('v', 0, 40, "next");
-        std::vector<Sample> expected = {{'v', ZMF_KEY, 0, Nal(7, nBytes, 0)}, {'v', 0, 40, "next"}};
+        std::vector<MediaSample> expected = {{'v', ZMF_KEY, 0, Nal(7, nBytes, 0)}, {'v', 0, 40, "next"}};
         EXPECT_EQ(expected, recorder.FinishedSamples()) << nBytes;
     }
 }
@@ -145,5 +144,4 @@ TEST(ZMFWriter, TimesBeforeTheFileAreTakenAtItsBeginningOnly)
                 HasSubstr("pWriter->uSampleCount < 6"));
 }
 
-}  // namespace
 }  // namespace orx

@@ -11,7 +11,6 @@
 #include "support/sockets.h"
 
 namespace orx {
-namespace {
 
 const char kTunnelGet[] =
     "GET /live HTTP/1.0\r\nx-sessioncookie: abc\r\nAccept: application/x-rtsp-tunnelled\r\n\r\n";
@@ -168,5 +167,4 @@ TEST(HttpProxy, OutlivesAWebServerThatIsDown)
     EXPECT_LT(ElapsedMs(start), 1000);
 }
 
-}  // namespace
 }  // namespace orx

@@ -13,7 +13,6 @@
 #include "support/output.h"
 
 namespace orx {
-namespace {
 
 using namespace std::literals;
 using testing::HasSubstr;
@@ -21,7 +20,7 @@ using testing::HasSubstr;
 const char kGuid[] = "box-0123456789abcdef-01";
 constexpr std::string_view kHeartbeat = "\0\0\1\0\0\0\0\0\0\0\x03\xEB\0\0\0\0"sv;
 
-int FakeAddress(const char *szInterface, char *szOut, size_t nOut)
+static int FakeAddress(const char *szInterface, char *szOut, size_t nOut)
 {
     bool bKnown = !strcmp(szInterface, "eth0") || !strcmp(szInterface, "wlan7");
     TextCopy(szOut, nOut, szInterface[0] == 'e' ? "10.0.0.2" : "10.0.0.3");
@@ -29,7 +28,7 @@ int FakeAddress(const char *szInterface, char *szOut, size_t nOut)
 }
 
 // A packet that carries an address.
-std::string Packet(uint32_t nCmd, uint32_t nResult)
+static std::string Packet(uint32_t nCmd, uint32_t nResult)
 {
     uint8_t packet[kZupoPacketSize];
     ZupoAddress address{0x7F000001, 7};
@@ -158,5 +157,4 @@ TEST(Registration, ABrokenPacketEndsTheConnection)
     }
 }
 
-}  // namespace
 }  // namespace orx

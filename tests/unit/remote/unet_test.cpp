@@ -9,7 +9,6 @@
 #include "enettest.h"
 
 namespace orx {
-namespace {
 
 using namespace std::literals;
 
@@ -124,5 +123,4 @@ TEST(Unet, AFloodThatTheServerDoesNotReadEndsItsBridge)
     EXPECT_TRUE(server.Closed(kLongMs));
 }
 
-}  // namespace
 }  // namespace orx

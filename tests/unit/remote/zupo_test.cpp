@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 namespace orx {
-namespace {
 
 using namespace std::string_literals;
 
@@ -32,5 +31,4 @@ TEST(Zupo, EveryPacketToTheByte)
               text(ZupoEncodeFound(p, &address, &info)));
 }
 
-}  // namespace
 }  // namespace orx

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <string>
+#include <tuple>
 #include <utility>
 
 #include <gmock/gmock.h>
@@ -12,16 +13,10 @@
 #include "support/output.h"
 
 namespace orx {
-namespace {
 
 TEST(SockResolveUri, SplitsHostAndPort)
 {
-    static const struct {
-        const char *szText;
-        int nResult;
-        uint32_t nIp;
-        int nPort;
-    } cases[] = {
+    static const std::tuple<const char *, int, uint32_t, int> cases[] = {
         {"10.0.0.5:8554", 1, 0x0A000005, 8554},
         {":80", 1, 0, 80},
         {"localhost", 1, 0x7F000001, 554},
@@ -31,11 +26,11 @@ TEST(SockResolveUri, SplitsHostAndPort)
         {":65536", 0, 0, 0},
         {":4294967376", 0, 0, 0},  // 80 in the low 32 bits
     };
-    for (const auto &c : cases) {
+    for (const auto &[szText, nResult, nIp, nPort] : cases) {
         sockaddr_in addr{};
-        EXPECT_EQ(c.nResult, SockResolveUri(&addr, c.szText, 554)) << c.szText;
-        EXPECT_EQ(c.nIp, c.nResult ? SockGetIp(&addr) : 0) << c.szText;
-        EXPECT_EQ(c.nPort, c.nResult ? SockGetPort(&addr) : 0) << c.szText;
+        EXPECT_EQ(nResult, SockResolveUri(&addr, szText, 554)) << szText;
+        EXPECT_EQ(nIp, nResult ? SockGetIp(&addr) : 0) << szText;
+        EXPECT_EQ(nPort, nResult ? SockGetPort(&addr) : 0) << szText;
     }
 }
 
@@ -49,24 +44,28 @@ TEST(SockResolveUriDeathTest, TextTooLong)
 
 TEST(SockAddrClass, GoesByTheFirstByte)
 {
-    static const struct {
-        const char *szAddr;
-        char cClass;
-        int bMulticast, bBroadcast, bUsable;
-    } cases[] = {
-        {"0.0.0.0", 'E', 0, 0, 1},         {"1.0.0.0", 'A', 0, 0, 1},   {"126.255.255.255", 'A', 0, 0, 1},
-        {"127.0.0.1", 'E', 0, 0, 0},       {"128.0.0.0", 'B', 0, 0, 1}, {"191.255.255.255", 'B', 0, 0, 1},
-        {"192.0.0.0", 'C', 0, 0, 1},       {"223.0.0.0", 'C', 0, 0, 1}, {"224.0.0.0", 'D', 1, 0, 1},
-        {"239.255.255.255", 'D', 1, 0, 1}, {"240.0.0.0", 'E', 0, 0, 0}, {"255.255.255.254", 'E', 0, 0, 0},
-        {"255.255.255.255", 'E', 0, 1, 1},
+    static const std::pair<const char *, const char *> cases[] = {
+        {"0.0.0.0", "E usable"},
+        {"1.0.0.0", "A usable"},
+        {"126.255.255.255", "A usable"},
+        {"127.0.0.1", "E"},
+        {"128.0.0.0", "B usable"},
+        {"191.255.255.255", "B usable"},
+        {"192.0.0.0", "C usable"},
+        {"223.0.0.0", "C usable"},
+        {"224.0.0.0", "D usable group"},
+        {"239.255.255.255", "D usable group"},
+        {"240.0.0.0", "E"},
+        {"255.255.255.254", "E"},
+        {"255.255.255.255", "E usable all"},
     };
-    for (const auto &c : cases) {
+    for (const auto &[szAddr, szKind] : cases) {
         sockaddr_in addr{};
-        EXPECT_EQ(1, SockSetAddr(&addr, c.szAddr, 1));
-        EXPECT_EQ(c.cClass, SockAddrClass(&addr)) << c.szAddr;
-        EXPECT_EQ(c.bMulticast, SockIsMulticast(&addr)) << c.szAddr;
-        EXPECT_EQ(c.bBroadcast, SockIsBroadcast(&addr)) << c.szAddr;
-        EXPECT_EQ(c.bUsable, SockIsUsableAddr(&addr)) << c.szAddr;
+        EXPECT_EQ(1, SockSetAddr(&addr, szAddr, 1));
+        std::string kind(1, SockAddrClass(&addr));
+        kind += SockIsUsableAddr(&addr) ? " usable" : "";
+        kind += SockIsMulticast(&addr) ? " group" : "";
+        EXPECT_EQ(szKind, kind + (SockIsBroadcast(&addr) ? " all" : "")) << szAddr;
     }
 }
 
@@ -96,5 +95,4 @@ TEST(SockUtil, BindsAndConnects)
     EXPECT_EQ(nHost == 0, said.starts_with("gethostbyname(")) << said;
 }
 
-}  // namespace
 }  // namespace orx

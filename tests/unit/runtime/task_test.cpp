@@ -12,7 +12,6 @@
 #include "support/wait.h"
 
 namespace orx {
-namespace {
 
 using testing::ElementsAre;
 
@@ -67,15 +66,16 @@ struct SchedulerTest : testing::Test {
     // The clock of the server stands nMs later than now, so that long delays are over.
     static void Jump(uint32_t nMs) { ClockSetOffset(nOffset += nMs); }
 
-    std::vector<int> Ran()
+    // The tasks that ran, in order, once there are so many.
+    std::vector<int> Ran(size_t nRuns = 0)
     {
-        std::lock_guard<std::mutex> guard(mutex);
-        return params;
-    }
-    std::vector<int> Order(size_t nRuns)
-    {
-        EXPECT_TRUE(WaitFor([&] { return Ran().size() >= nRuns; }));
-        return Ran();
+        std::vector<int> ran;
+        EXPECT_TRUE(WaitFor([&] {
+            std::lock_guard<std::mutex> guard(mutex);
+            ran = params;
+            return ran.size() >= nRuns;
+        }));
+        return ran;
     }
     // A field that the scheduler's mutex guards.
     template <typename Field>
@@ -112,7 +112,7 @@ TEST_F(SchedulerTest, OrderHoldsAcrossTheWrapOfTheClock)
     Add(0, 8);  // a burst runs newest first, before what is due
     Add(0, 9);
     Let();
-    EXPECT_THAT(Order(9), ElementsAre(9, 8, 3, 1, 5, 6, 2, 4, 0));
+    EXPECT_THAT(Ran(9), ElementsAre(9, 8, 3, 1, 5, 6, 2, 4, 0));
     WaitUntilDone();
 }
 
@@ -171,12 +171,13 @@ TEST_F(SchedulerTest, NewTasksWakeAnIdleThread)
     Add(10 * kMinuteMs, 9);
     WaitUntilIdle();
     Add(0, 1);
-    EXPECT_THAT(Order(1), ElementsAre(1));
+    EXPECT_THAT(Ran(1), ElementsAre(1));
     WaitUntilIdle();
     Add(15, 2);
-    EXPECT_THAT(Order(2), ElementsAre(1, 2));
+    EXPECT_THAT(Ran(2), ElementsAre(1, 2));
 }
 
+// Corks are counted, and what was added meanwhile wakes the thread once.
 TEST_F(SchedulerTest, CorkedBurstWakesOnce)
 {
     WaitUntilIdle();
@@ -188,7 +189,7 @@ TEST_F(SchedulerTest, CorkedBurstWakesOnce)
     SchedulerCork(&scheduler, 0);
     EXPECT_EQ(nWaits, Guarded(&Scheduler::nWaits));
     SchedulerCork(&scheduler, 0);
-    EXPECT_THAT(Order(3), ElementsAre(3, 2, 1));
+    EXPECT_THAT(Ran(3), ElementsAre(3, 2, 1));
     EXPECT_EQ(nWaits + 1, Guarded(&Scheduler::nWaits));
 }
 
@@ -209,5 +210,4 @@ TEST_F(SchedulerTest, ThreadsScheduleAtTheSameTime)
     EXPECT_EQ(1200U, Ran().size());
 }
 
-}  // namespace
 }  // namespace orx

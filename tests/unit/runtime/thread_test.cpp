@@ -9,10 +9,9 @@
 #include "support/wait.h"
 
 namespace orx {
-namespace {
 
 // Gives up what lets a process raise its priority, and sends what it prints to where the tests look for it.
-void RaisePriorityWithoutTheRight(int bAllowed)
+static void RaisePriorityWithoutTheRight(int bAllowed)
 {
     dup2(STDERR_FILENO, STDOUT_FILENO);
     rlimit none{0, 0};
@@ -38,9 +37,9 @@ TEST(ThreadDeathTest, PriorityThatMayNotBeRaised)
 
 TEST(Thread, EndsAPauseOrDiesWhereItStands)
 {
-    Thread sleeper;
-    ASSERT_EQ(1, ThreadCreate(
-                     &sleeper, [](Thread *pThread) { ThreadPause(pThread, 3600000); }, nullptr));
+    Thread sleeper, deaf;
+    auto *pfnSleep = +[](Thread *pThread) { ThreadPause(pThread, 3600000); };
+    ASSERT_EQ(1, ThreadCreate(&sleeper, pfnSleep, nullptr));
     EXPECT_TRUE(WaitFor([&] {
         ThreadWakeup(&sleeper);  // lost when it comes before the pause
         return (sleeper.nFlags & THREAD_ENDED) != 0;
@@ -48,19 +47,15 @@ TEST(Thread, EndsAPauseOrDiesWhereItStands)
     EXPECT_EQ(0, ThreadStopping(&sleeper));
     ThreadJoin(&sleeper);
 
-    Thread deaf;
-    ASSERT_EQ(1, ThreadCreate(
-                     &deaf,
-                     [](Thread *) {
-                         for (;;)
-                             pause();
-                     },
-                     nullptr));
+    auto *pfnNeverEnd = +[](Thread *) {
+        for (;;)
+            pause();
+    };
+    ASSERT_EQ(1, ThreadCreate(&deaf, pfnNeverEnd, nullptr));
     ThreadCancel(&deaf);
     ThreadJoin(&deaf);
     EXPECT_EQ(1, ThreadStopping(&deaf));
     EXPECT_EQ(0U, deaf.nFlags & THREAD_ENDED);
 }
 
-}  // namespace
 }  // namespace orx

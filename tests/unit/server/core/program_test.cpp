@@ -13,7 +13,6 @@
 #include "support/files.h"
 
 namespace orx {
-namespace {
 
 constexpr char kSdp[] = "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:trackID=0\r\n";
 
@@ -89,5 +88,4 @@ TEST_F(ProgramTest, ANameOutlivesItsProgram)
     ProgramDetach(&pusher);
 }
 
-}  // namespace
 }  // namespace orx

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 namespace orx {
-namespace {
 
 struct RequestTest : testing::Test {
     Request request;
@@ -28,31 +27,21 @@ struct RequestTest : testing::Test {
 
 TEST_F(RequestTest, TakesStartLines)
 {
-    static const struct {
-        const char *szLine, *szParts;  // null: malformed
-    } cases[] = {
-        {"OPTIONS rtsp://h/a RTSP/1.0", "OPTIONS|rtsp://h/a|RTSP|1.0"},
-        {"x \t y\v\t Z/9 ", "x|y|Z|9"},
-        {" OPTIONS * RTSP/1.0", nullptr},
-        {"\nOPTIONS * RTSP/1.0", nullptr},
-        {"", nullptr},
-        {"OPTIONS", nullptr},
-        {"OPTIONS rtsp://h/a", nullptr},
-        {"OPTIONS * RTSP", nullptr},  // the slash of the header behind does not count
-        {"OPTIONS * /1.0", nullptr},
-        {"OPTIONS * RTSP/", nullptr},
-        {"RTSP/1.0 200 OK", nullptr},  // replies are no requests
-    };
-    for (const auto &c : cases) {
-        int nResult = Parse(std::string(c.szLine) + "\r\nAccept: a/b\r\n\r\n");
-        ASSERT_EQ(c.szParts ? 1 : -1, nResult) << c.szLine;
-        if (nResult != 1)
-            continue;
-        EXPECT_EQ(c.szParts, std::string(RequestMethod(&request)) + "|" + RequestUri(&request) + "|" +
-                                 StrText(request.protocol) + "|" + StrText(request.version));
+    static const std::pair<const char *, const char *> good[] = {
+        {"OPTIONS rtsp://h/a RTSP/1.0", "OPTIONS|rtsp://h/a|RTSP|1.0"}, {"x \t y\v\t Z/9 ", "x|y|Z|9"}};
+    for (const auto &[szLine, szParts] : good) {
+        ASSERT_EQ(1, Parse(std::string(szLine) + "\r\nAccept: a/b\r\n\r\n")) << szLine;
+        EXPECT_EQ(szParts, std::string(RequestMethod(&request)) + "|" + RequestUri(&request) + "|" +
+                               StrText(request.protocol) + "|" + StrText(request.version));
     }
+    // the slash of the header behind does not count, and a reply is no request
+    for (const char *szBad :
+         {"", "OPTIONS", "OPTIONS rtsp://h/a", "OPTIONS * RTSP", "OPTIONS * RTSP/", "OPTIONS * /1.0",
+          " OPTIONS * RTSP/1.0", "\nOPTIONS * RTSP/1.0", "RTSP/1.0 200 OK"})
+        EXPECT_EQ(-1, Parse(std::string(szBad) + "\r\nAccept: a/b\r\n\r\n")) << szBad;
 }
 
+// It is bounded as it is then, not as it was sent.
 TEST_F(RequestTest, DecodesTheUri)
 {
     static const std::pair<const char *, const char *> cases[] = {
@@ -63,10 +52,6 @@ TEST_F(RequestTest, DecodesTheUri)
         ASSERT_EQ(1, Parse(std::string("PLAY ") + szSent + " RTSP/1.0\r\n\r\n")) << szSent;
         EXPECT_STREQ(szStored, RequestUri(&request)) << szSent;
     }
-}
-
-TEST_F(RequestTest, BoundsTheDecodedUri)
-{
     std::string escaped;
     for (int i = 0; i < 255; i++)
         escaped += "%61";
@@ -91,10 +76,7 @@ TEST_F(RequestTest, TakesHeaders)
 
 TEST_F(RequestTest, TellsMalformedFromIncomplete)
 {
-    static const struct {
-        const char *szHeaders;
-        int nResult;
-    } cases[] = {
+    static const std::pair<const char *, int> cases[] = {
         {"\r\n", 1},
         {"A: b\r\n\r\n", 1},
         {"A: b\r\nC: d\r", 0},                          // the block ends before the empty line
@@ -104,9 +86,8 @@ TEST_F(RequestTest, TellsMalformedFromIncomplete)
         {"CSeq: 1\r\nX: y\r\ncseq: 2\r\n\r\n", -1},     // a repeated name
         {"User-Agent: a\r\nuser-agent: b\r\n\r\n", 1},  // which some players' extensions do
     };
-    for (const auto &c : cases)
-        EXPECT_EQ(c.nResult, Parse(std::string("PLAY a RTSP/1.0\r\n") + c.szHeaders)) << c.szHeaders;
+    for (const auto &[szHeaders, nResult] : cases)
+        EXPECT_EQ(nResult, Parse(std::string("PLAY a RTSP/1.0\r\n") + szHeaders)) << szHeaders;
 }
 
-}  // namespace
 }  // namespace orx

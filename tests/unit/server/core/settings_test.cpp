@@ -1,13 +1,12 @@
 #include "server/core/settings.h"
 
-#include <cstdlib>
-#include <cstring>
+#include <iterator>
 #include <filesystem>
-#include <memory>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
-#include <vector>
+#include <tuple>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,103 +15,80 @@
 #include "support/output.h"
 
 namespace orx {
-namespace {
 
 using testing::HasSubstr;
 
 struct SettingsTest : testing::Test {
     TempDir dir;
-    std::unique_ptr<Settings> config;
+    Settings config;
     std::string output;
 
-    ~SettingsTest() override { Forget(); }
-    void Forget()
-    {
-        if (config)
-            free(config->szRecordPath);
-        config = std::make_unique<Settings>();
-    }
+    ~SettingsTest() override { SettingsFree(&config); }
     // Reads a configuration of that text.
     int Read(const std::string &text)
     {
         int nResult = 0;
-        Forget();
+        SettingsFree(&config);
         WriteFile(dir.File("orx.cfg"), text);
-        output = Printed([&] { nResult = SettingsRead(config.get(), dir.File("orx.cfg").c_str()); });
+        output = Printed([&] { nResult = SettingsRead(&config, dir.File("orx.cfg").c_str()); });
         return nResult;
     }
 };
 
 TEST_F(SettingsTest, NumbersHaveDefaultsAndAreHeldToTheirLimits)
 {
+    const char *const values[] = {"", "-1", "0", "2", "60", "65656"};
     static const struct {
-        const char *szValue;  // of every number; empty: not there
-        unsigned nAuthType, nConnectLimit, nCacheLimit, nLiveTime, nListenPort, nPreRecordLen, nMinutePerFile,
-            nSessionBufSize;
+        const char *szSection, *szKey;
+        uint32_t Settings::*pField;
+        uint32_t settings[6];  // what the values become, the first being that without the key
     } cases[] = {
-        {"", 1, 100, 10, 10, 554, 3, 5, 16384},  {"-1", 1, 5, 5, 120, 65535, 10, 60, 65536},
-        {"0", 0, 5, 5, 1, 554, 0, 0, 4096},      {"2", 2, 5, 5, 2, 2, 2, 2, 4096},
-        {"60", 1, 60, 60, 60, 60, 10, 60, 4096}, {"65656", 1, 65656, 60, 120, 120, 10, 60, 65536},
+        {"SERVER", "AuthType", &Settings::nAuthType, {1, 1, 0, 2, 1, 1}},
+        {"SERVER", "ConnectLimit", &Settings::nConnectLimit, {100, 5, 5, 5, 60, 65656}},
+        {"SERVER", "CacheLimit", &Settings::nCacheSeconds, {10, 5, 5, 5, 60, 60}},
+        {"SERVER", "LiveTime", &Settings::nLiveTime, {10, 120, 1, 2, 60, 120}},
+        {"SERVER", "ListenPort", &Settings::nListenPort, {554, 65535, 554, 2, 60, 120}},
+        {"SERVER", "SessionBufSize", &Settings::nSessionBufSize, {16384, 65536, 4096, 4096, 4096, 65536}},
+        {"STORAGE", "PreRecordLen", &Settings::nPreRecordLen, {3, 10, 0, 2, 10, 10}},
+        {"STORAGE", "MinutePerFile", &Settings::nMinutePerFile, {5, 60, 0, 2, 60, 60}},
     };
     for (const auto &c : cases) {
-        const std::string value = c.szValue, rest = value.empty() ? "Other=1\n" : "=" + value + "\n";
-        std::string text = "[SERVER]\n";
-        for (const char *szKey :
-             {"AuthType", "ConnectLimit", "CacheLimit", "LiveTime", "ListenPort", "SessionBufSize"})
-            text += szKey + rest;
-        text += "[STORAGE]\n";
-        for (const char *szKey : {"PreRecordLen", "MinutePerFile"})
-            text += szKey + rest;
-        ASSERT_EQ(1, Read(text));
-        EXPECT_EQ(c.nAuthType, config->nAuthType) << value;
-        EXPECT_EQ(c.nConnectLimit, config->nConnectLimit) << value;
-        EXPECT_EQ(c.nCacheLimit, config->nCacheSeconds) << value;
-        EXPECT_EQ(c.nLiveTime, config->nLiveTime) << value;
-        EXPECT_EQ(c.nListenPort, config->nListenPort) << value;
-        EXPECT_EQ(c.nPreRecordLen, config->nPreRecordLen) << value;
-        EXPECT_EQ(c.nMinutePerFile, config->nMinutePerFile) << value;
-        EXPECT_EQ(c.nSessionBufSize, config->nSessionBufSize) << value;
+        for (int i = 0; i < 6; i++) {
+            const std::string key = std::string(i == 0 ? "No" : "") + c.szKey;
+            ASSERT_EQ(1, Read("[" + std::string(c.szSection) + "]\n" + key + "=" + values[i] + "\n"));
+            EXPECT_EQ(c.settings[i], config.*c.pField) << c.szKey << "=" << values[i];
+        }
     }
 }
 
 TEST_F(SettingsTest, RefusesPathsThatItCannotKeep)
 {
-    Settings other;
     for (const std::string &path :
          {std::string(""), "/" + std::string(127, 'x'), "/" + std::string(120, 'x') + "/a"})
-        EXPECT_EQ(0, SettingsRead(&other, path.c_str()));
+        EXPECT_EQ(0, SettingsRead(&config, path.c_str()));
 }
 
 TEST_F(SettingsTest, ChecksTheUdpRange)
 {
-    static const struct {
-        int nStart, nEnd;
-        const char *szMessage;  // null: good
-    } cases[] = {
-        {1000, 1001, nullptr},
-        {65530, 65534, nullptr},
-        {65536 + 50000, 65536 + 52000, nullptr},
+    static const std::tuple<int, int, const char *> cases[] = {
+        {1000, 1001, ""},
+        {65530, 65534, ""},
+        {65536 + 50000, 65536 + 52000, ""},
         {999, 52000, "Invalid UdpStartPort: 999!\r\n"},
         {65531, 65534, "Invalid UdpStartPort: 65531!\r\n"},
         {50000, 1000, "Invalid UdpEndPort: 1000!\r\n"},
         {50000, 65535, "Invalid UdpEndPort: 65535!\r\n"},
         {50000, 50000, "Invalid UdpPort Range: from 50000 to 50000!\r\n"},
     };
-    for (const auto &c : cases) {
-        EXPECT_EQ(!c.szMessage, Read("[SERVER]\nUdpStartPort=" + std::to_string(c.nStart) +
-                                     "\nUdpEndPort=" + std::to_string(c.nEnd) + "\n"));
-        EXPECT_THAT(output, HasSubstr(c.szMessage ? c.szMessage : "")) << c.nStart << "-" << c.nEnd;
+    for (const auto &[nStart, nEnd, szMessage] : cases) {
+        std::string range =
+            "UdpStartPort=" + std::to_string(nStart) + "\nUdpEndPort=" + std::to_string(nEnd) + "\n";
+        EXPECT_EQ(*szMessage == '\0', Read("[SERVER]\n" + range)) << range;
+        EXPECT_THAT(output, HasSubstr(szMessage)) << range;
     }
 }
 
-// What the documents are to say of a key: "SERVER ListenPort (554; 1..65535, else 554)".
-std::string Documented(const std::string &section, const std::string &key, const std::string &value,
-                       const std::string &limits)
-{
-    return section + " " + key + " (" + value + (limits.empty() ? "" : "; ") + limits + ")";
-}
-
-std::string LimitsOf(const Setting &row)
+static std::string LimitsOf(const Setting &row)
 {
     if (row.kind == SettingKind::Text)
         return std::to_string(row.place.nBytes - 1) + " characters";
@@ -127,105 +103,69 @@ std::string LimitsOf(const Setting &row)
     return bDefault ? limits + ", else " + std::to_string(row.nDefault) : limits;
 }
 
-std::vector<std::string> WhatTheTableSays()
+// What stands in a document under the heading of a section, up to the next heading.
+static std::string Part(const std::string &text, const std::string &mark, const char *szSection)
 {
-    std::vector<std::string> all;
+    size_t nBegin = text.find(mark + szSection + "]");
+    return nBegin == std::string::npos ? "" : text.substr(nBegin, text.find(mark, nBegin + 1) - nBegin);
+}
+
+static size_t Count(const std::string &text, const std::regex &what)
+{
+    return static_cast<size_t>(
+        std::distance(std::sregex_iterator(text.begin(), text.end(), what), std::sregex_iterator()));
+}
+
+// In the file each key has its comment, "; ListenPort (554; 1..65535, else 554): ...", and below that its
+// line, which a ';' may switch off and which is that of 0 for a key with a number. The page has a row for it,
+// "| `ListenPort` | 554 | 1..65535, else 554 | ...". Neither knows any other key.
+TEST(SettingsTable, IsWhatTheDocumentsSay)
+{
+    const std::string file = ReadFile(ORX_SOURCE_DIR "/cfg/orx.cfg"),
+                      page = ReadFile(ORX_SOURCE_DIR "/docs/configuration.md");
     for (const Setting &row : SettingsTable()) {
-        std::string value = row.szDefault ? row.szDefault : std::to_string(row.nDefault);
-        all.push_back(Documented(row.szSection, row.szKey, value.empty() ? "empty" : value, LimitsOf(row)));
+        const std::string limits = LimitsOf(row), key = row.szKey, name = key.substr(0, key.find('%')),
+                          value = !row.szDefault   ? std::to_string(row.nDefault)
+                                  : *row.szDefault ? row.szDefault
+                                                   : "empty";
+        EXPECT_THAT(
+            Part(file, "\n[", row.szSection),
+            testing::ContainsRegex("\n; " + key + " [(]" + value + (limits.empty() ? "" : "; ") + limits +
+                                   "[)]: [^\n]*\n(; [^\n]*\n)*;?" + name + (key == name ? "=" : "0=")));
+        EXPECT_THAT(Part(page, "\n## [", row.szSection), HasSubstr("\n| `" + key + "` | " + value + " | " +
+                                                                   limits + (limits.empty() ? "| " : " | ")));
     }
-    return all;
-}
-
-std::vector<std::string> Lines(const char *szFile)
-{
-    std::vector<std::string> lines;
-    std::istringstream text(ReadFile(std::string(ORX_SOURCE_DIR) + szFile));
-    for (std::string line; std::getline(text, line);)
-        lines.push_back(line);
-    return lines;
-}
-
-// What stands between the two behind nFrom; nothing when they are not there.
-std::string Between(const std::string &text, const char *szBegin, const char *szEnd, size_t nFrom = 0)
-{
-    size_t nBegin = text.find(szBegin, nFrom);
-    size_t nEnd = nBegin == std::string::npos ? nBegin : text.find(szEnd, nBegin + strlen(szBegin));
-    nBegin += strlen(szBegin);
-    return nEnd == std::string::npos ? "" : text.substr(nBegin, nEnd - nBegin);
-}
-
-// Above each key its comment, "; ListenPort (554; 1..65535, else 554): ...". A key may be switched off by a
-// ';', and of those with a number that of 0 stands for all.
-TEST(ConfigurationFile, NamesEveryKeyWithItsDefaultAndLimits)
-{
-    std::vector<std::string> all;
-    std::string section, key;
-    for (const std::string &line : Lines("/cfg/orx.cfg")) {
-        size_t nEqual = line.find('='), nName = line.find_first_not_of(';');
-        std::string comment = Between(line, "; ", " (");
-        if (line[0] == '[') {
-            section = Between(line, "[", "]");
-            EXPECT_THAT(WhatTheTableSays(), testing::Contains(testing::StartsWith(section + " ")));
-        } else if (!comment.empty() && comment.find(' ') == std::string::npos &&
-                   comment.size() + 2 == line.find(" (")) {
-            EXPECT_EQ("", key) << "its line is missing";
-            key = comment;
-            all.push_back(Documented(section, key, Between(line, "(", "):"), ""));
-        } else if (nEqual != std::string::npos && line.find(' ') > nEqual) {
-            std::string name =
-                key.substr(0, key.find("%d")) + (key.find("%d") == std::string::npos ? "" : "0");
-            EXPECT_EQ(name, line.substr(nName, nEqual - nName)) << "has another comment, or none";
-            key.clear();
-        }
-    }
-    EXPECT_EQ("", key) << "its line is missing";
-    EXPECT_THAT(all, testing::UnorderedElementsAreArray(WhatTheTableSays()));
-}
-
-// One row for each key, below a heading for each section: "| `ListenPort` | 554 | 1..65535, else 554 | ...".
-TEST(ConfigurationPage, NamesEveryKeyWithItsDefaultAndLimits)
-{
-    std::vector<std::string> all;
-    std::string section;
-    for (const std::string &line : Lines("/docs/configuration.md")) {
-        if (line.rfind("## ", 0) == 0)
-            section = Between(line, "[", "]");
-        if (line.rfind("| `", 0) != 0)
-            continue;
-        size_t nDefault = line.find(" | "), nLimits = line.find(" |", nDefault + 1);
-        all.push_back(
-            Documented(section, Between(line, "`", "`"), Between(line, "| ", " |", nDefault),
-                       line.compare(nLimits, 4, " | |") == 0 ? "" : Between(line, "| ", " |", nLimits)));
-    }
-    EXPECT_THAT(all, testing::UnorderedElementsAreArray(WhatTheTableSays()));
+    EXPECT_EQ(SettingsTable().size(), Count(file, std::regex("\n; \\w+(%d)? \\([^)]*\\): ")));
+    EXPECT_EQ(SettingsTable().size(), Count(file, std::regex("\n;?\\w+=")));
+    EXPECT_EQ(SettingsTable().size(), Count(page, std::regex("\n\\| `")));
 }
 
 // Who reads a key that the table does not know makes a setting that no document names; and a key that the
 // server leaves to others is to be read by one of them.
 TEST(SettingsTable, HasARowForEveryKeyThatASourceNames)
 {
-    std::set<std::string> sections, known, others, named;
+    std::set<std::string> known, others, named;
+    std::string sections = "none";
     for (const Setting &row : SettingsTable()) {
-        const std::string section = std::string("\"") + row.szSection + "\", \"";
-        const std::string key = section + std::string(row.szKey, strcspn(row.szKey, "%"));
-        sections.insert(section);
+        std::string key = std::string("\"") + row.szSection + "\", \"" + row.szKey;
+        key = key.substr(0, key.find('%'));
+        sections += std::string("|") + row.szSection;
         known.insert(key);
         if (row.place.nOffset == kNotHere)
             others.insert(key);
     }
+    const std::regex use("\"(" + sections + ")\", \"[^\"%]*");
     for (const auto &entry : std::filesystem::recursive_directory_iterator(ORX_SOURCE_DIR "/src")) {
         int bSource = entry.is_regular_file() && entry.path().filename() != "settings.cpp";
         std::istringstream text(bSource ? ReadFile(entry.path()) : "");
+        std::smatch found;
         for (std::string line; std::getline(text, line);)
-            for (const std::string &section : sections)
-                if (line.find(section) != std::string::npos &&
-                    line.find("write_profile") == std::string::npos)
-                    named.insert(section + Between(line, section.c_str(), "\""));
+            if (line.find("\", \"") != std::string::npos && line.find("write_profile") == std::string::npos &&
+                std::regex_search(line, found, use))
+                named.insert(found.str());
     }
     EXPECT_THAT(named, testing::IsSubsetOf(known));
     EXPECT_THAT(named, testing::IsSupersetOf(others));
 }
 
-}  // namespace
 }  // namespace orx

@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <tuple>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -12,7 +14,6 @@
 #include "support/testcore.h"
 
 namespace orx {
-namespace {
 
 // Accounts in the text that a camera sent, which may not be taken for the name of a file.
 TEST(Accounts, AreFoundInTheCamerasText)
@@ -24,33 +25,30 @@ TEST(Accounts, AreFoundInTheCamerasText)
     Program *pProg = CreateLiveProgram("/cam", sdp.c_str(), sdp.size());
     pProg->pPusher = &pusher;
     ProgramAttach(&pusher, pProg);
-    static const struct {
-        const char *szText, *szUser, *szPassword;
-        int nLevel;  // -1: refused
-        int bControlUsers = 0;
-    } cases[] = {
-        {nullptr, "boss", "bosspw", 0},
-        {nullptr, "ann", "", -1},
-        {"[USERS]\r\nNumUsers=2\r\nUserName0=ann\r\nUserPwd0=x\r\nUserLevel0=1\r\n", "ann", "x", 1},
-        {"[USERS]\r\nNumUsers=2\r\nUserName0=ann\r\nUserName1=bob\r\n", "bob", "", 2},
-        {"[USERS]\nNumUsers=1\nUserName0=ann\nUserName1=bob\n", "bob", "", -1},
-        {"[USERS]\nNumUsers=2000000000\nUserName0=ann\n", "bob", "", -1},
-        {"[USERS]\nNumUsers=1\nUserName0=ann\n", "boss", "", -1},
-        {"[USERS]\nSuperUser=\nSuperPwd=\nNumUsers=1\nUserName0=\n", "", "", -1},
-        {"[USERS]SuperUser=root", "root", "", 0},  // no line end in it
+    static const std::tuple<int, const char *, const char *, const char *, int> cases[] = {
+        // with ControlUsers, the camera's text, a user, and the password and level found; -1: refused
+        {0, nullptr, "boss", "bosspw", 0},
+        {0, nullptr, "ann", "", -1},
+        {0, "[USERS]\r\nNumUsers=2\r\nUserName0=ann\r\nUserPwd0=x\r\nUserLevel0=1\r\n", "ann", "x", 1},
+        {0, "[USERS]\r\nNumUsers=2\r\nUserName0=ann\r\nUserName1=bob\r\n", "bob", "", 2},
+        {0, "[USERS]\nNumUsers=1\nUserName0=ann\nUserName1=bob\n", "bob", "", -1},
+        {0, "[USERS]\nNumUsers=2000000000\nUserName0=ann\n", "bob", "", -1},
+        {0, "[USERS]\nNumUsers=1\nUserName0=ann\n", "boss", "", -1},
+        {0, "[USERS]\nSuperUser=\nSuperPwd=\nNumUsers=1\nUserName0=\n", "", "", -1},
+        {0, "[USERS]SuperUser=root", "root", "", 0},  // no line end in it
         // the server's own accounts count whatever the camera says
-        {"[USERS]\nSuperUser=root\n", "root", "", -1, 1},
-        {"[USERS]\nSuperUser=root\n", "boss", "bosspw", 0, 1},
+        {1, "[USERS]\nSuperUser=root\n", "root", "", -1},
+        {1, "[USERS]\nSuperUser=root\n", "boss", "bosspw", 0},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(std::string(c.szText ? c.szText : "none") + c.szUser);
-        g_settings.bControlUsers = c.bControlUsers;
-        pProg->camera.szAccounts = c.szText ? strdup(c.szText) : nullptr;
+    for (const auto &[bControlUsers, szText, szUser, szPassword, nExpected] : cases) {
+        SCOPED_TRACE(std::string(szText ? szText : "none") + szUser);
+        g_settings.bControlUsers = bControlUsers;
+        pProg->camera.szAccounts = szText ? strdup(szText) : nullptr;
         char password[64] = "";
         int nLevel = -1;
-        EXPECT_EQ(c.nLevel >= 0, GetUserAccount(nullptr, "rtsp://box/cam", c.szUser, password, &nLevel));
-        EXPECT_EQ(c.nLevel, nLevel);
-        EXPECT_STREQ(c.szPassword, password);
+        EXPECT_EQ(nExpected >= 0, GetUserAccount(nullptr, "rtsp://box/cam", szUser, password, &nLevel));
+        EXPECT_EQ(nExpected, nLevel);
+        EXPECT_STREQ(szPassword, password);
         free(std::exchange(pProg->camera.szAccounts, nullptr));
     }
     char password[64] = "";
@@ -59,5 +57,4 @@ TEST(Accounts, AreFoundInTheCamerasText)
     ProgramDetach(&pusher);
 }
 
-}  // namespace
 }  // namespace orx

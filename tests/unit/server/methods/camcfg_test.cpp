@@ -1,17 +1,17 @@
 // What a viewer is shown of a camera's configuration, and which part of it are accounts.
 #include "server/methods/camcfg.h"
 
+#include <array>
 #include <cstdlib>
 #include <string>
 
 #include <gtest/gtest.h>
 
 namespace orx {
-namespace {
 
 using namespace std::string_literals;
 
-std::string Filtered(const std::string &text, const char *szUser = "bob")
+static std::string Filtered(const std::string &text, const char *szUser = "bob")
 {
     size_t nOut = 0;
     char *pOut = CamCfgFilter(text.c_str(), text.size(), szUser, &nOut);
@@ -23,10 +23,7 @@ std::string Filtered(const std::string &text, const char *szUser = "bob")
 
 TEST(CamCfg, ShowsAViewerOnlyItsOwn)
 {
-    static const struct {
-        const char *szName;
-        std::string text, shown;
-    } cases[] = {
+    static const std::array<std::string, 3> cases[] = {
         {"nothing to hide", "[VIDEO]\r\nSize=1\r\n", "[VIDEO]\r\nSize=1\r\n"},
         {"the super user", "[USERS]\nSuperUser=a\nSuperPwd=b\nNumUsers=0\n[X]\nSuperPwd=kept\n",
          "[USERS]\nNumUsers=0\n[X]\nSuperPwd=kept\n"},
@@ -46,11 +43,10 @@ TEST(CamCfg, ShowsAViewerOnlyItsOwn)
         {"whole sections", "a=1\n[SMTP]\nPwd=x\n\n[A]\nb=[SMTP]\n[SEND2FTP]\nc=2\n[SMTP2]\nd=3\n[SMTP]\ne=4",
          "a=1\n[A]\nb=[SMTP]\n[SMTP2]\nd=3\n"},
     };
-    for (const auto &c : cases)
-        EXPECT_EQ(c.shown, Filtered(c.text)) << c.szName;
+    for (const auto &[name, text, shown] : cases)
+        EXPECT_EQ(shown, Filtered(text)) << name;
     EXPECT_EQ("[USERS]\nNumUsers=1\n", Filtered("[USERS]\nNumUsers=1\nUserName0=\nUserPwd0=p\n", ""))
         << "nobody has no name";
 }
 
-}  // namespace
 }  // namespace orx

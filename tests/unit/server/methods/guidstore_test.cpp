@@ -2,6 +2,7 @@
 #include "server/methods/guidstore.h"
 
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -9,25 +10,19 @@
 #include "support/files.h"
 
 namespace orx {
-namespace {
-
-using namespace std::string_literals;
 
 TEST(GuidStore, TakesNoKeyThatIsNone)
 {
-    const std::string longest(kMaxGuid, 'x');
-    for (const std::string &guid : {"{6F9619FF-8B86}"s, "a b;c"s, longest})
-        EXPECT_TRUE(GuidIsUsable(guid.c_str())) << guid;
-    for (const std::string &guid :
-         {longest + "x", ""s, "MaxRegisterId"s, "a=b"s, "[GUID]"s, ";a"s, "a\nb"s, "\xff"s})
-        EXPECT_FALSE(GuidIsUsable(guid.c_str())) << guid;
+    const std::string longest(kMaxGuid, 'x'), tooLong = longest + "x";
+    for (const char *szGuid : {"{6F9619FF-8B86}", "a b;c", longest.c_str()})
+        EXPECT_TRUE(GuidIsUsable(szGuid)) << szGuid;
+    for (const char *szGuid : {tooLong.c_str(), "", "MaxRegisterId", "a=b", "[GUID]", ";a", "a\nb", "\xff"})
+        EXPECT_FALSE(GuidIsUsable(szGuid)) << szGuid;
 }
 
 TEST(GuidStore, AddsToWhatIsThere)
 {
-    static const struct {
-        const char *szOld, *szNew;
-    } cases[] = {
+    static const std::pair<const char *, const char *> cases[] = {
         {"", "[GUID]\ng=cam5\nMaxRegisterId=6\n"},
         {"[A]\nx=%%1\n[GUID]\r\na=cam1\r\nMaxRegisterId=5\r\n[B]\ny=2\n",
          "[A]\nx=%%1\n[GUID]\r\na=cam1\r\ng=cam5\nMaxRegisterId=6\r\n[B]\ny=2\n"},
@@ -36,11 +31,11 @@ TEST(GuidStore, AddsToWhatIsThere)
     };
     TempDir dir;
     std::string path = dir.File("guid.dat");
-    for (const auto &c : cases) {
+    for (const auto &[szOld, szNew] : cases) {
         char name[16];
-        WriteFile(path, c.szOld);
-        EXPECT_EQ(1, GuidStoreAdd(path.c_str(), "g", "cam5", 6)) << c.szOld;
-        EXPECT_EQ(c.szNew, ReadFile(path));
+        WriteFile(path, szOld);
+        EXPECT_EQ(1, GuidStoreAdd(path.c_str(), "g", "cam5", 6)) << szOld;
+        EXPECT_EQ(szNew, ReadFile(path));
         EXPECT_EQ(1, GuidStoreFind(path.c_str(), "g", name, sizeof(name)));
         EXPECT_STREQ("cam5", name);
         EXPECT_EQ(0, GuidStoreFind(path.c_str(), "h", name, sizeof(name)));
@@ -67,5 +62,4 @@ TEST(GuidStore, ReplacesTheFileOrLeavesIt)
     EXPECT_EQ(0, GuidStoreAdd(path.c_str(), "a", "cam1", 2)) << "something that cannot be read";
 }
 
-}  // namespace
 }  // namespace orx

@@ -6,7 +6,6 @@
 #include "support/playerkit.h"
 
 namespace orx {
-namespace {
 
 using testing::HasSubstr;
 
@@ -33,5 +32,4 @@ TEST_F(RecordingQueueTest, JumpsLeaveNothingFromBefore)
     EXPECT_THAT(data, HasSubstr("trackID=0;seq=2,url=rtsp://h/a.zmf/trackID=0;seq=500\r\n"));
 }
 
-}  // namespace
 }  // namespace orx

@@ -1,7 +1,7 @@
 #include "server/methods/tunnel.h"
 
-#include <cstdlib>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -10,28 +10,22 @@
 #include "support/output.h"
 
 namespace orx {
-namespace {
 
 // The receive buffer of a session and the POST port that feeds it.
 struct Receiver {
     SurviveFaults survive;
     Session session;
     Port port;
+    std::vector<uint8_t> buffer;
 
-    explicit Receiver(uint32_t nTotal = 4096)
+    explicit Receiver(uint32_t nTotal = 4096) : buffer(nTotal)
     {
-        session.input.pBuf = static_cast<uint8_t *>(malloc(nTotal));  // of its very size, for the address sanitizer
+        session.input.pBuf = buffer.data();
         session.input.nTotal = nTotal;
-        session.input.pBuf[0] = 0;
         ConsoleSetDaemon(1);  // it prints what it decodes
     }
-    ~Receiver()
-    {
-        free(session.input.pBuf);
-        ConsoleSetDaemon(0);
-    }
-    Receiver(const Receiver &) = delete;
-    Receiver &operator=(const Receiver &) = delete;
+    ~Receiver() { ConsoleSetDaemon(0); }
+    Receiver &operator=(Receiver &&) = delete;
 
     int Decode(const std::string &text) { return TunnelDecode(&session, &port, text.data(), text.size()); }
     std::string Held() const
@@ -41,7 +35,7 @@ struct Receiver {
     }
 };
 
-std::string Encoded(const std::string &bytes)
+static std::string Encoded(const std::string &bytes)
 {
     std::string text(Base64EncodedSize(bytes.size()), '\0');
     Base64Encode(bytes.data(), text.data(), bytes.size());
@@ -82,5 +76,4 @@ TEST(TunnelDecode, NeverWritesPastTheBuffer)
     EXPECT_EQ("abcabc", less.Held());
 }
 
-}  // namespace
 }  // namespace orx
