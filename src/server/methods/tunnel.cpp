@@ -7,8 +7,8 @@
 #include "base/base64.h"
 #include "base/console.h"
 #include "runtime/clock.h"
-#include "server/media/replies.h"
 #include "server/core/registry.h"
+#include "server/media/replies.h"
 
 namespace orx {
 
@@ -52,8 +52,7 @@ Verdict HandleTunnelGet(Session *pSession, Port *pPort, Request *pRequest)
 
 static Session *FindWaitingGet(const char *szCookie)
 {
-    for (auto *p = ListFirstOf<Session>(&g_server.sessions); p;
-         p = static_cast<Session *>(ListNext(&g_server.sessions, p, 0)))
+    for (Session *p = FirstSession(); p; p = NextSession(p))
         if ((p->nFlags & SESSION_TUNNEL_GET) && p->peer.szCookie &&
             strcasecmp(p->peer.szCookie, szCookie) == 0)
             return p;
@@ -78,10 +77,10 @@ static void Pair(Session *pGet, Session *pPost, Port *pPort)
         return;
     pGet->peer.tLastActivity = ClockUptime();  // it may have waited for longer than one may be silent
     if (TunnelDecode(pGet, pPort, pText, nText)) {
-        PortPostEvent(pPort, PORT_POSTED_INPUT, kPostedInputDelayMs);
+        PortPostEvent(pPort, EVENT_POSTED_INPUT, kPostedInputDelayMs);
         return;
     }
-    // not freed here: the handler's caller still uses the port; without media each half goes by itself
+    // a tunnel that cannot go on: each half goes as if its peer had closed it
     PortPostEvent(pGet->peer.Reply, MONITOR_CLOSE, 0);
     PortPostEvent(pPort, MONITOR_CLOSE, 0);
 }

@@ -22,7 +22,7 @@ struct Video {
     KeyFrameProc pfnIsKey;
     KeyWatch watch;
 
-    explicit Video(uint32_t nMediaType) : pfnIsKey(CodecByType(nMediaType)->pfnIsKey) {}
+    explicit Video(KeyFrameProc pfn) : pfnIsKey(pfn) {}
     int IsKey(const Packet &packet)
     {
         RtpPacket rtp;
@@ -52,39 +52,39 @@ TEST(KeyFrame, FlagsEachKeyPictureOnce)
     const Bytes jpegStart{0, 0, 0, 0, 1, 255, 40, 30}, jpegRest{0, 0, 5, 0xB4, 1, 255, 40, 30};
     const struct {
         const char *szName;
-        uint32_t nMediaType;
+        KeyFrameProc pfn;
         std::vector<Packet> packets;
     } cases[] = {
         {"sets as single units",
-         MEDIA_H264,
+         IsKeyH264,
          {{0, 0, delimiter, 0}, {0, 0, sps, 1}, {0, 0, pps, 0}, {0, 1, idr, 0}, {3000, 1, slice, 0}}},
         {"sets in the description only",
-         MEDIA_H264,
+         IsKeyH264,
          {{0, 0, sei, 0},
           {0, 0, fuIdrStart, 1},
           {0, 0, fuIdrRest, 0},
           {0, 1, fuIdrEnd, 0},
           {9, 1, fuSlice, 0}}},
         {"sets behind SEI and delimiter",
-         MEDIA_H264,
+         IsKeyH264,
          {{0, 0, StapA({9, 7, 8, 6}), 1},
           {0, 1, fuIdrStart, 0},
           {9, 0, StapA({6, 7, 8}), 1},
           {9, 1, idr, 0}}},
-        {"two slices of one picture", MEDIA_H264, {{0, 0, idr, 1}, {0, 1, idr, 0}, {3000, 1, idr, 1}}},
-        {"sets again at the next picture", MEDIA_H264, {{0, 1, sps, 1}, {0, 1, sps, 1}}},
-        {"fragmented parameter set", MEDIA_H264, {{0, 0, fuSps, 1}, {0, 1, fuIdrStart, 0}}},
-        {"one aggregate", MEDIA_H264, {{0, 1, StapA({6, 5}), 1}, {3000, 1, StapA({6, 1}), 0}}},
-        {"time stamp 0 comes again", MEDIA_H264, {{0, 1, slice, 0}, {0xFFFFFFFF, 1, idr, 1}, {0, 1, idr, 1}}},
+        {"two slices of one picture", IsKeyH264, {{0, 0, idr, 1}, {0, 1, idr, 0}, {3000, 1, idr, 1}}},
+        {"sets again at the next picture", IsKeyH264, {{0, 1, sps, 1}, {0, 1, sps, 1}}},
+        {"fragmented parameter set", IsKeyH264, {{0, 0, fuSps, 1}, {0, 1, fuIdrStart, 0}}},
+        {"one aggregate", IsKeyH264, {{0, 1, StapA({6, 5}), 1}, {3000, 1, StapA({6, 1}), 0}}},
+        {"time stamp 0 comes again", IsKeyH264, {{0, 1, slice, 0}, {0xFFFFFFFF, 1, idr, 1}, {0, 1, idr, 1}}},
         {"jpeg",
-         MEDIA_JPEG,
+         IsKeyJpeg,
          {{0, 0, jpegStart, 1}, {0, 1, jpegRest, 0}, {9, 1, jpegStart, 1}, {9, 1, {0}, 0}}},
         {"others start behind a marker",
-         MEDIA_VIDEO_OTHER,
+         IsKeyGeneric,
          {{0, 0, {1}, 1}, {0, 1, {1}, 0}, {3000, 1, {1}, 1}, {6000, 0, {}, 1}, {6000, 0, {}, 0}}},
     };
     for (const auto &c : cases) {
-        Video video(c.nMediaType);
+        Video video(c.pfn);
         for (size_t i = 0; i < c.packets.size(); i++)
             EXPECT_EQ(c.packets[i].bKey, video.IsKey(c.packets[i])) << c.szName << ", packet " << i;
     }
@@ -93,10 +93,10 @@ TEST(KeyFrame, FlagsEachKeyPictureOnce)
 TEST(KeyFrame, SurvivesEveryCut)
 {
     const Bytes payloads[] = {StapA({9, 7, 8}), {0x7C, 0x85, 1}, {24, 0xFF, 0xFF, 7}, {24, 0, 0, 0, 0}};
-    for (uint32_t nType : {MEDIA_H264, MEDIA_JPEG, MEDIA_VIDEO_OTHER})
+    for (KeyFrameProc pfn : {IsKeyH264, IsKeyJpeg, IsKeyGeneric})
         for (const Bytes &payload : payloads)
             for (size_t n = 0; n <= payload.size(); n++)  // copies of their very size, for the sanitizers
-                Video(nType).IsKey({0, 0, Bytes(payload.begin(), payload.begin() + static_cast<long>(n)), 0});
+                Video(pfn).IsKey({0, 0, Bytes(payload.begin(), payload.begin() + static_cast<long>(n)), 0});
 }
 
 }  // namespace

@@ -188,16 +188,16 @@ TEST_F(PlayerQueueTest, StandardPlayersGetTimeForTheStart)
 TEST_F(PlayerQueueTest, CrowdedPlayerLosesMediaAndKeepsReplies)
 {
     Start("AutoDropDataWhenCrowded=1\n");
-    for (int i = 0; i < 300 && pPlayer->output.nBlockedSends < 19; i++)
+    for (int i = 0; i < 300 && pPlayer->flow.nBlockedSends < 19; i++)
         Push({0, 0, 0, 1, 60000});  // far more than the connection holds
-    ASSERT_EQ(19U, pPlayer->output.nBlockedSends);
+    ASSERT_EQ(19U, pPlayer->flow.nBlockedSends);
     RunOnScheduler([&] {
         DataBlock *pReply = MakeDataBlock("reply", 5, 0, 0, 0);
         ListInsert(&pPlayer->out.Outq, pReply, ListFirst(&pPlayer->out.Outq, 0), 1);
     });
     ASSERT_GT(Waiting(), 50U);
     Push({0, 0, 0, 1, 60000});
-    EXPECT_EQ(20U, pPlayer->output.nBlockedSends);
+    EXPECT_EQ(20U, pPlayer->flow.nBlockedSends);
     unsigned nPartial = ListFirstOf<DataBlock>(&pPlayer->out.Outq)->sent > 0;
     EXPECT_EQ(1U + nPartial, Waiting()) << "the reply, and a packet of which a part has left";
 
@@ -207,7 +207,7 @@ TEST_F(PlayerQueueTest, CrowdedPlayerLosesMediaAndKeepsReplies)
     EXPECT_TRUE(WaitFor([&] {  // in the end the connection is blocked no more
         data += Receive(0);
         Push({0, 0, 0, 1, 100}, 51);
-        return pPlayer->output.nBlockedSends == 0;
+        return pPlayer->flow.nBlockedSends == 0;
     }));
     Push({0, 1}, 10);
     EXPECT_GE(Waiting(), 10U) << "and with sound again";
