@@ -192,9 +192,9 @@ TEST_F(PlayerQueueTest, CrowdedPlayerLosesMediaAndKeepsReplies)
         ListInsert(&pPlayer->out.Outq, pReply, ListFirst(&pPlayer->out.Outq, 0), 1);
     });
     ASSERT_GT(Waiting(), 50U);
+    unsigned nPartial = ListFirstOf<DataBlock>(&pPlayer->out.Outq)->sent > 0;
     Push(picture);
     EXPECT_EQ(20U, pPlayer->flow.nBlockedSends);
-    unsigned nPartial = ListFirstOf<DataBlock>(&pPlayer->out.Outq)->sent > 0;
     EXPECT_EQ(1U + nPartial, Waiting()) << "the reply, and a packet of which a part has left";
     Push(sound, 10);
     EXPECT_EQ(1U + nPartial, Waiting()) << "no sound for the time being";
