@@ -25,4 +25,10 @@ int TextAddBytes(TextBuf *pText, const void *pData, size_t nLen);
 int TextCopy(char *szTo, size_t nSize, const char *szFrom);
 int TextCopy(char *szTo, size_t nSize, std::string_view from);
 
+// What separates the words of a request and may stand between base64 characters.
+inline int TextIsSpace(char c)
+{
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v';
+}
+
 }  // namespace orx

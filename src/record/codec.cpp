@@ -85,9 +85,9 @@ static constexpr Codec g_codecs[] = {
         .nSampleRate = 16000,
         .exported = {".amr", "AMR audio", "#!AMR-WB\n", "amr_wb"},
     },
-    // The third codec has a code but no name that a description could give it, and it is no better known than
-    // any other that is only relayed.
+    // Code 0x3 is reserved: no description names it.
     {.szName = "third", .nMediaType = MEDIA_VIDEO3, .pfnIsKey = IsKeyGeneric},
+    // Video that no other row knows, of which nothing is known but where its frames end.
     {.szName = "other", .nMediaType = MEDIA_VIDEO_OTHER, .pfnIsKey = IsKeyGeneric},
 };
 
@@ -124,10 +124,10 @@ const Codec *CodecByStaticType(int nPayloadType)
     return nullptr;
 }
 
-const Codec *CodecByType(uint32_t nMediaType)
+const Codec *CodecUnknown(uint32_t nKind)
 {
     for (const Codec &codec : g_codecs)
-        if (codec.nMediaType == nMediaType)
+        if (codec.nMediaType == nKind && !codec.aliases[0].szName)
             return &codec;
     return nullptr;
 }

@@ -50,7 +50,7 @@ using PackProc = int (*)(RtpOut *pOut, const uint8_t *pData, uint32_t nLenIn, ui
 
 struct Codec {
     const char *szName = nullptr;  // in normal form: as recordings and messages name it
-    uint32_t nMediaType = 0;       // MEDIA_...; rows that share one are packetised alike
+    uint32_t nMediaType = 0;       // MEDIA_...; that of its kind when it has no code of its own
     CodecAlias aliases[kMaxCodecAliases] = {};
     int bKeepSpelling = 0;               // a program's track keeps the name that it came with
     int nStaticType = 0;                 // a recording takes this payload type without a name; 0: none
@@ -69,8 +69,8 @@ std::span<const Codec> Codecs();
 const Codec *CodecByName(uint32_t nKind, const char *szName, CodecUser nUser);
 // The codec of a static payload type (RFC 3551) that a recording takes without a name, or null.
 const Codec *CodecByStaticType(int nPayloadType);
-// The first codec of a media type, or null.
-const Codec *CodecByType(uint32_t nMediaType);
+// The row of media whose codec is not known: of video the one whose key test fits any; of audio null.
+const Codec *CodecUnknown(uint32_t nKind);
 
 // AMR whose frames have the sizes of AMR-WB. pCodec may be null.
 inline int CodecIsWideband(const Codec *pCodec)

@@ -6,15 +6,12 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "record/rtppacket.h"
+
 namespace orx {
 
 constexpr uint32_t kFrameBytes = 131072;        // room for a frame while it is put together
 constexpr uint32_t kMaxH264PacketBytes = 2048;  // packets of H.264 are shorter than this
-
-// Unit types of H.264 (RFC 6184, section 5.2), and the bits of a fragment's second byte.
-enum NalType : uint8_t { NAL_IDR = 5, NAL_SPS = 7, NAL_LAST_SINGLE = 23, NAL_STAP_A = 24, NAL_FU_A = 28 };
-constexpr uint8_t FU_START = 0x80;
-constexpr uint8_t FU_END = 0x40;
 
 // A type word: the media character in bits 8-15, record flags in bits 0-7.
 constexpr uint32_t SampleType(char chMedia, uint8_t nFlags)
@@ -45,17 +42,6 @@ struct Depacketiser {
 
 // Gives back the buffer and forgets what was begun; the record can be used again.
 void DepacketiserReset(Depacketiser *pTrack);
-
-// An RTP packet taken apart.
-struct RtpPacket {
-    int bMarker = 0;
-    uint16_t nSeq = 0;
-    uint32_t nRtpTime = 0;
-    const uint8_t *pPayload = nullptr;
-    uint32_t nPayload = 0;
-};
-// Returns 1, or 0 when the bytes are no whole RTP packet.
-int RtpPacketParse(const uint8_t *pPacket, uint32_t nBytes, RtpPacket *pOut);
 
 // Takes a packet that came at nTimeMs. Returns 1 when it was taken or ignored, otherwise what the sample
 // procedure gave, or -1 for a packet that ends the recording.

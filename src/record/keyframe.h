@@ -1,9 +1,9 @@
-// Key-frame tests on the RTP packets of a video track. Scheduler thread only.
+// Key-frame tests on the RTP packets of a video track. Any thread, one at a time for a track.
 #pragma once
 
 #include <cstdint>
 
-#include "record/depacketise.h"
+#include "record/rtppacket.h"
 
 namespace orx {
 

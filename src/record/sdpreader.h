@@ -1,7 +1,6 @@
 // Reading a session description (RFC 4566) as encoders write it: its media sections, and the
 // attributes that this system looks at. Texts come from peers and files; nothing is read outside the view
-// that is handed in. Where two readers of one description have always differed, the difference is an
-// argument. Any thread.
+// that is handed in. Where two readers of one description differ, the difference is an argument. Any thread.
 #pragma once
 
 #include <cstddef>

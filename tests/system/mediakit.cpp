@@ -25,7 +25,7 @@ struct CodecRow {
     const char *szSection;
 };
 
-static const CodecRow &RowOf(Codec codec)
+static const CodecRow &RowOf(Coding codec)
 {
     static const CodecRow rows[] = {
         {96, 90, 90, "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n"},
@@ -62,7 +62,7 @@ static std::string H264Part(std::string_view payload)
 }
 
 // Packets of one track must follow each other; a picture ends with the marker.
-static MediaUnits TakeApart(Codec codec, const std::vector<std::string> &packets, uint32_t nTicksPerMs)
+static MediaUnits TakeApart(Coding codec, const std::vector<std::string> &packets, uint32_t nTicksPerMs)
 {
     MediaUnits units;
     std::string data;
@@ -72,8 +72,8 @@ static MediaUnits TakeApart(Codec codec, const std::vector<std::string> &packets
         EXPECT_EQ(1, RtpParseHead(packet.data(), packet.size(), &head));
         EXPECT_TRUE(&packet == &packets[0] || head.nSequence == nExpected) << "a packet is missing";
         std::string_view payload = std::string_view(packet).substr(head.nHeadBytes);
-        data += codec == Codec::H264 ? H264Part(payload) : std::string(payload);
-        if ((codec == Codec::H264 || codec == Codec::JPEG) && !head.bMarker)
+        data += codec == Coding::H264 ? H264Part(payload) : std::string(payload);
+        if ((codec == Coding::H264 || codec == Coding::JPEG) && !head.bMarker)
             continue;
         units.push_back({head.nTimestamp / nTicksPerMs, std::move(data)});
         data.clear();
@@ -83,10 +83,10 @@ static MediaUnits TakeApart(Codec codec, const std::vector<std::string> &packets
 
 // --- The camera ---
 
-Camera::Camera(const std::vector<Codec> &codecs)
+Camera::Camera(const std::vector<Coding> &codecs)
 {
     EXPECT_EQ(1, H264Load(&clip, ORX_TEST_DATA "/clip.h264"));
-    for (Codec codec : codecs) {
+    for (Coding codec : codecs) {
         RtpStream stream;
         stream.nPayloadType = RowOf(codec).nPayloadType;
         stream.nSsrc = 0x10203040 + static_cast<uint32_t>(tracks.size());
@@ -112,13 +112,13 @@ static void PackUnit(const Camera &camera, CameraTrack *pTrack, uint32_t nUnit, 
 {
     uint32_t nTime = (kFirstMs + nUnit * kPictureMs) * RowOf(pTrack->codec).nTicksPerMs;
     const auto &clip = camera.clip.pictures;
-    if (pTrack->codec == Codec::H264) {
+    if (pTrack->codec == Coding::H264) {
         PackH264(&pTrack->stream, clip[nUnit % clip.size()].units, nTime, 0, pOut);
-    } else if (pTrack->codec == Codec::JPEG) {
+    } else if (pTrack->codec == Coding::JPEG) {
         std::string scan = Pattern(camera.nJpegBytes + nUnit % 7 * 900, nUnit + 1);
         JpegPicture picture{1, 320, 240, 0, Pattern(128, nUnit), scan};
         PackJpeg(&pTrack->stream, &picture, nTime, pOut);
-    } else if (pTrack->codec == Codec::G711) {  // two pieces for each picture
+    } else if (pTrack->codec == Coding::G711) {  // two pieces for each picture
         PackPlain(&pTrack->stream, Pattern(160, 2 * nUnit), 1, nTime, pOut);
         PackPlain(&pTrack->stream, Pattern(160, 2 * nUnit + 1), 1, nTime + 160, pOut);
     }
@@ -192,7 +192,7 @@ void Viewer::Poll()
     }
 }
 
-MediaUnits Viewer::Units(size_t nTrack, Codec codec) const
+MediaUnits Viewer::Units(size_t nTrack, Coding codec) const
 {
     return TakeApart(codec, packets[nTrack], RowOf(codec).nPlayedTicks);
 }

@@ -13,7 +13,7 @@
 
 namespace orx {
 
-enum class Codec { H264, JPEG, G711, EVENTS };
+enum class Coding { H264, JPEG, G711, EVENTS };
 
 // A picture or a piece of sound as a decoder is given it: H.264 with start codes, anything else as the
 // payloads joined.
@@ -26,7 +26,7 @@ using MediaUnits = std::vector<MediaUnit>;
 std::string JoinData(const MediaUnits &units);
 
 struct CameraTrack {
-    Codec codec;
+    Coding codec;
     RtpStream stream;
     MediaUnits sent;
 };
@@ -34,7 +34,7 @@ struct CameraTrack {
 // A camera with a track for each codec, video first. Pictures come 40 ms apart, with sound of 20 ms pieces.
 // H.264 is the clip of the test data, over and over, with a key picture every second.
 struct Camera {
-    explicit Camera(const std::vector<Codec> &codecs);
+    explicit Camera(const std::vector<Coding> &codecs);
     std::string Sdp() const;
     int Open(const std::string &url, const std::string &moreSdp = "");
     // Sends the next pictures with the sound between them, as fast as the server takes them; with bWait it
@@ -67,7 +67,7 @@ struct Viewer {
     int Open(const std::string &url);
     void Poll();  // takes what is there
     // What a decoder gets. A recording's time stamps begin at 0.
-    MediaUnits Units(size_t nTrack, Codec codec) const;
+    MediaUnits Units(size_t nTrack, Coding codec) const;
     // Datagrams that the machine has dropped because the test did not read in time: nothing can be expected
     // of a player that has lost some.
     unsigned Dropped() const;

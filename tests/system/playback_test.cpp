@@ -19,7 +19,7 @@ TEST_F(PlaybackTest, PlaysFromWhereItIsAsked)
     const std::string end = "-99.980\r\n";
     server.Set("INTEROP", "StandardPlayers", "1");
     server.Start();
-    Camera camera({Codec::H264, Codec::G711});
+    Camera camera({Coding::H264, Coding::G711});
     ASSERT_NO_FATAL_FAILURE(Record(&camera, "a.zmf", kPictures));
     const MediaUnits &sent = camera.tracks[0].sent;
     for (RtspTransport transport : {RTSP_OVER_TCP, RTSP_OVER_UDP, RTSP_OVER_TUNNEL}) {
@@ -30,10 +30,10 @@ TEST_F(PlaybackTest, PlaysFromWhereItIsAsked)
         auto play = [&](const std::string &range, const std::string &reply, size_t nWanted = SIZE_MAX) {
             viewer.Poll();
             MediaUnits got;
-            size_t nAt = viewer.Units(0, Codec::H264).size();
+            size_t nAt = viewer.Units(0, Coding::H264).size();
             EXPECT_THAT(viewer.Play(range), HasSubstr("\r\nRange: npt=" + reply)) << range;
             EXPECT_TRUE(Watch({&viewer}, [&] {
-                got = viewer.Units(0, Codec::H264);
+                got = viewer.Units(0, Coding::H264);
                 while (nWanted != SIZE_MAX && nAt < got.size() && got[nAt].nTimeMs != nWanted * 40)
                     nAt++;
                 return got.size() >= nAt + 5;
@@ -52,7 +52,7 @@ TEST_F(PlaybackTest, PlaysFromWhereItIsAsked)
             EXPECT_FALSE(Watch(
                 {&viewer}, [&] { return viewer.nPictures > nGot; }, 50))
                 << "it is paused";
-            return viewer.Units(0, Codec::H264).back().nTimeMs / 40 + 1;
+            return viewer.Units(0, Coding::H264).back().nTimeMs / 40 + 1;
         };
         EXPECT_EQ(0U, play("", "0.000" + end));
         size_t nNext = pause(), nFirst = play("", "");
@@ -72,9 +72,9 @@ TEST_F(PlaybackTest, PlaysFromWhereItIsAsked)
         pause();
         EXPECT_EQ(2475U, play("99.979-", "99.000" + end));
         EXPECT_TRUE(
-            Watch({&viewer}, [&] { return viewer.Units(0, Codec::H264).back().data == sent.back().data; }));
+            Watch({&viewer}, [&] { return viewer.Units(0, Coding::H264).back().data == sent.back().data; }));
         EXPECT_EQ(0U, play("0.5-", "0.000" + end)) << "from its end back to the start";
-        viewer.Units(1, Codec::G711);
+        viewer.Units(1, Coding::G711);
         EXPECT_EQ(kWrongState, viewer.Play()) << "where to?";
     }
 }
@@ -82,7 +82,7 @@ TEST_F(PlaybackTest, PlaysFromWhereItIsAsked)
 TEST_F(PlaybackTest, DescribesRecordings)
 {
     server.Start();
-    Camera camera({Codec::H264});
+    Camera camera({Coding::H264});
     ASSERT_NO_FATAL_FAILURE(
         Record(&camera, "a.zmf", 26, "a=NickName:door\r\na=range:npt=now-\r\na=ProgramAuth:123\r\n"));
     std::string sdp = camera.Sdp() + "a=NickName:door\r\n";

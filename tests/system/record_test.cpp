@@ -14,7 +14,7 @@ using namespace orx;
 using testing::ElementsAre;
 
 struct RecordTest : RecordingTest {
-    Camera camera{{Codec::H264, Codec::G711}};
+    Camera camera{{Coding::H264, Coding::G711}};
 
     void StartRecorder(const std::string &moreSdp = "")
     {

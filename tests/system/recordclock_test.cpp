@@ -19,7 +19,7 @@ struct RecordClockTest : testing::Test {
         server = std::make_unique<LocalServer>("EnableFilePrg=1\n" + settings +
                                                "[STORAGE]\nRecordEnable=1\nRecordPath=" + dir.path + "\n" +
                                                storage);
-        camera = std::make_unique<Camera>(std::vector{Codec::H264, Codec::G711});
+        camera = std::make_unique<Camera>(std::vector{Coding::H264, Coding::G711});
         ASSERT_EQ(1, camera->Open(server->Url("/cam")));
     }
 };
@@ -54,8 +54,8 @@ TEST_F(RecordClockTest, FilesFollowEachOther)
     EXPECT_TRUE(Watch({&viewers[0], &viewers[1], &viewers[2]}, [&] {
         std::string video, sound;
         for (const Viewer &viewer : viewers) {
-            video += JoinData(viewer.Units(0, Codec::H264));
-            sound += JoinData(viewer.Units(1, Codec::G711));
+            video += JoinData(viewer.Units(0, Coding::H264));
+            sound += JoinData(viewer.Units(1, Coding::G711));
         }
         return video == JoinData(camera->tracks[0].sent) && sound == JoinData(camera->tracks[1].sent);
     }));
@@ -152,7 +152,7 @@ TEST_F(RecordClockTest, RecordingsSayBye)
         server->server.Run([&] {
             for (auto *p = static_cast<Session *>(ListFirst(&g_server.sessions, 0)); p;
                  p = static_cast<Session *>(ListNext(&g_server.sessions, p, 0)))
-                nEnded += p->nState == STATE_ENDED;
+                nEnded += p->nState == STATE_FINISHED;
         });
         return nEnded == 3;
     };

@@ -26,7 +26,7 @@ struct SmallDisk {
     TempDir dir;
     std::string root = dir.File("rec");
     std::optional<LocalServer> server;
-    Camera camera{{Codec::JPEG}};
+    Camera camera{{Coding::JPEG}};
     Viewer live;
     int64_t nSeconds = 0;
 
@@ -96,7 +96,7 @@ struct SmallDisk {
         const MediaUnits &sent = camera.tracks[0].sent;
         ASSERT_TRUE(Answers(&camera.client) && Answers(&camera.client));
         EXPECT_TRUE(WatchPictures({&live}, sent.size() - 1));
-        EXPECT_TRUE(JoinData(sent).starts_with(JoinData(live.Units(0, Codec::JPEG))));
+        EXPECT_TRUE(JoinData(sent).starts_with(JoinData(live.Units(0, Coding::JPEG))));
     }
     // The files hold, whole and without a gap, the last pictures that were sent, or the first ones. Returns
     // how many.
@@ -108,7 +108,7 @@ struct SmallDisk {
             Viewer viewer;
             EXPECT_EQ(1, viewer.Open(server->Url("/" + name))) << name;
             EXPECT_TRUE(WatchPictures({&viewer}, CountPictures(ReadFile(File(name))))) << name;
-            played += JoinData(viewer.Units(0, Codec::JPEG));
+            played += JoinData(viewer.Units(0, Coding::JPEG));
             nPictures += viewer.nPictures;
         }
         const std::string sent = JoinData(camera.tracks[0].sent);
@@ -218,14 +218,14 @@ TEST_F(PowerCutTest, KeepsWhatWasWritten)
     constexpr size_t kWorth = 65536;
     std::mt19937 random{20260101};
     server.Start();
-    Camera before({Codec::H264});
+    Camera before({Coding::H264});
     ASSERT_NO_FATAL_FAILURE(Record(&before, "before.zmf", 30));
     WriteFile(File("named.zmf.tm!"), std::string(kWorth, 'x'));
     WriteFile(File("small.zmf.tm!"), std::string(kWorth - 1, 'x'));
     size_t nKept = 0;
     for (int nRound = 0; nRound < (getenv("ORX_LONG") ? 50 : 4); nRound++) {
         SCOPED_TRACE(nRound);
-        Camera camera({Codec::H264, Codec::G711});
+        Camera camera({Coding::H264, Coding::G711});
         ASSERT_EQ(1, camera.Open(Url("cam")));
         ASSERT_EQ("200 OK", camera.Record("EventType=1"));
         camera.Send(1 + static_cast<int>(random() % 100));
@@ -247,7 +247,7 @@ TEST_F(PowerCutTest, KeepsWhatWasWritten)
             Viewer viewer;
             ASSERT_EQ(1, viewer.Open(Url(name))) << name;
             EXPECT_TRUE(WatchPictures({&viewer}, CountPictures(content))) << name;
-            EXPECT_EQ(0U, JoinData(camera.tracks[0].sent).find(JoinData(viewer.Units(0, Codec::H264))));
+            EXPECT_EQ(0U, JoinData(camera.tracks[0].sent).find(JoinData(viewer.Units(0, Coding::H264))));
             std::filesystem::remove(File(name));
             nKept++;
         }

@@ -83,7 +83,7 @@ TEST_F(SubscribeTest, GivesNoRightsElsewhere)
     server.Set("SERVER", "AuthType", "1");
     server.Set("GUARD", "SurvivePeerFaults", "1");
     StartDevice();
-    Camera camera({Codec::JPEG, Codec::EVENTS});
+    Camera camera({Coding::JPEG, Coding::EVENTS});
     ASSERT_NO_FATAL_FAILURE(Record(&camera, "events.zmf", 2));
     ASSERT_EQ(Dated(), Subscribe(&subscriber, root));
     EXPECT_THAT(Ask(&subscriber, "DESCRIBE", "/camera-of-events.zmf"), testing::StartsWith("RTSP/1.0 401 "));

@@ -50,8 +50,8 @@ Port *FindPortAlive(int fd, uint32_t nGeneration);
 void PortSchedule(const Port *pPort, TaskProc pfnRun, uint32_t nDelayMs);
 Port *PortOfTask(const Task *pTask);
 
-// Queues an event of the port as the monitor would, in nDelayMs: MONITOR_... or PORT_POSTED_INPUT.
-constexpr uint32_t PORT_POSTED_INPUT = 0x8000;  // run the parser on what the session already holds
+// Queues an event of the port as the monitor would, in nDelayMs: MONITOR_... or EVENT_POSTED_INPUT.
+constexpr uint32_t EVENT_POSTED_INPUT = 0x8000;  // run the parser on what the session already holds
 void PortPostEvent(const Port *pPort, uint32_t nEvent, uint32_t nDelayMs);
 
 // Reads the connection dry and handles what came. Returns 0, or -1 when it was found closed, or silent for

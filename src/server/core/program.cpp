@@ -153,7 +153,7 @@ void ProgramEnd(Program *pProg)
 
 void ProgramEndAll()
 {
-    while (auto *p = ListFirstOf<Program>(&g_server.programs))
+    while (Program *p = FirstProgram())
         ProgramEnd(p);
 }
 
@@ -203,10 +203,8 @@ int ProgramPassword(const Program *pProg, char *szOut)
 unsigned ProgramCountLive()
 {
     unsigned nLives = 0;
-    for (auto *pNode = ListFirstOf<ListNode>(&g_server.programs); pNode; pNode = pNode->pNext) {
-        const auto *pProg = reinterpret_cast<Program *>(pNode);
-        nLives += pProg->bLive && pProg->pPusher;
-    }
+    for (const Program *p = FirstProgram(); p; p = NextProgram(p))
+        nLives += p->bLive && p->pPusher;
     return nLives;
 }
 

@@ -12,6 +12,7 @@
 
 namespace orx {
 
+struct Codec;
 struct ZMFWriter;
 struct ZMFReader;
 
@@ -27,8 +28,9 @@ struct MediaClock {
 };
 
 struct MediaInfo {
-    uint32_t nMediaType = 0;  // MEDIA_...
-    uint32_t nDuration = 0;   // of a recording, ms; 0 for live
+    uint32_t nMediaType = 0;        // MEDIA_...
+    const Codec *pCodec = nullptr;  // of video always; of audio null when it is not known
+    uint32_t nDuration = 0;         // of a recording, ms; 0 for live
     char szEncoding[16] = "";
     int nPayloadType = 0;
     uint32_t nTimeScale = 0;  // RTP clock rate, Hz
@@ -105,6 +107,16 @@ struct Program {
     ProgramSleep sleep;
     Retired retired;
 };
+
+// The programs in order of creation; null at the end.
+inline Program *FirstProgram()
+{
+    return ListFirstOf<Program>(&g_server.programs);
+}
+inline Program *NextProgram(const Program *pProg)
+{
+    return reinterpret_cast<Program *>(pProg->node.pNext);
+}
 
 // The players of a program, in order of creation; null at the end. A walk takes the next one before it does
 // anything that may end the one it is at.

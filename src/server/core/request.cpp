@@ -4,6 +4,8 @@
 #include <cstring>
 #include <new>
 
+#include "base/textbuf.h"
+
 namespace orx {
 
 static constexpr size_t kMaxUri = 255;  // decoded
@@ -19,11 +21,6 @@ struct Span {
     const char *pEnd;
     size_t Size() const { return static_cast<size_t>(pEnd - p); }
 };
-
-static int IsSpace(char c)
-{
-    return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v';
-}
 
 static int FreeHeader(AvlNode *pNode)
 {
@@ -62,10 +59,10 @@ void RequestReset(Request *pRequest)
 static Span TakeToken(Span *pLine)
 {
     Span token{pLine->p, pLine->p};
-    while (token.pEnd < pLine->pEnd && !IsSpace(*token.pEnd))
+    while (token.pEnd < pLine->pEnd && !TextIsSpace(*token.pEnd))
         token.pEnd++;
     pLine->p = token.pEnd;
-    while (pLine->p < pLine->pEnd && IsSpace(*pLine->p))
+    while (pLine->p < pLine->pEnd && TextIsSpace(*pLine->p))
         pLine->p++;
     return token;
 }
@@ -108,7 +105,7 @@ static int SetUri(Str *pUri, Span span)
 // request.
 static int ParseStartLine(Request *pRequest, Span line)
 {
-    if (line.Size() == 0 || IsSpace(*line.p))
+    if (line.Size() == 0 || TextIsSpace(*line.p))
         return 0;
     if (!SetText(&pRequest->method, TakeToken(&line)) || !SetUri(&pRequest->uri, TakeToken(&line)))
         return 0;
@@ -154,7 +151,7 @@ static int ParseHeaderLine(Request *pRequest, Span rest, const char *pEnd)
         return -1;
     Span name{rest.p, pColon};
     Span value{pColon + 1, pEnd};
-    while (value.p < value.pEnd && IsSpace(*value.p))
+    while (value.p < value.pEnd && TextIsSpace(*value.p))
         value.p++;
     if (name.Size() == 0 || value.Size() == 0)
         return -1;

@@ -10,6 +10,8 @@
 
 namespace orx {
 
+constexpr uint32_t kMaxHeadBytes = 4096;  // a header block is shorter than this
+
 struct Request {
     int bParsed = 0;        // a header block was parsed and waits for its body or its dispatch
     uint16_t nHeadLen = 0;  // bytes of that block, the empty line included

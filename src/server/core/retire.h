@@ -1,6 +1,6 @@
 // Sessions, ports and programs end in the middle of work that still holds pointers to them. Each is taken out
-// of every list and map at once, so that nobody finds it any more; its memory goes when the scheduler's
-// callback is over. A pointer is therefore good for the callback that it was given to. Scheduler thread only.
+// of every list and map at once, so that nobody finds it any more, and its sockets are closed; its memory
+// stays readable until the scheduler's callback returns. Scheduler thread only.
 #pragma once
 
 namespace orx {

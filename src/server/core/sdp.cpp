@@ -8,7 +8,7 @@
 
 namespace orx {
 
-constexpr uint32_t kVideoSampleBits = 10000;
+constexpr uint32_t kVideoSampleBits = 10000;  // of video, which has none: a value that no sound has
 
 // Enters the kind of section i. Returns 0 for one that is not to be counted.
 static int EnterKind(Description *pDesc, int i, std::string_view media)
@@ -32,6 +32,7 @@ static int EnterKind(Description *pDesc, int i, std::string_view media)
 static int EnterCodec(MediaInfo *pInfo)
 {
     const Codec *pCodec = CodecByName(pInfo->nMediaType, pInfo->szEncoding, CODEC_PROGRAM);
+    pInfo->pCodec = pCodec ? pCodec : CodecUnknown(pInfo->nMediaType);
     if (!pCodec)
         return 0;
     pInfo->nMediaType = pCodec->nMediaType;
@@ -99,14 +100,10 @@ static int ReadAttributes(MediaInfo *pInfo, int i, const SdpSection &section)
     return 1;
 }
 
-// The last track with a video code decides.
+// That of the last video track.
 static KeyFrameProc ChooseKeyTest(const Description *pDesc)
 {
-    KeyFrameProc pfnIsKey = nullptr;
-    for (int i = 0; i < pDesc->nTrackCount; i++)
-        if (uint32_t nVideo = pDesc->mediaInfos[i].nMediaType & MEDIA_VIDEO_MASK)
-            pfnIsKey = CodecByType(nVideo)->pfnIsKey;
-    return pfnIsKey;
+    return pDesc->nVideoTrack >= 0 ? pDesc->mediaInfos[pDesc->nVideoTrack].pCodec->pfnIsKey : nullptr;
 }
 
 int SdpParse(Description *pDesc, const char *szSdp, int bLive, uint32_t nDurationMs)

@@ -1,5 +1,6 @@
 #include "server/core/session.h"
 
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -22,8 +23,7 @@ static constexpr uint32_t kDelayedCloseMs = 2000;  // time for a last reply to a
 
 static int HandleTaken(uint32_t nHandle)
 {
-    for (auto *p = ListFirstOf<Session>(&g_server.sessions); p;
-         p = reinterpret_cast<Session *>(p->node.pNext))
+    for (Session *p = FirstSession(); p; p = NextSession(p))
         if (p->nHandle == nHandle)
             return 1;
     return 0;
@@ -41,6 +41,13 @@ static uint32_t NextHandle()
     while (nLast == 0 || HandleTaken(nLast));
     return nLast;
 }
+
+// FirstPlayer and NextPlayer, and the list's map mode 1, find a session by its second node. (Its tracks
+// extend a record, for which the offset is conditionally supported; the compilers in use do.)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winvalid-offsetof"
+static_assert(offsetof(Session, node) == 0 && offsetof(Session, playerNode) == sizeof(ListNode), "two nodes");
+#pragma GCC diagnostic pop
 
 Session::Session()
 {
@@ -114,6 +121,7 @@ static void CloseTrackPorts(SessionTrack *pTrack)
         DropPort(pTrack->Media);
     }
     DropPort(pTrack->Control);
+    pTrack->Media = pTrack->Control = nullptr;
 }
 
 static void SessionFree(void *pRecord)
@@ -167,7 +175,7 @@ void SessionEndPlayers(Session *pSession)
 
 void SessionEndAll()
 {
-    while (auto *p = ListFirstOf<Session>(&g_server.sessions))
+    while (Session *p = FirstSession())
         EndOne(p);
 }
 
@@ -245,7 +253,10 @@ static int OnIdleCheck(Task *pTask, uint32_t, uint32_t, uint32_t)
         return -1;
     if (PortReadNow(pPort) < 0) {
         print("Idle Connection Client(socket=0x%x) is broken!\r\n", pPort->fd);
-    } else if (!pSession->bEnded && !pSession->peer.nReceived) {
+        return -1;
+    }
+    pSession = SessionOfTask(pTask);  // what was read may have ended it
+    if (pSession && !pSession->peer.nReceived) {
         print("Force Close Idle Connection on stocket 0x%x\r\n", pPort->fd);
         SessionClosePort(pSession, pPort);
     }

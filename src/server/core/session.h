@@ -7,9 +7,11 @@
 #include "base/linkedlist.h"
 #include "record/rtpout.h"
 #include "server/core/port.h"
+#include "server/core/registry.h"
 
 namespace orx {
 
+struct Codec;
 struct Program;
 
 // What the handler of a request says about its session once it has replied.
@@ -37,13 +39,14 @@ enum SessionState : uint32_t {
     STATE_PAUSED = 3,     // PLAY again
     STATE_PLAYING = 4,
     STATE_TORNDOWN = 5,
-    STATE_ENDED = 6,  // a file program was played to its end
+    STATE_FINISHED = 6,  // a recording was played to its end
 };
 
 // A track of the program, as it travels to or from this peer.
 struct SessionTrack : RtpTrack {
-    int nTrackId = 0;         // by which SETUP names it
-    uint8_t nRtpChannel = 0;  // interleaved channels
+    const Codec *pCodec = nullptr;  // see MediaInfo
+    int nTrackId = 0;               // by which SETUP names it
+    uint8_t nRtpChannel = 0;        // interleaved channels
     uint8_t nRtcpChannel = 0;
     Port *Media = nullptr;    // UDP port of RTP, null when interleaved; owned by the port map
     Port *Control = nullptr;  // UDP port of RTCP
@@ -71,11 +74,11 @@ struct SessionInput {
     uint32_t nLen = 0;        // bytes held; the byte behind them is 0
     uint32_t nNext = 0;       // while a request is handled: offset in pBuf behind it
     uint32_t nReqSeq = 0;     // highest CSeq accepted
-    uint32_t nReads = 0;      // TCP reads of a playing pusher
 };
 
-// How the queue (RtpOut::Outq) gets on.
-struct SessionOutput {
+// How the queue (RtpOut::Outq) flows.
+struct SessionFlow {
+    uint32_t nReads = 0;         // TCP reads of a playing pusher, for the flow of its players
     uint32_t nBlockedSends = 0;  // sends in a row that would have blocked
     uint32_t nStartBlocks = 0;   // media queued at once by a start; 0 when the queue has drained since
     uint32_t nCatchUpMs = 0;     // media ms of it that may have left over UDP
@@ -110,7 +113,7 @@ struct Session {
     SessionInput input;
     RtpOut out;  // queue, transport form, and the tracks as the packetisers see them; its scratch is owned
     SessionTrack tracks[kMaxTracks];
-    SessionOutput output;
+    SessionFlow flow;
     SessionPlay play;
     SessionViewer viewer;
     int bEnded = 0;  // by SessionEnd: in no list, without ports and program
@@ -118,6 +121,16 @@ struct Session {
 
     Session();
 };
+
+// The sessions in order of creation; null at the end.
+inline Session *FirstSession()
+{
+    return ListFirstOf<Session>(&g_server.sessions);
+}
+inline Session *NextSession(const Session *pSession)
+{
+    return reinterpret_cast<Session *>(pSession->node.pNext);
+}
 
 // Takes over an accepted or handed-over connection: a session on pPort, in the list and in the session map.
 // Null when memory runs out; the port is then left to the caller.
@@ -128,9 +141,11 @@ Session *FindSession(int fd);
 // The session that a timer's task named by its connection (see PortSchedule), or null once either has gone.
 Session *SessionOfTask(const Task *pTask);
 
-// Ends a session, here and nowhere else: of a pusher first every player of its program; then its ports are
-// closed, and it is out of every list and map. The record itself stays readable until the callback is over
-// (see retire.h). Does nothing when it has ended already.
+// Ends a session: of a pusher first every player of its program; then its ports are closed, and it is out of
+// every list and map. There is no other way for a session to end. The handler of a request does not call this
+// for its own session but returns Verdict::End; all others do, and whoever goes on behind them looks at
+// bEnded. The record stays readable until the scheduler's callback is over (see retire.h), with its ports and
+// its program null. Does nothing when it has ended already.
 void SessionEnd(Session *pSession);
 
 // Ends every player of a pusher's program; does nothing for any other session.

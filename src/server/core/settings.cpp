@@ -225,7 +225,6 @@ int SettingsRead(Settings *pSettings, const char *szPath)
     for (const Setting &row : g_table)
         if (row.place.nOffset != kNotHere)
             ReadRow(pSettings, &row, szPath);
-    pSettings->nFileSendPeriod = kFileSendPeriodMs;
     pSettings->szRecordPath = SettingsRecordPath(pSettings->szRecordSetting);
     return pSettings->szRecordPath && CheckUdpRange(pSettings);
 }

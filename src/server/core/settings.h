@@ -8,15 +8,12 @@
 
 namespace orx {
 
-constexpr uint32_t kFileSendPeriodMs = 200;  // between two runs of a file program's sender
-
 struct Settings {
     char szConfigPath[128] = "";
     char szGuidPath[128] = "";  // guid.dat beside the configuration
     uint32_t nAuthType = 0;     // 0 none, 1 Basic, 2 Digest
     uint32_t nConnectLimit = 0;
     uint32_t nLiveTime = 0;        // seconds
-    uint32_t nFileSendPeriod = 0;  // milliseconds
     uint32_t nSessionBufSize = 0;  // bytes of a connection's receive buffer
     uint32_t nCacheSeconds = 0;    // CacheLimit
     uint32_t nListenPort = 0;

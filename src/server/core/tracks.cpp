@@ -12,6 +12,7 @@ void SessionCopyTracks(Session *pSession, const Program *pProg)
         const MediaInfo *pInfo = &pProg->desc.mediaInfos[i];
         SessionTrack *pTrack = &pSession->tracks[i];
         pTrack->nMediaType = pInfo->nMediaType;
+        pTrack->pCodec = pInfo->pCodec;
         pTrack->nPayloadType = static_cast<uint8_t>(pInfo->nPayloadType);
         pTrack->nTimeScale = pInfo->nTimeScale;
         pTrack->nTrackId = pInfo->nTrackId;

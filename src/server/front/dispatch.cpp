@@ -27,12 +27,11 @@
 
 namespace orx {
 
-static constexpr uint32_t kMaxHeadBytes = 4096;  // a header block is shorter than this
-
 // What became of the bytes at the cursor.
 enum class Step {
     Taken,  // consumed, go on behind them
     Wait,   // incomplete, more must arrive
+    Drop,   // of a message: it is not to be answered
     Gone,   // the session has ended
 };
 
@@ -167,7 +166,7 @@ static Step ParseHead(Session *pSession, Port *pPort, uint32_t nAt)
     return Step::Taken;
 }
 
-// Checks and notes the request's number. Taken: dispatch it. Wait stands for a message that is to be dropped.
+// Checks and notes the request's number. Taken: dispatch it.
 static Step CheckCSeq(Session *pSession, Port *pPort)
 {
     const char *szCSeq = RequestHeaderValue(&pPort->request, "CSeq");
@@ -181,7 +180,7 @@ static Step CheckCSeq(Session *pSession, Port *pPort)
     auto nCSeq = static_cast<uint32_t>(strtoul(szCSeq, nullptr, 10));
     if (pSession->input.nReqSeq && nCSeq < pSession->input.nReqSeq) {
         print("CmdSeq(%u) < session->nReqSeq(%u)! Drop it!\r\n", nCSeq, pSession->input.nReqSeq);
-        return Step::Wait;
+        return Step::Drop;
     }
     pSession->input.nReqSeq = nCSeq;
     pSession->nCSeq = static_cast<int>(nCSeq);
@@ -222,9 +221,10 @@ static Step TakeMessage(Session *pSession, Port *pPort, uint32_t *pAt)
     Step step = CheckCSeq(pSession, pPort);
     if (step == Step::Taken)
         return RunHandler(pSession, pPort, pAt);
-    if (step == Step::Wait)
-        RequestReset(pRequest);
-    return step == Step::Gone ? Step::Gone : Step::Taken;
+    if (step == Step::Gone)
+        return step;
+    RequestReset(pRequest);
+    return Step::Taken;
 }
 
 // Both connections of a tunnel fill one buffer. A header block that the other one parsed is still in it, but

@@ -9,20 +9,20 @@
 #include "base/console.h"
 #include "runtime/clock.h"
 #include "runtime/sockutil.h"
+#include "server/core/program.h"
+#include "server/core/registry.h"
+#include "server/core/session.h"
+#include "server/core/settings.h"
 #include "server/front/dispatch.h"
 #include "server/media/ingest.h"
 #include "server/media/rtcp.h"
-#include "server/core/program.h"
-#include "server/core/registry.h"
-#include "server/core/settings.h"
-#include "server/core/session.h"
 #include "server/methods/tunnel.h"
 
 namespace orx {
 
 static constexpr int kReceiveBufferBytes = 131072;  // SO_RCVBUF: some pictures of a pusher
-static constexpr int kAcceptRetryMs = 1000;  // descriptors come free as connections end
-static int g_bAcceptRetry = 0;  // a further look for connections that wait is scheduled
+static constexpr int kAcceptRetryMs = 1000;         // descriptors come free as connections end
+static int g_bAcceptRetry = 0;                      // a further look for connections that wait is scheduled
 // Seconds; more than that is a clock that was set, not silence.
 static constexpr uint32_t kLongestSilence = 1000;
 
@@ -221,7 +221,7 @@ static int ReadTcp(Session *pSession, Port *pPort)
     while ((n = Receive(pSession, pPort, text, sizeof(text), &pRaw)) > 0) {
         if (!TakeInput(pSession, pPort, pRaw, static_cast<size_t>(n)))
             return 0;
-        FeedEnd(pSession);
+        FlushAfterRead(pSession);
     }
     int nError = errno;
     if (n == 0 || nError != EAGAIN)
@@ -289,7 +289,7 @@ static void HandleEvent(int fd, uint32_t nEvent, Port *pPort)
         case MONITOR_CLOSE:
             OnClose(fd);
             break;
-        case PORT_POSTED_INPUT:
+        case EVENT_POSTED_INPUT:
             OnPostedInput(fd);
             break;
         default:

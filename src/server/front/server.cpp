@@ -174,8 +174,7 @@ static void GatherStat(ServerStat *pStat, int bWithSessions)
     unsigned nCount = ListCount(&g_server.sessions);
     if (bWithSessions && nCount)
         pStat->pSessions = static_cast<SessionStat *>(calloc(nCount, sizeof(SessionStat)));
-    for (auto *p = ListFirstOf<Session>(&g_server.sessions); p;
-         p = reinterpret_cast<Session *>(p->node.pNext)) {
+    for (Session *p = FirstSession(); p; p = NextSession(p)) {
         pStat->nClients += (p->nFlags & SESSION_PUSHER) == 0;
         if (pStat->pSessions)
             DescribeSession(p, &pStat->pSessions[pStat->nSessions++]);

@@ -6,28 +6,19 @@
 #include "base/bytes.h"
 #include "base/console.h"
 #include "runtime/clock.h"
+#include "server/core/settings.h"
+#include "server/media/cache.h"
 #include "server/media/outqueue.h"
 #include "server/media/recordcontrol.h"
 #include "server/media/rtcp.h"
 #include "server/media/send.h"
-#include "server/core/settings.h"
 
 namespace orx {
 
-// Key frames kept from before the span: what a quarter of the longest span (a minute) holds at one a second.
-static constexpr uint32_t kMaxKeptKeys = 15;
-static constexpr uint32_t kMaxCachedBlocks = 150000;  // a minute and a quarter of 20 Mbit/s
-
-static int BlockMarker(const DataBlock *pBlock)
+// Sends what waits, and a report when one is due. Returns 0 when that failed, or left more than nMost blocks.
+static int Flush(Session *pSession, unsigned nMost)
 {
-    return BlockData(pBlock)[kInterleaveBytes + 1] >> 7;
-}
-
-// Sends what waits, and a report when one is due. 0 when the player is to be given up.
-static int Flush(Session *pSession)
-{
-    if (!SendDataEx(pSession, nullptr, 1) ||
-        ListCount(&pSession->out.Outq) > kGiveUp + pSession->output.nStartBlocks)
+    if (!SendDataEx(pSession, nullptr, 1) || ListCount(&pSession->out.Outq) > nMost)
         return 0;
     if (pSession->nFlags & SESSION_RTCP)
         SendRtcpReport(pSession);
@@ -40,10 +31,10 @@ static int PushPacket2SessionQueue(Session *pSession, const DataBlock *pBlock)
     if (QueueCopy(pSession, pBlock) < 0)
         return 1;
     unsigned nItems = ListCount(&pSession->out.Outq);
-    if (nItems <= kFlushAtOnce)
+    if (nItems <= kFlushAtOnceAbove)
         return 1;
     print("PushPacket2SessionQueue(): session->Outq.nItems=%u\r\n", nItems);
-    if (Flush(pSession))
+    if (Flush(pSession, kGiveUpAbove + pSession->flow.nStartBlocks))
         return 1;
     print("PushPacket2SessionQueue()->DestroySession()!\r\n");
     SessionEnd(pSession);
@@ -89,121 +80,6 @@ static void LearnSsrc(Program *pProg, const DataBlock *pBlock)
     print("Program(%s)->ssrc=%u\r\n", pProg->szName, pProg->cache.ssrc);
 }
 
-// Frees the blocks from pFrom up to pUntil (not included; null: to the end).
-static void FreeUncached(Program *pProg, DataBlock *pFrom, const DataBlock *pUntil)
-{
-    while (pFrom != pUntil) {
-        DataBlock *pNext = NextBlock(pFrom);
-        ListRemove(&pProg->cache.Pktq, pFrom, 1);
-        pFrom = pNext;
-    }
-}
-
-// The first key frame within the span of the newest packet that follows the end of a frame within the span.
-static DataBlock *FindKeyInSpan(const Program *pProg, DataBlock *pFrom, uint32_t nNow)
-{
-    int bFrameEnded = 0;
-    for (DataBlock *p = pFrom; p; p = NextBlock(p)) {
-        if (!(p->nFlags & DB_VIDEO) ||
-            ClockDiff(nNow, p->nTimestamp) >= static_cast<int32_t>(pProg->cache.nCacheLimit))
-            continue;
-        if (bFrameEnded && (p->nFlags & DB_KEY))
-            return p;
-        bFrameEnded |= BlockMarker(p);
-    }
-    return nullptr;
-}
-
-// Without a key frame to start from, only whole frames within the span stay.
-static void TrimWithoutKey(Program *pProg, DataBlock *pFrom, uint32_t nNow)
-{
-    print("Warning: Could NOT find the next KeyFrame to remove the items that's before it.\r\n");
-    int bFrameEnded = 0;
-    DataBlock *p = pFrom;
-    while (p && !(bFrameEnded &&
-                  ClockDiff(nNow, p->nTimestamp) < static_cast<int32_t>(pProg->cache.nCacheLimit))) {
-        if (p->nFlags & DB_VIDEO)
-            bFrameEnded = BlockMarker(p);
-        p = NextBlock(p);
-    }
-    FreeUncached(pProg, pFrom, p);
-    pProg->cache.pCacheCursor = p;
-}
-
-// Of the blocks from pFrom up to the key frame pKey, only whole key frames stay.
-static void KeepKeyFrames(Program *pProg, DataBlock *pFrom, DataBlock *pKey)
-{
-    int bKept = 0;
-    uint32_t nKeptTime = 0;
-    while (pFrom != pKey) {
-        DataBlock *pNext = NextBlock(pFrom);
-        int bVideo = (pFrom->nFlags & DB_VIDEO) != 0;
-        if (bVideo && (pFrom->nFlags & DB_KEY)) {
-            bKept = 1;
-            nKeptTime = pFrom->nTimestamp;
-            pProg->cache.nKeptKeys++;
-        } else if (!bVideo || !bKept || pFrom->nTimestamp != nKeptTime) {
-            ListRemove(&pProg->cache.Pktq, pFrom, 1);
-        }
-        pFrom = pNext;
-    }
-}
-
-static void LimitKeptKeys(Program *pProg)
-{
-    while (pProg->cache.nKeptKeys > kMaxKeptKeys) {
-        auto *pFirst = ListFirstOf<DataBlock>(&pProg->cache.Pktq);
-        DataBlock *p = pFirst;
-        while (p && p != pProg->cache.pCacheCursor && p->nTimestamp == pFirst->nTimestamp)
-            p = NextBlock(p);
-        FreeUncached(pProg, pFirst, p);
-        pProg->cache.nKeptKeys--;
-    }
-}
-
-// Whether a pusher's time has gone back so far, or stood still for so long, that trimming would wait for it
-// while the cache takes all memory.
-static int HasRunAway(const Program *pProg, int32_t nAge, int32_t nGrowLimit)
-{
-    return g_settings.bSurvivePeerFaults &&
-           (nAge < -nGrowLimit || ListCount(&pProg->cache.Pktq) > kMaxCachedBlocks);
-}
-
-// Begins the cache anew with its newest block.
-static void RestartCache(Program *pProg)
-{
-    print("Program(%s): its time stamps have run away, the cache begins anew.\r\n", pProg->szName);
-    FreeUncached(pProg, ListFirstOf<DataBlock>(&pProg->cache.Pktq),
-                 reinterpret_cast<DataBlock *>(pProg->cache.Pktq.pLast));
-    pProg->cache.pCacheCursor = nullptr;
-    pProg->cache.nKeptKeys = 0;
-}
-
-static void TrimCache(Program *pProg, uint32_t nNow)
-{
-    auto *pStart = pProg->cache.pCacheCursor;
-    if (!pStart) {
-        pStart = ListFirstOf<DataBlock>(&pProg->cache.Pktq);
-        pProg->cache.nKeptKeys = 0;  // those kept before count again as they are passed
-    }
-    int32_t nAge = ClockDiff(nNow, pStart->nTimestamp);
-    auto nGrowLimit = static_cast<int32_t>(pProg->cache.nCacheLimit + pProg->cache.nCacheLimit / 4);
-    if (HasRunAway(pProg, nAge, nGrowLimit)) {
-        RestartCache(pProg);
-        return;
-    }
-    if (nAge <= nGrowLimit)
-        return;
-    DataBlock *pKey = FindKeyInSpan(pProg, pStart, nNow);
-    if (!pKey) {
-        TrimWithoutKey(pProg, pStart, nNow);
-        return;
-    }
-    pProg->cache.pCacheCursor = pKey;
-    KeepKeyFrames(pProg, pStart, pKey);
-    LimitKeptKeys(pProg);
-}
-
 void CachePacketEx(Program *pProg, DataBlock *pBlock)
 {
     int bRet = ListAppend(&pProg->cache.Pktq, pBlock);
@@ -213,7 +89,7 @@ void CachePacketEx(Program *pProg, DataBlock *pBlock)
     LearnSsrc(pProg, pBlock);
     RecordersWrite(pProg, pBlock);
     pProg->cache.nSerial++;
-    TrimCache(pProg, pBlock->nTimestamp);
+    CacheTrim(pProg, pBlock->nTimestamp);
 }
 
 static void PrintCounts(const Program *pProg, const Session *pSession)
@@ -222,21 +98,12 @@ static void PrintCounts(const Program *pProg, const Session *pSession)
           ListCount(&pSession->out.Outq));
 }
 
-// The start of the newest key frame in the cache, or null.
-static DataBlock *FindLastKey(const Program *pProg)
-{
-    auto *p = reinterpret_cast<DataBlock *>(pProg->cache.Pktq.pLast);
-    while (p && (p->nFlags & (DB_VIDEO | DB_KEY)) != (DB_VIDEO | DB_KEY))
-        p = PrevBlock(p);
-    return p;
-}
-
 int FillBufferAtFirstPlay(Session *pSession)
 {
     Program *pProg = pSession->pProg;
     if (!pProg)
         return 1;
-    DataBlock *p = FindLastKey(pProg);
+    DataBlock *p = CacheLastKey(pProg);
     if (!p) {
         if (ListCount(&pProg->cache.Pktq) > 0)
             print("FillBufferAtFirstPlay() did not find the next KeyFrame to fill packet!\r\n");
@@ -256,12 +123,10 @@ void FlushPlayers(Program *pProg)
     Session *pNext;
     for (Session *p = FirstPlayer(pProg); p; p = pNext) {
         pNext = NextPlayer(p);
-        if (p->nState != STATE_PLAYING || ListCount(&p->out.Outq) <= kFlushAfterRead)
+        if (p->nState != STATE_PLAYING || ListCount(&p->out.Outq) <= kFlushAfterReadAbove)
             continue;
-        if (!SendDataEx(p, nullptr, 1))
+        if (!Flush(p, UINT32_MAX))  // nothing was queued: how much waits was looked at when it was
             SessionEnd(p);
-        else if (p->nFlags & SESSION_RTCP)
-            SendRtcpReport(p);
     }
 }
 

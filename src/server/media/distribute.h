@@ -14,8 +14,7 @@ void CachePacketEx(Program *pProg, DataBlock *pBlock);
 // the session has no program, else 0.
 int FillBufferAtFirstPlay(Session *pSession);
 
-// Sends what waits for the playing clients of a pusher's program whose queues hold more than 5 blocks. May
-// end players.
+// Sends what waits for the playing clients of a program that have more than a few blocks. May end players.
 void FlushPlayers(Program *pProg);
 
 }  // namespace orx

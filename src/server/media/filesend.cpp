@@ -6,16 +6,17 @@
 #include "record/zmfile.h"
 #include "record/zmfreader.h"
 #include "server/core/program.h"
+#include "server/core/settings.h"
 #include "server/media/rtcp.h"
 #include "server/media/send.h"
-#include "server/core/settings.h"
 
 namespace orx {
 
-// A refill comes when the queue is empty: a picture and the sound beside it, so that little is read ahead of a
-// player that pauses or leaves.
+// A refill comes when the queue is empty: a picture and the sound beside it, so that little is read ahead of
+// a player that pauses or leaves.
 static constexpr int kSamplesPerRefill = 4;
-static constexpr int kEmptyRefills = 64;  // in a row before the others get their turn
+static constexpr uint32_t kFileSendPeriodMs = 200;  // between two runs; a fifth of what may be ahead
+static constexpr int kEmptyRefills = 64;            // in a row before the others get their turn
 
 // Says whether the player has set up the track that samples go on; -1 stands for no such track.
 static int Takes(const Session *pSession, int nTrack)
@@ -28,7 +29,7 @@ static int PackMedia(Session *pSession, int nTrack, const uint8_t *pData, uint32
 {
     if (!Takes(pSession, nTrack))
         return 0;
-    const Codec *pCodec = CodecByType(pSession->tracks[nTrack].nMediaType);
+    const Codec *pCodec = pSession->tracks[nTrack].pCodec;
     if (pCodec && pCodec->pfnPack)
         return pCodec->pfnPack(&pSession->out, pData, nLen, nTimeMs, nTrack);
     print("Unsupported video media type!\r\n");
@@ -63,7 +64,7 @@ static void PackRecord(Session *pSession, const uint8_t *pRecord, uint32_t nByte
 // The recording is at its end: nothing more is read until the player seeks.
 static void EndFile(Session *pSession)
 {
-    pSession->nState = STATE_ENDED;
+    pSession->nState = STATE_FINISHED;
     pSession->play.bFinalReport = (pSession->nFlags & SESSION_RTCP) != 0;
 }
 
@@ -71,9 +72,9 @@ static void EndFile(Session *pSession)
 // to say.
 static int SayBye(Session *pSession)
 {
-    if (pSession->nState == STATE_ENDED && pSession->play.bFinalReport && SendRtcpBye(pSession))
+    if (pSession->nState == STATE_FINISHED && pSession->play.bFinalReport && SendRtcpBye(pSession))
         pSession->play.bFinalReport = 0;
-    return pSession->nState != STATE_ENDED || !pSession->play.bFinalReport;
+    return pSession->nState != STATE_FINISHED || !pSession->play.bFinalReport;
 }
 
 int FillBufferFromFile(Session *pSession)
@@ -121,7 +122,7 @@ static int OnFileSend(Task *pTask, uint32_t, uint32_t, uint32_t)
     }
     if ((pSession->nFlags & SESSION_RTCP) && pSession->nState == STATE_PLAYING)
         SendRtcpReport(pSession);
-    return static_cast<int>(g_settings.nFileSendPeriod);
+    return static_cast<int>(kFileSendPeriodMs);
 }
 
 void FileSenderStart(Session *pSession, Port *pPort)

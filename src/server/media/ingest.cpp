@@ -81,14 +81,14 @@ int FeedProgram(Session *pSession, unsigned nTrack, const uint8_t *pFrame, uint3
     return 1;
 }
 
-void FeedEnd(Session *pSession)
+void FlushAfterRead(Session *pSession)
 {
     if (!(pSession->nFlags & SESSION_PUSHER) || pSession->nState != STATE_PLAYING || !pSession->pProg)
         return;
-    // Every second time: a picture often comes in two reads, and one write for both halves the cost of sending.
-    // The first read counts, so that a player does not wait for a slow pusher's second.
-    pSession->input.nReads++;
-    if (pSession->input.nReads & 1)
+    // Every second time: a picture often comes in two reads, and one write for both halves the cost of
+    // sending. The first read counts, so that a player does not wait for a slow pusher's second.
+    pSession->flow.nReads++;
+    if (pSession->flow.nReads & 1)
         FlushPlayers(pSession->pProg);
 }
 

@@ -12,8 +12,8 @@ namespace orx {
 // that is of no use to it is dropped. Returns 0 when the session must end, else 1.
 int FeedProgram(Session *pSession, unsigned nTrack, const uint8_t *pFrame, uint32_t nBytes);
 
-// A read of the session is worked off: what the packets of a playing pusher added to the players' queues
-// leaves on every second read.
-void FeedEnd(Session *pSession);
+// A read of the session is worked off: of a playing pusher, what its packets added to the players' queues
+// leaves with every second one.
+void FlushAfterRead(Session *pSession);
 
 }  // namespace orx

@@ -8,10 +8,10 @@ namespace orx {
 int QueueCopy(Session *pSession, const DataBlock *pBlock)
 {
     uint8_t nPayloadType = BlockData(pBlock)[kInterleaveBytes + 1] & 0x7F;
-    int nTrack = TrackOfPayload(pSession, nPayloadType, TrackChoice::Described);
+    int nTrack = TrackOfPayload(pSession, nPayloadType, TrackChoice::First);
     if (nTrack < 0)
         return -1;
-    if (pSession->output.nBlockedSends >= kBlockedSends && !(pBlock->nFlags & DB_VIDEO))
+    if (pSession->flow.nBlockedSends >= kBlockedSends && !(pBlock->nFlags & DB_VIDEO))
         return -1;
     uint32_t nSkip = pSession->out.bInterleaved ? 0 : kInterleaveBytes;
     DataBlock *pCopy = MakeDataBlock2(BlockData(pBlock) + nSkip, pBlock->len - nSkip, pBlock->nFlags);
@@ -34,12 +34,12 @@ void QueueBefore(Session *pSession, DataBlock *pBlock, DataBlock *pBefore)
 
 int RepliesPileUp(const Session *pSession)
 {
-    if (ListCount(&pSession->out.Outq) <= kWaitingReplies)
+    if (ListCount(&pSession->out.Outq) <= kRepliesAbove)
         return 0;
     uint32_t nReplies = 0;
     for (auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq); p; p = NextBlock(p))
         nReplies += !(p->nFlags & DB_MEDIA);
-    return nReplies > kWaitingReplies;
+    return nReplies > kRepliesAbove;
 }
 
 // Whoever plays a recording sees numbers without a hole across pauses and jumps (RFC 2326, appendix B), and

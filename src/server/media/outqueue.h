@@ -7,21 +7,27 @@
 
 namespace orx {
 
-// When what waits leaves, and when the one it waits for has lost it. All of them in blocks of a queue, but
-// for the blocked sends.
-constexpr uint32_t kFlushAfterRead = 5;  // above: leaves after a read of the pusher; about a picture's
-                                         // packets, so that small pictures gather
-constexpr uint32_t kFlushAtOnce = 50;  // above: leaves with the next packet; a key picture is longer than the
-                                       // pusher's read, and a socket should begin to take it
-constexpr uint32_t kGiveUp = 1000;     // above, though flushed: the player is given up; some seconds of media
-constexpr uint32_t kBlockedSends = 20;  // from here on a live player gets video alone, and at exactly this
-                                        // one loses what waits ([SERVER] AutoDropDataWhenCrowded)
-constexpr uint32_t kWaitingReplies = 1000;  // above: a peer that asks and does not read is given up
+// A queue leaves, through SendDataEx,
+// - after a read of the pusher that is an odd one in number, when more than kFlushAfterReadAbove wait
+//   (FlushPlayers),
+// - with a packet that finds more than kFlushAtOnceAbove (CachePacketEx),
+// - with every reply (SendReply2),
+// - by a timer: what a full socket left after 200 ms (OnSessionDelaySendTimer), a start over UDP every 20 ms
+//   (OnCatchUpTimer), a recording every 200 ms (OnFileSend).
+// The limits count blocks.
+constexpr uint32_t kFlushAfterReadAbove = 5;  // about a picture's packets, so that small pictures gather
+constexpr uint32_t kFlushAtOnceAbove = 50;    // a key picture is longer than one read of the pusher
+constexpr uint32_t kGiveUpAbove = 1000;       // though flushed: some seconds of media; the player is ended
+constexpr uint32_t kRepliesAbove = 1000;      // that wait: a peer that asks and does not read is ended
 
-// Which of the tracks with a payload type is meant, if two of a program share one.
+// A live player whose socket was full so many times in a row loses the media that waits, and gets video alone
+// until something leaves again ([SERVER] AutoDropDataWhenCrowded).
+constexpr uint32_t kBlockedSends = 20;
+
+// Which track is meant where a program has two of one payload type, of which the player set the second up.
 enum class TrackChoice {
-    Described,  // the first of the description: what a pusher sends is its, whether a player set it up or not
-    SetUp,      // the first that the player set up: a queue holds packets of no other
+    First,  // the first: what a pusher sends counts as its, and is not for this player
+    SetUp,  // the second: the queue holds packets of no other
 };
 
 // The track of the session that carries the payload type, when it is set up; else -1.
@@ -29,7 +35,7 @@ inline int TrackOfPayload(const Session *pSession, uint8_t nPayloadType, TrackCh
 {
     for (int i = 0; i < pSession->out.nTracks; i++) {
         const SessionTrack *pTrack = &pSession->tracks[i];
-        if (pTrack->nPayloadType == nPayloadType && (pTrack->bSetUp || eChoice == TrackChoice::Described))
+        if (pTrack->nPayloadType == nPayloadType && (pTrack->bSetUp || eChoice == TrackChoice::First))
             return pTrack->bSetUp ? i : -1;
     }
     return -1;

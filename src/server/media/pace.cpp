@@ -14,7 +14,7 @@ static constexpr uint32_t kCatchUpSpeed = 4;  // times real time, of a start ove
 // last.
 static int CatchesUp(const Session *pSession)
 {
-    return pSession->output.nStartBlocks > 0 && !pSession->out.bInterleaved &&
+    return pSession->flow.nStartBlocks > 0 && !pSession->out.bInterleaved &&
            ClockMs() - pSession->play.nPlayClock < pSession->pProg->cache.nCacheLimit;
 }
 
@@ -26,7 +26,7 @@ Pace PaceOf(const Session *pSession)
     uint32_t nSent = pPlay->nPlayPos - pPlay->nPlayStart;
     if (!pSession->pProg->bLive)
         return {1, pPlay->nPlayStart, ClockMs() - pPlay->nPlayClock, nSent, kFileLeadMs};
-    return {CatchesUp(pSession), pPlay->nPlayStart, pSession->output.nCatchUpMs, nSent, 0};
+    return {CatchesUp(pSession), pPlay->nPlayStart, pSession->flow.nCatchUpMs, nSent, 0};
 }
 
 DataBlock *PaceFirstHeld(const Session *pSession)
@@ -46,16 +46,16 @@ DataBlock *PaceFirstHeld(const Session *pSession)
 
 void PaceStart(Session *pSession, uint32_t nBlocks)
 {
-    pSession->output.nStartBlocks = nBlocks;
-    pSession->output.nCatchUpMs = 0;
-    pSession->output.nCatchUpClock = ClockMs();
+    pSession->flow.nStartBlocks = nBlocks;
+    pSession->flow.nCatchUpMs = 0;
+    pSession->flow.nCatchUpClock = ClockMs();
 }
 
 void PaceRaise(Session *pSession, uint32_t nNow)
 {
-    SessionOutput *pOutput = &pSession->output;
-    pOutput->nCatchUpMs += kCatchUpSpeed * std::min(nNow - pOutput->nCatchUpClock, kCatchUpStepMs);
-    pOutput->nCatchUpClock = nNow;
+    SessionFlow *pFlow = &pSession->flow;
+    pFlow->nCatchUpMs += kCatchUpSpeed * std::min(nNow - pFlow->nCatchUpClock, kCatchUpStepMs);
+    pFlow->nCatchUpClock = nNow;
 }
 
 }  // namespace orx

@@ -8,8 +8,8 @@
 #include "base/textnumber.h"
 #include "record/zmfwriter.h"
 #include "runtime/clock.h"
-#include "server/media/send.h"
 #include "server/core/settings.h"
+#include "server/media/send.h"
 
 namespace orx {
 
@@ -154,18 +154,22 @@ static int PreRecord(ZMFWriter *pWriter, const Program *pProg, uint32_t nSeconds
     return 1;
 }
 
-int StartRecord(Program *pProg, const RecordOrder *pOrder)
+RecordStart StartRecord(Program *pProg, const RecordOrder *pOrder)
 {
+    if (!ORX_PEER_ASSERT(pProg->bLive && pProg->desc.szSdp, "pProg->bLive && pProg->szSdp"))
+        return RecordStart::Fault;
+    if (pProg->nRecorders == kMaxRecorders)
+        return RecordStart::Runs;
     uint32_t nPreRecord = PreRecordSeconds(pProg, pOrder->nKind);
     ZMFWriter *pWriter = OpenWriter(pProg, pOrder, nPreRecord);
     if (!pWriter)
-        return 0;
+        return RecordStart::NoSpace;
     if (!BeginFile(pWriter, pProg, pOrder) || !PreRecord(pWriter, pProg, nPreRecord)) {
         ZMFWriterDiscard(pWriter);
-        return 0;
+        return RecordStart::NoSpace;
     }
     pProg->recorders[pProg->nRecorders++] = pWriter;
-    return 1;
+    return RecordStart::Runs;
 }
 
 }  // namespace orx

@@ -17,9 +17,14 @@ struct RecordOrder {
     char szFile[kStoragePathSize] = "";  // its name; empty when that is too long
 };
 
-// Begins a recording of a live program that has a writer free, for an alarm with what the cache holds of the
-// time before. Returns 1, or 0 (printed) when the file cannot be made or has no room.
-int StartRecord(Program *pProg, const RecordOrder *pOrder);
+enum class RecordStart {
+    Runs,     // or as many run already as a program may have
+    NoSpace,  // the file cannot be made or has no room, which is printed
+    Fault,    // a peer assertion failed and was survived: the program is none that can be recorded
+};
+
+// Begins a recording of a live program, for an alarm with what the cache holds of the time before.
+RecordStart StartRecord(Program *pProg, const RecordOrder *pOrder);
 
 // Ends the first manual recording; others end only by their limits.
 void StopRecord(Program *pProg);

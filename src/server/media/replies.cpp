@@ -16,7 +16,7 @@ struct StatusRow {
     const char *szLine;
 };
 
-// One status line a row. Refusals tell the cause in parentheses. Clients compare these texts: they stay.
+// One status line a row. Refusals tell the cause in parentheses.
 static constexpr StatusRow g_statuses[] = {
     {STATUS_OK, HEAD_BOTH, "RTSP/1.0 200 OK"},
     {STATUS_NO_RECORD_SPACE, HEAD_BOTH, "RTSP/1.0 200 NOT enough space to RECORD."},
@@ -89,6 +89,20 @@ void RequestBegin(Message *pRequest, const char *szMethod)
 {
     TextAdd(&pRequest->text, "%s RTSP/1.0\r\n", szMethod);
     AddHead(pRequest, HEAD_BOTH, pRequest->pSession->nCSeq);
+}
+
+int RequestSend(Message *pRequest, const void *pBody, size_t nBody, size_t nMost)
+{
+    TextAdd(&pRequest->text, "\r\n");
+    TextAddBytes(&pRequest->text, pBody, nBody);
+    if (pRequest->text.bFull || pRequest->text.nLen > nMost)
+        return 0;
+    Session *pPeer = pRequest->pSession;
+    Port *pPort = SessionControlPort(pPeer);
+    if (!pPort)
+        return -1;
+    pPeer->nCSeq++;
+    return SendReply(pPeer, pPort, pRequest->sz, pRequest->text.nLen) ? 1 : -1;
 }
 
 void MessageNoCache(Message *pMessage)

@@ -1,5 +1,6 @@
 // What the server says on a connection: one table of status lines, and one builder for replies and for the
-// requests that go to pushers. Changing a text is changing its row in replies.cpp. Scheduler thread only.
+// requests that go to pushers. Changing a text is changing its row in replies.cpp, and docs/protocol.md: the
+// other side may compare it. Scheduler thread only.
 #pragma once
 
 #include <cstddef>
@@ -46,9 +47,9 @@ enum Status {
 // A reply or request under construction. Lines stand in the order in which they are added; those of one's own
 // (each with its "\r\n") go straight into the text.
 struct Message {
-    Session *pSession;
-    Port *pPort;          // that the request came on, or that one to a pusher goes to
-    char sz[4096 + 256];  // a header block that is passed on, and lines around it
+    Session *pSession;             // of the peer; null is allowed until a line is added
+    Port *pPort;                   // that the request came on; of a request to a pusher null until it is sent
+    char sz[kMaxHeadBytes + 256];  // a header block that is passed on, and lines around it
     TextBuf text{sz, sizeof(sz)};
     Message(Session *pForSession, Port *pByPort) : pSession(pForSession), pPort(pByPort) {}
     Message(const Message &) = delete;
@@ -61,8 +62,12 @@ void ReplyBegin(Message *pReply, Status eStatus);
 void ReplyBeginNumbered(Message *pReply, Status eStatus, int nCSeq);
 // The same with a status text that a pusher chose.
 void ReplyBeginText(Message *pReply, const char *szStatus);
-// Begins a request to the session's peer; its number is used up by whoever sends it.
+// Begins a request to the session's peer, numbered by the session. RequestSend ends the header block, adds
+// the body and sends it, which uses the number up; it is not sent when all of it is more than nMost bytes.
+// Returns 1 when it was sent, 0 when it is too long, -1 when the peer cannot be reached: its session is to
+// end.
 void RequestBegin(Message *pRequest, const char *szMethod);
+int RequestSend(Message *pRequest, const void *pBody, size_t nBody, size_t nMost);
 
 // Further lines that many replies have.
 void MessageNoCache(Message *pMessage);

@@ -53,8 +53,8 @@ size_t RtcpMakeSDES(uint8_t *pOut, size_t nRoom, uint32_t nSsrc, const char *szC
     PutHead(pOut, 1, RTCP_SDES, nBytes);
     PutBe(pOut + 4, 4, nSsrc);
     PutBe(pOut + 8, 1, 1);  // CNAME
-    // the item's length is the room behind it but for its last four bytes, which may be shorter than the text:
-    // part of this protocol, though RFC 3550 has the text's own length here
+    // the item's length is the room behind it but for its last four bytes, which may be shorter than the
+    // text: part of this protocol, though RFC 3550 has the text's own length here
     PutBe(pOut + 9, 1, static_cast<uint32_t>(nBytes - 13));
     std::copy_n(szCname, nLen, pOut + 10);
     return nBytes;
@@ -277,7 +277,7 @@ static void SendFirstRtcpReport(Session *pSession, int nTrack, const uint8_t *pR
     pTrack->nSsrc = GetBe(pRtp + 8, 4);
     print("SendFirstRtcpReport():\r\n");
     SendTrackReport(pSession, nTrack, 0, pAfter);
-    pSession->output.tLastReport = ClockUptime();
+    pSession->flow.tLastReport = ClockUptime();
 }
 
 void RtcpNotePacketSent(Session *pSession, int nTrack, const uint8_t *pRtp, size_t nLen, DataBlock *pAfter)
@@ -292,7 +292,7 @@ void RtcpNotePacketSent(Session *pSession, int nTrack, const uint8_t *pRtp, size
 
 static int ReportDue(const Session *pSession)
 {
-    return ClockUptime() - pSession->output.tLastReport >= kReportPeriod;
+    return ClockUptime() - pSession->flow.tLastReport >= kReportPeriod;
 }
 
 // The reports of every track set up, when they are due. Returns 1, or 0 when they are not.
@@ -306,7 +306,7 @@ static int SendReports(Session *pSession, int bBye)
         print("SendRtcpReport():\r\n");
         SendTrackReport(pSession, i, bBye, nullptr);
     }
-    pSession->output.tLastReport = ClockUptime();
+    pSession->flow.tLastReport = ClockUptime();
     return 1;
 }
 

@@ -100,14 +100,14 @@ static int OnSessionDelaySendTimer(Task *pTask, uint32_t, uint32_t, uint32_t)
 // The socket takes no more. A call that comes again by itself only counts, any other is repeated by a timer.
 static void OnBlocked(Session *pSession, const Port *pPort, int bPush)
 {
-    SessionOutput *pOutput = &pSession->output;
+    SessionFlow *pFlow = &pSession->flow;
     if (bPush) {
-        if (!g_settings.bAutoDrop || !pSession->pProg || !pSession->pProg->bLive || pOutput->nStartBlocks > 0)
+        if (!g_settings.bAutoDrop || !pSession->pProg || !pSession->pProg->bLive || pFlow->nStartBlocks > 0)
             return;
-        if (++pOutput->nBlockedSends != kBlockedSends)
+        if (++pFlow->nBlockedSends != kBlockedSends)
             return;
         QueueDropCrowded(pSession);
-        print("SendDataEx(socket=0x%x) blocked count=%u!\r\n", pPort->fd, pOutput->nBlockedSends);
+        print("SendDataEx(socket=0x%x) blocked count=%u!\r\n", pPort->fd, pFlow->nBlockedSends);
         return;
     }
     if (pSession->nFlags & (SESSION_FILE_SENDER | SESSION_DELAYED_SEND))
@@ -122,7 +122,7 @@ static int WriteBatch(Session *pSession, Batch *pBatch)
     int nLeft = 0;
     int nResult = WireWrite(pBatch, &nLeft);
     if (nResult > 0)
-        pSession->output.nBlockedSends = 0;
+        pSession->flow.nBlockedSends = 0;
     for (int i = 0; i < nLeft && i < pBatch->nBlocks; i++)
         BlockDone(pSession, pBatch->blocks[i]);
     return nResult;
@@ -141,7 +141,7 @@ int SendDataEx(Session *pSession, Port *pPort, int bPush)
     Pace pace = PaceOf(pSession);
     for (;;) {
         if (ListCount(&pSession->out.Outq) == 0 && !(pace.bPaced && Refill(pSession))) {
-            pSession->output.nStartBlocks = 0;
+            pSession->flow.nStartBlocks = 0;
             return 1;
         }
         if (pace.bPaced)
@@ -172,7 +172,7 @@ static int OnCatchUpTimer(Task *pTask, uint32_t, uint32_t nNow, uint32_t)
         SessionClosePort(pSession, PortOfTask(pTask));
         return -1;
     }
-    if (pSession->output.nStartBlocks > 0)
+    if (pSession->flow.nStartBlocks > 0)
         return kCatchUpStepMs;
     pSession->nFlags &= ~SESSION_CATCHES_UP;
     return -1;

@@ -9,9 +9,9 @@
 
 namespace orx {
 
-// Sends from the head of the queue; pPort null: the socket is chosen per block. bPush: a call from the
-// fan-out or the file sender, which come again by themselves. Returns 1 when the queue was drained or the
-// rest deferred, 0 on a socket error: the caller ends the session.
+// Sends from the head of the queue; pPort null: the socket is chosen per block. bPush: a call that comes
+// again by itself, from the fan-out, the file sender or a start. Returns 1 when the queue was drained or the
+// rest deferred, 0 on a socket error or for a block that has no socket: the caller ends the session.
 int SendDataEx(Session *pSession, Port *pPort, int bPush);
 
 // Tells how much media a start from the cache has put into the queue. With [INTEROP] StandardPlayers it gets

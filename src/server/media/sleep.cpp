@@ -12,12 +12,9 @@ constexpr uint32_t kSleepAfter = 60;  // seconds that a program idles before its
 // Sends one of the two requests. Returns 1, or 0 when there is no connection or writing to it failed.
 static int Tell(Session *pPusher, const char *szMethod)
 {
-    Message request(pPusher, SessionControlPort(pPusher));
-    if (!request.pPort)
-        return 0;
+    Message request(pPusher, nullptr);
     RequestBegin(&request, szMethod);
-    pPusher->nCSeq++;
-    return MessageSend(&request) == Verdict::Keep;
+    return RequestSend(&request, nullptr, 0, sizeof(request.sz)) > 0;
 }
 
 static int IsIdle(const Program *pProg)

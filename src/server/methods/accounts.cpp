@@ -8,10 +8,10 @@
 #include "base/inifile.h"
 #include "base/textbuf.h"
 #include "base/textnumber.h"
-#include "server/methods/auth.h"
 #include "server/core/program.h"
 #include "server/core/registry.h"
 #include "server/core/settings.h"
+#include "server/methods/auth.h"
 
 namespace orx {
 

@@ -16,9 +16,9 @@
 
 namespace orx {
 
-constexpr uint32_t kFileBuffer = 65536;        // bytes of a session's read buffer for recordings
-constexpr int kNobodysLevel = 3;               // until a password was shown
-constexpr size_t kMaxCredentials = 4096 + 32;  // a header block and what is put before it
+constexpr uint32_t kFileBuffer = 65536;                 // bytes of a session's read buffer for recordings
+constexpr int kNobodysLevel = 3;                        // until a password was shown
+constexpr size_t kMaxCredentials = kMaxHeadBytes + 32;  // a header block and what is put before it
 
 int ChooseReplyPort(Session *pSession, Port *pPort)
 {
@@ -95,7 +95,7 @@ static Admission Challenge(Session *pSession, Port *pPort)
     Message reply(pSession, pPort);
     ReplyBeginNumbered(&reply, STATUS_UNAUTHORIZED, pSession->nCSeq);  // the request will come again
     TextAdd(&reply.text, "%s", line);
-    return MessageSend(&reply) == Verdict::Keep ? CHALLENGED : UNREACHED;
+    return MessageSend(&reply) == Verdict::Keep ? CHALLENGED : ENDED;
 }
 
 // Checks the credentials of a DESCRIBE or QUICKPLAY and answers when they do not let the player in.
@@ -115,7 +115,7 @@ static Admission Admit(Session *pSession, Port *pPort, const Request *pRequest)
     if (TextAdd(&text, "%s\r\nAuthorization: %s", RequestMethod(pRequest), szValue))
         nLevel = AuthValidate(g_server.pAuth, credentials, RequestUri(pRequest));
     if (nLevel < 0)
-        return ReplyShort(pSession, pPort, STATUS_FORBIDDEN) == Verdict::Keep ? REFUSED : UNREACHED;
+        return ReplyShort(pSession, pPort, STATUS_FORBIDDEN) == Verdict::Keep ? REFUSED : ENDED;
     pSession->viewer.nUserLevel = nLevel;
     TextCopy(pSession->viewer.szUser, sizeof(pSession->viewer.szUser), g_server.pAuth->szUser);
     return ADMITTED;
@@ -125,10 +125,10 @@ Admission EnterProgram(Session *pSession, Port *pPort, Request *pRequest)
 {
     if (pSession->nState != STATE_NEW) {
         ReplyStatus(pSession, pPort, STATUS_WRONG_STATE);
-        return UNREACHED;
+        return ENDED;
     }
     if (!ChooseReplyPort(pSession, pPort) || !AttachByPath(pSession, pPort, pRequest))
-        return UNREACHED;
+        return ENDED;
     return Admit(pSession, pPort, pRequest);
 }
 

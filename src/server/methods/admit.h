@@ -18,7 +18,7 @@ enum Admission {
     ADMITTED,
     CHALLENGED,  // the 401 is sent
     REFUSED,     // the 403 is sent
-    UNREACHED,   // a reply could not be sent, or the refusal that was sent ends the session
+    ENDED,       // 404, 455, or a reply that could not be sent: the session is to end
 };
 
 // State, reply port, program and credentials of a DESCRIBE or QUICKPLAY. Returns ADMITTED, or why not, with

@@ -28,7 +28,7 @@ static int ReplaceOldPusher(Session *pSession, Port *pPort, const char *szPath)
         SessionEnd(pPusher);
         return 1;
     }
-    // numbered by the counter of the pusher that stays: it is that pusher's session that answers
+    // part of the protocol: the number is that of the pusher that stays
     Message reply(pSession, pPort);
     ReplyBeginNumbered(&reply, STATUS_DUPLICATE, pPusher->nCSeq++);
     MessageNoCache(&reply);
@@ -47,9 +47,10 @@ static int OnLiveWatchdog(Task *pTask, uint32_t, uint32_t, uint32_t)
         print("Live Program Client(socket=0x%x) is broken!\r\n", static_cast<unsigned>(pPort->fd));
         return -1;
     }
-    if (!pSession->bEnded)
+    pSession = SessionOfTask(pTask);  // what was read may have ended it, or given the connection to another
+    if (pSession)
         SleepIfIdle(pSession);
-    if (pSession->bEnded)
+    if (!pSession || pSession->bEnded)
         return -1;
     const Program *pProg = pSession->pProg;
     return pProg && pProg->sleep.bSleeping ? kSleepingPeriodMs
@@ -91,7 +92,7 @@ Verdict HandleAnnounce(Session *pSession, Port *pPort, Request *pRequest)
         return Verdict::End;
     if (!HasDescription(pRequest))
         return Refuse(pSession, pPort, STATUS_NO_SDP);
-    // a challenged DESCRIBE may have left a program here, whose players are about to be freed with it
+    // a challenged DESCRIBE may have left a program here, whose players are about to end with it
     ProgramDetach(pSession);
     const char *szPath = RequestPath(pRequest);
     if (!ReplaceOldPusher(pSession, pPort, szPath))

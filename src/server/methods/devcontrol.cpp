@@ -32,27 +32,20 @@ static int FeedsProgram(const Session *pSession)
     return FindPusher(pSession) == pSession;
 }
 
-// Ends the header block and adds the body. Returns 1, or 0 when that is more than is forwarded.
-static int Complete(Message *pRequest, const void *pBody, size_t nBody)
+// Sends a request that is complete but for its body. A pusher that cannot be reached ends, and with it who
+// asked; what is too long is refused.
+static Verdict Forward(Message *pMessage, Session *pSession, Port *pPort, const Request *pBody,
+                       Status eTooLong)
 {
-    TextAdd(&pRequest->text, "\r\n");
-    TextAddBytes(&pRequest->text, pBody, nBody);
-    return !pRequest->text.bFull && pRequest->text.nLen <= kForwardBytes;
-}
-
-// Sends a complete request. When it cannot be written the pusher's session ends, and with it that of who
-// asked.
-static Verdict Forward(Message *pRequest)
-{
-    Session *pPusher = pRequest->pSession;
-    pPusher->nCSeq++;
-    Port *pPort = SessionControlPort(pPusher);
-    if (!pPort || !SendReply(pPusher, pPort, pRequest->sz, pRequest->text.nLen))
-        SessionEnd(pPusher);
+    int nSent = RequestSend(pMessage, pBody->pBody, pBody->nBody, kForwardBytes);
+    if (nSent == 0)
+        return ReplyShort(pSession, pPort, eTooLong);
+    if (nSent < 0)
+        SessionEnd(pMessage->pSession);
     return Verdict::Keep;
 }
 
-// Builds the request; 0 when something is missing or does not fit.
+// Writes the head of the request; 0 when something is missing.
 static int WriteCamControl(Message *pMessage, const Session *pSession, const Request *pRequest)
 {
     const char *szAction = RequestHeaderValue(pRequest, "CamAction");
@@ -69,7 +62,7 @@ static int WriteCamControl(Message *pMessage, const Session *pSession, const Req
         TextAdd(&pMessage->text, "Content-Type: text/plain\r\nContent-length: %d\r\n",
                 static_cast<int>(pRequest->nBody));
     TextAdd(&pMessage->text, "ClientSsId: %u\r\n", pSession->nHandle);
-    return Complete(pMessage, pRequest->pBody, pRequest->nBody);
+    return 1;
 }
 
 Verdict HandleCamControl(Session *pSession, Port *pPort, Request *pRequest)
@@ -77,7 +70,7 @@ Verdict HandleCamControl(Session *pSession, Port *pPort, Request *pRequest)
     Message message(FindPusher(pSession), nullptr);
     if (!WriteCamControl(&message, pSession, pRequest))
         return ReplyShort(pSession, pPort, STATUS_NO_CAMCONTROL);
-    return Forward(&message);
+    return Forward(&message, pSession, pPort, pRequest, STATUS_NO_CAMCONTROL);
 }
 
 Verdict HandlePutVoice(Session *pSession, Port *pPort, Request *pRequest)
@@ -91,9 +84,7 @@ Verdict HandlePutVoice(Session *pSession, Port *pPort, Request *pRequest)
     RequestBegin(&message, "PUTVOICE");
     TextAdd(&message.text, "Content-Type: audio/amr\r\nContent-length: %d\r\nClientSsId: %u\r\n",
             static_cast<int>(pRequest->nBody), pSession->nHandle);
-    if (!Complete(&message, pRequest->pBody, pRequest->nBody))
-        return ReplyShort(pSession, pPort, STATUS_BAD_REQUEST);
-    return Forward(&message);
+    return Forward(&message, pSession, pPort, pRequest, STATUS_BAD_REQUEST);
 }
 
 Verdict HandleGetCamInfo(Session *pSession, Port *pPort, Request *pRequest)
@@ -108,9 +99,8 @@ Verdict HandleGetCamInfo(Session *pSession, Port *pPort, Request *pRequest)
         return ReplyShort(pSession, pPort, STATUS_NO_GETCAMCFG);
     RequestBegin(&message, "GETCAMINFO");
     TextAdd(&message.text, "GetInfoType: %s\r\nClientSsId: %u\r\n", szType, pSession->nHandle);
-    if (!Complete(&message, nullptr, 0))
-        return ReplyShort(pSession, pPort, STATUS_NO_GETCAMCFG);
-    return Forward(&message);
+    const Request noBody;  // one of the question itself is not passed on
+    return Forward(&message, pSession, pPort, &noBody, STATUS_NO_GETCAMCFG);
 }
 
 // The session that an answer is for: the one with that handle, the oldest one for 0. Null when the number is
@@ -121,8 +111,7 @@ static Session *FindAsker(const char *szHandle)
     unsigned long long nHandle = strtoull(szHandle, &pEnd, 10);
     if (*szHandle < '0' || *szHandle > '9' || pEnd[strspn(pEnd, " \t")] != '\0')
         return nullptr;
-    for (auto *p = ListFirstOf<Session>(&g_server.sessions); p;
-         p = static_cast<Session *>(ListNext(&g_server.sessions, p, 0)))
+    for (Session *p = FirstSession(); p; p = NextSession(p))
         if (nHandle == 0 || p->nHandle == nHandle)
             return p;
     return nullptr;

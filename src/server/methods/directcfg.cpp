@@ -6,21 +6,21 @@
 #include <cstdlib>
 
 #include "base/console.h"
+#include "base/filewrite.h"
 #include "base/inifile.h"
 #include "base/textbuf.h"
 #include "bridge/cgipush.h"
 #include "net/wifiscan.h"
-#include "server/methods/auth.h"
-#include "base/filewrite.h"
+#include "server/core/settings.h"
 #include "server/media/replies.h"
 #include "server/media/send.h"
-#include "server/core/settings.h"
+#include "server/methods/auth.h"
 
 namespace orx {
 
-constexpr size_t kPieceBytes = 32768;  // of a long answer; a block of the output queue stays below 65536
+constexpr size_t kPieceBytes = 32768;    // of a long answer; a block of the output queue stays below 65536
 constexpr size_t kCredentialSize = 256;  // bytes of a name or password as it is read
-constexpr size_t kMemPrefix = 6;  // "inmem:" before the text
+constexpr size_t kMemPrefix = 6;         // "inmem:" before the text
 constexpr char kCfgTemplate[] = "/tmp/orxXXXXXX.cfg";
 constexpr int kCfgSuffix = 4;  // ".cfg": the camera goes by it
 

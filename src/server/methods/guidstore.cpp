@@ -4,9 +4,9 @@
 
 #include <cstring>
 
+#include "base/filewrite.h"
 #include "base/inifile.h"
 #include "base/textbuf.h"
-#include "base/filewrite.h"
 
 namespace orx {
 

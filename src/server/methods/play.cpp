@@ -8,13 +8,13 @@
 #include "base/textbuf.h"
 #include "base/textnumber.h"
 #include "runtime/clock.h"
+#include "server/core/settings.h"
 #include "server/media/distribute.h"
 #include "server/media/fileprogram.h"
 #include "server/media/filesend.h"
 #include "server/media/outqueue.h"
 #include "server/media/replies.h"
 #include "server/methods/options.h"
-#include "server/core/settings.h"
 
 namespace orx {
 
@@ -121,11 +121,11 @@ static void StartFile(Message *pReply, const Request *pRequest)
 static uint32_t FirstMediaTime(Session *pSession)
 {
     List *pQueue = &pSession->out.Outq;
-    auto *pBlock = static_cast<DataBlock *>(ListFirst(pQueue, 0));
+    auto *pBlock = ListFirstOf<DataBlock>(pQueue);
     while (pBlock && !(pBlock->nFlags & DB_MEDIA))
-        pBlock = static_cast<DataBlock *>(ListNext(pQueue, pBlock, 0));
+        pBlock = NextBlock(pBlock);
     if (!pBlock || (pSession->nFlags & SESSION_PUSHER))
-        pBlock = static_cast<DataBlock *>(ListFirst(&pSession->pProg->cache.Pktq, 0));
+        pBlock = ListFirstOf<DataBlock>(&pSession->pProg->cache.Pktq);
     return pBlock ? pBlock->nTimestamp : 0;
 }
 
@@ -134,14 +134,14 @@ static uint32_t FirstMediaTime(Session *pSession)
 static DataBlock *StartLive(Message *pReply, const Request *pRequest)
 {
     Session *pSession = pReply->pSession;
-    auto *pOldHead = static_cast<DataBlock *>(ListFirst(&pSession->out.Outq, 0));
+    auto *pOldHead = ListFirstOf<DataBlock>(&pSession->out.Outq);
     if (!(pSession->nFlags & SESSION_PUSHER))
         FillBufferAtFirstPlay(pSession);
     pSession->play.nPlayStart = pSession->play.nPlayPos = FirstMediaTime(pSession);
     ReplyBegin(pReply, STATUS_OK);
     TextAdd(&pReply->text, "Range: npt=now-\r\n");
     AddPlayLines(pReply, pRequest, 0);
-    return pOldHead ? pOldHead : static_cast<DataBlock *>(ListFirst(&pSession->out.Outq, 0));
+    return pOldHead ? pOldHead : ListFirstOf<DataBlock>(&pSession->out.Outq);
 }
 
 // Standard players jump while a recording plays: PAUSE is no method that OPTIONS tells them of, and so
@@ -154,7 +154,7 @@ static int MayPlay(const Session *pSession, const Request *pRequest)
         return 1;
     if (!g_settings.bStandardPlayers || pSession->pProg->bLive)
         return 0;
-    return pSession->nState == STATE_ENDED ||
+    return pSession->nState == STATE_FINISHED ||
            (pSession->nState == STATE_PLAYING && RequestHeaderValue(pRequest, "Range"));
 }
 
@@ -195,8 +195,8 @@ Verdict HandleRecord(Session *pSession, Port *pPort, Request *pRequest)
 Verdict HandlePause(Session *pSession, Port *pPort, Request *)
 {
     QueueDropAll(pSession);
-    int bEnded = g_settings.bStandardPlayers && pSession->nState == STATE_ENDED;
-    if (pSession->nState != STATE_PLAYING && !bEnded)
+    int bFinished = g_settings.bStandardPlayers && pSession->nState == STATE_FINISHED;
+    if (pSession->nState != STATE_PLAYING && !bFinished)
         return Refuse(pSession, pPort, STATUS_WRONG_STATE);
     pSession->nState = STATE_PAUSED;
     Message reply(pSession, pPort);

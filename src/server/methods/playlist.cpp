@@ -7,13 +7,13 @@
 #include "base/console.h"
 #include "base/textbuf.h"
 #include "record/sdpreader.h"
-#include "server/methods/accounts.h"
-#include "server/methods/auth.h"
 #include "server/core/program.h"
-#include "server/media/replies.h"
-#include "server/media/send.h"
 #include "server/core/registry.h"
 #include "server/core/settings.h"
+#include "server/media/replies.h"
+#include "server/media/send.h"
+#include "server/methods/accounts.h"
+#include "server/methods/auth.h"
 
 namespace orx {
 
@@ -75,9 +75,7 @@ static size_t WriteList(char *szList, const OwnAccount *pAccount, PictureSize sc
     TextBuf text{szList, kListSize - 2};  // the empty line always fits
     TextAdd(&text, "PlayList:%4d%02d%02d-%02d%02d\r\n", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour,
             t.tm_min);
-    for (auto *pNode = ListFirstOf<ListNode>(&g_server.programs); pNode && text.nLen < kListFull;
-         pNode = pNode->pNext) {
-        const auto *pProg = reinterpret_cast<Program *>(pNode);
+    for (const Program *pProg = FirstProgram(); pProg && text.nLen < kListFull; pProg = NextProgram(pProg)) {
         if (pProg->bLive && pProg->pPusher)
             AddProgram(&text, pProg, pAccount, screen);
     }
@@ -85,7 +83,7 @@ static size_t WriteList(char *szList, const OwnAccount *pAccount, PictureSize sc
     return text.nLen + 2;
 }
 
-// Numbered 1, whatever the request's number is: the list itself has no number either.
+// Part of the protocol: numbered 1, whatever the request's number is.
 static Verdict ReplyUnauthorized(Session *pSession, Port *pPort)
 {
     Message reply(pSession, pPort);

@@ -34,7 +34,7 @@ Verdict HandleQuickPlay(Session *pSession, Port *pPort, Request *pRequest)
     Program *pProg = pSession->pProg;
     pSession->play.nPlayClock = ClockMs();
     if (pProg->bLive) {
-        auto *pFirst = static_cast<DataBlock *>(ListFirst(&pProg->cache.Pktq, 0));
+        auto *pFirst = ListFirstOf<DataBlock>(&pProg->cache.Pktq);
         pSession->play.nPlayPos = pFirst ? pFirst->nTimestamp : 0;
     }
     pSession->play.nPlayStart = pSession->play.nPlayPos;

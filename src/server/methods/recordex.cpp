@@ -2,7 +2,6 @@
 
 #include <cstring>
 
-#include "base/assertion.h"
 #include "base/textbuf.h"
 #include "base/textnumber.h"
 #include "server/core/settings.h"
@@ -35,13 +34,16 @@ static RecordOrder ReadOrder(const char *szParams)
 
 static Verdict Start(Session *pSession, Port *pPort, const char *szParams)
 {
-    Program *pProg = pSession->pProg;
-    if (!ORX_PEER_ASSERT(pProg->bLive && pProg->desc.szSdp, "pProg->bLive && pProg->szSdp"))
-        return RefuseFault(pSession, pPort);
-    if (pProg->nRecorders == kMaxRecorders)
-        return ReplyShort(pSession, pPort, STATUS_OK);
     RecordOrder order = ReadOrder(szParams);
-    return ReplyShort(pSession, pPort, StartRecord(pProg, &order) ? STATUS_OK : STATUS_NO_RECORD_SPACE);
+    switch (StartRecord(pSession->pProg, &order)) {
+        case RecordStart::Runs:
+            return ReplyShort(pSession, pPort, STATUS_OK);
+        case RecordStart::NoSpace:
+            return ReplyShort(pSession, pPort, STATUS_NO_RECORD_SPACE);
+        case RecordStart::Fault:
+            break;
+    }
+    return RefuseFault(pSession, pPort);
 }
 
 Verdict HandleRecordEx(Session *pSession, Port *pPort, Request *pRequest)

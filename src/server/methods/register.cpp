@@ -2,10 +2,10 @@
 
 #include "base/console.h"
 #include "base/textbuf.h"
-#include "server/methods/guidstore.h"
-#include "server/media/replies.h"
 #include "server/core/registry.h"
 #include "server/core/settings.h"
+#include "server/media/replies.h"
+#include "server/methods/guidstore.h"
 
 namespace orx {
 

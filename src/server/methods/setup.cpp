@@ -9,10 +9,10 @@
 #include "base/textbuf.h"
 #include "base/textnumber.h"
 #include "runtime/sockutil.h"
-#include "server/media/replies.h"
 #include "server/core/registry.h"
 #include "server/core/settings.h"
 #include "server/core/tracks.h"
+#include "server/media/replies.h"
 
 namespace orx {
 
@@ -137,7 +137,8 @@ static SetupResult SetupTransport(Session *pSession, Port *pPort, int i, const R
     for (const char *szProfile : udpProfiles)
         if (strncmp(szTransport, szProfile, strlen(szProfile)) == 0)
             return SetupUdp(pSession, pPort, i, szTransport + strlen(szProfile), pText);
-    return ORX_PEER_ASSERT(0, "!\"unknown transport\"") ? SETUP_DONE : SETUP_FAULT;
+    (void)ORX_PEER_ASSERT(0, "!\"unknown transport\"");
+    return SETUP_FAULT;
 }
 
 static int IsSetupAllowed(const Session *pSession)

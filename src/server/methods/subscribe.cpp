@@ -3,10 +3,10 @@
 #include "base/assertion.h"
 #include "base/console.h"
 #include "runtime/sockutil.h"
-#include "server/methods/accounts.h"
 #include "server/core/program.h"
-#include "server/methods/admit.h"
 #include "server/media/replies.h"
+#include "server/methods/accounts.h"
+#include "server/methods/admit.h"
 
 namespace orx {
 

@@ -6,9 +6,10 @@
 #include "base/assertion.h"
 #include "base/base64.h"
 #include "base/console.h"
+#include "base/textbuf.h"
 #include "runtime/clock.h"
-#include "server/media/replies.h"
 #include "server/core/registry.h"
+#include "server/media/replies.h"
 
 namespace orx {
 
@@ -52,8 +53,7 @@ Verdict HandleTunnelGet(Session *pSession, Port *pPort, Request *pRequest)
 
 static Session *FindWaitingGet(const char *szCookie)
 {
-    for (auto *p = ListFirstOf<Session>(&g_server.sessions); p;
-         p = static_cast<Session *>(ListNext(&g_server.sessions, p, 0)))
+    for (Session *p = FirstSession(); p; p = NextSession(p))
         if ((p->nFlags & SESSION_TUNNEL_GET) && p->peer.szCookie &&
             strcasecmp(p->peer.szCookie, szCookie) == 0)
             return p;
@@ -78,10 +78,10 @@ static void Pair(Session *pGet, Session *pPost, Port *pPort)
         return;
     pGet->peer.tLastActivity = ClockUptime();  // it may have waited for longer than one may be silent
     if (TunnelDecode(pGet, pPort, pText, nText)) {
-        PortPostEvent(pPort, PORT_POSTED_INPUT, kPostedInputDelayMs);
+        PortPostEvent(pPort, EVENT_POSTED_INPUT, kPostedInputDelayMs);
         return;
     }
-    // not freed here: the handler's caller still uses the port; without media each half goes by itself
+    // a tunnel that cannot go on: each half goes as if its peer had closed it
     PortPostEvent(pGet->peer.Reply, MONITOR_CLOSE, 0);
     PortPostEvent(pPort, MONITOR_CLOSE, 0);
 }
@@ -107,11 +107,6 @@ static int IsBase64(char c)
            c == '/' || c == '=';
 }
 
-static int IsSpace(char c)
-{
-    return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v';
-}
-
 // Decodes one group of four into pOut. Returns 1 to 3 bytes; 0 for padding that no encoder makes.
 static uint32_t DecodeGroup(const char *pGroup, uint8_t *pOut)
 {
@@ -130,7 +125,7 @@ int TunnelDecode(Session *pSession, Port *pPort, const char *pText, size_t nLen)
 {
     uint32_t nFrom = pSession->input.nLen;
     for (size_t i = 0; i < nLen; i++) {
-        if (IsSpace(pText[i]))
+        if (TextIsSpace(pText[i]))
             continue;
         if (!IsBase64(pText[i])) {
             print("Invalid base64 text on fd=0x%x!\r\n", pPort->fd);

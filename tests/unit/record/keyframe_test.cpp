@@ -8,8 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include "record/codec.h"
-
 namespace orx {
 
 // Single units, fragments (FU-A) and aggregates (STAP-A), these of units of two bytes each.
@@ -42,23 +40,23 @@ static const std::map<std::string, std::vector<uint8_t>> kPayloads = {
 // where a key picture is to be seen, ! the marker.
 TEST(KeyFrame, FlagsEachKeyPictureOnce)
 {
-    static const std::tuple<const char *, uint32_t, const char *> cases[] = {
-        {"sets as single units", MEDIA_H264, "0:delimiter 0:sps* 0:pps 0:idr! 3000:slice!"},
-        {"sets in the description only", MEDIA_H264,
+    static const std::tuple<const char *, KeyFrameProc, const char *> cases[] = {
+        {"sets as single units", IsKeyH264, "0:delimiter 0:sps* 0:pps 0:idr! 3000:slice!"},
+        {"sets in the description only", IsKeyH264,
          "0:sei 0:idr-start* 0:idr-rest 0:idr-end! 9:slice-start!"},
-        {"sets behind others", MEDIA_H264, "0:delimiter+sps+pps+sei* 0:idr-start! 9:sei+sps* 9:idr!"},
-        {"two slices of one picture", MEDIA_H264, "0:idr* 0:idr! 3000:idr*!"},
-        {"sets again at the next picture", MEDIA_H264, "0:sps*! 0:sps*!"},
-        {"fragmented parameter set", MEDIA_H264, "0:sps-start* 0:idr-start!"},
-        {"one aggregate", MEDIA_H264, "0:sei+idr*! 3000:sei+slice!"},
-        {"time stamp 0 comes again", MEDIA_H264, "0:slice! 4294967295:idr*! 0:idr*!"},
-        {"cut short", MEDIA_H264,
+        {"sets behind others", IsKeyH264, "0:delimiter+sps+pps+sei* 0:idr-start! 9:sei+sps* 9:idr!"},
+        {"two slices of one picture", IsKeyH264, "0:idr* 0:idr! 3000:idr*!"},
+        {"sets again at the next picture", IsKeyH264, "0:sps*! 0:sps*!"},
+        {"fragmented parameter set", IsKeyH264, "0:sps-start* 0:idr-start!"},
+        {"one aggregate", IsKeyH264, "0:sei+idr*! 3000:sei+slice!"},
+        {"time stamp 0 comes again", IsKeyH264, "0:slice! 4294967295:idr*! 0:idr*!"},
+        {"cut short", IsKeyH264,
          "0:nothing 0:fragment-cut 0:aggregate-cut 0:aggregate-long 0:aggregate-empty"},
-        {"images", MEDIA_JPEG, "0:jpeg-start* 0:jpeg-rest! 9:jpeg-start*! 9:byte! 9:nothing"},
-        {"others start behind a marker", MEDIA_VIDEO_OTHER,
+        {"images", IsKeyJpeg, "0:jpeg-start* 0:jpeg-rest! 9:jpeg-start*! 9:byte! 9:nothing"},
+        {"others start behind a marker", IsKeyGeneric,
          "0:byte* 0:byte! 3000:byte*! 6000:nothing* 6000:nothing"},
     };
-    for (const auto &[szName, nMediaType, szPackets] : cases) {
+    for (const auto &[szName, pfnIsKey, szPackets] : cases) {
         KeyWatch watch;
         std::istringstream words(szPackets);
         for (std::string word; words >> word;) {
@@ -69,8 +67,7 @@ TEST(KeyFrame, FlagsEachKeyPictureOnce)
             rtp.bMarker = word.back() == '!';
             rtp.pPayload = payload.data();
             rtp.nPayload = static_cast<uint32_t>(payload.size());
-            EXPECT_EQ(word.find('*') != std::string::npos, CodecByType(nMediaType)->pfnIsKey(&watch, &rtp))
-                << szName << ", " << word;
+            EXPECT_EQ(word.find('*') != std::string::npos, pfnIsKey(&watch, &rtp)) << szName << ", " << word;
         }
     }
 }

@@ -186,17 +186,17 @@ TEST_F(PlayerQueueTest, CrowdedPlayerLosesMediaAndKeepsReplies)
 {
     Start("AutoDropDataWhenCrowded=1\n");
     const Packet picture{0, 0, 0, 1, 60000}, sound{0, 1};
-    for (int i = 0; i < 300 && pPlayer->output.nBlockedSends < 19; i++)
+    for (int i = 0; i < 300 && pPlayer->flow.nBlockedSends < 19; i++)
         Push(picture);  // far more than the connection holds
-    ASSERT_EQ(19U, pPlayer->output.nBlockedSends);
+    ASSERT_EQ(19U, pPlayer->flow.nBlockedSends);
     RunOnScheduler([&] {
         DataBlock *pReply = MakeDataBlock("reply", 5, 0, 0, 0);
         ListInsert(&pPlayer->out.Outq, pReply, ListFirst(&pPlayer->out.Outq, 0), 1);
     });
     ASSERT_GT(Waiting(), 50U);
-    Push(picture);
-    EXPECT_EQ(20U, pPlayer->output.nBlockedSends);
     unsigned nPartial = ListFirstOf<DataBlock>(&pPlayer->out.Outq)->sent > 0;
+    Push(picture);
+    EXPECT_EQ(20U, pPlayer->flow.nBlockedSends);
     EXPECT_EQ(1U + nPartial, Waiting()) << "the reply, and a packet of which a part has left";
     Push(sound, 10);
     EXPECT_EQ(1U + nPartial, Waiting()) << "no sound for the time being";

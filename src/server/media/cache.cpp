@@ -1,0 +1,145 @@
+#include "server/media/cache.h"
+
+#include "base/console.h"
+#include "runtime/clock.h"
+#include "server/core/settings.h"
+
+namespace orx {
+
+// Key frames kept from before the span: what a quarter of the longest span (a minute) holds at one a second.
+static constexpr uint32_t kMaxKeptKeys = 15;
+static constexpr uint32_t kMaxCachedBlocks = 150000;  // a minute and a quarter of 20 Mbit/s
+
+static int BlockMarker(const DataBlock *pBlock)
+{
+    return BlockData(pBlock)[kInterleaveBytes + 1] >> 7;
+}
+
+static DataBlock *LastBlock(const Program *pProg)
+{
+    return reinterpret_cast<DataBlock *>(pProg->cache.Pktq.pLast);
+}
+
+// Frees the blocks from pFrom up to pUntil (not included; null: to the end).
+static void FreeUncached(Program *pProg, DataBlock *pFrom, const DataBlock *pUntil)
+{
+    while (pFrom != pUntil) {
+        DataBlock *pNext = NextBlock(pFrom);
+        ListRemove(&pProg->cache.Pktq, pFrom, 1);
+        pFrom = pNext;
+    }
+}
+
+// The first key frame within the span of the newest packet that follows the end of a frame within the span.
+static DataBlock *FindKeyInSpan(const Program *pProg, DataBlock *pFrom, uint32_t nNow)
+{
+    int bFrameEnded = 0;
+    for (DataBlock *p = pFrom; p; p = NextBlock(p)) {
+        if (!(p->nFlags & DB_VIDEO) ||
+            ClockDiff(nNow, p->nTimestamp) >= static_cast<int32_t>(pProg->cache.nCacheLimit))
+            continue;
+        if (bFrameEnded && (p->nFlags & DB_KEY))
+            return p;
+        bFrameEnded |= BlockMarker(p);
+    }
+    return nullptr;
+}
+
+// Without a key frame to start from, only whole frames within the span stay.
+static void TrimWithoutKey(Program *pProg, DataBlock *pFrom, uint32_t nNow)
+{
+    print("Warning: Could NOT find the next KeyFrame to remove the items that's before it.\r\n");
+    int bFrameEnded = 0;
+    DataBlock *p = pFrom;
+    while (p && !(bFrameEnded &&
+                  ClockDiff(nNow, p->nTimestamp) < static_cast<int32_t>(pProg->cache.nCacheLimit))) {
+        if (p->nFlags & DB_VIDEO)
+            bFrameEnded = BlockMarker(p);
+        p = NextBlock(p);
+    }
+    FreeUncached(pProg, pFrom, p);
+    pProg->cache.pCacheCursor = p;
+}
+
+// Of the blocks from pFrom up to the key frame pKey, only whole key frames stay.
+static void KeepKeyFrames(Program *pProg, DataBlock *pFrom, DataBlock *pKey)
+{
+    int bKept = 0;
+    uint32_t nKeptTime = 0;
+    while (pFrom != pKey) {
+        DataBlock *pNext = NextBlock(pFrom);
+        int bVideo = (pFrom->nFlags & DB_VIDEO) != 0;
+        if (bVideo && (pFrom->nFlags & DB_KEY)) {
+            bKept = 1;
+            nKeptTime = pFrom->nTimestamp;
+            pProg->cache.nKeptKeys++;
+        } else if (!bVideo || !bKept || pFrom->nTimestamp != nKeptTime) {
+            ListRemove(&pProg->cache.Pktq, pFrom, 1);
+        }
+        pFrom = pNext;
+    }
+}
+
+static void LimitKeptKeys(Program *pProg)
+{
+    while (pProg->cache.nKeptKeys > kMaxKeptKeys) {
+        auto *pFirst = ListFirstOf<DataBlock>(&pProg->cache.Pktq);
+        DataBlock *p = pFirst;
+        while (p && p != pProg->cache.pCacheCursor && p->nTimestamp == pFirst->nTimestamp)
+            p = NextBlock(p);
+        FreeUncached(pProg, pFirst, p);
+        pProg->cache.nKeptKeys--;
+    }
+}
+
+// Whether a pusher's time has gone back so far, or stood still for so long, that trimming would wait for it
+// while the cache takes all memory.
+static int HasRunAway(const Program *pProg, int32_t nAge, int32_t nGrowLimit)
+{
+    return g_settings.bSurvivePeerFaults &&
+           (nAge < -nGrowLimit || ListCount(&pProg->cache.Pktq) > kMaxCachedBlocks);
+}
+
+// Begins the cache anew with its newest block.
+static void RestartCache(Program *pProg)
+{
+    print("Program(%s): its time stamps have run away, the cache begins anew.\r\n", pProg->szName);
+    FreeUncached(pProg, ListFirstOf<DataBlock>(&pProg->cache.Pktq), LastBlock(pProg));
+    pProg->cache.pCacheCursor = nullptr;
+    pProg->cache.nKeptKeys = 0;
+}
+
+void CacheTrim(Program *pProg, uint32_t nNow)
+{
+    auto *pStart = pProg->cache.pCacheCursor;
+    if (!pStart) {
+        pStart = ListFirstOf<DataBlock>(&pProg->cache.Pktq);
+        pProg->cache.nKeptKeys = 0;  // those kept before count again as they are passed
+    }
+    int32_t nAge = ClockDiff(nNow, pStart->nTimestamp);
+    auto nGrowLimit = static_cast<int32_t>(pProg->cache.nCacheLimit + pProg->cache.nCacheLimit / 4);
+    if (HasRunAway(pProg, nAge, nGrowLimit)) {
+        RestartCache(pProg);
+        return;
+    }
+    if (nAge <= nGrowLimit)
+        return;
+    DataBlock *pKey = FindKeyInSpan(pProg, pStart, nNow);
+    if (!pKey) {
+        TrimWithoutKey(pProg, pStart, nNow);
+        return;
+    }
+    pProg->cache.pCacheCursor = pKey;
+    KeepKeyFrames(pProg, pStart, pKey);
+    LimitKeptKeys(pProg);
+}
+
+DataBlock *CacheLastKey(const Program *pProg)
+{
+    auto *p = LastBlock(pProg);
+    while (p && (p->nFlags & (DB_VIDEO | DB_KEY)) != (DB_VIDEO | DB_KEY))
+        p = PrevBlock(p);
+    return p;
+}
+
+}  // namespace orx
