@@ -5,7 +5,7 @@ import socket
 import sys
 import unittest
 
-from clients import PLAYERS, MpvPlayer, mismatch
+from clients import PLAYERS, mismatch
 from orxserver import Server, wait_for
 
 
@@ -59,16 +59,6 @@ class InteropCase(unittest.TestCase):
         """All come to their end by themselves."""
         status = {player.name: player.wait(seconds) for player in players}
         self.assertEqual({}, {name: s for name, s in status.items() if s != 0}, "exit status of players")
-
-    def assert_refused(self, players, reason):
-        """None sees anything, and each says why."""
-        for player in players:
-            with self.subTest(player.name):
-                self.assertNotIn(player.wait(30), (0, "still running"))
-                self.assertEqual(0, len(player.pictures))
-                complaints = "\n".join(player.complaints())
-                if complaints or not isinstance(player, MpvPlayer):  # mpv may end before its log is written
-                    self.assertRegex(complaints, reason)
 
     def assert_shown(self, players, pusher, pictures=1):
         """Each has shown what was pushed, at least so many pictures of it, and complains of nothing."""
