@@ -1,6 +1,6 @@
 // sendloop: the least that any server must spend. Sends the same stream to many sockets and does nothing
 // else: over TCP one writev per picture and socket, over UDP one sendto per packet. A second process reads
-// everything, in the way that orxload reads. Prints the processor time that sending took for each gigabyte of
+// everything. Prints the processor time that sending took for each gigabyte of
 // RTP, as one JSON line. Arguments: tcp or udp, the number of sockets, seconds.
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
@@ -25,7 +25,6 @@ using namespace orx;
 constexpr int kFps = 25, kPackets = 7, kHead = 4, kBytes = 1400;
 constexpr int kSendBuffer = 163840;  // as the server sets it
 constexpr int kReceiveBuffer = 2 << 20;
-constexpr unsigned kDatagrams = 32;
 
 struct Pair {
     Sock from, to;
@@ -56,24 +55,10 @@ static Pair MakePair(bool bUdp, const Listener &listener)
     return pair;
 }
 
-static void ReadAll(int fd, bool bUdp)
-{
-    static char bytes[kDatagrams][16384];
-    mmsghdr messages[kDatagrams] = {};
-    iovec pieces[kDatagrams];
-    for (unsigned i = 0; i < kDatagrams; i++) {
-        pieces[i] = {bytes[i], sizeof bytes[i]};
-        messages[i].msg_hdr.msg_iov = &pieces[i];
-        messages[i].msg_hdr.msg_iovlen = 1;
-    }
-    while (bUdp ? recvmmsg(fd, messages, kDatagrams, MSG_DONTWAIT, nullptr) == int{kDatagrams}
-                : recv(fd, bytes, sizeof bytes, MSG_DONTWAIT) == ssize_t{sizeof bytes}) {
-    }
-}
-
 // The second process: reads until it is killed.
-[[noreturn]] static void Sink(const std::vector<Pair> &pairs, bool bUdp)
+[[noreturn]] static void Sink(const std::vector<Pair> &pairs)
 {
+    static char bytes[1 << 18];
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     int fdEpoll = epoll_create1(0);
     for (const Pair &pair : pairs) {
@@ -84,7 +69,8 @@ static void ReadAll(int fd, bool bUdp)
         epoll_event events[256];
         int n = epoll_wait(fdEpoll, events, 256, -1);
         for (int i = 0; i < n; i++)
-            ReadAll(events[i].data.fd, bUdp);
+            while (recv(events[i].data.fd, bytes, sizeof bytes, MSG_DONTWAIT) > 0) {
+            }
     }
 }
 
@@ -121,7 +107,7 @@ int main(int argc, char **argv)
         pairs.push_back(MakePair(bUdp, listener));
     pid_t nSink = fork();
     if (nSink == 0)
-        Sink(pairs, bUdp);
+        Sink(pairs);
     const clock_t nCpuBefore = clock();
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < nPictures; i++) {

@@ -26,8 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
     size_t nShown = 0;
     char *szShown = CamCfgFilter(text.c_str(), nBytes, "bob", &nShown);
     ORX_ASSERT(szShown && nShown <= nBytes && szShown[nShown] == '\0', "what is left of a text is no longer");
-    ORX_ASSERT(ValueIn(szShown, "SuperUser") == "-" && ValueIn(szShown, "SuperPwd") == "-",
-               "nothing of the super user");
+    ORX_ASSERT(ValueIn(szShown, "SuperUser") == "-" && ValueIn(szShown, "SuperPwd") == "-", "no super user");
     int nUsers = std::min(TextToInt(ValueIn(text.c_str(), "NumUsers").c_str()), 4);
     for (int i = 0; i < nUsers; i++) {
         std::string number = std::to_string(i);
@@ -37,7 +36,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
     free(szShown);
     size_t nAccounts = 0;
     const char *pAccounts = CamCfgFindUsers(text.c_str(), nBytes, &nAccounts);
-    ORX_ASSERT(!pAccounts || size_t(pAccounts - text.c_str()) + nAccounts < nBytes,
-               "accounts are followed by a section");
+    ORX_ASSERT(!pAccounts || size_t(pAccounts - text.c_str()) + nAccounts < nBytes, "a section follows");
     return 0;
 }

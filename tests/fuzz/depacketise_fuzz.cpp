@@ -42,8 +42,7 @@ static int OnSample(void *pContext, const uint8_t *pSample, uint32_t nBytes, uin
 {
     auto *pTrack = static_cast<Track *>(pContext);
     ORX_ASSERT(pTrack->nBytes == 0, "nothing is held");
-    ORX_ASSERT(nBytes > 0 && nType >> 8 == static_cast<uint32_t>(pTrack->pKind->chMedia),
-               "a sample of its kind");
+    ORX_ASSERT(nBytes > 0 && nType >> 8 == static_cast<uint32_t>(pTrack->pKind->chMedia), "its kind");
     auto copy = Exact(pSample, nBytes);
     ByteReader in{copy.get(), nBytes};
     while (in.nLeft > 0)

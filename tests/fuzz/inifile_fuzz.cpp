@@ -63,8 +63,7 @@ static void CheckWrite(const Input &in)
     int bHadKey = check_profile_key(szSection, szKey, szFile);
     int bWritten = write_profile_string(szSection, szKey, in.value.c_str(), szFile);
     std::string after = ReadFile(ScratchFile());
-    ORX_ASSERT(bWritten ? after.size() < kProfileTextSize : after == in.text,
-               "the file fits or is as it was");
+    ORX_ASSERT(bWritten ? after.size() < kProfileTextSize : after == in.text, "it fits or is unchanged");
     bool bFresh = in.text.find("[" + in.section) == std::string::npos;
     if (!bWritten || !(bHadKey || bFresh) || !IsPlain(in.section) || !IsPlain(in.key) || !IsPlain(in.value))
         return;

@@ -39,8 +39,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
         ORX_ASSERT(nAt == 0 || GetBe(BlockData(p) + 2, 2) + 4 == p->len, "the prefix names its length");
         nMarkers += BlockData(p)[nAt + 1] >> 7;
     }
-    ORX_ASSERT(nPackets == 0 || (pData[0] % std::size(kinds) > 1) || nMarkers == 1,
-               "one marker for a picture");
+    ORX_ASSERT(nPackets == 0 || (pData[0] % std::size(kinds) > 1) || nMarkers == 1, "one marker");
     ListEmpty(&out.Outq);
     return 0;
 }

@@ -65,8 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
     std::unique_ptr<uint8_t[]> data(new uint8_t[65536]);
     ZMFReaderAppData(pReader, data.get(), 65536);
     ZMFReaderStartTime(pReader);
-    ORX_ASSERT(strlen(ZMFReaderSdp(pReader)) <= pReader->head.nSdpSize + 32U,
-               "the description and a range line");
+    ORX_ASSERT(strlen(ZMFReaderSdp(pReader)) <= pReader->head.nSdpSize + 32U, "and a range line");
     ZMFReaderClose(pReader);
     return 0;
 }

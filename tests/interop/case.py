@@ -5,7 +5,7 @@ import socket
 import sys
 import unittest
 
-from clients import PLAYERS, MpvPlayer, mismatch
+from clients import PLAYERS, mismatch
 from orxserver import Server, wait_for
 
 
@@ -31,11 +31,11 @@ class InteropCase(unittest.TestCase):
         self.children.append(child)
         return child
 
-    def push(self, make, path="live/cam", programs=1, **options):
-        """Starts a pusher, and waits until so many programs run."""
-        pusher = self.add(make(self.dir, self.server.url(path), **options))
-        stat = self.server.wait_stat(lambda s: s.lives == programs)
-        self.assertEqual(programs, stat.lives, "programs that run: %r" % stat)
+    def push(self, make, **options):
+        """Starts a pusher, and waits until its program runs."""
+        pusher = self.add(make(self.dir, self.server.url(), **options))
+        stat = self.server.wait_stat(lambda s: s.lives == 1)
+        self.assertEqual(1, stat.lives, "programs that run: %r" % stat)
         return pusher
 
     def play(self, frames=10**6, players=PLAYERS, url=None, name="", **options):
@@ -60,16 +60,6 @@ class InteropCase(unittest.TestCase):
         status = {player.name: player.wait(seconds) for player in players}
         self.assertEqual({}, {name: s for name, s in status.items() if s != 0}, "exit status of players")
 
-    def assert_refused(self, players, reason):
-        """None sees anything, and each says why."""
-        for player in players:
-            with self.subTest(player.name):
-                self.assertNotIn(player.wait(30), (0, "still running"))
-                self.assertEqual(0, len(player.pictures))
-                complaints = "\n".join(player.complaints())
-                if complaints or not isinstance(player, MpvPlayer):  # mpv may end before its log is written
-                    self.assertRegex(complaints, reason)
-
     def assert_shown(self, players, pusher, pictures=1):
         """Each has shown what was pushed, at least so many pictures of it, and complains of nothing."""
         reference = pusher.reference()
@@ -84,22 +74,18 @@ class InteropCase(unittest.TestCase):
         stat = self.server.wait_stat(lambda s: (s.lives, s.clients) == (lives, 0))
         self.assertEqual((lives, 0), (stat.lives, stat.clients), "left behind: %r" % stat)
 
-    def assert_descriptors(self, expected):
-        wait_for(lambda: len(self.server.descriptors()) == len(expected), 10)
-        self.assertEqual(len(expected), len(self.server.descriptors()), "open: %r, before: %r" % (
-            self.server.descriptors(), expected))
-
     def assert_empty(self):
         """Nothing of anybody is left: no session, no socket."""
         self.assert_only(0)
         stat = self.server.wait_stat(lambda s: not s.sessions)
         self.assertEqual([], stat.sessions)
-        self.assert_descriptors(self.idle)
+        wait_for(lambda: len(self.server.descriptors()) == len(self.idle), 10)
+        self.assertEqual(len(self.idle), len(self.server.descriptors()), "open: %r, before: %r" % (
+            self.server.descriptors(), self.idle))
 
-    def end(self, *pushers):
-        """Ends pushers as their users do."""
-        for pusher in pushers:
-            self.assertEqual(pusher.interrupted, pusher.stop(), pusher.name)
+    def end(self, pusher):
+        """Ends a pusher as its user does."""
+        self.assertEqual(pusher.interrupted, pusher.stop(), pusher.name)
         self.assert_empty()
 
     def _end(self):

@@ -103,26 +103,22 @@ class FfmpegPlayer(Child):
             "-frames:v", str(frames), *options, "-f", "rawvideo", "-pix_fmt", "yuv420p", "pipe:1"], pictures=True)
 
 
-class Mpv(Child):
-    # Its RTP reader gives the first picture no time, whoever sends the stream; and a busy machine is heard.
-    ignored = ("No video PTS!", "Invalid video timestamp", "Audio device underrun") + FFMPEG_REMARKS
+class MpvPlayer(Child):
+    # Its RTP reader gives the first picture no time, whoever sends the stream.
+    ignored = ("No video PTS!", "Invalid video timestamp") + FFMPEG_REMARKS
 
-    def __init__(self, name, folder, url, options, pictures):
+    def __init__(self, folder, url, transport, frames=10**6, name="mpv", options=()):
+        name = "%s-%s" % (name, transport)
         self.messages = os.path.join(folder, name + ".messages")
-        super().__init__(name, folder, ["mpv", "--no-config", "--no-terminal", "--log-file=" + self.messages,
-                                        *options, url], pictures)
+        super().__init__(name, folder, [
+            "mpv", "--no-config", "--no-terminal", "--log-file=" + self.messages, "--rtsp-transport=" + transport,
+            "--frames=%d" % frames, "--no-audio", *options, "--o=pipe:1", "--of=rawvideo", "--ovc=rawvideo", url],
+            pictures=True)
 
     def complaints(self):
         with open(self.messages, errors="replace") as f:
             lines = [line.rstrip() for line in f if re.match(r"\[ *[0-9.]+\]\[[wef]\]", line)]
         return super().complaints() + [line for line in lines if not any(re.search(p, line) for p in self.ignored)]
-
-
-class MpvPlayer(Mpv):
-    def __init__(self, folder, url, transport, frames=10**6, name="mpv", options=()):
-        super().__init__("%s-%s" % (name, transport), folder, url, [
-            "--rtsp-transport=" + transport, "--frames=%d" % frames, "--no-audio", *options, "--o=pipe:1",
-            "--of=rawvideo", "--ovc=rawvideo"], pictures=True)
 
 
 @functools.cache

@@ -1,7 +1,7 @@
 """However a client leaves, nothing of it stays: no session, no socket, no port."""
 
 from case import InteropCase
-from clients import PLAYERS, FfmpegPusher, GstPusher, OrxPusher
+from clients import FFMPEG, PLAYERS, Child, FfmpegPusher, GstPusher, OrxPusher
 from orxserver import wait_for
 
 
@@ -15,18 +15,6 @@ class Leave(InteropCase):
         self.assertEqual(len(PLAYERS), self.server.stat().clients)
         return players
 
-    def test_players(self):
-        self.start()
-        pusher = self.push(FfmpegPusher)
-        descriptors = self.server.descriptors()
-        for end in ("stop", "kill"):
-            for player in self.watch(end):
-                getattr(player, end)()
-                self.assertEqual([], player.complaints(), player.name)
-            self.assert_only(1)
-            self.assert_descriptors(descriptors)
-        self.end(pusher)
-
     def test_pushers(self):
         """The players of a program go with it, and each notices; its name is free again."""
         self.start()
@@ -38,3 +26,12 @@ class Leave(InteropCase):
                 self.assert_empty()
                 for player in players:
                     player.stop()
+
+    def test_push_over_udp(self):
+        """Media is taken over TCP only. Whoever pushes over UDP all the same does no harm, and nothing stays."""
+        self.start()
+        pusher = self.add(Child("push-udp", self.dir, FFMPEG + [
+            "-re", "-f", "lavfi", "-i", "testsrc2=size=256x144:rate=25", "-t", "3", "-pix_fmt", "yuv420p", "-c:v",
+            "libx264", "-tune", "zerolatency", "-f", "rtsp", "-rtsp_transport", "udp", self.server.url()]))
+        self.assertNotEqual("still running", pusher.wait(30))
+        self.assert_empty()

@@ -50,7 +50,6 @@ class Stat:
         head = re.search(r"TaskNum=(\d+), Lives=(\d+), Clients=(\d+), Monitors=(\d+)\.", text)
         self.tasks, self.lives, self.clients, self.monitors = map(int, head.groups())
         self.sessions = re.findall(r"^\d+: (.*)\t(.*)\t(.*)\t([01])\r?$", text, re.M)
-        self.pushers = sum(s[3] == "1" for s in self.sessions)
 
     def __repr__(self):
         return "tasks=%d lives=%d clients=%d monitors=%d %r" % (
@@ -117,9 +116,6 @@ class Server:
         """Asks until condition(stat) holds; the last answer."""
         wait_for(lambda: condition(self.stat()), step=0.1)
         return self.last
-
-    def wait_output(self, text, times=1):
-        return wait_for(lambda: self.output().count(text) >= times)
 
     def descriptors(self):
         return sorted(os.readlink(entry.path) for entry in os.scandir("/proc/%d/fd" % self.process.pid))

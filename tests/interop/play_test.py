@@ -1,7 +1,5 @@
 """Every pusher with every player at once: each decodes exactly what was pushed."""
 
-import time
-
 from case import InteropCase
 from clients import FPS, PLAYERS, FfmpegPusher, GstPusher, OrxPusher
 from orxserver import LONG
@@ -35,16 +33,3 @@ class Play(InteropCase):
         """Far beyond the time of silence that a pusher is allowed, with reports in both directions."""
         self.check("ffmpeg", SECONDS + 2, SERVER={"EnableRtcp": 1, "LiveTime": 1})
         self.assertIn("RR sender's ssrc=", self.server.output(), "no player's report was seen")
-
-    def test_late_joiners(self):
-        """Players of three programs that come when the caches have been trimmed, and trimmed again."""
-        self.start(SERVER={"CacheLimit": 5})
-        pushers = {kind: self.push(make, kind, n + 1, name=kind, **options)
-                   for n, (kind, (make, options)) in enumerate(PUSHERS.items())}
-        time.sleep(10)  # of media, twice what is kept
-        players = {kind: self.play(2 * FPS, (PLAYERS[0], PLAYERS[6]), self.server.url(kind), kind + "-")
-                   for kind in pushers}
-        self.assert_ended(sum(players.values(), []))
-        self.end(*pushers.values())
-        for kind, pusher in pushers.items():
-            self.assert_shown(players[kind], pusher, 2 * FPS)

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -11,6 +10,8 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
+#include <iterator>
 #include <string>
 #include <utility>
 
@@ -28,12 +29,7 @@ inline int ElapsedMs(std::chrono::steady_clock::time_point start)
 
 inline int OpenDescriptors()
 {
-    int nCount = 0;
-    DIR *pDir = opendir("/proc/self/fd");
-    while (readdir(pDir))
-        nCount++;
-    closedir(pDir);
-    return nCount;
+    return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
 }
 
 // A socket of the test; closed with it.
@@ -137,11 +133,5 @@ struct Listener {
         return Sock(sock.Readable(nMs) ? accept4(sock.fd, nullptr, nullptr, SOCK_CLOEXEC) : -1);
     }
 };
-
-// A port that nobody listens on just now.
-inline int FreeTcpPort()
-{
-    return Listener().nPort;
-}
 
 }  // namespace orx

@@ -10,7 +10,6 @@ using namespace orx;
 
 const std::string kCookie = " / HTTP/1.0\r\nx-sessioncookie: c\r\n";
 const std::string kPost = "POST" + kCookie + "Content-Type: application/x-rtsp-tunnelled\r\n\r\n";
-const char *const kOptionsEncoded = "T1BUSU9OUyAqIFJUU1AvMS4wDQpDU2VxOiAxDQoNCg==";  // with CSeq 1
 
 std::string LongHead(size_t nBytes)
 {

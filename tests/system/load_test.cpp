@@ -71,13 +71,11 @@ TEST_F(LoadTest, TheToolsSayWhatIsWrong)
         int nExit;
         std::string text;
     } cases[] = {
-        {"orxpush", {"--help"}, 0, "Usage: orxpush"},
         {"orxpush", {"--speed", "fast", url}, 2, "fast is not a number"},
         {"orxpush", {"--file", none, url}, 2, "cannot be read"},
         {"orxpush", {"--record", url}, 1, "RECORD: 500"},
         {"orxload", {"--verify", none, url}, 2, "cannot be read"},
         {"orxload", {"--duration", "1", url}, 1, "DESCRIBE: 404"},
-        {"orxzupo", {"--listen", "65536"}, 2, "65536 is not a number from 0 to 65535"},
         {"orxrelay", {"--server", "127.0.0.1", std::string(32, 'x')}, 2, "at most 31 characters"},
         {"orxrelay", {"--listen", listen, "127.0.0.1"}, 2, "cannot listen on " + listen},
         {"orxrelay", {"--check", "--timeout", "1", "127.0.0.1:9"}, 1, "the box does not answer"},

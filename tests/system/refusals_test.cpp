@@ -32,9 +32,7 @@ const struct {
     {0, "DESCRIBE", "/ch", "", "", kNotFound},
     {0, "DESCRIBE", "/CH1", "", "", kNotFound},  // short names look at case
     {0, "DESCRIBE", "/ch1/", "", "", kNotFound},
-    {0, "DESCRIBE", "/rec.zmf", "", "", kNotFound},
     {0, "DESCRIBE", "/", "", "", kNotFound},
-    {0, "DESCRIBE", "/../cfg/x.zmf", "", "", kNotFound},
     {1, "DESCRIBE", "", "", "", kWrongState},
     {2, "DESCRIBE", "", "", "", kWrongState},
     {1, "QUICKPLAY", "", "", "", kWrongState},

@@ -8,11 +8,6 @@
 
 using namespace orx;
 
-uint32_t Be32(const std::string &bytes, size_t nAt)
-{
-    return GetBe(bytes.data() + nAt, 4);
-}
-
 struct RtcpTest : SystemTest {
     const time_t tStart = time(nullptr);
 
@@ -29,12 +24,12 @@ struct RtcpTest : SystemTest {
     {
         ASSERT_GE(report.size(), 28U + 20U);
         EXPECT_EQ(std::string("\x80\xC8\0\x06\x12\x34\xAB\xCD", 8), report.substr(0, 8));
-        time_t tReport = Be32(report, 8) - 0x83AA7E80U;
+        time_t tReport = GetBe(report.data() + 8, 4) - 0x83AA7E80U;
         EXPECT_TRUE(tReport >= tStart && tReport <= time(nullptr)) << tReport;
-        EXPECT_EQ(nPackets, Be32(report, 20));
-        EXPECT_EQ(nOctets, Be32(report, 24));
+        EXPECT_EQ(nPackets, GetBe(report.data() + 20, 4));
+        EXPECT_EQ(nOctets, GetBe(report.data() + 24, 4));
         EXPECT_EQ(std::string("\x81\xCA"), report.substr(28, 2));
-        EXPECT_EQ(report.size() - 28, 4 * (1 + (Be32(report, 28) & 0xFFFF)));
+        EXPECT_EQ(report.size() - 28, 4 * (1 + (GetBe(report.data() + 28, 4) & 0xFFFF)));
         EXPECT_EQ("\x12\x34\xAB\xCD\x01", report.substr(32, 5));
         EXPECT_TRUE(std::regex_match(report.c_str() + 38, std::regex("Orx[0-9]+")));
     }

@@ -19,7 +19,7 @@ const char kTunnelGet[] =
 struct ProxyRig {
     Listener web;
     HttpProxy proxy;
-    int nPort = FreeTcpPort();
+    int nPort = Listener().nPort;  // that nobody listens on just now
     std::mutex mutex;
     std::vector<std::pair<Sock, std::string>> handed;
 
