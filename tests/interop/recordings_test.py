@@ -69,7 +69,8 @@ class Recordings(InteropCase):
         start, frames = 6, 2 * FPS
         players = self.play(frames, PLAYERS[:3], self.url, before=("-ss", str(start)))
         players += self.play(frames, PLAYERS[3:5], self.url, options=("--start=%d" % start,))
-        seekers = [self.add(GstSeeker(self.dir, self.url, transport, start)) for transport in TRANSPORTS]
+        # not over UDP: what comes while GStreamer takes its pads apart stops its source for good ("not-linked")
+        seekers = [self.add(GstSeeker(self.dir, self.url, transport, start)) for transport in ("tcp", "http")]
         self.assert_ended(players, 60)
         first, last = start * FPS, start * FPS + frames
         for player in seekers:
