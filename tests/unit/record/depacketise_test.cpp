@@ -8,7 +8,6 @@
 namespace orx {
 
 using testing::ElementsAre;
-using testing::HasSubstr;
 
 // Packets of one track, and the samples that they become.
 struct Track {
@@ -165,7 +164,7 @@ TEST(Depacketiser, FaultsOfThePusher)
                         for (const std::string &payload : c.payloads)
                             nResult = nResult == 1 ? t.Put(1, c.bMarker, payload) : nResult;
                     }),
-                    HasSubstr(c.szText));
+                    testing::HasSubstr(c.szText));
         EXPECT_EQ(-1, nResult) << c.szText;
     }
 }

@@ -7,8 +7,6 @@
 
 namespace orx {
 
-using testing::HasSubstr;
-
 // Which packets a sample of units becomes: 1 a single unit, n an aggregate of n, f a fragment; * key, !
 // marker.
 TEST(RtpHelp, H264PacketKinds)
@@ -85,7 +83,8 @@ TEST(RtpHelp, BrokenSamples)
     };
     for (const auto &c : cases) {
         Player player(MEDIA_H264, c.nTimeScale);
-        EXPECT_THAT(PeerFaults([&] { EXPECT_EQ(0, player.Pack(c.pfn, c.sample)); }), HasSubstr(c.szText));
+        EXPECT_THAT(PeerFaults([&] { EXPECT_EQ(0, player.Pack(c.pfn, c.sample)); }),
+                    testing::HasSubstr(c.szText));
         EXPECT_TRUE(player.Packets().empty());
     }
 }

@@ -9,8 +9,6 @@
 
 namespace orx {
 
-using testing::HasSubstr;
-
 TEST(SdpScan, TakesWhatCanBeRecorded)
 {
     const std::string video = "m=video 0 RTP/AVP 96\r\n", audio = "m=audio 0 RTP/AVP 97\n",
@@ -44,7 +42,7 @@ TEST(SdpScan, TakesWhatCanBeRecorded)
         EXPECT_STREQ(c.szVideo, codecs.video.szName) << c.sdp;
         EXPECT_STREQ(c.szAudio, codecs.audio.szName) << c.sdp;
         EXPECT_EQ(*c.szPrinted == '\0', printed.empty()) << printed;
-        EXPECT_THAT(printed, HasSubstr(c.szPrinted));
+        EXPECT_THAT(printed, testing::HasSubstr(c.szPrinted));
     }
 }
 

@@ -16,7 +16,6 @@
 namespace orx {
 
 using namespace std::literals;
-using testing::HasSubstr;
 
 const char kGuid[] = "box-0123456789abcdef-01";
 constexpr std::string_view kHeartbeat = "\0\0\1\0\0\0\0\0\0\0\x03\xEB\0\0\0\0"sv;
@@ -138,7 +137,7 @@ TEST(Registration, ABrokenPacketEndsTheConnection)
         registration.pHost = &host;
         registration.bRegistered = 1;
         EXPECT_THAT(PeerFaults([&] { RegistrationReceive(&registration, c.first.data(), c.first.size()); }),
-                    HasSubstr(c.second));
+                    testing::HasSubstr(c.second));
         EXPECT_EQ(*c.second == '\0', registration.bRegistered) << c.second;
         EXPECT_EQ(c.first == reply ? 0x7F000001U : 0, registration.nSeenIp);
     }
