@@ -130,12 +130,8 @@ TEST(Depacketiser, FaultsOfThePusher)
 {
     const std::vector<std::string> many(66, std::string(8, 0) + Nal(5, 1992, 1));
     const std::vector<std::string> cut = Fragments(Nal(5, 70000, 1), 2000);
-    const struct {
-        const char *szText;
-        DepacketProc pfn;
-        std::vector<std::string> payloads;
-        bool bMarker;
-    } cases[] = {
+    const std::tuple<const char *, DepacketProc, std::vector<std::string>, bool> cases[] = {
+        // what is said of the codec's payloads, which have the marker or not
         {"len < sizeof(backup)", WriteH264RtpData, {Nal(1, 2036, 1)}, true},
         {"!bMask", WriteH264RtpData, {cut[0]}, true},
         {"n<=0xffff", WriteH264RtpData, cut, false},
@@ -145,15 +141,15 @@ TEST(Depacketiser, FaultsOfThePusher)
         {"nLen<=len+1", WriteAmrRtpData, {"\xF0\xBC\xBC"}, true},
         {"nLen<=len", WriteAmrRtpData, {"\x70\x3C" + std::string(30, 'x')}, true},
     };
-    for (const auto &c : cases) {
-        Track t(c.pfn);
+    for (const auto &[szText, pfn, payloads, bMarker] : cases) {
+        Track t(pfn);
         int nResult = 1;
-        EXPECT_THAT(PeerFaults([&] {
-                        for (const std::string &payload : c.payloads)
-                            nResult = nResult == 1 ? t.Put(1, c.bMarker, payload) : nResult;
-                    }),
-                    testing::HasSubstr(c.szText));
-        EXPECT_EQ(-1, nResult) << c.szText;
+        auto put = [&, &all = payloads, bLast = bMarker] {
+            for (size_t i = 0; i < all.size() && nResult == 1; i++)
+                nResult = t.Put(1, bLast, all[i]);
+        };
+        EXPECT_THAT(PeerFaults(put), testing::HasSubstr(szText));
+        EXPECT_EQ(-1, nResult) << szText;
     }
 }
 
