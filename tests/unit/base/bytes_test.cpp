@@ -18,12 +18,4 @@ TEST(ByteReader, ReadsBigEndianUntilItFailsForGood)
     EXPECT_EQ(2u, in.nLeft);
 }
 
-TEST(PutBe, MirrorsGetBe)
-{
-    uint8_t out[6] = {0xaa, 0, 0, 0, 0, 0xaa};
-    PutBe(out + 1, 4, 0x8102fe04);
-    EXPECT_EQ(0, memcmp(out, "\xaa\x81\x02\xfe\x04\xaa", 6));
-    EXPECT_EQ(0x8102fe04u, GetBe(out + 1, 4));
-}
-
 }  // namespace orx

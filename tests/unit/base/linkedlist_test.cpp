@@ -142,34 +142,33 @@ static int AskFunction(List * /*pList*/, void *pFunction, void * /*pArg2*/, void
 
 TEST_P(ListBoth, TravelCodes)
 {
-    static const struct {
-        int bBackward, nGoOn;
-        const char *szRemoved, *szVisited, *szLeft;
-        char cStop, cResult;
-    } cases[] = {
-        {0, 3, "", "ab", "abcd", 'b', '-'},  {0, -1, "a", "abcd", "bcd", 0, '-'},
-        {0, 4, "bc", "abcd", "ad", 0, '-'},  {0, 3, "abcd", "abcd", "", 0, '-'},
-        {1, 3, "", "dcb", "abcd", 'b', 'b'}, {1, -1, "d", "dcba", "abc", 0, '-'},
-        {1, 4, "bc", "dcba", "ad", 0, '-'},  {1, 3, "abcd", "dcba", "", 0, '-'},
-    };
-    for (const auto &c : cases) {
+    // Over "abcd": what is visited, what is left, and the result. The traveler removes some and stops at one.
+    auto travel = [&](int bBackward, int nGoOn, const char *szRemoved, char cStop) {
         std::string visited;
         std::function<int(void *)> visit = [&](void *pItem) {
             visited += NameOf(pItem);
-            if (!strchr(c.szRemoved, NameOf(pItem)))
-                return NameOf(pItem) == c.cStop ? 0 : c.nGoOn;
+            if (!strchr(szRemoved, NameOf(pItem)))
+                return NameOf(pItem) == cStop ? 0 : nGoOn;
             ListRemove(&list, pItem, 1);
-            return c.bBackward ? 1 : 2;
+            return bBackward ? 1 : 2;
         };
-        SCOPED_TRACE(std::string(c.bBackward ? "backward " : "forward ") + c.szRemoved);
         Fill(4);
-        EXPECT_EQ(c.cResult, NameOf(ListTravel(&list, AskFunction, &visit, nullptr, c.bBackward)));
-        EXPECT_EQ(c.szVisited, visited);
-        EXPECT_EQ(c.szLeft, Order(&list));
+        char cResult = NameOf(ListTravel(&list, AskFunction, &visit, nullptr, bBackward));
+        std::string told = visited + " " + Order(&list) + " " + cResult;
         Clear();
-        EXPECT_EQ(nullptr, ListTravel(&list, AskFunction, &visit, nullptr, c.bBackward));
-        EXPECT_EQ(c.szVisited + std::string("-"), visited) << "an empty list calls once, without an item";
-    }
+        visited.clear();
+        EXPECT_EQ(nullptr, ListTravel(&list, AskFunction, &visit, nullptr, bBackward));
+        EXPECT_EQ("-", visited) << "an empty list calls once, without an item";
+        return told;
+    };
+    EXPECT_EQ("ab abcd -", travel(0, 3, "", 'b'));
+    EXPECT_EQ("abcd bcd -", travel(0, -1, "a", '!'));
+    EXPECT_EQ("abcd ad -", travel(0, 4, "bc", '!'));
+    EXPECT_EQ("abcd  -", travel(0, 3, "abcd", '!'));
+    EXPECT_EQ("dcb abcd b", travel(1, 3, "", 'b'));
+    EXPECT_EQ("dcba abc -", travel(1, -1, "d", '!'));
+    EXPECT_EQ("dcba ad -", travel(1, 4, "bc", '!'));
+    EXPECT_EQ("dcba  -", travel(1, 3, "abcd", '!'));
 }
 
 // Nodes that the owner makes; and nodes of the items' own, whose data word is the owner's.

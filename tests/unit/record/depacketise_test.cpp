@@ -1,5 +1,9 @@
 #include "record/depacketise.h"
 
+#include <map>
+#include <sstream>
+#include <tuple>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -8,7 +12,6 @@
 namespace orx {
 
 using testing::ElementsAre;
-using testing::HasSubstr;
 
 // Packets of one track, and the samples that they become.
 struct Track {
@@ -45,61 +48,45 @@ struct Track {
     }
 };
 
-// Not the first slice of its picture.
-static std::string LaterSlice()
-{
-    std::string unit = Nal(1, 80, 4);
-    unit[1] = static_cast<char>(unit[1] & 0x7F);
-    return unit;
-}
-
-// Frames 1 and 2 are whole, then something is lost in or around frames 3 to 5. Which frames are left?
+// Packets by the number of their frame; ~ stands for one that is lost before, ! for the marker. Which frames
+// are left, and is all of them there?
 TEST(H264, AFrameWithALostPartIsDroppedWholeAndNoOther)
 {
-    struct Step {
-        uint32_t nFrame;
-        bool bMarker;
-        std::string payload;
-        int nLostBefore = 0;
+    const std::string cut = Nal(1, 300, 3), good = "1:sps 1:pps 1:idr! 2:slice! ";
+    const std::vector<std::string> parts = Fragments(cut, 100);
+    std::string later = Nal(1, 80, 4);  // not the first slice of its picture
+    later[1] = static_cast<char>(later[1] & 0x7F);
+    const std::map<std::string, std::string> payloads = {
+        {"sps", Nal(7, 20, 5)}, {"pps", Nal(8, 6, 6)}, {"idr", Nal(5, 90, 7)}, {"slice", Nal(1, 100, 1)},
+        {"later", later},       {"begin", parts[0]},   {"middle", parts[1]},   {"end", parts[2]}};
+    const std::tuple<const char *, std::string, std::vector<uint32_t>> cases[] = {
+        {"a frame before fragments", good + "~4:begin 4:middle 4:end!", {1, 2, 4}},
+        {"a whole frame", good + "~4:slice! 5:slice!", {1, 2, 4, 5}},
+        {"the first fragment", good + "~3:middle 3:end! 4:slice!", {1, 2, 4}},
+        {"one in the middle", good + "3:begin ~3:end! 4:slice!", {1, 2, 4}},
+        {"the last fragment", good + "3:begin ~4:slice! 5:slice!", {1, 2, 4, 5}},
+        {"the last slice", good + "3:slice ~4:slice!", {1, 2, 4}},
+        {"the first slice", good + "~3:later! 4:slice!", {1, 2, 4}},
+        {"the parameter sets", good + "~3:pps 3:idr! 4:slice!", {1, 2, 4}},
+        {"all but key frames, as in a trimmed cache", "~1:sps 1:idr! ~2:sps 2:idr! ~3:sps 3:idr!", {1, 2, 3}},
+        {"a frame of an encoder that begins with any slice", "1:sps! 2:later! ~4:later!", {1, 2, 4}},
     };
-    const std::string a = Nal(1, 100, 1), sps = Nal(7, 20, 5), pps = Nal(8, 6, 6), idr = Nal(5, 90, 7);
-    const std::string whole = Nal(1, 300, 3), second = LaterSlice();
-    const std::vector<std::string> cut = Fragments(whole, 100);
-    const std::tuple<const char *, std::vector<Step>, std::vector<uint32_t>> cases[] = {
-        {"one before fragments", {{4, false, cut[0], 1}, {4, false, cut[1]}, {4, true, cut[2]}}, {1, 2, 4}},
-        {"a whole frame", {{4, true, a, 1}, {5, true, a}}, {1, 2, 4, 5}},
-        {"the first fragment", {{3, false, cut[1], 1}, {3, true, cut[2]}, {4, true, a}}, {1, 2, 4}},
-        {"one in the middle", {{3, false, cut[0]}, {3, true, cut[2], 1}, {4, true, a}}, {1, 2, 4}},
-        {"the last fragment", {{3, false, cut[0]}, {4, true, a, 1}, {5, true, a}}, {1, 2, 4, 5}},
-        {"the last slice", {{3, false, a}, {4, true, a, 1}}, {1, 2, 4}},
-        {"the first slice", {{3, true, second, 1}, {4, true, a}}, {1, 2, 4}},
-        {"the parameter sets", {{3, false, pps, 1}, {3, true, idr}, {4, true, a}}, {1, 2, 4}},
-    };
-    for (const auto &[szLost, lossy, left] : cases) {
+    for (const auto &[szLost, packets, left] : cases) {
         Track t(WriteH264RtpData);
-        std::vector<Step> steps = {{1, false, sps}, {1, false, pps}, {1, true, idr}, {2, true, a}};
-        steps.insert(steps.end(), lossy.begin(), lossy.end());
-        for (const Step &step : steps)
-            EXPECT_EQ(1, t.Put(step.nFrame, step.bMarker, step.payload, step.nLostBefore)) << szLost;
+        std::map<uint32_t, std::string> frames;
+        std::istringstream words(packets);
+        for (std::string word; words >> word;) {
+            const int bLost = word[0] == '~';
+            const auto nFrame = static_cast<uint32_t>(word[bLost ? 1 : 0] - '0');
+            const std::string name = word.substr(word.find(':') + 1, word.find('!') - word.find(':') - 1);
+            EXPECT_EQ(1, t.Put(nFrame, word.back() == '!', payloads.at(name), bLost)) << szLost;
+            frames[nFrame] +=
+                name == "middle" || name == "end" ? "" : Prefixed(name == "begin" ? cut : payloads.at(name));
+        }
         EXPECT_EQ(left, t.Frames()) << szLost;
-        for (size_t i = 1; i < t.samples.size(); i++)
-            EXPECT_THAT(t.samples[i].data, testing::AnyOf(Prefixed(a), Prefixed(whole))) << szLost;
+        for (const MediaSample &sample : t.samples)
+            EXPECT_EQ(frames[sample.nTimeMs], sample.data) << szLost;
     }
-}
-
-// A cache that was trimmed holds whole key frames with gaps between them, and some encoders begin pictures
-// with any slice.
-TEST(H264, WholeFramesBehindAGapAreKept)
-{
-    Track t(WriteH264RtpData);
-    for (uint32_t nFrame = 1; nFrame <= 3; nFrame++) {
-        t.Put(nFrame, false, Nal(7, 20, 5), 9);
-        t.Put(nFrame, true, Nal(5, 90, 7));
-    }
-    t.Put(4, true, Nal(7, 20, 5), 9);
-    t.Put(5, true, LaterSlice());
-    t.Put(7, true, LaterSlice(), 1);
-    EXPECT_THAT(t.Frames(), ElementsAre(1, 2, 3, 4, 5, 7));
 }
 
 TEST(H264, PacketsThatCannotBeUsedChangeNothing)
@@ -143,12 +130,8 @@ TEST(Depacketiser, FaultsOfThePusher)
 {
     const std::vector<std::string> many(66, std::string(8, 0) + Nal(5, 1992, 1));
     const std::vector<std::string> cut = Fragments(Nal(5, 70000, 1), 2000);
-    const struct {
-        const char *szText;
-        DepacketProc pfn;
-        std::vector<std::string> payloads;
-        bool bMarker;
-    } cases[] = {
+    const std::tuple<const char *, DepacketProc, std::vector<std::string>, bool> cases[] = {
+        // what is said of the codec's payloads, which have the marker or not
         {"len < sizeof(backup)", WriteH264RtpData, {Nal(1, 2036, 1)}, true},
         {"!bMask", WriteH264RtpData, {cut[0]}, true},
         {"n<=0xffff", WriteH264RtpData, cut, false},
@@ -158,15 +141,15 @@ TEST(Depacketiser, FaultsOfThePusher)
         {"nLen<=len+1", WriteAmrRtpData, {"\xF0\xBC\xBC"}, true},
         {"nLen<=len", WriteAmrRtpData, {"\x70\x3C" + std::string(30, 'x')}, true},
     };
-    for (const auto &c : cases) {
-        Track t(c.pfn);
+    for (const auto &[szText, pfn, payloads, bMarker] : cases) {
+        Track t(pfn);
         int nResult = 1;
-        EXPECT_THAT(PeerFaults([&] {
-                        for (const std::string &payload : c.payloads)
-                            nResult = nResult == 1 ? t.Put(1, c.bMarker, payload) : nResult;
-                    }),
-                    HasSubstr(c.szText));
-        EXPECT_EQ(-1, nResult) << c.szText;
+        auto put = [&, &all = payloads, bLast = bMarker] {
+            for (size_t i = 0; i < all.size() && nResult == 1; i++)
+                nResult = t.Put(1, bLast, all[i]);
+        };
+        EXPECT_THAT(PeerFaults(put), testing::HasSubstr(szText));
+        EXPECT_EQ(-1, nResult) << szText;
     }
 }
 

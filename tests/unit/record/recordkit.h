@@ -148,13 +148,13 @@ struct Player {
     RtpTrack track;
     std::vector<uint8_t> scratch = std::vector<uint8_t>(65536);
 
-    explicit Player(uint32_t nMediaType = MEDIA_H264, uint32_t nTimeScale = 1000)
+    explicit Player(uint32_t nTimeScale = 1000)
     {
         out.pScratch = scratch.data();
         out.nScratch = static_cast<uint32_t>(scratch.size());
         BlockListInit(&out.Outq, nullptr);
         out.nTracks = 1;
-        track = RtpTrack{1, nMediaType, 96, 0xA0B0C0D0, 0xFFFE, nTimeScale};
+        track = RtpTrack{1, MEDIA_H264, 96, 0xA0B0C0D0, 0xFFFE, nTimeScale};
         out.tracks[0] = &track;
     }
     ~Player() { ListEmpty(&out.Outq); }

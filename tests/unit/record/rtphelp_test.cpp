@@ -1,13 +1,13 @@
 #include "record/rtphelp.h"
 
+#include <tuple>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "recordkit.h"
 
 namespace orx {
-
-using testing::HasSubstr;
 
 // Which packets a sample of units becomes: 1 a single unit, n an aggregate of n, f a fragment; * key, !
 // marker.
@@ -70,22 +70,20 @@ TEST(RtpHelp, RecordedAgainPicturesAreTheSame)
 // What a file's samples break ends their packetising.
 TEST(RtpHelp, BrokenSamples)
 {
-    const struct {
-        const char *szText;
-        PackProc pfn;
-        std::string sample;
-        uint32_t nTimeScale = 1000;
-    } cases[] = {
+    const std::tuple<const char *, PackProc, std::string, uint32_t> cases[] = {
+        // what is said of the sample, at a clock rate
         {"nTimeScale % 1000)==0", Pack2RtpUserBlock, "x", 11025},
-        {"len==0", Pack2Rtp264Block, Prefixed(Nal(1, 20, 1)) + Be(2, 2)},
-        {"(nLenIn % nBytesPerFrame) == 0", Pack2RtpG711Block, std::string(161, 'x')},
-        {"nLenIn <= 1460", Pack2RtpUserBlock, std::string(1461, 'x')},
-        {"lqt != ((void *)0)", Pack2RtpJpegBlock, "nothing"},
-        {"scanLines != ((void *)0)", Pack2RtpJpegBlock, "\xFF\xD8\xFF\xDB" + Be(67, 2) + std::string(65, 0)},
+        {"len==0", Pack2Rtp264Block, Prefixed(Nal(1, 20, 1)) + Be(2, 2), 1000},
+        {"(nLenIn % nBytesPerFrame) == 0", Pack2RtpG711Block, std::string(161, 'x'), 1000},
+        {"nLenIn <= 1460", Pack2RtpUserBlock, std::string(1461, 'x'), 1000},
+        {"lqt != ((void *)0)", Pack2RtpJpegBlock, "nothing", 1000},
+        {"scanLines != ((void *)0)", Pack2RtpJpegBlock, "\xFF\xD8\xFF\xDB" + Be(67, 2) + std::string(65, 0),
+         1000},
     };
-    for (const auto &c : cases) {
-        Player player(MEDIA_H264, c.nTimeScale);
-        EXPECT_THAT(PeerFaults([&] { EXPECT_EQ(0, player.Pack(c.pfn, c.sample)); }), HasSubstr(c.szText));
+    for (const auto &[szText, pfn, sample, nTimeScale] : cases) {
+        Player player(nTimeScale);
+        auto pack = [&, pfnPack = pfn, &text = sample] { EXPECT_EQ(0, player.Pack(pfnPack, text)); };
+        EXPECT_THAT(PeerFaults(pack), testing::HasSubstr(szText));
         EXPECT_TRUE(player.Packets().empty());
     }
 }

@@ -1,6 +1,7 @@
 #include "record/sdpscan.h"
 
 #include <string>
+#include <tuple>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -9,17 +10,13 @@
 
 namespace orx {
 
-using testing::HasSubstr;
-
 TEST(SdpScan, TakesWhatCanBeRecorded)
 {
     const std::string video = "m=video 0 RTP/AVP 96\r\n", audio = "m=audio 0 RTP/AVP 97\n",
                       h264 = video + "a=rtpmap:96 avc/90000\r\n", amr = audio + "a=rtpmap:97 amr-nb/8000\n",
                       data = "m=data 0 RTP/AVP 98\r\na=rtpmap:98 x/1000\r\n";
-    const struct {
-        std::string sdp;
-        const char *szVideo, *szAudio, *szPrinted;
-    } cases[] = {
+    const std::tuple<std::string, const char *, const char *, const char *> cases[] = {
+        // a description, its video and audio, and what is printed
         {"v=0\n" + amr + h264, "H264", "AMR-NB", ""},
         {"m=video 0 RTP/AVP 26\r\n", "JPEG", "", ""},
         {video + h264, "H264", "",
@@ -34,17 +31,17 @@ TEST(SdpScan, TakesWhatCanBeRecorded)
         {h264 + "m=audio 0 RTP/AVP\r\na=rtpmap:97 AMR/8000\r\n", "H264", "", "bad SDP:\r\nm=video"},
         {"s=m=video 0 RTP/AVP 26\r\rm=video 0 RTP/AVP 26", "", "", ""},  // lines end in LF
     };
-    for (const auto &c : cases) {
+    for (const auto &[sdp, szVideo, szAudio, szPrinted] : cases) {
         SdpCodecs codecs;
-        std::string printed = Printed([&] {
-            SdpScanCodecs(c.sdp.c_str(), &codecs);
+        std::string printed = Printed([&, &text = sdp] {
+            SdpScanCodecs(text.c_str(), &codecs);
             SdpDepacketiser(&codecs.video, "Video");
             SdpDepacketiser(&codecs.audio, "Audio");
         });
-        EXPECT_STREQ(c.szVideo, codecs.video.szName) << c.sdp;
-        EXPECT_STREQ(c.szAudio, codecs.audio.szName) << c.sdp;
-        EXPECT_EQ(*c.szPrinted == '\0', printed.empty()) << printed;
-        EXPECT_THAT(printed, HasSubstr(c.szPrinted));
+        EXPECT_STREQ(szVideo, codecs.video.szName) << sdp;
+        EXPECT_STREQ(szAudio, codecs.audio.szName) << sdp;
+        EXPECT_EQ(*szPrinted == '\0', printed.empty()) << printed;
+        EXPECT_THAT(printed, testing::HasSubstr(szPrinted));
     }
 }
 

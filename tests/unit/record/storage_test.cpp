@@ -107,34 +107,26 @@ TEST_F(StorageDays, NothingOutsideTheRootIsReached)
 // No disk has the room asked for, so that everything that may be deleted is: the oldest day first.
 TEST_F(StorageDays, ReserveSpaceDeletesTheOldestFirst)
 {
-    static const struct {
-        const char *szSub;
-        int bDateLayout;
-        uint32_t nMB;
-        int bDelete, nResult;
-        const char *szRemoved, *szLeft;  // days or files by their digits
-    } cases[] = {
-        {"cam/20240101", 1, 1, 1, 1, "", "20240101 20231231 "},
-        {"cam/20240101/", 1, UINT32_MAX, 0, 0, "", "20240101 20231231 "},
-        {"cam/20240101", 1, UINT32_MAX, 1, 0, "20231231 20240101 ", ""},
-        {"cam/20240101", 0, UINT32_MAX, 1, 1, "20240101 ", "20231231 "},  // gone, so that it cannot be asked
-    };
-    static const std::string days[] = {"20240101", "20231231"};
-    for (const auto &c : cases) {
-        std::string removed, left;
+    const std::string days[] = {"20240101", "20231231"};
+    // The result, the days that it says are deleted, and those that are left.
+    auto reserve = [&](const char *szSub, int bDateLayout, uint32_t nMB, int bDelete) {
         for (const auto &day : days)
             Put(root + "cam/" + day + "/M1.zmf");
         int nResult = -1;
-        std::string said = Printed(
-            [&] { nResult = CheckPathReserveSpace(root.c_str(), c.szSub, c.bDateLayout, c.nMB, c.bDelete); });
-        EXPECT_EQ(c.nResult, nResult) << said;
+        const std::string said =
+            Printed([&] { nResult = CheckPathReserveSpace(root.c_str(), szSub, bDateLayout, nMB, bDelete); });
+        std::string told = std::to_string(nResult);
         for (size_t n = 0; (n = said.find("The oldest file (", n)) != std::string::npos; n++)
-            removed += said.substr(n + 17 + root.size() + 4, 8) + " ";
+            told += " -" + said.substr(n + 17 + root.size() + 4, 8);
         for (const auto &day : days)
-            left += std::filesystem::exists(root + "cam/" + day) ? day + " " : "";
-        EXPECT_EQ(c.szRemoved, removed) << said;
-        EXPECT_EQ(c.szLeft, left) << c.szSub;
-    }
+            told += std::filesystem::exists(root + "cam/" + day) ? " " + day : "";
+        return told;
+    };
+    EXPECT_EQ("1 20240101 20231231", reserve("cam/20240101", 1, 1, 1));
+    EXPECT_EQ("0 20240101 20231231", reserve("cam/20240101/", 1, UINT32_MAX, 0));
+    EXPECT_EQ("0 -20231231 -20240101", reserve("cam/20240101", 1, UINT32_MAX, 1));
+    EXPECT_EQ("1 -20240101 20231231", reserve("cam/20240101", 0, UINT32_MAX, 1))
+        << "gone, so it cannot be asked";
 }
 
 }  // namespace orx

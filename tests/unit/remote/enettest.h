@@ -9,6 +9,11 @@
 #include <utility>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include "remote/unet.h"
+#include "runtime/clock.h"
+#include "support/files.h"
 #include "support/sockets.h"
 
 namespace orx {
@@ -70,6 +75,42 @@ private:
         received.emplace_back(
             event.peer, std::string(reinterpret_cast<char *>(event.packet->data), event.packet->dataLength));
         enet_packet_destroy(event.packet);
+    }
+};
+
+// The relay in front of an RTSP server that the test plays, and a host that it is to deal with.
+struct RelayRig {
+    TempDir dir;
+    Listener rtsp;
+    Unet unet;
+    EnetSide remote;
+
+    explicit RelayRig(InterfaceAddressProc pfnGetAddress = nullptr)
+    {
+        UnetSettings settings;
+        settings.szBindIp = "127.0.0.1";
+        settings.nRtspPort = rtsp.nPort;
+        settings.pfnGetAddress = pfnGetAddress;
+        EXPECT_EQ(1, UnetStart(&unet, &settings));
+    }
+    ~RelayRig()
+    {
+        UnetStop(&unet);
+        ClockSetOffset(0);
+    }
+    RelayRig &operator=(RelayRig &&) = delete;
+    // A remote player and the connection that the relay makes for it.
+    std::pair<ENetPeer *, Sock> Join(EnetSide &side)
+    {
+        size_t nBefore = side.connected.size();
+        ENetPeer *pPeer = side.Connect(unet.nPort);
+        EXPECT_TRUE(side.Pump([&] { return side.connected.size() > nBefore && rtsp.sock.Readable(0); }));
+        return {pPeer, rtsp.Accept()};
+    }
+    // Whether something comes out of the relay, or it closes the connection.
+    bool Arrives(const Sock &server)
+    {
+        return remote.Pump([&] { return server.Readable(0); });
     }
 };
 

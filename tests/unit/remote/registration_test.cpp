@@ -8,15 +8,11 @@
 
 #include "base/textbuf.h"
 #include "enettest.h"
-#include "remote/unet.h"
-#include "runtime/clock.h"
-#include "support/files.h"
 #include "support/output.h"
 
 namespace orx {
 
 using namespace std::literals;
-using testing::HasSubstr;
 
 const char kGuid[] = "box-0123456789abcdef-01";
 constexpr std::string_view kHeartbeat = "\0\0\1\0\0\0\0\0\0\0\x03\xEB\0\0\0\0"sv;
@@ -38,35 +34,21 @@ static std::string Packet(uint32_t nCmd, uint32_t nResult)
 }
 
 // A box that registers with a rendezvous server that the test plays.
-struct BoxRig {
-    TempDir dir;
-    EnetSide server;
-    Listener rtsp;
-    Unet unet;
+struct BoxRig : RelayRig {
     size_t nSeen = 0;  // packets that Next has given out
 
-    explicit BoxRig(const std::string &config = "")
+    explicit BoxRig(const std::string &config = "") : RelayRig(FakeAddress)
     {
         WriteFile(dir.File("orx.cfg"), "[MAIN]\nDeviceGuid="s + kGuid + "\n" + config);
-        UnetSettings settings;
-        settings.szBindIp = "127.0.0.1";
-        settings.nRtspPort = rtsp.nPort;
-        settings.pfnGetAddress = FakeAddress;
-        EXPECT_EQ(1, UnetStart(&unet, &settings));
-        EXPECT_EQ(1, ZupoRegisterCreate(&unet, "localhost", server.Port(), dir.File("orx.cfg").c_str()));
-    }
-    ~BoxRig()
-    {
-        UnetStop(&unet);
-        ClockSetOffset(0);
+        EXPECT_EQ(1, ZupoRegisterCreate(&unet, "localhost", remote.Port(), dir.File("orx.cfg").c_str()));
     }
     // The next packet from the box, or "none".
     std::string Next()
     {
-        bool bCame = server.Pump([&] { return server.received.size() > nSeen; });
-        return bCame ? server.received[nSeen++].second : "none";
+        bool bCame = remote.Pump([&] { return remote.received.size() > nSeen; });
+        return bCame ? remote.received[nSeen++].second : "none";
     }
-    void Reply(const std::string &packet) { server.Send(server.connected.back(), packet); }
+    void Reply(const std::string &packet) { remote.Send(remote.connected.back(), packet); }
     std::string Register(const std::string &ip, const std::string &mapped) const
     {
         std::string port = {static_cast<char>(rtsp.nPort >> 8), static_cast<char>(rtsp.nPort)};
@@ -111,8 +93,8 @@ TEST(Registration, ComesBackAfterAWhile)
         if (bRefused)
             rig.Reply(Packet(ZUPO_REGISTER_REPLY, 0));
         else
-            enet_peer_disconnect(rig.server.connected.back(), 0);
-        for (uint32_t nMs = 0; !rig.server.Pump([&] { return rig.server.connected.size() > 1; }, 20);
+            enet_peer_disconnect(rig.remote.connected.back(), 0);
+        for (uint32_t nMs = 0; !rig.remote.Pump([&] { return rig.remote.connected.size() > 1; }, 20);
              nMs += 1000)
             ClockSetOffset(nMs);
         EXPECT_GE(ClockDiff(ClockMs(), nStart), bRefused ? 58000 : 28000);
@@ -132,15 +114,17 @@ TEST(Registration, ABrokenPacketEndsTheConnection)
         {reply, ""},
         {std::string(kHeartbeat), ""},  // other commands concern nobody here
     };
-    for (const auto &c : cases) {
+    for (const auto &[packet, szText] : cases) {
         UnetHost host;
         Registration registration;
         registration.pHost = &host;
         registration.bRegistered = 1;
-        EXPECT_THAT(PeerFaults([&] { RegistrationReceive(&registration, c.first.data(), c.first.size()); }),
-                    HasSubstr(c.second));
-        EXPECT_EQ(*c.second == '\0', registration.bRegistered) << c.second;
-        EXPECT_EQ(c.first == reply ? 0x7F000001U : 0, registration.nSeenIp);
+        auto receive = [&, &bytes = packet] {
+            RegistrationReceive(&registration, bytes.data(), bytes.size());
+        };
+        EXPECT_THAT(PeerFaults(receive), testing::HasSubstr(szText));
+        EXPECT_EQ(*szText == '\0', registration.bRegistered) << szText;
+        EXPECT_EQ(packet == reply ? 0x7F000001U : 0, registration.nSeenIp);
     }
 }
 

@@ -14,35 +14,6 @@ using namespace std::literals;
 
 constexpr std::string_view kClose = "\0\0\0c"sv;
 
-// The relay under test, in front of an RTSP server that the test plays.
-struct RelayRig {
-    Listener rtsp;
-    Unet unet;
-    EnetSide remote;
-
-    RelayRig()
-    {
-        UnetSettings settings;
-        settings.szBindIp = "127.0.0.1";
-        settings.nRtspPort = rtsp.nPort;
-        EXPECT_EQ(1, UnetStart(&unet, &settings));
-    }
-    ~RelayRig() { UnetStop(&unet); }
-    // A remote player and the connection that the relay makes for it.
-    std::pair<ENetPeer *, Sock> Join(EnetSide &side)
-    {
-        size_t nBefore = side.connected.size();
-        ENetPeer *pPeer = side.Connect(unet.nPort);
-        EXPECT_TRUE(side.Pump([&] { return side.connected.size() > nBefore && rtsp.sock.Readable(0); }));
-        return {pPeer, rtsp.Accept()};
-    }
-    // Whether something comes out of the relay, or it closes the connection.
-    bool Arrives(const Sock &server)
-    {
-        return remote.Pump([&] { return server.Readable(0); });
-    }
-};
-
 TEST(Unet, OnlyExactlyFourBytesAreACloseRequest)
 {
     RelayRig rig;

@@ -70,13 +70,11 @@ TEST(SockUtil, BindsAndConnects)
     sockaddr_in addr{};
     int udp = SockBindUdpAny();
     EXPECT_STREQ("0.0.0.0", SockLocalIpString(udp));
-    EXPECT_EQ(0, SockGetLocalName(udp, &addr));
-    EXPECT_NE(0, SockGetPort(&addr));
     EXPECT_NE(0, fcntl(udp, F_GETFL) & O_NONBLOCK);
     SockClose(udp);
 
+    addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = 0;
     int listening = SockListenTcp(&addr);
     EXPECT_STREQ("127.0.0.1", SockLocalIpString(listening));
     EXPECT_EQ(0, SockGetLocalName(listening, &addr));

@@ -13,9 +13,6 @@
 
 namespace orx {
 
-using testing::Contains;
-using testing::HasSubstr;
-
 TEST(JpegImage, RecordedPayloadsBecomeAnImage)
 {
     // an image of 16 x 8 pixels in two payloads, its tables given by Q or sent along
@@ -73,7 +70,7 @@ TEST(Survey, FindsFaults)
     };
     for (const auto &[szFault, nOffset, bytes] : cases) {
         WriteFile(path, std::string(good).replace(nOffset, bytes.size(), bytes));
-        EXPECT_THAT(Look(path).faults, Contains(HasSubstr(szFault)));
+        EXPECT_THAT(Look(path).faults, testing::Contains(testing::HasSubstr(szFault)));
         EXPECT_EQ(1, ReportCheck(path));
     }
     // a cut is a fault, but not in a file that was never closed: that is what a power cut leaves

@@ -1,7 +1,7 @@
 #include "server/media/rtcp.h"
 
 #include <string>
-#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -15,19 +15,15 @@ using testing::HasSubstr;
 
 TEST(RtcpNtp, FromWallClock)
 {
-    static const std::tuple<uint32_t, uint32_t, uint32_t, uint32_t> cases[] = {
-        // seconds and microseconds, and what they are
-        {0, 0, 0x83AA7E80, 0},
-        {1, 1, 0x83AA7E81, 4294},
-        {0, 999999, 0x83AA7E80, 999999U * 4294 + 999999U * 1981 / 2048},
-        {0x7C558180, 0, 0, 0},  // 2036: the NTP seconds wrap
+    auto ntp = [](uint32_t nSec, uint32_t nMicros) {
+        uint32_t nNtpSec = 1, nNtpFrac = 1;
+        NtpFromTime(nSec, nMicros, &nNtpSec, &nNtpFrac);
+        return std::pair(nNtpSec, nNtpFrac);
     };
-    for (const auto &[nSec, nMicros, nNtpSec, nNtpFrac] : cases) {
-        uint32_t nGotSec = 1, nGotFrac = 1;
-        NtpFromTime(nSec, nMicros, &nGotSec, &nGotFrac);
-        EXPECT_EQ(nNtpSec, nGotSec) << nSec;
-        EXPECT_EQ(nNtpFrac, nGotFrac) << nMicros;
-    }
+    EXPECT_EQ(std::pair(0x83AA7E80U, 0U), ntp(0, 0));
+    EXPECT_EQ(std::pair(0x83AA7E81U, 4294U), ntp(1, 1));
+    EXPECT_EQ(std::pair(0x83AA7E80U, 999999U * 4294 + 999999U * 1981 / 2048), ntp(0, 999999));
+    EXPECT_EQ(std::pair(0U, 0U), ntp(0x7C558180, 0)) << "2036: the NTP seconds wrap";
     char szText[64];
     NtpTimeToString(0x83AA7E80U + 1700000000U, 4295U * 1000 * 250, szText, sizeof(szText));
     EXPECT_STREQ("2023-11-14-22:13:20.250", szText);

@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include "base/base64.h"
 #include "base/console.h"
 #include "support/output.h"
 
@@ -35,18 +34,11 @@ struct Receiver {
     }
 };
 
-static std::string Encoded(const std::string &bytes)
-{
-    std::string text(Base64EncodedSize(bytes.size()), '\0');
-    Base64Encode(bytes.data(), text.data(), bytes.size());
-    return text.substr(0, text.size() - 1);
-}
-
 TEST(TunnelDecode, AtAnySplit)
 {
     const std::string bytes = std::string("OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n\r\n$\0\0\x02zz", 37);
     const std::string text =
-        Encoded(bytes.substr(0, 7)) + "\r\n \t\v" + Encoded(bytes.substr(7, 11)) + Encoded(bytes.substr(18));
+        "T1BUSU9OUw==\r\n \t\vICogUlRTUC8xLjA=DQpDU2VxOiAxDQoNCiQAAAJ6eg==";  // in three parts
     for (size_t i = 0; i <= text.size(); i++) {
         for (size_t j = i; j <= text.size(); j++) {
             Receiver r;
