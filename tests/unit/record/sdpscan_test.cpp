@@ -29,6 +29,8 @@ TEST(SdpScan, TakesWhatCanBeRecorded)
         {video + "a=rtpmap:96 MJPEG/90000\r\n", "MJPEG", "", "Unsupport Video Codec \"MJPEG\"!\r\n"},
         {audio + "a=rtpmap:97 G711A/8000\r\n", "", "G711A", "Unsupport Audio Codec \"G711A\"!\r\n"},
         {audio + "a=rtpmap:97 pcma/8000\r\n", "", "PCMA", ""},
+        {audio + "a=rtpmap:97 PCMU/8000\r\n", "", "PCMU", ""},
+        {audio + "a=rtpmap:97 sawb/16000\r\n", "", "AMR-WB", ""},
         {h264 + audio + "a=rtpmap:97 /8000\r\n", "H264", "", "Invalid SDP!\r"},
         {h264 + audio + "a=rtpmap:97 AMR\r\n", "H264", "", "Invalid SDP!\r"},
         {h264 + "m=audio 0 RTP/AVP\r\na=rtpmap:97 AMR/8000\r\n", "H264", "", "bad SDP:\r\nm=video"},
@@ -45,6 +47,9 @@ TEST(SdpScan, TakesWhatCanBeRecorded)
         EXPECT_STREQ(c.szAudio, codecs.audio.szName) << c.sdp;
         EXPECT_EQ(*c.szPrinted == '\0', printed.empty()) << printed;
         EXPECT_THAT(printed, HasSubstr(c.szPrinted));
+        for (const Codec *p : {codecs.video.pCodec, codecs.audio.pCodec})
+            EXPECT_TRUE(!p || (p->pfnPack && p->nForm != FORM_NONE && p->exported.szEnding))
+                << "what is recorded can be played and exported";
     }
 }
 

@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include "support/files.h"
-#include "support/output.h"
 
 namespace orx {
 
@@ -102,39 +101,6 @@ TEST_F(StorageDays, NothingOutsideTheRootIsReached)
     EXPECT_EQ("x", ReadFile(dir.File("outside/20240229/M1.zmf")));
     EXPECT_TRUE(std::filesystem::is_symlink(root + "cam/20240229"));
     EXPECT_FALSE(std::filesystem::exists(root + "cam/20240228"));
-}
-
-// No disk has the room asked for, so that everything that may be deleted is: the oldest day first.
-TEST_F(StorageDays, ReserveSpaceDeletesTheOldestFirst)
-{
-    static const struct {
-        const char *szSub;
-        int bDateLayout;
-        uint32_t nMB;
-        int bDelete, nResult;
-        const char *szRemoved, *szLeft;  // days or files by their digits
-    } cases[] = {
-        {"cam/20240101", 1, 1, 1, 1, "", "20240101 20231231 "},
-        {"cam/20240101/", 1, UINT32_MAX, 0, 0, "", "20240101 20231231 "},
-        {"cam/20240101", 1, UINT32_MAX, 1, 0, "20231231 20240101 ", ""},
-        {"cam/20240101", 0, UINT32_MAX, 1, 1, "20240101 ", "20231231 "},  // gone, so that it cannot be asked
-    };
-    static const std::string days[] = {"20240101", "20231231"};
-    for (const auto &c : cases) {
-        std::string removed, left;
-        for (const auto &day : days)
-            Put(root + "cam/" + day + "/M1.zmf");
-        int nResult = -1;
-        std::string said = Printed(
-            [&] { nResult = CheckPathReserveSpace(root.c_str(), c.szSub, c.bDateLayout, c.nMB, c.bDelete); });
-        EXPECT_EQ(c.nResult, nResult) << said;
-        for (size_t n = 0; (n = said.find("The oldest file (", n)) != std::string::npos; n++)
-            removed += said.substr(n + 17 + root.size() + 4, 8) + " ";
-        for (const auto &day : days)
-            left += std::filesystem::exists(root + "cam/" + day) ? day + " " : "";
-        EXPECT_EQ(c.szRemoved, removed) << said;
-        EXPECT_EQ(c.szLeft, left) << c.szSub;
-    }
 }
 
 }  // namespace orx

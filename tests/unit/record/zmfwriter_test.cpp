@@ -19,13 +19,14 @@ static uint32_t Field(const std::string &file, size_t nOffset, size_t nBytes)
 
 TEST(ZMFWriter, EveryByteOfASmallFile)
 {
+    constexpr uint32_t kStart = 0xFFFFFFF0;  // the clock wraps on the way
     Recorder recorder("v=0\r\na=Range:npt=now-\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n",
                       "Front door", "0123456789");
     EXPECT_TRUE(std::filesystem::exists(recorder.path + ".tm!"));
-    recorder.PutKey(5000, 30);
-    recorder.Put('v', 0, 5040, "delta");
-    recorder.Put('u', 0, 5050, "ALARM:1");
-    recorder.Put('t', 0, 6234, "text");
+    recorder.PutKey(kStart, 30);
+    recorder.Put('v', 0, kStart + 40, "delta");
+    recorder.Put('u', 0, kStart + 50, "ALARM:1");
+    recorder.Put('t', 0, kStart + 1234, "text");
     std::string file = recorder.Finish();
     EXPECT_FALSE(std::filesystem::exists(recorder.path + ".tm!"));
 
@@ -46,7 +47,7 @@ TEST(ZMFWriter, EveryByteOfASmallFile)
     EXPECT_EQ(padded(head, 168), file.substr(0, 168));
     EXPECT_EQ(std::string(1600, '\0'), file.substr(168, 1600)) << "the first picture is at 0";
     EXPECT_EQ(padded("v=0\r\na=range:npt=0-1.234\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n", 88) +
-                  padded("0123456789", 16) + record("v\x40", 0, Nal(7, 30, 5000)) +
+                  padded("0123456789", 16) + record("v\x40", 0, Nal(7, 30, kStart)) +
                   record("v" + none, 40, "delta") + record("u" + none, 50, "ALARM:1") +
                   record("t" + none, 1234, "text"),
               file.substr(1768));
@@ -83,24 +84,6 @@ TEST(ZMFWriter, NothingBeforeTheFirstKeyFrame)
                                          {'a', 0, 0, "onetwo"},
                                          {'v', 0, 40, "picture"},
                                          {'a', 0, 60, "three"}};
-    EXPECT_EQ(expected, recorder.FinishedSamples());
-}
-
-// What is gathered is written, and the next sample follows 20 ms after the last one, whatever its clock says.
-TEST(ZMFWriter, APauseLeavesTimeOut)
-{
-    Recorder recorder;
-    recorder.PutKey(1000);
-    recorder.Put('v', 0, 1040, "picture");
-    recorder.Put('a', 0, 1050, "sound");
-    ZMFWriterPause(recorder.pWriter);
-    recorder.Put('a', 0, 500, "after");
-    recorder.PutKey(700);
-    std::vector<MediaSample> expected = {{'v', ZMF_KEY, 0, Nal(7, 100, 1000)},
-                                         {'v', 0, 40, "picture"},
-                                         {'a', 0, 50, "sound"},
-                                         {'a', 0, 70, "after"},
-                                         {'v', ZMF_KEY, 270, Nal(7, 100, 700)}};
     EXPECT_EQ(expected, recorder.FinishedSamples());
 }
 

@@ -1,10 +1,7 @@
 #include "server/core/settings.h"
 
 #include <iterator>
-#include <filesystem>
 #include <regex>
-#include <set>
-#include <sstream>
 #include <string>
 #include <tuple>
 
@@ -138,34 +135,6 @@ TEST(SettingsTable, IsWhatTheDocumentsSay)
     EXPECT_EQ(SettingsTable().size(), Count(file, std::regex("\n; \\w+(%d)? \\([^)]*\\): ")));
     EXPECT_EQ(SettingsTable().size(), Count(file, std::regex("\n;?\\w+=")));
     EXPECT_EQ(SettingsTable().size(), Count(page, std::regex("\n\\| `")));
-}
-
-// Who reads a key that the table does not know makes a setting that no document names; and a key that the
-// server leaves to others is to be read by one of them.
-TEST(SettingsTable, HasARowForEveryKeyThatASourceNames)
-{
-    std::set<std::string> known, others, named;
-    std::string sections = "none";
-    for (const Setting &row : SettingsTable()) {
-        std::string key = std::string("\"") + row.szSection + "\", \"" + row.szKey;
-        key = key.substr(0, key.find('%'));
-        sections += std::string("|") + row.szSection;
-        known.insert(key);
-        if (row.place.nOffset == kNotHere)
-            others.insert(key);
-    }
-    const std::regex use("\"(" + sections + ")\", \"[^\"%]*");
-    for (const auto &entry : std::filesystem::recursive_directory_iterator(ORX_SOURCE_DIR "/src")) {
-        int bSource = entry.is_regular_file() && entry.path().filename() != "settings.cpp";
-        std::istringstream text(bSource ? ReadFile(entry.path()) : "");
-        std::smatch found;
-        for (std::string line; std::getline(text, line);)
-            if (line.find("\", \"") != std::string::npos && line.find("write_profile") == std::string::npos &&
-                std::regex_search(line, found, use))
-                named.insert(found.str());
-    }
-    EXPECT_THAT(named, testing::IsSubsetOf(known));
-    EXPECT_THAT(named, testing::IsSupersetOf(others));
 }
 
 }  // namespace orx
