@@ -164,6 +164,8 @@ TEST_F(ConnectionTest, AnswersWhatItDoesNotKnow)
         {"OPTIONS " + std::string(256, 'u') + " RTSP/1.0\r\n\r\n", ""},
         {head + "X:\r\n\r\n", ""},
         {head + "CSeq: 2\r\n\r\n", ""},
+        {head + "nothing\r\nX: y\r\n\r\n", ""},
+        {head + "User-Agent: a\r\nuser-agent: b\r\n\r\n", OptionsReply(1)},  // extensions of some players
         {head + "Content-Length: -1\r\n\r\n", ""},
         {head + "Content-Length: 16384\r\n\r\n", ""},
         {"\0\0\0\0\r\n\r\n"s, ""},

