@@ -94,11 +94,8 @@ int main(int argc, char **argv)
         fprintf(stderr, "recordloop: cannot write in %s\n", argc > 1 ? argv[1] : ".");
         return 1;
     }
-    auto perGigabyte = [](clock_t nTicks, uint64_t n) {
-        return double(nTicks) / CLOCKS_PER_SEC * 1e9 / double(n);
-    };
+    auto perGigabyte = [](clock_t nTicks, uint64_t n) { return double(nTicks) / CLOCKS_PER_SEC * 1e9 / double(n); };
     printf("{\"record_cpu_s_per_gb\":%.3f,\"plain_cpu_s_per_gb\":%.3f,\"longest_packet_us\":%.0f}\n",
-           perGigabyte(nRecorded - nStart, load.nBytes), perGigabyte(nEnd - nRecorded, nBytes),
-           load.dLongestUs);
+           perGigabyte(nRecorded - nStart, load.nBytes), perGigabyte(nEnd - nRecorded, nBytes), load.dLongestUs);
     return 0;
 }

@@ -116,8 +116,8 @@ int main(int argc, char **argv)
     }
     const double dCpu = double(clock() - nCpuBefore) / CLOCKS_PER_SEC;
     const double dBytes = double(nPictures) * kPackets * kBytes * nSockets;
-    printf("{\"transport\":\"%s\",\"sockets\":%d,\"bytes\":%.0f,\"cpu_s\":%.4f,\"cpu_s_per_gb\":%.4f}\n",
-           argv[1], nSockets, dBytes, dCpu, dCpu * 1e9 / dBytes);
+    printf("{\"transport\":\"%s\",\"sockets\":%d,\"bytes\":%.0f,\"cpu_s\":%.4f,\"cpu_s_per_gb\":%.4f}\n", argv[1],
+           nSockets, dBytes, dCpu, dCpu * 1e9 / dBytes);
     kill(nSink, SIGKILL);
     waitpid(nSink, nullptr, 0);
     return 0;

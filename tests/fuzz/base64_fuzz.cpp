@@ -13,9 +13,8 @@ static void CheckRoundTrip(const uint8_t *pData, size_t nBytes)
     ORX_ASSERT(Base64PaddedLength(text.get()) == nSize - 1, "all of it is of the alphabet");
     char *pEnd = Base64Decode(text.get(), bytes.get(), 0);
     ORX_ASSERT(pEnd == bytes.get() + nBytes && memcmp(bytes.get(), pData, nBytes) == 0, "decoded as encoded");
-    ORX_ASSERT(
-        Base64DecodeStrict(bytes.get(), text.get()) == nBytes && memcmp(bytes.get(), pData, nBytes) == 0,
-        "strictly, too");
+    ORX_ASSERT(Base64DecodeStrict(bytes.get(), text.get()) == nBytes && memcmp(bytes.get(), pData, nBytes) == 0,
+               "strictly, too");
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)

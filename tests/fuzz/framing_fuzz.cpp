@@ -76,8 +76,7 @@ struct Connection {
 static std::string MakeRequest(const char *szMethod, int nCSeq, const char *szHeaders = "",
                                const std::string &body = "")
 {
-    return std::string(szMethod) + " rtsp://h/cam" +
-           (nCSeq < 10 ? "" : "/trackID=" + std::to_string(nCSeq % 10)) +
+    return std::string(szMethod) + " rtsp://h/cam" + (nCSeq < 10 ? "" : "/trackID=" + std::to_string(nCSeq % 10)) +
            " RTSP/1.0\r\nCSeq: " + std::to_string(nCSeq) + "\r\n" + szHeaders +
            (body.empty() ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n") + "\r\n" + body;
 }
@@ -125,8 +124,8 @@ static void SetUp(Cast *pCast, char c, std::string *pFirst)
         pCast->get->Send("GET /cam HTTP/1.0\r\nx-sessioncookie: c\r\n\r\n");
         pCast->pSecond = c == 'T' ? pCast->get.get() : nullptr;
     }
-    pCast->subject = c == 'h' ? std::make_unique<Connection>(pFirst->data(), pFirst->size())
-                              : std::make_unique<Connection>();
+    pCast->subject =
+        c == 'h' ? std::make_unique<Connection>(pFirst->data(), pFirst->size()) : std::make_unique<Connection>();
     if (c == 'h')
         pFirst->clear();
     ORX_ASSERT((c != 't' && c != 'T') || pCast->subject->Send(g_post), "paired");

@@ -28,8 +28,8 @@ static void CheckParse(const Input &in)
 {
     auto text = Exact<char>(in.text.c_str(), in.text.size() + 1);
     int nSec, nBody, nKey, nKeyEnd, nValue, nEnd;
-    int bFound = parse_file(in.section.c_str(), in.key.c_str(), text.get(), &nSec, &nBody, &nKey, &nKeyEnd,
-                            &nValue, &nEnd);
+    int bFound =
+        parse_file(in.section.c_str(), in.key.c_str(), text.get(), &nSec, &nBody, &nKey, &nKeyEnd, &nValue, &nEnd);
     int nLen = int(strlen(text.get()));
     ORX_ASSERT(nSec <= nBody && nBody <= nLen, "the section lies in the text");
     ORX_ASSERT(!bFound || (nBody <= nKey && nKey <= nKeyEnd && nKeyEnd + 2 == nValue && nValue <= nEnd &&
@@ -68,9 +68,8 @@ static void CheckWrite(const Input &in)
     if (!bWritten || !(bHadKey || bFresh) || !IsPlain(in.section) || !IsPlain(in.key) || !IsPlain(in.value))
         return;
     char value[kProfileTextSize];
-    ORX_ASSERT(
-        read_profile_string(szSection, szKey, value, sizeof(value), nullptr, szFile) && in.value == value,
-        "the key is there, with the value written");
+    ORX_ASSERT(read_profile_string(szSection, szKey, value, sizeof(value), nullptr, szFile) && in.value == value,
+               "the key is there, with the value written");
 }
 
 // Files and texts in memory come out the same.
@@ -84,8 +83,7 @@ static void CheckRemove(const Input &in, bool bSection)
     auto text = Exact<char>(memory.c_str(), memory.size() + 1);
     int bRemoved = remove(text.get());
     ORX_ASSERT(strlen(text.get()) <= strlen(memory.c_str()), "nothing is added");
-    if (in.text.size() >= kProfileTextSize ||
-        in.text.find_first_of(std::string("\0\xff", 2)) != std::string::npos)
+    if (in.text.size() >= kProfileTextSize || in.text.find_first_of(std::string("\0\xff", 2)) != std::string::npos)
         return;
     WriteFile(ScratchFile(), in.text);
     std::string path = ScratchFile();

@@ -12,9 +12,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
     static const struct {
         PackProc pfn;
         uint32_t nMediaType;
-    } kinds[] = {{Pack2Rtp264Block, MEDIA_H264},   {Pack2RtpJpegBlock, MEDIA_JPEG},
-                 {Pack2RtpAmrBlock, MEDIA_AMR_NB}, {Pack2RtpAmrBlock, MEDIA_AMR_WB},
-                 {Pack2RtpG711Block, MEDIA_G711},  {Pack2RtpUserBlock, MEDIA_DATA}};
+    } kinds[] = {{Pack2Rtp264Block, MEDIA_H264},   {Pack2RtpJpegBlock, MEDIA_JPEG}, {Pack2RtpAmrBlock, MEDIA_AMR_NB},
+                 {Pack2RtpAmrBlock, MEDIA_AMR_WB}, {Pack2RtpG711Block, MEDIA_G711}, {Pack2RtpUserBlock, MEDIA_DATA}};
     if (nBytes == 0)
         return 0;
     const auto &kind = kinds[pData[0] % std::size(kinds)];

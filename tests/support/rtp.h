@@ -34,8 +34,7 @@ inline std::string MakeRtp(const RtpFields &head, const std::string &payload)
 
 inline std::string Frame(int nChannel, const std::string &packet)
 {
-    return "$" + Be(static_cast<uint32_t>(nChannel), 1) + Be(static_cast<uint32_t>(packet.size()), 2) +
-           packet;
+    return "$" + Be(static_cast<uint32_t>(nChannel), 1) + Be(static_cast<uint32_t>(packet.size()), 2) + packet;
 }
 
 // Bytes in which a lost, doubled or moved piece shows.

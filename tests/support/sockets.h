@@ -23,8 +23,7 @@ namespace orx {
 inline int ElapsedMs(std::chrono::steady_clock::time_point start)
 {
     return static_cast<int>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start)
-            .count());
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count());
 }
 
 inline int OpenDescriptors()

@@ -47,8 +47,7 @@ struct TestCore {
     // settings: further keys of [SERVER], then further sections.
     explicit TestCore(const std::string &settings = "")
     {
-        WriteFile(dir.File("orx.cfg"),
-                  "[SERVER]\n" + settings + "[GUARD]\nRunUnprivileged=1\nSurvivePeerFaults=1\n");
+        WriteFile(dir.File("orx.cfg"), "[SERVER]\n" + settings + "[GUARD]\nRunUnprivileged=1\nSurvivePeerFaults=1\n");
         SettingsRead(&g_settings, dir.File("orx.cfg").c_str());
         AssertSurvivePeerFaults(1);
         ThreadAllowNoPriority(1);

@@ -6,8 +6,7 @@ using namespace orx;
 struct AnnounceTest : SystemTest {
     RtspClient other;
 
-    std::string Announce(RtspClient *pClient, const std::string &path = "/cam",
-                         const std::string &sdp = CameraSdp())
+    std::string Announce(RtspClient *pClient, const std::string &path = "/cam", const std::string &sdp = CameraSdp())
     {
         return Ask(pClient, "ANNOUNCE", path, kSdp, sdp);
     }
@@ -51,8 +50,7 @@ TEST_F(AnnounceTest, ReplacesThePusherOfTheSameAddressOnly)
     for (const char *szNumber : {"CSeq: 2\r\n", "CSeq: 3\r\n"}) {
         Connect(&other);
         other.nCSeq = 7;
-        EXPECT_EQ("RTSP/1.0 502 Duplicate\r\n" + kServerLine + szNumber + kNoCache + "\r\n",
-                  Announce(&other));
+        EXPECT_EQ("RTSP/1.0 502 Duplicate\r\n" + kServerLine + szNumber + kNoCache + "\r\n", Announce(&other));
         EXPECT_EQ(1, RtspWaitClosed(&other));
     }
     EXPECT_EQ(1, RtspPoll(&pusher));
@@ -88,9 +86,9 @@ TEST_F(AnnounceTest, ServesStandardPushers)
     server.Start();
     Connect(&pusher);
     Announce(&pusher, "/cam", "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:streamid=0\r\n");
-    EXPECT_EQ(Reply("200 OK", kNoCache + kOverTcp + "Session: SESSION\r\n" + kDate),
-              Ask(&pusher, "SETUP", "/cam/streamid=0",
-                  "Transport: RTP/AVP/TCP;unicast;interleaved=0-1;mode=record\r\n"));
+    EXPECT_EQ(
+        Reply("200 OK", kNoCache + kOverTcp + "Session: SESSION\r\n" + kDate),
+        Ask(&pusher, "SETUP", "/cam/streamid=0", "Transport: RTP/AVP/TCP;unicast;interleaved=0-1;mode=record\r\n"));
     EXPECT_THAT(Ask(&pusher, "RECORD"), kIsOk);
     Connect(&player);
     EXPECT_EQ(1, RtspDescribe(&player));

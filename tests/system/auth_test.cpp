@@ -44,8 +44,7 @@ TEST_F(AuthTest, ChallengesUntilThePasswordIsRight)
     for (const char *szMethod : {"QUICKPLAY", "DESCRIBE"}) {
         uint64_t nStart = RtspNowUs();
         Connect(&player);
-        EXPECT_EQ(kForbidden,
-                  Ask(&player, szMethod, "", "Authorization: Basic YW5uOndyb25n\r\n"));  // ann:wrong
+        EXPECT_EQ(kForbidden, Ask(&player, szMethod, "", "Authorization: Basic YW5uOndyb25n\r\n"));  // ann:wrong
         EXPECT_EQ(1, RtspWaitClosed(&player));
         EXPECT_EQ(szMethod[0] == 'D', RtspNowUs() - nStart > 1900000U) << "a while later";
     }

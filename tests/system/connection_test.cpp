@@ -15,8 +15,8 @@ const char *const kUnnumbered = "OPTIONS * RTSP/1.0\r\nAccept: x\r\n\r\n";
 
 std::string OptionsReply(int nCSeq)
 {
-    return "RTSP/1.0 200 OK\r\n" + kServerLine + "CSeq: " + std::to_string(nCSeq) + "\r\n" + kPublic +
-           kNoCache + kDate + "\r\n";
+    return "RTSP/1.0 200 OK\r\n" + kServerLine + "CSeq: " + std::to_string(nCSeq) + "\r\n" + kPublic + kNoCache +
+           kDate + "\r\n";
 }
 
 struct ConnectionTest : SystemTest {
@@ -78,11 +78,10 @@ TEST_F(ConnectionTest, TellsWhoComesAndGoes)
     RtspReset(&client);
     ASSERT_TRUE(server.WaitOutput("OnRead() failed"));
     EXPECT_TRUE(std::regex_search(
-        server.Output(),
-        std::regex("\nCreate session\\(fd=(0x[0-9a-f]+)\\) from 127\\.0\\.0\\.1:" + port +
-                   "\r\n[^]*Monitor: socket\\(\\1\\) EPOLLERR\\|EPOLLHUP!\r\nOnClose\\(\\1\\)\r\n"
-                   "OnFreePort\\(fd=\\1\\)\r\nOnFreeSession\\(\\)\\.\r\n"
-                   "OnRead\\(\\) failed and CloseSock\\(fd=\\1\\)\\.\r\n")));
+        server.Output(), std::regex("\nCreate session\\(fd=(0x[0-9a-f]+)\\) from 127\\.0\\.0\\.1:" + port +
+                                    "\r\n[^]*Monitor: socket\\(\\1\\) EPOLLERR\\|EPOLLHUP!\r\nOnClose\\(\\1\\)\r\n"
+                                    "OnFreePort\\(fd=\\1\\)\r\nOnFreeSession\\(\\)\\.\r\n"
+                                    "OnRead\\(\\) failed and CloseSock\\(fd=\\1\\)\\.\r\n")));
 }
 
 // What comes in pieces of any size is the same message; a frame of no length waits for a fifth byte, which
@@ -90,8 +89,8 @@ TEST_F(ConnectionTest, TellsWhoComesAndGoes)
 TEST_F(ConnectionTest, TakesMessagesInPieces)
 {
     server.Start();
-    std::string stream = Options(1) + MakeRequest("SET_PARAMETER", "*", 2, "", "$\r\n\r\n body$") +
-                         Frame(0, "short") + Frame(1, Options(77)) + Frame(7, "") + Options(3) +
+    std::string stream = Options(1) + MakeRequest("SET_PARAMETER", "*", 2, "", "$\r\n\r\n body$") + Frame(0, "short") +
+                         Frame(1, Options(77)) + Frame(7, "") + Options(3) +
                          MakeRequest("SET_PARAMETER", "*", 4, "", Options(78));
     for (bool bBytes : {true, false}) {
         Connect(&client);
@@ -130,11 +129,10 @@ TEST_F(ConnectionTest, NumbersOfRequests)
 {
     StartCamera(CameraSdp());
     Connect(&client);
-    EXPECT_EQ(OptionsReply(1), Exchange(&client, kUnnumbered))
-        << "a first one may come without; the counter begins";
+    EXPECT_EQ(OptionsReply(1), Exchange(&client, kUnnumbered)) << "a first one may come without; the counter begins";
     EXPECT_EQ(OptionsReply(2), Exchange(&client, kUnnumbered)) << "and goes on while nothing was described";
-    Send(&client, Options(7) + MakeRequest("SET_PARAMETER", "*", 6, "", "dropped with its body") +
-                      Options(7) + Options(8));
+    Send(&client,
+         Options(7) + MakeRequest("SET_PARAMETER", "*", 6, "", "dropped with its body") + Options(7) + Options(8));
     for (int nNumber : {7, 7, 8})  // a repeated number is answered
         EXPECT_EQ(nNumber, NextAnswer(&client));
     EXPECT_TRUE(server.WaitOutput("CmdSeq(6) < session->nReqSeq(7)! Drop it!\r\n"));
@@ -233,12 +231,10 @@ void Come(int nPort, int n)
         MakeRequest("DESCRIBE", "/cam", 1) + MakeRequest("TEARDOWN", "/cam", 2),
         MakeRequest("QUICKPLAY", "/cam", 1),
         MakeRequest("DESCRIBE", "/cam", 1) +
-            MakeRequest("SETUP", "/cam/trackID=0", 2,
-                        "Transport: RTP/AVP;unicast;client_port=9000-9001\r\n") +
+            MakeRequest("SETUP", "/cam/trackID=0", 2, "Transport: RTP/AVP;unicast;client_port=9000-9001\r\n") +
             MakeRequest("PLAY", "/cam", 3),
-        MakeRequest("ANNOUNCE", "/push", 1, kSdp, CameraSdp()) +
-            MakeRequest("SETUP", "/push/trackID=0", 2, kOverTcp) + MakeRequest("PLAY", "/push", 3) +
-            Frame(0, CameraPacket(0, 1, 0, std::string(500, 'e'))),
+        MakeRequest("ANNOUNCE", "/push", 1, kSdp, CameraSdp()) + MakeRequest("SETUP", "/push/trackID=0", 2, kOverTcp) +
+            MakeRequest("PLAY", "/push", 3) + Frame(0, CameraPacket(0, 1, 0, std::string(500, 'e'))),
         "GET" + cookie + "\r\nPOST" + cookie + "Content-Type: application/x-rtsp-tunnelled\r\n\r\n" +
             "T1BUSU9OUyAqIFJUU1AvMS4wDQpDU2VxOiAxDQoNCg==",  // OPTIONS
     };

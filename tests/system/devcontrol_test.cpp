@@ -32,8 +32,7 @@ struct DevControlTest : SystemTest {
         EXPECT_EQ(1, RtspDescribe(&client)) << user;
         return client;
     }
-    void Send(RtspClient *pClient, const char *szMethod, const std::string &headers,
-              const std::string &body = "")
+    void Send(RtspClient *pClient, const char *szMethod, const std::string &headers, const std::string &body = "")
     {
         EXPECT_NE(0, RtspSend(pClient, szMethod, nullptr, headers.c_str(), body));
     }
@@ -49,8 +48,7 @@ struct DevControlTest : SystemTest {
     {
         RtspMessage reply;
         ASSERT_EQ(1, RtspWaitReply(pClient, 0, &reply));
-        EXPECT_EQ("RTSP/1.0 " + status + "\r\n" + kServerLine + "CSeq: " + std::to_string(pClient->nCSeq) +
-                      "\r\n\r\n",
+        EXPECT_EQ("RTSP/1.0 " + status + "\r\n" + kServerLine + "CSeq: " + std::to_string(pClient->nCSeq) + "\r\n\r\n",
                   reply.raw);
     }
     // Leaves a configuration of the camera's.
@@ -88,8 +86,8 @@ TEST_F(DevControlTest, ForwardsToTheLetterAndBringsTheAnswerBack)
         Send(&watcher, c.szMethod, c.headers, c.body);
         RtspMessage request = Forwarded();
         nHandle = nHandle ? nHandle : RtspHeaderNumber(&request, "ClientSsId", -1);
-        EXPECT_EQ(c.szForwarded + (" RTSP/1.0\r\n" + kServerLine) + "CSeq: " + std::to_string(++nNumber) +
-                      "\r\n" + c.lines + "ClientSsId: " + std::to_string(nHandle) + "\r\n\r\n" + c.body,
+        EXPECT_EQ(c.szForwarded + (" RTSP/1.0\r\n" + kServerLine) + "CSeq: " + std::to_string(++nNumber) + "\r\n" +
+                      c.lines + "ClientSsId: " + std::to_string(nHandle) + "\r\n\r\n" + c.body,
                   request.raw);
         SendPictures(&pusher, 0, 3);
         ASSERT_EQ(1, RtspRespond(&pusher, &request, "200 OK"));
@@ -135,8 +133,7 @@ TEST_F(DevControlTest, DropsAnswersThatNobodyWaitsFor)
     const std::string forward = "Forward: 200 OK\r\n";
     for (const char *szHandle : {"4294967296", "18446744073709551616", "-1", "x", "1x"})
         Send(&pusher, "RESPOND", "ClientSsId: " + std::string(szHandle) + "\r\n" + forward);
-    for (const std::string &headers :
-         {forward, "ClientSsId: 0\r\n"s, "ClientSsId: 0\r\nForward: 200 OK\nX: y\r\n"s})
+    for (const std::string &headers : {forward, "ClientSsId: 0\r\n"s, "ClientSsId: 0\r\nForward: 200 OK\nX: y\r\n"s})
         Send(&pusher, "RESPOND", headers);
     EXPECT_TRUE(Answers(&pusher));
     EXPECT_TRUE(Answers(&first));
@@ -177,16 +174,14 @@ const std::string kCamCfg =
     "[USERS]\r\nNumUsers=3\r\nSuperUser=boss\r\nSuperPwd=bosspw\r\nUserName0=ann\r\nUserPwd0=annpw\r\n"
     "UserLevel0=1\r\nUserName1=bob\r\nUserPwd1=bobpw\r\nUserName2=cy\r\nUserPwd2=cypw\r\n"
     "[SMTP]\r\nPwd=mail\r\n[VIDEO]\r\nSize=1\r\n[SEND2FTP]\r\nPwd=ftp\r\n";
-const std::string kBobsView =
-    "[USERS]\r\nNumUsers=3\r\nUserName1=bob\r\nUserPwd1=bobpw\r\n[VIDEO]\r\nSize=1\r\n";
+const std::string kBobsView = "[USERS]\r\nNumUsers=3\r\nUserName1=bob\r\nUserPwd1=bobpw\r\n[VIDEO]\r\nSize=1\r\n";
 
 // Everybody sees their own part of the camera's configuration; its accounts count at once.
 TEST_F(DevControlTest, ShowsEverybodyTheirOwnConfiguration)
 {
     server.Set("SERVER", "AuthType=1\nEnableAnonymousViewer=1");
     StartCamera(CameraSdp());
-    EXPECT_EQ(WithBody("651 Get camera config failed", kPlain, ""),
-              Ask(&Watch("stranger"), "GETCAMINFO", "", kGetCfg));
+    EXPECT_EQ(WithBody("651 Get camera config failed", kPlain, ""), Ask(&Watch("stranger"), "GETCAMINFO", "", kGetCfg));
     Leave(kCamCfg);
     RtspClient &boss = Watch("boss", "bosspw"), &bob = Watch("bob", "bobpw");
     EXPECT_EQ(WithBody("650 Get camera config OK", kPlain, kCamCfg), Ask(&boss, "GETCAMINFO", "", kGetCfg));
@@ -220,9 +215,7 @@ TEST_F(DevControlTest, TakesNothingFromAChallengedPlayer)
 // The names outlive the server.
 TEST_F(DevControlTest, GivesEveryGuidItsName)
 {
-    auto ask = [this](const std::string &guid) {
-        return Ask(&Add(), "REGISTER", "", "Guid: " + guid + "\r\n");
-    };
+    auto ask = [this](const std::string &guid) { return Ask(&Add(), "REGISTER", "", "Guid: " + guid + "\r\n"); };
     server.Start();
     EXPECT_EQ(Reply("200 OK", "Result: cam1001\r\n"), ask("a"));
     EXPECT_EQ(Reply("200 OK", "Result: cam1002\r\n"), ask("b"));

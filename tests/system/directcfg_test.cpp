@@ -41,8 +41,7 @@ struct DirectCfgTest : SystemTest {
 TEST_F(DirectCfgTest, ReadsTheServersConfiguration)
 {
     Start();
-    for (const std::string &auth :
-         {std::string(), Auth("root", "x"), "UserName: root\r\n" + Auth("", "rootpw")})
+    for (const std::string &auth : {std::string(), Auth("root", "x"), "UserName: root\r\n" + Auth("", "rootpw")})
         EXPECT_EQ(kUnauthorized, GetCfg(auth)) << auth;
     std::string text = ReadFile(server.ConfigPath());
     EXPECT_EQ(Reply("200 OK", kPlain + "Content-length: " + std::to_string(text.size()) + "\r\n") + text,

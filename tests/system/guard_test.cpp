@@ -28,10 +28,7 @@ struct Scene {
         server.Start();
         EXPECT_EQ(1, RtspOpenPusher(&pusher, server.Url("/good").c_str(), CameraSdp()));
     }
-    void Connect(const char *szPath = "/good")
-    {
-        ASSERT_EQ(1, RtspConnect(&peer, server.Url(szPath).c_str()));
-    }
+    void Connect(const char *szPath = "/good") { ASSERT_EQ(1, RtspConnect(&peer, server.Url(szPath).c_str())); }
     // A GET half that waits; what else comes on its connection.
     void Wait(const std::string &further)
     {
@@ -46,8 +43,8 @@ struct Scene {
     }
     void Push(const char *szRate)
     {
-        std::string sdp = "v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/" + std::string(szRate) +
-                          "\r\na=control:trackID=0\r\n";
+        std::string sdp =
+            "v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/" + std::string(szRate) + "\r\na=control:trackID=0\r\n";
         ASSERT_EQ(1, RtspOpenPusher(&peer, server.Url("/faulty").c_str(), sdp));
         Send(&peer, Frame(0, CameraPacket(0, 1, 1, "\x65")));
     }
@@ -98,12 +95,10 @@ const struct Fault {
     {"DESCRIBE on half a tunnel", "session->Reply!=((void *)0) && session->Reply!=port",
      [](Scene *p) { p->LoseReplies("DESCRIBE"); }},
     {"SETUP of no track", "", [](Scene *p) { p->Setup("/good", kOverTcp); }, true},
-    {"SETUP over nothing known", "",
-     [](Scene *p) { p->Setup("/good/trackID=0", "Transport: RAW/RAW/UDP\r\n"); }, true},
+    {"SETUP over nothing known", "", [](Scene *p) { p->Setup("/good/trackID=0", "Transport: RAW/RAW/UDP\r\n"); }, true},
     {"ports that are no pair", "atoi(s+1)==nRemotePort+1",
      [](Scene *p) { p->Setup("/good/trackID=0", kUdp + "5000-5003\r\n"); }, true},
-    {"port 0", "nLocalPort && nRemotePort", [](Scene *p) { p->Setup("/good/trackID=0", kUdp + "0-1\r\n"); },
-     true},
+    {"port 0", "nLocalPort && nRemotePort", [](Scene *p) { p->Setup("/good/trackID=0", kUdp + "0-1\r\n"); }, true},
     {"a program of four tracks", kTracksText,
      [](Scene *p) {
          EXPECT_EQ(1, RtspConnect(&p->get, p->server.Url("/four").c_str()));

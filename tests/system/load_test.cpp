@@ -19,9 +19,8 @@ TEST_F(LoadTest, EveryPlayerGetsEveryByte)
     server.Start();
     const std::string rate = kLong ? "8000" : "1000", dump = server.dir.File("dump%d"), url = Url("cam%d");
     const std::string seconds = kLong ? "60" : "2", many = kLong ? "100" : "20", few = kLong ? "20" : "6";
-    ToolProcess push("orxpush",
-                     {"--wait", "10", "--count", "2", "--loop", "--rate", rate, "--audio", "tone", "--data",
-                      "200", "--rtcp", "--stamp", "--first-time", "0", "--dump", dump, url});
+    ToolProcess push("orxpush", {"--wait", "10", "--count", "2", "--loop", "--rate", rate, "--audio", "tone", "--data",
+                                 "200", "--rtcp", "--stamp", "--first-time", "0", "--dump", dump, url});
     ASSERT_TRUE(push.WaitOutput("2 programs started"));
     RtspClient controls[2];
     for (int i = 0; i < 2; i++) {
@@ -29,11 +28,10 @@ TEST_F(LoadTest, EveryPlayerGetsEveryByte)
         ASSERT_EQ(1, RtspDescribe(&controls[i]));
         EXPECT_EQ(Reply("200 OK"), Ask(&controls[i], "RECORDEX", "", "ActionParam: EventType=1\r\n"));
     }
-    ToolProcess streams(
-        "orxload", {"--tcp", many, "--tunnel", few, "--stalled", "4", "--timeout", "60000", "--programs", "2",
-                    "--verify", dump, "--strict", "--duration", seconds, url});
-    ToolProcess datagrams("orxload", {"--udp", many, "--timeout", "60000", "--programs", "2", "--verify",
-                                      dump, "--duration", seconds, url});
+    ToolProcess streams("orxload", {"--tcp", many, "--tunnel", few, "--stalled", "4", "--timeout", "60000",
+                                    "--programs", "2", "--verify", dump, "--strict", "--duration", seconds, url});
+    ToolProcess datagrams("orxload", {"--udp", many, "--timeout", "60000", "--programs", "2", "--verify", dump,
+                                      "--duration", seconds, url});
     EXPECT_EQ(0, streams.WaitExit(120000)) << streams.Output();
     EXPECT_EQ(0, datagrams.WaitExit(120000)) << datagrams.Output();
     push.Signal(SIGINT);

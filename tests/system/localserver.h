@@ -32,10 +32,7 @@ struct LocalServer {
     LocalServer(const LocalServer &) = delete;
     LocalServer &operator=(const LocalServer &) = delete;
 
-    std::string Url(const std::string &path) const
-    {
-        return "rtsp://127.0.0.1:" + std::to_string(ports.nFirst) + path;
-    }
+    std::string Url(const std::string &path) const { return "rtsp://127.0.0.1:" + std::to_string(ports.nFirst) + path; }
     // Moves the clock of all that is due some time to nMs after the start, and wakes the scheduler.
     void MoveClock(uint32_t nMs)
     {

@@ -38,9 +38,8 @@ struct LowEnergyTest : testing::Test {
     {
         RtspMessage request;
         ASSERT_EQ(1, RtspWaitRequest(&pusher, szMethod, &request));
-        EXPECT_EQ(
-            szMethod + (" RTSP/1.0\r\n" + kServerLine) + "CSeq: " + std::to_string(nNumber) + "\r\n\r\n",
-            request.raw);
+        EXPECT_EQ(szMethod + (" RTSP/1.0\r\n" + kServerLine) + "CSeq: " + std::to_string(nNumber) + "\r\n\r\n",
+                  request.raw);
     }
 };
 

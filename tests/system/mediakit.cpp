@@ -152,8 +152,8 @@ std::string Camera::Record(const std::string &param)
 
 int Viewer::Prepare(const std::string &url)
 {
-    int bConnected = transport == RTSP_OVER_TUNNEL ? RtspConnectTunnel(&client, url.c_str())
-                                                   : RtspConnect(&client, url.c_str());
+    int bConnected =
+        transport == RTSP_OVER_TUNNEL ? RtspConnectTunnel(&client, url.c_str()) : RtspConnect(&client, url.c_str());
     if (!bConnected || !RtspDescribe(&client))
         return 0;
     for (size_t i = 0; i < client.tracks.size(); i++)

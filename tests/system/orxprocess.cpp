@@ -165,8 +165,8 @@ OrxStat OrxProcess::Stat()
     std::istringstream in(Output().substr(nFirst, Output().find(head, nFirst + 1) - nFirst));
     std::string line;
     std::getline(in, line);
-    EXPECT_EQ(4, sscanf(line.c_str(), "TaskNum=%u, Lives=%u, Clients=%u, Monitors=%u.\r", &stat.nTasks,
-                        &stat.nLives, &stat.nClients, &stat.nMonitors))
+    EXPECT_EQ(4, sscanf(line.c_str(), "TaskNum=%u, Lives=%u, Clients=%u, Monitors=%u.\r", &stat.nTasks, &stat.nLives,
+                        &stat.nClients, &stat.nMonitors))
         << line;
     while (std::getline(in, line))
         if (line.find('\t') != std::string::npos)  // lines about other events may stand between

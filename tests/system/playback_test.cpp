@@ -40,8 +40,7 @@ TEST_F(PlaybackTest, PlaysFromWhereItIsAsked)
             }));
             size_t nFirst = got.size() > nAt ? got[nAt].nTimeMs / 40 : 0;
             for (size_t i = 0; nAt + i < got.size(); i++)
-                EXPECT_TRUE(nFirst + i < sent.size() && sent[nFirst + i].data == got[nAt + i].data)
-                    << range << i;
+                EXPECT_TRUE(nFirst + i < sent.size() && sent[nFirst + i].data == got[nAt + i].data) << range << i;
             return nFirst;
         };
         // Pauses, and returns which picture is to come next at the least.
@@ -71,8 +70,7 @@ TEST_F(PlaybackTest, PlaysFromWhereItIsAsked)
         EXPECT_LE(play("99.98-", ""), nNext + 4);
         pause();
         EXPECT_EQ(2475U, play("99.979-", "99.000" + end));
-        EXPECT_TRUE(
-            Watch({&viewer}, [&] { return viewer.Units(0, Coding::H264).back().data == sent.back().data; }));
+        EXPECT_TRUE(Watch({&viewer}, [&] { return viewer.Units(0, Coding::H264).back().data == sent.back().data; }));
         EXPECT_EQ(0U, play("0.5-", "0.000" + end)) << "from its end back to the start";
         viewer.Units(1, Coding::G711);
         EXPECT_EQ(kWrongState, viewer.Play()) << "where to?";
@@ -93,8 +91,8 @@ TEST_F(PlaybackTest, DescribesRecordings)
     std::filesystem::create_directories(File("directory.zmf"));
     ASSERT_EQ(0, mkfifo(File("fifo.zmf").c_str(), 0644));
     std::filesystem::create_symlink("/dev/zero", File("device.zmf"));
-    for (const char *szName : {"b.zmf", "../rec/a.zmf", "a.zmf.tm!", "a", ".zmf", "sub/../../a.zmf",
-                               "directory.zmf", "fifo.zmf", "device.zmf"}) {
+    for (const char *szName : {"b.zmf", "../rec/a.zmf", "a.zmf.tm!", "a", ".zmf", "sub/../../a.zmf", "directory.zmf",
+                               "fifo.zmf", "device.zmf"}) {
         Connect(&player, std::string("/") + szName);
         EXPECT_EQ(Refused("404 Not Found"), Ask(&player, "DESCRIBE")) << szName;
     }

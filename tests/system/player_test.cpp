@@ -36,8 +36,7 @@ TEST_F(PlayerTest, DescribesAProgramWithoutItsPassword)
     StartCamera(CameraSdp(2) + "a=NickName:door\r\na=ProgramAuth:0123456789\r\na=behind:1\r\n", "/ch1-s1");
     for (const char *szPath : {"/ch1-s1", "/CH1-S1", "/ch1", "/%63h1"}) {
         Connect(&player);
-        EXPECT_EQ(WithBody("200 OK", kSdp, CameraSdp(2) + "a=NickName:door\r\n"),
-                  Ask(&player, "DESCRIBE", szPath));
+        EXPECT_EQ(WithBody("200 OK", kSdp, CameraSdp(2) + "a=NickName:door\r\n"), Ask(&player, "DESCRIBE", szPath));
     }
     for (const char *szLine :
          {"CreateLiveProgram(Uri=/ch1-s1), pointer=0x", "CreatePlayClient(Uri=/CH1-S1), Remote=127.0.0.1:"})
@@ -67,13 +66,11 @@ TEST_F(PlayerTest, SetsUpOverUdpAndGivesThePortsBack)
     };
     for (int nRound = 1; nRound <= 2; nRound++) {
         Describe(&player);
-        EXPECT_EQ(
-            Reply("200 OK", kNoCache + "Transport: RTP/AVP/UDP;unicast;client_port=6000-6001;server_port=" +
-                                pair(0) + ";ssrc=1234ABCD\r\nSession: SESSION\r\n" + kDate),
-            Ask(&player, "SETUP", "/cam/trackID=0", "Transport: RTP/AVP;unicast;client_port=6000-6001\r\n"));
-        EXPECT_THAT(
-            Ask(&player, "SETUP", "/cam/trackID=1", "Transport: RTP/AVP/UDP;unicast;client_port=6002\r\n"),
-            HasSubstr("client_port=6002-6003;server_port=" + pair(2) + ";"));
+        EXPECT_EQ(Reply("200 OK", kNoCache + "Transport: RTP/AVP/UDP;unicast;client_port=6000-6001;server_port=" +
+                                      pair(0) + ";ssrc=1234ABCD\r\nSession: SESSION\r\n" + kDate),
+                  Ask(&player, "SETUP", "/cam/trackID=0", "Transport: RTP/AVP;unicast;client_port=6000-6001\r\n"));
+        EXPECT_THAT(Ask(&player, "SETUP", "/cam/trackID=1", "Transport: RTP/AVP/UDP;unicast;client_port=6002\r\n"),
+                    HasSubstr("client_port=6002-6003;server_port=" + pair(2) + ";"));
         EXPECT_TRUE(server.WaitOutput(", remote=6001)\r\n", nRound));
         RtspReset(&player);
         EXPECT_TRUE(server.WaitOutput("FreePairPort(" + pair(2) + ")\r\n", nRound));

@@ -25,19 +25,16 @@ TEST_F(ProcessTest, SaysWhatItIsAndWhatItReads)
     server.Launch();
     ASSERT_TRUE(server.WaitOutput(kUp) && server.WaitOutput("MonitorEntry("));
     // a thread says when it begins, which may be in the middle of the rest
-    std::regex threads(
-        "(getpriority\\(\\)=-?[0-9]+|(Scheduler|Monitor)Entry\\(tid=0x[0-9a-f]+\\) begin\\.\\.\\.)\r\n");
+    std::regex threads("(getpriority\\(\\)=-?[0-9]+|(Scheduler|Monitor)Entry\\(tid=0x[0-9a-f]+\\) begin\\.\\.\\.)\r\n");
     const std::string output = std::regex_replace(server.Output(), threads, "");
-    const std::string program = server.dir.File("bin/orx"),
-                      parent = std::filesystem::canonical(server.dir.path);
+    const std::string program = server.dir.File("bin/orx"), parent = std::filesystem::canonical(server.dir.path);
     char szThread[16];
     snprintf(szThread, sizeof(szThread), "%x", static_cast<unsigned>(server.pid));
     EXPECT_TRUE(std::regex_match(
         output,
         std::regex(
-            "Orx .*version 2\\.3\\.1\\.2.*[A-Z][a-z]{2} [ 0-9]?[0-9] 20[0-9]{2} [0-9:]{8}\r\n\r\nUsage:" +
-            program + " \\[-c cfgfile\\] \\[-daemond\\]\\.\r\ncfg=" + parent +
-            "/cfg/orx\\.cfg\r\nMain\\(tid=0x" + szThread +
+            "Orx .*version 2\\.3\\.1\\.2.*[A-Z][a-z]{2} [ 0-9]?[0-9] 20[0-9]{2} [0-9:]{8}\r\n\r\nUsage:" + program +
+            " \\[-c cfgfile\\] \\[-daemond\\]\\.\r\ncfg=" + parent + "/cfg/orx\\.cfg\r\nMain\\(tid=0x" + szThread +
             "\\) begin\\.\\.\\.\r\n[^]* listen on TCP 127\\.0\\.0\\.1:" + std::to_string(server.nPort) +
             "\nServer started, commands:\nQuit\n\n" + kUp)))
         << output;
@@ -108,11 +105,10 @@ TEST_F(ProcessTest, StatListsSessions)
     RtspClient *const clients[] = {&pusher, &player, &idler};
     for (size_t i = 0; i < 3; i++) {
         std::smatch parts;
-        ASSERT_TRUE(
-            std::regex_match(stat.sessions[i], parts,
-                             std::regex(std::to_string(i) + ": " + (i < 2 ? "/live/a" : "-") +
-                                        "\t127\\.0\\.0\\.1:" + std::to_string(PortOf(clients[i]->fd)) +
-                                        "\t(20[-:0-9]{17})\t" + (i ? "0" : "1") + "\r")))
+        ASSERT_TRUE(std::regex_match(stat.sessions[i], parts,
+                                     std::regex(std::to_string(i) + ": " + (i < 2 ? "/live/a" : "-") +
+                                                "\t127\\.0\\.0\\.1:" + std::to_string(PortOf(clients[i]->fd)) +
+                                                "\t(20[-:0-9]{17})\t" + (i ? "0" : "1") + "\r")))
             << stat.sessions[i];
         tm begun{};
         ASSERT_NE(nullptr, strptime(parts[1].str().c_str(), "%Y-%m-%d-%H:%M:%S", &begun));
@@ -135,12 +131,11 @@ TEST_F(ProcessTest, WritesTheLogWhenTold)
     }
     const std::string time = "[0-9]{2}:[0-9]{2}:[0-9]{2}: ";
     auto run = [&](const std::string &fd, const std::string &from) {
-        return "\r\n20[-0-9]{8}\r\n" + time + "Begin\r\n" + time +
-               "Create session\\(fd=0x([0-9a-f]+)\\) from " + "(127\\.0\\.0\\.1:[0-9]+)\r\n" + time +
-               "Close  session\\(fd=0x" + fd + "\\) from " + from + "\r\n" + time + "End\r\n";
+        return "\r\n20[-0-9]{8}\r\n" + time + "Begin\r\n" + time + "Create session\\(fd=0x([0-9a-f]+)\\) from " +
+               "(127\\.0\\.0\\.1:[0-9]+)\r\n" + time + "Close  session\\(fd=0x" + fd + "\\) from " + from + "\r\n" +
+               time + "End\r\n";
     };
-    EXPECT_TRUE(
-        std::regex_match(ReadFile(server.LogPath()), std::regex(run("\\1", "\\2") + run("\\3", "\\4"))))
+    EXPECT_TRUE(std::regex_match(ReadFile(server.LogPath()), std::regex(run("\\1", "\\2") + run("\\3", "\\4"))))
         << ReadFile(server.LogPath());
     EXPECT_FALSE(std::filesystem::exists(server.dir.File("log/orxstate.cur"))) << "only a daemon writes it";
 }
@@ -156,8 +151,7 @@ TEST_F(ProcessTest, DaemonIsSilentAndWritesItsState)
     std::string state;
     ASSERT_TRUE(WaitFor([&] {
         state = ReadFile(server.dir.File("log/orxstate.cur"));
-        return std::regex_search(state, parts,
-                                 std::regex("^\\[MAIN\\]\nCurClients=1\nCurLives=1\nCurTime=([0-9]+)\n"));
+        return std::regex_search(state, parts, std::regex("^\\[MAIN\\]\nCurClients=1\nCurLives=1\nCurTime=([0-9]+)\n"));
     })) << state;
     EXPECT_TRUE(IsSince(std::stol(parts[1])));
     for (int nSignal : {SIGINT, SIGCHLD, SIGTERM})
@@ -170,8 +164,7 @@ TEST_F(ProcessTest, DaemonIsSilentAndWritesItsState)
 TEST_F(ProcessTest, OutlivesSignalsButSegmentationFaults)
 {
     server.Start();
-    for (const auto &[nSignal, szName] :
-         {std::pair{SIGINT, "SIGINT"}, {SIGCHLD, "SIGCHLD"}, {SIGPIPE, "SIGPIPE"}})
+    for (const auto &[nSignal, szName] : {std::pair{SIGINT, "SIGINT"}, {SIGCHLD, "SIGCHLD"}, {SIGPIPE, "SIGPIPE"}})
         for (int n = 1; n <= 2; n++) {
             server.Signal(nSignal);
             EXPECT_TRUE(server.WaitOutput("Catch: " + std::string(szName) + "\r\n", n));
@@ -214,8 +207,7 @@ TEST_F(ProcessTest, StopsUnderLoad)
     RtspClient players[4];
     players[0].nReceiveBuffer = 2048;
     for (int i = 0; i < 4; i++)
-        ASSERT_EQ(1,
-                  RtspOpenPlayer(&players[i], server.Url("/cam").c_str(), static_cast<RtspTransport>(i % 3)));
+        ASSERT_EQ(1, RtspOpenPlayer(&players[i], server.Url("/cam").c_str(), static_cast<RtspTransport>(i % 3)));
     SendPictures(&pusher, 0, 500);
     EXPECT_EQ(0, server.Quit());
     EXPECT_EQ(1, RtspWaitClosed(&pusher));

@@ -48,12 +48,10 @@ TEST_F(RecordTest, AnswersByteForByte)
         {"EventType=2&Cmd=stop", "200 OK"},
     };
     for (const auto &c : cases)
-        EXPECT_EQ(Reply(c.status), Ask(&player, "RECORDEX", "", "actionparam: " + c.param + "\r\n"))
-            << c.param;
-    for (const std::string &line :
-         {"StartRecord(" + File("a.zmf") + ") Limited=0seconds, PreRecord=0seconds\r\n",
-          "StartRecord(" + File("b.zmf") + ") Limited=100seconds, PreRecord=0seconds\r\n",
-          "StopRecord(" + File("a.zmf") + ")\r\n"})
+        EXPECT_EQ(Reply(c.status), Ask(&player, "RECORDEX", "", "actionparam: " + c.param + "\r\n")) << c.param;
+    for (const std::string &line : {"StartRecord(" + File("a.zmf") + ") Limited=0seconds, PreRecord=0seconds\r\n",
+                                    "StartRecord(" + File("b.zmf") + ") Limited=100seconds, PreRecord=0seconds\r\n",
+                                    "StopRecord(" + File("a.zmf") + ")\r\n"})
         EXPECT_TRUE(server.WaitOutput(line)) << line;
     EXPECT_EQ(5, CountText(server.Output(), "Create record file("));
     EXPECT_THAT(Finish(), ElementsAre("a.zmf", "b.zmf"));
@@ -129,9 +127,8 @@ struct PlayListTest : RecordingTest {
 
     void SetUp() override
     {
-        server.Set(
-            "USERS",
-            "SuperUser=admin\nSuperPwd=secret\nNumUsers=2\nUserName0=ann\nUserPwd0=anna\nUserName1=bob");
+        server.Set("USERS",
+                   "SuperUser=admin\nSuperPwd=secret\nNumUsers=2\nUserName0=ann\nUserPwd0=anna\nUserName1=bob");
         server.Set("USERCTRL", "UserDevList0", "cam/back, bare");
         server.Start();
     }
@@ -179,10 +176,9 @@ TEST_F(PlayListTest, ListsWhatAUserMaySeeOnHisScreen)
     };
     for (const auto &c : cases)
         EXPECT_EQ("TIME\r\n" + c.lines + "\r\n", List(c.headers)) << c.headers;
-    for (const std::string &headers : {std::string(), std::string("UserName: admin\r\n"),
-                                       UserHeaders("admin", "wrong"), UserHeaders("eve", "")})
-        EXPECT_EQ("RTSP/1.0 401 Unauthorized\r\n" + kServerLine + "CSeq: 1\r\n\r\n", List(headers))
-            << headers;
+    for (const std::string &headers :
+         {std::string(), std::string("UserName: admin\r\n"), UserHeaders("admin", "wrong"), UserHeaders("eve", "")})
+        EXPECT_EQ("RTSP/1.0 401 Unauthorized\r\n" + kServerLine + "CSeq: 1\r\n\r\n", List(headers)) << headers;
     EXPECT_TRUE(server.WaitOutput("bad SDP: invalid frame size line\n"));
     EXPECT_TRUE(server.WaitOutput("bad SDP: invalid frame size line(no height)\n"));
 }

@@ -17,8 +17,7 @@ struct RecordClockTest : testing::Test {
     {
         server.reset();  // the one before
         server = std::make_unique<LocalServer>("EnableFilePrg=1\n" + settings +
-                                               "[STORAGE]\nRecordEnable=1\nRecordPath=" + dir.path + "\n" +
-                                               storage);
+                                               "[STORAGE]\nRecordEnable=1\nRecordPath=" + dir.path + "\n" + storage);
         camera = std::make_unique<Camera>(std::vector{Coding::H264, Coding::G711});
         ASSERT_EQ(1, camera->Open(server->Url("/cam")));
     }
@@ -67,7 +66,7 @@ TEST_F(RecordClockTest, FilesBeginAndEndByTheWallClock)
     const std::string dated = "cam/20[0-9]{6}/[SAM][0-9]{6}\\.zmf", named = "a-20[0-9]{6}-[0-9]{6}\\.zmf";
     const struct {
         const char *szWhat, *szStorage, *szParam;
-        std::vector<std::pair<int, int64_t>> steps;  // pictures sent, and where the wall clock stands then
+        std::vector<std::pair<int, int64_t>> steps;         // pictures sent, and where the wall clock stands then
         std::vector<std::pair<std::string, size_t>> files;  // what comes of it: patterns of names, pictures
     } cases[] = {
         {"what follows a named file has its time in its name",
@@ -161,7 +160,6 @@ TEST_F(RecordClockTest, RecordingsSayBye)
         EXPECT_EQ(0, std::count_if(viewer.reports.begin(), viewer.reports.end(), SaysBye));
     server->MoveClock(14000);
     for (Viewer &viewer : viewers)
-        EXPECT_TRUE(Watch({&viewer}, [&] {
-            return std::count_if(viewer.reports.begin(), viewer.reports.end(), SaysBye) == 2;
-        }));
+        EXPECT_TRUE(Watch({&viewer},
+                          [&] { return std::count_if(viewer.reports.begin(), viewer.reports.end(), SaysBye) == 2; }));
 }

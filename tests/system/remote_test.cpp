@@ -23,8 +23,7 @@ struct RemoteTest : SystemTest {
         SendPictures(&pusher, nPicture, 3);
         nPicture += 3;
         Deliver();
-        ASSERT_EQ(1, RtspOpenPlayer(pPlayer, ("rtsp://" + At(nPort) + "/cam").c_str(), transport))
-            << pPlayer->error;
+        ASSERT_EQ(1, RtspOpenPlayer(pPlayer, ("rtsp://" + At(nPort) + "/cam").c_str(), transport)) << pPlayer->error;
         EXPECT_EQ(1, RtspWaitFrame(pPlayer, 0, nullptr));
     }
 };
@@ -56,19 +55,6 @@ TEST_F(RemoteTest, PlayersComeThroughTheRelayByIdentity)
     EXPECT_EQ(0, relay.WaitExit());
     zupo.Type("quit");
     EXPECT_EQ(0, zupo.WaitExit());
-}
-
-TEST_F(RemoteTest, TheRelayIsReachedDirectlyToo)
-{
-    server.Set("SERVER", "EnableUnet=1\nUnetPort=" + std::to_string(nUnetPort));
-    StartCamera(CameraSdp());
-    ToolProcess relay("orxrelay", {"--quiet", "--listen", At(nLocalPort), At(nUnetPort)});
-    ASSERT_TRUE(WaitFor([&] { return orx::Connect(nLocalPort).fd >= 0; }));
-    ExpectPlays(&player, nLocalPort);
-    relay.Signal(SIGINT);
-    EXPECT_EQ(0, relay.WaitExit());
-    EXPECT_EQ("", relay.Output());
-    EXPECT_TRUE(WaitFor([&] { return server.Stat().nClients == 0; }));
 }
 
 TEST_F(RemoteTest, PagesAndTunnelledPlayersShareTheWebPort)

@@ -74,9 +74,8 @@ struct SmallDisk {
     std::vector<std::string> Files(const std::string &prefix = "", const std::string &suffix = "") const
     {
         std::vector<std::string> files = FilesBelow(root);
-        std::erase_if(files, [&](const std::string &name) {
-            return !name.starts_with(prefix) || !name.ends_with(suffix);
-        });
+        std::erase_if(files,
+                      [&](const std::string &name) { return !name.starts_with(prefix) || !name.ends_with(suffix); });
         return files;
     }
     // How many of a list are there; the rest must be gone from its front.

@@ -65,13 +65,12 @@ static std::string Normalized(const std::string &reply)
 std::string Exchange(RtspClient *pClient, const std::string &text)
 {
     RtspMessage reply;
-    return RtspSendBytes(pClient, text.data(), text.size()) && RtspWaitReply(pClient, 0, &reply)
-               ? Normalized(reply.raw)
-               : "";
+    return RtspSendBytes(pClient, text.data(), text.size()) && RtspWaitReply(pClient, 0, &reply) ? Normalized(reply.raw)
+                                                                                                 : "";
 }
 
-std::string Ask(RtspClient *pClient, const std::string &method, const std::string &path,
-                const std::string &headers, const std::string &body)
+std::string Ask(RtspClient *pClient, const std::string &method, const std::string &path, const std::string &headers,
+                const std::string &body)
 {
     const RtspUrl &known = pClient->url;
     std::string url = path.empty()     ? known.plain
@@ -113,8 +112,8 @@ std::string UserHeaders(const std::string &user, const std::string &password)
     return "UserName: " + user + "\r\nUserAuth: " + RtspUserToken(user, password) + "\r\n";
 }
 
-std::string MakeRequest(const std::string &method, const std::string &url, int nCSeq,
-                        const std::string &headers, const std::string &body)
+std::string MakeRequest(const std::string &method, const std::string &url, int nCSeq, const std::string &headers,
+                        const std::string &body)
 {
     std::string text = method + " " + url + " RTSP/1.0\r\nCSeq: " + std::to_string(nCSeq) + "\r\n" + headers;
     if (!body.empty())
@@ -142,8 +141,7 @@ std::string LongestSdp()
     return sdp + "a=x:" + std::string(3999 - sdp.size() - 6, 'x') + "\r\n";
 }
 
-std::string CameraPacket(int nTrack, uint16_t nSequence, uint32_t nTime, const std::string &payload,
-                         bool bMarker)
+std::string CameraPacket(int nTrack, uint16_t nSequence, uint32_t nTime, const std::string &payload, bool bMarker)
 {
     static const uint32_t types[] = {96, 0, 98};
     return MakeRtp({types[nTrack], nSequence, nTime, bMarker}, payload);

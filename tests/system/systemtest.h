@@ -50,8 +50,8 @@ void ExpectAnswers(RtspClient *pClient, int nFirst, int nLast);
 // Sends bytes as they are.
 void Send(RtspClient *pClient, const std::string &bytes);
 // A request as a text, for those that are not sent whole or one by one.
-std::string MakeRequest(const std::string &method, const std::string &url, int nCSeq,
-                        const std::string &headers = "", const std::string &body = "");
+std::string MakeRequest(const std::string &method, const std::string &url, int nCSeq, const std::string &headers = "",
+                        const std::string &body = "");
 inline std::string Options(int nCSeq)
 {
     return MakeRequest("OPTIONS", "*", nCSeq);
@@ -64,8 +64,7 @@ std::string UserHeaders(const std::string &user, const std::string &password);
 inline const std::string kServerLine = "Server: Orx/2.3.1.2\r\n";
 inline const std::string kNoCache = "Pragma: no-cache\r\nCache-Control: no-cache\r\n";
 inline const std::string kDate = "Date: DATE\r\n";
-inline const std::string kPublic =
-    "Public: DESCRIBE, SETUP, PLAY, TEARDOWN, SET_PARAMETER, GETCAMINFO, CAMCONTROL\r\n";
+inline const std::string kPublic = "Public: DESCRIBE, SETUP, PLAY, TEARDOWN, SET_PARAMETER, GETCAMINFO, CAMCONTROL\r\n";
 inline const std::string kPlain = "Content-Type: text/plain\r\n", kSdp = "Content-Type: application/sdp\r\n";
 inline const std::string kOverTcp = "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n";
 
@@ -79,19 +78,16 @@ inline std::string Refused(const std::string &status)
     return Reply(status, kNoCache);
 }
 inline const std::string kWrongState = Refused("455 Method Not Valid in This State");
-inline const std::string kNotImplemented =
-    "RTSP/1.0 500 Not implemented\r\n" + kServerLine + kNoCache + "\r\n";
-inline const std::string kMismatch = "HTTP/1.1 400 Bad Request(Content Types Mismatched)\r\n" + kServerLine +
-                                     kNoCache + "Connection: Close\r\n\r\n";
+inline const std::string kNotImplemented = "RTSP/1.0 500 Not implemented\r\n" + kServerLine + kNoCache + "\r\n";
+inline const std::string kMismatch =
+    "HTTP/1.1 400 Bad Request(Content Types Mismatched)\r\n" + kServerLine + kNoCache + "Connection: Close\r\n\r\n";
 inline std::string Dated(const std::string &lines = "")
 {
     return Reply("200 OK", lines + kNoCache + kDate);
 }
 inline std::string WithBody(const std::string &status, const std::string &type, const std::string &body)
 {
-    return Reply(status,
-                 type + "Content-Length: " + std::to_string(body.size()) + "\r\n" + kNoCache + kDate) +
-           body;
+    return Reply(status, type + "Content-Length: " + std::to_string(body.size()) + "\r\n" + kNoCache + kDate) + body;
 }
 
 inline const auto kIsOk = testing::StartsWith("RTSP/1.0 200 OK\r\n");

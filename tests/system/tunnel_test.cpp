@@ -10,8 +10,7 @@ using namespace orx;
 const std::string kTunnelType = "application/x-rtsp-tunnelled\r\n";
 const std::string kGetReply =
     "HTTP/1.1 200 OK\r\n" + kServerLine + "Content-Type: " + kTunnelType + kNoCache + kDate + "\r\n";
-const std::string kNoCookie =
-    "HTTP/1.1 400 Bad Request(no x-sessioncookie)\r\n" + kServerLine + kNoCache + "\r\n";
+const std::string kNoCookie = "HTTP/1.1 400 Bad Request(no x-sessioncookie)\r\n" + kServerLine + kNoCache + "\r\n";
 
 std::string Encoded(const std::string &bytes)
 {
@@ -97,8 +96,7 @@ TEST_F(TunnelTest, PairsByName)
     ExpectAnswers(&get, 4, 4);
     EXPECT_TRUE(RtspPoll(&post) && post.inbox.empty() && post.buffer.empty()) << "it is never answered";
     ExpectLeft(3, 6);  // both connections are one session
-    EXPECT_TRUE(
-        server.WaitOutput("Base64Decode(OutLen=" + std::to_string(Options(4).size()) + ")\r\n" + Options(4)));
+    EXPECT_TRUE(server.WaitOutput("Base64Decode(OutLen=" + std::to_string(Options(4).size()) + ")\r\n" + Options(4)));
     Connect(&again);
     Send(&again, Post("aBc+/9") + Encoded(Options(5)));
     EXPECT_EQ(5, NextAnswer(&second));

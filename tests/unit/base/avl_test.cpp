@@ -65,8 +65,7 @@ TEST_F(Avl, RandomInsertAndRemoveMatchesAMap)
                 EXPECT_EQ(pValue, pfnEnter(&tree, key, pValue)->value);
                 map[key] = pValue;
             } else {
-                EXPECT_EQ(static_cast<int>(map.erase(key)),
-                          nStep % 2 ? AvlDelete(&tree, key) : AvlForget(&tree, key));
+                EXPECT_EQ(static_cast<int>(map.erase(key)), nStep % 2 ? AvlDelete(&tree, key) : AvlForget(&tree, key));
             }
             CheckAgainst(&tree, map);
         }
@@ -99,9 +98,8 @@ TEST_F(Avl, WalksAndPaths)
         AvlKey start, stop;
         const char *szVisited;
     } walks[] = {
-        {AvlTraversePre, 4, 0, "4213657"},  {AvlTraversePost, 4, 0, "1325764"},
-        {AvlTraverseWide, 4, 0, "4261357"}, {AvlTraversePre, 4, 3, "4213"},
-        {AvlTraversePost, 6, 7, "57"},      {AvlTraverseWide, 2, 1, "21"},
+        {AvlTraversePre, 4, 0, "4213657"}, {AvlTraversePost, 4, 0, "1325764"}, {AvlTraverseWide, 4, 0, "4261357"},
+        {AvlTraversePre, 4, 3, "4213"},    {AvlTraversePost, 6, 7, "57"},      {AvlTraverseWide, 2, 1, "21"},
     };
     AvlNode own;  // an entry that brings its node
     own.key = 7;

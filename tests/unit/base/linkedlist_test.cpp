@@ -106,8 +106,7 @@ TEST_P(ListBoth, SortedInsertKeepsArrivalOfEqualItems)
 // Each access operation on "abcd": which item it gives, and what the flags leave behind.
 TEST_P(ListBoth, FlagsUnlinkAndFree)
 {
-    auto *pfnInner =
-        +[](void *, void *, void *pItem) { return int{NameOf(pItem) == 'b' || NameOf(pItem) == 'c'}; };
+    auto *pfnInner = +[](void *, void *, void *pItem) { return int{NameOf(pItem) == 'b' || NameOf(pItem) == 'c'}; };
     for (unsigned nFlags = 0; nFlags <= (LIST_DETACH | LIST_FREE); nFlags++) {
         const std::pair<char, std::function<void *()>> cases[] = {
             {'a', [&] { return ListFirst(&list, nFlags); }},

@@ -44,8 +44,7 @@ static std::string Said(const CommandLine &line, std::string words, CommandArgum
     testing::internal::CaptureStderr();
     testing::internal::CaptureStdout();
     int nResult = OptionsRead(&line, static_cast<int>(argv.size()) - 1, argv.data(), pOut);
-    std::string help = testing::internal::GetCapturedStdout(),
-                refusal = testing::internal::GetCapturedStderr();
+    std::string help = testing::internal::GetCapturedStdout(), refusal = testing::internal::GetCapturedStderr();
     EXPECT_EQ(nResult == OPTIONS_HELPED, !help.empty());
     EXPECT_EQ(nResult == OPTIONS_WRONG, !refusal.empty());
     return nResult == OPTIONS_GO_ON ? "taken" : nResult == OPTIONS_HELPED ? "helped" : refusal;
@@ -55,9 +54,8 @@ TEST(CommandOptions, TakeWhatIsAllowedAndNameWhatIsNot)
 {
     Values values;
     CommandArguments arguments;
-    for (const char *szWords :
-         {"u|", "u|f|--loop|", "--count|1|u|", "--count=10|u|", "--count|1e1|u|", "--cou|2|u|",
-          "--first|4294967295|u|", "--speed|0|--speed|2|u|", "--name|--loop|u|", "--|--loop|"})
+    for (const char *szWords : {"u|", "u|f|--loop|", "--count|1|u|", "--count=10|u|", "--count|1e1|u|", "--cou|2|u|",
+                                "--first|4294967295|u|", "--speed|0|--speed|2|u|", "--name|--loop|u|", "--|--loop|"})
         EXPECT_EQ("taken", Said(Line(&values), szWords, &arguments)) << szWords;
     static const std::pair<const char *, const char *> refused[] = {
         {"-h|u|", "helped"},
@@ -98,8 +96,7 @@ TEST(CommandOptions, VerbsChooseAForm)
     const CommandLine line{"tool", "", {{"list", "DIR", 1, 1, ""}, {"check", "FILE...", 1, 9, ""}}, {}, ""};
     CommandArguments arguments;
     EXPECT_THAT(Said(line, "", &arguments), HasSubstr("tool: say what to do (list, check)\n"));
-    EXPECT_THAT(Said(line, "lis|a|", &arguments),
-                HasSubstr("tool: lis is none of its commands (list, check)\n"));
+    EXPECT_THAT(Said(line, "lis|a|", &arguments), HasSubstr("tool: lis is none of its commands (list, check)\n"));
     EXPECT_THAT(Said(line, "list|a|b|", &arguments), HasSubstr("tool: give list DIR\n"));
     EXPECT_EQ("taken", Said(line, "check|a|b|", &arguments));
     EXPECT_EQ(1U, arguments.nForm);

@@ -23,8 +23,7 @@ TEST(NetMac, Texts)
         EXPECT_EQ(1, NetParseMac(szText, mac)) << szText;
         EXPECT_EQ(0, memcmp(szMac, mac, sizeof(mac))) << szText;
     }
-    for (const char *szBad :
-         {"00:1a:2b:3c:4d", "00:1a:2b:3c:4d:5e:", "00::1a:2b:3c:4d:5e", "0g:1a:2b:3c:4d:5e"})
+    for (const char *szBad : {"00:1a:2b:3c:4d", "00:1a:2b:3c:4d:5e:", "00::1a:2b:3c:4d:5e", "0g:1a:2b:3c:4d:5e"})
         EXPECT_EQ(0, NetParseMac(szBad, mac)) << szBad;
 }
 
@@ -32,8 +31,7 @@ TEST(NetMac, Texts)
 struct NetInterface : testing::Test {
     void SetUp() override
     {
-        if (!EnterNamespaces(CLONE_NEWNET) ||
-            system("ip link add cam0 type veth && ip link set cam0 up") != 0)
+        if (!EnterNamespaces(CLONE_NEWNET) || system("ip link add cam0 type veth && ip link set cam0 up") != 0)
             GTEST_SKIP() << "needs the right to make a network namespace and an interface in it";
     }
     // What an operation reads, or its result.

@@ -20,8 +20,8 @@ const char kSignal[] = "70/70  Signal level=-31 dBm  ";
 static std::string Cell(const std::string &essid, const std::string &quality, const std::string &key,
                         const std::string &rest = "")
 {
-    return "          Cell 01 - Address: 00:1A\n    Channel:6\n    Quality=" + quality +
-           "\n    Encryption key:" + key + "\n    ESSID:" + essid + "\n    Bit Rates:1 Mb/s\n    " + rest;
+    return "          Cell 01 - Address: 00:1A\n    Channel:6\n    Quality=" + quality + "\n    Encryption key:" + key +
+           "\n    ESSID:" + essid + "\n    Bit Rates:1 Mb/s\n    " + rest;
 }
 
 // A list, or "<none>"; it is freed.
@@ -97,8 +97,7 @@ const char kList[] = "cafe [00:1A] 70/70 WEP\n\r\n\r\n";
 TEST_F(WifiScanTest, TheInterfaceIsOneArgument)
 {
     Tool("for word in \"$@\"; do echo \"<$word>\"; done > args");
-    for (const char *szName :
-         {"", "wlan0; touch shell", "$(touch shell)`touch shell`", "a b\n'\"%s& > shell #"}) {
+    for (const char *szName : {"", "wlan0; touch shell", "$(touch shell)`touch shell`", "a b\n'\"%s& > shell #"}) {
         EXPECT_EQ(kList, Scan(szName)) << szName;
         EXPECT_EQ("<" + std::string(szName) + ">\n<scan>\n", ReadFile(dir.File("args")));
     }

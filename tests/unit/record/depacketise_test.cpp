@@ -114,8 +114,7 @@ TEST(H264, PacketsThatCannotBeUsedChangeNothing)
 TEST(H264, RtpHeaderExtrasAreNotMedia)
 {
     const std::string unit = Nal(1, 40, 1);
-    const RtpFields head{.bMarker = true,
-                         .nFlags = 0x80 | 0x20 | 0x10 | 2};  // padding, extension, two sources
+    const RtpFields head{.bMarker = true, .nFlags = 0x80 | 0x20 | 0x10 | 2};  // padding, extension, two sources
     std::string packet = MakeRtp(head, std::string(8, 'c') + Be(1, 4) + "extn" + unit + Be(3, 3));
     Track t(WriteH264RtpData);
     EXPECT_EQ(1, t.PutPacket(packet, 40));

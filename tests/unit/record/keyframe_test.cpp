@@ -42,19 +42,16 @@ TEST(KeyFrame, FlagsEachKeyPictureOnce)
 {
     static const std::tuple<const char *, KeyFrameProc, const char *> cases[] = {
         {"sets as single units", IsKeyH264, "0:delimiter 0:sps* 0:pps 0:idr! 3000:slice!"},
-        {"sets in the description only", IsKeyH264,
-         "0:sei 0:idr-start* 0:idr-rest 0:idr-end! 9:slice-start!"},
+        {"sets in the description only", IsKeyH264, "0:sei 0:idr-start* 0:idr-rest 0:idr-end! 9:slice-start!"},
         {"sets behind others", IsKeyH264, "0:delimiter+sps+pps+sei* 0:idr-start! 9:sei+sps* 9:idr!"},
         {"two slices of one picture", IsKeyH264, "0:idr* 0:idr! 3000:idr*!"},
         {"sets again at the next picture", IsKeyH264, "0:sps*! 0:sps*!"},
         {"fragmented parameter set", IsKeyH264, "0:sps-start* 0:idr-start!"},
         {"one aggregate", IsKeyH264, "0:sei+idr*! 3000:sei+slice!"},
         {"time stamp 0 comes again", IsKeyH264, "0:slice! 4294967295:idr*! 0:idr*!"},
-        {"cut short", IsKeyH264,
-         "0:nothing 0:fragment-cut 0:aggregate-cut 0:aggregate-long 0:aggregate-empty"},
+        {"cut short", IsKeyH264, "0:nothing 0:fragment-cut 0:aggregate-cut 0:aggregate-long 0:aggregate-empty"},
         {"images", IsKeyJpeg, "0:jpeg-start* 0:jpeg-rest! 9:jpeg-start*! 9:byte! 9:nothing"},
-        {"others start behind a marker", IsKeyGeneric,
-         "0:byte* 0:byte! 3000:byte*! 6000:nothing* 6000:nothing"},
+        {"others start behind a marker", IsKeyGeneric, "0:byte* 0:byte! 3000:byte*! 6000:nothing* 6000:nothing"},
     };
     for (const auto &[szName, pfnIsKey, szPackets] : cases) {
         KeyWatch watch;

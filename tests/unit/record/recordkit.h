@@ -109,8 +109,7 @@ struct Recorder {
     std::string path = dir.File("rec.zmf");
     ZMFWriter *pWriter;
 
-    explicit Recorder(const char *szSdp = kVideoSdp, const char *szLabel = nullptr,
-                      const std::string &appData = "")
+    explicit Recorder(const char *szSdp = kVideoSdp, const char *szLabel = nullptr, const std::string &appData = "")
         : pWriter(ZMFWriterCreateFile(path.c_str(), RECORD_MANUAL, szLabel))
     {
         EXPECT_EQ(1, ZMFWriterSetSdp(pWriter, szSdp));

@@ -51,8 +51,7 @@ TEST(RtpHelp, BrokenSamples)
         {"(nLenIn % nBytesPerFrame) == 0", Pack2RtpG711Block, std::string(161, 'x'), 1000},
         {"nLenIn <= 1460", Pack2RtpUserBlock, std::string(1461, 'x'), 1000},
         {"lqt != ((void *)0)", Pack2RtpJpegBlock, "nothing", 1000},
-        {"scanLines != ((void *)0)", Pack2RtpJpegBlock, "\xFF\xD8\xFF\xDB" + Be(67, 2) + std::string(65, 0),
-         1000},
+        {"scanLines != ((void *)0)", Pack2RtpJpegBlock, "\xFF\xD8\xFF\xDB" + Be(67, 2) + std::string(65, 0), 1000},
     };
     for (const auto &[szText, pfn, sample, nTimeScale] : cases) {
         Player player(nTimeScale);

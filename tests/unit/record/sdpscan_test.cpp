@@ -19,9 +19,8 @@ TEST(SdpScan, TakesWhatCanBeRecorded)
         // a description, its video and audio, and what is printed
         {"v=0\n" + amr + h264, "H264", "AMR-NB", ""},
         {"m=video 0 RTP/AVP 26\r\n", "JPEG", "", ""},
-        {video + h264, "H264", "",
-         "bad SDP: no rtpmap field"},         // a section does not take the next one's line
-        {data + h264 + amr, "H264", "", ""},  // two that are used, the rest is not read
+        {video + h264, "H264", "", "bad SDP: no rtpmap field"},  // a section does not take the next one's line
+        {data + h264 + amr, "H264", "", ""},                     // two that are used, the rest is not read
         {"m=application 0 x y\n" + h264 + amr, "H264", "AMR-NB", "ignore unknown media \"application\"\n"},
         {video + "a=rtpmap:96 MJPEG/90000\r\n", "MJPEG", "", "Unsupport Video Codec \"MJPEG\"!\r\n"},
         {audio + "a=rtpmap:97 G711A/8000\r\n", "", "G711A", "Unsupport Audio Codec \"G711A\"!\r\n"},

@@ -26,8 +26,7 @@ TEST(Storage, PathsStayBelowTheRoot)
     };
     for (int nKind : {1, 2, 3}) {
         ASSERT_EQ(1, next("a/b", nKind));
-        EXPECT_THAT(szPath,
-                    testing::MatchesRegex(root + "a/b/[0-9]{8}/" + "SAM"[nKind - 1] + "[0-9]{6}.zmf"));
+        EXPECT_THAT(szPath, testing::MatchesRegex(root + "a/b/[0-9]{8}/" + "SAM"[nKind - 1] + "[0-9]{6}.zmf"));
         EXPECT_TRUE(std::filesystem::exists(std::filesystem::path(szPath).parent_path()));
     }
     EXPECT_EQ(1, next("..a/b.."));
@@ -125,8 +124,7 @@ TEST_F(StorageDays, ReserveSpaceDeletesTheOldestFirst)
     EXPECT_EQ("1 20240101 20231231", reserve("cam/20240101", 1, 1, 1));
     EXPECT_EQ("0 20240101 20231231", reserve("cam/20240101/", 1, UINT32_MAX, 0));
     EXPECT_EQ("0 -20231231 -20240101", reserve("cam/20240101", 1, UINT32_MAX, 1));
-    EXPECT_EQ("1 -20240101 20231231", reserve("cam/20240101", 0, UINT32_MAX, 1))
-        << "gone, so it cannot be asked";
+    EXPECT_EQ("1 -20240101 20231231", reserve("cam/20240101", 0, UINT32_MAX, 1)) << "gone, so it cannot be asked";
 }
 
 }  // namespace orx

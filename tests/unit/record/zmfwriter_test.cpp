@@ -29,8 +29,8 @@ static std::string Told(const std::vector<MediaSample> &samples)
 
 TEST(ZMFWriter, EveryByteOfASmallFile)
 {
-    Recorder recorder("v=0\r\na=Range:npt=now-\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n",
-                      "Front door", "0123456789");
+    Recorder recorder("v=0\r\na=Range:npt=now-\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n", "Front door",
+                      "0123456789");
     EXPECT_TRUE(std::filesystem::exists(recorder.path + ".tm!"));
     recorder.PutKey(5000, 30);
     recorder.Put('v', 0, 5040, "delta");
@@ -56,9 +56,8 @@ TEST(ZMFWriter, EveryByteOfASmallFile)
     EXPECT_EQ(padded(head, 168), file.substr(0, 168));
     EXPECT_EQ(std::string(1600, '\0'), file.substr(168, 1600)) << "the first picture is at 0";
     EXPECT_EQ(padded("v=0\r\na=range:npt=0-1.234\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n", 88) +
-                  padded("0123456789", 16) + record("v\x40", 0, Nal(7, 30, 5000)) +
-                  record("v" + none, 40, "delta") + record("u" + none, 50, "ALARM:1") +
-                  record("t" + none, 1234, "text"),
+                  padded("0123456789", 16) + record("v\x40", 0, Nal(7, 30, 5000)) + record("v" + none, 40, "delta") +
+                  record("u" + none, 50, "ALARM:1") + record("t" + none, 1234, "text"),
               file.substr(1768));
 }
 
@@ -102,8 +101,7 @@ TEST(ZMFWriter, APauseLeavesTimeOut)
     ZMFWriterPause(recorder.pWriter);
     recorder.Put('a', 0, 500, "after");
     recorder.Put('v', ZMF_KEY, 700, "key");
-    EXPECT_EQ("v64@0=key v0@40=picture a0@50=sound a0@70=after v64@270=key ",
-              Told(recorder.FinishedSamples()));
+    EXPECT_EQ("v64@0=key v0@40=picture a0@50=sound a0@70=after v64@270=key ", Told(recorder.FinishedSamples()));
 }
 
 TEST(ZMFWriter, BigFramesUseTheLongLength)
@@ -112,15 +110,14 @@ TEST(ZMFWriter, BigFramesUseTheLongLength)
         Recorder recorder;
         recorder.PutKey(0, nBytes);
         recorder.Put('v', 0, 40, "next");
-        EXPECT_TRUE("v64@0=" + Nal(7, nBytes, 0) + " v0@40=next " == Told(recorder.FinishedSamples()))
-            << nBytes;
+        EXPECT_TRUE("v64@0=" + Nal(7, nBytes, 0) + " v0@40=next " == Told(recorder.FinishedSamples())) << nBytes;
     }
 }
 
 TEST(ZMFWriter, TheIndexHalvesWhenItIsFull)
 {
-    static const std::tuple<uint32_t, uint32_t, uint32_t> cases[] = {
-        {199, 1, 199}, {200, 1, 200}, {201, 2, 101}, {400, 4, 100}, {401, 4, 101}, {1000, 8, 125}};
+    static const std::tuple<uint32_t, uint32_t, uint32_t> cases[] = {{199, 1, 199}, {200, 1, 200}, {201, 2, 101},
+                                                                     {400, 4, 100}, {401, 4, 101}, {1000, 8, 125}};
     for (const auto &[nKeys, nInterval, nEntries] : cases) {
         Recorder recorder;
         for (uint32_t i = 0; i < nKeys; i++)

@@ -72,8 +72,8 @@ private:
             disconnected.push_back(event.peer);
         if (event.type != ENET_EVENT_TYPE_RECEIVE)
             return;
-        received.emplace_back(
-            event.peer, std::string(reinterpret_cast<char *>(event.packet->data), event.packet->dataLength));
+        received.emplace_back(event.peer,
+                              std::string(reinterpret_cast<char *>(event.packet->data), event.packet->dataLength));
         enet_packet_destroy(event.packet);
     }
 };

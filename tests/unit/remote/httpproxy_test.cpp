@@ -12,8 +12,7 @@
 
 namespace orx {
 
-const char kTunnelGet[] =
-    "GET /live HTTP/1.0\r\nx-sessioncookie: abc\r\nAccept: application/x-rtsp-tunnelled\r\n\r\n";
+const char kTunnelGet[] = "GET /live HTTP/1.0\r\nx-sessioncookie: abc\r\nAccept: application/x-rtsp-tunnelled\r\n\r\n";
 
 // The proxy under test in front of a web server that the test plays, and what it hands over.
 struct ProxyRig {
@@ -23,10 +22,7 @@ struct ProxyRig {
     std::mutex mutex;
     std::vector<std::pair<Sock, std::string>> handed;
 
-    ProxyRig()
-    {
-        EXPECT_EQ(1, HttpProxyStart(&proxy, "127.0.0.1", nPort, "127.0.0.1", web.nPort, HandOver, this));
-    }
+    ProxyRig() { EXPECT_EQ(1, HttpProxyStart(&proxy, "127.0.0.1", nPort, "127.0.0.1", web.nPort, HandOver, this)); }
     ~ProxyRig() { HttpProxyStop(&proxy); }
 
     static int HandOver(void *pContext, int fd, const void *pData, size_t nLen)

@@ -52,8 +52,8 @@ struct BoxRig : RelayRig {
     std::string Register(const std::string &ip, const std::string &mapped) const
     {
         std::string port = {static_cast<char>(rtsp.nPort >> 8), static_cast<char>(rtsp.nPort)};
-        return "\0\0\1\0\0\0\0\x28\0\0\x03\xE9\0\0\0\0"s + kGuid + std::string(32 - strlen(kGuid), '\0') +
-               ip + port + mapped;
+        return "\0\0\1\0\0\0\0\x28\0\0\x03\xE9\0\0\0\0"s + kGuid + std::string(32 - strlen(kGuid), '\0') + ip + port +
+               mapped;
     }
 };
 
@@ -94,8 +94,7 @@ TEST(Registration, ComesBackAfterAWhile)
             rig.Reply(Packet(ZUPO_REGISTER_REPLY, 0));
         else
             enet_peer_disconnect(rig.remote.connected.back(), 0);
-        for (uint32_t nMs = 0; !rig.remote.Pump([&] { return rig.remote.connected.size() > 1; }, 20);
-             nMs += 1000)
+        for (uint32_t nMs = 0; !rig.remote.Pump([&] { return rig.remote.connected.size() > 1; }, 20); nMs += 1000)
             ClockSetOffset(nMs);
         EXPECT_GE(ClockDiff(ClockMs(), nStart), bRefused ? 58000 : 28000);
         EXPECT_NE("none", rig.Next());
@@ -119,9 +118,7 @@ TEST(Registration, ABrokenPacketEndsTheConnection)
         Registration registration;
         registration.pHost = &host;
         registration.bRegistered = 1;
-        auto receive = [&, &bytes = packet] {
-            RegistrationReceive(&registration, bytes.data(), bytes.size());
-        };
+        auto receive = [&, &bytes = packet] { RegistrationReceive(&registration, bytes.data(), bytes.size()); };
         EXPECT_THAT(PeerFaults(receive), testing::HasSubstr(szText));
         EXPECT_EQ(*szText == '\0', registration.bRegistered) << szText;
         EXPECT_EQ(packet == reply ? 0x7F000001U : 0, registration.nSeenIp);

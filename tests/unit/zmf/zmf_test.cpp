@@ -27,8 +27,7 @@ TEST(JpegImage, RecordedPayloadsBecomeAnImage)
     static const std::pair<uint32_t, char> cases[] = {{50, 16}, {99, 1}, {1, '\xFF'}, {255, 'q'}};
     for (const auto &[nQ, chFirst] : cases) {  // Q, and the first byte of the table
         std::string tables = nQ == 255 ? Be(128, 4) + std::string(128, 'q') : "";
-        ASSERT_EQ(
-            1, rebuild(payload(0, nQ, tables + scan.substr(0, 7)) + payload(7, nQ, scan.substr(7)), &image));
+        ASSERT_EQ(1, rebuild(payload(0, nQ, tables + scan.substr(0, 7)) + payload(7, nQ, scan.substr(7)), &image));
         EXPECT_TRUE(image.ends_with(scan + "\xFF\xD9"));
         uint32_t nWidth = 0, nHeight = 0;
         EXPECT_EQ(1, JpegImageSize(image, &nWidth, &nHeight));

@@ -35,9 +35,8 @@ TEST_F(RequestTest, TakesStartLines)
                                StrText(request.protocol) + "|" + StrText(request.version));
     }
     // the slash of the header behind does not count, and a reply is no request
-    for (const char *szBad :
-         {"", "OPTIONS", "OPTIONS rtsp://h/a", "OPTIONS * RTSP", "OPTIONS * RTSP/", "OPTIONS * /1.0",
-          " OPTIONS * RTSP/1.0", "\nOPTIONS * RTSP/1.0", "RTSP/1.0 200 OK"})
+    for (const char *szBad : {"", "OPTIONS", "OPTIONS rtsp://h/a", "OPTIONS * RTSP", "OPTIONS * RTSP/",
+                              "OPTIONS * /1.0", " OPTIONS * RTSP/1.0", "\nOPTIONS * RTSP/1.0", "RTSP/1.0 200 OK"})
         EXPECT_EQ(-1, Parse(std::string(szBad) + "\r\nAccept: a/b\r\n\r\n")) << szBad;
 }
 

@@ -22,9 +22,8 @@ struct Parsed : Description {
 static std::string Told(const MediaInfo &m)
 {
     char text[128];
-    snprintf(text, sizeof(text), "%d %s/%u %ux%u %u bits, track %d, channels %d-%d", m.nPayloadType,
-             m.szEncoding, m.nTimeScale, m.nWidth, m.nHeight, m.nSampleBits, m.nTrackId, m.nRtpChannel,
-             m.nRtcpChannel);
+    snprintf(text, sizeof(text), "%d %s/%u %ux%u %u bits, track %d, channels %d-%d", m.nPayloadType, m.szEncoding,
+             m.nTimeScale, m.nWidth, m.nHeight, m.nSampleBits, m.nTrackId, m.nRtpChannel, m.nRtcpChannel);
     return text;
 }
 
@@ -87,10 +86,8 @@ TEST(Sdp, RefusesWhatCannotBePlayed)
     };
     for (const char *szText : texts)
         EXPECT_EQ(0, Parsed(szText).nResult) << szText;
-    EXPECT_EQ(1, Parsed(std::string(kVideo) + "m=audio\r\n").nTrackCount)
-        << "a line that cannot be read ends it";
-    EXPECT_EQ(4, Parsed(std::string(kVideo) + kAudio + kVideo + kAudio + kVideo).nTrackCount)
-        << "no room for more";
+    EXPECT_EQ(1, Parsed(std::string(kVideo) + "m=audio\r\n").nTrackCount) << "a line that cannot be read ends it";
+    EXPECT_EQ(4, Parsed(std::string(kVideo) + kAudio + kVideo + kAudio + kVideo).nTrackCount) << "no room for more";
 }
 
 TEST(Sdp, NumbersTracks)

@@ -63,8 +63,7 @@ TEST_F(SettingsTest, NumbersHaveDefaultsAndAreHeldToTheirLimits)
 
 TEST_F(SettingsTest, RefusesPathsThatItCannotKeep)
 {
-    for (const std::string &path :
-         {std::string(""), "/" + std::string(127, 'x'), "/" + std::string(120, 'x') + "/a"})
+    for (const std::string &path : {std::string(""), "/" + std::string(127, 'x'), "/" + std::string(120, 'x') + "/a"})
         EXPECT_EQ(0, SettingsRead(&config, path.c_str()));
 }
 
@@ -81,8 +80,7 @@ TEST_F(SettingsTest, ChecksTheUdpRange)
         {50000, 50000, "Invalid UdpPort Range: from 50000 to 50000!\r\n"},
     };
     for (const auto &[nStart, nEnd, szMessage] : cases) {
-        std::string range =
-            "UdpStartPort=" + std::to_string(nStart) + "\nUdpEndPort=" + std::to_string(nEnd) + "\n";
+        std::string range = "UdpStartPort=" + std::to_string(nStart) + "\nUdpEndPort=" + std::to_string(nEnd) + "\n";
         EXPECT_EQ(*szMessage == '\0', Read("[SERVER]\n" + range)) << range;
         EXPECT_THAT(output, HasSubstr(szMessage)) << range;
     }
@@ -128,12 +126,11 @@ TEST(SettingsTable, IsWhatTheDocumentsSay)
                           value = !row.szDefault   ? std::to_string(row.nDefault)
                                   : *row.szDefault ? row.szDefault
                                                    : "empty";
-        EXPECT_THAT(
-            Part(file, "\n[", row.szSection),
-            testing::ContainsRegex("\n; " + key + " [(]" + value + (limits.empty() ? "" : "; ") + limits +
-                                   "[)]: [^\n]*\n(; [^\n]*\n)*;?" + name + (key == name ? "=" : "0=")));
-        EXPECT_THAT(Part(page, "\n## [", row.szSection), HasSubstr("\n| `" + key + "` | " + value + " | " +
-                                                                   limits + (limits.empty() ? "| " : " | ")));
+        EXPECT_THAT(Part(file, "\n[", row.szSection),
+                    testing::ContainsRegex("\n; " + key + " [(]" + value + (limits.empty() ? "" : "; ") + limits +
+                                           "[)]: [^\n]*\n(; [^\n]*\n)*;?" + name + (key == name ? "=" : "0=")));
+        EXPECT_THAT(Part(page, "\n## [", row.szSection),
+                    HasSubstr("\n| `" + key + "` | " + value + " | " + limits + (limits.empty() ? "| " : " | ")));
     }
     EXPECT_EQ(SettingsTable().size(), Count(file, std::regex("\n; \\w+(%d)? \\([^)]*\\): ")));
     EXPECT_EQ(SettingsTable().size(), Count(file, std::regex("\n;?\\w+=")));

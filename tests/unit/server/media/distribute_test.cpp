@@ -123,9 +123,8 @@ TEST_F(CacheTest, WithoutKeysWholePicturesWithinTheSpanStay)
 {
     PushVideo(0, 12500, 0);
     Push({12600, 0, 0, 1});
-    EXPECT_THAT(
-        output,
-        HasSubstr("Warning: Could NOT find the next KeyFrame to remove the items that's before it.\r\n"));
+    EXPECT_THAT(output,
+                HasSubstr("Warning: Could NOT find the next KeyFrame to remove the items that's before it.\r\n"));
     EXPECT_EQ(2700U, FirstTime()) << "the first picture that is younger than the span";
     ProgramClearCache(pProg);
     for (uint32_t n = 0; n <= 60000; n += 100)

@@ -34,8 +34,7 @@ TEST(RtcpDump, ShowsACompound)
     std::vector<uint8_t> packet(512, 0xEE);
     uint8_t *p = packet.data();
     size_t nSr = RtcpMakeSR(p, 0x01020304, 0xE0000000, 0x80000000, 900000, 7, 1234567), n = nSr;
-    const RtcpBlock block{1,  64,         0x123456, 70000,
-                          33, 0xAABBCCDD, 1500,     1};  // of which an SR came 1500 ms ago
+    const RtcpBlock block{1, 64, 0x123456, 70000, 33, 0xAABBCCDD, 1500, 1};  // of which an SR came 1500 ms ago
     n += RtcpMakeRR(p + n, 0xA0B0C0D0, 1);
     n += RtcpMakeReportBlock(p + n, &block);
     n += RtcpMakeSDES(p + n, packet.size() - n, 0x01020304, "abcdefgh");

@@ -20,10 +20,7 @@ struct Authenticator {
     std::string askedUrl;
     Auth *p;
 
-    explicit Authenticator(unsigned nType, const char *szRealm = "Orx")
-    {
-        p = AuthCreate(nType, szRealm, Find, this);
-    }
+    explicit Authenticator(unsigned nType, const char *szRealm = "Orx") { p = AuthCreate(nType, szRealm, Find, this); }
     ~Authenticator() { AuthFree(p); }
     Authenticator &operator=(Authenticator &&) = delete;
 
@@ -95,8 +92,7 @@ TEST(AuthDigest, TakesTheRightAnswerAndNoOther)
 {
     Authenticator auth(AUTH_DIGEST, "testrealm@host.com");
     const std::string nonce = auth.Nonce();
-    const std::string response =
-        Hex("939e7578ed9e3c518a452acee763bce9:" + nonce + ":39aff3a2bab6126f332b942af96d3366");
+    const std::string response = Hex("939e7578ed9e3c518a452acee763bce9:" + nonce + ":39aff3a2bab6126f332b942af96d3366");
     const std::string good = "Digest username=\"Mufasa\", realm=\"testrealm@host.com\", nonce=\"" + nonce +
                              "\", uri=\"/dir/index.html\", response=\"" + response + "\"";
     std::string bare = good, quoted = good + ",algorithm=MD5";
@@ -112,11 +108,8 @@ TEST(AuthDigest, TakesTheRightAnswerAndNoOther)
     std::string upper = response;
     std::transform(upper.begin(), upper.end(), upper.begin(), toupper);
     const std::pair<std::string, std::string> changes[] = {
-        {"Mufasa", "Simba"}, {"testrealm", "Testrealm"},
-        {nonce, Hex("x")},   {"/dir", "/dirs"},
-        {response, upper},   {"Digest", "Basic"},
-        {"username=", ""},   {"realm=", ""},
-        {"nonce=", ""},      {"uri=", ""},
+        {"Mufasa", "Simba"}, {"testrealm", "Testrealm"},  {nonce, Hex("x")}, {"/dir", "/dirs"}, {response, upper},
+        {"Digest", "Basic"}, {"username=", ""},           {"realm=", ""},    {"nonce=", ""},    {"uri=", ""},
         {"response=", ""},   {response + "\"", response},
     };
     for (const auto &[from, to] : changes) {

@@ -34,22 +34,6 @@ struct Receiver {
     }
 };
 
-TEST(TunnelDecode, AtAnySplit)
-{
-    const std::string bytes = std::string("OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n\r\n$\0\0\x02zz", 37);
-    const std::string text =
-        "T1BUSU9OUw==\r\n \t\vICogUlRTUC8xLjA=DQpDU2VxOiAxDQoNCiQAAAJ6eg==";  // in three parts
-    for (size_t i = 0; i <= text.size(); i++) {
-        for (size_t j = i; j <= text.size(); j++) {
-            Receiver r;
-            ASSERT_TRUE(r.Decode(text.substr(0, i)) && r.Decode(text.substr(i, j - i)) &&
-                        r.Decode(text.substr(j)));
-            ASSERT_EQ(bytes, r.Held()) << i << ", " << j;
-            ASSERT_EQ(0U, r.port.nTail);
-        }
-    }
-}
-
 TEST(TunnelDecode, RefusesWhatIsNoBase64)
 {
     for (const char *szText : {"T1B\x01", "T1B-", "TTTT====", "TT=T", "T==="})
