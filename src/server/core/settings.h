@@ -44,8 +44,22 @@ struct Settings {
     char *szRecordPath = nullptr;    // what is made of it; owned, ends in '/'
     int bStandardPushers = 0;        // [INTEROP] StandardPushers
     int bStandardPlayers = 0;        // [INTEROP] StandardPlayers
-    int bSurvivePeerFaults = 0;      // [GUARD] SurvivePeerFaults
-    int bRunUnprivileged = 0;        // [GUARD] RunUnprivileged
+    // [GUARD]
+    int bSurvivePeerFaults = 0;
+    int bRunUnprivileged = 0;
+    int bPinMedia = 0;
+    int bStrictRoles = 0;
+    char szAnnounceFrom[512] = "";  // addresses and networks, separated by blanks; empty: all
+    int bAnnounceAuth = 0;
+    int bConfineRecordings = 0;
+    uint32_t nMaxSessionsPerAddress = 0;  // here and below 0 is no limit
+    uint32_t nStateTimeout = 0;           // seconds
+    uint32_t nCacheMegabytes = 0;         // of one program
+    uint32_t nCacheMegabytesTotal = 0;
+    uint32_t nAuthFailDelay = 0;  // ms
+    int bFreshNonce = 0;
+    uint32_t nMaxWebRelays = 0;
+    uint32_t nMaxRelayPeersPerAddress = 0;
 };
 
 // Written by ServerStart and ServerStop on the main thread, while nothing else runs.
