@@ -8,6 +8,7 @@
 
 #include "base/assertion.h"
 #include "base/console.h"
+#include "remote/bridgeaddr.h"
 #include "runtime/sockutil.h"
 #include "server/core/registry.h"
 
@@ -63,6 +64,8 @@ Port *CreateTcpPort(int fd)
     }
     if (SockGetPeerName(fd, &pPort->remote) != 0)
         return RefuseTcp(pPort);
+    if (IsBridgeAddress(SockGetIp(&pPort->remote)))
+        pPort->nFlags |= PORT_RELAYED;
     SockGetLocalName(fd, &pPort->local);
     SockSetOption(fd, IPPROTO_TCP, TCP_NODELAY,
                   1);  // a reply is on its way before a close resets the connection

@@ -18,7 +18,9 @@ enum : uint8_t { PORT_TCP = 1, PORT_UDP = 2 };
 enum : uint16_t {
     PORT_TUNNEL_POST = 0x2,  // the POST connection of an RTSP-over-HTTP tunnel: its bytes are base64 text
     PORT_CONNECTED = 0x200,
-    PORT_NO_SEGMENTS = 0x400,  // UDP: the path to the peer takes single datagrams only
+    PORT_NO_SEGMENTS = 0x400,   // UDP: the path to the peer takes single datagrams only
+    PORT_RELAYED = 0x800,       // the connection of a bridge: its peer is a stranger behind the relay
+    PORT_HANDED_OVER = 0x1000,  // came in by the web port
 };
 
 struct Port {

@@ -95,10 +95,11 @@ struct SessionPlay {
     int bFinalReport = 0;      // a recording has ended, and the player is still to be told
 };
 
-// Who watches, by the accounts of the program.
+// Who watches, by the accounts of the program that the session holds.
 struct SessionViewer {
     int nUserLevel = 3;  // 0 super user ... 3 nobody yet
     char szUser[64] = "";
+    int bAdmitted = 0;  // a DESCRIBE, QUICKPLAY or SUBSCRIBE of the program was answered 200
 };
 
 struct Session {

@@ -98,6 +98,7 @@ int RtspSessionCreate(int fd, const void *pData, size_t nLen)
     Session *pSession = OpenSession(fd);
     if (!pSession)
         return 0;
+    pSession->peer.Cmd->nFlags |= PORT_HANDED_OVER;
     if (!pData || nLen == 0) {
         SessionScheduleIdleCheck(pSession->peer.Cmd);
         return 1;

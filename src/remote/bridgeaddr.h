@@ -1,0 +1,21 @@
+// Where bridges of the relay come from when they connect to the RTSP port: addresses of their own on the
+// loopback net, one per peer, so that a stranger behind the relay is never taken for the box itself.
+#pragma once
+
+#include <cstdint>
+
+namespace orx {
+
+constexpr uint32_t kBridgeNet =
+    0x7F000100;  // 127.0.1.0/24, host order; the low byte is the peer's slot plus 1
+
+inline uint32_t BridgeAddress(uint32_t nSlot)
+{
+    return kBridgeNet | ((nSlot + 1) & 0xFF);
+}
+inline int IsBridgeAddress(uint32_t nIp)
+{
+    return (nIp & 0xFFFFFF00) == kBridgeNet;
+}
+
+}  // namespace orx
