@@ -103,6 +103,7 @@ void ProgramAttach(Session *pSession, Program *pProg)
     if (pSession->pProg == pProg)
         return;
     ProgramDetach(pSession);
+    SessionForgetViewer(pSession);
     pProg->nRefs++;
     pSession->pProg = pProg;
     if (pProg->pPusher != pSession)
@@ -115,6 +116,7 @@ void ProgramDetach(Session *pSession)
     if (!pProg)
         return;
     pSession->pProg = nullptr;
+    SessionForgetViewer(pSession);
     if (pProg->pPusher == pSession) {
         pProg->pPusher = nullptr;
         RemoveName(pProg);

@@ -173,6 +173,12 @@ void SessionEndPlayers(Session *pSession)
         EndOne(pPlayer);
 }
 
+void SessionForgetViewer(Session *pSession)
+{
+    pSession->viewer = SessionViewer();
+    pSession->nFlags &= ~SESSION_SUBSCRIBER;
+}
+
 void SessionEndAll()
 {
     while (Session *p = FirstSession())

