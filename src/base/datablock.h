@@ -10,18 +10,22 @@
 namespace orx {
 
 enum : uint32_t {
-    DB_MEDIA = 1,  // an RTP media packet
-    DB_KEY = 2,    // start of a key frame; set for RTCP reports as well
-    DB_VIDEO = 4,  // a video packet
+    DB_MEDIA = 1,     // an RTP media packet
+    DB_KEY = 2,       // start of a key frame; set for RTCP reports as well
+    DB_VIDEO = 4,     // a video packet
+    DB_QUESTION = 8,  // a player's request on its way to the pusher (see questions.h)
 };
 
 struct DataBlock {
-    ListNode node;            // first, so that lists use the default map mode 0
-    uint32_t nFlags = 0;      // DB_...
-    uint16_t len = 0;         // bytes of data
-    uint16_t sent = 0;        // bytes of data already written to the socket
-    uint32_t nTimestamp = 0;  // media time in milliseconds, equal for all packets of one frame
-    uint32_t nSerial = 0;     // the program's packet number when the block was cached
+    ListNode node;        // first, so that lists use the default map mode 0
+    uint32_t nFlags = 0;  // DB_...
+    uint16_t len = 0;     // bytes of data
+    uint16_t sent = 0;    // bytes of data already written to the socket
+    // Media time in milliseconds, equal for all packets of one frame; of a question ClockMs when it was
+    // asked.
+    uint32_t nTimestamp = 0;
+    // The program's packet number when the block was cached; of a question the handle of who asks.
+    uint32_t nSerial = 0;
 };
 static_assert(offsetof(DataBlock, node) == 0, "lists map a block to its node at the very start");
 

@@ -115,8 +115,8 @@ void ProgramDetach(Session *pSession)
     Program *pProg = pSession->pProg;
     if (!pProg)
         return;
-    pSession->pProg = nullptr;
     SessionForgetViewer(pSession);
+    pSession->pProg = nullptr;
     if (pProg->pPusher == pSession) {
         pProg->pPusher = nullptr;
         RemoveName(pProg);

@@ -102,6 +102,14 @@ struct SessionViewer {
     int bAdmitted = 0;  // a DESCRIBE, QUICKPLAY or SUBSCRIBE of the program was answered 200
 };
 
+// What this session has asked its program's pusher and was not answered: when, the oldest first (see
+// questions.h). Ends with the program held.
+constexpr uint32_t kMaxQuestions = 80;
+struct SessionQuestions {
+    uint32_t nOpen = 0;
+    uint32_t asked[kMaxQuestions] = {};  // ClockMs
+};
+
 struct Session {
     ListNode node;         // first: the session list maps an item to itself
     ListNode playerNode;   // second: the same for the program's list of players, in map mode 1
@@ -117,6 +125,7 @@ struct Session {
     SessionFlow flow;
     SessionPlay play;
     SessionViewer viewer;
+    SessionQuestions questions;
     int bEnded = 0;  // by SessionEnd: in no list, without ports and program
     Retired retired;
 
@@ -152,8 +161,9 @@ void SessionEnd(Session *pSession);
 // Ends every player of a pusher's program; does nothing for any other session.
 void SessionEndPlayers(Session *pSession);
 
-// What the accounts of one program allowed does not count at another: level, name, admission and subscription
-// go. Called whenever a session changes or lets go of its program.
+// What the accounts of one program allowed does not count at another: level, name, admission, subscription
+// and the questions that still wait for its pusher go. Called whenever a session changes or lets go of its
+// program.
 void SessionForgetViewer(Session *pSession);
 
 // Ends every session, in order of creation. When the server stops: main thread, no other one runs any more.

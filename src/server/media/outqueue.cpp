@@ -38,7 +38,7 @@ int RepliesPileUp(const Session *pSession)
         return 0;
     uint32_t nReplies = 0;
     for (auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq); p; p = NextBlock(p))
-        nReplies += !(p->nFlags & DB_MEDIA);
+        nReplies += !(p->nFlags & (DB_MEDIA | DB_QUESTION));
     return nReplies > kRepliesAbove;
 }
 

@@ -5,6 +5,7 @@
 
 #include "server/core/program.h"
 #include "server/core/registry.h"
+#include "server/media/questions.h"
 #include "server/media/replies.h"
 #include "server/media/send.h"
 #include "server/methods/camcfg.h"
@@ -33,15 +34,19 @@ static int FeedsProgram(const Session *pSession)
 }
 
 // Sends a request that is complete but for its body. A pusher that cannot be reached ends, and with it who
-// asked; what is too long is refused.
+// asked; what is too long or too much is refused.
 static Verdict Forward(Message *pMessage, Session *pSession, Port *pPort, const Request *pBody,
-                       Status eTooLong)
+                       Status eRefusal)
 {
-    int nSent = RequestSend(pMessage, pBody->pBody, pBody->nBody, kForwardBytes);
-    if (nSent == 0)
-        return ReplyShort(pSession, pPort, eTooLong);
-    if (nSent < 0)
-        SessionEnd(pMessage->pSession);
+    switch (QuestionSend(pMessage, pSession, pBody->pBody, pBody->nBody, kForwardBytes)) {
+        case Asked::Sent:
+            return Verdict::Keep;
+        case Asked::Refused:
+            return ReplyShort(pSession, pPort, eRefusal);
+        case Asked::PusherGone:
+            break;
+    }
+    SessionEnd(pMessage->pSession);
     return Verdict::Keep;
 }
 
@@ -133,8 +138,10 @@ Verdict HandleRespond(Session *pSession, Port *pPort, Request *pRequest)
     const char *szHandle = RequestHeaderValue(pRequest, "ClientSsId");
     const char *szForward = RequestHeaderValue(pRequest, "Forward");
     Session *pAsker = szHandle && szForward && IsOneLine(szForward) ? FindAsker(szHandle) : nullptr;
-    if (pAsker)
+    if (pAsker) {
+        QuestionAnswered(pAsker);
         PassAnswer(pAsker, szForward);
+    }
     return Verdict::Keep;
 }
 
