@@ -159,6 +159,12 @@ Program *ProgramFindWithSubstream(const char *szPath);
 void ProgramAttach(Session *pSession, Program *pProg);
 void ProgramDetach(Session *pSession);
 
+// Whether the session is the pusher of the program that it holds.
+inline int FeedsProgram(const Session *pSession)
+{
+    return pSession->pProg && pSession->pProg->pPusher == pSession;
+}
+
 // Empties the cache and forgets its cursor and counts.
 void ProgramClearCache(Program *pProg);
 

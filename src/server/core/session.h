@@ -99,7 +99,8 @@ struct SessionPlay {
 struct SessionViewer {
     int nUserLevel = 3;  // 0 super user ... 3 nobody yet
     char szUser[64] = "";
-    int bAdmitted = 0;  // a DESCRIBE, QUICKPLAY or SUBSCRIBE of the program was answered 200
+    int bAdmitted = 0;    // a DESCRIBE, QUICKPLAY or SUBSCRIBE of the program was answered 200
+    int bChallenged = 0;  // StrictRoles: a password was asked for, of a program that may be there or not
 };
 
 // What this session has asked its program's pusher and was not answered: when, the oldest first (see

@@ -21,6 +21,7 @@
 #include "server/methods/quickplay.h"
 #include "server/methods/recordex.h"
 #include "server/methods/register.h"
+#include "server/methods/roles.h"
 #include "server/methods/setup.h"
 #include "server/methods/subscribe.h"
 #include "server/methods/tunnel.h"
@@ -46,6 +47,7 @@ using MethodProc = Verdict (*)(Session *pSession, Port *pPort, Request *pRequest
 struct MethodEntry {
     const char *szName;  // compared without regard to case; the first match wins
     MethodProc pfnHandle;
+    Role eRole = Role::Anybody;  // what StrictRoles wants of who asks
 };
 
 static const MethodEntry g_methods[] = {
@@ -61,25 +63,29 @@ static const MethodEntry g_methods[] = {
     {"OPTIONS", HandleOptions},
     {"SET_PARAMETER", HandleSetParameter},
     {"GETPLAYLIST", HandleGetPlayList},
-    {"CAMCONTROL", HandleCamControl},
-    {"PUTVOICE", HandlePutVoice},
+    {"CAMCONTROL", HandleCamControl, Role::Viewer},
+    {"PUTVOICE", HandlePutVoice, Role::Viewer},
     {"PUTCAMCFG", HandlePutCamCfg},
-    {"GETCAMINFO", HandleGetCamInfo},
-    {"RECORDEX", HandleRecordEx},
+    {"GETCAMINFO", HandleGetCamInfo, Role::Viewer},
+    {"RECORDEX", HandleRecordEx, Role::Recorder},
     {"RESPOND", HandleRespond},
     {"GETCFGDIRECT", HandleGetCfgDirect},
     {"SETCFGDIRECT", HandleSetCfgDirect},
-    {"REGISTER", HandleRegister},
+    {"REGISTER", HandleRegister, Role::Neighbour},
     {"SUBSCRIBE", HandleSubscribe},
-    {"GETWIFIROUTERS", HandleGetWifiRouters},
+    {"GETWIFIROUTERS", HandleGetWifiRouters, Role::Neighbour},
     {"RECORD", HandleRecord},
 };
 
 static Verdict Dispatch(Session *pSession, Port *pPort, Request *pRequest)
 {
     for (const MethodEntry &method : g_methods)
-        if (strcasecmp(method.szName, RequestMethod(pRequest)) == 0)
-            return method.pfnHandle(pSession, pPort, pRequest);
+        if (strcasecmp(method.szName, RequestMethod(pRequest)) == 0) {
+            Verdict eRefusal = Verdict::Keep;
+            return RoleMay(method.eRole, pSession, pPort, &eRefusal)
+                       ? method.pfnHandle(pSession, pPort, pRequest)
+                       : eRefusal;
+        }
     return HandleUnknown(pSession, pPort, pRequest);
 }
 

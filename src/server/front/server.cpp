@@ -107,6 +107,7 @@ int ServerStart(const char *szConfigPath)
         ClearServer();
         return 0;
     }
+    AddrListParse(&g_server.announceFrom, g_settings.szAnnounceFrom, "AnnounceFrom");
     g_server.nMaxRegisterId = GuidStoreNextId(g_settings.szGuidPath);
     EventsInit();
     SeedRandom();

@@ -63,8 +63,8 @@ int QueueCopy(Session *pSession, const DataBlock *pBlock);
 // the stream stays whole. The queue owns it from here on.
 void QueueBefore(Session *pSession, DataBlock *pBlock, DataBlock *pBefore);
 
-// Whether a peer lets replies, or the server's requests to it, wait without end because it does not read. What
-// players ask a pusher does not count: it is bounded by who asks, not at the cost of the pusher.
+// Whether a peer lets replies, or the server's requests to it, wait without end because it does not read.
+// What players ask a pusher does not count: it is bounded by who asks, not at the cost of the pusher.
 int RepliesPileUp(const Session *pSession);
 
 // Drop what waits; of what is partly written the rest stays, so that the stream remains whole. Packets of a

@@ -83,14 +83,19 @@ int AttachByPath(Session *pSession, Port *pPort, Request *pRequest)
     return 1;
 }
 
-static Admission Challenge(Session *pSession, Port *pPort)
+Verdict ReplyChallenge(Session *pSession, Port *pPort)
 {
     char line[256] = "";
     AuthChallenge(g_server.pAuth, line, sizeof(line));
     Message reply(pSession, pPort);
     ReplyBeginNumbered(&reply, STATUS_UNAUTHORIZED, pSession->nCSeq);  // the request will come again
     TextAdd(&reply.text, "%s", line);
-    return MessageSend(&reply) == Verdict::Keep ? CHALLENGED : ENDED;
+    return MessageSend(&reply);
+}
+
+static Admission Challenge(Session *pSession, Port *pPort)
+{
+    return ReplyChallenge(pSession, pPort) == Verdict::Keep ? CHALLENGED : ENDED;
 }
 
 // Checks the credentials of a DESCRIBE or QUICKPLAY and answers when they do not let the player in.

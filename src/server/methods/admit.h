@@ -25,4 +25,7 @@ enum Admission {
 // the reply sent.
 Admission EnterProgram(Session *pSession, Port *pPort, Request *pRequest);
 
+// Asks for a password as AuthType has it (Basic with AuthType 0): the 401 that keeps the connection.
+Verdict ReplyChallenge(Session *pSession, Port *pPort);
+
 }  // namespace orx

@@ -10,6 +10,7 @@
 #include "server/media/replies.h"
 #include "server/media/sleep.h"
 #include "server/methods/admit.h"
+#include "server/methods/roles.h"
 
 namespace orx {
 
@@ -90,6 +91,10 @@ Verdict HandleAnnounce(Session *pSession, Port *pPort, Request *pRequest)
     }
     if (!ChooseReplyPort(pSession, pPort))
         return Verdict::End;
+    if (!PeerMayAnnounce(pPort)) {
+        ReplyShort(pSession, pPort, STATUS_FORBIDDEN);
+        return Verdict::End;
+    }
     if (!HasDescription(pRequest))
         return Refuse(pSession, pPort, STATUS_NO_SDP);
     // a challenged DESCRIBE may have left a program here, whose players are about to end with it

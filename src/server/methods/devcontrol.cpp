@@ -5,6 +5,7 @@
 
 #include "server/core/program.h"
 #include "server/core/registry.h"
+#include "server/core/settings.h"
 #include "server/media/questions.h"
 #include "server/media/replies.h"
 #include "server/media/send.h"
@@ -26,11 +27,6 @@ static int IsOneLine(const char *sz)
 static Session *FindPusher(const Session *pSession)
 {
     return pSession->pProg ? pSession->pProg->pPusher : nullptr;
-}
-
-static int FeedsProgram(const Session *pSession)
-{
-    return FindPusher(pSession) == pSession;
 }
 
 // Sends a request that is complete but for its body. A pusher that cannot be reached ends, and with it who
@@ -108,16 +104,22 @@ Verdict HandleGetCamInfo(Session *pSession, Port *pPort, Request *pRequest)
     return Forward(&message, pSession, pPort, &noBody, STATUS_NO_GETCAMCFG);
 }
 
-// The session that an answer is for: the one with that handle, the oldest one for 0. Null when the number is
-// none, and when the session has gone meanwhile.
-static Session *FindAsker(const char *szHandle)
+// Whether an answer of the program's may be for the session.
+static int MayBeAnswered(Session *pSession, const Program *pProg)
+{
+    return !g_settings.bStrictRoles || (pSession->pProg == pProg && QuestionIsOpen(pSession));
+}
+
+// The session that an answer of the program's is for: the one with that handle, the oldest one for 0. Null
+// when the number is none, and when the session has gone meanwhile.
+static Session *FindAsker(const Program *pProg, const char *szHandle)
 {
     char *pEnd = nullptr;
     unsigned long long nHandle = strtoull(szHandle, &pEnd, 10);
     if (*szHandle < '0' || *szHandle > '9' || pEnd[strspn(pEnd, " \t")] != '\0')
         return nullptr;
     for (Session *p = FirstSession(); p; p = NextSession(p))
-        if (nHandle == 0 || p->nHandle == nHandle)
+        if ((nHandle == 0 || p->nHandle == nHandle) && MayBeAnswered(p, pProg))
             return p;
     return nullptr;
 }
@@ -133,11 +135,12 @@ static void PassAnswer(Session *pAsker, const char *szForward)
 Verdict HandleRespond(Session *pSession, Port *pPort, Request *pRequest)
 {
     // whoever may answer decides what other sessions are told: only the session that the question went to
-    if (!FeedsProgram(pSession))
+    if (!pSession->pProg || (g_settings.bStrictRoles && !FeedsProgram(pSession)))
         return ReplyShort(pSession, pPort, STATUS_NO_RESPOND);
     const char *szHandle = RequestHeaderValue(pRequest, "ClientSsId");
     const char *szForward = RequestHeaderValue(pRequest, "Forward");
-    Session *pAsker = szHandle && szForward && IsOneLine(szForward) ? FindAsker(szHandle) : nullptr;
+    Session *pAsker =
+        szHandle && szForward && IsOneLine(szForward) ? FindAsker(pSession->pProg, szHandle) : nullptr;
     if (pAsker) {
         QuestionAnswered(pAsker);
         PassAnswer(pAsker, szForward);

@@ -101,8 +101,11 @@ Verdict HandleGetPlayList(Session *pSession, Port *pPort, Request *pRequest)
         return RefuseFault(pSession, pPort);
     if (!nFound || !AuthIsToken(szUser, account.szPassword, szGiven))
         return ReplyUnauthorized(pSession, pPort);
-    pSession->viewer.nUserLevel = account.nLevel;
-    TextCopy(pSession->viewer.szUser, sizeof(pSession->viewer.szUser), szUser);
+    // StrictRoles: these accounts are not those of a program that let nobody in yet
+    if (!g_settings.bStrictRoles || !pSession->pProg || pSession->viewer.bAdmitted) {
+        pSession->viewer.nUserLevel = account.nLevel;
+        TextCopy(pSession->viewer.szUser, sizeof(pSession->viewer.szUser), szUser);
+    }
     PictureSize screen;
     const char *szScreen = RequestHeaderValue(pRequest, "Screen-Size");
     if (szScreen && sscanf(szScreen, "%9dx%9d", &screen.nWidth, &screen.nHeight) != 2)

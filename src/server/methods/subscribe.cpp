@@ -35,6 +35,7 @@ Verdict HandleSubscribe(Session *pSession, Port *pPort, Request *pRequest)
     Verdict eVerdict = ReplyDated(pSession, pPort, STATUS_OK);
     LogSubscriber(pSession, pRequest);
     pSession->nFlags |= SESSION_SUBSCRIBER;
+    pSession->viewer.bAdmitted = eVerdict == Verdict::Keep;
     return eVerdict;
 }
 
