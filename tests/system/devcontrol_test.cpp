@@ -201,21 +201,6 @@ TEST_F(DevControlTest, ShowsEverybodyTheirOwnConfiguration)
     EXPECT_EQ(403, reply.nStatus) << "the old accounts are gone";
 }
 
-// Who was only asked for a password is attached to the program already, and yet has no say in it.
-TEST_F(DevControlTest, TakesNothingFromAChallengedPlayer)
-{
-    server.Set("SERVER", "AuthType", "1");
-    StartCamera(CameraSdp());
-    Leave(kCamCfg);
-    RtspClient &challenged = Add();
-    ASSERT_THAT(Ask(&challenged, "DESCRIBE"), testing::StartsWith("RTSP/1.0 401"));
-    EXPECT_EQ(Reply("400 Bad Request(no PUTCAMCFG yet)"), Ask(&challenged, "PUTCAMCFG", "", kPlain, kCamCfg));
-    EXPECT_EQ(kNoControl, Ask(&challenged, "CAMCONTROL", "", kAction));
-    std::string shown = Ask(&challenged, "GETCAMINFO", "", kGetCfg);
-    EXPECT_THAT(shown, testing::StartsWith("RTSP/1.0 650"));
-    EXPECT_EQ(0, CountText(shown, "pw"));
-}
-
 // The names outlive the server.
 TEST_F(DevControlTest, GivesEveryGuidItsName)
 {
