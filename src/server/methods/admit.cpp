@@ -13,11 +13,12 @@
 #include "server/media/replies.h"
 #include "server/media/sleep.h"
 #include "server/methods/auth.h"
+#include "server/methods/credentials.h"
+#include "server/methods/roles.h"
 
 namespace orx {
 
-constexpr uint32_t kFileBuffer = 65536;                 // bytes of a session's read buffer for recordings
-constexpr size_t kMaxCredentials = kMaxHeadBytes + 32;  // a header block and what is put before it
+constexpr uint32_t kFileBuffer = 65536;  // bytes of a session's read buffer for recordings
 
 int ChooseReplyPort(Session *pSession, Port *pPort)
 {
@@ -64,16 +65,16 @@ static Program *OpenFileProgram(Session *pSession, const char *szPath)
     return pProg;
 }
 
-int AttachByPath(Session *pSession, Port *pPort, Request *pRequest)
+Program *FindProgram(Session *pSession, const char *szPath)
 {
-    const char *szPath = RequestPath(pRequest);
     if (pSession->pProg && !NamesProgram(szPath, pSession->pProg))
         ProgramDetach(pSession);
-    Program *pProg = pSession->pProg;
-    if (!pProg)
-        pProg = ProgramFindWithSubstream(szPath);
-    if (!pProg)
-        pProg = OpenFileProgram(pSession, szPath);
+    return pSession->pProg ? pSession->pProg : ProgramFindWithSubstream(szPath);
+}
+
+int AttachFound(Session *pSession, Port *pPort, Program *pFound, const char *szPath)
+{
+    Program *pProg = pFound ? pFound : OpenFileProgram(pSession, szPath);
     if (!pProg) {
         ReplyStatus(pSession, pPort, STATUS_NOT_FOUND);
         return 0;
@@ -83,53 +84,119 @@ int AttachByPath(Session *pSession, Port *pPort, Request *pRequest)
     return 1;
 }
 
-Verdict ReplyChallenge(Session *pSession, Port *pPort)
+AccountsAt::AccountsAt(const Program *pFound, const char *szPath)
 {
-    char line[256] = "";
-    AuthChallenge(g_server.pAuth, line, sizeof(line));
+    unopened.Uri = const_cast<char *>(szPath);
+    pProg = pFound ? pFound : &unopened;
+}
+
+Verdict ReplyChallenge(Session *pSession, Port *pPort, int bStale)
+{
+    unsigned nScheme = g_settings.nAuthType == AUTH_NONE ? unsigned{AUTH_BASIC} : g_settings.nAuthType;
     Message reply(pSession, pPort);
     ReplyBeginNumbered(&reply, STATUS_UNAUTHORIZED, pSession->nCSeq);  // the request will come again
-    TextAdd(&reply.text, "%s", line);
+    CredentialChallenge(pPort, nScheme, bStale, &reply.text);
     return MessageSend(&reply);
 }
 
-static Admission Challenge(Session *pSession, Port *pPort)
+static Admission Challenge(const CredentialCheck *pCheck, Port *pPort, int bStale)
 {
-    return ReplyChallenge(pSession, pPort) == Verdict::Keep ? CHALLENGED : ENDED;
+    return ReplyChallenge(pCheck->pSession, pPort, bStale) == Verdict::Keep ? CHALLENGED : ENDED;
 }
 
 // Checks the credentials of a DESCRIBE or QUICKPLAY and answers when they do not let the player in.
-static Admission Admit(Session *pSession, Port *pPort, const Request *pRequest)
+static Admission Admit(const CredentialCheck *pCheck, Port *pPort, CheckedUser *pUser)
 {
+    switch (CheckAuthorization(pCheck, g_settings.nAuthType, pUser)) {
+        case CREDENTIAL_MISSING:
+            return Challenge(pCheck, pPort, 0);
+        case CREDENTIAL_STALE:
+            return Challenge(pCheck, pPort, 1);
+        case CREDENTIAL_WAITS:
+            return POSTPONED;
+        case CREDENTIAL_WRONG:
+        case CREDENTIAL_NO_FILE:
+            return ReplyShort(pCheck->pSession, pPort, STATUS_FORBIDDEN) == Verdict::Keep ? REFUSED : ENDED;
+        case CREDENTIAL_RIGHT:
+            break;
+    }
+    return ADMITTED;
+}
+
+// The same where nobody is asked for a password: one that is shown all the same has to be right, and gives
+// its level. Who shows none stays who he is at this program.
+static Admission AdmitUnasked(const CredentialCheck *pCheck, Port *pPort, CheckedUser *pUser)
+{
+    const SessionViewer *pViewer = &pCheck->pSession->viewer;
+    switch (CheckAuthorization(pCheck, AUTH_BASIC, pUser)) {
+        case CREDENTIAL_MISSING:
+            if (pCheck->pSession->pProg) {
+                TextCopy(pUser->szUser, sizeof(pUser->szUser), pViewer->szUser);
+                pUser->account.nLevel = pViewer->nUserLevel;
+            }
+            return ADMITTED;
+        case CREDENTIAL_WAITS:
+            return POSTPONED;
+        case CREDENTIAL_WRONG:
+        case CREDENTIAL_NO_FILE:
+        case CREDENTIAL_STALE:
+            return Challenge(pCheck, pPort, 0);
+        case CREDENTIAL_RIGHT:
+            break;
+    }
+    return ADMITTED;
+}
+
+// StrictRoles: nothing is opened, woken or told before the password is right. On the box itself a program is
+// held for RECORDEX, which needs none there.
+static Admission CheckAndEnter(Session *pSession, Port *pPort, const Request *pRequest)
+{
+    const char *szPath = RequestPath(pRequest);
+    Program *pFound = FindProgram(pSession, szPath);
+    if (pFound && PeerIsOwnShell(pPort))
+        ProgramAttach(pSession, pFound);
+    AccountsAt accounts(pFound, szPath);
+    CredentialCheck check{pSession, pPort, pRequest, accounts.pProg};
+    CheckedUser user;
+    Admission eResult =
+        g_settings.nAuthType == AUTH_NONE ? AdmitUnasked(&check, pPort, &user) : Admit(&check, pPort, &user);
+    pSession->viewer.bChallenged |= eResult == CHALLENGED || eResult == REFUSED;
+    if (eResult != ADMITTED)
+        return eResult;
+    if (!AttachFound(pSession, pPort, pFound, szPath))
+        return ENDED;
+    ViewerSet(pSession, &user);
+    return ADMITTED;
+}
+
+static Admission EnterAndCheck(Session *pSession, Port *pPort, const Request *pRequest)
+{
+    const char *szPath = RequestPath(pRequest);
+    if (!AttachFound(pSession, pPort, FindProgram(pSession, szPath), szPath))
+        return ENDED;
     if (g_settings.nAuthType == AUTH_NONE) {
         pSession->viewer.nUserLevel = 0;
         return ADMITTED;
     }
-    const char *szValue = RequestHeaderValue(pRequest, "Authorization");
-    const char *szScheme = AuthSchemeName(g_settings.nAuthType);
-    if (!szValue || strncmp(szValue, szScheme, strlen(szScheme)) != 0)
-        return Challenge(pSession, pPort);
-    char credentials[kMaxCredentials];
-    TextBuf text{credentials, sizeof(credentials)};
-    int nLevel = -1;
-    if (TextAdd(&text, "%s\r\nAuthorization: %s", RequestMethod(pRequest), szValue))
-        nLevel = AuthValidate(g_server.pAuth, credentials, RequestUri(pRequest));
-    if (nLevel < 0)
-        return ReplyShort(pSession, pPort, STATUS_FORBIDDEN) == Verdict::Keep ? REFUSED : ENDED;
-    pSession->viewer.nUserLevel = nLevel;
-    TextCopy(pSession->viewer.szUser, sizeof(pSession->viewer.szUser), g_server.pAuth->szUser);
-    return ADMITTED;
+    // the accounts are those of the program that is entered, whatever the URL would find by now
+    CredentialCheck check{pSession, pPort, pRequest, pSession->pProg};
+    CheckedUser user;
+    Admission eResult = Admit(&check, pPort, &user);
+    if (eResult == ADMITTED)
+        ViewerSet(pSession, &user);
+    return eResult;
 }
 
-Admission EnterProgram(Session *pSession, Port *pPort, Request *pRequest)
+Admission EnterProgram(Session *pSession, Port *pPort, const Request *pRequest)
 {
     if (pSession->nState != STATE_NEW) {
         ReplyStatus(pSession, pPort, STATUS_WRONG_STATE);
         return ENDED;
     }
-    if (!ChooseReplyPort(pSession, pPort) || !AttachByPath(pSession, pPort, pRequest))
+    if (!ChooseReplyPort(pSession, pPort))
         return ENDED;
-    return Admit(pSession, pPort, pRequest);
+    return g_settings.bStrictRoles ? CheckAndEnter(pSession, pPort, pRequest)
+                                   : EnterAndCheck(pSession, pPort, pRequest);
 }
 
 }  // namespace orx

@@ -38,7 +38,7 @@ static Verdict RefuseRecorder(Session *pSession, Port *pPort)
 {
     // an account would help; one that is not enough will not do the second time either
     if (!pSession->viewer.bAdmitted || pSession->viewer.nUserLevel >= kNobodysLevel)
-        return ReplyChallenge(pSession, pPort);
+        return ReplyChallenge(pSession, pPort, 0);
     return ReplyShort(pSession, pPort, STATUS_FORBIDDEN);
 }
 
@@ -61,7 +61,7 @@ int RoleMay(Role eRole, Session *pSession, Port *pPort, Verdict *pVerdict)
         case Role::Viewer:
             if (!IsClosed(pSession))
                 return 1;
-            *pVerdict = ReplyChallenge(pSession, pPort);
+            *pVerdict = ReplyChallenge(pSession, pPort, 0);
             return 0;
         case Role::Recorder:
             if (MayRecord(pSession, pPort))

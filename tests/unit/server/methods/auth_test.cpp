@@ -19,8 +19,13 @@ struct Authenticator {
     std::string user = "Mufasa", password = "Circle Of Life";
     std::string askedUrl;
     Auth *p;
+    unsigned nScheme;
+    uint32_t nIp = 1;
 
-    explicit Authenticator(unsigned nType, const char *szRealm = "Orx") { p = AuthCreate(nType, szRealm, Find, this); }
+    explicit Authenticator(unsigned nType, const char *szRealm = "Orx", int bFresh = 0)
+        : p(AuthCreate(nType, szRealm, Find, bFresh)), nScheme(nType)
+    {
+    }
     ~Authenticator() { AuthFree(p); }
     Authenticator &operator=(Authenticator &&) = delete;
 
@@ -32,15 +37,18 @@ struct Authenticator {
         *pLevel = 2;
         return szUser == pThis->user;
     }
-    int Validate(const std::string &value, const std::string &method) const
+    int Validate(const std::string &value, const std::string &method)
     {
-        return AuthValidate(p, (method + "\r\nAuthorization: " + value).c_str(), "rtsp://box/ch1");
+        const std::string text = method + "\r\nAuthorization: " + value;
+        AuthRequest request{text.c_str(), "rtsp://box/ch1", nIp, this};
+        return AuthValidate(p, nScheme, &request);
     }
     std::string Nonce() const
     {
         char line[256];
-        EXPECT_EQ(1, AuthChallenge(p, line, sizeof(line)));
-        return std::string(strstr(line, "nonce=\"") + 7, 32);
+        EXPECT_EQ(1, AuthChallenge(p, nScheme, nIp, 0, line, sizeof(line)));
+        const std::string text = strstr(line, "nonce=\"") + 7;
+        return text.substr(0, text.find('"'));
     }
 };
 
