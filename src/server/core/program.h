@@ -98,6 +98,7 @@ struct Program {
     uint32_t nBornMs = 0;         // ClockMs() then
     List players;                 // attached sessions that are not the pusher, in order of creation
     Session *pPusher = nullptr;   // not owned; null once the pusher has gone, and for recordings
+    char szAnnouncer[64] = "";    // AnnounceAuth: the user who announced it
     ZMFReader *reader = nullptr;  // of a recording; null for live
     ZMFWriter *recorders[kMaxRecorders] = {};
     int nRecorders = 0;
