@@ -14,7 +14,7 @@
 #include "server/media/sleep.h"
 #include "server/methods/auth.h"
 #include "server/methods/credentials.h"
-#include "server/methods/roles.h"
+#include "server/methods/peer.h"
 
 namespace orx {
 

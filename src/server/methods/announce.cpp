@@ -13,7 +13,7 @@
 #include "server/methods/admit.h"
 #include "server/methods/auth.h"
 #include "server/methods/credentials.h"
-#include "server/methods/roles.h"
+#include "server/methods/peer.h"
 
 namespace orx {
 

@@ -1,30 +1,15 @@
 #include "server/methods/roles.h"
 
-#include "runtime/sockutil.h"
 #include "server/core/program.h"
-#include "server/core/registry.h"
 #include "server/core/settings.h"
 #include "server/media/replies.h"
 #include "server/methods/admit.h"
+#include "server/methods/peer.h"
 
 namespace orx {
 
-constexpr int kRecordLevel = 2;      // recording needs a user level below this
-constexpr int kNobodysLevel = 3;     // who showed no password
-constexpr uint32_t kLoopback = 127;  // the first byte of the addresses on the box itself
-
-int PeerMayAnnounce(const Port *pPort)
-{
-    if (!g_server.announceFrom.bGiven)
-        return 1;
-    return !(pPort->nFlags & PORT_RELAYED) && AddrListHas(&g_server.announceFrom, SockGetIp(&pPort->remote));
-}
-
-int PeerIsOwnShell(const Port *pPort)
-{
-    return SockGetIp(&pPort->remote) >> 24 == kLoopback &&
-           !(pPort->nFlags & (PORT_RELAYED | PORT_HANDED_OVER));
-}
+constexpr int kRecordLevel = 2;   // recording needs a user level below this
+constexpr int kNobodysLevel = 3;  // who showed no password
 
 // Whether there is a program that somebody who was not admitted may not ask about. Where a password was asked
 // for and not shown, it is not told whether the program is there.

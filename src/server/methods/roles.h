@@ -1,5 +1,5 @@
 // Who may do what: by the program that a session was admitted to, by its account, and by where it comes from
-// ([GUARD] StrictRoles, AnnounceFrom). Scheduler thread only.
+// ([GUARD] StrictRoles). Scheduler thread only.
 #pragma once
 
 #include "server/core/session.h"
@@ -18,12 +18,5 @@ enum class Role {
 // Whether the request may go to its method. When not, the refusal is sent, and *pVerdict is what becomes of
 // the session. Who holds no program goes on to the method, which says so.
 int RoleMay(Role eRole, Session *pSession, Port *pPort, Verdict *pVerdict);
-
-// Whether the peer's address is one of AnnounceFrom, or that is empty. Who comes through the relay is none of
-// them; who came by the web port counts with the address there.
-int PeerMayAnnounce(const Port *pPort);
-
-// Whether the peer is on this box, and not a stranger whom the relay or the web port brought.
-int PeerIsOwnShell(const Port *pPort);
 
 }  // namespace orx
