@@ -1,6 +1,9 @@
 // What wrong passwords cost who shows them, and for whom and how long a Digest challenge is good. The server
 // runs inside the test, so that its clock can be moved.
+#include <unistd.h>
+
 #include <memory>
+#include <utility>
 
 #include "server/core/registry.h"
 #include "server/core/settings.h"
@@ -29,12 +32,14 @@ struct CredentialsTest : testing::Test {
         pClient->nCSeq = 0;
         ASSERT_EQ(1, RtspConnect(pClient, server->Url("/cam").c_str()));
     }
-    // Sends a request whose answer is to wait, and another one behind it: neither is answered while others are.
+    // Sends a request whose answer is to wait, and others behind it: none is answered while others are.
     void SendAndWait(RtspClient *pClient, const std::string &method, const std::string &headers,
-                     const std::string &body = "")
+                     const std::string &body = "", int nLast = 9)
     {
-        const std::string url = server->Url("/cam");
-        Send(pClient, MakeRequest(method, url, 8, headers, body) + Options(9));
+        std::string text = MakeRequest(method, server->Url("/cam"), 8, headers, body);
+        for (int i = 9; i <= nLast; i++)
+            text += Options(i);
+        ASSERT_EQ(1, RtspSendBytes(pClient, text.data(), text.size()));
         RtspClient other;
         Connect(&other, "127.0.0.99");
         for (int i = 0; i < 3; i++)
@@ -100,11 +105,12 @@ TEST_F(CredentialsTest, RightOneEndsTheCount)
     EXPECT_EQ(401, NextStatus(&guesser));
     EXPECT_EQ(401, NextStatus(&guesser));
     Connect(&owner, "127.0.0.10");
-    SendAndWait(&owner, "GETPLAYLIST", right);
+    SendAndWait(&owner, "GETPLAYLIST", right, "", 1000);  // more than the session's buffer holds
     PassTime(2100);
-    RtspMessage list;
-    ASSERT_EQ(1, RtspWaitBytes(&owner, 1, &list.body));
-    EXPECT_EQ(0U, list.body.find("P")) << "the list before the answer to what came behind it";
+    std::string list;
+    ASSERT_EQ(1, RtspWaitBytes(&owner, 9, &list));
+    EXPECT_EQ("PlayList:", list) << "before the answers to what came behind it";
+    ExpectAnswers(&owner, 9, 1000);
     Connect(&owner, "127.0.0.10");
     EXPECT_THAT(Ask(&owner, "GETPLAYLIST", "", wrong), testing::HasSubstr(" 401 "));
     EXPECT_TRUE(Answers(&owner));
@@ -112,13 +118,32 @@ TEST_F(CredentialsTest, RightOneEndsTheCount)
     Connect(&owner, "127.0.0.1");
     for (int i = 0; i < 5; i++)
         EXPECT_THAT(Ask(&owner, "GETPLAYLIST", "", wrong), testing::HasSubstr(" 401 "));
-    // neither the wait nor its end needs the connection
-    Connect(&guesser, "127.0.0.11");
-    for (int i = 0; i < 2; i++)
+}
+
+// Neither the wait nor its end needs the connections that asked.
+TEST_F(CredentialsTest, WhoWaitsMayGo)
+{
+    Start("AuthFailDelay=2000", AUTH_BASIC);
+    RtspClient guesser;
+    for (int i = 0; i < 2; i++) {
+        Connect(&guesser, "127.0.0.10");
         Ask(&guesser, "GETPLAYLIST", "", wrong);
+    }
+    Connect(&guesser, "127.0.0.10");
     SendAndWait(&guesser, "GETPLAYLIST", wrong);
     RtspReset(&guesser);
-    PassTime(2100);
+    // a tunnel loses its half of requests, then the other one; or both at once
+    for (bool bWhole : {false, true}) {
+        RtspClose(&guesser);
+        ASSERT_EQ(1, RtspConnectTunnel(&guesser, server->Url("/cam").c_str()));
+        SendAndWait(&guesser, "GETPLAYLIST", wrong);
+        if (bWhole)
+            RtspReset(&guesser);
+        else
+            close(std::exchange(guesser.fdPost, -1));
+        ASSERT_TRUE(Answers(&pusher));
+    }
+    PassTime(8100);
     EXPECT_TRUE(Answers(&pusher));
 }
 
