@@ -4,6 +4,7 @@
 #include <enet/enet.h>
 
 #include <cstring>
+#include <iterator>
 #include <new>
 
 #include "base/bytes.h"
@@ -16,6 +17,9 @@ constexpr uint32_t kAnswerHoldMs = 60000;  // the library does not repeat its an
 constexpr uint32_t kNetHeaders = 28;       // of IPv4 and UDP
 constexpr uint32_t kAnswerBytes =
     kNetHeaders + sizeof(ENetProtocolHeader) + sizeof(ENetProtocolVerifyConnect);
+
+constexpr uint32_t kCheckEvery = 64;    // datagrams; they hold up to 32 commands each
+constexpr size_t kUnorderedMax = 4096;  // commands without order that wait for an ordered one
 
 static thread_local UnetGate *t_pGate = nullptr;  // of the host that the library services just now
 
@@ -87,6 +91,69 @@ static int Admits(UnetGate *pGate, const Datagram *pRequest)
     return !bMany && nStrangers + pGate->nKept < pHost->peerCount;
 }
 
+// What a command is made of.
+struct CommandShape {
+    size_t nSize;        // without data
+    size_t nDataLength;  // offset of the 16 bits that count its data; 0: it has none
+};
+static constexpr CommandShape g_shapes[] = {
+    {0, 0},
+    {sizeof(ENetProtocolAcknowledge), 0},
+    {sizeof(ENetProtocolConnect), 0},
+    {sizeof(ENetProtocolVerifyConnect), 0},
+    {sizeof(ENetProtocolDisconnect), 0},
+    {sizeof(ENetProtocolPing), 0},
+    {sizeof(ENetProtocolSendReliable), offsetof(ENetProtocolSendReliable, dataLength)},
+    {sizeof(ENetProtocolSendUnreliable), offsetof(ENetProtocolSendUnreliable, dataLength)},
+    {sizeof(ENetProtocolSendFragment), offsetof(ENetProtocolSendFragment, dataLength)},
+    {sizeof(ENetProtocolSendUnsequenced), offsetof(ENetProtocolSendUnsequenced, dataLength)},
+    {sizeof(ENetProtocolBandwidthLimit), 0},
+    {sizeof(ENetProtocolThrottleConfigure), 0},
+    {sizeof(ENetProtocolSendFragment), offsetof(ENetProtocolSendFragment, dataLength)},
+};
+static_assert(std::size(g_shapes) == ENET_PROTOCOL_COMMAND_COUNT, "one shape for each command");
+
+// Whether a fragment says more than can be true. The library makes a bit for each fragment that is announced,
+// up to a million, whatever they add up to.
+static int IsHollow(const uint8_t *pCommand)
+{
+    return GetBe(pCommand + offsetof(ENetProtocolSendFragment, fragmentCount), 4) >
+           GetBe(pCommand + offsetof(ENetProtocolSendFragment, totalLength), 4);
+}
+
+// Whether a datagram of a connection holds such a fragment. Ends where the library gives up reading, too.
+static int HasHollowFragment(const ENetHost *pHost)
+{
+    ByteReader in{pHost->receivedData, pHost->receivedDataLength};
+    ReadBytes(&in, ReadBe(&in, 2) & ENET_PROTOCOL_HEADER_FLAG_SENT_TIME ? 2 : 0);
+    while (in.nLeft > 0 && !in.bFailed) {
+        unsigned nCommand = *in.p & ENET_PROTOCOL_COMMAND_MASK;
+        if (nCommand == ENET_PROTOCOL_COMMAND_NONE || nCommand >= ENET_PROTOCOL_COMMAND_COUNT)
+            return 0;
+        const CommandShape *pShape = &g_shapes[nCommand];
+        const uint8_t *p = ReadBytes(&in, pShape->nSize);
+        if (!p)
+            return 0;
+        if (pShape->nSize == sizeof(ENetProtocolSendFragment) && IsHollow(p))
+            return 1;
+        ReadBytes(&in, pShape->nDataLength ? GetBe(p + pShape->nDataLength, 2) : 0);
+    }
+    return 0;
+}
+
+// Commands without order may wait for an ordered one that never comes: empty ones count as nothing.
+static int IsCrowded(const UnetGate *pGate, const ENetPeer *pPeer)
+{
+    UnetSlot *pSlot = &pGate->pSlots[pPeer - pGate->pHost->peers];
+    if (pSlot->nDatagrams++ % kCheckEvery != 0)
+        return pSlot->bCrowded;
+    size_t nWaiting = 0;
+    for (size_t i = 0; i < pPeer->channelCount; i++)
+        nWaiting += enet_list_size(&pPeer->channels[i].incomingUnreliableCommands);
+    pSlot->bCrowded = nWaiting > kUnorderedMax;
+    return pSlot->bCrowded;
+}
+
 // Called by the library for each datagram before it looks at it itself. Returns 1 to have it forgotten.
 static int Intercept(ENetHost *pHost, ENetEvent *)
 {
@@ -100,10 +167,11 @@ static int Intercept(ENetHost *pHost, ENetEvent *)
         pGate->bPending = 1;
         return 0;
     }
-    if (datagram.nPeerId < pHost->peerCount &&
-        IsFrom(&pHost->peers[datagram.nPeerId], &pHost->receivedAddress))
-        Repeat(pGate, &pHost->peers[datagram.nPeerId], pHost->receivedDataLength);
-    return 0;
+    ENetPeer *pPeer = datagram.nPeerId < pHost->peerCount ? &pHost->peers[datagram.nPeerId] : nullptr;
+    if (!pPeer || !IsFrom(pPeer, &pHost->receivedAddress))
+        return 0;  // the library forgets it
+    Repeat(pGate, pPeer, pHost->receivedDataLength);
+    return IsCrowded(pGate, pPeer) || HasHollowFragment(pHost);
 }
 
 // Looks after one request that waits to be completed. Returns 1, or 0 when it was dropped.
@@ -112,7 +180,7 @@ static int Pending(UnetGate *pGate, ENetPeer *pPeer)
     UnetSlot *pSlot = SlotOf(pGate, pPeer);
     if (!pSlot) {
         pSlot = &pGate->pSlots[pPeer - pGate->pHost->peers];
-        *pSlot = {pPeer->connectID, 0, ClockMs(), kAnswerBytes, 0};
+        *pSlot = {pPeer->connectID, 0, ClockMs(), kAnswerBytes, 0, 0, 0};
     }
     if (ClockDiff(ClockMs(), pSlot->nSince) >= kRequestMs) {
         enet_peer_reset(pPeer);
@@ -161,7 +229,7 @@ void UnetGateFree(UnetGate *pGate)
 void UnetGateOwn(UnetGate *pGate, const ENetPeer *pPeer)
 {
     if (pPeer)
-        pGate->pSlots[pPeer - pGate->pHost->peers] = {pPeer->connectID, 1, 0, 0, 0};
+        pGate->pSlots[pPeer - pGate->pHost->peers] = {pPeer->connectID, 1, 0, 0, 0, 0, 0};
 }
 
 int UnetGateService(UnetGate *pGate, ENetEvent *pEvent)

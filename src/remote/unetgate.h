@@ -1,8 +1,9 @@
 // Who may come to a reliable-UDP host. The library answers every connection request for half a minute and
 // gives it a slot meanwhile, whoever sent it; here requests are looked at first. A request that is not
 // completed within two seconds is dropped, is never answered with more bytes than it came with, gets no slot
-// that is kept for the host's own connections, and none beyond what one address may have. Under the lock of
-// the host, if there is one.
+// that is kept for the host's own connections, and none beyond what one address may have. Who is connected is
+// kept from filling the memory with what the library counts as nothing. Under the lock of the host, if there
+// is one.
 #pragma once
 
 #include <cstddef>
@@ -21,6 +22,8 @@ struct UnetSlot {
     uint32_t nSince = 0;  // of a request: when it came, ClockMs
     uint32_t nIn = 0;     // of a request: bytes of its sender and of the answers, headers of the net included
     uint32_t nOut = 0;
+    uint32_t nDatagrams = 0;  // of a connection, modulo 2^32
+    int bCrowded = 0;         // too much of it waits for something that never came
 };
 
 struct UnetGate {

@@ -125,4 +125,33 @@ TEST_F(GateTest, AnHonestPartyIsLetIn)
     EXPECT_EQ(ENET_PEER_STATE_CONNECTED, side.pHost->peers[0].state);
 }
 
+// Neither a fragment of a million with one byte in all, nor empty packets that wait for one that never comes.
+TEST_F(GateTest, AConnectedPartyCannotFillTheMemoryWithNothing)
+{
+    EnetSide client;
+    ENetPeer *pPeer = client.Connect(side.Port());
+    ENetEvent event{};
+    ASSERT_TRUE(client.Pump([&] { return UnetGateService(&gate, &event) > 0 && !client.connected.empty(); }));
+    const sockaddr_in to = Loopback(side.Port());
+    auto flood = [&](int nDatagrams, auto command) {
+        for (int i = 0; i < nDatagrams; i++) {
+            std::string data = {static_cast<char>(pPeer->outgoingSessionID << 4), 0};
+            for (int k = 0; k < 32; k++)
+                data += command(i * 32 + k);
+            EXPECT_EQ(static_cast<ssize_t>(data.size()), sendto(client.pHost->socket, data.data(), data.size(), 0,
+                                                                reinterpret_cast<const sockaddr *>(&to), sizeof(to)));
+            ASSERT_EQ(0, UnetGateService(&gate, &event));
+        }
+    };
+    using namespace std::literals;
+    const ENetChannel *pChannel = &side.pHost->peers[0].channels[0];
+    flood(1, [](int n) {
+        return "\x88\0\0"s + char(2 + n) + "\0"s + char(2 + n) + "\0\1\0\x10\0\0\0\0\0\0\0\0\0\1\0\0\0\0x"s;
+    });
+    EXPECT_TRUE(enet_list_empty(&pChannel->incomingReliableCommands));
+    flood(1000, [](int n) { return "\7\0\0\5"s + char(n >> 8) + char(n) + "\0\0"s; });
+    EXPECT_LT(enet_list_size(const_cast<ENetList *>(&pChannel->incomingUnreliableCommands)), 4096U + 65 * 32);
+    EXPECT_GT(enet_list_size(const_cast<ENetList *>(&pChannel->incomingUnreliableCommands)), 32U);
+}
+
 }  // namespace orx
