@@ -156,7 +156,7 @@ void HttpRefuseBusy(int fdClient)
 {
     FdGuard client(fdClient);
     uint8_t buffer[kReadSize];
-    (void)!recv(client.fd, buffer, sizeof(buffer), MSG_DONTWAIT);  // see AwaitClient, without waiting here
+    (void)recv(client.fd, buffer, sizeof(buffer), MSG_DONTWAIT);  // see AwaitClient, without waiting here
     SendPage(client.fd, "503 Service Unavailable", "Too many connections.");
 }
 
