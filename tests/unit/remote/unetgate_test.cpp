@@ -113,18 +113,6 @@ TEST_F(GateTest, StrangersGetNeitherEverySlotNorManyFromOneAddress)
     EXPECT_EQ(2 + 4, Flood(2, 6)) << "own connections stay and do not count";
 }
 
-TEST_F(GateTest, AnHonestPartyIsLetIn)
-{
-    EnetSide client;
-    client.Connect(side.Port());
-    ENetEvent event{};
-    EXPECT_TRUE(client.Pump([&] { return UnetGateService(&gate, &event) > 0 && !client.connected.empty(); }));
-    EXPECT_EQ(ENET_EVENT_TYPE_CONNECT, event.type);
-    ClockSetOffset(2000);
-    EXPECT_EQ(0, UnetGateService(&gate, &event));
-    EXPECT_EQ(ENET_PEER_STATE_CONNECTED, side.pHost->peers[0].state);
-}
-
 // Neither a fragment of a million with one byte in all, nor empty packets that wait for one that never comes.
 TEST_F(GateTest, AConnectedPartyCannotFillTheMemoryWithNothing)
 {
