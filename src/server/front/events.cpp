@@ -72,7 +72,8 @@ static int AcceptAll(int fdListen)
     }
     if (errno == EAGAIN)
         return 1;
-    print("accept(socket=0x%x) err=%d.\r\n", fdListen, errno);
+    if (!g_bAcceptRetry)  // told once, not with every further try
+        print("accept(socket=0x%x) err=%d.\r\n", fdListen, errno);
     return 0;
 }
 
