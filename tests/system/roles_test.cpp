@@ -202,6 +202,21 @@ TEST_F(RolesTest, PassesAnswersToAskersOfTheProgram)
     }
 }
 
+// Who came by the web port is not the box itself, even from there.
+TEST_F(RolesTest, TellsTheWebPortFromTheBox)
+{
+    server.Set("SERVER", "EnableHttpProxy=1\nHttpProxyListenPort=" + std::to_string(server.nSparePort));
+    server.Set("GUARD", "StrictRoles", "1");
+    StartCamera(CameraSdp());
+    const std::string url = "rtsp://127.0.0.1:" + std::to_string(server.nSparePort) + "/cam";
+    ASSERT_EQ(1, RtspConnectTunnel(&player, url.c_str()));
+    ASSERT_EQ(1, RtspDescribe(&player));
+    EXPECT_THAT(Ask(&player, "RECORDEX", "", kStop), StartsWith("RTSP/1.0 401 "));
+    ASSERT_EQ(1, RtspConnectTunnel(&player, server.Url("/cam").c_str()));
+    ASSERT_EQ(1, RtspDescribe(&player));
+    EXPECT_EQ(Reply("200 OK"), Ask(&player, "RECORDEX", "", kStop));
+}
+
 // A list of programs names them whole.
 TEST_F(RolesTest, OpensWhatAListNames)
 {
