@@ -6,6 +6,7 @@
 #include "base/assertion.h"
 #include "base/bytes.h"
 #include "base/console.h"
+#include "runtime/taskwatch.h"
 #include "server/core/program.h"
 #include "server/media/ingest.h"
 #include "server/media/replies.h"
@@ -77,9 +78,12 @@ static const MethodEntry g_methods[] = {
 
 static Verdict Dispatch(Session *pSession, Port *pPort, Request *pRequest)
 {
-    for (const MethodEntry &method : g_methods)
-        if (strcasecmp(method.szName, RequestMethod(pRequest)) == 0)
+    for (const MethodEntry &method : g_methods) {
+        if (strcasecmp(method.szName, RequestMethod(pRequest)) == 0) {
+            WatchNote(method.szName);
             return method.pfnHandle(pSession, pPort, pRequest);
+        }
+    }
     return HandleUnknown(pSession, pPort, pRequest);
 }
 
@@ -193,6 +197,7 @@ static Step RunHandler(Session *pSession, Port *pPort, uint32_t *pAt)
 {
     int bPost = strcasecmp(RequestMethod(&pPort->request), "POST") == 0;
     Verdict eVerdict = Dispatch(pSession, pPort, &pPort->request);
+    WatchNote("between requests");
     RequestReset(&pPort->request);
     if (eVerdict == Verdict::End || pSession->bEnded)
         return EndSession(pSession);
