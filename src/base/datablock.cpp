@@ -45,16 +45,48 @@ void FreeDataBlock(DataBlock *pBlock)
     free(pBlock);
 }
 
-static void FreeDataBlockItem(void * /*pContext*/, void *pItem)
+// nSign 1: the block comes, -1: it goes.
+static void Count(void *pUser, const DataBlock *pBlock, int nSign)
 {
-    FreeDataBlock(static_cast<DataBlock *>(pItem));
+    auto *pSum = static_cast<BlockSum *>(pUser);
+    if (!pSum)
+        return;
+    int64_t nBytes = int64_t{nSign} * BlockBytes(pBlock);
+    pSum->nBytes += nBytes;
+    if (pSum->pTotal)
+        *pSum->pTotal += nBytes;
+    if (pBlock->nFlags & DB_MEDIA) {
+        pSum->nKeys += pBlock->nFlags & DB_KEY ? static_cast<uint32_t>(nSign) : 0;
+        return;
+    }
+    pSum->nOtherBytes += nBytes;
+    pSum->nOthers += static_cast<uint32_t>(nSign);
 }
 
-void BlockListInit(List *pList, void *pContext)
+static void FreeDataBlockItem(void *pUser, void *pItem)
 {
-    ListInit(pList, pContext);
+    auto *pBlock = static_cast<DataBlock *>(pItem);
+    Count(pUser, pBlock, -1);
+    FreeDataBlock(pBlock);
+}
+
+void BlockListInit(List *pList, BlockSum *pSum)
+{
+    ListInit(pList, pSum);
     ListUsedDefMap(pList, 0);
     ListDataProc(pList, FreeDataBlockItem, nullptr);
+}
+
+int BlockListAppend(List *pList, DataBlock *pBlock)
+{
+    Count(pList->pUser, pBlock, 1);
+    return ListAppend(pList, pBlock);
+}
+
+int BlockListInsert(List *pList, DataBlock *pBlock, DataBlock *pReferer, int bAfter)
+{
+    Count(pList->pUser, pBlock, 1);
+    return ListInsert(pList, pBlock, pReferer, bAfter);
 }
 
 }  // namespace orx

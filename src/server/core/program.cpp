@@ -33,7 +33,8 @@ Program *ProgramNew(const char *szPath, const ProgramOps *pOps)
     ListInit(&pProg->players, pProg);
     ListUsedDefMap(&pProg->players, 1);  // a session's second node
     ListDataProc(&pProg->players, nullptr, ComparePlayers);
-    BlockListInit(&pProg->cache.Pktq, pProg);
+    BlockListInit(&pProg->cache.Pktq, &pProg->cache.held);
+    pProg->cache.held.pTotal = &g_server.nCachedBytes;
     pProg->tBorn = ClockUptime();
     pProg->nBornMs = ClockMs();
     pProg->cache.nCacheLimit = g_settings.nCacheSeconds * 1000;

@@ -66,6 +66,7 @@ struct Description {
 // The packets that a player starts with.
 struct PacketCache {
     List Pktq;                          // DataBlocks, owned
+    BlockSum held;                      // what they come to
     DataBlock *pCacheCursor = nullptr;  // a block in Pktq, or null
     uint32_t nCacheLimit = 0;           // ms of media that are kept
     uint32_t nKeptKeys = 0;             // retained key frames before the cursor

@@ -36,6 +36,7 @@ struct ServerConfig {
     Scheduler scheduler;
     EventProcs events;
     PortMgr *pPortMgr = nullptr;  // owned
+    int64_t nCachedBytes = 0;     // of memory, that the caches of all programs take
     int nMaxRegisterId = 0;       // number of the next name that REGISTER gives
     ProgramHook pfnProgramHook = nullptr;
     void *pProgramHookContext = nullptr;

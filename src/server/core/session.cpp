@@ -79,7 +79,7 @@ Session *CreateSession(Port *pPort)
     Session *pSession = NewSession();
     if (!pSession)
         return nullptr;
-    BlockListInit(&pSession->out.Outq, pSession);
+    BlockListInit(&pSession->out.Outq, &pSession->out.queued);
     pSession->nHandle = NextHandle();
     pSession->peer.tLastActivity = ClockUptime();
     pSession->peer.tStart = static_cast<uint32_t>(time(nullptr));

@@ -81,6 +81,7 @@ struct SessionFlow {
     uint32_t nReads = 0;         // TCP reads of a playing pusher, for the flow of its players
     uint32_t nBlockedSends = 0;  // sends in a row that would have blocked
     uint32_t nStartBlocks = 0;   // media queued at once by a start; 0 when the queue has drained since
+    int64_t nStartBytes = 0;     // of memory, that a start's media takes which still waits
     uint32_t nCatchUpMs = 0;     // media ms of it that may have left over UDP
     uint32_t nCatchUpClock = 0;  // ClockMs when that was last raised
     uint32_t tLastReport = 0;    // uptime in seconds of the last report cycle

@@ -15,10 +15,15 @@
 
 namespace orx {
 
-// Sends what waits, and a report when one is due. Returns 0 when that failed, or left more than nMost blocks.
+// Sends what waits, and a report when one is due. Returns 0 when that failed, or left more than nMost blocks,
+// or more bytes than a queue may hold of a player that nothing is dropped for.
 static int Flush(Session *pSession, unsigned nMost)
 {
-    if (!SendDataEx(pSession, nullptr, 1) || ListCount(&pSession->out.Outq) > nMost)
+    if (!SendDataEx(pSession, nullptr, 1))
+        return 0;
+    if (QueueIsFull(pSession) && !QueueRelieve(pSession))
+        return 0;
+    if (ListCount(&pSession->out.Outq) > nMost)
         return 0;
     if (pSession->nFlags & SESSION_RTCP)
         SendRtcpReport(pSession);
@@ -31,7 +36,7 @@ static int PushPacket2SessionQueue(Session *pSession, const DataBlock *pBlock)
     if (QueueCopy(pSession, pBlock) < 0)
         return 1;
     unsigned nItems = ListCount(&pSession->out.Outq);
-    if (nItems <= kFlushAtOnceAbove)
+    if (nItems <= kFlushAtOnceAbove && !QueueIsFull(pSession))
         return 1;
     print("PushPacket2SessionQueue(): session->Outq.nItems=%u\r\n", nItems);
     if (Flush(pSession, kGiveUpAbove + pSession->flow.nStartBlocks))
@@ -82,7 +87,7 @@ static void LearnSsrc(Program *pProg, const DataBlock *pBlock)
 
 void CachePacketEx(Program *pProg, DataBlock *pBlock)
 {
-    int bRet = ListAppend(&pProg->cache.Pktq, pBlock);
+    int bRet = BlockListAppend(&pProg->cache.Pktq, pBlock);
     ORX_ASSERT(bRet, "bRet");
     pBlock->nSerial = pProg->cache.nSerial;
     FanOut(pProg, pBlock);
@@ -90,6 +95,7 @@ void CachePacketEx(Program *pProg, DataBlock *pBlock)
     RecordersWrite(pProg, pBlock);
     pProg->cache.nSerial++;
     CacheTrim(pProg, pBlock->nTimestamp);
+    CacheBound(pProg);
 }
 
 static void PrintCounts(const Program *pProg, const Session *pSession)
@@ -111,8 +117,10 @@ int FillBufferAtFirstPlay(Session *pSession)
         return 0;
     }
     unsigned nQueued = 0;
+    int64_t nBefore = pSession->out.queued.nBytes;
     for (; p; p = NextBlock(p))
         nQueued += QueueCopy(pSession, p) >= 0;
+    pSession->flow.nStartBytes = pSession->out.queued.nBytes - nBefore;
     PrintCounts(pProg, pSession);
     SendStartBurst(pSession, nQueued);
     return nQueued > 0;

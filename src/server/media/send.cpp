@@ -1,5 +1,6 @@
 #include "server/media/send.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include "base/assertion.h"
@@ -68,6 +69,7 @@ static void BlockDone(Session *pSession, DataBlock *pBlock)
 {
     if (pBlock->nFlags & DB_MEDIA) {
         pSession->play.nPlayPos = pBlock->nTimestamp;
+        pSession->flow.nStartBytes -= std::min(pSession->flow.nStartBytes, int64_t{BlockBytes(pBlock)});
         int nTrack = (pSession->nFlags & SESSION_RTCP) ? TrackOfBlock(pSession, pBlock) : -1;
         uint32_t nPrefix = pSession->out.bInterleaved ? kInterleaveBytes : 0;
         if (nTrack >= 0)
@@ -232,7 +234,7 @@ int SendReply2(Session *pSession, Port *pPort, const void *pText, size_t nLen, c
     }
     QueueBefore(pSession, pHead, pBefore ? pBefore : PaceFirstHeld(pSession));
     if (pTail)
-        ListInsert(&pSession->out.Outq, pTail, pHead, 1);
+        BlockListInsert(&pSession->out.Outq, pTail, pHead, 1);
     return SendDataEx(pSession, ReplyPort(pSession, pPort), 0);
 }
 
