@@ -17,6 +17,8 @@ constexpr int kSendBufferBytes = 163840;  // SO_SNDBUF; holds a key frame of a t
 enum : uint8_t { PORT_TCP = 1, PORT_UDP = 2 };
 enum : uint16_t {
     PORT_TUNNEL_POST = 0x2,  // the POST connection of an RTSP-over-HTTP tunnel: its bytes are base64 text
+    PORT_IDLE_CHECK = 0x4,   // the idle check is scheduled
+    PORT_MORE_WAITS = 0x8,   // a further read is scheduled
     PORT_CONNECTED = 0x200,
     PORT_NO_SEGMENTS = 0x400,   // UDP: the path to the peer takes single datagrams only
     PORT_RELAYED = 0x800,       // the connection of a bridge: its peer is a stranger behind the relay
@@ -47,8 +49,8 @@ Port *CreateUdpPort(const char *szLocalIp, int nLocalPort, const char *szRemoteI
 Port *FindPort(int fd);
 Port *FindPortAlive(int fd, uint32_t nGeneration);
 
-// A timer that names a connection keeps its descriptor (the task's nParam) and generation, never the record's
-// address. PortOfTask: the port, or null once it has gone.
+// A timer about one connection, whoever has it: of a session see SessionSchedule. It keeps the descriptor (the
+// task's nParam) and generation, never the record's address. PortOfTask: the port, or null once it has gone.
 void PortSchedule(const Port *pPort, TaskProc pfnRun, uint32_t nDelayMs);
 Port *PortOfTask(const Task *pTask);
 
