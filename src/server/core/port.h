@@ -49,16 +49,18 @@ Port *CreateUdpPort(const char *szLocalIp, int nLocalPort, const char *szRemoteI
 Port *FindPort(int fd);
 Port *FindPortAlive(int fd, uint32_t nGeneration);
 
-// A timer about one connection, whoever has it: of a session see SessionSchedule. It keeps the descriptor (the
-// task's nParam) and generation, never the record's address. PortOfTask: the port, or null once it has gone.
+// A timer about one connection, whoever has it: of a session see SessionSchedule. It keeps the descriptor
+// (the task's nParam) and generation, never the record's address. PortOfTask: the port, or null once it has
+// gone.
 void PortSchedule(const Port *pPort, TaskProc pfnRun, uint32_t nDelayMs);
 Port *PortOfTask(const Task *pTask);
 
-// Queues an event of the port as the monitor would, in nDelayMs: MONITOR_... or EVENT_POSTED_INPUT.
+// Queues an event of the port as the monitor would, in nDelayMs: MONITOR_... or one of these.
 constexpr uint32_t EVENT_POSTED_INPUT = 0x8000;  // run the parser on what the session already holds
+constexpr uint32_t EVENT_MORE_INPUT = 0x8001;    // go on with a read that was cut short
 void PortPostEvent(const Port *pPort, uint32_t nEvent, uint32_t nDelayMs);
 
-// Reads the connection dry and handles what came. Returns 0, or -1 when it was found closed, or silent for
+// Handles what the connection holds (see OnRead). Returns 0, or -1 when it was found closed, or silent for
 // too long, and the port was closed; a request may also have ended its session (bEnded).
 int PortReadNow(const Port *pPort);
 

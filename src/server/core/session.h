@@ -141,9 +141,9 @@ Session *CreateSession(Port *pPort);
 
 Session *FindSession(int fd);
 
-// The one way to arm a timer for a session. Its task names the session, never a connection or an address: half
-// of a tunnel may be gone when the timer is armed, or when it runs. SessionOfTask: the session, or null once it
-// has ended.
+// The one way to arm a timer for a session. Its task names the session, never a connection or an address:
+// half of a tunnel may be gone when the timer is armed, or when it runs. SessionOfTask: the session, or null
+// once it has ended.
 void SessionSchedule(const Session *pSession, TaskProc pfnRun, uint32_t nDelayMs);
 Session *SessionOfTask(const Task *pTask);
 
@@ -183,8 +183,8 @@ inline void *SessionPrintHandle(const Session *pSession)
 
 // Schedules the delayed close, once: the session ends in 2000 ms, with both connections of a tunnel.
 void SessionDelayClose(Session *pSession);
-// Schedules the idle check of a connection, unless one is under way: when it has sent nothing by then, in 5000
-// ms, it is closed.
+// Schedules the idle check of a connection, unless one is under way: when it has sent nothing by then, in
+// 5000 ms, it is closed.
 void SessionScheduleIdleCheck(Port *pPort);
 
 }  // namespace orx
