@@ -32,6 +32,7 @@ struct ServerConfig {
     AvlTree portMap;        // descriptor -> Port, which it owns
     AvlTree programMap;     // Uri (no regard to case) -> live Program
     AvlTree sessionMap;     // descriptor -> Session that owns the port
+    AvlTree handleMap;      // nHandle -> Session
     Monitor monitor;
     Scheduler scheduler;
     EventProcs events;

@@ -26,6 +26,7 @@ enum : uint32_t {
     SESSION_PUSHER = 0x1,          // feeds a live program
     SESSION_TUNNEL_GET = 0x8,      // GET half of a tunnel that waits for its POST half
     SESSION_FILE_SENDER = 0x10,    // the file sender task runs
+    SESSION_CLOSING = 0x20,        // the delayed close is scheduled
     SESSION_DELAYED_SEND = 0x100,  // a delayed-send timer is armed
     SESSION_CATCHES_UP = 0x200,    // the timer of a start over UDP runs
     SESSION_RTCP = 0x400,          // RTCP reports enabled
@@ -80,6 +81,7 @@ struct SessionInput {
 struct SessionFlow {
     uint32_t nReads = 0;         // TCP reads of a playing pusher, for the flow of its players
     uint32_t nBlockedSends = 0;  // sends in a row that would have blocked
+    int fdBlocked = -1;          // the socket that the delayed send is for
     uint32_t nStartBlocks = 0;   // media queued at once by a start; 0 when the queue has drained since
     int64_t nStartBytes = 0;     // of memory, that a start's media takes which still waits
     uint32_t nCatchUpMs = 0;     // media ms of it that may have left over UDP
@@ -140,7 +142,10 @@ Session *CreateSession(Port *pPort);
 
 Session *FindSession(int fd);
 
-// The session that a timer's task named by its connection (see PortSchedule), or null once either has gone.
+// The one way to arm a timer for a session. Its task names the session, never a connection or an address:
+// half of a tunnel may be gone when the timer is armed, or when it runs. SessionOfTask: the session, or null
+// once it has ended.
+void SessionSchedule(const Session *pSession, TaskProc pfnRun, uint32_t nDelayMs);
 Session *SessionOfTask(const Task *pTask);
 
 // Ends a session: of a pusher first every player of its program; then its ports are closed, and it is out of
@@ -158,6 +163,8 @@ void SessionEndAll();
 
 // Ends the session's use of a port, and the session with its last one. Returns 1 when that ended it, else 0.
 int SessionClosePort(Session *pSession, Port *pPort);
+// The same for the connection that replies and media go out on.
+int SessionCloseReplyPort(Session *pSession);
 
 // The connections of a session, each null when it has gone. They are one but for a tunnel, whose requests
 // come on one and whose replies go on the other.
@@ -175,9 +182,10 @@ inline void *SessionPrintHandle(const Session *pSession)
     return reinterpret_cast<void *>(static_cast<uintptr_t>(pSession->nHandle));
 }
 
-// Schedules the delayed close: the connection's session ends in 2000 ms.
-void SessionDelayClose(const Port *pPort);
-// Schedules the idle check: a connection that has sent nothing within 5000 ms is closed.
-void SessionScheduleIdleCheck(const Port *pPort);
+// Schedules the delayed close, once: the session ends in 2000 ms, with both connections of a tunnel.
+void SessionDelayClose(Session *pSession);
+// Schedules the idle check of a connection, unless one is under way: when it has sent nothing by then, in
+// 5000 ms, it is closed.
+void SessionScheduleIdleCheck(Port *pPort);
 
 }  // namespace orx

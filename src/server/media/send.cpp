@@ -80,16 +80,14 @@ static void BlockDone(Session *pSession, DataBlock *pBlock)
 
 static int OnSessionDelaySendTimer(Task *pTask, uint32_t, uint32_t, uint32_t)
 {
-    Port *pPort = PortOfTask(pTask);
     Session *pSession = SessionOfTask(pTask);
     if (!pSession)
         return -1;
-    print("OnSessionDelaySendTimer(stocket=0x%x)\r\n", pPort->fd);
+    print("OnSessionDelaySendTimer(stocket=0x%x)\r\n", pSession->flow.fdBlocked);
     pSession->nFlags &= ~SESSION_DELAYED_SEND;
     // replies and datagrams of one queue go to different sockets: each block finds its own
-    int bOnePort = pSession->out.bInterleaved || pSession->play.nSetupCount == 0;
-    if (!SendDataEx(pSession, bOnePort && pPort->nType == PORT_TCP ? pPort : nullptr, 0)) {
-        SessionClosePort(pSession, pPort);
+    if (!SendDataEx(pSession, nullptr, 0)) {
+        SessionCloseReplyPort(pSession);
         return -1;
     }
     int bArmed = (pSession->nFlags & SESSION_DELAYED_SEND) != 0;
@@ -115,7 +113,8 @@ static void OnBlocked(Session *pSession, const Port *pPort, int bPush)
     if (pSession->nFlags & (SESSION_FILE_SENDER | SESSION_DELAYED_SEND))
         return;
     pSession->nFlags |= SESSION_DELAYED_SEND;
-    PortSchedule(pPort, OnSessionDelaySendTimer, kDelayedSendMs);
+    pFlow->fdBlocked = pPort->fd;
+    SessionSchedule(pSession, OnSessionDelaySendTimer, kDelayedSendMs);
 }
 
 // Writes the batch and accounts for what left. Results of WireWrite.
@@ -171,7 +170,7 @@ static int OnCatchUpTimer(Task *pTask, uint32_t, uint32_t nNow, uint32_t)
         return -1;
     PaceRaise(pSession, nNow);
     if (!SendDataEx(pSession, nullptr, 1)) {
-        SessionClosePort(pSession, PortOfTask(pTask));
+        SessionCloseReplyPort(pSession);
         return -1;
     }
     if (pSession->flow.nStartBlocks > 0)
@@ -188,7 +187,7 @@ void SendStartBurst(Session *pSession, uint32_t nBlocks)
     if (nBlocks == 0 || pSession->out.bInterleaved || (pSession->nFlags & SESSION_CATCHES_UP))
         return;
     pSession->nFlags |= SESSION_CATCHES_UP;
-    PortSchedule(SessionControlPort(pSession), OnCatchUpTimer, kCatchUpStepMs);
+    SessionSchedule(pSession, OnCatchUpTimer, kCatchUpStepMs);
 }
 
 // Where a reply goes: on a connection that also carries the media or has no media yet, to the port that
@@ -218,7 +217,8 @@ int SendReply2(Session *pSession, Port *pPort, const void *pText, size_t nLen, c
                size_t nBody, DataBlock *pBefore)
 {
     // a client can close the half of its tunnel that replies take, and go on asking on the other
-    if ((pPort->nFlags & PORT_TUNNEL_POST) && !ORX_PEER_ASSERT(pSession->peer.Reply, "session->Reply"))
+    int bLost = !pPort || ((pPort->nFlags & PORT_TUNNEL_POST) && !pSession->peer.Reply);
+    if (!ORX_PEER_ASSERT(!bLost, "session->Reply"))
         return 0;
     if (RepliesPileUp(pSession)) {
         print("Too many replies wait on fd=0x%x!\r\n", pPort->fd);

@@ -175,13 +175,11 @@ Verdict HandlePlay(Session *pSession, Port *pPort, Request *pRequest)
         return Verdict::End;
     if (pSession->nFlags & SESSION_PUSHER)
         return Verdict::Keep;
-    if (pSession->peer.Reply && pSession->peer.Reply != pPort) {
-        if (!ORX_PEER_ASSERT(pPort->nFlags & PORT_TUNNEL_POST, "port->flags & 2"))
-            return Verdict::End;
-        pPort = pSession->peer.Reply;
-    }
+    if (pSession->peer.Reply && pSession->peer.Reply != pPort &&
+        !ORX_PEER_ASSERT(pPort->nFlags & PORT_TUNNEL_POST, "port->flags & 2"))
+        return Verdict::End;
     if (!bLive)
-        FileSenderStart(pSession, pPort);
+        FileSenderStart(pSession);
     return Verdict::Keep;
 }
 
@@ -219,7 +217,7 @@ Verdict HandleTeardown(Session *pSession, Port *pPort, Request *)
     QueueDropAll(pSession);
     if (ReplyDated(pSession, pPort, STATUS_OK) == Verdict::End)
         return Verdict::End;
-    SessionDelayClose(pPort);
+    SessionDelayClose(pSession);
     return Verdict::Keep;
 }
 
