@@ -122,6 +122,8 @@ void ProgramDetach(Session *pSession)
         RemoveName(pProg);
         pProg->pOps->pfnStop(pProg);  // players may stay on, but nothing more comes
     } else {
+        if (pProg->flush.pNext == pSession)
+            pProg->flush.pNext = NextPlayer(pSession);
         ListRemove(&pProg->players, pSession, 0);
     }
     pProg->nRefs--;

@@ -109,13 +109,15 @@ struct SessionViewer {
     int bAdmitted = 0;  // a DESCRIBE, QUICKPLAY or SUBSCRIBE of the program was answered 200
 };
 
-// An answer that waits, because its address has shown too many wrong passwords. Until then the session reads
-// nothing more, so that what the peer sends on is handled in its order.
+// An answer that waits, because its address has shown too many wrong passwords, or because finding it takes
+// several steps. Until then the session reads nothing more, so that what the peer sends on is handled in its
+// order.
 struct SessionHold {
     const Port *pPort = nullptr;  // that the held request came on; null: none is held
     int nCSeq = 0;                // the number of its reply
     uint32_t nDelayMs = 0;        // that it is to wait
-    int bOver = 0;                // it has waited, and its handler runs again
+    int bStep = 0;                // it waits for the next step only
+    int bOver = 0;                // it has waited for a wrong password, and its handler runs again
     int nFailures = 0;            // wrong passwords and tokens of this connection
 };
 
@@ -187,6 +189,14 @@ Port *SessionPeerPort(const Session *pSession);   // the peer's: that of request
 Port *SessionReplyPort(const Session *pSession);  // of what waits in the queue, other than datagrams
 Port *SessionControlPort(
     const Session *pSession);  // of requests to the peer; never the half that only it writes
+
+// The request at hand takes another step: its handler runs once more behind what else is due.
+inline Verdict SessionNextStep(Session *pSession)
+{
+    pSession->hold.bStep = 1;
+    pSession->hold.nDelayMs = 1;
+    return Verdict::Later;
+}
 
 // The peer of the session's control connection as "a.b.c.d:port"; szOut takes kAddrTextSize bytes.
 void SessionRemoteText(const Session *pSession, char *szOut);

@@ -6,6 +6,7 @@
 #include "base/assertion.h"
 #include "base/bytes.h"
 #include "base/console.h"
+#include "runtime/slice.h"
 #include "runtime/taskwatch.h"
 #include "server/core/program.h"
 #include "server/media/ingest.h"
@@ -197,13 +198,14 @@ static Step RunHandler(Session *pSession, Port *pPort, uint32_t *pAt);
 // The wait of an answer is over: its request is handled once more, then what the peer has sent since.
 static int OnHoldOver(Task *pTask, uint32_t, uint32_t, uint32_t)
 {
-    Session *pSession = SessionOfTask(pTask);
     Port *pPort = PortOfTask(pTask);
+    Session *pSession = pPort ? FindSession(pPort->fd) : nullptr;
     if (!pSession || pSession->hold.pPort != pPort)
         return -1;
     pSession->hold.pPort = nullptr;
     pSession->nCSeq = pSession->hold.nCSeq;
-    pSession->hold.bOver = 1;
+    pSession->hold.bOver = !pSession->hold.bStep;
+    pSession->hold.bStep = 0;
     uint32_t nAt = 0;
     Step step = RunHandler(pSession, pPort, &nAt);
     pSession->hold.bOver = 0;
@@ -273,19 +275,38 @@ static void ForgetOtherPort(const Session *pSession, const Port *pPort)
             RequestReset(&pOther->request);
 }
 
+// What a step has cost: a frame goes to every player, and a request may do anything.
+static uint32_t WorkOf(const Session *pSession, int bFrame)
+{
+    return !bFrame ? kSliceLook : pSession->pProg ? 2 + ListCount(&pSession->pProg->players) : 1;
+}
+
+// What the buffer still holds is handled behind all that waits.
+static void GoOnLater(Port *pPort)
+{
+    if (!(pPort->nFlags & PORT_MORE_WAITS))
+        PortPostEvent(pPort, EVENT_MORE_INPUT, 1);
+    pPort->nFlags |= PORT_MORE_WAITS;
+}
+
 int HandleInput(Session *pSession, Port *pPort)
 {
     if (pSession->hold.pPort)
         return 1;
     uint32_t nAt = 0;
+    Slice slice = SliceBegin();
     ForgetOtherPort(pSession, pPort);
     while (nAt < pSession->input.nLen) {
-        Step step =
-            pSession->input.pBuf[nAt] == '$' ? TakeFrame(pSession, &nAt) : TakeMessage(pSession, pPort, &nAt);
+        int bFrame = pSession->input.pBuf[nAt] == '$';
+        Step step = bFrame ? TakeFrame(pSession, &nAt) : TakeMessage(pSession, pPort, &nAt);
         if (step == Step::Gone)
             return 0;
         if (step == Step::Wait)
             break;
+        if (SliceOver(&slice, WorkOf(pSession, bFrame)) && nAt < pSession->input.nLen) {
+            GoOnLater(pPort);
+            break;
+        }
     }
     pSession->input.nLen -= nAt;
     if (pSession->input.nLen == pSession->input.nTotal - 1) {

@@ -245,6 +245,8 @@ static int ReadTcp(Session *pSession, Port *pPort)
             return 0;
         FlushAfterRead(pSession);
         nRead += static_cast<size_t>(n);
+        if (pPort->nFlags & PORT_MORE_WAITS)  // the buffer takes no more before it is worked off
+            return 0;
         if (nRead >= kBytesPerEvent)
             return ReadMoreLater(pPort);
     }
@@ -305,6 +307,12 @@ static void OnMoreInput(int fd, Port *pPort)
     if (!pPort)
         return;
     pPort->nFlags &= static_cast<uint16_t>(~PORT_MORE_WAITS);
+    Session *pSession = FindSession(fd);
+    if (pSession && pPort->nType == PORT_TCP && pSession->input.nLen > 0) {
+        if (!HandleInput(pSession, pPort))
+            return;
+        FlushAfterRead(pSession);
+    }
     OnRead(fd);
 }
 

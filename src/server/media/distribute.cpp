@@ -6,6 +6,7 @@
 #include "base/bytes.h"
 #include "base/console.h"
 #include "runtime/clock.h"
+#include "runtime/slice.h"
 #include "server/core/settings.h"
 #include "server/media/cache.h"
 #include "server/media/outqueue.h"
@@ -14,6 +15,9 @@
 #include "server/media/send.h"
 
 namespace orx {
+
+static constexpr uint32_t kFlushWork =
+    32;  // of a slice, for one player: eight times the clock is not looked at
 
 // Sends what waits, and a report when one is due. Returns 0 when that failed, or left more than nMost blocks,
 // or more bytes than a queue may hold of a player that nothing is dropped for.
@@ -126,16 +130,51 @@ int FillBufferAtFirstPlay(Session *pSession)
     return nQueued > 0;
 }
 
-void FlushPlayers(Program *pProg)
+// Flushes players for a slice of time.
+static void FlushSlice(Program *pProg)
 {
-    Session *pNext;
-    for (Session *p = FirstPlayer(pProg); p; p = pNext) {
-        pNext = NextPlayer(p);
+    PlayerFlush *pFlush = &pProg->flush;
+    Slice slice = SliceBegin();
+    int bOver = 0;
+    while (pFlush->pNext && !bOver) {
+        Session *p = pFlush->pNext;
+        pFlush->pNext = NextPlayer(p);
         if (p->nState != STATE_PLAYING || ListCount(&p->out.Outq) <= kFlushAfterReadAbove)
             continue;
         if (!Flush(p, UINT32_MAX))  // nothing was queued: how much waits was looked at when it was
             SessionEnd(p);
+        bOver = SliceOver(&slice, kFlushWork);
     }
+}
+
+// The next slice of a flush, in a task of its own, so that others come between.
+static int OnFlushOn(Task *pTask, uint32_t, uint32_t, uint32_t)
+{
+    Session *pPusher = SessionOfTask(pTask);
+    Program *pProg = pPusher ? pPusher->pProg : nullptr;
+    if (!pProg || pProg->pPusher != pPusher)
+        return -1;
+    PlayerFlush *pFlush = &pProg->flush;
+    FlushSlice(pProg);
+    if (!pFlush->pNext && pFlush->bAgain) {
+        pFlush->pNext = FirstPlayer(pProg);
+        pFlush->bAgain = 0;
+    }
+    pFlush->bTask = pFlush->pNext != nullptr;
+    return pFlush->bTask ? 1 : -1;
+}
+
+void FlushPlayers(Program *pProg)
+{
+    PlayerFlush *pFlush = &pProg->flush;
+    pFlush->bAgain = pFlush->bTask;
+    if (pFlush->bTask)
+        return;
+    pFlush->pNext = FirstPlayer(pProg);
+    FlushSlice(pProg);
+    pFlush->bTask = pFlush->pNext && pProg->pPusher;
+    if (pFlush->bTask)
+        SessionSchedule(pProg->pPusher, OnFlushOn, 1);
 }
 
 }  // namespace orx
