@@ -249,6 +249,12 @@ void Come(int nPort, int n)
     Sock sock = Connect(nPort), post = nPost != std::string::npos ? Connect(nPort) : Sock();
     ASSERT_TRUE(sock.fd >= 0 && sock.Send(text.substr(0, nPost)));
     if (nWay % 3 == 1)
+        {"OPTIONS * RTSP/1.0\r\nCSeq: -1\r\n\r\n", ""},
+        {"OPTIONS * RTSP/1.0\r\nCSeq: +1\r\n\r\n", ""},
+        {"OPTIONS * RTSP/1.0\r\nCSeq: 1 2\r\n\r\n", ""},
+        {"OPTIONS * RTSP/1.0\r\nCSeq: x\r\n\r\n", ""},
+        {"OPTIONS * RTSP/1.0\r\nCSeq: 18446744073709551623 \r\n\r\n", OptionsReply(7)},
+        {"OPTIONS * RTSP/1.0\r\nCSeq: 2147483647\r\n\r\n", OptionsReply(2147483647)},
         sock.Readable(20000);
     if (post.fd >= 0)
         post.Send(text.substr(nPost));

@@ -110,7 +110,7 @@ struct Session {
     uint32_t nHandle = 0;  // "Session" and "ClientSsId" on the wire: never 0, unique while the program lives
     uint32_t nFlags = 0;   // SESSION_...
     uint32_t nState = STATE_NEW;
-    int nCSeq = 1;             // number of the next reply, or of the next request to this peer
+    uint32_t nCSeq = 1;        // number of the next reply, or of the next request to this peer
     Program *pProg = nullptr;  // counted in its nRefs
     SessionPeer peer;
     SessionInput input;

@@ -1,6 +1,5 @@
 #include "server/front/dispatch.h"
 
-#include <cstdlib>
 #include <cstring>
 
 #include "base/assertion.h"
@@ -167,6 +166,15 @@ static Step ParseHead(Session *pSession, Port *pPort, uint32_t nAt)
 }
 
 // Checks and notes the request's number. Taken: dispatch it.
+// Decimal digits, of which the lowest 32 bits count. 1, or 0 for any other text.
+static int ParseCSeq(const char *sz, uint32_t *pValue)
+{
+    const char *p = sz;
+    for (*pValue = 0; *p >= '0' && *p <= '9'; p++)
+        *pValue = *pValue * 10 + static_cast<uint32_t>(*p - '0');
+    return p > sz && p[strspn(p, " \t")] == '\0';
+}
+
 static Step CheckCSeq(Session *pSession, Port *pPort)
 {
     const char *szCSeq = RequestHeaderValue(&pPort->request, "CSeq");
@@ -177,13 +185,15 @@ static Step CheckCSeq(Session *pSession, Port *pPort)
         print("no CSeq!!!\r\n");
         return EndSession(pSession);
     }
-    auto nCSeq = static_cast<uint32_t>(strtoul(szCSeq, nullptr, 10));
+    uint32_t nCSeq = 0;
+    if (!ParseCSeq(szCSeq, &nCSeq))
+        return EndSession(pSession);
     if (pSession->input.nReqSeq && nCSeq < pSession->input.nReqSeq) {
         print("CmdSeq(%u) < session->nReqSeq(%u)! Drop it!\r\n", nCSeq, pSession->input.nReqSeq);
         return Step::Drop;
     }
     pSession->input.nReqSeq = nCSeq;
-    pSession->nCSeq = static_cast<int>(nCSeq);
+    pSession->nCSeq = nCSeq;
     return Step::Taken;
 }
 
