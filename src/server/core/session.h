@@ -27,6 +27,7 @@ enum : uint32_t {
     SESSION_TUNNEL_GET = 0x8,      // GET half of a tunnel that waits for its POST half
     SESSION_FILE_SENDER = 0x10,    // the file sender task runs
     SESSION_CLOSING = 0x20,        // the delayed close is scheduled
+    SESSION_TUNNEL_POST = 0x40,    // POST half of a tunnel that waits for its GET half
     SESSION_DELAYED_SEND = 0x100,  // a delayed-send timer is armed
     SESSION_CATCHES_UP = 0x200,    // the timer of a start over UDP runs
     SESSION_RTCP = 0x400,          // RTCP reports enabled
@@ -62,7 +63,7 @@ struct SessionTrack : RtpTrack {
 struct SessionPeer {
     Port *Cmd = nullptr;         // connection that requests arrive on; ports are owned by the port map
     Port *Reply = nullptr;       // connection that replies and media go out on, may equal Cmd
-    char *szCookie = nullptr;    // x-sessioncookie of a waiting GET half, owned
+    char *szCookie = nullptr;    // x-sessioncookie of a waiting half, owned
     uint32_t tStart = 0;         // wall clock at creation, seconds
     uint32_t tLastActivity = 0;  // uptime in seconds at the last receive
     uint32_t nReceived = 0;      // bytes since creation; 0: nothing ever came

@@ -207,6 +207,8 @@ static Step RunHandler(Session *pSession, Port *pPort, uint32_t *pAt)
     if (eVerdict == Verdict::End || pSession->bEnded)
         return EndSession(pSession);
     if (bPost)
+    if (pSession->nFlags & SESSION_TUNNEL_POST)
+        return Step::Wait;  // what follows is for the other half
         *pAt = pSession->input.nLen = 0;
     return Step::Taken;
 }

@@ -262,6 +262,8 @@ static int ReadTcp(Session *pSession, Port *pPort)
 int OnRead(int fd)
 {
     Port *pPort = FindPort(fd);
+        if (pSession->nFlags & SESSION_TUNNEL_POST)
+            return 0;
     Session *pSession = FindSession(fd);
     if (pPort && !pSession && pPort->nType == PORT_UDP)
         return 0;
@@ -271,7 +273,7 @@ int OnRead(int fd)
         return -1;
     }
     ORX_ASSERT(pPort && pSession, "!port && !session");
-    if (pPort->nFlags & PORT_MORE_WAITS)
+    if ((pPort->nFlags & PORT_MORE_WAITS) || (pSession->nFlags & SESSION_TUNNEL_POST))
         return 0;
     return pPort->nType == PORT_UDP ? ReadUdp(pSession, pPort) : ReadTcp(pSession, pPort);
 }
@@ -293,9 +295,13 @@ static void OnPostedInput(int fd)
 {
     Port *pPort = FindPort(fd);
     Session *pSession = FindSession(fd);
-    // more than the buffer took may wait in the socket, which reports nothing again by itself
-    if (pPort && pSession && HandleInput(pSession, pPort))
-        OnRead(fd);
+    if (!pPort || !pSession)
+        return;
+    if (pSession->nFlags & SESSION_TUNNEL_POST)
+        TunnelPairPost(pSession, pPort);
+    else if (HandleInput(pSession, pPort))
+        OnRead(
+            fd);  // more than the buffer took may wait in the socket, which reports nothing again by itself
 }
 
 static void OnMoreInput(int fd, Port *pPort)
