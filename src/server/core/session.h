@@ -85,6 +85,8 @@ struct SessionFlow {
     int fdBlocked = -1;          // the socket that the delayed send is for
     uint32_t nStartBlocks = 0;   // media queued at once by a start; 0 when the queue has drained since
     uint32_t nCatchUpMs = 0;     // media ms of it that may have left over UDP
+    uint32_t nStartBytes = 0;    // of them
+    uint32_t nAfterStart = 0;    // bytes of media queued since
     uint32_t nCatchUpClock = 0;  // ClockMs when that was last raised
     uint32_t tLastReport = 0;    // uptime in seconds of the last report cycle
 };

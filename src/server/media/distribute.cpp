@@ -30,6 +30,7 @@ static int PushPacket2SessionQueue(Session *pSession, const DataBlock *pBlock)
 {
     if (QueueCopy(pSession, pBlock) < 0)
         return 1;
+    pSession->flow.nAfterStart += pBlock->len;
     unsigned nItems = ListCount(&pSession->out.Outq);
     if (nItems <= kFlushAtOnceAbove)
         return 1;
@@ -110,11 +111,16 @@ int FillBufferAtFirstPlay(Session *pSession)
         PrintCounts(pProg, pSession);
         return 0;
     }
-    unsigned nQueued = 0;
-    for (; p; p = NextBlock(p))
-        nQueued += QueueCopy(pSession, p) >= 0;
+    uint32_t nQueued = 0;
+    uint32_t nBytes = 0;
+    for (; p; p = NextBlock(p)) {
+        if (QueueCopy(pSession, p) < 0)
+            continue;
+        nQueued++;
+        nBytes += p->len;
+    }
     PrintCounts(pProg, pSession);
-    SendStartBurst(pSession, nQueued);
+    SendStartBurst(pSession, nQueued, nBytes);
     return nQueued > 0;
 }
 

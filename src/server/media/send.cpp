@@ -100,10 +100,13 @@ static void OnBlocked(Session *pSession, const Port *pPort, int bPush)
 {
     SessionFlow *pFlow = &pSession->flow;
     if (bPush) {
-        if (!g_settings.bAutoDrop || !pSession->pProg || !pSession->pProg->bLive || pFlow->nStartBlocks > 0)
+        if (!g_settings.bAutoDrop || !pSession->pProg || !pSession->pProg->bLive)
+            return;
+        if (pFlow->nBlockedSends + 1 == kBlockedSends && PaceMayTakeStart(pSession))
             return;
         if (++pFlow->nBlockedSends != kBlockedSends)
             return;
+        pFlow->nStartBlocks = 0;
         QueueDropCrowded(pSession);
         print("SendDataEx(socket=0x%x) blocked count=%u!\r\n", pPort->fd, pFlow->nBlockedSends);
         return;
@@ -177,11 +180,11 @@ static int OnCatchUpTimer(Task *pTask, uint32_t, uint32_t nNow, uint32_t)
     return -1;
 }
 
-void SendStartBurst(Session *pSession, uint32_t nBlocks)
+void SendStartBurst(Session *pSession, uint32_t nBlocks, uint32_t nBytes)
 {
     if (!g_settings.bStandardPlayers)
         return;
-    PaceStart(pSession, nBlocks);
+    PaceStart(pSession, nBlocks, nBytes);
     if (nBlocks == 0 || pSession->out.bInterleaved || (pSession->nFlags & SESSION_CATCHES_UP))
         return;
     pSession->nFlags |= SESSION_CATCHES_UP;
