@@ -78,7 +78,7 @@ Session *CreateSession(Port *pPort)
         return nullptr;
     BlockListInit(&pSession->out.Outq, pSession);
     pSession->nHandle = NextHandle();
-    pSession->peer.tLastActivity = ClockUptime();
+    pSession->peer.tLastActivity = pSession->peer.tLastRequest = ClockUptime();
     pSession->peer.tStart = static_cast<uint32_t>(time(nullptr));
     if (g_settings.bRtcp)
         pSession->nFlags |= SESSION_RTCP;

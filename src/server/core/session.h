@@ -66,6 +66,7 @@ struct SessionPeer {
     char *szCookie = nullptr;    // x-sessioncookie of a waiting half, owned
     uint32_t tStart = 0;         // wall clock at creation, seconds
     uint32_t tLastActivity = 0;  // uptime in seconds at the last receive
+    uint32_t tLastRequest = 0;   // the same at the last request that was whole, or at creation
     uint32_t nReceived = 0;      // bytes since creation; 0: nothing ever came
 };
 
@@ -84,9 +85,9 @@ struct SessionFlow {
     uint32_t nBlockedSends = 0;  // sends in a row that would have blocked
     int fdBlocked = -1;          // the socket that the delayed send is for
     uint32_t nStartBlocks = 0;   // media queued at once by a start; 0 when the queue has drained since
-    uint32_t nCatchUpMs = 0;     // media ms of it that may have left over UDP
     uint32_t nStartBytes = 0;    // of them
     uint32_t nAfterStart = 0;    // bytes of media queued since
+    uint32_t nCatchUpMs = 0;     // media ms of it that may have left over UDP
     uint32_t nCatchUpClock = 0;  // ClockMs when that was last raised
     uint32_t tLastReport = 0;    // uptime in seconds of the last report cycle
 };

@@ -5,6 +5,7 @@
 #include "base/assertion.h"
 #include "base/bytes.h"
 #include "base/console.h"
+#include "runtime/clock.h"
 #include "server/core/program.h"
 #include "server/media/ingest.h"
 #include "server/media/replies.h"
@@ -165,7 +166,6 @@ static Step ParseHead(Session *pSession, Port *pPort, uint32_t nAt)
     return Step::Taken;
 }
 
-// Checks and notes the request's number. Taken: dispatch it.
 // Decimal digits, of which the lowest 32 bits count. 1, or 0 for any other text.
 static int ParseCSeq(const char *sz, uint32_t *pValue)
 {
@@ -175,6 +175,7 @@ static int ParseCSeq(const char *sz, uint32_t *pValue)
     return p > sz && p[strspn(p, " \t")] == '\0';
 }
 
+// Checks and notes the request's number. Taken: dispatch it.
 static Step CheckCSeq(Session *pSession, Port *pPort)
 {
     const char *szCSeq = RequestHeaderValue(&pPort->request, "CSeq");
@@ -206,9 +207,9 @@ static Step RunHandler(Session *pSession, Port *pPort, uint32_t *pAt)
     RequestReset(&pPort->request);
     if (eVerdict == Verdict::End || pSession->bEnded)
         return EndSession(pSession);
-    if (bPost)
     if (pSession->nFlags & SESSION_TUNNEL_POST)
         return Step::Wait;  // what follows is for the other half
+    if (bPost)
         *pAt = pSession->input.nLen = 0;
     return Step::Taken;
 }
@@ -231,8 +232,10 @@ static Step TakeMessage(Session *pSession, Port *pPort, uint32_t *pAt)
         return EndSession(pSession);
     *pAt = pSession->input.nNext = nBodyAt + nBody;
     Step step = CheckCSeq(pSession, pPort);
-    if (step == Step::Taken)
+    if (step == Step::Taken) {
+        pSession->peer.tLastRequest = ClockUptime();
         return RunHandler(pSession, pPort, pAt);
+    }
     if (step == Step::Gone)
         return step;
     RequestReset(pRequest);
