@@ -78,7 +78,7 @@ Session *CreateSession(Port *pPort)
         return nullptr;
     BlockListInit(&pSession->out.Outq, &pSession->out.queued);
     pSession->nHandle = NextHandle();
-    pSession->peer.tLastActivity = ClockUptime();
+    pSession->peer.tLastActivity = pSession->peer.tLastRequest = ClockUptime();
     pSession->peer.tStart = static_cast<uint32_t>(time(nullptr));
     if (g_settings.bRtcp)
         pSession->nFlags |= SESSION_RTCP;
@@ -188,8 +188,11 @@ int SessionClosePort(Session *pSession, Port *pPort)
     int bIsReply = pPort == pSession->peer.Reply;
     int bIsControl = bIsReply || pPort == pSession->peer.Cmd;
     int bInterleaved = pSession->out.bInterleaved;
+    // nothing more comes from a pusher without it, and nobody would take its place
+    int bPusherGone =
+        g_settings.bStandardPushers && (pSession->nFlags & SESSION_PUSHER) && pPort == pSession->peer.Cmd;
     // a media socket is still named by its track: it goes with the session
-    if (!bIsControl || (bInterleaved && (bIsReply || !pSession->peer.Reply))) {
+    if (!bIsControl || bPusherGone || (bInterleaved && (bIsReply || !pSession->peer.Reply))) {
         SessionEnd(pSession);
         return 1;
     }

@@ -31,6 +31,7 @@ enum : uint32_t {
     SESSION_TUNNEL_GET = 0x8,      // GET half of a tunnel that waits for its POST half
     SESSION_FILE_SENDER = 0x10,    // the file sender task runs
     SESSION_CLOSING = 0x20,        // the delayed close is scheduled
+    SESSION_TUNNEL_POST = 0x40,    // POST half of a tunnel that waits for its GET half
     SESSION_DELAYED_SEND = 0x100,  // a delayed-send timer is armed
     SESSION_CATCHES_UP = 0x200,    // the timer of a start over UDP runs
     SESSION_RTCP = 0x400,          // RTCP reports enabled
@@ -66,9 +67,10 @@ struct SessionTrack : RtpTrack {
 struct SessionPeer {
     Port *Cmd = nullptr;         // connection that requests arrive on; ports are owned by the port map
     Port *Reply = nullptr;       // connection that replies and media go out on, may equal Cmd
-    char *szCookie = nullptr;    // x-sessioncookie of a waiting GET half, owned
+    char *szCookie = nullptr;    // x-sessioncookie of a waiting half, owned
     uint32_t tStart = 0;         // wall clock at creation, seconds
     uint32_t tLastActivity = 0;  // uptime in seconds at the last receive
+    uint32_t tLastRequest = 0;   // the same at the last request that was whole, or at creation
     uint32_t nReceived = 0;      // bytes since creation; 0: nothing ever came
 };
 
@@ -87,7 +89,9 @@ struct SessionFlow {
     uint32_t nBlockedSends = 0;  // sends in a row that would have blocked
     int fdBlocked = -1;          // the socket that the delayed send is for
     uint32_t nStartBlocks = 0;   // media queued at once by a start; 0 when the queue has drained since
-    int64_t nStartBytes = 0;     // of memory, that a start's media takes which still waits
+    uint32_t nStartBytes = 0;    // of them
+    uint32_t nAfterStart = 0;    // bytes of media queued since
+    int64_t nStartHeld = 0;      // memory that those of a start take which still wait
     uint32_t nCatchUpMs = 0;     // media ms of it that may have left over UDP
     uint32_t nCatchUpClock = 0;  // ClockMs when that was last raised
     uint32_t tLastReport = 0;    // uptime in seconds of the last report cycle
@@ -114,7 +118,7 @@ struct SessionViewer {
 // order.
 struct SessionHold {
     const Port *pPort = nullptr;  // that the held request came on; null: none is held
-    int nCSeq = 0;                // the number of its reply
+    uint32_t nCSeq = 0;           // the number of its reply
     uint32_t nDelayMs = 0;        // that it is to wait
     int bStep = 0;                // it waits for the next step only
     int bOver = 0;                // it has waited for a wrong password, and its handler runs again
@@ -127,7 +131,7 @@ struct Session {
     uint32_t nHandle = 0;  // "Session" and "ClientSsId" on the wire: never 0, unique while the program lives
     uint32_t nFlags = 0;   // SESSION_...
     uint32_t nState = STATE_NEW;
-    int nCSeq = 1;             // number of the next reply, or of the next request to this peer
+    uint32_t nCSeq = 1;        // number of the next reply, or of the next request to this peer
     Program *pProg = nullptr;  // counted in its nRefs
     SessionPeer peer;
     SessionInput input;

@@ -1,11 +1,11 @@
 #include "server/front/dispatch.h"
 
-#include <cstdlib>
 #include <cstring>
 
 #include "base/assertion.h"
 #include "base/bytes.h"
 #include "base/console.h"
+#include "runtime/clock.h"
 #include "runtime/slice.h"
 #include "runtime/taskwatch.h"
 #include "server/core/program.h"
@@ -172,6 +172,15 @@ static Step ParseHead(Session *pSession, Port *pPort, uint32_t nAt)
     return Step::Taken;
 }
 
+// Decimal digits, of which the lowest 32 bits count. 1, or 0 for any other text.
+static int ParseCSeq(const char *sz, uint32_t *pValue)
+{
+    const char *p = sz;
+    for (*pValue = 0; *p >= '0' && *p <= '9'; p++)
+        *pValue = *pValue * 10 + static_cast<uint32_t>(*p - '0');
+    return p > sz && p[strspn(p, " \t")] == '\0';
+}
+
 // Checks and notes the request's number. Taken: dispatch it.
 static Step CheckCSeq(Session *pSession, Port *pPort)
 {
@@ -183,13 +192,15 @@ static Step CheckCSeq(Session *pSession, Port *pPort)
         print("no CSeq!!!\r\n");
         return EndSession(pSession);
     }
-    auto nCSeq = static_cast<uint32_t>(strtoul(szCSeq, nullptr, 10));
+    uint32_t nCSeq = 0;
+    if (!ParseCSeq(szCSeq, &nCSeq))
+        return EndSession(pSession);
     if (pSession->input.nReqSeq && nCSeq < pSession->input.nReqSeq) {
         print("CmdSeq(%u) < session->nReqSeq(%u)! Drop it!\r\n", nCSeq, pSession->input.nReqSeq);
         return Step::Drop;
     }
     pSession->input.nReqSeq = nCSeq;
-    pSession->nCSeq = static_cast<int>(nCSeq);
+    pSession->nCSeq = nCSeq;
     return Step::Taken;
 }
 
@@ -214,7 +225,7 @@ static int OnHoldOver(Task *pTask, uint32_t, uint32_t, uint32_t)
     return -1;
 }
 
-static Step HoldRequest(Session *pSession, const Port *pPort, int nCSeq)
+static Step HoldRequest(Session *pSession, const Port *pPort, uint32_t nCSeq)
 {
     pSession->hold.pPort = pPort;
     pSession->hold.nCSeq = nCSeq;
@@ -227,7 +238,7 @@ static Step HoldRequest(Session *pSession, const Port *pPort, int nCSeq)
 static Step RunHandler(Session *pSession, Port *pPort, uint32_t *pAt)
 {
     int bPost = strcasecmp(RequestMethod(&pPort->request), "POST") == 0;
-    int nCSeq = pSession->nCSeq;
+    uint32_t nCSeq = pSession->nCSeq;
     Verdict eVerdict = Dispatch(pSession, pPort, &pPort->request);
     WatchNote("between requests");
     if (eVerdict == Verdict::Later && !pSession->bEnded)
@@ -235,6 +246,8 @@ static Step RunHandler(Session *pSession, Port *pPort, uint32_t *pAt)
     RequestReset(&pPort->request);
     if (eVerdict == Verdict::End || pSession->bEnded || CredentialsExhausted(pSession))
         return EndSession(pSession);
+    if (pSession->nFlags & SESSION_TUNNEL_POST)
+        return Step::Wait;  // what follows is for the other half
     if (bPost)
         *pAt = pSession->input.nLen = 0;
     return Step::Taken;
@@ -258,8 +271,10 @@ static Step TakeMessage(Session *pSession, Port *pPort, uint32_t *pAt)
         return EndSession(pSession);
     *pAt = pSession->input.nNext = nBodyAt + nBody;
     Step step = CheckCSeq(pSession, pPort);
-    if (step == Step::Taken)
+    if (step == Step::Taken) {
+        pSession->peer.tLastRequest = ClockUptime();
         return RunHandler(pSession, pPort, pAt);
+    }
     if (step == Step::Gone)
         return step;
     RequestReset(pRequest);

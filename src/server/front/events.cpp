@@ -14,6 +14,7 @@
 #include "server/core/session.h"
 #include "server/core/settings.h"
 #include "server/front/dispatch.h"
+#include "server/front/limits.h"
 #include "server/media/ingest.h"
 #include "server/media/rtcp.h"
 #include "server/methods/tunnel.h"
@@ -52,6 +53,14 @@ static Session *OpenSession(int fd)
         SockClose(fd);
         return nullptr;
     }
+    char szRemote[kAddrTextSize];
+    sockaddr_in remote{};
+    if (SockGetPeerName(fd, &remote) == 0 && AddressIsFull(&remote)) {
+        SockAddrToString(&remote, szRemote);
+        print("Too many sessions of %s! Refuse to accept new client to connect.\r\n", szRemote);
+        SockClose(fd);
+        return nullptr;
+    }
     Port *pPort = CreateTcpPort(fd);
     if (!pPort)
         return nullptr;
@@ -61,7 +70,7 @@ static Session *OpenSession(int fd)
         PortClose(pPort);
         return nullptr;
     }
-    char szRemote[kAddrTextSize];
+    LimitsWatch();
     SockAddrToString(&pPort->remote, szRemote);
     print("Create session(fd=0x%x) from %s\r\n", fd, szRemote);
     log("Create session(fd=0x%x) from %s", fd, szRemote);
@@ -167,6 +176,13 @@ static int CloseAfterRecv(Session *pSession, Port *pPort, int nResult, int nErro
     return -1;
 }
 
+// Whether a datagram comes from where the session's requests come from.
+static int IsOfPeer(const Session *pSession, const sockaddr_in *pFrom)
+{
+    const Port *pPort = SessionPeerPort(pSession);
+    return pPort && SockGetIp(&pPort->remote) == SockGetIp(pFrom);
+}
+
 // What a port still holds is read later, behind all that waits.
 static int ReadMoreLater(Port *pPort)
 {
@@ -188,6 +204,8 @@ static int ReadUdp(Session *pSession, Port *pPort)
             continue;
         if (n < 0)
             return errno == EAGAIN ? 0 : CloseAfterRecv(pSession, pPort, -1, errno);
+        if (g_settings.bPinMedia && !IsOfPeer(pSession, &from))
+            continue;
         pPort->remote = from;
         NoteReceived(pSession, static_cast<size_t>(n));
         OnDatagram(pSession, pPort, data, static_cast<size_t>(n));
@@ -244,6 +262,8 @@ static int ReadTcp(Session *pSession, Port *pPort)
         if (!TakeInput(pSession, pPort, pRaw, static_cast<size_t>(n)))
             return 0;
         FlushAfterRead(pSession);
+        if (pSession->nFlags & SESSION_TUNNEL_POST)
+            return 0;
         nRead += static_cast<size_t>(n);
         if (pPort->nFlags & PORT_MORE_WAITS)  // the buffer takes no more before it is worked off
             return 0;
@@ -275,7 +295,7 @@ int OnRead(int fd)
         return -1;
     }
     ORX_ASSERT(pPort && pSession, "!port && !session");
-    if (pPort->nFlags & PORT_MORE_WAITS)
+    if ((pPort->nFlags & PORT_MORE_WAITS) || (pSession->nFlags & SESSION_TUNNEL_POST))
         return 0;
     return pPort->nType == PORT_UDP ? ReadUdp(pSession, pPort) : ReadTcp(pSession, pPort);
 }
@@ -297,9 +317,13 @@ static void OnPostedInput(int fd)
 {
     Port *pPort = FindPort(fd);
     Session *pSession = FindSession(fd);
-    // more than the buffer took may wait in the socket, which reports nothing again by itself
-    if (pPort && pSession && HandleInput(pSession, pPort))
-        OnRead(fd);
+    if (!pPort || !pSession)
+        return;
+    if (pSession->nFlags & SESSION_TUNNEL_POST)
+        TunnelPairPost(pSession, pPort);
+    else if (HandleInput(pSession, pPort))
+        OnRead(
+            fd);  // more than the buffer took may wait in the socket, which reports nothing again by itself
 }
 
 static void OnMoreInput(int fd, Port *pPort)
@@ -371,6 +395,7 @@ void EventsInit()
 {
     g_server.events = {PostEvent, OnRead};
     g_nAcceptAgainMs = 0;
+    LimitsInit();
 }
 
 void OnMonitorEvent(void * /*pContext*/, int fd, uint32_t nEvent, uint32_t nGeneration)

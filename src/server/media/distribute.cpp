@@ -39,6 +39,7 @@ static int PushPacket2SessionQueue(Session *pSession, const DataBlock *pBlock)
 {
     if (QueueCopy(pSession, pBlock) < 0)
         return 1;
+    pSession->flow.nAfterStart += pBlock->len;
     unsigned nItems = ListCount(&pSession->out.Outq);
     if (nItems <= kFlushAtOnceAbove && !QueueIsFull(pSession))
         return 1;
@@ -120,13 +121,18 @@ int FillBufferAtFirstPlay(Session *pSession)
         PrintCounts(pProg, pSession);
         return 0;
     }
-    unsigned nQueued = 0;
+    uint32_t nQueued = 0;
+    uint32_t nBytes = 0;
     int64_t nBefore = pSession->out.queued.nBytes;
-    for (; p; p = NextBlock(p))
-        nQueued += QueueCopy(pSession, p) >= 0;
-    pSession->flow.nStartBytes = pSession->out.queued.nBytes - nBefore;
+    for (; p; p = NextBlock(p)) {
+        if (QueueCopy(pSession, p) < 0)
+            continue;
+        nQueued++;
+        nBytes += p->len;
+    }
+    pSession->flow.nStartHeld = pSession->out.queued.nBytes - nBefore;
     PrintCounts(pProg, pSession);
-    SendStartBurst(pSession, nQueued);
+    SendStartBurst(pSession, nQueued, nBytes);
     return nQueued > 0;
 }
 

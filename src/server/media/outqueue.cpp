@@ -76,7 +76,7 @@ static void DropWaiting(Session *pSession, uint32_t nFlags)
         }
         p = pNext;
     }
-    pSession->flow.nStartBytes = 0;
+    pSession->flow.nStartHeld = 0;
 }
 
 void QueueDropAll(Session *pSession)

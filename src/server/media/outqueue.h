@@ -71,7 +71,7 @@ void QueueBefore(Session *pSession, DataBlock *pBlock, DataBlock *pBefore);
 inline int QueueIsFull(const Session *pSession)
 {
     return g_settings.nCacheMegabytes &&
-           pSession->out.queued.nBytes - pSession->flow.nStartBytes > Megabytes(g_settings.nCacheMegabytes);
+           pSession->out.queued.nBytes - pSession->flow.nStartHeld > Megabytes(g_settings.nCacheMegabytes);
 }
 int QueueRelieve(Session *pSession);
 

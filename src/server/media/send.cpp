@@ -69,7 +69,7 @@ static void BlockDone(Session *pSession, DataBlock *pBlock)
 {
     if (pBlock->nFlags & DB_MEDIA) {
         pSession->play.nPlayPos = pBlock->nTimestamp;
-        pSession->flow.nStartBytes -= std::min(pSession->flow.nStartBytes, int64_t{BlockBytes(pBlock)});
+        pSession->flow.nStartHeld -= std::min(pSession->flow.nStartHeld, int64_t{BlockBytes(pBlock)});
         int nTrack = (pSession->nFlags & SESSION_RTCP) ? TrackOfBlock(pSession, pBlock) : -1;
         uint32_t nPrefix = pSession->out.bInterleaved ? kInterleaveBytes : 0;
         if (nTrack >= 0)
@@ -102,10 +102,13 @@ static void OnBlocked(Session *pSession, const Port *pPort, int bPush)
 {
     SessionFlow *pFlow = &pSession->flow;
     if (bPush) {
-        if (!g_settings.bAutoDrop || !pSession->pProg || !pSession->pProg->bLive || pFlow->nStartBlocks > 0)
+        if (!g_settings.bAutoDrop || !pSession->pProg || !pSession->pProg->bLive)
+            return;
+        if (pFlow->nBlockedSends + 1 == kBlockedSends && PaceMayTakeStart(pSession))
             return;
         if (++pFlow->nBlockedSends != kBlockedSends)
             return;
+        pFlow->nStartBlocks = 0;
         QueueDropCrowded(pSession);
         print("SendDataEx(socket=0x%x) blocked count=%u!\r\n", pPort->fd, pFlow->nBlockedSends);
         return;
@@ -179,11 +182,11 @@ static int OnCatchUpTimer(Task *pTask, uint32_t, uint32_t nNow, uint32_t)
     return -1;
 }
 
-void SendStartBurst(Session *pSession, uint32_t nBlocks)
+void SendStartBurst(Session *pSession, uint32_t nBlocks, uint32_t nBytes)
 {
     if (!g_settings.bStandardPlayers)
         return;
-    PaceStart(pSession, nBlocks);
+    PaceStart(pSession, nBlocks, nBytes);
     if (nBlocks == 0 || pSession->out.bInterleaved || (pSession->nFlags & SESSION_CATCHES_UP))
         return;
     pSession->nFlags |= SESSION_CATCHES_UP;

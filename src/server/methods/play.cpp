@@ -136,18 +136,21 @@ static uint32_t FirstMediaTime(Session *pSession)
 }
 
 // Fills a player's queue and writes the reply. Returns the block that the reply goes before: the media that
-// is queued here must not overtake it.
+// is queued here must not overtake it. Standard players get their replies in order.
 static DataBlock *StartLive(Message *pReply, const Request *pRequest)
 {
     Session *pSession = pReply->pSession;
     auto *pOldHead = ListFirstOf<DataBlock>(&pSession->out.Outq);
+    auto *pOldLast = reinterpret_cast<DataBlock *>(pSession->out.Outq.pLast);
     if (!(pSession->nFlags & SESSION_PUSHER))
         FillBufferAtFirstPlay(pSession);
     pSession->play.nPlayStart = pSession->play.nPlayPos = FirstMediaTime(pSession);
     ReplyBegin(pReply, STATUS_OK);
     TextAdd(&pReply->text, "Range: npt=now-\r\n");
     AddPlayLines(pReply, pRequest, 0);
-    return pOldHead ? pOldHead : ListFirstOf<DataBlock>(&pSession->out.Outq);
+    if (!pOldHead)
+        return ListFirstOf<DataBlock>(&pSession->out.Outq);
+    return g_settings.bStandardPlayers ? NextBlock(pOldLast) : pOldHead;
 }
 
 // Standard players jump while a recording plays: PAUSE is no method that OPTIONS tells them of, and so

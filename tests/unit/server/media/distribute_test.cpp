@@ -263,6 +263,9 @@ TEST_F(PlayerQueueTest, StandardPlayersGetTimeForTheStart)
     Push({1500, 0, 0, 1, 1400}, 100);
     ASSERT_EQ(1U, ListCount(&g_server.sessions)) << "not given up";
     EXPECT_GT(Waiting(), 1100U) << "nor robbed";
+    Push({1500, 0, 0, 1, 65000}, 60);
+    ASSERT_EQ(1U, ListCount(&g_server.sessions)) << "one that never takes it";
+    EXPECT_LE(Waiting(), 50U) << "is a crowded player like others";
 }
 
 TEST_F(PlayerQueueTest, CrowdedPlayerLosesMediaAndKeepsReplies)
