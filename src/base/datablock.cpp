@@ -46,17 +46,19 @@ void FreeDataBlock(DataBlock *pBlock)
 }
 
 // nSign 1: the block comes, -1: it goes.
-static void Count(void *pUser, const DataBlock *pBlock, int nSign)
+static inline void Count(void *pUser, const DataBlock *pBlock, int nSign)
 {
     auto *pSum = static_cast<BlockSum *>(pUser);
     if (!pSum)
         return;
-    int64_t nBytes = int64_t{nSign} * BlockBytes(pBlock);
+    int64_t nBytes = nSign * static_cast<int64_t>(BlockBytes(pBlock));
     pSum->nBytes += nBytes;
     if (pSum->pTotal)
         *pSum->pTotal += nBytes;
+    if ((pBlock->nFlags & (DB_MEDIA | DB_KEY)) == DB_MEDIA)
+        return;
     if (pBlock->nFlags & DB_MEDIA) {
-        pSum->nKeys += pBlock->nFlags & DB_KEY ? static_cast<uint32_t>(nSign) : 0;
+        pSum->nKeys += static_cast<uint32_t>(nSign);
         return;
     }
     pSum->nOtherBytes += nBytes;
@@ -81,6 +83,13 @@ int BlockListAppend(List *pList, DataBlock *pBlock)
 {
     Count(pList->pUser, pBlock, 1);
     return ListAppend(pList, pBlock);
+}
+
+void BlockListFree(List *pList, DataBlock *pBlock)
+{
+    ORX_ASSERT(pBlock->node.pList == pList, "p->pList==pList");
+    ListUnlink(pList, &pBlock->node, 0);
+    FreeDataBlockItem(pList->pUser, pBlock);
 }
 
 int BlockListInsert(List *pList, DataBlock *pBlock, DataBlock *pReferer, int bAfter)

@@ -72,11 +72,13 @@ struct BlockSum {
 };
 
 // Readies pList as a queue of blocks that it owns: embedded nodes, blocks freed with FreeDataBlock. What it
-// frees leaves *pSum (null: nobody counts), and what the two operations below enter is added to it. Blocks
-// are taken out by freeing them.
+// frees leaves *pSum (null: nobody counts), and what the operations below enter is added to it. Blocks are
+// taken out by freeing them.
 void BlockListInit(List *pList, BlockSum *pSum);
 // As ListAppend and ListInsert.
 int BlockListAppend(List *pList, DataBlock *pBlock);
 int BlockListInsert(List *pList, DataBlock *pBlock, DataBlock *pReferer, int bAfter);
+// As ListRemove with freeing.
+void BlockListFree(List *pList, DataBlock *pBlock);
 
 }  // namespace orx

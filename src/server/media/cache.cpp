@@ -25,7 +25,7 @@ static void FreeUncached(Program *pProg, DataBlock *pFrom, const DataBlock *pUnt
 {
     while (pFrom != pUntil) {
         DataBlock *pNext = NextBlock(pFrom);
-        ListRemove(&pProg->cache.Pktq, pFrom, 1);
+        BlockListFree(&pProg->cache.Pktq, pFrom);
         pFrom = pNext;
     }
 }
@@ -74,7 +74,7 @@ static void KeepKeyFrames(Program *pProg, DataBlock *pFrom, DataBlock *pKey)
             nKeptTime = pFrom->nTimestamp;
             pProg->cache.nKeptKeys++;
         } else if (!bVideo || !bKept || pFrom->nTimestamp != nKeptTime) {
-            ListRemove(&pProg->cache.Pktq, pFrom, 1);
+            BlockListFree(&pProg->cache.Pktq, pFrom);
         }
         pFrom = pNext;
     }
@@ -148,7 +148,7 @@ static void FreeFirst(PacketCache *pCache)
         pCache->pCacheCursor = nullptr;
     else if (pCache->pCacheCursor && StartsGroup(pFirst))
         pCache->nKeptKeys--;
-    ListRemove(&pCache->Pktq, pFirst, 1);
+    BlockListFree(&pCache->Pktq, pFirst);
 }
 
 // Frees the oldest group; of the last one its oldest packet. The cache holds more than one.

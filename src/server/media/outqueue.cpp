@@ -72,7 +72,7 @@ static void DropWaiting(Session *pSession, uint32_t nFlags)
         DataBlock *pNext = NextBlock(p);
         if (p->sent == 0 && (p->nFlags & nFlags) == nFlags) {
             GiveNumberBack(pSession, p);
-            ListRemove(&pSession->out.Outq, p, 1);
+            BlockListFree(&pSession->out.Outq, p);
         }
         p = pNext;
     }
@@ -93,7 +93,7 @@ void QueueDropCrowded(Session *pSession)
 {
     auto *pHead = ListFirstOf<DataBlock>(&pSession->out.Outq);
     if (pHead && pHead->sent == 0)
-        ListRemove(&pSession->out.Outq, pHead, 1);
+        BlockListFree(&pSession->out.Outq, pHead);
     QueueDropMedia(pSession);
 }
 

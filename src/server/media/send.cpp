@@ -75,7 +75,7 @@ static void BlockDone(Session *pSession, DataBlock *pBlock)
         if (nTrack >= 0)
             RtcpNotePacketSent(pSession, nTrack, BlockData(pBlock) + nPrefix, pBlock->len - nPrefix, pBlock);
     }
-    ListRemove(&pSession->out.Outq, pBlock, 1);
+    BlockListFree(&pSession->out.Outq, pBlock);
 }
 
 static int OnSessionDelaySendTimer(Task *pTask, uint32_t, uint32_t, uint32_t)
