@@ -8,6 +8,7 @@
 #include "base/assertion.h"
 #include "base/console.h"
 #include "runtime/clock.h"
+#include "runtime/slice.h"
 #include "runtime/sockutil.h"
 #include "server/core/program.h"
 #include "server/core/registry.h"
@@ -258,6 +259,7 @@ static int ReadTcp(Session *pSession, Port *pPort)
     char *pRaw = nullptr;
     ssize_t n = 0;
     size_t nRead = 0;
+    Slice slice = SliceBegin();
     while (!pSession->hold.pPort && (n = Receive(pSession, pPort, text, sizeof(text), &pRaw)) > 0) {
         if (!TakeInput(pSession, pPort, pRaw, static_cast<size_t>(n)))
             return 0;
@@ -267,7 +269,7 @@ static int ReadTcp(Session *pSession, Port *pPort)
         nRead += static_cast<size_t>(n);
         if (pPort->nFlags & PORT_MORE_WAITS)  // the buffer takes no more before it is worked off
             return 0;
-        if (nRead >= kBytesPerEvent)
+        if (nRead >= kBytesPerEvent || SliceOver(&slice, kSliceLook))
             return ReadMoreLater(pPort);
     }
     if (pSession->hold.pPort)  // the rest is read when its answer has gone
@@ -326,16 +328,23 @@ static void OnPostedInput(int fd)
             fd);  // more than the buffer took may wait in the socket, which reports nothing again by itself
 }
 
+// Goes on with what the buffer holds, or else with the socket: both in one task would take too long.
 static void OnMoreInput(int fd, Port *pPort)
 {
     if (!pPort)
         return;
     pPort->nFlags &= static_cast<uint16_t>(~PORT_MORE_WAITS);
     Session *pSession = FindSession(fd);
-    if (pSession && pPort->nType == PORT_TCP && pSession->input.nLen > 0) {
-        if (!HandleInput(pSession, pPort))
+    if (pSession && pPort->nType == PORT_TCP && !(pSession->nFlags & SESSION_TUNNEL_POST)) {
+        uint32_t nHeld = pSession->input.nLen;
+        if (nHeld > 0 && !HandleInput(pSession, pPort))
             return;
-        FlushAfterRead(pSession);
+        if (pSession->input.nLen < nHeld) {
+            FlushAfterRead(pSession);
+            if (!(pPort->nFlags & PORT_MORE_WAITS))
+                ReadMoreLater(pPort);
+            return;
+        }
     }
     OnRead(fd);
 }

@@ -63,7 +63,7 @@ static int CreateScheduler()
 {
     if (!SchedulerCreate(&g_server.scheduler))
         return 0;
-    SchedulerSetAfterProc(&g_server.scheduler, FreeRetired);
+    SchedulerSetAfterProc(&g_server.scheduler, FreeRetiredSlice);
     return 1;
 }
 
