@@ -27,6 +27,9 @@
 
 namespace orx {
 
+// Some methods read files: whoever sends many of them at once lets others in between.
+constexpr int kMessagesPerCall = 32;
+
 // What became of the bytes at the cursor.
 enum class Step {
     Taken,  // consumed, go on behind them
@@ -254,10 +257,16 @@ static void ForgetOtherPort(const Session *pSession, const Port *pPort)
 int HandleInput(Session *pSession, Port *pPort)
 {
     uint32_t nAt = 0;
+    int nMessages = 0;
     ForgetOtherPort(pSession, pPort);
     while (nAt < pSession->input.nLen) {
-        Step step =
-            pSession->input.pBuf[nAt] == '$' ? TakeFrame(pSession, &nAt) : TakeMessage(pSession, pPort, &nAt);
+        if (nMessages == kMessagesPerCall) {
+            PortReadLater(pPort);
+            break;
+        }
+        int bFrame = pSession->input.pBuf[nAt] == '$';
+        Step step = bFrame ? TakeFrame(pSession, &nAt) : TakeMessage(pSession, pPort, &nAt);
+        nMessages += !bFrame;
         if (step == Step::Gone)
             return 0;
         if (step == Step::Wait)
