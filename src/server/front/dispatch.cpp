@@ -30,6 +30,9 @@
 
 namespace orx {
 
+// Some methods read files: whoever sends many of them at once lets others in between.
+constexpr int kMessagesPerCall = 32;
+
 // What became of the bytes at the cursor.
 enum class Step {
     Taken,  // consumed, go on behind them
@@ -296,30 +299,28 @@ static uint32_t WorkOf(const Session *pSession, int bFrame)
     return !bFrame ? kSliceLook : pSession->pProg ? 2 + ListCount(&pSession->pProg->players) : 1;
 }
 
-// What the buffer still holds is handled behind all that waits.
-static void GoOnLater(Port *pPort)
-{
-    if (!(pPort->nFlags & PORT_MORE_WAITS))
-        PortPostEvent(pPort, EVENT_MORE_INPUT, 1);
-    pPort->nFlags |= PORT_MORE_WAITS;
-}
-
 int HandleInput(Session *pSession, Port *pPort)
 {
     if (pSession->hold.pPort)
         return 1;
     uint32_t nAt = 0;
+    int nMessages = 0;
     Slice slice = SliceBegin();
     ForgetOtherPort(pSession, pPort);
     while (nAt < pSession->input.nLen) {
+        if (nMessages == kMessagesPerCall) {
+            PortReadLater(pPort);
+            break;
+        }
         int bFrame = pSession->input.pBuf[nAt] == '$';
         Step step = bFrame ? TakeFrame(pSession, &nAt) : TakeMessage(pSession, pPort, &nAt);
+        nMessages += !bFrame;
         if (step == Step::Gone)
             return 0;
         if (step == Step::Wait)
             break;
         if (SliceOver(&slice, WorkOf(pSession, bFrame)) && nAt < pSession->input.nLen) {
-            GoOnLater(pPort);
+            PortReadLater(pPort);
             break;
         }
     }

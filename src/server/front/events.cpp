@@ -30,7 +30,7 @@ static int g_nAcceptAgainMs = 0;  // a further look for connections is scheduled
 static constexpr size_t kBytesPerEvent = 65536;
 static constexpr int kDatagramsPerEvent = 64;
 static constexpr int kAcceptsPerEvent = 64;
-static constexpr int kMoreDelayMs = 1;  // not 0, which would go in front of everybody
+static constexpr int kMoreDelayMs = 1;
 
 // Seconds; more than that is a clock that was set, not silence.
 static constexpr uint32_t kLongestSilence = 1000;
@@ -184,14 +184,6 @@ static int IsOfPeer(const Session *pSession, const sockaddr_in *pFrom)
     return pPort && SockGetIp(&pPort->remote) == SockGetIp(pFrom);
 }
 
-// What a port still holds is read later, behind all that waits.
-static int ReadMoreLater(Port *pPort)
-{
-    pPort->nFlags |= PORT_MORE_WAITS;
-    PortPostEvent(pPort, EVENT_MORE_INPUT, kMoreDelayMs);
-    return 0;
-}
-
 // Reads the datagrams of a media socket. They never mix with the text of the control connection: each is a
 // sign of life, is looked at by itself, and is gone. An empty one, sent to open a NAT, is as good as any.
 static int ReadUdp(Session *pSession, Port *pPort)
@@ -211,7 +203,8 @@ static int ReadUdp(Session *pSession, Port *pPort)
         NoteReceived(pSession, static_cast<size_t>(n));
         OnDatagram(pSession, pPort, data, static_cast<size_t>(n));
     }
-    return ReadMoreLater(pPort);
+    PortReadLater(pPort);
+    return 0;
 }
 
 // Takes what was received into the buffer and parses it. 0 when the session is gone.
@@ -253,6 +246,13 @@ static int MayBeSilent(const Session *pSession)
     return (pSession->nFlags & SESSION_PUSHER) && pSession->pProg && pSession->pProg->sleep.bSleeping;
 }
 
+// What comes is left where it is: until the port's turn comes again, or until the other half of a tunnel
+// comes.
+static int MayNotRead(const Session *pSession, const Port *pPort)
+{
+    return (pPort->nFlags & PORT_MORE_WAITS) || (pSession->nFlags & SESSION_TUNNEL_POST);
+}
+
 static int ReadTcp(Session *pSession, Port *pPort)
 {
     char text[2048];
@@ -264,13 +264,11 @@ static int ReadTcp(Session *pSession, Port *pPort)
         if (!TakeInput(pSession, pPort, pRaw, static_cast<size_t>(n)))
             return 0;
         FlushAfterRead(pSession);
-        if (pSession->nFlags & SESSION_TUNNEL_POST)
-            return 0;
         nRead += static_cast<size_t>(n);
-        if (pPort->nFlags & PORT_MORE_WAITS)  // the buffer takes no more before it is worked off
-            return 0;
         if (nRead >= kBytesPerEvent || SliceOver(&slice, kSliceLook))
-            return ReadMoreLater(pPort);
+            PortReadLater(pPort);
+        if (MayNotRead(pSession, pPort))
+            return 0;
     }
     if (pSession->hold.pPort)  // the rest is read when its answer has gone
         return 0;
@@ -297,7 +295,7 @@ int OnRead(int fd)
         return -1;
     }
     ORX_ASSERT(pPort && pSession, "!port && !session");
-    if ((pPort->nFlags & PORT_MORE_WAITS) || (pSession->nFlags & SESSION_TUNNEL_POST))
+    if (MayNotRead(pSession, pPort))
         return 0;
     return pPort->nType == PORT_UDP ? ReadUdp(pSession, pPort) : ReadTcp(pSession, pPort);
 }
@@ -323,9 +321,8 @@ static void OnPostedInput(int fd)
         return;
     if (pSession->nFlags & SESSION_TUNNEL_POST)
         TunnelPairPost(pSession, pPort);
-    else if (HandleInput(pSession, pPort))
-        OnRead(
-            fd);  // more than the buffer took may wait in the socket, which reports nothing again by itself
+    else if (HandleInput(pSession, pPort))  // more than the buffer took may wait, and is not reported again
+        OnRead(fd);
 }
 
 // Goes on with what the buffer holds, or else with the socket: both in one task would take too long.
@@ -341,8 +338,7 @@ static void OnMoreInput(int fd, Port *pPort)
             return;
         if (pSession->input.nLen < nHeld) {
             FlushAfterRead(pSession);
-            if (!(pPort->nFlags & PORT_MORE_WAITS))
-                ReadMoreLater(pPort);
+            PortReadLater(pPort);
             return;
         }
     }
