@@ -131,6 +131,14 @@ void PortPostEvent(const Port *pPort, uint32_t nEvent, uint32_t nDelayMs)
     g_server.events.pfnPost(pPort->fd, pPort->nGeneration, nEvent, nDelayMs);
 }
 
+void PortReadLater(Port *pPort)
+{
+    if (pPort->nFlags & PORT_MORE_WAITS)
+        return;
+    pPort->nFlags |= PORT_MORE_WAITS;
+    PortPostEvent(pPort, EVENT_MORE_INPUT, 1);  // not 0, which would go in front of everybody
+}
+
 int PortReadNow(const Port *pPort)
 {
     return g_server.events.pfnRead(pPort->fd);

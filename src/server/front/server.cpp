@@ -63,7 +63,7 @@ static int CreateScheduler()
 {
     if (!SchedulerCreate(&g_server.scheduler))
         return 0;
-    SchedulerSetAfterProc(&g_server.scheduler, FreeRetired);
+    SchedulerSetAfterProc(&g_server.scheduler, FreeRetiredSlice);
     return 1;
 }
 
@@ -144,6 +144,7 @@ void ServerStop()
     ProgramEndAll();
     AvlDestroy(&g_server.portMap);
     AvlDestroy(&g_server.sessionMap);
+    AvlDestroy(&g_server.handleMap);
     FreeRetired();
     PortMgrFree(g_server.pPortMgr);
     delete g_server.pPortMgr;

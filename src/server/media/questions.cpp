@@ -30,7 +30,7 @@ static Waiting CountWaiting(Session *pPusher, const Session *pAsker)
         if (!(p->nFlags & DB_QUESTION) || p->nSerial != pAsker->nHandle)
             continue;
         if (p->sent == 0 && IsOver(p->nTimestamp)) {
-            ListRemove(&pPusher->out.Outq, p, 1);
+            BlockListFree(&pPusher->out.Outq, p);
             continue;
         }
         waiting.nCount++;

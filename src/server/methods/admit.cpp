@@ -46,13 +46,14 @@ static int NamesProgram(const char *szPath, const Program *pProg)
            strcmp(szRest, "-s1") == 0;
 }
 
-// Makes a program of a recording and the session's buffer for it; null when either fails.
-static Program *OpenFileProgram(Session *pSession, const char *szPath)
+// Makes a program of a recording and the session's buffer for it; null when either fails, or with *pbMore 1
+// takes another step.
+static Program *OpenFileProgram(Session *pSession, const char *szPath, int *pbMore)
 {
     size_t nPath = strlen(szPath);
     if (nPath < 6 || strcasecmp(szPath + nPath - 4, ".zmf") != 0)
         return nullptr;
-    Program *pProg = CreateFileProgram(szPath);
+    Program *pProg = CreateFileProgram(szPath, pbMore);
     if (!pProg)
         return nullptr;
     if (!pSession->out.pScratch)
@@ -72,16 +73,19 @@ Program *FindProgram(Session *pSession, const char *szPath)
     return pSession->pProg ? pSession->pProg : ProgramFindWithSubstream(szPath);
 }
 
-int AttachFound(Session *pSession, Port *pPort, Program *pFound, const char *szPath)
+Verdict AttachFound(Session *pSession, Port *pPort, Program *pFound, const char *szPath)
 {
-    Program *pProg = pFound ? pFound : OpenFileProgram(pSession, szPath);
+    int bMore = 0;
+    Program *pProg = pFound ? pFound : OpenFileProgram(pSession, szPath, &bMore);
+    if (bMore)
+        return SessionNextStep(pSession);
     if (!pProg) {
         ReplyStatus(pSession, pPort, STATUS_NOT_FOUND);
-        return 0;
+        return Verdict::End;
     }
     ProgramAttach(pSession, pProg);
     ProgramWake(pProg);
-    return 1;
+    return Verdict::Keep;
 }
 
 AccountsAt::AccountsAt(const Program *pFound, const char *szPath)
@@ -147,6 +151,11 @@ static Admission AdmitUnasked(const CredentialCheck *pCheck, Port *pPort, Checke
     return ADMITTED;
 }
 
+static Admission NotAttached(Verdict eVerdict)
+{
+    return eVerdict == Verdict::Later ? POSTPONED : ENDED;
+}
+
 // StrictRoles: nothing is opened, woken or told before the password is right. On the box itself a program is
 // held for RECORDEX, which needs none there.
 static Admission CheckAndEnter(Session *pSession, Port *pPort, const Request *pRequest)
@@ -163,8 +172,9 @@ static Admission CheckAndEnter(Session *pSession, Port *pPort, const Request *pR
     pSession->viewer.bChallenged |= eResult == CHALLENGED || eResult == REFUSED;
     if (eResult != ADMITTED)
         return eResult;
-    if (!AttachFound(pSession, pPort, pFound, szPath))
-        return ENDED;
+    Verdict eAttached = AttachFound(pSession, pPort, pFound, szPath);
+    if (eAttached != Verdict::Keep)
+        return NotAttached(eAttached);
     ViewerSet(pSession, &user);
     return ADMITTED;
 }
@@ -172,8 +182,9 @@ static Admission CheckAndEnter(Session *pSession, Port *pPort, const Request *pR
 static Admission EnterAndCheck(Session *pSession, Port *pPort, const Request *pRequest)
 {
     const char *szPath = RequestPath(pRequest);
-    if (!AttachFound(pSession, pPort, FindProgram(pSession, szPath), szPath))
-        return ENDED;
+    Verdict eAttached = AttachFound(pSession, pPort, FindProgram(pSession, szPath), szPath);
+    if (eAttached != Verdict::Keep)
+        return NotAttached(eAttached);
     if (g_settings.nAuthType == AUTH_NONE) {
         pSession->viewer.nUserLevel = 0;
         return ADMITTED;

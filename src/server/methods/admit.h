@@ -14,9 +14,9 @@ int ChooseReplyPort(Session *pSession, Port *pPort);
 // one. Null: at most a recording has that path.
 Program *FindProgram(Session *pSession, const char *szPath);
 
-// Attaches to the program found, which is woken, or to a recording, which is opened. When there is none it
-// answers 404 and returns 0.
-int AttachFound(Session *pSession, Port *pPort, Program *pFound, const char *szPath);
+// Attaches to the program found, which is woken, or to a recording, which is opened. Verdict::Keep when it
+// has; Verdict::End when there is none, with the 404 sent; Verdict::Later when opening it takes another step.
+Verdict AttachFound(Session *pSession, Port *pPort, Program *pFound, const char *szPath);
 
 // Whose accounts count at a path: those of the program found there, else those of a recording of that name,
 // whether there is one or not.

@@ -57,8 +57,9 @@ Verdict HandleSubscribe(Session *pSession, Port *pPort, Request *pRequest)
     int bStrict = g_settings.bStrictRoles;  // then nothing is opened, woken or told before the token is right
     if (bStrict && !TokenIsRight(&check, pPort, &user, &eRefusal))
         return eRefusal;
-    if (!AttachFound(pSession, pPort, pFound, szPath))
-        return Verdict::End;
+    Verdict eAttached = AttachFound(pSession, pPort, pFound, szPath);
+    if (eAttached != Verdict::Keep)
+        return eAttached;
     const Program *pProg = pSession->pProg;
     if (pProg->desc.nDataTrack < 0)
         return Refuse(pSession, pPort, STATUS_WRONG_STATE);
