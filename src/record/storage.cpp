@@ -12,6 +12,7 @@
 
 #include "base/assertion.h"
 #include "base/console.h"
+#include "base/printable.h"
 #include "base/textbuf.h"
 #include "record/zmfile.h"
 
@@ -133,7 +134,7 @@ int IsEnoughFreeDiskSpace(const char *szPath, uint32_t nMB)
     }
     struct statvfs info {};
     if (statvfs(szPath, &info) != 0 || info.f_blocks == 0) {
-        print("statvfs(%s) failed!\r\n", szPath);
+        print("statvfs(%s) failed!\r\n", PrintableText(szPath).sz);
         return -1;
     }
     uint64_t nBlockBytes = info.f_frsize ? info.f_frsize : info.f_bsize;  // the unit that f_bavail counts in
@@ -218,7 +219,7 @@ int StorageFindOldestDay(char *szDay, size_t nSize, const char *szProgramDir, co
         return 0;
     DirReader dir(szDir);
     if (!dir.pDir) {
-        print("opendir(%s) failed!\n", szDir);
+        print("opendir(%s) failed!\n", PrintableText(szDir).sz);
         return 0;
     }
     char szOldest[kDayNameLen + 1] = "";
@@ -230,7 +231,7 @@ int StorageFindOldestDay(char *szDay, size_t nSize, const char *szProgramDir, co
     }
     if (!*szOldest || !JoinPath(szDay, nSize, szDir, szOldest))
         return 0;
-    print("The oldest path is %s.\n", szDay);
+    print("The oldest path is %s.\n", PrintableText(szDay).sz);
     return 1;
 }
 
@@ -244,7 +245,7 @@ static int FindOldestFile(char *szFile, size_t nSize, const char *szDir, int bOn
 {
     DirReader dir(szDir);
     if (!dir.pDir) {
-        print("opendir(%s) failed!\n", szDir);
+        print("opendir(%s) failed!\n", PrintableText(szDir).sz);
         return 0;
     }
     timespec oldest{};
@@ -271,10 +272,10 @@ int StorageDeleteOldestFile(const char *szDir, int bOnlyScheduled)
         return 0;
     }
     if (unlink(szFile) != 0) {
-        print("Remove the oldest file (%s) failed!\n", szFile);
+        print("Remove the oldest file (%s) failed!\n", PrintableText(szFile).sz);
         return 0;
     }
-    print("The oldest file (%s) is removed.\n", szFile);
+    print("The oldest file (%s) is removed.\n", PrintableText(szFile).sz);
     rmdir(szDir);  // goes only when empty, and so never while a file in it is being written
     return 1;
 }

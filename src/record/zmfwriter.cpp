@@ -9,6 +9,7 @@
 
 #include "base/assertion.h"
 #include "base/console.h"
+#include "base/printable.h"
 #include "base/textbuf.h"
 #include "record/sdpscan.h"
 #include "runtime/clock.h"
@@ -175,9 +176,9 @@ void ZMFWriterStop(ZMFWriter *pWriter)
     if (!RecordFileIsOpen(pFile))
         return;
     if (pFile->uDataBeginOffset != 0 && FlushAudio(pWriter) < 1)
-        print("ZMFWriterStop(%s): the last audio is lost!\r\n", pFile->szFile);
+        print("ZMFWriterStop(%s): the last audio is lost!\r\n", PrintableText(pFile->szFile).sz);
     if (!RecordFileClose(pFile))
-        print("ZMFWriterStop(%s): write error!\r\n", pFile->szFile);
+        print("ZMFWriterStop(%s): write error!\r\n", PrintableText(pFile->szFile).sz);
     pWriter->nAudioDataBytes = 0;
 }
 

@@ -5,6 +5,7 @@
 #include <new>
 
 #include "base/textbuf.h"
+#include "server/core/settings.h"
 
 namespace orx {
 
@@ -83,7 +84,13 @@ static int HexValue(char c)
     return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
 }
 
-// Stores the URI with its percent escapes decoded. 0 when it is empty or too long.
+// No name of a program holds one: names are printed, logged, and become those of files.
+static int IsControl(char c)
+{
+    return static_cast<unsigned char>(c) < ' ' || c == 127;
+}
+
+// Stores the URI with its percent escapes decoded. 0 when it is empty, too long, or not printable.
 static int SetUri(Str *pUri, Span span)
 {
     char szUri[kMaxUri + 1];
@@ -94,7 +101,7 @@ static int SetUri(Str *pUri, Span span)
             c = static_cast<char>(HexValue(span.p[0]) << 4 | HexValue(span.p[1]));
             span.p += 2;
         }
-        if (nLen == kMaxUri)
+        if (nLen == kMaxUri || (IsControl(c) && g_settings.bSurvivePeerFaults))
             return 0;
         szUri[nLen++] = c;
     }

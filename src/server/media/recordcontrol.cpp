@@ -4,6 +4,7 @@
 
 #include "base/assertion.h"
 #include "base/console.h"
+#include "base/printable.h"
 #include "base/textbuf.h"
 #include "base/textnumber.h"
 #include "record/zmfwriter.h"
@@ -63,7 +64,7 @@ void StopRecord(Program *pProg)
         char szFile[kStoragePathSize] = "";
         ZMFWriterFileName(pProg->recorders[i], szFile, sizeof(szFile));
         DropRecorder(pProg, i);
-        print("StopRecord(%s)\r\n", szFile);
+        print("StopRecord(%s)\r\n", PrintableText(szFile).sz);
         return;
     }
 }
