@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "base/configfile.h"
 #include "base/console.h"
 #include "base/filewrite.h"
 #include "base/inifile.h"
@@ -134,7 +135,8 @@ Verdict HandleGetWifiRouters(Session *pSession, Port *pPort, Request *)
 {
     static constexpr char kNothing[] = "NULL\r\n\r\n";
     char device[64] = "";
-    read_profile_string("WIFI", "DevName", device, sizeof(device), "", g_settings.szConfigPath);
+    ConfigFile config(g_settings.szConfigPath);
+    ConfigGetStr(&config, "WIFI", "DevName", device, sizeof(device), "");
     if (!device[0])
         print("GetWifiRouters() DevName is empty!\n");
     size_t nList = 0;
