@@ -14,6 +14,7 @@
 #include "base/console.h"
 #include "base/printable.h"
 #include "base/textbuf.h"
+#include "record/confine.h"
 #include "record/zmfile.h"
 
 namespace orx {
@@ -180,7 +181,20 @@ int StorageIsInside(const char *szName)
     return 1;
 }
 
-int StorageNextPath(char *szPath, size_t nSize, const char *szRoot, const char *szProgram, int nKind)
+int StorageProgramPath(char *szOut, size_t nSize, const char *szUri)
+{
+    TextBuf path{szOut, nSize};
+    szOut[0] = '\0';
+    for (const char *p = szUri; *p;) {
+        size_t nPart = strcspn(p, "/");
+        if (nPart > 0 && (!TextAdd(&path, "%s", path.nLen > 0 ? "/" : "") || !TextAddBytes(&path, p, nPart)))
+            return 0;
+        p += nPart + (p[nPart] == '/');
+    }
+    return 1;
+}
+
+int StorageNamePath(char *szPath, size_t nSize, const char *szRoot, const char *szProgram, int nKind)
 {
     static const char letters[] = {'S', 'A', 'M'};
     if (nKind < RECORD_SCHEDULED || nKind > RECORD_MANUAL)
@@ -194,7 +208,6 @@ int StorageNextPath(char *szPath, size_t nSize, const char *szRoot, const char *
         if (!TextAdd(&path, "%c%04u%02u%02u", '/', static_cast<unsigned>(now.tm_year + 1900),
                      static_cast<unsigned>(now.tm_mon + 1), static_cast<unsigned>(now.tm_mday)))
             return 0;
-        StorageMakeDir(szPath);
     } else {
         path.nLen = strnlen(szPath, nSize - 1);
     }
@@ -202,6 +215,16 @@ int StorageNextPath(char *szPath, size_t nSize, const char *szRoot, const char *
                  static_cast<unsigned>(now.tm_hour), static_cast<unsigned>(now.tm_min),
                  static_cast<unsigned>(now.tm_sec), kExtension))
         return 0;
+    return 1;
+}
+
+int StorageNextPath(char *szPath, size_t nSize, const char *szRoot, const char *szProgram, int nKind)
+{
+    char szDir[kStoragePathSize];
+    if (!StorageNamePath(szPath, nSize, szRoot, szProgram, nKind))
+        return 0;
+    if (szRoot && *szRoot && szProgram && *szProgram && StorageDirOf(szDir, sizeof(szDir), szPath))
+        StorageMakeDir(szDir);
     unlink(szPath);
     return 1;
 }
@@ -342,17 +365,20 @@ int CheckPathReserveSpace(const char *szRoot, const char *szSubPath, int bDateLa
 }
 
 // Gives one interrupted file its final name or deletes it.
-static void Settle(const char *szFile, int64_t nBytes)
+static void Settle(const char *szFile, int64_t nBytes, int bKeep)
 {
     char szFinal[kStoragePathSize];
+    char szFree[kStoragePathSize];
     TextBuf path{szFinal, sizeof(szFinal)};
-    if (nBytes >= kRecoverMinBytes && TextAddBytes(&path, szFile, strlen(szFile) - strlen(kOpenSuffix)))
-        rename(szFile, szFinal);
-    else
+    if (nBytes < kRecoverMinBytes || !TextAddBytes(&path, szFile, strlen(szFile) - strlen(kOpenSuffix)))
         unlink(szFile);
+    else if (bKeep)
+        ConfineRename(AT_FDCWD, szFile, szFinal, szFree, sizeof(szFree));
+    else
+        rename(szFile, szFinal);
 }
 
-static void RecoverBelow(const char *szDir, int nDepth)
+static void RecoverBelow(const char *szDir, int nDepth, int bKeep)
 {
     DirReader dir(szDir);
     if (!dir.pDir || IsHeld(szDir))
@@ -363,16 +389,16 @@ static void RecoverBelow(const char *szDir, int nDepth)
         if (!JoinPath(szPath, sizeof(szPath), szDir, szName))
             continue;
         if (S_ISDIR(info.st_mode) && szName[0] != '.' && nDepth < kMaxDepth)
-            RecoverBelow(szPath, nDepth + 1);
+            RecoverBelow(szPath, nDepth + 1, bKeep);
         else if (S_ISREG(info.st_mode) && EndsWith(szName, kOpenSuffix))
-            Settle(szPath, info.st_size);
+            Settle(szPath, info.st_size, bKeep);
     }
 }
 
-void StorageRecover(const char *szRoot)
+void StorageRecover(const char *szRoot, int bKeep)
 {
     if (szRoot && *szRoot)
-        RecoverBelow(szRoot, 0);
+        RecoverBelow(szRoot, 0, bKeep);
 }
 
 // Removes a directory with everything in it, following no link.

@@ -48,7 +48,7 @@ static void SeedRandom()
 // What an earlier run left unfinished is settled before the directory is used again.
 static void PrepareStorage()
 {
-    StorageRecover(g_settings.szRecordPath);
+    StorageRecover(g_settings.szRecordPath, g_settings.bConfineRecordings);
     StorageMakeDir(g_settings.szRecordPath);
 }
 
