@@ -84,16 +84,9 @@ static int HexValue(char c)
     return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
 }
 
-// No name of a program holds one: names are printed, logged, and become those of files.
-static int IsControl(char c)
+int UriDecode(std::string_view uri, char *szOut, size_t nSize)
 {
-    return static_cast<unsigned char>(c) < ' ' || c == 127;
-}
-
-// Stores the URI with its percent escapes decoded. 0 when it is empty, too long, or not printable.
-static int SetUri(Str *pUri, Span span)
-{
-    char szUri[kMaxUri + 1];
+    Span span{uri.data(), uri.data() + uri.size()};
     size_t nLen = 0;
     while (span.p < span.pEnd) {
         char c = *span.p++;
@@ -101,11 +94,32 @@ static int SetUri(Str *pUri, Span span)
             c = static_cast<char>(HexValue(span.p[0]) << 4 | HexValue(span.p[1]));
             span.p += 2;
         }
-        if (nLen == kMaxUri || (IsControl(c) && g_settings.bSurvivePeerFaults))
-            return 0;
-        szUri[nLen++] = c;
+        if (nLen == nSize - 1)
+            return -1;
+        szOut[nLen++] = c;
     }
-    return SetText(pUri, {szUri, szUri + nLen});
+    szOut[nLen] = '\0';
+    return static_cast<int>(nLen);
+}
+
+// Whether a URI decodes to a control byte. No name of a program holds one: names are printed, logged, and
+// become those of files.
+static int HoldsControl(const char *szUri, int nLen)
+{
+    for (int i = 0; i < nLen; i++)
+        if (static_cast<unsigned char>(szUri[i]) < ' ' || szUri[i] == 127)
+            return 1;
+    return 0;
+}
+
+// Stores the URI with its percent escapes decoded. 0 when it is empty, too long, or not to be printed.
+static int SetUri(Str *pUri, Span span)
+{
+    char szUri[kMaxUri + 1];
+    int nLen = UriDecode({span.p, span.Size()}, szUri, sizeof(szUri));
+    if (g_settings.bSurvivePeerFaults && HoldsControl(szUri, nLen))
+        return 0;
+    return nLen > 0 && SetText(pUri, {szUri, szUri + nLen});
 }
 
 // METHOD URI PROTOCOL/VERSION. The '/' is looked for behind the URI only, so that a status line is no

@@ -15,7 +15,11 @@ struct Codec;
 struct Program;
 
 // What the handler of a request says about its session once it has replied.
-enum class Verdict { End, Keep };
+enum class Verdict {
+    End,
+    Keep,
+    Later,  // nothing was sent: the handler is called again with the same request (see SessionHold)
+};
 
 inline Verdict KeepIf(int bKeep)
 {
@@ -102,6 +106,16 @@ struct SessionViewer {
     int bAdmitted = 0;  // a DESCRIBE, QUICKPLAY or SUBSCRIBE of the program was answered 200
 };
 
+// An answer that waits, because its address has shown too many wrong passwords. Until then the session reads
+// nothing more, so that what the peer sends on is handled in its order.
+struct SessionHold {
+    const Port *pPort = nullptr;  // that the held request came on; null: none is held
+    int nCSeq = 0;                // the number of its reply
+    uint32_t nDelayMs = 0;        // that it is to wait
+    int bOver = 0;                // it has waited, and its handler runs again
+    int nFailures = 0;            // wrong passwords and tokens of this connection
+};
+
 struct Session {
     ListNode node;         // first: the session list maps an item to itself
     ListNode playerNode;   // second: the same for the program's list of players, in map mode 1
@@ -117,6 +131,7 @@ struct Session {
     SessionFlow flow;
     SessionPlay play;
     SessionViewer viewer;
+    SessionHold hold;
     int bEnded = 0;  // by SessionEnd: in no list, without ports and program
     Retired retired;
 

@@ -6,7 +6,8 @@
 
 namespace orx {
 
-// Works off what the receive buffer holds. Returns 1, or 0 when the session has ended.
+// Works off what the receive buffer holds; nothing while an answer waits. Returns 1, or 0 when the session
+// has ended.
 int HandleInput(Session *pSession, Port *pPort);
 
 }  // namespace orx

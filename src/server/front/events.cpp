@@ -218,12 +218,14 @@ static int ReadTcp(Session *pSession, Port *pPort)
 {
     char text[2048];
     char *pRaw = nullptr;
-    ssize_t n;
-    while ((n = Receive(pSession, pPort, text, sizeof(text), &pRaw)) > 0) {
+    ssize_t n = 0;
+    while (!pSession->hold.pPort && (n = Receive(pSession, pPort, text, sizeof(text), &pRaw)) > 0) {
         if (!TakeInput(pSession, pPort, pRaw, static_cast<size_t>(n)))
             return 0;
         FlushAfterRead(pSession);
     }
+    if (pSession->hold.pPort)  // the rest is read when its answer has gone
+        return 0;
     int nError = errno;
     if (n == 0 || nError != EAGAIN)
         return CloseAfterRecv(pSession, pPort, static_cast<int>(n), n == 0 ? 0 : nError);

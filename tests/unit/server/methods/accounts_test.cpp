@@ -43,13 +43,13 @@ TEST(Accounts, AreFoundInTheCamerasText)
     for (const auto &[bControlUsers, szText, szUser, szPassword, nExpected] : cases) {
         SCOPED_TRACE(std::string(szText ? szText : "none") + szUser);
         g_settings.bControlUsers = bControlUsers;
-        pProg->camera.szAccounts = szText ? strdup(szText) : nullptr;
+        pProg->camera.pAccounts = szText ? AccountTableParse(szText) : nullptr;
         char password[64] = "";
         int nLevel = -1;
         EXPECT_EQ(nExpected >= 0, GetUserAccount(nullptr, "rtsp://box/cam", szUser, password, &nLevel));
         EXPECT_EQ(nExpected, nLevel);
         EXPECT_STREQ(szPassword, password);
-        free(std::exchange(pProg->camera.szAccounts, nullptr));
+        AccountTableFree(std::exchange(pProg->camera.pAccounts, nullptr));
     }
     char password[64] = "";
     EXPECT_EQ(1, GetUserAccount(nullptr, nullptr, "boss", password, nullptr)) << "the first live program";
