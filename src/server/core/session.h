@@ -106,7 +106,8 @@ struct SessionViewer {
     int bAdmitted = 0;  // a DESCRIBE, QUICKPLAY or SUBSCRIBE of the program was answered 200
 };
 
-// An answer that waits, because its address has shown too many wrong passwords. Until then the session reads
+// An answer that waits, because its address has shown too many wrong passwords or what it tells is being
+// found out. Until then the session reads
 // nothing more, so that what the peer sends on is handled in its order.
 struct SessionHold {
     const Port *pPort = nullptr;  // that the held request came on; null: none is held
@@ -114,6 +115,7 @@ struct SessionHold {
     uint32_t nDelayMs = 0;        // that it is to wait
     int bOver = 0;                // it has waited, and its handler runs again
     int nFailures = 0;            // wrong passwords and tokens of this connection
+    uint32_t nScan = 0;           // the scan of wireless networks that answers the held request
 };
 
 struct Session {

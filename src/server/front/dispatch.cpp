@@ -6,6 +6,7 @@
 #include "base/assertion.h"
 #include "base/bytes.h"
 #include "base/console.h"
+#include "runtime/clock.h"
 #include "server/core/program.h"
 #include "server/media/ingest.h"
 #include "server/media/replies.h"
@@ -200,6 +201,7 @@ static int OnHoldOver(Task *pTask, uint32_t, uint32_t, uint32_t)
     pSession->hold.pPort = nullptr;
     pSession->nCSeq = pSession->hold.nCSeq;
     pSession->hold.bOver = 1;
+    pSession->peer.tLastActivity = ClockUptime();  // nothing was read, however long one may be silent
     uint32_t nAt = 0;
     Step step = RunHandler(pSession, pPort, &nAt);
     pSession->hold.bOver = 0;

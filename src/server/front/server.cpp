@@ -23,6 +23,7 @@
 #include "server/methods/attempts.h"
 #include "server/methods/auth.h"
 #include "server/methods/guidstore.h"
+#include "server/methods/wifirouters.h"
 
 namespace orx {
 
@@ -136,6 +137,7 @@ void ServerStop()
     RemoteServicesStop();
     ThreadJoin(&g_server.monitor.thread);  // no more events; its sockets stay while tasks may still use them
     SchedulerDestroy(&g_server.scheduler);
+    WifiRoutersStop();
     RemoteServicesFree();
     MonitorDestroy(&g_server.monitor);
     AvlDestroy(&g_server.programMap);
