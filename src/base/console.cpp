@@ -10,9 +10,12 @@
 
 #include <atomic>
 #include <initializer_list>
+#include <utility>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "base/textbuf.h"
@@ -61,7 +64,8 @@ struct OutputLock {
 // does not take is held, and what there is no room for is counted and said once somebody reads again. Guarded
 // by g_printMutex.
 struct Channel {
-    int fd;
+    const int fdStream;
+    int fd = fdStream;      // owned when it is another one
     char *pHeld = nullptr;  // owned, kHeldBytes; from the first stall on
     size_t nHeld = 0;
     unsigned nLost = 0;  // texts since the last one that was taken
@@ -92,7 +96,9 @@ static size_t WriteNow(int fd, const char *szText, size_t nLen, int nWaitMs)
         ssize_t n = write(fd, szText + nDone, nLen - nDone < kPieceBytes ? nLen - nDone : kPieceBytes);
         if (n > 0)
             nDone += size_t(n);
-        else if (n == 0 || (errno != EINTR && errno != EAGAIN))
+        else if (n < 0 && errno == EAGAIN)
+            return nDone;
+        else if (n == 0 || errno != EINTR)
             return nLen;
     }
     return nDone;
@@ -166,7 +172,7 @@ void ConsoleWriteRaw(const char *szText, size_t nLen)
     if (g_bDaemon.load(std::memory_order_relaxed))
         return;
     int nErrno = errno;  // the interrupted code may be about to look at it
-    WriteNow(STDOUT_FILENO, szText, nLen, 0);
+    WriteNow(g_out.fd, szText, nLen, 0);
     errno = nErrno;
 }
 
@@ -182,6 +188,30 @@ void ConsoleFlush(int bLast)
     for (Channel *pChannel : {&g_out, &g_err})
         if (pChannel->nHeld > 0 || pChannel->nLost > 0)
             Drain(pChannel, bLast ? kLastWordsMs : 0);
+}
+
+// Opens the pipe or terminal behind a stream once more, without blocking. The stream itself is shared with
+// the shell that started us, whose own reads and writes must go on to block. A file must keep its one place.
+static void Unblock(Channel *pChannel)
+{
+    char szPath[32];
+    struct stat info {};
+    TextBuf path{szPath, sizeof(szPath)};
+    TextAdd(&path, "/proc/self/fd/%d", pChannel->fdStream);
+    if (pChannel->fd != pChannel->fdStream)
+        close(std::exchange(pChannel->fd, pChannel->fdStream));
+    if (fstat(pChannel->fdStream, &info) != 0 || (!S_ISFIFO(info.st_mode) && !isatty(pChannel->fdStream)))
+        return;
+    int fd = open(szPath, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd >= 0)
+        pChannel->fd = fd;
+}
+
+void ConsoleUnblock()
+{
+    OutputLock lock(&g_printMutex);
+    Unblock(&g_out);
+    Unblock(&g_err);
 }
 
 void ConsoleSetDaemon(int bDaemon)

@@ -200,8 +200,9 @@ TEST_F(ProcessTest, StartsWithFilesOfAnySize)
     server.Set("SERVER", "LogFile", "1");  // which comes last
     for (int i = 999; i >= 0; i--) {
         const std::string n = std::to_string(i);
-        server.Set("AUSERS", "UserName" + n + "=somebody" + n + "\nUserPwd" + n + "=password of " + n);
+        server.Set("USERS", "UserName" + n + "=somebody" + n + "\nUserPwd" + n + "=password of " + n);
     }
+    server.Set("USERS", "NumUsers", "1000");
     for (const char *szGuard : {"0", "1"}) {
         server.Set("GUARD", "SurvivePeerFaults", szGuard);
         server.Launch({"-daemond"});
@@ -214,6 +215,11 @@ TEST_F(ProcessTest, StartsWithFilesOfAnySize)
     }
     ASSERT_TRUE(WaitFor([&] { return RtspConnect(&player, server.Url("/cam").c_str()) == 1; }));
     EXPECT_TRUE(WaitFor([&] { return ReadFile(server.dir.File("log/orxstate.cur")).starts_with("[MAIN]\nCur"); }));
+    Connect(&player);
+    Send(&player, MakeRequest("GETPLAYLIST", "*", 1, UserHeaders("somebody999", "password of 999")));
+    std::string text;
+    EXPECT_EQ(1, RtspWaitBytes(&player, 8, &text));
+    EXPECT_EQ("PlayList", text);
     server.Signal(SIGTERM);
     EXPECT_EQ(0, server.WaitExit());
 }
