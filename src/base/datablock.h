@@ -55,7 +55,30 @@ DataBlock *MakeDataBlock2(const void *pData, size_t nLen, uint32_t nFlags);
 // Frees a block that is in no list; accepts null.
 void FreeDataBlock(DataBlock *pBlock);
 
-// Readies pList as a queue of blocks that it owns: embedded nodes, blocks freed with FreeDataBlock.
-void BlockListInit(List *pList, void *pContext);
+// What a block takes of the memory: its head, its data, and what comes with every allocation.
+constexpr uint32_t kBlockOverhead = sizeof(DataBlock) + 16;
+inline uint32_t BlockBytes(const DataBlock *pBlock)
+{
+    return kBlockOverhead + pBlock->len;
+}
+
+// What the blocks of a list come to.
+struct BlockSum {
+    int64_t nBytes = 0;         // of memory, of all blocks
+    int64_t nOtherBytes = 0;    // of those that are no media: replies, reports, requests
+    uint32_t nOthers = 0;       // how many those are
+    uint32_t nKeys = 0;         // how many blocks of media start a key frame
+    int64_t *pTotal = nullptr;  // bytes of this list and others together; not owned, may be null
+};
+
+// Readies pList as a queue of blocks that it owns: embedded nodes, blocks freed with FreeDataBlock. What it
+// frees leaves *pSum (null: nobody counts), and what the operations below enter is added to it. Blocks are
+// taken out by freeing them.
+void BlockListInit(List *pList, BlockSum *pSum);
+// As ListAppend and ListInsert.
+int BlockListAppend(List *pList, DataBlock *pBlock);
+int BlockListInsert(List *pList, DataBlock *pBlock, DataBlock *pReferer, int bAfter);
+// As ListRemove with freeing.
+void BlockListFree(List *pList, DataBlock *pBlock);
 
 }  // namespace orx

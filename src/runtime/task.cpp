@@ -8,6 +8,7 @@
 #include "base/assertion.h"
 #include "base/console.h"
 #include "runtime/clock.h"
+#include "runtime/taskwatch.h"
 
 namespace orx {
 
@@ -94,6 +95,8 @@ static void Pause(Scheduler *pScheduler, int32_t nMs)
 static void WaitForDue(Scheduler *pScheduler)
 {
     while (MayWait(pScheduler)) {
+        if (ListCount(&pScheduler->urgent))
+            return;
         const auto *pHead = static_cast<const Task *>(ListFirst(&pScheduler->tasks, 0));
         if (!pHead) {
             Wait(pScheduler, SCHEDULER_IDLE, nullptr);
@@ -107,6 +110,21 @@ static void WaitForDue(Scheduler *pScheduler)
     }
 }
 
+// Calls the task's procedure, under the watch of the builds that have it.
+static int CallTask(Task *pTask, uint32_t nNow, uint32_t nDue, void (*pfnAfter)())
+{
+    TaskWatch watch;
+    TaskProc pfnRun = pTask->pfnRun;
+    if constexpr (kWatchTasks)
+        TaskWatchBegin(&watch);
+    int nNextMs = pfnRun(pTask, nDue - nNow, nNow, nDue);
+    if (pfnAfter)
+        pfnAfter();
+    if constexpr (kWatchTasks)
+        TaskWatchEnd(&watch, reinterpret_cast<void (*)()>(pfnRun));
+    return nNextMs;
+}
+
 // Runs one task, without the mutex. Returns 1 when it will run again.
 static int RunTask(Scheduler *pScheduler, Task *pTask, uint32_t nNow)
 {
@@ -114,9 +132,7 @@ static int RunTask(Scheduler *pScheduler, Task *pTask, uint32_t nNow)
     void (*pfnAfter)() = pScheduler->pfnAfter;
     pScheduler->pRunning = pTask;
     pthread_mutex_unlock(&pScheduler->mutex);
-    int nNextMs = pTask->pfnRun(pTask, nDue - nNow, nNow, nDue);
-    if (pfnAfter)
-        pfnAfter();
+    int nNextMs = CallTask(pTask, nNow, nDue, pfnAfter);
     uint32_t nAfter = ClockMs();
     pthread_mutex_lock(&pScheduler->mutex);
     pScheduler->pRunning = nullptr;
@@ -124,28 +140,57 @@ static int RunTask(Scheduler *pScheduler, Task *pTask, uint32_t nNow)
     if (pScheduler->nCancellers)
         pthread_cond_broadcast(&pScheduler->ran);
     if (nNextMs < 0 || pTask->bCancelled) {
-        ListRemove(&pScheduler->tasks, pTask, 1);
+        ListRemove(pTask->node.pList, pTask, 1);
         return 0;
     }
     // a quarter of its own running time is added, so that a slow task leaves room to others
     pTask->nDue = nAfter + static_cast<uint32_t>(nNextMs) + (nAfter - nNow) / 4;
-    ListRemove(&pScheduler->tasks, pTask, 0);
+    ListRemove(pTask->node.pList, pTask, 0);
     InsertByDue(&pScheduler->tasks, pTask);
     return 1;
 }
 
-// Runs what is due, the head of the list each time anew. Returns 1 when there may be more, 0 when not.
+// The task to run next, or null.
+static Task *NextTask(Scheduler *pScheduler, uint32_t nNow)
+{
+    auto *pTask = static_cast<Task *>(ListFirst(&pScheduler->urgent, 0));
+    if (pTask)
+        return pTask;
+    pTask = static_cast<Task *>(ListFirst(&pScheduler->tasks, 0));
+    return pTask && ClockDiff(pTask->nDue, nNow) <= kEarlyMs ? pTask : nullptr;
+}
+
+// Runs each task that is due at this moment once, whatever is urgent: events that do not end would hold up
+// all timers, and what an event has left for later.
+static void RunDueOnce(Scheduler *pScheduler)
+{
+    uint32_t nNow = ClockMs();
+    unsigned nDue = 0;
+    for (auto *p = ListFirstOf<Task>(&pScheduler->tasks); p && ClockDiff(p->nDue, nNow) <= 0;
+         p = reinterpret_cast<Task *>(p->node.pNext))
+        nDue++;
+    for (; nDue > 0 && !ThreadStopping(&pScheduler->thread); nDue--) {
+        auto *pTask = static_cast<Task *>(ListFirst(&pScheduler->tasks, 0));
+        if (!pTask || ClockDiff(pTask->nDue, nNow) > 0)
+            return;
+        RunTask(pScheduler, pTask, ClockMs());
+    }
+}
+
+// Runs what is due, the next one each time anew. Returns 1 when there may be more, 0 when not.
 static int RunPass(Scheduler *pScheduler)
 {
     for (int i = 0; i < kTasksPerPass && !ThreadStopping(&pScheduler->thread); i++) {
         pScheduler->bUrgent = 0;
-        auto *pTask = static_cast<Task *>(ListFirst(&pScheduler->tasks, 0));
         uint32_t nNow = ClockMs();
-        if (!pTask || ClockDiff(pTask->nDue, nNow) > kEarlyMs)
+        Task *pTask = NextTask(pScheduler, nNow);
+        if (!pTask)
             return 0;
         if (RunTask(pScheduler, pTask, nNow))
             Pause(pScheduler, kTaskPauseMs);
     }
+    if (ListCount(&pScheduler->urgent))
+        RunDueOnce(pScheduler);
     return 1;
 }
 
@@ -179,9 +224,11 @@ static void InitLocks(Scheduler *pScheduler)
 
 int SchedulerCreate(Scheduler *pScheduler)
 {
-    ListInit(&pScheduler->tasks, pScheduler);
-    ListUsedDefMap(&pScheduler->tasks, 0);
-    ListDataProc(&pScheduler->tasks, FreeTaskItem, nullptr);
+    for (List *pList : {&pScheduler->urgent, &pScheduler->tasks}) {
+        ListInit(pList, pScheduler);
+        ListUsedDefMap(pList, 0);
+        ListDataProc(pList, FreeTaskItem, nullptr);
+    }
     pScheduler->eWait = SCHEDULER_AWAKE;
     pScheduler->bUrgent = pScheduler->nCorks = 0;
     pScheduler->pRunning = nullptr;
@@ -204,6 +251,7 @@ void SchedulerDestroy(Scheduler *pScheduler)
         pthread_cond_signal(&pScheduler->wake);
     }
     ThreadJoin(&pScheduler->thread);
+    ListDestroy(&pScheduler->urgent);
     ListDestroy(&pScheduler->tasks);
     pthread_cond_destroy(&pScheduler->ran);
     pthread_cond_destroy(&pScheduler->wake);
@@ -235,7 +283,7 @@ Task *TaskSchedule(Scheduler *pScheduler, TaskProc pfnRun, uint32_t nDelayMs, in
             WakeUp(pScheduler);
         return pTask;
     }
-    ListPrepend(&pScheduler->tasks, pTask);
+    ListPrepend(&pScheduler->urgent, pTask);
     pScheduler->bUrgent = 1;
     if (!pScheduler->nCorks)
         WakeUp(pScheduler);
@@ -254,7 +302,7 @@ void TaskCancel(Task *pTask)
     MutexGuard guard(&pScheduler->mutex);
     ORX_ASSERT(pTask->node.pList, "pTask && pTask->node.pList");
     if (pTask != pScheduler->pRunning) {
-        ListRemove(&pScheduler->tasks, pTask, 1);
+        ListRemove(pTask->node.pList, pTask, 1);
         return;
     }
     pTask->bCancelled = 1;
@@ -276,7 +324,8 @@ void SchedulerSetAfterProc(Scheduler *pScheduler, void (*pfnAfter)())
 unsigned SchedulerTaskCount(Scheduler *pScheduler)
 {
     MutexGuard guard(&pScheduler->mutex);
-    return ListCount(&pScheduler->tasks) - (pScheduler->pRunning && OnSchedulerThread(pScheduler));
+    return ListCount(&pScheduler->urgent) + ListCount(&pScheduler->tasks) -
+           (pScheduler->pRunning && OnSchedulerThread(pScheduler));
 }
 
 void SchedulerCork(Scheduler *pScheduler, int bOn)

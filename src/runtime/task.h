@@ -33,7 +33,8 @@ enum SchedulerWait {
 };
 
 struct Scheduler {
-    List tasks;  // by due time, those with delay 0 in front; owned, guarded by mutex, as is all that follows
+    List urgent;  // tasks with delay 0, newest first; owned, guarded by mutex, as is all that follows
+    List tasks;   // the others by due time; owned
     Thread thread;
     pthread_mutex_t mutex{};
     pthread_cond_t wake{};  // ends the wait that eWait names, also on stop; on the monotonic clock
@@ -55,8 +56,8 @@ int SchedulerCreate(Scheduler *pScheduler);
 // never created. No other thread uses the scheduler any more; not from inside a callback.
 void SchedulerDestroy(Scheduler *pScheduler);
 // Schedules pfnRun in nDelayMs milliseconds, below 2^31; 0 puts it in front of all others and wakes the
-// thread at once. Others run up to 10 ms early. Returns the task, which the scheduler owns; running out of
-// memory is an assertion.
+// thread at once. Others run up to 10 ms early. Where tasks with delay 0 do not end, all others that are due
+// run once after every 49. Returns the task, which the scheduler owns; running out of memory is an assertion.
 Task *TaskSchedule(Scheduler *pScheduler, TaskProc pfnRun, uint32_t nDelayMs, int nParam, void *pArgument);
 // Removes and frees a task that has not ended; its callback does not run any more. When the callback is just
 // running, the task is freed once it has returned, whatever it returns, and a caller on another thread waits

@@ -2,9 +2,11 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstring>
 #include <iterator>
 #include <regex>
 
+#include "system/localserver.h"
 #include "system/systemtest.h"
 
 using namespace orx;
@@ -45,6 +47,83 @@ TEST_F(ConnectionTest, LimitLetsOneMoreIn)
     Connect(&client);
     EXPECT_TRUE(Answers(&client)) << "there is room again";
     EXPECT_EQ(1, CountText(server.Output(), "Exceed the connect-limit!"));
+}
+
+// Those that do nothing count, by their address; of loopback only the addresses that bridges come from.
+TEST_F(ConnectionTest, AddressesAreBounded)
+{
+    server.Set("GUARD", "MaxSessionsPerAddress", "2");
+    StartCamera(CameraSdp());
+    RtspClient clients[8];
+    static const struct {
+        const char *szFrom;
+        bool bIn;
+    } cases[] = {
+        {"127.0.1.5", true}, {"127.0.1.5", true}, {"127.0.1.5", false}, {"127.0.1.6", true},
+        {"127.0.0.1", true}, {"127.0.0.1", true}, {"127.0.0.1", true},
+    };
+    for (const auto &c : cases) {
+        RtspClient *pClient = &clients[&c - cases];
+        pClient->sourceIp = c.szFrom;
+        RtspConnect(pClient, server.Url("/cam").c_str());
+        EXPECT_EQ(c.bIn, Answers(pClient)) << c.szFrom << " " << &c - cases;
+    }
+    EXPECT_TRUE(server.WaitOutput("Too many sessions of 127.0.1.5:"));
+    EXPECT_THAT(Ask(&clients[0], "QUICKPLAY"), kIsOk) << "who plays counts no more";
+    clients[7].sourceIp = "127.0.1.5";
+    ASSERT_EQ(1, RtspConnect(&clients[7], server.Url("/cam").c_str()));
+    EXPECT_TRUE(Answers(&clients[7]));
+}
+
+// Who has set up nothing may be silent for a while, who has set up something for two and a half minutes, and
+// who plays, pushes, subscribes or sleeps for ever. Bytes that make no request are no sign of life.
+TEST(States, EndWhenNothingHappens)
+{
+    LocalServer server(
+        "EnableLowEnergy=1\nLiveTime=120\n[USERS]\nSuperUser=root\nSuperPwd=rootpw\n"
+        "[GUARD]\nStateTimeout=30\n");
+    static const struct {
+        const char *szWho;
+        int nSeconds;  // after which it is closed; 0: never
+        void (*pfnDo)(RtspClient *);
+    } cases[] = {
+        {"one byte", 30, [](RtspClient *p) { Send(p, "O"); }},
+        {"half a request", 30, [](RtspClient *p) { Send(p, "OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n"); }},
+        {"a GET half", 30, [](RtspClient *p) { Send(p, "GET / HTTP/1.0\r\nx-sessioncookie: a\r\n\r\n"); }},
+        {"described", 30, [](RtspClient *p) { EXPECT_EQ(1, RtspDescribe(p)); }},
+        {"announced", 30, [](RtspClient *p) { EXPECT_EQ(1, RtspAnnounce(p, CameraSdp())); }},
+        {"set up", 150, [](RtspClient *p) { EXPECT_TRUE(RtspDescribe(p) && RtspSetup(p, 0, RTSP_OVER_TCP)); }},
+        {"paused", 150,
+         [](RtspClient *p) {
+             EXPECT_THAT(Ask(p, "QUICKPLAY"), kIsOk);
+             EXPECT_THAT(Ask(p, "PAUSE"), kIsOk);
+         }},
+        {"playing", 0, [](RtspClient *p) { EXPECT_THAT(Ask(p, "QUICKPLAY"), kIsOk); }},
+        {"subscribed", 0,
+         [](RtspClient *p) { EXPECT_THAT(Ask(p, "SUBSCRIBE", "", UserHeaders("root", "rootpw")), kIsOk); }},
+    };
+    RtspClient pusher, clients[std::size(cases)];
+    ASSERT_EQ(1, RtspOpenPusher(&pusher, server.Url("/cam").c_str(), CameraSdp(3)));
+    SendPictures(&pusher, 0, 1);
+    for (const auto &c : cases) {
+        RtspClient *pClient = &clients[&c - cases];
+        std::string path = strcmp(c.szWho, "announced") == 0 ? "/other" : "/cam";
+        ASSERT_EQ(1, RtspConnect(pClient, server.Url(path).c_str()));
+        c.pfnDo(pClient);
+    }
+    for (int nSeconds : {25, 40, 80, 120, 160}) {
+        server.MoveClock(static_cast<uint32_t>(nSeconds) * 1000);
+        if (nSeconds < 30)
+            Send(&clients[1], "X");
+        EXPECT_TRUE(Answers(&pusher));
+        for (const auto &c : cases) {
+            RtspClient *pClient = &clients[&c - cases];
+            if (c.nSeconds && nSeconds > c.nSeconds)
+                EXPECT_EQ(1, RtspWaitClosed(pClient)) << c.szWho;
+            else
+                EXPECT_EQ(1, RtspPoll(pClient)) << c.szWho << " at " << nSeconds;
+        }
+    }
 }
 
 // One that says nothing, and one that has got its text and says nothing more, are closed after five seconds;
@@ -170,6 +249,12 @@ TEST_F(ConnectionTest, AnswersWhatItDoesNotKnow)
         {head + "Content-Length: -1\r\n\r\n", ""},
         {head + "Content-Length: 16384\r\n\r\n", ""},
         {"\0\0\0\0\r\n\r\n"s, ""},
+        {"OPTIONS * RTSP/1.0\r\nCSeq: -1\r\n\r\n", ""},
+        {"OPTIONS * RTSP/1.0\r\nCSeq: +1\r\n\r\n", ""},
+        {"OPTIONS * RTSP/1.0\r\nCSeq: 1 2\r\n\r\n", ""},
+        {"OPTIONS * RTSP/1.0\r\nCSeq: x\r\n\r\n", ""},
+        {"OPTIONS * RTSP/1.0\r\nCSeq: 18446744073709551623 \r\n\r\n", OptionsReply(7)},
+        {"OPTIONS * RTSP/1.0\r\nCSeq: 2147483647\r\n\r\n", OptionsReply(2147483647)},
     };
     for (const auto &[text, reply] : cases) {
         Connect(&client);

@@ -1,6 +1,7 @@
 // What a peer's bytes can break: with the guard on it ends that peer's session and nothing else, with the
 // guard off it stops the process.
 #include <csignal>
+#include <cstring>
 
 #include <sys/socket.h>
 
@@ -25,8 +26,10 @@ struct Scene {
     explicit Scene(const char *szGuard)
     {
         server.Set("GUARD", "SurvivePeerFaults", szGuard);
+        server.Set("INTEROP", "StandardPlayers", "1");
         server.Start();
         EXPECT_EQ(1, RtspOpenPusher(&pusher, server.Url("/good").c_str(), CameraSdp()));
+        SendPictures(&pusher, 0, 1);
     }
     void Connect(const char *szPath = "/good") { ASSERT_EQ(1, RtspConnect(&peer, server.Url(szPath).c_str())); }
     // A GET half that waits; what else comes on its connection.
@@ -48,10 +51,12 @@ struct Scene {
         ASSERT_EQ(1, RtspOpenPusher(&peer, server.Url("/faulty").c_str(), sdp));
         Send(&peer, Frame(0, CameraPacket(0, 1, 1, "\x65")));
     }
-    // A tunnel that has lost the half which replies go to.
+    // A tunnel that has lost the half which replies go to, when media is to come over UDP.
     void LoseReplies(const char *szMethod)
     {
         ASSERT_EQ(1, RtspConnectTunnel(&peer, server.Url("/good").c_str()));
+        bool bPlay = strcmp(szMethod, "PLAY") == 0;
+        ASSERT_TRUE(!bPlay || (RtspDescribe(&peer) && RtspSetup(&peer, 0, RTSP_OVER_UDP)));
         ASSERT_TRUE(Answers(&peer));
         int nFreed = CountText(server.Output(), "OnFreePort(");
         shutdown(peer.fd, SHUT_RDWR);
@@ -92,6 +97,7 @@ const struct Fault {
          Send(&p->peer, kPost + "T1BU====");
      }},
     {"OPTIONS on half a tunnel", "session->Reply", [](Scene *p) { p->LoseReplies("OPTIONS"); }},
+    {"PLAY on half a tunnel", "session->Reply", [](Scene *p) { p->LoseReplies("PLAY"); }},
     {"DESCRIBE on half a tunnel", "session->Reply!=((void *)0) && session->Reply!=port",
      [](Scene *p) { p->LoseReplies("DESCRIBE"); }},
     {"SETUP of no track", "", [](Scene *p) { p->Setup("/good", kOverTcp); }, true},

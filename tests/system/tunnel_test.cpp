@@ -168,4 +168,54 @@ TEST_F(TunnelTest, HalvesGo)
     ExpectLeft(1, 4);
     shutdown(player.fd, SHUT_RDWR);
     ExpectLeft(0, 2);
+    // a POST that ends with its header, which is read together with the end
+    OpenGet(&get, "abc");
+    SendPost("abc");
+    RtspClose(&post);
+    ExpectLeft(1, 3);
+    // after TEARDOWN both go, whether or not the client takes one away before
+    Pair(Encoded(MakeRequest("TEARDOWN", "/cam", 1)));
+    EXPECT_EQ(1, NextAnswer(&get));
+    RtspClose(&post);
+    EXPECT_EQ(1, RtspWaitClosed(&get));
+}
+
+// A standard pusher has gone with the half that its media comes on.
+TEST_F(TunnelTest, PusherGoesWithItsPost)
+{
+    server.Set("INTEROP", "StandardPushers", "1");
+    server.Start();
+    ASSERT_EQ(1, RtspConnectTunnel(&pusher, server.Url("/cam").c_str()));
+    ASSERT_TRUE(RtspAnnounce(&pusher, CameraSdp()) && RtspSetupPush(&pusher, 0) && RtspPlay(&pusher));
+    shutdown(pusher.fdPost, SHUT_RDWR);
+    EXPECT_EQ(1, RtspWaitClosed(&pusher));
+    ExpectLeft(0, 1);
+}
+
+// For standard players the order in which the halves arrive does not matter. What a POST has sent by then is
+// kept, on the RTSP port and on the web port; one that nobody wants does not stay.
+TEST_F(TunnelTest, PostMayComeFirst)
+{
+    server.Set("INTEROP", "StandardPlayers", "1");
+    server.Set("SERVER",
+               "EnableHttpProxy=1\nHttpProxyTargetPort=1\nHttpProxyListenPort=" + std::to_string(server.nSparePort));
+    server.Start();
+    RtspClient other;
+    Connect(&other);
+    for (int nPort : {server.nPort, server.nSparePort}) {
+        std::string url = "rtsp://127.0.0.1:" + std::to_string(nPort) + "/cam", sent = Encoded(Options(1) + Options(2));
+        int nCreated = CountText(server.Output(), "Create session");
+        ASSERT_EQ(1, RtspConnect(&post, url.c_str()));
+        Send(&post, Post("xyz") + sent.substr(0, 70));
+        ASSERT_TRUE(server.WaitOutput("Create session", nCreated + 1));
+        Send(&post, sent.substr(70));
+        ASSERT_TRUE(Answers(&other));
+        ASSERT_EQ(1, RtspConnect(&get, url.c_str()));
+        EXPECT_EQ(kGetReply, Exchange(&get, Get("x-sessioncookie: XYZ\r\nAccept: " + kTunnelType)));
+        ExpectAnswers(&get, 1, 2);
+        Send(&post, Encoded(Options(3)));
+        ExpectAnswers(&get, 3, 3);
+    }
+    SendPost("nobody");
+    EXPECT_EQ(1, RtspWaitClosed(&post));
 }

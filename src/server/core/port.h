@@ -18,6 +18,8 @@ constexpr int kSendBufferBytes = 163840;  // SO_SNDBUF; holds a key frame of a t
 enum : uint8_t { PORT_TCP = 1, PORT_UDP = 2 };
 enum : uint16_t {
     PORT_TUNNEL_POST = 0x2,  // the POST connection of an RTSP-over-HTTP tunnel: its bytes are base64 text
+    PORT_IDLE_CHECK = 0x4,   // the idle check is scheduled
+    PORT_MORE_WAITS = 0x8,   // a further read is scheduled
     PORT_CONNECTED = 0x200,
     PORT_NO_SEGMENTS = 0x400,   // UDP: the path to the peer takes single datagrams only
     PORT_RELAYED = 0x800,       // the connection of a bridge: its peer is a stranger behind the relay
@@ -49,16 +51,18 @@ Port *CreateUdpPort(const char *szLocalIp, int nLocalPort, const char *szRemoteI
 Port *FindPort(int fd);
 Port *FindPortAlive(int fd, uint32_t nGeneration);
 
-// A timer that names a connection keeps its descriptor (the task's nParam) and generation, never the record's
-// address. PortOfTask: the port, or null once it has gone.
+// A timer about one connection, whoever has it: of a session see SessionSchedule. It keeps the descriptor
+// (the task's nParam) and generation, never the record's address. PortOfTask: the port, or null once it has
+// gone.
 void PortSchedule(const Port *pPort, TaskProc pfnRun, uint32_t nDelayMs);
 Port *PortOfTask(const Task *pTask);
 
-// Queues an event of the port as the monitor would, in nDelayMs: MONITOR_... or EVENT_POSTED_INPUT.
+// Queues an event of the port as the monitor would, in nDelayMs: MONITOR_... or one of these.
 constexpr uint32_t EVENT_POSTED_INPUT = 0x8000;  // run the parser on what the session already holds
+constexpr uint32_t EVENT_MORE_INPUT = 0x8001;    // go on with a read that was cut short
 void PortPostEvent(const Port *pPort, uint32_t nEvent, uint32_t nDelayMs);
 
-// Reads the connection dry and handles what came. Returns 0, or -1 when it was found closed, or silent for
+// Handles what the connection holds (see OnRead). Returns 0, or -1 when it was found closed, or silent for
 // too long, and the port was closed; a request may also have ended its session (bEnded).
 int PortReadNow(const Port *pPort);
 

@@ -34,7 +34,8 @@ Program *ProgramNew(const char *szPath, const ProgramOps *pOps)
     ListInit(&pProg->players, pProg);
     ListUsedDefMap(&pProg->players, 1);  // a session's second node
     ListDataProc(&pProg->players, nullptr, ComparePlayers);
-    BlockListInit(&pProg->cache.Pktq, pProg);
+    BlockListInit(&pProg->cache.Pktq, &pProg->cache.held);
+    pProg->cache.held.pTotal = &g_server.nCachedBytes;
     pProg->tBorn = ClockUptime();
     pProg->nBornMs = ClockMs();
     pProg->cache.nCacheLimit = g_settings.nCacheSeconds * 1000;
@@ -121,6 +122,8 @@ void ProgramDetach(Session *pSession)
         RemoveName(pProg);
         pProg->pOps->pfnStop(pProg);  // players may stay on, but nothing more comes
     } else {
+        if (pProg->flush.pNext == pSession)
+            pProg->flush.pNext = NextPlayer(pSession);
         ListRemove(&pProg->players, pSession, 0);
     }
     pProg->nRefs--;

@@ -67,6 +67,7 @@ struct Description {
 // The packets that a player starts with.
 struct PacketCache {
     List Pktq;                          // DataBlocks, owned
+    BlockSum held;                      // what they come to
     DataBlock *pCacheCursor = nullptr;  // a block in Pktq, or null
     uint32_t nCacheLimit = 0;           // ms of media that are kept
     uint32_t nKeptKeys = 0;             // retained key frames before the cursor
@@ -87,6 +88,13 @@ struct ProgramSleep {
     int bSleeping = 0;
 };
 
+// A flush of the players that takes several tasks.
+struct PlayerFlush {
+    Session *pNext = nullptr;  // where it goes on: one of players; null when none is under way
+    int bTask = 0;             // the task that goes on with it is scheduled
+    int bAgain = 0;            // more was queued meanwhile: from the first on once more
+};
+
 struct Program {
     ListNode node;  // first: the program list maps an item to itself
     const ProgramOps *pOps = nullptr;
@@ -103,6 +111,7 @@ struct Program {
     int nRecorders = 0;
     Description desc;
     PacketCache cache;
+    PlayerFlush flush;
     KeyWatch keyWatch;  // what the key-frame test remembers of the video track
     CameraText camera;
     ProgramSleep sleep;

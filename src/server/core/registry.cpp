@@ -12,6 +12,7 @@ void RegistryInit(int (*pfnFreePort)(AvlNode *pNode))
     }
     AvlInit(&g_server.portMap, pfnFreePort);
     AvlInit(&g_server.sessionMap, nullptr);
+    AvlInit(&g_server.handleMap, nullptr);
     AvlInit(&g_server.programMap, nullptr);
     g_server.programMap.pfnCompare = AvlCompareTextNoCase;
 }

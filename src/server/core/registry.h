@@ -32,10 +32,12 @@ struct ServerConfig {
     AvlTree portMap;        // descriptor -> Port, which it owns
     AvlTree programMap;     // Uri (no regard to case) -> live Program
     AvlTree sessionMap;     // descriptor -> Session that owns the port
+    AvlTree handleMap;      // nHandle -> Session
     Monitor monitor;
     Scheduler scheduler;
     EventProcs events;
     PortMgr *pPortMgr = nullptr;  // owned
+    int64_t nCachedBytes = 0;     // of memory, that the caches of all programs take
     int nMaxRegisterId = 0;       // number of the next name that REGISTER gives
     ProgramHook pfnProgramHook = nullptr;
     void *pProgramHookContext = nullptr;

@@ -21,12 +21,9 @@ namespace orx {
 static constexpr uint32_t kIdleCheckMs = 5000;     // who connects has something to say by then
 static constexpr uint32_t kDelayedCloseMs = 2000;  // time for a last reply to arrive before the reset
 
-static int HandleTaken(uint32_t nHandle)
+static Session *FindHandle(uint32_t nHandle)
 {
-    for (Session *p = FirstSession(); p; p = NextSession(p))
-        if (p->nHandle == nHandle)
-            return 1;
-    return 0;
+    return static_cast<Session *>(AvlValue(&g_server.handleMap, static_cast<int32_t>(nHandle)));
 }
 
 // The next session handle: counts up from a value nobody can guess, skipping 0 and, once it has wrapped,
@@ -38,7 +35,7 @@ static uint32_t NextHandle()
         nLast = 0;
     do
         nLast++;
-    while (nLast == 0 || HandleTaken(nLast));
+    while (nLast == 0 || FindHandle(nLast));
     return nLast;
 }
 
@@ -79,15 +76,16 @@ Session *CreateSession(Port *pPort)
     Session *pSession = NewSession();
     if (!pSession)
         return nullptr;
-    BlockListInit(&pSession->out.Outq, pSession);
+    BlockListInit(&pSession->out.Outq, &pSession->out.queued);
     pSession->nHandle = NextHandle();
-    pSession->peer.tLastActivity = ClockUptime();
+    pSession->peer.tLastActivity = pSession->peer.tLastRequest = ClockUptime();
     pSession->peer.tStart = static_cast<uint32_t>(time(nullptr));
     if (g_settings.bRtcp)
         pSession->nFlags |= SESSION_RTCP;
     pSession->peer.Cmd = pPort;
     ListAppend(&g_server.sessions, pSession);
     AvlReplace(&g_server.sessionMap, pPort->fd, pSession);
+    AvlReplace(&g_server.handleMap, static_cast<int32_t>(pSession->nHandle), pSession);
     return pSession;
 }
 
@@ -105,10 +103,14 @@ static void DropPort(Port *pPort)
     PortClose(pPort);
 }
 
+void SessionSchedule(const Session *pSession, TaskProc pfnRun, uint32_t nDelayMs)
+{
+    TaskSchedule(&g_server.scheduler, pfnRun, nDelayMs, static_cast<int32_t>(pSession->nHandle), nullptr);
+}
+
 Session *SessionOfTask(const Task *pTask)
 {
-    Port *pPort = PortOfTask(pTask);
-    return pPort ? FindSession(pPort->fd) : nullptr;
+    return FindHandle(static_cast<uint32_t>(pTask->nParam));
 }
 
 // Gives the UDP ports of a track back.
@@ -139,6 +141,7 @@ static void EndOne(Session *pSession)
 {
     pSession->bEnded = 1;
     ListRemove(&g_server.sessions, pSession, 0);
+    AvlForget(&g_server.handleMap, static_cast<int32_t>(pSession->nHandle));
     print("OnFreeSession().\r\n");
     if (pSession->peer.Cmd) {
         char szRemote[kAddrTextSize];
@@ -185,8 +188,11 @@ int SessionClosePort(Session *pSession, Port *pPort)
     int bIsReply = pPort == pSession->peer.Reply;
     int bIsControl = bIsReply || pPort == pSession->peer.Cmd;
     int bInterleaved = pSession->out.bInterleaved;
+    // nothing more comes from a pusher without it, and nobody would take its place
+    int bPusherGone =
+        g_settings.bStandardPushers && (pSession->nFlags & SESSION_PUSHER) && pPort == pSession->peer.Cmd;
     // a media socket is still named by its track: it goes with the session
-    if (!bIsControl || (bInterleaved && (bIsReply || !pSession->peer.Reply))) {
+    if (!bIsControl || bPusherGone || (bInterleaved && (bIsReply || !pSession->peer.Reply))) {
         SessionEnd(pSession);
         return 1;
     }
@@ -194,11 +200,22 @@ int SessionClosePort(Session *pSession, Port *pPort)
         pSession->peer.Cmd = nullptr;
     if (bIsReply)
         pSession->peer.Reply = nullptr;
-    if (pPort == pSession->hold.pPort)
+    if (pPort == pSession->hold.pPort) {
         pSession->hold.pPort = nullptr;
+        pSession->hold.nScan = 0;
+    }
     PortClose(pPort);
     if (pSession->peer.Cmd || pSession->peer.Reply)
         return 0;
+    SessionEnd(pSession);
+    return 1;
+}
+
+int SessionCloseReplyPort(Session *pSession)
+{
+    Port *pPort = SessionReplyPort(pSession);
+    if (pPort)
+        return SessionClosePort(pSession, pPort);
     SessionEnd(pSession);
     return 1;
 }
@@ -236,9 +253,12 @@ static int OnSessionDelayCloseTimer(Task *pTask, uint32_t, uint32_t, uint32_t)
     return -1;
 }
 
-void SessionDelayClose(const Port *pPort)
+void SessionDelayClose(Session *pSession)
 {
-    PortSchedule(pPort, OnSessionDelayCloseTimer, kDelayedCloseMs);
+    if (pSession->nFlags & SESSION_CLOSING)
+        return;
+    pSession->nFlags |= SESSION_CLOSING;
+    SessionSchedule(pSession, OnSessionDelayCloseTimer, kDelayedCloseMs);
 }
 
 static int OnIdleCheck(Task *pTask, uint32_t, uint32_t, uint32_t)
@@ -246,6 +266,7 @@ static int OnIdleCheck(Task *pTask, uint32_t, uint32_t, uint32_t)
     Port *pPort = PortOfTask(pTask);
     if (!pPort)
         return -1;
+    pPort->nFlags &= static_cast<uint16_t>(~PORT_IDLE_CHECK);
     Session *pSession = FindSession(pPort->fd);
     if (!pSession) {
         print("Idle Connection Client(stocket=0x%x) is broken!\r\n", pPort->fd);
@@ -257,7 +278,7 @@ static int OnIdleCheck(Task *pTask, uint32_t, uint32_t, uint32_t)
         print("Idle Connection Client(socket=0x%x) is broken!\r\n", pPort->fd);
         return -1;
     }
-    pSession = SessionOfTask(pTask);  // what was read may have ended it
+    pSession = PortOfTask(pTask) ? FindSession(pPort->fd) : nullptr;  // what was read may have ended it
     if (pSession && !pSession->peer.nReceived) {
         print("Force Close Idle Connection on stocket 0x%x\r\n", pPort->fd);
         SessionClosePort(pSession, pPort);
@@ -265,8 +286,11 @@ static int OnIdleCheck(Task *pTask, uint32_t, uint32_t, uint32_t)
     return -1;
 }
 
-void SessionScheduleIdleCheck(const Port *pPort)
+void SessionScheduleIdleCheck(Port *pPort)
 {
+    if (pPort->nFlags & PORT_IDLE_CHECK)
+        return;
+    pPort->nFlags |= PORT_IDLE_CHECK;
     PortSchedule(pPort, OnIdleCheck, kIdleCheckMs);
 }
 

@@ -30,6 +30,8 @@ enum : uint32_t {
     SESSION_PUSHER = 0x1,          // feeds a live program
     SESSION_TUNNEL_GET = 0x8,      // GET half of a tunnel that waits for its POST half
     SESSION_FILE_SENDER = 0x10,    // the file sender task runs
+    SESSION_CLOSING = 0x20,        // the delayed close is scheduled
+    SESSION_TUNNEL_POST = 0x40,    // POST half of a tunnel that waits for its GET half
     SESSION_DELAYED_SEND = 0x100,  // a delayed-send timer is armed
     SESSION_CATCHES_UP = 0x200,    // the timer of a start over UDP runs
     SESSION_RTCP = 0x400,          // RTCP reports enabled
@@ -65,9 +67,10 @@ struct SessionTrack : RtpTrack {
 struct SessionPeer {
     Port *Cmd = nullptr;         // connection that requests arrive on; ports are owned by the port map
     Port *Reply = nullptr;       // connection that replies and media go out on, may equal Cmd
-    char *szCookie = nullptr;    // x-sessioncookie of a waiting GET half, owned
+    char *szCookie = nullptr;    // x-sessioncookie of a waiting half, owned
     uint32_t tStart = 0;         // wall clock at creation, seconds
     uint32_t tLastActivity = 0;  // uptime in seconds at the last receive
+    uint32_t tLastRequest = 0;   // the same at the last request that was whole, or at creation
     uint32_t nReceived = 0;      // bytes since creation; 0: nothing ever came
 };
 
@@ -84,7 +87,11 @@ struct SessionInput {
 struct SessionFlow {
     uint32_t nReads = 0;         // TCP reads of a playing pusher, for the flow of its players
     uint32_t nBlockedSends = 0;  // sends in a row that would have blocked
+    int fdBlocked = -1;          // the socket that the delayed send is for
     uint32_t nStartBlocks = 0;   // media queued at once by a start; 0 when the queue has drained since
+    uint32_t nStartBytes = 0;    // of them
+    uint32_t nAfterStart = 0;    // bytes of media queued since
+    int64_t nStartHeld = 0;      // memory that those of a start take which still wait
     uint32_t nCatchUpMs = 0;     // media ms of it that may have left over UDP
     uint32_t nCatchUpClock = 0;  // ClockMs when that was last raised
     uint32_t tLastReport = 0;    // uptime in seconds of the last report cycle
@@ -106,14 +113,15 @@ struct SessionViewer {
     int bAdmitted = 0;  // a DESCRIBE, QUICKPLAY or SUBSCRIBE of the program was answered 200
 };
 
-// An answer that waits, because its address has shown too many wrong passwords or what it tells is being
-// found out. Until then the session reads
-// nothing more, so that what the peer sends on is handled in its order.
+// An answer that waits, because its address has shown too many wrong passwords, or because finding it takes
+// several steps. Until then the session reads nothing more, so that what the peer sends on is handled in its
+// order.
 struct SessionHold {
     const Port *pPort = nullptr;  // that the held request came on; null: none is held
-    int nCSeq = 0;                // the number of its reply
+    uint32_t nCSeq = 0;           // the number of its reply
     uint32_t nDelayMs = 0;        // that it is to wait
-    int bOver = 0;                // it has waited, and its handler runs again
+    int bStep = 0;                // it waits for the next step only
+    int bOver = 0;                // it has waited for a wrong password, and its handler runs again
     int nFailures = 0;            // wrong passwords and tokens of this connection
     uint32_t nScan = 0;           // the scan of wireless networks that answers the held request
 };
@@ -124,7 +132,7 @@ struct Session {
     uint32_t nHandle = 0;  // "Session" and "ClientSsId" on the wire: never 0, unique while the program lives
     uint32_t nFlags = 0;   // SESSION_...
     uint32_t nState = STATE_NEW;
-    int nCSeq = 1;             // number of the next reply, or of the next request to this peer
+    uint32_t nCSeq = 1;        // number of the next reply, or of the next request to this peer
     Program *pProg = nullptr;  // counted in its nRefs
     SessionPeer peer;
     SessionInput input;
@@ -156,7 +164,10 @@ Session *CreateSession(Port *pPort);
 
 Session *FindSession(int fd);
 
-// The session that a timer's task named by its connection (see PortSchedule), or null once either has gone.
+// The one way to arm a timer for a session. Its task names the session, never a connection or an address:
+// half of a tunnel may be gone when the timer is armed, or when it runs. SessionOfTask: the session, or null
+// once it has ended.
+void SessionSchedule(const Session *pSession, TaskProc pfnRun, uint32_t nDelayMs);
 Session *SessionOfTask(const Task *pTask);
 
 // Ends a session: of a pusher first every player of its program; then its ports are closed, and it is out of
@@ -174,6 +185,8 @@ void SessionEndAll();
 
 // Ends the session's use of a port, and the session with its last one. Returns 1 when that ended it, else 0.
 int SessionClosePort(Session *pSession, Port *pPort);
+// The same for the connection that replies and media go out on.
+int SessionCloseReplyPort(Session *pSession);
 
 // The connections of a session, each null when it has gone. They are one but for a tunnel, whose requests
 // come on one and whose replies go on the other.
@@ -181,6 +194,14 @@ Port *SessionPeerPort(const Session *pSession);   // the peer's: that of request
 Port *SessionReplyPort(const Session *pSession);  // of what waits in the queue, other than datagrams
 Port *SessionControlPort(
     const Session *pSession);  // of requests to the peer; never the half that only it writes
+
+// The request at hand takes another step: its handler runs once more behind what else is due.
+inline Verdict SessionNextStep(Session *pSession, uint32_t nDelayMs = 1)
+{
+    pSession->hold.bStep = 1;
+    pSession->hold.nDelayMs = nDelayMs;
+    return Verdict::Later;
+}
 
 // The peer of the session's control connection as "a.b.c.d:port"; szOut takes kAddrTextSize bytes.
 void SessionRemoteText(const Session *pSession, char *szOut);
@@ -191,9 +212,10 @@ inline void *SessionPrintHandle(const Session *pSession)
     return reinterpret_cast<void *>(static_cast<uintptr_t>(pSession->nHandle));
 }
 
-// Schedules the delayed close: the connection's session ends in 2000 ms.
-void SessionDelayClose(const Port *pPort);
-// Schedules the idle check: a connection that has sent nothing within 5000 ms is closed.
-void SessionScheduleIdleCheck(const Port *pPort);
+// Schedules the delayed close, once: the session ends in 2000 ms, with both connections of a tunnel.
+void SessionDelayClose(Session *pSession);
+// Schedules the idle check of a connection, unless one is under way: when it has sent nothing by then, in
+// 5000 ms, it is closed.
+void SessionScheduleIdleCheck(Port *pPort);
 
 }  // namespace orx

@@ -1,12 +1,13 @@
 #include "server/front/dispatch.h"
 
-#include <cstdlib>
 #include <cstring>
 
 #include "base/assertion.h"
 #include "base/bytes.h"
 #include "base/console.h"
 #include "runtime/clock.h"
+#include "runtime/slice.h"
+#include "runtime/taskwatch.h"
 #include "server/core/program.h"
 #include "server/media/ingest.h"
 #include "server/media/replies.h"
@@ -79,9 +80,12 @@ static const MethodEntry g_methods[] = {
 
 static Verdict Dispatch(Session *pSession, Port *pPort, Request *pRequest)
 {
-    for (const MethodEntry &method : g_methods)
-        if (strcasecmp(method.szName, RequestMethod(pRequest)) == 0)
+    for (const MethodEntry &method : g_methods) {
+        if (strcasecmp(method.szName, RequestMethod(pRequest)) == 0) {
+            WatchNote(method.szName);
             return method.pfnHandle(pSession, pPort, pRequest);
+        }
+    }
     return HandleUnknown(pSession, pPort, pRequest);
 }
 
@@ -168,6 +172,15 @@ static Step ParseHead(Session *pSession, Port *pPort, uint32_t nAt)
     return Step::Taken;
 }
 
+// Decimal digits, of which the lowest 32 bits count. 1, or 0 for any other text.
+static int ParseCSeq(const char *sz, uint32_t *pValue)
+{
+    const char *p = sz;
+    for (*pValue = 0; *p >= '0' && *p <= '9'; p++)
+        *pValue = *pValue * 10 + static_cast<uint32_t>(*p - '0');
+    return p > sz && p[strspn(p, " \t")] == '\0';
+}
+
 // Checks and notes the request's number. Taken: dispatch it.
 static Step CheckCSeq(Session *pSession, Port *pPort)
 {
@@ -179,13 +192,15 @@ static Step CheckCSeq(Session *pSession, Port *pPort)
         print("no CSeq!!!\r\n");
         return EndSession(pSession);
     }
-    auto nCSeq = static_cast<uint32_t>(strtoul(szCSeq, nullptr, 10));
+    uint32_t nCSeq = 0;
+    if (!ParseCSeq(szCSeq, &nCSeq))
+        return EndSession(pSession);
     if (pSession->input.nReqSeq && nCSeq < pSession->input.nReqSeq) {
         print("CmdSeq(%u) < session->nReqSeq(%u)! Drop it!\r\n", nCSeq, pSession->input.nReqSeq);
         return Step::Drop;
     }
     pSession->input.nReqSeq = nCSeq;
-    pSession->nCSeq = static_cast<int>(nCSeq);
+    pSession->nCSeq = nCSeq;
     return Step::Taken;
 }
 
@@ -194,13 +209,14 @@ static Step RunHandler(Session *pSession, Port *pPort, uint32_t *pAt);
 // The wait of an answer is over: its request is handled once more, then what the peer has sent since.
 static int OnHoldOver(Task *pTask, uint32_t, uint32_t, uint32_t)
 {
-    Session *pSession = SessionOfTask(pTask);
     Port *pPort = PortOfTask(pTask);
+    Session *pSession = pPort ? FindSession(pPort->fd) : nullptr;
     if (!pSession || pSession->hold.pPort != pPort)
         return -1;
     pSession->hold.pPort = nullptr;
     pSession->nCSeq = pSession->hold.nCSeq;
-    pSession->hold.bOver = 1;
+    pSession->hold.bOver = !pSession->hold.bStep;
+    pSession->hold.bStep = 0;
     pSession->peer.tLastActivity = ClockUptime();  // nothing was read, however long one may be silent
     uint32_t nAt = 0;
     Step step = RunHandler(pSession, pPort, &nAt);
@@ -210,7 +226,7 @@ static int OnHoldOver(Task *pTask, uint32_t, uint32_t, uint32_t)
     return -1;
 }
 
-static Step HoldRequest(Session *pSession, const Port *pPort, int nCSeq)
+static Step HoldRequest(Session *pSession, const Port *pPort, uint32_t nCSeq)
 {
     pSession->hold.pPort = pPort;
     pSession->hold.nCSeq = nCSeq;
@@ -223,13 +239,16 @@ static Step HoldRequest(Session *pSession, const Port *pPort, int nCSeq)
 static Step RunHandler(Session *pSession, Port *pPort, uint32_t *pAt)
 {
     int bPost = strcasecmp(RequestMethod(&pPort->request), "POST") == 0;
-    int nCSeq = pSession->nCSeq;
+    uint32_t nCSeq = pSession->nCSeq;
     Verdict eVerdict = Dispatch(pSession, pPort, &pPort->request);
+    WatchNote("between requests");
     if (eVerdict == Verdict::Later && !pSession->bEnded)
         return HoldRequest(pSession, pPort, nCSeq);
     RequestReset(&pPort->request);
     if (eVerdict == Verdict::End || pSession->bEnded || CredentialsExhausted(pSession))
         return EndSession(pSession);
+    if (pSession->nFlags & SESSION_TUNNEL_POST)
+        return Step::Wait;  // what follows is for the other half
     if (bPost)
         *pAt = pSession->input.nLen = 0;
     return Step::Taken;
@@ -253,8 +272,10 @@ static Step TakeMessage(Session *pSession, Port *pPort, uint32_t *pAt)
         return EndSession(pSession);
     *pAt = pSession->input.nNext = nBodyAt + nBody;
     Step step = CheckCSeq(pSession, pPort);
-    if (step == Step::Taken)
+    if (step == Step::Taken) {
+        pSession->peer.tLastRequest = ClockUptime();
         return RunHandler(pSession, pPort, pAt);
+    }
     if (step == Step::Gone)
         return step;
     RequestReset(pRequest);
@@ -270,19 +291,38 @@ static void ForgetOtherPort(const Session *pSession, const Port *pPort)
             RequestReset(&pOther->request);
 }
 
+// What a step has cost: a frame goes to every player, and a request may do anything.
+static uint32_t WorkOf(const Session *pSession, int bFrame)
+{
+    return !bFrame ? kSliceLook : pSession->pProg ? 2 + ListCount(&pSession->pProg->players) : 1;
+}
+
+// What the buffer still holds is handled behind all that waits.
+static void GoOnLater(Port *pPort)
+{
+    if (!(pPort->nFlags & PORT_MORE_WAITS))
+        PortPostEvent(pPort, EVENT_MORE_INPUT, 1);
+    pPort->nFlags |= PORT_MORE_WAITS;
+}
+
 int HandleInput(Session *pSession, Port *pPort)
 {
     if (pSession->hold.pPort)
         return 1;
     uint32_t nAt = 0;
+    Slice slice = SliceBegin();
     ForgetOtherPort(pSession, pPort);
     while (nAt < pSession->input.nLen) {
-        Step step =
-            pSession->input.pBuf[nAt] == '$' ? TakeFrame(pSession, &nAt) : TakeMessage(pSession, pPort, &nAt);
+        int bFrame = pSession->input.pBuf[nAt] == '$';
+        Step step = bFrame ? TakeFrame(pSession, &nAt) : TakeMessage(pSession, pPort, &nAt);
         if (step == Step::Gone)
             return 0;
         if (step == Step::Wait)
             break;
+        if (SliceOver(&slice, WorkOf(pSession, bFrame)) && nAt < pSession->input.nLen) {
+            GoOnLater(pPort);
+            break;
+        }
     }
     pSession->input.nLen -= nAt;
     if (pSession->input.nLen == pSession->input.nTotal - 1) {

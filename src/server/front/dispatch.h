@@ -6,8 +6,8 @@
 
 namespace orx {
 
-// Works off what the receive buffer holds; nothing while an answer waits. Returns 1, or 0 when the session
-// has ended.
+// Works off what the receive buffer holds, for some milliseconds: then PORT_MORE_WAITS is set and the rest is
+// left to EVENT_MORE_INPUT. Nothing while an answer waits. Returns 1, or 0 when the session has ended.
 int HandleInput(Session *pSession, Port *pPort);
 
 }  // namespace orx

@@ -14,6 +14,7 @@
 #include "server/core/session.h"
 #include "server/core/settings.h"
 #include "server/front/dispatch.h"
+#include "server/front/limits.h"
 #include "server/media/ingest.h"
 #include "server/media/rtcp.h"
 #include "server/methods/tunnel.h"
@@ -22,7 +23,14 @@ namespace orx {
 
 static constexpr int kReceiveBufferBytes = 131072;  // SO_RCVBUF: some pictures of a pusher
 static constexpr int kAcceptRetryMs = 1000;         // descriptors come free as connections end
-static int g_bAcceptRetry = 0;                      // a further look for connections that wait is scheduled
+static int g_nAcceptAgainMs = 0;  // a further look for connections is scheduled, in so many ms
+
+// So much of what a socket holds is taken at once; the rest waits its turn behind what else is due.
+static constexpr size_t kBytesPerEvent = 65536;
+static constexpr int kDatagramsPerEvent = 64;
+static constexpr int kAcceptsPerEvent = 64;
+static constexpr int kMoreDelayMs = 1;  // not 0, which would go in front of everybody
+
 // Seconds; more than that is a clock that was set, not silence.
 static constexpr uint32_t kLongestSilence = 1000;
 
@@ -45,6 +53,14 @@ static Session *OpenSession(int fd)
         SockClose(fd);
         return nullptr;
     }
+    char szRemote[kAddrTextSize];
+    sockaddr_in remote{};
+    if (SockGetPeerName(fd, &remote) == 0 && AddressIsFull(&remote)) {
+        SockAddrToString(&remote, szRemote);
+        print("Too many sessions of %s! Refuse to accept new client to connect.\r\n", szRemote);
+        SockClose(fd);
+        return nullptr;
+    }
     Port *pPort = CreateTcpPort(fd);
     if (!pPort)
         return nullptr;
@@ -54,43 +70,47 @@ static Session *OpenSession(int fd)
         PortClose(pPort);
         return nullptr;
     }
-    char szRemote[kAddrTextSize];
+    LimitsWatch();
     SockAddrToString(&pPort->remote, szRemote);
     print("Create session(fd=0x%x) from %s\r\n", fd, szRemote);
     log("Create session(fd=0x%x) from %s", fd, szRemote);
     return pSession;
 }
 
-// Accepts all that wait. Returns 0 when some may be left, because descriptors or memory have run out.
-static int AcceptAll(int fdListen)
+// Accepts some of those that wait. Returns in how many ms to look for the rest, which is not reported again:
+// 0 when none is left, else soon, or once descriptors or memory may have come free.
+static int AcceptSome(int fdListen)
 {
-    int fd;
-    while ((fd = accept4(fdListen, nullptr, nullptr, SOCK_CLOEXEC)) >= 0) {
+    for (int i = 0; i < kAcceptsPerEvent; i++) {
+        int fd = accept4(fdListen, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0 && errno == EAGAIN)
+            return 0;
+        if (fd < 0) {
+            print("accept(socket=0x%x) err=%d.\r\n", fdListen, errno);
+            return kAcceptRetryMs;
+        }
         Session *pSession = OpenSession(fd);
         if (pSession)
             SessionScheduleIdleCheck(pSession->peer.Cmd);
     }
-    if (errno == EAGAIN)
-        return 1;
-    print("accept(socket=0x%x) err=%d.\r\n", fdListen, errno);
-    return 0;
+    return kMoreDelayMs;
 }
 
 static int OnAcceptRetry(Task *pTask, uint32_t, uint32_t, uint32_t)
 {
-    if (!AcceptAll(pTask->nParam))
-        return kAcceptRetryMs;
-    g_bAcceptRetry = 0;
-    return -1;
+    g_nAcceptAgainMs = AcceptSome(pTask->nParam);
+    return g_nAcceptAgainMs > 0 ? g_nAcceptAgainMs : -1;
 }
 
 static void OnAccept(int fdListen)
 {
-    if (AcceptAll(fdListen) || g_bAcceptRetry)
+    if (g_nAcceptAgainMs == kMoreDelayMs)
         return;
-    // those that wait are not reported again: look once descriptors or memory may have come free
-    g_bAcceptRetry = 1;
-    TaskSchedule(&g_server.scheduler, OnAcceptRetry, kAcceptRetryMs, fdListen, nullptr);
+    int nDelayMs = AcceptSome(fdListen);
+    if (nDelayMs == 0 || g_nAcceptAgainMs)
+        return;
+    g_nAcceptAgainMs = nDelayMs;
+    TaskSchedule(&g_server.scheduler, OnAcceptRetry, static_cast<uint32_t>(nDelayMs), fdListen, nullptr);
 }
 
 int RtspSessionCreate(int fd, const void *pData, size_t nLen)
@@ -156,12 +176,27 @@ static int CloseAfterRecv(Session *pSession, Port *pPort, int nResult, int nErro
     return -1;
 }
 
+// Whether a datagram comes from where the session's requests come from.
+static int IsOfPeer(const Session *pSession, const sockaddr_in *pFrom)
+{
+    const Port *pPort = SessionPeerPort(pSession);
+    return pPort && SockGetIp(&pPort->remote) == SockGetIp(pFrom);
+}
+
+// What a port still holds is read later, behind all that waits.
+static int ReadMoreLater(Port *pPort)
+{
+    pPort->nFlags |= PORT_MORE_WAITS;
+    PortPostEvent(pPort, EVENT_MORE_INPUT, kMoreDelayMs);
+    return 0;
+}
+
 // Reads the datagrams of a media socket. They never mix with the text of the control connection: each is a
 // sign of life, is looked at by itself, and is gone. An empty one, sent to open a NAT, is as good as any.
 static int ReadUdp(Session *pSession, Port *pPort)
 {
     uint8_t data[2048];
-    for (;;) {
+    for (int i = 0; i < kDatagramsPerEvent; i++) {
         sockaddr_in from{};
         socklen_t nFrom = sizeof(from);
         ssize_t n = recvfrom(pPort->fd, data, sizeof(data), 0, reinterpret_cast<sockaddr *>(&from), &nFrom);
@@ -169,10 +204,13 @@ static int ReadUdp(Session *pSession, Port *pPort)
             continue;
         if (n < 0)
             return errno == EAGAIN ? 0 : CloseAfterRecv(pSession, pPort, -1, errno);
+        if (g_settings.bPinMedia && !IsOfPeer(pSession, &from))
+            continue;
         pPort->remote = from;
         NoteReceived(pSession, static_cast<size_t>(n));
         OnDatagram(pSession, pPort, data, static_cast<size_t>(n));
     }
+    return ReadMoreLater(pPort);
 }
 
 // Takes what was received into the buffer and parses it. 0 when the session is gone.
@@ -219,10 +257,18 @@ static int ReadTcp(Session *pSession, Port *pPort)
     char text[2048];
     char *pRaw = nullptr;
     ssize_t n = 0;
+    size_t nRead = 0;
     while (!pSession->hold.pPort && (n = Receive(pSession, pPort, text, sizeof(text), &pRaw)) > 0) {
         if (!TakeInput(pSession, pPort, pRaw, static_cast<size_t>(n)))
             return 0;
         FlushAfterRead(pSession);
+        if (pSession->nFlags & SESSION_TUNNEL_POST)
+            return 0;
+        nRead += static_cast<size_t>(n);
+        if (pPort->nFlags & PORT_MORE_WAITS)  // the buffer takes no more before it is worked off
+            return 0;
+        if (nRead >= kBytesPerEvent)
+            return ReadMoreLater(pPort);
     }
     if (pSession->hold.pPort)  // the rest is read when its answer has gone
         return 0;
@@ -249,6 +295,8 @@ int OnRead(int fd)
         return -1;
     }
     ORX_ASSERT(pPort && pSession, "!port && !session");
+    if ((pPort->nFlags & PORT_MORE_WAITS) || (pSession->nFlags & SESSION_TUNNEL_POST))
+        return 0;
     return pPort->nType == PORT_UDP ? ReadUdp(pSession, pPort) : ReadTcp(pSession, pPort);
 }
 
@@ -269,9 +317,27 @@ static void OnPostedInput(int fd)
 {
     Port *pPort = FindPort(fd);
     Session *pSession = FindSession(fd);
-    // more than the buffer took may wait in the socket, which reports nothing again by itself
-    if (pPort && pSession && HandleInput(pSession, pPort))
-        OnRead(fd);
+    if (!pPort || !pSession)
+        return;
+    if (pSession->nFlags & SESSION_TUNNEL_POST)
+        TunnelPairPost(pSession, pPort);
+    else if (HandleInput(pSession, pPort))
+        OnRead(
+            fd);  // more than the buffer took may wait in the socket, which reports nothing again by itself
+}
+
+static void OnMoreInput(int fd, Port *pPort)
+{
+    if (!pPort)
+        return;
+    pPort->nFlags &= static_cast<uint16_t>(~PORT_MORE_WAITS);
+    Session *pSession = FindSession(fd);
+    if (pSession && pPort->nType == PORT_TCP && pSession->input.nLen > 0) {
+        if (!HandleInput(pSession, pPort))
+            return;
+        FlushAfterRead(pSession);
+    }
+    OnRead(fd);
 }
 
 // pPort may be null: of the events of one wake-up, an earlier one can have closed it.
@@ -294,6 +360,9 @@ static void HandleEvent(int fd, uint32_t nEvent, Port *pPort)
             break;
         case EVENT_POSTED_INPUT:
             OnPostedInput(fd);
+            break;
+        case EVENT_MORE_INPUT:
+            OnMoreInput(fd, pPort);
             break;
         default:
             print("OnUnknownEvent(0x%x)\r\n", fd);
@@ -325,7 +394,8 @@ static void PostEvent(int fd, uint32_t nGeneration, uint32_t nEvent, uint32_t nD
 void EventsInit()
 {
     g_server.events = {PostEvent, OnRead};
-    g_bAcceptRetry = 0;
+    g_nAcceptAgainMs = 0;
+    LimitsInit();
 }
 
 void OnMonitorEvent(void * /*pContext*/, int fd, uint32_t nEvent, uint32_t nGeneration)

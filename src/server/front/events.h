@@ -12,8 +12,9 @@ void EventsInit();
 // The server's monitor callback: queues the event for the scheduler thread. Monitor thread.
 void OnMonitorEvent(void *pContext, int fd, uint32_t nEvent, uint32_t nGeneration);
 
-// Reads the socket dry and handles what came. Returns 0, or -1 when the connection was found closed, or
-// silent for too long, and the port was closed. Scheduler thread.
+// Handles what a socket holds, at most 64 kB or 64 datagrams of it: the rest is read by a task of its own,
+// until when this does nothing. Returns 0, or -1 when the connection was found closed, or silent for too
+// long, and the port was closed. Scheduler thread.
 int OnRead(int fd);
 
 // Hand-over of an accepted connection with the bytes already read from it. Returns 1 when the session lives

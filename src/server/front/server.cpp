@@ -145,6 +145,7 @@ void ServerStop()
     ProgramEndAll();
     AvlDestroy(&g_server.portMap);
     AvlDestroy(&g_server.sessionMap);
+    AvlDestroy(&g_server.handleMap);
     FreeRetired();
     PortMgrFree(g_server.pPortMgr);
     delete g_server.pPortMgr;

@@ -104,7 +104,6 @@ int FillBufferFromFile(Session *pSession)
 // ended and the player was told so.
 static int OnFileSend(Task *pTask, uint32_t, uint32_t, uint32_t)
 {
-    Port *pPort = PortOfTask(pTask);
     Session *pSession = SessionOfTask(pTask);
     if (!pSession)
         return -1;
@@ -113,11 +112,11 @@ static int OnFileSend(Task *pTask, uint32_t, uint32_t, uint32_t)
         pSession->nFlags &= ~SESSION_FILE_SENDER;
         return -1;
     }
-    int bOnePort = pSession->out.bInterleaved;
-    if (!SendDataEx(pSession, bOnePort ? pPort : nullptr, 1)) {
-        print("Player Client(stocket=0x%x) is broken!\r\n", pPort->fd);
+    if (!SendDataEx(pSession, nullptr, 1)) {
+        const Port *pPort = SessionReplyPort(pSession);
+        print("Player Client(stocket=0x%x) is broken!\r\n", pPort ? pPort->fd : -1);
         pSession->nFlags &= ~SESSION_FILE_SENDER;
-        SessionClosePort(pSession, pPort);
+        SessionCloseReplyPort(pSession);
         return -1;
     }
     if ((pSession->nFlags & SESSION_RTCP) && pSession->nState == STATE_PLAYING)
@@ -125,12 +124,12 @@ static int OnFileSend(Task *pTask, uint32_t, uint32_t, uint32_t)
     return static_cast<int>(kFileSendPeriodMs);
 }
 
-void FileSenderStart(Session *pSession, Port *pPort)
+void FileSenderStart(Session *pSession)
 {
     if (pSession->nFlags & SESSION_FILE_SENDER)
         return;
     pSession->nFlags |= SESSION_FILE_SENDER;
-    PortSchedule(pPort, OnFileSend, 0);
+    SessionSchedule(pSession, OnFileSend, 0);
 }
 
 }  // namespace orx

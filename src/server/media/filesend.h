@@ -5,8 +5,8 @@
 
 namespace orx {
 
-// Starts the file sender of a session on a port, at once; does nothing when it runs.
-void FileSenderStart(Session *pSession, Port *pPort);
+// Starts the file sender of a session, at once; does nothing when it runs.
+void FileSenderStart(Session *pSession);
 
 // Refills the queue of a playing player of a recording from its file. Returns 1 when packets were queued.
 int FillBufferFromFile(Session *pSession);

@@ -9,12 +9,16 @@
 
 namespace orx {
 
-// The RTP clock extended to 64 bits, so that its wrap after some hours does not show.
-static int64_t ExtendTime(MediaClock *pClock, uint32_t nRtpTime)
+// The RTP clock extended to 64 bits, so that its wrap after some hours does not show. One that a peer makes
+// run away is brought back by 2^29 seconds, which are 125 turns of the 32-bit clock of milliseconds.
+static int64_t ExtendTime(MediaClock *pClock, uint32_t nTimeScale, uint32_t nRtpTime)
 {
+    int64_t nFar = int64_t{nTimeScale} << 29;
     pClock->nExtTime = pClock->bTimeKnown
                            ? pClock->nExtTime + static_cast<int32_t>(nRtpTime - pClock->nLastRtpTime)
                            : int64_t{nRtpTime};
+    if (pClock->nExtTime >= nFar || pClock->nExtTime <= -nFar)
+        pClock->nExtTime %= nFar;
     pClock->nLastRtpTime = nRtpTime;
     pClock->bTimeKnown = 1;
     return pClock->nExtTime;
@@ -25,7 +29,8 @@ static int64_t ExtendTime(MediaClock *pClock, uint32_t nRtpTime)
 static uint32_t AlignedTime(MediaClock *pClock, uint32_t nTimeScale, uint32_t nRtpTime)
 {
     int bFirst = !pClock->bTimeKnown;
-    auto nMs = static_cast<uint32_t>(ExtendTime(pClock, nRtpTime) * 1000 / nTimeScale);
+    int64_t nTime = ExtendTime(pClock, nTimeScale, nRtpTime);
+    auto nMs = static_cast<uint32_t>(nTime / nTimeScale * 1000 + nTime % nTimeScale * 1000 / nTimeScale);
     if (bFirst)
         pClock->nTimeShift = ClockMs() - nMs;
     return nMs + pClock->nTimeShift;
@@ -38,7 +43,7 @@ static int MediaTime(MediaInfo *pInfo, uint32_t nRtpTime, uint32_t *pMs)
         *pMs = AlignedTime(&pInfo->clock, pInfo->nTimeScale, nRtpTime);
         return 1;
     }
-    int64_t nTime = ExtendTime(&pInfo->clock, nRtpTime);
+    int64_t nTime = ExtendTime(&pInfo->clock, pInfo->nTimeScale, nRtpTime);
     if (pInfo->nTimeScale != 1000) {
         if (!ORX_PEER_ASSERT(pInfo->nTimeScale >= 1000 && (pInfo->nTimeScale % 1000) == 0,
                              "(pProg->mediaInfos[nTrackId].nTimeScale % 1000) == 0"))

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "server/core/program.h"
+#include "server/media/outqueue.h"
 
 namespace orx {
 
@@ -44,9 +45,19 @@ DataBlock *PaceFirstHeld(const Session *pSession)
     return pHeld;
 }
 
-void PaceStart(Session *pSession, uint32_t nBlocks)
+int PaceMayTakeStart(const Session *pSession)
+{
+    const SessionFlow *pFlow = &pSession->flow;
+    return pFlow->nStartBlocks > 0 && pFlow->nAfterStart <= pFlow->nStartBytes &&
+           ListCount(&pSession->out.Outq) < pFlow->nStartBlocks + kGiveUpAbove / 2 &&
+           ClockMs() - pSession->play.nPlayClock < pSession->pProg->cache.nCacheLimit;
+}
+
+void PaceStart(Session *pSession, uint32_t nBlocks, uint32_t nBytes)
 {
     pSession->flow.nStartBlocks = nBlocks;
+    pSession->flow.nStartBytes = nBytes;
+    pSession->flow.nAfterStart = 0;
     pSession->flow.nCatchUpMs = 0;
     pSession->flow.nCatchUpClock = ClockMs();
 }

@@ -42,10 +42,14 @@ inline void PaceAdvance(Pace *pPace, const DataBlock *pBlock)
 // is none. Replies keep their order among themselves; reports, which carry the key flag, may be passed.
 DataBlock *PaceFirstHeld(const Session *pSession);
 
+// Whether a player that blocks is still given the time to take the start that waits in its queue: as long as
+// that may have taken to play, and until as much again waits behind it, or so much that it would be given up.
+int PaceMayTakeStart(const Session *pSession);
+
 // A start from the cache has put nBlocks of media into the queue. PaceRaise lets more of it go, once every
 // kCatchUpStepMs, at nNow (ClockMs); what a late step missed is not made up for.
 constexpr uint32_t kCatchUpStepMs = 20;  // at four times real time two pictures of 25 a second
-void PaceStart(Session *pSession, uint32_t nBlocks);
+void PaceStart(Session *pSession, uint32_t nBlocks, uint32_t nBytes);
 void PaceRaise(Session *pSession, uint32_t nNow);
 
 }  // namespace orx

@@ -59,15 +59,15 @@ static constexpr int RowsStandInOrder()
 }
 static_assert(RowsStandInOrder(), "a status is its row's index");
 
-static void AddHead(Message *pMessage, StatusHead eHead, int nCSeq)
+static void AddHead(Message *pMessage, StatusHead eHead, uint32_t nCSeq)
 {
     if (eHead & HEAD_SERVER)
         TextAdd(&pMessage->text, "Server: Orx/2.3.1.2\r\n");
     if (eHead & HEAD_CSEQ)
-        TextAdd(&pMessage->text, "CSeq: %d\r\n", nCSeq);
+        TextAdd(&pMessage->text, "CSeq: %d\r\n", static_cast<int>(nCSeq));
 }
 
-void ReplyBeginNumbered(Message *pReply, Status eStatus, int nCSeq)
+void ReplyBeginNumbered(Message *pReply, Status eStatus, uint32_t nCSeq)
 {
     TextAdd(&pReply->text, "%s\r\n", g_statuses[eStatus].szLine);
     AddHead(pReply, g_statuses[eStatus].eHead, nCSeq);

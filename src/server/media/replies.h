@@ -59,7 +59,7 @@ struct Message {
 // Begins a reply: the status line, "Server" and "CSeq", as its row has them. The number is the session's,
 // which is used up by it; ReplyBeginNumbered is given one.
 void ReplyBegin(Message *pReply, Status eStatus);
-void ReplyBeginNumbered(Message *pReply, Status eStatus, int nCSeq);
+void ReplyBeginNumbered(Message *pReply, Status eStatus, uint32_t nCSeq);
 // The same with a status text that a pusher chose.
 void ReplyBeginText(Message *pReply, const char *szStatus);
 // Begins a request to the session's peer, numbered by the session. RequestSend ends the header block, adds

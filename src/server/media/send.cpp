@@ -1,5 +1,6 @@
 #include "server/media/send.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include "base/assertion.h"
@@ -68,26 +69,25 @@ static void BlockDone(Session *pSession, DataBlock *pBlock)
 {
     if (pBlock->nFlags & DB_MEDIA) {
         pSession->play.nPlayPos = pBlock->nTimestamp;
+        pSession->flow.nStartHeld -= std::min(pSession->flow.nStartHeld, int64_t{BlockBytes(pBlock)});
         int nTrack = (pSession->nFlags & SESSION_RTCP) ? TrackOfBlock(pSession, pBlock) : -1;
         uint32_t nPrefix = pSession->out.bInterleaved ? kInterleaveBytes : 0;
         if (nTrack >= 0)
             RtcpNotePacketSent(pSession, nTrack, BlockData(pBlock) + nPrefix, pBlock->len - nPrefix, pBlock);
     }
-    ListRemove(&pSession->out.Outq, pBlock, 1);
+    BlockListFree(&pSession->out.Outq, pBlock);
 }
 
 static int OnSessionDelaySendTimer(Task *pTask, uint32_t, uint32_t, uint32_t)
 {
-    Port *pPort = PortOfTask(pTask);
     Session *pSession = SessionOfTask(pTask);
     if (!pSession)
         return -1;
-    print("OnSessionDelaySendTimer(stocket=0x%x)\r\n", pPort->fd);
+    print("OnSessionDelaySendTimer(stocket=0x%x)\r\n", pSession->flow.fdBlocked);
     pSession->nFlags &= ~SESSION_DELAYED_SEND;
     // replies and datagrams of one queue go to different sockets: each block finds its own
-    int bOnePort = pSession->out.bInterleaved || pSession->play.nSetupCount == 0;
-    if (!SendDataEx(pSession, bOnePort && pPort->nType == PORT_TCP ? pPort : nullptr, 0)) {
-        SessionClosePort(pSession, pPort);
+    if (!SendDataEx(pSession, nullptr, 0)) {
+        SessionCloseReplyPort(pSession);
         return -1;
     }
     int bArmed = (pSession->nFlags & SESSION_DELAYED_SEND) != 0;
@@ -102,10 +102,13 @@ static void OnBlocked(Session *pSession, const Port *pPort, int bPush)
 {
     SessionFlow *pFlow = &pSession->flow;
     if (bPush) {
-        if (!g_settings.bAutoDrop || !pSession->pProg || !pSession->pProg->bLive || pFlow->nStartBlocks > 0)
+        if (!g_settings.bAutoDrop || !pSession->pProg || !pSession->pProg->bLive)
+            return;
+        if (pFlow->nBlockedSends + 1 == kBlockedSends && PaceMayTakeStart(pSession))
             return;
         if (++pFlow->nBlockedSends != kBlockedSends)
             return;
+        pFlow->nStartBlocks = 0;
         QueueDropCrowded(pSession);
         print("SendDataEx(socket=0x%x) blocked count=%u!\r\n", pPort->fd, pFlow->nBlockedSends);
         return;
@@ -113,7 +116,8 @@ static void OnBlocked(Session *pSession, const Port *pPort, int bPush)
     if (pSession->nFlags & (SESSION_FILE_SENDER | SESSION_DELAYED_SEND))
         return;
     pSession->nFlags |= SESSION_DELAYED_SEND;
-    PortSchedule(pPort, OnSessionDelaySendTimer, kDelayedSendMs);
+    pFlow->fdBlocked = pPort->fd;
+    SessionSchedule(pSession, OnSessionDelaySendTimer, kDelayedSendMs);
 }
 
 // Writes the batch and accounts for what left. Results of WireWrite.
@@ -169,7 +173,7 @@ static int OnCatchUpTimer(Task *pTask, uint32_t, uint32_t nNow, uint32_t)
         return -1;
     PaceRaise(pSession, nNow);
     if (!SendDataEx(pSession, nullptr, 1)) {
-        SessionClosePort(pSession, PortOfTask(pTask));
+        SessionCloseReplyPort(pSession);
         return -1;
     }
     if (pSession->flow.nStartBlocks > 0)
@@ -178,15 +182,15 @@ static int OnCatchUpTimer(Task *pTask, uint32_t, uint32_t nNow, uint32_t)
     return -1;
 }
 
-void SendStartBurst(Session *pSession, uint32_t nBlocks)
+void SendStartBurst(Session *pSession, uint32_t nBlocks, uint32_t nBytes)
 {
     if (!g_settings.bStandardPlayers)
         return;
-    PaceStart(pSession, nBlocks);
+    PaceStart(pSession, nBlocks, nBytes);
     if (nBlocks == 0 || pSession->out.bInterleaved || (pSession->nFlags & SESSION_CATCHES_UP))
         return;
     pSession->nFlags |= SESSION_CATCHES_UP;
-    PortSchedule(SessionControlPort(pSession), OnCatchUpTimer, kCatchUpStepMs);
+    SessionSchedule(pSession, OnCatchUpTimer, kCatchUpStepMs);
 }
 
 // Where a reply goes: on a connection that also carries the media or has no media yet, to the port that
@@ -216,7 +220,8 @@ int SendReply2(Session *pSession, Port *pPort, const void *pText, size_t nLen, c
                size_t nBody, DataBlock *pBefore)
 {
     // a client can close the half of its tunnel that replies take, and go on asking on the other
-    if ((pPort->nFlags & PORT_TUNNEL_POST) && !ORX_PEER_ASSERT(pSession->peer.Reply, "session->Reply"))
+    int bLost = !pPort || ((pPort->nFlags & PORT_TUNNEL_POST) && !pSession->peer.Reply);
+    if (!ORX_PEER_ASSERT(!bLost, "session->Reply"))
         return 0;
     if (RepliesPileUp(pSession)) {
         print("Too many replies wait on fd=0x%x!\r\n", pPort->fd);
@@ -232,7 +237,7 @@ int SendReply2(Session *pSession, Port *pPort, const void *pText, size_t nLen, c
     }
     QueueBefore(pSession, pHead, pBefore ? pBefore : PaceFirstHeld(pSession));
     if (pTail)
-        ListInsert(&pSession->out.Outq, pTail, pHead, 1);
+        BlockListInsert(&pSession->out.Outq, pTail, pHead, 1);
     return SendDataEx(pSession, ReplyPort(pSession, pPort), 0);
 }
 

@@ -46,13 +46,14 @@ static int NamesProgram(const char *szPath, const Program *pProg)
            strcmp(szRest, "-s1") == 0;
 }
 
-// Makes a program of a recording and the session's buffer for it; null when either fails.
-static Program *OpenFileProgram(Session *pSession, const char *szPath)
+// Makes a program of a recording and the session's buffer for it; null when either fails, or with *pbMore 1
+// takes another step.
+static Program *OpenFileProgram(Session *pSession, const char *szPath, int *pbMore)
 {
     size_t nPath = strlen(szPath);
     if (nPath < 6 || strcasecmp(szPath + nPath - 4, ".zmf") != 0)
         return nullptr;
-    Program *pProg = CreateFileProgram(szPath);
+    Program *pProg = CreateFileProgram(szPath, pbMore);
     if (!pProg)
         return nullptr;
     if (!pSession->out.pScratch)
@@ -65,19 +66,22 @@ static Program *OpenFileProgram(Session *pSession, const char *szPath)
     return pProg;
 }
 
-int AttachByPath(Session *pSession, Port *pPort, Request *pRequest)
+Verdict AttachByPath(Session *pSession, Port *pPort, Request *pRequest)
 {
     const char *szPath = RequestPath(pRequest);
     if (pSession->pProg && !NamesProgram(szPath, pSession->pProg))
         ProgramDetach(pSession);
     Program *pProg = pSession->pProg;
+    int bMore = 0;
     if (!pProg)
         pProg = ProgramFindWithSubstream(szPath);
     if (!pProg)
-        pProg = OpenFileProgram(pSession, szPath);
+        pProg = OpenFileProgram(pSession, szPath, &bMore);
+    if (bMore)
+        return SessionNextStep(pSession);
     if (!pProg) {
         ReplyStatus(pSession, pPort, STATUS_NOT_FOUND);
-        return 0;
+        return Verdict::End;
     }
     if (pProg != pSession->pProg) {  // what the accounts of another program allowed does not count here
         pSession->viewer.nUserLevel = kNobodysLevel;
@@ -85,7 +89,7 @@ int AttachByPath(Session *pSession, Port *pPort, Request *pRequest)
     }
     ProgramAttach(pSession, pProg);
     ProgramWake(pProg);
-    return 1;
+    return Verdict::Keep;
 }
 
 static Admission Challenge(Session *pSession, Port *pPort, int bStale)
@@ -129,8 +133,11 @@ Admission EnterProgram(Session *pSession, Port *pPort, Request *pRequest)
         ReplyStatus(pSession, pPort, STATUS_WRONG_STATE);
         return ENDED;
     }
-    if (!ChooseReplyPort(pSession, pPort) || !AttachByPath(pSession, pPort, pRequest))
+    if (!ChooseReplyPort(pSession, pPort))
         return ENDED;
+    Verdict eVerdict = AttachByPath(pSession, pPort, pRequest);
+    if (eVerdict != Verdict::Keep)
+        return eVerdict == Verdict::Later ? POSTPONED : ENDED;
     return Admit(pSession, pPort, pRequest);
 }
 

@@ -11,8 +11,9 @@ namespace orx {
 int ChooseReplyPort(Session *pSession, Port *pPort);
 
 // Looks the program up that the request's path names (detaching from another one first), attaches and wakes.
-// When nothing is found it answers 404 and returns 0.
-int AttachByPath(Session *pSession, Port *pPort, Request *pRequest);
+// Verdict::Keep when it has; Verdict::End when nothing is found, with the 404 sent; Verdict::Later when
+// finding it takes another step.
+Verdict AttachByPath(Session *pSession, Port *pPort, Request *pRequest);
 
 enum Admission {
     ADMITTED,

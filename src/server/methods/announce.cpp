@@ -42,7 +42,9 @@ static int OnLiveWatchdog(Task *pTask, uint32_t, uint32_t, uint32_t)
     Session *pSession = SessionOfTask(pTask);
     if (!pSession)
         return -1;
-    const Port *pPort = PortOfTask(pTask);
+    const Port *pPort = pSession->peer.Cmd;
+    if (!pPort)  // its POST half has gone, and nothing more comes
+        return -1;
     if (PortReadNow(pPort) < 0) {
         print("Live Program Client(socket=0x%x) is broken!\r\n", static_cast<unsigned>(pPort->fd));
         return -1;
@@ -68,7 +70,7 @@ static Verdict StartPusher(Session *pSession, Port *pPort, Program *pProg)
           remote);
     log("CreateLiveProgram(Uri=%s), pointer=0x%x, Remote=%s", pProg->Uri, ProgramPrintId(pProg), remote);
     pSession->nFlags |= SESSION_PUSHER;
-    PortSchedule(pPort, OnLiveWatchdog, g_settings.nLiveTime * 1000);
+    SessionSchedule(pSession, OnLiveWatchdog, g_settings.nLiveTime * 1000);
     pSession->nState = STATE_DESCRIBED;
     SessionCopyTracks(pSession, pProg);
     Verdict eVerdict = ReplyDated(pSession, pPort, STATUS_OK);

@@ -42,7 +42,7 @@ Verdict HandleDescribe(Session *pSession, Port *pPort, Request *pRequest)
 {
     Admission admission = EnterProgram(pSession, pPort, pRequest);
     if (admission == REFUSED)
-        SessionDelayClose(pPort);
+        SessionDelayClose(pSession);
     if (admission != ADMITTED)
         return NotAdmitted(admission, Verdict::Keep);
     return Describe(pSession, pPort, pRequest);

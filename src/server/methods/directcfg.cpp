@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <utility>
 
 #include "base/configfile.h"
 #include "base/console.h"
@@ -153,7 +154,7 @@ Verdict HandleGetWifiRouters(Session *pSession, Port *pPort, Request *)
     char device[64] = "";
     const char *szList = nullptr;
     size_t nList = 0;
-    uint32_t nScan = pSession->hold.bOver ? pSession->hold.nScan : 0;
+    uint32_t nScan = std::exchange(pSession->hold.nScan, 0);
     if (nScan == 0)
         ReadInterface(device, sizeof(device));
     WifiResult eResult = WifiResult::Failed;
@@ -161,8 +162,7 @@ Verdict HandleGetWifiRouters(Session *pSession, Port *pPort, Request *)
         eResult = WifiRoutersAsk(device, g_settings.bStrictRoles ? kFreshMs : 0, &nScan, &szList, &nList);
     if (eResult == WifiResult::Running) {
         pSession->hold.nScan = nScan;
-        pSession->hold.nDelayMs = kScanLookMs;
-        return Verdict::Later;
+        return SessionNextStep(pSession, kScanLookMs);
     }
     int nSent = eResult == WifiResult::Ready ? SendLong(pSession, pPort, szList, nList)
                                              : SendReply(pSession, pPort, kNothing, sizeof(kNothing) - 1);

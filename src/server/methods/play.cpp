@@ -97,8 +97,9 @@ static void AddPlayLines(Message *pReply, const Request *pRequest, int bSequence
     TextAdd(&pReply->text, "\r\n");
 }
 
-// Moves a recording to where the request wants it and writes the reply.
-static void StartFile(Message *pReply, const Request *pRequest)
+// Moves a recording to where the request wants it and writes the reply. Returns 0 when the search takes
+// another step.
+static int StartFile(Message *pReply, const Request *pRequest)
 {
     Session *pSession = pReply->pSession;
     Program *pProg = pSession->pProg;
@@ -107,14 +108,19 @@ static void StartFile(Message *pReply, const Request *pRequest)
     uint32_t nEnd = range.nEnd < nDuration - 1000 ? range.nEnd : static_cast<uint32_t>(nDuration);
     uint32_t nReached = 0;
     uint32_t nPos = pSession->play.nPlayPos;
-    if (range.nStart && static_cast<uint32_t>(std::abs(ClockDiff(range.nStart, nPos))) > kSeekTolerance &&
-        FileProgramSeek(pProg, range.nStart, &nReached))
+    int nSought = 0;
+    if (range.nStart && static_cast<uint32_t>(std::abs(ClockDiff(range.nStart, nPos))) > kSeekTolerance)
+        nSought = FileProgramSeek(pProg, range.nStart, &nReached);
+    if (nSought < 0)
+        return 0;
+    if (nSought)
         Jump(pSession, nReached);
     nPos = pSession->play.nPlayStart = pSession->play.nPlayPos;
     ReplyBegin(pReply, STATUS_OK);
     TextAdd(&pReply->text, "Range: npt=%d.%03d-%d.%03d\r\n", static_cast<int>(nPos / 1000),
             static_cast<int>(nPos % 1000), static_cast<int>(nEnd / 1000), static_cast<int>(nEnd % 1000));
     AddPlayLines(pReply, pRequest, 1);
+    return 1;
 }
 
 // The media time of the first packet that a player is given, or that the program holds.
@@ -130,18 +136,21 @@ static uint32_t FirstMediaTime(Session *pSession)
 }
 
 // Fills a player's queue and writes the reply. Returns the block that the reply goes before: the media that
-// is queued here must not overtake it.
+// is queued here must not overtake it. Standard players get their replies in order.
 static DataBlock *StartLive(Message *pReply, const Request *pRequest)
 {
     Session *pSession = pReply->pSession;
     auto *pOldHead = ListFirstOf<DataBlock>(&pSession->out.Outq);
+    auto *pOldLast = reinterpret_cast<DataBlock *>(pSession->out.Outq.pLast);
     if (!(pSession->nFlags & SESSION_PUSHER))
         FillBufferAtFirstPlay(pSession);
     pSession->play.nPlayStart = pSession->play.nPlayPos = FirstMediaTime(pSession);
     ReplyBegin(pReply, STATUS_OK);
     TextAdd(&pReply->text, "Range: npt=now-\r\n");
     AddPlayLines(pReply, pRequest, 0);
-    return pOldHead ? pOldHead : ListFirstOf<DataBlock>(&pSession->out.Outq);
+    if (!pOldHead)
+        return ListFirstOf<DataBlock>(&pSession->out.Outq);
+    return g_settings.bStandardPlayers ? NextBlock(pOldLast) : pOldHead;
 }
 
 // Standard players jump while a recording plays: PAUSE is no method that OPTIONS tells them of, and so
@@ -168,20 +177,18 @@ Verdict HandlePlay(Session *pSession, Port *pPort, Request *pRequest)
     DataBlock *pBefore = nullptr;
     if (bLive)
         pBefore = StartLive(&reply, pRequest);
-    else
-        StartFile(&reply, pRequest);
+    else if (!StartFile(&reply, pRequest))
+        return SessionNextStep(pSession);
     pSession->nState = STATE_PLAYING;
     if (MessageSendBefore(&reply, pBefore) == Verdict::End)
         return Verdict::End;
     if (pSession->nFlags & SESSION_PUSHER)
         return Verdict::Keep;
-    if (pSession->peer.Reply && pSession->peer.Reply != pPort) {
-        if (!ORX_PEER_ASSERT(pPort->nFlags & PORT_TUNNEL_POST, "port->flags & 2"))
-            return Verdict::End;
-        pPort = pSession->peer.Reply;
-    }
+    if (pSession->peer.Reply && pSession->peer.Reply != pPort &&
+        !ORX_PEER_ASSERT(pPort->nFlags & PORT_TUNNEL_POST, "port->flags & 2"))
+        return Verdict::End;
     if (!bLive)
-        FileSenderStart(pSession, pPort);
+        FileSenderStart(pSession);
     return Verdict::Keep;
 }
 
@@ -219,7 +226,7 @@ Verdict HandleTeardown(Session *pSession, Port *pPort, Request *)
     QueueDropAll(pSession);
     if (ReplyDated(pSession, pPort, STATUS_OK) == Verdict::End)
         return Verdict::End;
-    SessionDelayClose(pPort);
+    SessionDelayClose(pSession);
     return Verdict::Keep;
 }
 

@@ -42,7 +42,7 @@ Verdict HandleQuickPlay(Session *pSession, Port *pPort, Request *pRequest)
     if (!ORX_PEER_ASSERT(!(pSession->nFlags & SESSION_FILE_SENDER), "!(session->nFlags & 0x10)"))
         return Verdict::End;
     if (!pProg->bLive) {
-        FileSenderStart(pSession, pSession->peer.Reply);
+        FileSenderStart(pSession);
         return Verdict::Keep;
     }
     FillBufferAtFirstPlay(pSession);

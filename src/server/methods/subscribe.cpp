@@ -23,8 +23,11 @@ Verdict HandleSubscribe(Session *pSession, Port *pPort, Request *pRequest)
         return Refuse(pSession, pPort, STATUS_UNAUTHORIZED);
     if (pSession->nState != STATE_NEW)
         return Refuse(pSession, pPort, STATUS_WRONG_STATE);
-    if (!ChooseReplyPort(pSession, pPort) || !AttachByPath(pSession, pPort, pRequest))
+    if (!ChooseReplyPort(pSession, pPort))
         return Verdict::End;
+    Verdict eAttached = AttachByPath(pSession, pPort, pRequest);
+    if (eAttached != Verdict::Keep)
+        return eAttached;
     const Program *pProg = pSession->pProg;
     if (pProg->desc.nDataTrack < 0)
         return Refuse(pSession, pPort, STATUS_WRONG_STATE);

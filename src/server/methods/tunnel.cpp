@@ -10,12 +10,14 @@
 #include "base/textbuf.h"
 #include "runtime/clock.h"
 #include "server/core/registry.h"
+#include "server/core/settings.h"
 #include "server/media/replies.h"
 
 namespace orx {
 
 static constexpr char kTunnelType[] = "application/x-rtsp-tunnelled";
-static constexpr uint32_t kPostedInputDelayMs = 10;  // the handler of the POST has returned by then
+static constexpr uint32_t kPostedInputDelayMs = 10;  // the handler of either half has returned by then
+static constexpr uint32_t kPostWaitsMs = 2000;       // of halves sent at once the GET is not far
 
 int IsTunnelType(const char *szType)
 {
@@ -31,6 +33,27 @@ Verdict ReplyMismatch(Session *pSession, Port *pPort)
     return MessageSend(&reply);
 }
 
+// The first session that waits for its other half under a name; nFlag says which half it is.
+static Session *FindWaiting(uint32_t nFlag, const char *szCookie)
+{
+    for (Session *p = FirstSession(); p; p = NextSession(p))
+        if ((p->nFlags & nFlag) && p->peer.szCookie && strcasecmp(p->peer.szCookie, szCookie) == 0)
+            return p;
+    return nullptr;
+}
+
+// The session waits for its other half. Returns 0 without memory.
+static int Wait(Session *pSession, uint32_t nFlag, const char *szCookie)
+{
+    char *szCopy = strdup(szCookie);
+    if (!szCopy)
+        return 0;
+    free(pSession->peer.szCookie);
+    pSession->peer.szCookie = szCopy;
+    pSession->nFlags |= nFlag;
+    return 1;
+}
+
 Verdict HandleTunnelGet(Session *pSession, Port *pPort, Request *pRequest)
 {
     const char *szCookie = RequestHeaderValue(pRequest, "x-sessioncookie");
@@ -38,12 +61,11 @@ Verdict HandleTunnelGet(Session *pSession, Port *pPort, Request *pRequest)
         return ReplyStatus(pSession, pPort, HTTP_NO_COOKIE);
     if (!szCookie)
         return ReplyMismatch(pSession, pPort);
-    char *szCopy = strdup(szCookie);
-    if (!szCopy)
+    if (!Wait(pSession, SESSION_TUNNEL_GET, szCookie))
         return ReplyStatus(pSession, pPort, HTTP_FAILED);
-    free(pSession->peer.szCookie);
-    pSession->peer.szCookie = szCopy;
-    pSession->nFlags |= SESSION_TUNNEL_GET;
+    const Session *pPost = FindWaiting(SESSION_TUNNEL_POST, szCookie);
+    if (pPost)  // they are paired once this request is done with
+        PortPostEvent(pPost->peer.Cmd, EVENT_POSTED_INPUT, kPostedInputDelayMs);
     Message reply(pSession, pPort);
     ReplyBegin(&reply, HTTP_OK);
     TextAdd(&reply.text, "Content-Type: %s\r\n", kTunnelType);
@@ -52,18 +74,13 @@ Verdict HandleTunnelGet(Session *pSession, Port *pPort, Request *pRequest)
     return MessageSend(&reply);
 }
 
-static Session *FindWaitingGet(const char *szCookie)
+// The GET session takes the POST connection over, with what that delivered behind its header: from nFrom on
+// in the POST session's buffer. Nothing happens when the two do not fit.
+static void Pair(Session *pGet, Session *pPost, Port *pPort, uint32_t nFrom)
 {
-    for (Session *p = FirstSession(); p; p = NextSession(p))
-        if ((p->nFlags & SESSION_TUNNEL_GET) && p->peer.szCookie &&
-            strcasecmp(p->peer.szCookie, szCookie) == 0)
-            return p;
-    return nullptr;
-}
-
-// The GET session takes the POST connection over, with what it delivered behind its header.
-static void Pair(Session *pGet, Session *pPost, Port *pPort)
-{
+    if (!ORX_PEER_ASSERT(!pGet->peer.Reply && pPost->peer.Cmd == pPort, "!p->Reply && session->Cmd==port") ||
+        !ORX_PEER_ASSERT(!pGet->input.nLen, "!p->nLen"))
+        return;
     pGet->peer.Reply = pGet->peer.Cmd;
     pGet->peer.Cmd = pPort;
     free(pGet->peer.szCookie);
@@ -73,12 +90,12 @@ static void Pair(Session *pGet, Session *pPost, Port *pPort)
     if (pPost->peer.Reply == pPort)  // requests were answered on it before
         pPost->peer.Reply = nullptr;
     AvlReplace(&g_server.sessionMap, pPort->fd, pGet);
-    auto *pText = reinterpret_cast<const char *>(pPost->input.pBuf + pPost->input.nNext);
-    uint32_t nText = pPost->input.nLen - pPost->input.nNext;
-    if (nText == 0)
-        return;
-    pGet->peer.tLastActivity = ClockUptime();  // it may have waited for longer than one may be silent
-    if (TunnelDecode(pGet, pPort, pText, nText)) {
+    auto *pText = reinterpret_cast<const char *>(pPost->input.pBuf + nFrom);
+    uint32_t nText = pPost->input.nLen - nFrom;
+    if (nText > 0)
+        pGet->peer.tLastActivity = ClockUptime();  // it may have waited for longer than one may be silent
+    if (nText == 0 || TunnelDecode(pGet, pPort, pText, nText)) {
+        // also without a text: the end of the connection may have been reported already
         PortPostEvent(pPort, EVENT_POSTED_INPUT, kPostedInputDelayMs);
         return;
     }
@@ -87,19 +104,44 @@ static void Pair(Session *pGet, Session *pPost, Port *pPort)
     PortPostEvent(pPort, MONITOR_CLOSE, 0);
 }
 
+static int OnPostWaited(Task *pTask, uint32_t, uint32_t, uint32_t)
+{
+    Session *pPost = SessionOfTask(pTask);
+    if (pPost)
+        SessionEnd(pPost);
+    return -1;
+}
+
+// Clients that send both halves at once do not care which arrives first.
+static int MayWaitForGet(const Session *pSession, const Port *pPort)
+{
+    return g_settings.bStandardPlayers && pSession->nState == STATE_NEW && pSession->peer.Cmd == pPort &&
+           !(pSession->nFlags & SESSION_TUNNEL_GET);
+}
+
 Verdict BindToHttpGet(Session *pSession, Port *pPort, Request *pRequest)
 {
     if (!IsTunnelType(RequestHeaderValue(pRequest, "Content-Type")))
         return ReplyMismatch(pSession, pPort);
     pPort->nFlags |= PORT_TUNNEL_POST;
     const char *szCookie = RequestHeaderValue(pRequest, "x-sessioncookie");
-    Session *pGet = szCookie ? FindWaitingGet(szCookie) : nullptr;
-    if (pGet &&
-        ORX_PEER_ASSERT(!pGet->peer.Reply && pSession->peer.Cmd == pPort,
-                        "!p->Reply && session->Cmd==port") &&
-        ORX_PEER_ASSERT(!pGet->input.nLen, "!p->nLen"))
-        Pair(pGet, pSession, pPort);
+    Session *pGet = szCookie ? FindWaiting(SESSION_TUNNEL_GET, szCookie) : nullptr;
+    if (pGet)
+        Pair(pGet, pSession, pPort, pSession->input.nNext);
+    else if (szCookie && MayWaitForGet(pSession, pPort) && Wait(pSession, SESSION_TUNNEL_POST, szCookie)) {
+        SessionSchedule(pSession, OnPostWaited, kPostWaitsMs);
+        return Verdict::Keep;
+    }
     return Verdict::End;  // of this session; its connection may go on as the other's
+}
+
+void TunnelPairPost(Session *pPost, Port *pPort)
+{
+    Session *pGet = FindWaiting(SESSION_TUNNEL_GET, pPost->peer.szCookie);
+    if (!pGet)
+        return;
+    Pair(pGet, pPost, pPort, 0);
+    SessionEnd(pPost);
 }
 
 static int IsBase64(char c)

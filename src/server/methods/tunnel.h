@@ -12,7 +12,12 @@ namespace orx {
 int IsTunnelType(const char *szType);
 
 Verdict HandleTunnelGet(Session *pSession, Port *pPort, Request *pRequest);
-Verdict BindToHttpGet(Session *pSession, Port *pPort, Request *pRequest);  // the method POST
+// The method POST. With [INTEROP] StandardPlayers one whose GET half is not there yet waits for it for two
+// seconds (SESSION_TUNNEL_POST): its connection is not read meanwhile, and what came behind its header stays
+// in the session's buffer as it is.
+Verdict BindToHttpGet(Session *pSession, Port *pPort, Request *pRequest);
+// Pairs such a session, whose connection pPort is, with a GET half that has come: the session then ends.
+void TunnelPairPost(Session *pPost, Port *pPort);
 // The answer to an HTTP request that opens no tunnel.
 Verdict ReplyMismatch(Session *pSession, Port *pPort);
 

@@ -1,5 +1,6 @@
 #include "runtime/task.h"
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <thread>
@@ -113,6 +114,29 @@ TEST_F(SchedulerTest, OrderHoldsAcrossTheWrapOfTheClock)
     Add(0, 9);
     Let();
     EXPECT_THAT(Ran(9), ElementsAre(9, 8, 3, 1, 5, 6, 2, 4, 0));
+    WaitUntilDone();
+}
+
+// Urgent tasks that never end: others that are due run after each 49 of them, once.
+TEST_F(SchedulerTest, UrgentTasksLeaveRoomToOthers)
+{
+    static int nLeft;
+    nLeft = 200;
+    auto *pfnAgain = +[](Task *pTask, uint32_t, uint32_t, uint32_t) {
+        std::lock_guard<std::mutex> guard(Of(pTask)->mutex);
+        Of(pTask)->params.push_back(pTask->nParam);
+        if (nLeft-- > 0)  // one that is not urgent runs again, or the urgent one schedules itself
+            return pTask->nParam ? 0 : (TaskSchedule(pTask->pScheduler, pTask->pfnRun, 0, 0, TaskArgument(pTask)), -1);
+        return -1;
+    };
+    HoldThread();
+    TaskSchedule(&scheduler, pfnAgain, 20, 1, this);
+    Jump(kMinuteMs);
+    TaskSchedule(&scheduler, pfnAgain, 0, 0, this);
+    Let();
+    std::vector<int> ran = Ran(200);
+    EXPECT_LE(std::ranges::find(ran, 1) - ran.begin(), 49);
+    EXPECT_LE(std::count(ran.begin(), ran.begin() + 90, 1), 2) << "once in a while";
     WaitUntilDone();
 }
 

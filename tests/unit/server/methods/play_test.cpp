@@ -32,4 +32,22 @@ TEST_F(RecordingQueueTest, JumpsLeaveNothingFromBefore)
     EXPECT_THAT(data, HasSubstr("trackID=0;seq=2,url=rtsp://h/a.zmf/trackID=0;seq=500\r\n"));
 }
 
+// A reply that waits is not overtaken by the one to PLAY, nor is that by the media that PLAY queues.
+TEST_F(PlayerQueueTest, RepliesToPlayKeepTheirPlace)
+{
+    Start("[INTEROP]\nStandardPlayers=1\n");
+    const std::string text = "PLAY rtsp://h/cam RTSP/1.0\r\nCSeq: 1\r\n\r\n";
+    RunOnScheduler([&] {
+        Request request;
+        RequestInit(&request);
+        ASSERT_EQ(1, RequestParse(&request, text.data(), text.size()));
+        pPlayer->nState = STATE_SETUP;
+        CachePacketEx(pProg, MakePacket({0, 0, 1, 1}));
+        ListAppend(&pPlayer->out.Outq, MakeDataBlock("first", 5, 0, 0, 0));
+        EXPECT_EQ(Verdict::Keep, HandlePlay(pPlayer, pPlayer->peer.Cmd, &request));
+        RequestReset(&request);
+    });
+    EXPECT_THAT(Receive(200), testing::MatchesRegex("firstRTSP/1.0 200 OK\r\n.*RTP-Info: [^$]*\r\n\r\n[$].*"));
+}
+
 }  // namespace orx

@@ -1,0 +1,97 @@
+#include "server/front/limits.h"
+
+#include <algorithm>
+
+#include "base/console.h"
+#include "remote/bridgeaddr.h"
+#include "runtime/clock.h"
+#include "runtime/sockutil.h"
+#include "server/core/program.h"
+#include "server/core/registry.h"
+#include "server/core/session.h"
+#include "server/core/settings.h"
+
+namespace orx {
+
+// "Session" lines name no timeout, which is then a minute (RFC 2326, section 12.37); two and a half of that
+// leave room for a keep-alive that was lost.
+static constexpr uint32_t kSilenceSeconds = 150;
+static constexpr uint32_t kLongestLookMs = 5000;
+
+static int g_bWatching = 0;  // the task runs
+
+void LimitsInit()
+{
+    g_bWatching = 0;
+}
+
+static int IsExempt(uint32_t nIp)
+{
+    return nIp >> 24 == IN_LOOPBACKNET && !IsBridgeAddress(nIp);
+}
+
+static int CountsByAddress(const Session *pSession)
+{
+    return pSession->nState != STATE_PLAYING && !(pSession->nFlags & SESSION_PUSHER) &&
+           !pSession->viewer.bAdmitted;
+}
+
+int AddressIsFull(const sockaddr_in *pAddr)
+{
+    uint32_t nIp = SockGetIp(pAddr);
+    uint32_t nSessions = 0;
+    if (!g_settings.nMaxSessionsPerAddress || IsExempt(nIp))
+        return 0;
+    for (const Session *p = FirstSession(); p; p = NextSession(p)) {
+        const Port *pPort = SessionPeerPort(p);
+        nSessions += CountsByAddress(p) && pPort && SockGetIp(&pPort->remote) == nIp;
+    }
+    return nSessions >= g_settings.nMaxSessionsPerAddress;
+}
+
+// Plays, subscribes, or pushes: one that was told to sleep has nothing to push.
+static int IsAtWork(const Session *pSession)
+{
+    const Program *pProg = pSession->pProg;
+    if (pSession->nState == STATE_PLAYING || (pSession->nFlags & SESSION_SUBSCRIBER))
+        return 1;
+    return (pSession->nFlags & SESSION_PUSHER) && pProg &&
+           (pProg->cache.nSerial > 0 || pProg->sleep.bSleeping);
+}
+
+static int IsOver(const Session *pSession, uint32_t nNow)
+{
+    if (IsAtWork(pSession))
+        return 0;
+    if (pSession->play.nSetupCount > 0)  // set up, paused, at its end
+        return ClockDiff(nNow, pSession->peer.tLastActivity) > static_cast<int32_t>(kSilenceSeconds);
+    return ClockDiff(nNow, pSession->peer.tLastRequest) > static_cast<int32_t>(g_settings.nStateTimeout);
+}
+
+static int OnLook(Task *, uint32_t, uint32_t, uint32_t)
+{
+    uint32_t nNow = ClockUptime();
+    Session *pNext;
+    for (Session *p = FirstSession(); p; p = pNext) {
+        pNext = NextSession(p);
+        if (!IsOver(p, nNow))
+            continue;
+        char szRemote[kAddrTextSize];
+        SessionRemoteText(p, szRemote);
+        print("Session of %s did nothing for too long. It is closed.\r\n", szRemote);
+        SessionEnd(p);
+    }
+    g_bWatching = ListCount(&g_server.sessions) > 0;
+    return g_bWatching ? static_cast<int>(std::clamp(g_settings.nStateTimeout * 500, 1000U, kLongestLookMs))
+                       : -1;
+}
+
+void LimitsWatch()
+{
+    if (!g_settings.nStateTimeout || g_bWatching)
+        return;
+    g_bWatching = 1;
+    TaskSchedule(&g_server.scheduler, OnLook, 1000, 0, nullptr);
+}
+
+}  // namespace orx

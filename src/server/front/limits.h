@@ -1,0 +1,19 @@
+// How many sessions one address may hold without doing anything, and for how long: the [GUARD] keys
+// MaxSessionsPerAddress and StateTimeout. Scheduler thread only.
+#pragma once
+
+#include <netinet/in.h>
+
+namespace orx {
+
+// Forgets what an earlier server left. Before the server's threads start.
+void LimitsInit();
+
+// Whether the address of a new connection has so many sessions that neither play, push nor were admitted that
+// it gets no further one. The box itself (127.0.0.0/8) is exempt, each bridge of the relay counts by itself.
+int AddressIsFull(const sockaddr_in *pAddr);
+
+// A session was made: sees to it that those which do nothing for too long are looked for.
+void LimitsWatch();
+
+}  // namespace orx

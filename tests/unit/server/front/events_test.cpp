@@ -1,0 +1,115 @@
+#include "server/front/events.h"
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "server/core/settings.h"
+#include "support/testserver.h"
+
+namespace orx {
+
+// A connection, and a media socket of it. The test reads them as the monitor's events would.
+struct EventsTest : testing::Test {
+    TestServer server;
+    TcpPair pair;
+    Session *pSession = nullptr;
+    Port *pMedia = nullptr;
+    std::string replies;
+
+    void SetUp() override
+    {
+        server.Run([&] {
+            pSession = CreateSession(CreateTcpPort(pair.fdServer));
+            pMedia = CreateUdpPort("127.0.0.1", 40000 + getpid() % 20000, "127.99.0.1", 9);
+            ASSERT_NE(nullptr, pMedia);
+            AvlReplace(&g_server.sessionMap, pMedia->fd, pSession);
+            pSession->tracks[0].Media = pMedia;
+        });
+    }
+    size_t Replies()
+    {
+        char bytes[65536];
+        ssize_t n;
+        while ((n = recv(pair.fdPeer, bytes, sizeof(bytes), MSG_DONTWAIT)) > 0)
+            replies.append(bytes, static_cast<size_t>(n));
+        return static_cast<size_t>(std::ranges::count(replies, 'O'));
+    }
+    // One datagram from an address to the media port.
+    void SendMedia(const char *szFrom)
+    {
+        Sock sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        sockaddr_in from = Loopback(0);
+        inet_pton(AF_INET, szFrom, &from.sin_addr);
+        ASSERT_EQ(0, bind(sock.fd, reinterpret_cast<sockaddr *>(&from), sizeof(from)));
+        ASSERT_EQ(1, sendto(sock.fd, "x", 1, 0, reinterpret_cast<sockaddr *>(&pMedia->local), sizeof(from)));
+    }
+};
+
+// Of what a socket holds a part is taken, and the rest behind others; nothing is lost or taken twice.
+TEST_F(EventsTest, TakesASocketInParts)
+{
+    std::string requests;
+    for (int i = 1; requests.size() < 100000; i++)
+        requests +=
+            "SET_PARAMETER * RTSP/1.0\r\nCSeq: " + std::to_string(i) + "\r\nX: " + std::string(950, 'x') + "\r\n\r\n";
+    int nSize = 1 << 20;
+    setsockopt(pair.fdServer, SOL_SOCKET, SO_RCVBUF, &nSize, sizeof(nSize));
+    setsockopt(pair.fdPeer, SOL_SOCKET, SO_SNDBUF, &nSize, sizeof(nSize));
+    server.Run([&] {
+        ASSERT_EQ(static_cast<ssize_t>(requests.size()), send(pair.fdPeer, requests.data(), requests.size(), 0));
+        for (int i = 0; i < 3; i++)  // further events change nothing
+            EXPECT_EQ(0, OnRead(pair.fdServer));
+        EXPECT_GT(pSession->peer.nReceived, 0U);  // on a slow machine the time for one event ends before
+        EXPECT_LE(pSession->peer.nReceived, 65536U + 16384U);
+        pSession->peer.nReceived = 0;
+        for (int i = 0; i < 100; i++)
+            SendMedia("127.99.0.1");
+        OnRead(pMedia->fd);
+        EXPECT_EQ(64U, pSession->peer.nReceived);
+    });
+    size_t nLast = static_cast<size_t>(std::ranges::count(requests, 'S')) / 3;
+    EXPECT_TRUE(WaitFor([&] { return Replies() >= nLast; }));
+    EXPECT_NE(std::string::npos, replies.rfind("CSeq: " + std::to_string(nLast) + "\r\n"));
+    EXPECT_TRUE(WaitFor([&] {
+        uint32_t nReceived = 0;
+        server.Run([&] { nReceived = pSession->peer.nReceived; });
+        return nReceived == 100 + requests.size() - 65536 || nReceived >= 100;
+    }));
+}
+
+TEST_F(EventsTest, MediaPortsKnowTheirPeer)
+{
+    for (int bPinned : {0, 1}) {
+        g_settings.bPinMedia = bPinned;
+        for (const char *szFrom : {"127.99.0.2", "127.99.0.1"}) {
+            server.Run([&] {
+                inet_pton(AF_INET, "127.99.0.1", &pMedia->remote.sin_addr);
+                pSession->peer.nReceived = 0;
+                SendMedia(szFrom);
+                OnRead(pMedia->fd);
+                int bTaken = !bPinned || szFrom[9] == '1';
+                EXPECT_EQ(static_cast<uint32_t>(bTaken), pSession->peer.nReceived) << szFrom;
+                EXPECT_EQ(inet_addr(bTaken ? szFrom : "127.99.0.1"), pMedia->remote.sin_addr.s_addr);
+            });
+        }
+    }
+    g_settings.bPinMedia = 0;
+}
+
+// Whatever is asked, and however often.
+TEST_F(EventsTest, OneTimerOfEachKindForAConnection)
+{
+    unsigned nTasks = 0;
+    std::string requests;
+    for (int i = 1; i <= 200; i++)
+        requests += "GETWIFIROUTERS * RTSP/1.0\r\nCSeq: 1\r\n\r\nTEARDOWN * RTSP/1.0\r\nCSeq: 1\r\n\r\n";
+    server.Run([&] {
+        ASSERT_EQ(static_cast<ssize_t>(requests.size()), send(pair.fdPeer, requests.data(), requests.size(), 0));
+        OnRead(pair.fdServer);
+        nTasks = SchedulerTaskCount(&g_server.scheduler);
+    });
+    EXPECT_LE(nTasks, 6U);
+}
+
+}  // namespace orx
