@@ -1,6 +1,9 @@
 // What wrong passwords cost who shows them, and for whom and how long a Digest challenge is good. The server
 // runs inside the test, so that its clock can be moved.
+#include <unistd.h>
+
 #include <memory>
+#include <utility>
 
 #include "server/core/registry.h"
 #include "server/core/settings.h"
@@ -36,7 +39,7 @@ struct CredentialsTest : testing::Test {
         std::string text = MakeRequest(method, server->Url("/cam"), 8, headers, body);
         for (int i = 9; i <= nLast; i++)
             text += Options(i);
-        Send(pClient, text);
+        ASSERT_EQ(1, RtspSendBytes(pClient, text.data(), text.size()));
         RtspClient other;
         Connect(&other, "127.0.0.99");
         for (int i = 0; i < 3; i++)
@@ -115,13 +118,32 @@ TEST_F(CredentialsTest, RightOneEndsTheCount)
     Connect(&owner, "127.0.0.1");
     for (int i = 0; i < 5; i++)
         EXPECT_THAT(Ask(&owner, "GETPLAYLIST", "", wrong), testing::HasSubstr(" 401 "));
-    // neither the wait nor its end needs the connection
-    Connect(&guesser, "127.0.0.11");
-    for (int i = 0; i < 2; i++)
+}
+
+// Neither the wait nor its end needs the connections that asked.
+TEST_F(CredentialsTest, WhoWaitsMayGo)
+{
+    Start("AuthFailDelay=2000", AUTH_BASIC);
+    RtspClient guesser;
+    for (int i = 0; i < 2; i++) {
+        Connect(&guesser, "127.0.0.10");
         Ask(&guesser, "GETPLAYLIST", "", wrong);
+    }
+    Connect(&guesser, "127.0.0.10");
     SendAndWait(&guesser, "GETPLAYLIST", wrong);
     RtspReset(&guesser);
-    PassTime(2100);
+    // a tunnel loses its half of requests, then the other one; or both at once
+    for (bool bWhole : {false, true}) {
+        RtspClose(&guesser);
+        ASSERT_EQ(1, RtspConnectTunnel(&guesser, server->Url("/cam").c_str()));
+        SendAndWait(&guesser, "GETPLAYLIST", wrong);
+        if (bWhole)
+            RtspReset(&guesser);
+        else
+            close(std::exchange(guesser.fdPost, -1));
+        ASSERT_TRUE(Answers(&pusher));
+    }
+    PassTime(8100);
     EXPECT_TRUE(Answers(&pusher));
 }
 

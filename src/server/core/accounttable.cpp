@@ -32,14 +32,25 @@ struct AccountTable {
     int nUsers = 0;
 };
 
-// The keys that are followed by a user's number.
+struct TableKey {
+    const char *szSection;
+    const char *szKey;
+    AccountValue AccountTable::*pField;
+};
+static constexpr TableKey g_tableKeys[] = {{"USERS", "SuperUser", &AccountTable::superName},
+                                           {"USERS", "SuperPwd", &AccountTable::superPassword},
+                                           {"USERS", "NumUsers", &AccountTable::users}};
+
+// The keys that a user's number follows.
 struct RowKey {
+    const char *szSection;
     const char *szKey;
     AccountValue AccountRow::*pField;
 };
-static constexpr RowKey g_userKeys[] = {
-    {"UserName", &AccountRow::name}, {"UserPwd", &AccountRow::password}, {"UserLevel", &AccountRow::level}};
-static constexpr RowKey g_controlKeys[] = {{"UserDevList", &AccountRow::devices}};
+static constexpr RowKey g_rowKeys[] = {{"USERS", "UserName", &AccountRow::name},
+                                       {"USERS", "UserPwd", &AccountRow::password},
+                                       {"USERS", "UserLevel", &AccountRow::level},
+                                       {"USERCTRL", "UserDevList", &AccountRow::devices}};
 
 static void Copy(char *szOut, size_t nSize, const AccountValue *pValue)
 {
@@ -104,26 +115,26 @@ static int NoteRow(AccountTable *pTable, const RowKey *pKey, const ProfileLine *
     return 1;
 }
 
-static int ReadSections(AccountTable *pTable)
+// Notes the keys that one section is to have. Returns 0 without memory.
+static int ReadSection(AccountTable *pTable, const char *szSection)
 {
     ProfileLine line;
-    ProfileWalk users{pTable->szText, "USERS"};
-    while (ProfileWalkNext(&users, &line)) {
-        if (IsKey(&line, "SuperUser"))
-            Note(&pTable->superName, &line);
-        else if (IsKey(&line, "SuperPwd"))
-            Note(&pTable->superPassword, &line);
-        else if (IsKey(&line, "NumUsers"))
-            Note(&pTable->users, &line);
-        for (const RowKey &key : g_userKeys)
-            if (!NoteRow(pTable, &key, &line))
+    ProfileWalk walk{pTable->szText, szSection};
+    while (ProfileWalkNext(&walk, &line)) {
+        for (const TableKey &key : g_tableKeys)
+            if (strcmp(key.szSection, szSection) == 0 && IsKey(&line, key.szKey))
+                Note(&(pTable->*key.pField), &line);
+        for (const RowKey &key : g_rowKeys)
+            if (strcmp(key.szSection, szSection) == 0 && !NoteRow(pTable, &key, &line))
                 return 0;
     }
-    ProfileWalk control{pTable->szText, "USERCTRL"};
-    while (ProfileWalkNext(&control, &line))
-        for (const RowKey &key : g_controlKeys)
-            if (!NoteRow(pTable, &key, &line))
-                return 0;
+    return 1;
+}
+
+static int ReadSections(AccountTable *pTable)
+{
+    if (!ReadSection(pTable, "USERS") || !ReadSection(pTable, "USERCTRL"))
+        return 0;
     pTable->nUsers = pTable->pRows ? std::min(Number(&pTable->users), kMaxUsers) : 0;
     return 1;
 }

@@ -150,7 +150,7 @@ TEST(AuthDigest, FreshNonceIsForItsClientAndAMinute)
         {0, 1, "rtsp://box/ch1", "Circle Of Life", 2},
         {0, 1, "/ch1", "Circle Of Life", 2},
         {0, 1, "rtsp://192.168.1.2:554/%63h1", "Circle Of Life", 2},
-        {59, 1, "rtsp://box/ch1", "Circle Of Life", 2},
+        {57, 1, "rtsp://box/ch1", "Circle Of Life", 2},
         {0, 1, "rtsp://box/ch1", "circle", AUTH_REFUSED},
         {0, 1, "rtsp://box/ch10", "Circle Of Life", AUTH_REFUSED},
         {0, 1, "rtsp://box/", "Circle Of Life", AUTH_REFUSED},
