@@ -192,7 +192,7 @@ void ConsoleFlush(int bLast)
 
 // Opens the pipe or terminal behind a stream once more, without blocking. The stream itself is shared with
 // the shell that started us, whose own reads and writes must go on to block. A file must keep its one place.
-static void Unblock(Channel *pChannel)
+static void Unblock(Channel *pChannel, int bOn)
 {
     char szPath[32];
     struct stat info {};
@@ -200,18 +200,19 @@ static void Unblock(Channel *pChannel)
     TextAdd(&path, "/proc/self/fd/%d", pChannel->fdStream);
     if (pChannel->fd != pChannel->fdStream)
         close(std::exchange(pChannel->fd, pChannel->fdStream));
-    if (fstat(pChannel->fdStream, &info) != 0 || (!S_ISFIFO(info.st_mode) && !isatty(pChannel->fdStream)))
+    if (!bOn || fstat(pChannel->fdStream, &info) != 0 ||
+        (!S_ISFIFO(info.st_mode) && !isatty(pChannel->fdStream)))
         return;
     int fd = open(szPath, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd >= 0)
         pChannel->fd = fd;
 }
 
-void ConsoleUnblock()
+void ConsoleUnblock(int bOn)
 {
     OutputLock lock(&g_printMutex);
-    Unblock(&g_out);
-    Unblock(&g_err);
+    Unblock(&g_out, bOn);
+    Unblock(&g_err, bOn);
 }
 
 void ConsoleSetDaemon(int bDaemon)

@@ -20,9 +20,9 @@ void ConsoleError(const char *szText, size_t nLen);
 // Writes what is held on both streams as far as it is taken at once; bLast waits up to a second for a reader.
 void ConsoleFlush(int bLast);
 
-// Has writes to a terminal, or to a pipe that others write to as well, never block either. At start-up,
-// before threads run; again when the standard streams were changed.
-void ConsoleUnblock();
+// Has writes to a terminal, or to a pipe that others write to as well, never block either (1), or goes back
+// to the standard streams as they are (0). At start-up, before threads run.
+void ConsoleUnblock(int bOn);
 
 // Silences the console (1) or lets it speak again (0).
 void ConsoleSetDaemon(int bDaemon);

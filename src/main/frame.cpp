@@ -306,7 +306,7 @@ static int FindLog(LogPlace *pPlace, const char *szCfg)
 int RunProcess(int argc, char **argv)
 {
     OpenMissingDescriptors();
-    ConsoleUnblock();
+    ConsoleUnblock(1);
     mallopt(M_ARENA_MAX, 1);  // nearly everything is allocated by one thread; more arenas only cost memory
     InstallSignalHandlers();
     PrintBanner(argv[0]);

@@ -17,19 +17,23 @@ namespace orx {
 // A pipe, and the terminal of somebody who has gone to lunch.
 TEST(Print, AReaderWhoDoesNotReadHoldsUpNobody)
 {
-    for (bool bTerminal : {false, true}) {
-        int fds[2], nSavedFd = dup(STDOUT_FILENO);
+    static const std::pair<int, bool> cases[] = {{STDOUT_FILENO, false}, {STDOUT_FILENO, true}, {STDERR_FILENO, false}};
+    for (const auto &[fdStream, bTerminal] : cases) {
+        int fds[2], nSavedFd = dup(fdStream);
+        auto say = [fd = fdStream](const std::string &text) {
+            fd == STDOUT_FILENO ? print("%s", text.c_str()) : ConsoleError(text.data(), text.size());
+        };
         termios raw{};
         cfmakeraw(&raw);
         ASSERT_EQ(0, bTerminal ? openpty(&fds[0], &fds[1], nullptr, &raw, nullptr) : pipe(fds));
-        dup2(fds[1], STDOUT_FILENO);
-        ConsoleUnblock();
+        dup2(fds[1], fdStream);
+        ConsoleUnblock(1);
         close(fds[1]);
-        auto arrived = [&] {
+        auto arrived = [&, bWait = bTerminal] {
             std::string all;
             char buf[4096];
             pollfd in{fds[0], POLLIN, 0};
-            while (poll(&in, 1, bTerminal ? 100 : 0) == 1) {  // what a terminal shows takes a moment
+            while (poll(&in, 1, bWait ? 100 : 0) == 1) {  // what a terminal shows takes a moment
                 ssize_t n = read(fds[0], buf, sizeof(buf));
                 all.append(buf, n > 0 ? size_t(n) : 0);
                 ConsoleFlush(0);
@@ -38,7 +42,7 @@ TEST(Print, AReaderWhoDoesNotReadHoldsUpNobody)
         };
         const std::string text(2000, 'x');
         for (int i = 0; i < 100; i++)  // more than the pipe holds, and what is kept for it
-            print("%s\n", text.c_str());
+            say(text + "\n");
         const std::string all = arrived();
         unsigned nLost = 0;
         size_t nRead = all.find('(');
@@ -46,14 +50,14 @@ TEST(Print, AReaderWhoDoesNotReadHoldsUpNobody)
         EXPECT_EQ(1, sscanf(all.c_str() + nRead, "(%u messages that nobody read are lost)\r\n", &nLost));
         EXPECT_EQ(100, nRead / (text.size() + 1) + nLost) << nRead;
         EXPECT_GT(nRead, 65536U);
-        print("%s %s\n", text.c_str(), "100%s");
+        say(text + " 100%s\n");
         EXPECT_EQ(text + " 100%s\n", arrived());
         close(fds[0]);  // and a handler that prints, too, does not make it worse
         auto pfnBefore = signal(SIGPIPE, [](int) { ConsoleWriteRaw("Catch: SIGPIPE\r\n", 16); });
-        print("nobody hears this\r\n");
+        say("nobody hears this\r\n");
         signal(SIGPIPE, pfnBefore);
-        dup2(nSavedFd, STDOUT_FILENO);
-        ConsoleUnblock();
+        dup2(nSavedFd, fdStream);
+        ConsoleUnblock(0);
         close(nSavedFd);
     }
 }
