@@ -1,8 +1,10 @@
 #include "base/assertion.h"
 
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
+
+#include "base/console.h"
+#include "base/textbuf.h"
 
 namespace orx {
 
@@ -10,22 +12,31 @@ static std::atomic<int> g_bSurvivePeerFaults{0};  // written once at start-up, r
 
 static void Report(const char *szText, const char *szFunction, const char *szFile, int nLine)
 {
-    fprintf(stderr, "%s:%d: %s: Assertion `%s' failed.\n", szFile, nLine, szFunction, szText);
-    fflush(stderr);
+    char room[1024];  // our own texts, which are short
+    TextBuf text{room, sizeof(room)};
+    TextAdd(&text, "%s:%d: %s: Assertion `%s' failed.\n", szFile, nLine, szFunction, szText);
+    ConsoleError(room, text.nLen);
 }
 
 void AssertFailed(const char *szText, const char *szFunction, const char *szFile, int nLine)
 {
     Report(szText, szFunction, szFile, nLine);
+    ConsoleFlush(1);
     abort();
 }
 
 int PeerAssertFailed(const char *szText, const char *szFunction, const char *szFile, int nLine)
 {
     Report(szText, szFunction, szFile, nLine);
-    if (!g_bSurvivePeerFaults.load(std::memory_order_relaxed))
-        abort();
-    return 0;
+    if (AssertPeerFaultsSurvived())
+        return 0;
+    ConsoleFlush(1);
+    abort();
+}
+
+int AssertPeerFaultsSurvived()
+{
+    return g_bSurvivePeerFaults.load(std::memory_order_relaxed);
 }
 
 void AssertSurvivePeerFaults(int bSurvive)

@@ -18,6 +18,7 @@ int PeerAssertFailed(const char *szText, const char *szFunction, const char *szF
 
 // Says whether a failed peer assertion ends only what the peer was doing (1) or the process (0, the default).
 void AssertSurvivePeerFaults(int bSurvive);
+int AssertPeerFaultsSurvived();
 
 }  // namespace orx
 

@@ -9,9 +9,13 @@
 #include <ctime>
 
 #include <atomic>
+#include <initializer_list>
+#include <utility>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "base/textbuf.h"
@@ -23,11 +27,12 @@ constexpr long kLogDropBytes = 51200;  // a quarter at a time, so that the file 
 constexpr size_t kLogMessageSize = 1024;  // longer messages are cut
 constexpr size_t kPrintRoom = 1024;       // longer prints, such as dumped requests, are formatted on the heap
 
-constexpr int kStallMs = 1000;  // how long a full pipe is waited for: a reader that is alive reads sooner
 constexpr size_t kPieceBytes = PIPE_BUF;  // what a pipe that polls writable takes without blocking
+constexpr size_t kHeldBytes = 65536;      // of text that waits for a reader: as much as the pipe itself holds
+constexpr int kLastWordsMs = 1000;        // how long the end of the process waits for a reader
 
-static std::atomic<int> g_bDaemon{0};  // written at start-up, read by any thread
-static pthread_mutex_t g_printMutex = PTHREAD_MUTEX_INITIALIZER;
+static std::atomic<int> g_bDaemon{0};                             // written at start-up, read by any thread
+static pthread_mutex_t g_printMutex = PTHREAD_MUTEX_INITIALIZER;  // of both channels: they may be one pipe
 static pthread_mutex_t g_logMutex = PTHREAD_MUTEX_INITIALIZER;
 
 // The log file. Set at start-up, the date key then changed under g_logMutex.
@@ -55,31 +60,82 @@ struct OutputLock {
     OutputLock &operator=(const OutputLock &) = delete;
 };
 
-// Waits until standard output takes more. 0 when it does not: a pipe that nobody empties must not hold up the
-// server, so one that has stalled for a second loses what is printed until somebody reads again. A pipe whose
+// A stream that is written without waiting. A pipe that nobody empties must not hold up the server: what it
+// does not take is held, and what there is no room for is counted and said once somebody reads again. Guarded
+// by g_printMutex.
+struct Channel {
+    const int fdStream;
+    int fd = fdStream;      // owned when it is another one
+    char *pHeld = nullptr;  // owned, kHeldBytes; from the first stall on
+    size_t nHeld = 0;
+    unsigned nLost = 0;  // texts since the last one that was taken
+};
+static Channel g_out{STDOUT_FILENO};
+static Channel g_err{STDERR_FILENO};
+
+// Whether a stream takes kPieceBytes without blocking: 1; 0 not within nWaitMs; -1 never again. A pipe whose
 // reader has gone is not written to: each write raises SIGPIPE, whose handler prints in turn, without end.
-static int WaitForOutput()
+static int CanWrite(int fd, int nWaitMs)
 {
-    static std::atomic<int> g_bStalled{0};
-    pollfd out{STDOUT_FILENO, POLLOUT, 0};
-    int bReady = poll(&out, 1, g_bStalled ? 0 : kStallMs) > 0 && !(out.revents & POLLERR);
-    g_bStalled = !bReady;
-    return bReady;
+    pollfd out{fd, POLLOUT, 0};
+    int nReady = poll(&out, 1, nWaitMs);
+    if (nReady > 0 && (out.revents & (POLLERR | POLLNVAL)))
+        return -1;
+    return nReady > 0 && (out.revents & POLLOUT);
 }
 
-// Writes all of it to standard output unless that breaks or stalls. Safe in a signal handler.
-static void WriteOut(const char *szText, size_t nLen)
+// Writes what a stream takes at once. Returns those bytes, all of them when it is broken. Safe in a signal
+// handler.
+static size_t WriteNow(int fd, const char *szText, size_t nLen, int nWaitMs)
 {
-    while (nLen > 0 && WaitForOutput()) {
-        size_t nPiece = nLen < kPieceBytes ? nLen : kPieceBytes;
-        ssize_t n = write(STDOUT_FILENO, szText, nPiece);
-        if (n > 0) {
-            szText += n;
-            nLen -= size_t(n);
-        } else if (n == 0 || (errno != EINTR && errno != EAGAIN)) {
-            return;
-        }
+    size_t nDone = 0;
+    while (nDone < nLen) {
+        int nReady = CanWrite(fd, nWaitMs);
+        if (nReady <= 0)
+            return nReady < 0 ? nLen : nDone;
+        ssize_t n = write(fd, szText + nDone, nLen - nDone < kPieceBytes ? nLen - nDone : kPieceBytes);
+        if (n > 0)
+            nDone += size_t(n);
+        else if (n < 0 && errno == EAGAIN)
+            return nDone;
+        else if (n == 0 || errno != EINTR)
+            return nLen;
     }
+    return nDone;
+}
+
+// Writes what is held, and what was lost behind it. 1 when nothing is left to be said.
+static int Drain(Channel *pChannel, int nWaitMs)
+{
+    size_t nDone = WriteNow(pChannel->fd, pChannel->pHeld, pChannel->nHeld, nWaitMs);
+    pChannel->nHeld -= nDone;
+    if (nDone > 0 && pChannel->nHeld > 0)
+        memmove(pChannel->pHeld, pChannel->pHeld + nDone, pChannel->nHeld);
+    if (pChannel->nHeld > 0)
+        return 0;
+    if (pChannel->nLost > 0 && CanWrite(pChannel->fd, 0) != 0) {
+        char lost[64];
+        int n = snprintf(lost, sizeof(lost), "(%u messages that nobody read are lost)\r\n", pChannel->nLost);
+        WriteNow(pChannel->fd, lost, size_t(n), 0);
+        pChannel->nLost = 0;
+    }
+    return pChannel->nLost == 0;
+}
+
+// Writes a text, or holds what is not taken; a text is held whole or not at all, unless it has begun.
+static void Write(Channel *pChannel, const char *szText, size_t nLen)
+{
+    size_t nDone = Drain(pChannel, 0) ? WriteNow(pChannel->fd, szText, nLen, 0) : 0;
+    if (nDone == nLen)
+        return;
+    if (!pChannel->pHeld)
+        pChannel->pHeld = static_cast<char *>(malloc(kHeldBytes));
+    if (pChannel->nLost > 0 || !pChannel->pHeld || nLen - nDone > kHeldBytes - pChannel->nHeld) {
+        pChannel->nLost++;
+        return;
+    }
+    memcpy(pChannel->pHeld + pChannel->nHeld, szText + nDone, nLen - nDone);
+    pChannel->nHeld += nLen - nDone;
 }
 
 // Formatted before the lock is taken and written past stdio, so that a pipe or file has it at once and no
@@ -106,7 +162,7 @@ void print(const char *szFormat, ...)
     }
     {
         OutputLock lock(&g_printMutex);
-        WriteOut(pLong ? pLong : room, nLen);
+        Write(&g_out, pLong ? pLong : room, nLen);
     }
     free(pLong);
 }
@@ -116,8 +172,47 @@ void ConsoleWriteRaw(const char *szText, size_t nLen)
     if (g_bDaemon.load(std::memory_order_relaxed))
         return;
     int nErrno = errno;  // the interrupted code may be about to look at it
-    WriteOut(szText, nLen);
+    WriteNow(g_out.fd, szText, nLen, 0);
     errno = nErrno;
+}
+
+void ConsoleError(const char *szText, size_t nLen)
+{
+    OutputLock lock(&g_printMutex);
+    Write(&g_err, szText, nLen);
+}
+
+void ConsoleFlush(int bLast)
+{
+    OutputLock lock(&g_printMutex);
+    for (Channel *pChannel : {&g_out, &g_err})
+        if (pChannel->nHeld > 0 || pChannel->nLost > 0)
+            Drain(pChannel, bLast ? kLastWordsMs : 0);
+}
+
+// Opens the pipe or terminal behind a stream once more, without blocking. The stream itself is shared with
+// the shell that started us, whose own reads and writes must go on to block. A file must keep its one place.
+static void Unblock(Channel *pChannel, int bOn)
+{
+    char szPath[32];
+    struct stat info {};
+    TextBuf path{szPath, sizeof(szPath)};
+    TextAdd(&path, "/proc/self/fd/%d", pChannel->fdStream);
+    if (pChannel->fd != pChannel->fdStream)
+        close(std::exchange(pChannel->fd, pChannel->fdStream));
+    if (!bOn || fstat(pChannel->fdStream, &info) != 0 ||
+        (!S_ISFIFO(info.st_mode) && !isatty(pChannel->fdStream)))
+        return;
+    int fd = open(szPath, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd >= 0)
+        pChannel->fd = fd;
+}
+
+void ConsoleUnblock(int bOn)
+{
+    OutputLock lock(&g_printMutex);
+    Unblock(&g_out, bOn);
+    Unblock(&g_err, bOn);
 }
 
 void ConsoleSetDaemon(int bDaemon)

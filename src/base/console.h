@@ -5,12 +5,24 @@
 
 namespace orx {
 
-// Prints printf-style on standard output and flushes; silent once ConsoleSetDaemon(1) was called. Any thread;
-// one call comes out in one piece. A text of a peer is only ever an argument, never the format.
+// Prints printf-style on standard output; silent once ConsoleSetDaemon(1) was called. Any thread; one call
+// comes out in one piece. Never waits for a reader: what a full pipe does not take is held up to 64 kB and
+// written by a later call, and what is lost beyond that is counted and said then. A text of a peer is only
+// ever an argument, never the format, and goes through PrintableText (see printable.h).
 __attribute__((format(printf, 1, 2))) void print(const char *szFormat, ...);
 
 // As print, but callable from a signal handler: formats nothing, allocates nothing, takes no lock.
 void ConsoleWriteRaw(const char *szText, size_t nLen);
+
+// The same on standard error, which a daemon keeps: what has to be said before an abort. Any thread.
+void ConsoleError(const char *szText, size_t nLen);
+
+// Writes what is held on both streams as far as it is taken at once; bLast waits up to a second for a reader.
+void ConsoleFlush(int bLast);
+
+// Has writes to a terminal, or to a pipe that others write to as well, never block either (1), or goes back
+// to the standard streams as they are (0). At start-up, before threads run.
+void ConsoleUnblock(int bOn);
 
 // Silences the console (1) or lets it speak again (0).
 void ConsoleSetDaemon(int bDaemon);

@@ -151,6 +151,14 @@ static const char *TextOf(const char *file, char *buf)
     return LoadText(file, buf, &nLen) == LoadResult::Loaded ? buf : nullptr;
 }
 
+int ProfileIsLong(const char *file)
+{
+    char buf[kProfileTextSize];
+    FdGuard in{open(file, O_RDONLY | O_CLOEXEC)};
+    return in.fd >= 0 && ReadUpTo(in.fd, buf, sizeof(buf)) == ssize_t(sizeof(buf)) &&
+           !memchr(buf, kEndByte, sizeof(buf));
+}
+
 int load_ini_file(const char *file, char *buf, int *pLen)
 {
     ORX_ASSERT(file, "file !=((void *)0)");

@@ -66,6 +66,8 @@ int check_profile_key(const char *section, const char *key, const char *file);
 // place, so that it must be writable.
 int remove_profile_key(const char *section, const char *key, char *file);
 int remove_profile_section(const char *section, char *file);
+// Whether load_ini_file would abort: the file has 8192 bytes or more before its first 0xFF.
+int ProfileIsLong(const char *file);
 // Applies every key=value line of the source, up to the first line without '=', to the destination and prints
 // it. Comments are lines like others. 1 done, 0 no source, -1 no memory.
 int MergeIniFile(const char *szFileDst, const char *szFileSrc);

@@ -15,6 +15,7 @@
 #include "base/assertion.h"
 #include "base/console.h"
 #include "base/fdguard.h"
+#include "base/printable.h"
 #include "base/textbuf.h"
 
 namespace orx {
@@ -77,7 +78,7 @@ static int SendMsg(CameraMsg *pMsg)
     pMsg->nType = kCameraMsgType;
     pMsg->nSender = getpid();
     int nResult = msgsnd(g_nQueue, pMsg, kCameraMsgBytes, IPC_NOWAIT);
-    print("msgsnd(%s) = %d\r\n", pMsg->text, nResult);
+    print("msgsnd(%s) = %d\r\n", PrintableDump(pMsg->text).sz, nResult);
     return nResult;
 }
 

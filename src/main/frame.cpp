@@ -7,11 +7,14 @@
 #include <cstring>
 #include <ctime>
 
+#include <fcntl.h>
 #include <malloc.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include "base/assertion.h"
+#include "base/configfile.h"
 #include "base/console.h"
 #include "base/inifile.h"
 #include "base/textbuf.h"
@@ -120,6 +123,8 @@ static void OnSignal(int nSignal)
         case SIGTERM:
             g_bTerminate = 1;
             break;
+        case SIGHUP:  // a terminal that was closed takes no server with it
+            break;
         default:
             OnSegv();
     }
@@ -128,7 +133,7 @@ static void OnSignal(int nSignal)
 // SIGTERM asks the loops to end.
 static void InstallSignalHandlers()
 {
-    for (int nSignal : {SIGINT, SIGSEGV, SIGCHLD, SIGPIPE, SIGTERM})
+    for (int nSignal : {SIGINT, SIGSEGV, SIGCHLD, SIGPIPE, SIGTERM, SIGHUP})
         signal(nSignal, OnSignal);
 }
 
@@ -154,10 +159,13 @@ static void PrintStat()
     free(stat.pSessions);
 }
 
+// A state file that cannot be loaded, by whatever cause, gives way to a new one.
 static void WriteStateFile(const char *szPath)
 {
     ServerStat stat;
     ServerGetStat(&stat, 0);
+    if (AssertPeerFaultsSurvived() && ProfileIsLong(szPath))
+        unlink(szPath);
     write_profile_int("MAIN", "CurTime", static_cast<int>(time(nullptr)), szPath);
     write_profile_int("MAIN", "CurLives", static_cast<int>(stat.nLives), szPath);
     write_profile_int("MAIN", "CurClients", static_cast<int>(stat.nClients), szPath);
@@ -166,6 +174,7 @@ static void WriteStateFile(const char *szPath)
 static void SleepTick()
 {
     usleep(kTickMs * 1000);
+    ConsoleFlush(0);
 }
 
 // Standard input, line by line. What is too long for the buffer is dropped up to the line's end.
@@ -257,39 +266,71 @@ static void RaiseDescriptorLimit()
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-int RunProcess(int argc, char **argv)
+// A descriptor below 3 that is not open would become a socket or a file, which prints would then be written
+// into.
+static void OpenMissingDescriptors()
 {
-    mallopt(M_ARENA_MAX, 1);  // nearly everything is allocated by one thread; more arenas only cost memory
-    InstallSignalHandlers();
-    ConsoleSetDaemon(WantsDaemon(argc, argv));  // before the banner: a daemon says nothing at all
-    PrintBanner(argv[0]);
-    char szCfg[kPathSize] = "";
-    int bDaemon = ParseArguments(argc, argv, "orx.cfg", szCfg, sizeof(szCfg)) == 1;
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++)
+        if (fcntl(fd, F_GETFD) < 0)
+            open("/dev/null", O_RDWR);  // the lowest one that is free
+}
+
+// Where the log and the state file lie, and whether they are written.
+struct LogPlace {
+    char szLog[kPathSize + 32];
+    char szState[kPathSize + 32];
+    int nEnabled;
+};
+
+static int FindLog(LogPlace *pPlace, const char *szCfg)
+{
     char szParent[kPathSize];
     if (!ParentDirectory(szParent, sizeof(szParent))) {
         print("failed to get process path's parent dir!\n");
-        return -1;
+        return 0;
     }
-    char szLog[kPathSize + 32];
-    char szState[kPathSize + 32];
-    TextBuf logPath{szLog, sizeof(szLog)};
-    TextBuf statePath{szState, sizeof(szState)};
+    TextBuf logPath{pPlace->szLog, sizeof(pPlace->szLog)};
+    TextBuf statePath{pPlace->szState, sizeof(pPlace->szState)};
     TextAdd(&logPath, "%s/log/orx.log", szParent);
     TextAdd(&statePath, "%s/log/orxstate.cur", szParent);
     print("Main(tid=0x%x) begin...\r\n", ThreadKernelId());
-    int nLog = szCfg[0] ? read_profile_int("SERVER", "LogFile", 0, szCfg) : 0;
-    LogSetup(szLog, nLog);
+    pPlace->nEnabled = 0;
+    if (!szCfg[0])
+        return 1;
+    ConfigReadGuard(szCfg);
+    ConfigFile config(szCfg);
+    pPlace->nEnabled = ConfigGetInt(&config, "SERVER", "LogFile", 0);
+    return 1;
+}
+
+int RunProcess(int argc, char **argv)
+{
+    OpenMissingDescriptors();
+    ConsoleUnblock(1);
+    mallopt(M_ARENA_MAX, 1);  // nearly everything is allocated by one thread; more arenas only cost memory
+    InstallSignalHandlers();
+    PrintBanner(argv[0]);
+    char szCfg[kPathSize] = "";
+    int bDaemon = ParseArguments(argc, argv, "orx.cfg", szCfg, sizeof(szCfg)) == 1;
+    ConsoleSetDaemon(bDaemon);  // says nothing more
+    LogPlace place;
+    if (!FindLog(&place, szCfg))
+        return -1;
+    LogSetup(place.szLog, place.nEnabled);
     RaiseDescriptorLimit();
-    if (!ServerStart(szCfg))
+    if (!ServerStart(szCfg)) {
+        ConsoleFlush(1);
         return 0;
+    }
     log("Begin");
     if (bDaemon)
-        DaemonLoop(szState, nLog);
+        DaemonLoop(place.szState, place.nEnabled);
     else
         ConsoleLoop();
     ServerStop();
     log("End");
     print("main() exit OK.\n");
+    ConsoleFlush(1);
     return 0;
 }
 

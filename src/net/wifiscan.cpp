@@ -8,7 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -16,6 +16,7 @@
 #include "base/console.h"
 #include "base/fdguard.h"
 #include "base/textbuf.h"
+#include "runtime/clock.h"
 
 namespace orx {
 
@@ -24,9 +25,11 @@ static constexpr char kTmp[] = "/tmp";
 static constexpr char kListEnd[] = "\r\n\r\n";
 static constexpr size_t kListEndSize = sizeof(kListEnd) - 1;
 static constexpr size_t kPathSize = 256;
-static constexpr size_t kLineMax = 127;      // characters looked at in a line of the tool
-static constexpr size_t kQualityMax = 8;     // "100/100" and a blank
-static constexpr size_t kIeee80211iMax = 5;  // "/WPA2"
+static constexpr size_t kRawMax = 1048576;  // bytes of the tool's text that are looked at: thousands of cells
+static constexpr useconds_t kPollUs = 20000;  // between two looks at the tool
+static constexpr size_t kLineMax = 127;       // characters looked at in a line of the tool
+static constexpr size_t kQualityMax = 8;      // "100/100" and a blank
+static constexpr size_t kIeee80211iMax = 5;   // "/WPA2"
 
 struct WifiNetwork {
     char essid[128] = "";       // with the quote that closes it
@@ -194,91 +197,108 @@ char *WifiReduce(const char *pRaw, size_t nRaw, size_t *pnLength)
 
 // ---------------------------------------------------------------- the scan
 
-// Opens a working file. In /tmp everybody can put something else where it is to be: links are not followed.
-static FILE *OpenFile(const char *szPath, const char *szMode, int nFlags)
+// Makes a working file anew. In /tmp everybody can put something else where it is to be. Returns a descriptor
+// for writing and reading, or -1.
+static int MakeFile(const char *szPath)
 {
-    FdGuard file{open(szPath, nFlags | O_NOFOLLOW | O_CLOEXEC, 0666)};
-    FILE *pFile = file.fd < 0 ? nullptr : fdopen(file.fd, szMode);
-    if (pFile)
-        file.Release();
-    else
-        print("Could NOT open file %s!\n", szPath);
-    return pFile;
+    unlink(szPath);
+    return open(szPath, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
 }
 
-// Waits for the tool. Returns 1 when it ended with status 0.
-static int WaitDone(pid_t nPid)
+// Waits for the tool, which is killed with all that it has started when its time is over. Returns 1 when it
+// ended with status 0.
+static int WaitDone(pid_t nPid, uint32_t nLimitMs, const Thread *pThread)
 {
+    const uint32_t nStart = ClockMs();
     int nStatus = -1;
-    pid_t nDone;
-    do
-        nDone = waitpid(nPid, &nStatus, 0);
-    while (nDone < 0 && errno == EINTR);
-    return nDone == nPid && WIFEXITED(nStatus) && WEXITSTATUS(nStatus) == 0;
+    for (;;) {
+        pid_t nDone = waitpid(nPid, &nStatus, WNOHANG);
+        if (nDone == nPid)
+            return WIFEXITED(nStatus) && WEXITSTATUS(nStatus) == 0;
+        if (nDone < 0 && errno != EINTR)
+            return 0;
+        int bLate = ClockMs() - nStart >= nLimitMs || (pThread && ThreadStopping(pThread));
+        if (bLate && kill(-nPid, SIGKILL) == 0) {
+            waitpid(nPid, &nStatus, 0);
+            return 0;
+        }
+        usleep(kPollUs);
+    }
 }
 
-// Runs the tool with its output into the file fdOut. It gets nothing else of ours: not the console's
+// A group of its own lets the tool be killed together with what it started.
+static int SetGroup(posix_spawnattr_t *pAttributes)
+{
+    return posix_spawnattr_setpgroup(pAttributes, 0) == 0 &&
+           posix_spawnattr_setflags(pAttributes, POSIX_SPAWN_SETPGROUP) == 0;
+}
+
+// Starts the tool with its output into the file fdOut. It gets nothing else of ours: not the console's
 // commands, no sockets, and the interface name as one argument that no shell looks at.
-static int RunTool(const char *szInterface, int fdOut)
+static int StartTool(const char *szInterface, int fdOut, pid_t *pPid)
 {
     char tool[] = "iwlist", scan[] = "scan";
     char *args[] = {tool, const_cast<char *>(szInterface), scan, nullptr};
     posix_spawn_file_actions_t actions;
+    posix_spawnattr_t attributes;
     if (posix_spawn_file_actions_init(&actions) != 0)
         return 0;
-    pid_t nPid = 0;
-    int bStarted = posix_spawn_file_actions_adddup2(&actions, fdOut, STDOUT_FILENO) == 0 &&
+    posix_spawnattr_init(&attributes);
+    int bStarted = SetGroup(&attributes) &&
+                   posix_spawn_file_actions_adddup2(&actions, fdOut, STDOUT_FILENO) == 0 &&
                    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0) == 0 &&
                    posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1) == 0 &&
-                   posix_spawnp(&nPid, tool, &actions, nullptr, args, environ) == 0;
+                   posix_spawnp(pPid, tool, &actions, &attributes, args, environ) == 0;
+    posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
-    return bStarted && WaitDone(nPid);
+    return bStarted;
 }
 
-static int ScanToFile(const char *szInterface, const char *szRawPath)
+// What the tool has written, as far as anybody's networks go. Returns an owned block, or null.
+static char *ReadRaw(int fd, size_t *pnBytes)
 {
-    FdGuard raw{open(szRawPath, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666)};
-    if (raw.fd >= 0 && RunTool(szInterface, raw.fd))
-        return 1;
-    print("cmd=iwlist %s scan > %s failed!\n", szInterface, szRawPath);
-    return 0;
-}
-
-// Reads a whole file. Returns an owned block, or null.
-static char *ReadWhole(const char *szPath, size_t *pnBytes)
-{
-    FILE *pFile = OpenFile(szPath, "r+", O_RDWR);
-    if (!pFile)
+    struct stat info {};
+    if (fstat(fd, &info) != 0)
         return nullptr;
-    fseek(pFile, 0, SEEK_END);
-    long nSize = ftell(pFile);
-    rewind(pFile);
-    char *pBytes = nSize < 0 ? nullptr : static_cast<char *>(malloc(size_t(nSize) + 1));
-    if (pBytes)
-        *pnBytes = fread(pBytes, 1, size_t(nSize), pFile);
-    fclose(pFile);
+    size_t nSize = std::min(static_cast<size_t>(info.st_size), kRawMax);
+    auto *pBytes = static_cast<char *>(malloc(nSize + 1));
+    ssize_t n = pBytes ? pread(fd, pBytes, nSize, 0) : -1;
+    *pnBytes = n > 0 ? static_cast<size_t>(n) : 0;
     return pBytes;
+}
+
+// Runs the tool and keeps its text in a file. Returns that text as an owned block, or null.
+static char *RunTool(const WifiScanPlace *pPlace, const char *szInterface, const char *szRawPath,
+                     const Thread *pThread, size_t *pnBytes)
+{
+    FdGuard raw{MakeFile(szRawPath)};
+    pid_t nPid = 0;
+    if (raw.fd >= 0 && StartTool(szInterface, raw.fd, &nPid) && WaitDone(nPid, pPlace->nLimitMs, pThread))
+        return ReadRaw(raw.fd, pnBytes);
+    print("cmd=iwlist %s scan > %s failed!\n", szInterface, szRawPath);
+    return nullptr;
 }
 
 // Keeps the list for who looks into the file. A full disk costs the file its end, not the caller the list.
 static int WriteList(const char *szPath, const char *pList, size_t nBytes)
 {
-    FILE *pFile = OpenFile(szPath, "w+", O_RDWR | O_CREAT | O_TRUNC);
-    if (!pFile)
+    FdGuard list{MakeFile(szPath)};
+    if (list.fd < 0) {
+        print("Could NOT open file %s!\n", szPath);
         return 0;
-    fwrite(pList, 1, nBytes, pFile);
-    fclose(pFile);
-    return 1;
+    }
+    return write(list.fd, pList, nBytes) >= 0 || errno == ENOSPC;
 }
 
-char *WifiScanIn(const char *szDir, const char *szInterface, size_t *pnLength)
+char *WifiScanIn(const WifiScanPlace *pPlace, const char *szInterface, size_t *pnLength,
+                 const Thread *pThread)
 {
     char rawPath[kPathSize], listPath[kPathSize];
     TextBuf raw{rawPath, sizeof(rawPath)}, list{listPath, sizeof(listPath)};
-    if (!TextAdd(&raw, "%s/wifi.txt", szDir) || !TextAdd(&list, "%s/wifilist.txt", szDir))
+    if (!TextAdd(&raw, "%s/wifi.txt", pPlace->szDir) || !TextAdd(&list, "%s/wifilist.txt", pPlace->szDir))
         return nullptr;
     size_t nRaw = 0;
-    char *pRaw = ScanToFile(szInterface, rawPath) ? ReadWhole(rawPath, &nRaw) : nullptr;
+    char *pRaw = RunTool(pPlace, szInterface, rawPath, pThread, &nRaw);
     char *szList = pRaw ? WifiReduce(pRaw, nRaw, pnLength) : nullptr;
     free(pRaw);
     if (!szList || WriteList(listPath, szList, *pnLength - kListEndSize))
@@ -287,11 +307,13 @@ char *WifiScanIn(const char *szDir, const char *szInterface, size_t *pnLength)
     return nullptr;
 }
 
-char *WifiScan(const char *szInterface, size_t *pnLength)
+char *WifiScan(const char *szInterface, size_t *pnLength, const Thread *pThread)
 {
     struct stat info {};
     int bRamDisk = stat(kRamDisk, &info) == 0 && S_ISDIR(info.st_mode);
-    return WifiScanIn(bRamDisk ? kRamDisk : kTmp, szInterface, pnLength);
+    WifiScanPlace place;
+    place.szDir = bRamDisk ? kRamDisk : kTmp;
+    return WifiScanIn(&place, szInterface, pnLength, pThread);
 }
 
 }  // namespace orx

@@ -51,16 +51,25 @@ static int Drain(FileOut *pFile, const void *pMore, size_t nMore)
 
 int FileOutOpen(FileOut *pFile, const char *szPath)
 {
-    *pFile = FileOut{};
     unlink(szPath);
-    pFile->fd = open(szPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (pFile->fd < 0)
+    int fd = open(szPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (FileOutTake(pFile, fd))
+        return 1;
+    if (fd >= 0)
+        unlink(szPath);
+    return 0;
+}
+
+int FileOutTake(FileOut *pFile, int fd)
+{
+    *pFile = FileOut{};
+    pFile->fd = fd;
+    if (fd < 0)
         return 0;
     pFile->pBuffer = static_cast<uint8_t *>(malloc(kBufferBytes));
     if (pFile->pBuffer)
         return 1;
     FileOutClose(pFile);
-    unlink(szPath);
     return 0;
 }
 
@@ -119,12 +128,13 @@ uint64_t FileOutPos(const FileOut *pFile)
     return pFile->nWritten + pFile->nBuffered;
 }
 
-int FileOutIsAt(const FileOut *pFile, const char *szPath)
+int FileOutIsAt(const FileOut *pFile, int fdDir, const char *szPath)
 {
     struct stat open {};
     struct stat named {};
-    return pFile->fd >= 0 && fstat(pFile->fd, &open) == 0 && lstat(szPath, &named) == 0 &&
-           open.st_dev == named.st_dev && open.st_ino == named.st_ino;
+    return pFile->fd >= 0 && fstat(pFile->fd, &open) == 0 &&
+           fstatat(fdDir, szPath, &named, AT_SYMLINK_NOFOLLOW) == 0 && open.st_dev == named.st_dev &&
+           open.st_ino == named.st_ino;
 }
 
 int FileOutClose(FileOut *pFile)

@@ -21,6 +21,9 @@ struct FileOut {
 // into this one. Returns 1, or 0 when it cannot be made.
 int FileOutOpen(FileOut *pFile, const char *szPath);
 
+// The same with a descriptor that is open for writing, whose file is empty; it is taken over in any case.
+int FileOutTake(FileOut *pFile, int fd);
+
 // Appends pHead and pData (null for none) as one piece. Large pieces go straight to the file. Returns 1 or 0.
 int FileOutWrite(FileOut *pFile, const void *pHead, size_t nHead, const void *pData, size_t nData);
 
@@ -36,8 +39,8 @@ uint64_t FileOutPos(const FileOut *pFile);
 
 int FileOutFlush(FileOut *pFile);
 
-// Whether szPath still names this open file.
-int FileOutIsAt(const FileOut *pFile, const char *szPath);
+// Whether szPath, relative to the directory fdDir or AT_FDCWD, still names this open file.
+int FileOutIsAt(const FileOut *pFile, int fdDir, const char *szPath);
 
 // Flushes and closes; does nothing when closed. Returns 0 when something was lost.
 int FileOutClose(FileOut *pFile);

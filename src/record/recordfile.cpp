@@ -1,14 +1,19 @@
 #include "record/recordfile.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+#include <utility>
 
 #include "base/assertion.h"
 #include "base/bytes.h"
 #include "base/console.h"
 #include "base/textbuf.h"
+#include "record/confine.h"
 #include "record/sdpreader.h"
 
 namespace orx {
@@ -22,18 +27,63 @@ static int OpenName(const RecordFile *pFile, char *szOut, size_t nSize)
     return TextAdd(&path, "%s%s", pFile->szFile, kOpenSuffix);
 }
 
-int RecordFileOpen(RecordFile *pFile, const char *szFile)
+static int SetName(RecordFile *pFile, const char *szFile)
 {
-    char szOpen[kStoragePathSize];
-    char szDir[kStoragePathSize];
     char *szCopy = strdup(szFile);
     if (!szCopy)
         return 0;
     free(pFile->szFile);
     pFile->szFile = szCopy;
-    if (!OpenName(pFile, szOpen, sizeof(szOpen)) || !FileOutOpen(&pFile->out, szOpen))
+    return 1;
+}
+
+// A path as it is used with DirOfFile: its last part where the directory is open, else the whole.
+static const char *InDir(const RecordFile *pFile, const char *szPath)
+{
+    const char *pSlash = pFile->fdDir >= 0 ? strrchr(szPath, '/') : nullptr;
+    return pSlash ? pSlash + 1 : szPath;
+}
+
+static int DirOfFile(const RecordFile *pFile)
+{
+    return pFile->fdDir >= 0 ? pFile->fdDir : AT_FDCWD;
+}
+
+static void CloseDir(RecordFile *pFile)
+{
+    if (pFile->fdDir >= 0)
+        close(std::exchange(pFile->fdDir, -1));
+}
+
+// The directory is entered once, and everything about the file happens in it, whatever its path comes to
+// name later.
+static int OpenBelow(RecordFile *pFile, const char *szDir, const char *szName)
+{
+    char szFree[kStoragePathSize];
+    char szPath[kStoragePathSize];
+    TextBuf path{szPath, sizeof(szPath)};
+    CloseDir(pFile);
+    pFile->fdDir = ConfineOpenDir(pFile->szBelow, szDir);
+    if (pFile->fdDir < 0)
         return 0;
-    StorageDirOf(szDir, sizeof(szDir), szFile);
+    int fd = ConfineCreate(pFile->fdDir, szName, kOpenSuffix, szFree, sizeof(szFree));
+    if (fd < 0 || !FileOutTake(&pFile->out, fd))
+        return 0;
+    return TextAdd(&path, "%s/%s", szDir, szFree) && SetName(pFile, szPath);
+}
+
+int RecordFileOpen(RecordFile *pFile, const char *szFile)
+{
+    char szOpen[kStoragePathSize];
+    char szDir[kStoragePathSize];
+    int bDir = StorageDirOf(szDir, sizeof(szDir), szFile);
+    if (pFile->szBelow) {
+        if (!bDir || !OpenBelow(pFile, szDir, strrchr(szFile, '/') + 1))
+            return 0;
+    } else if (!SetName(pFile, szFile) || !OpenName(pFile, szOpen, sizeof(szOpen)) ||
+               !FileOutOpen(&pFile->out, szOpen)) {
+        return 0;
+    }
     StorageHold(&pFile->open, szDir);
     return 1;
 }
@@ -204,15 +254,34 @@ static void Complete(RecordFile *pFile)
         FileOutPatch(&pFile->out, nSdpAt + pFile->head.nSdpSize, pFile->pAppData, pFile->head.nAppDataBytes);
 }
 
+static void TakeFinalName(RecordFile *pFile, const char *szOpen)
+{
+    if (!pFile->szBelow) {
+        rename(szOpen, pFile->szFile);
+        return;
+    }
+    char szFree[kStoragePathSize];
+    const char *szName = InDir(pFile, pFile->szFile);
+    if (!ConfineRename(pFile->fdDir, InDir(pFile, szOpen), szName, szFree, sizeof(szFree)) ||
+        strcmp(szFree, szName) == 0)
+        return;
+    char szPath[kStoragePathSize];
+    TextBuf path{szPath, sizeof(szPath)};
+    TextAddBytes(&path, pFile->szFile, static_cast<size_t>(szName - pFile->szFile));
+    if (TextAdd(&path, "%s", szFree))
+        SetName(pFile, szPath);
+}
+
 int RecordFileClose(RecordFile *pFile)
 {
     char szOpen[kStoragePathSize];
     if (pFile->uDataBeginOffset != 0)
         Complete(pFile);
-    int bNamed = OpenName(pFile, szOpen, sizeof(szOpen)) && FileOutIsAt(&pFile->out, szOpen);
+    int bNamed = OpenName(pFile, szOpen, sizeof(szOpen)) &&
+                 FileOutIsAt(&pFile->out, DirOfFile(pFile), InDir(pFile, szOpen));
     int bWhole = FileOutClose(&pFile->out);
     if (bNamed)  // otherwise a later recording has taken the name
-        rename(szOpen, pFile->szFile);
+        TakeFinalName(pFile, szOpen);
     StorageRelease(&pFile->open);
     pFile->uDataBeginOffset = 0;
     return bWhole;
@@ -246,9 +315,16 @@ int RecordFileBeginNext(RecordFile *pFile)
     return 1;
 }
 
+void RecordFileRemove(RecordFile *pFile)
+{
+    if (pFile->szFile)
+        unlinkat(DirOfFile(pFile), InDir(pFile, pFile->szFile), 0);
+}
+
 void RecordFileFree(RecordFile *pFile)
 {
-    for (char **pp : {&pFile->szFile, &pFile->pszSdp}) {
+    CloseDir(pFile);
+    for (char **pp : {&pFile->szBelow, &pFile->szFile, &pFile->pszSdp}) {
         free(*pp);
         *pp = nullptr;
     }

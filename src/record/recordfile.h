@@ -15,8 +15,10 @@
 namespace orx {
 
 struct RecordFile {
-    char *szFile = nullptr;  // path without ".tm!", owned; kept after the close
-    OpenRecording open;      // keeps the clean-up away from the file's directory
+    char *szBelow = nullptr;  // root that no file of it leaves, and none replaces another; owned, null: none
+    char *szFile = nullptr;   // path without ".tm!", owned; kept after the close
+    int fdDir = -1;           // directory that it lies in, owned; with szBelow only
+    OpenRecording open;       // keeps the clean-up away from the file's directory
     FileOut out;
     ZMFileHeader head;            // its counters are filled in when the file is completed
     char *pszSdp = nullptr;       // owned, head.nSdpSize bytes, NUL-padded, and a NUL
@@ -34,7 +36,7 @@ struct RecordFile {
     ZMFIndexEntry index[DEF_IDX_COUNT];
 };
 
-// Makes szFile, under its name with ".tm!" behind it. Returns 1 or 0.
+// Makes szFile, under its name with ".tm!" behind it; with szBelow under the next free name. Returns 1 or 0.
 int RecordFileOpen(RecordFile *pFile, const char *szFile);
 int RecordFileIsOpen(const RecordFile *pFile);
 
@@ -66,6 +68,8 @@ int RecordFileNextPath(const RecordFile *pFile, char *szOut, size_t nSize);
 // range line of the file before. Returns 1, or 0 without memory.
 int RecordFileBeginNext(RecordFile *pFile);
 
+// Removes the file, which is closed, if there is one.
+void RecordFileRemove(RecordFile *pFile);
 // Frees what the record owns; the file is closed.
 void RecordFileFree(RecordFile *pFile);
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "base/console.h"
+#include "base/printable.h"
 #include "base/textbuf.h"
 #include "base/textnumber.h"
 #include "record/sdpreader.h"
@@ -47,13 +48,13 @@ void SdpScanCodecs(const char *szSdp, SdpCodecs *pOut)
     for (int nCount = 0; nCount <= kScanEnd && SdpNextSection(&walk, &section);) {
         SdpMedia media;
         if (!SdpReadMedia(section.own, SDP_MEDIA_LINE, &media)) {
-            print("bad SDP:\r\n%s\r\n", szSdp);
+            print("bad SDP:\r\n%s\r\n", PrintableDump(szSdp).sz);
             return;
         }
         uint32_t nKind = SdpMediaKind(media.media);
         if (nKind == 0) {
-            print("ignore unknown media \"%.*s\"\n", static_cast<int>(std::min(media.media.size(), kWordMax)),
-                  media.media.data());
+            print("ignore unknown media \"%s\"\n",
+                  PrintableText(media.media.data(), std::min(media.media.size(), kWordMax)).sz);
             nCount++;
             continue;
         }

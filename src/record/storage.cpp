@@ -12,7 +12,9 @@
 
 #include "base/assertion.h"
 #include "base/console.h"
+#include "base/printable.h"
 #include "base/textbuf.h"
+#include "record/confine.h"
 #include "record/zmfile.h"
 
 namespace orx {
@@ -133,7 +135,7 @@ int IsEnoughFreeDiskSpace(const char *szPath, uint32_t nMB)
     }
     struct statvfs info {};
     if (statvfs(szPath, &info) != 0 || info.f_blocks == 0) {
-        print("statvfs(%s) failed!\r\n", szPath);
+        print("statvfs(%s) failed!\r\n", PrintableText(szPath).sz);
         return -1;
     }
     uint64_t nBlockBytes = info.f_frsize ? info.f_frsize : info.f_bsize;  // the unit that f_bavail counts in
@@ -179,7 +181,20 @@ int StorageIsInside(const char *szName)
     return 1;
 }
 
-int StorageNextPath(char *szPath, size_t nSize, const char *szRoot, const char *szProgram, int nKind)
+int StorageProgramPath(char *szOut, size_t nSize, const char *szUri)
+{
+    TextBuf path{szOut, nSize};
+    szOut[0] = '\0';
+    for (const char *p = szUri; *p;) {
+        size_t nPart = strcspn(p, "/");
+        if (nPart > 0 && (!TextAdd(&path, "%s", path.nLen > 0 ? "/" : "") || !TextAddBytes(&path, p, nPart)))
+            return 0;
+        p += nPart + (p[nPart] == '/');
+    }
+    return 1;
+}
+
+int StorageNamePath(char *szPath, size_t nSize, const char *szRoot, const char *szProgram, int nKind)
 {
     static const char letters[] = {'S', 'A', 'M'};
     if (nKind < RECORD_SCHEDULED || nKind > RECORD_MANUAL)
@@ -193,7 +208,6 @@ int StorageNextPath(char *szPath, size_t nSize, const char *szRoot, const char *
         if (!TextAdd(&path, "%c%04u%02u%02u", '/', static_cast<unsigned>(now.tm_year + 1900),
                      static_cast<unsigned>(now.tm_mon + 1), static_cast<unsigned>(now.tm_mday)))
             return 0;
-        StorageMakeDir(szPath);
     } else {
         path.nLen = strnlen(szPath, nSize - 1);
     }
@@ -201,6 +215,16 @@ int StorageNextPath(char *szPath, size_t nSize, const char *szRoot, const char *
                  static_cast<unsigned>(now.tm_hour), static_cast<unsigned>(now.tm_min),
                  static_cast<unsigned>(now.tm_sec), kExtension))
         return 0;
+    return 1;
+}
+
+int StorageNextPath(char *szPath, size_t nSize, const char *szRoot, const char *szProgram, int nKind)
+{
+    char szDir[kStoragePathSize];
+    if (!StorageNamePath(szPath, nSize, szRoot, szProgram, nKind))
+        return 0;
+    if (szRoot && *szRoot && szProgram && *szProgram && StorageDirOf(szDir, sizeof(szDir), szPath))
+        StorageMakeDir(szDir);
     unlink(szPath);
     return 1;
 }
@@ -218,7 +242,7 @@ int StorageFindOldestDay(char *szDay, size_t nSize, const char *szProgramDir, co
         return 0;
     DirReader dir(szDir);
     if (!dir.pDir) {
-        print("opendir(%s) failed!\n", szDir);
+        print("opendir(%s) failed!\n", PrintableText(szDir).sz);
         return 0;
     }
     char szOldest[kDayNameLen + 1] = "";
@@ -230,7 +254,7 @@ int StorageFindOldestDay(char *szDay, size_t nSize, const char *szProgramDir, co
     }
     if (!*szOldest || !JoinPath(szDay, nSize, szDir, szOldest))
         return 0;
-    print("The oldest path is %s.\n", szDay);
+    print("The oldest path is %s.\n", PrintableText(szDay).sz);
     return 1;
 }
 
@@ -244,7 +268,7 @@ static int FindOldestFile(char *szFile, size_t nSize, const char *szDir, int bOn
 {
     DirReader dir(szDir);
     if (!dir.pDir) {
-        print("opendir(%s) failed!\n", szDir);
+        print("opendir(%s) failed!\n", PrintableText(szDir).sz);
         return 0;
     }
     timespec oldest{};
@@ -271,10 +295,10 @@ int StorageDeleteOldestFile(const char *szDir, int bOnlyScheduled)
         return 0;
     }
     if (unlink(szFile) != 0) {
-        print("Remove the oldest file (%s) failed!\n", szFile);
+        print("Remove the oldest file (%s) failed!\n", PrintableText(szFile).sz);
         return 0;
     }
-    print("The oldest file (%s) is removed.\n", szFile);
+    print("The oldest file (%s) is removed.\n", PrintableText(szFile).sz);
     rmdir(szDir);  // goes only when empty, and so never while a file in it is being written
     return 1;
 }
@@ -341,17 +365,20 @@ int CheckPathReserveSpace(const char *szRoot, const char *szSubPath, int bDateLa
 }
 
 // Gives one interrupted file its final name or deletes it.
-static void Settle(const char *szFile, int64_t nBytes)
+static void Settle(const char *szFile, int64_t nBytes, int bKeep)
 {
     char szFinal[kStoragePathSize];
+    char szFree[kStoragePathSize];
     TextBuf path{szFinal, sizeof(szFinal)};
-    if (nBytes >= kRecoverMinBytes && TextAddBytes(&path, szFile, strlen(szFile) - strlen(kOpenSuffix)))
-        rename(szFile, szFinal);
-    else
+    if (nBytes < kRecoverMinBytes || !TextAddBytes(&path, szFile, strlen(szFile) - strlen(kOpenSuffix)))
         unlink(szFile);
+    else if (bKeep)
+        ConfineRename(AT_FDCWD, szFile, szFinal, szFree, sizeof(szFree));
+    else
+        rename(szFile, szFinal);
 }
 
-static void RecoverBelow(const char *szDir, int nDepth)
+static void RecoverBelow(const char *szDir, int nDepth, int bKeep)
 {
     DirReader dir(szDir);
     if (!dir.pDir || IsHeld(szDir))
@@ -362,16 +389,16 @@ static void RecoverBelow(const char *szDir, int nDepth)
         if (!JoinPath(szPath, sizeof(szPath), szDir, szName))
             continue;
         if (S_ISDIR(info.st_mode) && szName[0] != '.' && nDepth < kMaxDepth)
-            RecoverBelow(szPath, nDepth + 1);
+            RecoverBelow(szPath, nDepth + 1, bKeep);
         else if (S_ISREG(info.st_mode) && EndsWith(szName, kOpenSuffix))
-            Settle(szPath, info.st_size);
+            Settle(szPath, info.st_size, bKeep);
     }
 }
 
-void StorageRecover(const char *szRoot)
+void StorageRecover(const char *szRoot, int bKeep)
 {
     if (szRoot && *szRoot)
-        RecoverBelow(szRoot, 0);
+        RecoverBelow(szRoot, 0, bKeep);
 }
 
 // Removes a directory with everything in it, following no link.

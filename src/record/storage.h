@@ -35,6 +35,13 @@ int StorageIsInside(const char *szName);
 // a path longer than nSize.
 int StorageNextPath(char *szPath, size_t nSize, const char *szRoot, const char *szProgram, int nKind);
 
+// The path alone: nothing is made and nothing removed.
+int StorageNamePath(char *szPath, size_t nSize, const char *szRoot, const char *szProgram, int nKind);
+
+// The path of a program in the one form that the disk knows it by: no slash at its ends, and one between its
+// parts. Returns 1, or 0 when it is too long.
+int StorageProgramPath(char *szOut, size_t nSize, const char *szUri);
+
 // Makes every missing directory of the path, mode 0755. Returns 1 when it is there, else 0.
 int StorageMakeDir(const char *szPath);
 
@@ -59,8 +66,9 @@ int CheckPathReserveSpace(const char *szRoot, const char *szSubPath, int bDateLa
                           int bDelete);
 
 // Settles files that were being written when the process ended: those worth keeping get their final name, the
-// others are deleted. Nothing else below the root is touched.
-void StorageRecover(const char *szRoot);
+// others are deleted. Nothing else below the root is touched; with bKeep a file that has such a name already
+// stays, and the other gets the next free one.
+void StorageRecover(const char *szRoot, int bKeep = 0);
 
 // Deletes the days that are nFirstAge to nFirstAge + 7 days old, of one program or (null) of all below the
 // root.

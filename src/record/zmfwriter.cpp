@@ -9,7 +9,9 @@
 
 #include "base/assertion.h"
 #include "base/console.h"
+#include "base/printable.h"
 #include "base/textbuf.h"
+#include "record/confine.h"
 #include "record/sdpscan.h"
 #include "runtime/clock.h"
 
@@ -40,7 +42,35 @@ static ZMFWriter *NewWriter(int nKind, const char *szLabel)
     return pWriter;
 }
 
-ZMFWriter *ZMFWriterCreate(const char *szRoot, const char *szProgram, int nKind, const char *szLabel)
+// Keeps the writer below a directory; null: lets it go anywhere.
+static int Confine(ZMFWriter *pWriter, const char *szBelow)
+{
+    pWriter->file.szBelow = szBelow ? strdup(szBelow) : nullptr;
+    return !szBelow || pWriter->file.szBelow;
+}
+
+// Makes the directory of a path that was built from the date; without a program it would be the root's.
+static int MakeDirBelow(const ZMFWriter *pWriter, const char *szPath)
+{
+    char szDir[kStoragePathSize];
+    return pWriter->szProgram[0] && StorageDirOf(szDir, sizeof(szDir), szPath) &&
+           ConfineMakeDir(pWriter->szRoot, szDir + strlen(pWriter->szRoot));
+}
+
+// Builds the path of the next file. Returns 1 or 0.
+static int NextPath(const ZMFWriter *pWriter, char *szPath, size_t nSize)
+{
+    int nKind = pWriter->file.head.nRecordKind;
+    if (!pWriter->szRoot)
+        return RecordFileNextPath(&pWriter->file, szPath, nSize);
+    if (!pWriter->file.szBelow)
+        return StorageNextPath(szPath, nSize, pWriter->szRoot, pWriter->szProgram, nKind);
+    return StorageNamePath(szPath, nSize, pWriter->szRoot, pWriter->szProgram, nKind) &&
+           MakeDirBelow(pWriter, szPath);
+}
+
+ZMFWriter *ZMFWriterCreate(const char *szRoot, const char *szProgram, int nKind, const char *szLabel,
+                           int bConfined)
 {
     char szPath[kStoragePathSize] = "";
     ZMFWriter *pWriter = szRoot && szProgram ? NewWriter(nKind, szLabel) : nullptr;
@@ -48,18 +78,17 @@ ZMFWriter *ZMFWriterCreate(const char *szRoot, const char *szProgram, int nKind,
         return nullptr;
     pWriter->szRoot = strdup(szRoot);
     pWriter->szProgram = strdup(szProgram);
-    if (pWriter->szRoot && pWriter->szProgram &&
-        StorageNextPath(szPath, sizeof(szPath), szRoot, szProgram, nKind) &&
-        RecordFileOpen(&pWriter->file, szPath))
+    if (pWriter->szRoot && pWriter->szProgram && Confine(pWriter, bConfined ? szRoot : nullptr) &&
+        NextPath(pWriter, szPath, sizeof(szPath)) && RecordFileOpen(&pWriter->file, szPath))
         return pWriter;
     ZMFWriterFree(pWriter);
     return nullptr;
 }
 
-ZMFWriter *ZMFWriterCreateFile(const char *szFile, int nKind, const char *szLabel)
+ZMFWriter *ZMFWriterCreateFile(const char *szFile, int nKind, const char *szLabel, const char *szBelow)
 {
     ZMFWriter *pWriter = NewWriter(nKind, szLabel);
-    if (pWriter && RecordFileOpen(&pWriter->file, szFile))
+    if (pWriter && Confine(pWriter, szBelow) && RecordFileOpen(&pWriter->file, szFile))
         return pWriter;
     ZMFWriterFree(pWriter);
     return nullptr;
@@ -97,8 +126,7 @@ void ZMFWriterDiscard(ZMFWriter *pWriter)
     if (!pWriter)
         return;
     ZMFWriterStop(pWriter);
-    if (pWriter->file.szFile)
-        unlink(pWriter->file.szFile);
+    RecordFileRemove(&pWriter->file);
     Release(pWriter);
     delete pWriter;
 }
@@ -175,19 +203,10 @@ void ZMFWriterStop(ZMFWriter *pWriter)
     if (!RecordFileIsOpen(pFile))
         return;
     if (pFile->uDataBeginOffset != 0 && FlushAudio(pWriter) < 1)
-        print("ZMFWriterStop(%s): the last audio is lost!\r\n", pFile->szFile);
+        print("ZMFWriterStop(%s): the last audio is lost!\r\n", PrintableText(pFile->szFile).sz);
     if (!RecordFileClose(pFile))
-        print("ZMFWriterStop(%s): write error!\r\n", pFile->szFile);
+        print("ZMFWriterStop(%s): write error!\r\n", PrintableText(pFile->szFile).sz);
     pWriter->nAudioDataBytes = 0;
-}
-
-// Builds the path of the next file. Returns 1 or 0.
-static int NextPath(const ZMFWriter *pWriter, char *szPath, size_t nSize)
-{
-    if (!pWriter->szRoot)
-        return RecordFileNextPath(&pWriter->file, szPath, nSize);
-    return StorageNextPath(szPath, nSize, pWriter->szRoot, pWriter->szProgram,
-                           pWriter->file.head.nRecordKind);
 }
 
 int ZMFWriterCreateNextFile(ZMFWriter *pWriter)
@@ -203,7 +222,10 @@ int ZMFWriterCreateNextFile(ZMFWriter *pWriter)
         return access(szDir, F_OK) == 0 ? 0 : -1;
     }
     // A directory whose last file was deleted to make the room went with it.
-    StorageMakeDir(szDir);
+    if (!pWriter->file.szBelow)
+        StorageMakeDir(szDir);
+    else if (pWriter->szRoot)
+        MakeDirBelow(pWriter, szPath);
     if (!RecordFileOpen(&pWriter->file, szPath)) {
         Release(pWriter);
         return -1;

@@ -47,9 +47,12 @@ struct ZMFWriter {
 
 // A writer with its first file open, in the date layout below szRoot (ending in '/') or with a name given.
 // nKind is a RECORD_... value, szLabel may be null. Null when the kind is none, the file cannot be made, or
-// without memory.
-ZMFWriter *ZMFWriterCreate(const char *szRoot, const char *szProgram, int nKind, const char *szLabel);
-ZMFWriter *ZMFWriterCreateFile(const char *szFile, int nKind, const char *szLabel);
+// without memory. Confined, or with szBelow, all its files lie below szRoot or szBelow, wherever links lead,
+// and where a name is taken they get the next free one.
+ZMFWriter *ZMFWriterCreate(const char *szRoot, const char *szProgram, int nKind, const char *szLabel,
+                           int bConfined = 0);
+ZMFWriter *ZMFWriterCreateFile(const char *szFile, int nKind, const char *szLabel,
+                               const char *szBelow = nullptr);
 
 // Stops the recording and frees the writer; accepts null. The file of a writer that never got an SDP is
 // removed.

@@ -1,7 +1,9 @@
 // The administrator's methods, with the camera process at the other end of its message queue. The queue and
 // the camera's program are in namespaces of this test's own.
+#include <csignal>
 #include <filesystem>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -63,6 +65,87 @@ TEST_F(DirectCfgTest, ReadsTheServersConfiguration)
     WriteFile(server.ConfigPath(), "");
     EXPECT_EQ(kInternal, GetCfg(admin));
     EXPECT_EQ(kUnauthorized, SetCfg(admin, newCfg));
+}
+
+// A stand-in for the scanning tool, first in PATH, which finds a network once it is told to go on.
+struct WifiTest : DirectCfgTest {
+    const std::string path = getenv("PATH"), runs = server.dir.File("runs"), go = server.dir.File("go");
+    const std::string list = "cafe [00:1A] 70/70 WEP\n\r\n\r\n";
+
+    void SetUp() override
+    {
+        WriteFile(server.dir.File("iwlist"),
+                  "#!/bin/sh\necho $$ >> " + runs + "\nread x < " + go +
+                      "\necho ' Address: 00:1A'\necho ' Quality=70/70  x'\necho ' key:on'\necho ' ESSID:\"cafe\"'\n");
+        std::filesystem::permissions(server.dir.File("iwlist"), std::filesystem::perms::owner_all);
+        ASSERT_EQ(0, mkfifo(go.c_str(), 0600));
+        setenv("PATH", (server.dir.path + ":" + path).c_str(), 1);
+        server.Set("WIFI", "DevName", "wlan0");
+    }
+    void TearDown() override
+    {
+        setenv("PATH", path.c_str(), 1);
+        DirectCfgTest::TearDown();
+    }
+    // Waits until the tool waits. Its word to go on is given when the result is closed.
+    Sock ToolWaits() const
+    {
+        Sock told;
+        EXPECT_TRUE(WaitFor([&] { return (told.fd = open(go.c_str(), O_WRONLY | O_NONBLOCK)) >= 0; }));
+        return told;
+    }
+    int Runs() const { return CountText(ReadFile(runs), "\n"); }
+    static void AskFor(RtspClient *pClient, int nCSeq = 1)
+    {
+        Send(pClient, MakeRequest("GETWIFIROUTERS", "*", nCSeq) + Options(nCSeq + 1));
+    }
+    void ExpectList(RtspClient *pClient) const
+    {
+        std::string text;
+        EXPECT_EQ(1, RtspWaitBytes(pClient, list.size(), &text));
+        EXPECT_EQ(list, text);
+        EXPECT_EQ(2, NextAnswer(pClient)) << "behind it";
+    }
+};
+
+// The scan takes as long as it takes, and nobody waits for it but those who asked; it ends with the server.
+TEST_F(WifiTest, OneScanAnswersAllWhoAskMeanwhile)
+{
+    Start();
+    RtspClient askers[3];
+    for (RtspClient &asker : askers) {
+        Connect(&asker);
+        AskFor(&asker);
+    }
+    Sock told = ToolWaits();
+    EXPECT_TRUE(Answers(&client));
+    RtspClose(&askers[2]);
+    server.Stat();
+    told.Close();
+    ExpectList(&askers[0]);
+    ExpectList(&askers[1]);
+    EXPECT_EQ(1, Runs());
+    AskFor(&askers[0], 3);
+    told = ToolWaits();
+    EXPECT_EQ(0, server.Quit());
+    EXPECT_EQ(2, Runs());
+    const std::string pids = ReadFile(runs);
+    EXPECT_TRUE(WaitFor([&] { return kill(std::stoi(pids.substr(pids.find('\n'))), 0) != 0; }));
+}
+
+TEST_F(WifiTest, AYoungListIsShownAgainWhereRolesAreStrict)
+{
+    server.Set("GUARD", "StrictRoles", "1");
+    Start();
+    AskFor(&client);
+    ToolWaits();
+    ExpectList(&client);
+    for (RtspClient *pClient : {&player, &pusher}) {
+        Connect(pClient);
+        AskFor(pClient);
+        ExpectList(pClient);
+    }
+    EXPECT_EQ(1, Runs());
 }
 
 struct CameraTest : DirectCfgTest {

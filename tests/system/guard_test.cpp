@@ -151,6 +151,32 @@ TEST(Guard, StopsTheProcessWhenOff)
     }
 }
 
+// What strangers write on the console and into the log begins no line there and commands no terminal, and
+// nobody's credentials are in it.
+TEST(Guard, PrintsNoControlBytes)
+{
+    for (const char *szGuard : {"0", "1"}) {
+        const bool bGuard = *szGuard == '1';
+        Scene scene(szGuard);
+        scene.Connect();
+        EXPECT_EQ(bGuard, Exchange(&scene.peer, "ANNOUNCE /x%0d%0aforged RTSP/1.0\r\nCSeq: 1\r\n\r\n").empty());
+        scene.Connect();
+        Send(&scene.peer, "X\x1b[2J * RTSP/1.0\r\nCSeq: 1\r\n\r\n");
+        EXPECT_TRUE(scene.server.WaitOutput(bGuard ? "Cmd=X?[2J)" : "Cmd=X\x1b[2J)"));
+        scene.Connect();
+        Send(&scene.peer, MakeRequest("ANNOUNCE", "/y", 1, kSdp, "m=\x1bvideo\nforged\r\n"));
+        EXPECT_TRUE(scene.server.WaitOutput(bGuard ? "bad SDP:\r\n m=?video\n forged\r\n" : "m=\x1bvideo\nforged\r\n"));
+        ASSERT_EQ(1, RtspConnectTunnel(&scene.peer, scene.server.Url("/good").c_str()));
+        for (const std::string piece :
+             {"OPTIONS * RTSP/1.0\r\nCSeq: 5\r\nAuthor", "ization: Basic r", "oot:rootpw\r\n\r\n"})
+            ASSERT_EQ(1, RtspSendBytes(&scene.peer, piece.data(), piece.size(), kRtspTimeoutMs));
+        ASSERT_EQ(1, RtspWaitReply(&scene.peer, 5, nullptr));
+        EXPECT_TRUE(scene.server.WaitOutput(bGuard ? ": *" : "rootpw"));
+        EXPECT_EQ(bGuard ? 0 : 1, CountText(scene.server.Output(), "rootpw"));
+        EXPECT_EQ(0, scene.server.Quit());
+    }
+}
+
 // One byte less, and everything is fine in either setting.
 TEST(Guard, LimitsAreNotFaults)
 {

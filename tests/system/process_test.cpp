@@ -154,16 +154,17 @@ TEST_F(ProcessTest, DaemonIsSilentAndWritesItsState)
         return std::regex_search(state, parts, std::regex("^\\[MAIN\\]\nCurClients=1\nCurLives=1\nCurTime=([0-9]+)\n"));
     })) << state;
     EXPECT_TRUE(IsSince(std::stol(parts[1])));
-    for (int nSignal : {SIGINT, SIGCHLD, SIGTERM})
+    for (int nSignal : {SIGINT, SIGCHLD, SIGHUP, SIGTERM})
         server.Signal(nSignal);
     EXPECT_EQ(0, server.WaitExit());
-    EXPECT_EQ("", server.Output());
+    EXPECT_THAT(server.Output(), EndsWith("[-daemond].\r\ncfg=" + server.dir.path + "/cfg/orx.cfg\r\n"));
     EXPECT_THAT(ReadFile(server.LogPath()), EndsWith(": End\r\n"));
 }
 
 TEST_F(ProcessTest, OutlivesSignalsButSegmentationFaults)
 {
     server.Start();
+    server.Signal(SIGHUP);
     for (const auto &[nSignal, szName] : {std::pair{SIGINT, "SIGINT"}, {SIGCHLD, "SIGCHLD"}, {SIGPIPE, "SIGPIPE"}})
         for (int n = 1; n <= 2; n++) {
             server.Signal(nSignal);
@@ -176,6 +177,51 @@ TEST_F(ProcessTest, OutlivesSignalsButSegmentationFaults)
     ASSERT_TRUE(std::regex_search(server.Output(), parts,
                                   std::regex("Catch\\(tid=([0-9]+)\\[0x([0-9a-f]+)\\]\\): SIGSEGV\r\n$")));
     EXPECT_EQ(std::stoul(parts[1]), std::stoul(parts[2], nullptr, 16));
+}
+
+// A descriptor that is missing is none that a socket may take, where prints would then go.
+TEST_F(ProcessTest, RunsWithoutStandardStreams)
+{
+    server.Start();
+    EXPECT_EQ(0, server.Quit());
+    for (const char *szClosed : {"<&-", "<&- >&- 2>&-"}) {
+        server.Spawn("/bin/sh", {"-c", std::string("exec \"$0\" -daemond ") + szClosed, server.dir.File("bin/orx")});
+        ASSERT_TRUE(WaitFor([&] { return RtspConnect(&player, server.Url("/cam").c_str()) == 1; })) << szClosed;
+        EXPECT_TRUE(Answers(&player));
+        server.Signal(SIGTERM);
+        EXPECT_EQ(0, server.WaitExit());
+    }
+}
+
+// Files that have grown beyond what the store reads key by key: with the guard on a configuration is read
+// nevertheless, and what the server itself writes is no reason not to run.
+TEST_F(ProcessTest, StartsWithFilesOfAnySize)
+{
+    server.Set("SERVER", "LogFile", "1");  // which comes last
+    for (int i = 999; i >= 0; i--) {
+        const std::string n = std::to_string(i);
+        server.Set("USERS", "UserName" + n + "=somebody" + n + "\nUserPwd" + n + "=password of " + n);
+    }
+    server.Set("USERS", "NumUsers", "1000");
+    for (const char *szGuard : {"0", "1"}) {
+        server.Set("GUARD", "SurvivePeerFaults", szGuard);
+        server.Launch({"-daemond"});
+        if (*szGuard == '0') {
+            EXPECT_EQ(256 + SIGABRT, server.WaitExit());
+            EXPECT_EQ(1, CountText(server.Output(), "Assertion `i < 1024*8'"));
+            for (const char *szFile : {"cfg/guid.dat", "log/orxstate.cur"})
+                WriteFile(server.dir.File(szFile), "[GUID]\n" + std::string(9000, 'x'));
+        }
+    }
+    ASSERT_TRUE(WaitFor([&] { return RtspConnect(&player, server.Url("/cam").c_str()) == 1; }));
+    EXPECT_TRUE(WaitFor([&] { return ReadFile(server.dir.File("log/orxstate.cur")).starts_with("[MAIN]\nCur"); }));
+    Connect(&player);
+    Send(&player, MakeRequest("GETPLAYLIST", "*", 1, UserHeaders("somebody999", "password of 999")));
+    std::string text;
+    EXPECT_EQ(1, RtspWaitBytes(&player, 8, &text));
+    EXPECT_EQ("PlayList", text);
+    server.Signal(SIGTERM);
+    EXPECT_EQ(0, server.WaitExit());
 }
 
 // What cannot start says why, and ends with status 0 before anything has begun. Without a listener it runs.

@@ -1,4 +1,5 @@
 // RECORDEX: what it answers, and which files it makes. GETPLAYLIST: what it lists, and for whom.
+#include <algorithm>
 #include <csignal>
 #include <ctime>
 #include <deque>
@@ -119,6 +120,59 @@ TEST_F(RecordTest, IsCompletedWhenTheServerEnds)
     std::string file = ReadFile(File("a.zmf"));
     EXPECT_EQ(20U, CountPictures(file));
     EXPECT_EQ(19U * 40 + 20, GetBe(file.data() + 40, 4)) << "the duration, with the last sound";
+}
+
+// Whatever links and ".." make of a name, and whoever has it already.
+TEST_F(RecordTest, StaysBelowItsDirectoryWhenConfined)
+{
+    const std::string out = root + "-other", refused = "200 NOT enough space to RECORD.";
+    for (const std::string &dir : {out, File("sub")})
+        std::filesystem::create_directories(dir);
+    for (const char *szLink : {"away", "l.zmf", "m.zmf.tm!"})
+        std::filesystem::create_symlink(out + (*szLink == 'a' ? "" : "/x.zmf"), File(szLink));
+    std::filesystem::create_symlink("sub", File("in"));
+    for (const char *szTaken : {"a.zmf", "b.zmf.tm!"})  // the second one is settled at the start
+        WriteFile(File(szTaken), std::string(70000, 'x'));
+    WriteFile(File("b.zmf"), "precious");
+    server.Set("GUARD", "ConfineRecordings", "1");
+    StartRecorder();
+    const struct {
+        std::string name, file;  // "": none
+    } cases[] = {
+        {"a.zmf", "a-1.zmf"},      {File("a.zmf"), "a-2.zmf"},
+        {"l.zmf", "l-1.zmf"},      {"m.zmf", "m-1.zmf"},
+        {"sub/../c.zmf", "c.zmf"}, {"in/d.zmf", "sub/d.zmf"},
+        {"../rec/e.zmf", "e.zmf"}, {"../f.zmf", ""},
+        {"in/../../f.zmf", ""},    {"away/f.zmf", ""},
+        {out + "/f.zmf", ""},      {"/proc/self/cwd/f.zmf", ""},
+        {"missing/f.zmf", ""},     {"f.txt", ""},
+    };
+    std::vector<std::string> expected = {"a.zmf", "b-1.zmf", "b.zmf"};
+    for (const auto &c : cases) {
+        EXPECT_EQ(c.file.empty() ? refused : "200 OK", camera.Record("FileName=" + c.name)) << c.name;
+        camera.Send(1);
+        EXPECT_EQ("200 OK", camera.Record("Cmd=stop"));
+        if (!c.file.empty())
+            expected.push_back(c.file);
+    }
+    Camera others[2] = {Camera({Coding::H264}), Camera({Coding::H264})};
+    ASSERT_EQ(1, others[0].Open(Url("two//parts/")));
+    for (int i = 0; i < 3; i++)  // within a second
+        EXPECT_EQ("200 OK", others[0].Record("EventType=3"));
+    ASSERT_EQ(1, others[1].Open(Url("away")));
+    EXPECT_EQ(refused, others[1].Record("EventType=3"));
+    for (Camera &other : others)
+        RtspClose(&other.client);
+    std::vector<std::string> files = Finish();
+    auto pTree = std::stable_partition(files.begin(), files.end(), [](auto &name) { return !name.starts_with("two"); });
+    EXPECT_EQ(3, files.end() - pTree);
+    for (const std::string &name : std::vector<std::string>(pTree, files.end()))
+        EXPECT_THAT(name, testing::MatchesRegex("two/parts/20[0-9]{6}/M[0-9]{6}\\.zmf"));
+    files.erase(pTree, files.end());
+    std::erase_if(files, [](auto &name) { return name == "l.zmf" || name == "m.zmf.tm!" || name == "away"; });
+    EXPECT_THAT(files, testing::UnorderedElementsAreArray(expected));
+    EXPECT_EQ("precious", ReadFile(File("b.zmf")));
+    EXPECT_TRUE(std::filesystem::is_empty(out));
 }
 
 struct PlayListTest : RecordingTest {

@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "runtime/task.h"
+#include "base/printable.h"
 #include "server/core/request.h"
 #include "server/core/retire.h"
 
@@ -35,6 +36,7 @@ struct Port {
     Request request;       // the message that is being received
     char tail[4] = "";     // tunnel POST: characters of a base64 group not yet complete
     uint32_t nTail = 0;
+    CredentialMask mask;  // tunnel POST: where in the text that is printed a credential is left out
     Retired retired;
 };
 

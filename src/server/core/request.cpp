@@ -5,6 +5,7 @@
 #include <new>
 
 #include "base/textbuf.h"
+#include "server/core/settings.h"
 
 namespace orx {
 
@@ -101,11 +102,23 @@ int UriDecode(std::string_view uri, char *szOut, size_t nSize)
     return static_cast<int>(nLen);
 }
 
-// Stores the URI with its percent escapes decoded. 0 when it is empty or too long.
+// Whether a URI decodes to a control byte. No name of a program holds one: names are printed, logged, and
+// become those of files.
+static int HoldsControl(const char *szUri, int nLen)
+{
+    for (int i = 0; i < nLen; i++)
+        if (static_cast<unsigned char>(szUri[i]) < ' ' || szUri[i] == 127)
+            return 1;
+    return 0;
+}
+
+// Stores the URI with its percent escapes decoded. 0 when it is empty, too long, or not to be printed.
 static int SetUri(Str *pUri, Span span)
 {
     char szUri[kMaxUri + 1];
     int nLen = UriDecode({span.p, span.Size()}, szUri, sizeof(szUri));
+    if (g_settings.bSurvivePeerFaults && HoldsControl(szUri, nLen))
+        return 0;
     return nLen > 0 && SetText(pUri, {szUri, szUri + nLen});
 }
 

@@ -1,6 +1,7 @@
 #include "server/core/sdp.h"
 
 #include "base/console.h"
+#include "base/printable.h"
 #include "base/textbuf.h"
 #include "record/codec.h"
 #include "record/sdpreader.h"
@@ -66,7 +67,7 @@ static int ReadVideo(MediaInfo *pInfo, std::string_view text)
     pInfo->nWidth = static_cast<uint32_t>(nWidth);
     pInfo->nHeight = static_cast<uint32_t>(nHeight);
     if (!EnterCodec(pInfo))
-        print("Unsupported video format: %s!\r\n", pInfo->szEncoding);
+        print("Unsupported video format: %s!\r\n", PrintableText(pInfo->szEncoding).sz);
     return 1;
 }
 
@@ -117,7 +118,7 @@ int SdpParse(Description *pDesc, const char *szSdp, int bLive, uint32_t nDuratio
     while (pDesc->nTrackCount < kMaxMediaInfos && SdpNextSection(&walk, &section)) {
         SdpMedia media;
         if (!SdpReadMedia(section.rest, SDP_MEDIA_SCAN, &media)) {
-            print("bad SDP:\r\n%s\r\n", szSdp);
+            print("bad SDP:\r\n%s\r\n", PrintableDump(szSdp).sz);
             break;
         }
         int i = pDesc->nTrackCount;
@@ -126,8 +127,7 @@ int SdpParse(Description *pDesc, const char *szSdp, int bLive, uint32_t nDuratio
         pInfo->nRtpChannel = static_cast<uint8_t>(2 * i);
         pInfo->nRtcpChannel = static_cast<uint8_t>(2 * i + 1);
         if (!EnterKind(pDesc, i, media.media)) {
-            print("ignore unknown media \"%.*s\"\n", static_cast<int>(media.media.size()),
-                  media.media.data());
+            print("ignore unknown media \"%s\"\n", PrintableText(media.media.data(), media.media.size()).sz);
             continue;
         }
         pInfo->nDuration = nDuration;

@@ -220,8 +220,10 @@ int SessionClosePort(Session *pSession, Port *pPort)
         pSession->peer.Cmd = nullptr;
     if (bIsReply)
         pSession->peer.Reply = nullptr;
-    if (pPort == pSession->hold.pPort)
+    if (pPort == pSession->hold.pPort) {
         pSession->hold.pPort = nullptr;
+        pSession->hold.nScan = 0;
+    }
     PortClose(pPort);
     if (pSession->peer.Cmd || pSession->peer.Reply)
         return 0;

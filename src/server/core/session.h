@@ -132,6 +132,7 @@ struct SessionHold {
     int bStep = 0;                // it waits for the next step only
     int bOver = 0;                // it has waited for a wrong password, and its handler runs again
     int nFailures = 0;            // wrong passwords and tokens of this connection
+    uint32_t nScan = 0;           // the scan of wireless networks that answers the held request
 };
 
 struct Session {
@@ -210,10 +211,10 @@ Port *SessionControlPort(
     const Session *pSession);  // of requests to the peer; never the half that only it writes
 
 // The request at hand takes another step: its handler runs once more behind what else is due.
-inline Verdict SessionNextStep(Session *pSession)
+inline Verdict SessionNextStep(Session *pSession, uint32_t nDelayMs = 1)
 {
     pSession->hold.bStep = 1;
-    pSession->hold.nDelayMs = 1;
+    pSession->hold.nDelayMs = nDelayMs;
     return Verdict::Later;
 }
 

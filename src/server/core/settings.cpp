@@ -7,8 +7,8 @@
 
 #include <unistd.h>
 
+#include "base/configfile.h"
 #include "base/console.h"
-#include "base/inifile.h"
 #include "base/textbuf.h"
 
 namespace orx {
@@ -160,17 +160,16 @@ static int32_t DefaultOf(const Settings *pSettings, const Setting *pRow)
     return pRow->nDefault;
 }
 
-static void ReadRow(Settings *pSettings, const Setting *pRow, const char *szPath)
+static void ReadRow(Settings *pSettings, const Setting *pRow, const ConfigFile *pConfig)
 {
     char *pField = reinterpret_cast<char *>(pSettings) + pRow->place.nOffset;
     if (pRow->kind == SettingKind::Text) {
-        read_profile_string(pRow->szSection, pRow->szKey, pField, static_cast<int>(pRow->place.nBytes),
-                            pRow->szDefault, szPath);
+        ConfigGetStr(pConfig, pRow->szSection, pRow->szKey, pField, static_cast<int>(pRow->place.nBytes),
+                     pRow->szDefault);
         return;
     }
     int32_t nDefault = DefaultOf(pSettings, pRow);
-    int32_t nValue =
-        Clamped(pRow, nDefault, read_profile_int(pRow->szSection, pRow->szKey, nDefault, szPath));
+    int32_t nValue = Clamped(pRow, nDefault, ConfigGetInt(pConfig, pRow->szSection, pRow->szKey, nDefault));
     memcpy(pField, &nValue, sizeof(nValue));
     if (pRow->place.nOffset == offsetof(Settings, bAutoDrop))
         print("AutoDropDataWhenCrowded=%d.\r\n", nValue);
@@ -235,9 +234,10 @@ int SettingsRead(Settings *pSettings, const char *szPath)
         print("The configuration's path is too long: %s\r\n", szPath);
         return 0;
     }
+    ConfigFile config(szPath);
     for (const Setting &row : g_table)
         if (row.place.nOffset != kNotHere)
-            ReadRow(pSettings, &row, szPath);
+            ReadRow(pSettings, &row, &config);
     pSettings->szRecordPath = SettingsRecordPath(pSettings->szRecordSetting);
     return pSettings->szRecordPath && CheckUdpRange(pSettings);
 }

@@ -224,6 +224,7 @@ static int OnHoldOver(Task *pTask, uint32_t, uint32_t, uint32_t)
     pSession->nCSeq = pSession->hold.nCSeq;
     pSession->hold.bOver |= !pSession->hold.bStep;
     pSession->hold.bStep = 0;
+    pSession->peer.tLastActivity = ClockUptime();  // nothing was read, however long one may be silent
     uint32_t nAt = 0;
     Step step = RunHandler(pSession, pPort, &nAt);
     if (!pSession->hold.pPort)

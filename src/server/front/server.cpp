@@ -23,6 +23,7 @@
 #include "server/methods/attempts.h"
 #include "server/methods/auth.h"
 #include "server/methods/guidstore.h"
+#include "server/methods/wifirouters.h"
 
 namespace orx {
 
@@ -49,7 +50,7 @@ static void SeedRandom()
 // What an earlier run left unfinished is settled before the directory is used again.
 static void PrepareStorage()
 {
-    StorageRecover(g_settings.szRecordPath);
+    StorageRecover(g_settings.szRecordPath, g_settings.bConfineRecordings);
     StorageMakeDir(g_settings.szRecordPath);
 }
 
@@ -137,6 +138,7 @@ void ServerStop()
     RemoteServicesStop();
     ThreadJoin(&g_server.monitor.thread);  // no more events; its sockets stay while tasks may still use them
     SchedulerDestroy(&g_server.scheduler);
+    WifiRoutersStop();
     RemoteServicesFree();
     MonitorDestroy(&g_server.monitor);
     AvlDestroy(&g_server.programMap);

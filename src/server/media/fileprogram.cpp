@@ -60,8 +60,12 @@ Program *CreateFileProgram(const char *szPath, int *pbMore)
         !StorageIsInside(szPath))
         return nullptr;
     char file[512];
+    char tidy[512];
     TextBuf name{file, sizeof(file)};
-    if (!TextAdd(&name, "%s%s", g_settings.szRecordPath, *szPath == '/' ? szPath + 1 : szPath))
+    const char *szName = *szPath == '/' ? szPath + 1 : szPath;
+    if (g_settings.bConfineRecordings && StorageProgramPath(tidy, sizeof(tidy), szPath))
+        szName = tidy;
+    if (!TextAdd(&name, "%s%s", g_settings.szRecordPath, szName))
         return nullptr;
     Program *pProg = ProgramNew(szPath, &g_fileOps);
     if (!pProg)

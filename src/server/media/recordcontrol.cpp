@@ -4,6 +4,7 @@
 
 #include "base/assertion.h"
 #include "base/console.h"
+#include "base/printable.h"
 #include "base/textbuf.h"
 #include "base/textnumber.h"
 #include "record/zmfwriter.h"
@@ -63,7 +64,7 @@ void StopRecord(Program *pProg)
         char szFile[kStoragePathSize] = "";
         ZMFWriterFileName(pProg->recorders[i], szFile, sizeof(szFile));
         DropRecorder(pProg, i);
-        print("StopRecord(%s)\r\n", szFile);
+        print("StopRecord(%s)\r\n", PrintableText(szFile).sz);
         return;
     }
 }
@@ -80,12 +81,17 @@ static uint32_t PreRecordSeconds(const Program *pProg, int nKind)
     return nAge < g_settings.nPreRecordLen ? nAge : g_settings.nPreRecordLen;
 }
 
+static int IsRecordingName(const char *szFile)
+{
+    size_t nLen = strlen(szFile);
+    return nLen > 4 && strcasecmp(szFile + nLen - 4, ".zmf") == 0;
+}
+
 // A peer may choose where its recording goes, but only a recording's name, so that it overwrites nothing
 // else.
 static int IsSafeFileName(const char *szFile)
 {
-    size_t nLen = strlen(szFile);
-    return nLen > 4 && strcasecmp(szFile + nLen - 4, ".zmf") == 0 && !strstr(szFile, "../");
+    return IsRecordingName(szFile) && !strstr(szFile, "../");
 }
 
 static const char *ProgramDirectory(const Program *pProg)
@@ -93,24 +99,54 @@ static const char *ProgramDirectory(const Program *pProg)
     return pProg->Uri[0] == '/' ? pProg->Uri + 1 : pProg->Uri;
 }
 
+// The name of a recording, as far as it is known before its file is made.
+static void ChooseName(const Program *pProg, const RecordOrder *pOrder, char *szFile, size_t nSize)
+{
+    TextBuf text{szFile, nSize};
+    if (!pOrder->bNamed && !g_settings.bConfineRecordings)
+        StorageNextPath(szFile, nSize, g_settings.szRecordPath, ProgramDirectory(pProg), pOrder->nKind);
+    else if (!pOrder->bNamed)
+        StorageNamePath(szFile, nSize, g_settings.szRecordPath, ProgramDirectory(pProg), pOrder->nKind);
+    else if (g_settings.bConfineRecordings && pOrder->szFile[0] && pOrder->szFile[0] != '/')
+        TextAdd(&text, "%s%s", g_settings.szRecordPath, pOrder->szFile);
+    else
+        TextAdd(&text, "%s", pOrder->szFile);
+}
+
+static ZMFWriter *CreateWriter(const Program *pProg, const RecordOrder *pOrder, const char *szFile)
+{
+    if (pOrder->bNamed)
+        return IsSafeFileName(szFile) ? ZMFWriterCreateFile(szFile, pOrder->nKind, nullptr) : nullptr;
+    return ZMFWriterCreate(g_settings.szRecordPath, ProgramDirectory(pProg), pOrder->nKind, nullptr);
+}
+
+// The same below the directory of recordings, whatever links and ".." make of the name.
+static ZMFWriter *CreateConfined(const Program *pProg, const RecordOrder *pOrder, const char *szFile)
+{
+    char szProgram[kStoragePathSize];
+    if (pOrder->bNamed)
+        return IsRecordingName(szFile)
+                   ? ZMFWriterCreateFile(szFile, pOrder->nKind, nullptr, g_settings.szRecordPath)
+                   : nullptr;
+    return StorageProgramPath(szProgram, sizeof(szProgram), pProg->Uri)
+               ? ZMFWriterCreate(g_settings.szRecordPath, szProgram, pOrder->nKind, nullptr, 1)
+               : nullptr;
+}
+
 // Opens the first file of a recording; null, with the cause printed, when it cannot be made.
 static ZMFWriter *OpenWriter(const Program *pProg, const RecordOrder *pOrder, uint32_t nPreRecord)
 {
     char szFile[kStoragePathSize] = "";
-    if (pOrder->bNamed)
-        TextCopy(szFile, sizeof(szFile), pOrder->szFile);
-    else
-        StorageNextPath(szFile, sizeof(szFile), g_settings.szRecordPath, ProgramDirectory(pProg),
-                        pOrder->nKind);
-    print("StartRecord(%s) Limited=%dseconds, PreRecord=%useconds\r\n", szFile, pOrder->nLimitSeconds,
-          nPreRecord);
     ZMFWriter *pWriter = nullptr;
-    if (!pOrder->bNamed)
-        pWriter = ZMFWriterCreate(g_settings.szRecordPath, ProgramDirectory(pProg), pOrder->nKind, nullptr);
-    else if (IsSafeFileName(szFile))
-        pWriter = ZMFWriterCreateFile(szFile, pOrder->nKind, nullptr);
+    ChooseName(pProg, pOrder, szFile, sizeof(szFile));
+    if (g_settings.bConfineRecordings && (pWriter = CreateConfined(pProg, pOrder, szFile)))
+        ZMFWriterFileName(pWriter, szFile, sizeof(szFile));  // the name that was free
+    print("StartRecord(%s) Limited=%dseconds, PreRecord=%useconds\r\n", PrintableText(szFile).sz,
+          pOrder->nLimitSeconds, nPreRecord);
+    if (!g_settings.bConfineRecordings)
+        pWriter = CreateWriter(pProg, pOrder, szFile);
     if (!pWriter) {
-        print("Create record file(%s) failed!\r\n", szFile);
+        print("Create record file(%s) failed!\r\n", PrintableText(szFile).sz);
         return nullptr;
     }
     if (ZMFWriterSetReserveMinSpace(pWriter, kReserveMegabytes, g_settings.bAutoDelOldFile))

@@ -9,6 +9,7 @@
 
 #include "base/bytes.h"
 #include "base/console.h"
+#include "base/printable.h"
 #include "base/textbuf.h"
 #include "runtime/clock.h"
 #include "server/core/program.h"
@@ -179,8 +180,8 @@ static void DumpSDES(ByteReader *pIn)
     uint32_t nLen = ReadBe(pIn, 1);
     if (pIn->bFailed)
         return;
-    print("SDes ssrc=%u, type=%u, length=%u, data=%.*s\r\n", nSsrc, nType, nLen,
-          static_cast<int>(ItemTextBytes(pIn, nLen)), reinterpret_cast<const char *>(pIn->p));
+    print("SDes ssrc=%u, type=%u, length=%u, data=%s\r\n", nSsrc, nType, nLen,
+          PrintableText(reinterpret_cast<const char *>(pIn->p), ItemTextBytes(pIn, nLen)).sz);
 }
 
 void RtcpDump(const uint8_t *pPacket, size_t nLen, uint32_t nClockRate)

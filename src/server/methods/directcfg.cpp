@@ -4,17 +4,19 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <utility>
 
+#include "base/configfile.h"
 #include "base/console.h"
 #include "base/filewrite.h"
 #include "base/inifile.h"
 #include "base/textbuf.h"
 #include "bridge/cgipush.h"
-#include "net/wifiscan.h"
 #include "server/core/settings.h"
 #include "server/media/replies.h"
 #include "server/media/send.h"
 #include "server/methods/credentials.h"
+#include "server/methods/wifirouters.h"
 
 namespace orx {
 
@@ -22,7 +24,9 @@ constexpr size_t kPieceBytes = 32768;    // of a long answer; a block of the out
 constexpr size_t kCredentialSize = 256;  // bytes of a name or password as it is read
 constexpr size_t kMemPrefix = 6;         // "inmem:" before the text
 constexpr char kCfgTemplate[] = "/tmp/orxXXXXXX.cfg";
-constexpr int kCfgSuffix = 4;  // ".cfg": the camera goes by it
+constexpr uint32_t kScanLookMs = 100;  // between two looks at a scan
+constexpr uint32_t kFreshMs = 10000;   // so young a list of networks is shown again where roles are strict
+constexpr int kCfgSuffix = 4;          // ".cfg": the camera goes by it
 
 // The server's configuration file as the profile store reads it from memory, with a NUL behind it.
 struct ConfigText {
@@ -136,18 +140,32 @@ Verdict HandleSetCfgDirect(Session *pSession, Port *pPort, Request *pRequest)
     return Verdict::Keep;
 }
 
+static void ReadInterface(char *szDevice, size_t nSize)
+{
+    ConfigFile config(g_settings.szConfigPath);
+    ConfigGetStr(&config, "WIFI", "DevName", szDevice, static_cast<int>(nSize), "");
+    if (!szDevice[0])
+        print("GetWifiRouters() DevName is empty!\n");
+}
+
 Verdict HandleGetWifiRouters(Session *pSession, Port *pPort, Request *)
 {
     static constexpr char kNothing[] = "NULL\r\n\r\n";
     char device[64] = "";
-    read_profile_string("WIFI", "DevName", device, sizeof(device), "", g_settings.szConfigPath);
-    if (!device[0])
-        print("GetWifiRouters() DevName is empty!\n");
+    const char *szList = nullptr;
     size_t nList = 0;
-    char *szList = device[0] ? WifiScan(device, &nList) : nullptr;
-    int nSent = szList ? SendLong(pSession, pPort, szList, nList)
-                       : SendReply(pSession, pPort, kNothing, sizeof(kNothing) - 1);
-    free(szList);
+    uint32_t nScan = std::exchange(pSession->hold.nScan, 0);
+    if (nScan == 0)
+        ReadInterface(device, sizeof(device));
+    WifiResult eResult = WifiResult::Failed;
+    if (nScan || device[0])
+        eResult = WifiRoutersAsk(device, g_settings.bStrictRoles ? kFreshMs : 0, &nScan, &szList, &nList);
+    if (eResult == WifiResult::Running) {
+        pSession->hold.nScan = nScan;
+        return SessionNextStep(pSession, kScanLookMs);
+    }
+    int nSent = eResult == WifiResult::Ready ? SendLong(pSession, pPort, szList, nList)
+                                             : SendReply(pSession, pPort, kNothing, sizeof(kNothing) - 1);
     ExpectMore(pSession, pPort);
     return KeepIf(nSent);
 }

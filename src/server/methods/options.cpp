@@ -3,6 +3,7 @@
 #include <strings.h>
 
 #include "base/console.h"
+#include "base/printable.h"
 #include "server/media/replies.h"
 #include "server/methods/tunnel.h"
 
@@ -26,7 +27,7 @@ Verdict HandleOptions(Session *pSession, Port *pPort, Request *)
 
 Verdict HandleUnknown(Session *pSession, Port *pPort, Request *pRequest)
 {
-    print("HandleUnknown(Cmd=%s)!\r\n", RequestMethod(pRequest));
+    print("HandleUnknown(Cmd=%s)!\r\n", PrintableText(RequestMethod(pRequest)).sz);
     const char *szProtocol = StrText(pRequest->protocol);
     if (strcasecmp(szProtocol, "HTTP") == 0)
         return ReplyMismatch(pSession, pPort);

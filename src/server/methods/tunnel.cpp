@@ -6,6 +6,7 @@
 #include "base/assertion.h"
 #include "base/base64.h"
 #include "base/console.h"
+#include "base/printable.h"
 #include "base/textbuf.h"
 #include "runtime/clock.h"
 #include "server/core/registry.h"
@@ -163,6 +164,17 @@ static uint32_t DecodeGroup(const char *pGroup, uint8_t *pOut)
     return 3 - nPad;
 }
 
+// The requests of a tunnel, for who looks for a fault; their credentials are nobody's business.
+static void PrintDecoded(Port *pPort, const char *pText, uint32_t nLen)
+{
+    auto *szShown = static_cast<char *>(malloc(size_t{nLen} + 2));
+    if (!szShown)
+        return;
+    szShown[CredentialMaskCopy(&pPort->mask, pText, nLen, szShown)] = '\0';
+    print("Base64Decode(OutLen=%u)\r\n%s", nLen, PrintableDump(szShown).sz);
+    free(szShown);
+}
+
 int TunnelDecode(Session *pSession, Port *pPort, const char *pText, size_t nLen)
 {
     uint32_t nFrom = pSession->input.nLen;
@@ -186,8 +198,8 @@ int TunnelDecode(Session *pSession, Port *pPort, const char *pText, size_t nLen)
     }
     pSession->input.pBuf[pSession->input.nLen] = 0;
     if (pSession->input.nLen > nFrom)
-        print("Base64Decode(OutLen=%u)\r\n%s", pSession->input.nLen - nFrom,
-              reinterpret_cast<const char *>(pSession->input.pBuf + nFrom));
+        PrintDecoded(pPort, reinterpret_cast<const char *>(pSession->input.pBuf + nFrom),
+                     pSession->input.nLen - nFrom);
     return 1;
 }
 

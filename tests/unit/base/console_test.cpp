@@ -5,6 +5,7 @@
 #include <tuple>
 
 #include <poll.h>
+#include <pty.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -13,31 +14,52 @@
 
 namespace orx {
 
-TEST(Print, APipeThatNobodyReadsHoldsUpNobody)
+// A pipe, and the terminal of somebody who has gone to lunch.
+TEST(Print, AReaderWhoDoesNotReadHoldsUpNobody)
 {
-    int fds[2], nSavedFd = dup(STDOUT_FILENO);
-    ASSERT_EQ(0, pipe(fds));
-    dup2(fds[1], STDOUT_FILENO);
-    close(fds[1]);
-    auto arrived = [&] {  // without waiting
-        char buf[4096];
-        pollfd in{fds[0], POLLIN, 0};
-        ssize_t n = poll(&in, 1, 0) == 1 ? read(fds[0], buf, sizeof(buf)) : 0;
-        return std::string(buf, n > 0 ? size_t(n) : 0);
-    };
-    const std::string text(2000, 'x');
-    for (int i = 0; i < 100; i++)  // more than the pipe holds
-        print("%s\n", text.c_str());
-    while (!arrived().empty())
-        continue;
-    print("%s %s\n", text.c_str(), "100%s");
-    EXPECT_EQ(text + " 100%s\n", arrived());
-    close(fds[0]);  // and a handler that prints, too, does not make it worse
-    auto pfnBefore = signal(SIGPIPE, [](int) { ConsoleWriteRaw("Catch: SIGPIPE\r\n", 16); });
-    print("nobody hears this\r\n");
-    signal(SIGPIPE, pfnBefore);
-    dup2(nSavedFd, STDOUT_FILENO);
-    close(nSavedFd);
+    static const std::pair<int, bool> cases[] = {{STDOUT_FILENO, false}, {STDOUT_FILENO, true}, {STDERR_FILENO, false}};
+    for (const auto &[fdStream, bTerminal] : cases) {
+        int fds[2], nSavedFd = dup(fdStream);
+        auto say = [fd = fdStream](const std::string &text) {
+            fd == STDOUT_FILENO ? print("%s", text.c_str()) : ConsoleError(text.data(), text.size());
+        };
+        termios raw{};
+        cfmakeraw(&raw);
+        ASSERT_EQ(0, bTerminal ? openpty(&fds[0], &fds[1], nullptr, &raw, nullptr) : pipe(fds));
+        dup2(fds[1], fdStream);
+        ConsoleUnblock(1);
+        close(fds[1]);
+        auto arrived = [&, bWait = bTerminal] {
+            std::string all;
+            char buf[4096];
+            pollfd in{fds[0], POLLIN, 0};
+            while (poll(&in, 1, bWait ? 100 : 0) == 1) {  // what a terminal shows takes a moment
+                ssize_t n = read(fds[0], buf, sizeof(buf));
+                all.append(buf, n > 0 ? size_t(n) : 0);
+                ConsoleFlush(0);
+            }
+            return all;
+        };
+        const std::string text(2000, 'x');
+        for (int i = 0; i < 100; i++)  // more than the pipe holds, and what is kept for it
+            say(text + "\n");
+        const std::string all = arrived();
+        unsigned nLost = 0;
+        size_t nRead = all.find('(');
+        ASSERT_NE(std::string::npos, nRead) << bTerminal;
+        EXPECT_EQ(1, sscanf(all.c_str() + nRead, "(%u messages that nobody read are lost)\r\n", &nLost));
+        EXPECT_EQ(100, nRead / (text.size() + 1) + nLost) << nRead;
+        EXPECT_GT(nRead, 65536U);
+        say(text + " 100%s\n");
+        EXPECT_EQ(text + " 100%s\n", arrived());
+        close(fds[0]);  // and a handler that prints, too, does not make it worse
+        auto pfnBefore = signal(SIGPIPE, [](int) { ConsoleWriteRaw("Catch: SIGPIPE\r\n", 16); });
+        say("nobody hears this\r\n");
+        signal(SIGPIPE, pfnBefore);
+        dup2(nSavedFd, fdStream);
+        ConsoleUnblock(0);
+        close(nSavedFd);
+    }
 }
 
 // The oldest 51200 bytes go, and on to the next line, which may begin right there or far behind.

@@ -1,13 +1,17 @@
 #include "net/wifiscan.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
 #include "support/files.h"
+#include "support/wait.h"
 
 namespace orx {
 
@@ -84,10 +88,11 @@ struct WifiScanTest : testing::Test {
         WriteFile(dir.File("iwlist"), "#!/bin/sh\ncd '" + dir.path + "'\n" + before + "\ncat - text\n");
         std::filesystem::permissions(dir.File("iwlist"), std::filesystem::perms::owner_all);
     }
-    std::string Scan(const char *szInterface = "wlan0") const
+    std::string Scan(const char *szInterface = "wlan0", uint32_t nLimitMs = 10000) const
     {
         size_t nLength = 0;
-        char *pList = WifiScanIn(dir.path.c_str(), szInterface, &nLength);
+        WifiScanPlace place{dir.path.c_str(), nLimitMs};
+        char *pList = WifiScanIn(&place, szInterface, &nLength, nullptr);
         return Taken(pList, nLength);
     }
 };
@@ -104,19 +109,35 @@ TEST_F(WifiScanTest, TheInterfaceIsOneArgument)
     EXPECT_FALSE(std::filesystem::exists(dir.File("shell")));
 }
 
-// A link that somebody laid where the files are to be.
-TEST_F(WifiScanTest, FollowsNoLink)
+// What somebody laid where the files are to be gives way to them; a directory does not.
+TEST_F(WifiScanTest, OpensNothingThatIsThere)
 {
     Tool("");
     WriteFile(dir.File("precious"), "precious");
-    for (const char *szName : {"wifi.txt", "wifilist.txt"}) {
-        std::filesystem::remove(dir.File(szName));
-        std::filesystem::create_symlink("precious", dir.File(szName));
+    for (const std::string &path : {dir.File("wifi.txt"), dir.File("wifilist.txt")}) {
+        std::filesystem::remove(path);
+        std::filesystem::create_symlink("precious", path);
+        EXPECT_EQ(kList, Scan());
+        std::filesystem::remove(path);
+        std::filesystem::create_hard_link(dir.File("precious"), path);
+        EXPECT_EQ(kList, Scan());
+        std::filesystem::remove(path);
+        ASSERT_EQ(0, mkfifo(path.c_str(), 0666));
+        EXPECT_EQ(kList, Scan());
+        std::filesystem::remove(path);
+        std::filesystem::create_directory(path);
         EXPECT_EQ("<none>", Scan());
-        EXPECT_EQ("precious", ReadFile(dir.File("precious")));
-        std::filesystem::remove(dir.File(szName));
+        std::filesystem::remove(path);
     }
-    EXPECT_EQ(kList, Scan());
+    EXPECT_EQ("precious", ReadFile(dir.File("precious")));
+}
+
+// With what it has started.
+TEST_F(WifiScanTest, EndsAToolThatHangs)
+{
+    Tool("(read x < /dev/zero; touch late) & echo $! > child; wait");
+    EXPECT_EQ("<none>", Scan("wlan0", 100));
+    EXPECT_TRUE(WaitFor([&] { return kill(std::stoi(ReadFile(dir.File("child"))), 0) != 0; }));
 }
 
 }  // namespace orx

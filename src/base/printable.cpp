@@ -1,0 +1,177 @@
+#include "base/printable.h"
+
+#include <cctype>
+#include <cstdlib>
+#include <cstring>
+
+#include "base/assertion.h"
+
+namespace orx {
+
+static int IsControl(char c)
+{
+    return static_cast<unsigned char>(c) < ' ' || c == 127;
+}
+
+static int IsLineEnd(char c)
+{
+    return c == '\r' || c == '\n';
+}
+
+// Whether a text has to be copied to be shown.
+static int IsToHide(const char *szText)
+{
+    while (*szText && !IsControl(*szText))
+        szText++;
+    return *szText != '\0';
+}
+
+// Writes pText as lines that begin with a blank: behind a line feed, or a carriage return without one.
+static size_t CopyLines(char *pOut, const char *pText, size_t nText)
+{
+    size_t n = 0;
+    for (size_t i = 0; i < nText; i++) {
+        if (i == 0 || pText[i - 1] == '\n' || (pText[i - 1] == '\r' && pText[i] != '\n'))
+            pOut[n++] = ' ';
+        int bShown = !IsControl(pText[i]) || IsLineEnd(pText[i]) || pText[i] == '\t';
+        pOut[n++] = bShown ? pText[i] : '?';
+    }
+    return n;
+}
+
+// The text for one line, or null without memory.
+static char *CopyLine(const char *pText, size_t nText)
+{
+    auto *pOut = static_cast<char *>(malloc(nText + 1));
+    if (!pOut)
+        return nullptr;
+    for (size_t i = 0; i < nText; i++)
+        pOut[i] = AssertPeerFaultsSurvived() && IsControl(pText[i]) ? '?' : pText[i];
+    pOut[nText] = '\0';
+    return pOut;
+}
+
+PrintableText::PrintableText(const char *szText)
+{
+    if (!szText)
+        return;
+    if (!AssertPeerFaultsSurvived() || !IsToHide(szText)) {
+        sz = szText;
+        return;
+    }
+    pOwn = CopyLine(szText, strlen(szText));
+    sz = pOwn ? pOwn : "?";
+}
+
+PrintableText::PrintableText(const char *pText, size_t nText)
+{
+    pOwn = CopyLine(pText, strnlen(pText, nText));
+    sz = pOwn ? pOwn : "?";
+}
+
+PrintableText::~PrintableText()
+{
+    free(pOwn);
+}
+
+PrintableDump::PrintableDump(const char *szText)
+{
+    if (!AssertPeerFaultsSurvived()) {
+        sz = szText;
+        return;
+    }
+    size_t nText = strlen(szText);
+    pOwn = static_cast<char *>(malloc(2 * nText + 1));
+    sz = pOwn ? pOwn : "?";
+    if (pOwn)
+        pOwn[CopyLines(pOwn, szText, nText)] = '\0';
+}
+
+// ---------------------------------------------------------------- credentials
+
+static const char *const g_names[] = {"authorization", "userauth"};
+constexpr uint8_t kAllNames = 3;
+
+static int IsBlank(char c)
+{
+    return c == ' ' || c == '\t';
+}
+
+// One byte of a header's name: which of the names it may still be, and whether it is one now.
+static MaskPlace MatchName(CredentialMask *pMask, char c)
+{
+    for (int i = 0; i < 2; i++)
+        if ((pMask->nNames & (1 << i)) &&
+            g_names[i][pMask->nMatched] != tolower(static_cast<unsigned char>(c)))
+            pMask->nNames &= static_cast<uint8_t>(~(1 << i));
+    pMask->nMatched++;
+    if (pMask->nNames == 0)
+        return MaskPlace::Other;
+    return g_names[pMask->nNames >> 1][pMask->nMatched] ? MaskPlace::Name : MaskPlace::Colon;
+}
+
+static MaskPlace BeginLine(CredentialMask *pMask, char c)
+{
+    if (IsBlank(c))
+        return pMask->bFolded ? MaskPlace::Value : MaskPlace::LineStart;
+    pMask->bFolded = 0;
+    pMask->nMatched = 0;
+    pMask->nNames = kAllNames;
+    return MatchName(pMask, c);
+}
+
+// What the next byte belongs to, by the one before and itself.
+static MaskPlace Step(CredentialMask *pMask, char c)
+{
+    switch (pMask->ePlace) {
+        case MaskPlace::LineStart:
+            return BeginLine(pMask, c);
+        case MaskPlace::Name:
+            return MatchName(pMask, c);
+        case MaskPlace::Colon:
+            return c == ':' ? MaskPlace::Value : IsBlank(c) ? MaskPlace::Colon : MaskPlace::Other;
+        case MaskPlace::Value:
+            return IsBlank(c) ? MaskPlace::Value : MaskPlace::Hidden;
+        case MaskPlace::Hidden:
+        case MaskPlace::Other:
+            return pMask->ePlace;
+    }
+    return pMask->ePlace;
+}
+
+// A value ends where the reader of requests ends it: at a carriage return and a line feed.
+static size_t Hide(CredentialMask *pMask, char c, int bFirst, char *pOut)
+{
+    size_t n = 0;
+    if (bFirst)
+        pOut[n++] = '*';
+    if (c == '\n' && !bFirst && pMask->bReturn) {
+        pOut[n++] = '\r';
+        pOut[n++] = '\n';
+        pMask->bFolded = 1;
+        pMask->ePlace = MaskPlace::LineStart;
+    }
+    pMask->bReturn = c == '\r';
+    return n;
+}
+
+size_t CredentialMaskCopy(CredentialMask *pMask, const char *pText, size_t nText, char *pOut)
+{
+    size_t n = 0;
+    int bHide = AssertPeerFaultsSurvived();
+    for (size_t i = 0; i < nText; i++) {
+        char c = pText[i];
+        MaskPlace eBefore = pMask->ePlace;
+        pMask->ePlace = bHide ? Step(pMask, c) : MaskPlace::Other;
+        if (pMask->ePlace == MaskPlace::Hidden) {
+            n += Hide(pMask, c, eBefore != MaskPlace::Hidden, pOut + n);
+            continue;
+        }
+        pOut[n++] = c;
+        if (IsLineEnd(c))
+            pMask->ePlace = MaskPlace::LineStart;
+    }
+    return n;
+}
+
+}  // namespace orx
