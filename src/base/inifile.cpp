@@ -160,26 +160,6 @@ int load_ini_file(const char *file, char *buf, int *pLen)
 
 // Looking for a key.
 
-// Goes through the lines of a section from p on. Returns where it ends; the key's line, when it is there, is
-// in *ppLine and its end in *ppLineEnd.
-static const char *ScanSection(const char *p, const char *key, const char **ppLine, const char **ppLineEnd)
-{
-    size_t nKey = strlen(key);
-    while (*p && *p != '[') {
-        size_t nLine = strcspn(p, "\r\n");
-        auto *pEquals = *p == ';' ? nullptr : static_cast<const char *>(memchr(p, '=', nLine));
-        if (pEquals && size_t(pEquals - p) == nKey && memcmp(p, key, nKey) == 0) {
-            *ppLine = p;
-            *ppLineEnd = p + nLine;
-            return p;
-        }
-        p += nLine;
-        if (*p)
-            p++;
-    }
-    return p;
-}
-
 // The body of a section whose name stands at p: what follows the next ']', wherever that is, and the white
 // space behind it.
 static const char *SectionBody(const char *p)
@@ -192,6 +172,46 @@ static const char *SectionBody(const char *p)
     return p;
 }
 
+// The body of the first section that matches from p on; null without one.
+static const char *NextSection(ProfileWalk *pWalk, const char *p)
+{
+    size_t nSection = strlen(pWalk->section);
+    for (p = strchr(p, '['); p; p = strchr(p + 1, '['))
+        if (IsLineStart(pWalk->text, p) && strncmp(p + 1, pWalk->section, nSection) == 0)
+            break;
+    if (!p)
+        return nullptr;
+    const char *pBody = SectionBody(p + 1);
+    pWalk->nSecStart = int(p + 1 - pWalk->text);
+    pWalk->nSecBody = int(pBody - pWalk->text);
+    return pBody;
+}
+
+int ProfileWalkNext(ProfileWalk *pWalk, ProfileLine *pLine)
+{
+    const char *p = pWalk->p ? pWalk->p : NextSection(pWalk, pWalk->text);
+    while (p && *p) {
+        if (*p == '[') {
+            p = NextSection(pWalk, p);
+            continue;
+        }
+        const char *pStart = p;
+        size_t nLine = strcspn(p, "\r\n");
+        p += nLine;
+        if (*p)
+            p++;
+        auto *pEquals = *pStart == ';' ? nullptr : static_cast<const char *>(memchr(pStart, '=', nLine));
+        if (!pEquals)
+            continue;
+        *pLine =
+            ProfileLine{pStart, size_t(pEquals - pStart), pEquals + 1, size_t(pStart + nLine - pEquals - 1)};
+        pWalk->p = p;
+        return 1;
+    }
+    pWalk->p = pWalk->text + strlen(pWalk->text);
+    return 0;
+}
+
 int parse_file(const char *section, const char *key, const char *buf, int *pSecStart, int *pSecBody,
                int *pKeyStart, int *pKeyEnd, int *pValueStart, int *pValueEnd)
 {
@@ -199,27 +219,21 @@ int parse_file(const char *section, const char *key, const char *buf, int *pSecS
     ORX_ASSERT(buf, "buf!=((void *)0)");
     if (!SectionGiven(section) || !KeyGiven(key))
         return 0;
-    size_t nSection = strlen(section);
-    for (const char *p = strchr(buf, '['); p; p = strchr(p, '[')) {
-        const char *pName = p + 1;
-        if (!IsLineStart(buf, p) || strncmp(pName, section, nSection) != 0) {
-            p = pName;
-            continue;
-        }
-        const char *pBody = SectionBody(pName);
-        *pSecStart = int(pName - buf);
-        *pSecBody = int(pBody - buf);
-        const char *pLine = nullptr, *pLineEnd = nullptr;
-        p = ScanSection(pBody, key, &pLine, &pLineEnd);
-        if (pLine) {
-            *pKeyStart = int(pLine - buf);
-            *pKeyEnd = *pKeyStart + int(strlen(key)) - 1;
-            *pValueStart = *pKeyEnd + 2;
-            *pValueEnd = int(pLineEnd - buf);
-            return 1;
-        }
-    }
-    return 0;
+    size_t nKey = strlen(key);
+    ProfileWalk walk{buf, section};
+    ProfileLine line;
+    int bFound = 0;
+    while (!bFound && ProfileWalkNext(&walk, &line))
+        bFound = line.nKey == nKey && memcmp(line.pKey, key, nKey) == 0;
+    *pSecStart = walk.nSecStart;
+    *pSecBody = walk.nSecBody;
+    if (!bFound)
+        return 0;
+    *pKeyStart = int(line.pKey - buf);
+    *pKeyEnd = *pKeyStart + int(nKey) - 1;
+    *pValueStart = int(line.pValue - buf);
+    *pValueEnd = *pValueStart + int(line.nValue);
+    return 1;
 }
 
 // Reading.

@@ -29,6 +29,25 @@ int load_ini_file(const char *file, char *buf, int *pLen);
 // last one that matched.
 int parse_file(const char *section, const char *key, const char *buf, int *pSecStart, int *pSecBody,
                int *pKeyStart, int *pKeyEnd, int *pValueStart, int *pValueEnd);
+
+// A walk over all key lines of the sections that match, in the order in which parse_file looks at them: the
+// first one of a key is what parse_file finds. For those who want many keys of one text.
+struct ProfileWalk {
+    const char *text;     // not owned, as are the names
+    const char *section;  // not empty
+    const char *p = nullptr;
+    int nSecStart = -1;  // of the section that matched last, as parse_file gives them
+    int nSecBody = -1;
+};
+struct ProfileLine {
+    const char *pKey;  // in the text, as is the value
+    size_t nKey;
+    const char *pValue;
+    size_t nValue;
+};
+// Steps to the next line that has a '='. Returns 1, or 0 at the end.
+int ProfileWalkNext(ProfileWalk *pWalk, ProfileLine *pLine);
+
 // Copies the value, cut to size - 1 bytes and terminated. When it is not found, copies the default, which
 // leaves no NUL when it has size bytes or more; a null default leaves the buffer as it was.
 int read_profile_string(const char *section, const char *key, char *value, int size, const char *szDefault,

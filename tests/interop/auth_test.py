@@ -7,8 +7,8 @@ USERS = {"SuperUser": "admin", "SuperPwd": "s3cret", "NumUsers": "1", "UserName0
 
 
 class Auth(InteropCase):
-    def check(self, auth_type):
-        self.start(SERVER={"AuthType": auth_type}, USERS=USERS)
+    def check(self, auth_type, **guard):
+        self.start(SERVER={"AuthType": auth_type}, USERS=USERS, GUARD=guard)
         pusher = self.push(FfmpegPusher, options=("-tune", "zerolatency"))
         let_in = []
         for case, credentials, players in (("right", "admin:s3cret", PLAYERS),
@@ -24,3 +24,7 @@ class Auth(InteropCase):
 
     def test_digest(self):
         self.check(2)
+
+    def test_fresh_nonce(self):
+        """Each names the program in its own way, and answers the challenge from the address that got it."""
+        self.check(2, FreshNonce="1", AuthFailDelay="500")

@@ -8,13 +8,13 @@ using testing::MatchesRegex;
 const std::string kForbidden = "RTSP/1.0 403 Forbidden\r\nCSeq: #\r\n\r\n";
 
 struct AuthTest : SystemTest {
-    void StartWith(const std::string &authType)
+    void StartWith(const std::string &authType, const std::string &path = "/cam")
     {
         server.Set("SERVER", "AuthType", authType);
         server.Set("USERS",
                    "SuperUser=root\nSuperPwd=rootpw\nNumUsers=2\nUserName0=ann\nUserPwd0=annpw\n"
                    "UserName1=bob\nUserPwd1=bobpw\nUserLevel1=1");
-        StartCamera(CameraSdp());
+        StartCamera(CameraSdp(3), path);
         Connect(&player);
     }
     // The status that a player with these credentials ends up with.
@@ -60,6 +60,26 @@ TEST_F(AuthTest, DigestStaysTheSame)
     EXPECT_EQ(challenge, Ask(&player, "DESCRIBE", "", "Authorization: Basic YW5uOmFubnB3\r\n"));
     EXPECT_EQ(200, Try("ann", "annpw"));
     EXPECT_EQ(403, Try("ann", "ANNPW"));
+}
+
+// Whoever is asked for a password goes on being asked for that of the program that the session found then. A
+// stranger's program, whose path is nearer to the URL by now, has no say with the accounts that it brought.
+TEST_F(AuthTest, AccountsAreThoseOfTheProgramHeld)
+{
+    StartWith("1", "/ch01-s1");
+    const std::string planted = "[USERS]\nSuperUser=evil\nSuperPwd=evilpw\n[X]\n";
+    RtspClient stranger, subscriber;
+    for (RtspClient *pClient : {&player, &subscriber}) {
+        Connect(pClient, "/ch01");
+        EXPECT_THAT(Ask(pClient, "DESCRIBE"), testing::HasSubstr(" 401 "));
+    }
+    ASSERT_EQ(1, RtspOpenPusher(&stranger, server.Url("/ch01").c_str(), CameraSdp(3)));
+    Send(&stranger, MakeRequest("PUTCAMCFG", "*", ++stranger.nCSeq, kPlain, planted));
+    ASSERT_TRUE(Answers(&stranger));
+    EXPECT_EQ(kForbidden, Ask(&player, "DESCRIBE", "", "Authorization: Basic ZXZpbDpldmlscHc=\r\n"));  // evil:evilpw
+    EXPECT_EQ(Refused("401 Unauthorized"), Ask(&subscriber, "SUBSCRIBE", "", UserHeaders("evil", "evilpw")));
+    EXPECT_EQ(200, Try("evil", "evilpw", "/ch01")) << "his own program is his";
+    EXPECT_EQ(403, Try("root", "rootpw", "/ch01"));
 }
 
 // A listed user whose list lacks the program is as good as a stranger, whom an empty password may let in.

@@ -50,13 +50,15 @@ TEST_F(DirectCfgTest, ReadsTheServersConfiguration)
     text += "[A]\n" + std::string(150000, '\xff') + std::string(1, '\0');
     WriteFile(server.ConfigPath(), text);
     EXPECT_THAT(GetCfg(admin), EndsWith("\r\n\r\n" + text));
-    // a password is enough, but without one nobody is the super user
-    WriteFile(server.ConfigPath(), "[USERS]\nSuperPwd=p\n");
-    EXPECT_THAT(GetCfg(Auth("", "p")), kIsOk);
-    for (const char *szUsers : {"[USERS]\nSuperUser=\nSuperPwd=\n", "[X]\nSuperUser=a\n"}) {
+    // without a name there is no super user, whatever his password is
+    for (const char *szUsers :
+         {"[USERS]\nSuperUser=\nSuperPwd=\n", "[X]\nSuperUser=a\n", "[USERS]\nSuperUser=\nSuperPwd=p\n"}) {
         WriteFile(server.ConfigPath(), szUsers);
         for (const char *szUser : {"", "anonymous", "a"})
-            EXPECT_EQ(kUnauthorized, GetCfg(Auth(szUser, ""))) << szUsers << szUser;
+            for (const char *szPassword : {"", "p"}) {
+                EXPECT_EQ(kUnauthorized, GetCfg(Auth(szUser, szPassword))) << szUsers << szUser;
+                EXPECT_EQ(kUnauthorized, SetCfg(Auth(szUser, szPassword), newCfg)) << szUsers << szUser;
+            }
     }
     WriteFile(server.ConfigPath(), "");
     EXPECT_EQ(kInternal, GetCfg(admin));

@@ -37,15 +37,6 @@ static void DeletePort(void *pRecord)
     delete pPort;
 }
 
-// A peer whose network vanished is noticed after a minute of silence, and goes away by itself.
-static void SetKeepAlive(int fd)
-{
-    SockSetOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
-    SockSetOption(fd, IPPROTO_TCP, TCP_KEEPIDLE, 30);
-    SockSetOption(fd, IPPROTO_TCP, TCP_KEEPINTVL, 10);
-    SockSetOption(fd, IPPROTO_TCP, TCP_KEEPCNT, 3);
-}
-
 static Port *RefuseTcp(Port *pPort)
 {
     print("WARNING: CreateTcpPort() failed! The socket 0x%x is invalid.\r\n", pPort->fd);
@@ -69,7 +60,7 @@ Port *CreateTcpPort(int fd)
     SockGetLocalName(fd, &pPort->local);
     SockSetOption(fd, IPPROTO_TCP, TCP_NODELAY,
                   1);  // a reply is on its way before a close resets the connection
-    SetKeepAlive(fd);
+    SockSetKeepAlive(fd);
     if (FindPort(fd) || !AvlInsert(&g_server.portMap, fd, pPort))
         return RefuseTcp(pPort);
     if (!MonitorAdd(&g_server.monitor, fd, MONITOR_READ | MONITOR_CLOSE, pPort->nGeneration))

@@ -11,6 +11,7 @@
 #include "base/textbuf.h"
 #include "record/sdpreader.h"
 #include "runtime/clock.h"
+#include "server/core/accounttable.h"
 #include "server/core/registry.h"
 #include "server/core/settings.h"
 
@@ -50,7 +51,7 @@ static void ProgramFree(void *pRecord)
     free(pProg->desc.szSdp);
     free(pProg->Uri);
     free(pProg->camera.szCamCfg);
-    free(pProg->camera.szAccounts);
+    AccountTableFree(pProg->camera.pAccounts);
     ListEmpty(&pProg->cache.Pktq);
     delete pProg;
 }

@@ -12,6 +12,7 @@
 
 namespace orx {
 
+struct AccountTable;
 struct Codec;
 struct ZMFWriter;
 struct ZMFReader;
@@ -75,9 +76,9 @@ struct PacketCache {
 
 // What the pusher's camera has told of itself.
 struct CameraText {
-    char *szCamCfg = nullptr;    // its configuration text, owned
-    uint32_t nCamCfg = 0;        // the text's length
-    char *szAccounts = nullptr;  // the "[USERS]" section of it, owned
+    char *szCamCfg = nullptr;           // its configuration text, owned
+    uint32_t nCamCfg = 0;               // the text's length
+    AccountTable *pAccounts = nullptr;  // of the "[USERS]" section of it, owned; null when it never had one
 };
 
 // Low-energy mode (see sleep.h).

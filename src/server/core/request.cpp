@@ -83,10 +83,9 @@ static int HexValue(char c)
     return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
 }
 
-// Stores the URI with its percent escapes decoded. 0 when it is empty or too long.
-static int SetUri(Str *pUri, Span span)
+int UriDecode(std::string_view uri, char *szOut, size_t nSize)
 {
-    char szUri[kMaxUri + 1];
+    Span span{uri.data(), uri.data() + uri.size()};
     size_t nLen = 0;
     while (span.p < span.pEnd) {
         char c = *span.p++;
@@ -94,11 +93,20 @@ static int SetUri(Str *pUri, Span span)
             c = static_cast<char>(HexValue(span.p[0]) << 4 | HexValue(span.p[1]));
             span.p += 2;
         }
-        if (nLen == kMaxUri)
-            return 0;
-        szUri[nLen++] = c;
+        if (nLen == nSize - 1)
+            return -1;
+        szOut[nLen++] = c;
     }
-    return SetText(pUri, {szUri, szUri + nLen});
+    szOut[nLen] = '\0';
+    return static_cast<int>(nLen);
+}
+
+// Stores the URI with its percent escapes decoded. 0 when it is empty or too long.
+static int SetUri(Str *pUri, Span span)
+{
+    char szUri[kMaxUri + 1];
+    int nLen = UriDecode({span.p, span.Size()}, szUri, sizeof(szUri));
+    return nLen > 0 && SetText(pUri, {szUri, szUri + nLen});
 }
 
 // METHOD URI PROTOCOL/VERSION. The '/' is looked for behind the URI only, so that a status line is no

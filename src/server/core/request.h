@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "base/avl.h"
 #include "base/faststring.h"
@@ -54,5 +55,9 @@ inline const char *RequestUri(const Request *pRequest)
 // when it has no such form. Points into the URI.
 const char *RequestPath(const Request *pRequest);
 const char *UriPath(const char *szUri);
+
+// Decodes percent escapes into szOut (nSize bytes, NUL included). Returns the length, or -1 when it is too
+// long. What follows a '%' that is no escape is copied as it is.
+int UriDecode(std::string_view uri, char *szOut, size_t nSize);
 
 }  // namespace orx

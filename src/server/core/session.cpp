@@ -200,6 +200,8 @@ int SessionClosePort(Session *pSession, Port *pPort)
         pSession->peer.Cmd = nullptr;
     if (bIsReply)
         pSession->peer.Reply = nullptr;
+    if (pPort == pSession->hold.pPort)
+        pSession->hold.pPort = nullptr;
     PortClose(pPort);
     if (pSession->peer.Cmd || pSession->peer.Reply)
         return 0;

@@ -15,7 +15,11 @@ struct Codec;
 struct Program;
 
 // What the handler of a request says about its session once it has replied.
-enum class Verdict { End, Keep };
+enum class Verdict {
+    End,
+    Keep,
+    Later,  // nothing was sent: the handler is called again with the same request (see SessionHold)
+};
 
 inline Verdict KeepIf(int bKeep)
 {
@@ -108,6 +112,16 @@ struct SessionViewer {
     int bAdmitted = 0;  // a DESCRIBE, QUICKPLAY or SUBSCRIBE of the program was answered 200
 };
 
+// An answer that waits, because its address has shown too many wrong passwords. Until then the session reads
+// nothing more, so that what the peer sends on is handled in its order.
+struct SessionHold {
+    Port *pPort = nullptr;  // that the held request came on; null: none is held
+    uint32_t nCSeq = 0;     // the number of its reply
+    uint32_t nDelayMs = 0;  // that it is to wait
+    int bOver = 0;          // it has waited, and its handler runs again
+    int nFailures = 0;      // wrong passwords and tokens of this connection
+};
+
 struct Session {
     ListNode node;         // first: the session list maps an item to itself
     ListNode playerNode;   // second: the same for the program's list of players, in map mode 1
@@ -123,6 +137,7 @@ struct Session {
     SessionFlow flow;
     SessionPlay play;
     SessionViewer viewer;
+    SessionHold hold;
     int bEnded = 0;  // by SessionEnd: in no list, without ports and program
     Retired retired;
 

@@ -12,6 +12,7 @@
 #include "server/media/rtcp.h"
 #include "server/methods/announce.h"
 #include "server/methods/camcfg.h"
+#include "server/methods/credentials.h"
 #include "server/methods/describe.h"
 #include "server/methods/devcontrol.h"
 #include "server/methods/directcfg.h"
@@ -33,7 +34,7 @@ constexpr int kMessagesPerCall = 32;
 // What became of the bytes at the cursor.
 enum class Step {
     Taken,  // consumed, go on behind them
-    Wait,   // incomplete, more must arrive
+    Wait,   // incomplete, more must arrive; or its answer waits
     Drop,   // of a message: it is not to be answered
     Gone,   // the session has ended
 };
@@ -201,14 +202,45 @@ static Step CheckCSeq(Session *pSession, Port *pPort)
     return Step::Taken;
 }
 
+static Step RunHandler(Session *pSession, Port *pPort, uint32_t *pAt);
+
+// The wait of an answer is over: its request is handled once more, then what the peer has sent since.
+static int OnHoldOver(Task *pTask, uint32_t, uint32_t, uint32_t)
+{
+    Session *pSession = SessionOfTask(pTask);
+    Port *pPort = pSession ? pSession->hold.pPort : nullptr;
+    if (!pPort)
+        return -1;
+    pSession->hold.pPort = nullptr;
+    pSession->nCSeq = pSession->hold.nCSeq;
+    pSession->hold.bOver = 1;
+    uint32_t nAt = 0;
+    Step step = RunHandler(pSession, pPort, &nAt);
+    pSession->hold.bOver = 0;
+    if (step != Step::Gone)
+        PortPostEvent(pPort, EVENT_POSTED_INPUT, 0);
+    return -1;
+}
+
+static Step HoldRequest(Session *pSession, Port *pPort, uint32_t nCSeq)
+{
+    pSession->hold.pPort = pPort;
+    pSession->hold.nCSeq = nCSeq;
+    SessionSchedule(pSession, OnHoldOver, pSession->hold.nDelayMs);
+    return Step::Wait;
+}
+
 // Runs the handler and ends the session when it says so. A request that could not be forwarded has ended it
 // already, together with the other sessions of its program.
 static Step RunHandler(Session *pSession, Port *pPort, uint32_t *pAt)
 {
     int bPost = strcasecmp(RequestMethod(&pPort->request), "POST") == 0;
+    uint32_t nCSeq = pSession->nCSeq;
     Verdict eVerdict = Dispatch(pSession, pPort, &pPort->request);
+    if (eVerdict == Verdict::Later && !pSession->bEnded)
+        return HoldRequest(pSession, pPort, nCSeq);
     RequestReset(&pPort->request);
-    if (eVerdict == Verdict::End || pSession->bEnded)
+    if (eVerdict == Verdict::End || pSession->bEnded || CredentialsExhausted(pSession))
         return EndSession(pSession);
     if (pSession->nFlags & SESSION_TUNNEL_POST)
         return Step::Wait;  // what follows is for the other half
@@ -256,6 +288,8 @@ static void ForgetOtherPort(const Session *pSession, const Port *pPort)
 
 int HandleInput(Session *pSession, Port *pPort)
 {
+    if (pSession->hold.pPort)
+        return 1;
     uint32_t nAt = 0;
     int nMessages = 0;
     ForgetOtherPort(pSession, pPort);

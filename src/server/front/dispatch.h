@@ -6,8 +6,8 @@
 
 namespace orx {
 
-// Works off what the receive buffer holds; of many messages some, and the rest later (PortReadLater). Returns
-// 1, or 0 when the session has ended.
+// Works off what the receive buffer holds; of many messages some, and the rest later (PortReadLater); nothing
+// while an answer waits. Returns 1, or 0 when the session has ended.
 int HandleInput(Session *pSession, Port *pPort);
 
 }  // namespace orx

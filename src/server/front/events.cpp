@@ -86,7 +86,8 @@ static int AcceptSome(int fdListen)
         if (fd < 0 && errno == EAGAIN)
             return 0;
         if (fd < 0) {
-            print("accept(socket=0x%x) err=%d.\r\n", fdListen, errno);
+            if (g_nAcceptAgainMs != kAcceptRetryMs)  // told once, not with every further try
+                print("accept(socket=0x%x) err=%d.\r\n", fdListen, errno);
             return kAcceptRetryMs;
         }
         Session *pSession = OpenSession(fd);
@@ -245,11 +246,12 @@ static int MayBeSilent(const Session *pSession)
     return (pSession->nFlags & SESSION_PUSHER) && pSession->pProg && pSession->pProg->sleep.bSleeping;
 }
 
-// What comes is left where it is: until the port's turn comes again, or until the other half of a tunnel
-// comes.
+// What comes is left where it is: until the port's turn comes again, an answer that waits has gone, or the
+// other half of a tunnel is there.
 static int MayNotRead(const Session *pSession, const Port *pPort)
 {
-    return (pPort->nFlags & PORT_MORE_WAITS) || (pSession->nFlags & SESSION_TUNNEL_POST);
+    return (pPort->nFlags & PORT_MORE_WAITS) || (pSession->nFlags & SESSION_TUNNEL_POST) ||
+           pSession->hold.pPort;
 }
 
 static int ReadTcp(Session *pSession, Port *pPort)

@@ -20,6 +20,7 @@
 #include "server/front/events.h"
 #include "server/front/remoteservices.h"
 #include "server/methods/accounts.h"
+#include "server/methods/attempts.h"
 #include "server/methods/auth.h"
 #include "server/methods/guidstore.h"
 
@@ -68,7 +69,8 @@ static int CreateScheduler()
 
 static int CreateAuth()
 {
-    g_server.pAuth = AuthCreate(g_settings.nAuthType, kRealm, GetUserAccount, &g_server);
+    AttemptsReset();
+    g_server.pAuth = AuthCreate(g_settings.nAuthType, kRealm, GetUserAccount, g_settings.bFreshNonce);
     if (!g_server.pAuth)
         print("No authenticator for AuthType %u (%s): set AuthType to 0, 1 or 2.\r\n", g_settings.nAuthType,
               AuthSchemeName(g_settings.nAuthType));

@@ -2,29 +2,25 @@
 // Scheduler thread only.
 #pragma once
 
-#include "server/core/session.h"
+#include "server/core/accounttable.h"
+#include "server/core/program.h"
 
 namespace orx {
 
-constexpr size_t kPasswordSize = 64;  // bytes of the buffer, NUL included
+// Finds the account that counts for a user at a program: the camera's own, or that of the configuration file
+// with ControlUsers and where the camera has sent none; else, with EnableAnonymousViewer, an anonymous one.
+// pProg null: in the configuration file alone, listed users and the super user. The file is read anew.
+// Returns 1, 0 for an unknown user, or -1 when the file cannot be read and pProg is null.
+int AccountsFind(const Program *pProg, const char *szUser, Account *pOut);
 
-// An account of the server's own configuration.
-struct OwnAccount {
-    char szPassword[kPasswordSize] = "";
-    int nLevel = 0;
-    int bSuper = 0;  // sees every program
-    // Of an ordinary user: the program paths, without leading '/', that he may see.
-    char szDevices[1024] = "";
+// Where the authenticator looks.
+struct AccountScope {
+    const Program *pProg = nullptr;  // not owned; null: the configuration file alone
+    Account found;                   // what the last look-up gave
 };
 
-// Finds a user there. Returns 1, 0 for an unknown one, or -1 when the configuration cannot be read.
-int GetOwnAccount(const char *szUser, OwnAccount *pOut);
-
-// The look-up of the authenticator (see GetAccountProc). szUrl null: the first live program.
+// The look-up of the authenticator (see GetAccountProc). pContext: an AccountScope, whose program was found
+// already; null: the program is that of the URL, or the first live one without a URL.
 int GetUserAccount(void *pContext, const char *szUrl, const char *szUser, char *szPassword, int *pLevel);
-
-// The token check of the extension methods: headers "UserName" and "UserAuth" against the account for the
-// request's URL. Returns 1 with the session's user level and name set, else 0.
-int CheckUserToken(Session *pSession, const Request *pRequest);
 
 }  // namespace orx

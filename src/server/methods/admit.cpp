@@ -13,12 +13,12 @@
 #include "server/media/replies.h"
 #include "server/media/sleep.h"
 #include "server/methods/auth.h"
+#include "server/methods/credentials.h"
 
 namespace orx {
 
-constexpr uint32_t kFileBuffer = 65536;                 // bytes of a session's read buffer for recordings
-constexpr int kNobodysLevel = 3;                        // until a password was shown
-constexpr size_t kMaxCredentials = kMaxHeadBytes + 32;  // a header block and what is put before it
+constexpr uint32_t kFileBuffer = 65536;  // bytes of a session's read buffer for recordings
+constexpr int kNobodysLevel = 3;         // until a password was shown
 
 int ChooseReplyPort(Session *pSession, Port *pPort)
 {
@@ -88,13 +88,11 @@ int AttachByPath(Session *pSession, Port *pPort, Request *pRequest)
     return 1;
 }
 
-static Admission Challenge(Session *pSession, Port *pPort)
+static Admission Challenge(Session *pSession, Port *pPort, int bStale)
 {
-    char line[256] = "";
-    AuthChallenge(g_server.pAuth, line, sizeof(line));
     Message reply(pSession, pPort);
     ReplyBeginNumbered(&reply, STATUS_UNAUTHORIZED, pSession->nCSeq);  // the request will come again
-    TextAdd(&reply.text, "%s", line);
+    CredentialChallenge(pPort, g_settings.nAuthType, bStale, &reply.text);
     return MessageSend(&reply) == Verdict::Keep ? CHALLENGED : ENDED;
 }
 
@@ -105,19 +103,23 @@ static Admission Admit(Session *pSession, Port *pPort, const Request *pRequest)
         pSession->viewer.nUserLevel = 0;
         return ADMITTED;
     }
-    const char *szValue = RequestHeaderValue(pRequest, "Authorization");
-    const char *szScheme = AuthSchemeName(g_settings.nAuthType);
-    if (!szValue || strncmp(szValue, szScheme, strlen(szScheme)) != 0)
-        return Challenge(pSession, pPort);
-    char credentials[kMaxCredentials];
-    TextBuf text{credentials, sizeof(credentials)};
-    int nLevel = -1;
-    if (TextAdd(&text, "%s\r\nAuthorization: %s", RequestMethod(pRequest), szValue))
-        nLevel = AuthValidate(g_server.pAuth, credentials, RequestUri(pRequest));
-    if (nLevel < 0)
-        return ReplyShort(pSession, pPort, STATUS_FORBIDDEN) == Verdict::Keep ? REFUSED : ENDED;
-    pSession->viewer.nUserLevel = nLevel;
-    TextCopy(pSession->viewer.szUser, sizeof(pSession->viewer.szUser), g_server.pAuth->szUser);
+    // the accounts are those of the program that is entered, whatever the URL would find by now
+    CredentialCheck check{pSession, pPort, pRequest, pSession->pProg};
+    CheckedUser user;
+    switch (CheckAuthorization(&check, g_settings.nAuthType, &user)) {
+        case CREDENTIAL_MISSING:
+            return Challenge(pSession, pPort, 0);
+        case CREDENTIAL_STALE:
+            return Challenge(pSession, pPort, 1);
+        case CREDENTIAL_WAITS:
+            return POSTPONED;
+        case CREDENTIAL_WRONG:
+        case CREDENTIAL_NO_FILE:
+            return ReplyShort(pSession, pPort, STATUS_FORBIDDEN) == Verdict::Keep ? REFUSED : ENDED;
+        case CREDENTIAL_RIGHT:
+            break;
+    }
+    ViewerSet(pSession, &user);
     return ADMITTED;
 }
 

@@ -18,11 +18,20 @@ enum Admission {
     ADMITTED,
     CHALLENGED,  // the 401 is sent
     REFUSED,     // the 403 is sent
+    POSTPONED,   // nothing is: the answer waits
     ENDED,       // 404, 455, or a reply that could not be sent: the session is to end
 };
 
 // State, reply port, program and credentials of a DESCRIBE or QUICKPLAY. Returns ADMITTED, or why not, with
 // the reply sent.
 Admission EnterProgram(Session *pSession, Port *pPort, Request *pRequest);
+
+// What a method says of its session when it is not admitted; a refusal that was sent ends it or not.
+inline Verdict NotAdmitted(Admission eAdmission, Verdict eRefused)
+{
+    if (eAdmission == POSTPONED)
+        return Verdict::Later;
+    return eAdmission == REFUSED ? eRefused : KeepIf(eAdmission == CHALLENGED);
+}
 
 }  // namespace orx

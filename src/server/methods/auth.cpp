@@ -3,7 +3,9 @@
 #include <sys/random.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <new>
 
 #include "base/assertion.h"
@@ -11,10 +13,16 @@
 #include "base/faststring.h"
 #include "base/md5.h"
 #include "base/textbuf.h"
+#include "runtime/clock.h"
+#include "server/core/request.h"
 
 namespace orx {
 
-constexpr int kMaxBasicText = 192;  // characters of an encoded "user:password"
+constexpr int kMaxBasicText = 192;      // characters of an encoded "user:password"
+constexpr int32_t kNonceSeconds = 60;   // that a nonce is good for, with FreshNonce
+constexpr size_t kNonceTimeDigits = 8;  // of such a nonce the first characters: when it was made
+constexpr size_t kNonceSize = kNonceTimeDigits + kMd5HexSize;
+constexpr size_t kMaxUriSize = 256;  // of a request, NUL included
 
 // A counted string that ends with its block.
 struct StrGuard {
@@ -69,40 +77,40 @@ static int SameSecret(const char *a, const char *b)
 
 // Asks for the account of szUser. Returns its level, or -1 when there is none; the password is then in
 // pAuth->szPassword.
-static int FindAccount(Auth *pAuth, const char *szUrl, const char *szUser)
+static int FindAccount(Auth *pAuth, const AuthRequest *pRequest, const char *szUser)
 {
     TextCopy(pAuth->szUser, sizeof(pAuth->szUser), szUser);
     memset(pAuth->szPassword, 0, sizeof(pAuth->szPassword));
     ORX_ASSERT(pAuth->pfnGetAccount, "pAuth->pfnGetAccount");
     int nLevel = 3;
-    if (!pAuth->pfnGetAccount(pAuth->pContext, szUrl, pAuth->szUser, pAuth->szPassword, &nLevel))
-        return -1;
+    if (!pAuth->pfnGetAccount(pRequest->pContext, pRequest->szUrl, pAuth->szUser, pAuth->szPassword, &nLevel))
+        return AUTH_REFUSED;
     return nLevel;
 }
 
-static int BasicNonce(Auth *pAuth, char *szOut, size_t nSize)
+static int BasicNonce(const Auth *pAuth, uint32_t /*nClientIp*/, int /*bStale*/, char *szOut, size_t nSize)
 {
     ORX_ASSERT(*pAuth->szRealm, "pAuth->szRealm && *pAuth->szRealm");
     TextBuf text{szOut, nSize};
     return TextAdd(&text, "WWW-Authenticate: Basic realm=\"%s\"\r\n", pAuth->szRealm);
 }
 
-static int BasicValidate(Auth *pAuth, const char *szText, const char *szUrl)
+static int BasicValidate(Auth *pAuth, const AuthRequest *pRequest)
 {
     StrGuard value;
-    int nLen = ReadParameter(szText, "Authorization: Basic ", &value.s);
+    int nLen = ReadParameter(pRequest->szText, "Authorization: Basic ", &value.s);
     if (nLen < 1 || nLen > kMaxBasicText)
-        return -1;
+        return AUTH_REFUSED;
     char plain[kMaxBasicText / 4 * 3 + 4];
     const char *pEnd = Base64Decode(StrText(value.s), plain, static_cast<size_t>(nLen));
     if (!pEnd || plain + strlen(plain) + 1 < pEnd)  // a text without its padding gives one 0 more
-        return -1;
+        return AUTH_REFUSED;
     char *pColon = strchr(plain, ':');
     if (!pColon)
-        return -1;
+        return AUTH_REFUSED;
     *pColon = '\0';
-    int nLevel = FindAccount(pAuth, szUrl, plain);
-    return nLevel >= 0 && SameSecret(pColon + 1, pAuth->szPassword) ? nLevel : -1;
+    int nLevel = FindAccount(pAuth, pRequest, plain);
+    return nLevel >= 0 && SameSecret(pColon + 1, pAuth->szPassword) ? nLevel : AUTH_REFUSED;
 }
 
 static int BasicClientLine(Auth *pAuth, const char *, char *szOut, size_t nSize)
@@ -116,18 +124,69 @@ static int BasicClientLine(Auth *pAuth, const char *, char *szOut, size_t nSize)
     return TextAdd(&text, "Authorization: Basic %s", encoded);
 }
 
-// The server's nonce: the same for every challenge of a run, and never out of date.
-static void MakeNonce(const Auth *pAuth, char *szNonce)
+// The nonce that a client was given at a time (ClockUptime): nobody else can make it, and it is good for no
+// other address. The inner digest is hashed again, so that nothing can be appended to what it was made from.
+static void MakeFreshNonce(const Auth *pAuth, uint32_t nClientIp, uint32_t tMade, char *szNonce)
 {
-    Md5Hex(&pAuth->nHandle, sizeof(pAuth->nHandle), szNonce);
+    uint32_t facts[] = {tMade, nClientIp};
+    uint8_t inner[16];
+    Md5Context context;
+    Md5Init(&context);
+    Md5Update(&context, pAuth->secret, sizeof(pAuth->secret));
+    Md5Update(&context, facts, sizeof(facts));
+    Md5Final(&context, inner);
+    Md5Init(&context);
+    Md5Update(&context, pAuth->secret, sizeof(pAuth->secret));
+    Md5Update(&context, inner, sizeof(inner));
+    TextBuf text{szNonce, kNonceSize};
+    TextAdd(&text, "%08x", tMade);
+    Md5FinalHex(&context, szNonce + kNonceTimeDigits);
 }
 
-static int DigestNonce(Auth *pAuth, char *szOut, size_t nSize)
+// The nonce of a challenge; without FreshNonce the same for every one of a run, and never out of date.
+static void MakeNonce(const Auth *pAuth, uint32_t nClientIp, char *szNonce)
 {
-    char nonce[kMd5HexSize];
-    MakeNonce(pAuth, nonce);
+    if (pAuth->bFreshNonce)
+        MakeFreshNonce(pAuth, nClientIp, ClockUptime(), szNonce);
+    else
+        Md5Hex(&pAuth->nHandle, sizeof(pAuth->nHandle), szNonce);
+}
+
+// Whether a nonce was given to this client. *pbOld tells that it is too old.
+static int IsOwnNonce(const Auth *pAuth, uint32_t nClientIp, const char *szNonce, int *pbOld)
+{
+    char own[kNonceSize];
+    *pbOld = 0;
+    if (!pAuth->bFreshNonce) {
+        MakeNonce(pAuth, nClientIp, own);
+        return SameSecret(szNonce, own);
+    }
+    char digits[kNonceTimeDigits + 1];
+    TextCopy(digits, sizeof(digits), szNonce);
+    auto tMade = static_cast<uint32_t>(strtoul(digits, nullptr, 16));
+    MakeFreshNonce(pAuth, nClientIp, tMade, own);
+    *pbOld = ClockDiff(ClockUptime(), tMade) > kNonceSeconds;
+    return SameSecret(szNonce, own);
+}
+
+// Whether the "uri" of an answer is that of the request. Clients name it in full or by its path alone.
+static int IsUriOf(const Auth *pAuth, const char *szUri, const char *szUrl)
+{
+    if (!pAuth->bFreshNonce)
+        return 1;
+    char uri[kMaxUriSize];
+    if (UriDecode(szUri, uri, sizeof(uri)) < 0)
+        return 0;
+    return strcmp(uri, szUrl) == 0 || strcmp(UriPath(uri), UriPath(szUrl)) == 0;
+}
+
+static int DigestNonce(const Auth *pAuth, uint32_t nClientIp, int bStale, char *szOut, size_t nSize)
+{
+    char nonce[kNonceSize];
+    MakeNonce(pAuth, nClientIp, nonce);
     TextBuf text{szOut, nSize};
-    return TextAdd(&text, "WWW-Authenticate: Digest realm=\"%s\", nonce=\"%s\"\r\n", pAuth->szRealm, nonce);
+    return TextAdd(&text, "WWW-Authenticate: Digest realm=\"%s\", nonce=\"%s\"%s\r\n", pAuth->szRealm, nonce,
+                   bStale ? ", stale=true" : "");
 }
 
 // The hex digest of texts joined by colons; szLast may be null.
@@ -159,12 +218,12 @@ static void DigestResponse(const DigestInput *pIn, char *szHex)
     HashJoined(ha1, pIn->szNonce, ha2, szHex);
 }
 
-static int DigestValidate(Auth *pAuth, const char *szText, const char *szUrl)
+static int DigestValidate(Auth *pAuth, const AuthRequest *pRequest)
 {
     constexpr char kScheme[] = "Authorization: Digest ";
-    const char *pParams = strstr(szText, kScheme);
+    const char *pParams = strstr(pRequest->szText, kScheme);
     if (!pParams)
-        return -1;
+        return AUTH_REFUSED;
     pParams += strlen(kScheme);
     StrGuard method;
     StrGuard realm;
@@ -172,23 +231,26 @@ static int DigestValidate(Auth *pAuth, const char *szText, const char *szUrl)
     StrGuard uri;
     StrGuard response;
     StrGuard user;
-    if (ReadParameter(szText, nullptr, &method.s) < 1 || ReadParameter(pParams, "realm=", &realm.s) < 1 ||
-        ReadParameter(pParams, "nonce=", &nonce.s) < 1 || ReadParameter(pParams, "uri=", &uri.s) < 1 ||
-        ReadParameter(pParams, "response=", &response.s) < 1 ||
+    if (ReadParameter(pRequest->szText, nullptr, &method.s) < 1 ||
+        ReadParameter(pParams, "realm=", &realm.s) < 1 || ReadParameter(pParams, "nonce=", &nonce.s) < 1 ||
+        ReadParameter(pParams, "uri=", &uri.s) < 1 || ReadParameter(pParams, "response=", &response.s) < 1 ||
         ReadParameter(pParams, "username=", &user.s) < 0)
-        return -1;
-    char ownNonce[kMd5HexSize];
-    MakeNonce(pAuth, ownNonce);
-    if (strcmp(StrText(realm.s), pAuth->szRealm) != 0 || strcmp(StrText(nonce.s), ownNonce) != 0)
-        return -1;
-    int nLevel = FindAccount(pAuth, szUrl, StrText(user.s));
+        return AUTH_REFUSED;
+    int bOld = 0;
+    if (strcmp(StrText(realm.s), pAuth->szRealm) != 0 ||
+        !IsOwnNonce(pAuth, pRequest->nClientIp, StrText(nonce.s), &bOld) ||
+        !IsUriOf(pAuth, StrText(uri.s), pRequest->szUrl))
+        return AUTH_REFUSED;
+    int nLevel = FindAccount(pAuth, pRequest, StrText(user.s));
     if (nLevel < 0)
-        return -1;
+        return AUTH_REFUSED;
     DigestInput in{StrText(user.s),   StrText(realm.s), pAuth->szPassword,
-                   StrText(method.s), StrText(uri.s),   ownNonce};
+                   StrText(method.s), StrText(uri.s),   StrText(nonce.s)};
     char expected[kMd5HexSize];
     DigestResponse(&in, expected);
-    return SameSecret(StrText(response.s), expected) ? nLevel : -1;
+    if (!SameSecret(StrText(response.s), expected))
+        return AUTH_REFUSED;
+    return bOld ? AUTH_STALE : nLevel;
 }
 
 static int DigestClientLine(Auth *pAuth, const char *szNonce, char *szOut, size_t nSize)
@@ -209,28 +271,32 @@ static const struct {
     const AuthOps *pOps;
 } g_schemes[] = {{"None", nullptr}, {"Basic", &g_basicOps}, {"Digest", &g_digestOps}, {"Custom", nullptr}};
 
-// A number that no peer can guess; never 0.
-static unsigned RandomHandle()
+// Bytes that no peer can guess.
+static int FillRandom(void *pOut, size_t nBytes)
 {
-    unsigned nHandle = 0;
-    while (nHandle == 0)
-        if (getrandom(&nHandle, sizeof(nHandle), 0) != sizeof(nHandle) && errno != EINTR)
-            return 0;
-    return nHandle;
+    for (;;) {
+        ssize_t n = getrandom(pOut, nBytes, 0);
+        if (n < 0 && errno == EINTR)
+            continue;
+        return n == static_cast<ssize_t>(nBytes);
+    }
 }
 
-Auth *AuthCreate(unsigned nType, const char *szRealm, GetAccountProc pfnGetAccount, void *pContext)
+Auth *AuthCreate(unsigned nType, const char *szRealm, GetAccountProc pfnGetAccount, int bFreshNonce)
 {
     if (nType > AUTH_DIGEST)
         return nullptr;
-    unsigned nHandle = RandomHandle();
-    Auth *pAuth = nHandle ? new (std::nothrow) Auth : nullptr;
+    auto *pAuth = new (std::nothrow) Auth;
     if (!pAuth)
         return nullptr;
+    if (!FillRandom(&pAuth->nHandle, sizeof(pAuth->nHandle)) ||
+        !FillRandom(pAuth->secret, sizeof(pAuth->secret))) {
+        delete pAuth;
+        return nullptr;
+    }
     pAuth->pOps = g_schemes[nType].pOps;
     pAuth->pfnGetAccount = pfnGetAccount;
-    pAuth->pContext = pContext;
-    pAuth->nHandle = nHandle;
+    pAuth->bFreshNonce = bFreshNonce;
     TextCopy(pAuth->szRealm, sizeof(pAuth->szRealm), szRealm);
     return pAuth;
 }
@@ -245,14 +311,22 @@ const char *AuthSchemeName(unsigned nType)
     return nType <= AUTH_CUSTOM ? g_schemes[nType].szName : "";
 }
 
-int AuthChallenge(Auth *pAuth, char *szOut, size_t nSize)
+static const AuthOps *OpsOf(unsigned nScheme)
 {
-    return pAuth->pOps ? pAuth->pOps->pfnChallenge(pAuth, szOut, nSize) : 0;
+    return nScheme < std::size(g_schemes) ? g_schemes[nScheme].pOps : nullptr;
 }
 
-int AuthValidate(Auth *pAuth, const char *szText, const char *szUrl)
+int AuthChallenge(const Auth *pAuth, unsigned nScheme, uint32_t nClientIp, int bStale, char *szOut,
+                  size_t nSize)
 {
-    return pAuth->pOps ? pAuth->pOps->pfnValidate(pAuth, szText, szUrl) : 0;
+    const AuthOps *pOps = OpsOf(nScheme);
+    return pOps ? pOps->pfnChallenge(pAuth, nClientIp, bStale, szOut, nSize) : 0;
+}
+
+int AuthValidate(Auth *pAuth, unsigned nScheme, const AuthRequest *pRequest)
+{
+    const AuthOps *pOps = OpsOf(nScheme);
+    return pOps ? pOps->pfnValidate(pAuth, pRequest) : AUTH_REFUSED;
 }
 
 int AuthClientLine(Auth *pAuth, const char *szNonce, char *szOut, size_t nSize)

@@ -8,6 +8,7 @@
 #include "base/inifile.h"
 #include "base/textbuf.h"
 #include "base/textnumber.h"
+#include "server/core/accounttable.h"
 #include "server/core/program.h"
 #include "server/media/replies.h"
 
@@ -226,22 +227,28 @@ static char *CopyBytes(const char *p, size_t n)
     return pCopy;
 }
 
-static void ReplaceText(char **ppText, char *szNew)
+// The accounts of a section's text; null for one that is nothing but its header, and without memory.
+static AccountTable *ParseUsers(const char *pUsers, size_t nUsers)
 {
-    free(*ppText);
-    *ppText = szNew;
+    if (nUsers <= strlen("[USERS]"))
+        return nullptr;
+    char *szUsers = CopyBytes(pUsers, nUsers);
+    AccountTable *pTable = szUsers ? AccountTableParse(szUsers) : nullptr;
+    free(szUsers);
+    return pTable;
 }
 
 static void KeepCamCfg(Program *pProg, const char *szText, size_t nText)
 {
-    ReplaceText(&pProg->camera.szCamCfg, CopyBytes(szText, nText));
+    free(pProg->camera.szCamCfg);
+    pProg->camera.szCamCfg = CopyBytes(szText, nText);
     pProg->camera.nCamCfg = pProg->camera.szCamCfg ? static_cast<uint32_t>(nText) : 0;
     size_t nUsers = 0;
     const char *pUsers = CamCfgFindUsers(szText, nText, &nUsers);
     if (!pUsers)
         return;
-    int bEmpty = nUsers <= strlen("[USERS]");
-    ReplaceText(&pProg->camera.szAccounts, bEmpty ? nullptr : CopyBytes(pUsers, nUsers));
+    AccountTableFree(pProg->camera.pAccounts);
+    pProg->camera.pAccounts = ParseUsers(pUsers, nUsers);
 }
 
 Verdict HandlePutCamCfg(Session *pSession, Port *pPort, Request *pRequest)

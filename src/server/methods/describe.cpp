@@ -44,7 +44,7 @@ Verdict HandleDescribe(Session *pSession, Port *pPort, Request *pRequest)
     if (admission == REFUSED)
         SessionDelayClose(pSession);
     if (admission != ADMITTED)
-        return KeepIf(admission != ENDED);
+        return NotAdmitted(admission, Verdict::Keep);
     return Describe(pSession, pPort, pRequest);
 }
 

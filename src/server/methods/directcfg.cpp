@@ -14,7 +14,7 @@
 #include "server/core/settings.h"
 #include "server/media/replies.h"
 #include "server/media/send.h"
-#include "server/methods/auth.h"
+#include "server/methods/credentials.h"
 
 namespace orx {
 
@@ -48,15 +48,15 @@ static int LoadConfig(ConfigText *pConfig)
     return 1;
 }
 
-// Only the super user's token opens these methods. A configuration with neither name nor password has no
-// super user: the token of two empty texts is nobody's secret.
-static int IsSuperToken(const ConfigText *pConfig, const char *szGiven)
+// Only the super user's token opens these methods. A configuration without his name has no super user: the
+// token of an empty one is anybody's who knows that.
+static Credential CheckConfigToken(const CredentialCheck *pCheck, const ConfigText *pConfig)
 {
     char user[kCredentialSize] = "";
     char password[kCredentialSize] = "";
     read_profile_string("USERS", "SuperUser", user, sizeof(user), "", pConfig->sz);
     read_profile_string("USERS", "SuperPwd", password, sizeof(password), "", pConfig->sz);
-    return (*user || *password) && AuthIsToken(user, password, szGiven);
+    return CheckSuperToken(pCheck, user, password);
 }
 
 // Sends a text of any length, piece by piece.
@@ -78,13 +78,16 @@ static void ExpectMore(Session *pSession, Port *pPort)
 
 Verdict HandleGetCfgDirect(Session *pSession, Port *pPort, Request *pRequest)
 {
-    const char *szAuth = RequestHeaderValue(pRequest, "UserAuth");
-    if (!szAuth)
+    if (!RequestHeaderValue(pRequest, "UserAuth"))
         return ReplyShort(pSession, pPort, STATUS_UNAUTHORIZED);
     ConfigText config;
     if (!LoadConfig(&config))
         return ReplyShort(pSession, pPort, STATUS_FAILED);
-    if (!IsSuperToken(&config, szAuth))
+    CredentialCheck check{pSession, pPort, pRequest, nullptr};
+    Credential eResult = CheckConfigToken(&check, &config);
+    if (eResult == CREDENTIAL_WAITS)
+        return Verdict::Later;
+    if (eResult != CREDENTIAL_RIGHT)
         return ReplyShort(pSession, pPort, STATUS_UNAUTHORIZED);
     size_t nText = config.nLen - kMemPrefix;
     Message reply(pSession, pPort);
@@ -110,13 +113,16 @@ static int PrepareCamera(char *szPath, const Request *pRequest)
 
 Verdict HandleSetCfgDirect(Session *pSession, Port *pPort, Request *pRequest)
 {
-    const char *szAuth = RequestHeaderValue(pRequest, "UserAuth");
-    if (!szAuth)
+    if (!RequestHeaderValue(pRequest, "UserAuth"))
         return ReplyShort(pSession, pPort, STATUS_UNAUTHORIZED);
     if (!pRequest->nBody)
         return ReplyShort(pSession, pPort, STATUS_BAD_REQUEST);
     ConfigText config;
-    if (!LoadConfig(&config) || !IsSuperToken(&config, szAuth))
+    CredentialCheck check{pSession, pPort, pRequest, nullptr};
+    Credential eResult = LoadConfig(&config) ? CheckConfigToken(&check, &config) : CREDENTIAL_MISSING;
+    if (eResult == CREDENTIAL_WAITS)
+        return Verdict::Later;
+    if (eResult != CREDENTIAL_RIGHT)
         return ReplyShort(pSession, pPort, STATUS_UNAUTHORIZED);
     char path[sizeof(kCfgTemplate)];
     TextCopy(path, sizeof(path), kCfgTemplate);

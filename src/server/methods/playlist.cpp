@@ -4,6 +4,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/assertion.h"
 #include "base/console.h"
 #include "base/textbuf.h"
 #include "record/sdpreader.h"
@@ -12,8 +13,7 @@
 #include "server/core/settings.h"
 #include "server/media/replies.h"
 #include "server/media/send.h"
-#include "server/methods/accounts.h"
-#include "server/methods/auth.h"
+#include "server/methods/credentials.h"
 
 namespace orx {
 
@@ -53,7 +53,7 @@ static int IsTooLarge(PictureSize size, PictureSize screen)
            int64_t{size.nWidth} * size.nHeight > int64_t{screen.nWidth} * screen.nHeight;
 }
 
-static void AddProgram(TextBuf *pText, const Program *pProg, const OwnAccount *pAccount, PictureSize screen)
+static void AddProgram(TextBuf *pText, const Program *pProg, const Account *pAccount, PictureSize screen)
 {
     const char *szName = pProg->Uri[0] == '/' ? pProg->Uri + 1 : pProg->Uri;
     if (!pAccount->bSuper && !strstr(pAccount->szDevices, szName))
@@ -67,7 +67,7 @@ static void AddProgram(TextBuf *pText, const Program *pProg, const OwnAccount *p
 }
 
 // The text of the list, ended by an empty line. Returns its length.
-static size_t WriteList(char *szList, const OwnAccount *pAccount, PictureSize screen)
+static size_t WriteList(char *szList, const Account *pAccount, PictureSize screen)
 {
     time_t now = time(nullptr);
     struct tm t {};
@@ -93,22 +93,22 @@ static Verdict ReplyUnauthorized(Session *pSession, Port *pPort)
 
 Verdict HandleGetPlayList(Session *pSession, Port *pPort, Request *pRequest)
 {
-    const char *szUser = RequestHeaderValue(pRequest, "UserName");
-    const char *szGiven = RequestHeaderValue(pRequest, "UserAuth");
-    OwnAccount account;
-    int nFound = szUser && szGiven ? GetOwnAccount(szUser, &account) : 0;
-    if (nFound < 0)
+    CredentialCheck check{pSession, pPort, pRequest, nullptr};
+    CheckedUser user;
+    Credential eResult = CheckUserToken(&check, &user);
+    if (eResult == CREDENTIAL_WAITS)
+        return Verdict::Later;
+    if (!ORX_PEER_ASSERT(eResult != CREDENTIAL_NO_FILE, "pProfile"))
         return RefuseFault(pSession, pPort);
-    if (!nFound || !AuthIsToken(szUser, account.szPassword, szGiven))
+    if (eResult != CREDENTIAL_RIGHT)
         return ReplyUnauthorized(pSession, pPort);
-    pSession->viewer.nUserLevel = account.nLevel;
-    TextCopy(pSession->viewer.szUser, sizeof(pSession->viewer.szUser), szUser);
+    ViewerSet(pSession, &user);
     PictureSize screen;
     const char *szScreen = RequestHeaderValue(pRequest, "Screen-Size");
     if (szScreen && sscanf(szScreen, "%9dx%9d", &screen.nWidth, &screen.nHeight) != 2)
         screen = PictureSize();
     char szList[kListSize];
-    size_t nLen = WriteList(szList, &account, screen);
+    size_t nLen = WriteList(szList, &user.account, screen);
     return KeepIf(SendReply(pSession, pPort, szList, nLen));
 }
 

@@ -28,7 +28,7 @@ Verdict HandleQuickPlay(Session *pSession, Port *pPort, Request *pRequest)
 {
     Admission admission = EnterProgram(pSession, pPort, pRequest);
     if (admission != ADMITTED)
-        return KeepIf(admission == CHALLENGED);
+        return NotAdmitted(admission, Verdict::End);
     if (Describe(pSession, pPort, pRequest) == Verdict::End || !EnterAllTracks(pSession))
         return Verdict::End;
     Program *pProg = pSession->pProg;

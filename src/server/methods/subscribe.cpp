@@ -5,8 +5,8 @@
 #include "runtime/sockutil.h"
 #include "server/core/program.h"
 #include "server/media/replies.h"
-#include "server/methods/accounts.h"
 #include "server/methods/admit.h"
+#include "server/methods/credentials.h"
 
 namespace orx {
 
@@ -30,8 +30,14 @@ Verdict HandleSubscribe(Session *pSession, Port *pPort, Request *pRequest)
         return Refuse(pSession, pPort, STATUS_WRONG_STATE);
     if (!ORX_PEER_ASSERT(pProg->bLive, "pProg->bLive"))
         return RefuseFault(pSession, pPort);
-    if (!CheckUserToken(pSession, pRequest))
+    CredentialCheck check{pSession, pPort, pRequest, pProg};
+    CheckedUser user;
+    Credential eResult = CheckUserToken(&check, &user);
+    if (eResult == CREDENTIAL_WAITS)
+        return Verdict::Later;
+    if (eResult != CREDENTIAL_RIGHT)
         return Refuse(pSession, pPort, STATUS_UNAUTHORIZED);
+    ViewerSet(pSession, &user);
     Verdict eVerdict = ReplyDated(pSession, pPort, STATUS_OK);
     LogSubscriber(pSession, pRequest);
     pSession->nFlags |= SESSION_SUBSCRIBER;

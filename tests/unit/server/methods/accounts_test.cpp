@@ -43,18 +43,31 @@ TEST(Accounts, AreFoundInTheCamerasText)
     for (const auto &[bControlUsers, szText, szUser, szPassword, nExpected] : cases) {
         SCOPED_TRACE(std::string(szText ? szText : "none") + szUser);
         g_settings.bControlUsers = bControlUsers;
-        pProg->camera.szAccounts = szText ? strdup(szText) : nullptr;
+        pProg->camera.pAccounts = szText ? AccountTableParse(szText) : nullptr;
         char password[64] = "";
         int nLevel = -1;
         EXPECT_EQ(nExpected >= 0, GetUserAccount(nullptr, "rtsp://box/cam", szUser, password, &nLevel));
         EXPECT_EQ(nExpected, nLevel);
         EXPECT_STREQ(szPassword, password);
-        free(std::exchange(pProg->camera.szAccounts, nullptr));
+        AccountTableFree(std::exchange(pProg->camera.pAccounts, nullptr));
     }
     char password[64] = "";
     EXPECT_EQ(1, GetUserAccount(nullptr, nullptr, "boss", password, nullptr)) << "the first live program";
     EXPECT_EQ(0, GetUserAccount(nullptr, "rtsp://box/dog", "boss", password, nullptr));
     ProgramDetach(&pusher);
+    // the file may be of any length
+    std::string users = "[USERS]\nNumUsers=1000\n";
+    for (int i = 0; i < 1000; i++) {
+        const std::string n = std::to_string(i);
+        users += "UserName" + n + "=user" + n + "\nUserPwd" + n + "=password" + n + "\nUserLevel" + n + "=1\n";
+    }
+    WriteFile(g_settings.szConfigPath, users);
+    Account account;
+    EXPECT_EQ(1, AccountsFind(nullptr, "user999", &account));
+    EXPECT_STREQ("password999", account.szPassword);
+    EXPECT_EQ(0, AccountsFind(nullptr, "user1000", &account));
+    WriteFile(g_settings.szConfigPath, "");
+    EXPECT_EQ(-1, AccountsFind(nullptr, "user999", &account));
 }
 
 }  // namespace orx

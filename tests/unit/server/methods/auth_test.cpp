@@ -11,6 +11,7 @@
 #include "base/base64.h"
 #include "base/md5.h"
 #include "base/textbuf.h"
+#include "runtime/clock.h"
 
 namespace orx {
 
@@ -19,8 +20,13 @@ struct Authenticator {
     std::string user = "Mufasa", password = "Circle Of Life";
     std::string askedUrl;
     Auth *p;
+    unsigned nScheme;
+    uint32_t nIp = 1;
 
-    explicit Authenticator(unsigned nType, const char *szRealm = "Orx") { p = AuthCreate(nType, szRealm, Find, this); }
+    explicit Authenticator(unsigned nType, const char *szRealm = "Orx", int bFresh = 0)
+        : p(AuthCreate(nType, szRealm, Find, bFresh)), nScheme(nType)
+    {
+    }
     ~Authenticator() { AuthFree(p); }
     Authenticator &operator=(Authenticator &&) = delete;
 
@@ -32,15 +38,18 @@ struct Authenticator {
         *pLevel = 2;
         return szUser == pThis->user;
     }
-    int Validate(const std::string &value, const std::string &method) const
+    int Validate(const std::string &value, const std::string &method)
     {
-        return AuthValidate(p, (method + "\r\nAuthorization: " + value).c_str(), "rtsp://box/ch1");
+        const std::string text = method + "\r\nAuthorization: " + value;
+        AuthRequest request{text.c_str(), "rtsp://box/ch1", nIp, this};
+        return AuthValidate(p, nScheme, &request);
     }
     std::string Nonce() const
     {
         char line[256];
-        EXPECT_EQ(1, AuthChallenge(p, line, sizeof(line)));
-        return std::string(strstr(line, "nonce=\"") + 7, 32);
+        EXPECT_EQ(1, AuthChallenge(p, nScheme, nIp, 0, line, sizeof(line)));
+        const std::string text = strstr(line, "nonce=\"") + 7;
+        return text.substr(0, text.find('"'));
     }
 };
 
@@ -118,6 +127,52 @@ TEST(AuthDigest, TakesTheRightAnswerAndNoOther)
     }
     auth.password = "circle of life";
     EXPECT_EQ(-1, auth.Validate(good, "GET"));
+}
+
+// A fresh nonce is for one client, a minute and the request at hand.
+TEST(AuthDigest, FreshNonceIsForItsClientAndAMinute)
+{
+    Authenticator auth(AUTH_DIGEST, "Orx", 1);
+    const std::string nonce = auth.Nonce();
+    auto answer = [&](const std::string &uri, const std::string &password, const std::string &with) {
+        const std::string response = Hex(Hex("Mufasa:Orx:" + password) + ":" + with + ":" + Hex("DESCRIBE:" + uri));
+        return "Digest username=\"Mufasa\", realm=\"Orx\", nonce=\"" + with + "\", uri=\"" + uri + "\", response=\"" +
+               response + "\"";
+    };
+    std::string forged = nonce;
+    forged[7] = forged[7] == '0' ? '1' : '0';  // the last digit of the time
+    static const struct {
+        int nSeconds;
+        uint32_t nIp;
+        const char *szUri, *szPassword;
+        int nResult;
+    } cases[] = {
+        {0, 1, "rtsp://box/ch1", "Circle Of Life", 2},
+        {0, 1, "/ch1", "Circle Of Life", 2},
+        {0, 1, "rtsp://192.168.1.2:554/%63h1", "Circle Of Life", 2},
+        {57, 1, "rtsp://box/ch1", "Circle Of Life", 2},
+        {0, 1, "rtsp://box/ch1", "circle", AUTH_REFUSED},
+        {0, 1, "rtsp://box/ch10", "Circle Of Life", AUTH_REFUSED},
+        {0, 1, "rtsp://box/", "Circle Of Life", AUTH_REFUSED},
+        {0, 2, "rtsp://box/ch1", "Circle Of Life", AUTH_REFUSED},
+        {62, 1, "rtsp://box/ch1", "Circle Of Life", AUTH_STALE},
+        {62, 1, "rtsp://box/ch1", "circle", AUTH_REFUSED},
+        {62, 2, "rtsp://box/ch1", "Circle Of Life", AUTH_REFUSED},
+    };
+    for (const auto &c : cases) {
+        ClockSetOffset(1000U * c.nSeconds);
+        auth.nIp = c.nIp;
+        EXPECT_EQ(c.nResult, auth.Validate(answer(c.szUri, c.szPassword, nonce), "DESCRIBE")) << c.nSeconds << c.szUri;
+    }
+    EXPECT_NE(nonce, auth.Nonce());
+    ClockSetOffset(0);
+    auth.nIp = 1;
+    for (const std::string &other :
+         {forged, nonce.substr(1), Authenticator(AUTH_DIGEST, "Orx", 1).Nonce(), std::string(8, '0')})
+        EXPECT_EQ(AUTH_REFUSED, auth.Validate(answer("/ch1", "Circle Of Life", other), "DESCRIBE")) << other;
+    char line[256];
+    EXPECT_EQ(1, AuthChallenge(auth.p, AUTH_DIGEST, 1, 1, line, sizeof(line)));
+    EXPECT_NE(nullptr, strstr(line, "\", stale=true\r\n"));
 }
 
 TEST(AuthToken, TakesEverySecondDigit)

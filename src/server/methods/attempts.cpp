@@ -1,0 +1,88 @@
+#include "server/methods/attempts.h"
+
+#include <algorithm>
+
+#include "runtime/clock.h"
+#include "server/core/settings.h"
+
+namespace orx {
+
+constexpr int kMaxAddresses = 256;
+constexpr int kMaxTimes = 16;             // of one address; by then the longest delay is reached
+constexpr int kFreeAttempts = 2;          // within kWindowMs, without any delay
+constexpr int32_t kWindowMs = 60000;      // that a wrong one counts for
+constexpr uint32_t kLongestDelay = 8000;  // ms
+
+struct Attempts {
+    uint32_t nIp = 0;
+    int nTimes = 0;                  // 0: a free place
+    uint32_t times[kMaxTimes] = {};  // ClockMs of wrong ones, the oldest first
+};
+
+static Attempts g_attempts[kMaxAddresses];  // scheduler thread only
+
+static Attempts *Find(uint32_t nIp)
+{
+    for (Attempts &entry : g_attempts)
+        if (entry.nTimes && entry.nIp == nIp)
+            return &entry;
+    return nullptr;
+}
+
+static uint32_t LastTime(const Attempts *pEntry)
+{
+    return pEntry->times[pEntry->nTimes - 1];
+}
+
+// A place for a further address: a free one, else that of who has been quiet for longest.
+static Attempts *TakePlace(uint32_t nIp)
+{
+    Attempts *pPlace = &g_attempts[0];
+    for (Attempts &entry : g_attempts) {
+        if (!entry.nTimes) {
+            pPlace = &entry;
+            break;
+        }
+        if (ClockDiff(LastTime(&entry), LastTime(pPlace)) < 0)
+            pPlace = &entry;
+    }
+    *pPlace = Attempts();
+    pPlace->nIp = nIp;
+    return pPlace;
+}
+
+void AttemptsNoteWrong(uint32_t nIp)
+{
+    Attempts *pEntry = Find(nIp);
+    if (!pEntry)
+        pEntry = TakePlace(nIp);
+    if (pEntry->nTimes == kMaxTimes)
+        std::copy(pEntry->times + 1, pEntry->times + pEntry->nTimes--, pEntry->times);
+    pEntry->times[pEntry->nTimes++] = ClockMs();
+}
+
+void AttemptsForget(uint32_t nIp)
+{
+    if (Attempts *pEntry = Find(nIp))
+        pEntry->nTimes = 0;
+}
+
+uint32_t AttemptsDelay(uint32_t nIp)
+{
+    const Attempts *pEntry = Find(nIp);
+    if (!pEntry)
+        return 0;
+    uint32_t nNow = ClockMs();
+    auto bRecent = [nNow](uint32_t nTime) { return ClockDiff(nNow, nTime) < kWindowMs; };
+    auto nRecent = std::count_if(pEntry->times, pEntry->times + pEntry->nTimes, bRecent);
+    if (nRecent <= kFreeAttempts)
+        return 0;
+    return std::min(g_settings.nAuthFailDelay << (nRecent - kFreeAttempts - 1), kLongestDelay);
+}
+
+void AttemptsReset()
+{
+    std::fill(std::begin(g_attempts), std::end(g_attempts), Attempts());
+}
+
+}  // namespace orx

@@ -1,0 +1,126 @@
+#include "server/methods/credentials.h"
+
+#include <netinet/in.h>
+
+#include <cstring>
+
+#include "base/textbuf.h"
+#include "runtime/sockutil.h"
+#include "server/core/registry.h"
+#include "server/core/settings.h"
+#include "server/methods/attempts.h"
+#include "server/methods/auth.h"
+
+namespace orx {
+
+constexpr size_t kMaxCredentials = kMaxHeadBytes + 32;  // a header block and what is put before it
+constexpr int kMaxFailures = 3;                         // of one connection
+
+// Whether failures from there count. The box itself, from where others may be served, is not slowed down.
+static int IsCounted(const Port *pPort)
+{
+    return g_settings.nAuthFailDelay && SockGetIp(&pPort->remote) != INADDR_LOOPBACK;
+}
+
+// Notes how a check ended, and has its answer wait when the address has guessed too often. A check that is
+// made again after such a wait was noted then. What everybody
+// may show ends no count.
+static Credential Conclude(const CredentialCheck *pCheck, Credential eResult, int bAnonymous)
+{
+    Session *pSession = pCheck->pSession;
+    if (!IsCounted(pCheck->pPort))
+        return eResult;
+    uint32_t nIp = SockGetIp(&pCheck->pPort->remote);
+    if (!pSession->hold.bOver) {
+        if (eResult == CREDENTIAL_WRONG) {
+            AttemptsNoteWrong(nIp);
+            pSession->hold.nFailures++;
+        }
+        pSession->hold.nDelayMs = AttemptsDelay(nIp);
+        if (pSession->hold.nDelayMs)
+            return CREDENTIAL_WAITS;
+    }
+    if (eResult == CREDENTIAL_RIGHT && !bAnonymous)
+        AttemptsForget(nIp);
+    return eResult;
+}
+
+// How the authenticator's verdict on the header is called here.
+static Credential Validate(const CredentialCheck *pCheck, unsigned nScheme, const char *szValue,
+                           AccountScope *pScope)
+{
+    char credentials[kMaxCredentials];
+    TextBuf text{credentials, sizeof(credentials)};
+    if (!TextAdd(&text, "%s\r\nAuthorization: %s", RequestMethod(pCheck->pRequest), szValue))
+        return CREDENTIAL_WRONG;
+    AuthRequest request{credentials, RequestUri(pCheck->pRequest), SockGetIp(&pCheck->pPort->remote), pScope};
+    int nResult = AuthValidate(g_server.pAuth, nScheme, &request);
+    if (nResult == AUTH_STALE)
+        return CREDENTIAL_STALE;
+    return nResult == AUTH_REFUSED ? CREDENTIAL_WRONG : CREDENTIAL_RIGHT;
+}
+
+Credential CheckAuthorization(const CredentialCheck *pCheck, unsigned nScheme, CheckedUser *pOut)
+{
+    const char *szValue = RequestHeaderValue(pCheck->pRequest, "Authorization");
+    const char *szScheme = AuthSchemeName(nScheme);
+    if (!szValue || strncmp(szValue, szScheme, strlen(szScheme)) != 0)
+        return CREDENTIAL_MISSING;
+    AccountScope scope{pCheck->pProg, Account()};
+    Credential eResult = Validate(pCheck, nScheme, szValue, &scope);
+    eResult = Conclude(pCheck, eResult, scope.found.bAnonymous);
+    if (eResult == CREDENTIAL_RIGHT) {
+        TextCopy(pOut->szUser, sizeof(pOut->szUser), g_server.pAuth->szUser);
+        pOut->account = scope.found;
+    }
+    return eResult;
+}
+
+static Credential Compare(const CredentialCheck *pCheck, const char *szUser, const Account *pAccount,
+                          const char *szGiven)
+{
+    int bRight = pAccount && AuthIsToken(szUser, pAccount->szPassword, szGiven);
+    return Conclude(pCheck, bRight ? CREDENTIAL_RIGHT : CREDENTIAL_WRONG, pAccount && pAccount->bAnonymous);
+}
+
+Credential CheckUserToken(const CredentialCheck *pCheck, CheckedUser *pOut)
+{
+    const char *szUser = RequestHeaderValue(pCheck->pRequest, "UserName");
+    const char *szGiven = RequestHeaderValue(pCheck->pRequest, "UserAuth");
+    if (!szUser || !szGiven)
+        return CREDENTIAL_MISSING;
+    int nFound = AccountsFind(pCheck->pProg, szUser, &pOut->account);
+    if (nFound < 0)
+        return CREDENTIAL_NO_FILE;
+    TextCopy(pOut->szUser, sizeof(pOut->szUser), szUser);
+    return Compare(pCheck, szUser, nFound ? &pOut->account : nullptr, szGiven);
+}
+
+Credential CheckSuperToken(const CredentialCheck *pCheck, const char *szUser, const char *szPassword)
+{
+    const char *szGiven = RequestHeaderValue(pCheck->pRequest, "UserAuth");
+    if (!szGiven)
+        return CREDENTIAL_MISSING;
+    int bRight = *szUser && AuthIsToken(szUser, szPassword, szGiven);
+    return Conclude(pCheck, bRight ? CREDENTIAL_RIGHT : CREDENTIAL_WRONG, 0);
+}
+
+int CredentialChallenge(const Port *pPort, unsigned nScheme, int bStale, TextBuf *pText)
+{
+    char line[256];
+    return AuthChallenge(g_server.pAuth, nScheme, SockGetIp(&pPort->remote), bStale, line, sizeof(line)) &&
+           TextAdd(pText, "%s", line);
+}
+
+void ViewerSet(Session *pSession, const CheckedUser *pUser)
+{
+    pSession->viewer.nUserLevel = pUser->account.nLevel;
+    TextCopy(pSession->viewer.szUser, sizeof(pSession->viewer.szUser), pUser->szUser);
+}
+
+int CredentialsExhausted(const Session *pSession)
+{
+    return pSession->hold.nFailures >= kMaxFailures;
+}
+
+}  // namespace orx
