@@ -45,16 +45,57 @@ void FreeDataBlock(DataBlock *pBlock)
     free(pBlock);
 }
 
-static void FreeDataBlockItem(void * /*pContext*/, void *pItem)
+// nSign 1: the block comes, -1: it goes.
+static inline void Count(void *pUser, const DataBlock *pBlock, int nSign)
 {
-    FreeDataBlock(static_cast<DataBlock *>(pItem));
+    auto *pSum = static_cast<BlockSum *>(pUser);
+    if (!pSum)
+        return;
+    int64_t nBytes = nSign * static_cast<int64_t>(BlockBytes(pBlock));
+    pSum->nBytes += nBytes;
+    if (pSum->pTotal)
+        *pSum->pTotal += nBytes;
+    if ((pBlock->nFlags & (DB_MEDIA | DB_KEY)) == DB_MEDIA || (pBlock->nFlags & DB_QUESTION))
+        return;
+    if (pBlock->nFlags & DB_MEDIA) {
+        pSum->nKeys += static_cast<uint32_t>(nSign);
+        return;
+    }
+    pSum->nOtherBytes += nBytes;
+    pSum->nOthers += static_cast<uint32_t>(nSign);
 }
 
-void BlockListInit(List *pList, void *pContext)
+static void FreeDataBlockItem(void *pUser, void *pItem)
 {
-    ListInit(pList, pContext);
+    auto *pBlock = static_cast<DataBlock *>(pItem);
+    Count(pUser, pBlock, -1);
+    FreeDataBlock(pBlock);
+}
+
+void BlockListInit(List *pList, BlockSum *pSum)
+{
+    ListInit(pList, pSum);
     ListUsedDefMap(pList, 0);
     ListDataProc(pList, FreeDataBlockItem, nullptr);
+}
+
+int BlockListAppend(List *pList, DataBlock *pBlock)
+{
+    Count(pList->pUser, pBlock, 1);
+    return ListAppend(pList, pBlock);
+}
+
+void BlockListFree(List *pList, DataBlock *pBlock)
+{
+    ORX_ASSERT(pBlock->node.pList == pList, "p->pList==pList");
+    ListUnlink(pList, &pBlock->node, 0);
+    FreeDataBlockItem(pList->pUser, pBlock);
+}
+
+int BlockListInsert(List *pList, DataBlock *pBlock, DataBlock *pReferer, int bAfter)
+{
+    Count(pList->pUser, pBlock, 1);
+    return ListInsert(pList, pBlock, pReferer, bAfter);
 }
 
 }  // namespace orx

@@ -91,7 +91,7 @@ static int Finish(PacketBuilder *pPacket, uint32_t nTimeMs, int bMarker, int bVi
     if (!pBlock)
         return 0;
     pBlock->nTimestamp = nTimeMs;
-    ListAppend(&pPacket->pOut->Outq, pBlock);
+    BlockListAppend(&pPacket->pOut->Outq, pBlock);
     return 1;
 }
 

@@ -27,6 +27,7 @@ struct RtpOut {
     uint8_t *pScratch = nullptr;  // room for one packet while it is built; from malloc, the owner's
     uint32_t nScratch = 0;        // its size
     List Outq;                    // DataBlocks waiting to be sent, owned
+    BlockSum queued;              // what they come to
     int nTracks = 0;
     RtpTrack *tracks[kMaxTracks] = {};  // the owner's records
 };

@@ -67,6 +67,11 @@ struct ZMFRecordHead {
     uint32_t nTimeMs = 0;  // from the start of the file
 };
 
+inline int IsKeyRecord(const ZMFRecordHead *pHead)
+{
+    return pHead->chMedia == 'v' && (pHead->nFlags & ZMF_KEY);
+}
+
 void ZMFRecordHeadEncode(const ZMFRecordHead *pHead, uint8_t *pOut);
 void ZMFRecordHeadDecode(const uint8_t *pData, ZMFRecordHead *pHead);  // of 8 bytes
 

@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -13,6 +12,8 @@
 #include "base/assertion.h"
 #include "base/bytes.h"
 #include "base/console.h"
+#include "record/measured.h"
+#include "record/recordwalk.h"
 #include "record/sdpreader.h"
 
 namespace orx {
@@ -21,30 +22,14 @@ constexpr uint32_t kRefillBelow = 64;    // bytes left in the buffer at which it
 constexpr uint32_t kRangeLineRoom = 32;  // behind the SDP text, for a line that is put in
 constexpr uint32_t kMinBuffer = 4096;    // a smaller one would be filled up for every record
 
-// Reads up to nBytes from a position of the file. Returns how many there were.
-static size_t ReadAt(int fd, uint64_t nPos, void *pOut, size_t nBytes)
+static RecordWalk WalkFrom(const ZMFReader *pReader, uint64_t nPos, uint32_t nWork)
 {
-    size_t nDone = 0;
-    while (nDone < nBytes) {
-        ssize_t n =
-            pread(fd, static_cast<uint8_t *>(pOut) + nDone, nBytes - nDone, static_cast<off_t>(nPos + nDone));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            break;
-        nDone += static_cast<size_t>(n);
-    }
-    return nDone;
-}
-
-// The head of the record at nPos, when the file holds the whole record.
-static int ReadRecordHead(const ZMFReader *pReader, uint64_t nPos, ZMFRecordHead *pHead)
-{
-    uint8_t bytes[kZmfRecordHeadBytes];
-    if (ReadAt(pReader->fd, nPos, bytes, sizeof(bytes)) != sizeof(bytes))
-        return 0;
-    ZMFRecordHeadDecode(bytes, pHead);
-    return pHead->nLength >= kZmfRecordHeadBytes && nPos + pHead->nLength <= pReader->nFileBytes;
+    RecordWalk walk;
+    walk.fd = pReader->fd;
+    walk.nFileBytes = pReader->nFileBytes;
+    walk.nNext = nPos;
+    walk.nWork = nWork;
+    return walk;
 }
 
 // Visits every whole record from the file position nPos on (0: the first) without moving the reader, until
@@ -53,20 +38,11 @@ using RecordProc = int (*)(void *pContext, const ZMFRecordHead *pHead, uint64_t 
 static uint64_t WalkRecords(const ZMFReader *pReader, uint64_t nPos, RecordProc pfnRecord, void *pContext)
 {
     ZMFRecordHead head;
-    if (nPos == 0)
-        nPos = pReader->uDataBeginOffset;
-    while (ReadRecordHead(pReader, nPos, &head)) {
-        int bGoOn = pfnRecord(pContext, &head, nPos);
-        nPos += head.nLength;
-        if (!bGoOn)
+    RecordWalk walk = WalkFrom(pReader, nPos ? nPos : pReader->uDataBeginOffset, kAllWork);
+    while (RecordWalkNext(&walk, &head) > 0)
+        if (!pfnRecord(pContext, &head, walk.nPos))
             break;
-    }
-    return nPos;
-}
-
-static int IsKeyFrame(const ZMFRecordHead *pHead)
-{
-    return pHead->chMedia == 'v' && (pHead->nFlags & ZMF_KEY);
+    return walk.nNext;
 }
 
 // --- Opening ---
@@ -114,26 +90,23 @@ static int ReadIndex(ZMFReader *pReader)
     return bRead;
 }
 
-static int CountRecord(void *pContext, const ZMFRecordHead *pHead, uint64_t /*nPos*/)
+// What the writer would have put into the header had it come to its end. Returns 0 when that takes another
+// step, or memory runs out.
+static int MeasureInterrupted(ZMFReader *pReader, const struct stat *pInfo, uint32_t nWork, int *pbMore)
 {
-    auto *pReader = static_cast<ZMFReader *>(pContext);
-    if (pHead->nTimeMs > pReader->uDuration)
-        pReader->uDuration = pHead->nTimeMs;
-    pReader->head.uVideoSamples += pHead->chMedia == 'v' ? 1 : 0;
-    pReader->head.uTextSamples += pHead->chMedia == 't' ? 1 : 0;
-    pReader->head.uUserSamples += pHead->chMedia == 'u' ? 1 : 0;
-    pReader->head.uKeyFrames += IsKeyFrame(pHead) ? 1 : 0;
-    return 1;
-}
-
-// What the writer would have put into the header had it come to its end.
-static void MeasureInterrupted(ZMFReader *pReader)
-{
+    const Measured *pMeasured = MeasureStep(pReader->fd, pInfo, pReader->uDataBeginOffset, nWork);
+    *pbMore = !pMeasured;
+    pReader->pMeasured = pMeasured ? new (std::nothrow) Measured(*pMeasured) : nullptr;
+    if (!pReader->pMeasured)
+        return 0;
     ZMFileHeader *pHead = &pReader->head;
     pReader->bInterrupted = 1;
-    pHead->uVideoSamples = pHead->uTextSamples = pHead->uUserSamples = pHead->uKeyFrames = 0;
-    WalkRecords(pReader, 0, CountRecord, pReader);
-    pHead->uDuration = pReader->uDuration;
+    pHead->uVideoSamples = pMeasured->uVideoSamples;
+    pHead->uTextSamples = pMeasured->uTextSamples;
+    pHead->uUserSamples = pMeasured->uUserSamples;
+    pHead->uKeyFrames = pMeasured->uKeyFrames;
+    pHead->uDuration = pReader->uDuration = pMeasured->uDuration;
+    return 1;
 }
 
 static int ReadSdp(ZMFReader *pReader)
@@ -196,8 +169,19 @@ static const uint8_t *PeekRecord(ZMFReader *pReader, ZMFRecordHead *pHead)
     return pHead->nLength <= pReader->nHeld - pReader->nRead ? pReader->pBuffer + pReader->nRead : nullptr;
 }
 
-ZMFReader *ZMFReaderOpen(const char *szFile, uint32_t nBuffer)
+// Index, duration and description of a file whose head was read. Returns 1 or 0; see MeasureInterrupted.
+static int ReadTables(ZMFReader *pReader, const struct stat *pInfo, uint32_t nWork, int *pbMore)
 {
+    if (!ReadIndex(pReader))
+        return 0;
+    if (pReader->uDuration == 0 && !MeasureInterrupted(pReader, pInfo, nWork, pbMore))
+        return 0;
+    return ReadSdp(pReader);
+}
+
+ZMFReader *ZMFReaderOpenStep(const char *szFile, uint32_t nBuffer, uint32_t nWork, int *pbMore)
+{
+    *pbMore = 0;
     auto *pReader = new (std::nothrow) ZMFReader;
     if (!pReader)
         return nullptr;
@@ -206,21 +190,21 @@ ZMFReader *ZMFReaderOpen(const char *szFile, uint32_t nBuffer)
     pReader->pBuffer = static_cast<uint8_t *>(malloc(pReader->nBuffer));
     pReader->fd = open(szFile, O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // a FIFO of that name must not hold us up
     struct stat info {};
-    if (!pReader->szFile || !pReader->pBuffer || pReader->fd < 0 || fstat(pReader->fd, &info) != 0 ||
-        !S_ISREG(info.st_mode)) {
-        ZMFReaderClose(pReader);
-        return nullptr;
-    }
+    int bGood = pReader->szFile && pReader->pBuffer && pReader->fd >= 0 && fstat(pReader->fd, &info) == 0 &&
+                S_ISREG(info.st_mode);
     pReader->nFileBytes = static_cast<uint64_t>(info.st_size);
-    int bGood = ReadHead(pReader) && ReadIndex(pReader);
-    if (bGood && pReader->uDuration == 0)
-        MeasureInterrupted(pReader);
-    if (!bGood || !ReadSdp(pReader)) {
+    if (!bGood || !ReadHead(pReader) || !ReadTables(pReader, &info, nWork, pbMore)) {
         ZMFReaderClose(pReader);
         return nullptr;
     }
     MoveTo(pReader, pReader->uDataBeginOffset);
     return pReader;
+}
+
+ZMFReader *ZMFReaderOpen(const char *szFile, uint32_t nBuffer)
+{
+    int bMore = 0;
+    return ZMFReaderOpenStep(szFile, nBuffer, kAllWork, &bMore);
 }
 
 void ZMFReaderClose(ZMFReader *pReader)
@@ -234,6 +218,7 @@ void ZMFReaderClose(ZMFReader *pReader)
     free(pReader->pBuffer);
     delete[] pReader->pIndex;
     delete[] pReader->pKeyFrames;
+    delete pReader->pMeasured;
     delete pReader;
 }
 
@@ -263,7 +248,7 @@ static const uint8_t *TakeKeyFrame(ZMFReader *pReader, uint64_t nPos, uint32_t *
     ZMFRecordHead head;
     MoveTo(pReader, nPos);
     const uint8_t *pRecord = PeekRecord(pReader, &head);
-    if (!pRecord || !ORX_PEER_ASSERT(IsKeyFrame(&head), "p[2]=='v' && (p[3] & 0x40)")) {
+    if (!pRecord || !ORX_PEER_ASSERT(IsKeyRecord(&head), "p[2]=='v' && (p[3] & 0x40)")) {
         MoveTo(pReader, nBefore);
         return nullptr;
     }
@@ -272,51 +257,67 @@ static const uint8_t *TakeKeyFrame(ZMFReader *pReader, uint64_t nPos, uint32_t *
     return pRecord;
 }
 
-// Where to begin looking for a time: the last index entry before it, or the first record.
+// Where to begin looking for a time: the last index entry before it, or the first record; in a file that was
+// measured at the last point from which the same is found.
 static uint64_t SeekStart(const ZMFReader *pReader, uint32_t nTimeMs)
 {
     uint32_t i = 0;
     while (i < pReader->nIndex && pReader->pIndex[i].nTimeMs < nTimeMs)
         i++;
-    return i > 0 && pReader->nIndex >= 2 ? pReader->pIndex[i - 1].nPos : pReader->uDataBeginOffset;
+    uint64_t nStart = i > 0 && pReader->nIndex >= 2 ? pReader->pIndex[i - 1].nPos : pReader->uDataBeginOffset;
+    return pReader->pMeasured ? MeasuredSeekStart(pReader->pMeasured, nTimeMs, nStart) : nStart;
 }
 
-namespace {
-struct KeySearch {
-    uint32_t nTimeMs = 0;
-    uint64_t nKeyPos = 0;  // of the latest key frame, 0 before the first
-    int bFound = 0;
-};
-}  // namespace
-
-static int LookForTime(void *pContext, const ZMFRecordHead *pHead, uint64_t nPos)
+// Begins a seek, or goes on with one for the same time. Returns 0 when the index leads nowhere.
+static int BeginSeek(ZMFReader *pReader, uint32_t nTimeMs)
 {
-    auto *pSearch = static_cast<KeySearch *>(pContext);
-    if (IsKeyFrame(pHead))
-        pSearch->nKeyPos = nPos;
-    pSearch->bFound = pSearch->nKeyPos != 0 && pHead->nTimeMs >= pSearch->nTimeMs;
-    return !pSearch->bFound;
+    SeekState *pSeek = &pReader->seek;
+    if (pSeek->bActive && pSeek->nTimeMs == nTimeMs)
+        return 1;
+    *pSeek = SeekState{1, nTimeMs, SeekStart(pReader, nTimeMs), 0};
+    return pSeek->nNext == pReader->uDataBeginOffset ||
+           ORX_PEER_ASSERT(pSeek->nNext > kZmfHeadBytes, "uStartFilePos > sizeof(ZMFileHeader)");
 }
 
-const uint8_t *ZMFReaderSeek(ZMFReader *pReader, uint32_t nTimeMs, uint32_t *pnReachedMs)
+// Looks for the first record of the time or later that follows a key frame. 1 with the key frame in the
+// state, 0 when there is none, -1 when it takes another step.
+static int LookForTime(ZMFReader *pReader, uint32_t nWork)
 {
-    if (nTimeMs >= pReader->uDuration)
-        return nullptr;
-    KeySearch search;
-    search.nTimeMs = nTimeMs;
-    uint64_t uStartFilePos = SeekStart(pReader, nTimeMs);
-    if (uStartFilePos != pReader->uDataBeginOffset &&
-        !ORX_PEER_ASSERT(uStartFilePos > kZmfHeadBytes, "uStartFilePos > sizeof(ZMFileHeader)"))
-        return nullptr;
-    uint64_t nWalked = WalkRecords(pReader, uStartFilePos, LookForTime, &search);
+    SeekState *pSeek = &pReader->seek;
+    RecordWalk walk = WalkFrom(pReader, pSeek->nNext, nWork);
+    ZMFRecordHead head;
+    int nResult;
+    while ((nResult = RecordWalkNext(&walk, &head)) > 0) {
+        if (IsKeyRecord(&head))
+            pSeek->nKeyPos = walk.nPos;
+        if (pSeek->nKeyPos != 0 && head.nTimeMs >= pSeek->nTimeMs)
+            return 1;
+    }
+    pSeek->nNext = walk.nNext;
     // The duration may lie behind the last record: audio has the time of its block's first sample. In a file
     // that is whole such a time belongs to the last key frame.
-    int bFound = search.bFound || (search.nKeyPos != 0 && nWalked == pReader->nFileBytes);
-    const uint8_t *pRecord = bFound ? TakeKeyFrame(pReader, search.nKeyPos, pnReachedMs) : nullptr;
+    return nResult < 0 ? -1 : pSeek->nKeyPos != 0 && walk.nNext == pReader->nFileBytes;
+}
+
+const uint8_t *ZMFReaderSeekStep(ZMFReader *pReader, uint32_t nTimeMs, uint32_t nWork, uint32_t *pnReachedMs,
+                                 int *pbMore)
+{
+    *pbMore = 0;
+    if (nTimeMs >= pReader->uDuration)
+        return nullptr;
+    int nFound = BeginSeek(pReader, nTimeMs) ? LookForTime(pReader, nWork) : 0;
+    pReader->seek.bActive = *pbMore = nFound < 0;
+    const uint8_t *pRecord = nFound > 0 ? TakeKeyFrame(pReader, pReader->seek.nKeyPos, pnReachedMs) : nullptr;
     for (int i = 0; pRecord && i < pReader->nKeyFrames; i++)
         if (pReader->pKeyFrames[i].nTimeMs == *pnReachedMs)
             pReader->nKeyPos = i;
     return pRecord;
+}
+
+const uint8_t *ZMFReaderSeek(ZMFReader *pReader, uint32_t nTimeMs, uint32_t *pnReachedMs)
+{
+    int bMore = 0;
+    return ZMFReaderSeekStep(pReader, nTimeMs, kAllWork, pnReachedMs, &bMore);
 }
 
 // --- Key-frame mode ---
@@ -332,7 +333,7 @@ struct KeyTable {
 static int CollectKeyFrame(void *pContext, const ZMFRecordHead *pHead, uint64_t nPos)
 {
     auto *pTable = static_cast<KeyTable *>(pContext);
-    if (IsKeyFrame(pHead)) {
+    if (IsKeyRecord(pHead)) {
         if (pTable->pKeys)
             pTable->pKeys[pTable->nKeys] = KeyFrame{nPos, pHead->nTimeMs};
         pTable->nKeys++;

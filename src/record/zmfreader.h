@@ -11,6 +11,16 @@
 
 namespace orx {
 
+struct Measured;
+
+// A seek that takes several steps.
+struct SeekState {
+    int bActive = 0;
+    uint32_t nTimeMs = 0;
+    uint64_t nNext = 0;    // where it goes on
+    uint64_t nKeyPos = 0;  // of the latest key frame, 0 before the first
+};
+
 struct ZMFReader {
     char *szFile = nullptr;  // owned
     ZMFileHeader head;
@@ -19,6 +29,7 @@ struct ZMFReader {
     char *szSdp = nullptr;   // owned, with a range line when the duration is known
     uint32_t uDuration = 0;  // ms
     int bInterrupted = 0;    // never closed: duration and counters come from a walk through the records
+    Measured *pMeasured = nullptr;  // of an interrupted file, owned
     uint32_t uDataBeginOffset = 0;
     int fd = -1;
     uint64_t nFileBytes = 0;
@@ -33,6 +44,7 @@ struct ZMFReader {
     uint32_t nCurrentMs = 0;  // time of the last record handed out, or reached by a seek
     int bCurrent = 0;         // there is such a time
 
+    SeekState seek;
     struct KeyFrame *pKeyFrames = nullptr;  // table of the key-frame mode, owned
     int nKeyFrames = 0;
     int nKeyPos = 0;  // index into it; -1 before the first, nKeyFrames behind the last
@@ -44,9 +56,12 @@ struct KeyFrame {
 };
 
 // Opens a recording with a read buffer of nBuffer bytes, which is also the largest record that can be read. A
-// file that its writer did not close is walked through once, for its duration. Null when it is no recording
-// or broken. Close with ZMFReaderClose, which accepts null.
+// file that its writer did not close is walked through for its duration, unless that is remembered. Null when
+// it is no recording or broken. Close with ZMFReaderClose, which accepts null.
 ZMFReader *ZMFReaderOpen(const char *szFile, uint32_t nBuffer);
+// The same in steps (nWork: see recordwalk.h): null with *pbMore 1 when the walk is not at its end. The next
+// call for the file goes on with it.
+ZMFReader *ZMFReaderOpenStep(const char *szFile, uint32_t nBuffer, uint32_t nWork, int *pbMore);
 void ZMFReaderClose(ZMFReader *pReader);
 
 // The next record, its 8-byte head included, with its length in *pnBytes; valid until the next call of any
@@ -58,6 +73,10 @@ const uint8_t *ZMFReaderNextSample(ZMFReader *pReader, int *pnBytes);
 // time or later. Returns its record, which is the next one to be handed out, and its time in *pnReachedMs.
 // Null, with the position kept, from the duration on or when there is none.
 const uint8_t *ZMFReaderSeek(ZMFReader *pReader, uint32_t nTimeMs, uint32_t *pnReachedMs);
+// The same in steps: null with *pbMore 1 when the search is not at its end. The next call for the same time
+// goes on with it.
+const uint8_t *ZMFReaderSeekStep(ZMFReader *pReader, uint32_t nTimeMs, uint32_t nWork, uint32_t *pnReachedMs,
+                                 int *pbMore);
 
 // Readies stepping from key frame to key frame, nMoveKeyFrames (not 0) saying in which direction. Returns 1,
 // or 0 when the file has none.

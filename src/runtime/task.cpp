@@ -8,6 +8,7 @@
 #include "base/assertion.h"
 #include "base/console.h"
 #include "runtime/clock.h"
+#include "runtime/taskwatch.h"
 
 namespace orx {
 
@@ -124,6 +125,21 @@ static void WaitForDue(Scheduler *pScheduler)
     }
 }
 
+// Calls the task's procedure, under the watch of the builds that have it.
+static int CallTask(Task *pTask, uint32_t nNow, uint32_t nDue, void (*pfnAfter)())
+{
+    TaskWatch watch;
+    TaskProc pfnRun = pTask->pfnRun;
+    if constexpr (kWatchTasks)
+        TaskWatchBegin(&watch);
+    int nNextMs = pfnRun(pTask, nDue - nNow, nNow, nDue);
+    if (pfnAfter)
+        pfnAfter();
+    if constexpr (kWatchTasks)
+        TaskWatchEnd(&watch, reinterpret_cast<void (*)()>(pfnRun));
+    return nNextMs;
+}
+
 // Runs one task, without the mutex. Returns 1 when it will run again.
 static int RunTask(Scheduler *pScheduler, Task *pTask, uint32_t nNow)
 {
@@ -131,9 +147,7 @@ static int RunTask(Scheduler *pScheduler, Task *pTask, uint32_t nNow)
     void (*pfnAfter)() = pScheduler->pfnAfter;
     pScheduler->pRunning = pTask;
     pthread_mutex_unlock(&pScheduler->mutex);
-    int nNextMs = pTask->pfnRun(pTask, nDue - nNow, nNow, nDue);
-    if (pfnAfter)
-        pfnAfter();
+    int nNextMs = CallTask(pTask, nNow, nDue, pfnAfter);
     uint32_t nAfter = ClockMs();
     pthread_mutex_lock(&pScheduler->mutex);
     pScheduler->pRunning = nullptr;

@@ -133,7 +133,7 @@ struct RecordingQueueTest : PlayerQueueTest {
     {
         DataBlock *pBlock = MakePacket(packet);
         pBlock->sent = nSent;
-        ListAppend(&pPlayer->out.Outq, pBlock);
+        BlockListAppend(&pPlayer->out.Outq, pBlock);
         pPlayer->tracks[packet.nTrack].nNextSeq++;
         auto *p = reinterpret_cast<char *>(BlockData(pBlock));
         return {p + nSent, p + pBlock->len};

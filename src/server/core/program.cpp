@@ -34,7 +34,8 @@ Program *ProgramNew(const char *szPath, const ProgramOps *pOps)
     ListInit(&pProg->players, pProg);
     ListUsedDefMap(&pProg->players, 1);  // a session's second node
     ListDataProc(&pProg->players, nullptr, ComparePlayers);
-    BlockListInit(&pProg->cache.Pktq, pProg);
+    BlockListInit(&pProg->cache.Pktq, &pProg->cache.held);
+    pProg->cache.held.pTotal = &g_server.nCachedBytes;
     pProg->tBorn = ClockUptime();
     pProg->nBornMs = ClockMs();
     pProg->cache.nCacheLimit = g_settings.nCacheSeconds * 1000;
@@ -104,6 +105,7 @@ void ProgramAttach(Session *pSession, Program *pProg)
     if (pSession->pProg == pProg)
         return;
     ProgramDetach(pSession);
+    SessionForgetViewer(pSession);
     pProg->nRefs++;
     pSession->pProg = pProg;
     if (pProg->pPusher != pSession)
@@ -115,12 +117,15 @@ void ProgramDetach(Session *pSession)
     Program *pProg = pSession->pProg;
     if (!pProg)
         return;
+    SessionForgetViewer(pSession);
     pSession->pProg = nullptr;
     if (pProg->pPusher == pSession) {
         pProg->pPusher = nullptr;
         RemoveName(pProg);
         pProg->pOps->pfnStop(pProg);  // players may stay on, but nothing more comes
     } else {
+        if (pProg->flush.pNext == pSession)
+            pProg->flush.pNext = NextPlayer(pSession);
         ListRemove(&pProg->players, pSession, 0);
     }
     pProg->nRefs--;

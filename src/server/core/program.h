@@ -67,6 +67,7 @@ struct Description {
 // The packets that a player starts with.
 struct PacketCache {
     List Pktq;                          // DataBlocks, owned
+    BlockSum held;                      // what they come to
     DataBlock *pCacheCursor = nullptr;  // a block in Pktq, or null
     uint32_t nCacheLimit = 0;           // ms of media that are kept
     uint32_t nKeptKeys = 0;             // retained key frames before the cursor
@@ -87,6 +88,13 @@ struct ProgramSleep {
     int bSleeping = 0;
 };
 
+// A flush of the players that takes several tasks.
+struct PlayerFlush {
+    Session *pNext = nullptr;  // where it goes on: one of players; null when none is under way
+    int bTask = 0;             // the task that goes on with it is scheduled
+    int bAgain = 0;            // more was queued meanwhile: from the first on once more
+};
+
 struct Program {
     ListNode node;  // first: the program list maps an item to itself
     const ProgramOps *pOps = nullptr;
@@ -98,11 +106,13 @@ struct Program {
     uint32_t nBornMs = 0;         // ClockMs() then
     List players;                 // attached sessions that are not the pusher, in order of creation
     Session *pPusher = nullptr;   // not owned; null once the pusher has gone, and for recordings
+    char szAnnouncer[64] = "";    // AnnounceAuth: the user who announced it
     ZMFReader *reader = nullptr;  // of a recording; null for live
     ZMFWriter *recorders[kMaxRecorders] = {};
     int nRecorders = 0;
     Description desc;
     PacketCache cache;
+    PlayerFlush flush;
     KeyWatch keyWatch;  // what the key-frame test remembers of the video track
     CameraText camera;
     ProgramSleep sleep;
@@ -156,8 +166,15 @@ Program *ProgramFind(const char *szPath);
 Program *ProgramFindWithSubstream(const char *szPath);
 
 // Attaches a session: it holds the program and counts in nRefs; detaching lets go, and the last one ends it.
+// Either way it is nobody afterwards (SessionForgetViewer), unless it held the program already.
 void ProgramAttach(Session *pSession, Program *pProg);
 void ProgramDetach(Session *pSession);
+
+// Whether the session is the pusher of the program that it holds.
+inline int FeedsProgram(const Session *pSession)
+{
+    return pSession->pProg && pSession->pProg->pPusher == pSession;
+}
 
 // Empties the cache and forgets its cursor and counts.
 void ProgramClearCache(Program *pProg);

@@ -76,7 +76,7 @@ Session *CreateSession(Port *pPort)
     Session *pSession = NewSession();
     if (!pSession)
         return nullptr;
-    BlockListInit(&pSession->out.Outq, pSession);
+    BlockListInit(&pSession->out.Outq, &pSession->out.queued);
     pSession->nHandle = NextHandle();
     pSession->peer.tLastActivity = pSession->peer.tLastRequest = ClockUptime();
     pSession->peer.tStart = static_cast<uint32_t>(time(nullptr));
@@ -174,6 +174,26 @@ void SessionEndPlayers(Session *pSession)
     print("StopProgramAssociatedSessions().\r\n");
     while (Session *pPlayer = FirstPlayer(pProg))
         EndOne(pPlayer);
+}
+
+// Takes back what the session asked and the pusher of its program was not sent yet.
+static void TakeQuestionsBack(const Session *pSession)
+{
+    Session *pPusher = pSession->pProg ? pSession->pProg->pPusher : nullptr;
+    DataBlock *pNext;
+    for (auto *p = pPusher ? ListFirstOf<DataBlock>(&pPusher->out.Outq) : nullptr; p; p = pNext) {
+        pNext = NextBlock(p);
+        if ((p->nFlags & DB_QUESTION) && p->nSerial == pSession->nHandle && p->sent == 0)
+            BlockListFree(&pPusher->out.Outq, p);
+    }
+}
+
+void SessionForgetViewer(Session *pSession)
+{
+    TakeQuestionsBack(pSession);
+    pSession->questions.nOpen = 0;
+    pSession->viewer = SessionViewer();
+    pSession->nFlags &= ~SESSION_SUBSCRIBER;
 }
 
 void SessionEndAll()

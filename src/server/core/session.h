@@ -91,6 +91,7 @@ struct SessionFlow {
     uint32_t nStartBlocks = 0;   // media queued at once by a start; 0 when the queue has drained since
     uint32_t nStartBytes = 0;    // of them
     uint32_t nAfterStart = 0;    // bytes of media queued since
+    int64_t nStartHeld = 0;      // memory that those of a start take which still wait
     uint32_t nCatchUpMs = 0;     // media ms of it that may have left over UDP
     uint32_t nCatchUpClock = 0;  // ClockMs when that was last raised
     uint32_t tLastReport = 0;    // uptime in seconds of the last report cycle
@@ -105,21 +106,32 @@ struct SessionPlay {
     int bFinalReport = 0;      // a recording has ended, and the player is still to be told
 };
 
-// Who watches, by the accounts of the program that the session holds.
+// Who watches, by the accounts of the program that the session holds: goes with it (see SessionForgetViewer).
 struct SessionViewer {
     int nUserLevel = 3;  // 0 super user ... 3 nobody yet
     char szUser[64] = "";
-    int bAdmitted = 0;  // a DESCRIBE, QUICKPLAY or SUBSCRIBE of the program was answered 200
+    int bAdmitted = 0;    // a DESCRIBE, QUICKPLAY or SUBSCRIBE of the program was answered 200
+    int bChallenged = 0;  // StrictRoles: a password was asked for, of a program that may be there or not
 };
 
-// An answer that waits, because its address has shown too many wrong passwords. Until then the session reads
-// nothing more, so that what the peer sends on is handled in its order.
+// What this session has asked its program's pusher and was not answered: when, the oldest first (see
+// questions.h). Ends with the program held.
+constexpr uint32_t kMaxQuestions = 80;
+struct SessionQuestions {
+    uint32_t nOpen = 0;
+    uint32_t asked[kMaxQuestions] = {};  // ClockMs
+};
+
+// An answer that waits, because its address has shown too many wrong passwords, or because finding it takes
+// several steps. Until then the session reads nothing more, so that what the peer sends on is handled in its
+// order.
 struct SessionHold {
-    Port *pPort = nullptr;  // that the held request came on; null: none is held
-    uint32_t nCSeq = 0;     // the number of its reply
-    uint32_t nDelayMs = 0;  // that it is to wait
-    int bOver = 0;          // it has waited, and its handler runs again
-    int nFailures = 0;      // wrong passwords and tokens of this connection
+    const Port *pPort = nullptr;  // that the held request came on; null: none is held
+    uint32_t nCSeq = 0;           // the number of its reply
+    uint32_t nDelayMs = 0;        // that it is to wait
+    int bStep = 0;                // it waits for the next step only
+    int bOver = 0;                // it has waited for a wrong password, and its handler runs again
+    int nFailures = 0;            // wrong passwords and tokens of this connection
 };
 
 struct Session {
@@ -137,6 +149,7 @@ struct Session {
     SessionFlow flow;
     SessionPlay play;
     SessionViewer viewer;
+    SessionQuestions questions;
     SessionHold hold;
     int bEnded = 0;  // by SessionEnd: in no list, without ports and program
     Retired retired;
@@ -176,6 +189,11 @@ void SessionEnd(Session *pSession);
 // Ends every player of a pusher's program; does nothing for any other session.
 void SessionEndPlayers(Session *pSession);
 
+// What the accounts of one program allowed does not count at another: level, name, admission, subscription
+// and the questions that still wait for its pusher go. Called whenever a session changes or lets go of its
+// program.
+void SessionForgetViewer(Session *pSession);
+
 // Ends every session, in order of creation. When the server stops: main thread, no other one runs any more.
 void SessionEndAll();
 
@@ -190,6 +208,14 @@ Port *SessionPeerPort(const Session *pSession);   // the peer's: that of request
 Port *SessionReplyPort(const Session *pSession);  // of what waits in the queue, other than datagrams
 Port *SessionControlPort(
     const Session *pSession);  // of requests to the peer; never the half that only it writes
+
+// The request at hand takes another step: its handler runs once more behind what else is due.
+inline Verdict SessionNextStep(Session *pSession)
+{
+    pSession->hold.bStep = 1;
+    pSession->hold.nDelayMs = 1;
+    return Verdict::Later;
+}
 
 // The peer of the session's control connection as "a.b.c.d:port"; szOut takes kAddrTextSize bytes.
 void SessionRemoteText(const Session *pSession, char *szOut);

@@ -62,6 +62,11 @@ struct Settings {
     uint32_t nMaxRelayPeersPerAddress = 0;
 };
 
+constexpr int64_t Megabytes(uint32_t n)  // in bytes
+{
+    return int64_t{n} * 1024 * 1024;
+}
+
 // Written by ServerStart and ServerStop on the main thread, while nothing else runs.
 extern Settings g_settings;
 

@@ -6,6 +6,8 @@
 #include "base/bytes.h"
 #include "base/console.h"
 #include "runtime/clock.h"
+#include "runtime/slice.h"
+#include "runtime/taskwatch.h"
 #include "server/core/program.h"
 #include "server/media/ingest.h"
 #include "server/media/replies.h"
@@ -22,6 +24,7 @@
 #include "server/methods/quickplay.h"
 #include "server/methods/recordex.h"
 #include "server/methods/register.h"
+#include "server/methods/roles.h"
 #include "server/methods/setup.h"
 #include "server/methods/subscribe.h"
 #include "server/methods/tunnel.h"
@@ -50,6 +53,7 @@ using MethodProc = Verdict (*)(Session *pSession, Port *pPort, Request *pRequest
 struct MethodEntry {
     const char *szName;  // compared without regard to case; the first match wins
     MethodProc pfnHandle;
+    Role eRole = Role::Anybody;  // what StrictRoles wants of who asks
 };
 
 static const MethodEntry g_methods[] = {
@@ -65,25 +69,30 @@ static const MethodEntry g_methods[] = {
     {"OPTIONS", HandleOptions},
     {"SET_PARAMETER", HandleSetParameter},
     {"GETPLAYLIST", HandleGetPlayList},
-    {"CAMCONTROL", HandleCamControl},
-    {"PUTVOICE", HandlePutVoice},
+    {"CAMCONTROL", HandleCamControl, Role::Viewer},
+    {"PUTVOICE", HandlePutVoice, Role::Viewer},
     {"PUTCAMCFG", HandlePutCamCfg},
-    {"GETCAMINFO", HandleGetCamInfo},
-    {"RECORDEX", HandleRecordEx},
+    {"GETCAMINFO", HandleGetCamInfo, Role::Viewer},
+    {"RECORDEX", HandleRecordEx, Role::Recorder},
     {"RESPOND", HandleRespond},
     {"GETCFGDIRECT", HandleGetCfgDirect},
     {"SETCFGDIRECT", HandleSetCfgDirect},
-    {"REGISTER", HandleRegister},
+    {"REGISTER", HandleRegister, Role::Neighbour},
     {"SUBSCRIBE", HandleSubscribe},
-    {"GETWIFIROUTERS", HandleGetWifiRouters},
+    {"GETWIFIROUTERS", HandleGetWifiRouters, Role::Neighbour},
     {"RECORD", HandleRecord},
 };
 
 static Verdict Dispatch(Session *pSession, Port *pPort, Request *pRequest)
 {
-    for (const MethodEntry &method : g_methods)
-        if (strcasecmp(method.szName, RequestMethod(pRequest)) == 0)
-            return method.pfnHandle(pSession, pPort, pRequest);
+    for (const MethodEntry &method : g_methods) {
+        if (strcasecmp(method.szName, RequestMethod(pRequest)) != 0)
+            continue;
+        WatchNote(method.szName);
+        Verdict eRefusal = Verdict::Keep;
+        return RoleMay(method.eRole, pSession, pPort, &eRefusal) ? method.pfnHandle(pSession, pPort, pRequest)
+                                                                 : eRefusal;
+    }
     return HandleUnknown(pSession, pPort, pRequest);
 }
 
@@ -207,26 +216,28 @@ static Step RunHandler(Session *pSession, Port *pPort, uint32_t *pAt);
 // The wait of an answer is over: its request is handled once more, then what the peer has sent since.
 static int OnHoldOver(Task *pTask, uint32_t, uint32_t, uint32_t)
 {
-    Session *pSession = SessionOfTask(pTask);
-    Port *pPort = pSession ? pSession->hold.pPort : nullptr;
-    if (!pPort)
+    Port *pPort = PortOfTask(pTask);
+    Session *pSession = pPort ? FindSession(pPort->fd) : nullptr;
+    if (!pSession || pSession->hold.pPort != pPort)
         return -1;
     pSession->hold.pPort = nullptr;
     pSession->nCSeq = pSession->hold.nCSeq;
-    pSession->hold.bOver = 1;
+    pSession->hold.bOver |= !pSession->hold.bStep;
+    pSession->hold.bStep = 0;
     uint32_t nAt = 0;
     Step step = RunHandler(pSession, pPort, &nAt);
-    pSession->hold.bOver = 0;
+    if (!pSession->hold.pPort)
+        pSession->hold.bOver = 0;
     if (step != Step::Gone)
         PortPostEvent(pPort, EVENT_POSTED_INPUT, 0);
     return -1;
 }
 
-static Step HoldRequest(Session *pSession, Port *pPort, uint32_t nCSeq)
+static Step HoldRequest(Session *pSession, const Port *pPort, uint32_t nCSeq)
 {
     pSession->hold.pPort = pPort;
     pSession->hold.nCSeq = nCSeq;
-    SessionSchedule(pSession, OnHoldOver, pSession->hold.nDelayMs);
+    PortSchedule(pPort, OnHoldOver, pSession->hold.nDelayMs);
     return Step::Wait;
 }
 
@@ -237,6 +248,7 @@ static Step RunHandler(Session *pSession, Port *pPort, uint32_t *pAt)
     int bPost = strcasecmp(RequestMethod(&pPort->request), "POST") == 0;
     uint32_t nCSeq = pSession->nCSeq;
     Verdict eVerdict = Dispatch(pSession, pPort, &pPort->request);
+    WatchNote("between requests");
     if (eVerdict == Verdict::Later && !pSession->bEnded)
         return HoldRequest(pSession, pPort, nCSeq);
     RequestReset(&pPort->request);
@@ -286,12 +298,19 @@ static void ForgetOtherPort(const Session *pSession, const Port *pPort)
             RequestReset(&pOther->request);
 }
 
+// What a step has cost: a frame goes to every player, and a request may do anything.
+static uint32_t WorkOf(const Session *pSession, int bFrame)
+{
+    return !bFrame ? kSliceLook : pSession->pProg ? 2 + ListCount(&pSession->pProg->players) : 1;
+}
+
 int HandleInput(Session *pSession, Port *pPort)
 {
     if (pSession->hold.pPort)
         return 1;
     uint32_t nAt = 0;
     int nMessages = 0;
+    Slice slice = SliceBegin();
     ForgetOtherPort(pSession, pPort);
     while (nAt < pSession->input.nLen) {
         if (nMessages == kMessagesPerCall) {
@@ -305,6 +324,10 @@ int HandleInput(Session *pSession, Port *pPort)
             return 0;
         if (step == Step::Wait)
             break;
+        if (SliceOver(&slice, WorkOf(pSession, bFrame)) && nAt < pSession->input.nLen) {
+            PortReadLater(pPort);
+            break;
+        }
     }
     pSession->input.nLen -= nAt;
     if (pSession->input.nLen == pSession->input.nTotal - 1) {

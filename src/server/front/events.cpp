@@ -8,6 +8,7 @@
 #include "base/assertion.h"
 #include "base/console.h"
 #include "runtime/clock.h"
+#include "runtime/slice.h"
 #include "runtime/sockutil.h"
 #include "server/core/program.h"
 #include "server/core/registry.h"
@@ -250,8 +251,9 @@ static int MayBeSilent(const Session *pSession)
 // other half of a tunnel is there.
 static int MayNotRead(const Session *pSession, const Port *pPort)
 {
-    return (pPort->nFlags & PORT_MORE_WAITS) || (pSession->nFlags & SESSION_TUNNEL_POST) ||
-           pSession->hold.pPort;
+    if (pPort->nFlags & PORT_MORE_WAITS)
+        return 1;
+    return pPort->nType == PORT_TCP && ((pSession->nFlags & SESSION_TUNNEL_POST) || pSession->hold.pPort);
 }
 
 static int ReadTcp(Session *pSession, Port *pPort)
@@ -260,12 +262,13 @@ static int ReadTcp(Session *pSession, Port *pPort)
     char *pRaw = nullptr;
     ssize_t n;
     size_t nRead = 0;
+    Slice slice = SliceBegin();
     while ((n = Receive(pSession, pPort, text, sizeof(text), &pRaw)) > 0) {
         if (!TakeInput(pSession, pPort, pRaw, static_cast<size_t>(n)))
             return 0;
         FlushAfterRead(pSession);
         nRead += static_cast<size_t>(n);
-        if (nRead >= kBytesPerEvent)
+        if (nRead >= kBytesPerEvent || SliceOver(&slice, kSliceLook))
             PortReadLater(pPort);
         if (MayNotRead(pSession, pPort))
             return 0;
@@ -323,15 +326,24 @@ static void OnPostedInput(int fd)
         OnRead(fd);
 }
 
+// Goes on with what the buffer holds, or else with the socket: both in one task would take too long.
 static void OnMoreInput(int fd, Port *pPort)
 {
     if (!pPort)
         return;
     pPort->nFlags &= static_cast<uint16_t>(~PORT_MORE_WAITS);
-    if (pPort->nType == PORT_UDP)
-        OnRead(fd);
-    else
-        OnPostedInput(fd);
+    Session *pSession = FindSession(fd);
+    if (pSession && pPort->nType == PORT_TCP && !(pSession->nFlags & SESSION_TUNNEL_POST)) {
+        uint32_t nHeld = pSession->input.nLen;
+        if (nHeld > 0 && !HandleInput(pSession, pPort))
+            return;
+        if (pSession->input.nLen < nHeld) {
+            FlushAfterRead(pSession);
+            PortReadLater(pPort);
+            return;
+        }
+    }
+    OnRead(fd);
 }
 
 // pPort may be null: of the events of one wake-up, an earlier one can have closed it.

@@ -25,7 +25,7 @@ static void FreeUncached(Program *pProg, DataBlock *pFrom, const DataBlock *pUnt
 {
     while (pFrom != pUntil) {
         DataBlock *pNext = NextBlock(pFrom);
-        ListRemove(&pProg->cache.Pktq, pFrom, 1);
+        BlockListFree(&pProg->cache.Pktq, pFrom);
         pFrom = pNext;
     }
 }
@@ -74,7 +74,7 @@ static void KeepKeyFrames(Program *pProg, DataBlock *pFrom, DataBlock *pKey)
             nKeptTime = pFrom->nTimestamp;
             pProg->cache.nKeptKeys++;
         } else if (!bVideo || !bKept || pFrom->nTimestamp != nKeptTime) {
-            ListRemove(&pProg->cache.Pktq, pFrom, 1);
+            BlockListFree(&pProg->cache.Pktq, pFrom);
         }
         pFrom = pNext;
     }
@@ -134,8 +134,61 @@ void CacheTrim(Program *pProg, uint32_t nNow)
     LimitKeptKeys(pProg);
 }
 
+static int StartsGroup(const DataBlock *pBlock)
+{
+    return (pBlock->nFlags & DB_KEY) != 0;
+}
+
+// Frees the first block. What lies before the cursor are kept key frames; without a cursor the next trim
+// begins with the first block that is there.
+static void FreeFirst(PacketCache *pCache)
+{
+    auto *pFirst = ListFirstOf<DataBlock>(&pCache->Pktq);
+    if (pFirst == pCache->pCacheCursor)
+        pCache->pCacheCursor = nullptr;
+    else if (pCache->pCacheCursor && StartsGroup(pFirst))
+        pCache->nKeptKeys--;
+    BlockListFree(&pCache->Pktq, pFirst);
+}
+
+// Frees the oldest group; of the last one its oldest packet. The cache holds more than one.
+static void FreeOldest(PacketCache *pCache)
+{
+    auto *pFirst = ListFirstOf<DataBlock>(&pCache->Pktq);
+    int bGroup = pCache->held.nKeys > (StartsGroup(pFirst) ? 1U : 0U);
+    do
+        FreeFirst(pCache);
+    while (bGroup && !StartsGroup(ListFirstOf<DataBlock>(&pCache->Pktq)));
+}
+
+// The program whose cache takes most, of those that have something to give; null when there is none.
+static Program *LargestCache()
+{
+    Program *pMost = nullptr;
+    for (Program *p = FirstProgram(); p; p = NextProgram(p))
+        if (ListCount(&p->cache.Pktq) > 1 && (!pMost || p->cache.held.nBytes > pMost->cache.held.nBytes))
+            pMost = p;
+    return pMost;
+}
+
+void CacheBound(Program *pProg)
+{
+    int64_t nMost = Megabytes(g_settings.nCacheMegabytes);
+    while (nMost && pProg->cache.held.nBytes > nMost && ListCount(&pProg->cache.Pktq) > 1)
+        FreeOldest(&pProg->cache);
+    int64_t nMostTotal = Megabytes(g_settings.nCacheMegabytesTotal);
+    while (nMostTotal && g_server.nCachedBytes > nMostTotal) {
+        Program *pMost = LargestCache();
+        if (!pMost)
+            return;
+        FreeOldest(&pMost->cache);
+    }
+}
+
 DataBlock *CacheLastKey(const Program *pProg)
 {
+    if (pProg->cache.held.nKeys == 0)
+        return nullptr;
     auto *p = LastBlock(pProg);
     while (p && (p->nFlags & (DB_VIDEO | DB_KEY)) != (DB_VIDEO | DB_KEY))
         p = PrevBlock(p);

@@ -9,6 +9,11 @@ namespace orx {
 // Frees what the cache need not keep, now that a packet of nNow (media ms) is its newest.
 void CacheTrim(Program *pProg, uint32_t nNow);
 
+// Frees the oldest groups, each up to the next key frame, until the program keeps at most CacheMegabytes and
+// all together CacheMegabytesTotal, to which the program with most gives. Of the last group the oldest
+// packets go; the newest packet of a program always stays.
+void CacheBound(Program *pProg);
+
 // The start of the newest key frame, or null.
 DataBlock *CacheLastKey(const Program *pProg);
 

@@ -6,6 +6,7 @@
 #include "base/bytes.h"
 #include "base/console.h"
 #include "runtime/clock.h"
+#include "runtime/slice.h"
 #include "server/core/settings.h"
 #include "server/media/cache.h"
 #include "server/media/outqueue.h"
@@ -15,10 +16,18 @@
 
 namespace orx {
 
-// Sends what waits, and a report when one is due. Returns 0 when that failed, or left more than nMost blocks.
+static constexpr uint32_t kFlushWork =
+    32;  // of a slice, for one player: eight times the clock is not looked at
+
+// Sends what waits, and a report when one is due. Returns 0 when that failed, or left more than nMost blocks,
+// or more bytes than a queue may hold of a player that nothing is dropped for.
 static int Flush(Session *pSession, unsigned nMost)
 {
-    if (!SendDataEx(pSession, nullptr, 1) || ListCount(&pSession->out.Outq) > nMost)
+    if (!SendDataEx(pSession, nullptr, 1))
+        return 0;
+    if (QueueIsFull(pSession) && !QueueRelieve(pSession))
+        return 0;
+    if (ListCount(&pSession->out.Outq) > nMost)
         return 0;
     if (pSession->nFlags & SESSION_RTCP)
         SendRtcpReport(pSession);
@@ -32,7 +41,7 @@ static int PushPacket2SessionQueue(Session *pSession, const DataBlock *pBlock)
         return 1;
     pSession->flow.nAfterStart += pBlock->len;
     unsigned nItems = ListCount(&pSession->out.Outq);
-    if (nItems <= kFlushAtOnceAbove)
+    if (nItems <= kFlushAtOnceAbove && !QueueIsFull(pSession))
         return 1;
     print("PushPacket2SessionQueue(): session->Outq.nItems=%u\r\n", nItems);
     if (Flush(pSession, kGiveUpAbove + pSession->flow.nStartBlocks))
@@ -83,7 +92,7 @@ static void LearnSsrc(Program *pProg, const DataBlock *pBlock)
 
 void CachePacketEx(Program *pProg, DataBlock *pBlock)
 {
-    int bRet = ListAppend(&pProg->cache.Pktq, pBlock);
+    int bRet = BlockListAppend(&pProg->cache.Pktq, pBlock);
     ORX_ASSERT(bRet, "bRet");
     pBlock->nSerial = pProg->cache.nSerial;
     FanOut(pProg, pBlock);
@@ -91,6 +100,7 @@ void CachePacketEx(Program *pProg, DataBlock *pBlock)
     RecordersWrite(pProg, pBlock);
     pProg->cache.nSerial++;
     CacheTrim(pProg, pBlock->nTimestamp);
+    CacheBound(pProg);
 }
 
 static void PrintCounts(const Program *pProg, const Session *pSession)
@@ -113,27 +123,64 @@ int FillBufferAtFirstPlay(Session *pSession)
     }
     uint32_t nQueued = 0;
     uint32_t nBytes = 0;
+    int64_t nBefore = pSession->out.queued.nBytes;
     for (; p; p = NextBlock(p)) {
         if (QueueCopy(pSession, p) < 0)
             continue;
         nQueued++;
         nBytes += p->len;
     }
+    pSession->flow.nStartHeld = pSession->out.queued.nBytes - nBefore;
     PrintCounts(pProg, pSession);
     SendStartBurst(pSession, nQueued, nBytes);
     return nQueued > 0;
 }
 
-void FlushPlayers(Program *pProg)
+// Flushes players for a slice of time.
+static void FlushSlice(Program *pProg)
 {
-    Session *pNext;
-    for (Session *p = FirstPlayer(pProg); p; p = pNext) {
-        pNext = NextPlayer(p);
+    PlayerFlush *pFlush = &pProg->flush;
+    Slice slice = SliceBegin();
+    int bOver = 0;
+    while (pFlush->pNext && !bOver) {
+        Session *p = pFlush->pNext;
+        pFlush->pNext = NextPlayer(p);
         if (p->nState != STATE_PLAYING || ListCount(&p->out.Outq) <= kFlushAfterReadAbove)
             continue;
         if (!Flush(p, UINT32_MAX))  // nothing was queued: how much waits was looked at when it was
             SessionEnd(p);
+        bOver = SliceOver(&slice, kFlushWork);
     }
+}
+
+// The next slice of a flush, in a task of its own, so that others come between.
+static int OnFlushOn(Task *pTask, uint32_t, uint32_t, uint32_t)
+{
+    Session *pPusher = SessionOfTask(pTask);
+    Program *pProg = pPusher ? pPusher->pProg : nullptr;
+    if (!pProg || pProg->pPusher != pPusher)
+        return -1;
+    PlayerFlush *pFlush = &pProg->flush;
+    FlushSlice(pProg);
+    if (!pFlush->pNext && pFlush->bAgain) {
+        pFlush->pNext = FirstPlayer(pProg);
+        pFlush->bAgain = 0;
+    }
+    pFlush->bTask = pFlush->pNext != nullptr;
+    return pFlush->bTask ? 1 : -1;
+}
+
+void FlushPlayers(Program *pProg)
+{
+    PlayerFlush *pFlush = &pProg->flush;
+    pFlush->bAgain = pFlush->bTask;
+    if (pFlush->bTask)
+        return;
+    pFlush->pNext = FirstPlayer(pProg);
+    FlushSlice(pProg);
+    pFlush->bTask = pFlush->pNext && pProg->pPusher;
+    if (pFlush->bTask)
+        SessionSchedule(pProg->pPusher, OnFlushOn, 1);
 }
 
 }  // namespace orx

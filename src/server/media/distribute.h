@@ -14,7 +14,8 @@ void CachePacketEx(Program *pProg, DataBlock *pBlock);
 // the session has no program, else 0.
 int FillBufferAtFirstPlay(Session *pSession);
 
-// Sends what waits for the playing clients of a program that have more than a few blocks. May end players.
+// Sends what waits for the playing clients of a program that have more than a few blocks, in their order;
+// those that some milliseconds do not suffice for follow in tasks of their own. May end players.
 void FlushPlayers(Program *pProg);
 
 }  // namespace orx

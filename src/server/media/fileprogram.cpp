@@ -5,6 +5,7 @@
 
 #include "base/console.h"
 #include "base/textbuf.h"
+#include "record/recordwalk.h"
 #include "record/storage.h"
 #include "record/zmfreader.h"
 #include "server/core/sdp.h"
@@ -35,21 +36,26 @@ uint32_t FileProgramDuration(const Program *pProg)
 
 int FileProgramSeek(Program *pProg, uint32_t nMs, uint32_t *pReached)
 {
-    return pProg->reader && ZMFReaderSeek(pProg->reader, nMs, pReached) != nullptr;
+    int bMore = 0;
+    if (!pProg->reader)
+        return 0;
+    const uint8_t *pRecord = ZMFReaderSeekStep(pProg->reader, nMs, kStepWork, pReached, &bMore);
+    return bMore ? -1 : pRecord != nullptr;
 }
 
 // Opens the recording of a program whose Uri is set and reads its description. Returns 1 or 0.
-static int OpenReader(Program *pProg, const char *szFile)
+static int OpenReader(Program *pProg, const char *szFile, int *pbMore)
 {
-    pProg->reader = ZMFReaderOpen(szFile, kReadBuffer);
+    pProg->reader = ZMFReaderOpenStep(szFile, kReadBuffer, kStepWork, pbMore);
     if (!pProg->reader)
         return 0;
     const char *szSdp = FileSdp(pProg);
     return szSdp && SdpParse(&pProg->desc, szSdp, 0, FileProgramDuration(pProg));
 }
 
-Program *CreateFileProgram(const char *szPath)
+Program *CreateFileProgram(const char *szPath, int *pbMore)
 {
+    *pbMore = 0;
     if (!g_settings.bFilePrograms || !g_settings.szRecordPath || !*g_settings.szRecordPath ||
         !StorageIsInside(szPath))
         return nullptr;
@@ -60,7 +66,7 @@ Program *CreateFileProgram(const char *szPath)
     Program *pProg = ProgramNew(szPath, &g_fileOps);
     if (!pProg)
         return nullptr;
-    if (!OpenReader(pProg, file) || !ProgramReady(pProg)) {
+    if (!OpenReader(pProg, file, pbMore) || !ProgramReady(pProg)) {
         ProgramDiscard(pProg);
         return nullptr;
     }

@@ -8,13 +8,14 @@
 namespace orx {
 
 // Makes a file program for a recording, or returns null (not allowed, no such file, no usable description).
-Program *CreateFileProgram(const char *szPath);
+// Null with *pbMore 1: looking a long one through takes another step, call again.
+Program *CreateFileProgram(const char *szPath, int *pbMore);
 
 // The length of the recording in ms; 0 when it is not known, and for a live program.
 uint32_t FileProgramDuration(const Program *pProg);
 
 // Moves the reader to nMs. Returns 1 with the position reached in *pReached (ms), or 0 with the reader where
-// it was.
+// it was; -1 when it takes another step: call again with the same nMs.
 int FileProgramSeek(Program *pProg, uint32_t nMs, uint32_t *pReached);
 
 }  // namespace orx

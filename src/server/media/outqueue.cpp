@@ -1,5 +1,7 @@
 #include "server/media/outqueue.h"
 
+#include <algorithm>
+
 #include "base/console.h"
 #include "server/core/program.h"
 
@@ -20,26 +22,35 @@ int QueueCopy(Session *pSession, const DataBlock *pBlock)
         return -1;
     }
     pCopy->nTimestamp = pBlock->nTimestamp;
-    ListAppend(&pSession->out.Outq, pCopy);
+    BlockListAppend(&pSession->out.Outq, pCopy);
     return nTrack;
 }
 
 void QueueBefore(Session *pSession, DataBlock *pBlock, DataBlock *pBefore)
 {
     if (pBefore)
-        ListInsert(&pSession->out.Outq, pBlock, pBefore, pBefore->sent > 0);
+        BlockListInsert(&pSession->out.Outq, pBlock, pBefore, pBefore->sent > 0);
     else
-        ListAppend(&pSession->out.Outq, pBlock);
+        BlockListAppend(&pSession->out.Outq, pBlock);
+}
+
+int QueueRelieve(Session *pSession)
+{
+    SessionFlow *pFlow = &pSession->flow;
+    if (!g_settings.bAutoDrop || !pSession->pProg || !pSession->pProg->bLive)
+        return 0;
+    pFlow->nBlockedSends = std::max(pFlow->nBlockedSends, kBlockedSends);
+    QueueDropCrowded(pSession);
+    print("Player Client(socket=0x%x) has a full queue, its media is dropped!\r\n",
+          SessionPeerPort(pSession)->fd);
+    return !QueueIsFull(pSession);
 }
 
 int RepliesPileUp(const Session *pSession)
 {
-    if (ListCount(&pSession->out.Outq) <= kRepliesAbove)
-        return 0;
-    uint32_t nReplies = 0;
-    for (auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq); p; p = NextBlock(p))
-        nReplies += !(p->nFlags & DB_MEDIA);
-    return nReplies > kRepliesAbove;
+    const BlockSum *pQueued = &pSession->out.queued;
+    int64_t nMost = Megabytes(g_settings.nCacheMegabytes);
+    return pQueued->nOthers > kRepliesAbove || (nMost && pQueued->nOtherBytes > nMost);
 }
 
 // Whoever plays a recording sees numbers without a hole across pauses and jumps (RFC 2326, appendix B), and
@@ -61,10 +72,11 @@ static void DropWaiting(Session *pSession, uint32_t nFlags)
         DataBlock *pNext = NextBlock(p);
         if (p->sent == 0 && (p->nFlags & nFlags) == nFlags) {
             GiveNumberBack(pSession, p);
-            ListRemove(&pSession->out.Outq, p, 1);
+            BlockListFree(&pSession->out.Outq, p);
         }
         p = pNext;
     }
+    pSession->flow.nStartHeld = 0;
 }
 
 void QueueDropAll(Session *pSession)
@@ -81,7 +93,7 @@ void QueueDropCrowded(Session *pSession)
 {
     auto *pHead = ListFirstOf<DataBlock>(&pSession->out.Outq);
     if (pHead && pHead->sent == 0)
-        ListRemove(&pSession->out.Outq, pHead, 1);
+        BlockListFree(&pSession->out.Outq, pHead);
     QueueDropMedia(pSession);
 }
 

@@ -4,17 +4,20 @@
 
 #include "base/datablock.h"
 #include "server/core/session.h"
+#include "server/core/settings.h"
 
 namespace orx {
 
 // A queue leaves, through SendDataEx,
 // - after a read of the pusher that is an odd one in number, when more than kFlushAfterReadAbove wait
 //   (FlushPlayers),
-// - with a packet that finds more than kFlushAtOnceAbove (CachePacketEx),
+// - with a packet that finds more than kFlushAtOnceAbove, or the queue full (CachePacketEx),
 // - with every reply (SendReply2),
 // - by a timer: what a full socket left after 200 ms (OnSessionDelaySendTimer), a start over UDP every 20 ms
 //   (OnCatchUpTimer), a recording every 200 ms (OnFileSend).
-// The limits count blocks.
+// The limits count blocks. Full is a queue of more bytes than [GUARD] CacheMegabytes, without what a start
+// brought: a live player that is still full when its queue has left as far as it could is ended, as above
+// kGiveUpAbove, or loses the media that waits (AutoDropDataWhenCrowded).
 constexpr uint32_t kFlushAfterReadAbove = 5;  // about a picture's packets, so that small pictures gather
 constexpr uint32_t kFlushAtOnceAbove = 50;    // a key picture is longer than one read of the pusher
 constexpr uint32_t kGiveUpAbove = 1000;       // though flushed: some seconds of media; the player is ended
@@ -63,7 +66,17 @@ int QueueCopy(Session *pSession, const DataBlock *pBlock);
 // the stream stays whole. The queue owns it from here on.
 void QueueBefore(Session *pSession, DataBlock *pBlock, DataBlock *pBefore);
 
-// Whether a peer lets replies, or requests to it, wait without end because it does not read.
+// Whether more bytes wait than may, and what a live player loses for it. QueueRelieve returns 0 when nothing
+// may be dropped, or that did not help: the player is to be ended.
+inline int QueueIsFull(const Session *pSession)
+{
+    return g_settings.nCacheMegabytes &&
+           pSession->out.queued.nBytes - pSession->flow.nStartHeld > Megabytes(g_settings.nCacheMegabytes);
+}
+int QueueRelieve(Session *pSession);
+
+// Whether a peer lets replies, or the server's requests to it, wait without end because it does not read.
+// What players ask a pusher does not count: it is bounded by who asks, not at the cost of the pusher.
 int RepliesPileUp(const Session *pSession);
 
 // Drop what waits; of what is partly written the rest stays, so that the stream remains whole. Packets of a

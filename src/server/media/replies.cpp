@@ -103,7 +103,10 @@ int RequestSend(Message *pRequest, const void *pBody, size_t nBody, size_t nMost
     if (!pPort)
         return -1;
     pPeer->nCSeq++;
-    return SendReply(pPeer, pPort, pRequest->sz, pRequest->text.nLen) ? 1 : -1;
+    size_t nLen = pRequest->text.nLen;
+    int bSent = pRequest->nAsker ? SendQuestion(pPeer, pPort, pRequest->sz, nLen, pRequest->nAsker)
+                                 : SendReply(pPeer, pPort, pRequest->sz, nLen);
+    return bSent ? 1 : -1;
 }
 
 void MessageNoCache(Message *pMessage)

@@ -262,9 +262,9 @@ static void SendTrackReport(Session *pSession, int nTrack, int bBye, DataBlock *
     if (!pBlock)
         print("MakeDataBlock() failed!\r\n");
     else if (pAfter)
-        ListInsert(&pSession->out.Outq, pBlock, pAfter, 1);
+        BlockListInsert(&pSession->out.Outq, pBlock, pAfter, 1);
     else
-        ListAppend(&pSession->out.Outq, pBlock);
+        BlockListAppend(&pSession->out.Outq, pBlock);
 }
 
 static void SendFirstRtcpReport(Session *pSession, int nTrack, const uint8_t *pRtp, DataBlock *pAfter)

@@ -1,5 +1,6 @@
 #include "server/media/send.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include "base/assertion.h"
@@ -68,12 +69,13 @@ static void BlockDone(Session *pSession, DataBlock *pBlock)
 {
     if (pBlock->nFlags & DB_MEDIA) {
         pSession->play.nPlayPos = pBlock->nTimestamp;
+        pSession->flow.nStartHeld -= std::min(pSession->flow.nStartHeld, int64_t{BlockBytes(pBlock)});
         int nTrack = (pSession->nFlags & SESSION_RTCP) ? TrackOfBlock(pSession, pBlock) : -1;
         uint32_t nPrefix = pSession->out.bInterleaved ? kInterleaveBytes : 0;
         if (nTrack >= 0)
             RtcpNotePacketSent(pSession, nTrack, BlockData(pBlock) + nPrefix, pBlock->len - nPrefix, pBlock);
     }
-    ListRemove(&pSession->out.Outq, pBlock, 1);
+    BlockListFree(&pSession->out.Outq, pBlock);
 }
 
 static int OnSessionDelaySendTimer(Task *pTask, uint32_t, uint32_t, uint32_t)
@@ -214,6 +216,18 @@ int SendReply(Session *pSession, Port *pPort, const void *pText, size_t nLen)
     return SendReply2(pSession, pPort, pText, nLen, nullptr, 0, nullptr);
 }
 
+int SendQuestion(Session *pPusher, Port *pPort, const void *pText, size_t nLen, uint32_t nAsker)
+{
+    DataBlock *pBlock = MakeReplyBlock(pText, nLen);
+    if (!pBlock)
+        return 1;  // lost, as one that the pusher never answers
+    pBlock->nFlags |= DB_QUESTION;
+    pBlock->nSerial = nAsker;
+    pBlock->nTimestamp = ClockMs();
+    BlockListAppend(&pPusher->out.Outq, pBlock);
+    return SendDataEx(pPusher, ReplyPort(pPusher, pPort), 0);
+}
+
 int SendReply2(Session *pSession, Port *pPort, const void *pText, size_t nLen, const void *pBody,
                size_t nBody, DataBlock *pBefore)
 {
@@ -235,7 +249,7 @@ int SendReply2(Session *pSession, Port *pPort, const void *pText, size_t nLen, c
     }
     QueueBefore(pSession, pHead, pBefore ? pBefore : PaceFirstHeld(pSession));
     if (pTail)
-        ListInsert(&pSession->out.Outq, pTail, pHead, 1);
+        BlockListInsert(&pSession->out.Outq, pTail, pHead, 1);
     return SendDataEx(pSession, ReplyPort(pSession, pPort), 0);
 }
 

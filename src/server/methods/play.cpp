@@ -97,8 +97,9 @@ static void AddPlayLines(Message *pReply, const Request *pRequest, int bSequence
     TextAdd(&pReply->text, "\r\n");
 }
 
-// Moves a recording to where the request wants it and writes the reply.
-static void StartFile(Message *pReply, const Request *pRequest)
+// Moves a recording to where the request wants it and writes the reply. Returns 0 when the search takes
+// another step.
+static int StartFile(Message *pReply, const Request *pRequest)
 {
     Session *pSession = pReply->pSession;
     Program *pProg = pSession->pProg;
@@ -107,14 +108,19 @@ static void StartFile(Message *pReply, const Request *pRequest)
     uint32_t nEnd = range.nEnd < nDuration - 1000 ? range.nEnd : static_cast<uint32_t>(nDuration);
     uint32_t nReached = 0;
     uint32_t nPos = pSession->play.nPlayPos;
-    if (range.nStart && static_cast<uint32_t>(std::abs(ClockDiff(range.nStart, nPos))) > kSeekTolerance &&
-        FileProgramSeek(pProg, range.nStart, &nReached))
+    int nSought = 0;
+    if (range.nStart && static_cast<uint32_t>(std::abs(ClockDiff(range.nStart, nPos))) > kSeekTolerance)
+        nSought = FileProgramSeek(pProg, range.nStart, &nReached);
+    if (nSought < 0)
+        return 0;
+    if (nSought)
         Jump(pSession, nReached);
     nPos = pSession->play.nPlayStart = pSession->play.nPlayPos;
     ReplyBegin(pReply, STATUS_OK);
     TextAdd(&pReply->text, "Range: npt=%d.%03d-%d.%03d\r\n", static_cast<int>(nPos / 1000),
             static_cast<int>(nPos % 1000), static_cast<int>(nEnd / 1000), static_cast<int>(nEnd % 1000));
     AddPlayLines(pReply, pRequest, 1);
+    return 1;
 }
 
 // The media time of the first packet that a player is given, or that the program holds.
@@ -171,8 +177,8 @@ Verdict HandlePlay(Session *pSession, Port *pPort, Request *pRequest)
     DataBlock *pBefore = nullptr;
     if (bLive)
         pBefore = StartLive(&reply, pRequest);
-    else
-        StartFile(&reply, pRequest);
+    else if (!StartFile(&reply, pRequest))
+        return SessionNextStep(pSession);
     pSession->nState = STATE_PLAYING;
     if (MessageSendBefore(&reply, pBefore) == Verdict::End)
         return Verdict::End;

@@ -10,6 +10,7 @@
 
 #include "base/bytes.h"
 #include "runtime/clock.h"
+#include "server/media/cache.h"
 #include "server/media/send.h"
 #include "support/output.h"
 #include "support/playerkit.h"
@@ -132,6 +133,89 @@ TEST_F(CacheTest, WithoutKeysWholePicturesWithinTheSpanStay)
     EXPECT_LE(ListCount(&pProg->cache.Pktq), 126U) << "sound alone is bounded, too";
 }
 
+// A megabyte holds sixteen packets of this size, and at most once that much is kept. The oldest group goes
+// first; of a group that is longer by itself what is oldest, until the next one begins.
+TEST_F(CacheTest, ABoundInBytes)
+{
+    g_settings.nCacheMegabytes = 1;
+    int64_t nMost = 0;
+    auto push = [&](uint32_t nTime, int bKey) {
+        Push({nTime, 0, bKey, 1, 60000});
+        nMost = std::max(nMost, pProg->cache.held.nBytes);
+    };
+    for (uint32_t n = 0; n < 20; n++)
+        push(n, n % 5 == 0);
+    EXPECT_EQ("K5 v6 v7 v8 v9 K10 v11 v12 v13 v14 K15 v16 v17 v18 v19 ", Cached(100));
+    for (uint32_t n = 20; n < 60; n++)
+        push(n, 0);
+    EXPECT_EQ(43U, FirstTime());
+    EXPECT_EQ(nullptr, CacheLastKey(pProg)) << "a player begins with the next one";
+    push(60, 1);
+    EXPECT_EQ("K60 ", Cached(100));
+    EXPECT_LE(nMost, Megabytes(1) + 61000);
+    for (uint32_t n = 61; n < 200; n++)  // every picture a group, with old ones before the cursor
+        push(n * 1000, 1);
+    EXPECT_LE(nMost, Megabytes(1) + 61000);
+    EXPECT_EQ(17U, ListCount(&pProg->cache.Pktq));
+    g_settings.nCacheMegabytes = 0;
+}
+
+// Of all programs the one that keeps most gives, whoever the newest packet is for.
+TEST_F(PlayerQueueTest, ABoundInBytesForAllPrograms)
+{
+    Start("AutoDropDataWhenCrowded=1\n");
+    g_settings.nCacheMegabytesTotal = 1;
+    auto *pOther = ProgramNew("/other", &g_testOps);
+    pOther->nRefs = 1;
+    RunOnScheduler([&] {
+        ListAppend(&g_server.programs, pOther);
+        for (int i = 0; i < 12; i++)
+            CachePacketEx(pOther, MakePacket({0, 0, i % 4 == 0, 1, 60000}));
+    });
+    Push({0, 0, 1, 1, 60000}, 6);
+    EXPECT_EQ(8U, ListCount(&pOther->cache.Pktq)) << "its oldest group";
+    EXPECT_EQ(6U, ListCount(&pProg->cache.Pktq));
+    EXPECT_EQ(g_server.nCachedBytes, pProg->cache.held.nBytes + pOther->cache.held.nBytes);
+}
+
+// A queue holds a megabyte, and what a start brought besides; beyond that a player is ended or loses media.
+TEST_F(PlayerQueueTest, ABoundInBytesForAQueue)
+{
+    const struct {
+        const char *szSettings;
+        int bStart;
+        int64_t nMostBytes;
+        unsigned nSessions;
+    } cases[] = {
+        {"", 0, Megabytes(1), 0},
+        {"AutoDropDataWhenCrowded=1\n", 0, Megabytes(1), 1},
+        {"[INTEROP]\nStandardPlayers=1\n", 1, Megabytes(2), 0},
+    };
+    for (const auto &c : cases) {
+        TcpPair other;
+        std::swap(other.fdServer, pair.fdServer);
+        std::swap(other.fdPeer, pair.fdPeer);
+        Start(c.szSettings);
+        g_settings.nCacheMegabytes = 1;
+        RunOnScheduler([&] { pPlayer->nState = c.bStart ? STATE_SETUP : STATE_PLAYING; });
+        Push({0, 0, 1, 1, 60000});
+        Push({0, 0, 0, 1, 60000}, c.bStart ? 16 : 0);
+        RunOnScheduler([&] {
+            EXPECT_EQ(c.bStart, c.bStart && FillBufferAtFirstPlay(pPlayer));
+            pPlayer->nState = STATE_PLAYING;
+        });
+        int64_t nMost = 0;
+        for (int i = 0; i < 100 && ListCount(&g_server.sessions) > 0; i++) {
+            nMost = std::max(nMost, pPlayer->out.queued.nBytes);
+            Push({0, 0, 0, 1, 60000});
+        }
+        EXPECT_GT(nMost, c.nMostBytes - 130000) << c.szSettings;
+        EXPECT_LE(nMost, c.nMostBytes) << c.szSettings;
+        EXPECT_EQ(c.nSessions, ListCount(&g_server.sessions)) << c.szSettings;
+        core.reset();
+    }
+}
+
 TEST_F(PlayerQueueTest, GivesAPlayerUpAtAThousandAndOne)
 {
     Start();
@@ -144,6 +228,17 @@ TEST_F(PlayerQueueTest, GivesAPlayerUpAtAThousandAndOne)
     EXPECT_EQ(0U, ListCount(&g_server.sessions));
     EXPECT_EQ(1U, pProg->nRefs);
     Push({0, 0, 0, 1, 10});  // its program goes on
+}
+
+// A flush that goes on with a player who leaves meanwhile goes on with the next.
+TEST_F(PlayerQueueTest, AFlushOutlivesThePlayerItIsAt)
+{
+    Start();
+    RunOnScheduler([&] {
+        pProg->flush.pNext = pPlayer;
+        SessionEnd(pPlayer);
+        EXPECT_EQ(nullptr, pProg->flush.pNext);
+    });
 }
 
 // A start of 1500 packets: a player that has not taken it yet is not one that cannot keep up, and over UDP
@@ -193,7 +288,7 @@ TEST_F(PlayerQueueTest, CrowdedPlayerLosesMediaAndKeepsReplies)
     ASSERT_EQ(19U, pPlayer->flow.nBlockedSends);
     RunOnScheduler([&] {
         DataBlock *pReply = MakeDataBlock("reply", 5, 0, 0, 0);
-        ListInsert(&pPlayer->out.Outq, pReply, ListFirst(&pPlayer->out.Outq, 0), 1);
+        BlockListInsert(&pPlayer->out.Outq, pReply, ListFirstOf<DataBlock>(&pPlayer->out.Outq), 1);
     });
     ASSERT_GT(Waiting(), 50U);
     unsigned nPartial = ListFirstOf<DataBlock>(&pPlayer->out.Outq)->sent > 0;
@@ -240,7 +335,7 @@ TEST_F(RecordingQueueTest, RepliesKeepTheirOrder)
     RunOnScheduler([&] {
         pPlayer->play.nPlayPos = 5000000;
         Queue({5000040, 0});
-        ListAppend(&pPlayer->out.Outq, MakeDataBlock("one", 3, 0, 0, 0));
+        BlockListAppend(&pPlayer->out.Outq, MakeDataBlock("one", 3, 0, 0, 0));
         Queue({5000080, 0});
         EXPECT_EQ(1, SendReply(pPlayer, pPlayer->peer.Cmd, "two", 3));
         EXPECT_EQ(4U, Waiting());

@@ -1,0 +1,62 @@
+#include "record/recordwalk.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace orx {
+
+size_t ReadAt(int fd, uint64_t nPos, void *pOut, size_t nBytes)
+{
+    size_t nDone = 0;
+    while (nDone < nBytes) {
+        ssize_t n =
+            pread(fd, static_cast<uint8_t *>(pOut) + nDone, nBytes - nDone, static_cast<off_t>(nPos + nDone));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        nDone += static_cast<size_t>(n);
+    }
+    return nDone;
+}
+
+// Spends some of the step's work. Returns 0 when it is used up.
+static int Spend(RecordWalk *pWalk, uint32_t nWork)
+{
+    if (pWalk->nWork == kAllWork)
+        return 1;
+    if (pWalk->nWork == 0)
+        return 0;
+    pWalk->nWork -= nWork < pWalk->nWork ? nWork : pWalk->nWork;
+    return 1;
+}
+
+// Has the head of the next record in the chunk. Results of RecordWalkNext.
+static int Fill(RecordWalk *pWalk)
+{
+    uint64_t nEnd = pWalk->nNext + kZmfRecordHeadBytes;
+    if (pWalk->nNext >= pWalk->nChunkPos && nEnd <= pWalk->nChunkPos + pWalk->nChunk)
+        return 1;
+    if (!Spend(pWalk, kChunkWork))
+        return -1;
+    pWalk->nChunkPos = pWalk->nNext;
+    pWalk->nChunk =
+        static_cast<uint32_t>(ReadAt(pWalk->fd, pWalk->nNext, pWalk->chunk, sizeof(pWalk->chunk)));
+    return pWalk->nChunk >= kZmfRecordHeadBytes;
+}
+
+int RecordWalkNext(RecordWalk *pWalk, ZMFRecordHead *pHead)
+{
+    int nResult = Spend(pWalk, 1) ? Fill(pWalk) : -1;
+    if (nResult < 1)
+        return nResult;
+    ZMFRecordHeadDecode(pWalk->chunk + (pWalk->nNext - pWalk->nChunkPos), pHead);
+    if (pHead->nLength < kZmfRecordHeadBytes || pWalk->nNext + pHead->nLength > pWalk->nFileBytes)
+        return 0;
+    pWalk->nPos = pWalk->nNext;
+    pWalk->nNext += pHead->nLength;
+    return 1;
+}
+
+}  // namespace orx
