@@ -247,21 +247,23 @@ static int MayBeSilent(const Session *pSession)
     return (pSession->nFlags & SESSION_PUSHER) && pSession->pProg && pSession->pProg->sleep.bSleeping;
 }
 
-// What comes is left where it is: until the port's turn comes again, or until the other half of a tunnel
-// comes.
+// What comes is left where it is: until the port's turn comes again, an answer that waits has gone, or the
+// other half of a tunnel is there.
 static int MayNotRead(const Session *pSession, const Port *pPort)
 {
-    return (pPort->nFlags & PORT_MORE_WAITS) || (pSession->nFlags & SESSION_TUNNEL_POST);
+    if (pPort->nFlags & PORT_MORE_WAITS)
+        return 1;
+    return pPort->nType == PORT_TCP && ((pSession->nFlags & SESSION_TUNNEL_POST) || pSession->hold.pPort);
 }
 
 static int ReadTcp(Session *pSession, Port *pPort)
 {
     char text[2048];
     char *pRaw = nullptr;
-    ssize_t n = 0;
+    ssize_t n;
     size_t nRead = 0;
     Slice slice = SliceBegin();
-    while (!pSession->hold.pPort && (n = Receive(pSession, pPort, text, sizeof(text), &pRaw)) > 0) {
+    while ((n = Receive(pSession, pPort, text, sizeof(text), &pRaw)) > 0) {
         if (!TakeInput(pSession, pPort, pRaw, static_cast<size_t>(n)))
             return 0;
         FlushAfterRead(pSession);
@@ -271,8 +273,6 @@ static int ReadTcp(Session *pSession, Port *pPort)
         if (MayNotRead(pSession, pPort))
             return 0;
     }
-    if (pSession->hold.pPort)  // the rest is read when its answer has gone
-        return 0;
     int nError = errno;
     if (n == 0 || nError != EAGAIN)
         return CloseAfterRecv(pSession, pPort, static_cast<int>(n), n == 0 ? 0 : nError);
