@@ -117,6 +117,7 @@ void ProgramDetach(Session *pSession)
     if (!pProg)
         return;
     pSession->pProg = nullptr;
+    pSession->start.pNext = nullptr;
     if (pProg->pPusher == pSession) {
         pProg->pPusher = nullptr;
         RemoveName(pProg);
@@ -166,6 +167,7 @@ void ProgramClearCache(Program *pProg)
     ListEmpty(&pProg->cache.Pktq);
     pProg->cache.pCacheCursor = nullptr;
     pProg->cache.nKeptKeys = 0;
+    pProg->cache.nWhole = pProg->cache.nSerial;
 }
 
 const char *ProgramSdp(const Program *pProg)
