@@ -235,7 +235,7 @@ TEST_F(PlayerQueueTest, GivesAPlayerUpAtAThousandAndOne)
 TEST_F(PlayerQueueTest, ALongStartIsQueuedInParts)
 {
     Start("[INTEROP]\nStandardPlayers=1\n");
-    constexpr uint32_t kPackets = 40000;
+    constexpr uint32_t kPackets = 20000;
     uint32_t nNext = 0;
     auto push = [&](uint32_t n) {
         for (uint32_t nEnd = nNext + n; nNext < nEnd; nNext++)
