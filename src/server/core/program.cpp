@@ -119,6 +119,7 @@ void ProgramDetach(Session *pSession)
         return;
     SessionForgetViewer(pSession);
     pSession->pProg = nullptr;
+    pSession->start.pNext = nullptr;
     if (pProg->pPusher == pSession) {
         pProg->pPusher = nullptr;
         RemoveName(pProg);
@@ -168,6 +169,7 @@ void ProgramClearCache(Program *pProg)
     ListEmpty(&pProg->cache.Pktq);
     pProg->cache.pCacheCursor = nullptr;
     pProg->cache.nKeptKeys = 0;
+    pProg->cache.nWhole = pProg->cache.nSerial;
 }
 
 const char *ProgramSdp(const Program *pProg)

@@ -71,6 +71,7 @@ struct PacketCache {
     DataBlock *pCacheCursor = nullptr;  // a block in Pktq, or null
     uint32_t nCacheLimit = 0;           // ms of media that are kept
     uint32_t nKeptKeys = 0;             // retained key frames before the cursor
+    uint32_t nWhole = 0;                // from this number on nothing was freed
     uint32_t nSerial = 0;               // number of the next packet; while non-zero, ssrc is not learnt
     uint32_t ssrc = 0;                  // of the pushed stream, learnt from the first packet
 };

@@ -97,6 +97,16 @@ struct SessionFlow {
     uint32_t tLastReport = 0;    // uptime in seconds of the last report cycle
 };
 
+struct DataBlock;
+
+// A start from the cache that takes several tasks. Until it is through, what is pushed reaches the player by
+// it.
+struct SessionStart {
+    DataBlock *pNext = nullptr;  // block of the program's cache to go on with; null: no start is under way
+    uint32_t nSerial = 0;        // its number, by which it is known whether it is still there
+    int bTask = 0;               // the task that goes on is scheduled
+};
+
 // Where playing has got to.
 struct SessionPlay {
     uint32_t nSetupCount = 0;  // SETUP requests that succeeded
@@ -148,6 +158,7 @@ struct Session {
     RtpOut out;  // queue, transport form, and the tracks as the packetisers see them; its scratch is owned
     SessionTrack tracks[kMaxTracks];
     SessionFlow flow;
+    SessionStart start;
     SessionPlay play;
     SessionViewer viewer;
     SessionQuestions questions;

@@ -20,12 +20,19 @@ static DataBlock *LastBlock(const Program *pProg)
     return reinterpret_cast<DataBlock *>(pProg->cache.Pktq.pLast);
 }
 
+static void FreeBlock(PacketCache *pCache, DataBlock *pBlock)
+{
+    if (ClockDiff(pBlock->nSerial + 1, pCache->nWhole) > 0)
+        pCache->nWhole = pBlock->nSerial + 1;
+    BlockListFree(&pCache->Pktq, pBlock);
+}
+
 // Frees the blocks from pFrom up to pUntil (not included; null: to the end).
 static void FreeUncached(Program *pProg, DataBlock *pFrom, const DataBlock *pUntil)
 {
     while (pFrom != pUntil) {
         DataBlock *pNext = NextBlock(pFrom);
-        BlockListFree(&pProg->cache.Pktq, pFrom);
+        FreeBlock(&pProg->cache, pFrom);
         pFrom = pNext;
     }
 }
@@ -74,7 +81,7 @@ static void KeepKeyFrames(Program *pProg, DataBlock *pFrom, DataBlock *pKey)
             nKeptTime = pFrom->nTimestamp;
             pProg->cache.nKeptKeys++;
         } else if (!bVideo || !bKept || pFrom->nTimestamp != nKeptTime) {
-            BlockListFree(&pProg->cache.Pktq, pFrom);
+            FreeBlock(&pProg->cache, pFrom);
         }
         pFrom = pNext;
     }
@@ -148,7 +155,7 @@ static void FreeFirst(PacketCache *pCache)
         pCache->pCacheCursor = nullptr;
     else if (pCache->pCacheCursor && StartsGroup(pFirst))
         pCache->nKeptKeys--;
-    BlockListFree(&pCache->Pktq, pFirst);
+    FreeBlock(pCache, pFirst);
 }
 
 // Frees the oldest group; of the last one its oldest packet. The cache holds more than one.

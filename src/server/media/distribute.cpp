@@ -16,6 +16,8 @@
 
 namespace orx {
 
+static constexpr uint32_t kStartBytes =
+    4 << 20;  // of memory: a start of no more is one step, a millisecond or two
 static constexpr uint32_t kFlushWork =
     32;  // of a slice, for one player: eight times the clock is not looked at
 
@@ -75,7 +77,7 @@ static void FanOut(Program *pProg, const DataBlock *pBlock)
     Session *pNext;
     for (Session *p = FirstPlayer(pProg); p; p = pNext) {
         pNext = NextPlayer(p);
-        if (p->nState == STATE_PLAYING && !PushPacket2SessionQueue(p, pBlock))
+        if (p->nState == STATE_PLAYING && !p->start.pNext && !PushPacket2SessionQueue(p, pBlock))
             continue;
         if (bEvent && (p->nFlags & SESSION_SUBSCRIBER))
             SendEventMsg2SubscribeClient(p, pBlock);
@@ -109,30 +111,84 @@ static void PrintCounts(const Program *pProg, const Session *pSession)
           ListCount(&pSession->out.Outq));
 }
 
+// Queues copies from a block on, for a slice of time but kStartBytes at least. Returns how many.
+static uint32_t FillSlice(Session *pSession, DataBlock *p, int bFirst)
+{
+    Slice slice = SliceBegin();
+    uint32_t nQueued = 0;
+    uint32_t nBytes = 0;
+    uint32_t nSinceLook = 0;
+    int64_t nBefore = pSession->out.queued.nBytes;
+    for (int bOver = 0; p && !bOver; p = NextBlock(p)) {
+        nSinceLook += BlockBytes(p);
+        bOver = nSinceLook >= kStartBytes && SliceOver(&slice, kSliceLook);
+        nSinceLook = nSinceLook >= kStartBytes ? 0 : nSinceLook;
+        if (QueueCopy(pSession, p) < 0)
+            continue;
+        nQueued++;
+        nBytes += p->len;
+    }
+    pSession->start.pNext = p;
+    pSession->start.nSerial = p ? p->nSerial : 0;
+    pSession->flow.nStartHeld += pSession->out.queued.nBytes - nBefore;
+    if (bFirst)
+        SendStartBurst(pSession, nQueued, nBytes);
+    else
+        SendStartMore(pSession, nQueued, nBytes);
+    return nQueued;
+}
+
+// The block that a start goes on with. When it was freed meanwhile, the first behind it.
+static DataBlock *NextOfStart(const Session *pSession)
+{
+    const PacketCache *pCache = &pSession->pProg->cache;
+    uint32_t nSerial = pSession->start.nSerial;
+    if (ClockDiff(nSerial, pCache->nWhole) >= 0)
+        return pSession->start.pNext;
+    auto *p = ListFirstOf<DataBlock>(&pCache->Pktq);
+    while (p && ClockDiff(p->nSerial, nSerial) < 0)
+        p = NextBlock(p);
+    return p;
+}
+
+static int OnStartOn(Task *pTask, uint32_t, uint32_t, uint32_t)
+{
+    Session *pSession = SessionOfTask(pTask);
+    if (!pSession)
+        return -1;
+    SessionStart *pStart = &pSession->start;
+    if (pStart->pNext && pSession->nState == STATE_PLAYING)
+        FillSlice(pSession, NextOfStart(pSession), 0);
+    else
+        pStart->pNext = nullptr;
+    pStart->bTask = pStart->pNext != nullptr;
+    if (SendDataEx(pSession, nullptr, 1))
+        return pStart->bTask ? 1 : -1;
+    SessionEnd(pSession);
+    return -1;
+}
+
 int FillBufferAtFirstPlay(Session *pSession)
 {
     Program *pProg = pSession->pProg;
+    SessionStart *pStart = &pSession->start;
     if (!pProg)
         return 1;
     DataBlock *p = CacheLastKey(pProg);
+    pStart->pNext = nullptr;
     if (!p) {
         if (ListCount(&pProg->cache.Pktq) > 0)
             print("FillBufferAtFirstPlay() did not find the next KeyFrame to fill packet!\r\n");
         PrintCounts(pProg, pSession);
         return 0;
     }
-    uint32_t nQueued = 0;
-    uint32_t nBytes = 0;
-    int64_t nBefore = pSession->out.queued.nBytes;
-    for (; p; p = NextBlock(p)) {
-        if (QueueCopy(pSession, p) < 0)
-            continue;
-        nQueued++;
-        nBytes += p->len;
-    }
-    pSession->flow.nStartHeld = pSession->out.queued.nBytes - nBefore;
+    pSession->flow.nStartHeld = 0;
+    uint32_t nQueued = FillSlice(pSession, p, 1);
     PrintCounts(pProg, pSession);
-    SendStartBurst(pSession, nQueued, nBytes);
+    if (pStart->pNext && !pStart->bTask) {
+        pStart->bTask = 1;
+        SessionSchedule(pSession, OnStartOn, 1);
+    }
     return nQueued > 0;
 }
 

@@ -182,15 +182,31 @@ static int OnCatchUpTimer(Task *pTask, uint32_t, uint32_t nNow, uint32_t)
     return -1;
 }
 
+// Starts the timer that lets a start over UDP leave, unless it runs.
+static void CatchUp(Session *pSession)
+{
+    if (pSession->flow.nStartBlocks == 0 || pSession->out.bInterleaved ||
+        (pSession->nFlags & SESSION_CATCHES_UP))
+        return;
+    pSession->nFlags |= SESSION_CATCHES_UP;
+    SessionSchedule(pSession, OnCatchUpTimer, kCatchUpStepMs);
+}
+
 void SendStartBurst(Session *pSession, uint32_t nBlocks, uint32_t nBytes)
 {
     if (!g_settings.bStandardPlayers)
         return;
     PaceStart(pSession, nBlocks, nBytes);
-    if (nBlocks == 0 || pSession->out.bInterleaved || (pSession->nFlags & SESSION_CATCHES_UP))
+    CatchUp(pSession);
+}
+
+void SendStartMore(Session *pSession, uint32_t nBlocks, uint32_t nBytes)
+{
+    if (!g_settings.bStandardPlayers)
         return;
-    pSession->nFlags |= SESSION_CATCHES_UP;
-    SessionSchedule(pSession, OnCatchUpTimer, kCatchUpStepMs);
+    pSession->flow.nStartBlocks += nBlocks;
+    pSession->flow.nStartBytes += nBytes;
+    CatchUp(pSession);
 }
 
 // Where a reply goes: on a connection that also carries the media or has no media yet, to the port that

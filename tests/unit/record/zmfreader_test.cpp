@@ -93,6 +93,8 @@ TEST_F(ZMFReaderTest, StepsFindTheSame)
             } while (bMore);
             EXPECT_EQ(ZMFReaderSeek(whole.p, nTimeMs, &nWhole) != nullptr, p != nullptr) << nTimeMs;
             EXPECT_EQ(nWhole, nReached) << nTimeMs;
+            uint32_t nRecordMs = nTimeMs % 200 <= 10 ? nTimeMs : (nTimeMs / 200 + 1) * 200;
+            EXPECT_EQ(p ? nRecordMs / 1000 * 1000 : 0, nReached) << "of the first record from " << nTimeMs;
         }
         EXPECT_LT(nSteps, 3 * 450000 / 777) << "a seek begins near its end";
         ZMFReaderClose(pReader);

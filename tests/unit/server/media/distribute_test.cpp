@@ -230,6 +230,39 @@ TEST_F(PlayerQueueTest, GivesAPlayerUpAtAThousandAndOne)
     Push({0, 0, 0, 1, 10});  // its program goes on
 }
 
+// Of a long start a part is queued at once and the rest in further tasks; what is pushed and what is forgotten
+// meanwhile leaves no hole, nothing comes twice, and the order stays.
+TEST_F(PlayerQueueTest, ALongStartIsQueuedInParts)
+{
+    Start("[INTEROP]\nStandardPlayers=1\n");
+    constexpr uint32_t kPackets = 20000;
+    uint32_t nNext = 0;
+    auto push = [&](uint32_t n) {
+        for (uint32_t nEnd = nNext + n; nNext < nEnd; nNext++)
+            CachePacketEx(pProg, MakePacket({nNext / 100, 0, nNext == 0, 1, 1400}));
+    };
+    RunOnScheduler([&] {
+        pPlayer->nState = STATE_SETUP;
+        push(kPackets);
+        EXPECT_EQ(1, FillBufferAtFirstPlay(pPlayer));
+        pPlayer->play.nPlayClock = ClockMs();
+        pPlayer->nState = STATE_PLAYING;
+        push(60);
+    });
+    EXPECT_TRUE(WaitFor([&] {
+        DataBlock *pLeft = nullptr;
+        RunOnScheduler([&] { pLeft = pPlayer->start.pNext; });
+        return pLeft == nullptr;
+    }));
+    RunOnScheduler([&] {
+        push(40);
+        uint32_t nLeft = pPlayer->out.queued.nBytes ? Waiting() : 0;
+        EXPECT_GT(nLeft, kPackets - 1000);
+        for (auto *p = ListFirstOf<DataBlock>(&pPlayer->out.Outq); p; p = NextBlock(p), nLeft--)
+            ASSERT_EQ((nNext - nLeft) / 100, p->nTimestamp);
+    });
+}
+
 // A flush that goes on with a player who leaves meanwhile goes on with the next.
 TEST_F(PlayerQueueTest, AFlushOutlivesThePlayerItIsAt)
 {
