@@ -55,7 +55,7 @@ static inline void Count(void *pUser, const DataBlock *pBlock, int nSign)
     pSum->nBytes += nBytes;
     if (pSum->pTotal)
         *pSum->pTotal += nBytes;
-    if ((pBlock->nFlags & (DB_MEDIA | DB_KEY)) == DB_MEDIA)
+    if ((pBlock->nFlags & (DB_MEDIA | DB_KEY)) == DB_MEDIA || (pBlock->nFlags & DB_QUESTION))
         return;
     if (pBlock->nFlags & DB_MEDIA) {
         pSum->nKeys += static_cast<uint32_t>(nSign);

@@ -10,18 +10,22 @@
 namespace orx {
 
 enum : uint32_t {
-    DB_MEDIA = 1,  // an RTP media packet
-    DB_KEY = 2,    // start of a key frame; set for RTCP reports as well
-    DB_VIDEO = 4,  // a video packet
+    DB_MEDIA = 1,     // an RTP media packet
+    DB_KEY = 2,       // start of a key frame; set for RTCP reports as well
+    DB_VIDEO = 4,     // a video packet
+    DB_QUESTION = 8,  // a player's request on its way to the pusher (see questions.h)
 };
 
 struct DataBlock {
-    ListNode node;            // first, so that lists use the default map mode 0
-    uint32_t nFlags = 0;      // DB_...
-    uint16_t len = 0;         // bytes of data
-    uint16_t sent = 0;        // bytes of data already written to the socket
-    uint32_t nTimestamp = 0;  // media time in milliseconds, equal for all packets of one frame
-    uint32_t nSerial = 0;     // the program's packet number when the block was cached
+    ListNode node;        // first, so that lists use the default map mode 0
+    uint32_t nFlags = 0;  // DB_...
+    uint16_t len = 0;     // bytes of data
+    uint16_t sent = 0;    // bytes of data already written to the socket
+    // Media time in milliseconds, equal for all packets of one frame; of a question ClockMs when it was
+    // asked.
+    uint32_t nTimestamp = 0;
+    // The program's packet number when the block was cached; of a question the handle of who asks.
+    uint32_t nSerial = 0;
 };
 static_assert(offsetof(DataBlock, node) == 0, "lists map a block to its node at the very start");
 
@@ -65,7 +69,7 @@ inline uint32_t BlockBytes(const DataBlock *pBlock)
 // What the blocks of a list come to.
 struct BlockSum {
     int64_t nBytes = 0;         // of memory, of all blocks
-    int64_t nOtherBytes = 0;    // of those that are no media: replies, reports, requests
+    int64_t nOtherBytes = 0;    // of those that are neither media nor questions: replies, reports
     uint32_t nOthers = 0;       // how many those are
     uint32_t nKeys = 0;         // how many blocks of media start a key frame
     int64_t *pTotal = nullptr;  // bytes of this list and others together; not owned, may be null

@@ -2,24 +2,29 @@
 
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "base/console.h"
 #include "base/fdguard.h"
 #include "base/textbuf.h"
-#include "remote/httprelay.h"
 #include "remote/tcpio.h"
 #include "runtime/clock.h"
+#include "runtime/descriptors.h"
 #include "runtime/sockutil.h"
 
 namespace orx {
 
 constexpr size_t kFirstRead = 4095;     // what a connection is judged by: the head of a request
 constexpr int32_t kSilentSeconds = 3;   // after which a connection that sends nothing is dropped
-constexpr int kWaitMs = 20;             // so late at most are relays looked after, and a stop is noticed
+constexpr int kPendingWaitMs = 250;     // so late at most is a silent connection dropped
+constexpr int kParkedWaitMs = 1000;     // ... one whose client has given up, and descriptors are tried again
+constexpr unsigned kAcceptMax = 64;     // in a round, before those that have spoken have their turn
+constexpr unsigned kAddressShare = 4;   // one address may have this part of all connections
 constexpr uint32_t kRoundPauseMs = 10;  // a crowd of visitors costs one round in 10 ms
 constexpr char kTunnelMark[] = "application/x-rtsp-tunnelled";
 
@@ -34,13 +39,17 @@ static int PendingTake(HttpProxy *pProxy, unsigned nIndex)
 }
 
 // Sends a connection on its way by the first bytes it has sent.
-static void Classify(HttpProxy *pProxy, int fd, const uint8_t *pData, size_t nLen)
+static void Classify(HttpProxy *pProxy, int fd, uint32_t nIp, const uint8_t *pData, size_t nLen)
 {
     if (memmem(pData, nLen, kTunnelMark, sizeof(kTunnelMark) - 1)) {
         pProxy->pfnHandOver(pProxy->pContext, fd, pData, nLen);
         return;
     }
-    HttpRelay *pRelay = HttpRelayOpen(fd, pProxy->szTargetIp, pProxy->nTargetPort, pData, nLen);
+    if (!DescriptorsSpare(1)) {
+        HttpRefuseBusy(fd);
+        return;
+    }
+    HttpRelay *pRelay = HttpRelayOpen(&pProxy->common, fd, nIp, pData, nLen);
     if (pRelay)
         ListAppend(&pProxy->relays, pRelay);
 }
@@ -52,20 +61,21 @@ static int PendingRead(HttpProxy *pProxy, unsigned nIndex)
     ssize_t nRead = recv(pProxy->pendings[nIndex].fd, buffer, sizeof(buffer), 0);
     if (nRead < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
         return 0;
+    uint32_t nIp = pProxy->pendings[nIndex].nIp;
     int fd = PendingTake(pProxy, nIndex);
     if (nRead > 0)
-        Classify(pProxy, fd, buffer, static_cast<size_t>(nRead));
+        Classify(pProxy, fd, nIp, buffer, static_cast<size_t>(nRead));
     else
         SockClose(fd);
     return 1;
 }
 
-static void PendingAdd(HttpProxy *pProxy, int fd)
+static void PendingAdd(HttpProxy *pProxy, int fd, uint32_t nIp)
 {
     // the oldest makes room: served when it has spoken by now, else dropped
     if (pProxy->nPending == kHttpPendingMax && !PendingRead(pProxy, 0))
         SockClose(PendingTake(pProxy, 0));
-    pProxy->pendings[pProxy->nPending++] = {fd, ClockUptime()};
+    pProxy->pendings[pProxy->nPending++] = {fd, nIp, ClockUptime()};
 }
 
 static void DropSilent(HttpProxy *pProxy, uint32_t nNow)
@@ -81,33 +91,77 @@ static void DropSilent(HttpProxy *pProxy, uint32_t nNow)
     }
 }
 
-static void AcceptAll(HttpProxy *pProxy)
+// Whether one more connection from that address is within the limit.
+static int HasRoom(const HttpProxy *pProxy, uint32_t nIp)
 {
-    for (;;) {
+    unsigned nMax = pProxy->nMaxRelays, nAll = pProxy->nPending, nSame = 0;
+    if (nMax == 0)
+        return 1;
+    for (unsigned i = 0; i < pProxy->nPending; i++)
+        nSame += pProxy->pendings[i].nIp == nIp;
+    for (auto *p = ListFirstOf<HttpRelay>(&pProxy->relays); p;
+         p = reinterpret_cast<HttpRelay *>(p->node.pNext)) {
+        nAll++;
+        nSame += p->nClientIp == nIp;
+    }
+    unsigned nShare = nMax < kAddressShare ? 1 : nMax / kAddressShare;
+    return nAll < nMax && nSame < nShare;
+}
+
+// A connection that was accepted: it waits for its first bytes, or is refused.
+static void OnAccepted(HttpProxy *pProxy, int fd, const sockaddr_in *pAddr)
+{
+    char szAddr[kAddrTextSize];
+    SockAddrToString(pAddr, szAddr);
+    print("HttpProxyServer accept(0x%x) from %s\n", static_cast<unsigned>(fd), szAddr);
+    SockSetKeepAlive(fd);
+    if (HasRoom(pProxy, SockGetIp(pAddr)) && DescriptorsSpare(0))
+        PendingAdd(pProxy, fd, SockGetIp(pAddr));
+    else
+        HttpRefuseBusy(fd);
+}
+
+// Without a descriptor the listening socket would stay ready: it is left alone for a while.
+static void OnAcceptFailed(HttpProxy *pProxy)
+{
+    int nError = errno;
+    if (nError == EAGAIN || nError == EWOULDBLOCK) {
+        pProxy->bNoDescriptor = 0;
+        return;
+    }
+    if (!pProxy->bNoDescriptor)
+        print("accept(socket=0x%x) err=%d.\r\n", static_cast<unsigned>(pProxy->fdListen), nError);
+    pProxy->bNoDescriptor = 1;
+}
+
+static void AcceptSome(HttpProxy *pProxy)
+{
+    for (unsigned i = 0; i < kAcceptMax; i++) {
         sockaddr_in addr{};
         socklen_t nSize = sizeof(addr);
         int fd = accept4(pProxy->fdListen, reinterpret_cast<sockaddr *>(&addr), &nSize,
                          SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0 && (errno == EINTR || errno == ECONNABORTED))
             continue;
-        if (fd < 0)
+        if (fd < 0) {
+            OnAcceptFailed(pProxy);
             return;
-        char szAddr[kAddrTextSize];
-        SockAddrToString(&addr, szAddr);
-        print("HttpProxyServer accept(0x%x) from %s\n", static_cast<unsigned>(fd), szAddr);
-        SockSetOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1);  // ends it when the client's network vanishes
-        PendingAdd(pProxy, fd);
+        }
+        OnAccepted(pProxy, fd, &addr);
     }
 }
 
 // Frees the relays that are over, and, with bCheckParked, those whose client has given up waiting.
 static void ReapRelays(HttpProxy *pProxy, int bCheckParked)
 {
+    pProxy->nParked = 0;
     auto *pRelay = ListFirstOf<HttpRelay>(&pProxy->relays);
     while (pRelay) {
         auto *pNext = reinterpret_cast<HttpRelay *>(pRelay->node.pNext);
         if (HttpRelayPoll(pRelay, bCheckParked))
             ListFree(&pProxy->relays, pRelay);
+        else
+            pProxy->nParked += pRelay->bParked ? 1 : 0;
         pRelay = pNext;
     }
 }
@@ -123,22 +177,33 @@ static void OncePerSecond(HttpProxy *pProxy)
     ReapRelays(pProxy, bAdvanced);
 }
 
+// How long nothing may happen before something is due by the clock.
+static int WaitMs(const HttpProxy *pProxy)
+{
+    if (pProxy->nPending > 0)
+        return kPendingWaitMs;
+    return pProxy->nParked > 0 || pProxy->bNoDescriptor ? kParkedWaitMs : -1;
+}
+
 static void ProxyRound(HttpProxy *pProxy)
 {
     OncePerSecond(pProxy);
-    pollfd polls[1 + kHttpPendingMax];
+    pollfd polls[2 + kHttpPendingMax];
     unsigned nPending = pProxy->nPending;
-    polls[0] = {pProxy->fdListen, POLLIN, 0};
+    polls[0] = {pProxy->bNoDescriptor ? -1 : pProxy->fdListen, POLLIN, 0};
+    polls[1] = {pProxy->common.fdEnded, POLLIN, 0};
     for (unsigned i = 0; i < nPending; i++)
-        polls[1 + i] = {pProxy->pendings[i].fd, POLLIN, 0};
-    if (poll(polls, 1 + nPending, kWaitMs) <= 0)
-        return;
+        polls[2 + i] = {pProxy->pendings[i].fd, POLLIN, 0};
+    int nReady = poll(polls, 2 + nPending, WaitMs(pProxy));
+    eventfd_t nEnded = 0;
+    if (nReady > 0 && polls[1].revents)
+        eventfd_read(pProxy->common.fdEnded, &nEnded);
     // before new connections are accepted, which may push old ones out
-    for (unsigned i = 0, nGone = 0; i < nPending; i++)
-        if (polls[1 + i].revents)
+    for (unsigned i = 0, nGone = 0; nReady > 0 && i < nPending; i++)
+        if (polls[2 + i].revents)
             nGone += static_cast<unsigned>(PendingRead(pProxy, i - nGone));
-    if (polls[0].revents)
-        AcceptAll(pProxy);
+    if (pProxy->bNoDescriptor || (nReady > 0 && polls[0].revents))
+        AcceptSome(pProxy);
 }
 
 static void HttpProxyServerEntry(Thread *pThread)
@@ -159,31 +224,52 @@ static void FreeRelay(void * /*pUser*/, void *pItem)
     HttpRelayFree(static_cast<HttpRelay *>(pItem));
 }
 
-int HttpProxyStart(HttpProxy *pProxy, const char *szListenIp, int nListenPort, const char *szTargetIp,
-                   int nTargetPort, HttpHandOver pfnHandOver, void *pContext)
+// Copies what the settings say into the record. Returns 1, or 0 without descriptors for what wakes threads.
+static int TakeSettings(HttpProxy *pProxy, const HttpProxySettings *pSettings)
+{
+    HttpRelayCommon *pCommon = &pProxy->common;
+    TextCopy(pCommon->szTargetIp, sizeof(pCommon->szTargetIp), pSettings->szTargetIp);
+    pCommon->nTargetPort = static_cast<uint16_t>(pSettings->nTargetPort);
+    pCommon->bLimited = pSettings->nMaxRelays > 0;
+    pCommon->nSilentMs = pCommon->bLimited ? pSettings->nSilentMs : -1;
+    pCommon->fdStop = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    pCommon->fdEnded = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    pProxy->nMaxRelays = pSettings->nMaxRelays;
+    pProxy->pfnHandOver = pSettings->pfnHandOver;
+    pProxy->pContext = pSettings->pContext;
+    pProxy->nPending = pProxy->nParked = 0;
+    pProxy->bNoDescriptor = 0;
+    ListInit(&pProxy->relays, nullptr);
+    ListUsedDefMap(&pProxy->relays, 0);
+    ListDataProc(&pProxy->relays, FreeRelay, nullptr);
+    return pCommon->fdStop >= 0 && pCommon->fdEnded >= 0;
+}
+
+static void CloseEvents(HttpProxy *pProxy)
+{
+    SockClose(std::exchange(pProxy->common.fdStop, -1));
+    SockClose(std::exchange(pProxy->common.fdEnded, -1));
+}
+
+int HttpProxyStart(HttpProxy *pProxy, const HttpProxySettings *pSettings)
 {
     sockaddr_in addr{};
     char szAddr[kAddrTextSize];
-    FdGuard listener(SockSetAddr(&addr, szListenIp, nListenPort) ? SockListenTcp(&addr) : -1);
+    FdGuard listener(SockSetAddr(&addr, pSettings->szListenIp, pSettings->nListenPort) ? SockListenTcp(&addr)
+                                                                                       : -1);
     // browsers open many connections at once: as many may wait to be accepted as may be pending
     if (listener.fd < 0 || listen(listener.fd, kHttpPendingMax) != 0) {
         print("Listen error %d\n", SockLastError());
         return 0;
     }
-    TextCopy(pProxy->szTargetIp, sizeof(pProxy->szTargetIp), szTargetIp);
-    pProxy->nTargetPort = static_cast<uint16_t>(nTargetPort);
-    pProxy->pfnHandOver = pfnHandOver;
-    pProxy->pContext = pContext;
-    pProxy->nPending = 0;
-    ListInit(&pProxy->relays, nullptr);
-    ListUsedDefMap(&pProxy->relays, 0);
-    ListDataProc(&pProxy->relays, FreeRelay, nullptr);
+    int bReady = TakeSettings(pProxy, pSettings);
     SockAddrToString(&addr, szAddr);
     print("Http proxy: socket=0x%x listen on %s, Target=%s:%d\n", static_cast<unsigned>(listener.fd), szAddr,
-          pProxy->szTargetIp, nTargetPort);
+          pProxy->common.szTargetIp, pSettings->nTargetPort);
     pProxy->fdListen = listener.fd;
-    if (!ThreadCreate(&pProxy->thread, HttpProxyServerEntry, pProxy)) {
+    if (!bReady || !ThreadCreateSmall(&pProxy->thread, HttpProxyServerEntry, pProxy)) {
         pProxy->fdListen = -1;
+        CloseEvents(pProxy);
         return 0;
     }
     listener.Release();
@@ -194,14 +280,18 @@ void HttpProxyStop(HttpProxy *pProxy)
 {
     if (!pProxy->thread.bCreated)
         return;
+    ThreadExit(&pProxy->thread);
+    eventfd_write(pProxy->common.fdEnded, 1);
     ThreadJoin(&pProxy->thread);
     // all are asked before one is waited for, so that the waits overlap
     for (auto *p = ListFirstOf<HttpRelay>(&pProxy->relays); p;
          p = reinterpret_cast<HttpRelay *>(p->node.pNext))
         ThreadExit(&p->thread);
+    eventfd_write(pProxy->common.fdStop, 1);
     ListDestroy(&pProxy->relays);
     while (pProxy->nPending > 0)
         SockClose(PendingTake(pProxy, 0));
+    CloseEvents(pProxy);
 }
 
 }  // namespace orx

@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "base/linkedlist.h"
+#include "remote/httprelay.h"
 #include "runtime/thread.h"
 
 namespace orx {
@@ -18,16 +19,30 @@ constexpr unsigned kHttpPendingMax = 128;  // connections that have not sent any
 // the proxy thread. Returns 1 or 0.
 using HttpHandOver = int (*)(void *pContext, int fd, const void *pData, size_t nLen);
 
+struct HttpProxySettings {
+    const char *szListenIp = nullptr;  // dotted address or host name; null or empty: every address
+    int nListenPort = 0;
+    const char *szTargetIp = "";  // dotted address or host name of the web server
+    int nTargetPort = 0;
+    // Relays and waiting connections, from one address at most a quarter; beyond it clients are refused, and
+    // told when the web server is down. 0: any number, and then they wait for it in vain.
+    unsigned nMaxRelays = 0;
+    int nSilentMs = 60000;  // with nMaxRelays: a relay that carries nothing for so long ends
+    HttpHandOver pfnHandOver = nullptr;
+    void *pContext = nullptr;  // first argument of pfnHandOver, not owned
+};
+
 struct HttpPending {
     int fd = -1;         // owned
+    uint32_t nIp = 0;    // of the client, host order
     uint32_t nTime = 0;  // when it was accepted, seconds of uptime
 };
 
 struct HttpProxy {
     Thread thread;
-    int fdListen = -1;         // owned
-    char szTargetIp[64] = "";  // dotted address or host name of the web server
-    uint16_t nTargetPort = 0;
+    int fdListen = -1;        // owned
+    unsigned nMaxRelays = 0;  // 0: any number
+    HttpRelayCommon common;
     HttpHandOver pfnHandOver = nullptr;
     void *pContext = nullptr;  // first argument of pfnHandOver, not owned
     // The rest belongs to the proxy thread.
@@ -35,12 +50,13 @@ struct HttpProxy {
     unsigned nPending = 0;
     uint32_t nCheckTime = 0;  // uptime of the last look for connections to drop
     List relays;              // HttpRelay, embedded nodes; owned
+    unsigned nParked = 0;     // of these
+    int bNoDescriptor = 0;    // the last accept failed; the next one waits for a second
 };
 
-// Listens on the address given (null or empty: every one) and starts the proxy thread. Returns 1, or 0 when
-// it cannot listen (printed) or has no thread; nothing is left behind then.
-int HttpProxyStart(HttpProxy *pProxy, const char *szListenIp, int nListenPort, const char *szTargetIp,
-                   int nTargetPort, HttpHandOver pfnHandOver, void *pContext);
+// Listens and starts the proxy thread. Returns 1, or 0 when it cannot listen (printed) or has no thread;
+// nothing is left behind then.
+int HttpProxyStart(HttpProxy *pProxy, const HttpProxySettings *pSettings);
 // Ends the proxy thread and every relay, closes all their connections and frees all; takes some tens of
 // milliseconds. Accepts one that was never started.
 void HttpProxyStop(HttpProxy *pProxy);

@@ -55,15 +55,27 @@ static ssize_t SendSome(int fd, const uint8_t *p, size_t nLen)
     return nSent > 0 ? nSent : -1;
 }
 
-int TcpSend(const Thread *pThread, int fd, const void *pData, size_t nLen)
+// Waits until the socket may take more. Returns 1, or 0 when that is given up.
+static int WaitForRoom(const TcpWaiter *pWaiter, int fd)
+{
+    if (ThreadStopping(pWaiter->pThread))
+        return 0;
+    if (pWaiter->fdStop < 0)
+        return TcpWait(fd, POLLOUT, kTcpStepMs) >= 0;
+    pollfd waits[2] = {{fd, POLLOUT, 0}, {pWaiter->fdStop, POLLIN, 0}};
+    int nReady = poll(waits, 2, pWaiter->nSilentMs);
+    return nReady > 0 || (nReady < 0 && errno == EINTR);
+}
+
+int TcpSend(const TcpWaiter *pWaiter, int fd, const void *pData, size_t nLen)
 {
     const auto *p = static_cast<const uint8_t *>(pData);
     while (nLen > 0) {
         ssize_t nSent = SendSome(fd, p, nLen);
-        if (nSent == 0 && !ThreadStopping(pThread) && TcpWait(fd, POLLOUT, kTcpStepMs) >= 0)
+        if (nSent == 0 && WaitForRoom(pWaiter, fd))
             continue;
         if (nSent <= 0) {
-            if (!ThreadStopping(pThread))
+            if (!ThreadStopping(pWaiter->pThread))
                 print("TcpSend() ERROR! The network will be closed.\r\n");
             return 0;
         }

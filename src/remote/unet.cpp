@@ -1,8 +1,10 @@
 #include "remote/unet.h"
 
+#include <arpa/inet.h>
 #include <enet/enet.h>
 
 #include "base/console.h"
+#include "runtime/mutexguard.h"
 #include "remote/unetproxy.h"
 
 namespace orx {
@@ -22,8 +24,8 @@ struct UnetEvent {
 static int ServiceOnce(Unet *pUnet, UnetEvent *pOut)
 {
     ENetEvent event{};
-    HostLock lock(&pUnet->host);
-    int nResult = enet_host_service(pUnet->host.pHost, &event, 0);
+    MutexGuard lock(&pUnet->host.mutex);
+    int nResult = UnetGateService(&pUnet->host.gate, &event);
     if (nResult <= 0)
         return nResult;
     pOut->type = event.type;
@@ -47,7 +49,7 @@ static void OnConnect(Unet *pUnet, const UnetEvent *pEvent)
         print("A punching connected from %d.%d.%d.%d:%u.\n", b[0], b[1], b[2], b[3], nPort);
     } else {
         print("A new client connected from %d.%d.%d.%d:%u.\n", b[0], b[1], b[2], b[3], nPort);
-        UnetProxy *pProxy = CreateUnetProxy(&pUnet->thread, &pUnet->host, pEvent->pPeer, pUnet->nRtspPort);
+        UnetProxy *pProxy = CreateUnetProxy(&pUnet->thread, &pUnet->host, pEvent->pPeer, &pUnet->rtsp);
         if (pProxy)
             ListAppend(&pUnet->proxies, pProxy);
         else
@@ -125,16 +127,19 @@ static void FreeProxy(void * /*pUser*/, void *pItem)
 
 int UnetStart(Unet *pUnet, const UnetSettings *pSettings)
 {
-    pUnet->nPort = UnetHostCreate(&pUnet->host, pSettings->szBindIp, pSettings->nPort);
+    pUnet->nPort = UnetHostCreate(&pUnet->host, pSettings->nBindIp, pSettings->nPort, pSettings->nPerAddress);
     if (pUnet->nPort == 0)
         return 0;
-    pUnet->nRtspPort = pSettings->nRtspPort;
+    pUnet->rtsp = {};
+    pUnet->rtsp.sin_family = AF_INET;
+    pUnet->rtsp.sin_addr.s_addr = htonl(pSettings->nBindIp ? pSettings->nBindIp : INADDR_LOOPBACK);
+    pUnet->rtsp.sin_port = htons(static_cast<uint16_t>(pSettings->nRtspPort));
     RegistrationInit(&pUnet->registration, &pUnet->host, pSettings->nRtspPort, pSettings->pfnGetAddress,
                      pSettings->szCfgPath);
     ListInit(&pUnet->proxies, nullptr);
     ListUsedDefMap(&pUnet->proxies, 0);
     ListDataProc(&pUnet->proxies, FreeProxy, nullptr);
-    if (!ThreadCreate(&pUnet->thread, UnetServerEntry, pUnet)) {
+    if (!ThreadCreateSmall(&pUnet->thread, UnetServerEntry, pUnet)) {
         UnetHostFree(&pUnet->host);
         return 0;
     }
@@ -160,7 +165,7 @@ void UnetStop(Unet *pUnet)
     // all are asked before one is waited for, so that the waits overlap
     for (auto *p = ListFirstOf<UnetProxy>(&pUnet->proxies); p;
          p = reinterpret_cast<UnetProxy *>(p->node.pNext))
-        ThreadExit(&p->thread);
+        UnetProxyStop(p);
     ListDestroy(&pUnet->proxies);
     RegistrationFree(&pUnet->registration);
     UnetHostFree(&pUnet->host);

@@ -4,6 +4,10 @@
 // stop: any thread, one after the other.
 #pragma once
 
+#include <netinet/in.h>
+
+#include <cstdint>
+
 #include "base/linkedlist.h"
 #include "remote/registration.h"
 #include "remote/unethost.h"
@@ -12,9 +16,10 @@
 namespace orx {
 
 struct UnetSettings {
-    const char *szBindIp = nullptr;                // dotted local address; null or empty: every one
-    int nPort = 0;                                 // UDP port of the relay; 0: any
-    int nRtspPort = 0;                             // where bridges connect to on 127.0.0.1
+    uint32_t nBindIp = 0;      // local address, host order; 0: every one
+    int nPort = 0;             // UDP port of the relay; 0: any
+    int nRtspPort = 0;         // where bridges connect to, at nBindIp or 127.0.0.1
+    uint32_t nPerAddress = 0;  // remote players from one address, 127.0.0.1 apart; 0: any number
     InterfaceAddressProc pfnGetAddress = nullptr;  // called on the relay thread; may be null
     const char *szCfgPath = nullptr;  // configuration file, used when the registration is given none
 };
@@ -22,8 +27,8 @@ struct UnetSettings {
 struct Unet {
     UnetHost host;
     Thread thread;
-    int nPort = 0;  // UDP port in use
-    int nRtspPort = 0;
+    int nPort = 0;              // UDP port in use
+    sockaddr_in rtsp{};         // where bridges connect to
     Registration registration;  // with the rendezvous server
     List proxies;               // UnetProxy, embedded nodes; owned; relay thread
 };

@@ -9,22 +9,21 @@
 #include <utility>
 
 #include "base/console.h"
+#include "runtime/mutexguard.h"
 #include "runtime/sockutil.h"
 
 namespace orx {
 
-constexpr size_t kPeers = 32;  // remote players at a time, the rendezvous server and a punched peer with them
+constexpr size_t kPeers = 32;    // remote players at a time, and those below
+constexpr size_t kOwnPeers = 2;  // the rendezvous server and a punched peer: strangers never take their slots
 constexpr size_t kChannels = 1;  // a bridge carries one stream of bytes
 constexpr int kWaitMs = 100;     // the library's own timers (resending, dead peers) are looked at so often
 constexpr size_t kPacketMax = 4 * 1024 * 1024;  // of a peer; the library would let it announce 32 MB
 
 // Returns the host, or null.
-static ENetHost *MakeHost(const char *szBindIp, int nPort)
+static ENetHost *MakeHost(uint32_t nBindIp, int nPort)
 {
-    ENetAddress address{ENET_HOST_ANY, static_cast<uint16_t>(nPort)};
-    in_addr bindIp{};
-    if (szBindIp && inet_pton(AF_INET, szBindIp, &bindIp) == 1)
-        address.host = bindIp.s_addr;
+    ENetAddress address{htonl(nBindIp), static_cast<uint16_t>(nPort)};
     ENetHost *pHost = enet_host_create(&address, kPeers, kChannels, 0, 0);
     if (!pHost)
         return nullptr;
@@ -36,16 +35,19 @@ static ENetHost *MakeHost(const char *szBindIp, int nPort)
     return pHost;
 }
 
-int UnetHostCreate(UnetHost *pHost, const char *szBindIp, int nPort)
+int UnetHostCreate(UnetHost *pHost, uint32_t nBindIp, int nPort, uint32_t nPerAddress)
 {
     if (enet_initialize() != 0) {
         print("An error occurred while initializing ENet!\r\n");
         return 0;
     }
-    pHost->pHost = MakeHost(szBindIp, nPort);
+    pHost->pHost = MakeHost(nBindIp, nPort);
     pHost->fdWake = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (!pHost->pHost || pHost->fdWake < 0) {
+    if (!pHost->pHost || pHost->fdWake < 0 ||
+        !UnetGateInit(&pHost->gate, pHost->pHost, kOwnPeers, nPerAddress)) {
+        int nError = SockLastError();
         print("An error occurred while trying to create an ENet server host!\r\n");
+        print("Unet: port %d at 0x%08x cannot be had, err=%d.\r\n", nPort, nBindIp, nError);
         UnetHostFree(pHost);
         return 0;
     }
@@ -59,6 +61,7 @@ void UnetHostFree(UnetHost *pHost)
     if (pHost->pHost)
         enet_host_destroy(pHost->pHost);
     pHost->pHost = nullptr;
+    UnetGateFree(&pHost->gate);
     SockClose(std::exchange(pHost->fdWake, -1));
     enet_deinitialize();
 }
@@ -83,8 +86,9 @@ ENetPeer *UnetConnect(UnetHost *pHost, uint32_t nIp, int nPort)
     ENetAddress address{};
     address.host = htonl(nIp);
     address.port = static_cast<uint16_t>(nPort);
-    HostLock lock(pHost);
+    MutexGuard lock(&pHost->mutex);
     ENetPeer *pPeer = enet_host_connect(pHost->pHost, &address, kChannels, 0);
+    UnetGateOwn(&pHost->gate, pPeer);
     if (pPeer)
         pPeer->data = nullptr;
     // at once, so that a path is opened even if another request replaces this one a moment later
@@ -97,7 +101,7 @@ int UnetSend(UnetHost *pHost, ENetPeer *pPeer, const void *pData, size_t nLen)
     ENetPacket *pPacket = enet_packet_create(pData, nLen, ENET_PACKET_FLAG_RELIABLE);
     if (!pPacket)
         return 0;
-    HostLock lock(pHost);
+    MutexGuard lock(&pHost->mutex);
     if (enet_peer_send(pPeer, 0, pPacket) != 0) {
         enet_packet_destroy(pPacket);
         return 0;
@@ -108,7 +112,7 @@ int UnetSend(UnetHost *pHost, ENetPeer *pPeer, const void *pData, size_t nLen)
 
 void UnetResetPeer(UnetHost *pHost, ENetPeer *pPeer)
 {
-    HostLock lock(pHost);
+    MutexGuard lock(&pHost->mutex);
     if (!pPeer)
         return;
     pPeer->data = nullptr;

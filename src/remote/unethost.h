@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "remote/unetgate.h"
+
 struct _ENetHost;
 struct _ENetPacket;
 struct _ENetPeer;
@@ -17,21 +19,15 @@ namespace orx {
 // nothing waits, prints or calls out while it is held.
 struct UnetHost {
     _ENetHost *pHost = nullptr;  // owned; guarded by mutex
+    UnetGate gate;               // what may come in; guarded by mutex
     int fdWake = -1;             // event descriptor that ends the wait for the host; owned
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
 };
 
-struct HostLock {
-    UnetHost *pUnetHost;
-    explicit HostLock(UnetHost *p) : pUnetHost(p) { pthread_mutex_lock(&p->mutex); }
-    ~HostLock() { pthread_mutex_unlock(&pUnetHost->mutex); }
-    HostLock(HostLock &&) = delete;
-    HostLock &operator=(HostLock &&) = delete;
-};
-
-// Makes the host on a UDP port (0: any) of a dotted local address (null or empty: every one). Returns the
-// port in use, or 0 (printed) with nothing left behind.
-int UnetHostCreate(UnetHost *pHost, const char *szBindIp, int nPort);
+// Makes the host on a UDP port (0: any) of a local address (host order, 0: every one). nPerAddress: remote
+// players from one address, 127.0.0.1 apart; 0: any number. Returns the port in use, or 0 (printed) with
+// nothing left behind.
+int UnetHostCreate(UnetHost *pHost, uint32_t nBindIp, int nPort, uint32_t nPerAddress);
 void UnetHostFree(UnetHost *pHost);
 
 // Waits for datagrams or to be woken, a tenth of a second at most. After the socket failed it is not waited

@@ -1,9 +1,10 @@
 #include "remote/unetproxy.h"
 
+#include <arpa/inet.h>
 #include <enet/enet.h>
-#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -14,8 +15,11 @@
 #include "base/assertion.h"
 #include "base/console.h"
 #include "base/fdguard.h"
+#include "remote/bridgeaddr.h"
 #include "remote/tcpio.h"
 #include "runtime/clock.h"
+#include "runtime/descriptors.h"
+#include "runtime/mutexguard.h"
 #include "runtime/sockutil.h"
 
 namespace orx {
@@ -26,18 +30,15 @@ constexpr size_t kReadSize = 8192;          // with the pause: 6.5 Mbit/s to a p
 constexpr uint32_t kOutgoingHigh = 204800;  // a large key frame; above it the connection is not read any more
 constexpr uint32_t kOutgoingLow = 10239;    // ... until less than 10 KB are left, a read or so
 constexpr uint32_t kRoundPauseMs = 10;
-constexpr size_t kQueueBacklog = 256 * 1024;    // queued bytes that leave no time for pauses
+constexpr size_t kQueueBacklog = 256 * 1024;  // queued bytes that leave no time for pauses
+constexpr size_t kCarryBytes = 64 * 1024;  // of the queue in a round, before the other direction has its turn
 constexpr size_t kQueueMax = 16 * 1024 * 1024;  // queued bytes that end the bridge
-constexpr int32_t kDrainMs = 5000;              // for the last bytes to reach the peer
+// What a queued packet takes besides its bytes: its record, a node of the list, and the allocator's share of
+// these three blocks.
+constexpr size_t kPacketCost = sizeof(ENetPacket) + sizeof(ListNode) + 3 * 2 * sizeof(void *);
+constexpr int kBridgeDescriptors = 3;  // the connection, its other end, the one that wakes the bridge
+constexpr int32_t kDrainMs = 5000;     // for the last bytes to reach the peer
 constexpr uint8_t kCloseRequest[] = {0, 0, 0, 'c'};
-
-struct QueueLock {
-    UnetProxy *pProxy;
-    explicit QueueLock(UnetProxy *p) : pProxy(p) { pthread_mutex_lock(&p->mutex); }
-    ~QueueLock() { pthread_mutex_unlock(&pProxy->mutex); }
-    QueueLock(QueueLock &&) = delete;
-    QueueLock &operator=(QueueLock &&) = delete;
-};
 
 // The library lets go of a packet: it was acknowledged, or its peer is gone. Always under the host's mutex.
 static void OnPacketDone(ENetPacket *pPacket)
@@ -51,7 +52,7 @@ static int SendToPeer(UnetProxy *pProxy, const uint8_t *pData, size_t nLen)
     ENetPacket *pPacket = enet_packet_create(pData, nLen, ENET_PACKET_FLAG_RELIABLE);
     if (!pPacket)
         return 0;
-    HostLock lock(pProxy->pUnetHost);
+    MutexGuard lock(&pProxy->pUnetHost->mutex);
     pPacket->userData = pProxy;
     pPacket->freeCallback = OnPacketDone;
     pProxy->nOutgoing += static_cast<uint32_t>(nLen);
@@ -65,28 +66,33 @@ static int SendToPeer(UnetProxy *pProxy, const uint8_t *pData, size_t nLen)
 
 static uint32_t OutgoingDataTotal(UnetProxy *pProxy)
 {
-    HostLock lock(pProxy->pUnetHost);
+    MutexGuard lock(&pProxy->pUnetHost->mutex);
     return pProxy->nOutgoing;
 }
 
 static size_t QueuedBytes(UnetProxy *pProxy)
 {
-    QueueLock lock(pProxy);
+    MutexGuard lock(&pProxy->mutex);
     return pProxy->nQueued;
 }
 
 // The oldest packet, which stays in the queue, or null. Only the bridge's thread takes packets out.
 static const ENetPacket *QueueHead(UnetProxy *pProxy)
 {
-    QueueLock lock(pProxy);
+    MutexGuard lock(&pProxy->mutex);
     return static_cast<ENetPacket *>(ListFirst(&pProxy->queue, 0));
 }
 
-static void QueueDropHead(UnetProxy *pProxy, size_t nLen)
+static size_t PacketCost(const ENetPacket *pPacket)
 {
-    QueueLock lock(pProxy);
+    return pPacket->dataLength + kPacketCost;
+}
+
+static void QueueDropHead(UnetProxy *pProxy, size_t nCost)
+{
+    MutexGuard lock(&pProxy->mutex);
     ListFirst(&pProxy->queue, LIST_DETACH | LIST_FREE);
-    pProxy->nQueued -= nLen;
+    pProxy->nQueued -= nCost;
 }
 
 static int IsCloseRequest(const ENetPacket *pPacket)
@@ -95,19 +101,22 @@ static int IsCloseRequest(const ENetPacket *pPacket)
            memcmp(pPacket->data, kCloseRequest, sizeof(kCloseRequest)) == 0;
 }
 
-// Carries one packet of the peer. Returns 1, or 0 when the bridge is to end.
+// Carries what the peer has sent, up to kCarryBytes. Returns 1, or 0 when the bridge is to end.
 static int CarryToServer(UnetProxy *pProxy)
 {
-    const ENetPacket *pPacket = QueueHead(pProxy);
-    if (!pPacket)
-        return 1;
-    if (IsCloseRequest(pPacket)) {
-        ThreadExit(&pProxy->thread);  // nobody waits for what is still on its way
-        return 0;
+    const TcpWaiter waiter{&pProxy->thread};
+    const ENetPacket *pPacket;
+    for (size_t nCarried = 0; nCarried < kCarryBytes && (pPacket = QueueHead(pProxy));) {
+        if (IsCloseRequest(pPacket)) {
+            ThreadExit(&pProxy->thread);  // nobody waits for what is still on its way
+            return 0;
+        }
+        if (!TcpSend(&waiter, pProxy->fd, pPacket->data, pPacket->dataLength))
+            return 0;
+        size_t nCost = PacketCost(pPacket);
+        nCarried += nCost;
+        QueueDropHead(pProxy, nCost);
     }
-    if (!TcpSend(&pProxy->thread, pProxy->fd, pPacket->data, pPacket->dataLength))
-        return 0;
-    QueueDropHead(pProxy, pPacket->dataLength);
     return 1;
 }
 
@@ -137,10 +146,23 @@ static int HoldBack(UnetProxy *pProxy)
     return bGoOn;
 }
 
+// Waits until the RTSP server has sent something, the peer has, or the bridge is to end. Returns 1 when it is
+// the first of these.
+static int WaitForServer(const UnetProxy *pProxy, int bQueued)
+{
+    pollfd polls[2] = {{pProxy->fd, POLLIN, 0}, {pProxy->fdWake, POLLIN, 0}};
+    if (poll(polls, 2, bQueued ? 0 : -1) <= 0)
+        return 0;
+    eventfd_t nCount = 0;
+    if (polls[1].revents)
+        eventfd_read(pProxy->fdWake, &nCount);
+    return polls[0].revents != 0;
+}
+
 // Carries what the RTSP server has sent. Returns 1, or 0 when the bridge is to end.
 static int CarryToPeer(UnetProxy *pProxy)
 {
-    if (TcpWait(pProxy->fd, POLLIN, QueuedBytes(pProxy) > 0 ? 0 : kTcpStepMs) == 0)
+    if (!WaitForServer(pProxy, QueuedBytes(pProxy) > 0))
         return 1;
     uint8_t buffer[kReadSize];
     ssize_t nRead = recv(pProxy->fd, buffer, sizeof(buffer), 0);
@@ -168,7 +190,7 @@ static void DrainOutgoing(UnetProxy *pProxy)
 // A slot of the host is used again, so it must not keep the name of this bridge.
 static void ResetPeer(UnetProxy *pProxy)
 {
-    HostLock lock(pProxy->pUnetHost);
+    MutexGuard lock(&pProxy->pUnetHost->mutex);
     if (!pProxy->pPeer)
         return;
     pProxy->pPeer->data = nullptr;
@@ -178,7 +200,7 @@ static void ResetPeer(UnetProxy *pProxy)
 
 static const void *PeerName(UnetProxy *pProxy)
 {
-    HostLock lock(pProxy->pUnetHost);
+    MutexGuard lock(&pProxy->pUnetHost->mutex);
     return pProxy->pPeer;
 }
 
@@ -196,8 +218,18 @@ static void UnetProxyEntry(Thread *pThread)
     SockClose(std::exchange(pProxy->fd, -1));
 }
 
+// Binds to the address that tells the peer of a slot from the box itself and from other peers. Returns 1 or
+// 0.
+static int BindToSlot(int fd, uint32_t nSlot)
+{
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(BridgeAddress(nSlot));
+    return bind(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof(addr)) == 0;
+}
+
 // A connection to the own RTSP port, or -1.
-static int ConnectRtsp(const Thread *pCaller, int nRtspPort)
+static int ConnectRtsp(const Thread *pCaller, const sockaddr_in *pRtsp, uint32_t nSlot)
 {
     FdGuard sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (sock.fd < 0) {
@@ -209,9 +241,7 @@ static int ConnectRtsp(const Thread *pCaller, int nRtspPort)
     int nOn = 1;
     int iError = setsockopt(sock.fd, IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof(nOn));
     ORX_ASSERT(iError == 0, "iError == 0");
-    sockaddr_in addr{};
-    if (!SockSetAddr(&addr, "127.0.0.1", nRtspPort) ||
-        !TcpConnect(pCaller, sock.fd, &addr, kConnectSeconds)) {
+    if (!BindToSlot(sock.fd, nSlot) || !TcpConnect(pCaller, sock.fd, pRtsp, kConnectSeconds)) {
         print("Create UnetProxy object failed!\r\n");
         return -1;
     }
@@ -223,28 +253,41 @@ static void FreePacket(void * /*pUser*/, void *pItem)
     enet_packet_destroy(static_cast<ENetPacket *>(pItem));
 }
 
-UnetProxy *CreateUnetProxy(Thread *pCaller, UnetHost *pUnetHost, ENetPeer *pPeer, int nRtspPort)
+// The record with what it needs but a peer and a thread, or null.
+static UnetProxy *NewProxy(UnetHost *pUnetHost)
 {
-    FdGuard sock(ConnectRtsp(pCaller, nRtspPort));
+    FdGuard wake(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    auto *pProxy = wake.fd >= 0 ? new (std::nothrow) UnetProxy : nullptr;
+    if (!pProxy)
+        return nullptr;
+    ListInit(&pProxy->queue, nullptr);
+    ListDataProc(&pProxy->queue, FreePacket, nullptr);
+    pProxy->pUnetHost = pUnetHost;
+    pProxy->fdWake = wake.Release();
+    pProxy->bActive = 1;
+    return pProxy;
+}
+
+UnetProxy *CreateUnetProxy(Thread *pCaller, UnetHost *pUnetHost, ENetPeer *pPeer, const sockaddr_in *pRtsp)
+{
+    if (!DescriptorsSpare(kBridgeDescriptors))
+        return nullptr;
+    FdGuard sock(ConnectRtsp(pCaller, pRtsp, pPeer->incomingPeerID));
     if (sock.fd < 0)
         return nullptr;
-    auto *pProxy = new (std::nothrow) UnetProxy;
+    UnetProxy *pProxy = NewProxy(pUnetHost);
     if (!pProxy) {
         print("Create UnetProxy object failed!\r\n");
         return nullptr;
     }
-    ListInit(&pProxy->queue, nullptr);
-    ListDataProc(&pProxy->queue, FreePacket, nullptr);
-    pProxy->pUnetHost = pUnetHost;
     pProxy->fd = sock.Release();
-    pProxy->bActive = 1;
     {
-        HostLock lock(pUnetHost);
+        MutexGuard lock(&pUnetHost->mutex);
         pProxy->pPeer = pPeer;
         pPeer->data = pProxy;
     }
     print("One UnetProxy object created.\r\n");
-    if (!ThreadCreate(&pProxy->thread, UnetProxyEntry, pProxy)) {
+    if (!ThreadCreateSmall(&pProxy->thread, UnetProxyEntry, pProxy)) {
         print("Create UnetProxy object failed!\r\n");
         UnetProxyFree(pProxy);
         return nullptr;
@@ -255,23 +298,25 @@ UnetProxy *CreateUnetProxy(Thread *pCaller, UnetHost *pUnetHost, ENetPeer *pPeer
 // Appends the packet. Returns 1, or 0 when it does not fit: what follows would arrive with a gap.
 static int QueueAppend(UnetProxy *pProxy, ENetPacket *pPacket)
 {
-    QueueLock lock(pProxy);
-    if (pProxy->nQueued + pPacket->dataLength > kQueueMax || !ListAppend(&pProxy->queue, pPacket))
+    MutexGuard lock(&pProxy->mutex);
+    if (pProxy->nQueued + PacketCost(pPacket) > kQueueMax || !ListAppend(&pProxy->queue, pPacket))
         return 0;
-    pProxy->nQueued += pPacket->dataLength;
+    pProxy->nQueued += PacketCost(pPacket);
     return 1;
 }
 
 void UnetProxyReceive(UnetProxy *pProxy, ENetPacket *pPacket)
 {
-    if (pProxy->bActive && QueueAppend(pProxy, pPacket))
+    if (pProxy->bActive && QueueAppend(pProxy, pPacket)) {
+        eventfd_write(pProxy->fdWake, 1);
         return;
+    }
     enet_packet_destroy(pPacket);
     if (!pProxy->bActive)
         return;
     print("UnetProxy queue is full, closing it.\r\n");
     pProxy->bActive = 0;
-    ThreadExit(&pProxy->thread);
+    UnetProxyStop(pProxy);
 }
 
 void UnetProxyPeerGone(UnetProxy *pProxy)
@@ -279,7 +324,13 @@ void UnetProxyPeerGone(UnetProxy *pProxy)
     if (pProxy->pPeer)
         pProxy->pPeer->data = nullptr;
     pProxy->pPeer = nullptr;
+    UnetProxyStop(pProxy);
+}
+
+void UnetProxyStop(UnetProxy *pProxy)
+{
     ThreadExit(&pProxy->thread);
+    eventfd_write(pProxy->fdWake, 1);
 }
 
 int UnetProxyEnded(const UnetProxy *pProxy)
@@ -289,9 +340,11 @@ int UnetProxyEnded(const UnetProxy *pProxy)
 
 void UnetProxyFree(UnetProxy *pProxy)
 {
+    UnetProxyStop(pProxy);
     ThreadJoin(&pProxy->thread);
     ResetPeer(pProxy);
     SockClose(pProxy->fd);
+    SockClose(pProxy->fdWake);
     ListDestroy(&pProxy->queue);
     pthread_mutex_destroy(&pProxy->mutex);
     delete pProxy;

@@ -2,6 +2,7 @@
 // between it and the peer. Created, fed and freed by the relay thread; the bridge's own thread does the rest.
 #pragma once
 
+#include <netinet/in.h>
 #include <pthread.h>
 
 #include <atomic>
@@ -21,24 +22,28 @@ struct UnetProxy {
     uint32_t nOutgoing = 0;       // reliable bytes the peer has not acknowledged; guarded by the host's mutex
     std::atomic<int> bActive{0};  // packets are welcome
     int fd = -1;                  // connection to the RTSP port; owned
+    int fdWake = -1;              // event descriptor: a packet has come, or the bridge is to end; owned
     Thread thread;
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // guards the two below
     List queue;                                         // received packets (_ENetPacket), owned
-    size_t nQueued = 0;                                 // bytes in them
+    size_t nQueued = 0;                                 // memory that they take, bytes
 };
 
-// Connects to the RTSP port on 127.0.0.1, ties the record to the peer and starts the bridge. pCaller is the
-// calling thread. Returns the record, or null (printed). Free it with UnetProxyFree.
-UnetProxy *CreateUnetProxy(Thread *pCaller, UnetHost *pUnetHost, _ENetPeer *pPeer, int nRtspPort);
+// Connects to the RTSP port from the address of the peer's slot (BridgeAddress), ties the record to the peer
+// and starts the bridge. pCaller is the calling thread. Returns the record, or null (printed). Free it with
+// UnetProxyFree.
+UnetProxy *CreateUnetProxy(Thread *pCaller, UnetHost *pUnetHost, _ENetPeer *pPeer, const sockaddr_in *pRtsp);
 // Hands over a packet of the peer, which belongs to the bridge from then on.
 void UnetProxyReceive(UnetProxy *pProxy, _ENetPacket *pPacket);
 // The peer has gone: cuts the record off from it and asks the bridge's thread to stop. The host's mutex is
 // held by the caller.
 void UnetProxyPeerGone(UnetProxy *pProxy);
+// Asks the bridge's thread to stop; does not wait.
+void UnetProxyStop(UnetProxy *pProxy);
 // Whether the bridge's thread has come to its end.
 int UnetProxyEnded(const UnetProxy *pProxy);
 // Ends the bridge's thread, resets the peer if there still is one, and frees everything; within some tens of
-// milliseconds. With several bridges ask all of them first, by ThreadExit. Without the host's mutex.
+// milliseconds. With several bridges ask all of them first, by UnetProxyStop. Without the host's mutex.
 void UnetProxyFree(UnetProxy *pProxy);
 
 }  // namespace orx

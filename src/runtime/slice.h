@@ -7,7 +7,7 @@
 
 namespace orx {
 
-constexpr int64_t kSliceNs = 5000000;
+constexpr int64_t kSliceNs = 4000000;  // a task may take three: read, distribute, flush
 constexpr uint32_t kSliceLook = 256;  // work after which the clock is looked at; a millisecond at most
 
 struct Slice {

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netdb.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -60,6 +61,14 @@ int SockSetReuseAddr(int fd, int bOn)
 int SockSetOption(int fd, int nLevel, int nOption, int nValue)
 {
     return setsockopt(fd, nLevel, nOption, &nValue, sizeof(nValue)) == 0;
+}
+
+void SockSetKeepAlive(int fd)
+{
+    SockSetOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
+    SockSetOption(fd, IPPROTO_TCP, TCP_KEEPIDLE, 30);
+    SockSetOption(fd, IPPROTO_TCP, TCP_KEEPINTVL, 10);
+    SockSetOption(fd, IPPROTO_TCP, TCP_KEEPCNT, 3);
 }
 
 // The first IPv4 address of a name. Returns 1 or 0.

@@ -15,6 +15,8 @@ void SockClose(int fd);                                          // ignores nega
 int SockSetNonBlock(int fd, int bOn);                            // 1 or 0
 int SockSetReuseAddr(int fd, int bOn);                           // 1 or 0
 int SockSetOption(int fd, int nLevel, int nOption, int nValue);  // 1 or 0
+// A peer whose network vanished is noticed after a minute of silence, and the connection ends by itself.
+void SockSetKeepAlive(int fd);
 // Fills the record from a host (dotted, or a name to look up; null or empty: any address) and a port
 // of 1..65535. Returns 1, or 0 for a bad port or an unknown host.
 int SockSetAddr(sockaddr_in *pAddr, const char *szHost, int nPort);

@@ -42,16 +42,31 @@ static void FreeTaskItem(void *, void *pItem)
     delete static_cast<Task *>(pItem);
 }
 
-// Before the first task that is due later. Searched from the end: most tasks are due after those there are.
+// The task before which one goes: the first that is due later, or null. Searched from the nearer end: there
+// may be thousands of tasks, few of which are due soon.
+static Task *FindLater(List *pTasks, const Task *pTask)
+{
+    auto *p = static_cast<Task *>(ListFirst(pTasks, 0));
+    auto *pLast = static_cast<Task *>(ListLast(pTasks, 0));
+    if (!p || ClockDiff(pLast->nDue, pTask->nDue) <= 0)
+        return nullptr;
+    if (ClockDiff(pTask->nDue, p->nDue) < ClockDiff(pLast->nDue, pTask->nDue)) {
+        while (ClockDiff(p->nDue, pTask->nDue) <= 0)
+            p = static_cast<Task *>(ListNext(pTasks, p, 0));
+        return p;
+    }
+    for (p = pLast; p && ClockDiff(p->nDue, pTask->nDue) > 0; p = static_cast<Task *>(ListPrev(pTasks, p, 0)))
+        pLast = p;
+    return pLast;
+}
+
 static void InsertByDue(List *pTasks, Task *pTask)
 {
-    auto *pBefore = static_cast<Task *>(ListLast(pTasks, 0));
-    while (pBefore && ClockDiff(pBefore->nDue, pTask->nDue) > 0)
-        pBefore = static_cast<Task *>(ListPrev(pTasks, pBefore, 0));
-    if (pBefore)
-        ListInsert(pTasks, pTask, pBefore, 1);
+    Task *pLater = FindLater(pTasks, pTask);
+    if (pLater)
+        ListInsert(pTasks, pTask, pLater, 0);
     else
-        ListPrepend(pTasks, pTask);
+        ListAppend(pTasks, pTask);
 }
 
 static timespec MonotonicIn(int32_t nMs)

@@ -11,6 +11,11 @@
 
 namespace orx {
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+static constexpr size_t kSmallStack = 1024 * 1024;  // the sanitizers widen every frame
+#else
+static constexpr size_t kSmallStack = 128 * 1024;
+#endif
 static constexpr long kPauseStepNs = 10 * 1000000L;  // so long at most does a pause miss what ends it
 
 static std::atomic<int> g_bAllowNoPriority{0};  // written at start-up, read by any thread
@@ -26,7 +31,19 @@ static void *ThreadMain(void *pArgument)
     return nullptr;
 }
 
-int ThreadCreate(Thread *pThread, void (*pfnEntry)(Thread *), void *pArgument)
+// Starts ThreadMain with a stack of that size, 0: the system's. Returns 1 or 0.
+static int StartThread(Thread *pThread, size_t nStackBytes)
+{
+    pthread_attr_t attr;
+    if (pthread_attr_init(&attr) != 0)
+        return 0;
+    int bSized = nStackBytes == 0 || pthread_attr_setstacksize(&attr, nStackBytes) == 0;
+    int bStarted = bSized && pthread_create(&pThread->id, &attr, ThreadMain, pThread) == 0;
+    pthread_attr_destroy(&attr);
+    return bStarted;
+}
+
+static int Create(Thread *pThread, void (*pfnEntry)(Thread *), void *pArgument, size_t nStackBytes)
 {
     ORX_ASSERT(pfnEntry, "((void *)0)!=pfnEntry");
     pThread->nPauseMs = 0;
@@ -34,7 +51,7 @@ int ThreadCreate(Thread *pThread, void (*pfnEntry)(Thread *), void *pArgument)
     pThread->pfnEntry = pfnEntry;
     pThread->pArgument = pArgument;
     pThread->bCreated = 1;  // before the body can look at it
-    if (pthread_create(&pThread->id, nullptr, ThreadMain, pThread) != 0) {
+    if (!StartThread(pThread, nStackBytes)) {
         pThread->bCreated = 0;
         ThreadCancel(pThread);
         return 0;
@@ -45,6 +62,16 @@ int ThreadCreate(Thread *pThread, void (*pfnEntry)(Thread *), void *pArgument)
         nFlags = pThread->nFlags;
     }
     return 1;
+}
+
+int ThreadCreate(Thread *pThread, void (*pfnEntry)(Thread *), void *pArgument)
+{
+    return Create(pThread, pfnEntry, pArgument, 0);
+}
+
+int ThreadCreateSmall(Thread *pThread, void (*pfnEntry)(Thread *), void *pArgument)
+{
+    return Create(pThread, pfnEntry, pArgument, kSmallStack);
 }
 
 void ThreadWakeup(Thread *pThread)

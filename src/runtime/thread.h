@@ -27,6 +27,9 @@ struct Thread {
 // Starts the body on a thread of its own and waits until it has begun. Returns 1, or 0 with the stop bit set.
 // A record is used again only after ThreadJoin.
 int ThreadCreate(Thread *pThread, void (*pfnEntry)(Thread *), void *pArgument);
+// The same on a stack of 128 kB, for bodies of which there may be hundreds: a read buffer of some kilobytes
+// and what prints need fit, a resolver's look-up does not.
+int ThreadCreateSmall(Thread *pThread, void (*pfnEntry)(Thread *), void *pArgument);
 // Ends a ThreadPause that is under way.
 void ThreadWakeup(Thread *pThread);
 // Sleeps nMs milliseconds in steps of 10, less when woken or asked to stop. A ThreadWakeup that comes before

@@ -1,7 +1,7 @@
 """Passwords: every player comes in with the right one."""
 
 from case import InteropCase
-from clients import PLAYERS, FfmpegPusher
+from clients import PLAYERS, FfmpegPusher, GstPusher, OrxPusher
 
 USERS = {"SuperUser": "admin", "SuperPwd": "s3cret", "NumUsers": "1", "UserName0": "guest", "UserPwd0": "pass word"}
 
@@ -28,3 +28,14 @@ class Auth(InteropCase):
     def test_fresh_nonce(self):
         """Each names the program in its own way, and answers the challenge from the address that got it."""
         self.check(2, FreshNonce="1", AuthFailDelay="500")
+
+    def test_announce(self):
+        """Pushers answer the challenge that they know best; everybody watches, without a password."""
+        self.start(USERS=USERS, GUARD={"AnnounceAuth": "1", "StrictRoles": "1", "FreshNonce": "1"})
+        for make in (FfmpegPusher, GstPusher, OrxPusher):
+            with self.subTest(make.__name__):
+                pusher = self.push(make, credentials="admin:s3cret")
+                players = self.play(30, PLAYERS[:1], name=make.__name__)
+                self.assert_ended(players, 30)
+                self.end(pusher)
+                self.assert_shown(players, pusher)

@@ -31,9 +31,9 @@ class InteropCase(unittest.TestCase):
         self.children.append(child)
         return child
 
-    def push(self, make, **options):
+    def push(self, make, credentials="", **options):
         """Starts a pusher, and waits until its program runs."""
-        pusher = self.add(make(self.dir, self.server.url(), **options))
+        pusher = self.add(make(self.dir, self.server.url(credentials=credentials), **options))
         stat = self.server.wait_stat(lambda s: s.lives == 1)
         self.assertEqual(1, stat.lives, "programs that run: %r" % stat)
         return pusher

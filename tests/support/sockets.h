@@ -98,10 +98,15 @@ inline sockaddr_in Loopback(int nPort)
     return addr;
 }
 
-inline Sock Connect(int nPort)
+// nHost: who connects, as the last byte of an address of the loopback net.
+inline Sock Connect(int nPort, int nHost = 1)
 {
     Sock sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in addr = Loopback(nPort);
+    sockaddr_in addr = Loopback(0);
+    addr.sin_addr.s_addr = htonl(0x7F000000 | static_cast<uint32_t>(nHost));
+    if (nHost != 1)
+        bind(sock.fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr));
+    addr = Loopback(nPort);
     if (connect(sock.fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0)
         sock.Close();
     return sock;

@@ -55,7 +55,7 @@ struct TestCore {
         g_server.pPortMgr = &ports;
         PortMgrInit(&ports, g_settings.nUdpStartPort, g_settings.nUdpEndPort);
         SchedulerCreate(&g_server.scheduler);
-        SchedulerSetAfterProc(&g_server.scheduler, FreeRetired);
+        SchedulerSetAfterProc(&g_server.scheduler, FreeRetiredSlice);
         MonitorCreate(
             &g_server.monitor, [](void *, int, uint32_t, uint32_t) {}, nullptr);
     }

@@ -15,7 +15,7 @@ struct LowEnergyTest : testing::Test {
 
     void Start(int nLiveTime = 120)
     {
-        server = std::make_unique<LocalServer>("EnableLowEnergy=1\n", nLiveTime);
+        server = std::make_unique<LocalServer>("EnableLowEnergy=1\n[GUARD]\nStrictRoles=1\n", nLiveTime);
         url = server->Url("/cam");
         ASSERT_EQ(1, RtspOpenPusher(&pusher, url.c_str(), CameraSdp() + "a=NickName:front door\r\n"));
     }
@@ -53,8 +53,12 @@ TEST_F(LowEnergyTest, IdlePusherSleepsUntilSomebodyWatches)
     // silence of a pusher that sleeps is no fault, at none of the watchdog's visits every minute
     for (uint32_t nMs = 200000; nMs <= 700000; nMs += 100000)
         server->MoveClock(nMs);
+    ASSERT_EQ(1, RtspConnect(&player, url.c_str()));
+    EXPECT_THAT(Ask(&player, "DESCRIBE", "", "Authorization: Basic eDp5\r\n"), testing::StartsWith("RTSP/1.0 401"));
+    ASSERT_TRUE(Answers(&pusher));
+    EXPECT_TRUE(pusher.inbox.empty()) << "a wrong password wakes nobody";
     Watch();
-    ExpectTold("WAKE", pusher.nCSeq + 2);
+    ExpectTold("WAKE", pusher.nCSeq + 1);
     server->MoveClock(760000);  // the watchdog's next visit, before the pusher has anything to send again
     // what was cached before is not shown as if it were now
     ASSERT_EQ(1, RtspSetup(&player, 0, RTSP_OVER_TCP));

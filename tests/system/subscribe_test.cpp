@@ -89,6 +89,16 @@ TEST_F(SubscribeTest, GivesNoRightsElsewhere)
     EXPECT_THAT(Ask(&subscriber, "DESCRIBE", "/camera-of-events.zmf"), testing::StartsWith("RTSP/1.0 401 "));
     EXPECT_EQ(Reply("400 Bad Request(no CAMCONTROL yet)"),
               Ask(&subscriber, "CAMCONTROL", "/camera-of-events.zmf", "CamAction: up\r\n"));
+    // events of a program that it was only asked a password for are not for it
+    RtspClient other;
+    ASSERT_EQ(1, RtspOpenPusher(&other, server.Url("/other").c_str(), CameraSdp(3)));
+    ASSERT_EQ(Dated(), Subscribe(&subscriber, root));
+    EXPECT_THAT(Ask(&subscriber, "DESCRIBE", "/other"), testing::StartsWith("RTSP/1.0 401 "));
+    std::string packet = CameraPacket(kDataTrack, 1, 200, "secret");
+    EXPECT_EQ(1, RtspSendFrame(&other, kDataChannel, packet.data(), packet.size()));
+    EXPECT_TRUE(Answers(&other));
+    EXPECT_TRUE(Answers(&subscriber)) << "nothing but the reply";
+    EXPECT_TRUE(subscriber.inbox.empty() && subscriber.buffer.empty());
     EXPECT_EQ(Reply("400 Bad Request"), Subscribe(&subscriber, root, "/events.zmf"));
     EXPECT_EQ(1, RtspWaitClosed(&subscriber));
     EXPECT_TRUE(server.WaitOutput("pProg->bLive"));

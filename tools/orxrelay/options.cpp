@@ -1,7 +1,6 @@
 #include "options.h"
 
 #include "cli/options.h"
-#include "remote/zupo.h"
 
 namespace orx {
 
@@ -36,8 +35,6 @@ int RelayParseOptions(int argc, char **argv, RelayOptions *pOut)
     pOut->box = arguments.words[0];
     if (pOut->box.empty())
         return OptionsRefuse(&line, "the box's name is empty");
-    if (!pOut->server.empty() && pOut->box.size() >= kZupoGuidSize)
-        return OptionsRefuse(&line, "an identity has at most %zu characters", kZupoGuidSize - 1);
     return OPTIONS_GO_ON;
 }
 

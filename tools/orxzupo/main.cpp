@@ -49,7 +49,8 @@ static int Listen(Rendezvous *pServer, const ZupoOptions &options)
     }
     address.host = ip.s_addr;
     pServer->pHost = enet_host_create(&address, static_cast<size_t>(options.nMaxPeers), 1, 0, 0);
-    if (!pServer->pHost) {
+    if (!pServer->pHost ||
+        !UnetGateInit(&pServer->gate, pServer->pHost, 0, static_cast<uint32_t>(options.nPerAddress))) {
         fprintf(stderr, "orxzupo: cannot listen on UDP port %d: %s\n", options.nPort, strerror(errno));
         return 0;
     }
@@ -135,6 +136,7 @@ int main(int argc, char **argv)
     for (const auto &entry : server.parties)
         enet_peer_disconnect_now(entry.first, 0);  // so that boxes need not wait to notice
     enet_host_destroy(server.pHost);
+    UnetGateFree(&server.gate);
     enet_deinitialize();
     return ZUPO_EXIT_OK;
 }

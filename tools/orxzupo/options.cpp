@@ -22,6 +22,9 @@ static CommandLine ZupoCommandLine(ZupoOptions *pOut, std::string *pListen)
           "refusal list: an identity or an IPv4 address per line, # begins a comment; read again on SIGHUP",
           OptionText{&pOut->refusals}},
          {"max", "N", "boxes and clients at once", OptionWhole{&pOut->nMaxPeers, 1, 4095}},
+         {"per-address", "N",
+          "of these from one address, 127.0.0.1 apart, 0 is any number; boxes behind one NAT share theirs",
+          OptionWhole{&pOut->nPerAddress, 0, 4095}},
          {"quiet", "", "no messages about boxes that come and go", OptionFlag{&pOut->bQuiet}}},
         "Commands on standard input: list (the boxes registered), quit.\n\n"
         "Exit code: 0 ended by quit or a signal, 1 cannot listen, 2 the command line or the refusal list "

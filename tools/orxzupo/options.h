@@ -12,6 +12,7 @@ struct ZupoOptions {
     int nPort = kZupoDefaultPort;
     std::string refusals;  // file of the refusal list, empty: none
     int nMaxPeers = 1024;
+    int nPerAddress = 64;  // of these from one address; 0: any number
     int bQuiet = 0;
 };
 

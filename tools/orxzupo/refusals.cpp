@@ -4,6 +4,8 @@
 
 #include <fstream>
 
+#include "remote/zupo.h"
+
 namespace orx {
 
 // The line without its comment and the blanks around it.
@@ -29,7 +31,7 @@ int RefusalsLoad(const std::string &path, Refusals *pOut)
         if (inet_pton(AF_INET, text.c_str(), &address) == 1)
             list.addresses.insert(ntohl(address.s_addr));
         else if (!text.empty())
-            list.identities.insert(text);
+            list.identities.insert(text.substr(0, kZupoGuidSize - 1));  // as boxes and clients send it
     }
     if (in.bad())
         return 0;

@@ -177,7 +177,7 @@ static void OnReceive(Rendezvous *pServer, ENetPeer *pPeer, ENetPacket *pPacket)
 void RendezvousService(Rendezvous *pServer)
 {
     ENetEvent event{};
-    while (enet_host_service(pServer->pHost, &event, 0) > 0) {
+    while (UnetGateService(&pServer->gate, &event) > 0) {
         if (event.type == ENET_EVENT_TYPE_CONNECT)
             OnConnect(pServer, event.peer);
         else if (event.type == ENET_EVENT_TYPE_RECEIVE)

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "refusals.h"
+#include "remote/unetgate.h"
 #include "remote/zupo.h"
 
 namespace orx {
@@ -22,6 +23,7 @@ struct Party {
 
 struct Rendezvous {
     ENetHost *pHost = nullptr;
+    UnetGate gate;  // before the host
     Refusals refusals;
     std::map<ENetPeer *, Party> parties;
     std::map<std::string, ENetPeer *> boxes;  // by identity

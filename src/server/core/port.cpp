@@ -37,15 +37,6 @@ static void DeletePort(void *pRecord)
     delete pPort;
 }
 
-// A peer whose network vanished is noticed after a minute of silence, and goes away by itself.
-static void SetKeepAlive(int fd)
-{
-    SockSetOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
-    SockSetOption(fd, IPPROTO_TCP, TCP_KEEPIDLE, 30);
-    SockSetOption(fd, IPPROTO_TCP, TCP_KEEPINTVL, 10);
-    SockSetOption(fd, IPPROTO_TCP, TCP_KEEPCNT, 3);
-}
-
 static Port *RefuseTcp(Port *pPort)
 {
     print("WARNING: CreateTcpPort() failed! The socket 0x%x is invalid.\r\n", pPort->fd);
@@ -69,7 +60,7 @@ Port *CreateTcpPort(int fd)
     SockGetLocalName(fd, &pPort->local);
     SockSetOption(fd, IPPROTO_TCP, TCP_NODELAY,
                   1);  // a reply is on its way before a close resets the connection
-    SetKeepAlive(fd);
+    SockSetKeepAlive(fd);
     if (FindPort(fd) || !AvlInsert(&g_server.portMap, fd, pPort))
         return RefuseTcp(pPort);
     if (!MonitorAdd(&g_server.monitor, fd, MONITOR_READ | MONITOR_CLOSE, pPort->nGeneration))
@@ -138,6 +129,14 @@ Port *PortOfTask(const Task *pTask)
 void PortPostEvent(const Port *pPort, uint32_t nEvent, uint32_t nDelayMs)
 {
     g_server.events.pfnPost(pPort->fd, pPort->nGeneration, nEvent, nDelayMs);
+}
+
+void PortReadLater(Port *pPort)
+{
+    if (pPort->nFlags & PORT_MORE_WAITS)
+        return;
+    pPort->nFlags |= PORT_MORE_WAITS;
+    PortPostEvent(pPort, EVENT_MORE_INPUT, 1);  // not 0, which would go in front of everybody
 }
 
 int PortReadNow(const Port *pPort)

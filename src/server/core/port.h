@@ -62,6 +62,10 @@ constexpr uint32_t EVENT_POSTED_INPUT = 0x8000;  // run the parser on what the s
 constexpr uint32_t EVENT_MORE_INPUT = 0x8001;    // go on with a read that was cut short
 void PortPostEvent(const Port *pPort, uint32_t nEvent, uint32_t nDelayMs);
 
+// Has what the port still holds read and handled later, behind all that waits; until then its events do
+// nothing.
+void PortReadLater(Port *pPort);
+
 // Handles what the connection holds (see OnRead). Returns 0, or -1 when it was found closed, or silent for
 // too long, and the port was closed; a request may also have ended its session (bEnded).
 int PortReadNow(const Port *pPort);

@@ -105,6 +105,7 @@ void ProgramAttach(Session *pSession, Program *pProg)
     if (pSession->pProg == pProg)
         return;
     ProgramDetach(pSession);
+    SessionForgetViewer(pSession);
     pProg->nRefs++;
     pSession->pProg = pProg;
     if (pProg->pPusher != pSession)
@@ -116,6 +117,7 @@ void ProgramDetach(Session *pSession)
     Program *pProg = pSession->pProg;
     if (!pProg)
         return;
+    SessionForgetViewer(pSession);
     pSession->pProg = nullptr;
     if (pProg->pPusher == pSession) {
         pProg->pPusher = nullptr;

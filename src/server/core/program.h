@@ -106,6 +106,7 @@ struct Program {
     uint32_t nBornMs = 0;         // ClockMs() then
     List players;                 // attached sessions that are not the pusher, in order of creation
     Session *pPusher = nullptr;   // not owned; null once the pusher has gone, and for recordings
+    char szAnnouncer[64] = "";    // AnnounceAuth: the user who announced it
     ZMFReader *reader = nullptr;  // of a recording; null for live
     ZMFWriter *recorders[kMaxRecorders] = {};
     int nRecorders = 0;
@@ -165,8 +166,15 @@ Program *ProgramFind(const char *szPath);
 Program *ProgramFindWithSubstream(const char *szPath);
 
 // Attaches a session: it holds the program and counts in nRefs; detaching lets go, and the last one ends it.
+// Either way it is nobody afterwards (SessionForgetViewer), unless it held the program already.
 void ProgramAttach(Session *pSession, Program *pProg);
 void ProgramDetach(Session *pSession);
+
+// Whether the session is the pusher of the program that it holds.
+inline int FeedsProgram(const Session *pSession)
+{
+    return pSession->pProg && pSession->pProg->pPusher == pSession;
+}
 
 // Empties the cache and forgets its cursor and counts.
 void ProgramClearCache(Program *pProg);

@@ -6,6 +6,7 @@
 
 #include "base/avl.h"
 #include "base/linkedlist.h"
+#include "net/addrlist.h"
 #include "runtime/monitor.h"
 #include "runtime/portmgr.h"
 #include "runtime/task.h"
@@ -37,6 +38,7 @@ struct ServerConfig {
     Scheduler scheduler;
     EventProcs events;
     PortMgr *pPortMgr = nullptr;  // owned
+    AddrList announceFrom;        // [GUARD] AnnounceFrom
     int64_t nCachedBytes = 0;     // of memory, that the caches of all programs take
     int nMaxRegisterId = 0;       // number of the next name that REGISTER gives
     ProgramHook pfnProgramHook = nullptr;

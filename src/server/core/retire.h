@@ -15,7 +15,10 @@ struct Retired {
 // Has pfnFree(pRecord) called when the current callback is over. pRetired is the record's own member.
 void Retire(Retired *pRetired, void *pRecord, void (*pfnFree)(void *pRecord));
 
-// Frees what was retired; called after each callback of the scheduler, and when the server stops.
+// Frees what was retired: called after each callback of the scheduler. When many players end at once, their
+// queues take more than one such slice, and a task sees to it that another one comes.
+void FreeRetiredSlice();
+// Frees all of it, when the server stops.
 void FreeRetired();
 
 }  // namespace orx

@@ -106,11 +106,20 @@ struct SessionPlay {
     int bFinalReport = 0;      // a recording has ended, and the player is still to be told
 };
 
-// Who watches, by the accounts of the program that the session holds.
+// Who watches, by the accounts of the program that the session holds: goes with it (see SessionForgetViewer).
 struct SessionViewer {
     int nUserLevel = 3;  // 0 super user ... 3 nobody yet
     char szUser[64] = "";
-    int bAdmitted = 0;  // a DESCRIBE, QUICKPLAY or SUBSCRIBE of the program was answered 200
+    int bAdmitted = 0;    // a DESCRIBE, QUICKPLAY or SUBSCRIBE of the program was answered 200
+    int bChallenged = 0;  // StrictRoles: a password was asked for, of a program that may be there or not
+};
+
+// What this session has asked its program's pusher and was not answered: when, the oldest first (see
+// questions.h). Ends with the program held.
+constexpr uint32_t kMaxQuestions = 80;
+struct SessionQuestions {
+    uint32_t nOpen = 0;
+    uint32_t asked[kMaxQuestions] = {};  // ClockMs
 };
 
 // An answer that waits, because its address has shown too many wrong passwords, or because finding it takes
@@ -141,6 +150,7 @@ struct Session {
     SessionFlow flow;
     SessionPlay play;
     SessionViewer viewer;
+    SessionQuestions questions;
     SessionHold hold;
     int bEnded = 0;  // by SessionEnd: in no list, without ports and program
     Retired retired;
@@ -179,6 +189,11 @@ void SessionEnd(Session *pSession);
 
 // Ends every player of a pusher's program; does nothing for any other session.
 void SessionEndPlayers(Session *pSession);
+
+// What the accounts of one program allowed does not count at another: level, name, admission, subscription
+// and the questions that still wait for its pusher go. Called whenever a session changes or lets go of its
+// program.
+void SessionForgetViewer(Session *pSession);
 
 // Ends every session, in order of creation. When the server stops: main thread, no other one runs any more.
 void SessionEndAll();

@@ -24,11 +24,15 @@
 #include "server/methods/quickplay.h"
 #include "server/methods/recordex.h"
 #include "server/methods/register.h"
+#include "server/methods/roles.h"
 #include "server/methods/setup.h"
 #include "server/methods/subscribe.h"
 #include "server/methods/tunnel.h"
 
 namespace orx {
+
+// Some methods read files: whoever sends many of them at once lets others in between.
+constexpr int kMessagesPerCall = 32;
 
 // What became of the bytes at the cursor.
 enum class Step {
@@ -49,6 +53,7 @@ using MethodProc = Verdict (*)(Session *pSession, Port *pPort, Request *pRequest
 struct MethodEntry {
     const char *szName;  // compared without regard to case; the first match wins
     MethodProc pfnHandle;
+    Role eRole = Role::Anybody;  // what StrictRoles wants of who asks
 };
 
 static const MethodEntry g_methods[] = {
@@ -64,27 +69,29 @@ static const MethodEntry g_methods[] = {
     {"OPTIONS", HandleOptions},
     {"SET_PARAMETER", HandleSetParameter},
     {"GETPLAYLIST", HandleGetPlayList},
-    {"CAMCONTROL", HandleCamControl},
-    {"PUTVOICE", HandlePutVoice},
+    {"CAMCONTROL", HandleCamControl, Role::Viewer},
+    {"PUTVOICE", HandlePutVoice, Role::Viewer},
     {"PUTCAMCFG", HandlePutCamCfg},
-    {"GETCAMINFO", HandleGetCamInfo},
-    {"RECORDEX", HandleRecordEx},
+    {"GETCAMINFO", HandleGetCamInfo, Role::Viewer},
+    {"RECORDEX", HandleRecordEx, Role::Recorder},
     {"RESPOND", HandleRespond},
     {"GETCFGDIRECT", HandleGetCfgDirect},
     {"SETCFGDIRECT", HandleSetCfgDirect},
-    {"REGISTER", HandleRegister},
+    {"REGISTER", HandleRegister, Role::Neighbour},
     {"SUBSCRIBE", HandleSubscribe},
-    {"GETWIFIROUTERS", HandleGetWifiRouters},
+    {"GETWIFIROUTERS", HandleGetWifiRouters, Role::Neighbour},
     {"RECORD", HandleRecord},
 };
 
 static Verdict Dispatch(Session *pSession, Port *pPort, Request *pRequest)
 {
     for (const MethodEntry &method : g_methods) {
-        if (strcasecmp(method.szName, RequestMethod(pRequest)) == 0) {
-            WatchNote(method.szName);
-            return method.pfnHandle(pSession, pPort, pRequest);
-        }
+        if (strcasecmp(method.szName, RequestMethod(pRequest)) != 0)
+            continue;
+        WatchNote(method.szName);
+        Verdict eRefusal = Verdict::Keep;
+        return RoleMay(method.eRole, pSession, pPort, &eRefusal) ? method.pfnHandle(pSession, pPort, pRequest)
+                                                                 : eRefusal;
     }
     return HandleUnknown(pSession, pPort, pRequest);
 }
@@ -215,12 +222,13 @@ static int OnHoldOver(Task *pTask, uint32_t, uint32_t, uint32_t)
         return -1;
     pSession->hold.pPort = nullptr;
     pSession->nCSeq = pSession->hold.nCSeq;
-    pSession->hold.bOver = !pSession->hold.bStep;
+    pSession->hold.bOver |= !pSession->hold.bStep;
     pSession->hold.bStep = 0;
     pSession->peer.tLastActivity = ClockUptime();  // nothing was read, however long one may be silent
     uint32_t nAt = 0;
     Step step = RunHandler(pSession, pPort, &nAt);
-    pSession->hold.bOver = 0;
+    if (!pSession->hold.pPort)
+        pSession->hold.bOver = 0;
     if (step != Step::Gone)
         PortPostEvent(pPort, EVENT_POSTED_INPUT, 0);
     return -1;
@@ -297,30 +305,28 @@ static uint32_t WorkOf(const Session *pSession, int bFrame)
     return !bFrame ? kSliceLook : pSession->pProg ? 2 + ListCount(&pSession->pProg->players) : 1;
 }
 
-// What the buffer still holds is handled behind all that waits.
-static void GoOnLater(Port *pPort)
-{
-    if (!(pPort->nFlags & PORT_MORE_WAITS))
-        PortPostEvent(pPort, EVENT_MORE_INPUT, 1);
-    pPort->nFlags |= PORT_MORE_WAITS;
-}
-
 int HandleInput(Session *pSession, Port *pPort)
 {
     if (pSession->hold.pPort)
         return 1;
     uint32_t nAt = 0;
+    int nMessages = 0;
     Slice slice = SliceBegin();
     ForgetOtherPort(pSession, pPort);
     while (nAt < pSession->input.nLen) {
+        if (nMessages == kMessagesPerCall) {
+            PortReadLater(pPort);
+            break;
+        }
         int bFrame = pSession->input.pBuf[nAt] == '$';
         Step step = bFrame ? TakeFrame(pSession, &nAt) : TakeMessage(pSession, pPort, &nAt);
+        nMessages += !bFrame;
         if (step == Step::Gone)
             return 0;
         if (step == Step::Wait)
             break;
         if (SliceOver(&slice, WorkOf(pSession, bFrame)) && nAt < pSession->input.nLen) {
-            GoOnLater(pPort);
+            PortReadLater(pPort);
             break;
         }
     }

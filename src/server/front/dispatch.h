@@ -6,8 +6,9 @@
 
 namespace orx {
 
-// Works off what the receive buffer holds, for some milliseconds: then PORT_MORE_WAITS is set and the rest is
-// left to EVENT_MORE_INPUT. Nothing while an answer waits. Returns 1, or 0 when the session has ended.
+// Works off what the receive buffer holds; of many messages some, and nothing that some milliseconds do not
+// suffice for: the rest comes later (PortReadLater). Nothing while an answer waits. Returns 1, or 0 when the
+// session has ended.
 int HandleInput(Session *pSession, Port *pPort);
 
 }  // namespace orx

@@ -8,6 +8,7 @@
 #include "base/assertion.h"
 #include "base/console.h"
 #include "runtime/clock.h"
+#include "runtime/slice.h"
 #include "runtime/sockutil.h"
 #include "server/core/program.h"
 #include "server/core/registry.h"
@@ -29,7 +30,7 @@ static int g_nAcceptAgainMs = 0;  // a further look for connections is scheduled
 static constexpr size_t kBytesPerEvent = 65536;
 static constexpr int kDatagramsPerEvent = 64;
 static constexpr int kAcceptsPerEvent = 64;
-static constexpr int kMoreDelayMs = 1;  // not 0, which would go in front of everybody
+static constexpr int kMoreDelayMs = 1;
 
 // Seconds; more than that is a clock that was set, not silence.
 static constexpr uint32_t kLongestSilence = 1000;
@@ -86,7 +87,8 @@ static int AcceptSome(int fdListen)
         if (fd < 0 && errno == EAGAIN)
             return 0;
         if (fd < 0) {
-            print("accept(socket=0x%x) err=%d.\r\n", fdListen, errno);
+            if (g_nAcceptAgainMs != kAcceptRetryMs)  // told once, not with every further try
+                print("accept(socket=0x%x) err=%d.\r\n", fdListen, errno);
             return kAcceptRetryMs;
         }
         Session *pSession = OpenSession(fd);
@@ -183,14 +185,6 @@ static int IsOfPeer(const Session *pSession, const sockaddr_in *pFrom)
     return pPort && SockGetIp(&pPort->remote) == SockGetIp(pFrom);
 }
 
-// What a port still holds is read later, behind all that waits.
-static int ReadMoreLater(Port *pPort)
-{
-    pPort->nFlags |= PORT_MORE_WAITS;
-    PortPostEvent(pPort, EVENT_MORE_INPUT, kMoreDelayMs);
-    return 0;
-}
-
 // Reads the datagrams of a media socket. They never mix with the text of the control connection: each is a
 // sign of life, is looked at by itself, and is gone. An empty one, sent to open a NAT, is as good as any.
 static int ReadUdp(Session *pSession, Port *pPort)
@@ -210,7 +204,8 @@ static int ReadUdp(Session *pSession, Port *pPort)
         NoteReceived(pSession, static_cast<size_t>(n));
         OnDatagram(pSession, pPort, data, static_cast<size_t>(n));
     }
-    return ReadMoreLater(pPort);
+    PortReadLater(pPort);
+    return 0;
 }
 
 // Takes what was received into the buffer and parses it. 0 when the session is gone.
@@ -252,23 +247,29 @@ static int MayBeSilent(const Session *pSession)
     return (pSession->nFlags & SESSION_PUSHER) && pSession->pProg && pSession->pProg->sleep.bSleeping;
 }
 
+// What comes is left where it is: until the port's turn comes again, or until the other half of a tunnel
+// comes.
+static int MayNotRead(const Session *pSession, const Port *pPort)
+{
+    return (pPort->nFlags & PORT_MORE_WAITS) || (pSession->nFlags & SESSION_TUNNEL_POST);
+}
+
 static int ReadTcp(Session *pSession, Port *pPort)
 {
     char text[2048];
     char *pRaw = nullptr;
     ssize_t n = 0;
     size_t nRead = 0;
+    Slice slice = SliceBegin();
     while (!pSession->hold.pPort && (n = Receive(pSession, pPort, text, sizeof(text), &pRaw)) > 0) {
         if (!TakeInput(pSession, pPort, pRaw, static_cast<size_t>(n)))
             return 0;
         FlushAfterRead(pSession);
-        if (pSession->nFlags & SESSION_TUNNEL_POST)
-            return 0;
         nRead += static_cast<size_t>(n);
-        if (pPort->nFlags & PORT_MORE_WAITS)  // the buffer takes no more before it is worked off
+        if (nRead >= kBytesPerEvent || SliceOver(&slice, kSliceLook))
+            PortReadLater(pPort);
+        if (MayNotRead(pSession, pPort))
             return 0;
-        if (nRead >= kBytesPerEvent)
-            return ReadMoreLater(pPort);
     }
     if (pSession->hold.pPort)  // the rest is read when its answer has gone
         return 0;
@@ -295,7 +296,7 @@ int OnRead(int fd)
         return -1;
     }
     ORX_ASSERT(pPort && pSession, "!port && !session");
-    if ((pPort->nFlags & PORT_MORE_WAITS) || (pSession->nFlags & SESSION_TUNNEL_POST))
+    if (MayNotRead(pSession, pPort))
         return 0;
     return pPort->nType == PORT_UDP ? ReadUdp(pSession, pPort) : ReadTcp(pSession, pPort);
 }
@@ -321,21 +322,26 @@ static void OnPostedInput(int fd)
         return;
     if (pSession->nFlags & SESSION_TUNNEL_POST)
         TunnelPairPost(pSession, pPort);
-    else if (HandleInput(pSession, pPort))
-        OnRead(
-            fd);  // more than the buffer took may wait in the socket, which reports nothing again by itself
+    else if (HandleInput(pSession, pPort))  // more than the buffer took may wait, and is not reported again
+        OnRead(fd);
 }
 
+// Goes on with what the buffer holds, or else with the socket: both in one task would take too long.
 static void OnMoreInput(int fd, Port *pPort)
 {
     if (!pPort)
         return;
     pPort->nFlags &= static_cast<uint16_t>(~PORT_MORE_WAITS);
     Session *pSession = FindSession(fd);
-    if (pSession && pPort->nType == PORT_TCP && pSession->input.nLen > 0) {
-        if (!HandleInput(pSession, pPort))
+    if (pSession && pPort->nType == PORT_TCP && !(pSession->nFlags & SESSION_TUNNEL_POST)) {
+        uint32_t nHeld = pSession->input.nLen;
+        if (nHeld > 0 && !HandleInput(pSession, pPort))
             return;
-        FlushAfterRead(pSession);
+        if (pSession->input.nLen < nHeld) {
+            FlushAfterRead(pSession);
+            PortReadLater(pPort);
+            return;
+        }
     }
     OnRead(fd);
 }

@@ -12,6 +12,7 @@
 #include "net/ifaddr.h"
 #include "remote/httpproxy.h"
 #include "remote/unet.h"
+#include "runtime/mutexguard.h"
 #include "runtime/sockutil.h"
 #include "server/core/registry.h"
 #include "server/core/settings.h"
@@ -58,9 +59,11 @@ static void InitHandOvers(List *pList)
 static int OnHandOver(Task *, uint32_t, uint32_t, uint32_t)
 {
     RemoteServices *pRemote = g_pRemote;
-    pthread_mutex_lock(&pRemote->mutex);
-    auto *pHandOver = static_cast<HandOver *>(ListFirst(&pRemote->handOvers, LIST_DETACH));
-    pthread_mutex_unlock(&pRemote->mutex);
+    HandOver *pHandOver;
+    {
+        MutexGuard lock(&pRemote->mutex);
+        pHandOver = static_cast<HandOver *>(ListFirst(&pRemote->handOvers, LIST_DETACH));
+    }
     RtspSessionCreate(std::exchange(pHandOver->fd, -1), pHandOver->pData, pHandOver->nLen);
     FreeHandOver(nullptr, pHandOver);
     return -1;
@@ -82,35 +85,50 @@ static int AcceptTunnel(void *pContext, int fd, const void *pData, size_t nLen)
     memcpy(pHandOver->pData, pData, nLen);
     pHandOver->nLen = nLen;
     pHandOver->fd = sock.Release();
-    pthread_mutex_lock(&pRemote->mutex);
-    ListAppend(&pRemote->handOvers, pHandOver);
-    pthread_mutex_unlock(&pRemote->mutex);
+    {
+        MutexGuard lock(&pRemote->mutex);
+        ListAppend(&pRemote->handOvers, pHandOver);
+    }
     TaskSchedule(&g_server.scheduler, OnHandOver, 0, fd, nullptr);
     return 1;
 }
 
 static int StartProxy(RemoteServices *pRemote)
 {
-    return HttpProxyStart(&pRemote->proxy, g_settings.szListenIp,
-                          static_cast<int>(g_settings.nHttpProxyListenPort), g_settings.szHttpProxyTargetIp,
-                          static_cast<int>(g_settings.nHttpProxyTargetPort), AcceptTunnel, pRemote);
+    HttpProxySettings settings;
+    settings.szListenIp = g_settings.szListenIp;
+    settings.nListenPort = static_cast<int>(g_settings.nHttpProxyListenPort);
+    settings.szTargetIp = g_settings.szHttpProxyTargetIp;
+    settings.nTargetPort = static_cast<int>(g_settings.nHttpProxyTargetPort);
+    settings.nMaxRelays = g_settings.nMaxWebRelays;
+    settings.pfnHandOver = AcceptTunnel;
+    settings.pContext = pRemote;
+    return HttpProxyStart(&pRemote->proxy, &settings);
 }
 
 static void Register(RemoteServices *pRemote)
 {
     int nPort = static_cast<int>(g_settings.nZupoPort);
     if (strlen(g_settings.szDeviceGuid) <= kShortGuid)
-        return;
-    ZupoRegisterCreate(&pRemote->unet, g_settings.szZupoServer, nPort, g_settings.szConfigPath);
-    print("ZupoRegisterCreate(Server: %s:%d)\r\n", g_settings.szZupoServer, nPort);
+        print("Not registered: DeviceGuid has no more than %d characters.\r\n", static_cast<int>(kShortGuid));
+    else if (ZupoRegisterCreate(&pRemote->unet, g_settings.szZupoServer, nPort, g_settings.szConfigPath))
+        print("ZupoRegisterCreate(Server: %s:%d)\r\n", g_settings.szZupoServer, nPort);
+    else
+        print("Not registered: %s:%d is no server.\r\n", g_settings.szZupoServer, nPort);
 }
 
 static int StartRelay(RemoteServices *pRemote)
 {
     UnetSettings settings;
-    settings.szBindIp = g_settings.szListenIp;
+    sockaddr_in bindTo{};
+    if (!SockSetAddr(&bindTo, g_settings.szListenIp, static_cast<int>(g_settings.nListenPort))) {
+        print("Unet: ListenIp=%s is no address that is known.\r\n", g_settings.szListenIp);
+        return 0;
+    }
+    settings.nBindIp = SockGetIp(&bindTo);
     settings.nPort = static_cast<int>(g_settings.nUnetPort);
     settings.nRtspPort = static_cast<int>(g_settings.nListenPort);
+    settings.nPerAddress = g_settings.nMaxRelayPeersPerAddress;
     settings.pfnGetAddress = NetGetAddress;
     settings.szCfgPath = g_settings.szConfigPath;
     if (!UnetStart(&pRemote->unet, &settings))

@@ -64,7 +64,7 @@ static int CreateScheduler()
 {
     if (!SchedulerCreate(&g_server.scheduler))
         return 0;
-    SchedulerSetAfterProc(&g_server.scheduler, FreeRetired);
+    SchedulerSetAfterProc(&g_server.scheduler, FreeRetiredSlice);
     return 1;
 }
 
@@ -110,6 +110,7 @@ int ServerStart(const char *szConfigPath)
         ClearServer();
         return 0;
     }
+    AddrListParse(&g_server.announceFrom, g_settings.szAnnounceFrom, "AnnounceFrom");
     g_server.nMaxRegisterId = GuidStoreNextId(g_settings.szGuidPath);
     EventsInit();
     SeedRandom();

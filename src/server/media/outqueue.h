@@ -75,7 +75,8 @@ inline int QueueIsFull(const Session *pSession)
 }
 int QueueRelieve(Session *pSession);
 
-// Whether a peer lets replies, or requests to it, wait without end because it does not read.
+// Whether a peer lets replies, or the server's requests to it, wait without end because it does not read.
+// What players ask a pusher does not count: it is bounded by who asks, not at the cost of the pusher.
 int RepliesPileUp(const Session *pSession);
 
 // Drop what waits; of what is partly written the rest stays, so that the stream remains whole. Packets of a

@@ -38,6 +38,7 @@ static constexpr StatusRow g_statuses[] = {
     {STATUS_NOT_FOUND, HEAD_BOTH, "RTSP/1.0 404 Not Found"},
     {STATUS_NOT_ALLOWED, HEAD_BOTH, "RTSP/1.0 405 Method Not Allowed"},
     {STATUS_WRONG_STATE, HEAD_BOTH, "RTSP/1.0 455 Method Not Valid in This State"},
+    {STATUS_OTHER_TRANSPORT, HEAD_BOTH, "RTSP/1.0 461 Unsupported Transport"},
     {STATUS_NO_TRANSPORT, HEAD_BOTH, "RTSP/1.0 500 Internal error"},
     {STATUS_NOT_IMPLEMENTED, HEAD_SERVER, "RTSP/1.0 500 Not implemented"},
     {STATUS_FAILED, HEAD_BOTH, "RTSP/1.0 501 Internal error"},
@@ -102,7 +103,10 @@ int RequestSend(Message *pRequest, const void *pBody, size_t nBody, size_t nMost
     if (!pPort)
         return -1;
     pPeer->nCSeq++;
-    return SendReply(pPeer, pPort, pRequest->sz, pRequest->text.nLen) ? 1 : -1;
+    size_t nLen = pRequest->text.nLen;
+    int bSent = pRequest->nAsker ? SendQuestion(pPeer, pPort, pRequest->sz, nLen, pRequest->nAsker)
+                                 : SendReply(pPeer, pPort, pRequest->sz, nLen);
+    return bSent ? 1 : -1;
 }
 
 void MessageNoCache(Message *pMessage)

@@ -32,6 +32,7 @@ enum Status {
     STATUS_NOT_FOUND,
     STATUS_NOT_ALLOWED,
     STATUS_WRONG_STATE,
+    STATUS_OTHER_TRANSPORT,
     STATUS_NO_TRANSPORT,
     STATUS_NOT_IMPLEMENTED,
     STATUS_FAILED,
@@ -51,6 +52,7 @@ struct Message {
     Port *pPort;                   // that the request came on; of a request to a pusher null until it is sent
     char sz[kMaxHeadBytes + 256];  // a header block that is passed on, and lines around it
     TextBuf text{sz, sizeof(sz)};
+    uint32_t nAsker = 0;  // of a player's question to a pusher: the handle of who asks
     Message(Session *pForSession, Port *pByPort) : pSession(pForSession), pPort(pByPort) {}
     Message(const Message &) = delete;
     Message &operator=(const Message &) = delete;

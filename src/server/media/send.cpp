@@ -216,6 +216,18 @@ int SendReply(Session *pSession, Port *pPort, const void *pText, size_t nLen)
     return SendReply2(pSession, pPort, pText, nLen, nullptr, 0, nullptr);
 }
 
+int SendQuestion(Session *pPusher, Port *pPort, const void *pText, size_t nLen, uint32_t nAsker)
+{
+    DataBlock *pBlock = MakeReplyBlock(pText, nLen);
+    if (!pBlock)
+        return 1;  // lost, as one that the pusher never answers
+    pBlock->nFlags |= DB_QUESTION;
+    pBlock->nSerial = nAsker;
+    pBlock->nTimestamp = ClockMs();
+    BlockListAppend(&pPusher->out.Outq, pBlock);
+    return SendDataEx(pPusher, ReplyPort(pPusher, pPort), 0);
+}
+
 int SendReply2(Session *pSession, Port *pPort, const void *pText, size_t nLen, const void *pBody,
                size_t nBody, DataBlock *pBefore)
 {

@@ -23,6 +23,10 @@ void SendStartBurst(Session *pSession, uint32_t nBlocks, uint32_t nBytes);
 // SendDataEx; 0 as well for a peer that lets more than a thousand such texts wait.
 int SendReply(Session *pSession, Port *pPort, const void *pText, size_t nLen);
 
+// Queues a request that the session with the handle nAsker makes of a pusher, and sends. Result of
+// SendDataEx.
+int SendQuestion(Session *pPusher, Port *pPort, const void *pText, size_t nLen, uint32_t nAsker);
+
 // One operation: the reply, an optional body behind it, and an optional queued block that both stand before.
 int SendReply2(Session *pSession, Port *pPort, const void *pText, size_t nLen, const void *pBody,
                size_t nBody, DataBlock *pBefore);

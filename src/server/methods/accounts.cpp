@@ -23,10 +23,30 @@ static int FindInFile(const char *szUser, Account *pOut)
     return bFound;
 }
 
-static int MaySeeProgram(const Account *pAccount, const Program *pProg)
+static int Separates(char c)
+{
+    return c == '\0' || strchr(" \t,;|", c) != nullptr;
+}
+
+// Whether a name in a list stands for itself, and is no part of a longer one. A '/' may lead it.
+static int IsWhole(const char *szList, const char *pName, size_t nName)
+{
+    if (pName > szList && pName[-1] == '/')
+        pName--, nName++;
+    return (pName == szList || Separates(pName[-1])) && Separates(pName[nName]);
+}
+
+int MaySeeProgram(const Account *pAccount, const Program *pProg)
 {
     const char *szName = pProg->Uri[0] == '/' ? pProg->Uri + 1 : pProg->Uri;
-    return pAccount->bSuper || strstr(pAccount->szDevices, szName) != nullptr;
+    size_t nName = strlen(szName);
+    if (pAccount->bSuper)
+        return 1;
+    const char *szList = pAccount->szDevices;
+    for (const char *p = strstr(szList, szName); p; p = *p ? strstr(p + 1, szName) : nullptr)
+        if (!g_settings.bStrictRoles || IsWhole(szList, p, nName))
+            return 1;
+    return 0;
 }
 
 int AccountsFind(const Program *pProg, const char *szUser, Account *pOut)

@@ -13,6 +13,10 @@ namespace orx {
 // Returns 1, 0 for an unknown user, or -1 when the file cannot be read and pProg is null.
 int AccountsFind(const Program *pProg, const char *szUser, Account *pOut);
 
+// Whether the list of programs in an account of the configuration names the program: anywhere, or with
+// StrictRoles whole, between blanks, commas, semicolons and bars.
+int MaySeeProgram(const Account *pAccount, const Program *pProg);
+
 // Where the authenticator looks.
 struct AccountScope {
     const Program *pProg = nullptr;  // not owned; null: the configuration file alone

@@ -14,11 +14,11 @@
 #include "server/media/sleep.h"
 #include "server/methods/auth.h"
 #include "server/methods/credentials.h"
+#include "server/methods/peer.h"
 
 namespace orx {
 
 constexpr uint32_t kFileBuffer = 65536;  // bytes of a session's read buffer for recordings
-constexpr int kNobodysLevel = 3;         // until a password was shown
 
 int ChooseReplyPort(Session *pSession, Port *pPort)
 {
@@ -66,43 +66,125 @@ static Program *OpenFileProgram(Session *pSession, const char *szPath, int *pbMo
     return pProg;
 }
 
-Verdict AttachByPath(Session *pSession, Port *pPort, Request *pRequest)
+Program *FindProgram(Session *pSession, const char *szPath)
 {
-    const char *szPath = RequestPath(pRequest);
     if (pSession->pProg && !NamesProgram(szPath, pSession->pProg))
         ProgramDetach(pSession);
-    Program *pProg = pSession->pProg;
+    return pSession->pProg ? pSession->pProg : ProgramFindWithSubstream(szPath);
+}
+
+Verdict AttachFound(Session *pSession, Port *pPort, Program *pFound, const char *szPath)
+{
     int bMore = 0;
-    if (!pProg)
-        pProg = ProgramFindWithSubstream(szPath);
-    if (!pProg)
-        pProg = OpenFileProgram(pSession, szPath, &bMore);
+    Program *pProg = pFound ? pFound : OpenFileProgram(pSession, szPath, &bMore);
     if (bMore)
         return SessionNextStep(pSession);
     if (!pProg) {
         ReplyStatus(pSession, pPort, STATUS_NOT_FOUND);
         return Verdict::End;
     }
-    if (pProg != pSession->pProg) {  // what the accounts of another program allowed does not count here
-        pSession->viewer.nUserLevel = kNobodysLevel;
-        pSession->viewer.szUser[0] = '\0';
-    }
     ProgramAttach(pSession, pProg);
     ProgramWake(pProg);
     return Verdict::Keep;
 }
 
-static Admission Challenge(Session *pSession, Port *pPort, int bStale)
+AccountsAt::AccountsAt(const Program *pFound, const char *szPath)
 {
+    unopened.Uri = const_cast<char *>(szPath);
+    pProg = pFound ? pFound : &unopened;
+}
+
+Verdict ReplyChallenge(Session *pSession, Port *pPort, int bStale)
+{
+    unsigned nScheme = g_settings.nAuthType == AUTH_NONE ? unsigned{AUTH_BASIC} : g_settings.nAuthType;
     Message reply(pSession, pPort);
     ReplyBeginNumbered(&reply, STATUS_UNAUTHORIZED, pSession->nCSeq);  // the request will come again
-    CredentialChallenge(pPort, g_settings.nAuthType, bStale, &reply.text);
-    return MessageSend(&reply) == Verdict::Keep ? CHALLENGED : ENDED;
+    CredentialChallenge(pPort, nScheme, bStale, &reply.text);
+    return MessageSend(&reply);
+}
+
+static Admission Challenge(const CredentialCheck *pCheck, Port *pPort, int bStale)
+{
+    return ReplyChallenge(pCheck->pSession, pPort, bStale) == Verdict::Keep ? CHALLENGED : ENDED;
 }
 
 // Checks the credentials of a DESCRIBE or QUICKPLAY and answers when they do not let the player in.
-static Admission Admit(Session *pSession, Port *pPort, const Request *pRequest)
+static Admission Admit(const CredentialCheck *pCheck, Port *pPort, CheckedUser *pUser)
 {
+    switch (CheckAuthorization(pCheck, g_settings.nAuthType, pUser)) {
+        case CREDENTIAL_MISSING:
+            return Challenge(pCheck, pPort, 0);
+        case CREDENTIAL_STALE:
+            return Challenge(pCheck, pPort, 1);
+        case CREDENTIAL_WAITS:
+            return POSTPONED;
+        case CREDENTIAL_WRONG:
+        case CREDENTIAL_NO_FILE:
+            return ReplyShort(pCheck->pSession, pPort, STATUS_FORBIDDEN) == Verdict::Keep ? REFUSED : ENDED;
+        case CREDENTIAL_RIGHT:
+            break;
+    }
+    return ADMITTED;
+}
+
+// The same where nobody is asked for a password: one that is shown all the same has to be right, and gives
+// its level. Who shows none stays who he is at this program.
+static Admission AdmitUnasked(const CredentialCheck *pCheck, Port *pPort, CheckedUser *pUser)
+{
+    const SessionViewer *pViewer = &pCheck->pSession->viewer;
+    switch (CheckAuthorization(pCheck, AUTH_BASIC, pUser)) {
+        case CREDENTIAL_MISSING:
+            if (pCheck->pSession->pProg) {
+                TextCopy(pUser->szUser, sizeof(pUser->szUser), pViewer->szUser);
+                pUser->account.nLevel = pViewer->nUserLevel;
+            }
+            return ADMITTED;
+        case CREDENTIAL_WAITS:
+            return POSTPONED;
+        case CREDENTIAL_WRONG:
+        case CREDENTIAL_NO_FILE:
+        case CREDENTIAL_STALE:
+            return Challenge(pCheck, pPort, 0);
+        case CREDENTIAL_RIGHT:
+            break;
+    }
+    return ADMITTED;
+}
+
+static Admission NotAttached(Verdict eVerdict)
+{
+    return eVerdict == Verdict::Later ? POSTPONED : ENDED;
+}
+
+// StrictRoles: nothing is opened, woken or told before the password is right. On the box itself a program is
+// held for RECORDEX, which needs none there.
+static Admission CheckAndEnter(Session *pSession, Port *pPort, const Request *pRequest)
+{
+    const char *szPath = RequestPath(pRequest);
+    Program *pFound = FindProgram(pSession, szPath);
+    if (pFound && PeerIsOwnShell(pPort))
+        ProgramAttach(pSession, pFound);
+    AccountsAt accounts(pFound, szPath);
+    CredentialCheck check{pSession, pPort, pRequest, accounts.pProg};
+    CheckedUser user;
+    Admission eResult =
+        g_settings.nAuthType == AUTH_NONE ? AdmitUnasked(&check, pPort, &user) : Admit(&check, pPort, &user);
+    pSession->viewer.bChallenged |= eResult == CHALLENGED || eResult == REFUSED;
+    if (eResult != ADMITTED)
+        return eResult;
+    Verdict eAttached = AttachFound(pSession, pPort, pFound, szPath);
+    if (eAttached != Verdict::Keep)
+        return NotAttached(eAttached);
+    ViewerSet(pSession, &user);
+    return ADMITTED;
+}
+
+static Admission EnterAndCheck(Session *pSession, Port *pPort, const Request *pRequest)
+{
+    const char *szPath = RequestPath(pRequest);
+    Verdict eAttached = AttachFound(pSession, pPort, FindProgram(pSession, szPath), szPath);
+    if (eAttached != Verdict::Keep)
+        return NotAttached(eAttached);
     if (g_settings.nAuthType == AUTH_NONE) {
         pSession->viewer.nUserLevel = 0;
         return ADMITTED;
@@ -110,24 +192,13 @@ static Admission Admit(Session *pSession, Port *pPort, const Request *pRequest)
     // the accounts are those of the program that is entered, whatever the URL would find by now
     CredentialCheck check{pSession, pPort, pRequest, pSession->pProg};
     CheckedUser user;
-    switch (CheckAuthorization(&check, g_settings.nAuthType, &user)) {
-        case CREDENTIAL_MISSING:
-            return Challenge(pSession, pPort, 0);
-        case CREDENTIAL_STALE:
-            return Challenge(pSession, pPort, 1);
-        case CREDENTIAL_WAITS:
-            return POSTPONED;
-        case CREDENTIAL_WRONG:
-        case CREDENTIAL_NO_FILE:
-            return ReplyShort(pSession, pPort, STATUS_FORBIDDEN) == Verdict::Keep ? REFUSED : ENDED;
-        case CREDENTIAL_RIGHT:
-            break;
-    }
-    ViewerSet(pSession, &user);
-    return ADMITTED;
+    Admission eResult = Admit(&check, pPort, &user);
+    if (eResult == ADMITTED)
+        ViewerSet(pSession, &user);
+    return eResult;
 }
 
-Admission EnterProgram(Session *pSession, Port *pPort, Request *pRequest)
+Admission EnterProgram(Session *pSession, Port *pPort, const Request *pRequest)
 {
     if (pSession->nState != STATE_NEW) {
         ReplyStatus(pSession, pPort, STATUS_WRONG_STATE);
@@ -135,10 +206,8 @@ Admission EnterProgram(Session *pSession, Port *pPort, Request *pRequest)
     }
     if (!ChooseReplyPort(pSession, pPort))
         return ENDED;
-    Verdict eVerdict = AttachByPath(pSession, pPort, pRequest);
-    if (eVerdict != Verdict::Keep)
-        return eVerdict == Verdict::Later ? POSTPONED : ENDED;
-    return Admit(pSession, pPort, pRequest);
+    return g_settings.bStrictRoles ? CheckAndEnter(pSession, pPort, pRequest)
+                                   : EnterAndCheck(pSession, pPort, pRequest);
 }
 
 }  // namespace orx

@@ -10,10 +10,25 @@ namespace orx {
 // a tunnel without its GET half failed: there is then nowhere to send a reply to.
 int ChooseReplyPort(Session *pSession, Port *pPort);
 
-// Looks the program up that the request's path names (detaching from another one first), attaches and wakes.
-// Verdict::Keep when it has; Verdict::End when nothing is found, with the 404 sent; Verdict::Later when
-// finding it takes another step.
-Verdict AttachByPath(Session *pSession, Port *pPort, Request *pRequest);
+// The program that a path asks for: the one that the session holds (any other one is let go of), else a live
+// one. Null: at most a recording has that path.
+Program *FindProgram(Session *pSession, const char *szPath);
+
+// Attaches to the program found, which is woken, or to a recording, which is opened. Verdict::Keep when it
+// has; Verdict::End when there is none, with the 404 sent; Verdict::Later when opening it takes another step.
+Verdict AttachFound(Session *pSession, Port *pPort, Program *pFound, const char *szPath);
+
+// Whose accounts count at a path: those of the program found there, else those of a recording of that name,
+// whether there is one or not.
+struct AccountsAt {
+    const Program *pProg;
+    AccountsAt(const Program *pFound, const char *szPath);  // both outlive it
+    AccountsAt(const AccountsAt &) = delete;
+    AccountsAt &operator=(const AccountsAt &) = delete;
+
+private:
+    Program unopened;  // nothing but a path
+};
 
 enum Admission {
     ADMITTED,
@@ -25,7 +40,10 @@ enum Admission {
 
 // State, reply port, program and credentials of a DESCRIBE or QUICKPLAY. Returns ADMITTED, or why not, with
 // the reply sent.
-Admission EnterProgram(Session *pSession, Port *pPort, Request *pRequest);
+Admission EnterProgram(Session *pSession, Port *pPort, const Request *pRequest);
+
+// Asks for a password as AuthType has it (Basic with AuthType 0): the 401 that keeps the connection.
+Verdict ReplyChallenge(Session *pSession, Port *pPort, int bStale);
 
 // What a method says of its session when it is not admitted; a refusal that was sent ends it or not.
 inline Verdict NotAdmitted(Admission eAdmission, Verdict eRefused)

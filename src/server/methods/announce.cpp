@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "base/console.h"
+#include "base/textbuf.h"
 #include "runtime/sockutil.h"
 #include "server/core/settings.h"
 #include "server/core/tracks.h"
@@ -10,20 +11,70 @@
 #include "server/media/replies.h"
 #include "server/media/sleep.h"
 #include "server/methods/admit.h"
+#include "server/methods/auth.h"
+#include "server/methods/credentials.h"
+#include "server/methods/peer.h"
 
 namespace orx {
 
 constexpr int kSleepingPeriodMs = 60000;  // between two looks at a sleeping program
 
+constexpr int kPusherLevel = 2;  // AnnounceAuth: announcing needs a user level below this
+
+static Verdict AskForPassword(Session *pSession, Port *pPort, int bStale)
+{
+    Message reply(pSession, pPort);
+    ReplyBeginNumbered(&reply, STATUS_UNAUTHORIZED, pSession->nCSeq);  // the request will come again
+    for (unsigned nScheme : {AUTH_DIGEST, AUTH_BASIC})                 // many take the first that they know
+        CredentialChallenge(pPort, nScheme, bStale, &reply.text);
+    return MessageSend(&reply);
+}
+
+// AnnounceAuth: whether an account of the configuration that may announce was shown. Returns 1, or 0 with the
+// refusal sent and its verdict in *pVerdict.
+static int ShowsAccount(Session *pSession, Port *pPort, const Request *pRequest, CheckedUser *pUser,
+                        Verdict *pVerdict)
+{
+    CredentialCheck check{pSession, pPort, pRequest, nullptr};
+    Credential eResult = CheckAuthorization(&check, AUTH_DIGEST, pUser);
+    if (eResult == CREDENTIAL_MISSING)
+        eResult = CheckAuthorization(&check, AUTH_BASIC, pUser);
+    switch (eResult) {
+        case CREDENTIAL_RIGHT:
+            break;
+        case CREDENTIAL_WAITS:
+            *pVerdict = Verdict::Later;
+            return 0;
+        case CREDENTIAL_MISSING:
+        case CREDENTIAL_WRONG:
+        case CREDENTIAL_NO_FILE:
+        case CREDENTIAL_STALE:
+            *pVerdict = AskForPassword(pSession, pPort, eResult == CREDENTIAL_STALE);
+            return 0;
+    }
+    if (pUser->account.nLevel < kPusherLevel)
+        return 1;
+    ReplyShort(pSession, pPort, STATUS_FORBIDDEN);
+    *pVerdict = Verdict::End;
+    return 0;
+}
+
+// Whether who announces may take the place of a pusher: from the same address, or as the same user.
+static int IsSamePusher(const Port *pPort, const Program *pOld, const CheckedUser *pUser)
+{
+    if (g_settings.bAnnounceAuth)
+        return strcmp(pOld->szAnnouncer, pUser->szUser) == 0;
+    return SockGetIp(&pPort->remote) == SockGetIp(&SessionPeerPort(pOld->pPusher)->remote);
+}
+
 // Makes room under a path that is taken. Returns 1 when it is free now; else 0, and the refusal is sent.
-static int ReplaceOldPusher(Session *pSession, Port *pPort, const char *szPath)
+static int ReplaceOldPusher(Session *pSession, Port *pPort, const char *szPath, const CheckedUser *pUser)
 {
     Program *pOld = ProgramFind(szPath);
     if (!pOld)
         return 1;
     Session *pPusher = pOld->pPusher;
-    const Port *pOldPort = SessionPeerPort(pPusher);
-    if (SockGetIp(&pPort->remote) == SockGetIp(&pOldPort->remote)) {
+    if (IsSamePusher(pPort, pOld, pUser)) {
         print("The same pusher Announce again, Destroy the old program.\r\n");
         SessionEnd(pPusher);
         return 1;
@@ -92,16 +143,25 @@ Verdict HandleAnnounce(Session *pSession, Port *pPort, Request *pRequest)
     }
     if (!ChooseReplyPort(pSession, pPort))
         return Verdict::End;
+    if (!PeerMayAnnounce(pPort)) {
+        ReplyShort(pSession, pPort, STATUS_FORBIDDEN);
+        return Verdict::End;
+    }
+    CheckedUser user;
+    Verdict eRefusal = Verdict::End;
+    if (g_settings.bAnnounceAuth && !ShowsAccount(pSession, pPort, pRequest, &user, &eRefusal))
+        return eRefusal;
     if (!HasDescription(pRequest))
         return Refuse(pSession, pPort, STATUS_NO_SDP);
     // a challenged DESCRIBE may have left a program here, whose players are about to end with it
     ProgramDetach(pSession);
     const char *szPath = RequestPath(pRequest);
-    if (!ReplaceOldPusher(pSession, pPort, szPath))
+    if (!ReplaceOldPusher(pSession, pPort, szPath, &user))
         return Verdict::End;
     Program *pProg = CreateLiveProgram(szPath, pRequest->pBody, pRequest->nBody);
     if (!pProg)
         return Refuse(pSession, pPort, STATUS_FAILED);
+    TextCopy(pProg->szAnnouncer, sizeof(pProg->szAnnouncer), user.szUser);
     return StartPusher(pSession, pPort, pProg);
 }
 

@@ -10,6 +10,7 @@
 #include "base/textnumber.h"
 #include "server/core/accounttable.h"
 #include "server/core/program.h"
+#include "server/core/settings.h"
 #include "server/media/replies.h"
 
 namespace orx {
@@ -258,7 +259,7 @@ Verdict HandlePutCamCfg(Session *pSession, Port *pPort, Request *pRequest)
         return ReplyShort(pSession, pPort, STATUS_BAD_REQUEST);
     Program *pProg = pSession->pProg;
     // the text holds the program's accounts: a viewer, who may not even have shown a password yet, has no say
-    if (!pProg || pProg->pPusher != pSession)
+    if (!pProg || (g_settings.bStrictRoles && !FeedsProgram(pSession)))
         return ReplyShort(pSession, pPort, STATUS_NO_PUTCAMCFG);
     KeepCamCfg(pProg, pRequest->pBody, pRequest->nBody);
     pSession->nCSeq++;

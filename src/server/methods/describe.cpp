@@ -35,7 +35,9 @@ Verdict Describe(Session *pSession, Port *pPort, const Request *pRequest)
     log("CreatePlayClient(Uri=%s), Remote=%s", RequestPath(pRequest), remote);
     SessionCopyTracks(pSession, pSession->pProg);
     pSession->nState = STATE_DESCRIBED;
-    return SendDescription(pSession, pPort);
+    Verdict eVerdict = SendDescription(pSession, pPort);
+    pSession->viewer.bAdmitted = eVerdict == Verdict::Keep;
+    return eVerdict;
 }
 
 Verdict HandleDescribe(Session *pSession, Port *pPort, Request *pRequest)

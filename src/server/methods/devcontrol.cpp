@@ -5,6 +5,8 @@
 
 #include "server/core/program.h"
 #include "server/core/registry.h"
+#include "server/core/settings.h"
+#include "server/media/questions.h"
 #include "server/media/replies.h"
 #include "server/media/send.h"
 #include "server/methods/camcfg.h"
@@ -27,21 +29,20 @@ static Session *FindPusher(const Session *pSession)
     return pSession->pProg ? pSession->pProg->pPusher : nullptr;
 }
 
-static int FeedsProgram(const Session *pSession)
-{
-    return FindPusher(pSession) == pSession;
-}
-
 // Sends a request that is complete but for its body. A pusher that cannot be reached ends, and with it who
-// asked; what is too long is refused.
+// asked; what is too long or too much is refused.
 static Verdict Forward(Message *pMessage, Session *pSession, Port *pPort, const Request *pBody,
-                       Status eTooLong)
+                       Status eRefusal)
 {
-    int nSent = RequestSend(pMessage, pBody->pBody, pBody->nBody, kForwardBytes);
-    if (nSent == 0)
-        return ReplyShort(pSession, pPort, eTooLong);
-    if (nSent < 0)
-        SessionEnd(pMessage->pSession);
+    switch (QuestionSend(pMessage, pSession, pBody->pBody, pBody->nBody, kForwardBytes)) {
+        case Asked::Sent:
+            return Verdict::Keep;
+        case Asked::Refused:
+            return ReplyShort(pSession, pPort, eRefusal);
+        case Asked::PusherGone:
+            break;
+    }
+    SessionEnd(pMessage->pSession);
     return Verdict::Keep;
 }
 
@@ -103,16 +104,22 @@ Verdict HandleGetCamInfo(Session *pSession, Port *pPort, Request *pRequest)
     return Forward(&message, pSession, pPort, &noBody, STATUS_NO_GETCAMCFG);
 }
 
-// The session that an answer is for: the one with that handle, the oldest one for 0. Null when the number is
-// none, and when the session has gone meanwhile.
-static Session *FindAsker(const char *szHandle)
+// Whether an answer of the program's may be for the session.
+static int MayBeAnswered(Session *pSession, const Program *pProg)
+{
+    return !g_settings.bStrictRoles || (pSession->pProg == pProg && QuestionIsOpen(pSession));
+}
+
+// The session that an answer of the program's is for: the one with that handle, the oldest one for 0. Null
+// when the number is none, and when the session has gone meanwhile.
+static Session *FindAsker(const Program *pProg, const char *szHandle)
 {
     char *pEnd = nullptr;
     unsigned long long nHandle = strtoull(szHandle, &pEnd, 10);
     if (*szHandle < '0' || *szHandle > '9' || pEnd[strspn(pEnd, " \t")] != '\0')
         return nullptr;
     for (Session *p = FirstSession(); p; p = NextSession(p))
-        if (nHandle == 0 || p->nHandle == nHandle)
+        if ((nHandle == 0 || p->nHandle == nHandle) && MayBeAnswered(p, pProg))
             return p;
     return nullptr;
 }
@@ -128,13 +135,16 @@ static void PassAnswer(Session *pAsker, const char *szForward)
 Verdict HandleRespond(Session *pSession, Port *pPort, Request *pRequest)
 {
     // whoever may answer decides what other sessions are told: only the session that the question went to
-    if (!FeedsProgram(pSession))
+    if (!pSession->pProg || (g_settings.bStrictRoles && !FeedsProgram(pSession)))
         return ReplyShort(pSession, pPort, STATUS_NO_RESPOND);
     const char *szHandle = RequestHeaderValue(pRequest, "ClientSsId");
     const char *szForward = RequestHeaderValue(pRequest, "Forward");
-    Session *pAsker = szHandle && szForward && IsOneLine(szForward) ? FindAsker(szHandle) : nullptr;
-    if (pAsker)
+    Session *pAsker =
+        szHandle && szForward && IsOneLine(szForward) ? FindAsker(pSession->pProg, szHandle) : nullptr;
+    if (pAsker) {
+        QuestionAnswered(pAsker);
         PassAnswer(pAsker, szForward);
+    }
     return Verdict::Keep;
 }
 

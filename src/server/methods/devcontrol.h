@@ -11,7 +11,8 @@ namespace orx {
 Verdict HandleCamControl(Session *pSession, Port *pPort, Request *pRequest);
 Verdict HandlePutVoice(Session *pSession, Port *pPort, Request *pRequest);
 Verdict HandleGetCamInfo(Session *pSession, Port *pPort, Request *pRequest);
-// The pusher's answer, passed on to the session that asked.
+// The pusher's answer, passed on to the session that asked: with StrictRoles from the pusher alone, to a
+// session of its program with a question open.
 Verdict HandleRespond(Session *pSession, Port *pPort, Request *pRequest);
 
 }  // namespace orx

@@ -42,14 +42,16 @@ static int IsMissingOrEmpty(const char *szPath)
     return stat(szPath, &info) != 0 || info.st_size == 0;
 }
 
-// What the old text becomes with the name added and the counter set.
+// What the old text becomes with the name added and the counter set. The name goes first in its section: what
+// stands there, whatever it is, does not come before it.
 static void BuildStore(TextBuf *pText, const char *szOld, const char *szGuid, const char *szName, int nNextId)
 {
     int nSecStart = 0, nSecBody = 0, nKeyStart = 0, nKeyEnd = 0, nValueStart = 0, nValueEnd = 0;
     if (parse_file(kSection, kCounter, szOld, &nSecStart, &nSecBody, &nKeyStart, &nKeyEnd, &nValueStart,
                    &nValueEnd)) {
-        TextAddBytes(pText, szOld, static_cast<size_t>(nKeyStart));
-        TextAdd(pText, "%s=%s\n%s=%d%s", szGuid, szName, kCounter, nNextId, szOld + nValueEnd);
+        TextAddBytes(pText, szOld, static_cast<size_t>(nSecBody));
+        TextAdd(pText, "%s=%s\n%.*s%d%s", szGuid, szName, nValueStart - nSecBody, szOld + nSecBody, nNextId,
+                szOld + nValueEnd);
     } else if (nSecStart >= 0) {
         TextAddBytes(pText, szOld, static_cast<size_t>(nSecBody));
         TextAdd(pText, "%s=%s\n%s=%d\n%s", szGuid, szName, kCounter, nNextId, szOld + nSecBody);
@@ -59,16 +61,32 @@ static void BuildStore(TextBuf *pText, const char *szOld, const char *szGuid, co
     }
 }
 
-int GuidStoreAdd(const char *szPath, const char *szGuid, const char *szName, int nNextId)
+// Whether a look-up in the new text gives what was put there.
+static int HoldsBoth(const char *szText, const char *szGuid, const char *szName, int nNextId)
+{
+    Profile store;
+    store.text = const_cast<char *>(szText);
+    char name[128] = "";
+    return ProfileGetStr(kSection, szGuid, name, sizeof(name), "", &store) && strcmp(name, szName) == 0 &&
+           ProfileGetInt(kSection, kCounter, 0, &store) == nNextId;
+}
+
+int GuidStoreMake(const char *szPath, const char *szGuid, const char *szName, int nNextId,
+                  GuidStoreText *pOut)
 {
     char old[kProfileTextSize] = "";
     int nOld = 0;
     if (!load_ini_file(szPath, old, &nOld) && !IsMissingOrEmpty(szPath))
         return 0;
-    char store[kProfileTextSize] = "";
-    TextBuf text{store, sizeof(store)};
+    TextBuf text{pOut->sz, sizeof(pOut->sz)};
     BuildStore(&text, old, szGuid, szName, nNextId);
-    return !text.bFull && FileReplace(szPath, store, text.nLen);
+    pOut->nLen = text.nLen;
+    return !text.bFull && HoldsBoth(pOut->sz, szGuid, szName, nNextId);
+}
+
+int GuidStoreWrite(const char *szPath, const GuidStoreText *pText)
+{
+    return FileReplace(szPath, pText->sz, pText->nLen);
 }
 
 }  // namespace orx

@@ -55,8 +55,7 @@ static int IsTooLarge(PictureSize size, PictureSize screen)
 
 static void AddProgram(TextBuf *pText, const Program *pProg, const Account *pAccount, PictureSize screen)
 {
-    const char *szName = pProg->Uri[0] == '/' ? pProg->Uri + 1 : pProg->Uri;
-    if (!pAccount->bSuper && !strstr(pAccount->szDevices, szName))
+    if (!MaySeeProgram(pAccount, pProg))
         return;
     PictureSize size = ReadPictureSize(ProgramSdp(pProg));
     if (IsTooLarge(size, screen))
@@ -102,7 +101,9 @@ Verdict HandleGetPlayList(Session *pSession, Port *pPort, Request *pRequest)
         return RefuseFault(pSession, pPort);
     if (eResult != CREDENTIAL_RIGHT)
         return ReplyUnauthorized(pSession, pPort);
-    ViewerSet(pSession, &user);
+    // StrictRoles: these accounts are not those of a program that let nobody in yet
+    if (!g_settings.bStrictRoles || !pSession->pProg || pSession->viewer.bAdmitted)
+        ViewerSet(pSession, &user);
     PictureSize screen;
     const char *szScreen = RequestHeaderValue(pRequest, "Screen-Size");
     if (szScreen && sscanf(szScreen, "%9dx%9d", &screen.nWidth, &screen.nHeight) != 2)

@@ -27,10 +27,13 @@ Verdict HandleRegister(Session *pSession, Port *pPort, Request *pRequest)
         return ReplyName(pSession, pPort, name);
     TextBuf text{name, sizeof(name)};
     TextAdd(&text, "cam%d", g_server.nMaxRegisterId);
+    GuidStoreText store;
+    if (!GuidStoreMake(g_settings.szGuidPath, szGuid, name, g_server.nMaxRegisterId + 1, &store))
+        return ReplyShort(pSession, pPort, STATUS_FAILED);  // a name that is forgotten is not given
     if (ReplyName(pSession, pPort, name) == Verdict::End)
         return Verdict::End;
-    g_server.nMaxRegisterId++;
-    if (!GuidStoreAdd(g_settings.szGuidPath, szGuid, name, g_server.nMaxRegisterId))
+    g_server.nMaxRegisterId++;  // the name is taken, even if only the memory knows
+    if (!GuidStoreWrite(g_settings.szGuidPath, &store))
         print("Could NOT write file %s!\r\n", g_settings.szGuidPath);
     return Verdict::Keep;
 }

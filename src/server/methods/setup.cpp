@@ -21,6 +21,7 @@ constexpr int kPairTries = 64;  // port pairs tried when other processes sit on 
 enum SetupResult {
     SETUP_DONE,
     SETUP_FAILED,  // no sockets for the track: 500
+    SETUP_OTHER,   // a transport that leads nowhere from here, others may do: 461
     SETUP_FAULT,   // a peer assertion failed and was survived: 400
 };
 
@@ -103,6 +104,9 @@ static void OpenMediaPorts(Session *pSession, SessionTrack *pTrack, const Port *
 static SetupResult SetupUdp(Session *pSession, Port *pPort, int i, const char *szParams, TextBuf *pText)
 {
     const char *p = strstr(szParams, "client_port=");
+    // behind a bridge there is nobody but this box to send datagrams to
+    if ((pPort->nFlags & PORT_RELAYED) && g_settings.bStandardPlayers)
+        return SETUP_OTHER;
     if (strncmp(szParams, "unicast;", strlen("unicast;")) != 0 || !p)
         return SETUP_FAILED;
     p += strlen("client_port=");
@@ -192,6 +196,8 @@ Verdict HandleSetup(Session *pSession, Port *pPort, Request *pRequest)
             return RefuseFault(pSession, pPort);
         case SETUP_FAILED:
             return Refuse(pSession, pPort, STATUS_NO_TRANSPORT);
+        case SETUP_OTHER:
+            return ReplyStatus(pSession, pPort, STATUS_OTHER_TRANSPORT);
         case SETUP_DONE:
             break;
     }

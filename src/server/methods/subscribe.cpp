@@ -4,6 +4,7 @@
 #include "base/console.h"
 #include "runtime/sockutil.h"
 #include "server/core/program.h"
+#include "server/core/settings.h"
 #include "server/media/replies.h"
 #include "server/methods/admit.h"
 #include "server/methods/credentials.h"
@@ -17,6 +18,28 @@ static void LogSubscriber(const Session *pSession, const Request *pRequest)
     log("CreateSubscribeClient(Uri=%s), Remote=%s", RequestPath(pRequest), remote);
 }
 
+// Checks the token against the accounts that count at the path. Returns 1, or 0 with the refusal sent and its
+// verdict in *pVerdict.
+static int TokenIsRight(const CredentialCheck *pCheck, Port *pPort, CheckedUser *pUser, Verdict *pVerdict)
+{
+    Credential eResult = CheckUserToken(pCheck, pUser);
+    if (eResult == CREDENTIAL_WAITS)
+        *pVerdict = Verdict::Later;
+    else if (eResult != CREDENTIAL_RIGHT)
+        *pVerdict = Refuse(pCheck->pSession, pPort, STATUS_UNAUTHORIZED);
+    return eResult == CREDENTIAL_RIGHT;
+}
+
+static Verdict Subscribe(Session *pSession, Port *pPort, const Request *pRequest, const CheckedUser *pUser)
+{
+    ViewerSet(pSession, pUser);
+    Verdict eVerdict = ReplyDated(pSession, pPort, STATUS_OK);
+    LogSubscriber(pSession, pRequest);
+    pSession->nFlags |= SESSION_SUBSCRIBER;
+    pSession->viewer.bAdmitted = eVerdict == Verdict::Keep;
+    return eVerdict;
+}
+
 Verdict HandleSubscribe(Session *pSession, Port *pPort, Request *pRequest)
 {
     if (!RequestHeaderValue(pRequest, "UserName") || !RequestHeaderValue(pRequest, "UserAuth"))
@@ -25,7 +48,16 @@ Verdict HandleSubscribe(Session *pSession, Port *pPort, Request *pRequest)
         return Refuse(pSession, pPort, STATUS_WRONG_STATE);
     if (!ChooseReplyPort(pSession, pPort))
         return Verdict::End;
-    Verdict eAttached = AttachByPath(pSession, pPort, pRequest);
+    const char *szPath = RequestPath(pRequest);
+    Program *pFound = FindProgram(pSession, szPath);
+    AccountsAt accounts(pFound, szPath);
+    CredentialCheck check{pSession, pPort, pRequest, accounts.pProg};
+    CheckedUser user;
+    Verdict eRefusal = Verdict::End;
+    int bStrict = g_settings.bStrictRoles;  // then nothing is opened, woken or told before the token is right
+    if (bStrict && !TokenIsRight(&check, pPort, &user, &eRefusal))
+        return eRefusal;
+    Verdict eAttached = AttachFound(pSession, pPort, pFound, szPath);
     if (eAttached != Verdict::Keep)
         return eAttached;
     const Program *pProg = pSession->pProg;
@@ -33,18 +65,9 @@ Verdict HandleSubscribe(Session *pSession, Port *pPort, Request *pRequest)
         return Refuse(pSession, pPort, STATUS_WRONG_STATE);
     if (!ORX_PEER_ASSERT(pProg->bLive, "pProg->bLive"))
         return RefuseFault(pSession, pPort);
-    CredentialCheck check{pSession, pPort, pRequest, pProg};
-    CheckedUser user;
-    Credential eResult = CheckUserToken(&check, &user);
-    if (eResult == CREDENTIAL_WAITS)
-        return Verdict::Later;
-    if (eResult != CREDENTIAL_RIGHT)
-        return Refuse(pSession, pPort, STATUS_UNAUTHORIZED);
-    ViewerSet(pSession, &user);
-    Verdict eVerdict = ReplyDated(pSession, pPort, STATUS_OK);
-    LogSubscriber(pSession, pRequest);
-    pSession->nFlags |= SESSION_SUBSCRIBER;
-    return eVerdict;
+    if (!bStrict && !TokenIsRight(&check, pPort, &user, &eRefusal))
+        return eRefusal;
+    return Subscribe(pSession, pPort, pRequest, &user);
 }
 
 }  // namespace orx

@@ -75,4 +75,33 @@ TEST_F(ZMFReaderTest, SeeksAndStepsToKeyFrames)
     }
 }
 
+// In steps everything is found as without, and what an interrupted file told is remembered until it changes.
+TEST_F(ZMFReaderTest, StepsFindTheSame)
+{
+    for (bool bClosed : {false, true}) {
+        MakeRecording(path, 450, bClosed);
+        Reader whole(path);
+        int bMore = 0, nSteps = 0;
+        ZMFReader *pReader = ZMFReaderOpenStep(path.c_str(), 4096, 0, &bMore);
+        ASSERT_NE(nullptr, pReader) << "known, or its header tells";
+        for (uint32_t nTimeMs = 0; nTimeMs <= 450000; nTimeMs += 777) {
+            uint32_t nWhole = 0, nReached = 0;
+            const uint8_t *p = nullptr;
+            do {
+                p = ZMFReaderSeekStep(pReader, nTimeMs, 40, &nReached, &bMore);
+                nSteps += bMore;
+            } while (bMore);
+            EXPECT_EQ(ZMFReaderSeek(whole.p, nTimeMs, &nWhole) != nullptr, p != nullptr) << nTimeMs;
+            EXPECT_EQ(nWhole, nReached) << nTimeMs;
+        }
+        EXPECT_LT(nSteps, 3 * 450000 / 777) << "a seek begins near its end";
+        ZMFReaderClose(pReader);
+        WriteFile(path, ReadFile(path) + "x");
+        pReader = ZMFReaderOpenStep(path.c_str(), 4096, 40, &bMore);
+        EXPECT_EQ(bClosed, pReader != nullptr);
+        EXPECT_EQ(!bClosed, bMore);
+        ZMFReaderClose(pReader);
+    }
+}
+
 }  // namespace orx

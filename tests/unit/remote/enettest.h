@@ -88,7 +88,7 @@ struct RelayRig {
     explicit RelayRig(InterfaceAddressProc pfnGetAddress = nullptr)
     {
         UnetSettings settings;
-        settings.szBindIp = "127.0.0.1";
+        settings.nBindIp = INADDR_LOOPBACK;
         settings.nRtspPort = rtsp.nPort;
         settings.pfnGetAddress = pfnGetAddress;
         EXPECT_EQ(1, UnetStart(&unet, &settings));

@@ -1,5 +1,10 @@
 #include "remote/httpproxy.h"
 
+#include <sys/resource.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -8,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "runtime/clock.h"
+#include "runtime/descriptors.h"
 #include "support/sockets.h"
 
 namespace orx {
@@ -22,7 +28,11 @@ struct ProxyRig {
     std::mutex mutex;
     std::vector<std::pair<Sock, std::string>> handed;
 
-    ProxyRig() { EXPECT_EQ(1, HttpProxyStart(&proxy, "127.0.0.1", nPort, "127.0.0.1", web.nPort, HandOver, this)); }
+    explicit ProxyRig(unsigned nMaxRelays = 0, int nSilentMs = 60000)
+    {
+        HttpProxySettings settings{"127.0.0.1", nPort, "127.0.0.1", web.nPort, nMaxRelays, nSilentMs, HandOver, this};
+        EXPECT_EQ(1, HttpProxyStart(&proxy, &settings));
+    }
     ~ProxyRig() { HttpProxyStop(&proxy); }
 
     static int HandOver(void *pContext, int fd, const void *pData, size_t nLen)
@@ -37,9 +47,9 @@ struct ProxyRig {
         std::lock_guard<std::mutex> lock(mutex);
         return handed.size();
     }
-    Sock Ask(const std::string &request) const
+    Sock Ask(const std::string &request, int nHost = 1) const
     {
-        Sock client = Connect(nPort);
+        Sock client = Connect(nPort, nHost);
         EXPECT_TRUE(client.Send(request));
         return client;
     }
@@ -141,6 +151,102 @@ TEST(HttpProxy, OutlivesAWebServerThatIsDown)
     auto start = std::chrono::steady_clock::now();
     HttpProxyStop(&rig.proxy);
     EXPECT_LT(ElapsedMs(start), 1000);
+}
+
+const std::string kBusy = "HTTP/1.0 503 Service Unavailable\r\n", kDown = "HTTP/1.0 502 Bad Gateway\r\n";
+
+TEST(HttpProxy, RefusesWhatIsBeyondItsLimits)
+{
+    ProxyRig rig(8);
+    std::vector<Sock> waiting;
+    auto add = [&](int nHost) { waiting.push_back(rig.Ask("GET /", nHost)); };
+    auto isRefused = [&] { return waiting.back().Read(kBusy.size()) == kBusy; };
+    for (int nHost : {1, 1, 2, 2, 3, 3, 4})
+        add(nHost);
+    std::vector<Sock> pages(7);
+    for (Sock &page : pages)
+        page = rig.web.Accept();
+    add(2);
+    EXPECT_TRUE(isRefused()) << "a third one from one address";
+    add(4);
+    pages.push_back(rig.web.Accept());
+    add(5);
+    EXPECT_TRUE(isRefused()) << "a ninth one";
+    pages.clear();
+    for (int i = 0; i < 7; i++)
+        EXPECT_TRUE(waiting[static_cast<size_t>(i)].Closed(20000));
+    Sock again;
+    EXPECT_TRUE(WaitFor([&] {
+        again = rig.Ask("GET /", 5);
+        return rig.web.Accept(100).fd >= 0;
+    })) << "room once others have gone";
+}
+
+TEST(HttpProxy, EndsASilentRelayAndTellsOfAWebServerThatIsDown)
+{
+    ProxyRig rig(64, 100);
+    Sock silent = rig.Ask("GET /");
+    Sock page = rig.web.Accept();
+    EXPECT_EQ("GET /", page.Read(5));
+    EXPECT_TRUE(silent.Closed(20000));
+    rig.web.sock.Close();
+    std::string answer = rig.Ask("GET /").Read(1000);
+    EXPECT_EQ(kDown, answer.substr(0, kDown.size()));
+    EXPECT_EQ("\r\n\r\nThe web server does not answer.\r\n", answer.substr(answer.find("\r\n\r\n")));
+}
+
+// The threads of this process and how often each has run so far.
+static std::map<std::string, uint64_t> Wakes()
+{
+    std::map<std::string, uint64_t> wakes;
+    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream status(task.path() / "status");
+        for (std::string line; std::getline(status, line);)
+            if (line.find("voluntary_ctxt_switches:") != std::string::npos)
+                wakes[task.path().filename()] += std::stoull(line.substr(line.find(':') + 1));
+    }
+    return wakes;
+}
+
+TEST(HttpProxy, SleepsWhileNothingHappens)
+{
+    const auto others = Wakes();  // this thread, and those of a sanitizer
+    ProxyRig rig;
+    Sock client = rig.Ask("GET /");
+    Sock page = rig.web.Accept();
+    EXPECT_EQ("GET /", page.Read(5));
+    EXPECT_TRUE(WaitFor([&] {
+        auto before = Wakes();
+        poll(nullptr, 0, 500);
+        auto after = Wakes();
+        for (const auto &other : others)
+            after[other.first] = before[other.first];
+        return before == after;
+    }));
+    EXPECT_TRUE(page.Send("hello"));
+    EXPECT_EQ("hello", client.Read(5));
+}
+
+TEST(HttpProxy, LeavesDescriptorsForOthers)
+{
+    ProxyRig rig;
+    rlimit before{}, few{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    few = before;
+    few.rlim_cur = static_cast<rlim_t>(OpenDescriptors() + kDescriptorsKept + 20);
+    setrlimit(RLIMIT_NOFILE, &few);
+    std::vector<Sock> clients, pages;
+    std::string answer;
+    while (answer.empty() && clients.size() < 20) {
+        clients.push_back(rig.Ask("GET /"));
+        if (WaitFor([&] { return clients.back().Readable(0) || rig.web.sock.Readable(0); }) && rig.web.sock.Readable(0))
+            pages.push_back(rig.web.Accept());
+        else
+            answer = clients.back().Read(kBusy.size());
+    }
+    EXPECT_EQ(kBusy, answer);
+    EXPECT_GE(DescriptorsLeft(), kDescriptorsKept - 2) << "client and page are of this process, too";
+    setrlimit(RLIMIT_NOFILE, &before);
 }
 
 }  // namespace orx

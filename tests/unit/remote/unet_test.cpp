@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include "enettest.h"
+#include "remote/unetproxy.h"
+#include "runtime/sockutil.h"
 
 namespace orx {
 
@@ -89,6 +91,29 @@ TEST(Unet, AFloodThatTheServerDoesNotReadEndsItsBridge)
     EXPECT_LT(got.size(), flood.size() / 2);
     EXPECT_TRUE(got == flood.substr(0, got.size())) << "no gap";
     EXPECT_TRUE(server.Closed(60000));
+}
+
+// A packet takes memory however little it carries, and a bridge comes from an address of its slot.
+TEST(UnetProxy, CountsWhatEmptyPacketsTake)
+{
+    UnetHost host;
+    Thread caller;
+    Listener rtsp;
+    const sockaddr_in addr = Loopback(rtsp.nPort);
+    ASSERT_NE(0, UnetHostCreate(&host, INADDR_LOOPBACK, 0, 0));
+    UnetProxy *pProxy = CreateUnetProxy(&caller, &host, &host.pHost->peers[3], &addr);
+    ASSERT_TRUE(pProxy);
+    Sock server = rtsp.Accept();
+    sockaddr_in from{};
+    SockGetPeerName(server.fd, &from);
+    EXPECT_EQ(0x7F000104U, SockGetIp(&from));
+    const std::string stall = Pattern(15 << 20, 17);  // more than the sockets hold: the bridge waits for room
+    UnetProxyReceive(pProxy, enet_packet_create(stall.data(), stall.size(), 0));
+    for (int i = 0; i < 40000; i++)
+        UnetProxyReceive(pProxy, enet_packet_create("", 0, 0));
+    EXPECT_FALSE(pProxy->bActive);
+    UnetProxyFree(pProxy);
+    UnetHostFree(&host);
 }
 
 }  // namespace orx

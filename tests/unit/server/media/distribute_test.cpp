@@ -230,6 +230,17 @@ TEST_F(PlayerQueueTest, GivesAPlayerUpAtAThousandAndOne)
     Push({0, 0, 0, 1, 10});  // its program goes on
 }
 
+// A flush that goes on with a player who leaves meanwhile goes on with the next.
+TEST_F(PlayerQueueTest, AFlushOutlivesThePlayerItIsAt)
+{
+    Start();
+    RunOnScheduler([&] {
+        pProg->flush.pNext = pPlayer;
+        SessionEnd(pPlayer);
+        EXPECT_EQ(nullptr, pProg->flush.pNext);
+    });
+}
+
 // A start of 1500 packets: a player that has not taken it yet is not one that cannot keep up, and over UDP
 // what its socket cannot hold is held back.
 TEST_F(PlayerQueueTest, StandardPlayersGetTimeForTheStart)

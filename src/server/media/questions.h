@@ -1,0 +1,34 @@
+// What players ask the camera behind a program: requests that are forwarded to its pusher and end with its
+// RESPOND, with who asked, or after half a minute. How many may wait is counted for each asker, so that
+// nobody fills the pusher's queue, or another's share of it. Scheduler thread only.
+#pragma once
+
+#include <cstddef>
+
+#include "server/media/replies.h"
+#include "server/core/session.h"
+
+namespace orx {
+
+constexpr uint32_t kQuestionsWaiting = 16;           // of one asker, not yet written to the pusher
+constexpr size_t kQuestionBytesWaiting = 32 * 1024;  // the same
+constexpr uint32_t kQuestionsWritten = 64;  // of one asker, not yet answered: older ones are forgotten
+constexpr uint32_t kQuestionMs = 30000;
+
+enum class Asked {
+    Sent,
+    Refused,     // it is longer than nMost bytes, or too much of this asker waits
+    PusherGone,  // the pusher cannot be reached: its session is to end
+};
+
+// Sends a request to a pusher that is complete but for its body, as a question of pAsker, who is attached to
+// its program.
+Asked QuestionSend(Message *pQuestion, Session *pAsker, const void *pBody, size_t nBody, size_t nMost);
+
+// Whether a question of the session is open; forgets those that were not answered in time.
+int QuestionIsOpen(Session *pAsker);
+
+// Ends the oldest question of the session, if there is one: it was answered.
+void QuestionAnswered(Session *pAsker);
+
+}  // namespace orx
