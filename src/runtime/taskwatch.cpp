@@ -15,8 +15,8 @@ extern "C" void __sanitizer_symbolize_pc(void *pCode, const char *szFormat, char
 namespace orx {
 
 static constexpr int64_t kBoundUs = 20000;  // of a shipped build: between two pictures of 50 a second
-// How many times slower code runs in this build: measured with the distribution of packets and the parsing of
-// requests, whose work is copying and small allocations.
+// How many times slower code may run in this build, generously: what the sanitizers cost depends on the code,
+// and what is to be found here is work that grows with its input.
 #if defined(__SANITIZE_THREAD__)
 static constexpr int64_t kSlowdown = 10;
 #elif defined(__SANITIZE_ADDRESS__)

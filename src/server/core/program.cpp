@@ -100,12 +100,34 @@ static void RemoveName(Program *pProg)
         AvlForget(&g_server.programMap, AvlTextKey(pProg->Uri));
 }
 
+// Takes back what the session asked and the pusher of its program was not sent yet.
+static void TakeQuestionsBack(const Session *pSession)
+{
+    Session *pPusher = pSession->pProg ? pSession->pProg->pPusher : nullptr;
+    DataBlock *pNext;
+    for (auto *p = pPusher ? ListFirstOf<DataBlock>(&pPusher->out.Outq) : nullptr; p; p = pNext) {
+        pNext = NextBlock(p);
+        if ((p->nFlags & DB_QUESTION) && p->nSerial == pSession->nHandle && p->sent == 0)
+            BlockListFree(&pPusher->out.Outq, p);
+    }
+}
+
+// What the accounts of one program allowed does not count at another: level, name, admission, subscription
+// and the questions that still wait for its pusher go.
+static void ForgetViewer(Session *pSession)
+{
+    TakeQuestionsBack(pSession);
+    pSession->questions.nOpen = 0;
+    pSession->viewer = SessionViewer();
+    pSession->nFlags &= ~SESSION_SUBSCRIBER;
+}
+
 void ProgramAttach(Session *pSession, Program *pProg)
 {
     if (pSession->pProg == pProg)
         return;
     ProgramDetach(pSession);
-    SessionForgetViewer(pSession);
+    ForgetViewer(pSession);
     pProg->nRefs++;
     pSession->pProg = pProg;
     if (pProg->pPusher != pSession)
@@ -117,7 +139,7 @@ void ProgramDetach(Session *pSession)
     Program *pProg = pSession->pProg;
     if (!pProg)
         return;
-    SessionForgetViewer(pSession);
+    ForgetViewer(pSession);
     pSession->pProg = nullptr;
     pSession->start.pNext = nullptr;
     if (pProg->pPusher == pSession) {

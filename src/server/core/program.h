@@ -167,7 +167,8 @@ Program *ProgramFind(const char *szPath);
 Program *ProgramFindWithSubstream(const char *szPath);
 
 // Attaches a session: it holds the program and counts in nRefs; detaching lets go, and the last one ends it.
-// Either way it is nobody afterwards (SessionForgetViewer), unless it held the program already.
+// Either way it is nobody afterwards (level, name, admission, subscription, questions), unless it held the
+// program already.
 void ProgramAttach(Session *pSession, Program *pProg);
 void ProgramDetach(Session *pSession);
 

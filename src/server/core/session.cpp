@@ -176,26 +176,6 @@ void SessionEndPlayers(Session *pSession)
         EndOne(pPlayer);
 }
 
-// Takes back what the session asked and the pusher of its program was not sent yet.
-static void TakeQuestionsBack(const Session *pSession)
-{
-    Session *pPusher = pSession->pProg ? pSession->pProg->pPusher : nullptr;
-    DataBlock *pNext;
-    for (auto *p = pPusher ? ListFirstOf<DataBlock>(&pPusher->out.Outq) : nullptr; p; p = pNext) {
-        pNext = NextBlock(p);
-        if ((p->nFlags & DB_QUESTION) && p->nSerial == pSession->nHandle && p->sent == 0)
-            BlockListFree(&pPusher->out.Outq, p);
-    }
-}
-
-void SessionForgetViewer(Session *pSession)
-{
-    TakeQuestionsBack(pSession);
-    pSession->questions.nOpen = 0;
-    pSession->viewer = SessionViewer();
-    pSession->nFlags &= ~SESSION_SUBSCRIBER;
-}
-
 void SessionEndAll()
 {
     while (Session *p = FirstSession())

@@ -116,7 +116,7 @@ struct SessionPlay {
     int bFinalReport = 0;      // a recording has ended, and the player is still to be told
 };
 
-// Who watches, by the accounts of the program that the session holds: goes with it (see SessionForgetViewer).
+// Who watches, by the accounts of the program that the session holds: goes with it.
 struct SessionViewer {
     int nUserLevel = 3;  // 0 super user ... 3 nobody yet
     char szUser[64] = "";
@@ -200,11 +200,6 @@ void SessionEnd(Session *pSession);
 
 // Ends every player of a pusher's program; does nothing for any other session.
 void SessionEndPlayers(Session *pSession);
-
-// What the accounts of one program allowed does not count at another: level, name, admission, subscription
-// and the questions that still wait for its pusher go. Called whenever a session changes or lets go of its
-// program.
-void SessionForgetViewer(Session *pSession);
 
 // Ends every session, in order of creation. When the server stops: main thread, no other one runs any more.
 void SessionEndAll();

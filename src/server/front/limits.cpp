@@ -61,7 +61,7 @@ static int IsAtWork(const Session *pSession)
 
 static int IsOver(const Session *pSession, uint32_t nNow)
 {
-    if (IsAtWork(pSession))
+    if (IsAtWork(pSession) || pSession->hold.pPort)  // or it waits for an answer
         return 0;
     if (pSession->play.nSetupCount > 0)  // set up, paused, at its end
         return ClockDiff(nNow, pSession->peer.tLastActivity) > static_cast<int32_t>(kSilenceSeconds);
