@@ -107,6 +107,12 @@ const std::string &ChildProcess::Output() const
     return output;
 }
 
+void ChildProcess::ForgetOutput()
+{
+    std::filesystem::resize_file(dir.File("output"), 0);  // it is appended to
+    output.clear();
+}
+
 bool ChildProcess::WaitOutput(const std::string &text, int nTimes, size_t nFrom) const
 {
     return WaitFor([&] { return CountText(Output(), text, nFrom) >= nTimes; });
