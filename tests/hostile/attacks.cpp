@@ -91,6 +91,10 @@ static const RequestRow kDescribe = {"DESCRIBE", "", "Authorization: Basic YW5uO
 static const RequestRow kPlay = {"PLAY", "", ""}, kSeek = {"PLAY", "", "Range: npt=#-#\r\n"};
 static const RequestRow kPause = {"PAUSE", "", ""}, kTeardown = {"TEARDOWN", "", ""};
 static const RequestRow kGetCamInfo = {"GETCAMINFO", "", "GetInfoType: ~\r\n"};
+static const RequestRow kPutCamCfg = {"PUTCAMCFG", "", "Content-Type: text/plain\r\n", 16000};
+static const RequestRow kRespond = {"RESPOND", "", "ClientSsId: #\r\nForward: 200 ~\r\n"};
+static const RequestRow kRecord = {"RECORDEX", "", "ActionParam: FileName=~/~.zmf\r\n"};
+static const RequestRow kPusherRequests[] = {kPutCamCfg, kPutCamCfg, kRespond, kRecord};
 static const RequestRow kRequests[] = {
     kDescribe,
     kOverTcp,
@@ -113,8 +117,8 @@ static const RequestRow kRequests[] = {
     {"GETCAMINFO", "", "GetInfoType: getcamcfg\r\n"},
     {"CAMCONTROL", "", "CamAction: ~\r\nActionParam: ~\r\n", 10},
     {"PUTVOICE", "", "Content-Type: audio/amr\r\n", 1500},
-    {"PUTCAMCFG", "", "Content-Type: text/plain\r\n", 16000},
-    {"RESPOND", "", "ClientSsId: #\r\nForward: 200 ~\r\n"},
+    kPutCamCfg,
+    kRespond,
     {"SUBSCRIBE", "", "UserName: ann\r\nUserAuth: 7c3d2720b7581eea\r\n"},
     {"SUBSCRIBE", "", "UserName: ~\r\nUserAuth: ~\r\n"},
     {"REGISTER", "", "Guid: guid-#\r\n"},
@@ -124,7 +128,7 @@ static const RequestRow kRequests[] = {
     {"SETCFGDIRECT", "", "UserAuth: ~\r\n", 100},
     {"GETWIFIROUTERS", "", ""},
     {"RECORDEX", "", "ActionParam: EventType=#&LimitLen=#\r\n"},
-    {"RECORDEX", "", "ActionParam: FileName=~/~.zmf\r\n"},
+    kRecord,
     {"RECORDEX", "", "ActionParam: FileName=../outside.zmf&Cmd=~\r\n"},
     {"RECORDEX", "", "ActionParam: Cmd=stop\r\n"},
     {"SLEEP", "", ""},
@@ -173,14 +177,14 @@ static const std::string kPayloads[] = {"\x67\x42",
                                         {"\0\xFF\xFF\xFF\x41\1\0\0", 8},
                                         ""};
 
-static std::string AnyPacket(Dice *pDice, uint16_t nSequence)
+static std::string AnyPacket(Dice *pDice, uint16_t nSequence, uint32_t nTicks = 1800)
 {
     RtpFields head;
     static const uint32_t types[] = {96, 26, 8, 98, 97, 0},
                           flags[] = {0x80, 0x80, 0x80, 0x80, 0x80, 0x90, 0xA0, 0x8F, 0};
     head.nType = pDice->Pick(types);
     head.nSequence = pDice->OneIn(32) ? static_cast<uint16_t>(pDice->engine()) : nSequence;
-    head.nTime = pDice->OneIn(32) ? pDice->engine() : nSequence * 1800u;
+    head.nTime = pDice->OneIn(32) ? pDice->engine() : nSequence * nTicks;
     head.bMarker = pDice->OneIn(2);
     head.nFlags = pDice->Pick(flags);
     return MakeRtp(head, pDice->Pick(kPayloads) + Pattern(pDice->Below(pDice->OneIn(40) ? 60000 : 1400), nSequence));
@@ -190,12 +194,14 @@ static std::string AnyFrames(Dice *pDice, uint32_t nFrames)
 {
     std::string frames;
     auto nSequence = static_cast<uint16_t>(pDice->engine());
+    uint32_t nTicks = pDice->OneIn(2) ? 1800 : 0;  // a time that stands still is kept for ever
     for (uint32_t i = 0; i < nFrames; i++)
-        frames += Frame(pDice->OneIn(3000) ? 255 : static_cast<int>(pDice->Below(8)), AnyPacket(pDice, nSequence++));
+        frames +=
+            Frame(pDice->OneIn(3000) ? 255 : static_cast<int>(pDice->Below(8)), AnyPacket(pDice, nSequence++, nTicks));
     return frames;
 }
 
-static std::string AnySdp(Dice *pDice)
+static std::string AnySdp(Dice *pDice, uint32_t nTracks)
 {
     static const char *const sections[] = {
         "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=framesize:96 #-#\r\n",
@@ -205,10 +211,10 @@ static std::string AnySdp(Dice *pDice)
         "m=data 0 RTP/AVP 98\r\na=rtpmap:98 events/1000\r\n",
         "m=text 0 RTP/AVP #\r\na=rtpmap:# ~/#\r\n"};
     std::string sdp = "v=0\r\ns=own\r\na=NickName:~\r\na=range:npt=0-#\r\n";
-    for (uint32_t i = 0, n = 1 + pDice->Below(5); i < n; i++)
+    for (uint32_t i = 0; i < nTracks; i++)
         sdp += sections[i && !pDice->OneIn(3) ? 2 + 2 * pDice->Below(2) : pDice->Below(6)] +
                ("a=control:trackID=" + std::to_string(i) + "\r\n");
-    return pDice->OneIn(4) ? pDice->Spoil(Fill(pDice, sdp)) : Fill(pDice, sdp);
+    return pDice->OneIn(6) ? pDice->Spoil(Fill(pDice, sdp)) : Fill(pDice, sdp);
 }
 
 // --- Recordings ---
@@ -325,22 +331,23 @@ static void Push(Attack *p)
 {
     Line line = Open(p);
     std::string path = p->dice.OneIn(5) ? p->dice.Pick(kPaths) : "/own" + std::to_string(p->dice.Below(6));
-    std::string sdp = AnySdp(&p->dice);
+    uint32_t nTracks = 1 + p->dice.Below(4);
+    std::string sdp = AnySdp(&p->dice, nTracks);
     std::string text = "ANNOUNCE rtsp://127.0.0.1" + path + kRtspVersion + std::to_string(++p->nCSeq) +
                        "\r\nContent-Type: application/sdp\r\nContent-Length: " + std::to_string(sdp.size()) +
                        "\r\n\r\n" + sdp;
-    for (const char *szSuffix : {"/trackID=0", "/trackID=1", "/trackID=2"})
-        text += Ask(p, {"SETUP", szSuffix, kOverTcp.szHeaders}, path);
+    for (uint32_t i = 0; i < (p->dice.OneIn(8) ? 4 : nTracks); i++)
+        text += Ask(p, {"SETUP", ("/trackID=" + std::to_string(i)).c_str(), kOverTcp.szHeaders}, path);
     text += Ask(p, p->dice.OneIn(2) ? kPlay : RequestRow{"RECORD", "", ""}, path);
-    for (const char *szMethod : {"PUTCAMCFG", "RECORDEX", "RESPOND", "CAMCONTROL"})
-        for (const RequestRow &row : kRequests)
-            if (szMethod == std::string(row.szMethod) && p->dice.OneIn(3))
-                text += Ask(p, row, path);
+    if (p->dice.OneIn(2))
+        text += Ask(p, {"RECORDEX", "", "ActionParam: EventType=3\r\n"}, path);
+    for (uint32_t n = p->dice.OneIn(2) ? p->dice.Below(4) : 0; n > 0; n--)
+        text += Ask(p, p->dice.Pick(kPusherRequests), path);
     line.Send(text);
     for (uint32_t n = p->dice.Below(p->dice.OneIn(10) ? 40 : 4); n > 0; n--)
         line.Send(AnyFrames(&p->dice, 100));
     text = AnyFrames(&p->dice, 100);
-    for (uint32_t n = p->dice.OneIn(20) ? p->dice.Below(1500) : 0; n > 0 && line.Send(text); n--)
+    for (uint32_t n = p->dice.OneIn(6) ? p->dice.Below(400) : 0; n > 0 && line.Send(text); n--)
         continue;
     Finish(p, std::move(line));
 }

@@ -113,8 +113,7 @@ bool World::Check()
         return failure.empty();
     now = server.Stat();
     nFds = server.Descriptors();
-    long nKb = server.ResidentKb();
-    nHighestKb = std::max(nHighestKb, nKb);
+    nHighestKb = server.ResidentKb("VmHWM:");
     for (const auto &pTool : {&camera, &streams, &datagrams})
         Hold((*pTool)->WaitExit(0) < 0 && CountText((*pTool)->Output(), "lost:") == 0,
              "a player or the camera was lost: " + (*pTool)->Output());
@@ -126,7 +125,7 @@ bool World::Check()
     unsigned nSockets = now.nMonitors + LinesOpened() - nBefore;  // with those that have just gone
     Hold(now.nTasks < kTasksPerSocket * nSockets + 50, "too many tasks");
     Hold(nFds < kMostDescriptors, "too many descriptors");
-    Hold(nFirstKb == 0 || nKb - nFirstKb < kMostKb, "too much memory");
+    Hold(nHighestKb < kMostKb, "too much memory");
     for (const char *szReport : kReports)
         Hold(CountText(server.Output(), szReport) == 0, std::string("the server reports: ") + szReport);
     if (server.Output().size() > kOutputBytes)

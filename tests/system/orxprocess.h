@@ -99,8 +99,8 @@ struct OrxProcess : ChildProcess {
     OrxStat Stat();
 
     std::string Url(const std::string &path) const;
-    int Descriptors() const;  // open ones
-    long ResidentKb() const;  // resident memory
+    int Descriptors() const;                                // open ones
+    long ResidentKb(const char *szField = "VmRSS:") const;  // resident memory, now or ("VmHWM:") at most
     std::string ConfigPath() const { return dir.File("cfg/orx.cfg"); }
     std::string LogPath() const { return dir.File("log/orx.log"); }
 
