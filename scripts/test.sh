@@ -6,6 +6,7 @@
 #   scripts/test.sh release         one set: release, asan, tsan or fuzz
 #   ORX_LONG=1 scripts/test.sh      the full minutes of the interop tests
 #   ORX_FUZZ_SECONDS=600 ...        how long each fuzz target runs (10)
+#   ORX_HOSTILE_SECONDS=1200 ...    how long strangers attack in each of the three configurations (20)
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -24,7 +25,8 @@ jobs=$(nproc)
 for set in ${1:-asan tsan fuzz release}; do
     echo "=== $set"
     # shellcheck disable=SC2086 # none or one argument
-    cmake --preset "$set" $launcher -DORX_FUZZ_SECONDS="${ORX_FUZZ_SECONDS:-10}" >/dev/null
+    cmake --preset "$set" $launcher -DORX_FUZZ_SECONDS="${ORX_FUZZ_SECONDS:-10}" \
+        -DORX_HOSTILE_SECONDS="${ORX_HOSTILE_SECONDS:-20}" >/dev/null
     cmake --build --preset "$set" -j"$jobs"
     case $set in
     fuzz) run_tests "$set" -j"$jobs" -L fuzz ;;

@@ -107,6 +107,12 @@ const std::string &ChildProcess::Output() const
     return output;
 }
 
+void ChildProcess::ForgetOutput()
+{
+    std::filesystem::resize_file(dir.File("output"), 0);  // it is appended to
+    output.clear();
+}
+
 bool ChildProcess::WaitOutput(const std::string &text, int nTimes, size_t nFrom) const
 {
     return WaitFor([&] { return CountText(Output(), text, nFrom) >= nTimes; });
@@ -186,10 +192,10 @@ int OrxProcess::Descriptors() const
     return error ? -1 : static_cast<int>(std::distance(begin(it), end(it)));
 }
 
-long OrxProcess::ResidentKb() const
+long OrxProcess::ResidentKb(const char *szField) const
 {
     std::string status = ReadFile("/proc/" + std::to_string(pid) + "/status");
-    size_t n = status.find("VmRSS:");
+    size_t n = status.find(szField);
     return n == std::string::npos ? -1 : atol(status.c_str() + n + 6);
 }
 

@@ -53,6 +53,7 @@ struct ChildProcess {
     int WaitExit(int nMs = 60000);
     // What it has printed so far.
     const std::string &Output() const;
+    void ForgetOutput();  // what it has printed so far, which would fill a long test's memory
     // Waits until the output, from a place in it on, holds a text, nTimes times.
     bool WaitOutput(const std::string &text, int nTimes = 1, size_t nFrom = 0) const;
 
@@ -98,8 +99,8 @@ struct OrxProcess : ChildProcess {
     OrxStat Stat();
 
     std::string Url(const std::string &path) const;
-    int Descriptors() const;  // open ones
-    long ResidentKb() const;  // resident memory
+    int Descriptors() const;                                // open ones
+    long ResidentKb(const char *szField = "VmRSS:") const;  // resident memory, now or ("VmHWM:") at most
     std::string ConfigPath() const { return dir.File("cfg/orx.cfg"); }
     std::string LogPath() const { return dir.File("log/orx.log"); }
 

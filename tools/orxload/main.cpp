@@ -181,6 +181,14 @@ static void ShowProgress(Load *pLoad, uint64_t nNowUs)
             static_cast<unsigned long long>(sum.nWrong), bTerminal ? "  " : "\n");
 }
 
+static void Tick(Load *pLoad, LoadPlayer *pPlayer, uint64_t nNowUs)
+{
+    LoadState before = pPlayer->state;
+    LoadPlayerTick(pPlayer, pLoad->pOptions, nNowUs);
+    if (pPlayer->state != before)
+        Drop(pLoad, pPlayer);
+}
+
 static int IsAnyAlive(const Load *pLoad)
 {
     return std::any_of(pLoad->players.begin(), pLoad->players.end(),
@@ -212,7 +220,7 @@ static void Run(Load *pLoad)
         if (nNowUs >= nTickUs) {
             nTickUs = nNowUs + kSecondUs / 4;
             for (LoadPlayer &player : pLoad->players)
-                LoadPlayerTick(&player, pOptions, nNowUs);
+                Tick(pLoad, &player, nNowUs);
             ShowProgress(pLoad, nNowUs);
             if (!IsAnyAlive(pLoad))
                 return;

@@ -126,6 +126,7 @@ static void OnRtp(LoadPlayer *pPlayer, const uint8_t *pPacket, size_t nBytes, ui
     if (pTrack->bVideo && !pTrack->bSeen)
         pPlayer->bKeyStart = BeginsKeyFrame(&head, pPayload, nPayload);
     CheckSequence(pPlayer, pTrack, head.nSequence);
+    pTrack->nHeardUs = nNowUs;
     if (uint64_t nStampUs = StampFind(pPayload, nPayload))
         pTrack->nStampUs = nStampUs;
     if (head.bMarker)
@@ -230,6 +231,10 @@ void LoadPlayerTick(LoadPlayer *pPlayer, const LoadOptions *pOptions, uint64_t n
 {
     if (pPlayer->state != LOAD_PLAYING)
         return;
+    for (const LoadTrack &track : pPlayer->tracks)
+        if (pOptions->nSilence && track.bSeen &&
+            nNowUs > track.nHeardUs + static_cast<uint64_t>(pOptions->nSilence) * kSecondUs)
+            return Fail(pPlayer, "a track has gone silent");
     if (pOptions->nKeepAlive && nNowUs >= pPlayer->nNextKeepAliveUs) {
         if (pPlayer->nNextKeepAliveUs)
             RtspSend(&pPlayer->client, "OPTIONS", nullptr, nullptr, std::string(), kSendTimeoutMs);

@@ -26,6 +26,7 @@ struct LoadTrack {
     int bVideo = 0;
     int bSeen = 0;          // nNext is known
     uint16_t nNext = 0;     // sequence number expected
+    uint64_t nHeardUs = 0;  // the last packet came
     uint64_t nStampUs = 0;  // send time found in the picture that is arriving
 };
 
@@ -65,7 +66,7 @@ void LoadPlayerStart(LoadPlayer *pPlayer);
 void LoadPlayerReadStream(LoadPlayer *pPlayer);
 // Reads all datagrams that a socket of the player holds.
 void LoadPlayerReadDatagrams(LoadPlayer *pPlayer, int fd, int bRtcp);
-// Keep-alive requests and receiver reports that are due.
+// Keep-alive requests and receiver reports that are due; a track that has gone silent changes the state.
 void LoadPlayerTick(LoadPlayer *pPlayer, const LoadOptions *pOptions, uint64_t nNowUs);
 
 }  // namespace orx

@@ -24,9 +24,9 @@ struct EnetSide {
     std::vector<std::pair<ENetPeer *, std::string>> received;  // packets
     ENetAddress address{};                                     // its own, then that of the last Connect
 
-    EnetSide()
+    explicit EnetSide(const char *szIp = "127.0.0.1")
     {
-        enet_address_set_host(&address, "127.0.0.1");
+        enet_address_set_host(&address, szIp);
         pHost = enet_host_create(&address, 64, 1, 0, 0);
     }
     ~EnetSide() { enet_host_destroy(pHost); }
@@ -34,12 +34,15 @@ struct EnetSide {
     int Port() const { return PortOf(pHost->socket); }
     ENetPeer *Connect(int nPort)
     {
+        enet_address_set_host(&address, "127.0.0.1");
         address.port = static_cast<uint16_t>(nPort);
         return enet_host_connect(pHost, &address, 1, 0);
     }
     void Send(ENetPeer *pPeer, std::string_view data)
     {
-        enet_peer_send(pPeer, 0, enet_packet_create(data.data(), data.size(), ENET_PACKET_FLAG_RELIABLE));
+        ENetPacket *pPacket = enet_packet_create(data.data(), data.size(), ENET_PACKET_FLAG_RELIABLE);
+        if (enet_peer_send(pPeer, 0, pPacket) != 0)
+            enet_packet_destroy(pPacket);  // it is not connected
         enet_host_flush(pHost);
     }
     // Looks after the host until the condition holds or the time is up, which is generous by default.
