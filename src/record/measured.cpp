@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "record/recordwalk.h"
+#include "runtime/clock.h"
 
 namespace orx {
 
@@ -10,12 +11,15 @@ namespace orx {
 struct Entry {
     struct stat info {};  // of which device, number, size and time of the last change count
     uint64_t nBegin = 0;
-    uint64_t nNext = 0;     // where the walk goes on
-    uint32_t nLatest = 0;   // latest time of the records since the first key frame
-    uint32_t nLastUse = 0;  // 0: free
+    uint64_t nNext = 0;      // where the walk goes on
+    uint32_t nLatest = 0;    // latest time of the records since the first key frame
+    uint32_t nLastUse = 0;   // 0: free
+    uint32_t nLastStep = 0;  // ClockMs
     int bDone = 0;
     Measured result;
 };
+
+static constexpr int32_t kWaitMs = 1000;  // between two steps for somebody who waits there is much less
 
 static Entry g_entries[8];  // scheduler thread only, as is the number
 static uint32_t g_nUses = 0;
@@ -28,16 +32,25 @@ static int IsSame(const Entry *pEntry, const struct stat *pInfo, uint64_t nBegin
            p->st_mtim.tv_sec == pInfo->st_mtim.tv_sec && p->st_mtim.tv_nsec == pInfo->st_mtim.tv_nsec;
 }
 
-// The file's entry; a new one takes the place of the one that was asked for longest ago.
+// Whether a file is being walked through for somebody who waits.
+static int IsAtWork(const Entry *pEntry)
+{
+    return pEntry->nLastUse && !pEntry->bDone && ClockDiff(ClockMs(), pEntry->nLastStep) < kWaitMs;
+}
+
+// The file's entry; a new one takes the place of the one that was asked for longest ago. Null while all are
+// at work: who took the place of one of them would lose it in the same way, and nobody came to an end.
 static Entry *FindEntry(const struct stat *pInfo, uint64_t nBegin)
 {
-    Entry *pOldest = g_entries;
+    Entry *pOldest = nullptr;
     for (Entry &entry : g_entries) {
         if (IsSame(&entry, pInfo, nBegin))
             return &entry;
-        if (entry.nLastUse < pOldest->nLastUse)
+        if (!IsAtWork(&entry) && (!pOldest || entry.nLastUse < pOldest->nLastUse))
             pOldest = &entry;
     }
+    if (!pOldest)
+        return nullptr;
     *pOldest = Entry{};
     pOldest->info = *pInfo;
     pOldest->nBegin = pOldest->nNext = nBegin;
@@ -75,7 +88,10 @@ static void AddRecord(Entry *pEntry, const ZMFRecordHead *pHead, uint64_t nPos)
 const Measured *MeasureStep(int fd, const struct stat *pInfo, uint64_t nBegin, uint32_t nWork)
 {
     Entry *pEntry = FindEntry(pInfo, nBegin);
+    if (!pEntry)
+        return nullptr;
     pEntry->nLastUse = ++g_nUses;
+    pEntry->nLastStep = ClockMs();
     if (pEntry->bDone)
         return &pEntry->result;
     RecordWalk walk;

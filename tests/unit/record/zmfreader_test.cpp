@@ -106,4 +106,25 @@ TEST_F(ZMFReaderTest, StepsFindTheSame)
     }
 }
 
+// More interrupted files are asked for by turns than are measured at a time: those who come later wait, and all
+// come to an end.
+TEST_F(ZMFReaderTest, ManyAreMeasuredByTurns)
+{
+    const std::string file = MakeRecording(path, 20, false);
+    std::vector<std::string> open;
+    for (int i = 0; i < 12; i++) {
+        open.push_back(dir.File(std::to_string(i).c_str()));
+        WriteFile(open.back(), file);
+    }
+    for (int nRounds = 0; nRounds < 1000 && !open.empty(); nRounds++)
+        std::erase_if(open, [](const std::string &one) {
+            int bMore = 0;
+            ZMFReader *pReader = ZMFReaderOpenStep(one.c_str(), 4096, 40, &bMore);
+            EXPECT_EQ(!bMore, pReader != nullptr);
+            ZMFReaderClose(pReader);
+            return pReader != nullptr;
+        });
+    EXPECT_THAT(open, testing::IsEmpty());
+}
+
 }  // namespace orx
