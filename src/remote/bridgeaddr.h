@@ -18,4 +18,9 @@ inline int IsBridgeAddress(uint32_t nIp)
     return (nIp & 0xFFFFFF00) == kBridgeNet;
 }
 
+// Whose peer a bridge carries, by the bridge's address: noted by the relay before the bridge connects, read by
+// any thread. 0 when nobody was noted.
+void BridgeNotePeer(uint32_t nSlot, uint32_t nPeerIp);
+uint32_t BridgePeer(uint32_t nBridgeIp);
+
 }  // namespace orx

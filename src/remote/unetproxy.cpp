@@ -272,6 +272,7 @@ UnetProxy *CreateUnetProxy(Thread *pCaller, UnetHost *pUnetHost, ENetPeer *pPeer
 {
     if (!DescriptorsSpare(kBridgeDescriptors))
         return nullptr;
+    BridgeNotePeer(pPeer->incomingPeerID, ntohl(pPeer->address.host));
     FdGuard sock(ConnectRtsp(pCaller, pRtsp, pPeer->incomingPeerID));
     if (sock.fd < 0)
         return nullptr;

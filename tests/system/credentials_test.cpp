@@ -161,7 +161,7 @@ TEST_F(CredentialsTest, StaleNonceIsRenewed)
     other.challenge = player.challenge;
     other.bChallenged = 1;
     RtspSend(&other, "DESCRIBE", nullptr);
-    EXPECT_EQ(403, NextStatus(&other)) << "given to somebody else";
+    EXPECT_EQ(401, NextStatus(&other)) << "given to somebody else";
     PassTime(65000);
     RtspChallenge old = player.challenge;
     for (int i = 0; i < 4; i++) {  // no failure, however often

@@ -101,7 +101,8 @@ int GetUserAccount(void *pContext, const char *szUrl, const char *szUser, char *
             return 0;
         }
     }
-    if (AccountsFind(pScope->pProg, szUser, &pScope->found) <= 0)
+    pScope->bFound = AccountsFind(pScope->pProg, szUser, &pScope->found) > 0;
+    if (!pScope->bFound)
         return 0;
     TextCopy(szPassword, kPasswordSize, pScope->found.szPassword);
     if (pLevel)

@@ -21,6 +21,7 @@ int MaySeeProgram(const Account *pAccount, const Program *pProg);
 struct AccountScope {
     const Program *pProg = nullptr;  // not owned; null: the configuration file alone
     Account found;                   // what the last look-up gave
+    int bFound = 0;                  // it did
 };
 
 // The look-up of the authenticator (see GetAccountProc). pContext: an AccountScope, whose program was found

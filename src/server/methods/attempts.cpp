@@ -13,10 +13,15 @@ constexpr int kFreeAttempts = 2;          // within kWindowMs, without any delay
 constexpr int32_t kWindowMs = 60000;      // that a wrong one counts for
 constexpr uint32_t kLongestDelay = 8000;  // ms
 
+struct WrongOne {
+    uint32_t nTime;  // ClockMs
+    uint32_t nSecret;
+};
+
 struct Attempts {
     uint32_t nIp = 0;
     int nTimes = 0;                  // 0: a free place
-    uint32_t times[kMaxTimes] = {};  // ClockMs of wrong ones, the oldest first
+    WrongOne times[kMaxTimes] = {};  // the oldest first
 };
 
 static Attempts g_attempts[kMaxAddresses];  // scheduler thread only
@@ -31,7 +36,7 @@ static Attempts *Find(uint32_t nIp)
 
 static uint32_t LastTime(const Attempts *pEntry)
 {
-    return pEntry->times[pEntry->nTimes - 1];
+    return pEntry->times[pEntry->nTimes - 1].nTime;
 }
 
 // A place for a further address: a free one, else that of who has been quiet for longest.
@@ -51,20 +56,24 @@ static Attempts *TakePlace(uint32_t nIp)
     return pPlace;
 }
 
-void AttemptsNoteWrong(uint32_t nIp)
+void AttemptsNoteWrong(uint32_t nIp, uint32_t nSecret)
 {
     Attempts *pEntry = Find(nIp);
     if (!pEntry)
         pEntry = TakePlace(nIp);
     if (pEntry->nTimes == kMaxTimes)
         std::copy(pEntry->times + 1, pEntry->times + pEntry->nTimes--, pEntry->times);
-    pEntry->times[pEntry->nTimes++] = ClockMs();
+    pEntry->times[pEntry->nTimes++] = {ClockMs(), nSecret};
 }
 
-void AttemptsForget(uint32_t nIp)
+void AttemptsForget(uint32_t nIp, uint32_t nSecret)
 {
-    if (Attempts *pEntry = Find(nIp))
-        pEntry->nTimes = 0;
+    Attempts *pEntry = Find(nIp);
+    if (!pEntry)
+        return;
+    auto bForgotten = [nSecret](const WrongOne &one) { return one.nSecret == 0 || one.nSecret == nSecret; };
+    WrongOne *pEnd = std::remove_if(pEntry->times, pEntry->times + pEntry->nTimes, bForgotten);
+    pEntry->nTimes = static_cast<int>(pEnd - pEntry->times);
 }
 
 uint32_t AttemptsDelay(uint32_t nIp)
@@ -73,7 +82,7 @@ uint32_t AttemptsDelay(uint32_t nIp)
     if (!pEntry)
         return 0;
     uint32_t nNow = ClockMs();
-    auto bRecent = [nNow](uint32_t nTime) { return ClockDiff(nNow, nTime) < kWindowMs; };
+    auto bRecent = [nNow](const WrongOne &one) { return ClockDiff(nNow, one.nTime) < kWindowMs; };
     auto nRecent = std::count_if(pEntry->times, pEntry->times + pEntry->nTimes, bRecent);
     if (nRecent <= kFreeAttempts)
         return 0;

@@ -152,8 +152,9 @@ static void MakeNonce(const Auth *pAuth, uint32_t nClientIp, char *szNonce)
         Md5Hex(&pAuth->nHandle, sizeof(pAuth->nHandle), szNonce);
 }
 
-// Whether a nonce was given to this client. *pbOld tells that it is too old.
-static int IsOwnNonce(const Auth *pAuth, uint32_t nClientIp, const char *szNonce, int *pbOld)
+// Whether an answer to the nonce is looked at. *pbOld tells that it has to be given again to a new one: with
+// FreshNonce this one was made too long ago, for another client, or before the server's last start.
+static int IsNonce(const Auth *pAuth, uint32_t nClientIp, const char *szNonce, int *pbOld)
 {
     char own[kNonceSize];
     *pbOld = 0;
@@ -165,8 +166,8 @@ static int IsOwnNonce(const Auth *pAuth, uint32_t nClientIp, const char *szNonce
     TextCopy(digits, sizeof(digits), szNonce);
     auto tMade = static_cast<uint32_t>(strtoul(digits, nullptr, 16));
     MakeFreshNonce(pAuth, nClientIp, tMade, own);
-    *pbOld = ClockDiff(ClockUptime(), tMade) > kNonceSeconds;
-    return SameSecret(szNonce, own);
+    *pbOld = !SameSecret(szNonce, own) || ClockDiff(ClockUptime(), tMade) > kNonceSeconds;
+    return 1;
 }
 
 // Whether the "uri" of an answer is that of the request. Clients name it in full or by its path alone.
@@ -238,7 +239,7 @@ static int DigestValidate(Auth *pAuth, const AuthRequest *pRequest)
         return AUTH_REFUSED;
     int bOld = 0;
     if (strcmp(StrText(realm.s), pAuth->szRealm) != 0 ||
-        !IsOwnNonce(pAuth, pRequest->nClientIp, StrText(nonce.s), &bOld) ||
+        !IsNonce(pAuth, pRequest->nClientIp, StrText(nonce.s), &bOld) ||
         !IsUriOf(pAuth, StrText(uri.s), pRequest->szUrl))
         return AUTH_REFUSED;
     int nLevel = FindAccount(pAuth, pRequest, StrText(user.s));

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "base/textbuf.h"
+#include "remote/bridgeaddr.h"
 #include "runtime/sockutil.h"
 #include "server/core/registry.h"
 #include "server/core/settings.h"
@@ -16,32 +17,47 @@ namespace orx {
 constexpr size_t kMaxCredentials = kMaxHeadBytes + 32;  // a header block and what is put before it
 constexpr int kMaxFailures = 3;                         // of one connection
 
-// Whether failures from there count. The box itself, from where others may be served, is not slowed down.
-static int IsCounted(const Port *pPort)
+// The address that failures count for: of a relayed peer its own, so that the next one in its place does not
+// wait for it. 0: they do not count. The box itself, from where others may be served, is not slowed down.
+static uint32_t CountedIp(const Port *pPort)
 {
-    return g_settings.nAuthFailDelay && SockGetIp(&pPort->remote) != INADDR_LOOPBACK;
+    uint32_t nIp = SockGetIp(&pPort->remote);
+    uint32_t nPeer = BridgePeer(nIp);
+    if (nPeer && nPeer != INADDR_LOOPBACK)
+        nIp = nPeer;
+    return g_settings.nAuthFailDelay && nIp != INADDR_LOOPBACK ? nIp : 0;
+}
+
+// Stands for a password where wrong ones are counted (FNV-1a; never 0).
+static uint32_t SecretOf(const char *szPassword)
+{
+    uint32_t nHash = 2166136261U;
+    for (const char *p = szPassword; *p; p++)
+        nHash = (nHash ^ static_cast<uint8_t>(*p)) * 16777619U;
+    return nHash ? nHash : 1;
 }
 
 // Notes how a check ended, and has its answer wait when the address has guessed too often. A check that is
-// made again after such a wait was noted then. What everybody
-// may show ends no count.
-static Credential Conclude(const CredentialCheck *pCheck, Credential eResult, int bAnonymous)
+// made again after such a wait was noted then. szPassword would have been right; null: nothing would, or what
+// everybody may show, which ends no count.
+static Credential Conclude(const CredentialCheck *pCheck, Credential eResult, const char *szPassword)
 {
     Session *pSession = pCheck->pSession;
-    if (!IsCounted(pCheck->pPort))
+    uint32_t nIp = CountedIp(pCheck->pPort);
+    if (!nIp)
         return eResult;
-    uint32_t nIp = SockGetIp(&pCheck->pPort->remote);
+    uint32_t nSecret = szPassword ? SecretOf(szPassword) : 0;
     if (!pSession->hold.bOver) {
         if (eResult == CREDENTIAL_WRONG) {
-            AttemptsNoteWrong(nIp);
+            AttemptsNoteWrong(nIp, nSecret);
             pSession->hold.nFailures++;
         }
         pSession->hold.nDelayMs = AttemptsDelay(nIp);
         if (pSession->hold.nDelayMs)
             return CREDENTIAL_WAITS;
     }
-    if (eResult == CREDENTIAL_RIGHT && !bAnonymous)
-        AttemptsForget(nIp);
+    if (eResult == CREDENTIAL_RIGHT && nSecret)
+        AttemptsForget(nIp, nSecret);
     return eResult;
 }
 
@@ -60,15 +76,22 @@ static Credential Validate(const CredentialCheck *pCheck, unsigned nScheme, cons
     return nResult == AUTH_REFUSED ? CREDENTIAL_WRONG : CREDENTIAL_RIGHT;
 }
 
+// What is right for an account, or null; of nobody's account, too.
+static const char *PasswordOf(const Account *pAccount)
+{
+    return pAccount && !pAccount->bAnonymous ? pAccount->szPassword : nullptr;
+}
+
 Credential CheckAuthorization(const CredentialCheck *pCheck, unsigned nScheme, CheckedUser *pOut)
 {
     const char *szValue = RequestHeaderValue(pCheck->pRequest, "Authorization");
     const char *szScheme = AuthSchemeName(nScheme);
     if (!szValue || strncmp(szValue, szScheme, strlen(szScheme)) != 0)
         return CREDENTIAL_MISSING;
-    AccountScope scope{pCheck->pProg, Account()};
+    AccountScope scope;
+    scope.pProg = pCheck->pProg;
     Credential eResult = Validate(pCheck, nScheme, szValue, &scope);
-    eResult = Conclude(pCheck, eResult, scope.found.bAnonymous);
+    eResult = Conclude(pCheck, eResult, PasswordOf(scope.bFound ? &scope.found : nullptr));
     if (eResult == CREDENTIAL_RIGHT) {
         TextCopy(pOut->szUser, sizeof(pOut->szUser), g_server.pAuth->szUser);
         pOut->account = scope.found;
@@ -80,7 +103,7 @@ static Credential Compare(const CredentialCheck *pCheck, const char *szUser, con
                           const char *szGiven)
 {
     int bRight = pAccount && AuthIsToken(szUser, pAccount->szPassword, szGiven);
-    return Conclude(pCheck, bRight ? CREDENTIAL_RIGHT : CREDENTIAL_WRONG, pAccount && pAccount->bAnonymous);
+    return Conclude(pCheck, bRight ? CREDENTIAL_RIGHT : CREDENTIAL_WRONG, PasswordOf(pAccount));
 }
 
 Credential CheckUserToken(const CredentialCheck *pCheck, CheckedUser *pOut)
@@ -102,7 +125,7 @@ Credential CheckSuperToken(const CredentialCheck *pCheck, const char *szUser, co
     if (!szGiven)
         return CREDENTIAL_MISSING;
     int bRight = *szUser && AuthIsToken(szUser, szPassword, szGiven);
-    return Conclude(pCheck, bRight ? CREDENTIAL_RIGHT : CREDENTIAL_WRONG, 0);
+    return Conclude(pCheck, bRight ? CREDENTIAL_RIGHT : CREDENTIAL_WRONG, *szUser ? szPassword : nullptr);
 }
 
 int CredentialChallenge(const Port *pPort, unsigned nScheme, int bStale, TextBuf *pText)
