@@ -97,6 +97,8 @@ const struct {
     {kOpen, "CAMCONTROL", kAction, "", 0, 400},
     {kOpen, "PUTVOICE", kVoice, "x", 0, 400},
     {kOpen, "RECORDEX", kStop, "", 200, 401},
+    {kOpen, "RECORDEX", kStop + kAnn, "", 200, 200},
+    {kOpen, "RECORDEX", kStop + kWrong, "", 200, 401},
     {kOpen, "GETCAMINFO", kGetCfg, "", 650, 650},
     {kOpenHere, "RECORDEX", kStop, "", 200, 200},
     {kOpenHere, "CAMCONTROL", kAction, "", 0, 400},
@@ -241,6 +243,22 @@ TEST_F(RolesTest, OpensWhatAListNames)
             bool bNamed = szPath != paths[0] && szPath != paths[3];
             EXPECT_EQ(bNamed || *szStrict == '0' ? 200 : 403, Status(&Add(szPath), "DESCRIBE", kAnn)) << szPath;
         }
+        ASSERT_EQ(0, server.Quit());
+    }
+}
+
+// Whoever may see a list of programs has no level at one that is not on his.
+TEST_F(RolesTest, ListsLendNoLevel)
+{
+    server.Set("SERVER", "AuthType=0\nControlUsers=1");
+    server.Set("GUARD", "StrictRoles", "1");
+    for (const char *szList : {"ch10", "cam"}) {
+        server.Set("USERCTRL", "UserDevList0", szList);
+        StartCamera(CameraSdp());
+        RtspClient &viewer = Add("/cam", kRelayed);
+        ASSERT_EQ(200, Status(&viewer, "DESCRIBE"));
+        RtspSend(&viewer, "GETPLAYLIST", nullptr, UserHeaders("ann", "annpw").c_str());
+        EXPECT_EQ(szList[1] == 'h' ? 401 : 200, Status(&viewer, "RECORDEX", kStop)) << szList;
         ASSERT_EQ(0, server.Quit());
     }
 }

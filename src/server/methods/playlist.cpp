@@ -90,6 +90,16 @@ static Verdict ReplyUnauthorized(Session *pSession, Port *pPort)
     return MessageSend(&reply);
 }
 
+// StrictRoles: at the program that is held the user has the level that its accounts give to the same
+// password.
+static void LendLevel(Session *pSession, const CheckedUser *pUser)
+{
+    CheckedUser there = *pUser;
+    if (AccountsFind(pSession->pProg, pUser->szUser, &there.account) > 0 &&
+        strcmp(there.account.szPassword, pUser->account.szPassword) == 0)
+        ViewerSet(pSession, &there);
+}
+
 Verdict HandleGetPlayList(Session *pSession, Port *pPort, Request *pRequest)
 {
     CredentialCheck check{pSession, pPort, pRequest, nullptr};
@@ -101,9 +111,10 @@ Verdict HandleGetPlayList(Session *pSession, Port *pPort, Request *pRequest)
         return RefuseFault(pSession, pPort);
     if (eResult != CREDENTIAL_RIGHT)
         return ReplyUnauthorized(pSession, pPort);
-    // StrictRoles: these accounts are not those of a program that let nobody in yet
-    if (!g_settings.bStrictRoles || !pSession->pProg || pSession->viewer.bAdmitted)
+    if (!g_settings.bStrictRoles || !pSession->pProg)
         ViewerSet(pSession, &user);
+    else if (pSession->viewer.bAdmitted)
+        LendLevel(pSession, &user);
     PictureSize screen;
     const char *szScreen = RequestHeaderValue(pRequest, "Screen-Size");
     if (szScreen && sscanf(szScreen, "%9dx%9d", &screen.nWidth, &screen.nHeight) != 2)

@@ -4,6 +4,8 @@
 #include "server/core/settings.h"
 #include "server/media/replies.h"
 #include "server/methods/admit.h"
+#include "server/methods/auth.h"
+#include "server/methods/credentials.h"
 #include "server/methods/peer.h"
 
 namespace orx {
@@ -19,14 +21,6 @@ static int IsClosed(const Session *pSession)
     return !pViewer->bAdmitted && !FeedsProgram(pSession) && (pSession->pProg || pViewer->bChallenged);
 }
 
-static Verdict RefuseRecorder(Session *pSession, Port *pPort)
-{
-    // an account would help; one that is not enough will not do the second time either
-    if (!pSession->viewer.bAdmitted || pSession->viewer.nUserLevel >= kNobodysLevel)
-        return ReplyChallenge(pSession, pPort, 0);
-    return ReplyShort(pSession, pPort, STATUS_FORBIDDEN);
-}
-
 static int MayRecord(const Session *pSession, const Port *pPort)
 {
     if (PeerIsOwnShell(pPort) || FeedsProgram(pSession))
@@ -34,6 +28,40 @@ static int MayRecord(const Session *pSession, const Port *pPort)
     if (pSession->viewer.bAdmitted)
         return pSession->viewer.nUserLevel < kRecordLevel;
     return !IsClosed(pSession);
+}
+
+// Who was let in to watch without a password may show one when it is asked for. Returns 1, or 0 with
+// *pVerdict of what was answered.
+static int ShowsPassword(Session *pSession, Port *pPort, Verdict *pVerdict)
+{
+    unsigned nScheme = g_settings.nAuthType == AUTH_NONE ? unsigned{AUTH_BASIC} : g_settings.nAuthType;
+    CredentialCheck check{pSession, pPort, &pPort->request, pSession->pProg};
+    CheckedUser user;
+    Credential eResult = CheckAuthorization(&check, nScheme, &user);
+    if (eResult == CREDENTIAL_RIGHT)
+        ViewerSet(pSession, &user);
+    else if (eResult == CREDENTIAL_WAITS)
+        *pVerdict = Verdict::Later;
+    else
+        *pVerdict = ReplyChallenge(pSession, pPort, eResult == CREDENTIAL_STALE);
+    return eResult == CREDENTIAL_RIGHT;
+}
+
+static int RecorderMay(Session *pSession, Port *pPort, Verdict *pVerdict)
+{
+    if (MayRecord(pSession, pPort))
+        return 1;
+    // an account would help; one that is not enough will not do the second time either
+    if (!pSession->viewer.bAdmitted) {
+        *pVerdict = ReplyChallenge(pSession, pPort, 0);
+        return 0;
+    }
+    if (pSession->viewer.nUserLevel >= kNobodysLevel && !ShowsPassword(pSession, pPort, pVerdict))
+        return 0;
+    if (MayRecord(pSession, pPort))
+        return 1;
+    *pVerdict = ReplyShort(pSession, pPort, STATUS_FORBIDDEN);
+    return 0;
 }
 
 int RoleMay(Role eRole, Session *pSession, Port *pPort, Verdict *pVerdict)
@@ -49,10 +77,7 @@ int RoleMay(Role eRole, Session *pSession, Port *pPort, Verdict *pVerdict)
             *pVerdict = ReplyChallenge(pSession, pPort, 0);
             return 0;
         case Role::Recorder:
-            if (MayRecord(pSession, pPort))
-                return 1;
-            *pVerdict = RefuseRecorder(pSession, pPort);
-            return 0;
+            return RecorderMay(pSession, pPort, pVerdict);
         case Role::Neighbour:
             if (PeerMayAnnounce(pPort))
                 return 1;
