@@ -246,10 +246,12 @@ void SessionRemoteText(const Session *pSession, char *szOut)
 static int OnSessionDelayCloseTimer(Task *pTask, uint32_t, uint32_t, uint32_t)
 {
     Session *pSession = SessionOfTask(pTask);
-    if (pSession) {
-        print("OnSessionDelayCloseTimer()\r\n");
-        SessionEnd(pSession);
-    }
+    if (!pSession)
+        return -1;
+    if (pSession->hold.pPort)  // the peer has asked again, and is to hear the answer
+        return static_cast<int>(kDelayedCloseMs);
+    print("OnSessionDelayCloseTimer()\r\n");
+    SessionEnd(pSession);
     return -1;
 }
 

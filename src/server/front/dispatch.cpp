@@ -229,8 +229,13 @@ static int OnHoldOver(Task *pTask, uint32_t, uint32_t, uint32_t)
     Step step = RunHandler(pSession, pPort, &nAt);
     if (!pSession->hold.pPort)
         pSession->hold.bOver = 0;
-    if (step != Step::Gone)
-        PortPostEvent(pPort, EVENT_POSTED_INPUT, 0);
+    if (step == Step::Gone)
+        return -1;
+    // what came meanwhile was not read, also on the other half of a tunnel, and is not reported again
+    for (const Port *pOther : {pSession->peer.Cmd, pSession->peer.Reply})
+        if (pOther && pOther != pPort)
+            PortPostEvent(pOther, MONITOR_READ, 0);
+    PortPostEvent(pPort, EVENT_POSTED_INPUT, 0);
     return -1;
 }
 

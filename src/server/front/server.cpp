@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <new>
 
@@ -103,6 +104,16 @@ static void OnMonitorBurst(void * /*pContext*/, int bBegin)
     SchedulerCork(&g_server.scheduler, bBegin);
 }
 
+// A list that fills its buffer was cut, perhaps within an entry, which would then name a wider network.
+static void DropCutNetwork(char *szList, size_t nSize)
+{
+    char *pLast = strlen(szList) == nSize - 1 ? strrchr(szList, ' ') : nullptr;
+    if (!pLast)
+        return;
+    print("AnnounceFrom is too long: what stands behind \"%s\" is left out.\r\n", pLast + 1);
+    *pLast = '\0';
+}
+
 int ServerStart(const char *szConfigPath)
 {
     ClearServer();
@@ -110,6 +121,7 @@ int ServerStart(const char *szConfigPath)
         ClearServer();
         return 0;
     }
+    DropCutNetwork(g_settings.szAnnounceFrom, sizeof(g_settings.szAnnounceFrom));
     AddrListParse(&g_server.announceFrom, g_settings.szAnnounceFrom, "AnnounceFrom");
     g_server.nMaxRegisterId = GuidStoreNextId(g_settings.szGuidPath);
     EventsInit();

@@ -248,8 +248,8 @@ int SendReply2(Session *pSession, Port *pPort, const void *pText, size_t nLen, c
                size_t nBody, DataBlock *pBefore)
 {
     // a client can close the half of its tunnel that replies take, and go on asking on the other
-    int bLost = !pPort || ((pPort->nFlags & PORT_TUNNEL_POST) && !pSession->peer.Reply);
-    if (!ORX_PEER_ASSERT(!bLost, "session->Reply"))
+    if (!ORX_PEER_ASSERT(pPort && (pSession->peer.Reply || !(pPort->nFlags & PORT_TUNNEL_POST)),
+                         "session->Reply"))
         return 0;
     if (RepliesPileUp(pSession)) {
         print("Too many replies wait on fd=0x%x!\r\n", pPort->fd);
