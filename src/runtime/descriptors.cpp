@@ -13,6 +13,8 @@
 
 namespace orx {
 
+constexpr int kSomeMore = 8;  // above those that are kept: the shortage is over
+
 static std::atomic<int> g_bShort{0};  // the shortage that lasts has been printed
 
 // The lowest free number, where /proc cannot be read: so many are open at least. nLimit when there is none.
@@ -52,7 +54,7 @@ int DescriptorsSpare(int nWanted)
     int bShort = nLeft < kDescriptorsKept + nWanted;
     if (bShort && !g_bShort.exchange(1))
         print("Only %d descriptors are left: no more connections by the web port and the relay.\r\n", nLeft);
-    if (!bShort)
+    if (nLeft > kDescriptorsKept + kSomeMore)
         g_bShort = 0;
     return !bShort;
 }

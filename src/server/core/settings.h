@@ -49,7 +49,7 @@ struct Settings {
     int bRunUnprivileged = 0;
     int bPinMedia = 0;
     int bStrictRoles = 0;
-    char szAnnounceFrom[512] = "";  // addresses and networks, separated by blanks; empty: all
+    char szAnnounceFrom[1024] = "";  // addresses and networks, separated by blanks; empty: all
     int bAnnounceAuth = 0;
     int bConfineRecordings = 0;
     uint32_t nMaxSessionsPerAddress = 0;  // here and below 0 is no limit

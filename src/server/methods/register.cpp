@@ -28,7 +28,8 @@ Verdict HandleRegister(Session *pSession, Port *pPort, Request *pRequest)
     TextBuf text{name, sizeof(name)};
     TextAdd(&text, "cam%d", g_server.nMaxRegisterId);
     GuidStoreText store;
-    if (!GuidStoreMake(g_settings.szGuidPath, szGuid, name, g_server.nMaxRegisterId + 1, &store))
+    if (g_server.nMaxRegisterId == INT32_MAX ||
+        !GuidStoreMake(g_settings.szGuidPath, szGuid, name, g_server.nMaxRegisterId + 1, &store))
         return ReplyShort(pSession, pPort, STATUS_FAILED);  // a name that is forgotten is not given
     if (ReplyName(pSession, pPort, name) == Verdict::End)
         return Verdict::End;
