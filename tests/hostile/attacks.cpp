@@ -352,6 +352,38 @@ static void Push(Attack *p)
     Finish(p, std::move(line));
 }
 
+// A program in order but for its time, which stands still, and players of it that do not read.
+static void Swell(Attack *p)
+{
+    const std::string path = "/swell" + std::to_string(p->dice.Below(3)),
+                      sdp = "v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:trackID=0\r\n",
+                      head = "ANNOUNCE rtsp://127.0.0.1" + path + kRtspVersion + std::to_string(++p->nCSeq) +
+                             "\r\nContent-Type: application/sdp\r\nContent-Length: " + std::to_string(sdp.size());
+    Line line = OpenLine(Way::DIRECT, p->ip, p->ports, &p->dice), players[3];
+    line.Send(head + "\r\n\r\n" + sdp + Ask(p, {"SETUP", "/trackID=0", kOverTcp.szHeaders}, path) +
+              Ask(p, kPlay, path));
+    uint32_t nBlocks = p->dice.Below(100);
+    for (uint32_t n = 0; n < nBlocks; n++) {
+        std::string frames;
+        for (uint16_t i = 0; i < 400; i++) {
+            RtpFields fields;
+            fields.nSequence = static_cast<uint16_t>(400 * n + i);
+            fields.nTime = 90;
+            frames += Frame(0, MakeRtp(fields, (i == 0 && p->dice.OneIn(20) ? "\x65" : "\x41") + Pattern(1300, i)));
+        }
+        if (!line.Send(frames))
+            break;
+        if (n % 20 != 19 || n / 20 >= std::size(players))
+            continue;
+        players[n / 20] = OpenLine(Way::DIRECT, p->ip, p->ports, &p->dice);
+        for (const RequestRow &row : {kDescribe, RequestRow{"SETUP", "/trackID=0", kOverTcp.szHeaders}, kPlay})
+            players[n / 20].Send(Ask(p, row, path));
+    }
+    Finish(p, std::move(line));
+    for (Line &player : players)
+        player.Leave(&p->dice);
+}
+
 // Files that somebody left in the directory of recordings, played and searched.
 static void Recording(Attack *p)
 {
@@ -450,6 +482,7 @@ std::span<const AttackRow> Attacks()
                                      {"tunnel", 6, "halves of a tunnel that come and go in any order", Tunnel},
                                      {"flood", 2, "one request thousands of times", Flood},
                                      {"push", 4, "programs with any description, frames of any content", Push},
+                                     {"swell", 1, "a program that is kept for ever, and who does not read it", Swell},
                                      {"recording", 1, "crafted recordings, played and searched", Recording},
                                      {"datagrams", 3, "datagrams to media ports and to the relay", Datagrams},
                                      {"relay", 2, "peers of the relay with tiny packets", Relay},
