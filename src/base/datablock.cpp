@@ -53,7 +53,7 @@ static inline void Count(void *pUser, const DataBlock *pBlock, int nSign)
         return;
     int64_t nBytes = nSign * static_cast<int64_t>(BlockBytes(pBlock));
     pSum->nBytes += nBytes;
-    if (pSum->pTotal)
+    if (pSum->pTotal && (pBlock->nFlags & DB_MEDIA))
         *pSum->pTotal += nBytes;
     if ((pBlock->nFlags & (DB_MEDIA | DB_KEY)) == DB_MEDIA || (pBlock->nFlags & DB_QUESTION))
         return;

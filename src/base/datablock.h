@@ -72,7 +72,7 @@ struct BlockSum {
     int64_t nOtherBytes = 0;    // of those that are neither media nor questions: replies, reports
     uint32_t nOthers = 0;       // how many those are
     uint32_t nKeys = 0;         // how many blocks of media start a key frame
-    int64_t *pTotal = nullptr;  // bytes of this list and others together; not owned, may be null
+    int64_t *pTotal = nullptr;  // bytes of media in this list and others together; not owned, may be null
 };
 
 // Readies pList as a queue of blocks that it owns: embedded nodes, blocks freed with FreeDataBlock. What it

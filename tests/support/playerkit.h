@@ -71,16 +71,21 @@ struct PlayerQueueTest : testing::Test {
         pProg->desc.nDataTrack = 2;
         pProg->nRefs = 1;  // as if a pusher held it
         ListAppend(&g_server.programs, pProg);
-        pPlayer = CreateSession(CreateTcpPort(pair.fdServer));
-        pPlayer->peer.Reply = pPlayer->peer.Cmd;
-        pPlayer->out.bInterleaved = 1;
-        pPlayer->nState = STATE_PLAYING;
-        ProgramAttach(pPlayer, pProg);
-        pPlayer->out.nTracks = 3;
+        pPlayer = AddPlayer(pair.fdServer);
+    }
+    Session *AddPlayer(int fd) const
+    {
+        Session *p = CreateSession(CreateTcpPort(fd));
+        p->peer.Reply = p->peer.Cmd;
+        p->out.bInterleaved = 1;
+        p->nState = STATE_PLAYING;
+        ProgramAttach(p, pProg);
+        p->out.nTracks = 3;
         for (int i = 0; i < 3; i++) {
-            pPlayer->tracks[i].nPayloadType = kPayloadTypes[i];
-            pPlayer->tracks[i].bSetUp = i < 2;
+            p->tracks[i].nPayloadType = kPayloadTypes[i];
+            p->tracks[i].bSetUp = i < 2;
         }
+        return p;
     }
     void TearDown() override { core.reset(); }
 

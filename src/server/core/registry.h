@@ -40,6 +40,7 @@ struct ServerConfig {
     PortMgr *pPortMgr = nullptr;  // owned
     AddrList announceFrom;        // [GUARD] AnnounceFrom
     int64_t nCachedBytes = 0;     // of memory, that the caches of all programs take
+    int64_t nQueuedBytes = 0;     // the same of the media that waits for all sessions
     int nMaxRegisterId = 0;       // number of the next name that REGISTER gives
     ProgramHook pfnProgramHook = nullptr;
     void *pProgramHookContext = nullptr;

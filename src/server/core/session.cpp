@@ -77,6 +77,7 @@ Session *CreateSession(Port *pPort)
     if (!pSession)
         return nullptr;
     BlockListInit(&pSession->out.Outq, &pSession->out.queued);
+    pSession->out.queued.pTotal = &g_server.nQueuedBytes;
     pSession->nHandle = NextHandle();
     pSession->peer.tLastActivity = pSession->peer.tLastRequest = ClockUptime();
     pSession->peer.tStart = static_cast<uint32_t>(time(nullptr));
@@ -155,6 +156,9 @@ static void EndOne(Session *pSession)
     for (SessionTrack &track : pSession->tracks)
         CloseTrackPorts(&track);
     ProgramDetach(pSession);
+    g_server.nQueuedBytes -=
+        SessionMediaWaiting(pSession);  // is freed in a moment, and nobody need give for it
+    pSession->out.queued.pTotal = nullptr;
     Retire(&pSession->retired, pSession, SessionFree);
 }
 

@@ -179,6 +179,12 @@ inline Session *NextSession(const Session *pSession)
     return reinterpret_cast<Session *>(pSession->node.pNext);
 }
 
+// Memory that the media in the queue takes. Not of a pusher, for whom questions wait.
+inline int64_t SessionMediaWaiting(const Session *pSession)
+{
+    return pSession->out.queued.nBytes - pSession->out.queued.nOtherBytes;
+}
+
 // Takes over an accepted or handed-over connection: a session on pPort, in the list and in the session map.
 // Null when memory runs out; the port is then left to the caller.
 Session *CreateSession(Port *pPort);

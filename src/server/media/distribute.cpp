@@ -36,6 +36,64 @@ static int Flush(Session *pSession, unsigned nMost)
     return 1;
 }
 
+// The session whose media that waits takes most; null when none waits at all.
+static Session *LargestQueue()
+{
+    Session *pMost = nullptr;
+    for (Session *p = FirstSession(); p; p = NextSession(p))
+        if (!(p->nFlags & SESSION_PUSHER) &&
+            SessionMediaWaiting(p) > (pMost ? SessionMediaWaiting(pMost) : 0))
+            pMost = p;
+    return pMost;
+}
+
+// Makes a queue smaller, as a full one: unless its peer reads, the session loses the media or ends.
+static void QueueGive(Session *pSession)
+{
+    int64_t nBefore = SessionMediaWaiting(pSession);
+    int bSent = SendDataEx(pSession, nullptr, 1);
+    if (bSent && SessionMediaWaiting(pSession) <= nBefore / 2)
+        return;
+    pSession->start.pNext = nullptr;
+    if (bSent && QueueRelieve(pSession) && SessionMediaWaiting(pSession) <= nBefore / 2)
+        return;
+    print("QueueGive()->DestroySession()!\r\n");
+    SessionEnd(pSession);
+}
+
+// Of all queues the largest gives, whoever the newest packet is for: who reads has a small one.
+static void QueuesBound()
+{
+    int64_t nMost = Megabytes(g_settings.nCacheMegabytesTotal);
+    while (nMost && g_server.nQueuedBytes > nMost) {
+        Session *pMost = LargestQueue();
+        if (!pMost)
+            return;
+        QueueGive(pMost);
+    }
+}
+
+// Makes room for a start from pFirst on: whoever holds half as much as it takes, or more, gives (of a start
+// of the same length a part is in the socket by now). Returns 0 when that is not enough.
+static int RoomForStart(const Session *pSession, const DataBlock *pFirst)
+{
+    int64_t nMost = Megabytes(g_settings.nCacheMegabytesTotal);
+    if (!nMost || g_server.nQueuedBytes + pSession->pProg->cache.held.nBytes <= nMost)
+        return 1;
+    int64_t nWanted = 0;
+    for (const DataBlock *p = pFirst; p; p = NextBlock(p))
+        nWanted += BlockBytes(p);
+    if (nWanted > nMost)
+        return 0;
+    while (g_server.nQueuedBytes + nWanted > nMost) {
+        Session *pMost = LargestQueue();
+        if (!pMost || pMost == pSession || SessionMediaWaiting(pMost) < nWanted / 2)
+            return 0;
+        QueueGive(pMost);
+    }
+    return 1;
+}
+
 // Returns 0 when that ended the session.
 static int PushPacket2SessionQueue(Session *pSession, const DataBlock *pBlock)
 {
@@ -98,6 +156,7 @@ void CachePacketEx(Program *pProg, DataBlock *pBlock)
     ORX_ASSERT(bRet, "bRet");
     pBlock->nSerial = pProg->cache.nSerial;
     FanOut(pProg, pBlock);
+    QueuesBound();
     LearnSsrc(pProg, pBlock);
     RecordersWrite(pProg, pBlock);
     pProg->cache.nSerial++;
@@ -161,11 +220,11 @@ static int OnStartOn(Task *pTask, uint32_t, uint32_t, uint32_t)
         FillSlice(pSession, NextOfStart(pSession), 0);
     else
         pStart->pNext = nullptr;
-    pStart->bTask = pStart->pNext != nullptr;
-    if (SendDataEx(pSession, nullptr, 1))
-        return pStart->bTask ? 1 : -1;
-    SessionEnd(pSession);
-    return -1;
+    if (!SendDataEx(pSession, nullptr, 1))
+        SessionEnd(pSession);
+    QueuesBound();
+    pStart->bTask = pStart->pNext && !pSession->bEnded;
+    return pStart->bTask ? 1 : -1;
 }
 
 int FillBufferAtFirstPlay(Session *pSession)
@@ -180,6 +239,10 @@ int FillBufferAtFirstPlay(Session *pSession)
         if (ListCount(&pProg->cache.Pktq) > 0)
             print("FillBufferAtFirstPlay() did not find the next KeyFrame to fill packet!\r\n");
         PrintCounts(pProg, pSession);
+        return 0;
+    }
+    if (!RoomForStart(pSession, p)) {
+        print("FillBufferAtFirstPlay() has no room for a start!\r\n");
         return 0;
     }
     pSession->flow.nStartHeld = 0;

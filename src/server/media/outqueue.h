@@ -17,7 +17,8 @@ namespace orx {
 //   (OnCatchUpTimer), a recording every 200 ms (OnFileSend).
 // The limits count blocks. Full is a queue of more bytes than [GUARD] CacheMegabytes, without what a start
 // brought: a live player that is still full when its queue has left as far as it could is ended, as above
-// kGiveUpAbove, or loses the media that waits (AutoDropDataWhenCrowded).
+// kGiveUpAbove, or loses the media that waits (AutoDropDataWhenCrowded). What waits for all together is
+// bounded by CacheMegabytesTotal: the largest queue counts as full then.
 constexpr uint32_t kFlushAfterReadAbove = 5;  // about a picture's packets, so that small pictures gather
 constexpr uint32_t kFlushAtOnceAbove = 50;    // a key picture is longer than one read of the pusher
 constexpr uint32_t kGiveUpAbove = 1000;       // though flushed: some seconds of media; the player is ended

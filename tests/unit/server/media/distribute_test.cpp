@@ -216,6 +216,59 @@ TEST_F(PlayerQueueTest, ABoundInBytesForAQueue)
     }
 }
 
+// All queues together hold four megabytes, of starts that take one each: of those who do not read the largest
+// gives, and who reads has its start and everything behind it.
+TEST_F(PlayerQueueTest, ABoundInBytesForAllQueues)
+{
+    for (int bAutoDrop : {0, 1}) {
+        TcpPair pairs[13];
+        std::swap(pairs[12].fdServer, pair.fdServer);
+        std::swap(pairs[12].fdPeer, pair.fdPeer);
+        Start("AutoDropDataWhenCrowded=" + std::to_string(bAutoDrop) + "\n[INTEROP]\nStandardPlayers=1\n");
+        g_settings.nCacheMegabytesTotal = 4;
+        RunOnScheduler([&] { pPlayer->nState = STATE_SETUP; });
+        Push({0, 0, 1, 1, 60000});
+        Push({0, 0, 0, 1, 60000}, 15);
+        int64_t nMost = 0;
+        Session *pReader = nullptr;
+        auto measure = [&] {
+            int64_t nSum = 0;
+            for (Session *p = FirstSession(); p; p = NextSession(p))
+                nSum += p->out.queued.nBytes;
+            nMost = std::max(nMost, nSum);
+        };
+        size_t nReceived = 0;
+        auto read = [&](size_t nBytes) {
+            return WaitFor([&] {
+                RunOnScheduler([&] { EXPECT_EQ(1, SendDataEx(pReader, nullptr, 1)); });
+                char bytes[65536];
+                for (ssize_t n; (n = recv(pairs[11].fdPeer, bytes, sizeof(bytes), MSG_DONTWAIT)) > 0;)
+                    nReceived += static_cast<size_t>(n);
+                return nReceived == nBytes;
+            });
+        };
+        for (int i = 0; i < 12; i++)
+            RunOnScheduler([&] {
+                int nRoom = 40000;  // a packet or two leave
+                for (int fd : {pairs[i].fdServer, pairs[i].fdPeer})
+                    setsockopt(fd, SOL_SOCKET, fd == pairs[i].fdPeer ? SO_RCVBUF : SO_SNDBUF, &nRoom, sizeof(nRoom));
+                pReader = AddPlayer(pairs[i].fdServer);
+                EXPECT_EQ(1, FillBufferAtFirstPlay(pReader));
+                EXPECT_EQ(1, SendDataEx(pReader, nullptr, 1));
+                measure();
+            });
+        for (size_t n = 16; n < 80; n++) {
+            ASSERT_TRUE(read(n * (60000 + kInterleaveBytes + kRtpHeaderBytes))) << n;
+            Push({0, 0, 0, 1, 60000});
+            RunOnScheduler(measure);
+        }
+        EXPECT_LE(nMost, Megabytes(4));
+        EXPECT_EQ(bAutoDrop, ListCount(&g_server.sessions) == 13);
+        core.reset();
+        EXPECT_EQ(0, g_server.nQueuedBytes);
+    }
+}
+
 TEST_F(PlayerQueueTest, GivesAPlayerUpAtAThousandAndOne)
 {
     Start();
