@@ -36,9 +36,9 @@ static int IsWhole(const char *szList, const char *pName, size_t nName)
     return (pName == szList || Separates(pName[-1])) && Separates(pName[nName]);
 }
 
-int MaySeeProgram(const Account *pAccount, const Program *pProg)
+int MaySeeProgram(const Account *pAccount, const char *szPath)
 {
-    const char *szName = pProg->Uri[0] == '/' ? pProg->Uri + 1 : pProg->Uri;
+    const char *szName = szPath[0] == '/' ? szPath + 1 : szPath;
     size_t nName = strlen(szName);
     if (pAccount->bSuper)
         return 1;
@@ -49,14 +49,13 @@ int MaySeeProgram(const Account *pAccount, const Program *pProg)
     return 0;
 }
 
-int AccountsFind(const Program *pProg, const char *szUser, Account *pOut)
+int AccountsFind(const AccountPlace *pPlace, const char *szUser, Account *pOut)
 {
-    if (!pProg)
+    if (!pPlace)
         return FindInFile(szUser, pOut);
-    int bCameras = !g_settings.bControlUsers && pProg->camera.pAccounts;
-    int nFound =
-        bCameras ? AccountTableFind(pProg->camera.pAccounts, szUser, pOut) : FindInFile(szUser, pOut);
-    if (nFound > 0 && (!g_settings.bControlUsers || MaySeeProgram(pOut, pProg)))
+    int bCameras = !g_settings.bControlUsers && pPlace->pTable;
+    int nFound = bCameras ? AccountTableFind(pPlace->pTable, szUser, pOut) : FindInFile(szUser, pOut);
+    if (nFound > 0 && (!g_settings.bControlUsers || MaySeeProgram(pOut, pPlace->szPath)))
         return 1;
     if (!g_settings.bAnonymousViewer)
         return 0;
@@ -92,16 +91,19 @@ static Program *FindAccountProgram(const char *szUrl)
 int GetUserAccount(void *pContext, const char *szUrl, const char *szUser, char *szPassword, int *pLevel)
 {
     AccountScope ofUrl;
+    AccountPlace place;
     auto *pScope = static_cast<AccountScope *>(pContext);
     if (!pScope) {
-        pScope = &ofUrl;
-        pScope->pProg = FindAccountProgram(szUrl);
-        if (!pScope->pProg) {
+        const Program *pProg = FindAccountProgram(szUrl);
+        if (!pProg) {
             print("GetUserAccount() failed! No corresponding Program found!\r\n");
             return 0;
         }
+        pScope = &ofUrl;
+        place = PlaceOf(pProg);
+        pScope->pPlace = &place;
     }
-    pScope->bFound = AccountsFind(pScope->pProg, szUser, &pScope->found) > 0;
+    pScope->bFound = AccountsFind(pScope->pPlace, szUser, &pScope->found) > 0;
     if (!pScope->bFound)
         return 0;
     TextCopy(szPassword, kPasswordSize, pScope->found.szPassword);

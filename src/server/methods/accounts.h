@@ -7,25 +7,36 @@
 
 namespace orx {
 
-// Finds the account that counts for a user at a program: the camera's own, or that of the configuration file
-// with ControlUsers and where the camera has sent none; else, with EnableAnonymousViewer, an anonymous one.
-// pProg null: in the configuration file alone, listed users and the super user. The file is read anew.
-// Returns 1, 0 for an unknown user, or -1 when the file cannot be read and pProg is null.
-int AccountsFind(const Program *pProg, const char *szUser, Account *pOut);
+// What is asked for, whether it is open yet or not.
+struct AccountPlace {
+    const char *szPath;          // not owned
+    const AccountTable *pTable;  // the accounts of its camera, not owned; null: it has sent none
+};
 
-// Whether the list of programs in an account of the configuration names the program: anywhere, or with
+inline AccountPlace PlaceOf(const Program *pProg)
+{
+    return {pProg->Uri, pProg->camera.pAccounts};
+}
+
+// Finds the account that counts for a user at a place: the camera's own, or that of the configuration file
+// with ControlUsers and where the camera has sent none; else, with EnableAnonymousViewer, an anonymous one.
+// pPlace null: in the configuration file alone, listed users and the super user. The file is read anew.
+// Returns 1, 0 for an unknown user, or -1 when the file cannot be read and pPlace is null.
+int AccountsFind(const AccountPlace *pPlace, const char *szUser, Account *pOut);
+
+// Whether the list of programs in an account of the configuration names a path: anywhere, or with
 // StrictRoles whole, between blanks, commas, semicolons and bars.
-int MaySeeProgram(const Account *pAccount, const Program *pProg);
+int MaySeeProgram(const Account *pAccount, const char *szPath);
 
 // Where the authenticator looks.
 struct AccountScope {
-    const Program *pProg = nullptr;  // not owned; null: the configuration file alone
-    Account found;                   // what the last look-up gave
-    int bFound = 0;                  // it did
+    const AccountPlace *pPlace = nullptr;  // not owned; null: the configuration file alone
+    Account found;                         // what the last look-up gave
+    int bFound = 0;                        // it did
 };
 
-// The look-up of the authenticator (see GetAccountProc). pContext: an AccountScope, whose program was found
-// already; null: the program is that of the URL, or the first live one without a URL.
+// The look-up of the authenticator (see GetAccountProc). pContext: an AccountScope; null: the place is the
+// program of the URL, or the first live one without a URL.
 int GetUserAccount(void *pContext, const char *szUrl, const char *szUser, char *szPassword, int *pLevel);
 
 }  // namespace orx

@@ -88,12 +88,6 @@ Verdict AttachFound(Session *pSession, Port *pPort, Program *pFound, const char 
     return Verdict::Keep;
 }
 
-AccountsAt::AccountsAt(const Program *pFound, const char *szPath)
-{
-    unopened.Uri = const_cast<char *>(szPath);
-    pProg = pFound ? pFound : &unopened;
-}
-
 Verdict ReplyChallenge(Session *pSession, Port *pPort, int bStale)
 {
     unsigned nScheme = g_settings.nAuthType == AUTH_NONE ? unsigned{AUTH_BASIC} : g_settings.nAuthType;
@@ -164,8 +158,8 @@ static Admission CheckAndEnter(Session *pSession, Port *pPort, const Request *pR
     Program *pFound = FindProgram(pSession, szPath);
     if (pFound && PeerIsOwnShell(pPort))
         ProgramAttach(pSession, pFound);
-    AccountsAt accounts(pFound, szPath);
-    CredentialCheck check{pSession, pPort, pRequest, accounts.pProg};
+    AccountPlace place = AccountsAt(pFound, szPath);
+    CredentialCheck check{pSession, pPort, pRequest, &place};
     CheckedUser user;
     Admission eResult =
         g_settings.nAuthType == AUTH_NONE ? AdmitUnasked(&check, pPort, &user) : Admit(&check, pPort, &user);
@@ -190,7 +184,8 @@ static Admission EnterAndCheck(Session *pSession, Port *pPort, const Request *pR
         return ADMITTED;
     }
     // the accounts are those of the program that is entered, whatever the URL would find by now
-    CredentialCheck check{pSession, pPort, pRequest, pSession->pProg};
+    AccountPlace place = PlaceOf(pSession->pProg);
+    CredentialCheck check{pSession, pPort, pRequest, &place};
     CheckedUser user;
     Admission eResult = Admit(&check, pPort, &user);
     if (eResult == ADMITTED)

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "server/core/program.h"
+#include "server/methods/accounts.h"
 
 namespace orx {
 
@@ -20,15 +21,10 @@ Verdict AttachFound(Session *pSession, Port *pPort, Program *pFound, const char 
 
 // Whose accounts count at a path: those of the program found there, else those of a recording of that name,
 // whether there is one or not.
-struct AccountsAt {
-    const Program *pProg;
-    AccountsAt(const Program *pFound, const char *szPath);  // both outlive it
-    AccountsAt(const AccountsAt &) = delete;
-    AccountsAt &operator=(const AccountsAt &) = delete;
-
-private:
-    Program unopened;  // nothing but a path
-};
+inline AccountPlace AccountsAt(const Program *pFound, const char *szPath)
+{
+    return pFound ? PlaceOf(pFound) : AccountPlace{szPath, nullptr};
+}
 
 enum Admission {
     ADMITTED,

@@ -89,7 +89,7 @@ Credential CheckAuthorization(const CredentialCheck *pCheck, unsigned nScheme, C
     if (!szValue || strncmp(szValue, szScheme, strlen(szScheme)) != 0)
         return CREDENTIAL_MISSING;
     AccountScope scope;
-    scope.pProg = pCheck->pProg;
+    scope.pPlace = pCheck->pPlace;
     Credential eResult = Validate(pCheck, nScheme, szValue, &scope);
     eResult = Conclude(pCheck, eResult, PasswordOf(scope.bFound ? &scope.found : nullptr));
     if (eResult == CREDENTIAL_RIGHT) {
@@ -112,7 +112,7 @@ Credential CheckUserToken(const CredentialCheck *pCheck, CheckedUser *pOut)
     const char *szGiven = RequestHeaderValue(pCheck->pRequest, "UserAuth");
     if (!szUser || !szGiven)
         return CREDENTIAL_MISSING;
-    int nFound = AccountsFind(pCheck->pProg, szUser, &pOut->account);
+    int nFound = AccountsFind(pCheck->pPlace, szUser, &pOut->account);
     if (nFound < 0)
         return CREDENTIAL_NO_FILE;
     TextCopy(pOut->szUser, sizeof(pOut->szUser), szUser);

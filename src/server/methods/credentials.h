@@ -25,7 +25,7 @@ struct CredentialCheck {
     Session *pSession;
     const Port *pPort;  // that the request came on
     const Request *pRequest;
-    const Program *pProg;  // whose accounts count, see AccountsFind; null: the configuration file alone
+    const AccountPlace *pPlace;  // where it is to count; null: the configuration file alone
 };
 
 // Whom a right credential belongs to.

@@ -55,7 +55,7 @@ static int IsTooLarge(PictureSize size, PictureSize screen)
 
 static void AddProgram(TextBuf *pText, const Program *pProg, const Account *pAccount, PictureSize screen)
 {
-    if (!MaySeeProgram(pAccount, pProg))
+    if (!MaySeeProgram(pAccount, pProg->Uri))
         return;
     PictureSize size = ReadPictureSize(ProgramSdp(pProg));
     if (IsTooLarge(size, screen))
@@ -95,7 +95,8 @@ static Verdict ReplyUnauthorized(Session *pSession, Port *pPort)
 static void LendLevel(Session *pSession, const CheckedUser *pUser)
 {
     CheckedUser there = *pUser;
-    if (AccountsFind(pSession->pProg, pUser->szUser, &there.account) > 0 &&
+    AccountPlace place = PlaceOf(pSession->pProg);
+    if (AccountsFind(&place, pUser->szUser, &there.account) > 0 &&
         strcmp(there.account.szPassword, pUser->account.szPassword) == 0)
         ViewerSet(pSession, &there);
 }

@@ -35,7 +35,8 @@ static int MayRecord(const Session *pSession, const Port *pPort)
 static int ShowsPassword(Session *pSession, Port *pPort, Verdict *pVerdict)
 {
     unsigned nScheme = g_settings.nAuthType == AUTH_NONE ? unsigned{AUTH_BASIC} : g_settings.nAuthType;
-    CredentialCheck check{pSession, pPort, &pPort->request, pSession->pProg};
+    AccountPlace place = PlaceOf(pSession->pProg);
+    CredentialCheck check{pSession, pPort, &pPort->request, &place};
     CheckedUser user;
     Credential eResult = CheckAuthorization(&check, nScheme, &user);
     if (eResult == CREDENTIAL_RIGHT)

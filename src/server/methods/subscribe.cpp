@@ -50,8 +50,8 @@ Verdict HandleSubscribe(Session *pSession, Port *pPort, Request *pRequest)
         return Verdict::End;
     const char *szPath = RequestPath(pRequest);
     Program *pFound = FindProgram(pSession, szPath);
-    AccountsAt accounts(pFound, szPath);
-    CredentialCheck check{pSession, pPort, pRequest, accounts.pProg};
+    AccountPlace place = AccountsAt(pFound, szPath);
+    CredentialCheck check{pSession, pPort, pRequest, &place};
     CheckedUser user;
     Verdict eRefusal = Verdict::End;
     int bStrict = g_settings.bStrictRoles;  // then nothing is opened, woken or told before the token is right
