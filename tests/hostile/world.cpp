@@ -19,12 +19,8 @@ constexpr uint64_t kTimersUs = 10000000;  // a connection that has gone leaves t
 constexpr int kMostDescriptors = 1000;    // two for each relay of the web port
 constexpr int kFilesAside = 6;            // recordings of the program that others may begin, and what is opened once
 constexpr long kMostKb = 600 << 10;       // above what it began with
-constexpr long kGrowthKb = 300 << 10;     // the heap keeps what caches and queues took once (CacheMegabytesTotal)
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr bool kOwnHeap = true;  // a sanitizer's keeps what was freed, and notes on every address that was used
-#else
-constexpr bool kOwnHeap = false;
-#endif
+// A sanitizer's heap keeps what was freed, and notes on every address that was used.
+constexpr long kGrowthKb = kSanitized ? 300 << 10 : 24 << 10;
 constexpr unsigned kPictureMs = 40;  // of the camera's clip
 constexpr size_t kOutputBytes = 4 << 20;
 const char *const kReports[] = {"Sanitizer", "runtime error:"};
@@ -161,7 +157,7 @@ bool World::Recover()
     long nKb = server.ResidentKb();
     if (nFirstKb == 0)
         nFirstKb = nKb;
-    return Hold(kOwnHeap || nKb - nFirstKb < kGrowthKb,
+    return Hold(nKb - nFirstKb < kGrowthKb,
                 "memory grew from " + std::to_string(nFirstKb) + " to " + std::to_string(nKb) + " kB");
 }
 

@@ -1,6 +1,7 @@
 #include "server/core/retire.h"
 
 #include "runtime/slice.h"
+#include "server/core/giveback.h"
 #include "server/core/registry.h"
 
 namespace orx {
@@ -31,8 +32,10 @@ static int OnNextSlice(Task *, uint32_t, uint32_t, uint32_t)
 
 void FreeRetiredSlice()
 {
-    if (!g_pRetired)
+    if (!g_pRetired) {
+        GiveMemoryBack();
         return;
+    }
     Slice slice = SliceBegin();
     do
         FreeNewest();

@@ -16,7 +16,8 @@ struct Retired {
 void Retire(Retired *pRetired, void *pRecord, void (*pfnFree)(void *pRecord));
 
 // Frees what was retired: called after each callback of the scheduler. When many players end at once, their
-// queues take more than one such slice, and a task sees to it that another one comes.
+// queues take more than one such slice, and a task sees to it that another one comes. With nothing left,
+// memory that is not needed any more goes back to the system.
 void FreeRetiredSlice();
 // Frees all of it, when the server stops.
 void FreeRetired();
