@@ -149,8 +149,8 @@ int main(int argc, char **argv)
     if (bWell)
         return 0;
     const std::string &output = run.world.server.Output();
-    printf("--- the last of what the server printed ---\n%s\n--- end ---\n%s\nThe last attacks:%s\n",
-           output.substr(output.size() - std::min(output.size(), kShownBytes)).c_str(), run.world.failure.c_str(),
-           run.last.c_str());
+    printf("%s\nThe last attacks:%s\n--- the last of what the server printed ---\n%s\n--- end ---\n",
+           run.world.failure.c_str(), run.last.c_str(),
+           output.substr(output.size() - std::min(output.size(), kShownBytes)).c_str());
     return 1;
 }
