@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include "base/bytes.h"
 #include "system/mediakit.h"
 
 namespace orx {
@@ -169,12 +168,11 @@ bool World::RecordingIsWhole()
             continue;
         ToolProcess check("orxzmf", {"check", recordings + "/" + name});
         Hold(check.WaitExit() == 0, "the recording: " + check.Output());
-        std::string file = ReadFile(recordings + "/" + name);
-        size_t nPictures = CountPictures(file);
-        uint32_t nDuration = GetBe(file.data() + 40, 4);
-        Hold(nPictures >= nDuration / kPictureMs,
-             "the recording has " + std::to_string(nPictures) + " pictures in " + std::to_string(nDuration) + " ms");
-        return failure.empty();
+        std::vector<uint32_t> times = PictureTimes(ReadFile(recordings + "/" + name));
+        auto hole = std::adjacent_find(times.begin(), times.end(),
+                                       [](uint32_t nOne, uint32_t nNext) { return nNext - nOne > kPictureMs + 1; });
+        return Hold(times.size() > 1, "the recording has no pictures") &&
+               Hold(hole == times.end(), "a picture is missing in the recording");
     }
     return Hold(false, "there is no recording");
 }

@@ -249,17 +249,19 @@ void ExpectAllOf(const Camera &camera, Viewer *pViewer)
 
 // --- Recordings ---
 
-size_t CountPictures(const std::string &file)
+std::vector<uint32_t> PictureTimes(const std::string &file)
 {
-    size_t nPictures = 0, nAt = 0;
+    std::vector<uint32_t> times;
+    size_t nAt = 0;
     for (size_t nPart : {4U, 8U, 10U, 12U})
         nAt += GetBe(file.data() + nPart, 2);
     while (nAt + 8 <= file.size()) {
         size_t nRecord = (size_t{GetBe(file.data() + nAt + 3, 1)} & 0x0F) << 16 | GetBe(file.data() + nAt, 2);
-        nPictures += file[nAt + 2] == 'v' && nAt + nRecord <= file.size();
+        if (file[nAt + 2] == 'v' && nAt + nRecord <= file.size())
+            times.push_back(GetBe(file.data() + nAt + 4, 4));
         nAt += nRecord;
     }
-    return nPictures;
+    return times;
 }
 
 std::vector<std::string> FilesBelow(const std::string &dir)

@@ -83,8 +83,12 @@ void ExpectAllOf(const Camera &camera, Viewer *pViewer);
 
 // --- Recordings ---
 
-// Video records that are whole.
-size_t CountPictures(const std::string &file);
+// The times of the video records that are whole.
+std::vector<uint32_t> PictureTimes(const std::string &file);
+inline size_t CountPictures(const std::string &file)
+{
+    return PictureTimes(file).size();
+}
 // The files below a directory, sorted, by their paths from there.
 std::vector<std::string> FilesBelow(const std::string &dir);
 
