@@ -12,6 +12,7 @@
 #include "base/console.h"
 #include "runtime/clock.h"
 #include "runtime/sockutil.h"
+#include "server/core/heldjob.h"
 #include "server/core/program.h"
 #include "server/core/registry.h"
 #include "server/core/settings.h"
@@ -21,7 +22,7 @@ namespace orx {
 static constexpr uint32_t kIdleCheckMs = 5000;     // who connects has something to say by then
 static constexpr uint32_t kDelayedCloseMs = 2000;  // time for a last reply to arrive before the reset
 
-static Session *FindHandle(uint32_t nHandle)
+Session *FindSessionByHandle(uint32_t nHandle)
 {
     return static_cast<Session *>(AvlValue(&g_server.handleMap, static_cast<int32_t>(nHandle)));
 }
@@ -35,7 +36,7 @@ static uint32_t NextHandle()
         nLast = 0;
     do
         nLast++;
-    while (nLast == 0 || FindHandle(nLast));
+    while (nLast == 0 || FindSessionByHandle(nLast));
     return nLast;
 }
 
@@ -111,7 +112,7 @@ void SessionSchedule(const Session *pSession, TaskProc pfnRun, uint32_t nDelayMs
 
 Session *SessionOfTask(const Task *pTask)
 {
-    return FindHandle(static_cast<uint32_t>(pTask->nParam));
+    return FindSessionByHandle(static_cast<uint32_t>(pTask->nParam));
 }
 
 // Gives the UDP ports of a track back.
@@ -156,6 +157,7 @@ static void EndOne(Session *pSession)
     for (SessionTrack &track : pSession->tracks)
         CloseTrackPorts(&track);
     ProgramDetach(pSession);
+    HeldJobForget(pSession);
     g_server.nQueuedBytes -=
         SessionMediaWaiting(pSession);  // is freed in a moment, and nobody need give for it
     pSession->out.queued.pTotal = nullptr;
@@ -207,6 +209,7 @@ int SessionClosePort(Session *pSession, Port *pPort)
     if (pPort == pSession->hold.pPort) {
         pSession->hold.pPort = nullptr;
         pSession->hold.nScan = 0;
+        HeldJobForget(pSession);
     }
     PortClose(pPort);
     if (pSession->peer.Cmd || pSession->peer.Reply)

@@ -98,6 +98,7 @@ struct SessionFlow {
 };
 
 struct DataBlock;
+struct HeldJob;
 
 // A start from the cache that takes several tasks. Until it is through, what is pushed reaches the player by
 // it.
@@ -143,6 +144,7 @@ struct SessionHold {
     int bOver = 0;                // it has waited for a wrong password, and its handler runs again
     int nFailures = 0;            // wrong passwords and tokens of this connection
     uint32_t nScan = 0;           // the scan of wireless networks that answers the held request
+    HeldJob *pJob = nullptr;      // what is asked of the disk for it; owned once it is done
 };
 
 struct Session {
@@ -190,6 +192,7 @@ inline int64_t SessionMediaWaiting(const Session *pSession)
 Session *CreateSession(Port *pPort);
 
 Session *FindSession(int fd);
+Session *FindSessionByHandle(uint32_t nHandle);
 
 // The one way to arm a timer for a session. Its task names the session, never a connection or an address:
 // half of a tunnel may be gone when the timer is armed, or when it runs. SessionOfTask: the session, or null

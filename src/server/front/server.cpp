@@ -13,6 +13,7 @@
 #include "base/console.h"
 #include "base/textbuf.h"
 #include "record/storage.h"
+#include "runtime/diskthread.h"
 #include "runtime/sockutil.h"
 #include "server/core/program.h"
 #include "server/core/registry.h"
@@ -130,7 +131,7 @@ int ServerStart(const char *szConfigPath)
     ThreadAllowNoPriority(g_settings.bRunUnprivileged);
     PrepareStorage();
     RegistryInit(OnFreePort);
-    int bReady = CreatePortMgr() && CreateAuth() && CreateScheduler() &&
+    int bReady = CreatePortMgr() && CreateAuth() && CreateScheduler() && DiskStart(&g_server.scheduler) &&
                  MonitorCreate(&g_server.monitor, OnMonitorEvent, nullptr);
     if (!bReady) {
         ServerStop();
@@ -145,9 +146,19 @@ int ServerStart(const char *szConfigPath)
     return 1;
 }
 
+// What recordings have queued still reaches the disk, unless that stalls.
+static void StopDisk()
+{
+    constexpr uint32_t kMostMs = 10000;
+    size_t nLost = DiskStop(kMostMs);
+    if (nLost > 0)
+        print("The disk stalls: %zu bytes are lost.\r\n", nLost);
+}
+
 void ServerStop()
 {
     RemoteServicesStop();
+    DiskDetach();
     ThreadJoin(&g_server.monitor.thread);  // no more events; its sockets stay while tasks may still use them
     SchedulerDestroy(&g_server.scheduler);
     WifiRoutersStop();
@@ -156,6 +167,7 @@ void ServerStop()
     AvlDestroy(&g_server.programMap);
     SessionEndAll();
     ProgramEndAll();
+    StopDisk();
     AvlDestroy(&g_server.portMap);
     AvlDestroy(&g_server.sessionMap);
     AvlDestroy(&g_server.handleMap);

@@ -1,0 +1,43 @@
+#include "server/core/heldjob.h"
+
+#include <utility>
+
+namespace orx {
+
+static void OnHeldDone(DiskJob *pJob)
+{
+    auto *pHeld = reinterpret_cast<HeldJob *>(pJob);
+    Session *pSession = FindSessionByHandle(pHeld->nSession);
+    if (!pSession || pSession->hold.pJob != pHeld) {
+        pHeld->pfnFree(pHeld);
+        return;
+    }
+    pHeld->bDone = 1;
+    if (pSession->hold.pPort)
+        PortPostEvent(pSession->hold.pPort, EVENT_JOB_DONE, 0);
+}
+
+HeldJob *HeldJobPost(Session *pSession, DiskLane *pLane, HeldJob *pHeld)
+{
+    HeldJobForget(pSession);
+    pHeld->nSession = pSession->nHandle;
+    pHeld->job.pfnDone = OnHeldDone;
+    pSession->hold.pJob = pHeld;
+    DiskPost(pLane, &pHeld->job);
+    return HeldJobTake(pSession);
+}
+
+HeldJob *HeldJobTake(Session *pSession)
+{
+    HeldJob *pHeld = pSession->hold.pJob;
+    return pHeld && pHeld->bDone ? std::exchange(pSession->hold.pJob, nullptr) : nullptr;
+}
+
+void HeldJobForget(Session *pSession)
+{
+    HeldJob *pHeld = std::exchange(pSession->hold.pJob, nullptr);
+    if (pHeld && pHeld->bDone)
+        pHeld->pfnFree(pHeld);
+}
+
+}  // namespace orx
