@@ -14,8 +14,8 @@ namespace orx {
 
 struct AccountTable;
 struct Codec;
-struct ZMFWriter;
-struct ZMFReader;
+struct Recorder;
+struct FileReader;
 
 constexpr int kMaxMediaInfos = 4;  // sections of a description that are read
 constexpr int kMaxRecorders = 4;   // recordings of one program at a time: one of each kind, and one more
@@ -108,8 +108,8 @@ struct Program {
     List players;                 // attached sessions that are not the pusher, in order of creation
     Session *pPusher = nullptr;   // not owned; null once the pusher has gone, and for recordings
     char szAnnouncer[64] = "";    // AnnounceAuth: the user who announced it
-    ZMFReader *reader = nullptr;  // of a recording; null for live
-    ZMFWriter *recorders[kMaxRecorders] = {};
+    FileReader *reader = nullptr;  // of a recording; null for live
+    Recorder *recorders[kMaxRecorders] = {};
     int nRecorders = 0;
     Description desc;
     PacketCache cache;

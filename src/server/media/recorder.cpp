@@ -1,0 +1,391 @@
+#include "server/media/recorder.h"
+
+#include <strings.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "base/console.h"
+#include "base/printable.h"
+#include "base/textbuf.h"
+#include "record/zmfwriter.h"
+#include "runtime/clock.h"
+#include "server/core/settings.h"
+
+namespace orx {
+
+constexpr size_t kMaxProgramPath = 256;
+constexpr uint32_t kPacketsPerStep = 256;  // of those from before, some milliseconds
+
+// --- Opening: the job carries all that it needs of the program ---
+
+struct Opening {
+    RecorderOpening opening;  // first
+    Recorder *pRecorder = nullptr;
+    RecordOrder order;
+    char szUri[kMaxProgramPath] = "";
+    char szNick[32] = "";
+    char *szSdp = nullptr;  // owned
+    uint32_t nPreRecord = 0;
+    List packets;  // PacketJobs of the time before, owned
+    int bBegun = 0;
+};
+
+// A packet on its way to the writer. Its data follows it.
+struct PacketJob {
+    DiskJob job;  // first
+    Recorder *pRecorder;
+    uint32_t nTimeMs;
+    uint32_t nBytes;
+    char chMedia;
+};
+
+static Opening *OpeningOf(DiskJob *pJob)
+{
+    return reinterpret_cast<Opening *>(pJob);
+}
+
+static int IsRecordingName(const char *szFile)
+{
+    size_t nLen = strlen(szFile);
+    return nLen > 4 && strcasecmp(szFile + nLen - 4, ".zmf") == 0;
+}
+
+// A peer may choose where its recording goes, but only a recording's name, so that it overwrites nothing
+// else.
+static int IsSafeFileName(const char *szFile)
+{
+    return IsRecordingName(szFile) && !strstr(szFile, "../");
+}
+
+static const char *ProgramDirectory(const Opening *p)
+{
+    return p->szUri[0] == '/' ? p->szUri + 1 : p->szUri;
+}
+
+// The name of a recording, as far as it is known before its file is made.
+static void ChooseName(const Opening *p, char *szFile, size_t nSize)
+{
+    TextBuf text{szFile, nSize};
+    const RecordOrder *pOrder = &p->order;
+    if (!pOrder->bNamed && !g_settings.bConfineRecordings)
+        StorageNextPath(szFile, nSize, g_settings.szRecordPath, ProgramDirectory(p), pOrder->nKind);
+    else if (!pOrder->bNamed)
+        StorageNamePath(szFile, nSize, g_settings.szRecordPath, ProgramDirectory(p), pOrder->nKind);
+    else if (g_settings.bConfineRecordings && pOrder->szFile[0] && pOrder->szFile[0] != '/')
+        TextAdd(&text, "%s%s", g_settings.szRecordPath, pOrder->szFile);
+    else
+        TextAdd(&text, "%s", pOrder->szFile);
+}
+
+static ZMFWriter *CreateWriter(const Opening *p, const char *szFile)
+{
+    if (p->order.bNamed)
+        return IsSafeFileName(szFile) ? ZMFWriterCreateFile(szFile, p->order.nKind, nullptr) : nullptr;
+    return ZMFWriterCreate(g_settings.szRecordPath, ProgramDirectory(p), p->order.nKind, nullptr);
+}
+
+// The same below the directory of recordings, whatever links and ".." make of the name.
+static ZMFWriter *CreateConfined(const Opening *p, const char *szFile)
+{
+    char szProgram[kStoragePathSize];
+    if (p->order.bNamed)
+        return IsRecordingName(szFile)
+                   ? ZMFWriterCreateFile(szFile, p->order.nKind, nullptr, g_settings.szRecordPath)
+                   : nullptr;
+    return StorageProgramPath(szProgram, sizeof(szProgram), p->szUri)
+               ? ZMFWriterCreate(g_settings.szRecordPath, szProgram, p->order.nKind, nullptr, 1)
+               : nullptr;
+}
+
+// Opens the first file of a recording; null, with the cause printed, when it cannot be made.
+static ZMFWriter *OpenWriter(const Opening *p)
+{
+    char szFile[kStoragePathSize] = "";
+    ZMFWriter *pWriter = nullptr;
+    ChooseName(p, szFile, sizeof(szFile));
+    if (g_settings.bConfineRecordings && (pWriter = CreateConfined(p, szFile)))
+        ZMFWriterFileName(pWriter, szFile, sizeof(szFile));  // the name that was free
+    print("StartRecord(%s) Limited=%dseconds, PreRecord=%useconds\r\n", PrintableText(szFile).sz,
+          p->order.nLimitSeconds, p->nPreRecord);
+    if (!g_settings.bConfineRecordings)
+        pWriter = CreateWriter(p, szFile);
+    if (!pWriter) {
+        print("Create record file(%s) failed!\r\n", PrintableText(szFile).sz);
+        return nullptr;
+    }
+    if (ZMFWriterSetReserveMinSpace(pWriter, g_settings.nReserveMegabytes, g_settings.bAutoDelOldFile))
+        return pWriter;
+    print("NOT enough storage space to record!!!\n");
+    ZMFWriterDiscard(pWriter);
+    return nullptr;
+}
+
+// Label, description, limits and header. 1 or 0.
+static int BeginFile(ZMFWriter *pWriter, const Opening *p)
+{
+    ZMFWriterSetLabel(pWriter, p->szNick);
+    return ZMFWriterSetSdp(pWriter, p->szSdp) &&
+           ZMFWriterSetLimits(pWriter, g_settings.nMinutePerFile * 60,
+                              static_cast<uint32_t>(p->order.nLimitSeconds)) &&
+           ZMFWriterWriteHead(pWriter);
+}
+
+static int WritePacket(ZMFWriter *pWriter, const PacketJob *p)
+{
+    return ZMFWriterWriteRtpPacket(pWriter, reinterpret_cast<const uint8_t *>(p + 1), p->nBytes, p->chMedia,
+                                   p->nTimeMs);
+}
+
+// Writes some of the packets from before. 1, or 0 when one could not be written.
+static int WriteFromBefore(Opening *p)
+{
+    for (uint32_t i = 0; i < kPacketsPerStep; i++) {
+        auto *pPacket = static_cast<PacketJob *>(ListFirst(&p->packets, LIST_DETACH));
+        if (!pPacket)
+            break;
+        int nResult = WritePacket(p->pRecorder->pWriter, pPacket);
+        free(pPacket);
+        if (nResult < 1)
+            return 0;
+    }
+    return 1;
+}
+
+static int RunOpening(DiskJob *pJob)
+{
+    Opening *p = OpeningOf(pJob);
+    Recorder *pRecorder = p->pRecorder;
+    int bOk = 1;
+    if (!p->bBegun) {
+        p->bBegun = 1;
+        pRecorder->pWriter = OpenWriter(p);
+        bOk = pRecorder->pWriter && BeginFile(pRecorder->pWriter, p);
+    } else {
+        bOk = WriteFromBefore(p);
+    }
+    if (bOk && ListCount(&p->packets) > 0)
+        return 0;
+    p->opening.bOpen = bOk;
+    if (!bOk) {
+        ZMFWriterDiscard(pRecorder->pWriter);
+        pRecorder->pWriter = nullptr;
+        pRecorder->bOver = 1;
+    }
+    return 1;
+}
+
+static void FreePacket(void *, void *pItem)
+{
+    free(pItem);
+}
+
+static void FreeOpening(HeldJob *pHeld)
+{
+    Opening *p = OpeningOf(&pHeld->job);
+    ListDestroy(&p->packets);
+    free(p->szSdp);
+    delete p;
+}
+
+static Opening *NewOpening(const Program *pProg, const RecordOrder *pOrder)
+{
+    auto *p = new (std::nothrow) Opening;
+    if (!p)
+        return nullptr;
+    p->order = *pOrder;
+    p->opening.held.job.pfnRun = RunOpening;
+    p->opening.held.pfnFree = FreeOpening;
+    p->szSdp = strdup(pProg->desc.szSdp);
+    ListInit(&p->packets, nullptr);
+    ListDataProc(&p->packets, FreePacket, nullptr);
+    ListUsedDefMap(&p->packets, 0);
+    TextCopy(p->szUri, sizeof(p->szUri), pProg->Uri);
+    ProgramNames(pProg, nullptr, 0, p->szNick, sizeof(p->szNick));
+    if (p->szSdp)
+        return p;
+    FreeOpening(&p->opening.held);
+    return nullptr;
+}
+
+// --- Packets ---
+
+// The letter by which a writer knows the kind of a packet.
+static char MediaLetter(const Program *pProg, const DataBlock *pBlock)
+{
+    if (pBlock->nFlags & DB_VIDEO)
+        return 'v';
+    return BlockData(pBlock)[1] == 2 * pProg->desc.nAudioTrack ? 'a' : 'u';
+}
+
+static int RunPacket(DiskJob *pJob)
+{
+    auto *p = reinterpret_cast<PacketJob *>(pJob);
+    Recorder *pRecorder = p->pRecorder;
+    int nResult = pRecorder->pWriter ? WritePacket(pRecorder->pWriter, p) : 1;
+    free(p);
+    if (nResult > 0)
+        return 1;
+    print(nResult < 0 ? "ZMFWriterWriteSample() failed!\r\n"
+                      : "ZMFWriterWriteSample() auto stopped().\r\n");
+    ZMFWriterFree(pRecorder->pWriter);
+    pRecorder->pWriter = nullptr;
+    pRecorder->bOver = 1;
+    return 1;
+}
+
+static PacketJob *NewPacket(Recorder *pRecorder, const Program *pProg, const DataBlock *pBlock)
+{
+    uint32_t nBytes = pBlock->len - kInterleaveBytes;
+    auto *p = static_cast<PacketJob *>(malloc(sizeof(PacketJob) + nBytes));
+    if (!p)
+        return nullptr;
+    *p = PacketJob{{}, pRecorder, pBlock->nTimestamp, nBytes, MediaLetter(pProg, pBlock)};
+    p->job.pfnRun = RunPacket;
+    p->job.nBytes = sizeof(PacketJob) + nBytes;
+    memcpy(p + 1, BlockData(pBlock) + kInterleaveBytes, nBytes);
+    return p;
+}
+
+struct HoleJob {
+    DiskJob job;  // first
+    uint32_t nMs;
+    char szUri[kMaxProgramPath];
+};
+
+static int RunHole(DiskJob *pJob)
+{
+    auto *p = reinterpret_cast<HoleJob *>(pJob);
+    print("The disk is too slow: %u ms of %s are not recorded.\r\n", p->nMs, PrintableText(p->szUri).sz);
+    free(p);
+    return 1;
+}
+
+static void TellHole(Recorder *pRecorder, const Program *pProg, uint32_t nNowMs)
+{
+    auto *p = static_cast<HoleJob *>(malloc(sizeof(HoleJob)));
+    if (!p)
+        return;
+    *p = HoleJob{{}, nNowMs - pRecorder->nHoleMs, ""};
+    TextCopy(p->szUri, sizeof(p->szUri), pProg->Uri);
+    p->job.pfnRun = RunHole;
+    DiskPostLazy(&pRecorder->lane, &p->job);
+}
+
+// Whether a packet goes to the disk. After a hole not before half the room is free again, and from a key
+// frame on.
+static int MayWrite(Recorder *pRecorder, const Program *pProg, const DataBlock *pBlock)
+{
+    auto nMost = static_cast<size_t>(Megabytes(g_settings.nWriteQueueMegabytes));
+    size_t nWaiting = DiskBytesWaiting();
+    if (!pRecorder->bHole && nWaiting < nMost)
+        return 1;
+    if (!pRecorder->bHole) {
+        pRecorder->bHole = 1;
+        pRecorder->nHoleMs = pBlock->nTimestamp;
+    }
+    if (nWaiting > nMost / 2 || (pBlock->nFlags & (DB_VIDEO | DB_KEY)) != (DB_VIDEO | DB_KEY))
+        return 0;
+    TellHole(pRecorder, pProg, pBlock->nTimestamp);
+    pRecorder->bHole = 0;
+    return 1;
+}
+
+void RecorderWrite(Recorder *pRecorder, const Program *pProg, const DataBlock *pBlock)
+{
+    PacketJob *p = MayWrite(pRecorder, pProg, pBlock) ? NewPacket(pRecorder, pProg, pBlock) : nullptr;
+    if (p)
+        DiskPostLazy(&pRecorder->lane, &p->job);
+}
+
+// --- From the cache, and the end ---
+
+// The first cached key frame that is not older than the seconds wanted; null when there is none.
+static DataBlock *FindPreRecordStart(const Program *pProg, uint32_t nSeconds)
+{
+    auto *pNewest = reinterpret_cast<DataBlock *>(pProg->cache.Pktq.pLast);
+    DataBlock *p = pNewest;
+    while (p && p->node.pPrev &&
+           ClockDiff(pNewest->nTimestamp, p->nTimestamp) < static_cast<int32_t>(nSeconds * 1000))
+        p = PrevBlock(p);
+    while (p && (p->nFlags & (DB_VIDEO | DB_KEY)) != (DB_VIDEO | DB_KEY))
+        p = NextBlock(p);
+    return p;
+}
+
+Recorder *RecorderNew(const Program *pProg, const RecordOrder *pOrder, uint32_t nPreRecord,
+                      RecorderOpening **ppOpening)
+{
+    auto *pRecorder = new (std::nothrow) Recorder;
+    Opening *p = pRecorder ? NewOpening(pProg, pOrder) : nullptr;
+    if (!p) {
+        delete pRecorder;
+        return nullptr;
+    }
+    pRecorder->nKind = pOrder->nKind;
+    p->pRecorder = pRecorder;
+    p->nPreRecord = nPreRecord;
+    for (const DataBlock *pBlock = FindPreRecordStart(pProg, nPreRecord); pBlock; pBlock = NextBlock(pBlock)) {
+        PacketJob *pPacket = NewPacket(pRecorder, pProg, pBlock);
+        if (!pPacket)
+            break;
+        ListAppend(&p->packets, pPacket);
+        p->opening.held.job.nBytes += pPacket->job.nBytes;
+    }
+    *ppOpening = &p->opening;
+    return pRecorder;
+}
+
+struct Closing {
+    HeldJob held;  // first
+    Recorder *pRecorder;
+    int bTold;
+};
+
+static int RunClosing(DiskJob *pJob)
+{
+    auto *p = reinterpret_cast<Closing *>(pJob);
+    Recorder *pRecorder = p->pRecorder;
+    char szFile[kStoragePathSize] = "";
+    if (pRecorder->pWriter)
+        ZMFWriterFileName(pRecorder->pWriter, szFile, sizeof(szFile));
+    ZMFWriterFree(pRecorder->pWriter);
+    pRecorder->pWriter = nullptr;
+    if (p->bTold)
+        print("StopRecord(%s)\r\n", PrintableText(szFile).sz);
+    return 1;
+}
+
+static void FreeClosing(HeldJob *pHeld)
+{
+    auto *p = reinterpret_cast<Closing *>(pHeld);
+    delete p->pRecorder;
+    delete p;
+}
+
+HeldJob *RecorderClosing(Recorder *pRecorder, int bTold)
+{
+    auto *p = new (std::nothrow) Closing{{}, pRecorder, bTold};
+    if (!p)
+        return nullptr;
+    p->held.job.pfnRun = RunClosing;
+    p->held.pfnFree = FreeClosing;
+    return &p->held;
+}
+
+static void OnClosed(DiskJob *pJob)
+{
+    FreeClosing(reinterpret_cast<HeldJob *>(pJob));
+}
+
+void RecorderClose(Recorder *pRecorder)
+{
+    HeldJob *pHeld = RecorderClosing(pRecorder, 0);
+    if (!pHeld)
+        return;
+    pHeld->job.pfnDone = OnClosed;
+    DiskPost(&pRecorder->lane, &pHeld->job);
+}
+
+}  // namespace orx
