@@ -139,11 +139,12 @@ static MaskPlace Step(CredentialMask *pMask, char c)
     return pMask->ePlace;
 }
 
-// A value ends where the reader of requests ends it: at a carriage return and a line feed.
+// A value ends where the reader of requests ends it: at a carriage return and a line feed. What is written is
+// never more than what came, but for a carriage return held back before.
 static size_t Hide(CredentialMask *pMask, char c, int bFirst, char *pOut)
 {
     size_t n = 0;
-    if (bFirst)
+    if (bFirst && c != '\r')
         pOut[n++] = '*';
     if (c == '\n' && !bFirst && pMask->bReturn) {
         pOut[n++] = '\r';
