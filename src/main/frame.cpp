@@ -159,16 +159,26 @@ static void PrintStat()
     free(stat.pSessions);
 }
 
-// A state file that cannot be loaded, by whatever cause, gives way to a new one.
-static void WriteStateFile(const char *szPath)
+static void WriteStateKeys(const char *szPath)
 {
     ServerStat stat;
     ServerGetStat(&stat, 0);
-    if (AssertPeerFaultsSurvived() && ProfileIsLong(szPath))
-        unlink(szPath);
     write_profile_int("MAIN", "CurTime", static_cast<int>(time(nullptr)), szPath);
     write_profile_int("MAIN", "CurLives", static_cast<int>(stat.nLives), szPath);
     write_profile_int("MAIN", "CurClients", static_cast<int>(stat.nClients), szPath);
+}
+
+// A state file that cannot be loaded, or loses what is written (a header without its ']'), gives way to a new
+// one.
+static void WriteStateFile(const char *szPath)
+{
+    if (AssertPeerFaultsSurvived() && ProfileIsLong(szPath))
+        unlink(szPath);
+    WriteStateKeys(szPath);
+    if (!AssertPeerFaultsSurvived() || check_profile_key("MAIN", "CurTime", szPath))
+        return;
+    unlink(szPath);
+    WriteStateKeys(szPath);
 }
 
 static void SleepTick()
@@ -277,11 +287,12 @@ static void OpenMissingDescriptors()
 
 // Where the log and the state file lie, and whether they are written.
 struct LogPlace {
-    char szLog[kPathSize + 32];
-    char szState[kPathSize + 32];
-    int nEnabled;
+    char szLog[kPathSize + 32] = "";
+    char szState[kPathSize + 32] = "";
+    int nEnabled = 0;
 };
 
+// Returns 1, or 0 where /proc cannot be read.
 static int FindLog(LogPlace *pPlace, const char *szCfg)
 {
     char szParent[kPathSize];
@@ -294,7 +305,6 @@ static int FindLog(LogPlace *pPlace, const char *szCfg)
     TextAdd(&logPath, "%s/log/orx.log", szParent);
     TextAdd(&statePath, "%s/log/orxstate.cur", szParent);
     print("Main(tid=0x%x) begin...\r\n", ThreadKernelId());
-    pPlace->nEnabled = 0;
     if (!szCfg[0])
         return 1;
     ConfigReadGuard(szCfg);
