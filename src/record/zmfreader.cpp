@@ -12,6 +12,7 @@
 #include "base/assertion.h"
 #include "base/bytes.h"
 #include "base/console.h"
+#include "record/confine.h"
 #include "record/measured.h"
 #include "record/recordwalk.h"
 #include "record/sdpreader.h"
@@ -179,7 +180,15 @@ static int ReadTables(ZMFReader *pReader, const struct stat *pInfo, uint32_t nWo
     return ReadSdp(pReader);
 }
 
-ZMFReader *ZMFReaderOpenStep(const char *szFile, uint32_t nBuffer, uint32_t nWork, int *pbMore)
+static int OpenFile(const char *szFile, const char *szBelow)
+{
+    if (szBelow)
+        return ConfineOpenFile(szBelow, szFile);
+    return open(szFile, O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // a FIFO of that name must not hold us up
+}
+
+ZMFReader *ZMFReaderOpenStep(const char *szFile, uint32_t nBuffer, uint32_t nWork, int *pbMore,
+                             const char *szBelow)
 {
     *pbMore = 0;
     auto *pReader = new (std::nothrow) ZMFReader;
@@ -188,7 +197,7 @@ ZMFReader *ZMFReaderOpenStep(const char *szFile, uint32_t nBuffer, uint32_t nWor
     pReader->szFile = strdup(szFile);
     pReader->nBuffer = nBuffer < kMinBuffer ? kMinBuffer : nBuffer;
     pReader->pBuffer = static_cast<uint8_t *>(malloc(pReader->nBuffer));
-    pReader->fd = open(szFile, O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // a FIFO of that name must not hold us up
+    pReader->fd = OpenFile(szFile, szBelow);
     struct stat info {};
     int bGood = pReader->szFile && pReader->pBuffer && pReader->fd >= 0 && fstat(pReader->fd, &info) == 0 &&
                 S_ISREG(info.st_mode);
