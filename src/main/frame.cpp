@@ -27,6 +27,8 @@ static constexpr size_t kPathSize = 256;
 static constexpr int kTickMs = 100;          // so long at most does a loop miss that it is to end
 static constexpr unsigned kStateTicks = 50;  // the state file is written when more ticks have passed: 5 s
 
+static constexpr char kStateSection[] = "MAIN";  // of the state file
+
 static std::atomic<int> g_bTerminate{0};  // set by the signal handler, looked at by the loops
 
 // The directory two levels above the executable. Returns 1 where /proc can be read, else 0.
@@ -163,9 +165,9 @@ static void WriteStateKeys(const char *szPath)
 {
     ServerStat stat;
     ServerGetStat(&stat, 0);
-    write_profile_int("MAIN", "CurTime", static_cast<int>(time(nullptr)), szPath);
-    write_profile_int("MAIN", "CurLives", static_cast<int>(stat.nLives), szPath);
-    write_profile_int("MAIN", "CurClients", static_cast<int>(stat.nClients), szPath);
+    write_profile_int(kStateSection, "CurTime", static_cast<int>(time(nullptr)), szPath);
+    write_profile_int(kStateSection, "CurLives", static_cast<int>(stat.nLives), szPath);
+    write_profile_int(kStateSection, "CurClients", static_cast<int>(stat.nClients), szPath);
 }
 
 // A state file that cannot be loaded, or loses what is written (a header without its ']'), gives way to a new
@@ -175,7 +177,7 @@ static void WriteStateFile(const char *szPath)
     if (AssertPeerFaultsSurvived() && ProfileIsLong(szPath))
         unlink(szPath);
     WriteStateKeys(szPath);
-    if (!AssertPeerFaultsSurvived() || check_profile_key("MAIN", "CurTime", szPath))
+    if (!AssertPeerFaultsSurvived() || check_profile_key(kStateSection, "CurTime", szPath))
         return;
     unlink(szPath);
     WriteStateKeys(szPath);
