@@ -85,10 +85,9 @@ Verdict AttachFound(Session *pSession, Port *pPort, Program *pFound, const char 
 
 Verdict ReplyChallenge(Session *pSession, Port *pPort, int bStale)
 {
-    unsigned nScheme = g_settings.nAuthType == AUTH_NONE ? unsigned{AUTH_BASIC} : g_settings.nAuthType;
     Message reply(pSession, pPort);
     ReplyBeginNumbered(&reply, STATUS_UNAUTHORIZED, pSession->nCSeq);  // the request will come again
-    CredentialChallenge(pPort, nScheme, bStale, &reply.text);
+    CredentialChallenge(pPort, CredentialScheme(), bStale, &reply.text);
     return MessageSend(&reply);
 }
 

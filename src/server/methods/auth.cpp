@@ -14,6 +14,7 @@
 #include "base/md5.h"
 #include "base/textbuf.h"
 #include "runtime/clock.h"
+#include "server/core/accounttable.h"
 #include "server/core/request.h"
 
 namespace orx {
@@ -82,7 +83,7 @@ static int FindAccount(Auth *pAuth, const AuthRequest *pRequest, const char *szU
     TextCopy(pAuth->szUser, sizeof(pAuth->szUser), szUser);
     memset(pAuth->szPassword, 0, sizeof(pAuth->szPassword));
     ORX_ASSERT(pAuth->pfnGetAccount, "pAuth->pfnGetAccount");
-    int nLevel = 3;
+    int nLevel = kNobodysLevel;
     if (!pAuth->pfnGetAccount(pRequest->pContext, pRequest->szUrl, pAuth->szUser, pAuth->szPassword, &nLevel))
         return AUTH_REFUSED;
     return nLevel;
