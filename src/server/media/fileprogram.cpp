@@ -74,7 +74,7 @@ static int FilePath(char *szOut, size_t nSize, const char *szPath)
         return 0;
     if (g_settings.bConfineRecordings)
         return StorageProgramPath(szOut + file.nLen, nSize - file.nLen, szPath);
-    return TextAdd(&file, "%s", *szPath == '/' ? szPath + 1 : szPath);
+    return TextAdd(&file, "%s", PathName(szPath));
 }
 
 Program *CreateFileProgram(const char *szPath, int *pbMore)
