@@ -287,15 +287,14 @@ static void OpenMissingDescriptors()
             open("/dev/null", O_RDWR);  // the lowest one that is free
 }
 
-// Where the log and the state file lie, and whether they are written.
+// Where the log and the state file lie.
 struct LogPlace {
     char szLog[kPathSize + 32] = "";
     char szState[kPathSize + 32] = "";
-    int nEnabled = 0;
 };
 
 // Returns 1, or 0 where /proc cannot be read.
-static int FindLog(LogPlace *pPlace, const char *szCfg)
+static int FindLog(LogPlace *pPlace)
 {
     char szParent[kPathSize];
     if (!ParentDirectory(szParent, sizeof(szParent))) {
@@ -306,13 +305,17 @@ static int FindLog(LogPlace *pPlace, const char *szCfg)
     TextBuf statePath{pPlace->szState, sizeof(pPlace->szState)};
     TextAdd(&logPath, "%s/log/orx.log", szParent);
     TextAdd(&statePath, "%s/log/orxstate.cur", szParent);
-    print("Main(tid=0x%x) begin...\r\n", ThreadKernelId());
+    return 1;
+}
+
+// What is read before all else. Returns whether the log and the state file are written.
+static int ReadFirstKeys(const char *szCfg)
+{
     if (!szCfg[0])
-        return 1;
+        return 0;
     ConfigReadGuard(szCfg);
     ConfigFile config(szCfg);
-    pPlace->nEnabled = ConfigGetInt(&config, "SERVER", "LogFile", 0);
-    return 1;
+    return ConfigGetInt(&config, "SERVER", "LogFile", 0);
 }
 
 int RunProcess(int argc, char **argv)
@@ -326,9 +329,11 @@ int RunProcess(int argc, char **argv)
     int bDaemon = ParseArguments(argc, argv, "orx.cfg", szCfg, sizeof(szCfg)) == 1;
     ConsoleSetDaemon(bDaemon);  // says nothing more
     LogPlace place;
-    if (!FindLog(&place, szCfg))
+    if (!FindLog(&place))
         return -1;
-    LogSetup(place.szLog, place.nEnabled);
+    print("Main(tid=0x%x) begin...\r\n", ThreadKernelId());
+    int nLog = ReadFirstKeys(szCfg);
+    LogSetup(place.szLog, nLog);
     RaiseDescriptorLimit();
     if (!ServerStart(szCfg)) {
         ConsoleFlush(1);
@@ -336,7 +341,7 @@ int RunProcess(int argc, char **argv)
     }
     log("Begin");
     if (bDaemon)
-        DaemonLoop(place.szState, place.nEnabled);
+        DaemonLoop(place.szState, nLog);
     else
         ConsoleLoop();
     ServerStop();
