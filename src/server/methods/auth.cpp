@@ -76,8 +76,8 @@ static int SameSecret(const char *a, const char *b)
     return nDiffer == 0;
 }
 
-// Asks for the account of szUser. Returns its level, or -1 when there is none; the password is then in
-// pAuth->szPassword.
+// Asks for the account of szUser. Returns its level, or AUTH_REFUSED when there is none; the password is then
+// in pAuth->szPassword.
 static int FindAccount(Auth *pAuth, const AuthRequest *pRequest, const char *szUser)
 {
     TextCopy(pAuth->szUser, sizeof(pAuth->szUser), szUser);
