@@ -156,8 +156,8 @@ static void EndOne(Session *pSession)
     for (SessionTrack &track : pSession->tracks)
         CloseTrackPorts(&track);
     ProgramDetach(pSession);
-    g_server.nQueuedBytes -=
-        SessionMediaWaiting(pSession);  // is freed in a moment, and nobody need give for it
+    // what waits is freed in a moment, and nobody need give for it
+    g_server.nQueuedBytes -= SessionMediaWaiting(pSession);
     pSession->out.queued.pTotal = nullptr;
     Retire(&pSession->retired, pSession, SessionFree);
 }

@@ -94,21 +94,16 @@ static int IsSafeFileName(const char *szFile)
     return IsRecordingName(szFile) && !strstr(szFile, "../");
 }
 
-static const char *ProgramDirectory(const Program *pProg)
-{
-    return pProg->Uri[0] == '/' ? pProg->Uri + 1 : pProg->Uri;
-}
-
 // The name of a recording, as far as it is known before its file is made.
 static void ChooseName(const Program *pProg, const RecordOrder *pOrder, char *szFile, size_t nSize)
 {
     TextBuf text{szFile, nSize};
-    if (!pOrder->bNamed && !g_settings.bConfineRecordings)
-        StorageNextPath(szFile, nSize, g_settings.szRecordPath, ProgramDirectory(pProg), pOrder->nKind);
-    else if (!pOrder->bNamed)
-        StorageNamePath(szFile, nSize, g_settings.szRecordPath, ProgramDirectory(pProg), pOrder->nKind);
-    else if (g_settings.bConfineRecordings && pOrder->szFile[0] && pOrder->szFile[0] != '/')
-        TextAdd(&text, "%s%s", g_settings.szRecordPath, pOrder->szFile);
+    const char *szRoot = g_settings.szRecordPath, *szName = PathName(pProg->Uri);
+    int bConfined = g_settings.bConfineRecordings;
+    if (!pOrder->bNamed)
+        (bConfined ? StorageNamePath : StorageNextPath)(szFile, nSize, szRoot, szName, pOrder->nKind);
+    else if (bConfined && pOrder->szFile[0] && pOrder->szFile[0] != '/')
+        TextAdd(&text, "%s%s", szRoot, pOrder->szFile);
     else
         TextAdd(&text, "%s", pOrder->szFile);
 }
@@ -117,7 +112,7 @@ static ZMFWriter *CreateWriter(const Program *pProg, const RecordOrder *pOrder, 
 {
     if (pOrder->bNamed)
         return IsSafeFileName(szFile) ? ZMFWriterCreateFile(szFile, pOrder->nKind, nullptr) : nullptr;
-    return ZMFWriterCreate(g_settings.szRecordPath, ProgramDirectory(pProg), pOrder->nKind, nullptr);
+    return ZMFWriterCreate(g_settings.szRecordPath, PathName(pProg->Uri), pOrder->nKind, nullptr);
 }
 
 // The same below the directory of recordings, whatever links and ".." make of the name.

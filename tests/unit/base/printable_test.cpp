@@ -48,6 +48,9 @@ TEST_F(PrintableTest, CredentialsAreLeftOut)
          "Authorize: x\r\nAuthorizations: x\r\nUserAuthor: x\r\nX-UserAuth: x\r\nUserUserAuth: x\r\nUser\r\nA"},
         {"UserAuth: secret", "UserAuth: *"},
         {"UserAuth:\r\nUserAuth: \r\nUserAuth:\r\n", "UserAuth:\r\nUserAuth: \r\nUserAuth:\r\n"},
+        {"A rtsp://me:secret@h:554/a:1//@2 R\r\nX: r://12:34@h/?u=r://me:s/:/e@h,c://h\r\nX: y:z",
+         "A rtsp://me:*@h:*/a:1//@2 R\r\nX: r://12:*@h/?u=r://me:*@h,c://h\r\nX: y:z"},
+        {"auth://a:secret\nuserauth : ://a:b\r\nA:://:s@:://:x R", "auth://a:*\nuserauth : *\r\nA:://:*@:* R"},
     };
     for (const auto &[szText, szShown] : cases) {
         const std::string text = szText;
