@@ -97,6 +97,20 @@ static int IsBlank(char c)
     return c == ' ' || c == '\t';
 }
 
+// One byte of what is shown: whether a URL's host begins behind it.
+static MaskPlace MatchUrl(CredentialMask *pMask, char c)
+{
+    static constexpr char kMark[] = "://";
+    pMask->nMatched = c == kMark[pMask->nMatched] ? pMask->nMatched + 1 : c == kMark[0];
+    return kMark[pMask->nMatched] ? MaskPlace::Other : MaskPlace::UrlHost;
+}
+
+static MaskPlace BeginOther(CredentialMask *pMask, char c)
+{
+    pMask->nMatched = 0;
+    return MatchUrl(pMask, c);
+}
+
 // One byte of a header's name: which of the names it may still be, and whether it is one now.
 static MaskPlace MatchName(CredentialMask *pMask, char c)
 {
@@ -106,8 +120,28 @@ static MaskPlace MatchName(CredentialMask *pMask, char c)
             pMask->nNames &= static_cast<uint8_t>(~(1 << i));
     pMask->nMatched++;
     if (pMask->nNames == 0)
-        return MaskPlace::Other;
+        return BeginOther(pMask, c);
     return g_names[pMask->nNames >> 1][pMask->nMatched] ? MaskPlace::Name : MaskPlace::Colon;
+}
+
+static MaskPlace MatchHost(CredentialMask *pMask, char c)
+{
+    if (c == '/' || IsBlank(c))
+        return BeginOther(pMask, c);
+    pMask->bPort = 1;
+    return c == ':' ? MaskPlace::UrlColon : MaskPlace::UrlHost;
+}
+
+// One byte behind the host's or user's colon. A password may hold any but '@' and blanks; a port ends its
+// URL's host.
+static MaskPlace MatchSecret(CredentialMask *pMask, char c)
+{
+    if (c == '@')
+        return MaskPlace::UrlHost;
+    if (IsBlank(c) || IsLineEnd(c) || (c == '/' && pMask->bPort))
+        return BeginOther(pMask, c);
+    pMask->bPort &= isdigit(static_cast<unsigned char>(c)) ? 1 : 0;
+    return MaskPlace::UrlSecret;
 }
 
 static MaskPlace BeginLine(CredentialMask *pMask, char c)
@@ -129,21 +163,28 @@ static MaskPlace Step(CredentialMask *pMask, char c)
         case MaskPlace::Name:
             return MatchName(pMask, c);
         case MaskPlace::Colon:
-            return c == ':' ? MaskPlace::Value : IsBlank(c) ? MaskPlace::Colon : MaskPlace::Other;
+            return c == ':' ? MaskPlace::Value : IsBlank(c) ? MaskPlace::Colon : BeginOther(pMask, c);
         case MaskPlace::Value:
             return IsBlank(c) ? MaskPlace::Value : MaskPlace::Hidden;
         case MaskPlace::Hidden:
+            return MaskPlace::Hidden;
         case MaskPlace::Other:
-            return pMask->ePlace;
+            return MatchUrl(pMask, c);
+        case MaskPlace::UrlHost:
+            return MatchHost(pMask, c);
+        case MaskPlace::UrlColon:
+        case MaskPlace::UrlSecret:
+            return MatchSecret(pMask, c);
     }
     return pMask->ePlace;
 }
 
-// A value ends where the reader of requests ends it: at a carriage return and a line feed.
+// A value ends where the reader of requests ends it: at a carriage return and a line feed. What is written is
+// never more than what came, but for a carriage return held back before.
 static size_t Hide(CredentialMask *pMask, char c, int bFirst, char *pOut)
 {
     size_t n = 0;
-    if (bFirst)
+    if (bFirst && c != '\r')
         pOut[n++] = '*';
     if (c == '\n' && !bFirst && pMask->bReturn) {
         pOut[n++] = '\r';
@@ -163,6 +204,11 @@ size_t CredentialMaskCopy(CredentialMask *pMask, const char *pText, size_t nText
         char c = pText[i];
         MaskPlace eBefore = pMask->ePlace;
         pMask->ePlace = bHide ? Step(pMask, c) : MaskPlace::Other;
+        if (pMask->ePlace == MaskPlace::UrlSecret) {
+            if (eBefore != MaskPlace::UrlSecret)
+                pOut[n++] = '*';
+            continue;
+        }
         if (pMask->ePlace == MaskPlace::Hidden) {
             n += Hide(pMask, c, eBefore != MaskPlace::Hidden, pOut + n);
             continue;

@@ -37,19 +37,24 @@ enum class MaskPlace : uint8_t {
     Colon,      // expected next
     Value,      // its blanks, before what is hidden
     Hidden,     // up to the line's end
-    Other,      // what is shown, up to the line's end
+    Other,      // what is shown, up to the line's end or a URL
+    UrlHost,    // of a URL, behind its "://"
+    UrlColon,   // behind its user or host
+    UrlSecret,  // the password behind that, or a port
 };
 
 // Follows a stream of request text, however it is cut into pieces, and hides the values of its Authorization
-// and UserAuth headers.
+// and UserAuth headers, and what a URL has behind its user: whether that is a password, or the port behind
+// its host, is known only when it has been shown.
 struct CredentialMask {
     MaskPlace ePlace = MaskPlace::LineStart;
     uint8_t nNames = 0;    // the names that this one may still be, a bit each
-    uint8_t nMatched = 0;  // characters of them
+    uint8_t nMatched = 0;  // characters of them; Other: of "://"
+    uint8_t bPort = 0;     // UrlColon, UrlSecret: only digits so far
     uint8_t bFolded = 0;   // a line that begins with a blank goes on with what was hidden
     uint8_t bReturn = 0;   // Hidden: the last byte was a carriage return
 };
-// Copies the text to pOut, which has room for nText + 1 bytes, with a '*' for each such value. Returns the
+// Copies the text to pOut, which has room for nText + 1 bytes, with a '*' for each such text. Returns the
 // number of bytes. Copies all while peer faults are not survived.
 size_t CredentialMaskCopy(CredentialMask *pMask, const char *pText, size_t nText, char *pOut);
 

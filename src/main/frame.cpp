@@ -27,6 +27,8 @@ static constexpr size_t kPathSize = 256;
 static constexpr int kTickMs = 100;          // so long at most does a loop miss that it is to end
 static constexpr unsigned kStateTicks = 50;  // the state file is written when more ticks have passed: 5 s
 
+static constexpr char kStateSection[] = "MAIN";  // of the state file
+
 static std::atomic<int> g_bTerminate{0};  // set by the signal handler, looked at by the loops
 
 // The directory two levels above the executable. Returns 1 where /proc can be read, else 0.
@@ -159,16 +161,26 @@ static void PrintStat()
     free(stat.pSessions);
 }
 
-// A state file that cannot be loaded, by whatever cause, gives way to a new one.
-static void WriteStateFile(const char *szPath)
+static void WriteStateKeys(const char *szPath)
 {
     ServerStat stat;
     ServerGetStat(&stat, 0);
+    write_profile_int(kStateSection, "CurTime", static_cast<int>(time(nullptr)), szPath);
+    write_profile_int(kStateSection, "CurLives", static_cast<int>(stat.nLives), szPath);
+    write_profile_int(kStateSection, "CurClients", static_cast<int>(stat.nClients), szPath);
+}
+
+// A state file that cannot be loaded, or loses what is written (a header without its ']'), gives way to a new
+// one.
+static void WriteStateFile(const char *szPath)
+{
     if (AssertPeerFaultsSurvived() && ProfileIsLong(szPath))
         unlink(szPath);
-    write_profile_int("MAIN", "CurTime", static_cast<int>(time(nullptr)), szPath);
-    write_profile_int("MAIN", "CurLives", static_cast<int>(stat.nLives), szPath);
-    write_profile_int("MAIN", "CurClients", static_cast<int>(stat.nClients), szPath);
+    WriteStateKeys(szPath);
+    if (!AssertPeerFaultsSurvived() || check_profile_key(kStateSection, "CurTime", szPath))
+        return;
+    unlink(szPath);
+    WriteStateKeys(szPath);
 }
 
 static void SleepTick()
@@ -275,14 +287,14 @@ static void OpenMissingDescriptors()
             open("/dev/null", O_RDWR);  // the lowest one that is free
 }
 
-// Where the log and the state file lie, and whether they are written.
+// Where the log and the state file lie.
 struct LogPlace {
-    char szLog[kPathSize + 32];
-    char szState[kPathSize + 32];
-    int nEnabled;
+    char szLog[kPathSize + 32] = "";
+    char szState[kPathSize + 32] = "";
 };
 
-static int FindLog(LogPlace *pPlace, const char *szCfg)
+// Returns 1, or 0 where /proc cannot be read.
+static int FindLog(LogPlace *pPlace)
 {
     char szParent[kPathSize];
     if (!ParentDirectory(szParent, sizeof(szParent))) {
@@ -293,14 +305,17 @@ static int FindLog(LogPlace *pPlace, const char *szCfg)
     TextBuf statePath{pPlace->szState, sizeof(pPlace->szState)};
     TextAdd(&logPath, "%s/log/orx.log", szParent);
     TextAdd(&statePath, "%s/log/orxstate.cur", szParent);
-    print("Main(tid=0x%x) begin...\r\n", ThreadKernelId());
-    pPlace->nEnabled = 0;
+    return 1;
+}
+
+// What is read before all else. Returns whether the log and the state file are written.
+static int ReadFirstKeys(const char *szCfg)
+{
     if (!szCfg[0])
-        return 1;
+        return 0;
     ConfigReadGuard(szCfg);
     ConfigFile config(szCfg);
-    pPlace->nEnabled = ConfigGetInt(&config, "SERVER", "LogFile", 0);
-    return 1;
+    return ConfigGetInt(&config, "SERVER", "LogFile", 0);
 }
 
 int RunProcess(int argc, char **argv)
@@ -314,9 +329,11 @@ int RunProcess(int argc, char **argv)
     int bDaemon = ParseArguments(argc, argv, "orx.cfg", szCfg, sizeof(szCfg)) == 1;
     ConsoleSetDaemon(bDaemon);  // says nothing more
     LogPlace place;
-    if (!FindLog(&place, szCfg))
+    if (!FindLog(&place))
         return -1;
-    LogSetup(place.szLog, place.nEnabled);
+    print("Main(tid=0x%x) begin...\r\n", ThreadKernelId());
+    int nLog = ReadFirstKeys(szCfg);
+    LogSetup(place.szLog, nLog);
     RaiseDescriptorLimit();
     if (!ServerStart(szCfg)) {
         ConsoleFlush(1);
@@ -324,7 +341,7 @@ int RunProcess(int argc, char **argv)
     }
     log("Begin");
     if (bDaemon)
-        DaemonLoop(place.szState, place.nEnabled);
+        DaemonLoop(place.szState, nLog);
     else
         ConsoleLoop();
     ServerStop();

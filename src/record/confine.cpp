@@ -6,7 +6,9 @@
 
 #include <cctype>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 
@@ -49,6 +51,17 @@ int ConfineOpenDir(const char *szRoot, const char *szDir)
     FdGuard root{open(szRoot, kOpenDir)};
     FdGuard dir{open(szDir, kOpenDir)};
     return root.fd >= 0 && dir.fd >= 0 && IsBelow(root.fd, dir.fd) ? dir.Release() : -1;
+}
+
+int ConfineOpenFile(const char *szRoot, const char *szFile)
+{
+    char szReal[PATH_MAX];
+    if (!realpath(szFile, szReal))
+        return -1;
+    char *pSlash = strrchr(szReal, '/');
+    *pSlash = '\0';
+    FdGuard dir{ConfineOpenDir(szRoot, *szReal ? szReal : "/")};
+    return dir.fd < 0 ? -1 : openat(dir.fd, pSlash + 1, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
 }
 
 int ConfineMakeDir(const char *szRoot, const char *szRelative)

@@ -1,6 +1,6 @@
-// Recordings that stay below their root and replace no file. Where a path leads is the kernel's answer: a
-// directory is opened, with the links and ".." in its path, and then looked up through its parents. Scheduler
-// thread only.
+// Recordings that stay below their root and replace no file, and are played from there alone. Where a path
+// leads is the kernel's answer: a directory is opened, with the links and ".." in its path, and then looked
+// up through its parents. Scheduler thread only.
 #pragma once
 
 #include <cstddef>
@@ -10,6 +10,10 @@ namespace orx {
 // Opens a directory that is szRoot or lies below it. Returns a descriptor for use with openat, which the
 // caller closes, or -1.
 int ConfineOpenDir(const char *szRoot, const char *szDir);
+
+// Opens a file for reading that lies below szRoot, wherever the links in its path lead; without waiting,
+// should it be a pipe. Returns a descriptor, which the caller closes, or -1.
+int ConfineOpenFile(const char *szRoot, const char *szFile);
 
 // Makes every missing directory of szRelative below szRoot, none of them elsewhere. Returns 1 when it is
 // there and below the root, else 0.

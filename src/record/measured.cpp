@@ -94,11 +94,7 @@ const Measured *MeasureStep(int fd, const struct stat *pInfo, uint64_t nBegin, u
     pEntry->nLastStep = ClockMs();
     if (pEntry->bDone)
         return &pEntry->result;
-    RecordWalk walk;
-    walk.fd = fd;
-    walk.nFileBytes = static_cast<uint64_t>(pInfo->st_size);
-    walk.nNext = pEntry->nNext;
-    walk.nWork = nWork;
+    RecordWalk walk = RecordWalkFrom(fd, static_cast<uint64_t>(pInfo->st_size), pEntry->nNext, nWork);
     ZMFRecordHead head;
     int nResult;
     while ((nResult = RecordWalkNext(&walk, &head)) > 0)

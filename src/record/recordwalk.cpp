@@ -6,19 +6,14 @@
 
 namespace orx {
 
-size_t ReadAt(int fd, uint64_t nPos, void *pOut, size_t nBytes)
+RecordWalk RecordWalkFrom(int fd, uint64_t nFileBytes, uint64_t nPos, uint32_t nWork)
 {
-    size_t nDone = 0;
-    while (nDone < nBytes) {
-        ssize_t n =
-            pread(fd, static_cast<uint8_t *>(pOut) + nDone, nBytes - nDone, static_cast<off_t>(nPos + nDone));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            break;
-        nDone += static_cast<size_t>(n);
-    }
-    return nDone;
+    RecordWalk walk;
+    walk.fd = fd;
+    walk.nFileBytes = nFileBytes;
+    walk.nNext = nPos;
+    walk.nWork = nWork;
+    return walk;
 }
 
 // Spends some of the step's work. Returns 0 when it is used up.
@@ -57,6 +52,21 @@ int RecordWalkNext(RecordWalk *pWalk, ZMFRecordHead *pHead)
     pWalk->nPos = pWalk->nNext;
     pWalk->nNext += pHead->nLength;
     return 1;
+}
+
+size_t ReadAt(int fd, uint64_t nPos, void *pOut, size_t nBytes)
+{
+    size_t nDone = 0;
+    while (nDone < nBytes) {
+        ssize_t n =
+            pread(fd, static_cast<uint8_t *>(pOut) + nDone, nBytes - nDone, static_cast<off_t>(nPos + nDone));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        nDone += static_cast<size_t>(n);
+    }
+    return nDone;
 }
 
 }  // namespace orx

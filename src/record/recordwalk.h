@@ -26,10 +26,13 @@ constexpr uint32_t kStepWork = 200000;
 constexpr uint32_t kChunkWork = 32;
 constexpr uint32_t kAllWork = UINT32_MAX;  // no steps
 
-// Reads up to nBytes from a position of a file. Returns how many there were.
-size_t ReadAt(int fd, uint64_t nPos, void *pOut, size_t nBytes);
+// A walk through the open file fd, of nFileBytes, from the record at nPos on.
+RecordWalk RecordWalkFrom(int fd, uint64_t nFileBytes, uint64_t nPos, uint32_t nWork);
 
 // The head of the next whole record: 1. 0 when none follows, -1 when the step is over (give nWork anew).
 int RecordWalkNext(RecordWalk *pWalk, ZMFRecordHead *pHead);
+
+// Reads up to nBytes from a position of a file. Returns how many there were.
+size_t ReadAt(int fd, uint64_t nPos, void *pOut, size_t nBytes);
 
 }  // namespace orx

@@ -12,6 +12,7 @@
 #include "base/assertion.h"
 #include "base/bytes.h"
 #include "base/console.h"
+#include "record/confine.h"
 #include "record/measured.h"
 #include "record/recordwalk.h"
 #include "record/sdpreader.h"
@@ -24,25 +25,7 @@ constexpr uint32_t kMinBuffer = 4096;    // a smaller one would be filled up for
 
 static RecordWalk WalkFrom(const ZMFReader *pReader, uint64_t nPos, uint32_t nWork)
 {
-    RecordWalk walk;
-    walk.fd = pReader->fd;
-    walk.nFileBytes = pReader->nFileBytes;
-    walk.nNext = nPos;
-    walk.nWork = nWork;
-    return walk;
-}
-
-// Visits every whole record from the file position nPos on (0: the first) without moving the reader, until
-// the procedure returns 0. Returns the position behind the last record visited.
-using RecordProc = int (*)(void *pContext, const ZMFRecordHead *pHead, uint64_t nPos);
-static uint64_t WalkRecords(const ZMFReader *pReader, uint64_t nPos, RecordProc pfnRecord, void *pContext)
-{
-    ZMFRecordHead head;
-    RecordWalk walk = WalkFrom(pReader, nPos ? nPos : pReader->uDataBeginOffset, kAllWork);
-    while (RecordWalkNext(&walk, &head) > 0)
-        if (!pfnRecord(pContext, &head, walk.nPos))
-            break;
-    return walk.nNext;
+    return RecordWalkFrom(pReader->fd, pReader->nFileBytes, nPos, nWork);
 }
 
 // --- Opening ---
@@ -179,7 +162,15 @@ static int ReadTables(ZMFReader *pReader, const struct stat *pInfo, uint32_t nWo
     return ReadSdp(pReader);
 }
 
-ZMFReader *ZMFReaderOpenStep(const char *szFile, uint32_t nBuffer, uint32_t nWork, int *pbMore)
+static int OpenFile(const char *szFile, const char *szBelow)
+{
+    if (szBelow)
+        return ConfineOpenFile(szBelow, szFile);
+    return open(szFile, O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // a FIFO of that name must not hold us up
+}
+
+ZMFReader *ZMFReaderOpenStep(const char *szFile, uint32_t nBuffer, uint32_t nWork, int *pbMore,
+                             const char *szBelow)
 {
     *pbMore = 0;
     auto *pReader = new (std::nothrow) ZMFReader;
@@ -188,7 +179,7 @@ ZMFReader *ZMFReaderOpenStep(const char *szFile, uint32_t nBuffer, uint32_t nWor
     pReader->szFile = strdup(szFile);
     pReader->nBuffer = nBuffer < kMinBuffer ? kMinBuffer : nBuffer;
     pReader->pBuffer = static_cast<uint8_t *>(malloc(pReader->nBuffer));
-    pReader->fd = open(szFile, O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // a FIFO of that name must not hold us up
+    pReader->fd = OpenFile(szFile, szBelow);
     struct stat info {};
     int bGood = pReader->szFile && pReader->pBuffer && pReader->fd >= 0 && fstat(pReader->fd, &info) == 0 &&
                 S_ISREG(info.st_mode);
@@ -330,15 +321,18 @@ struct KeyTable {
 };
 }  // namespace
 
-static int CollectKeyFrame(void *pContext, const ZMFRecordHead *pHead, uint64_t nPos)
+// Counts the key frames from a position on, and notes them where there is a table, until it has nMax.
+static void CollectKeyFrames(const ZMFReader *pReader, uint64_t nPos, KeyTable *pTable)
 {
-    auto *pTable = static_cast<KeyTable *>(pContext);
-    if (IsKeyRecord(pHead)) {
+    ZMFRecordHead head;
+    RecordWalk walk = WalkFrom(pReader, nPos, kAllWork);
+    while (pTable->nKeys < pTable->nMax && RecordWalkNext(&walk, &head) > 0) {
+        if (!IsKeyRecord(&head))
+            continue;
         if (pTable->pKeys)
-            pTable->pKeys[pTable->nKeys] = KeyFrame{nPos, pHead->nTimeMs};
+            pTable->pKeys[pTable->nKeys] = KeyFrame{walk.nPos, head.nTimeMs};
         pTable->nKeys++;
     }
-    return pTable->nKeys < pTable->nMax;
 }
 
 // Whether the index names every key frame. An interrupted file has none, whatever its header says.
@@ -369,7 +363,7 @@ static int TableFromRecords(ZMFReader *pReader)
     if (table.nMax == 0)
         return 0;
     uint32_t nMax = table.nMax;
-    WalkRecords(pReader, nStart, CollectKeyFrame, &table);  // counts only: the header may claim any number
+    CollectKeyFrames(pReader, nStart, &table);  // counts only: the header may claim any number
     if (table.nKeys == 0)
         return 0;
     table.pKeys = new (std::nothrow) KeyFrame[table.nKeys];
@@ -377,7 +371,7 @@ static int TableFromRecords(ZMFReader *pReader)
         return 0;
     table.nMax = nMax < table.nKeys ? nMax : table.nKeys;
     table.nKeys = 0;
-    WalkRecords(pReader, nStart, CollectKeyFrame, &table);
+    CollectKeyFrames(pReader, nStart, &table);
     pReader->pKeyFrames = table.pKeys;
     pReader->nKeyFrames = static_cast<int>(table.nKeys);
     return pReader->nKeyFrames > 0;

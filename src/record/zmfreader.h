@@ -60,8 +60,9 @@ struct KeyFrame {
 // it is no recording or broken. Close with ZMFReaderClose, which accepts null.
 ZMFReader *ZMFReaderOpen(const char *szFile, uint32_t nBuffer);
 // The same in steps (nWork: see recordwalk.h): null with *pbMore 1 when the walk is not at its end. The next
-// call for the file goes on with it.
-ZMFReader *ZMFReaderOpenStep(const char *szFile, uint32_t nBuffer, uint32_t nWork, int *pbMore);
+// call for the file goes on with it. szBelow: null as well for a file that does not lie below this directory.
+ZMFReader *ZMFReaderOpenStep(const char *szFile, uint32_t nBuffer, uint32_t nWork, int *pbMore,
+                             const char *szBelow = nullptr);
 void ZMFReaderClose(ZMFReader *pReader);
 
 // The next record, its 8-byte head included, with its length in *pnBytes; valid until the next call of any

@@ -4,8 +4,8 @@
 #include <enet/enet.h>
 
 #include "base/console.h"
-#include "runtime/mutexguard.h"
 #include "remote/unetproxy.h"
+#include "runtime/mutexguard.h"
 
 namespace orx {
 

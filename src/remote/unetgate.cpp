@@ -44,10 +44,33 @@ static int ReadDatagram(const ENetHost *pHost, Datagram *pOut)
     return !in.bFailed;
 }
 
+static UnetSlot *SlotAt(const UnetGate *pGate, const ENetPeer *pPeer)
+{
+    return &pGate->pSlots[pPeer - pGate->pHost->peers];
+}
+
+// The slot of a peer, or null when it still tells of the connection before.
 static UnetSlot *SlotOf(const UnetGate *pGate, const ENetPeer *pPeer)
 {
-    UnetSlot *pSlot = &pGate->pSlots[pPeer - pGate->pHost->peers];
+    UnetSlot *pSlot = SlotAt(pGate, pPeer);
     return pSlot->nConnectId == pPeer->connectID ? pSlot : nullptr;
+}
+
+// Begins the slot of a connection anew.
+static UnetSlot *SlotBegin(const UnetGate *pGate, const ENetPeer *pPeer)
+{
+    UnetSlot *pSlot = SlotAt(pGate, pPeer);
+    *pSlot = UnetSlot();
+    pSlot->nConnectId = pPeer->connectID;
+    return pSlot;
+}
+
+// The answer to a request that waits to be completed, or null.
+static ENetOutgoingCommand *AnswerOf(ENetPeer *pPeer)
+{
+    if (enet_list_empty(&pPeer->sentReliableCommands))
+        return nullptr;
+    return reinterpret_cast<ENetOutgoingCommand *>(enet_list_begin(&pPeer->sentReliableCommands));
 }
 
 static int IsFrom(const ENetPeer *pPeer, const ENetAddress *pFrom)
@@ -56,16 +79,15 @@ static int IsFrom(const ENetPeer *pPeer, const ENetAddress *pFrom)
 }
 
 // The answer may have been lost: it goes once more, as far as its sender has paid for it.
-static void Repeat(const UnetGate *pGate, ENetPeer *pPeer, size_t nLen)
+static void RepeatAnswer(const UnetGate *pGate, ENetPeer *pPeer, size_t nLen)
 {
     UnetSlot *pSlot = SlotOf(pGate, pPeer);
     if (!pSlot || pPeer->state != ENET_PEER_STATE_ACKNOWLEDGING_CONNECT)
         return;
     pSlot->nIn += static_cast<uint32_t>(nLen) + kNetHeaders;
-    if (pSlot->nIn < pSlot->nOut + kAnswerBytes || enet_list_empty(&pPeer->sentReliableCommands))
-        return;
-    auto *pAnswer = reinterpret_cast<ENetOutgoingCommand *>(enet_list_begin(&pPeer->sentReliableCommands));
-    pAnswer->roundTripTimeout = 0;  // overdue; counted when it has left
+    ENetOutgoingCommand *pAnswer = AnswerOf(pPeer);
+    if (pAnswer && pSlot->nIn >= pSlot->nOut + kAnswerBytes)
+        pAnswer->roundTripTimeout = 0;  // overdue; counted when it has left
 }
 
 // Whether a connection request may go to the library.
@@ -76,12 +98,12 @@ static int Admits(UnetGate *pGate, const Datagram *pRequest)
     size_t nStrangers = 0, nSame = 0;
     for (ENetPeer *p = pHost->peers; p < pHost->peers + pHost->peerCount; p++) {
         if (p->state == ENET_PEER_STATE_DISCONNECTED)
-            pGate->pSlots[p - pHost->peers] = {};  // nothing of its last connection is said of the next one
+            *SlotAt(pGate, p) = UnetSlot();  // nothing of its last connection is said of the next one
         const UnetSlot *pSlot = SlotOf(pGate, p);
         if (p->state == ENET_PEER_STATE_DISCONNECTED || (pSlot && pSlot->bOwn))
             continue;
         if (IsFrom(p, pFrom) && p->connectID == pRequest->nConnectId) {
-            Repeat(pGate, p, pHost->receivedDataLength);
+            RepeatAnswer(pGate, p, pHost->receivedDataLength);
             return 0;
         }
         nStrangers++;
@@ -144,7 +166,7 @@ static int HasHollowFragment(const ENetHost *pHost)
 // Commands without order may wait for an ordered one that never comes: empty ones count as nothing.
 static int IsCrowded(const UnetGate *pGate, const ENetPeer *pPeer)
 {
-    UnetSlot *pSlot = &pGate->pSlots[pPeer - pGate->pHost->peers];
+    UnetSlot *pSlot = SlotAt(pGate, pPeer);
     if (pSlot->nDatagrams++ % kCheckEvery != 0)
         return pSlot->bCrowded;
     size_t nWaiting = 0;
@@ -170,26 +192,26 @@ static int Intercept(ENetHost *pHost, ENetEvent *)
     ENetPeer *pPeer = datagram.nPeerId < pHost->peerCount ? &pHost->peers[datagram.nPeerId] : nullptr;
     if (!pPeer || !IsFrom(pPeer, &pHost->receivedAddress))
         return 0;  // the library forgets it
-    Repeat(pGate, pPeer, pHost->receivedDataLength);
+    RepeatAnswer(pGate, pPeer, pHost->receivedDataLength);
     return IsCrowded(pGate, pPeer) || HasHollowFragment(pHost);
 }
 
 // Looks after one request that waits to be completed. Returns 1, or 0 when it was dropped.
-static int Pending(UnetGate *pGate, ENetPeer *pPeer)
+static int LookAfter(const UnetGate *pGate, ENetPeer *pPeer)
 {
     UnetSlot *pSlot = SlotOf(pGate, pPeer);
     if (!pSlot) {
-        pSlot = &pGate->pSlots[pPeer - pGate->pHost->peers];
-        *pSlot = {pPeer->connectID, 0, ClockMs(), kAnswerBytes, 0, 0, 0};
+        pSlot = SlotBegin(pGate, pPeer);
+        pSlot->nSince = ClockMs();
+        pSlot->nIn = kAnswerBytes;  // the request, which is longer, has paid for one
     }
     if (ClockDiff(ClockMs(), pSlot->nSince) >= kRequestMs) {
         enet_peer_reset(pPeer);
         return 0;
     }
-    if (enet_list_empty(&pPeer->sentReliableCommands))
-        return 1;
-    auto *pAnswer = reinterpret_cast<ENetOutgoingCommand *>(enet_list_begin(&pPeer->sentReliableCommands));
-    if (pAnswer->roundTripTimeout > 0 && pAnswer->roundTripTimeout < kAnswerHoldMs) {  // has just left
+    ENetOutgoingCommand *pAnswer = AnswerOf(pPeer);
+    int bHasJustLeft = pAnswer && pAnswer->roundTripTimeout > 0 && pAnswer->roundTripTimeout < kAnswerHoldMs;
+    if (bHasJustLeft) {
         pAnswer->roundTripTimeout = kAnswerHoldMs;
         pSlot->nOut += kAnswerBytes;
     }
@@ -203,7 +225,7 @@ static void LookAfterPending(UnetGate *pGate)
     pGate->bPending = 0;
     for (ENetPeer *p = pGate->pHost->peers; p < pGate->pHost->peers + pGate->pHost->peerCount; p++)
         if (p->state == ENET_PEER_STATE_ACKNOWLEDGING_CONNECT)
-            pGate->bPending |= Pending(pGate, p);
+            pGate->bPending |= LookAfter(pGate, p);
 }
 
 int UnetGateInit(UnetGate *pGate, ENetHost *pHost, size_t nKept, uint32_t nPerAddress)
@@ -229,7 +251,7 @@ void UnetGateFree(UnetGate *pGate)
 void UnetGateOwn(UnetGate *pGate, const ENetPeer *pPeer)
 {
     if (pPeer)
-        pGate->pSlots[pPeer - pGate->pHost->peers] = {pPeer->connectID, 1, 0, 0, 0, 0, 0};
+        SlotBegin(pGate, pPeer)->bOwn = 1;
 }
 
 int UnetGateService(UnetGate *pGate, ENetEvent *pEvent)

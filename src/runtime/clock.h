@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 
 namespace orx {
 
@@ -20,11 +21,19 @@ inline int32_t ClockDiff(uint32_t a, uint32_t b)
     return static_cast<int32_t>(a - b);
 }
 
-// Test aids, so that a wrap can be seen without waiting for it. With ClockSetOffset both clocks run nMs ahead
-// of the machine's from now on (0: no longer ahead); readings that other threads take meanwhile may be of
-// either kind. The environment variable ORX_CLOCK_OFFSET_MS (decimal, below 2^32), read once at the first
-// reading, starts the clocks at such an offset: 4294967296 - uptime * 1000 - 5000 lets a program wrap after
-// five seconds.
+// Nanoseconds of a clock of the system's, for times that are measured here and now: no test aid moves it.
+inline int64_t ClockNs(clockid_t nClock = CLOCK_MONOTONIC)
+{
+    timespec now{};
+    clock_gettime(nClock, &now);
+    return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
+}
+
+// Test aids, so that a wrap can be seen without waiting for it. With ClockSetOffset the first two clocks run
+// nMs ahead of the machine's from now on (0: no longer ahead); readings that other threads take meanwhile may
+// be of either kind. The environment variable ORX_CLOCK_OFFSET_MS (decimal, below 2^32), read once at the
+// first reading, starts the clocks at such an offset: 4294967296 - uptime * 1000 - 5000 lets a program wrap
+// after five seconds.
 void ClockSetOffset(uint32_t nMs);
 
 }  // namespace orx

@@ -9,7 +9,7 @@ struct MutexGuard {
     pthread_mutex_t *pMutex;  // not owned
     explicit MutexGuard(pthread_mutex_t *p) : pMutex(p) { pthread_mutex_lock(p); }
     ~MutexGuard() { pthread_mutex_unlock(pMutex); }
-    MutexGuard(MutexGuard &&) = delete;
+    MutexGuard(MutexGuard &&) = delete;  // neither copied nor moved
     MutexGuard &operator=(MutexGuard &&) = delete;
 };
 

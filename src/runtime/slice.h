@@ -3,28 +3,22 @@
 #pragma once
 
 #include <cstdint>
-#include <ctime>
+
+#include "runtime/clock.h"
 
 namespace orx {
 
 constexpr int64_t kSliceNs = 4000000;  // a task may take three: read, distribute, flush
-constexpr uint32_t kSliceLook = 256;  // work after which the clock is looked at; a millisecond at most
+constexpr uint32_t kSliceLook = 256;   // work after which the clock is looked at; a millisecond at most
 
 struct Slice {
-    int64_t nEndNs = 0;  // monotonic clock
+    int64_t nEndNs = 0;  // ClockNs
     uint32_t nWork = 0;  // since the last look
 };
 
-inline int64_t SliceClock()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
-}
-
 inline Slice SliceBegin()
 {
-    return {SliceClock() + kSliceNs, 0};
+    return {ClockNs() + kSliceNs, 0};
 }
 
 // Some work was done: a packet for one player is 1. Returns 1 when the slice is over.
@@ -34,7 +28,7 @@ inline int SliceOver(Slice *pSlice, uint32_t nWork)
     if (pSlice->nWork < kSliceLook)
         return 0;
     pSlice->nWork = 0;
-    return SliceClock() >= pSlice->nEndNs;
+    return ClockNs() >= pSlice->nEndNs;
 }
 
 }  // namespace orx

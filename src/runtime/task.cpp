@@ -8,6 +8,7 @@
 #include "base/assertion.h"
 #include "base/console.h"
 #include "runtime/clock.h"
+#include "runtime/mutexguard.h"
 #include "runtime/taskwatch.h"
 
 namespace orx {
@@ -21,14 +22,6 @@ static constexpr int32_t kPassPauseMs = 2;    // after each pass; leaves time to
 static constexpr int kHighestPriority = -20;  // of nice: media goes before all else that the box does
 
 static_assert(offsetof(Task, node) == 0, "the task list maps a task to its node at the very start");
-
-struct MutexGuard {
-    pthread_mutex_t *pMutex;
-    explicit MutexGuard(pthread_mutex_t *p) : pMutex(p) { pthread_mutex_lock(pMutex); }
-    ~MutexGuard() { pthread_mutex_unlock(pMutex); }
-    MutexGuard(MutexGuard &&) = delete;  // neither copied nor moved
-    MutexGuard &operator=(MutexGuard &&) = delete;
-};
 
 static Task *DefNodeProc()
 {

@@ -6,7 +6,8 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
+
+#include "runtime/clock.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 extern "C" void __sanitizer_symbolize_pc(void *pCode, const char *szFormat, char *szOut, size_t nOut);
@@ -35,13 +36,6 @@ static int64_t g_nWorkFromNs = 0;          // since when
 static const char *g_szLongest = nullptr;  // what took longest
 static int64_t g_nLongestNs = 0;
 
-static int64_t Nanoseconds(clockid_t nClock)
-{
-    timespec now{};
-    clock_gettime(nClock, &now);
-    return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
-}
-
 static long Waits()
 {
     rusage usage{};
@@ -56,7 +50,7 @@ void TaskWatchSetBound(int64_t nBoundUs)
 
 void TaskWatchNote(const char *szWork)
 {
-    int64_t nNow = Nanoseconds(CLOCK_THREAD_CPUTIME_ID);
+    int64_t nNow = ClockNs(CLOCK_THREAD_CPUTIME_ID);
     if (g_szWork && nNow - g_nWorkFromNs > g_nLongestNs) {
         g_szLongest = g_szWork;
         g_nLongestNs = nNow - g_nWorkFromNs;
@@ -70,8 +64,8 @@ void TaskWatchBegin(TaskWatch *pWatch)
     g_szWork = g_szLongest = nullptr;
     g_nLongestNs = 0;
     pWatch->nWaits = Waits();
-    pWatch->nWallNs = Nanoseconds(CLOCK_MONOTONIC);
-    pWatch->nCpuNs = Nanoseconds(CLOCK_THREAD_CPUTIME_ID);
+    pWatch->nWallNs = ClockNs();
+    pWatch->nCpuNs = ClockNs(CLOCK_THREAD_CPUTIME_ID);
 }
 
 // The procedure's name where the build can tell it, else where it lies in the program.
@@ -103,8 +97,8 @@ static void Say(void (*pfnRun)(), const char *szWhat, int64_t nUs, long nWaits)
 
 void TaskWatchEnd(const TaskWatch *pWatch, void (*pfnRun)())
 {
-    int64_t nCpuUs = (Nanoseconds(CLOCK_THREAD_CPUTIME_ID) - pWatch->nCpuNs) / 1000;
-    int64_t nWaitedUs = (Nanoseconds(CLOCK_MONOTONIC) - pWatch->nWallNs) / 1000 - nCpuUs;
+    int64_t nCpuUs = (ClockNs(CLOCK_THREAD_CPUTIME_ID) - pWatch->nCpuNs) / 1000;
+    int64_t nWaitedUs = (ClockNs() - pWatch->nWallNs) / 1000 - nCpuUs;
     if (nCpuUs <= g_nBoundUs && nWaitedUs <= g_nBoundUs)
         return;
     TaskWatchNote(nullptr);

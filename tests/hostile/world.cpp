@@ -22,7 +22,6 @@ constexpr long kMostKb = 600 << 10;       // above what it began with
 constexpr long kGrowthKb = kSanitized ? 300 << 10 : 24 << 10;
 constexpr unsigned kPictureMs = 40;  // of the camera's clip
 constexpr size_t kOutputBytes = 4 << 20;
-const char *const kReports[] = {"Sanitizer", "runtime error:"};
 
 const std::vector<Scene> &Scenes()
 {
@@ -54,8 +53,8 @@ World::World(const Scene &scene) : bAccounts(scene.bAccounts)
                              "\nHttpProxyTargetPort=" + std::to_string(web.nPort));
     for (const Scene::Change &change : scene.changes)
         server.Set(change.szSection, change.szLines);
-    // what is freed is not kept back for long, or memory would seem to grow
     std::filesystem::create_directories(recordings);
+    // what is freed is not kept back for long, or memory would seem to grow
     setenv("ASAN_OPTIONS", "quarantine_size_mb=16", 0);
 }
 
@@ -106,6 +105,12 @@ bool World::Settle()
            Hold(bAnswered, RtspPoll(&control) ? "the server does not answer" : "the recording's client was cut off");
 }
 
+void World::LookForReports()
+{
+    for (const char *szReport : {"Sanitizer", "runtime error:"})
+        Hold(CountText(server.Output(), szReport) == 0, std::string("the server reports: ") + szReport);
+}
+
 bool World::Check()
 {
     constexpr unsigned kAttacksPerLook = 16;  // the console is slow to answer
@@ -126,8 +131,7 @@ bool World::Check()
     Hold(now.nTasks < kTasksPerSocket * nSockets + 50, "too many tasks");
     Hold(nFds < kMostDescriptors, "too many descriptors");
     Hold(nHighestKb < kMostKb, "too much memory");
-    for (const char *szReport : kReports)
-        Hold(CountText(server.Output(), szReport) == 0, std::string("the server reports: ") + szReport);
+    LookForReports();
     if (server.Output().size() > kOutputBytes)
         server.ForgetOutput();
     return failure.empty();
@@ -193,8 +197,7 @@ bool World::Finish()
         Hold(!path.ends_with(".zmf") || path.starts_with("bin/rec/"), "a file was made where none may be: " + path);
     }
     Hold(server.Quit() == 0, "the server did not end in order");
-    for (const char *szReport : kReports)
-        Hold(CountText(server.Output(), szReport) == 0, std::string("the server reports: ") + szReport);
+    LookForReports();
     return failure.empty();
 }
 

@@ -55,6 +55,7 @@ private:
     unsigned nChecks = 0;
     unsigned nRecent = 0, nBefore = 0;  // lines opened until the last window of time began, and the one before
     uint64_t nWindowUs = 0;
+    void LookForReports();  // of sanitizers
     bool HoldsWhatItHeld();
     bool RecordingIsWhole();
 };

@@ -77,6 +77,38 @@ TEST_F(PlaybackTest, PlaysFromWhereItIsAsked)
     }
 }
 
+// Links lead to what is recorded below the directory, or anywhere.
+TEST_F(PlaybackTest, PlaysWhatItsDirectoryHolds)
+{
+    const std::string out = root + "-other";
+    std::filesystem::create_directories(out);
+    server.Start();
+    Camera camera({Coding::H264});
+    ASSERT_NO_FATAL_FAILURE(Record(&camera, "a.zmf", 2));
+    ASSERT_EQ(0, server.Quit());
+    std::filesystem::copy_file(File("a.zmf"), out + "/a.zmf");
+    std::filesystem::create_symlink(out + "/a.zmf", File("out.zmf"));
+    std::filesystem::create_symlink(out, File("away"));
+    std::filesystem::create_symlink(File("a.zmf"), File("in.zmf"));
+    static const struct {
+        const char *szPath, *szOff, *szOn;
+    } cases[] = {
+        {"/in.zmf", "200", "200"},      {"/out.zmf", "200", "404"}, {"/away/a.zmf", "200", "404"},
+        {"/away//a.zmf", "200", "404"}, {"/a.zmf//", "404", "200"}, {"/b.zmf", "404", "404"},
+    };
+    for (const char *szConfined : {"0", "1"}) {
+        server.Set("GUARD", "ConfineRecordings", szConfined);
+        server.Start();
+        for (const auto &c : cases) {
+            Connect(&player, c.szPath);
+            EXPECT_THAT(Ask(&player, "DESCRIBE"),
+                        testing::StartsWith(std::string("RTSP/1.0 ") + (*szConfined == '1' ? c.szOn : c.szOff)))
+                << c.szPath;
+        }
+        ASSERT_EQ(0, server.Quit());
+    }
+}
+
 TEST_F(PlaybackTest, DescribesRecordings)
 {
     server.Start();

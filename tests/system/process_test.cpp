@@ -214,7 +214,11 @@ TEST_F(ProcessTest, StartsWithFilesOfAnySize)
         }
     }
     ASSERT_TRUE(WaitFor([&] { return RtspConnect(&player, server.Url("/cam").c_str()) == 1; }));
-    EXPECT_TRUE(WaitFor([&] { return ReadFile(server.dir.File("log/orxstate.cur")).starts_with("[MAIN]\nCur"); }));
+    const std::string state = server.dir.File("log/orxstate.cur");
+    auto bRenewed = [&] { return ReadFile(state).starts_with("[MAIN]\nCur"); };
+    EXPECT_TRUE(WaitFor(bRenewed));
+    WriteFile(state, "[MAIN\nCurTime=1\n");
+    EXPECT_TRUE(WaitFor(bRenewed)) << "a header that was cut";
     Connect(&player);
     Send(&player, MakeRequest("GETPLAYLIST", "*", 1, UserHeaders("somebody999", "password of 999")));
     std::string text;

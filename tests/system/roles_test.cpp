@@ -14,9 +14,7 @@ const std::string kUsers =
     "SuperUser=root\nSuperPwd=rootpw\nNumUsers=2\nUserName0=ann\nUserPwd0=annpw\nUserLevel0=1\nUserName1=bob\n"
     "UserPwd1=bobpw";
 const std::string kCamText = "[CAM]\r\nPwd=secret\r\n[SMTP]\r\nPwd=mail\r\n";
-const std::string kAction = "CamAction: up\r\n", kVoice = "Content-Type: audio/amr\r\n";
 const std::string kGetCfg = "GetInfoType: getcamcfg\r\n", kStop = "ActionParam: Cmd=stop\r\n";
-const std::string kAnswer = "ClientSsId: 0\r\nForward: 299 x\r\n";
 const std::string kAnn = "Authorization: Basic YW5uOmFubnB3\r\n", kWrong = "Authorization: Basic YW5uOng=\r\n";
 
 struct RolesTest : RecordingTest {
@@ -64,53 +62,67 @@ const struct Who {
     kOpen{"anybody", kRelayed, ENTERED, "0"}, kOpenHere{"anybody on the box", "", ENTERED, "0"},
     kUnasked{"a password unasked", kRelayed, UNASKED, "0"}, kPusher{"the pusher", "", PUSHES, "1"};
 
+const struct What {
+    const char *szMethod;
+    std::string headers, body = "";
+} kGetText{"GETCAMINFO", kGetCfg}, kAskCamera{"GETCAMINFO", "GetInfoType: x\r\n"},
+    kControl{"CAMCONTROL", "CamAction: up\r\n"}, kSpeak{"PUTVOICE", "Content-Type: audio/amr\r\n", "x"},
+    kEndRecord{"RECORDEX", kStop}, kEndRecordAsAnn{"RECORDEX", kStop + kAnn},
+    kEndRecordWrongly{"RECORDEX", kStop + kWrong}, kSetText{"PUTCAMCFG", kPlain, kCamText},
+    kAnswer{"RESPOND", "ClientSsId: 0\r\nForward: 299 x\r\n"}, kRegister{"REGISTER", "Guid: a\r\n"},
+    kScan{"GETWIFIROUTERS", ""};
+
 const struct {
     Who who;
-    const char *szMethod;
-    std::string headers, body;
+    What what;
     int nOff, nOn;  // the status without and with StrictRoles; 0: no reply
 } kRoles[] = {
-    {kStranger, "GETCAMINFO", kGetCfg, "", 400, 400},
-    {kStranger, "RECORDEX", kStop, "", 400, 400},
-    {kStranger, "REGISTER", "Guid: a\r\n", "", 200, 401},
-    {kStranger, "GETWIFIROUTERS", "", "", 0, 401},
-    {kAsked, "GETCAMINFO", kGetCfg, "", 650, 401},
-    {kAsked, "GETCAMINFO", "GetInfoType: x\r\n", "", 0, 401},
-    {kAsked, "CAMCONTROL", kAction, "", 400, 401},
-    {kAsked, "PUTVOICE", kVoice, "x", 400, 401},
-    {kAsked, "RECORDEX", kStop, "", 200, 401},
-    {kAsked, "PUTCAMCFG", kPlain, kCamText, 0, 400},
-    {kAsked, "RESPOND", kAnswer, "", 0, 400},
-    {kAskedHere, "RECORDEX", kStop, "", 200, 200},
-    {kAskedHere, "GETCAMINFO", kGetCfg, "", 650, 401},
-    {kAskedHere, "REGISTER", "Guid: a\r\n", "", 200, 200},
-    {kMissed, "GETCAMINFO", kGetCfg, "", -1, 401},
-    {kMissed, "RECORDEX", kStop, "", -1, 401},
-    {kBob, "GETCAMINFO", kGetCfg, "", 650, 650},
-    {kBob, "CAMCONTROL", kAction, "", 400, 400},
-    {kBob, "RECORDEX", kStop, "", 200, 403},
-    {kBob, "PUTCAMCFG", kPlain, kCamText, 0, 400},
-    {kAnnIn, "CAMCONTROL", kAction, "", 0, 0},
-    {kAnnIn, "PUTVOICE", kVoice, "x", 0, 0},
-    {kAnnIn, "RECORDEX", kStop, "", 200, 200},
-    {kAnnIn, "RESPOND", kAnswer, "", 0, 400},
-    {kOpen, "CAMCONTROL", kAction, "", 0, 400},
-    {kOpen, "PUTVOICE", kVoice, "x", 0, 400},
-    {kOpen, "RECORDEX", kStop, "", 200, 401},
-    {kOpen, "RECORDEX", kStop + kAnn, "", 200, 200},
-    {kOpen, "RECORDEX", kStop + kWrong, "", 200, 401},
-    {kOpen, "GETCAMINFO", kGetCfg, "", 650, 650},
-    {kOpenHere, "RECORDEX", kStop, "", 200, 200},
-    {kOpenHere, "CAMCONTROL", kAction, "", 0, 400},
-    {kUnasked, "CAMCONTROL", kAction, "", 0, 0},
-    {kUnasked, "RECORDEX", kStop, "", 200, 200},
-    {kPusher, "RECORDEX", kStop, "", 200, 200},
-    {kPusher, "GETCAMINFO", kGetCfg, "", 650, 650},
-    {kPusher, "PUTCAMCFG", kPlain, kCamText, 0, 0},
-    {kPusher, "RESPOND", kAnswer, "", 299, 0},  // the oldest session is its own
+    {kStranger, kGetText, 400, 400},
+    {kStranger, kEndRecord, 400, 400},
+    {kStranger, kRegister, 200, 401},
+    {kStranger, kScan, 0, 401},
+    {kAsked, kGetText, 650, 401},
+    {kAsked, kAskCamera, 0, 401},
+    {kAsked, kControl, 400, 401},
+    {kAsked, kSpeak, 400, 401},
+    {kAsked, kEndRecord, 200, 401},
+    {kAsked, kSetText, 0, 400},
+    {kAsked, kAnswer, 0, 400},
+    {kAskedHere, kEndRecord, 200, 200},
+    {kAskedHere, kGetText, 650, 401},
+    {kAskedHere, kRegister, 200, 200},
+    {kMissed, kGetText, -1, 401},
+    {kMissed, kEndRecord, -1, 401},
+    {kBob, kGetText, 650, 650},
+    {kBob, kControl, 400, 400},
+    {kBob, kEndRecord, 200, 403},
+    {kBob, kSetText, 0, 400},
+    {kAnnIn, kControl, 0, 0},
+    {kAnnIn, kSpeak, 0, 0},
+    {kAnnIn, kEndRecord, 200, 200},
+    {kAnnIn, kAnswer, 0, 400},
+    {kOpen, kControl, 0, 400},
+    {kOpen, kSpeak, 0, 400},
+    {kOpen, kEndRecord, 200, 401},
+    {kOpen, kEndRecordAsAnn, 200, 200},
+    {kOpen, kEndRecordWrongly, 200, 401},
+    {kOpen, kGetText, 650, 650},
+    {kOpenHere, kEndRecord, 200, 200},
+    {kOpenHere, kControl, 0, 400},
+    {kUnasked, kControl, 0, 0},
+    {kUnasked, kEndRecord, 200, 200},
+    {kPusher, kEndRecord, 200, 200},
+    {kPusher, kGetText, 650, 650},
+    {kPusher, kSetText, 0, 0},
+    {kPusher, kAnswer, 299, 0},  // the oldest session is its own
 };
 
 struct RolesTableTest : RolesTest {
+    using RolesTest::Status;
+    int Status(RtspClient *pClient, const What &what)
+    {
+        return Status(pClient, what.szMethod, what.headers, what.body);
+    }
     RtspClient &Enter(const Who &who)
     {
         if (who.ePast == PUSHES)
@@ -134,13 +146,13 @@ TEST_F(RolesTableTest, LetsThoseWhoMay)
         server.Set("SERVER", "AuthType", szAuthType);
         server.Set("GUARD", "AnnounceFrom=127.0.0.0/8\nStrictRoles=" + std::to_string(bStrict));
         StartCamera(CameraSdp());
-        EXPECT_EQ(0, Status(&pusher, "PUTCAMCFG", kPlain, kCamText));
+        EXPECT_EQ(0, Status(&pusher, kSetText));
         for (const auto &c : kRoles) {
-            SCOPED_TRACE(std::string(c.who.szName) + " " + c.szMethod + " StrictRoles=" + std::to_string(bStrict));
+            SCOPED_TRACE(std::string(c.who.szName) + " " + c.what.szMethod + " StrictRoles=" + std::to_string(bStrict));
             if (strcmp(c.who.szAuthType, szAuthType) != 0)
                 continue;
             RtspClient &client = Enter(c.who);
-            EXPECT_EQ(bStrict ? c.nOn : c.nOff, Status(&client, c.szMethod, c.headers, c.body));
+            EXPECT_EQ(bStrict ? c.nOn : c.nOff, Status(&client, c.what));
             clients.clear();
         }
         if (*szAuthType == '0') {  // the level decides what of the camera's text is shown

@@ -513,7 +513,7 @@ int RtspSetup(RtspClient *pClient, size_t nTrack, RtspTransport transport, RtspM
     RtspTrack *pTrack = &pClient->tracks[nTrack];
     if (transport != RTSP_OVER_UDP)
         return SetupTrack(pClient, pTrack, ChannelPair(nTrack), pReply, nTimeoutMs);
-    if (pTrack->udp.fdRtp < 0 && !RtspUdpOpen(&pTrack->udp))
+    if (pTrack->udp.fdRtp < 0 && !RtspUdpOpen(&pTrack->udp, pClient->fd))
         return 0;
     int nPort = pTrack->udp.nPort;
     std::string text =
@@ -585,35 +585,39 @@ int RtspRespond(RtspClient *pClient, const RtspMessage *pRequest, const char *sz
     return RtspSend(pClient, "RESPOND", nullptr, headers.c_str(), "", nTimeoutMs) != 0;
 }
 
-// A UDP socket on any address and the given port (0: any), or -1. Its buffer holds what comes at once: the
+// The address that a socket has here, of any protocol; any with -1.
+static sockaddr_in LocalAddress(int fd)
+{
+    sockaddr_in addr{};
+    socklen_t nLen = sizeof addr;
+    if (getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &nLen) != 0)
+        addr = sockaddr_in{};
+    addr.sin_family = AF_INET;
+    return addr;
+}
+
+// A UDP socket on the address and the given port (0: any), or -1. Its buffer holds what comes at once: the
 // packets since the last key picture, or the second that a recording is sent ahead.
-static int BindUdp(int nPort)
+static int BindUdp(sockaddr_in addr, int nPort)
 {
     constexpr int kBytes = 2 << 20;
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &kBytes, sizeof kBytes) != 0)
         setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kBytes, sizeof kBytes);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
     addr.sin_port = htons(static_cast<uint16_t>(nPort));
     if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0)
         CloseFd(&fd);
     return fd;
 }
 
-static int LocalPort(int fd)
+int RtspUdpOpen(RtspUdpPair *pPair, int fdNear)
 {
-    sockaddr_in addr{};
-    socklen_t nLen = sizeof addr;
-    return getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &nLen) == 0 ? ntohs(addr.sin_port) : 0;
-}
-
-int RtspUdpOpen(RtspUdpPair *pPair)
-{
+    sockaddr_in near = LocalAddress(fdNear);
     for (int nTry = 0; nTry < 100; nTry++) {
-        int fdAny = BindUdp(0);
-        int nAny = fdAny < 0 ? 0 : LocalPort(fdAny);
-        int fdOther = nAny ? BindUdp(nAny ^ 1) : -1;  // the even or odd neighbour that completes the pair
+        int fdAny = BindUdp(near, 0);
+        int nAny = fdAny < 0 ? 0 : ntohs(LocalAddress(fdAny).sin_port);
+        int fdOther =
+            nAny ? BindUdp(near, nAny ^ 1) : -1;  // the even or odd neighbour that completes the pair
         if (fdOther >= 0) {
             pPair->nPort = nAny & ~1;
             pPair->fdRtp = nAny & 1 ? fdOther : fdAny;

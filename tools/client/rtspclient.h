@@ -159,8 +159,9 @@ int RtspSendFrame(RtspClient *pClient, int nChannel, const void *pPacket, size_t
 int RtspRespond(RtspClient *pClient, const RtspMessage *pRequest, const char *szForward,
                 int nTimeoutMs = kRtspTimeoutMs);
 
-// Binds a pair to free ports. Returns 1 or 0.
-int RtspUdpOpen(RtspUdpPair *pPair);
+// Binds a pair to free ports, of the address that the connection fdNear has here (-1: of any): what is meant
+// for another address of the machine does not come in. Returns 1 or 0.
+int RtspUdpOpen(RtspUdpPair *pPair, int fdNear = -1);
 // One datagram. Returns 1, or 0 when none came in time.
 int RtspUdpReceive(int fd, std::string *pOut, int nTimeoutMs = kRtspTimeoutMs);
 // A receiver report to the server's RTCP port. Returns 1 or 0.

@@ -7,10 +7,11 @@
 namespace orx {
 
 constexpr size_t kPasswordSize = 64;  // bytes of the buffer, NUL included
+constexpr int kNobodysLevel = 3;      // of who showed no password; 0 is the super user's
 
 struct Account {
     char szPassword[kPasswordSize] = "";
-    int nLevel = 3;
+    int nLevel = kNobodysLevel;
     int bSuper = 0;      // the super user: sees every program
     int bAnonymous = 0;  // nobody's account: any name is let in to watch, with an empty password
     // Of a listed user: the program paths, without leading '/', that he may see.

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "runtime/slice.h"
+#include "runtime/clock.h"
 #include "server/core/registry.h"
 
 namespace orx {
@@ -23,7 +23,7 @@ void GiveMemoryBack()
     g_nPeakBytes = std::max(g_nPeakBytes, nHeld);
     if (g_nPeakBytes - nHeld < kWorthIt)
         return;
-    int64_t nNow = SliceClock();
+    int64_t nNow = ClockNs();
     if (nNow < g_nNextNs)
         return;
     g_nNextNs = nNow + kBetweenNs;

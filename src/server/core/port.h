@@ -6,8 +6,8 @@
 
 #include <cstdint>
 
-#include "runtime/task.h"
 #include "base/printable.h"
+#include "runtime/task.h"
 #include "server/core/request.h"
 #include "server/core/retire.h"
 

@@ -56,6 +56,12 @@ inline const char *RequestUri(const Request *pRequest)
 const char *RequestPath(const Request *pRequest);
 const char *UriPath(const char *szUri);
 
+// A path without the '/' that it begins with, as directories and lists of programs have it.
+inline const char *PathName(const char *szPath)
+{
+    return *szPath == '/' ? szPath + 1 : szPath;
+}
+
 // Decodes percent escapes into szOut (nSize bytes, NUL included). Returns the length, or -1 when it is too
 // long. What follows a '%' that is no escape is copied as it is.
 int UriDecode(std::string_view uri, char *szOut, size_t nSize);

@@ -157,9 +157,14 @@ static void EndOne(Session *pSession)
     for (SessionTrack &track : pSession->tracks)
         CloseTrackPorts(&track);
     ProgramDetach(pSession);
+<<<<<<< HEAD
     HeldJobForget(pSession);
     g_server.nQueuedBytes -=
         SessionMediaWaiting(pSession);  // is freed in a moment, and nobody need give for it
+=======
+    // what waits is freed in a moment, and nobody need give for it
+    g_server.nQueuedBytes -= SessionMediaWaiting(pSession);
+>>>>>>> main
     pSession->out.queued.pTotal = nullptr;
     Retire(&pSession->retired, pSession, SessionFree);
 }

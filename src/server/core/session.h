@@ -6,6 +6,7 @@
 
 #include "base/linkedlist.h"
 #include "record/rtpout.h"
+#include "server/core/accounttable.h"
 #include "server/core/port.h"
 #include "server/core/registry.h"
 
@@ -119,7 +120,7 @@ struct SessionPlay {
 
 // Who watches, by the accounts of the program that the session holds: goes with it.
 struct SessionViewer {
-    int nUserLevel = 3;  // 0 super user ... 3 nobody yet
+    int nUserLevel = kNobodysLevel;
     char szUser[64] = "";
     int bAdmitted = 0;    // a DESCRIBE, QUICKPLAY or SUBSCRIBE of the program was answered 200
     int bChallenged = 0;  // StrictRoles: a password was asked for, of a program that may be there or not

@@ -24,7 +24,8 @@ namespace orx {
 
 static constexpr int kReceiveBufferBytes = 131072;  // SO_RCVBUF: some pictures of a pusher
 static constexpr int kAcceptRetryMs = 1000;         // descriptors come free as connections end
-static int g_nAcceptAgainMs = 0;  // a further look for connections is scheduled, in so many ms
+static int g_nAcceptAgainMs = 0;        // a further look for connections is scheduled, in so many ms
+static Task *g_pAcceptAgain = nullptr;  // its task, while one is
 
 // So much of what a socket holds is taken at once; the rest waits its turn behind what else is due.
 static constexpr size_t kBytesPerEvent = 65536;
@@ -101,7 +102,10 @@ static int AcceptSome(int fdListen)
 static int OnAcceptRetry(Task *pTask, uint32_t, uint32_t, uint32_t)
 {
     g_nAcceptAgainMs = AcceptSome(pTask->nParam);
-    return g_nAcceptAgainMs > 0 ? g_nAcceptAgainMs : -1;
+    if (g_nAcceptAgainMs > 0)
+        return g_nAcceptAgainMs;
+    g_pAcceptAgain = nullptr;
+    return -1;
 }
 
 static void OnAccept(int fdListen)
@@ -109,10 +113,13 @@ static void OnAccept(int fdListen)
     if (g_nAcceptAgainMs == kMoreDelayMs)
         return;
     int nDelayMs = AcceptSome(fdListen);
-    if (nDelayMs == 0 || g_nAcceptAgainMs)
+    if (nDelayMs == 0 || nDelayMs == g_nAcceptAgainMs)
         return;
+    if (g_pAcceptAgain)  // descriptors have come free before it looked
+        TaskCancel(g_pAcceptAgain);
     g_nAcceptAgainMs = nDelayMs;
-    TaskSchedule(&g_server.scheduler, OnAcceptRetry, static_cast<uint32_t>(nDelayMs), fdListen, nullptr);
+    g_pAcceptAgain =
+        TaskSchedule(&g_server.scheduler, OnAcceptRetry, static_cast<uint32_t>(nDelayMs), fdListen, nullptr);
 }
 
 int RtspSessionCreate(int fd, const void *pData, size_t nLen)
@@ -404,6 +411,7 @@ void EventsInit()
 {
     g_server.events = {PostEvent, OnRead};
     g_nAcceptAgainMs = 0;
+    g_pAcceptAgain = nullptr;
     LimitsInit();
 }
 

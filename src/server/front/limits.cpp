@@ -25,11 +25,6 @@ void LimitsInit()
     g_bWatching = 0;
 }
 
-static int IsExempt(uint32_t nIp)
-{
-    return nIp >> 24 == IN_LOOPBACKNET && !IsBridgeAddress(nIp);
-}
-
 static int CountsByAddress(const Session *pSession)
 {
     return pSession->nState != STATE_PLAYING && !(pSession->nFlags & SESSION_PUSHER) &&
@@ -40,7 +35,7 @@ int AddressIsFull(const sockaddr_in *pAddr)
 {
     uint32_t nIp = SockGetIp(pAddr);
     uint32_t nSessions = 0;
-    if (!g_settings.nMaxSessionsPerAddress || IsExempt(nIp))
+    if (!g_settings.nMaxSessionsPerAddress || IsOwnBox(nIp))
         return 0;
     for (const Session *p = FirstSession(); p; p = NextSession(p)) {
         const Port *pPort = SessionPeerPort(p);

@@ -16,10 +16,10 @@
 
 namespace orx {
 
-static constexpr uint32_t kStartBytes =
-    4 << 20;  // of memory: a start of no more is one step, a millisecond or two
-static constexpr uint32_t kFlushWork =
-    32;  // of a slice, for one player: eight times the clock is not looked at
+// Of memory: a start of no more is one step, a millisecond or two.
+static constexpr uint32_t kStartBytes = 4 << 20;
+// Of a slice, for one player: eight times the clock is not looked at.
+static constexpr uint32_t kFlushWork = 32;
 
 // Sends what waits, and a report when one is due. Returns 0 when that failed, or left more than nMost blocks,
 // or more bytes than a queue may hold of a player that nothing is dropped for.
@@ -180,8 +180,10 @@ static uint32_t FillSlice(Session *pSession, DataBlock *p, int bFirst)
     int64_t nBefore = pSession->out.queued.nBytes;
     for (int bOver = 0; p && !bOver; p = NextBlock(p)) {
         nSinceLook += BlockBytes(p);
-        bOver = nSinceLook >= kStartBytes && SliceOver(&slice, kSliceLook);
-        nSinceLook = nSinceLook >= kStartBytes ? 0 : nSinceLook;
+        if (nSinceLook >= kStartBytes) {
+            bOver = SliceOver(&slice, kSliceLook);
+            nSinceLook = 0;
+        }
         if (QueueCopy(pSession, p) < 0)
             continue;
         nQueued++;

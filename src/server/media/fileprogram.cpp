@@ -1,5 +1,7 @@
 #include "server/media/fileprogram.h"
 
+#include <strings.h>
+
 #include <cstdlib>
 #include <cstring>
 
@@ -15,6 +17,7 @@
 namespace orx {
 
 constexpr uint32_t kReadBuffer = 204800;  // bytes that the reader of a recording keeps
+constexpr size_t kShortestPath = 6;       // "/a.zmf"
 
 static const char *FileSdp(const Program *pProg)
 {
@@ -46,26 +49,40 @@ int FileProgramSeek(Program *pProg, uint32_t nMs, uint32_t *pReached)
 // Opens the recording of a program whose Uri is set and reads its description. Returns 1 or 0.
 static int OpenReader(Program *pProg, const char *szFile, int *pbMore)
 {
-    pProg->reader = ZMFReaderOpenStep(szFile, kReadBuffer, kStepWork, pbMore);
+    const char *szBelow = g_settings.bConfineRecordings ? g_settings.szRecordPath : nullptr;
+    pProg->reader = ZMFReaderOpenStep(szFile, kReadBuffer, kStepWork, pbMore, szBelow);
     if (!pProg->reader)
         return 0;
     const char *szSdp = FileSdp(pProg);
     return szSdp && SdpParse(&pProg->desc, szSdp, 0, FileProgramDuration(pProg));
 }
 
+// Whether a path may be that of a recording: with ConfineRecordings slashes at its end do not count.
+static int NamesRecording(const char *szPath)
+{
+    size_t nPath = strlen(szPath);
+    while (g_settings.bConfineRecordings && nPath > 0 && szPath[nPath - 1] == '/')
+        nPath--;
+    return nPath >= kShortestPath && strncasecmp(szPath + nPath - 4, ".zmf", 4) == 0;
+}
+
+// Builds the path of the file that a recording's path stands for. Returns 1, or 0 when it is too long.
+static int FilePath(char *szOut, size_t nSize, const char *szPath)
+{
+    TextBuf file{szOut, nSize};
+    if (!TextAdd(&file, "%s", g_settings.szRecordPath))
+        return 0;
+    if (g_settings.bConfineRecordings)
+        return StorageProgramPath(szOut + file.nLen, nSize - file.nLen, szPath);
+    return TextAdd(&file, "%s", PathName(szPath));
+}
+
 Program *CreateFileProgram(const char *szPath, int *pbMore)
 {
     *pbMore = 0;
-    if (!g_settings.bFilePrograms || !g_settings.szRecordPath || !*g_settings.szRecordPath ||
-        !StorageIsInside(szPath))
-        return nullptr;
     char file[512];
-    char tidy[512];
-    TextBuf name{file, sizeof(file)};
-    const char *szName = *szPath == '/' ? szPath + 1 : szPath;
-    if (g_settings.bConfineRecordings && StorageProgramPath(tidy, sizeof(tidy), szPath))
-        szName = tidy;
-    if (!TextAdd(&name, "%s%s", g_settings.szRecordPath, szName))
+    if (!NamesRecording(szPath) || !g_settings.bFilePrograms || !g_settings.szRecordPath ||
+        !*g_settings.szRecordPath || !StorageIsInside(szPath) || !FilePath(file, sizeof(file), szPath))
         return nullptr;
     Program *pProg = ProgramNew(szPath, &g_fileOps);
     if (!pProg)

@@ -7,7 +7,9 @@
 
 namespace orx {
 
-// Makes a file program for a recording, or returns null (not allowed, no such file, no usable description).
+// Makes a file program for a recording ("/....zmf", any case), or returns null (another path, not allowed, no
+// such file, no usable description; with ConfineRecordings also a file that links lead to outside of
+// RecordPath).
 // Null with *pbMore 1: looking a long one through takes another step, call again.
 Program *CreateFileProgram(const char *szPath, int *pbMore);
 

@@ -46,8 +46,8 @@ DataBlock *PaceFirstHeld(const Session *pSession);
 // that may have taken to play, and until as much again waits behind it, or so much that it would be given up.
 int PaceMayTakeStart(const Session *pSession);
 
-// A start from the cache has put nBlocks of media into the queue. PaceRaise lets more of it go, once every
-// kCatchUpStepMs, at nNow (ClockMs); what a late step missed is not made up for.
+// A start from the cache has put nBlocks of media, nBytes together, into the queue. PaceRaise lets more of it
+// go, once every kCatchUpStepMs, at nNow (ClockMs); what a late step missed is not made up for.
 constexpr uint32_t kCatchUpStepMs = 20;  // at four times real time two pictures of 25 a second
 void PaceStart(Session *pSession, uint32_t nBlocks, uint32_t nBytes);
 void PaceRaise(Session *pSession, uint32_t nNow);

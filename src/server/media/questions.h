@@ -5,8 +5,8 @@
 
 #include <cstddef>
 
-#include "server/media/replies.h"
 #include "server/core/session.h"
+#include "server/media/replies.h"
 
 namespace orx {
 

@@ -38,7 +38,7 @@ static int IsWhole(const char *szList, const char *pName, size_t nName)
 
 int MaySeeProgram(const Account *pAccount, const char *szPath)
 {
-    const char *szName = szPath[0] == '/' ? szPath + 1 : szPath;
+    const char *szName = PathName(szPath);
     size_t nName = strlen(szName);
     if (pAccount->bSuper)
         return 1;

@@ -24,8 +24,8 @@ inline AccountPlace PlaceOf(const Program *pProg)
 // Returns 1, 0 for an unknown user, or -1 when the file cannot be read and pPlace is null.
 int AccountsFind(const AccountPlace *pPlace, const char *szUser, Account *pOut);
 
-// Whether the list of programs in an account of the configuration names a path: anywhere, or with
-// StrictRoles whole, between blanks, commas, semicolons and bars.
+// Whether an account of the configuration may see the program of a path: the super user any, others one that
+// their list names: anywhere in it, or with StrictRoles whole, between blanks, commas, semicolons and bars.
 int MaySeeProgram(const Account *pAccount, const char *szPath);
 
 // Where the authenticator looks.

@@ -1,7 +1,5 @@
 #include "server/methods/admit.h"
 
-#include <strings.h>
-
 #include <cstdlib>
 #include <cstring>
 
@@ -50,9 +48,6 @@ static int NamesProgram(const char *szPath, const Program *pProg)
 // takes another step.
 static Program *OpenFileProgram(Session *pSession, const char *szPath, int *pbMore)
 {
-    size_t nPath = strlen(szPath);
-    if (nPath < 6 || strcasecmp(szPath + nPath - 4, ".zmf") != 0)
-        return nullptr;
     Program *pProg = CreateFileProgram(szPath, pbMore);
     if (!pProg)
         return nullptr;
@@ -90,10 +85,9 @@ Verdict AttachFound(Session *pSession, Port *pPort, Program *pFound, const char 
 
 Verdict ReplyChallenge(Session *pSession, Port *pPort, int bStale)
 {
-    unsigned nScheme = g_settings.nAuthType == AUTH_NONE ? unsigned{AUTH_BASIC} : g_settings.nAuthType;
     Message reply(pSession, pPort);
     ReplyBeginNumbered(&reply, STATUS_UNAUTHORIZED, pSession->nCSeq);  // the request will come again
-    CredentialChallenge(pPort, nScheme, bStale, &reply.text);
+    CredentialChallenge(pPort, CredentialScheme(), bStale, &reply.text);
     return MessageSend(&reply);
 }
 

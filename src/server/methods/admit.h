@@ -38,7 +38,8 @@ enum Admission {
 // the reply sent.
 Admission EnterProgram(Session *pSession, Port *pPort, const Request *pRequest);
 
-// Asks for a password as AuthType has it (Basic with AuthType 0): the 401 that keeps the connection.
+// Asks for a password (see CredentialScheme): the 401 that keeps the connection. bStale: only the challenge
+// was too old.
 Verdict ReplyChallenge(Session *pSession, Port *pPort, int bStale);
 
 // What a method says of its session when it is not admitted; a refusal that was sent ends it or not.

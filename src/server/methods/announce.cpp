@@ -18,9 +18,9 @@
 namespace orx {
 
 constexpr int kSleepingPeriodMs = 60000;  // between two looks at a sleeping program
+constexpr int kPusherLevel = 2;           // AnnounceAuth: announcing needs a user level below this
 
-constexpr int kPusherLevel = 2;  // AnnounceAuth: announcing needs a user level below this
-
+// Not by AuthType: whoever pushes is asked by every scheme there is.
 static Verdict AskForPassword(Session *pSession, Port *pPort, int bStale)
 {
     Message reply(pSession, pPort);
@@ -59,7 +59,7 @@ static int ShowsAccount(Session *pSession, Port *pPort, const Request *pRequest,
     return 0;
 }
 
-// Whether who announces may take the place of a pusher: from the same address, or as the same user.
+// Whether who announces may take the place of a program's pusher: from the same address, or as the same user.
 static int IsSamePusher(const Port *pPort, const Program *pOld, const CheckedUser *pUser)
 {
     if (g_settings.bAnnounceAuth)

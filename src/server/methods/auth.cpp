@@ -14,6 +14,7 @@
 #include "base/md5.h"
 #include "base/textbuf.h"
 #include "runtime/clock.h"
+#include "server/core/accounttable.h"
 #include "server/core/request.h"
 
 namespace orx {
@@ -75,14 +76,14 @@ static int SameSecret(const char *a, const char *b)
     return nDiffer == 0;
 }
 
-// Asks for the account of szUser. Returns its level, or -1 when there is none; the password is then in
-// pAuth->szPassword.
+// Asks for the account of szUser. Returns its level, or AUTH_REFUSED when there is none; the password is then
+// in pAuth->szPassword.
 static int FindAccount(Auth *pAuth, const AuthRequest *pRequest, const char *szUser)
 {
     TextCopy(pAuth->szUser, sizeof(pAuth->szUser), szUser);
     memset(pAuth->szPassword, 0, sizeof(pAuth->szPassword));
     ORX_ASSERT(pAuth->pfnGetAccount, "pAuth->pfnGetAccount");
-    int nLevel = 3;
+    int nLevel = kNobodysLevel;
     if (!pAuth->pfnGetAccount(pRequest->pContext, pRequest->szUrl, pAuth->szUser, pAuth->szPassword, &nLevel))
         return AUTH_REFUSED;
     return nLevel;

@@ -258,7 +258,8 @@ Verdict HandlePutCamCfg(Session *pSession, Port *pPort, Request *pRequest)
     if (!szType || strcmp(szType, "text/plain") != 0 || !pRequest->nBody)
         return ReplyShort(pSession, pPort, STATUS_BAD_REQUEST);
     Program *pProg = pSession->pProg;
-    // the text holds the program's accounts: a viewer, who may not even have shown a password yet, has no say
+    // the text holds the program's accounts: with StrictRoles a viewer, who may not even have shown a
+    // password yet, has no say
     if (!pProg || (g_settings.bStrictRoles && !FeedsProgram(pSession)))
         return ReplyShort(pSession, pPort, STATUS_NO_PUTCAMCFG);
     KeepCamCfg(pProg, pRequest->pBody, pRequest->nBody);

@@ -128,6 +128,11 @@ Credential CheckSuperToken(const CredentialCheck *pCheck, const char *szUser, co
     return Conclude(pCheck, bRight ? CREDENTIAL_RIGHT : CREDENTIAL_WRONG, *szUser ? szPassword : nullptr);
 }
 
+unsigned CredentialScheme()
+{
+    return g_settings.nAuthType == AUTH_NONE ? unsigned{AUTH_BASIC} : g_settings.nAuthType;
+}
+
 int CredentialChallenge(const Port *pPort, unsigned nScheme, int bStale, TextBuf *pText)
 {
     char line[256];

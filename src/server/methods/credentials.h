@@ -43,6 +43,10 @@ Credential CheckUserToken(const CredentialCheck *pCheck, CheckedUser *pOut);
 // stale.
 Credential CheckSuperToken(const CredentialCheck *pCheck, const char *szUser, const char *szPassword);
 
+// The scheme by which a password is asked for where one is needed: that of AuthType, Basic where that is
+// none.
+unsigned CredentialScheme();
+
 // The "WWW-Authenticate" line of a scheme for who sent a request on the port; bStale after CREDENTIAL_STALE.
 // Returns 1, or 0 when it does not fit or the scheme has none.
 int CredentialChallenge(const Port *pPort, unsigned nScheme, int bStale, TextBuf *pText);

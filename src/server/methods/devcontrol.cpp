@@ -134,7 +134,8 @@ static void PassAnswer(Session *pAsker, const char *szForward)
 
 Verdict HandleRespond(Session *pSession, Port *pPort, Request *pRequest)
 {
-    // whoever may answer decides what other sessions are told: only the session that the question went to
+    // whoever may answer decides what other sessions are told: with StrictRoles only the session that the
+    // question went to
     if (!pSession->pProg || (g_settings.bStrictRoles && !FeedsProgram(pSession)))
         return ReplyShort(pSession, pPort, STATUS_NO_RESPOND);
     const char *szHandle = RequestHeaderValue(pRequest, "ClientSsId");

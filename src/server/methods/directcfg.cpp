@@ -24,9 +24,9 @@ constexpr size_t kPieceBytes = 32768;    // of a long answer; a block of the out
 constexpr size_t kCredentialSize = 256;  // bytes of a name or password as it is read
 constexpr size_t kMemPrefix = 6;         // "inmem:" before the text
 constexpr char kCfgTemplate[] = "/tmp/orxXXXXXX.cfg";
+constexpr int kCfgSuffix = 4;          // ".cfg": the camera goes by it
 constexpr uint32_t kScanLookMs = 100;  // between two looks at a scan
 constexpr uint32_t kFreshMs = 10000;   // so young a list of networks is shown again where roles are strict
-constexpr int kCfgSuffix = 4;          // ".cfg": the camera goes by it
 
 // The server's configuration file as the profile store reads it from memory, with a NUL behind it.
 struct ConfigText {

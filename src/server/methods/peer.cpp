@@ -1,11 +1,10 @@
 #include "server/methods/peer.h"
 
+#include "remote/bridgeaddr.h"
 #include "runtime/sockutil.h"
 #include "server/core/registry.h"
 
 namespace orx {
-
-constexpr uint32_t kLoopback = 127;  // the first byte of the addresses on the box itself
 
 int PeerMayAnnounce(const Port *pPort)
 {
@@ -16,8 +15,7 @@ int PeerMayAnnounce(const Port *pPort)
 
 int PeerIsOwnShell(const Port *pPort)
 {
-    return SockGetIp(&pPort->remote) >> 24 == kLoopback &&
-           !(pPort->nFlags & (PORT_RELAYED | PORT_HANDED_OVER));
+    return IsOwnBox(SockGetIp(&pPort->remote)) && !(pPort->nFlags & PORT_HANDED_OVER);
 }
 
 }  // namespace orx

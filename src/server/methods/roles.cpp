@@ -4,14 +4,12 @@
 #include "server/core/settings.h"
 #include "server/media/replies.h"
 #include "server/methods/admit.h"
-#include "server/methods/auth.h"
 #include "server/methods/credentials.h"
 #include "server/methods/peer.h"
 
 namespace orx {
 
-constexpr int kRecordLevel = 2;   // recording needs a user level below this
-constexpr int kNobodysLevel = 3;  // who showed no password
+constexpr int kRecordLevel = 2;  // recording needs a user level below this
 
 // Whether there is a program that somebody who was not admitted may not ask about. Where a password was asked
 // for and not shown, it is not told whether the program is there.
@@ -34,11 +32,10 @@ static int MayRecord(const Session *pSession, const Port *pPort)
 // *pVerdict of what was answered.
 static int ShowsPassword(Session *pSession, Port *pPort, Verdict *pVerdict)
 {
-    unsigned nScheme = g_settings.nAuthType == AUTH_NONE ? unsigned{AUTH_BASIC} : g_settings.nAuthType;
     AccountPlace place = PlaceOf(pSession->pProg);
     CredentialCheck check{pSession, pPort, &pPort->request, &place};
     CheckedUser user;
-    Credential eResult = CheckAuthorization(&check, nScheme, &user);
+    Credential eResult = CheckAuthorization(&check, CredentialScheme(), &user);
     if (eResult == CREDENTIAL_RIGHT)
         ViewerSet(pSession, &user);
     else if (eResult == CREDENTIAL_WAITS)

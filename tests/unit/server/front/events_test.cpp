@@ -1,9 +1,14 @@
 #include "server/front/events.h"
 
+#include <sys/resource.h>
+
+#include <atomic>
+#include <deque>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "runtime/sockutil.h"
 #include "server/core/settings.h"
 #include "support/testserver.h"
 
@@ -95,6 +100,42 @@ TEST_F(EventsTest, MediaPortsKnowTheirPeer)
         }
     }
     g_settings.bPinMedia = 0;
+}
+
+static int NoteSessions(Task *pTask, uint32_t, uint32_t, uint32_t)
+{
+    static_cast<std::atomic<unsigned> *>(TaskArgument(pTask))->store(ListCount(&g_server.sessions));
+    return -1;
+}
+
+// More connections than one turn takes, just after descriptors have come free: they do not wait for the retry.
+TEST_F(EventsTest, AcceptsTheRestSoon)
+{
+    Listener listener;
+    SockSetNonBlock(listener.sock.fd, 1);
+    auto tasks = [&] {
+        unsigned nTasks = 0;
+        server.Run([&] { nTasks = SchedulerTaskCount(&g_server.scheduler); });
+        return nTasks;
+    };
+    unsigned nTasks = tasks();
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    rlimit few{3, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &few);
+    OnMonitorEvent(nullptr, listener.sock.fd, MONITOR_ACCEPT, 0);
+    EXPECT_TRUE(WaitFor([&] { return tasks() == nTasks + 1; })) << "the retry";
+    setrlimit(RLIMIT_NOFILE, &before);
+    std::deque<Sock> clients;
+    while (clients.size() < 66)
+        clients.emplace_back(Connect(listener.nPort));
+    std::atomic<unsigned> nSessions{0};
+    server.Run([&] {
+        OnMonitorEvent(nullptr, listener.sock.fd, MONITOR_ACCEPT, 0);
+        TaskSchedule(&g_server.scheduler, NoteSessions, 700, 0, &nSessions);
+    });
+    EXPECT_TRUE(WaitFor([&] { return nSessions > 0; }));
+    EXPECT_EQ(67U, nSessions);
 }
 
 // Whatever is asked, and however often.
