@@ -156,15 +156,10 @@ static void EndOne(Session *pSession)
     pSession->peer.Cmd = pSession->peer.Reply = nullptr;
     for (SessionTrack &track : pSession->tracks)
         CloseTrackPorts(&track);
+    HeldJobForget(pSession);  // it may hold what the program has
     ProgramDetach(pSession);
-<<<<<<< HEAD
-    HeldJobForget(pSession);
-    g_server.nQueuedBytes -=
-        SessionMediaWaiting(pSession);  // is freed in a moment, and nobody need give for it
-=======
     // what waits is freed in a moment, and nobody need give for it
     g_server.nQueuedBytes -= SessionMediaWaiting(pSession);
->>>>>>> main
     pSession->out.queued.pTotal = nullptr;
     Retire(&pSession->retired, pSession, SessionFree);
 }

@@ -10,14 +10,14 @@ namespace orx {
 // Makes a file program for a recording ("/....zmf", any case), or returns null (another path, not allowed, no
 // such file, no usable description; with ConfineRecordings also a file that links lead to outside of
 // RecordPath).
-// Null with *pbMore 1: looking a long one through takes another step, call again.
-Program *CreateFileProgram(const char *szPath, int *pbMore);
+// Null with *pbMore 1: the disk is at it; the session's request is held, and this called again.
+Program *CreateFileProgram(Session *pSession, const char *szPath, int *pbMore);
 
 // The length of the recording in ms; 0 when it is not known, and for a live program.
 uint32_t FileProgramDuration(const Program *pProg);
 
-// Moves the reader to nMs. Returns 1 with the position reached in *pReached (ms), or 0 with the reader where
-// it was; -1 when it takes another step: call again with the same nMs.
-int FileProgramSeek(Program *pProg, uint32_t nMs, uint32_t *pReached);
+// Moves the reader of the session's recording to nMs. Returns 1 with the position reached in *pReached (ms),
+// or 0 with the reader where it was; -1: the request is held, and this called again.
+int FileProgramSeek(Session *pSession, uint32_t nMs, uint32_t *pReached);
 
 }  // namespace orx

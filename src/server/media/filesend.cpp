@@ -4,9 +4,9 @@
 #include "record/codec.h"
 #include "record/rtphelp.h"
 #include "record/zmfile.h"
-#include "record/zmfreader.h"
 #include "server/core/program.h"
 #include "server/core/settings.h"
+#include "server/media/filereader.h"
 #include "server/media/rtcp.h"
 #include "server/media/send.h"
 
@@ -77,6 +77,31 @@ static int SayBye(Session *pSession)
     return pSession->nState != STATE_FINISHED || !pSession->play.bFinalReport;
 }
 
+// Queues some records. Returns 0 when they are still being read.
+static int PackRecords(Session *pSession)
+{
+    for (int i = 0; i < kSamplesPerRefill && pSession->nState == STATE_PLAYING; i++) {
+        uint32_t nBytes = 0;
+        int bEnd = 0;
+        const uint8_t *pRecord = FileReaderNext(pSession->pProg->reader, &nBytes, &bEnd);
+        if (pRecord)
+            PackRecord(pSession, pRecord, nBytes);
+        else if (bEnd && i == 0)
+            EndFile(pSession);
+        else
+            return bEnd;
+    }
+    return 1;
+}
+
+static void SendingFailed(Session *pSession)
+{
+    const Port *pPort = SessionReplyPort(pSession);
+    print("Player Client(stocket=0x%x) is broken!\r\n", pPort ? pPort->fd : -1);
+    pSession->nFlags &= ~SESSION_FILE_SENDER;
+    SessionCloseReplyPort(pSession);
+}
+
 int FillBufferFromFile(Session *pSession)
 {
     Program *pProg = pSession->pProg;
@@ -85,19 +110,20 @@ int FillBufferFromFile(Session *pSession)
         return 0;
     // samples that the player does not take make no packets: go on until some do, but do not read a long
     // recording through at once
-    for (int n = 0; n < kEmptyRefills && ListCount(pQueue) == 0 && pSession->nState == STATE_PLAYING; n++) {
-        for (int i = 0; i < kSamplesPerRefill && pSession->nState == STATE_PLAYING; i++) {
-            int nBytes = 0;
-            const uint8_t *pRecord = ZMFReaderNextSample(pProg->reader, &nBytes);
-            if (pRecord)
-                PackRecord(pSession, pRecord, static_cast<uint32_t>(nBytes));
-            else if (i == 0)
-                EndFile(pSession);
-            else
-                break;
-        }
-    }
+    for (int n = 0; n < kEmptyRefills && ListCount(pQueue) == 0 && pSession->nState == STATE_PLAYING; n++)
+        if (!PackRecords(pSession))
+            break;
     return ListCount(pQueue) > 0;
+}
+
+void FileRecordsArrived(Program *pProg)
+{
+    Session *pNext;
+    for (Session *p = FirstPlayer(pProg); p; p = pNext) {
+        pNext = NextPlayer(p);
+        if (p->nState == STATE_PLAYING && !SendDataEx(p, nullptr, 1))
+            SendingFailed(p);
+    }
 }
 
 // One run of the sender. It ends with the connection, when the player pauses, and when the recording has
@@ -113,10 +139,7 @@ static int OnFileSend(Task *pTask, uint32_t, uint32_t, uint32_t)
         return -1;
     }
     if (!SendDataEx(pSession, nullptr, 1)) {
-        const Port *pPort = SessionReplyPort(pSession);
-        print("Player Client(stocket=0x%x) is broken!\r\n", pPort ? pPort->fd : -1);
-        pSession->nFlags &= ~SESSION_FILE_SENDER;
-        SessionCloseReplyPort(pSession);
+        SendingFailed(pSession);
         return -1;
     }
     if ((pSession->nFlags & SESSION_RTCP) && pSession->nState == STATE_PLAYING)

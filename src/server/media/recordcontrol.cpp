@@ -72,8 +72,8 @@ static uint32_t PreRecordSeconds(const Program *pProg, int nKind)
     return nAge < g_settings.nPreRecordLen ? nAge : g_settings.nPreRecordLen;
 }
 
-// Adds a recorder to the program, which feeds it from now on, and has its file opened. Returns the opening when
-// that is done already; else null with *peResult.
+// Adds a recorder to the program, which feeds it from now on, and has its file opened. Returns the opening
+// when that is done already; else null with *peResult.
 static HeldJob *Begin(Session *pSession, const RecordOrder *pOrder, RecordStart *peResult)
 {
     Program *pProg = pSession->pProg;

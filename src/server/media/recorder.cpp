@@ -59,22 +59,17 @@ static int IsSafeFileName(const char *szFile)
     return IsRecordingName(szFile) && !strstr(szFile, "../");
 }
 
-static const char *ProgramDirectory(const Opening *p)
-{
-    return p->szUri[0] == '/' ? p->szUri + 1 : p->szUri;
-}
-
 // The name of a recording, as far as it is known before its file is made.
 static void ChooseName(const Opening *p, char *szFile, size_t nSize)
 {
     TextBuf text{szFile, nSize};
     const RecordOrder *pOrder = &p->order;
-    if (!pOrder->bNamed && !g_settings.bConfineRecordings)
-        StorageNextPath(szFile, nSize, g_settings.szRecordPath, ProgramDirectory(p), pOrder->nKind);
-    else if (!pOrder->bNamed)
-        StorageNamePath(szFile, nSize, g_settings.szRecordPath, ProgramDirectory(p), pOrder->nKind);
-    else if (g_settings.bConfineRecordings && pOrder->szFile[0] && pOrder->szFile[0] != '/')
-        TextAdd(&text, "%s%s", g_settings.szRecordPath, pOrder->szFile);
+    const char *szRoot = g_settings.szRecordPath, *szName = PathName(p->szUri);
+    int bConfined = g_settings.bConfineRecordings;
+    if (!pOrder->bNamed)
+        (bConfined ? StorageNamePath : StorageNextPath)(szFile, nSize, szRoot, szName, pOrder->nKind);
+    else if (bConfined && pOrder->szFile[0] && pOrder->szFile[0] != '/')
+        TextAdd(&text, "%s%s", szRoot, pOrder->szFile);
     else
         TextAdd(&text, "%s", pOrder->szFile);
 }
@@ -83,7 +78,7 @@ static ZMFWriter *CreateWriter(const Opening *p, const char *szFile)
 {
     if (p->order.bNamed)
         return IsSafeFileName(szFile) ? ZMFWriterCreateFile(szFile, p->order.nKind, nullptr) : nullptr;
-    return ZMFWriterCreate(g_settings.szRecordPath, ProgramDirectory(p), p->order.nKind, nullptr);
+    return ZMFWriterCreate(g_settings.szRecordPath, PathName(p->szUri), p->order.nKind, nullptr);
 }
 
 // The same below the directory of recordings, whatever links and ".." make of the name.
@@ -227,8 +222,7 @@ static int RunPacket(DiskJob *pJob)
     free(p);
     if (nResult > 0)
         return 1;
-    print(nResult < 0 ? "ZMFWriterWriteSample() failed!\r\n"
-                      : "ZMFWriterWriteSample() auto stopped().\r\n");
+    print(nResult < 0 ? "ZMFWriterWriteSample() failed!\r\n" : "ZMFWriterWriteSample() auto stopped().\r\n");
     ZMFWriterFree(pRecorder->pWriter);
     pRecorder->pWriter = nullptr;
     pRecorder->bOver = 1;
@@ -326,7 +320,8 @@ Recorder *RecorderNew(const Program *pProg, const RecordOrder *pOrder, uint32_t 
     pRecorder->nKind = pOrder->nKind;
     p->pRecorder = pRecorder;
     p->nPreRecord = nPreRecord;
-    for (const DataBlock *pBlock = FindPreRecordStart(pProg, nPreRecord); pBlock; pBlock = NextBlock(pBlock)) {
+    for (const DataBlock *pBlock = FindPreRecordStart(pProg, nPreRecord); pBlock;
+         pBlock = NextBlock(pBlock)) {
         PacketJob *pPacket = NewPacket(pRecorder, pProg, pBlock);
         if (!pPacket)
             break;

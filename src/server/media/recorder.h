@@ -12,6 +12,8 @@
 
 namespace orx {
 
+struct ZMFWriter;
+
 // What is to be recorded, and where.
 struct RecordOrder {
     int nKind = RECORD_MANUAL;

@@ -97,8 +97,7 @@ static void AddPlayLines(Message *pReply, const Request *pRequest, int bSequence
     TextAdd(&pReply->text, "\r\n");
 }
 
-// Moves a recording to where the request wants it and writes the reply. Returns 0 when the search takes
-// another step.
+// Moves a recording to where the request wants it and writes the reply. Returns 0 while the disk searches.
 static int StartFile(Message *pReply, const Request *pRequest)
 {
     Session *pSession = pReply->pSession;
@@ -110,7 +109,7 @@ static int StartFile(Message *pReply, const Request *pRequest)
     uint32_t nPos = pSession->play.nPlayPos;
     int nSought = 0;
     if (range.nStart && static_cast<uint32_t>(std::abs(ClockDiff(range.nStart, nPos))) > kSeekTolerance)
-        nSought = FileProgramSeek(pProg, range.nStart, &nReached);
+        nSought = FileProgramSeek(pSession, range.nStart, &nReached);
     if (nSought < 0)
         return 0;
     if (nSought)
@@ -178,7 +177,7 @@ Verdict HandlePlay(Session *pSession, Port *pPort, Request *pRequest)
     if (bLive)
         pBefore = StartLive(&reply, pRequest);
     else if (!StartFile(&reply, pRequest))
-        return SessionNextStep(pSession);
+        return Verdict::Later;
     pSession->nState = STATE_PLAYING;
     if (MessageSendBefore(&reply, pBefore) == Verdict::End)
         return Verdict::End;
