@@ -1,5 +1,6 @@
 #include "runtime/diskthread.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 
@@ -8,7 +9,7 @@
 
 namespace orx {
 
-static constexpr uint32_t kLazyMs = 100;
+static constexpr uint32_t kLazyMs = 20;
 
 // The one of the process.
 struct DiskThread {
@@ -192,28 +193,26 @@ void DiskDetach()
     g_disk.pScheduler = nullptr;
 }
 
-// Waits until no job is left. Returns the bytes of those that are.
-static size_t AwaitQuiet(uint32_t nMostMs, size_t *pnJobs)
+size_t DiskAwait(uint32_t nMostMs)
 {
     timespec until = InMs(nMostMs);
     MutexGuard guard(&g_disk.mutex);
+    if (!g_disk.bRuns)
+        return 0;
     g_disk.bHurry = 1;
     pthread_cond_signal(&g_disk.work);
     while (g_disk.nJobs > 0 && pthread_cond_timedwait(&g_disk.quiet, &g_disk.mutex, &until) != ETIMEDOUT) {
     }
-    *pnJobs = g_disk.nJobs;
-    return g_disk.nBytes;
+    return g_disk.nJobs;
 }
 
 size_t DiskStop(uint32_t nMostMs)
 {
-    size_t nJobs = 0;
     if (!g_disk.thread.bCreated)
         return 0;
     DiskDetach();
-    size_t nBytes = AwaitQuiet(nMostMs, &nJobs);
-    if (nJobs > 0)
-        return nBytes ? nBytes : 1;
+    if (DiskAwait(nMostMs) > 0)
+        return std::max(DiskBytesWaiting(), size_t{1});
     ThreadExit(&g_disk.thread);
     {
         MutexGuard guard(&g_disk.mutex);

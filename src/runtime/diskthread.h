@@ -41,17 +41,21 @@ int DiskStart(Scheduler *pScheduler);
 // Gives a job to the thread; the lane's memory and the job's are the thread's until the job is done. Any
 // thread; all jobs of a lane come from one.
 void DiskPost(DiskLane *pLane, DiskJob *pJob);
-// The same for work that may wait a little (100 ms), so that a stream of it wakes the thread seldom.
+// The same for work that may wait a little (20 ms), so that a stream of it wakes the thread seldom.
 void DiskPostLazy(DiskLane *pLane, DiskJob *pJob);
 
 // The memory that all jobs hold which are not done. Any thread.
 size_t DiskBytesWaiting();
 
+// Waits until all jobs are done, at most nMostMs. Returns how many are not. Not on the threads of disk and
+// scheduler.
+size_t DiskAwait(uint32_t nMostMs);
+
 // The scheduler is about to end: what is done waits for DiskStop. Main thread, as the next.
 void DiskDetach();
-// Waits until all jobs are done, at most nMostMs, ends the thread and calls each pfnDone that is left.
-// Returns the bytes of the jobs that are not done; when there are any, or the disk still stalls, the thread
-// is left to itself, with what it holds: the process is about to end.
+// DiskAwait; then ends the thread and calls each pfnDone that is left. Returns the bytes of the jobs that are
+// not done; when there are any, or the disk still stalls, the thread is left to itself, with what it holds:
+// the process is about to end.
 size_t DiskStop(uint32_t nMostMs);
 
 }  // namespace orx

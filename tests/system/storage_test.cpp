@@ -227,7 +227,11 @@ TEST_F(PowerCutTest, KeepsWhatWasWritten)
         Camera camera({Coding::H264, Coding::G711});
         ASSERT_EQ(1, camera.Open(Url("cam")));
         ASSERT_EQ("200 OK", camera.Record("EventType=1"));
-        camera.Send(1 + static_cast<int>(random() % 100));
+        camera.Send(100 + static_cast<int>(random() % 100));
+        auto isWorth = [&](const std::string &name) {
+            return name.ends_with(".tm!") && ReadFile(File(name)).size() >= kWorth;
+        };
+        EXPECT_TRUE(WaitFor([&] { return std::ranges::any_of(FilesBelow(root), isWorth); }));
         camera.Send(1 + static_cast<int>(random() % 5), false);  // they may be on their way
         server.Kill();
         std::map<std::string, std::string> expected, found;
