@@ -72,19 +72,30 @@ static int OpenBelow(RecordFile *pFile, const char *szDir, const char *szName)
     return TextAdd(&path, "%s/%s", szDir, szFree) && SetName(pFile, szPath);
 }
 
+static int NeverLoses(const RecordFile *pFile)
+{
+    return pFile->pRules && pFile->pRules->bNeverLose;
+}
+
+// Goes wherever the path leads.
+static int OpenAnywhere(RecordFile *pFile, const char *szFile)
+{
+    char szFree[kStoragePathSize];
+    char szOpen[kStoragePathSize];
+    return TextCopy(szFree, sizeof(szFree), szFile) &&
+           StorageFreePath(szFree, sizeof(szFree), NeverLoses(pFile)) && SetName(pFile, szFree) &&
+           OpenName(pFile, szOpen, sizeof(szOpen)) && FileOutOpen(&pFile->out, szOpen);
+}
+
 int RecordFileOpen(RecordFile *pFile, const char *szFile)
 {
-    char szOpen[kStoragePathSize];
     char szDir[kStoragePathSize];
     int bDir = StorageDirOf(szDir, sizeof(szDir), szFile);
-    if (pFile->szBelow) {
-        if (!bDir || !OpenBelow(pFile, szDir, strrchr(szFile, '/') + 1))
-            return 0;
-    } else if (!SetName(pFile, szFile) || !OpenName(pFile, szOpen, sizeof(szOpen)) ||
-               !FileOutOpen(&pFile->out, szOpen)) {
+    if (!pFile->szBelow ? !OpenAnywhere(pFile, szFile)
+                        : !bDir || !OpenBelow(pFile, szDir, strrchr(szFile, '/') + 1))
         return 0;
-    }
-    StorageHold(&pFile->open, szDir);
+    const char *pSlash = strrchr(pFile->szFile, '/');
+    StorageHold(&pFile->open, szDir, pSlash ? pSlash + 1 : pFile->szFile);
     return 1;
 }
 
@@ -256,13 +267,13 @@ static void Complete(RecordFile *pFile)
 
 static void TakeFinalName(RecordFile *pFile, const char *szOpen)
 {
-    if (!pFile->szBelow) {
+    if (!pFile->szBelow && !NeverLoses(pFile)) {
         rename(szOpen, pFile->szFile);
         return;
     }
     char szFree[kStoragePathSize];
     const char *szName = InDir(pFile, pFile->szFile);
-    if (!ConfineRename(pFile->fdDir, InDir(pFile, szOpen), szName, szFree, sizeof(szFree)) ||
+    if (!ConfineRename(DirOfFile(pFile), InDir(pFile, szOpen), szName, szFree, sizeof(szFree)) ||
         strcmp(szFree, szName) == 0)
         return;
     char szPath[kStoragePathSize];

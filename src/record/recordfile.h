@@ -9,6 +9,7 @@
 #include <ctime>
 
 #include "record/fileout.h"
+#include "record/rules.h"
 #include "record/storage.h"
 #include "record/zmfile.h"
 
@@ -18,7 +19,8 @@ struct RecordFile {
     char *szBelow = nullptr;  // root that no file of it leaves, and none replaces another; owned, null: none
     char *szFile = nullptr;   // path without ".tm!", owned; kept after the close
     int fdDir = -1;           // directory that it lies in, owned; with szBelow only
-    OpenRecording open;       // keeps the clean-up away from the file's directory
+    const RecordRules *pRules = nullptr;  // of the recording, not owned; null: those of RecordRules
+    OpenRecording open;  // keeps the clean-up away from the file's directory, and others from its name
     FileOut out;
     ZMFileHeader head;            // its counters are filled in when the file is completed
     char *pszSdp = nullptr;       // owned, head.nSdpSize bytes, NUL-padded, and a NUL
@@ -36,7 +38,8 @@ struct RecordFile {
     ZMFIndexEntry index[DEF_IDX_COUNT];
 };
 
-// Makes szFile, under its name with ".tm!" behind it; with szBelow under the next free name. Returns 1 or 0.
+// Makes szFile, under its name with ".tm!" behind it; under the next free name where another recording has
+// it or, with szBelow or where nothing is to be lost, where a file has it. Returns 1 or 0.
 int RecordFileOpen(RecordFile *pFile, const char *szFile);
 int RecordFileIsOpen(const RecordFile *pFile);
 

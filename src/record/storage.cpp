@@ -12,6 +12,7 @@
 
 #include "base/assertion.h"
 #include "base/console.h"
+#include "base/fdguard.h"
 #include "base/printable.h"
 #include "base/textbuf.h"
 #include "record/confine.h"
@@ -24,8 +25,10 @@ constexpr char kExtension[] = ".zmf";
 constexpr int kOldDaysMaxAge = 1000000;  // days, far beyond the years of the calendar's four digits
 constexpr int kMaxDepth = 16;  // of directories below the root: a bound, far beyond what is made here
 
-static int64_t g_nTimeOffset;             // tests only
-static OpenRecording *g_pOpenRecordings;  // scheduler thread
+static int64_t g_nTimeOffset;    // these three are for tests only
+static int64_t g_nSteadyOffset;  // ms
+static time_t g_tHold;
+static OpenRecording *g_pOpenRecordings;  // the thread that records
 
 namespace {
 
@@ -58,12 +61,30 @@ struct DirReader {
 
 time_t RecordTime()
 {
-    return time(nullptr) + static_cast<time_t>(g_nTimeOffset);
+    return g_tHold ? g_tHold : time(nullptr) + static_cast<time_t>(g_nTimeOffset);
 }
 
 void RecordTimeSetOffset(int64_t nSeconds)
 {
     g_nTimeOffset = nSeconds;
+    g_tHold = 0;
+}
+
+void RecordTimeHold(time_t tWhen)
+{
+    g_tHold = tWhen;
+}
+
+int64_t RecordSteadyMs()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000 + g_nSteadyOffset;
+}
+
+void RecordSteadySetOffset(int64_t nMs)
+{
+    g_nSteadyOffset = nMs;
 }
 
 static tm LocalTime(time_t tWhen)
@@ -92,23 +113,37 @@ static int IsDayName(const char *szName)
     return strlen(szName) == kDayNameLen && (szName[0] == '1' || szName[0] == '2');
 }
 
-// Whether this process is writing a file in the directory.
+// Whether this process is writing a file in the directory or below it. A program may have its recordings
+// below another one's day, so its directory alone tells too little.
 static int IsHeld(const char *szDir)
 {
-    struct stat info {};
-    if (stat(szDir, &info) != 0)
-        return 0;
-    for (const OpenRecording *p = g_pOpenRecordings; p; p = p->pNext)
-        if (p->nDevice == info.st_dev && p->nDirectory == info.st_ino)
+    FdGuard dir{open(szDir, O_PATH | O_DIRECTORY | O_CLOEXEC)};
+    for (const OpenRecording *p = g_pOpenRecordings; dir.fd >= 0 && p; p = p->pNext)
+        if (ConfineIsBelow(dir.fd, p->fdDir))
             return 1;
     return 0;
 }
 
-void StorageHold(OpenRecording *pOpen, const char *szDir)
+// Whether a recording in progress has the name in this very directory; null: any name.
+static int IsDirectoryHeld(const struct stat *pDir, const char *szName)
+{
+    for (const OpenRecording *p = g_pOpenRecordings; p; p = p->pNext)
+        if (p->nDevice == pDir->st_dev && p->nDirectory == pDir->st_ino &&
+            (!szName || strcmp(p->szName, szName) == 0))
+            return 1;
+    return 0;
+}
+
+void StorageHold(OpenRecording *pOpen, const char *szDir, const char *szName)
 {
     struct stat info {};
-    if (pOpen->bHeld || stat(*szDir ? szDir : ".", &info) != 0)
+    if (pOpen->bHeld)
         return;
+    FdGuard dir{open(*szDir ? szDir : ".", O_PATH | O_DIRECTORY | O_CLOEXEC)};
+    if (dir.fd < 0 || fstat(dir.fd, &info) != 0)
+        return;
+    TextCopy(pOpen->szName, sizeof(pOpen->szName), szName);
+    pOpen->fdDir = dir.Release();
     pOpen->nDevice = info.st_dev;
     pOpen->nDirectory = info.st_ino;
     pOpen->bHeld = 1;
@@ -124,6 +159,7 @@ void StorageRelease(OpenRecording *pOpen)
             break;
         }
     }
+    FdGuard dir{pOpen->fdDir};
     *pOpen = OpenRecording{};
 }
 
@@ -218,14 +254,45 @@ int StorageNamePath(char *szPath, size_t nSize, const char *szRoot, const char *
     return 1;
 }
 
-int StorageNextPath(char *szPath, size_t nSize, const char *szRoot, const char *szProgram, int nKind)
+static int IsThere(const char *szPath, const char *szSuffix)
+{
+    char szFile[kStoragePathSize];
+    TextBuf path{szFile, sizeof(szFile)};
+    struct stat info {};
+    return TextAdd(&path, "%s%s", szPath, szSuffix) && lstat(szFile, &info) == 0;
+}
+
+int StorageFreePath(char *szPath, size_t nSize, int bKeep)
+{
+    char szDir[kStoragePathSize];
+    char szFree[kStoragePathSize];
+    struct stat dir {};
+    if (!StorageDirOf(szDir, sizeof(szDir), szPath))
+        TextCopy(szDir, sizeof(szDir), ".");
+    if (stat(szDir, &dir) != 0)  // nothing in it has a name
+        return 1;
+    for (unsigned i = 0; i <= kMaxVariants && ConfineVariant(szFree, sizeof(szFree), szPath, i); i++) {
+        const char *pSlash = strrchr(szFree, '/');
+        if (IsDirectoryHeld(&dir, pSlash ? pSlash + 1 : szFree))
+            continue;
+        if (!bKeep || (!IsThere(szFree, "") && !IsThere(szFree, kOpenSuffix)))
+            return TextCopy(szPath, nSize, szFree);
+    }
+    return 0;
+}
+
+int StorageNextPath(char *szPath, size_t nSize, const char *szRoot, const char *szProgram, int nKind,
+                    int bKeep)
 {
     char szDir[kStoragePathSize];
     if (!StorageNamePath(szPath, nSize, szRoot, szProgram, nKind))
         return 0;
     if (szRoot && *szRoot && szProgram && *szProgram && StorageDirOf(szDir, sizeof(szDir), szPath))
         StorageMakeDir(szDir);
-    unlink(szPath);
+    if (!StorageFreePath(szPath, nSize, bKeep))
+        return 0;
+    if (!bKeep)
+        unlink(szPath);
     return 1;
 }
 
@@ -381,7 +448,8 @@ static void Settle(const char *szFile, int64_t nBytes, int bKeep)
 static void RecoverBelow(const char *szDir, int nDepth, int bKeep)
 {
     DirReader dir(szDir);
-    if (!dir.pDir || IsHeld(szDir))
+    struct stat self {};
+    if (!dir.pDir || fstat(dirfd(dir.pDir), &self) != 0 || IsDirectoryHeld(&self, nullptr))
         return;
     char szPath[kStoragePathSize];
     struct stat info {};

@@ -1,7 +1,7 @@
 // Where recordings lie: names and directories, free space, deletion of the oldest, and what an interrupted
 // run left behind. The tree is <root><program>/<YYYYMMDD>/<letter><hhmmss>.zmf, one letter per kind of
-// recording. Directories that hold a file which this process is writing are neither renamed nor removed,
-// whatever else is in them. Scheduler thread only, StorageRecover at start-up.
+// recording. Directories that hold a file which this process is writing, at any depth, are neither renamed
+// nor removed, whatever else is in them. Scheduler thread only, StorageRecover at start-up.
 #pragma once
 
 #include <cstddef>
@@ -19,6 +19,12 @@ constexpr int kOldDaysSpan = 7;              // a week's days are caught up on b
 // on.
 time_t RecordTime();
 void RecordTimeSetOffset(int64_t nSeconds);
+void RecordTimeHold(time_t tWhen);  // it stands there, until an offset is set
+
+// Milliseconds of a clock that nobody sets: lengths of recordings and files are counted by it. For tests: it
+// runs nMs ahead.
+int64_t RecordSteadyMs();
+void RecordSteadySetOffset(int64_t nMs);
 
 // Whether the file system that holds szPath has nMB megabytes available to ordinary users: 1 or 0, and -1
 // when that cannot be told (printed). Callers ask for 0 only, so that a query which fails never stops a
@@ -30,13 +36,19 @@ int IsEnoughFreeDiskSpace(const char *szPath, uint32_t nMB);
 int StorageIsInside(const char *szName);
 
 // Makes the path of the next recording: szRoot (ending in '/') + program + day + name, directories made as
-// needed, a file of that name removed. Without szRoot or szProgram the name alone is appended to the text
+// needed, under the next second that no recording in progress has; a finished file of that name is removed
+// or, with bKeep, passed over as well. Without szRoot or szProgram the name alone is appended to the text
 // that szPath holds. Returns 1, or 0 for a kind other than 1..3, a program name that would leave the root, or
 // a path longer than nSize.
-int StorageNextPath(char *szPath, size_t nSize, const char *szRoot, const char *szProgram, int nKind);
+int StorageNextPath(char *szPath, size_t nSize, const char *szRoot, const char *szProgram, int nKind,
+                    int bKeep = 0);
 
 // The path alone: nothing is made and nothing removed.
 int StorageNamePath(char *szPath, size_t nSize, const char *szRoot, const char *szProgram, int nKind);
+
+// Changes the name in a path to the first variant (see confine.h) that no recording in progress has and, with
+// bKeep, that no file has. Returns 1, or 0 when none is free or fits.
+int StorageFreePath(char *szPath, size_t nSize, int bKeep);
 
 // The path of a program in the one form that the disk knows it by: no slash at its ends, and one between its
 // parts. Returns 1, or 0 when it is too long.
@@ -77,12 +89,15 @@ void StorageDeleteOldDays(const char *szRoot, const char *szProgram, int nFirstA
 // A file that this process is writing; the writer embeds it.
 struct OpenRecording {
     OpenRecording *pNext = nullptr;
-    uint64_t nDevice = 0;  // and inode of the directory that holds the file
+    int fdDir = -1;        // the directory that holds the file, owned
+    uint64_t nDevice = 0;  // and inode of that directory
     uint64_t nDirectory = 0;
+    char szName[256] = "";  // that the file will have
     int bHeld = 0;
 };
-// From hold to release the directory szDir is neither renamed nor removed.
-void StorageHold(OpenRecording *pOpen, const char *szDir);
+// From hold to release neither the directory szDir nor one above it is renamed or removed, and no other
+// recording takes the name.
+void StorageHold(OpenRecording *pOpen, const char *szDir, const char *szName = "");
 void StorageRelease(OpenRecording *pOpen);
 
 }  // namespace orx

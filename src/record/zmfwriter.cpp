@@ -28,13 +28,16 @@ static int TakeSample(void *pContext, const uint8_t *pData, uint32_t nBytes, uin
     return ZMFWriterWriteSample(static_cast<ZMFWriter *>(pContext), pData, nBytes, nTimeMs, nType);
 }
 
-static ZMFWriter *NewWriter(int nKind, const char *szLabel)
+static ZMFWriter *NewWriter(int nKind, const char *szLabel, const RecordRules *pRules)
 {
     if (nKind < RECORD_SCHEDULED || nKind > RECORD_MANUAL)
         return nullptr;
     auto *pWriter = new (std::nothrow) ZMFWriter;
     if (!pWriter)
         return nullptr;
+    if (pRules)
+        pWriter->rules = *pRules;
+    pWriter->file.pRules = &pWriter->rules;
     pWriter->file.head.nRecordKind = static_cast<uint16_t>(nKind);
     ZMFWriterSetLabel(pWriter, szLabel);
     pWriter->video.pfnSample = pWriter->audio.pfnSample = TakeSample;
@@ -64,16 +67,17 @@ static int NextPath(const ZMFWriter *pWriter, char *szPath, size_t nSize)
     if (!pWriter->szRoot)
         return RecordFileNextPath(&pWriter->file, szPath, nSize);
     if (!pWriter->file.szBelow)
-        return StorageNextPath(szPath, nSize, pWriter->szRoot, pWriter->szProgram, nKind);
+        return StorageNextPath(szPath, nSize, pWriter->szRoot, pWriter->szProgram, nKind,
+                               pWriter->rules.bNeverLose);
     return StorageNamePath(szPath, nSize, pWriter->szRoot, pWriter->szProgram, nKind) &&
            MakeDirBelow(pWriter, szPath);
 }
 
 ZMFWriter *ZMFWriterCreate(const char *szRoot, const char *szProgram, int nKind, const char *szLabel,
-                           int bConfined)
+                           int bConfined, const RecordRules *pRules)
 {
     char szPath[kStoragePathSize] = "";
-    ZMFWriter *pWriter = szRoot && szProgram ? NewWriter(nKind, szLabel) : nullptr;
+    ZMFWriter *pWriter = szRoot && szProgram ? NewWriter(nKind, szLabel, pRules) : nullptr;
     if (!pWriter)
         return nullptr;
     pWriter->szRoot = strdup(szRoot);
@@ -85,9 +89,10 @@ ZMFWriter *ZMFWriterCreate(const char *szRoot, const char *szProgram, int nKind,
     return nullptr;
 }
 
-ZMFWriter *ZMFWriterCreateFile(const char *szFile, int nKind, const char *szLabel, const char *szBelow)
+ZMFWriter *ZMFWriterCreateFile(const char *szFile, int nKind, const char *szLabel, const char *szBelow,
+                               const RecordRules *pRules)
 {
-    ZMFWriter *pWriter = NewWriter(nKind, szLabel);
+    ZMFWriter *pWriter = NewWriter(nKind, szLabel, pRules);
     if (pWriter && Confine(pWriter, szBelow) && RecordFileOpen(&pWriter->file, szFile))
         return pWriter;
     ZMFWriterFree(pWriter);

@@ -21,6 +21,7 @@ constexpr uint32_t kAudioBlockBytes = 32768;  // audio payload that one record h
 struct ZMFWriter {
     char *szRoot = nullptr;     // root of the recordings, owned; null when the file was named by the client
     char *szProgram = nullptr;  // directory below it, owned; null with szRoot
+    RecordRules rules;          // set by the caller, before the first packet at the latest
     RecordFile file;            // the current one; closed between two, and after the end
 
     uint32_t nTimeBase = 0;       // time that is 0 in the file
@@ -48,11 +49,12 @@ struct ZMFWriter {
 // A writer with its first file open, in the date layout below szRoot (ending in '/') or with a name given.
 // nKind is a RECORD_... value, szLabel may be null. Null when the kind is none, the file cannot be made, or
 // without memory. Confined, or with szBelow, all its files lie below szRoot or szBelow, wherever links lead,
-// and where a name is taken they get the next free one.
+// and where a name is taken they get the next free one, as they do with pRules that lose nothing and wherever
+// another recording has it. pRules may be null.
 ZMFWriter *ZMFWriterCreate(const char *szRoot, const char *szProgram, int nKind, const char *szLabel,
-                           int bConfined = 0);
+                           int bConfined = 0, const RecordRules *pRules = nullptr);
 ZMFWriter *ZMFWriterCreateFile(const char *szFile, int nKind, const char *szLabel,
-                               const char *szBelow = nullptr);
+                               const char *szBelow = nullptr, const RecordRules *pRules = nullptr);
 
 // Stops the recording and frees the writer; accepts null. The file of a writer that never got an SDP is
 // removed.

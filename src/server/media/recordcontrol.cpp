@@ -104,13 +104,16 @@ static void ChooseName(const Program *pProg, const RecordOrder *pOrder, char *sz
 {
     TextBuf text{szFile, nSize};
     if (!pOrder->bNamed && !g_settings.bConfineRecordings)
-        StorageNextPath(szFile, nSize, g_settings.szRecordPath, ProgramDirectory(pProg), pOrder->nKind);
+        StorageNextPath(szFile, nSize, g_settings.szRecordPath, ProgramDirectory(pProg), pOrder->nKind,
+                        g_settings.bNeverLose);
     else if (!pOrder->bNamed)
         StorageNamePath(szFile, nSize, g_settings.szRecordPath, ProgramDirectory(pProg), pOrder->nKind);
     else if (g_settings.bConfineRecordings && pOrder->szFile[0] && pOrder->szFile[0] != '/')
         TextAdd(&text, "%s%s", g_settings.szRecordPath, pOrder->szFile);
     else
         TextAdd(&text, "%s", pOrder->szFile);
+    if (pOrder->bNamed && !g_settings.bConfineRecordings)
+        StorageFreePath(szFile, nSize, g_settings.bNeverLose);
 }
 
 static ZMFWriter *CreateWriter(const Program *pProg, const RecordOrder *pOrder, const char *szFile)
