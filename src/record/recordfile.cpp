@@ -241,6 +241,7 @@ int RecordFileWriteRecord(RecordFile *pFile, const uint8_t *pData, uint32_t nByt
     if (!FileOutWrite(&pFile->out, bytes, sizeof(bytes), pData, nBytes))
         return -1;
     FileOutCommit(&pFile->out);
+    StorageCountRecorded(head.nLength);
     pFile->uSampleCount++;
     return 1;
 }

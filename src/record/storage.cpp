@@ -1,6 +1,5 @@
 #include "record/storage.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -10,12 +9,12 @@
 #include <cstdio>
 #include <cstring>
 
-#include "base/assertion.h"
 #include "base/console.h"
 #include "base/fdguard.h"
 #include "base/printable.h"
 #include "base/textbuf.h"
 #include "record/confine.h"
+#include "record/daywalk.h"
 #include "record/zmfile.h"
 
 namespace orx {
@@ -23,41 +22,12 @@ namespace orx {
 constexpr size_t kDayNameLen = 8;  // YYYYMMDD
 constexpr char kExtension[] = ".zmf";
 constexpr int kOldDaysMaxAge = 1000000;  // days, far beyond the years of the calendar's four digits
-constexpr int kMaxDepth = 16;  // of directories below the root: a bound, far beyond what is made here
 
 static int64_t g_nTimeOffset;    // these three are for tests only
 static int64_t g_nSteadyOffset;  // ms
 static time_t g_tHold;
+static uint64_t g_nRecorded;              // bytes, the thread that records
 static OpenRecording *g_pOpenRecordings;  // the thread that records
-
-namespace {
-
-// A directory while it is read; closed on every way out.
-struct DirReader {
-    DIR *pDir;
-    explicit DirReader(const char *szDir) : pDir(opendir(szDir)) {}
-    ~DirReader()
-    {
-        if (pDir)
-            closedir(pDir);
-    }
-    DirReader &operator=(DirReader &&) = delete;  // neither copied nor moved
-
-    // The next entry but "." and "..", with what lstat says of it; null at the end.
-    const char *Next(struct stat *pStat)
-    {
-        while (const dirent *pEntry = pDir ? readdir(pDir) : nullptr) {  // NOLINT(concurrency-mt-unsafe)
-            const char *szName = pEntry->d_name;
-            if (strcmp(szName, ".") == 0 || strcmp(szName, "..") == 0)
-                continue;
-            if (fstatat(dirfd(pDir), szName, pStat, AT_SYMLINK_NOFOLLOW) == 0)
-                return szName;
-        }
-        return nullptr;
-    }
-};
-
-}  // namespace
 
 time_t RecordTime()
 {
@@ -94,23 +64,11 @@ static tm LocalTime(time_t tWhen)
     return local;
 }
 
-static int JoinPath(char *szOut, size_t nSize, const char *szDir, const char *szName)
-{
-    TextBuf path{szOut, nSize};
-    size_t nDir = strlen(szDir);
-    return TextAdd(&path, "%s%s%s", szDir, nDir > 0 && szDir[nDir - 1] == '/' ? "" : "/", szName);
-}
-
 static int EndsWith(const char *szText, const char *szEnd)
 {
     size_t nText = strlen(szText);
     size_t nEnd = strlen(szEnd);
     return nText >= nEnd && strcmp(szText + nText - nEnd, szEnd) == 0;
-}
-
-static int IsDayName(const char *szName)
-{
-    return strlen(szName) == kDayNameLen && (szName[0] == '1' || szName[0] == '2');
 }
 
 // Whether this process is writing a file in the directory or below it. A program may have its recordings
@@ -149,6 +107,16 @@ void StorageHold(OpenRecording *pOpen, const char *szDir, const char *szName)
     pOpen->bHeld = 1;
     pOpen->pNext = g_pOpenRecordings;
     g_pOpenRecordings = pOpen;
+}
+
+uint64_t StorageRecordedBytes()
+{
+    return g_nRecorded;
+}
+
+void StorageCountRecorded(uint64_t nBytes)
+{
+    g_nRecorded += nBytes;
 }
 
 void StorageRelease(OpenRecording *pOpen)
@@ -296,82 +264,7 @@ int StorageNextPath(char *szPath, size_t nSize, const char *szRoot, const char *
     return 1;
 }
 
-int StorageFindOldestDay(char *szDay, size_t nSize, const char *szProgramDir, const char *szSkip)
-{
-    char szDir[kStoragePathSize];
-    if (!TextCopy(szDir, sizeof(szDir), szProgramDir))
-        return 0;
-    size_t nDir = strlen(szDir);
-    if (nDir > 1 && szDir[nDir - 1] == '/')
-        szDir[nDir - 1] = '\0';
-    struct stat info {};
-    if (stat(szDir, &info) != 0)
-        return 0;
-    DirReader dir(szDir);
-    if (!dir.pDir) {
-        print("opendir(%s) failed!\n", PrintableText(szDir).sz);
-        return 0;
-    }
-    char szOldest[kDayNameLen + 1] = "";
-    while (const char *szName = dir.Next(&info)) {
-        if (!S_ISDIR(info.st_mode) || !IsDayName(szName) || (szSkip && strcmp(szName, szSkip) == 0))
-            continue;
-        if (!*szOldest || strcmp(szName, szOldest) < 0)
-            TextCopy(szOldest, sizeof(szOldest), szName);
-    }
-    if (!*szOldest || !JoinPath(szDay, nSize, szDir, szOldest))
-        return 0;
-    print("The oldest path is %s.\n", PrintableText(szDay).sz);
-    return 1;
-}
-
-static int IsEarlier(const timespec &a, const timespec &b)
-{
-    return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_nsec < b.tv_nsec;
-}
-
-// The recording of the directory that was changed first, or 0 without one.
-static int FindOldestFile(char *szFile, size_t nSize, const char *szDir, int bOnlyScheduled)
-{
-    DirReader dir(szDir);
-    if (!dir.pDir) {
-        print("opendir(%s) failed!\n", PrintableText(szDir).sz);
-        return 0;
-    }
-    timespec oldest{};
-    int bFound = 0;
-    struct stat info {};
-    while (const char *szName = dir.Next(&info)) {
-        if (S_ISDIR(info.st_mode) || strlen(szName) <= 4 || !EndsWith(szName, kExtension))
-            continue;
-        if ((bOnlyScheduled && szName[0] != 'S') || (bFound && !IsEarlier(info.st_mtim, oldest)))
-            continue;
-        if (!JoinPath(szFile, nSize, szDir, szName))
-            continue;
-        oldest = info.st_mtim;
-        bFound = 1;
-    }
-    return bFound;
-}
-
-int StorageDeleteOldestFile(const char *szDir, int bOnlyScheduled)
-{
-    char szFile[kStoragePathSize] = "";
-    if (!FindOldestFile(szFile, sizeof(szFile), szDir, bOnlyScheduled)) {
-        rmdir(szDir);
-        return 0;
-    }
-    if (unlink(szFile) != 0) {
-        print("Remove the oldest file (%s) failed!\n", PrintableText(szFile).sz);
-        return 0;
-    }
-    print("The oldest file (%s) is removed.\n", PrintableText(szFile).sz);
-    rmdir(szDir);  // goes only when empty, and so never while a file in it is being written
-    return 1;
-}
-
-// Takes a day that holds nothing to delete out of the search. Returns 1 when it is gone under that name.
-static int SetDayAside(const char *szDay)
+int StorageSetDayAside(const char *szDay)
 {
     struct stat info {};
     if (lstat(szDay, &info) != 0)
@@ -379,56 +272,6 @@ static int SetDayAside(const char *szDay)
     char szBad[kStoragePathSize];
     TextBuf bad{szBad, sizeof(szBad)};
     return !IsHeld(szDay) && TextAdd(&bad, "%s.bad", szDay) && rename(szDay, szBad) == 0;
-}
-
-static int MakeRoomByDays(const char *szDir, uint32_t nMB)
-{
-    char szProgramDir[kStoragePathSize];
-    char szDay[kStoragePathSize];
-    char szSkip[kDayNameLen + 1] = "";
-    if (!StorageDirOf(szProgramDir, sizeof(szProgramDir), szDir) ||
-        !StorageFindOldestDay(szDay, sizeof(szDay), szProgramDir, nullptr))
-        return 0;
-    do {
-        if (StorageDeleteOldestFile(szDay, 0))
-            continue;
-        if (!SetDayAside(szDay)) {
-            if (*szSkip)
-                return 0;
-            TextCopy(szSkip, sizeof(szSkip), strrchr(szDay, '/') + 1);
-        }
-        if (!StorageFindOldestDay(szDay, sizeof(szDay), szProgramDir, *szSkip ? szSkip : nullptr))
-            return 0;
-    } while (IsEnoughFreeDiskSpace(szProgramDir, nMB) == 0);
-    return 1;
-}
-
-int StorageMakeRoom(const char *szDir, int bDateLayout, uint32_t nMB, int bDelete)
-{
-    ORX_ASSERT(nMB > 0, "nSpaceInMB > 0");
-    if (IsEnoughFreeDiskSpace(szDir, nMB) != 0)
-        return 1;
-    if (!bDelete)
-        return 0;
-    if (bDateLayout)
-        return MakeRoomByDays(szDir, nMB);
-    while (StorageDeleteOldestFile(szDir, 0))
-        if (IsEnoughFreeDiskSpace(szDir, nMB) != 0)
-            return 1;
-    return 0;
-}
-
-int CheckPathReserveSpace(const char *szRoot, const char *szSubPath, int bDateLayout, uint32_t nMB,
-                          int bDelete)
-{
-    char szDir[kStoragePathSize];
-    ORX_ASSERT(nMB > 0, "nSpaceInMB > 0");
-    if (!JoinPath(szDir, sizeof(szDir), szRoot, szSubPath))
-        return 0;
-    size_t nDir = strlen(szDir);
-    if (nDir > 1 && szDir[nDir - 1] == '/')
-        szDir[nDir - 1] = '\0';
-    return StorageMakeRoom(szDir, bDateLayout, nMB, bDelete);
 }
 
 // Gives one interrupted file its final name or deletes it.
@@ -456,7 +299,7 @@ static void RecoverBelow(const char *szDir, int nDepth, int bKeep)
     while (const char *szName = dir.Next(&info)) {
         if (!JoinPath(szPath, sizeof(szPath), szDir, szName))
             continue;
-        if (S_ISDIR(info.st_mode) && szName[0] != '.' && nDepth < kMaxDepth)
+        if (S_ISDIR(info.st_mode) && szName[0] != '.' && nDepth < kMaxDirDepth)
             RecoverBelow(szPath, nDepth + 1, bKeep);
         else if (S_ISREG(info.st_mode) && EndsWith(szName, kOpenSuffix))
             Settle(szPath, info.st_size, bKeep);
@@ -528,7 +371,7 @@ static void RemoveDaysBelow(const char *szDir, const OldDays *pDays, int nDepth)
     char szPath[kStoragePathSize];
     struct stat info {};
     while (const char *szName = dir.Next(&info)) {
-        if (!S_ISDIR(info.st_mode) || szName[0] == '.' || IsDayName(szName) || nDepth >= kMaxDepth)
+        if (!S_ISDIR(info.st_mode) || szName[0] == '.' || IsDayName(szName) || nDepth >= kMaxDirDepth)
             continue;
         if (JoinPath(szPath, sizeof(szPath), szDir, szName))
             RemoveDaysBelow(szPath, pDays, nDepth + 1);

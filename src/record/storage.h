@@ -1,7 +1,7 @@
-// Where recordings lie: names and directories, free space, deletion of the oldest, and what an interrupted
-// run left behind. The tree is <root><program>/<YYYYMMDD>/<letter><hhmmss>.zmf, one letter per kind of
-// recording. Directories that hold a file which this process is writing, at any depth, are neither renamed
-// nor removed, whatever else is in them. Scheduler thread only, StorageRecover at start-up.
+// Where recordings lie: names and directories, free space, and what an interrupted run left behind. The tree
+// is <root><program>/<YYYYMMDD>/<letter><hhmmss>.zmf, one letter per kind of recording. Directories that hold
+// a file which this process is writing, at any depth, are neither renamed nor removed, whatever else is in
+// them. Scheduler thread only, StorageRecover at start-up.
 #pragma once
 
 #include <cstddef>
@@ -61,21 +61,9 @@ int StorageMakeDir(const char *szPath);
 // path has no slash or szDir is too small; szDir is then empty.
 int StorageDirOf(char *szDir, size_t nSize, const char *szPath);
 
-// The oldest day below the directory of a program, szSkip (8 characters, or null) left out. Returns 1 with
-// its path, or 0 when there is none.
-int StorageFindOldestDay(char *szDay, size_t nSize, const char *szProgramDir, const char *szSkip);
-
-// Deletes the recording of the directory that was changed first; with bOnlyScheduled only names that begin
-// with 'S' count. A directory that this leaves empty goes, too. Returns 1 when a file was deleted, else 0.
-int StorageDeleteOldestFile(const char *szDir, int bOnlyScheduled);
-
-// Sees to it that nMB (>0) megabytes are free for a file in szDir, when bDelete by deleting the oldest
-// recordings: of szDir itself, or with bDateLayout of the program whose day szDir is. Returns 1, or 0 when
-// there is no room.
-int StorageMakeRoom(const char *szDir, int bDateLayout, uint32_t nMB, int bDelete);
-// The same for a directory given as root and sub-path.
-int CheckPathReserveSpace(const char *szRoot, const char *szSubPath, int bDateLayout, uint32_t nMB,
-                          int bDelete);
+// Takes a day that holds nothing to delete out of the search for the oldest, by another name, unless a file
+// in or below it is being written. Returns 1 when it is gone under that name.
+int StorageSetDayAside(const char *szDay);
 
 // Settles files that were being written when the process ended: those worth keeping get their final name, the
 // others are deleted. Nothing else below the root is touched; with bKeep a file that has such a name already
@@ -99,5 +87,9 @@ struct OpenRecording {
 // recording takes the name.
 void StorageHold(OpenRecording *pOpen, const char *szDir, const char *szName = "");
 void StorageRelease(OpenRecording *pOpen);
+
+// Bytes that this process has recorded in all. Whoever frees space takes them into account.
+uint64_t StorageRecordedBytes();
+void StorageCountRecorded(uint64_t nBytes);
 
 }  // namespace orx

@@ -13,6 +13,7 @@
 #include "base/textbuf.h"
 #include "record/confine.h"
 #include "record/sdpscan.h"
+#include "record/storageroom.h"
 #include "runtime/clock.h"
 
 namespace orx {

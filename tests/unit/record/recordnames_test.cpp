@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "record/storageroom.h"
 #include "unit/record/recordkit.h"
 
 namespace orx {

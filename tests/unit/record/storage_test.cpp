@@ -1,5 +1,7 @@
 #include "record/storage.h"
 
+#include <algorithm>
+#include <chrono>
 #include <climits>
 #include <ctime>
 #include <filesystem>
@@ -9,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "record/storageroom.h"
 #include "support/files.h"
 #include "support/output.h"
 
@@ -125,6 +128,83 @@ TEST_F(StorageDays, ReserveSpaceDeletesTheOldestFirst)
     EXPECT_EQ("0 20240101 20231231", reserve("cam/20240101/", 1, UINT32_MAX, 0));
     EXPECT_EQ("0 -20231231 -20240101", reserve("cam/20240101", 1, UINT32_MAX, 1));
     EXPECT_EQ("1 -20240101 20231231", reserve("cam/20240101", 0, UINT32_MAX, 1)) << "gone, so it cannot be asked";
+}
+
+// What goes is told step by step, by the names of the files.
+struct StorageRooms : StorageDays {
+    StorageRoom room;
+    RecordRules rules;
+
+    ~StorageRooms() override
+    {
+        StorageRoomFree(&room);
+        RecordSteadySetOffset(0);
+    }
+    // Files of equal content, each second older than the one before; bLinked: their bytes stay elsewhere.
+    void Fill(const std::string &day, int nFiles, bool bLinked = false)
+    {
+        for (int i = 0; i < nFiles; i++) {
+            const std::string path = root + day + "/" + std::to_string(i) + ".zmf";
+            Put(path);
+            WriteFile(path, std::string(8192, 'x'));
+            std::filesystem::last_write_time(path, std::filesystem::file_time_type{} - std::chrono::seconds(i));
+            std::filesystem::create_directories(root + "kept");
+            if (bLinked)
+                std::filesystem::create_hard_link(path, root + "kept/" + std::to_string(i));
+        }
+    }
+    std::string Make(const std::string &day, bool bOthers = false)
+    {
+        const std::string dayDir = root + day;
+        std::filesystem::create_directories(dayDir);
+        std::string told;
+        RoomResult eResult = RoomResult::None;
+        const std::string said = Printed([&] {
+            eResult =
+                StorageRoomBegin(&room, dayDir.c_str(), 1, UINT32_MAX, 1, &rules, bOthers ? root.c_str() : nullptr);
+            for (int nSteps = 0; eResult == RoomResult::More && nSteps < 1000; nSteps++)
+                eResult = StorageRoomStep(&room);
+        });
+        for (size_t n = 0, nEnd = 0; (n = said.find("file (" + root, n)) != std::string::npos; n = nEnd) {
+            nEnd = said.find(')', n);
+            told += said.substr(n + 6 + root.size(), nEnd - n - 6 - root.size()) + " ";
+        }
+        return told + (eResult == RoomResult::None ? "none" : "there");
+    }
+};
+
+TEST_F(StorageRooms, TakeTheOldestFirstAndThenOthers)
+{
+    Fill("cam/20240102", 2);
+    Fill("cam/20240101", 1);
+    Fill("a/b/20231231", 1);
+    Fill("other/20240103", 2);
+    Fill("12345678/20240102", 1);  // a program whose name looks like a day
+    EXPECT_EQ("cam/20240101/0.zmf cam/20240102/1.zmf cam/20240102/0.zmf none", Make("cam/20240305", true))
+        << "without the rule";
+    rules.bNeverLose = 1;
+    EXPECT_EQ("none", Make("new/20240305"));
+    EXPECT_EQ("a/b/20231231/0.zmf 12345678/20240102/0.zmf other/20240103/1.zmf other/20240103/0.zmf none",
+              Make("new/20240305", true));
+}
+
+// Ten that free nothing are enough for a minute; what was read of a directory is right when it has changed.
+TEST_F(StorageRooms, DeletionPausesWhereItHelpsNobody)
+{
+    rules.bNeverLose = 1;
+    Fill("cam/20240101", 15, true);
+    const std::string ten = Make("cam/20240305");
+    EXPECT_THAT(ten, testing::StartsWith("cam/20240101/14.zmf cam/20240101/13.zmf "));
+    EXPECT_EQ(10, std::count(ten.begin(), ten.end(), ' '));
+    EXPECT_EQ("none", Make("cam/20240305"));
+    RecordSteadySetOffset(59000);
+    EXPECT_EQ("none", Make("cam/20240305"));
+    RecordSteadySetOffset(61000);
+    std::filesystem::remove(root + "cam/20240101/4.zmf");
+    Put(root + "cam/20240101/new.zmf");
+    std::filesystem::last_write_time(root + "cam/20240101/new.zmf",
+                                     std::filesystem::file_time_type{} - std::chrono::seconds(99));
+    EXPECT_THAT(Make("cam/20240305"), testing::StartsWith("cam/20240101/new.zmf cam/20240101/3.zmf "));
 }
 
 }  // namespace orx
