@@ -15,6 +15,7 @@
 #include "base/textbuf.h"
 #include "record/confine.h"
 #include "record/daywalk.h"
+#include "record/recordwalk.h"
 #include "record/zmfile.h"
 
 namespace orx {
@@ -71,9 +72,8 @@ static int EndsWith(const char *szText, const char *szEnd)
     return nText >= nEnd && strcmp(szText + nText - nEnd, szEnd) == 0;
 }
 
-// Whether this process is writing a file in the directory or below it. A program may have its recordings
-// below another one's day, so its directory alone tells too little.
-static int IsHeld(const char *szDir)
+// A program may have its recordings below another one's day, so a directory alone tells too little.
+int StorageIsHeld(const char *szDir)
 {
     FdGuard dir{open(szDir, O_PATH | O_DIRECTORY | O_CLOEXEC)};
     for (const OpenRecording *p = g_pOpenRecordings; dir.fd >= 0 && p; p = p->pNext)
@@ -271,24 +271,27 @@ int StorageSetDayAside(const char *szDay)
         return 1;
     char szBad[kStoragePathSize];
     TextBuf bad{szBad, sizeof(szBad)};
-    return !IsHeld(szDay) && TextAdd(&bad, "%s.bad", szDay) && rename(szDay, szBad) == 0;
+    return !StorageIsHeld(szDay) && TextAdd(&bad, "%s.bad", szDay) && rename(szDay, szBad) == 0;
 }
 
 // Gives one interrupted file its final name or deletes it.
-static void Settle(const char *szFile, int64_t nBytes, int bKeep)
+static void Settle(const char *szFile, const struct stat *pInfo, int bKeep, PathList *pRepair)
 {
     char szFinal[kStoragePathSize];
     char szFree[kStoragePathSize];
     TextBuf path{szFinal, sizeof(szFinal)};
-    if (nBytes < kRecoverMinBytes || !TextAddBytes(&path, szFile, strlen(szFile) - strlen(kOpenSuffix)))
+    int64_t nLeast = pRepair ? kZmfHeadBytes : kRecoverMinBytes;
+    if (pInfo->st_size < nLeast || !TextAddBytes(&path, szFile, strlen(szFile) - strlen(kOpenSuffix))) {
         unlink(szFile);
-    else if (bKeep)
-        ConfineRename(AT_FDCWD, szFile, szFinal, szFree, sizeof(szFree));
-    else
-        rename(szFile, szFinal);
+        return;
+    }
+    int bNamed = bKeep ? ConfineRename(AT_FDCWD, szFile, szFinal, szFree, sizeof(szFree))
+                       : rename(szFile, szFinal) == 0;
+    if (pRepair)
+        PathListAdd(pRepair, !bNamed ? szFile : bKeep ? szFree : szFinal, pInfo);
 }
 
-static void RecoverBelow(const char *szDir, int nDepth, int bKeep)
+static void RecoverBelow(const char *szDir, int nDepth, int bKeep, PathList *pRepair)
 {
     DirReader dir(szDir);
     struct stat self {};
@@ -300,16 +303,44 @@ static void RecoverBelow(const char *szDir, int nDepth, int bKeep)
         if (!JoinPath(szPath, sizeof(szPath), szDir, szName))
             continue;
         if (S_ISDIR(info.st_mode) && szName[0] != '.' && nDepth < kMaxDirDepth)
-            RecoverBelow(szPath, nDepth + 1, bKeep);
+            RecoverBelow(szPath, nDepth + 1, bKeep, pRepair);
         else if (S_ISREG(info.st_mode) && EndsWith(szName, kOpenSuffix))
-            Settle(szPath, info.st_size, bKeep);
+            Settle(szPath, &info, bKeep, pRepair);
     }
 }
 
-void StorageRecover(const char *szRoot, int bKeep)
+void StorageRecover(const char *szRoot, int bKeep, PathList *pRepair)
 {
     if (szRoot && *szRoot)
-        RecoverBelow(szRoot, 0, bKeep);
+        RecoverBelow(szRoot, 0, bKeep, pRepair);
+}
+
+static int HasKeyFrame(int fd)
+{
+    uint8_t bytes[kZmfHeadBytes];
+    ZMFileHeader head;
+    struct stat info {};
+    if (fstat(fd, &info) != 0 || !ZMFileHeaderDecode(bytes, ReadAt(fd, 0, bytes, sizeof(bytes)), &head))
+        return 0;
+    RecordWalk walk;
+    ZMFRecordHead record;
+    walk.fd = fd;
+    walk.nFileBytes = static_cast<uint64_t>(info.st_size);
+    walk.nNext = ZMFileDataOffset(&head);
+    walk.nWork = kAllWork;
+    while (RecordWalkNext(&walk, &record) == 1)
+        if (IsKeyRecord(&record))
+            return 1;
+    return 0;
+}
+
+int StorageDropKeyless(const char *szFile)
+{
+    FdGuard file{open(szFile, O_RDONLY | O_NOFOLLOW | O_CLOEXEC)};
+    if (file.fd < 0 || HasKeyFrame(file.fd) || unlink(szFile) != 0)
+        return 0;
+    log("The interrupted file (%s) held no picture and is removed.", PrintableText(szFile).sz);
+    return 1;
 }
 
 // Removes a directory with everything in it, following no link.
@@ -358,7 +389,7 @@ static void RemoveDays(const char *szProgramDir, const OldDays *pDays)
         char szPath[kStoragePathSize];
         struct stat info {};
         if (*szDay && JoinPath(szPath, sizeof(szPath), szProgramDir, szDay) && lstat(szPath, &info) == 0 &&
-            S_ISDIR(info.st_mode) && !IsHeld(szPath))
+            S_ISDIR(info.st_mode) && !StorageIsHeld(szPath))
             RemoveTree(szPath);
     }
 }

@@ -10,9 +10,10 @@
 
 namespace orx {
 
+struct PathList;  // see daywalk.h
+
 constexpr size_t kStoragePathSize = 1024;    // room for any path that is built here
 constexpr int64_t kRecoverMinBytes = 65536;  // an interrupted file of fewer holds a picture or two at best
-constexpr uint32_t kReserveMegabytes = 30;   // kept free by every recording: two minutes at 2 Mbit/s
 constexpr int kOldDaysSpan = 7;              // a week's days are caught up on by one StorageDeleteOldDays
 
 // Wall-clock seconds as names and limits of recordings see them. For tests: it runs nSeconds ahead from now
@@ -67,8 +68,13 @@ int StorageSetDayAside(const char *szDay);
 
 // Settles files that were being written when the process ended: those worth keeping get their final name, the
 // others are deleted. Nothing else below the root is touched; with bKeep a file that has such a name already
-// stays, and the other gets the next free one.
-void StorageRecover(const char *szRoot, int bKeep = 0);
+// stays, and the other gets the next free one. Reads directories only. With pRepair, which receives the new
+// paths in any order, small files are kept as well, for StorageDropKeyless and the repair to look into.
+void StorageRecover(const char *szRoot, int bKeep = 0, PathList *pRepair = nullptr);
+
+// Deletes a recording without any key frame, of which nothing could be shown, and logs it. For files of fewer
+// than kRecoverMinBytes, as it may read all of them. Returns 1 when it is gone, else 0.
+int StorageDropKeyless(const char *szFile);
 
 // Deletes the days that are nFirstAge to nFirstAge + 7 days old, of one program or (null) of all below the
 // root.
@@ -87,6 +93,8 @@ struct OpenRecording {
 // recording takes the name.
 void StorageHold(OpenRecording *pOpen, const char *szDir, const char *szName = "");
 void StorageRelease(OpenRecording *pOpen);
+// Whether this process is writing a file in the directory or, at any depth, below it.
+int StorageIsHeld(const char *szDir);
 
 // Bytes that this process has recorded in all. Whoever frees space takes them into account.
 uint64_t StorageRecordedBytes();

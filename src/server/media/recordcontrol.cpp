@@ -152,7 +152,7 @@ static ZMFWriter *OpenWriter(const Program *pProg, const RecordOrder *pOrder, ui
         print("Create record file(%s) failed!\r\n", PrintableText(szFile).sz);
         return nullptr;
     }
-    if (ZMFWriterSetReserveMinSpace(pWriter, kReserveMegabytes, g_settings.bAutoDelOldFile))
+    if (ZMFWriterSetReserveMinSpace(pWriter, g_settings.nReserveMegabytes, g_settings.bAutoDelOldFile))
         return pWriter;
     print("NOT enough storage space to record!!!\n");
     ZMFWriterDiscard(pWriter);

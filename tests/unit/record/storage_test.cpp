@@ -11,9 +11,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "record/storagekeep.h"
 #include "record/storageroom.h"
 #include "support/files.h"
 #include "support/output.h"
+#include "unit/record/recordkit.h"
 
 namespace orx {
 
@@ -205,6 +207,72 @@ TEST_F(StorageRooms, DeletionPausesWhereItHelpsNobody)
     std::filesystem::last_write_time(root + "cam/20240101/new.zmf",
                                      std::filesystem::file_time_type{} - std::chrono::seconds(99));
     EXPECT_THAT(Make("cam/20240305"), testing::StartsWith("cam/20240101/new.zmf cam/20240101/3.zmf "));
+}
+
+// Days of more than 3 days of age go: those before 2 March. What only looks like a day is a program.
+TEST_F(StorageDays, KeptForSoManyDays)
+{
+    static const std::tuple<const char *, bool> cases[] = {
+        {"cam/20240301/M1.zmf", true},      {"cam/20231231/sub/M1.txt", true}, {"a/b/20240229/M1.zmf.tm!", true},
+        {"20200101/M1.zmf", true},          {"cam/20240302/M1.zmf", false},    {"12345678/20240305/M1.zmf", false},
+        {"12345678/20240101/M1.zmf", true}, {"10020304/M1.zmf", false},        {"cam/20240101.bad/M1.zmf", false},
+        {"cam/20240102/20240305/x", false}, {"cam/20250101/M1.zmf", false},    {".cam/20240101/M1.zmf", false},
+    };
+    for (const auto &c : cases)
+        Put(root + std::get<0>(c));
+    std::filesystem::create_symlink(dir.File("outside"), root + "program");
+    StorageKeep keep;
+    OpenRecording open;
+    StorageHold(&open, (root + "cam/20240102/20240305").c_str(), "x.zmf");
+    int nSteps = 0;
+    Printed([&] {
+        StorageKeepBegin(&keep, root.c_str(), 3);
+        while (StorageKeepStep(&keep) && nSteps < 200)
+            nSteps++;
+    });
+    EXPECT_LT(nSteps, 200);
+    StorageRelease(&open);
+    StorageKeepFree(&keep);
+    for (const auto &[szFile, bGoes] : cases)
+        EXPECT_EQ(!bGoes, std::filesystem::exists(root + szFile)) << szFile;
+    EXPECT_FALSE(std::filesystem::exists(root + "cam/20231231"));
+    EXPECT_TRUE(std::filesystem::exists(dir.File("outside/20240229/M1.zmf")));
+}
+
+// Names are settled at once; what has to be looked into is handed out.
+TEST_F(StorageDays, InterruptedFilesAreListed)
+{
+    ZMFWriter *p = ZMFWriterCreateFile((root + "key.zmf").c_str(), RECORD_MANUAL, nullptr);
+    EXPECT_EQ(nullptr, p) << "no such directory";
+    std::filesystem::create_directories(root + "cam");
+    for (const char *szName : {"cam/key.zmf", "cam/none.zmf"}) {
+        p = ZMFWriterCreateFile((root + szName).c_str(), RECORD_MANUAL, nullptr);
+        EXPECT_EQ(1, ZMFWriterSetSdp(p, kVideoSdp));
+        EXPECT_EQ(1, ZMFWriterWriteHead(p));
+        if (strstr(szName, "key"))
+            ZMFWriterWriteSample(p, Data("x"), 1, 0, SampleType('v', ZMF_KEY));
+        ZMFWriterTick(p);
+        std::filesystem::copy_file(root + szName + ".tm!", root + szName + ".2.tm!");
+        ZMFWriterFree(p);
+        std::filesystem::remove(root + szName);
+        std::filesystem::rename(root + szName + ".2.tm!", root + szName + ".tm!");
+    }
+    WriteFile(root + "cam/big.zmf", "is there");
+    WriteFile(root + "cam/big.zmf.tm!", std::string(kRecoverMinBytes, 'x'));
+    WriteFile(root + "cam/tiny.zmf.tm!", "x");
+    PathList repair;
+    StorageRecover(root.c_str(), 1, &repair);
+    PathListSortByName(&repair);
+    std::string told;
+    while (const PathItem *pItem = PathListNext(&repair)) {
+        EXPECT_TRUE(std::filesystem::exists(pItem->szPath));
+        told += pItem->szPath + root.size();
+        told += pItem->nBytes < kRecoverMinBytes && StorageDropKeyless(pItem->szPath) ? "- " : " ";
+    }
+    PathListFree(&repair);
+    EXPECT_EQ("cam/big-1.zmf cam/key.zmf cam/none.zmf- ", told);
+    EXPECT_FALSE(std::filesystem::exists(root + "cam/tiny.zmf.tm!"));
+    EXPECT_FALSE(std::filesystem::exists(root + "cam/none.zmf"));
 }
 
 }  // namespace orx
