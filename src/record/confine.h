@@ -1,6 +1,6 @@
 // Recordings that stay below their root and replace no file. Where a path leads is the kernel's answer: a
-// directory is opened, with the links and ".." in its path, and then looked up through its parents. Scheduler
-// thread only.
+// directory is opened, with the links and ".." in its path, and then looked up through its parents. One
+// thread at a time.
 #pragma once
 
 #include <cstddef>

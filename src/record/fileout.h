@@ -1,5 +1,5 @@
 // A file that is written from front to back through a small buffer, and whose start can be written over.
-// Scheduler thread only.
+// One thread at a time.
 #pragma once
 
 #include <cstddef>

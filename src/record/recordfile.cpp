@@ -205,7 +205,11 @@ static int HalveIndex(RecordFile *pFile)
         pFile->index[i] = pFile->index[2 * i];
     pFile->nCurIdxId = DEF_IDX_COUNT / 2;
     pFile->head.nIdxInterval = static_cast<uint16_t>(pFile->head.nIdxInterval * 2);
-    return RewriteHead(pFile, 0) && FileOutFlush(&pFile->out);
+    if (RewriteHead(pFile, 0) && FileOutFlush(&pFile->out))
+        return 1;
+    pFile->out.bFailed =
+        pFile->out.bFailed || NeverLoses(pFile);  // the file ends here, the recording goes on
+    return 0;
 }
 
 int RecordFileAddKeyFrame(RecordFile *pFile, uint32_t nTimeMs)

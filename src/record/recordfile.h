@@ -1,7 +1,7 @@
 // One file of a recording while it is written: header, key-frame index, SDP and application data, the
 // records, and at the end its completion and its final name. A recording of several files opens the same
-// record again for each, and description, application data and label go on into the next. Scheduler thread
-// only.
+// record again for each, and description, application data and label go on into the next. The thread that
+// records only.
 #pragma once
 
 #include <cstddef>

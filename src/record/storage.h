@@ -1,7 +1,7 @@
 // Where recordings lie: names and directories, free space, and what an interrupted run left behind. The tree
 // is <root><program>/<YYYYMMDD>/<letter><hhmmss>.zmf, one letter per kind of recording. Directories that hold
 // a file which this process is writing, at any depth, are neither renamed nor removed, whatever else is in
-// them. Scheduler thread only, StorageRecover at start-up.
+// them. The thread that records only, StorageRecover at start-up.
 #pragma once
 
 #include <cstddef>

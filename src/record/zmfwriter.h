@@ -4,7 +4,7 @@
 //
 // Order of use: create, ZMFWriterSetReserveMinSpace, ZMFWriterSetLabel, ZMFWriterSetSdp, ZMFWriterSetLimits,
 // ZMFWriterWriteHead, then packets until a result below 1; ZMFWriterFree in every case. Times handed in are
-// milliseconds of a 32-bit clock that may wrap. Scheduler thread only.
+// milliseconds of a 32-bit clock that may wrap. One thread for all writers.
 #pragma once
 
 #include <cstddef>
