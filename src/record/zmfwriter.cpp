@@ -322,10 +322,21 @@ static int IsSpaceShort(const ZMFWriter *pWriter, uint32_t nMoreMB)
            IsEnoughFreeDiskSpace(szDir, pWriter->nSpaceInMB + nMoreMB) == 0;
 }
 
+// Ends the file that is open; one without a record is not worth its name.
+static void StopFile(ZMFWriter *pWriter)
+{
+    int bOpen = RecordFileIsOpen(&pWriter->file);
+    ZMFWriterStop(pWriter);
+    if (!bOpen || pWriter->file.uSampleCount > 0)
+        return;
+    RecordFileRemove(&pWriter->file);
+    pWriter->file.head.nFileSeq--;
+}
+
 // Says once what keeps the recording from going on.
 static void PauseForRoom(ZMFWriter *pWriter)
 {
-    ZMFWriterStop(pWriter);
+    StopFile(pWriter);
     pWriter->eState = WriterState::AwaitRoom;
     pWriter->nRoomRetryMs = RecordSteadyMs() + kRoomRetryMs;
     if (pWriter->bPaused)
@@ -341,7 +352,7 @@ static void EndFile(ZMFWriter *pWriter, const char *szWhy)
 {
     print("ZMFWriter(%s): %s, the next key frame begins a new file.\r\n",
           PrintableText(pWriter->file.szFile).sz, szWhy);
-    ZMFWriterStop(pWriter);
+    StopFile(pWriter);
     pWriter->eState = WriterState::AwaitKey;
 }
 
@@ -492,12 +503,6 @@ static int GoOn(ZMFWriter *pWriter)
         return 0;
     }
     pWriter->eState = WriterState::Running;
-    if (pWriter->bPaused) {
-        PrintableText file(pWriter->file.szFile);
-        print("ZMFWriter(%s): the recording goes on.\r\n", file.sz);
-        log("The recording goes on in %s.", file.sz);
-    }
-    pWriter->bPaused = 0;
     return 1;
 }
 
@@ -520,7 +525,11 @@ static int WriteAlways(ZMFWriter *pWriter, const uint8_t *pData, uint32_t nBytes
             return 1;
         if (nResult == 0 || !pWriter->file.out.bFailed)
             return nResult;
-        EndFile(pWriter, "the disk takes no more");
+        // where the first record fails already, there is no room, whatever the disk says of itself
+        if (pWriter->file.uSampleCount == 0)
+            PauseForRoom(pWriter);
+        else
+            EndFile(pWriter, "the disk takes no more");
     }
     return 1;
 }
@@ -575,6 +584,17 @@ static int LookAfterRoom(ZMFWriter *pWriter, uint32_t nMoreMB)
     return 0;
 }
 
+// Says that a pause is over, once something has come to the disk.
+static void NoteResumed(ZMFWriter *pWriter)
+{
+    if (!pWriter->bPaused || pWriter->file.uSampleCount == 0)
+        return;
+    pWriter->bPaused = 0;
+    PrintableText file(pWriter->file.szFile);
+    print("ZMFWriter(%s): the recording goes on.\r\n", file.sz);
+    log("The recording goes on in %s.", file.sz);
+}
+
 // The second of a file that is open.
 static void TickFile(ZMFWriter *pWriter)
 {
@@ -590,6 +610,7 @@ static void TickFile(ZMFWriter *pWriter)
         EndFile(pWriter, "the disk takes no more");
         return;
     }
+    NoteResumed(pWriter);
     if (nNowMs - pWriter->nSyncMs >= kSyncEveryMs) {
         RecordFileSync(&pWriter->file);
         pWriter->nSyncMs = nNowMs;
@@ -611,6 +632,8 @@ int ZMFWriterTick(ZMFWriter *pWriter)
     }
     if (pWriter->eState == WriterState::Running || IsLimitOver(pWriter))
         return 0;
+    if (pWriter->eState == WriterState::AwaitKey)
+        LookAfterRoom(pWriter, 0);  // so that the key frame need not wait for it
     // a little more than what stops a recording, so that it does not go on and off
     if (pWriter->eState == WriterState::AwaitRoom && LookAfterRoom(pWriter, 1) &&
         pWriter->room.eStage == RoomStage::Idle)

@@ -96,7 +96,7 @@ struct WriterLife : testing::Test {
 // What a file cannot take is cut to whole pictures, and a key picture that did not fit begins the next one.
 TEST_F(WriterLife, AFullFileIsCompletedAndFollowed)
 {
-    for (int nFits : {3, 4, 5, 10, 11}) {
+    for (int nFits : {0, 3, 4, 5, 10, 11}) {
         InChildProcess("", [&] {
             signal(SIGXFSZ, SIG_IGN);
             rlim_t nLimit = kZmfHeadBytes + kZmfIdxBytes + 88 + nFits * (kPictureBytes + 8) + 7000;
@@ -110,8 +110,8 @@ TEST_F(WriterLife, AFullFileIsCompletedAndFollowed)
             limit.rlim_cur = RLIM_INFINITY;
             setrlimit(RLIMIT_FSIZE, &limit);
             EXPECT_EQ(1, Put(nFits + 1, 20));
-            int nNext = nFits % kGroup ? (nFits / kGroup + 1) * kGroup : nFits + kGroup;
-            EXPECT_EQ(Numbers(0, nFits) + Numbers(nNext, 20), Finish()) << nFits;
+            int nNext = nFits % kGroup || nFits == 0 ? (nFits / kGroup + 1) * kGroup : nFits + kGroup;
+            EXPECT_EQ((nFits ? Numbers(0, nFits) : "") + Numbers(nNext, 20), Finish()) << nFits;
             std::filesystem::remove_all(root + "cam");
             return true;
         });
