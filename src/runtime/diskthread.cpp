@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <utility>
 
 #include "runtime/mutexguard.h"
 #include "runtime/task.h"
@@ -24,6 +25,8 @@ struct DiskThread {
     Scheduler *pScheduler = nullptr;  // null: what is done waits for DiskStop
     List turns;                       // lanes with jobs that wait, the next one first
     List done;                        // jobs whose pfnDone is due
+    int (*pfnTick)() = nullptr;       // null: none is due
+    int64_t nTickMs = 0;              // when it is, by NowMs
     size_t nJobs = 0;                 // that are not done
     size_t nBytes = 0;                // of them
 };
@@ -40,12 +43,18 @@ DiskLane::DiskLane()
     InitList(&jobs);
 }
 
-static timespec InMs(uint32_t nMs)
+static int64_t NowMs()
 {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    int64_t nNs = now.tv_nsec + int64_t{nMs} * 1000000;
-    return {now.tv_sec + static_cast<time_t>(nNs / 1000000000), static_cast<long>(nNs % 1000000000)};
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+// With the mutex held, which is not while waiting. Returns 0 when the time has come without a signal.
+static int WaitUntil(pthread_cond_t *pSignal, int64_t nMs)
+{
+    timespec until{static_cast<time_t>(nMs / 1000), static_cast<long>(nMs % 1000 * 1000000)};
+    return pthread_cond_timedwait(pSignal, &g_disk.mutex, &until) != ETIMEDOUT;
 }
 
 static DiskJob *TakeDone()
@@ -104,16 +113,38 @@ static void RunStep()
         pthread_cond_broadcast(&g_disk.quiet);
 }
 
+static int TickIsDue()
+{
+    return g_disk.pfnTick && NowMs() >= g_disk.nTickMs;
+}
+
 // Waits for work, and a little longer for more of it when it is not urgent. With the mutex held.
 static void AwaitWork()
 {
-    while (ListCount(&g_disk.turns) == 0 && !ThreadStopping(&g_disk.thread))
-        pthread_cond_wait(&g_disk.work, &g_disk.mutex);
-    timespec until = InMs(kLazyMs);
-    while (!g_disk.bHurry && !ThreadStopping(&g_disk.thread) &&
-           pthread_cond_timedwait(&g_disk.work, &g_disk.mutex, &until) != ETIMEDOUT) {
+    while (ListCount(&g_disk.turns) == 0 && !ThreadStopping(&g_disk.thread) && !TickIsDue()) {
+        if (g_disk.pfnTick)
+            WaitUntil(&g_disk.work, g_disk.nTickMs);
+        else
+            pthread_cond_wait(&g_disk.work, &g_disk.mutex);
+    }
+    int64_t nUntil = NowMs() + kLazyMs;
+    while (!g_disk.bHurry && !ThreadStopping(&g_disk.thread) && !TickIsDue() &&
+           WaitUntil(&g_disk.work, nUntil)) {
     }
     g_disk.bHurry = 0;
+}
+
+// With the mutex held, but for the call itself.
+static void CallTick()
+{
+    auto pfnTick = std::exchange(g_disk.pfnTick, nullptr);
+    pthread_mutex_unlock(&g_disk.mutex);
+    int nMs = pfnTick();
+    pthread_mutex_lock(&g_disk.mutex);
+    if (nMs < 0 || g_disk.pfnTick)
+        return;
+    g_disk.pfnTick = pfnTick;
+    g_disk.nTickMs = NowMs() + nMs;
 }
 
 static void Run(Thread *pThread)
@@ -121,9 +152,20 @@ static void Run(Thread *pThread)
     MutexGuard guard(&g_disk.mutex);
     while (!ThreadStopping(pThread)) {
         AwaitWork();
-        while (ListCount(&g_disk.turns) > 0)
-            RunStep();
+        do {
+            if (TickIsDue())
+                CallTick();
+            if (ListCount(&g_disk.turns) > 0)
+                RunStep();
+        } while (ListCount(&g_disk.turns) > 0);
     }
+}
+
+void DiskTick(int (*pfnTick)(), uint32_t nMs)
+{
+    MutexGuard guard(&g_disk.mutex);
+    g_disk.pfnTick = pfnTick;
+    g_disk.nTickMs = NowMs() + nMs;
 }
 
 int DiskStart(Scheduler *pScheduler)
@@ -195,13 +237,13 @@ void DiskDetach()
 
 size_t DiskAwait(uint32_t nMostMs)
 {
-    timespec until = InMs(nMostMs);
+    int64_t nUntil = NowMs() + nMostMs;
     MutexGuard guard(&g_disk.mutex);
     if (!g_disk.bRuns)
         return 0;
     g_disk.bHurry = 1;
     pthread_cond_signal(&g_disk.work);
-    while (g_disk.nJobs > 0 && pthread_cond_timedwait(&g_disk.quiet, &g_disk.mutex, &until) != ETIMEDOUT) {
+    while (g_disk.nJobs > 0 && WaitUntil(&g_disk.quiet, nUntil)) {
     }
     return g_disk.nJobs;
 }

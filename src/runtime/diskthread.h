@@ -44,6 +44,11 @@ void DiskPost(DiskLane *pLane, DiskJob *pJob);
 // The same for work that may wait a little (20 ms), so that a stream of it wakes the thread seldom.
 void DiskPostLazy(DiskLane *pLane, DiskJob *pJob);
 
+// Has pfnTick called between jobs: in nMs for the first time, and then after as many milliseconds as it
+// returns, until that is negative. There is one such procedure. Called on the disk thread; without the thread
+// nothing is called.
+void DiskTick(int (*pfnTick)(), uint32_t nMs);
+
 // The memory that all jobs hold which are not done. Any thread.
 size_t DiskBytesWaiting();
 

@@ -52,7 +52,7 @@ static void SeedRandom()
 // What an earlier run left unfinished is settled before the directory is used again.
 static void PrepareStorage()
 {
-    StorageRecover(g_settings.szRecordPath, g_settings.bConfineRecordings);
+    StorageRecover(g_settings.szRecordPath, g_settings.bConfineRecordings || g_settings.bNeverLose);
     StorageMakeDir(g_settings.szRecordPath);
 }
 

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "base/console.h"
 #include "base/printable.h"
@@ -17,6 +18,63 @@ namespace orx {
 
 constexpr size_t kMaxProgramPath = 256;
 constexpr uint32_t kPacketsPerStep = 256;  // of those from before, some milliseconds
+
+// --- The writers that are open, looked after each second. Disk thread ---
+
+constexpr int kTickMs = 1000;
+
+static Recorder *g_pOpen = nullptr;
+static int64_t g_nTickMs = 0;  // when they had their last tick, by RecordSteadyMs
+
+static void Forget(Recorder *pRecorder)
+{
+    Recorder **pp = &g_pOpen;
+    while (*pp && *pp != pRecorder)
+        pp = &(*pp)->pNextOpen;
+    if (*pp)
+        *pp = pRecorder->pNextOpen;
+}
+
+// The recording is over by itself.
+static void EndWriter(Recorder *pRecorder)
+{
+    Forget(pRecorder);
+    ZMFWriterFree(std::exchange(pRecorder->pWriter, nullptr));
+    pRecorder->bOver = 1;
+}
+
+static void TellEnded(int bFailed)
+{
+    print(bFailed ? "ZMFWriterWriteSample() failed!\r\n" : "ZMFWriterWriteSample() auto stopped().\r\n");
+}
+
+// Each second a tick, and in between what takes more steps. Returns the ms to the next call, -1 for none.
+static int OnTick()
+{
+    int64_t nNow = RecordSteadyMs();
+    int bTick = nNow >= g_nTickMs + kTickMs;
+    int bMore = 0;
+    Recorder *pNext;
+    for (Recorder *p = g_pOpen; p; p = pNext) {
+        pNext = p->pNextOpen;
+        if (!bTick || ZMFWriterTick(p->pWriter)) {
+            bMore |= ZMFWriterRoomStep(p->pWriter);
+            continue;
+        }
+        TellEnded(0);
+        EndWriter(p);
+    }
+    if (bTick)
+        g_nTickMs = nNow;
+    return !g_pOpen ? -1 : bMore ? 0 : static_cast<int>(g_nTickMs + kTickMs - nNow);
+}
+
+static void Remember(Recorder *pRecorder)
+{
+    if (!g_pOpen)
+        DiskTick(OnTick, kTickMs);
+    pRecorder->pNextOpen = std::exchange(g_pOpen, pRecorder);
+}
 
 // --- Opening: the job carries all that it needs of the program ---
 
@@ -66,31 +124,44 @@ static void ChooseName(const Opening *p, char *szFile, size_t nSize)
     const RecordOrder *pOrder = &p->order;
     const char *szRoot = g_settings.szRecordPath, *szName = PathName(p->szUri);
     int bConfined = g_settings.bConfineRecordings;
-    if (!pOrder->bNamed)
-        (bConfined ? StorageNamePath : StorageNextPath)(szFile, nSize, szRoot, szName, pOrder->nKind);
+    if (!pOrder->bNamed && bConfined)
+        StorageNamePath(szFile, nSize, szRoot, szName, pOrder->nKind);
+    else if (!pOrder->bNamed)
+        StorageNextPath(szFile, nSize, szRoot, szName, pOrder->nKind, g_settings.bNeverLose);
     else if (bConfined && pOrder->szFile[0] && pOrder->szFile[0] != '/')
         TextAdd(&text, "%s%s", szRoot, pOrder->szFile);
     else
         TextAdd(&text, "%s", pOrder->szFile);
+    if (pOrder->bNamed && !bConfined)
+        StorageFreePath(szFile, nSize, g_settings.bNeverLose);
+}
+
+static RecordRules Rules()
+{
+    return {g_settings.bNeverLose, g_settings.bWideUnits, g_settings.bStandardPushers,
+            g_settings.bAutoDelOldFile, g_settings.nReserveMegabytes};
 }
 
 static ZMFWriter *CreateWriter(const Opening *p, const char *szFile)
 {
+    const RecordRules rules = Rules();
     if (p->order.bNamed)
-        return IsSafeFileName(szFile) ? ZMFWriterCreateFile(szFile, p->order.nKind, nullptr) : nullptr;
-    return ZMFWriterCreate(g_settings.szRecordPath, PathName(p->szUri), p->order.nKind, nullptr);
+        return IsSafeFileName(szFile) ? ZMFWriterCreateFile(szFile, p->order.nKind, nullptr, nullptr, &rules)
+                                      : nullptr;
+    return ZMFWriterCreate(g_settings.szRecordPath, PathName(p->szUri), p->order.nKind, nullptr, 0, &rules);
 }
 
 // The same below the directory of recordings, whatever links and ".." make of the name.
 static ZMFWriter *CreateConfined(const Opening *p, const char *szFile)
 {
     char szProgram[kStoragePathSize];
+    const char *szRoot = g_settings.szRecordPath;
+    const RecordRules rules = Rules();
     if (p->order.bNamed)
-        return IsRecordingName(szFile)
-                   ? ZMFWriterCreateFile(szFile, p->order.nKind, nullptr, g_settings.szRecordPath)
-                   : nullptr;
+        return IsRecordingName(szFile) ? ZMFWriterCreateFile(szFile, p->order.nKind, nullptr, szRoot, &rules)
+                                       : nullptr;
     return StorageProgramPath(szProgram, sizeof(szProgram), p->szUri)
-               ? ZMFWriterCreate(g_settings.szRecordPath, szProgram, p->order.nKind, nullptr, 1)
+               ? ZMFWriterCreate(szRoot, szProgram, p->order.nKind, nullptr, 1, &rules)
                : nullptr;
 }
 
@@ -163,11 +234,12 @@ static int RunOpening(DiskJob *pJob)
     if (bOk && ListCount(&p->packets) > 0)
         return 0;
     p->opening.bOpen = bOk;
-    if (!bOk) {
-        ZMFWriterDiscard(pRecorder->pWriter);
-        pRecorder->pWriter = nullptr;
-        pRecorder->bOver = 1;
+    if (bOk) {
+        Remember(pRecorder);
+        return 1;
     }
+    ZMFWriterDiscard(std::exchange(pRecorder->pWriter, nullptr));
+    pRecorder->bOver = 1;
     return 1;
 }
 
@@ -222,10 +294,8 @@ static int RunPacket(DiskJob *pJob)
     free(p);
     if (nResult > 0)
         return 1;
-    print(nResult < 0 ? "ZMFWriterWriteSample() failed!\r\n" : "ZMFWriterWriteSample() auto stopped().\r\n");
-    ZMFWriterFree(pRecorder->pWriter);
-    pRecorder->pWriter = nullptr;
-    pRecorder->bOver = 1;
+    TellEnded(nResult < 0);
+    EndWriter(pRecorder);
     return 1;
 }
 
@@ -345,8 +415,8 @@ static int RunClosing(DiskJob *pJob)
     char szFile[kStoragePathSize] = "";
     if (pRecorder->pWriter)
         ZMFWriterFileName(pRecorder->pWriter, szFile, sizeof(szFile));
-    ZMFWriterFree(pRecorder->pWriter);
-    pRecorder->pWriter = nullptr;
+    Forget(pRecorder);
+    ZMFWriterFree(std::exchange(pRecorder->pWriter, nullptr));
     if (p->bTold)
         print("StopRecord(%s)\r\n", PrintableText(szFile).sz);
     return 1;

@@ -28,8 +28,10 @@ struct Recorder {
     std::atomic<int> bOver{0};  // nothing is written any more: the disk thread has closed the writer
     // A hole that the queue for the disk has left: nothing is taken up to the next key frame.
     int bHole = 0;
-    uint32_t nHoleMs = 0;          // media time at which it begins
-    ZMFWriter *pWriter = nullptr;  // the disk thread's; null before the file is open, and when it is closed
+    uint32_t nHoleMs = 0;  // media time at which it begins
+    // The disk thread's.
+    ZMFWriter *pWriter = nullptr;  // null before the file is open, and when it is closed
+    Recorder *pNextOpen = nullptr;
 };
 
 // The job that opens a recording and writes what the cache held of the time before.
