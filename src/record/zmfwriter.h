@@ -40,6 +40,7 @@ struct ZMFWriter {
     uint32_t nAudioDataBytes = 0;
     uint32_t nAudioTime = 0;  // of the block's first sample, with its type word
     uint32_t nAudioType = 0;
+    uint32_t nAudioTicks = 0;  // length of what it holds, as the audio track counts
 
     time_t tRecordStart = 0;       // when the first head was written, 0 before
     uint32_t nSecondsPerFile = 0;  // 0: no limit
@@ -63,6 +64,8 @@ struct ZMFWriter {
     DepacketProc pfnAudio = nullptr;
     Depacketiser video;
     Depacketiser audio;
+    int bSaidVideo = 0;  // that it is left out
+    int bSaidAudio = 0;
 };
 
 // A writer with its first file open, in the date layout below szRoot (ending in '/') or with a name given.
