@@ -9,6 +9,7 @@
 #include <ctime>
 
 #include "record/fileout.h"
+#include "record/keyindex.h"
 #include "record/storage.h"
 #include "record/zmfile.h"
 
@@ -32,8 +33,7 @@ struct RecordFile {
     uint32_t uUserSamples = 0;
     uint32_t uSampleCount = 0;  // records written
     uint32_t uKeyFrames = 0;
-    uint32_t nCurIdxId = 0;  // index entries in use
-    ZMFIndexEntry index[DEF_IDX_COUNT];
+    KeyIndex index;
 };
 
 // Makes szFile, under its name with ".tm!" behind it; with szBelow under the next free name. Returns 1 or 0.
