@@ -1,13 +1,13 @@
 #include "export.h"
 
 #include <strings.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
 
 #include "base/bytes.h"
 #include "jpegimage.h"
+#include "outfile.h"
 
 namespace orx {
 
@@ -70,19 +70,21 @@ static int WriteMedia(Recording *pRecording, FILE *pFile, const Codec *pWanted)
     return bVideo ? WritePictures(pRecording, pFile, pHeld) : WriteSound(pRecording, pFile, pHeld);
 }
 
-static int WriteRaw(Recording *pRecording, const std::string &out, const Codec *pCodec)
+static int WriteRawFile(Recording *pRecording, const std::string &path, const Codec *pCodec)
 {
-    FILE *pFile = fopen(out.c_str(), "wb");
-    if (!pFile) {
-        perror(out.c_str());
-        return 0;
-    }
+    FILE *pFile = fopen(path.c_str(), "wb");
+    if (!pFile)
+        return Refuse(pRecording, "write error");
     int bGood = WriteMedia(pRecording, pFile, pCodec);
     if (fclose(pFile) != 0 && bGood)
         bGood = Refuse(pRecording, "write error");
-    if (!bGood)
-        unlink(out.c_str());
     return bGood;
+}
+
+static int WriteRaw(Recording *pRecording, const std::string &out, const Codec *pCodec)
+{
+    OutFile file;
+    return OutFileBegin(&file, out) && OutFileEnd(&file, WriteRawFile(pRecording, file.beside, pCodec));
 }
 
 static int HasEnding(const std::string &out, const char *szEnding)
