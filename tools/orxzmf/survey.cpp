@@ -161,8 +161,10 @@ static void CheckHeader(Check *pCheck)
     if (pHead->nIdxSize > 0 && pCheck->nNextEntry < pReader->nIndex && pSurvey->nVideo > 0)
         Fault(pSurvey, "index entry %u points behind the last record", pCheck->nNextEntry);
     if (pReader->bInterrupted) {
-        if (pSurvey->nVideo + pSurvey->nAudio + pSurvey->nUser + pSurvey->nText > 0)
-            pSurvey->notes.push_back("interrupted: it was never closed; duration and counts are those found");
+        // without a duration a file that was closed is known by nothing, but lacks nothing either
+        pSurvey->bInterrupted = pReader->uDuration > 0 || pSurvey->nTail > 0;
+        if (pSurvey->bInterrupted)
+            pSurvey->notes.push_back("it was never closed; duration and counts are those found");
         if (pSurvey->nTail > 0)
             pSurvey->notes.push_back(std::to_string(pSurvey->nTail) +
                                      " bytes of an unfinished record at the end");
@@ -177,6 +179,32 @@ static void CheckHeader(Check *pCheck)
     if (pHead->uDuration < pSurvey->nLastTimeMs)
         Fault(pSurvey, "the header says %u ms, the last sample is at %u ms", pHead->uDuration,
               pSurvey->nLastTimeMs);
+}
+
+Verdict SurveyVerdict(const Survey &survey)
+{
+    if (!survey.faults.empty())
+        return VERDICT_DAMAGED;
+    if (survey.nVideo == 0)
+        return VERDICT_EMPTY;
+    return survey.bInterrupted ? VERDICT_INTERRUPTED : VERDICT_SOUND;
+}
+
+const char *VerdictName(Verdict nVerdict)
+{
+    switch (nVerdict) {
+        case VERDICT_SOUND:
+            return "sound";
+        case VERDICT_INTERRUPTED:
+            return "interrupted";
+        case VERDICT_EMPTY:
+            return "without a picture";
+        case VERDICT_DAMAGED:
+            return "damaged";
+        case VERDICT_UNREADABLE:
+            break;
+    }
+    return "cannot be read";
 }
 
 void SurveyRecording(Recording *pRecording, Survey *pOut)

@@ -70,14 +70,14 @@ TEST(Survey, FindsFaults)
     for (const auto &[szFault, nOffset, bytes] : cases) {
         WriteFile(path, std::string(good).replace(nOffset, bytes.size(), bytes));
         EXPECT_THAT(Look(path).faults, testing::Contains(testing::HasSubstr(szFault)));
-        EXPECT_EQ(1, ReportCheck(path));
+        EXPECT_EQ(VERDICT_DAMAGED, ReportCheck(path));
     }
     // a cut is a fault, but not in a file that was never closed: that is what a power cut leaves
     std::string cut = good.substr(0, good.size() - 1);
     WriteFile(path, cut);
-    EXPECT_EQ(1, ReportCheck(path));
+    EXPECT_EQ(VERDICT_DAMAGED, ReportCheck(path));
     WriteFile(path, cut.replace(40, 4, Be(0, 4)));
-    EXPECT_EQ(0, ReportCheck(path));
+    EXPECT_EQ(VERDICT_INTERRUPTED, ReportCheck(path));
     EXPECT_EQ(2U, Look(path).notes.size());
 }
 
