@@ -191,6 +191,17 @@ int RecordFileAddKeyFrame(RecordFile *pFile, uint32_t nTimeMs)
     return 1;
 }
 
+// Says in the header that what follows is not for readers of version 100. Returns 1, or 0 on a write error.
+static int MarkWide(RecordFile *pFile)
+{
+    uint8_t bytes[2];
+    if (pFile->head.nVersion == kZmfWideVersion)
+        return 1;
+    pFile->head.nVersion = kZmfWideVersion;
+    PutBe(bytes, sizeof(bytes), pFile->head.nVersion);
+    return FileOutPatch(&pFile->out, kZmfVersionAt, bytes, sizeof(bytes));
+}
+
 int RecordFileWriteRecord(RecordFile *pFile, const uint8_t *pData, uint32_t nBytes, uint32_t nTimeMs,
                           uint32_t nType)
 {
@@ -202,7 +213,10 @@ int RecordFileWriteRecord(RecordFile *pFile, const uint8_t *pData, uint32_t nByt
     pFile->uVideoSamples += head.chMedia == 'v' ? 1 : 0;
     pFile->uTextSamples += head.chMedia == 't' ? 1 : 0;
     pFile->uUserSamples += head.chMedia == 'u' ? 1 : 0;
-    if (!ORX_PEER_ASSERT(nBytes <= kZmfMaxRecordBytes - kZmfRecordHeadBytes, "nLen <= 0xfffff"))
+    uint32_t nMax = nType & SAMPLE_WIDE ? kZmfMaxWideBytes : kZmfMaxRecordBytes;
+    if (!ORX_PEER_ASSERT(nBytes <= nMax - kZmfRecordHeadBytes, "nLen <= 0xfffff"))
+        return -1;
+    if ((nType & SAMPLE_WIDE) && !MarkWide(pFile))
         return -1;
     if (head.nLength >= kZmfBigRecordBytes)
         print("******Write big video frame=%dBytes*******\r\n", static_cast<int>(head.nLength));
@@ -292,6 +306,7 @@ int RecordFileBeginNext(RecordFile *pFile)
     pFile->uDuration = pFile->uVideoSamples = pFile->uTextSamples = pFile->uUserSamples = 0;
     pFile->uSampleCount = pFile->uKeyFrames = 0;
     pFile->index = KeyIndex{};
+    pFile->head.nVersion = kZmfVersion;
     pFile->head.nFileSeq++;
     return 1;
 }

@@ -53,7 +53,8 @@ int RecordFileWriteHead(RecordFile *pFile);
 
 // Counts a key frame whose record comes next, with an index entry when it is its turn. Returns 1 or -1.
 int RecordFileAddKeyFrame(RecordFile *pFile, uint32_t nTimeMs);
-// Appends one record; nTimeMs counts from the start of the file, nType is SampleType(). Returns 1 or -1.
+// Appends one record; nTimeMs counts from the start of the file, nType is SampleType(), with SAMPLE_WIDE when
+// it makes the file one of version 101. Returns 1 or -1.
 int RecordFileWriteRecord(RecordFile *pFile, const uint8_t *pData, uint32_t nBytes, uint32_t nTimeMs,
                           uint32_t nType);
 

@@ -17,9 +17,10 @@ struct RtpTrack {
     int bSetUp = 0;
     uint32_t nMediaType = 0;  // MEDIA_...
     uint8_t nPayloadType = 0;
-    uint32_t nSsrc = 0;       // synchronisation source written into packets and reports
-    uint16_t nNextSeq = 0;    // sequence number of the next packet that is made here
-    uint32_t nTimeScale = 0;  // RTP clock rate in Hz
+    uint32_t nSsrc = 0;          // synchronisation source written into packets and reports
+    uint16_t nNextSeq = 0;       // sequence number of the next packet that is made here
+    uint32_t nTimeScale = 0;     // RTP clock rate in Hz
+    uint32_t nUnitTicks = 1024;  // AAC: how far a unit goes on this clock
 };
 
 struct RtpOut {

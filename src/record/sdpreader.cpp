@@ -135,6 +135,34 @@ int SdpReadRtpMap(std::string_view text, SdpPlace nPlace, SdpRtpMap *pOut)
     return 1;
 }
 
+std::string_view SdpReadFormat(std::string_view text)
+{
+    std::string_view value;
+    if (!SdpFind(text, "a=fmtp:", SDP_LINE, &value))
+        return {};
+    value = SdpLine(value);
+    return value.substr(std::min(value.find(' '), value.size()));
+}
+
+static std::string_view Trimmed(std::string_view text)
+{
+    size_t nStart = std::min(text.find_first_not_of(" \t"), text.size());
+    return text.substr(nStart, text.find_last_not_of(" \t") + 1 - nStart);
+}
+
+std::string_view SdpFormatValue(std::string_view format, std::string_view name)
+{
+    while (!format.empty()) {
+        std::string_view item = format.substr(0, format.find(';'));
+        format.remove_prefix(item.size() + (item.size() < format.size()));
+        item = Trimmed(item);
+        size_t nEqual = item.find('=');
+        if (nEqual == name.size() && strncasecmp(item.data(), name.data(), nEqual) == 0)
+            return item.substr(nEqual + 1);
+    }
+    return {};
+}
+
 int SdpReadTrackId(std::string_view text, int *pTrackId)
 {
     std::string_view value;

@@ -151,6 +151,18 @@ static void MoveTo(ZMFReader *pReader, uint64_t nPos)
     Refill(pReader);
 }
 
+// Makes the buffer large enough for a record, which is no longer than its 22 bits of length can say. Without
+// memory it stays, and the record is none.
+static void GrowBuffer(ZMFReader *pReader, uint32_t nRecord)
+{
+    auto *p =
+        nRecord > pReader->nBuffer ? static_cast<uint8_t *>(realloc(pReader->pBuffer, nRecord)) : nullptr;
+    if (!p)
+        return;
+    pReader->pBuffer = p;
+    pReader->nBuffer = nRecord;
+}
+
 // The record at the reading position when it is whole in the buffer or can be made so; null otherwise.
 static const uint8_t *PeekRecord(ZMFReader *pReader, ZMFRecordHead *pHead)
 {
@@ -164,8 +176,10 @@ static const uint8_t *PeekRecord(ZMFReader *pReader, ZMFRecordHead *pHead)
         return nullptr;
     if (pHead->nLength >= kZmfBigRecordBytes)
         print("******Get big video frame=%dBytes*******\r\n", static_cast<int>(pHead->nLength));
-    if (pHead->nLength > nLeft && !pReader->bEof)
+    if (pHead->nLength > nLeft && !pReader->bEof) {
+        GrowBuffer(pReader, pHead->nLength);
         Refill(pReader);
+    }
     return pHead->nLength <= pReader->nHeld - pReader->nRead ? pReader->pBuffer + pReader->nRead : nullptr;
 }
 

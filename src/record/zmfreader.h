@@ -34,7 +34,7 @@ struct ZMFReader {
     int fd = -1;
     uint64_t nFileBytes = 0;
 
-    uint8_t *pBuffer = nullptr;  // owned, nBuffer bytes
+    uint8_t *pBuffer = nullptr;  // owned, nBuffer bytes; at most 4 MB, or as it was opened
     uint32_t nBuffer = 0;
     uint32_t nHeld = 0;       // bytes in the buffer
     uint32_t nRead = 0;       // of them, handed out already
@@ -55,9 +55,9 @@ struct KeyFrame {
     uint32_t nTimeMs = 0;
 };
 
-// Opens a recording with a read buffer of nBuffer bytes, which is also the largest record that can be read. A
-// file that its writer did not close is walked through for its duration, unless that is remembered. Null when
-// it is no recording or broken. Close with ZMFReaderClose, which accepts null.
+// Opens a recording with a read buffer of nBuffer bytes, which grows to the largest record. A file that its
+// writer did not close is walked through for its duration, unless that is remembered. Null when it is no
+// recording or broken. Close with ZMFReaderClose, which accepts null.
 ZMFReader *ZMFReaderOpen(const char *szFile, uint32_t nBuffer);
 // The same in steps (nWork: see recordwalk.h): null with *pbMore 1 when the walk is not at its end. The next
 // call for the file goes on with it.

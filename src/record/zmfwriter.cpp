@@ -11,6 +11,7 @@
 #include "base/console.h"
 #include "base/printable.h"
 #include "base/textbuf.h"
+#include "record/aac.h"
 #include "record/confine.h"
 #include "record/sdpscan.h"
 #include "runtime/clock.h"
@@ -21,7 +22,14 @@ constexpr uint32_t kPauseGapMs = 20;  // later than the last sample, and no more
 // Records after the time base among which times may lie before it: sound and picture of one moment come one
 // after the other.
 constexpr uint32_t kEarlyRecords = 6;
+constexpr int32_t kAudioGapMs = 10;  // between samples; less is rounding
 constexpr char kAlarmPrefix[] = "ALARM:";
+
+// Whether what cannot be recorded is left out, and all else goes on.
+static int IsPatient(const ZMFWriter *pWriter)
+{
+    return pWriter->rules.bStandardPushers || pWriter->rules.bNeverLose;
+}
 
 static int TakeSample(void *pContext, const uint8_t *pData, uint32_t nBytes, uint32_t nTimeMs, uint32_t nType)
 {
@@ -139,10 +147,15 @@ int ZMFWriterSetSdp(ZMFWriter *pWriter, const char *szSdp)
     if (!RecordFileSetSdp(&pWriter->file, szSdp))
         return 0;
     SdpCodecs codecs;
-    SdpScanCodecs(szSdp, &codecs);
+    SdpScanCodecs(szSdp, &codecs, pWriter->rules.bWideUnits ? CODEC_WIDE_RECORDING : CODEC_RECORDING);
     pWriter->pfnVideo = SdpDepacketiser(&codecs.video, "Video");
     pWriter->pfnAudio = SdpDepacketiser(&codecs.audio, "Audio");
+    pWriter->video.rules = pWriter->audio.rules = pWriter->rules;
+    if (codecs.video.pCodec && codecs.video.pCodec->pNal)
+        ParamSetsFromFormat(&pWriter->video.sets, codecs.video.pCodec->pNal, codecs.video.format);
     pWriter->audio.bWideband = CodecIsWideband(codecs.audio.pCodec);
+    pWriter->audio.nTickRate = codecs.audio.nRate;
+    pWriter->audio.nUnitTicks = AacUnitTicks(codecs.audio.format, codecs.audio.nRate);
     return 1;
 }
 
@@ -247,21 +260,40 @@ static uint32_t SecondsSince(time_t *ptStart)
     return static_cast<uint32_t>(tNow - *ptStart);
 }
 
+// Whether a sample does not follow the block's last one. A block has the time of its first sample alone, so
+// that it must not reach across what is missing.
+static int IsGap(const ZMFWriter *pWriter, uint32_t nTimeMs)
+{
+    const RecordRules &rules = pWriter->rules;
+    uint32_t nRate = pWriter->audio.nTickRate;
+    int bLooked = rules.bNeverLose || rules.bWideUnits || rules.bStandardPushers;
+    if (!bLooked || nRate == 0 || pWriter->nAudioDataBytes == 0)
+        return 0;
+    int32_t nOff = ClockDiff(
+        nTimeMs, pWriter->nAudioTime + static_cast<uint32_t>(uint64_t{pWriter->nAudioTicks} * 1000 / nRate));
+    return nOff > kAudioGapMs || nOff < -kAudioGapMs;
+}
+
 static int GatherAudio(ZMFWriter *pWriter, const uint8_t *pData, uint32_t nBytes, uint32_t nTimeMs,
                        uint32_t nType)
 {
+    if (nBytes > kAudioBlockBytes && IsPatient(pWriter))
+        return 1;
     if (!ORX_PEER_ASSERT(nBytes <= kAudioBlockBytes, "nSize <= nAudioBlockBytes"))
         return -1;
     if (!pWriter->pAudio)
         pWriter->pAudio = static_cast<uint8_t *>(malloc(kAudioBlockBytes));
     if (!pWriter->pAudio)
         return -1;
-    if (nBytes > kAudioBlockBytes - pWriter->nAudioDataBytes && FlushAudio(pWriter) < 1)
+    int bNewBlock = nBytes > kAudioBlockBytes - pWriter->nAudioDataBytes || IsGap(pWriter, nTimeMs);
+    if (bNewBlock && FlushAudio(pWriter) < 1)
         return -1;
     if (pWriter->nAudioDataBytes == 0) {
         pWriter->nAudioTime = nTimeMs;
         pWriter->nAudioType = nType;
+        pWriter->nAudioTicks = 0;
     }
+    pWriter->nAudioTicks += pWriter->audio.nTicks;
     memcpy(pWriter->pAudio + pWriter->nAudioDataBytes, pData, nBytes);
     pWriter->nAudioDataBytes += nBytes;
     return 1;
@@ -364,13 +396,27 @@ int ZMFWriterWriteSample(ZMFWriter *pWriter, const uint8_t *pData, uint32_t nByt
     return 0;
 }
 
+// A track that cannot be recorded. Returns 1 when it is left out, -1 when it ends the recording.
+static int LeaveOutTrack(ZMFWriter *pWriter, const char *szWhat, int *pbSaid)
+{
+    if (!IsPatient(pWriter))
+        return -1;
+    if (!*pbSaid)
+        print("ZMFWriter(%s): the %s cannot be recorded and is left out.\r\n",
+              PrintableText(pWriter->file.szFile).sz, szWhat);
+    *pbSaid = 1;
+    return 1;
+}
+
 int ZMFWriterWriteRtpPacket(ZMFWriter *pWriter, const uint8_t *pPacket, uint32_t nBytes, char chMedia,
                             uint32_t nTimeMs)
 {
     if (chMedia == 'v')
-        return pWriter->pfnVideo ? pWriter->pfnVideo(&pWriter->video, pPacket, nBytes, nTimeMs) : -1;
+        return pWriter->pfnVideo ? pWriter->pfnVideo(&pWriter->video, pPacket, nBytes, nTimeMs)
+                                 : LeaveOutTrack(pWriter, "video", &pWriter->bSaidVideo);
     if (chMedia == 'a')
-        return pWriter->pfnAudio ? pWriter->pfnAudio(&pWriter->audio, pPacket, nBytes, nTimeMs) : -1;
+        return pWriter->pfnAudio ? pWriter->pfnAudio(&pWriter->audio, pPacket, nBytes, nTimeMs)
+                                 : LeaveOutTrack(pWriter, "audio", &pWriter->bSaidAudio);
     RtpPacket packet;
     size_t nPrefix = strlen(kAlarmPrefix);
     if (!RtpPacketParse(pPacket, nBytes, &packet) || packet.nPayload < nPrefix ||

@@ -21,6 +21,7 @@ constexpr uint32_t kAudioBlockBytes = 32768;  // audio payload that one record h
 struct ZMFWriter {
     char *szRoot = nullptr;     // root of the recordings, owned; null when the file was named by the client
     char *szProgram = nullptr;  // directory below it, owned; null with szRoot
+    RecordRules rules;          // set by the caller, before the description
     RecordFile file;            // the current one; closed between two, and after the end
 
     uint32_t nTimeBase = 0;       // time that is 0 in the file
@@ -32,6 +33,7 @@ struct ZMFWriter {
     uint32_t nAudioDataBytes = 0;
     uint32_t nAudioTime = 0;  // of the block's first sample, with its type word
     uint32_t nAudioType = 0;
+    uint32_t nAudioTicks = 0;  // length of what it holds, as the audio track counts
 
     time_t tRecordStart = 0;       // when the first head was written, 0 before
     uint32_t nSecondsPerFile = 0;  // 0: no limit
@@ -43,6 +45,8 @@ struct ZMFWriter {
     DepacketProc pfnAudio = nullptr;
     Depacketiser video;
     Depacketiser audio;
+    int bSaidVideo = 0;  // that it is left out
+    int bSaidAudio = 0;
 };
 
 // A writer with its first file open, in the date layout below szRoot (ending in '/') or with a name given.

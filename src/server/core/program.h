@@ -41,6 +41,7 @@ struct MediaInfo {
     uint32_t nWidth = 0;   // video; the channel count of audio
     uint32_t nHeight = 0;  // video; the sample rate of audio
     uint32_t nSampleBits = 0;
+    uint32_t nUnitTicks = 1024;  // AAC: how far a unit goes on the RTP clock
     MediaClock clock;
 };
 

@@ -156,11 +156,21 @@ static ZMFWriter *OpenWriter(const Program *pProg, const RecordOrder *pOrder, ui
     return nullptr;
 }
 
+static RecordRules RulesFromSettings()
+{
+    RecordRules rules;
+    rules.bNeverLose = g_settings.bNeverLose;
+    rules.bWideUnits = g_settings.bWideUnits;
+    rules.bStandardPushers = g_settings.bStandardPushers;
+    return rules;
+}
+
 // Label, description, limits and header. 1 or 0.
 static int BeginFile(ZMFWriter *pWriter, const Program *pProg, const RecordOrder *pOrder)
 {
     char szNick[32];
     ProgramNames(pProg, nullptr, 0, szNick, sizeof(szNick));
+    pWriter->rules = RulesFromSettings();
     ZMFWriterSetLabel(pWriter, szNick);
     return ZMFWriterSetSdp(pWriter, pProg->desc.szSdp) &&
            ZMFWriterSetLimits(pWriter, g_settings.nMinutePerFile * 60,
