@@ -13,11 +13,14 @@ extern "C" {
 #include <string>
 #include <vector>
 
+#include "aacconfig.h"
 #include "base/bytes.h"
 #include "export.h"
 #include "jpegimage.h"
 #include "outfile.h"
+#include "record/aac.h"
 #include "record/depacketise.h"
+#include "record/nalunit.h"
 #include "soundclock.h"
 #include "timeline.h"
 
@@ -57,12 +60,14 @@ struct Export {
     AVPacket *pPacket = nullptr;
     AVStream *pVideo = nullptr;
     AVStream *pAudio = nullptr;
+    Damage damage;
     Timeline timeline;
     size_t nRecord = 0;  // of the timeline, the next to be written
     Timing timing;
     SoundClock clock;
     Transcoder transcoder;
     int bTranscode = 0;
+    int64_t nFrameTicks = 0;  // of a frame of audio; 0 when a sample is a byte
 };
 
 }  // namespace
@@ -121,14 +126,20 @@ static int CollectTimes(Export *pExport, std::string *pFirstPicture, int *pbAudi
     Sample sample;
     std::string picture;
     *pbAudio = 0;
+    int bKey = 0;
     while (RecordingNext(pRecording, &sample, "reading")) {
         *pbAudio |= sample.head.chMedia == 'a';
         if (sample.head.chMedia == 'v' || sample.head.chMedia == 'a')
             pTimes->push_back(sample.head.nTimeMs);
-        if (sample.head.chMedia != 'v' || !ExportPicture(PictureForm(pRecording), sample, &picture))
+        if (sample.head.chMedia != 'v')
             continue;
-        if (pFirstPicture->empty())
-            *pFirstPicture = picture;
+        if (!ExportPicture(PictureForm(pRecording), sample, &picture)) {
+            NoteDamage(&pExport->damage, sample);
+            continue;
+        }
+        if (pFirstPicture->empty() || (!bKey && IsKeyFrame(sample.head)))
+            *pFirstPicture = picture;  // a key frame has the parameter sets
+        bKey |= IsKeyFrame(sample.head);
         pictures.push_back(pTimes->size() - 1);
     }
     TimelineMend(&pExport->timeline);
@@ -140,10 +151,10 @@ static int CollectTimes(Export *pExport, std::string *pFirstPicture, int *pbAudi
 
 // --- Streams ---
 
-// Size of an H.264 picture, from its parameter sets.
-static void ParseH264Size(const std::string &picture, AVCodecParameters *pPar)
+// Size of a picture, from its parameter sets.
+static void ParseSize(const std::string &picture, AVCodecParameters *pPar)
 {
-    AVCodecParserContext *pParser = av_parser_init(AV_CODEC_ID_H264);
+    AVCodecParserContext *pParser = av_parser_init(pPar->codec_id);
     AVCodecContext *pContext = avcodec_alloc_context3(nullptr);
     if (pParser && pContext) {
         uint8_t *pOut = nullptr;
@@ -162,6 +173,16 @@ static void ParseH264Size(const std::string &picture, AVCodecParameters *pPar)
     avcodec_free_context(&pContext);
 }
 
+static int SetExtraData(AVCodecParameters *pPar, const std::string &bytes)
+{
+    pPar->extradata = static_cast<uint8_t *>(av_mallocz(bytes.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+    if (!pPar->extradata)
+        return 0;
+    memcpy(pPar->extradata, bytes.data(), bytes.size());
+    pPar->extradata_size = static_cast<int>(bytes.size());
+    return 1;
+}
+
 static int AddVideo(Export *pExport, const std::string &picture)
 {
     AVStream *pStream = avformat_new_stream(pExport->pFormat, nullptr);
@@ -178,14 +199,14 @@ static int AddVideo(Export *pExport, const std::string &picture)
         pPar->width = static_cast<int>(nWidth);
         pPar->height = static_cast<int>(nHeight);
     } else {
-        ParseH264Size(picture, pPar);
+        ParseSize(picture, pPar);
         pPar->video_delay = pExport->timing.nDelay > 0;
         // The parameter sets of the first picture; the writer of the container takes them out of it.
-        pPar->extradata = static_cast<uint8_t *>(av_mallocz(picture.size() + AV_INPUT_BUFFER_PADDING_SIZE));
-        if (!pPar->extradata)
+        if (!SetExtraData(pPar, picture))
             return 0;
-        memcpy(pPar->extradata, picture.data(), picture.size());
-        pPar->extradata_size = static_cast<int>(picture.size());
+        // the kind that all players take: parameter sets stand in the head
+        if (pPar->codec_id == AV_CODEC_ID_HEVC && strcmp(pExport->pFormat->oformat->name, "mp4") == 0)
+            pPar->codec_tag = MKTAG('h', 'v', 'c', '1');
     }
     pExport->pVideo = pStream;
     return pPar->width > 0 && pPar->height > 0;
@@ -227,30 +248,45 @@ static int OpenEncoder(Export *pExport, AVStream *pStream)
            avcodec_parameters_from_context(pStream->codecpar, pContext) >= 0;
 }
 
-static int AddAudio(Export *pExport)
+// Audio that goes in as it is.
+static int CopyAudio(Export *pExport, AVStream *pStream)
 {
     const Codec *pCodec = AudioOf(pExport);
-    AVCodecID nId = IdOf(pCodec);
+    AVCodecParameters *pPar = pStream->codecpar;
+    AacConfig config;
+    pPar->codec_type = AVMEDIA_TYPE_AUDIO;
+    pPar->codec_id = IdOf(pCodec);
+    pPar->sample_rate = static_cast<int>(pExport->clock.nRate);
+    pPar->bits_per_coded_sample = av_get_bits_per_sample(pPar->codec_id);
+    pPar->block_align = 1;
+    pPar->frame_size = static_cast<int>(pExport->nFrameTicks);
+    if (pCodec->nForm == FORM_AAC &&
+        (!AacConfigRead(pExport->pRecording->codecs.audio, &config) || !SetExtraData(pPar, config.bytes)))
+        return 0;
+    int nChannels = config.nChannels == 7 ? 8 : static_cast<int>(config.nChannels);
+    av_channel_layout_default(&pPar->ch_layout, nChannels > 0 ? nChannels : 1);
+    return 1;
+}
+
+static int AddAudio(Export *pExport)
+{
+    const SdpCodec &audio = pExport->pRecording->codecs.audio;
+    const Codec *pCodec = AudioOf(pExport);
     AVStream *pStream = avformat_new_stream(pExport->pFormat, nullptr);
     if (!pStream)
         return 0;
-    pStream->time_base = AVRational{1, pCodec->nSampleRate};
     pExport->pAudio = pStream;
-    pExport->clock.nRate = pCodec->nSampleRate;
+    pExport->clock.nRate = pCodec->nForm == FORM_AAC ? static_cast<int>(audio.nRate) : pCodec->nSampleRate;
+    pExport->nFrameTicks = pCodec->nForm == FORM_AAC   ? AacUnitTicks(audio.format, audio.nRate)
+                           : pCodec->nForm == FORM_AMR ? pCodec->nSampleRate / 1000 * kSpeechFrameMs
+                                                       : 0;
     pExport->transcoder.nSilence =
         kSilenceFrom + static_cast<int64_t>(pExport->pRecording->pReader->nFileBytes);
-    pExport->bTranscode = avformat_query_codec(pExport->pFormat->oformat, nId, FF_COMPLIANCE_NORMAL) != 1;
-    if (pExport->bTranscode)
-        return OpenDecoder(pExport) && OpenEncoder(pExport, pStream);
-    AVCodecParameters *pPar = pStream->codecpar;
-    pPar->codec_type = AVMEDIA_TYPE_AUDIO;
-    pPar->codec_id = nId;
-    pPar->sample_rate = pCodec->nSampleRate;
-    pPar->bits_per_coded_sample = av_get_bits_per_sample(nId);
-    pPar->block_align = 1;
-    pPar->frame_size = pCodec->nForm == FORM_AMR ? pCodec->nSampleRate / 1000 * kSpeechFrameMs : 0;
-    av_channel_layout_default(&pPar->ch_layout, 1);
-    return 1;
+    pStream->time_base = AVRational{1, static_cast<int>(pExport->clock.nRate)};
+    pExport->bTranscode =
+        avformat_query_codec(pExport->pFormat->oformat, IdOf(pCodec), FF_COMPLIANCE_NORMAL) != 1;
+    return pExport->bTranscode ? OpenDecoder(pExport) && OpenEncoder(pExport, pStream)
+                               : CopyAudio(pExport, pStream);
 }
 
 // --- Second pass: writing ---
@@ -417,16 +453,23 @@ static int Transcode(Export *pExport, const uint8_t *pData, size_t nBytes, int64
 }
 
 // The next piece of a block of audio: its bytes and samples. Returns 1, or 0 at the end or when it is broken.
-static int NextPiece(const Codec *pCodec, ByteReader *pIn, ByteReader *pPiece, int64_t *pnSamples)
+static int NextPiece(const Export *pExport, ByteReader *pIn, ByteReader *pPiece, int64_t *pnSamples)
 {
+    const Codec *pCodec = AudioOf(pExport);
+    *pnSamples = pExport->nFrameTicks;
     if (pIn->nLeft == 0)
         return 0;
-    size_t nPart = std::min<size_t>(kG711PacketBytes, pIn->nLeft);
-    *pnSamples = static_cast<int64_t>(nPart);
-    if (pCodec->nForm == FORM_AMR) {
-        nPart = AmrFrameBytes(CodecIsWideband(pCodec), pIn->p[0] >> 3);
-        *pnSamples = pCodec->nSampleRate / 1000 * kSpeechFrameMs;
+    if (pCodec->nForm == FORM_AAC) {
+        uint32_t nUnit = 0;
+        const uint8_t *pUnit = NalNext(pIn, &nUnit);
+        *pPiece = ByteReader{pUnit, nUnit};
+        return pUnit != nullptr;
     }
+    size_t nPart = std::min<size_t>(kG711PacketBytes, pIn->nLeft);
+    if (pCodec->nForm == FORM_AMR)
+        nPart = AmrFrameBytes(CodecIsWideband(pCodec), pIn->p[0] >> 3);
+    else
+        *pnSamples = static_cast<int64_t>(nPart);
     const uint8_t *pData = nPart > 0 ? ReadBytes(pIn, nPart) : nullptr;
     *pPiece = ByteReader{pData, nPart};
     return pData != nullptr;
@@ -448,14 +491,13 @@ static int WriteAudio(Export *pExport, const Sample &sample, int64_t nTimeMs)
 {
     if (!pExport->pAudio)
         return 1;
-    const Codec *pCodec = AudioOf(pExport);
     ByteReader piece{nullptr, 0};
     int64_t nSamples = 0;
     int64_t nAll = 0;
-    for (ByteReader in{sample.pData, sample.nBytes}; NextPiece(pCodec, &in, &piece, &nSamples);)
+    for (ByteReader in{sample.pData, sample.nBytes}; NextPiece(pExport, &in, &piece, &nSamples);)
         nAll += nSamples;
     SoundClockBlock(&pExport->clock, nTimeMs, nAll);
-    for (ByteReader in{sample.pData, sample.nBytes}; NextPiece(pCodec, &in, &piece, &nSamples);)
+    for (ByteReader in{sample.pData, sample.nBytes}; NextPiece(pExport, &in, &piece, &nSamples);)
         if (!WritePiece(pExport, piece, nSamples))
             return 0;
     return 1;
@@ -534,6 +576,8 @@ int ExportContainer(Recording *pRecording, const std::string &out)
     work.pRecording = pRecording;
     av_log_set_level(AV_LOG_WARNING);
     int bGood = Run(&work, out);
+    if (bGood)
+        SayDamage(pRecording, work.damage);
     avcodec_free_context(&work.transcoder.pDecoder);
     avcodec_free_context(&work.transcoder.pEncoder);
     av_frame_free(&work.transcoder.pDecoded);

@@ -61,8 +61,9 @@ static const struct {
       "completes recordings that were interrupted, in place; one that is whole is left alone"},
      Repair},
     {{"export", "FILE OUT", 2, 2,
-      "by the ending of OUT: .h264, .mjpeg, .g711 or .amr for the bare media, .mp4 or .mkv with time stamps, "
-      "key frames and audio"},
+      "by the ending of OUT: .h264, .h265, .mjpeg, .g711, .amr or .aac for the bare media, .mp4 or .mkv with "
+      "time "
+      "stamps, key frames and audio; a file that is there is replaced when the export is whole"},
      Export},
 };
 

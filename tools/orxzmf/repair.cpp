@@ -83,7 +83,10 @@ static int RunRepair(const std::string &path, ZMFRepair *pRepair)
     ProgressEnd(&progress, "repairing", path);
     if (nResult == ZMF_REPAIR_BROKEN)
         return Refuse(path, pRepair->szReason);
-    return nResult == ZMF_REPAIR_DONE ? Say(path, *pRepair) : -1;
+    if (nResult == ZMF_REPAIR_DONE)
+        return Say(path, *pRepair);
+    printf("%s: whole, and left alone\n", path.c_str());
+    return ReportCheck(path);  // whether it is sound is another matter
 }
 
 int RepairRecording(const std::string &path)

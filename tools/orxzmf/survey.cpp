@@ -7,6 +7,7 @@
 #include "base/bytes.h"
 #include "record/depacketise.h"
 #include "record/jpegparts.h"
+#include "record/nalunit.h"
 
 namespace orx {
 
@@ -36,15 +37,20 @@ __attribute__((format(printf, 2, 3))) static void Fault(Survey *pSurvey, const c
     pSurvey->faults.push_back(szText);
 }
 
-static int IsH264Whole(const Sample &sample)
+static int AreUnitsWhole(const Sample &sample)
 {
     ByteReader in{sample.pData, sample.nBytes};
-    while (in.nLeft > 0) {
-        uint32_t nUnit = ReadBe(&in, 2);
-        if (nUnit < 3 || !ReadBytes(&in, nUnit - 2))
-            return 0;
+    uint32_t nUnit = 0;
+    while (NalNext(&in, &nUnit)) {
     }
-    return sample.nBytes > 0;
+    return sample.nBytes > 0 && in.nLeft == 0;
+}
+
+// A key frame holds what a decoder begins with, and what begins with parameter sets is one.
+static int IsFlagRight(const Codec *pCodec, const Sample &sample)
+{
+    NalSummary found = NalSummarise(pCodec->pNal, sample.pData, sample.nBytes);
+    return IsKeyFrame(sample.head) ? found.bKey : !found.bSetFirst;
 }
 
 static int IsJpegWhole(const Sample &sample)
@@ -80,11 +86,11 @@ static void CheckVideo(Check *pCheck, const Sample &sample)
         Fault(pSurvey, "picture at byte %" PRIu64 ": time runs back from %u to %u ms", sample.nPos,
               pCheck->nLastVideoMs, sample.head.nTimeMs);
     pCheck->nLastVideoMs = sample.head.nTimeMs;
-    int bWhole = nForm == FORM_UNITS ? IsH264Whole(sample) : nForm == FORM_JPEG ? IsJpegWhole(sample) : 1;
+    int bWhole = nForm == FORM_UNITS ? AreUnitsWhole(sample) : nForm == FORM_JPEG ? IsJpegWhole(sample) : 1;
     if (!bWhole)
         Fault(pSurvey, "picture at byte %" PRIu64 " (%u ms): its parts do not fill it", sample.nPos,
               sample.head.nTimeMs);
-    else if (nForm == FORM_UNITS && ((sample.pData[2] & 0x1F) == NAL_SPS) != IsKeyFrame(sample.head))
+    else if (nForm == FORM_UNITS && !IsFlagRight(pCheck->pRecording->codecs.video.pCodec, sample))
         Fault(pSurvey, "picture at byte %" PRIu64 " (%u ms): wrong key-frame flag", sample.nPos,
               sample.head.nTimeMs);
 }
@@ -94,6 +100,9 @@ static void CheckAudio(Check *pCheck, const Sample &sample)
     const SdpCodec &audio = pCheck->pRecording->codecs.audio;
     if (FormOf(audio) == FORM_AMR && !IsAmrWhole(sample, CodecIsWideband(audio.pCodec)))
         Fault(pCheck->pSurvey, "audio at byte %" PRIu64 " (%u ms): broken AMR frames", sample.nPos,
+              sample.head.nTimeMs);
+    if (FormOf(audio) == FORM_AAC && !AreUnitsWhole(sample))
+        Fault(pCheck->pSurvey, "audio at byte %" PRIu64 " (%u ms): its units do not fill it", sample.nPos,
               sample.head.nTimeMs);
 }
 
@@ -155,9 +164,8 @@ static void CheckHeader(Check *pCheck)
     const ZMFReader *pReader = pCheck->pRecording->pReader;
     const ZMFileHeader *pHead = &pReader->head;
     Survey *pSurvey = pCheck->pSurvey;
-    if (pHead->nVersion != kZmfVersion)
-        pSurvey->notes.push_back("version " + std::to_string(pHead->nVersion) + ", not " +
-                                 std::to_string(kZmfVersion));
+    if (pHead->nVersion != kZmfVersion && pHead->nVersion != kZmfWideVersion)
+        pSurvey->notes.push_back("version " + std::to_string(pHead->nVersion) + " is not known");
     if (pHead->nIdxSize > 0 && pCheck->nNextEntry < pReader->nIndex && pSurvey->nVideo > 0)
         Fault(pSurvey, "index entry %u points behind the last record", pCheck->nNextEntry);
     if (pReader->bInterrupted) {
