@@ -634,6 +634,7 @@ static int TakeAacPart(Depacketiser *pTrack, const RtpPacket *pPacket, uint32_t 
         Discard(pTrack);
         Append(pTrack, prefix, sizeof(prefix));
         pTrack->bOpen = 1;
+        pTrack->nOpenUnit = static_cast<int>(nUnit);
         pTrack->nFrameTime = nTimeMs;
         pTrack->nFrameRtp = pPacket->nRtpTime;
     }
@@ -679,8 +680,8 @@ int WriteAacRtpData(Depacketiser *pTrack, const uint8_t *pPacket, uint32_t nByte
     if (in.bFailed || nHeads < kAacHeaderBytes)
         return 1;
     uint32_t nFirst = GetBe(heads.p, kAacHeaderBytes) >> 3;
-    int bOpen = nHeads == kAacHeaderBytes && pTrack->bOpen && bNext && packet.nRtpTime == pTrack->nFrameRtp &&
-                nFirst + kUnitHeadBytes == GetBe(pTrack->pFrame, 2);
+    int bOpen = pTrack->bOpen && bNext && packet.nRtpTime == pTrack->nFrameRtp &&
+                static_cast<int>(nFirst) == pTrack->nOpenUnit;
     if (nHeads == kAacHeaderBytes && (bOpen || nFirst > in.nLeft))
         return TakeAacPart(pTrack, &packet, nFirst, bOpen, in, nTimeMs);
     return TakeAacUnits(pTrack, heads, in, nTimeMs);

@@ -45,7 +45,8 @@ struct Depacketiser {
     int bUntilKey = 0;        // a frame was left out: those that refer to it are, too
     int bWide = 0;            // the frame has a unit with a wide length
     int bSaid = 0;            // a packet that cannot be used was spoken of
-    int nOpenUnit = -1;       // H.264, H.265: where in pFrame the unit begins that fragments are added to
+    int nOpenUnit = -1;       // H.264, H.265: where in pFrame the unit begins that fragments are added to;
+                              // AAC: the size of the unit of which parts came. -1: none
     int bSeqKnown = 0;
     uint16_t nSeq = 0;         // of the last packet
     uint64_t nFirstKinds = 0;  // H.264, H.265: types of units that whole frames have begun with, one bit each

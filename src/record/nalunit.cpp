@@ -75,7 +75,7 @@ NalSummary NalSummarise(const NalForm *pForm, const uint8_t *pPicture, uint32_t 
     for (int bFirst = 1; const uint8_t *pUnit = NalNext(&in, &nUnit); bFirst = 0) {
         NalKind nKind = pForm->pfnKind(NalType(pForm, *pUnit));
         found.bSlice |= nKind == NAL_IS_SLICE || nKind == NAL_IS_KEY_SLICE;
-        found.bKey |= nKind == NAL_IS_KEY_SLICE || nKind == NAL_IS_SEQUENCE_SET;
+        found.bKey |= nKind == NAL_IS_KEY_SLICE || nKind == NAL_IS_SEQUENCE_SET || nKind == NAL_IS_VIDEO_SET;
         found.nSets |= IsNalSet(nKind) ? NalSetBit(nKind) : 0;
         if (bFirst) {
             found.bSequenceFirst = nKind == NAL_IS_SEQUENCE_SET;

@@ -56,7 +56,7 @@ const uint8_t *NalNext(ByteReader *pIn, uint32_t *pnBytes);
 // What a recorded picture holds.
 struct NalSummary {
     int bSlice = 0;
-    int bKey = 0;            // a key frame: a parameter set of a sequence, or a key slice
+    int bKey = 0;            // a key frame: a parameter set of video or sequence, or a key slice
     uint8_t nSets = 0;       // kinds of parameter sets, a bit each: NalSetBit
     int bSetFirst = 0;       // it begins with a parameter set of video or sequence
     int bSequenceFirst = 0;  // with that of a sequence

@@ -15,7 +15,6 @@ namespace orx {
 
 constexpr uint8_t kRtpVersion2 = 0x80;
 constexpr uint8_t kRtpMarker = 0x80;
-constexpr uint32_t kGatherBytes = 1462;  // units of fewer bytes share a packet; one of so many is cut up
 constexpr uint32_t kAmrFramesPerPacket = 15;
 constexpr uint32_t kFrameMs = 20;  // of speech in one AMR frame and one G.711 packet
 constexpr uint32_t kG711Bytes = 160;
@@ -143,8 +142,8 @@ static int StartsKey(PicturePacker *pPacker, uint32_t nType)
     return bKey;
 }
 
-// A unit of 1462 bytes and more, as fragments. Returns the packets made; fewer than asked for with *pbFailed
-// set.
+// A unit that does not fit a packet, as fragments. Returns the packets made; fewer than asked for with
+// *pbFailed set.
 static int PackFragments(PicturePacker *pPacker, const uint8_t *pUnit, uint32_t nUnit, int bLastUnit,
                          int *pbFailed)
 {
@@ -171,13 +170,14 @@ static int PackFragments(PicturePacker *pPacker, const uint8_t *pUnit, uint32_t 
     return nPackets;
 }
 
-// Counts the units at the front that share one packet.
-static uint32_t CountShared(ByteReader in)
+// Counts the units at the front that share one packet. None: the first is cut up, into two parts or more.
+static uint32_t CountShared(const NalForm *pForm, ByteReader in)
 {
+    const uint32_t nMost = kMaxPayload + pForm->nHead;
     uint32_t nUnits = 0;
     uint32_t nUnit = 0;
     uint32_t nSum = 0;
-    while (NalNext(&in, &nUnit) && nSum + nUnit < kGatherBytes) {
+    while (NalNext(&in, &nUnit) && nSum + nUnit <= nMost) {
         nSum += nUnit;
         nUnits++;
     }
@@ -234,7 +234,7 @@ static int PackPicture(RtpOut *pOut, const NalForm *pForm, ByteReader in, uint32
     int nPackets = 0;
     int bFailed = 0;
     while (in.nLeft > 0 && !bFailed) {
-        uint32_t nShared = CountShared(in);
+        uint32_t nShared = CountShared(pForm, in);
         if (nShared > 0) {
             bFailed = !PackUnits(&packer, &in, nShared);
             nPackets += !bFailed;

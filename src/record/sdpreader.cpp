@@ -3,6 +3,7 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 
 #include "base/mediatype.h"
@@ -133,6 +134,48 @@ int SdpReadRtpMap(std::string_view text, SdpPlace nPlace, SdpRtpMap *pOut)
     size_t nChannels = value.find('/', nSlash + 1);
     pOut->nChannels = nChannels < nLine ? TextToInt(value.substr(nChannels + 1)) : 2;
     return 1;
+}
+
+static std::string_view StaticMap(std::string_view format)
+{
+    static const struct {
+        std::string_view format, line;
+    } maps[] = {{"0", "a=rtpmap:0 PCMU/8000\r\n"},
+                {"8", "a=rtpmap:8 PCMA/8000\r\n"},
+                {"26", "a=rtpmap:26 JPEG/90000\r\n"}};
+    for (const auto &map : maps)
+        if (map.format == format)
+            return map.line;
+    return {};
+}
+
+char *SdpWithStaticMaps(const char *szSdp)
+{
+    constexpr size_t kRoom = 28;  // for the longest line, and the end of the line before it
+    SdpWalk walk = SdpSections(szSdp, SDP_LINE);
+    SdpSection section;
+    size_t nRoom = strlen(szSdp) + 1;
+    while (SdpNextSection(&walk, &section))
+        nRoom += kRoom;
+    auto *szOut = static_cast<char *>(malloc(nRoom));
+    if (!szOut)
+        return nullptr;
+    TextBuf out{szOut, nRoom};
+    walk = SdpSections(szSdp, SDP_LINE);
+    TextAddBytes(&out, szSdp, strlen(szSdp) - walk.left.size());
+    while (SdpNextSection(&walk, &section)) {
+        SdpMedia media;
+        std::string_view value;
+        TextAddBytes(&out, section.own.data(), section.own.size());
+        if (SdpFind(section.own, "a=rtpmap:", SDP_LINE, &value) ||
+            !SdpReadMedia(section.own, SDP_MEDIA_LINE, &media))
+            continue;
+        std::string_view line = StaticMap(media.format);
+        if (!line.empty() && !section.own.ends_with('\n'))
+            TextAdd(&out, "\r\n");
+        TextAddBytes(&out, line.data(), line.size());
+    }
+    return szOut;
 }
 
 std::string_view SdpReadFormat(std::string_view text)

@@ -62,6 +62,10 @@ struct SdpRtpMap {
 // Returns 1; 0 without such a line; -1 when its blank or its first '/' is missing.
 int SdpReadRtpMap(std::string_view text, SdpPlace nPlace, SdpRtpMap *pOut);
 
+// A copy of a description in which every section of a static payload type that this system knows (RFC 3551,
+// section 6) has its rtpmap line: encoders leave it out. The caller's, to free; null without memory.
+char *SdpWithStaticMaps(const char *szSdp);
+
 // What follows the payload type in the first "a=fmtp:" line; empty without one.
 std::string_view SdpReadFormat(std::string_view text);
 // The value of a parameter of it, "name=value" between semicolons, the name without regard to case; empty

@@ -22,6 +22,7 @@ constexpr uint32_t kPauseGapMs = 20;  // later than the last sample, and no more
 // Records after the time base among which times may lie before it: sound and picture of one moment come one
 // after the other.
 constexpr uint32_t kEarlyRecords = 6;
+constexpr int32_t kLeadMs = 1000;    // pictures that lead a key frame may be shown so much before it
 constexpr int32_t kAudioGapMs = 10;  // between samples; less is rounding
 constexpr char kAlarmPrefix[] = "ALARM:";
 
@@ -357,8 +358,10 @@ static int PlaceInTime(ZMFWriter *pWriter, uint32_t nTimeMs, char chMedia, uint3
         pWriter->bRebase = 0;
     } else {
         int32_t nDiff = ClockDiff(nTimeMs, pWriter->nTimeBase);
-        if (nDiff <= 0 && !ORX_PEER_ASSERT(pWriter->file.uSampleCount - pWriter->nBaseCount < kEarlyRecords,
-                                           "pWriter->uSampleCount < 6"))
+        int bLeads = IsPatient(pWriter) && nDiff > -kLeadMs;
+        if (nDiff <= 0 && !bLeads &&
+            !ORX_PEER_ASSERT(pWriter->file.uSampleCount - pWriter->nBaseCount < kEarlyRecords,
+                             "pWriter->uSampleCount < 6"))
             return -1;
         *pnRelative = nDiff > 0 ? static_cast<uint32_t>(nDiff) : 0;
     }

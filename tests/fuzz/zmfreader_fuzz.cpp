@@ -59,6 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
     if (!pReader)
         return 0;
     ORX_ASSERT(ReadToEnd(pReader) <= nBytes, "no more than the file");
+    ORX_ASSERT(pReader->nBuffer <= kZmfMaxWideBytes, "the buffer has a bound");
     Seek(pReader);
     Step(pReader);
     ReadToEnd(pReader);
