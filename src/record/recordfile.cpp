@@ -146,15 +146,6 @@ int RecordFileSetAppData(RecordFile *pFile, uint32_t nBytes, const void *pData)
     return 1;
 }
 
-static void EncodeIndex(const RecordFile *pFile, uint8_t *pOut)
-{
-    memset(pOut, 0, kZmfIdxBytes);
-    for (uint32_t i = 0; i < pFile->nCurIdxId; i++) {
-        PutBe(pOut + i * kZmfEntryBytes, 4, pFile->index[i].nPos);
-        PutBe(pOut + i * kZmfEntryBytes + 4, 4, pFile->index[i].nTimeMs);
-    }
-}
-
 static void FormatTime(TextBuf *pText, time_t tWhen)
 {
     tm local{};
@@ -185,6 +176,7 @@ static int RewriteHead(RecordFile *pFile, int bFinal)
 {
     uint8_t bytes[kZmfHeadBytes + kZmfIdxBytes];
     ZMFileHeader head = pFile->head;
+    head.nIdxInterval = pFile->index.nInterval;
     if (bFinal) {
         head.uDuration = pFile->uDuration;
         head.uVideoSamples = pFile->uVideoSamples;
@@ -193,18 +185,14 @@ static int RewriteHead(RecordFile *pFile, int bFinal)
         head.uKeyFrames = pFile->uKeyFrames;
     }
     ZMFileHeaderEncode(&head, bytes);
-    EncodeIndex(pFile, bytes + kZmfHeadBytes);
+    KeyIndexEncode(&pFile->index, bytes + kZmfHeadBytes);
     return FileOutPatch(&pFile->out, 0, bytes, sizeof(bytes));
 }
 
-// Keeps every second entry, so that the index reaches twice as far.
 static int HalveIndex(RecordFile *pFile)
 {
     print("======nCurIdxId >= DEF_IDX_COUNT======\r");
-    for (uint32_t i = 0; i < DEF_IDX_COUNT / 2; i++)
-        pFile->index[i] = pFile->index[2 * i];
-    pFile->nCurIdxId = DEF_IDX_COUNT / 2;
-    pFile->head.nIdxInterval = static_cast<uint16_t>(pFile->head.nIdxInterval * 2);
+    KeyIndexHalve(&pFile->index);
     if (RewriteHead(pFile, 0) && FileOutFlush(&pFile->out))
         return 1;
     pFile->out.bFailed =
@@ -214,17 +202,10 @@ static int HalveIndex(RecordFile *pFile)
 
 int RecordFileAddKeyFrame(RecordFile *pFile, uint32_t nTimeMs)
 {
-    // the interval has 16 bits, so that it doubles up to 0x8000
-    if (pFile->nCurIdxId >= DEF_IDX_COUNT && pFile->head.nIdxInterval < 0x8000 && !HalveIndex(pFile))
+    if (KeyIndexIsFull(&pFile->index) && !HalveIndex(pFile))
         return -1;
     uint64_t nPos = FileOutPos(&pFile->out) - pFile->uDataBeginOffset;
-    int bTurn = pFile->uKeyFrames % pFile->head.nIdxInterval == 0 && pFile->nCurIdxId < DEF_IDX_COUNT;
-    if (bTurn && nPos <= UINT32_MAX) {  // beyond 4 GB a seek walks on from the last entry
-        pFile->index[pFile->nCurIdxId].nPos = static_cast<uint32_t>(nPos);
-        pFile->index[pFile->nCurIdxId].nTimeMs = nTimeMs;
-        pFile->nCurIdxId++;
-    }
-    pFile->uKeyFrames++;
+    KeyIndexAdd(&pFile->index, pFile->uKeyFrames++, nPos, nTimeMs);
     return 1;
 }
 
@@ -302,8 +283,9 @@ static int KeepWholeRecords(RecordFile *pFile)
     if (!FileOutCut(&pFile->out, pOut->nWritten + nKeep))
         return 0;
     uint64_t nEnd = pOut->nWritten - pFile->uDataBeginOffset;
-    while (pFile->nCurIdxId > 0 && pFile->index[pFile->nCurIdxId - 1].nPos >= nEnd)
-        pFile->nCurIdxId--;
+    KeyIndex *pIndex = &pFile->index;
+    while (pIndex->nUsed > 0 && pIndex->entries[pIndex->nUsed - 1].nPos >= nEnd)
+        pIndex->nUsed--;
     pFile->all = pFile->reached = counts;
     pFile->uDuration = counts.uDuration;
     pFile->uVideoSamples = counts.uVideoSamples;
@@ -321,7 +303,7 @@ static void Complete(RecordFile *pFile)
 {
     if (!FileOutFlush(&pFile->out) && (!NeverLoses(pFile) || !KeepWholeRecords(pFile)))
         return;
-    ORX_ASSERT(pFile->nCurIdxId == 0 || pFile->index[0].nPos == 0,
+    ORX_ASSERT(pFile->index.nUsed == 0 || pFile->index.entries[0].nPos == 0,
                "index[0].pos == 0 || index[0].pos == pWriter->uDataBeginOffset");
     if (!RewriteHead(pFile, 1))
         return;
@@ -424,10 +406,10 @@ int RecordFileBeginNext(RecordFile *pFile)
     if (pFile->pszSdp && !RecordFileSetSdp(pFile, pFile->pszSdp))
         return 0;
     pFile->uDuration = pFile->uVideoSamples = pFile->uTextSamples = pFile->uUserSamples = 0;
-    pFile->uSampleCount = pFile->uKeyFrames = pFile->nCurIdxId = 0;
+    pFile->uSampleCount = pFile->uKeyFrames = 0;
     pFile->all = pFile->reached = RecordCounts{};
+    pFile->index = KeyIndex{};
     pFile->head.nVersion = kZmfVersion;
-    pFile->head.nIdxInterval = 1;
     pFile->head.nFileSeq++;
     return 1;
 }

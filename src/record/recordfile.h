@@ -9,6 +9,7 @@
 #include <ctime>
 
 #include "record/fileout.h"
+#include "record/keyindex.h"
 #include "record/rules.h"
 #include "record/storage.h"
 #include "record/zmfile.h"
@@ -44,8 +45,7 @@ struct RecordFile {
     uint32_t uUserSamples = 0;
     uint32_t uSampleCount = 0;  // records written
     uint32_t uKeyFrames = 0;
-    uint32_t nCurIdxId = 0;  // index entries in use
-    ZMFIndexEntry index[DEF_IDX_COUNT];
+    KeyIndex index;
     RecordCounts all;      // of the records so far
     RecordCounts reached;  // of those that are in the file, not only in its buffer
     uint64_t nSynced = 0;  // bytes that a power cut leaves; 0: not even the name
