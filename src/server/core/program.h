@@ -35,9 +35,10 @@ struct MediaLine {
     int bKnown = 0;           // a packet has come; the next two are set
     uint32_t nMs = 0;         // of the last packet, of whatever track
     uint32_t nArrivedMs = 0;  // ClockMs then
-    int bJumped = 0;          // the next two are set
-    uint32_t nJumpedMs = 0;   // ClockMs at the jump
-    uint32_t nJump = 0;       // what was added to the times of the track
+    int bJumped = 0;          // what follows is set
+    unsigned nJumpTrack = 0;
+    uint32_t nJumpedMs = 0;  // ClockMs at the jump
+    uint32_t nJump = 0;      // what was added to the times of the track
 };
 
 struct MediaInfo {

@@ -11,7 +11,7 @@ namespace orx {
 
 constexpr int32_t kAheadMs = 10000;  // by which stamps may run ahead of the time that goes by between packets
 constexpr int32_t kBackMs = 1000;    // and go back, as they do where pictures are shown in another order
-// The tracks of a camera whose clock is set jump one after the other within this, and nearly by the same.
+// The tracks of a camera whose clock is set jump one after the other within this, and often by the same.
 constexpr uint32_t kOneJumpMs = 5000;
 constexpr int32_t kSameJumpMs = 1000;
 
@@ -84,16 +84,18 @@ static uint32_t JoinLine(const MediaLine *pLine, uint32_t nMs)
     return nOff > kAheadMs || nOff < -kAheadMs ? nDue - nMs : 0;
 }
 
-// A jump by nJump ms. Sets it to that of another track where both are one. Returns the block's flags.
-static uint32_t NoteJump(MediaLine *pLine, uint32_t *pnJump)
+// A jump of a track by nJump ms. Where another's was the same shortly before, sets it to that, so that they
+// stay together. Returns the block's flags.
+static uint32_t NoteJump(MediaLine *pLine, unsigned nTrack, uint32_t *pnJump)
 {
     int32_t nOff = ClockDiff(*pnJump, pLine->nJump);
-    if (pLine->bJumped && ClockMs() - pLine->nJumpedMs < kOneJumpMs && nOff < kSameJumpMs &&
-        nOff > -kSameJumpMs) {
-        *pnJump = pLine->nJump;  // they stay together
+    if (pLine->bJumped && pLine->nJumpTrack != nTrack && ClockMs() - pLine->nJumpedMs < kOneJumpMs) {
+        if (nOff < kSameJumpMs && nOff > -kSameJumpMs)
+            *pnJump = pLine->nJump;
         return DB_JUMP;
     }
     pLine->bJumped = 1;
+    pLine->nJumpTrack = nTrack;
     pLine->nJumpedMs = ClockMs();
     pLine->nJump = *pnJump;
     return DB_JUMP | DB_SPLIT;
@@ -112,10 +114,10 @@ static uint32_t FollowLine(Program *pProg, unsigned nTrack, int bFirst, uint32_t
         nJump = JoinLine(pLine, *pMs);
     } else if (ClockDiff(*pMs, TimeNow(pClock->nMs, pClock->nArrivedMs)) > kAheadMs ||
                ClockDiff(*pMs, pClock->nMs) < -kBackMs) {
-        nJump = TimeNow(pClock->nMs, pClock->nArrivedMs) + 1 -
-                *pMs;  // one that was read with the last follows it
+        uint32_t nDue = TimeNow(pClock->nMs, pClock->nArrivedMs) + 1;  // behind one that came with it
+        nJump = nDue - *pMs;
         int bData = static_cast<int>(nTrack) == pProg->desc.nDataTrack;
-        nFlags = bData ? DB_JUMP : NoteJump(pLine, &nJump);
+        nFlags = bData ? DB_JUMP : NoteJump(pLine, nTrack, &nJump);
     }
     pClock->nTimeShift += nJump;
     *pMs += nJump;

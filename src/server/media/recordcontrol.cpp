@@ -84,11 +84,13 @@ static void WriteAlways(Program *pProg, const DataBlock *pBlock)
     AlwaysRecorded *pAlways = &pProg->always;
     if (pAlways->pRecorder && pAlways->pRecorder->bOver)
         EndAlways(pProg);
-    int bWait = pAlways->bTried && ClockMs() - pAlways->nTriedMs < kAlwaysAgainMs;
-    if (!pAlways->pRecorder && !bWait && BlockStartsKey(pBlock))
-        BeginAlways(pProg);
-    if (pAlways->pRecorder)
+    if (pAlways->pRecorder) {
         RecorderWrite(pAlways->pRecorder, pProg, pBlock);
+        return;
+    }
+    int bWait = pAlways->bTried && ClockMs() - pAlways->nTriedMs < kAlwaysAgainMs;
+    if (!bWait && BlockStartsKey(pBlock))
+        BeginAlways(pProg);  // with this block, the newest of the cache
 }
 
 void RecordersWrite(Program *pProg, const DataBlock *pBlock)
