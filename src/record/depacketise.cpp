@@ -74,6 +74,12 @@ static void Discard(Depacketiser *pTrack)
     pTrack->bWide = 0;
 }
 
+void DepacketiserForget(Depacketiser *pTrack)
+{
+    Discard(pTrack);
+    pTrack->bOpen = pTrack->bSkip = pTrack->bSeqKnown = 0;
+}
+
 // Drops the open frame: what it has, and what still comes of it.
 static void SkipFrame(Depacketiser *pTrack)
 {

@@ -59,6 +59,9 @@ struct Depacketiser {
 // Gives back the buffer and the parameter sets and forgets what was begun; the record can be used again.
 void DepacketiserReset(Depacketiser *pTrack);
 
+// Forgets what was begun, and where the packets were: the next one need not follow the last.
+void DepacketiserForget(Depacketiser *pTrack);
+
 // Takes a packet that came at nTimeMs. Returns 1 when it was taken or ignored, otherwise what the sample
 // procedure gave, or -1 for a packet that ends the recording.
 using DepacketProc = int (*)(Depacketiser *pTrack, const uint8_t *pPacket, uint32_t nBytes, uint32_t nTimeMs);

@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
@@ -212,15 +211,27 @@ static int MakeRoom(ZMFWriter *pWriter, const char *szDir, int nSteps)
     return eResult != RoomResult::None;
 }
 
-int ZMFWriterSetReserveMinSpace(ZMFWriter *pWriter, uint32_t nSpaceInMB, int bDeleteOldest)
+RoomResult ZMFWriterReserveStep(ZMFWriter *pWriter, uint32_t nSpaceInMB, int bDeleteOldest)
 {
     ORX_ASSERT(nSpaceInMB > 0, "nSpaceInMB > 0");
+    if (pWriter->room.eStage != RoomStage::Idle)
+        return StorageRoomStep(&pWriter->room);
     pWriter->nSpaceInMB = nSpaceInMB;
     pWriter->bDeleteOldest = bDeleteOldest;
     char szDir[kStoragePathSize];
     if (!StorageDirOf(szDir, sizeof(szDir), pWriter->file.szFile))
-        return 1;
-    return MakeRoom(pWriter, szDir, INT_MAX);
+        return RoomResult::There;
+    return StorageRoomBegin(&pWriter->room, szDir, pWriter->szRoot != nullptr, nSpaceInMB, bDeleteOldest,
+                            &pWriter->rules, pWriter->szRoot);
+}
+
+int ZMFWriterSetReserveMinSpace(ZMFWriter *pWriter, uint32_t nSpaceInMB, int bDeleteOldest)
+{
+    RoomResult eResult;
+    do
+        eResult = ZMFWriterReserveStep(pWriter, nSpaceInMB, bDeleteOldest);
+    while (eResult == RoomResult::More);
+    return eResult != RoomResult::None;
 }
 
 int ZMFWriterWriteHead(ZMFWriter *pWriter)
@@ -601,6 +612,13 @@ int ZMFWriterWriteRtpPacket(ZMFWriter *pWriter, const uint8_t *pPacket, uint32_t
         memcmp(packet.pPayload, kAlarmPrefix, nPrefix) != 0)
         return 1;
     return ZMFWriterWriteSample(pWriter, packet.pPayload, packet.nPayload, nTimeMs, SampleType(chMedia, 0));
+}
+
+void ZMFWriterMarkHole(ZMFWriter *pWriter)
+{
+    FlushAudio(pWriter);  // what fails here fails for the next record again
+    DepacketiserForget(&pWriter->video);
+    DepacketiserForget(&pWriter->audio);
 }
 
 void ZMFWriterMarkJump(ZMFWriter *pWriter)

@@ -95,6 +95,8 @@ int ZMFWriterSetLimits(ZMFWriter *pWriter, uint32_t nSecondsPerFile, uint32_t nT
 // Keeps nSpaceInMB (>0) megabytes free where the files go, and makes that room now. Returns 1, or 0 when
 // there is not so much and nothing (more) may be deleted.
 int ZMFWriterSetReserveMinSpace(ZMFWriter *pWriter, uint32_t nSpaceInMB, int bDeleteOldest);
+// The same a step at a time, for who serves others in between.
+RoomResult ZMFWriterReserveStep(ZMFWriter *pWriter, uint32_t nSpaceInMB, int bDeleteOldest);
 
 // Writes header, index, SDP and application data. Returns 1, or 0 on a write error.
 int ZMFWriterWriteHead(ZMFWriter *pWriter);
@@ -122,6 +124,10 @@ int ZMFWriterWriteSample(ZMFWriter *pWriter, const uint8_t *pData, uint32_t nByt
 int ZMFWriterTick(ZMFWriter *pWriter);
 // One more step to make room, for who has time between two seconds. Returns 1 while there are more.
 int ZMFWriterRoomStep(ZMFWriter *pWriter);
+
+// Says that packets are missing before the next one, which begins a key frame: what was begun of sound and
+// picture ends here.
+void ZMFWriterMarkHole(ZMFWriter *pWriter);
 
 // Says that the clock of the media jumps with the next packet: the file ends here. Does nothing without
 // rules.bNeverLose.

@@ -25,7 +25,19 @@ struct MediaClock {
     int bTimeKnown = 0;         // a packet has come; the rest is set
     uint32_t nLastRtpTime = 0;  // of the last packet
     int64_t nExtTime = 0;       // the same extended to 64 bits, so that its wrap does not reach the cache
-    uint32_t nTimeShift = 0;    // StandardPushers: added to its ms, so that all tracks share a time line
+    uint32_t nTimeShift = 0;    // added to its ms, so that all tracks share a time line that does not jump
+    uint32_t nMs = 0;           // NeverLose: what the last packet got
+    uint32_t nArrivedMs = 0;    // and ClockMs then
+};
+
+// NeverLose: where the tracks of a program are in time, and their last jump.
+struct MediaLine {
+    int bKnown = 0;           // a packet has come; the next two are set
+    uint32_t nMs = 0;         // of the last packet, of whatever track
+    uint32_t nArrivedMs = 0;  // ClockMs then
+    int bJumped = 0;          // the next two are set
+    uint32_t nJumpedMs = 0;   // ClockMs at the jump
+    uint32_t nJump = 0;       // what was added to the times of the track
 };
 
 struct MediaInfo {
@@ -90,6 +102,15 @@ struct ProgramSleep {
     int bSleeping = 0;
 };
 
+// The recording of a program that is recorded whenever it is there (see recordcontrol.h).
+struct AlwaysRecorded {
+    int bWanted = 0;
+    Recorder *pRecorder = nullptr;  // null: the next key frame begins one
+    int bFailed = 0;                // the last one could not be opened, which was said
+    uint32_t nTriedMs = 0;          // ClockMs when the last one was over, with bTried
+    int bTried = 0;
+};
+
 // A flush of the players that takes several tasks.
 struct PlayerFlush {
     Session *pNext = nullptr;  // where it goes on: one of players; null when none is under way
@@ -112,7 +133,9 @@ struct Program {
     FileReader *reader = nullptr;  // of a recording; null for live
     Recorder *recorders[kMaxRecorders] = {};
     int nRecorders = 0;
+    AlwaysRecorded always;  // beside those
     Description desc;
+    MediaLine line;
     PacketCache cache;
     PlayerFlush flush;
     KeyWatch keyWatch;  // what the key-frame test remembers of the video track

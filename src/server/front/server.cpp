@@ -21,6 +21,7 @@
 #include "server/core/settings.h"
 #include "server/front/events.h"
 #include "server/front/remoteservices.h"
+#include "server/media/storagecare.h"
 #include "server/methods/accounts.h"
 #include "server/methods/attempts.h"
 #include "server/methods/auth.h"
@@ -49,11 +50,15 @@ static void SeedRandom()
     srand(nSeed);
 }
 
-// What an earlier run left unfinished is settled before the directory is used again.
-static void PrepareStorage()
+// What an earlier run left unfinished is settled before the directory is used again. Where nothing is to be
+// lost, it is repaired later.
+static void PrepareStorage(PathList *pInterrupted)
 {
-    StorageRecover(g_settings.szRecordPath, g_settings.bConfineRecordings || g_settings.bNeverLose);
+    StorageRecover(g_settings.szRecordPath, g_settings.bConfineRecordings || g_settings.bNeverLose,
+                   g_settings.bNeverLose ? pInterrupted : nullptr);
     StorageMakeDir(g_settings.szRecordPath);
+    if (g_settings.szRecordAlways[0] && !g_settings.bRecord)
+        print("RecordAlways is set, but nothing is recorded: RecordEnable is 0.\r\n");
 }
 
 static int CreatePortMgr()
@@ -129,16 +134,19 @@ int ServerStart(const char *szConfigPath)
     SeedRandom();
     AssertSurvivePeerFaults(g_settings.bSurvivePeerFaults);
     ThreadAllowNoPriority(g_settings.bRunUnprivileged);
-    PrepareStorage();
+    PathList interrupted;
+    PrepareStorage(&interrupted);
     RegistryInit(OnFreePort);
     int bReady = CreatePortMgr() && CreateAuth() && CreateScheduler() && DiskStart(&g_server.scheduler) &&
                  MonitorCreate(&g_server.monitor, OnMonitorEvent, nullptr);
     if (!bReady) {
+        PathListFree(&interrupted);
         ServerStop();
         return 0;
     }
     MonitorSetBurstProc(&g_server.monitor, OnMonitorBurst);
     OpenListener();
+    StorageCareStart(&interrupted);
     if (!RemoteServicesStart()) {
         ServerStop();
         return 0;
@@ -146,13 +154,18 @@ int ServerStart(const char *szConfigPath)
     return 1;
 }
 
-// What recordings have queued still reaches the disk, unless that stalls.
-static void StopDisk()
+// What recordings have queued still reaches the disk, unless that stalls. Returns 0 then: the disk thread
+// holds on to what it works on.
+static int StopDisk()
 {
     constexpr uint32_t kMostMs = 10000;
     size_t nLost = DiskStop(kMostMs);
     if (nLost > 0)
-        print("The disk stalls: %zu bytes are lost.\r\n", nLost);
+        print(
+            "The disk stalls: the last %zu bytes of recordings are lost, and their files stay "
+            "interrupted.\r\n",
+            nLost);
+    return nLost == 0;
 }
 
 void ServerStop()
@@ -167,7 +180,8 @@ void ServerStop()
     AvlDestroy(&g_server.programMap);
     SessionEndAll();
     ProgramEndAll();
-    StopDisk();
+    StorageCareStop();
+    int bDiskEnded = StopDisk();
     AvlDestroy(&g_server.portMap);
     AvlDestroy(&g_server.sessionMap);
     AvlDestroy(&g_server.handleMap);
@@ -175,7 +189,8 @@ void ServerStop()
     PortMgrFree(g_server.pPortMgr);
     delete g_server.pPortMgr;
     AuthFree(g_server.pAuth);
-    ClearServer();
+    if (bDiskEnded)  // else its thread reads the settings yet
+        ClearServer();
 }
 
 // A request of the main thread that the scheduler thread answers.

@@ -28,6 +28,7 @@ Program *CreateLiveProgram(const char *szPath, const char *szSdp, size_t nSdp)
         return nullptr;
     pProg->bLive = 1;
     pProg->sleep.tIdleSince = ClockUptime();
+    pProg->always.bWanted = RecordedAlways(szPath);
     pProg->desc.szSdp = g_settings.bStandardPushers ? SdpWithStaticMaps(szSdp) : strdup(szSdp);
     if (pProg->desc.szSdp && SdpParse(&pProg->desc, pProg->desc.szSdp, 1, 0) && ProgramReady(pProg))
         return pProg;

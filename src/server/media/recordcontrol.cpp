@@ -1,10 +1,18 @@
 #include "server/media/recordcontrol.h"
 
+#include <strings.h>
+
+#include <cstring>
+#include <utility>
+
 #include "base/assertion.h"
+#include "base/console.h"
 #include "runtime/clock.h"
 #include "server/core/settings.h"
 
 namespace orx {
+
+static constexpr uint32_t kAlwaysAgainMs = 5000;  // after the end of a recording that is to run always
 
 // Takes a recorder out and moves the last one into its place.
 static Recorder *TakeRecorder(Program *pProg, int i)
@@ -21,8 +29,72 @@ static void DropOver(Program *pProg, int i)
         RecorderClose(TakeRecorder(pProg, i));
 }
 
+// Whether a name is another's, which stands for any rest when it ends with '*'.
+static int Matches(const char *szName, const char *szPattern, size_t nPattern)
+{
+    int bRest = nPattern > 0 && szPattern[nPattern - 1] == '*';
+    return bRest ? strncasecmp(szName, szPattern, nPattern - 1) == 0
+                 : strlen(szName) == nPattern && strncasecmp(szName, szPattern, nPattern) == 0;
+}
+
+int RecordedAlways(const char *szPath)
+{
+    const char *p = g_settings.szRecordAlways;
+    for (size_t nName; g_settings.bRecord && *(p += strspn(p, " \t")); p += nName) {
+        nName = strcspn(p, " \t");
+        if (Matches(PathName(szPath), p, nName))
+            return 1;
+    }
+    return 0;
+}
+
+int RecordersWant(const Program *pProg)
+{
+    return pProg->always.bWanted || (g_settings.bNeverLose && pProg->nRecorders > 0);
+}
+
+// What could not be opened is said once, and again when it was open in between.
+static void EndAlways(Program *pProg)
+{
+    AlwaysRecorded *pAlways = &pProg->always;
+    int bFailed = !pAlways->pRecorder->bOpened;
+    if (bFailed && !pAlways->bFailed)
+        print("Program(%s) cannot be recorded now: this is tried every %u s.\r\n", pProg->Uri,
+              kAlwaysAgainMs / 1000);
+    pAlways->bFailed = bFailed;
+    pAlways->bTried = 1;
+    pAlways->nTriedMs = ClockMs();
+    RecorderClose(std::exchange(pAlways->pRecorder, nullptr));
+}
+
+static void BeginAlways(Program *pProg)
+{
+    AlwaysRecorded *pAlways = &pProg->always;
+    RecordOrder order;
+    order.bAgain = pAlways->bFailed;
+    RecorderOpening *pOpening = nullptr;
+    Recorder *pRecorder = RecorderNew(pProg, &order, 0, &pOpening);
+    if (pRecorder)
+        RecorderOpen(pRecorder, pOpening);
+    pAlways->pRecorder = pRecorder;
+}
+
+static void WriteAlways(Program *pProg, const DataBlock *pBlock)
+{
+    AlwaysRecorded *pAlways = &pProg->always;
+    if (pAlways->pRecorder && pAlways->pRecorder->bOver)
+        EndAlways(pProg);
+    int bWait = pAlways->bTried && ClockMs() - pAlways->nTriedMs < kAlwaysAgainMs;
+    if (!pAlways->pRecorder && !bWait && BlockStartsKey(pBlock))
+        BeginAlways(pProg);
+    if (pAlways->pRecorder)
+        RecorderWrite(pAlways->pRecorder, pProg, pBlock);
+}
+
 void RecordersWrite(Program *pProg, const DataBlock *pBlock)
 {
+    if (pProg->always.bWanted)
+        WriteAlways(pProg, pBlock);
     for (int i = pProg->nRecorders - 1; i >= 0; i--) {
         RecorderWrite(pProg->recorders[i], pProg, pBlock);
         DropOver(pProg, i);
@@ -31,6 +103,8 @@ void RecordersWrite(Program *pProg, const DataBlock *pBlock)
 
 void RecordersClose(Program *pProg)
 {
+    if (pProg->always.pRecorder)
+        RecorderClose(std::exchange(pProg->always.pRecorder, nullptr));
     while (pProg->nRecorders > 0)
         RecorderClose(TakeRecorder(pProg, pProg->nRecorders - 1));
 }

@@ -1,4 +1,6 @@
-// Recording of live programs: which recordings run, and who feeds them. Scheduler thread only.
+// Recording of live programs: which recordings run, and who feeds them. A program of [STORAGE] RecordAlways
+// has one of its own, which nobody but its pusher ends and which begins again by itself. Scheduler thread
+// only.
 #pragma once
 
 #include "base/datablock.h"
@@ -21,10 +23,15 @@ RecordStart StartRecord(Session *pSession, const RecordOrder *pOrder);
 // when the request is held until that is done, and StopRecord called again.
 int StopRecord(Session *pSession);
 
+// Whether a program of this path is one of [STORAGE] RecordAlways.
+int RecordedAlways(const char *szPath);
+// Whether the program is to get all that its camera sees, for a recording that runs or will.
+int RecordersWant(const Program *pProg);
+
 // Hands a cached packet to every running recording of the program; one that has ended leaves.
 void RecordersWrite(Program *pProg, const DataBlock *pBlock);
 
-// Stops every recording of the program, the last one first.
+// Stops every recording of the program.
 void RecordersClose(Program *pProg);
 
 }  // namespace orx

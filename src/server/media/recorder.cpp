@@ -78,6 +78,12 @@ static void Remember(Recorder *pRecorder)
 
 // --- Opening: the job carries all that it needs of the program ---
 
+enum class OpeningStage {
+    Create,   // the file
+    Room,     // for it, a step at a time
+    Packets,  // of the time before
+};
+
 struct Opening {
     RecorderOpening opening;  // first
     Recorder *pRecorder = nullptr;
@@ -87,7 +93,7 @@ struct Opening {
     char *szSdp = nullptr;  // owned
     uint32_t nPreRecord = 0;
     List packets;  // PacketJobs of the time before, owned
-    int bBegun = 0;
+    OpeningStage eStage = OpeningStage::Create;
 };
 
 // A packet on its way to the writer. Its data follows it.
@@ -97,6 +103,8 @@ struct PacketJob {
     uint32_t nTimeMs;
     uint32_t nBytes;
     char chMedia;
+    int bSplit;  // it begins a new file
+    int bHole;   // packets are missing before it
 };
 
 static Opening *OpeningOf(DiskJob *pJob)
@@ -165,32 +173,50 @@ static ZMFWriter *CreateConfined(const Opening *p, const char *szFile)
                : nullptr;
 }
 
+static void TellStart(const Opening *p, const char *szFile)
+{
+    print("StartRecord(%s) Limited=%dseconds, PreRecord=%useconds\r\n", PrintableText(szFile).sz,
+          p->order.nLimitSeconds, p->nPreRecord);
+}
+
 // Opens the first file of a recording; null, with the cause printed, when it cannot be made.
 static ZMFWriter *OpenWriter(const Opening *p)
 {
     char szFile[kStoragePathSize] = "";
     ZMFWriter *pWriter = nullptr;
+    int bQuiet = p->order.bAgain;  // but for what succeeds
     ChooseName(p, szFile, sizeof(szFile));
     if (g_settings.bConfineRecordings && (pWriter = CreateConfined(p, szFile)))
         ZMFWriterFileName(pWriter, szFile, sizeof(szFile));  // the name that was free
-    print("StartRecord(%s) Limited=%dseconds, PreRecord=%useconds\r\n", PrintableText(szFile).sz,
-          p->order.nLimitSeconds, p->nPreRecord);
+    if (!bQuiet)
+        TellStart(p, szFile);
     if (!g_settings.bConfineRecordings)
         pWriter = CreateWriter(p, szFile);
-    if (!pWriter) {
+    if (!pWriter && !bQuiet)
         print("Create record file(%s) failed!\r\n", PrintableText(szFile).sz);
-        return nullptr;
-    }
-    if (ZMFWriterSetReserveMinSpace(pWriter, g_settings.nReserveMegabytes, g_settings.bAutoDelOldFile))
-        return pWriter;
-    print("NOT enough storage space to record!!!\n");
-    ZMFWriterDiscard(pWriter);
-    return nullptr;
+    return pWriter;
+}
+
+// A step towards the room that a recording needs. One that there is none for ends, which is printed.
+static int MakeRoom(Opening *p, ZMFWriter *pWriter)
+{
+    RoomResult eResult =
+        ZMFWriterReserveStep(pWriter, g_settings.nReserveMegabytes, g_settings.bAutoDelOldFile);
+    if (eResult == RoomResult::There)
+        p->eStage = OpeningStage::Packets;
+    if (eResult == RoomResult::None && !p->order.bAgain)
+        print("NOT enough storage space to record!!!\n");
+    return eResult != RoomResult::None;
 }
 
 // Label, description, limits and header. 1 or 0.
 static int BeginFile(ZMFWriter *pWriter, const Opening *p)
 {
+    if (p->order.bAgain) {
+        char szFile[kStoragePathSize] = "";
+        ZMFWriterFileName(pWriter, szFile, sizeof(szFile));
+        TellStart(p, szFile);
+    }
     ZMFWriterSetLabel(pWriter, p->szNick);
     return ZMFWriterSetSdp(pWriter, p->szSdp) &&
            ZMFWriterSetLimits(pWriter, g_settings.nMinutePerFile * 60,
@@ -200,6 +226,10 @@ static int BeginFile(ZMFWriter *pWriter, const Opening *p)
 
 static int WritePacket(ZMFWriter *pWriter, const PacketJob *p)
 {
+    if (p->bHole)
+        ZMFWriterMarkHole(pWriter);
+    if (p->bSplit)
+        ZMFWriterMarkJump(pWriter);
     return ZMFWriterWriteRtpPacket(pWriter, reinterpret_cast<const uint8_t *>(p + 1), p->nBytes, p->chMedia,
                                    p->nTimeMs);
 }
@@ -219,22 +249,34 @@ static int WriteFromBefore(Opening *p)
     return 1;
 }
 
+// A step. Returns 1, or 0 when the recording cannot be made.
+static int OpenStep(Opening *p)
+{
+    Recorder *pRecorder = p->pRecorder;
+    switch (p->eStage) {
+        case OpeningStage::Create:
+            pRecorder->pWriter = OpenWriter(p);
+            p->eStage = OpeningStage::Room;
+            return pRecorder->pWriter != nullptr;
+        case OpeningStage::Room:
+            return MakeRoom(p, pRecorder->pWriter) &&
+                   (p->eStage == OpeningStage::Room || BeginFile(pRecorder->pWriter, p));
+        case OpeningStage::Packets:
+            break;
+    }
+    return WriteFromBefore(p);
+}
+
 static int RunOpening(DiskJob *pJob)
 {
     Opening *p = OpeningOf(pJob);
     Recorder *pRecorder = p->pRecorder;
-    int bOk = 1;
-    if (!p->bBegun) {
-        p->bBegun = 1;
-        pRecorder->pWriter = OpenWriter(p);
-        bOk = pRecorder->pWriter && BeginFile(pRecorder->pWriter, p);
-    } else {
-        bOk = WriteFromBefore(p);
-    }
-    if (bOk && ListCount(&p->packets) > 0)
+    int bOk = OpenStep(p);
+    if (bOk && (p->eStage != OpeningStage::Packets || ListCount(&p->packets) > 0))
         return 0;
     p->opening.bOpen = bOk;
     if (bOk) {
+        pRecorder->bOpened = 1;
         Remember(pRecorder);
         return 1;
     }
@@ -305,7 +347,13 @@ static PacketJob *NewPacket(Recorder *pRecorder, const Program *pProg, const Dat
     auto *p = static_cast<PacketJob *>(malloc(sizeof(PacketJob) + nBytes));
     if (!p)
         return nullptr;
-    *p = PacketJob{{}, pRecorder, pBlock->nTimestamp, nBytes, MediaLetter(pProg, pBlock)};
+    *p = PacketJob{{},
+                   pRecorder,
+                   pBlock->nTimestamp,
+                   nBytes,
+                   MediaLetter(pProg, pBlock),
+                   (pBlock->nFlags & DB_SPLIT) != 0,
+                   0};
     p->job.pfnRun = RunPacket;
     p->job.nBytes = sizeof(PacketJob) + nBytes;
     memcpy(p + 1, BlockData(pBlock) + kInterleaveBytes, nBytes);
@@ -321,46 +369,58 @@ struct HoleJob {
 static int RunHole(DiskJob *pJob)
 {
     auto *p = reinterpret_cast<HoleJob *>(pJob);
-    print("The disk is too slow: %u ms of %s are not recorded.\r\n", p->nMs, PrintableText(p->szUri).sz);
+    PrintableText uri(p->szUri);
+    print("The disk is too slow: %u ms of %s are not recorded.\r\n", p->nMs, uri.sz);
+    if (g_settings.bNeverLose)
+        log("The disk is too slow: %u ms of %s are not recorded.", p->nMs, uri.sz);
     free(p);
     return 1;
 }
 
-static void TellHole(Recorder *pRecorder, const Program *pProg, uint32_t nNowMs)
+static void TellHole(Recorder *pRecorder, const Program *pProg)
 {
     auto *p = static_cast<HoleJob *>(malloc(sizeof(HoleJob)));
     if (!p)
         return;
-    *p = HoleJob{{}, nNowMs - pRecorder->nHoleMs, ""};
+    *p = HoleJob{{}, ClockMs() - pRecorder->nHoleMs, ""};
     TextCopy(p->szUri, sizeof(p->szUri), pProg->Uri);
     p->job.pfnRun = RunHole;
     DiskPostLazy(&pRecorder->lane, &p->job);
 }
 
+static void BeginHole(Recorder *pRecorder)
+{
+    if (!pRecorder->bHole)
+        pRecorder->nHoleMs = ClockMs();
+    pRecorder->bHole = 1;
+}
+
 // Whether a packet goes to the disk. After a hole not before half the room is free again, and from a key
 // frame on.
-static int MayWrite(Recorder *pRecorder, const Program *pProg, const DataBlock *pBlock)
+static int MayWrite(Recorder *pRecorder, const DataBlock *pBlock)
 {
     auto nMost = static_cast<size_t>(Megabytes(g_settings.nWriteQueueMegabytes));
     size_t nWaiting = DiskBytesWaiting();
-    if (!pRecorder->bHole && nWaiting < nMost)
-        return 1;
-    if (!pRecorder->bHole) {
-        pRecorder->bHole = 1;
-        pRecorder->nHoleMs = pBlock->nTimestamp;
-    }
-    if (nWaiting > nMost / 2 || (pBlock->nFlags & (DB_VIDEO | DB_KEY)) != (DB_VIDEO | DB_KEY))
-        return 0;
-    TellHole(pRecorder, pProg, pBlock->nTimestamp);
-    pRecorder->bHole = 0;
-    return 1;
+    if (!pRecorder->bHole && nWaiting >= nMost)
+        BeginHole(pRecorder);
+    return !pRecorder->bHole || (nWaiting <= nMost / 2 && BlockStartsKey(pBlock));
 }
 
 void RecorderWrite(Recorder *pRecorder, const Program *pProg, const DataBlock *pBlock)
 {
-    PacketJob *p = MayWrite(pRecorder, pProg, pBlock) ? NewPacket(pRecorder, pProg, pBlock) : nullptr;
-    if (p)
-        DiskPostLazy(&pRecorder->lane, &p->job);
+    PacketJob *p = MayWrite(pRecorder, pBlock) ? NewPacket(pRecorder, pProg, pBlock) : nullptr;
+    if (!p) {
+        BeginHole(pRecorder);
+        pRecorder->bSplit |= (pBlock->nFlags & DB_SPLIT) != 0;
+        return;
+    }
+    if (pRecorder->bHole) {
+        TellHole(pRecorder, pProg);
+        p->bHole = 1;
+        p->bSplit |= pRecorder->bSplit;
+        pRecorder->bHole = pRecorder->bSplit = 0;
+    }
+    DiskPostLazy(&pRecorder->lane, &p->job);
 }
 
 // --- From the cache, and the end ---
@@ -373,7 +433,7 @@ static DataBlock *FindPreRecordStart(const Program *pProg, uint32_t nSeconds)
     while (p && p->node.pPrev &&
            ClockDiff(pNewest->nTimestamp, p->nTimestamp) < static_cast<int32_t>(nSeconds * 1000))
         p = PrevBlock(p);
-    while (p && (p->nFlags & (DB_VIDEO | DB_KEY)) != (DB_VIDEO | DB_KEY))
+    while (p && !BlockStartsKey(p))
         p = NextBlock(p);
     return p;
 }
@@ -400,6 +460,17 @@ Recorder *RecorderNew(const Program *pProg, const RecordOrder *pOrder, uint32_t 
     }
     *ppOpening = &p->opening;
     return pRecorder;
+}
+
+static void OnOpened(DiskJob *pJob)
+{
+    FreeOpening(reinterpret_cast<HeldJob *>(pJob));
+}
+
+void RecorderOpen(Recorder *pRecorder, RecorderOpening *pOpening)
+{
+    pOpening->held.job.pfnDone = OnOpened;
+    DiskPost(&pRecorder->lane, &pOpening->held.job);
 }
 
 struct Closing {

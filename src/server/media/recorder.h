@@ -20,6 +20,7 @@ struct RecordOrder {
     int nLimitSeconds = 0;               // 0: none
     int bNamed = 0;                      // by the request, otherwise by the date layout
     char szFile[kStoragePathSize] = "";  // its name; empty when that is too long
+    int bAgain = 0;                      // the last try failed: another failure says nothing
 };
 
 struct Recorder {
@@ -28,8 +29,10 @@ struct Recorder {
     std::atomic<int> bOver{0};  // nothing is written any more: the disk thread has closed the writer
     // A hole that the queue for the disk has left: nothing is taken up to the next key frame.
     int bHole = 0;
-    uint32_t nHoleMs = 0;  // media time at which it begins
+    uint32_t nHoleMs = 0;  // ClockMs when it began
+    int bSplit = 0;        // a jump lies in it
     // The disk thread's.
+    int bOpened = 0;               // a file was open; to be read by others once bOver is set
     ZMFWriter *pWriter = nullptr;  // null before the file is open, and when it is closed
     Recorder *pNextOpen = nullptr;
 };
@@ -45,6 +48,9 @@ struct RecorderOpening {
 // memory.
 Recorder *RecorderNew(const Program *pProg, const RecordOrder *pOrder, uint32_t nPreRecord,
                       RecorderOpening **ppOpening);
+
+// Posts that job for nobody who waits.
+void RecorderOpen(Recorder *pRecorder, RecorderOpening *pOpening);
 
 // Hands over a copy of a packet. What the queue for the disk has no room for is left out, up to a key frame.
 void RecorderWrite(Recorder *pRecorder, const Program *pProg, const DataBlock *pBlock);

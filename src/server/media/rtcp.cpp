@@ -268,13 +268,19 @@ static void SendTrackReport(Session *pSession, int nTrack, int bBye, DataBlock *
         BlockListAppend(&pSession->out.Outq, pBlock);
 }
 
-static void SendFirstRtcpReport(Session *pSession, int nTrack, const uint8_t *pRtp, DataBlock *pAfter)
+// Reports count from this packet on.
+static void BeginCount(SessionTrack *pTrack, const uint8_t *pRtp)
 {
-    SessionTrack *pTrack = &pSession->tracks[nTrack];
     timeval now{};
     gettimeofday(&now, nullptr);
     pTrack->nFirstSentRtpTime = GetBe(pRtp + 4, 4);
     pTrack->nClockBase = RtpClock(pTrack->nTimeScale, &now);
+}
+
+static void SendFirstRtcpReport(Session *pSession, int nTrack, const uint8_t *pRtp, DataBlock *pAfter)
+{
+    SessionTrack *pTrack = &pSession->tracks[nTrack];
+    BeginCount(pTrack, pRtp);
     pTrack->nSsrc = GetBe(pRtp + 8, 4);
     print("SendFirstRtcpReport():\r\n");
     SendTrackReport(pSession, nTrack, 0, pAfter);
@@ -289,6 +295,8 @@ void RtcpNotePacketSent(Session *pSession, int nTrack, const uint8_t *pRtp, size
     pTrack->nOctets += static_cast<uint32_t>(nLen - kRtpHeaderBytes);
     if (pTrack->nPackets++ == 0)
         SendFirstRtcpReport(pSession, nTrack, pRtp, pAfter);
+    else if (pAfter->nFlags & DB_JUMP)
+        BeginCount(pTrack, pRtp);
 }
 
 static int ReportDue(const Session *pSession)

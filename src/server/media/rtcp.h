@@ -37,8 +37,8 @@ void NtpTimeToString(uint32_t nNtpSec, uint32_t nNtpFrac, char *szOut, size_t nS
 void RtcpDump(const uint8_t *pPacket, size_t nLen, uint32_t nClockRate);
 
 // Notes that a media packet (RTP header at pRtp, nLen bytes) of track i was written completely: counters, and
-// on the first one the clock base and the first report. pAfter is the block just sent, still at the head of
-// the queue.
+// on the first one the clock base and the first report, on one whose stamp jumps the base anew. pAfter is the
+// block just sent, still at the head of the queue.
 void RtcpNotePacketSent(Session *pSession, int nTrack, const uint8_t *pRtp, size_t nLen, DataBlock *pAfter);
 
 // The report cycle, at most every 10 seconds. Returns 1 when reports were made, else 0. Over TCP the reports
