@@ -25,7 +25,8 @@ inline AccountPlace PlaceOf(const Program *pProg)
 int AccountsFind(const AccountPlace *pPlace, const char *szUser, Account *pOut);
 
 // Whether an account of the configuration may see the program of a path: the super user any, others one that
-// their list names: anywhere in it, or with StrictRoles whole, between blanks, commas, semicolons and bars.
+// their list names: anywhere in it, or with StrictRoles whole, between blanks, commas, semicolons and bars; a
+// recording in a program's directory, or in a day of it, then counts as that program.
 int MaySeeProgram(const Account *pAccount, const char *szPath);
 
 // Where the authenticator looks.

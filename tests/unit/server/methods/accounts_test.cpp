@@ -70,4 +70,33 @@ TEST(Accounts, AreFoundInTheCamerasText)
     EXPECT_EQ(-1, AccountsFind(nullptr, "user999", &account));
 }
 
+// A list, a path, and whether it may be seen without and with StrictRoles.
+TEST(Accounts, CountRecordingsAsTheirProgram)
+{
+    TestCore core;
+    static const std::tuple<const char *, const char *, int, int> cases[] = {
+        {"cam", "/cam/20260101/S120000.zmf", 0, 1},
+        {"dog, /cam", "/cam//20260101/S120000.ZMF/", 0, 1},
+        {"cam", "/cam/front.zmf", 0, 1},
+        {"cam", "/cam/20260101/S120000.txt", 0, 0},
+        {"cam", "/camera/20260101/S120000.zmf", 0, 0},
+        {"cam", "/cam/../dog/20260101/S120000.zmf", 0, 0},
+        {"live/cam1", "/live/cam1/20260101/S120000.zmf", 0, 1},
+        {"live", "/live/cam1/20260101/S120000.zmf", 0, 0},
+        {"cam1", "/live/cam1/20260101/S120000.zmf", 0, 0},
+        {"live/cam10", "/live/cam1/20260101/S120000.zmf", 0, 0},
+        {"keep/a.zmf", "/keep/a.zmf", 1, 1},
+        {"20260101", "/20260101/S120000.zmf", 0, 1},  // a program may be called so
+        {"", "/S120000.zmf", 0, 0},
+    };
+    for (const auto &[szList, szPath, bLoose, bStrict] : cases) {
+        Account account;
+        TextCopy(account.szDevices, sizeof(account.szDevices), szList);
+        for (int bRoles : {0, 1}) {
+            g_settings.bStrictRoles = bRoles;
+            EXPECT_EQ(bRoles ? bStrict : bLoose, MaySeeProgram(&account, szPath)) << szList << " " << szPath << bRoles;
+        }
+    }
+}
+
 }  // namespace orx
