@@ -115,8 +115,33 @@ static void DropCutNetwork(char *szList, size_t nSize)
     *pLast = '\0';
 }
 
+// --- The log, from which nobody waits for the disk while its thread runs ---
+
+static DiskLane g_logLane;
+static DiskJob g_logJob;  // in the lane, or nobody's
+
+static int RunLogJob(DiskJob *)
+{
+    return LogWriteSome();
+}
+
+static void PostLogJob()
+{
+    DiskPostLazy(&g_logLane, &g_logJob);
+}
+
+static int StartDisk()
+{
+    if (!DiskStart(&g_server.scheduler))
+        return 0;
+    g_logJob.pfnRun = RunLogJob;
+    LogDivert(PostLogJob);
+    return 1;
+}
+
 int ServerStart(const char *szConfigPath)
 {
+    tzset();  // which reads a file
     ClearServer();
     if (!SettingsRead(&g_settings, szConfigPath)) {
         ClearServer();
@@ -131,7 +156,7 @@ int ServerStart(const char *szConfigPath)
     ThreadAllowNoPriority(g_settings.bRunUnprivileged);
     PrepareStorage();
     RegistryInit(OnFreePort);
-    int bReady = CreatePortMgr() && CreateAuth() && CreateScheduler() && DiskStart(&g_server.scheduler) &&
+    int bReady = CreatePortMgr() && CreateAuth() && CreateScheduler() && StartDisk() &&
                  MonitorCreate(&g_server.monitor, OnMonitorEvent, nullptr);
     if (!bReady) {
         ServerStop();
@@ -153,6 +178,8 @@ static void StopDisk()
     size_t nLost = DiskStop(kMostMs);
     if (nLost > 0)
         print("The disk stalls: %zu bytes are lost.\r\n", nLost);
+    else
+        LogDivert(nullptr);  // a disk that stalls would take this thread, too
 }
 
 void ServerStop()
