@@ -21,6 +21,7 @@
 #include "server/core/settings.h"
 #include "server/front/events.h"
 #include "server/front/remoteservices.h"
+#include "server/methods/accountfile.h"
 #include "server/methods/accounts.h"
 #include "server/methods/attempts.h"
 #include "server/methods/auth.h"
@@ -73,6 +74,7 @@ static int CreateScheduler()
 static int CreateAuth()
 {
     AttemptsReset();
+    AccountFileLoad(g_settings.szConfigPath);
     g_server.pAuth = AuthCreate(g_settings.nAuthType, kRealm, GetUserAccount, g_settings.bFreshNonce);
     if (!g_server.pAuth)
         print("No authenticator for AuthType %u (%s): set AuthType to 0, 1 or 2.\r\n", g_settings.nAuthType,
@@ -202,6 +204,7 @@ void ServerStop()
     PortMgrFree(g_server.pPortMgr);
     delete g_server.pPortMgr;
     AuthFree(g_server.pAuth);
+    AccountFileFree();
     ClearServer();
 }
 
