@@ -19,7 +19,7 @@ static void OnHeldDone(DiskJob *pJob)
 
 HeldJob *HeldJobPost(Session *pSession, DiskLane *pLane, HeldJob *pHeld)
 {
-    HeldJobForget(pSession);
+    SessionForgetJob(pSession);
     pHeld->nSession = pSession->nHandle;
     pHeld->job.pfnDone = OnHeldDone;
     pSession->hold.pJob = pHeld;
@@ -33,13 +33,6 @@ HeldJob *HeldJobTake(Session *pSession)
 {
     HeldJob *pHeld = pSession->hold.pJob;
     return pHeld && pHeld->bDone ? std::exchange(pSession->hold.pJob, nullptr) : nullptr;
-}
-
-void HeldJobForget(Session *pSession)
-{
-    HeldJob *pHeld = std::exchange(pSession->hold.pJob, nullptr);
-    if (pHeld && pHeld->bDone)
-        pHeld->pfnFree(pHeld);
 }
 
 }  // namespace orx

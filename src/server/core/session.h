@@ -219,6 +219,9 @@ int SessionClosePort(Session *pSession, Port *pPort);
 // The same for the connection that replies and media go out on.
 int SessionCloseReplyPort(Session *pSession);
 
+// Nobody waits any more for what was asked of the disk (hold.pJob): it goes when it is done.
+void SessionForgetJob(Session *pSession);
+
 // The connections of a session, each null when it has gone. They are one but for a tunnel, whose requests
 // come on one and whose replies go on the other.
 Port *SessionPeerPort(const Session *pSession);   // the peer's: that of requests, else that of replies

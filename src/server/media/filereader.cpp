@@ -39,7 +39,7 @@ static void FreeBatch(void *, void *pItem)
 
 // --- Opening and closing ---
 
-static void Describe(FileReader *p)
+static void TakeFacts(FileReader *p)
 {
     p->szSdp = ZMFReaderSdp(p->pFile);
     p->uDuration = ZMFReaderDuration(p->pFile);
@@ -57,7 +57,7 @@ FileReader *FileReaderNew(ZMFReader *pFile)
     ListUsedDefMap(&p->batches, 0);
     p->pFile = pFile;
     if (pFile)
-        Describe(p);
+        TakeFacts(p);
     return p;
 }
 
@@ -108,7 +108,7 @@ FileReader *FileReaderOpened(HeldJob *pHeld)
     auto *p = reinterpret_cast<Opening *>(pHeld);
     FileReader *pReader = p->pReader->pFile ? std::exchange(p->pReader, nullptr) : nullptr;
     if (pReader)
-        Describe(pReader);
+        TakeFacts(pReader);
     FreeOpening(pHeld);
     return pReader;
 }
@@ -169,7 +169,7 @@ static int RunReading(DiskJob *pJob)
     return 1;
 }
 
-static void OnRead(DiskJob *pJob)
+static void OnBatchRead(DiskJob *pJob)
 {
     Batch *p = BatchOf(pJob);
     FileReader *pReader = p->pReader;
@@ -191,7 +191,7 @@ static void ReadAhead(FileReader *pReader)
         return;
     p->pReader = pReader;
     p->job.pfnRun = RunReading;
-    p->job.pfnDone = OnRead;
+    p->job.pfnDone = OnBatchRead;
     pReader->bReading = 1;
     DiskPost(&pReader->lane, &p->job);
 }
