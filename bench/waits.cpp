@@ -308,6 +308,7 @@ static void Freezing(const Bench *pBench)
                 std::string list;
                 EXPECT_EQ(1, RtspWaitBytes(&other, 9, &list));
                 EXPECT_EQ("PlayList:", list);
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
                 RtspClose(&other);
             }
             EXPECT_EQ(0, ioctl(disk.fd, FITHAW, 0));
