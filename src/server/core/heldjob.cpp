@@ -24,7 +24,9 @@ HeldJob *HeldJobPost(Session *pSession, DiskLane *pLane, HeldJob *pHeld)
     pHeld->job.pfnDone = OnHeldDone;
     pSession->hold.pJob = pHeld;
     DiskPost(pLane, &pHeld->job);
-    return HeldJobTake(pSession);
+    HeldJob *pDone = HeldJobTake(pSession);
+    pSession->hold.bStep |= !pDone;  // this is no wait for a wrong password
+    return pDone;
 }
 
 HeldJob *HeldJobTake(Session *pSession)

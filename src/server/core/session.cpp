@@ -217,6 +217,7 @@ int SessionClosePort(Session *pSession, Port *pPort)
     if (pPort == pSession->hold.pPort) {
         pSession->hold.pPort = nullptr;
         pSession->hold.nScan = 0;
+        pSession->hold.bStep = 0;
         SessionForgetJob(pSession);
     }
     PortClose(pPort);

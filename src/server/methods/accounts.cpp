@@ -5,27 +5,14 @@
 #include <cstring>
 
 #include "base/console.h"
-#include "base/inifile.h"
 #include "base/textbuf.h"
 #include "record/daywalk.h"
 #include "record/storage.h"
 #include "server/core/registry.h"
 #include "server/core/settings.h"
+#include "server/methods/accountfile.h"
 
 namespace orx {
-
-// Looks the user up in the configuration file, which is read and taken apart once. Results of AccountsFind.
-static int FindInFile(const char *szUser, Account *pOut)
-{
-    Profile *pProfile = ProfileInit(g_settings.szConfigPath);
-    if (!pProfile)
-        return -1;
-    AccountTable *pTable = AccountTableParse(pProfile->text);
-    ProfileFree(pProfile);
-    int bFound = AccountTableFind(pTable, szUser, pOut);
-    AccountTableFree(pTable);
-    return bFound;
-}
 
 static int Separates(char c)
 {
@@ -84,12 +71,23 @@ int MaySeeProgram(const Account *pAccount, const char *szPath)
            IsListed(pAccount->szDevices, szProgram);
 }
 
+// Whether the accounts of a place are those of its camera.
+static int CameraCounts(const AccountPlace *pPlace)
+{
+    return pPlace && !g_settings.bControlUsers && pPlace->pTable;
+}
+
+int AccountsReady(const AccountPlace *pPlace)
+{
+    return CameraCounts(pPlace) || AccountFileReady();
+}
+
 int AccountsFind(const AccountPlace *pPlace, const char *szUser, Account *pOut)
 {
     if (!pPlace)
-        return FindInFile(szUser, pOut);
-    int bCameras = !g_settings.bControlUsers && pPlace->pTable;
-    int nFound = bCameras ? AccountTableFind(pPlace->pTable, szUser, pOut) : FindInFile(szUser, pOut);
+        return AccountFileFind(szUser, pOut);
+    int nFound =
+        CameraCounts(pPlace) ? AccountTableFind(pPlace->pTable, szUser, pOut) : AccountFileFind(szUser, pOut);
     if (nFound > 0 && (!g_settings.bControlUsers || MaySeeProgram(pOut, pPlace->szPath)))
         return 1;
     if (!g_settings.bAnonymousViewer)

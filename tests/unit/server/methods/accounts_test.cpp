@@ -11,6 +11,7 @@
 #include "base/textbuf.h"
 #include "server/core/settings.h"
 #include "server/media/liveprogram.h"
+#include "server/methods/accountfile.h"
 #include "support/testcore.h"
 
 namespace orx {
@@ -20,6 +21,7 @@ TEST(Accounts, AreFoundInTheCamerasText)
 {
     TestCore core;
     WriteFile(g_settings.szConfigPath, "[USERS]\nSuperUser=boss\nSuperPwd=bosspw\nNumUsers=0\n");
+    AccountFileLoad(g_settings.szConfigPath);
     Session pusher;
     const std::string sdp = "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:trackID=0\r\n";
     Program *pProg = CreateLiveProgram("/cam", sdp.c_str(), sdp.size());
@@ -62,11 +64,13 @@ TEST(Accounts, AreFoundInTheCamerasText)
         users += "UserName" + n + "=user" + n + "\nUserPwd" + n + "=password" + n + "\nUserLevel" + n + "=1\n";
     }
     WriteFile(g_settings.szConfigPath, users);
+    AccountFileLoad(g_settings.szConfigPath);
     Account account;
     EXPECT_EQ(1, AccountsFind(nullptr, "user999", &account));
     EXPECT_STREQ("password999", account.szPassword);
     EXPECT_EQ(0, AccountsFind(nullptr, "user1000", &account));
     WriteFile(g_settings.szConfigPath, "");
+    AccountFileLoad(g_settings.szConfigPath);
     EXPECT_EQ(-1, AccountsFind(nullptr, "user999", &account));
 }
 
