@@ -284,6 +284,15 @@ static int BeginSeek(ZMFReader *pReader, uint32_t nTimeMs)
            ORX_PEER_ASSERT(pSeek->nNext > kZmfHeadBytes, "uStartFilePos > sizeof(ZMFileHeader)");
 }
 
+// Whether the key frame looked for lies before a record or is it. Sound may be ahead of the pictures around
+// it, and what refers to a key frame has come before the next one: only a picture tells exactly.
+static int EndsSeek(const ZMFReader *pReader, const ZMFRecordHead *pHead)
+{
+    if (pReader->bExactSeek)
+        return pHead->chMedia == 'v' && pHead->nTimeMs > pReader->seek.nTimeMs;
+    return pHead->nTimeMs >= pReader->seek.nTimeMs;
+}
+
 // Looks for the first record of the time or later that follows a key frame. 1 with the key frame in the
 // state, 0 when there is none, -1 when it takes another step.
 static int LookForTime(ZMFReader *pReader, uint32_t nWork)
@@ -293,9 +302,10 @@ static int LookForTime(ZMFReader *pReader, uint32_t nWork)
     ZMFRecordHead head;
     int nResult;
     while ((nResult = RecordWalkNext(&walk, &head)) > 0) {
-        if (IsKeyRecord(&head))
+        int bBehind = pReader->bExactSeek && head.nTimeMs > pSeek->nTimeMs;
+        if (IsKeyRecord(&head) && !(bBehind && pSeek->nKeyPos != 0))
             pSeek->nKeyPos = walk.nPos;
-        if (pSeek->nKeyPos != 0 && head.nTimeMs >= pSeek->nTimeMs)
+        if (pSeek->nKeyPos != 0 && EndsSeek(pReader, &head))
             return 1;
     }
     pSeek->nNext = walk.nNext;

@@ -45,6 +45,7 @@ struct ZMFReader {
     int bCurrent = 0;         // there is such a time
 
     SeekState seek;
+    int bExactSeek = 0;                     // the caller's: see ZMFReaderSeek
     struct KeyFrame *pKeyFrames = nullptr;  // table of the key-frame mode, owned
     int nKeyFrames = 0;
     int nKeyPos = 0;  // index into it; -1 before the first, nKeyFrames behind the last
@@ -71,8 +72,9 @@ void ZMFReaderClose(ZMFReader *pReader);
 const uint8_t *ZMFReaderNextSample(ZMFReader *pReader, int *pnBytes);
 
 // Moves to the key frame that playback from nTimeMs starts with: the last one up to the first record of that
-// time or later. Returns its record, which is the next one to be handed out, and its time in *pnReachedMs.
-// Null, with the position kept, from the duration on or when there is none.
+// time or later; with bExactSeek the last one of that time or earlier, else the first one. Returns its
+// record, which is the next one to be handed out, and its time in *pnReachedMs. Null, with the position kept,
+// from the duration on or when there is none.
 const uint8_t *ZMFReaderSeek(ZMFReader *pReader, uint32_t nTimeMs, uint32_t *pnReachedMs);
 // The same in steps: null with *pbMore 1 when the search is not at its end. The next call for the same time
 // goes on with it.

@@ -1,7 +1,11 @@
 // Recordings played back: what comes out is what went in, whoever asks and from wherever.
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <regex>
+
+#include "base/bytes.h"
 
 #include "system/recordingtest.h"
 
@@ -55,8 +59,7 @@ TEST_F(PlaybackTest, PlaysFromWhereItIsAsked)
         };
         EXPECT_EQ(0U, play("", "0.000" + end));
         size_t nNext = pause(), nFirst = play("", "");
-        EXPECT_GE(nFirst, nNext);
-        EXPECT_LE(nFirst, nNext + 4) << "at most what was packed is lost";
+        EXPECT_EQ(nFirst, nNext) << "nothing is lost";
         pause();
         EXPECT_EQ(1250U, play("50.5-", "50.000" + end));
         EXPECT_EQ(1750U, play("70-", "70.000" + end, 1750)) << "while it plays, as some players do";
@@ -66,14 +69,72 @@ TEST_F(PlaybackTest, PlaysFromWhereItIsAsked)
         pause();
         EXPECT_EQ(500U, play("20-40", "20.000-40.000\r\n"));
         nNext = pause();
+        EXPECT_EQ(nNext / 25 * 25, play(std::to_string(nNext / 25) + ".99-", "")) << "where it stands";
+        pause();
+        EXPECT_EQ(0U, play("0-", "0.000" + end)) << "at its very beginning";
+        nNext = pause();
+        EXPECT_EQ(nNext, play("-20", "")) << "that names no start";
+        nNext = pause();
         // the end, and what lies behind it, is nowhere: it goes on where it was
-        EXPECT_LE(play("99.98-", ""), nNext + 4);
+        EXPECT_EQ(nNext, play("99.98-", ""));
         pause();
         EXPECT_EQ(2475U, play("99.979-", "99.000" + end));
         EXPECT_TRUE(Watch({&viewer}, [&] { return viewer.Units(0, Coding::H264).back().data == sent.back().data; }));
         EXPECT_EQ(0U, play("0.5-", "0.000" + end)) << "from its end back to the start";
         viewer.Units(1, Coding::G711);
         EXPECT_EQ(kWrongState, viewer.Play()) << "where to?";
+    }
+}
+
+static bool HasBye(const std::string &report)
+{
+    for (size_t nAt = 0; nAt + 4 <= report.size(); nAt += 4 + 4 * (GetBe(report.data() + nAt, 4) & 0xFFFF))
+        if (static_cast<uint8_t>(report[nAt + 1]) == 203)
+            return true;
+    return false;
+}
+
+// The wall time, in us, that a report gives to time 0 of the recording.
+static int64_t ReportedStart(const std::string &report, uint32_t nRate)
+{
+    int64_t nUs =
+        GetBe(report.data() + 8, 4) * int64_t{1000000} + (GetBe(report.data() + 12, 4) * int64_t{1000000} >> 32);
+    return nUs - GetBe(report.data() + 16, 4) * int64_t{1000000} / nRate;
+}
+
+// Sound and pictures are on one time line, in the reply and in reports, and each track's end is told when its last
+// packet was sent.
+TEST_F(PlaybackTest, TellsTimesAndTheEnd)
+{
+    server.Set("INTEROP", "StandardPlayers", "1");
+    for (const char *szRtcp : {"0", "1"}) {
+        server.Set("SERVER", "EnableRtcp", szRtcp);
+        server.Start();
+        Camera camera({Coding::H264, Coding::G711});
+        const std::string name = std::string(szRtcp) + ".zmf";
+        ASSERT_NO_FATAL_FAILURE(Record(&camera, name, 60));
+        for (RtspTransport transport : {RTSP_OVER_TCP, RTSP_OVER_UDP, RTSP_OVER_TUNNEL}) {
+            Viewer viewer(transport);
+            ASSERT_EQ(1, viewer.Prepare(Url(name)));
+            EXPECT_TRUE(std::regex_search(viewer.Play("1.5-"),
+                                          std::regex("url=" + Url(name) + "/trackID=0;seq=[0-9]+;rtptime=90001,url=" +
+                                                     Url(name) + "/trackID=1;seq=[0-9]+;rtptime=8001\r\n")));
+            EXPECT_TRUE(Watch(
+                {&viewer}, [&] { return std::ranges::count_if(viewer.reports, HasBye) == 2; }, 5000));
+            ASSERT_FALSE(viewer.packets[0].empty());
+            std::vector<int64_t> starts;
+            for (const std::string &report : viewer.reports)
+                starts.push_back(
+                    ReportedStart(report, report.substr(4, 4) == viewer.packets[0][0].substr(8, 4) ? 90000 : 8000));
+            EXPECT_EQ(*szRtcp == '1' ? 4U : 2U, starts.size()) << "a first one of each track, and the last";
+            for (int64_t nStart : starts)
+                EXPECT_NEAR(starts[0], nStart, 1000);
+            if (viewer.Dropped() == 0) {
+                EXPECT_EQ(camera.tracks[0].sent.back().data, viewer.Units(0, Coding::H264).back().data);
+                EXPECT_TRUE(JoinData(camera.tracks[1].sent).ends_with(JoinData(viewer.Units(1, Coding::G711))));
+            }
+        }
+        ASSERT_EQ(0, server.Quit());
     }
 }
 

@@ -2,11 +2,13 @@
 
 #include <strings.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 
 #include "base/console.h"
 #include "base/textbuf.h"
+#include "record/sdpreader.h"
 #include "record/storage.h"
 #include "server/core/sdp.h"
 #include "server/core/settings.h"
@@ -29,6 +31,11 @@ static void CloseReader(Program *pProg)
 
 static const ProgramOps g_fileOps = {FileSdp, FillBufferFromFile, CloseReader};
 
+int PlaysStandard(const Session *pSession)
+{
+    return g_settings.bStandardPlayers && pSession->pProg && !pSession->pProg->bLive;
+}
+
 uint32_t FileProgramDuration(const Program *pProg)
 {
     return pProg->reader ? pProg->reader->uDuration : 0;
@@ -39,7 +46,7 @@ int FileProgramSeek(Session *pSession, uint32_t nMs, uint32_t *pReached)
     FileReader *pReader = pSession->pProg->reader;
     HeldJob *pHeld = HeldJobTake(pSession);
     if (!pHeld) {
-        HeldJob *pSeeking = pReader ? FileReaderSeeking(pReader, nMs) : nullptr;
+        HeldJob *pSeeking = pReader ? FileReaderSeeking(pReader, nMs, PlaysStandard(pSession)) : nullptr;
         if (!pSeeking)
             return 0;
         pHeld = HeldJobPost(pSession, &pReader->lane, pSeeking);
@@ -84,6 +91,16 @@ static HeldJob *Open(Session *pSession, const char *szPath, int *pbMore)
     return pHeld;
 }
 
+// Cameras leave the rtpmap lines of static payload types out (RFC 3551, section 6), and so do recordings of
+// theirs.
+static int ReadDescription(Description *pDesc, const FileReader *pReader)
+{
+    char *szSdp = g_settings.bStandardPlayers ? SdpWithStaticMaps(pReader->szSdp) : nullptr;
+    int bRead = SdpParse(pDesc, szSdp ? szSdp : pReader->szSdp, 0, pReader->uDuration);
+    free(szSdp);
+    return bRead;
+}
+
 // A program of an open recording, whose owner it becomes. Null, with it closed, without a usable description.
 static Program *MakeProgram(const char *szPath, FileReader *pReader)
 {
@@ -95,8 +112,7 @@ static Program *MakeProgram(const char *szPath, FileReader *pReader)
     pProg->reader = pReader;
     pReader->pProg = pProg;
     pReader->pfnArrived = FileRecordsArrived;
-    if (pReader->szSdp && SdpParse(&pProg->desc, pReader->szSdp, 0, pReader->uDuration) &&
-        ProgramReady(pProg))
+    if (pReader->szSdp && ReadDescription(&pProg->desc, pReader) && ProgramReady(pProg))
         return pProg;
     ProgramDiscard(pProg);
     return nullptr;

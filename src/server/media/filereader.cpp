@@ -227,6 +227,7 @@ struct Seeking {
     HeldJob held;  // first
     FileReader *pReader = nullptr;
     uint32_t nMs = 0;
+    int bExact = 0;
     uint32_t nReachedMs = 0;
     int bReached = 0;
 };
@@ -235,6 +236,7 @@ static int RunSeeking(DiskJob *pJob)
 {
     auto *p = reinterpret_cast<Seeking *>(pJob);
     int bMore = 0;
+    p->pReader->pFile->bExactSeek = p->bExact;
     p->bReached = ZMFReaderSeekStep(p->pReader->pFile, p->nMs, kStepWork, &p->nReachedMs, &bMore) != nullptr;
     return !bMore;
 }
@@ -251,7 +253,7 @@ static void FreeSeeking(HeldJob *pHeld)
     delete p;
 }
 
-HeldJob *FileReaderSeeking(FileReader *pReader, uint32_t nMs)
+HeldJob *FileReaderSeeking(FileReader *pReader, uint32_t nMs, int bExact)
 {
     auto *p = new (std::nothrow) Seeking;
     if (!p)
@@ -260,6 +262,7 @@ HeldJob *FileReaderSeeking(FileReader *pReader, uint32_t nMs)
     p->held.pfnFree = FreeSeeking;
     p->pReader = pReader;
     p->nMs = nMs;
+    p->bExact = bExact;
     pReader->bSeeking = 1;
     return &p->held;
 }

@@ -33,9 +33,9 @@ FileReader *FileReaderNew(ZMFReader *pFile);
 // Closes and frees it once the disk is done with it; accepts null.
 void FileReaderClose(FileReader *pReader);
 
-// The job that moves to the key frame that playing from nMs starts with, to be posted in the reader's lane.
-// Null without memory.
-HeldJob *FileReaderSeeking(FileReader *pReader, uint32_t nMs);
+// The job that moves to the key frame that playing from nMs starts with (bExact: see ZMFReaderSeek), to be
+// posted in the reader's lane. Null without memory.
+HeldJob *FileReaderSeeking(FileReader *pReader, uint32_t nMs, int bExact);
 // What became of it: 1 with the time that was reached, or 0, and the file goes on where it was. The job goes.
 int FileReaderSought(HeldJob *pHeld, uint32_t *pReachedMs);
 

@@ -6,7 +6,9 @@
 #include "record/zmfile.h"
 #include "server/core/program.h"
 #include "server/core/settings.h"
+#include "server/media/fileprogram.h"
 #include "server/media/filereader.h"
+#include "server/media/pace.h"
 #include "server/media/rtcp.h"
 #include "server/media/send.h"
 
@@ -61,13 +63,6 @@ static void PackRecord(Session *pSession, const uint8_t *pRecord, uint32_t nByte
     pProg->cache.nSerial += static_cast<uint32_t>(nPackets);
 }
 
-// The recording is at its end: nothing more is read until the player seeks.
-static void EndFile(Session *pSession)
-{
-    pSession->nState = STATE_FINISHED;
-    pSession->play.bFinalReport = (pSession->nFlags & SESSION_RTCP) != 0;
-}
-
 // The last words to the player, once the reports before are old enough. Returns 1 when there is nothing left
 // to say.
 static int SayBye(Session *pSession)
@@ -75,6 +70,18 @@ static int SayBye(Session *pSession)
     if (pSession->nState == STATE_FINISHED && pSession->play.bFinalReport && SendRtcpBye(pSession))
         pSession->play.bFinalReport = 0;
     return pSession->nState != STATE_FINISHED || !pSession->play.bFinalReport;
+}
+
+// The recording is at its end: nothing more is read until the player seeks. Standard players wait for the
+// word: on a connection it follows the last packet; as a datagram on a socket of its own it would overtake
+// what the player has not read yet, and goes with the next run of the sender.
+static void EndFile(Session *pSession)
+{
+    int bStandard = PlaysStandard(pSession);
+    pSession->nState = STATE_FINISHED;
+    pSession->play.bFinalReport = bStandard || (pSession->nFlags & SESSION_RTCP) != 0;
+    if (bStandard && pSession->out.bInterleaved)
+        SayBye(pSession);
 }
 
 // Queues some records. Returns 0 when they are still being read.
@@ -134,7 +141,7 @@ static int OnFileSend(Task *pTask, uint32_t, uint32_t, uint32_t)
     if (!pSession)
         return -1;
     int bDone = SayBye(pSession);
-    if (pSession->nState != STATE_PLAYING && bDone && ListCount(&pSession->out.Outq) == 0) {
+    if (pSession->nState != STATE_PLAYING && bDone && PaceKeepsAll(pSession)) {
         pSession->nFlags &= ~SESSION_FILE_SENDER;
         return -1;
     }
@@ -152,6 +159,9 @@ void FileSenderStart(Session *pSession)
     if (pSession->nFlags & SESSION_FILE_SENDER)
         return;
     pSession->nFlags |= SESSION_FILE_SENDER;
+    pSession->out.bSampleStamps = PlaysStandard(pSession);
+    for (SessionTrack &track : pSession->tracks)
+        track.nStampBase = PlayStampBase(pSession);
     SessionSchedule(pSession, OnFileSend, 0);
 }
 

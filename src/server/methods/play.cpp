@@ -7,13 +7,17 @@
 #include "base/assertion.h"
 #include "base/textbuf.h"
 #include "base/textnumber.h"
+#include "record/playline.h"
 #include "runtime/clock.h"
+#include "server/core/program.h"
 #include "server/core/settings.h"
 #include "server/media/distribute.h"
 #include "server/media/fileprogram.h"
 #include "server/media/filesend.h"
 #include "server/media/outqueue.h"
+#include "server/media/pace.h"
 #include "server/media/replies.h"
+#include "server/media/rtcp.h"
 #include "server/methods/options.h"
 
 namespace orx {
@@ -22,7 +26,8 @@ constexpr uint32_t kSeekTolerance = 2000;  // ms around the position that a want
 
 // What a "Range" header asks for of a recording.
 struct WantedRange {
-    uint32_t nStart = 0;         // ms; 0: from where it stands
+    uint32_t nStart = 0;         // ms; 0: from where it stands, but for standard players
+    int bStart = 0;              // it is there: not "npt=-20", not "npt=now-"
     uint32_t nEnd = UINT32_MAX;  // ms; not before its last second: to its end
 };
 
@@ -44,6 +49,7 @@ static WantedRange ReadRange(const char *szRange)
     if (!IsNumber(p))
         return range;
     range.nStart = NptToMs(p);
+    range.bStart = !memchr(szRange, '-', static_cast<size_t>(p - szRange));
     p += strcspn(p, "-\r\n");
     p = NextDigit(p);
     if (IsNumber(p))
@@ -61,17 +67,41 @@ static int NextNumber(const Session *pSession, int nTrack)
     return nNumber;
 }
 
+// The URL of a track as standard players know it from the description: they look for it, and go without the
+// line's times when they do not find it.
+static void WriteTrackUrl(const MediaInfo *pInfo, const char *szUrl, TextBuf *pText)
+{
+    size_t nUrl = strlen(szUrl);
+    while (nUrl > 0 && szUrl[nUrl - 1] == '/')
+        nUrl--;
+    if (!*pInfo->szControl)
+        TextAdd(pText, "%.*s/trackID=%d", static_cast<int>(nUrl), szUrl, pInfo->nTrackId);
+    else if (strstr(pInfo->szControl, "://"))
+        TextAdd(pText, "%s", pInfo->szControl);
+    else
+        TextAdd(pText, "%.*s/%s", static_cast<int>(nUrl), szUrl, pInfo->szControl);
+}
+
 // The items of the reply's RTP-Info line: the tracks set up, with the number of their next packet if wanted.
 static void WriteRtpInfo(const Session *pSession, const char *szUrl, int bSequence, TextBuf *pText)
 {
     const char *szComma = "";
+    int bStandard = PlaysStandard(pSession);
     for (int i = 0; i < pSession->out.nTracks; i++) {
         const SessionTrack *pTrack = &pSession->tracks[i];
         if (!pTrack->bSetUp)
             continue;
-        TextAdd(pText, "%surl=%s/trackID=%d", szComma, szUrl, pTrack->nTrackId);
+        TextAdd(pText, "%surl=", szComma);
+        if (bStandard)
+            WriteTrackUrl(&pSession->pProg->desc.mediaInfos[i], szUrl, pText);
+        else
+            TextAdd(pText, "%s/trackID=%d", szUrl, pTrack->nTrackId);
         if (bSequence)
             TextAdd(pText, ";seq=%d", NextNumber(pSession, i));
+        if (bStandard)
+            TextAdd(pText, ";rtptime=%u",
+                    PlayStampBase(pSession) +
+                        PlayStamp(pTrack->nTimeScale, int64_t{pSession->play.nPlayPos} * 1000));
         szComma = ",";
     }
 }
@@ -97,6 +127,16 @@ static void AddPlayLines(Message *pReply, const Request *pRequest, int bSequence
     TextAdd(&pReply->text, "\r\n");
 }
 
+// Whether the file is to be searched for the start wanted. Standard players get it exactly, the beginning
+// too, unless playing begins there anyhow.
+static int WantsSeek(const Session *pSession, const WantedRange *pRange)
+{
+    if (PlaysStandard(pSession))
+        return pRange->bStart && (pRange->nStart || pSession->nState != STATE_SETUP);
+    int32_t nAhead = ClockDiff(pRange->nStart, pSession->play.nPlayPos);
+    return pRange->nStart && static_cast<uint32_t>(std::abs(nAhead)) > kSeekTolerance;
+}
+
 // Moves a recording to where the request wants it and writes the reply. Returns 0 while the disk searches.
 static int StartFile(Message *pReply, const Request *pRequest)
 {
@@ -106,15 +146,15 @@ static int StartFile(Message *pReply, const Request *pRequest)
     WantedRange range = ReadRange(RequestHeaderValue(pRequest, "Range"));
     uint32_t nEnd = range.nEnd < nDuration - 1000 ? range.nEnd : static_cast<uint32_t>(nDuration);
     uint32_t nReached = 0;
-    uint32_t nPos = pSession->play.nPlayPos;
     int nSought = 0;
-    if (range.nStart && static_cast<uint32_t>(std::abs(ClockDiff(range.nStart, nPos))) > kSeekTolerance)
+    if (WantsSeek(pSession, &range))
         nSought = FileProgramSeek(pSession, range.nStart, &nReached);
     if (nSought < 0)
         return 0;
     if (nSought)
         Jump(pSession, nReached);
-    nPos = pSession->play.nPlayStart = pSession->play.nPlayPos;
+    uint32_t nPos = pSession->play.nPlayStart = pSession->play.nPlayPos;
+    RtcpPlayBegins(pSession);
     ReplyBegin(pReply, STATUS_OK);
     TextAdd(&pReply->text, "Range: npt=%d.%03d-%d.%03d\r\n", static_cast<int>(nPos / 1000),
             static_cast<int>(nPos % 1000), static_cast<int>(nEnd / 1000), static_cast<int>(nEnd % 1000));
@@ -178,6 +218,8 @@ Verdict HandlePlay(Session *pSession, Port *pPort, Request *pRequest)
         pBefore = StartLive(&reply, pRequest);
     else if (!StartFile(&reply, pRequest))
         return Verdict::Later;
+    else
+        pBefore = PaceFirstHeld(pSession);  // what a pause has kept follows the reply
     pSession->nState = STATE_PLAYING;
     if (MessageSendBefore(&reply, pBefore) == Verdict::End)
         return Verdict::End;
@@ -198,9 +240,11 @@ Verdict HandleRecord(Session *pSession, Port *pPort, Request *pRequest)
     return HandleUnknown(pSession, pPort, pRequest);
 }
 
+// The pause keeps what standard players of a recording have not got: they go on with it.
 Verdict HandlePause(Session *pSession, Port *pPort, Request *)
 {
-    QueueDropAll(pSession);
+    if (!PlaysStandard(pSession))
+        QueueDropAll(pSession);
     int bFinished = g_settings.bStandardPlayers && pSession->nState == STATE_FINISHED;
     if (pSession->nState != STATE_PLAYING && !bFinished)
         return Refuse(pSession, pPort, STATUS_WRONG_STATE);
