@@ -2,10 +2,13 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <regex>
 
 #include "base/bytes.h"
+#include "support/files.h"
+#include "support/rtp.h"
 
 #include "system/recordingtest.h"
 
@@ -135,6 +138,48 @@ TEST_F(PlaybackTest, TellsTimesAndTheEnd)
             }
         }
         ASSERT_EQ(0, server.Quit());
+    }
+}
+
+// A file whose times jump or stand still plays on at once, on any transport.
+TEST_F(PlaybackTest, PlaysOnWhereTimesDoNot)
+{
+    server.Set("INTEROP", "StandardPlayers", "1");
+    server.Start();
+    Camera camera({Coding::H264, Coding::G711});
+    ASSERT_NO_FATAL_FAILURE(Record(&camera, "a.zmf", 75));
+    ASSERT_EQ(0, server.Quit());
+    auto damage = [&](const char *szName, auto change) {
+        std::string file = ReadFile(File("a.zmf"));
+        size_t nAt = 0;
+        for (size_t nPart : {4U, 8U, 10U, 12U})
+            nAt += GetBe(file.data() + nPart, 2);
+        for (; nAt + 8 <= file.size(); nAt += GetBe(file.data() + nAt, 2))
+            file.replace(nAt + 4, 4, Be(change(GetBe(file.data() + nAt + 4, 4)), 4));
+        WriteFile(File(szName), file);
+    };
+    damage("jumps.zmf", [](uint32_t nMs) { return nMs < 1000 ? nMs : nMs < 2000 ? nMs + 21600000 : nMs; });
+    damage("stands.zmf", [](uint32_t nMs) { return std::min(nMs, 500U); });
+    server.Start();
+    for (const char *szName : {"jumps.zmf", "stands.zmf"}) {
+        for (RtspTransport transport : {RTSP_OVER_TCP, RTSP_OVER_UDP}) {
+            Viewer viewer(transport);
+            ASSERT_EQ(1, viewer.Open(Url(szName)));
+            auto tStart = std::chrono::steady_clock::now();
+            EXPECT_TRUE(Watch(
+                {&viewer}, [&] { return std::ranges::count_if(viewer.reports, HasBye) == 2; }, 10000));
+            EXPECT_GE(std::chrono::steady_clock::now() - tStart, std::chrono::milliseconds(500))
+                << "in real time, but for a second";
+            if (viewer.Dropped() > 0)
+                continue;
+            MediaUnits got = viewer.Units(0, Coding::H264);
+            EXPECT_EQ(JoinData(camera.tracks[0].sent), JoinData(got));
+            EXPECT_EQ(JoinData(camera.tracks[1].sent), JoinData(viewer.Units(1, Coding::G711)));
+            for (size_t i = 1; i < got.size(); i++)
+                EXPECT_LE(got[i - 1].nTimeMs, got[i].nTimeMs);
+            EXPECT_LE(got.back().nTimeMs, 3200U);
+        }
+        EXPECT_TRUE(server.WaitOutput(std::string("The times of /") + szName));
     }
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "base/linkedlist.h"
+#include "record/playline.h"
 #include "record/rtpout.h"
 #include "server/core/accounttable.h"
 #include "server/core/port.h"
@@ -117,6 +118,8 @@ struct SessionPlay {
     uint32_t nPlayStart = 0;   // position at which the current play began, ms
     uint32_t nPlayClock = 0;   // ClockMs at that moment
     int64_t nPlayWallUs = 0;   // the wall clock then, us, by which reports on a recording tell its times
+    PlayLine line;             // of a recording, for standard players: all positions above are on it
+    int nTold = 0;             // what was said of its faults
     int bFinalReport = 0;      // a recording has ended, and the player is still to be told
 };
 

@@ -18,6 +18,7 @@ namespace orx {
 // a player that pauses or leaves.
 static constexpr int kSamplesPerRefill = 4;
 static constexpr uint32_t kFileSendPeriodMs = 200;  // between two runs; a fifth of what may be ahead
+static constexpr int kMostTold = 8;                 // lines on one player's recording
 static constexpr int kEmptyRefills = 64;            // in a row before the others get their turn
 
 // Says whether the player has set up the track that samples go on; -1 stands for no such track.
@@ -45,6 +46,29 @@ static int PackData(Session *pSession, int nTrack, const uint8_t *pData, uint32_
     return Pack2RtpUserBlock(&pSession->out, pData, nLen, nTimeMs, nTrack);
 }
 
+// The time at which a record is played. What is wrong with the times of a recording is said, not for ever.
+static uint32_t TimeOfRecord(Session *pSession, int nTrack, const ZMFRecordHead *pHead)
+{
+    if (!PlaysStandard(pSession) || nTrack < 0 || nTrack >= kMaxTracks)
+        return pHead->nTimeMs;
+    PlayLineFault eFault = LINE_FOLLOWS;
+    uint32_t nMs = PlayLineTime(&pSession->play.line, nTrack, pHead->chMedia == 'v', pHead->nTimeMs, &eFault);
+    if (eFault == LINE_FOLLOWS || pSession->play.nTold++ >= kMostTold)
+        return nMs;
+    const char *szWhat = eFault == LINE_JUMPS ? "jump to" : "stand still at";
+    print("The times of %s %s %u ms, playing goes on.\r\n", pSession->pProg->Uri, szWhat, pHead->nTimeMs);
+    log("The times of %s %s %u ms, playing goes on", pSession->pProg->Uri, szWhat, pHead->nTimeMs);
+    return nMs;
+}
+
+// The track that a record is of.
+static int TrackOfRecord(const Description *pDesc, const ZMFRecordHead *pHead)
+{
+    if (pHead->chMedia == 'v')
+        return pDesc->nVideoTrack;
+    return pHead->chMedia == 'a' ? pDesc->nAudioTrack : pDesc->nDataTrack;
+}
+
 // Queues one record of the file.
 static void PackRecord(Session *pSession, const uint8_t *pRecord, uint32_t nBytes)
 {
@@ -53,13 +77,10 @@ static void PackRecord(Session *pSession, const uint8_t *pRecord, uint32_t nByte
     ZMFRecordHeadDecode(pRecord, &head);
     const uint8_t *pData = pRecord + kZmfRecordHeadBytes;
     uint32_t nLen = nBytes - kZmfRecordHeadBytes;
-    int nPackets = 0;
-    if (head.chMedia == 'v')
-        nPackets = PackMedia(pSession, pProg->desc.nVideoTrack, pData, nLen, head.nTimeMs);
-    else if (head.chMedia == 'a')
-        nPackets = PackMedia(pSession, pProg->desc.nAudioTrack, pData, nLen, head.nTimeMs);
-    else
-        nPackets = PackData(pSession, pProg->desc.nDataTrack, pData, nLen, head.nTimeMs);
+    int nTrack = TrackOfRecord(&pProg->desc, &head);
+    uint32_t nTimeMs = TimeOfRecord(pSession, nTrack, &head);
+    int bMedia = head.chMedia == 'v' || head.chMedia == 'a';
+    int nPackets = (bMedia ? PackMedia : PackData)(pSession, nTrack, pData, nLen, nTimeMs);
     pProg->cache.nSerial += static_cast<uint32_t>(nPackets);
 }
 

@@ -114,6 +114,7 @@ static void Jump(Session *pSession, uint32_t nReached)
     for (auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq); p; p = NextBlock(p))
         p->nTimestamp = nReached;
     pSession->play.nPlayPos = nReached;
+    PlayLineBegin(&pSession->play.line, nReached, 1);
 }
 
 // The end of both replies to PLAY.
@@ -153,7 +154,8 @@ static int StartFile(Message *pReply, const Request *pRequest)
         return 0;
     if (nSought)
         Jump(pSession, nReached);
-    uint32_t nPos = pSession->play.nPlayStart = pSession->play.nPlayPos;
+    pSession->play.nPlayStart = pSession->play.nPlayPos;
+    uint32_t nPos = PlayLineMedia(&pSession->play.line, pSession->play.nPlayPos);
     RtcpPlayBegins(pSession);
     ReplyBegin(pReply, STATUS_OK);
     TextAdd(&pReply->text, "Range: npt=%d.%03d-%d.%03d\r\n", static_cast<int>(nPos / 1000),
