@@ -141,6 +141,61 @@ TEST_F(PlaybackTest, TellsTimesAndTheEnd)
     }
 }
 
+// By key frames, in real time and with stamps that rise, in either direction; the reply says which of the scales it
+// is. Then again as it was recorded.
+TEST_F(PlaybackTest, PlaysFasterAndBackwards)
+{
+    constexpr int kPictures = 500;  // twenty seconds with a key picture each
+    static const struct {
+        const char *szLines, *szReply;
+        uint32_t nFirst, nStepMs;  // of pictures: its number, and how far their stamps are apart
+        int nStep;
+    } cases[] = {
+        {"Range: npt=2.5-\r\nScale: 4.000000\r\n", "npt=2.000-19.980\r\nScale: 4\r\n", 50, 250, 25},
+        {"Range: npt=0-\r\nScale: 100\r\nSpeed: 0.1\r\n", "npt=0.000-19.980\r\nScale: 16\r\nSpeed: 0.500\r\n", 0, 63,
+         25},
+        {"Range: npt=19.5-\r\nScale: -7\r\n", "npt=19.000-0.000\r\nScale: -8\r\n", 475, 125, -25},
+        {"Range: npt=60-\r\nScale: -20\r\n", "npt=19.000-0.000\r\nScale: -16\r\n", 475, 62, -25},
+        {"Range: npt=0-\r\nScale: 0\r\nSpeed: 99\r\n", "npt=0.000-19.980\r\nScale: 1\r\nSpeed: 8.000\r\n", 0, 40, 1},
+    };
+    server.Set("INTEROP", "StandardPlayers", "1");
+    server.Start();
+    Camera camera({Coding::H264, Coding::G711});
+    ASSERT_NO_FATAL_FAILURE(Record(&camera, "a.zmf", kPictures));
+    const MediaUnits &sent = camera.tracks[0].sent;
+    for (RtspTransport transport : {RTSP_OVER_TCP, RTSP_OVER_UDP}) {
+        for (const auto &c : cases) {
+            Viewer viewer(transport);
+            ASSERT_EQ(1, viewer.Prepare(Url("a.zmf")));
+            auto tStart = std::chrono::steady_clock::now();
+            EXPECT_THAT(Ask(&viewer.client, "PLAY", "", c.szLines), HasSubstr(std::string("\r\nRange: ") + c.szReply));
+            EXPECT_TRUE(Watch(
+                {&viewer}, [&] { return std::ranges::count_if(viewer.reports, HasBye) == 2; }, 20000));
+            EXPECT_LE(std::chrono::steady_clock::now() - tStart, std::chrono::seconds(6)) << c.szLines;
+            EXPECT_EQ(c.nStep == 1, !viewer.packets[1].empty()) << "sound at normal scale only";
+            if (viewer.Dropped() > 0)
+                continue;
+            MediaUnits got = viewer.Units(0, Coding::H264);
+            EXPECT_EQ(c.nStep == 1 ? kPictures : c.nStep < 0 ? 20 : 20 - c.nFirst / 25, got.size());
+            for (size_t i = 0; i < got.size(); i++) {
+                EXPECT_EQ(sent.at(c.nFirst + i * static_cast<size_t>(c.nStep)).data, got[i].data) << i;
+                EXPECT_NEAR(c.nFirst * 40 + i * c.nStepMs, got[i].nTimeMs, 1 + i) << c.szLines << i;
+            }
+        }
+    }
+    Viewer viewer;
+    ASSERT_EQ(1, viewer.Prepare(Url("a.zmf")));
+    EXPECT_THAT(Ask(&viewer.client, "PLAY", "", "Scale: 2\r\n"), HasSubstr("Scale: 2\r\n"));
+    EXPECT_TRUE(WatchPictures({&viewer}, 3));
+    EXPECT_THAT(Ask(&viewer.client, "PAUSE"), kIsOk);
+    viewer.Poll();
+    size_t nLast = viewer.nPictures - 1;
+    EXPECT_THAT(viewer.Play(), HasSubstr("Range: npt=" + std::to_string(nLast) + ".000-19.980\r\nScale: 1\r\n"));
+    EXPECT_TRUE(WatchPictures({&viewer}, nLast + 5));
+    for (size_t i = 1; i < 5; i++)
+        EXPECT_EQ(sent[nLast * 25 + i - 1].data, viewer.Units(0, Coding::H264)[nLast + i].data);
+}
+
 // A file whose times jump or stand still plays on at once, on any transport.
 TEST_F(PlaybackTest, PlaysOnWhereTimesDoNot)
 {

@@ -118,6 +118,7 @@ struct SessionPlay {
     uint32_t nPlayStart = 0;   // position at which the current play began, ms
     uint32_t nPlayClock = 0;   // ClockMs at that moment
     int64_t nPlayWallUs = 0;   // the wall clock then, us, by which reports on a recording tell its times
+    uint32_t nSpeed = 1000;    // of delivery, in thousandths of real time
     PlayLine line;             // of a recording, for standard players: all positions above are on it
     int nTold = 0;             // what was said of its faults
     int bFinalReport = 0;      // a recording has ended, and the player is still to be told

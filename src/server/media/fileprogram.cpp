@@ -2,6 +2,8 @@
 
 #include <strings.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -18,6 +20,9 @@
 namespace orx {
 
 constexpr size_t kShortestPath = 6;  // "/a.zmf"
+// Between two key frames where only such are played: where each picture is one, no player could show them
+// all.
+constexpr uint32_t kKeyGapMs = 20;
 
 static const char *FileSdp(const Program *pProg)
 {
@@ -41,12 +46,26 @@ uint32_t FileProgramDuration(const Program *pProg)
     return pProg->reader ? pProg->reader->uDuration : 0;
 }
 
-int FileProgramSeek(Session *pSession, uint32_t nMs, uint32_t *pReached)
+int FileProgramScale(const Session *pSession, float fWanted)
+{
+    static constexpr int scales[] = {1, 2, 4, 8, 16, -1, -2, -4, -8, -16};
+    int nVideo = pSession->pProg->desc.nVideoTrack;
+    if (!PlaysStandard(pSession) || nVideo < 0 || nVideo >= kMaxTracks || !pSession->tracks[nVideo].bSetUp)
+        return 1;
+    auto isNearer = [fWanted](int a, int b) {
+        return std::fabs(fWanted - static_cast<float>(a)) < std::fabs(fWanted - static_cast<float>(b));
+    };
+    return *std::min_element(std::begin(scales), std::end(scales), isNearer);
+}
+
+int FileProgramSeek(Session *pSession, uint32_t nMs, int nScale, uint32_t *pReached)
 {
     FileReader *pReader = pSession->pProg->reader;
     HeldJob *pHeld = HeldJobTake(pSession);
     if (!pHeld) {
-        HeldJob *pSeeking = pReader ? FileReaderSeeking(pReader, nMs, PlaysStandard(pSession)) : nullptr;
+        FileSeek seek = {nMs, PlaysStandard(pSession), (nScale > 1) - (nScale < 0),
+                         static_cast<uint32_t>(std::abs(nScale)) * kKeyGapMs};
+        HeldJob *pSeeking = pReader ? FileReaderSeeking(pReader, &seek) : nullptr;
         if (!pSeeking)
             return 0;
         pHeld = HeldJobPost(pSession, &pReader->lane, pSeeking);

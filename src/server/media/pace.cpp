@@ -20,6 +20,12 @@ static int CatchesUp(const Session *pSession)
            ClockMs() - pSession->play.nPlayClock < pSession->pProg->cache.nCacheLimit;
 }
 
+// The media of a recording that is due.
+static uint32_t DueMs(const SessionPlay *pPlay)
+{
+    return static_cast<uint32_t>(uint64_t{ClockMs() - pPlay->nPlayClock} * pPlay->nSpeed / 1000);
+}
+
 Pace PaceOf(const Session *pSession)
 {
     if (!pSession->pProg || (pSession->nFlags & SESSION_PUSHER))
@@ -28,7 +34,7 @@ Pace PaceOf(const Session *pSession)
     uint32_t nSent = pPlay->nPlayPos - pPlay->nPlayStart;
     int bPaused = PlaysStandard(pSession) && pSession->nState == STATE_PAUSED;
     if (!pSession->pProg->bLive)
-        return {1, bPaused, pPlay->nPlayStart, ClockMs() - pPlay->nPlayClock, nSent, kFileLeadMs};
+        return {1, bPaused, pPlay->nPlayStart, DueMs(pPlay), nSent, kFileLeadMs};
     return {CatchesUp(pSession), 0, pPlay->nPlayStart, pSession->flow.nCatchUpMs, nSent, 0};
 }
 

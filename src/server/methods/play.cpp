@@ -22,6 +22,8 @@
 
 namespace orx {
 
+constexpr float kLeastSpeed = 0.5F;
+constexpr float kMostSpeed = 8;
 constexpr uint32_t kSeekTolerance = 2000;  // ms around the position that a wanted start is taken for
 
 // What a "Range" header asks for of a recording.
@@ -108,13 +110,13 @@ static void WriteRtpInfo(const Session *pSession, const char *szUrl, int bSequen
 
 // What waits is from before the jump. The rest of a block that is under way counts as from behind it, so that
 // the pace follows the new position.
-static void Jump(Session *pSession, uint32_t nReached)
+static void Jump(Session *pSession, uint32_t nReached, int nScale)
 {
     QueueDropMedia(pSession);
     for (auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq); p; p = NextBlock(p))
         p->nTimestamp = nReached;
     pSession->play.nPlayPos = nReached;
-    PlayLineBegin(&pSession->play.line, nReached, 1);
+    PlayLineBegin(&pSession->play.line, nReached, nScale);
 }
 
 // The end of both replies to PLAY.
@@ -128,38 +130,96 @@ static void AddPlayLines(Message *pReply, const Request *pRequest, int bSequence
     TextAdd(&pReply->text, "\r\n");
 }
 
-// Whether the file is to be searched for the start wanted. Standard players get it exactly, the beginning
-// too, unless playing begins there anyhow.
-static int WantsSeek(const Session *pSession, const WantedRange *pRange)
+// What a PLAY of a recording asks for, and what of it can be had.
+struct PlayWish {
+    WantedRange range;
+    const char *szScale = nullptr;  // not owned, as is szSpeed; null: nothing is asked
+    const char *szSpeed = nullptr;
+    int nScale = 1;
+    uint32_t nSpeed = 1000;  // thousandths
+};
+
+// A header that is not there asks for normal play (RFC 2326, sections 12.34 and 12.35).
+static PlayWish ReadWish(const Session *pSession, const Request *pRequest)
 {
-    if (PlaysStandard(pSession))
-        return pRange->bStart && (pRange->nStart || pSession->nState != STATE_SETUP);
-    int32_t nAhead = ClockDiff(pRange->nStart, pSession->play.nPlayPos);
-    return pRange->nStart && static_cast<uint32_t>(std::abs(nAhead)) > kSeekTolerance;
+    PlayWish wish;
+    wish.range = ReadRange(RequestHeaderValue(pRequest, "Range"));
+    if (!PlaysStandard(pSession))
+        return wish;
+    wish.szScale = RequestHeaderValue(pRequest, "Scale");
+    wish.szSpeed = RequestHeaderValue(pRequest, "Speed");
+    if (wish.szScale)
+        wish.nScale = FileProgramScale(pSession, strtof(wish.szScale, nullptr));
+    float fSpeed = wish.szSpeed ? strtof(wish.szSpeed, nullptr) : 1;
+    fSpeed = fSpeed >= kLeastSpeed ? std::min(fSpeed, kMostSpeed) : kLeastSpeed;
+    wish.nSpeed = static_cast<uint32_t>(fSpeed * 1000);
+    return wish;
+}
+
+// The time that the file is to be searched for; -1: it goes on where it is. Standard players get it exactly,
+// the beginning too, unless playing begins there anyhow; another scale goes on from a key frame.
+static int64_t SeekTarget(const Session *pSession, const PlayWish *pWish)
+{
+    const WantedRange *pRange = &pWish->range;
+    const SessionPlay *pPlay = &pSession->play;
+    if (!PlaysStandard(pSession)) {
+        auto nAway = static_cast<uint32_t>(std::abs(ClockDiff(pRange->nStart, pPlay->nPlayPos)));
+        return pRange->nStart && nAway > kSeekTolerance ? pRange->nStart : int64_t{-1};
+    }
+    int bElsewhere = pRange->bStart && (pRange->nStart || pSession->nState != STATE_SETUP);
+    if (!bElsewhere && pWish->nScale == pPlay->line.nScale)
+        return -1;
+    if (pRange->bStart && pWish->nScale > 0)
+        return pRange->nStart;
+    uint32_t nStart = pRange->bStart ? pRange->nStart : PlayLineMedia(&pPlay->line, pPlay->nPlayPos);
+    return std::min(nStart, std::max(FileProgramDuration(pSession->pProg), 1U) - 1);
+}
+
+// Moves the recording to where it is wanted. Returns 0 while the disk searches.
+static int MoveFile(Session *pSession, const PlayWish *pWish)
+{
+    uint32_t nReached = 0;
+    int64_t nTarget = SeekTarget(pSession, pWish);
+    int nSought = 0;
+    if (nTarget >= 0)
+        nSought = FileProgramSeek(pSession, static_cast<uint32_t>(nTarget), pWish->nScale, &nReached);
+    if (nSought < 0)
+        return 0;
+    if (nSought)
+        Jump(pSession, nReached, pWish->nScale);
+    pSession->play.nSpeed = pWish->nSpeed;
+    pSession->play.nPlayStart = pSession->play.nPlayPos;
+    RtcpPlayBegins(pSession);
+    return 1;
+}
+
+static void AddTimes(Message *pReply, const PlayWish *pWish)
+{
+    const SessionPlay *pPlay = &pReply->pSession->play;
+    auto nDuration = static_cast<int64_t>(FileProgramDuration(pReply->pSession->pProg));
+    uint32_t nPos = PlayLineMedia(&pPlay->line, pPlay->nPlayPos);
+    uint32_t nEnd =
+        pWish->range.nEnd < nDuration - 1000 ? pWish->range.nEnd : static_cast<uint32_t>(nDuration);
+    if (pPlay->line.nScale < 0)
+        nEnd = pWish->range.nEnd < nPos ? pWish->range.nEnd : 0;
+    TextAdd(&pReply->text, "Range: npt=%d.%03d-%d.%03d\r\n", static_cast<int>(nPos / 1000),
+            static_cast<int>(nPos % 1000), static_cast<int>(nEnd / 1000), static_cast<int>(nEnd % 1000));
 }
 
 // Moves a recording to where the request wants it and writes the reply. Returns 0 while the disk searches.
 static int StartFile(Message *pReply, const Request *pRequest)
 {
-    Session *pSession = pReply->pSession;
-    Program *pProg = pSession->pProg;
-    auto nDuration = static_cast<int64_t>(FileProgramDuration(pProg));
-    WantedRange range = ReadRange(RequestHeaderValue(pRequest, "Range"));
-    uint32_t nEnd = range.nEnd < nDuration - 1000 ? range.nEnd : static_cast<uint32_t>(nDuration);
-    uint32_t nReached = 0;
-    int nSought = 0;
-    if (WantsSeek(pSession, &range))
-        nSought = FileProgramSeek(pSession, range.nStart, &nReached);
-    if (nSought < 0)
+    const SessionPlay *pPlay = &pReply->pSession->play;
+    int nScaleBefore = pPlay->line.nScale;
+    PlayWish wish = ReadWish(pReply->pSession, pRequest);
+    if (!MoveFile(pReply->pSession, &wish))
         return 0;
-    if (nSought)
-        Jump(pSession, nReached);
-    pSession->play.nPlayStart = pSession->play.nPlayPos;
-    uint32_t nPos = PlayLineMedia(&pSession->play.line, pSession->play.nPlayPos);
-    RtcpPlayBegins(pSession);
     ReplyBegin(pReply, STATUS_OK);
-    TextAdd(&pReply->text, "Range: npt=%d.%03d-%d.%03d\r\n", static_cast<int>(nPos / 1000),
-            static_cast<int>(nPos % 1000), static_cast<int>(nEnd / 1000), static_cast<int>(nEnd % 1000));
+    AddTimes(pReply, &wish);
+    if (wish.szScale || pPlay->line.nScale != nScaleBefore)
+        TextAdd(&pReply->text, "Scale: %d\r\n", pPlay->line.nScale);
+    if (wish.szSpeed)
+        TextAdd(&pReply->text, "Speed: %u.%03u\r\n", pPlay->nSpeed / 1000, pPlay->nSpeed % 1000);
     AddPlayLines(pReply, pRequest, 1);
     return 1;
 }
@@ -204,8 +264,9 @@ static int MayPlay(const Session *pSession, const Request *pRequest)
         return 1;
     if (!g_settings.bStandardPlayers || pSession->pProg->bLive)
         return 0;
-    return pSession->nState == STATE_FINISHED ||
-           (pSession->nState == STATE_PLAYING && RequestHeaderValue(pRequest, "Range"));
+    int bChange = RequestHeaderValue(pRequest, "Range") || RequestHeaderValue(pRequest, "Scale") ||
+                  RequestHeaderValue(pRequest, "Speed");
+    return pSession->nState == STATE_FINISHED || (pSession->nState == STATE_PLAYING && bChange);
 }
 
 Verdict HandlePlay(Session *pSession, Port *pPort, Request *pRequest)
