@@ -158,12 +158,24 @@ static int AddRecord(Batch *p, const uint8_t *pRecord, uint32_t nBytes)
     return 1;
 }
 
+// The next record that is to be read; null with *pbMore 1 when finding it takes another step.
+static const uint8_t *ReadRecord(FileReader *p, int *pnBytes, int *pbMore)
+{
+    *pbMore = 0;
+    if (p->nDirection == 0)
+        return ZMFReaderNextSample(p->pFile, pnBytes);
+    return ZMFReaderNextKey(p->pFile, p->nDirection, p->nGapMs, kStepWork, pnBytes, pbMore);
+}
+
 static int RunReading(DiskJob *pJob)
 {
     Batch *p = BatchOf(pJob);
     for (uint32_t i = 0; i < kBatchRecords && p->nData < kBatchBytes && !p->bEnd; i++) {
         int nBytes = 0;
-        const uint8_t *pRecord = ZMFReaderNextSample(p->pReader->pFile, &nBytes);
+        int bMore = 0;
+        const uint8_t *pRecord = ReadRecord(p->pReader, &nBytes, &bMore);
+        if (bMore)
+            return i > 0;
         p->bEnd = !pRecord || !AddRecord(p, pRecord, static_cast<uint32_t>(nBytes));
     }
     return 1;
@@ -226,7 +238,7 @@ const uint8_t *FileReaderNext(FileReader *pReader, uint32_t *pnBytes, int *pbEnd
 struct Seeking {
     HeldJob held;  // first
     FileReader *pReader = nullptr;
-    uint32_t nMs = 0;
+    FileSeek seek;
     uint32_t nReachedMs = 0;
     int bReached = 0;
 };
@@ -235,7 +247,15 @@ static int RunSeeking(DiskJob *pJob)
 {
     auto *p = reinterpret_cast<Seeking *>(pJob);
     int bMore = 0;
-    p->bReached = ZMFReaderSeekStep(p->pReader->pFile, p->nMs, kStepWork, &p->nReachedMs, &bMore) != nullptr;
+    FileReader *pReader = p->pReader;
+    pReader->pFile->bExactSeek = p->seek.bExact;
+    p->bReached =
+        ZMFReaderSeekStep(pReader->pFile, p->seek.nMs, kStepWork, &p->nReachedMs, &bMore) != nullptr;
+    if (p->bReached) {
+        pReader->nDirection = p->seek.nDirection;
+        pReader->nGapMs = p->seek.nGapMs;
+        ZMFReaderBeginKeys(pReader->pFile);
+    }
     return !bMore;
 }
 
@@ -251,7 +271,7 @@ static void FreeSeeking(HeldJob *pHeld)
     delete p;
 }
 
-HeldJob *FileReaderSeeking(FileReader *pReader, uint32_t nMs)
+HeldJob *FileReaderSeeking(FileReader *pReader, const FileSeek *pSeek)
 {
     auto *p = new (std::nothrow) Seeking;
     if (!p)
@@ -259,7 +279,7 @@ HeldJob *FileReaderSeeking(FileReader *pReader, uint32_t nMs)
     p->held.job.pfnRun = RunSeeking;
     p->held.pfnFree = FreeSeeking;
     p->pReader = pReader;
-    p->nMs = nMs;
+    p->seek = *pSeek;
     pReader->bSeeking = 1;
     return &p->held;
 }
