@@ -206,6 +206,31 @@ TEST(FullDisk, LeavesWholeRecords)
     });
 }
 
+// Where nothing is to be lost, a recording waits for room, and goes on in a new file; by itself, where the program
+// is recorded always.
+TEST(FullDisk, WaitsForRoom)
+{
+    OnSmallDisk(4, [](SmallDisk *pDisk) {
+        pDisk->Start("MinutePerFile=0\nAutoDelOldFile=0\nNeverLose=1\nRecordAlways=cam\n");
+        EXPECT_EQ("200 OK", pDisk->camera.Record("EventType=1"));
+        pDisk->SendMegabyte();
+        WriteFile(pDisk->File("filler"), std::string((pDisk->FreeMegabytes() - 1) * kMegabyte, 'f'));
+        auto state = [&](size_t nOpen, size_t nFiles) {
+            pDisk->camera.Send(1);
+            pDisk->live.Poll();
+            return pDisk->Files("cam/", ".tm!").size() == nOpen && pDisk->Files("cam/").size() >= nFiles;
+        };
+        EXPECT_TRUE(WaitFor([&] { return state(0, 2); })) << "both have ended their file";
+        EXPECT_EQ(kNoSpace, pDisk->camera.Record("EventType=2"));
+        std::filesystem::remove(pDisk->File("filler"));
+        EXPECT_TRUE(WaitFor([&] { return state(2, 4); })) << "and begun another";
+        RtspClose(&pDisk->camera.client);
+        EXPECT_TRUE(WaitFor([&] { return pDisk->Files("", ".tm!").empty(); }));
+        for (const std::string &name : pDisk->Files("cam/"))
+            EXPECT_GT(CountPictures(ReadFile(pDisk->File(name))), 0U) << name;
+    });
+}
+
 // --- The power goes ---
 
 using PowerCutTest = RecordingTest;

@@ -219,6 +219,32 @@ TEST_F(WriterLife, ClocksThatJumpBeginANewFile)
     }
 }
 
+// What lies before a hole and behind it never makes one picture, even where the numbers fit.
+TEST_F(WriterLife, AHoleEndsThePictureThatIsHalfBuilt)
+{
+    Begin();
+    uint16_t nSeq = 0;
+    auto put = [&](const std::string &payload, int bMarker, uint32_t nPicture) {
+        const std::string packet = MakeRtp({96, nSeq++, nPicture * 3600, bMarker != 0}, payload);
+        EXPECT_EQ(1, ZMFWriterWriteRtpPacket(p, Data(packet), Size(packet), 'v', nPicture * 40));
+    };
+    put("\x67 sets", 0, 0);
+    put("\x65 first", 1, 0);
+    put("\x61 half", 0, 1);
+    ZMFWriterMarkHole(p);  // 65536 packets
+    put("\x67 sets", 0, 5000);
+    put("\x65 second", 1, 5000);
+    ZMFWriterFree(std::exchange(p, nullptr));
+    std::string told;
+    for (const auto &entry : std::filesystem::recursive_directory_iterator(root + "cam")) {
+        int nEnd = 1;
+        if (entry.is_regular_file())
+            for (const MediaSample &sample : Reader(entry.path()).ReadOn(&nEnd))
+                told += std::string(sample.data.substr(2)) + (sample.nFlags == ZMF_KEY ? " key|" : "|");
+    }
+    EXPECT_EQ(std::string("\x67 sets\0\x09\x65 first key|\x67 sets\0\x0A\x65 second key|", 41), told);
+}
+
 // Lengths are counted by the clock that nobody sets.
 TEST_F(WriterLife, LengthsCountByTheSteadyClock)
 {
