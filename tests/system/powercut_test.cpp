@@ -90,6 +90,12 @@ struct LastSeconds {
             }
         }
     }
+    void SyncDisk() const
+    {
+        int fd = open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        EXPECT_EQ(0, syncfs(fd));
+        close(fd);
+    }
     // One trial, which is ended after so long. end: how.
     template <typename End>
     void Run(int nMs, int nSeconds, End end)
@@ -116,6 +122,7 @@ struct LastSeconds {
         ExpectSound();
         std::filesystem::remove_all(root + "/fast");
         std::filesystem::remove_all(root + "/slow");
+        SyncDisk();  // or a cut brings them back
     }
     void Report() const
     {
