@@ -10,6 +10,7 @@
 #include "record/depacketise.h"
 #include "record/jpegparts.h"
 #include "record/nalunit.h"
+#include "record/playline.h"
 
 namespace orx {
 
@@ -18,13 +19,15 @@ constexpr uint8_t kRtpMarker = 0x80;
 constexpr uint32_t kAmrFramesPerPacket = 15;
 constexpr uint32_t kFrameMs = 20;  // of speech in one AMR frame and one G.711 packet
 constexpr uint32_t kG711Bytes = 160;
+constexpr uint32_t kG711Rate = 8000;
+constexpr uint32_t kCutTicks = 16;  // 2 ms: what is lost of a time, and what two clocks differ by in a while
 
 static void PutHeader(RtpTrack *pTrack, uint8_t *pHeader, uint32_t nStamp)
 {
     pHeader[0] = kRtpVersion2;
     pHeader[1] = pTrack->nPayloadType & 0x7F;
     PutBe(pHeader + 2, 2, pTrack->nNextSeq++);
-    PutBe(pHeader + 4, 4, nStamp);
+    PutBe(pHeader + 4, 4, nStamp + pTrack->nStampBase);
     PutBe(pHeader + 8, 4, pTrack->nSsrc);
 }
 
@@ -380,8 +383,41 @@ int Pack2RtpJpegBlock(RtpOut *pOut, const uint8_t *pData, uint32_t nLenIn, uint3
 
 // --- G.711 and messages ---
 
+// The stamp of a sample's first byte. Its time is cut to milliseconds: sound that goes on where the last
+// packet ends is stamped so.
+static uint32_t SampleStamp(const RtpTrack *pTrack, uint32_t nTimeMs)
+{
+    uint32_t nStamp = PlayStamp(pTrack->nTimeScale, int64_t{nTimeMs} * 1000);
+    auto nAhead = static_cast<int32_t>(nStamp - pTrack->nNextStamp);
+    auto nMost = static_cast<int32_t>(pTrack->nTimeScale / kG711Rate * kCutTicks);
+    return nAhead >= -nMost && nAhead <= nMost ? pTrack->nNextStamp : nStamp;
+}
+
+// Any number of samples, 20 ms in each packet but the last.
+static int PackSamples(RtpOut *pOut, const uint8_t *pData, uint32_t nLenIn, uint32_t nTimeMs, int nTrackId)
+{
+    RtpTrack *pTrack = pOut->tracks[nTrackId];
+    PacketBuilder packet{pOut, nTrackId};
+    uint32_t nStamp = SampleStamp(pTrack, nTimeMs);
+    auto ticks = [&](uint32_t nSamples) {
+        return static_cast<uint32_t>(uint64_t{nSamples} * pTrack->nTimeScale / kG711Rate);
+    };
+    int nPackets = 0;
+    for (uint32_t nPos = 0; nPos < nLenIn; nPos += kG711Bytes, nPackets++) {
+        BeginAt(&packet, nStamp + ticks(nPos));
+        Add(&packet, pData + nPos, nLenIn - nPos < kG711Bytes ? nLenIn - nPos : kG711Bytes);
+        if (!Finish(&packet, nTimeMs + nPos * 1000 / kG711Rate, 1, 0, 0))
+            return 0;
+    }
+    pTrack->nNextStamp = nStamp + ticks(nLenIn);
+    return nPackets;
+}
+
 int Pack2RtpG711Block(RtpOut *pOut, const uint8_t *pData, uint32_t nLenIn, uint32_t nTimeMs, int nTrackId)
 {
+    ORX_ASSERT(nTrackId >= 0 && nTrackId <= 2, "nTrackId <= 2");
+    if (pOut->bSampleStamps)
+        return PackSamples(pOut, pData, nLenIn, nTimeMs, nTrackId);
     if (!ORX_PEER_ASSERT(nLenIn % kG711Bytes == 0, "(nLenIn % nBytesPerFrame) == 0"))
         return 0;
     PacketBuilder packet{pOut, nTrackId};

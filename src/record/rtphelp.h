@@ -32,7 +32,7 @@ int Pack2RtpAacBlock(RtpOut *pOut, const uint8_t *pData, uint32_t nLenIn, uint32
 int Pack2RtpAmrBlock(RtpOut *pOut, const uint8_t *pData, uint32_t nLenIn, uint32_t nTimeMs, int nTrackId);
 // JPEG: an image in a JFIF file, or the payloads of one image as they were recorded (RFC 2435).
 int Pack2RtpJpegBlock(RtpOut *pOut, const uint8_t *pData, uint32_t nLenIn, uint32_t nTimeMs, int nTrackId);
-// G.711: a multiple of 160 bytes, 20 ms in each packet.
+// G.711: a multiple of 160 bytes, 20 ms in each packet; any number with bSampleStamps.
 int Pack2RtpG711Block(RtpOut *pOut, const uint8_t *pData, uint32_t nLenIn, uint32_t nTimeMs, int nTrackId);
 // One application message of at most 1460 bytes.
 int Pack2RtpUserBlock(RtpOut *pOut, const uint8_t *pData, uint32_t nLenIn, uint32_t nTimeMs, int nTrackId);

@@ -215,12 +215,15 @@ int SdpReadTrackId(std::string_view text, int *pTrackId)
     return 1;
 }
 
-int SdpReadControlNumber(std::string_view text)
+std::string_view SdpReadControl(std::string_view text)
 {
     std::string_view value;
-    if (!SdpFind(text, "a=control:", SDP_LINE, &value))
-        return -1;
-    value = SdpLine(value);
+    return SdpFind(text, "a=control:", SDP_LINE, &value) ? SdpLine(value) : std::string_view();
+}
+
+int SdpReadControlNumber(std::string_view text)
+{
+    std::string_view value = SdpReadControl(text);
     size_t nEqual = value.find('=');
     return nEqual != kNone && IsDigit(value, nEqual + 1) ? TextToInt(value.substr(nEqual + 1)) : -1;
 }

@@ -74,6 +74,8 @@ std::string_view SdpFormatValue(std::string_view format, std::string_view name);
 
 // The number in "a=control:trackID=<n>", wherever it occurs. Returns 1, or 0 without one.
 int SdpReadTrackId(std::string_view text, int *pTrackId);
+// The first control line of a section, to the end of the line; empty without one.
+std::string_view SdpReadControl(std::string_view text);
 // The number behind the first '=' of the first control line ("stream=1", "rtsp://host/p/trackID=3"), or -1.
 int SdpReadControlNumber(std::string_view text);
 

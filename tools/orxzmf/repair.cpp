@@ -1,17 +1,14 @@
 #include "repair.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cinttypes>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 
+#include "record/openfile.h"
 #include "record/zmfrepair.h"
 #include "recording.h"
 #include "report.h"
@@ -19,27 +16,10 @@
 
 namespace orx {
 
-constexpr time_t kFreshSeconds = 10;  // in which a recording that goes on has changed
-
 static int Refuse(const std::string &path, const char *szReason)
 {
     fprintf(stderr, "%s: %s\n", path.c_str(), szReason);
     return VERDICT_UNREADABLE;
-}
-
-// Whether a program has the file open for writing. The kernel grants a read lease only where none has; where
-// it grants none at all, an open recording that changed lately counts as being written.
-static int IsBeingWritten(const std::string &path)
-{
-    struct stat info {};
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0 || fstat(fd, &info) != 0)
-        return 0;
-    signal(SIGIO, SIG_IGN);  // comes when somebody opens the file during the lease
-    int bFresh = path.ends_with(kOpenSuffix) && time(nullptr) - info.st_mtime < kFreshSeconds;
-    int bWritten = fcntl(fd, F_SETLEASE, F_RDLCK) != 0 && (errno == EAGAIN || bFresh);
-    close(fd);
-    return bWritten;
 }
 
 // The name of a file whose writer ended, unless another has it.
@@ -94,7 +74,7 @@ int RepairRecording(const std::string &path)
     char *szReal = realpath(path.c_str(), nullptr);
     std::string real = szReal ? szReal : path;
     free(szReal);
-    if (IsBeingWritten(real))
+    if (IsBeingWritten(real.c_str()))
         return Refuse(path, "is being written");
     ZMFRepair repair;
     int nStatus = RunRepair(real, &repair);

@@ -19,25 +19,20 @@ static void OnHeldDone(DiskJob *pJob)
 
 HeldJob *HeldJobPost(Session *pSession, DiskLane *pLane, HeldJob *pHeld)
 {
-    HeldJobForget(pSession);
+    SessionForgetJob(pSession);
     pHeld->nSession = pSession->nHandle;
     pHeld->job.pfnDone = OnHeldDone;
     pSession->hold.pJob = pHeld;
     DiskPost(pLane, &pHeld->job);
-    return HeldJobTake(pSession);
+    HeldJob *pDone = HeldJobTake(pSession);
+    pSession->hold.bStep |= !pDone;  // this is no wait for a wrong password
+    return pDone;
 }
 
 HeldJob *HeldJobTake(Session *pSession)
 {
     HeldJob *pHeld = pSession->hold.pJob;
     return pHeld && pHeld->bDone ? std::exchange(pSession->hold.pJob, nullptr) : nullptr;
-}
-
-void HeldJobForget(Session *pSession)
-{
-    HeldJob *pHeld = std::exchange(pSession->hold.pJob, nullptr);
-    if (pHeld && pHeld->bDone)
-        pHeld->pfnFree(pHeld);
 }
 
 }  // namespace orx

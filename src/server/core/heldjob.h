@@ -20,7 +20,5 @@ static_assert(offsetof(HeldJob, job) == 0, "a job is found by its held one");
 HeldJob *HeldJobPost(Session *pSession, DiskLane *pLane, HeldJob *pHeld);
 // What was posted for the request at hand and is done; the caller's. Null: nothing was posted yet.
 HeldJob *HeldJobTake(Session *pSession);
-// Nobody waits for it any more: it is freed when it is done.
-void HeldJobForget(Session *pSession);
 
 }  // namespace orx

@@ -49,7 +49,8 @@ struct MediaInfo {
     int nPayloadType = 0;
     uint32_t nTimeScale = 0;  // RTP clock rate, Hz
     int nTrackId = 0;
-    uint8_t nRtpChannel = 0;  // interleaved channels of the pusher
+    char szControl[128] = "";  // of the section's control line; empty without one, or when it is longer
+    uint8_t nRtpChannel = 0;   // interleaved channels of the pusher
     uint8_t nRtcpChannel = 0;
     uint32_t nWidth = 0;   // video; the channel count of audio
     uint32_t nHeight = 0;  // video; the sample rate of audio

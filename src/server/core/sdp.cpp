@@ -90,6 +90,9 @@ static int ReadAttributes(MediaInfo *pInfo, CodecUser nUser, int i, const SdpSec
 {
     SdpRtpMap map;
     pInfo->nTrackId = ChooseTrackId(i, section);
+    std::string_view control = SdpReadControl(section.own);
+    if (control.size() < sizeof(pInfo->szControl))
+        TextCopy(pInfo->szControl, sizeof(pInfo->szControl), control);
     if (SdpReadRtpMap(section.rest, SDP_ANYWHERE, &map) < 1 || map.nRate < 1)
         return 0;
     pInfo->nPayloadType = map.nPayloadType;

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <ctime>
 #include <new>
+#include <utility>
 
 #include <sys/random.h>
 
@@ -115,6 +116,13 @@ Session *SessionOfTask(const Task *pTask)
     return FindSessionByHandle(static_cast<uint32_t>(pTask->nParam));
 }
 
+void SessionForgetJob(Session *pSession)
+{
+    HeldJob *pHeld = std::exchange(pSession->hold.pJob, nullptr);
+    if (pHeld && pHeld->bDone)
+        pHeld->pfnFree(pHeld);
+}
+
 // Gives the UDP ports of a track back.
 static void CloseTrackPorts(SessionTrack *pTrack)
 {
@@ -156,7 +164,7 @@ static void EndOne(Session *pSession)
     pSession->peer.Cmd = pSession->peer.Reply = nullptr;
     for (SessionTrack &track : pSession->tracks)
         CloseTrackPorts(&track);
-    HeldJobForget(pSession);  // it may hold what the program has
+    SessionForgetJob(pSession);  // it may hold what the program has
     ProgramDetach(pSession);
     // what waits is freed in a moment, and nobody need give for it
     g_server.nQueuedBytes -= SessionMediaWaiting(pSession);
@@ -209,7 +217,8 @@ int SessionClosePort(Session *pSession, Port *pPort)
     if (pPort == pSession->hold.pPort) {
         pSession->hold.pPort = nullptr;
         pSession->hold.nScan = 0;
-        HeldJobForget(pSession);
+        pSession->hold.bStep = 0;
+        SessionForgetJob(pSession);
     }
     PortClose(pPort);
     if (pSession->peer.Cmd || pSession->peer.Reply)

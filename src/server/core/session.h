@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "base/linkedlist.h"
+#include "record/playline.h"
 #include "record/rtpout.h"
 #include "server/core/accounttable.h"
 #include "server/core/port.h"
@@ -60,6 +61,7 @@ struct SessionTrack : RtpTrack {
     // What sender reports tell (RFC 3550, section 6.4.1).
     uint32_t nFirstSentRtpTime = 0;  // RTP time stamp of the first packet written
     uint32_t nClockBase = 0;         // RTP clock at that moment
+    int bReported = 0;               // the report on that packet was made
     uint32_t nPackets = 0;           // packets and payload octets written
     uint32_t nOctets = 0;
 };
@@ -115,6 +117,10 @@ struct SessionPlay {
     uint32_t nPlayPos = 0;     // play position, ms: follows the media packets that were sent
     uint32_t nPlayStart = 0;   // position at which the current play began, ms
     uint32_t nPlayClock = 0;   // ClockMs at that moment
+    int64_t nPlayWallUs = 0;   // the wall clock then, us, by which reports on a recording tell its times
+    uint32_t nSpeed = 1000;    // of delivery, in thousandths of real time
+    PlayLine line;             // of a recording, for standard players: all positions above are on it
+    int nTold = 0;             // what was said of its faults
     int bFinalReport = 0;      // a recording has ended, and the player is still to be told
 };
 
@@ -218,6 +224,9 @@ void SessionEndAll();
 int SessionClosePort(Session *pSession, Port *pPort);
 // The same for the connection that replies and media go out on.
 int SessionCloseReplyPort(Session *pSession);
+
+// Nobody waits any more for what was asked of the disk (hold.pJob): it goes when it is done.
+void SessionForgetJob(Session *pSession);
 
 // The connections of a session, each null when it has gone. They are one but for a tunnel, whose requests
 // come on one and whose replies go on the other.

@@ -22,6 +22,7 @@
 #include "server/front/events.h"
 #include "server/front/remoteservices.h"
 #include "server/media/storagecare.h"
+#include "server/methods/accountfile.h"
 #include "server/methods/accounts.h"
 #include "server/methods/attempts.h"
 #include "server/methods/auth.h"
@@ -78,6 +79,7 @@ static int CreateScheduler()
 static int CreateAuth()
 {
     AttemptsReset();
+    AccountFileLoad(g_settings.szConfigPath);
     g_server.pAuth = AuthCreate(g_settings.nAuthType, kRealm, GetUserAccount, g_settings.bFreshNonce);
     if (!g_server.pAuth)
         print("No authenticator for AuthType %u (%s): set AuthType to 0, 1 or 2.\r\n", g_settings.nAuthType,
@@ -120,8 +122,33 @@ static void DropCutNetwork(char *szList, size_t nSize)
     *pLast = '\0';
 }
 
+// --- The log, from which nobody waits for the disk while its thread runs ---
+
+static DiskLane g_logLane;
+static DiskJob g_logJob;  // in the lane, or nobody's
+
+static int RunLogJob(DiskJob *)
+{
+    return LogWriteSome();
+}
+
+static void PostLogJob()
+{
+    DiskPostLazy(&g_logLane, &g_logJob);
+}
+
+static int StartDisk()
+{
+    if (!DiskStart(&g_server.scheduler))
+        return 0;
+    g_logJob.pfnRun = RunLogJob;
+    LogDivert(PostLogJob);
+    return 1;
+}
+
 int ServerStart(const char *szConfigPath)
 {
+    tzset();  // which reads a file
     ClearServer();
     if (!SettingsRead(&g_settings, szConfigPath)) {
         ClearServer();
@@ -137,7 +164,7 @@ int ServerStart(const char *szConfigPath)
     PathList interrupted;
     PrepareStorage(&interrupted);
     RegistryInit(OnFreePort);
-    int bReady = CreatePortMgr() && CreateAuth() && CreateScheduler() && DiskStart(&g_server.scheduler) &&
+    int bReady = CreatePortMgr() && CreateAuth() && CreateScheduler() && StartDisk() &&
                  MonitorCreate(&g_server.monitor, OnMonitorEvent, nullptr);
     if (!bReady) {
         PathListFree(&interrupted);
@@ -165,6 +192,8 @@ static int StopDisk()
             "The disk stalls: the last %zu bytes of recordings are lost, and their files stay "
             "interrupted.\r\n",
             nLost);
+    else
+        LogDivert(nullptr);  // a disk that stalls would take this thread, too
     return nLost == 0;
 }
 
@@ -189,8 +218,10 @@ void ServerStop()
     PortMgrFree(g_server.pPortMgr);
     delete g_server.pPortMgr;
     AuthFree(g_server.pAuth);
-    if (bDiskEnded)  // else its thread reads the settings yet
+    if (bDiskEnded) {  // else its thread reads the settings yet
+        AccountFileFree();
         ClearServer();
+    }
 }
 
 // A request of the main thread that the scheduler thread answers.

@@ -2,11 +2,15 @@
 
 #include <strings.h>
 
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 
 #include "base/console.h"
 #include "base/textbuf.h"
+#include "record/sdpreader.h"
 #include "record/storage.h"
 #include "server/core/sdp.h"
 #include "server/core/settings.h"
@@ -16,6 +20,9 @@
 namespace orx {
 
 constexpr size_t kShortestPath = 6;  // "/a.zmf"
+// Between two key frames where only such are played: where each picture is one, no player could show them
+// all.
+constexpr uint32_t kKeyGapMs = 20;
 
 static const char *FileSdp(const Program *pProg)
 {
@@ -29,17 +36,36 @@ static void CloseReader(Program *pProg)
 
 static const ProgramOps g_fileOps = {FileSdp, FillBufferFromFile, CloseReader};
 
+int PlaysStandard(const Session *pSession)
+{
+    return g_settings.bStandardPlayers && pSession->pProg && !pSession->pProg->bLive;
+}
+
 uint32_t FileProgramDuration(const Program *pProg)
 {
     return pProg->reader ? pProg->reader->uDuration : 0;
 }
 
-int FileProgramSeek(Session *pSession, uint32_t nMs, uint32_t *pReached)
+int FileProgramScale(const Session *pSession, float fWanted)
+{
+    static constexpr int scales[] = {1, 2, 4, 8, 16, -1, -2, -4, -8, -16};
+    int nVideo = pSession->pProg->desc.nVideoTrack;
+    if (!PlaysStandard(pSession) || nVideo < 0 || nVideo >= kMaxTracks || !pSession->tracks[nVideo].bSetUp)
+        return 1;
+    auto isNearer = [fWanted](int a, int b) {
+        return std::fabs(fWanted - static_cast<float>(a)) < std::fabs(fWanted - static_cast<float>(b));
+    };
+    return *std::min_element(std::begin(scales), std::end(scales), isNearer);
+}
+
+int FileProgramSeek(Session *pSession, uint32_t nMs, int nScale, uint32_t *pReached)
 {
     FileReader *pReader = pSession->pProg->reader;
     HeldJob *pHeld = HeldJobTake(pSession);
     if (!pHeld) {
-        HeldJob *pSeeking = pReader ? FileReaderSeeking(pReader, nMs) : nullptr;
+        FileSeek seek = {nMs, PlaysStandard(pSession), (nScale > 1) - (nScale < 0),
+                         static_cast<uint32_t>(std::abs(nScale)) * kKeyGapMs};
+        HeldJob *pSeeking = pReader ? FileReaderSeeking(pReader, &seek) : nullptr;
         if (!pSeeking)
             return 0;
         pHeld = HeldJobPost(pSession, &pReader->lane, pSeeking);
@@ -84,6 +110,16 @@ static HeldJob *Open(Session *pSession, const char *szPath, int *pbMore)
     return pHeld;
 }
 
+// Cameras leave the rtpmap lines of static payload types out (RFC 3551, section 6), and so do recordings of
+// theirs.
+static int ReadDescription(Description *pDesc, const FileReader *pReader)
+{
+    char *szSdp = g_settings.bStandardPlayers ? SdpWithStaticMaps(pReader->szSdp) : nullptr;
+    int bRead = SdpParse(pDesc, szSdp ? szSdp : pReader->szSdp, 0, pReader->uDuration);
+    free(szSdp);
+    return bRead;
+}
+
 // A program of an open recording, whose owner it becomes. Null, with it closed, without a usable description.
 static Program *MakeProgram(const char *szPath, FileReader *pReader)
 {
@@ -95,8 +131,7 @@ static Program *MakeProgram(const char *szPath, FileReader *pReader)
     pProg->reader = pReader;
     pReader->pProg = pProg;
     pReader->pfnArrived = FileRecordsArrived;
-    if (pReader->szSdp && SdpParse(&pProg->desc, pReader->szSdp, 0, pReader->uDuration) &&
-        ProgramReady(pProg))
+    if (pReader->szSdp && ReadDescription(&pProg->desc, pReader) && ProgramReady(pProg))
         return pProg;
     ProgramDiscard(pProg);
     return nullptr;

@@ -13,11 +13,27 @@ namespace orx {
 // Null with *pbMore 1: the disk is at it; the session's request is held, and this called again.
 Program *CreateFileProgram(Session *pSession, const char *szPath, int *pbMore);
 
+// Whether the session plays a recording as standard players take it ([INTEROP] StandardPlayers): all tracks
+// on one time line, exact places, nothing lost in a pause, and an end that is told.
+int PlaysStandard(const Session *pSession);
+
+// The time stamp of time 0, on every clock. Not 0 for standard players: some take an rtptime of 0 in RTP-Info
+// for none, and count from whatever they read first, after a jump from what is left from before it.
+inline uint32_t PlayStampBase(const Session *pSession)
+{
+    return PlaysStandard(pSession) ? 1 : 0;
+}
+
 // The length of the recording in ms; 0 when it is not known, and for a live program.
 uint32_t FileProgramDuration(const Program *pProg);
 
-// Moves the reader of the session's recording to nMs. Returns 1 with the position reached in *pReached (ms),
-// or 0 with the reader where it was; -1: the request is held, and this called again.
-int FileProgramSeek(Session *pSession, uint32_t nMs, uint32_t *pReached);
+// The scale nearest to the one wanted at which the session can be given its recording: 1, or by key frames 2,
+// 4, 8, 16, and backwards -1, -2, -4, -8, -16.
+int FileProgramScale(const Session *pSession, float fWanted);
+
+// Moves the reader of the session's recording to nMs; from there on it reads what nScale plays. Returns 1
+// with the position reached in *pReached (ms), or 0 with the reader where it was; -1: the request is held,
+// and this called again.
+int FileProgramSeek(Session *pSession, uint32_t nMs, int nScale, uint32_t *pReached);
 
 }  // namespace orx

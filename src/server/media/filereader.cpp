@@ -39,7 +39,7 @@ static void FreeBatch(void *, void *pItem)
 
 // --- Opening and closing ---
 
-static void Describe(FileReader *p)
+static void TakeFacts(FileReader *p)
 {
     p->szSdp = ZMFReaderSdp(p->pFile);
     p->uDuration = ZMFReaderDuration(p->pFile);
@@ -57,7 +57,7 @@ FileReader *FileReaderNew(ZMFReader *pFile)
     ListUsedDefMap(&p->batches, 0);
     p->pFile = pFile;
     if (pFile)
-        Describe(p);
+        TakeFacts(p);
     return p;
 }
 
@@ -108,7 +108,7 @@ FileReader *FileReaderOpened(HeldJob *pHeld)
     auto *p = reinterpret_cast<Opening *>(pHeld);
     FileReader *pReader = p->pReader->pFile ? std::exchange(p->pReader, nullptr) : nullptr;
     if (pReader)
-        Describe(pReader);
+        TakeFacts(pReader);
     FreeOpening(pHeld);
     return pReader;
 }
@@ -158,18 +158,30 @@ static int AddRecord(Batch *p, const uint8_t *pRecord, uint32_t nBytes)
     return 1;
 }
 
+// The next record that is to be read; null with *pbMore 1 when finding it takes another step.
+static const uint8_t *ReadRecord(FileReader *p, int *pnBytes, int *pbMore)
+{
+    *pbMore = 0;
+    if (p->nDirection == 0)
+        return ZMFReaderNextSample(p->pFile, pnBytes);
+    return ZMFReaderNextKey(p->pFile, p->nDirection, p->nGapMs, kStepWork, pnBytes, pbMore);
+}
+
 static int RunReading(DiskJob *pJob)
 {
     Batch *p = BatchOf(pJob);
     for (uint32_t i = 0; i < kBatchRecords && p->nData < kBatchBytes && !p->bEnd; i++) {
         int nBytes = 0;
-        const uint8_t *pRecord = ZMFReaderNextSample(p->pReader->pFile, &nBytes);
+        int bMore = 0;
+        const uint8_t *pRecord = ReadRecord(p->pReader, &nBytes, &bMore);
+        if (bMore)
+            return i > 0;
         p->bEnd = !pRecord || !AddRecord(p, pRecord, static_cast<uint32_t>(nBytes));
     }
     return 1;
 }
 
-static void OnRead(DiskJob *pJob)
+static void OnBatchRead(DiskJob *pJob)
 {
     Batch *p = BatchOf(pJob);
     FileReader *pReader = p->pReader;
@@ -191,7 +203,7 @@ static void ReadAhead(FileReader *pReader)
         return;
     p->pReader = pReader;
     p->job.pfnRun = RunReading;
-    p->job.pfnDone = OnRead;
+    p->job.pfnDone = OnBatchRead;
     pReader->bReading = 1;
     DiskPost(&pReader->lane, &p->job);
 }
@@ -226,7 +238,7 @@ const uint8_t *FileReaderNext(FileReader *pReader, uint32_t *pnBytes, int *pbEnd
 struct Seeking {
     HeldJob held;  // first
     FileReader *pReader = nullptr;
-    uint32_t nMs = 0;
+    FileSeek seek;
     uint32_t nReachedMs = 0;
     int bReached = 0;
 };
@@ -235,7 +247,15 @@ static int RunSeeking(DiskJob *pJob)
 {
     auto *p = reinterpret_cast<Seeking *>(pJob);
     int bMore = 0;
-    p->bReached = ZMFReaderSeekStep(p->pReader->pFile, p->nMs, kStepWork, &p->nReachedMs, &bMore) != nullptr;
+    FileReader *pReader = p->pReader;
+    pReader->pFile->bExactSeek = p->seek.bExact;
+    p->bReached =
+        ZMFReaderSeekStep(pReader->pFile, p->seek.nMs, kStepWork, &p->nReachedMs, &bMore) != nullptr;
+    if (p->bReached) {
+        pReader->nDirection = p->seek.nDirection;
+        pReader->nGapMs = p->seek.nGapMs;
+        ZMFReaderBeginKeys(pReader->pFile);
+    }
     return !bMore;
 }
 
@@ -251,7 +271,7 @@ static void FreeSeeking(HeldJob *pHeld)
     delete p;
 }
 
-HeldJob *FileReaderSeeking(FileReader *pReader, uint32_t nMs)
+HeldJob *FileReaderSeeking(FileReader *pReader, const FileSeek *pSeek)
 {
     auto *p = new (std::nothrow) Seeking;
     if (!p)
@@ -259,7 +279,7 @@ HeldJob *FileReaderSeeking(FileReader *pReader, uint32_t nMs)
     p->held.job.pfnRun = RunSeeking;
     p->held.pfnFree = FreeSeeking;
     p->pReader = pReader;
-    p->nMs = nMs;
+    p->seek = *pSeek;
     pReader->bSeeking = 1;
     return &p->held;
 }

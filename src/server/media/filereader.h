@@ -21,6 +21,8 @@ struct FileReader {
     Program *pProg = nullptr;                      // whose it is, not owned
     void (*pfnArrived)(Program *pProg) = nullptr;  // called when a batch is there that was waited for
     ZMFReader *pFile = nullptr;                    // the disk thread's, owned
+    int nDirection = 0;   // the disk thread's: of key frames, 1 or -1; 0: all records
+    uint32_t nGapMs = 0;  // the disk thread's: from one key frame to the next, at least
 };
 
 // The job that opens a file and looks a long one through, and the lane that it is posted in. Null without
@@ -33,9 +35,15 @@ FileReader *FileReaderNew(ZMFReader *pFile);
 // Closes and frees it once the disk is done with it; accepts null.
 void FileReaderClose(FileReader *pReader);
 
-// The job that moves to the key frame that playing from nMs starts with, to be posted in the reader's lane.
-// Null without memory.
-HeldJob *FileReaderSeeking(FileReader *pReader, uint32_t nMs);
+// A seek: to the key frame that playing from nMs starts with.
+struct FileSeek {
+    uint32_t nMs = 0;
+    int bExact = 0;      // see ZMFReaderSeek
+    int nDirection = 0;  // what is read from there on: see FileReader
+    uint32_t nGapMs = 0;
+};
+// The job for it, to be posted in the reader's lane. Null without memory.
+HeldJob *FileReaderSeeking(FileReader *pReader, const FileSeek *pSeek);
 // What became of it: 1 with the time that was reached, or 0, and the file goes on where it was. The job goes.
 int FileReaderSought(HeldJob *pHeld, uint32_t *pReachedMs);
 

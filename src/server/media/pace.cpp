@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "server/core/program.h"
+#include "server/media/fileprogram.h"
 #include "server/media/outqueue.h"
 
 namespace orx {
@@ -19,15 +20,22 @@ static int CatchesUp(const Session *pSession)
            ClockMs() - pSession->play.nPlayClock < pSession->pProg->cache.nCacheLimit;
 }
 
+// The media of a recording that is due.
+static uint32_t DueMs(const SessionPlay *pPlay)
+{
+    return static_cast<uint32_t>(uint64_t{ClockMs() - pPlay->nPlayClock} * pPlay->nSpeed / 1000);
+}
+
 Pace PaceOf(const Session *pSession)
 {
     if (!pSession->pProg || (pSession->nFlags & SESSION_PUSHER))
         return {};
     const SessionPlay *pPlay = &pSession->play;
     uint32_t nSent = pPlay->nPlayPos - pPlay->nPlayStart;
+    int bPaused = PlaysStandard(pSession) && pSession->nState == STATE_PAUSED;
     if (!pSession->pProg->bLive)
-        return {1, pPlay->nPlayStart, ClockMs() - pPlay->nPlayClock, nSent, kFileLeadMs};
-    return {CatchesUp(pSession), pPlay->nPlayStart, pSession->flow.nCatchUpMs, nSent, 0};
+        return {1, bPaused, pPlay->nPlayStart, DueMs(pPlay), nSent, kFileLeadMs};
+    return {CatchesUp(pSession), 0, pPlay->nPlayStart, pSession->flow.nCatchUpMs, nSent, 0};
 }
 
 DataBlock *PaceFirstHeld(const Session *pSession)
@@ -43,6 +51,13 @@ DataBlock *PaceFirstHeld(const Session *pSession)
             PaceAdvance(&pace, p);
     }
     return pHeld;
+}
+
+int PaceKeepsAll(const Session *pSession)
+{
+    Pace pace = PaceOf(pSession);
+    const auto *pHead = ListFirstOf<DataBlock>(&pSession->out.Outq);
+    return !pHead || (pace.bPaused && PaceHoldsBack(&pace, pHead));
 }
 
 int PaceMayTakeStart(const Session *pSession)

@@ -8,6 +8,7 @@
 #include "runtime/clock.h"
 #include "server/core/program.h"
 #include "server/core/settings.h"
+#include "server/media/fileprogram.h"
 #include "server/media/outqueue.h"
 #include "server/media/pace.h"
 #include "server/media/rtcp.h"
@@ -37,7 +38,7 @@ static int StartsReports(const Session *pSession, const DataBlock *pBlock)
     if (!(pSession->nFlags & SESSION_RTCP) || !(pBlock->nFlags & DB_MEDIA))
         return 0;
     int nTrack = TrackOfBlock(pSession, pBlock);
-    return nTrack >= 0 && pSession->tracks[nTrack].nPackets == 0;
+    return nTrack >= 0 && !pSession->tracks[nTrack].bReported;
 }
 
 // Collects from the head of the queue what can leave in one call. Empty when pacing holds the head back.
@@ -70,7 +71,8 @@ static void BlockDone(Session *pSession, DataBlock *pBlock)
     if (pBlock->nFlags & DB_MEDIA) {
         pSession->play.nPlayPos = pBlock->nTimestamp;
         pSession->flow.nStartHeld -= std::min(pSession->flow.nStartHeld, int64_t{BlockBytes(pBlock)});
-        int nTrack = (pSession->nFlags & SESSION_RTCP) ? TrackOfBlock(pSession, pBlock) : -1;
+        int bCounts = (pSession->nFlags & SESSION_RTCP) || PlaysStandard(pSession);
+        int nTrack = bCounts ? TrackOfBlock(pSession, pBlock) : -1;
         uint32_t nPrefix = pSession->out.bInterleaved ? kInterleaveBytes : 0;
         if (nTrack >= 0)
             RtcpNotePacketSent(pSession, nTrack, BlockData(pBlock) + nPrefix, pBlock->len - nPrefix, pBlock);
@@ -91,7 +93,7 @@ static int OnSessionDelaySendTimer(Task *pTask, uint32_t, uint32_t, uint32_t)
         return -1;
     }
     int bArmed = (pSession->nFlags & SESSION_DELAYED_SEND) != 0;
-    if (bArmed || pSession->nState == STATE_PLAYING || ListCount(&pSession->out.Outq) == 0)
+    if (bArmed || pSession->nState == STATE_PLAYING || PaceKeepsAll(pSession))
         return -1;
     pSession->nFlags |= SESSION_DELAYED_SEND;
     return kDelayedSendMs;
