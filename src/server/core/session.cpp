@@ -304,6 +304,11 @@ static int OnIdleCheck(Task *pTask, uint32_t, uint32_t, uint32_t)
     return -1;
 }
 
+int PlaysStandard(const Session *pSession)
+{
+    return g_settings.bStandardPlayers && pSession->pProg && !pSession->pProg->bLive;
+}
+
 void SessionScheduleIdleCheck(Port *pPort)
 {
     if (pPort->nFlags & PORT_IDLE_CHECK)

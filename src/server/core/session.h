@@ -252,6 +252,17 @@ inline void *SessionPrintHandle(const Session *pSession)
     return reinterpret_cast<void *>(static_cast<uintptr_t>(pSession->nHandle));
 }
 
+// Whether the session plays a recording as standard players take it ([INTEROP] StandardPlayers): all tracks
+// on one time line, exact places, nothing lost in a pause, and an end that is told.
+int PlaysStandard(const Session *pSession);
+
+// The time stamp of time 0, on every clock. Not 0 for standard players: some take an rtptime of 0 in RTP-Info
+// for none, and count from whatever they read first, after a jump from what is left from before it.
+inline uint32_t PlayStampBase(const Session *pSession)
+{
+    return PlaysStandard(pSession) ? 1 : 0;
+}
+
 // Schedules the delayed close, once: the session ends in 2000 ms, with both connections of a tunnel.
 void SessionDelayClose(Session *pSession);
 // Schedules the idle check of a connection, unless one is under way: when it has sent nothing by then, in

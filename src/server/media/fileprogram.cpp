@@ -36,11 +36,6 @@ static void CloseReader(Program *pProg)
 
 static const ProgramOps g_fileOps = {FileSdp, FillBufferFromFile, CloseReader};
 
-int PlaysStandard(const Session *pSession)
-{
-    return g_settings.bStandardPlayers && pSession->pProg && !pSession->pProg->bLive;
-}
-
 uint32_t FileProgramDuration(const Program *pProg)
 {
     return pProg->reader ? pProg->reader->uDuration : 0;

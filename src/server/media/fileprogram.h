@@ -13,17 +13,6 @@ namespace orx {
 // Null with *pbMore 1: the disk is at it; the session's request is held, and this called again.
 Program *CreateFileProgram(Session *pSession, const char *szPath, int *pbMore);
 
-// Whether the session plays a recording as standard players take it ([INTEROP] StandardPlayers): all tracks
-// on one time line, exact places, nothing lost in a pause, and an end that is told.
-int PlaysStandard(const Session *pSession);
-
-// The time stamp of time 0, on every clock. Not 0 for standard players: some take an rtptime of 0 in RTP-Info
-// for none, and count from whatever they read first, after a jump from what is left from before it.
-inline uint32_t PlayStampBase(const Session *pSession)
-{
-    return PlaysStandard(pSession) ? 1 : 0;
-}
-
 // The length of the recording in ms; 0 when it is not known, and for a live program.
 uint32_t FileProgramDuration(const Program *pProg);
 

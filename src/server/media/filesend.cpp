@@ -6,7 +6,6 @@
 #include "record/zmfile.h"
 #include "server/core/program.h"
 #include "server/core/settings.h"
-#include "server/media/fileprogram.h"
 #include "server/media/filereader.h"
 #include "server/media/pace.h"
 #include "server/media/rtcp.h"

@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "server/core/program.h"
-#include "server/media/fileprogram.h"
 #include "server/media/outqueue.h"
 
 namespace orx {

@@ -14,7 +14,6 @@
 #include "record/playline.h"
 #include "runtime/clock.h"
 #include "server/core/program.h"
-#include "server/media/fileprogram.h"
 
 namespace orx {
 

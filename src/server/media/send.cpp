@@ -8,7 +8,6 @@
 #include "runtime/clock.h"
 #include "server/core/program.h"
 #include "server/core/settings.h"
-#include "server/media/fileprogram.h"
 #include "server/media/outqueue.h"
 #include "server/media/pace.h"
 #include "server/media/rtcp.h"
