@@ -31,10 +31,10 @@ Pace PaceOf(const Session *pSession)
         return {};
     const SessionPlay *pPlay = &pSession->play;
     uint32_t nSent = pPlay->nPlayPos - pPlay->nPlayStart;
+    if (pSession->pProg->bLive)
+        return {CatchesUp(pSession), 0, pPlay->nPlayStart, pSession->flow.nCatchUpMs, nSent, 0};
     int bPaused = PlaysStandard(pSession) && pSession->nState == STATE_PAUSED;
-    if (!pSession->pProg->bLive)
-        return {1, bPaused, pPlay->nPlayStart, DueMs(pPlay), nSent, kFileLeadMs};
-    return {CatchesUp(pSession), 0, pPlay->nPlayStart, pSession->flow.nCatchUpMs, nSent, 0};
+    return {1, bPaused, pPlay->nPlayStart, DueMs(pPlay), nSent, kFileLeadMs};
 }
 
 DataBlock *PaceFirstHeld(const Session *pSession)

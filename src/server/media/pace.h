@@ -27,10 +27,11 @@ Pace PaceOf(const Session *pSession);
 // that a pause leaves no player with a piece of one.
 inline int PaceHoldsBack(const Pace *pPace, const DataBlock *pBlock)
 {
-    if (pPace->bPaused && (pBlock->nFlags & DB_MEDIA) && pBlock->sent == 0)
+    if (!pPace->bPaced || !(pBlock->nFlags & DB_MEDIA))
+        return 0;
+    if (pPace->bPaused && pBlock->sent == 0)
         return 1;
-    return pPace->bPaced && (pBlock->nFlags & DB_MEDIA) &&
-           ClockDiff(pPace->nSent, pPace->nElapsed) > pPace->nLead &&
+    return ClockDiff(pPace->nSent, pPace->nElapsed) > pPace->nLead &&
            pBlock->nTimestamp - pPace->nStart != pPace->nSent;
 }
 

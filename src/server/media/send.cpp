@@ -19,7 +19,7 @@ static constexpr uint32_t kDelayedSendMs = 200;  // a socket that was full has r
 
 // The connection for replies and interleaved media, or the media socket of the block's track. Null when a
 // survived peer assertion found none: which packets a recording makes is up to the file.
-static Port *ChoosePort(const Session *pSession, const DataBlock *pBlock)
+static inline Port *ChoosePort(const Session *pSession, const DataBlock *pBlock)
 {
     Port *pPort = nullptr;
     if (IsDatagram(pSession, pBlock)) {
@@ -70,7 +70,8 @@ static void BlockDone(Session *pSession, DataBlock *pBlock)
     if (pBlock->nFlags & DB_MEDIA) {
         pSession->play.nPlayPos = pBlock->nTimestamp;
         pSession->flow.nStartHeld -= std::min(pSession->flow.nStartHeld, int64_t{BlockBytes(pBlock)});
-        int bCounts = (pSession->nFlags & SESSION_RTCP) || PlaysStandard(pSession);
+        // standard players of recordings are told where each track ends, with or without reports
+        int bCounts = (pSession->nFlags & SESSION_RTCP) || pSession->out.bSampleStamps;
         int nTrack = bCounts ? TrackOfBlock(pSession, pBlock) : -1;
         uint32_t nPrefix = pSession->out.bInterleaved ? kInterleaveBytes : 0;
         if (nTrack >= 0)
