@@ -630,7 +630,12 @@ void ZMFWriterMarkJump(ZMFWriter *pWriter)
 
 int ZMFWriterRoomStep(ZMFWriter *pWriter)
 {
-    return pWriter->room.eStage != RoomStage::Idle && StorageRoomStep(&pWriter->room) == RoomResult::More;
+    if (pWriter->room.eStage == RoomStage::Idle)
+        return 0;
+    RoomResult eResult = StorageRoomStep(&pWriter->room);
+    if (eResult == RoomResult::None)  // or the next second would begin the same search anew
+        pWriter->nRoomRetryMs = RecordSteadyMs() + kRoomRetryMs;
+    return eResult == RoomResult::More;
 }
 
 // Looks at the space, and makes some in a few steps. Returns 0 when there is none to be had.
@@ -685,7 +690,11 @@ static void TickFile(ZMFWriter *pWriter)
     if (pWriter->room.eStage == RoomStage::Idle && !IsSpaceShort(pWriter, 0))
         return;
     pWriter->bRollDue = 1;
-    if (!LookAfterRoom(pWriter, 0))
+    if (LookAfterRoom(pWriter, 0))
+        return;
+    if (pWriter->bDeleteOldest)  // the next key frame may find this very file the oldest
+        EndFile(pWriter, "there is no room");
+    else
         PauseForRoom(pWriter);
 }
 

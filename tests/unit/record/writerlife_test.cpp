@@ -156,6 +156,27 @@ TEST_F(WriterLife, RoomIsMadeBetweenKeyFrames)
     });
 }
 
+// It goes at the next key frame, as it would have gone had the disk been full then. Where there is nothing else,
+// to look for that takes more steps than a second has.
+TEST_F(WriterLife, AFileThatFillsTheDiskAloneGivesWay)
+{
+    OnDisk(root, [&] {
+        for (int i = 0; i < 20; i++)
+            std::filesystem::create_directory(root + "other" + std::to_string(i));
+        Begin(2, 1);
+        EXPECT_EQ(1, Put(0, 3));
+        WriteFile(root + "filler", std::string((6 << 20) - 32768, 'f'));
+        for (int i = 0; i < 2; i++) {
+            EXPECT_EQ(1, ZMFWriterTick(p));
+            while (ZMFWriterRoomStep(p)) {
+            }
+        }
+        EXPECT_FALSE(RecordFileIsOpen(&p->file)) << "the space is to be kept free";
+        EXPECT_EQ(1, Put(3, 9));
+        EXPECT_EQ(Numbers(5, 9), Finish());
+    });
+}
+
 TEST_F(WriterLife, TheRecordingPausesWhereNothingMayBeDeleted)
 {
     OnDisk(root, [&] {
