@@ -340,11 +340,11 @@ static void CompareClocks(ZMFWriter *pWriter)
     pWriter->tLook = tNow;
 }
 
-static int IsSpaceShort(const ZMFWriter *pWriter, uint32_t nMoreMB)
+static int IsSpaceShort(const ZMFWriter *pWriter, int32_t nMoreMB)
 {
     char szDir[kStoragePathSize];
     return pWriter->nSpaceInMB > 0 && StorageDirOf(szDir, sizeof(szDir), pWriter->file.szFile) &&
-           IsEnoughFreeDiskSpace(szDir, pWriter->nSpaceInMB + nMoreMB) == 0;
+           IsEnoughFreeDiskSpace(szDir, pWriter->nSpaceInMB + static_cast<uint32_t>(nMoreMB)) == 0;
 }
 
 // Ends the file that is open; one without a record is not worth its name.
@@ -639,7 +639,7 @@ int ZMFWriterRoomStep(ZMFWriter *pWriter)
 }
 
 // Looks at the space, and makes some in a few steps. Returns 0 when there is none to be had.
-static int LookAfterRoom(ZMFWriter *pWriter, uint32_t nMoreMB)
+static int LookAfterRoom(ZMFWriter *pWriter, int32_t nMoreMB)
 {
     char szDir[kStoragePathSize];
     if (pWriter->room.eStage == RoomStage::Idle) {
@@ -692,10 +692,11 @@ static void TickFile(ZMFWriter *pWriter)
     pWriter->bRollDue = 1;
     if (LookAfterRoom(pWriter, 0))
         return;
-    if (pWriter->bDeleteOldest)  // the next key frame may find this very file the oldest
-        EndFile(pWriter, "there is no room");
-    else
+    if (!pWriter->bDeleteOldest)
         PauseForRoom(pWriter);
+    else if (IsSpaceShort(pWriter, -static_cast<int32_t>(pWriter->nSpaceInMB / 2)))
+        EndFile(pWriter, "there is no room");
+    // else up to the next key frame, which may find this very file the oldest, nothing is lost
 }
 
 int ZMFWriterTick(ZMFWriter *pWriter)

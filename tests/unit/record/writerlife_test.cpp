@@ -171,7 +171,7 @@ TEST_F(WriterLife, AFileThatFillsTheDiskAloneGivesWay)
             while (ZMFWriterRoomStep(p)) {
             }
         }
-        EXPECT_FALSE(RecordFileIsOpen(&p->file)) << "the space is to be kept free";
+        EXPECT_TRUE(RecordFileIsOpen(&p->file)) << "half of what is kept free is there yet";
         EXPECT_EQ(1, Put(3, 9));
         EXPECT_EQ(Numbers(5, 9), Finish());
     });
