@@ -47,6 +47,17 @@ static void TellEnded(int bFailed)
     print(bFailed ? "ZMFWriterWriteSample() failed!\r\n" : "ZMFWriterWriteSample() auto stopped().\r\n");
 }
 
+// Who comes first finds the disk full first, and makes room among what is its own: that goes round.
+static void Rotate()
+{
+    Recorder *pFirst = std::exchange(g_pOpen, g_pOpen->pNextOpen);
+    Recorder **pp = &g_pOpen;
+    while (*pp)
+        pp = &(*pp)->pNextOpen;
+    *pp = pFirst;
+    pFirst->pNextOpen = nullptr;
+}
+
 // Each second a tick, and in between what takes more steps. Returns the ms to the next call, -1 for none.
 static int OnTick()
 {
@@ -65,6 +76,8 @@ static int OnTick()
     }
     if (bTick)
         g_nTickMs = nNow;
+    if (bTick && g_pOpen)
+        Rotate();
     return !g_pOpen ? -1 : bMore ? 0 : static_cast<int>(g_nTickMs + kTickMs - nNow);
 }
 
