@@ -529,15 +529,20 @@ static int WriteSample(ZMFWriter *pWriter, const uint8_t *pData, uint32_t nBytes
     return 0;
 }
 
-// Whether a time lies before the file, by more than tracks are mixed, or further on than a file can tell.
-static int IsOutOfTime(const ZMFWriter *pWriter, uint32_t nTimeMs)
+// How far a time lies behind the begin of the file that is open; 0 while it has none.
+static int64_t TimeInFile(const ZMFWriter *pWriter, uint32_t nTimeMs)
 {
-    if (pWriter->file.uSampleCount == 0 || pWriter->bRebase)
+    if (pWriter->eState != WriterState::Running || !RecordFileIsOpen(&pWriter->file) ||
+        pWriter->file.uSampleCount == 0 || pWriter->bRebase)
         return 0;
-    int32_t nDiff = ClockDiff(nTimeMs, pWriter->nTimeBase);
-    if (nDiff <= 0)
-        return nDiff <= -kBackMs && pWriter->file.uSampleCount - pWriter->nBaseCount >= kEarlyRecords;
-    return int64_t{nDiff} + pWriter->nTimeStampBase > kLastFileMs;
+    return ClockDiff(nTimeMs, pWriter->nTimeBase);
+}
+
+// Whether a time lies further on than a file can tell.
+static int IsTooLate(const ZMFWriter *pWriter, uint32_t nTimeMs)
+{
+    int64_t nDiff = TimeInFile(pWriter, nTimeMs);
+    return nDiff > 0 && nDiff + pWriter->nTimeStampBase > kLastFileMs;
 }
 
 // Begins the next file with a key frame. Returns 1, or 0 when it has to wait.
@@ -555,9 +560,13 @@ static int GoOn(ZMFWriter *pWriter)
 static int WriteAlways(ZMFWriter *pWriter, const uint8_t *pData, uint32_t nBytes, uint32_t nTimeMs,
                        uint32_t nType)
 {
-    int bKey = (nType & ZMF_KEY) && nType >> 8 == 'v';
-    if (pWriter->eState == WriterState::Running && RecordFileIsOpen(&pWriter->file) &&
-        IsOutOfTime(pWriter, nTimeMs))
+    auto chMedia = static_cast<char>(nType >> 8);
+    int bKey = (nType & ZMF_KEY) && chMedia == 'v';
+    int bEarly = TimeInFile(pWriter, nTimeMs) <= -kBackMs;  // by more than tracks are mixed
+    if (bEarly && chMedia == 'a')
+        return 1;  // sound that lags belongs to pictures from before the file
+    int bBack = bEarly && chMedia == 'v' && pWriter->file.uSampleCount - pWriter->nBaseCount >= kEarlyRecords;
+    if (bBack || IsTooLate(pWriter, nTimeMs))
         EndFile(pWriter, "times are out of order");
     for (int nTry = 0; nTry < 2; nTry++) {
         if (pWriter->eState != WriterState::Running && IsLimitOver(pWriter))

@@ -241,6 +241,20 @@ TEST_F(WriterLife, ClocksThatJumpBeginANewFile)
 }
 
 // What lies before a hole and behind it never makes one picture, even where the numbers fit.
+TEST_F(WriterLife, TracksThatLagCostNoPictures)
+{
+    Begin();
+    for (int i = 0; i < 20; i++) {
+        EXPECT_EQ(1, Put(i, i + 1));
+        EXPECT_EQ(1, ZMFWriterWriteSample(p, Data("s"), 1, nTimeMs - 5000, SampleType('a', 0)));
+        EXPECT_EQ(1, ZMFWriterWriteSample(p, Data("ALARM:"), 6, nTimeMs - 5000, SampleType('u', 0)));
+    }
+    EXPECT_EQ(0U, p->file.head.nFileSeq);
+    EXPECT_EQ(20U, p->file.uVideoSamples);
+    EXPECT_EQ(20U, p->file.uUserSamples);
+    EXPECT_EQ(40U, p->file.uSampleCount) << "the sound is from before";
+}
+
 TEST_F(WriterLife, AHoleEndsThePictureThatIsHalfBuilt)
 {
     Begin();
