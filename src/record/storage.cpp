@@ -282,7 +282,8 @@ static void Settle(const char *szFile, const struct stat *pInfo, int bKeep, Path
     TextBuf path{szFinal, sizeof(szFinal)};
     int64_t nLeast = pRepair ? kZmfHeadBytes : kRecoverMinBytes;
     if (pInfo->st_size < nLeast || !TextAddBytes(&path, szFile, strlen(szFile) - strlen(kOpenSuffix))) {
-        unlink(szFile);
+        if (unlink(szFile) == 0 && pRepair)
+            log("The interrupted file (%s) held no picture and is removed.", PrintableText(szFile).sz);
         return;
     }
     int bNamed = bKeep ? ConfineRename(AT_FDCWD, szFile, szFinal, szFree, sizeof(szFree))
