@@ -107,16 +107,20 @@ static void EndFile(Session *pSession)
 // Queues some records. Returns 0 when they are still being read.
 static int PackRecords(Session *pSession)
 {
-    for (int i = 0; i < kSamplesPerRefill && pSession->nState == STATE_PLAYING; i++) {
+    FileReader *pReader = pSession->pProg->reader;
+    while (pSession->nState == STATE_PLAYING) {
         uint32_t nBytes = 0;
         int bEnd = 0;
-        const uint8_t *pRecord = FileReaderNext(pSession->pProg->reader, &nBytes, &bEnd);
+        const uint8_t *pRecord = FileReaderNext(pReader, &nBytes, &bEnd);
         if (pRecord)
             PackRecord(pSession, pRecord, nBytes);
-        else if (bEnd && i == 0)
+        else if (!bEnd)
+            return 0;  // the refill goes on with what is being read
+        else if (pReader->nInRefill == 0)
             EndFile(pSession);
-        else
-            return bEnd;
+        pReader->nInRefill = pRecord ? (pReader->nInRefill + 1) % kSamplesPerRefill : 0;
+        if (pReader->nInRefill == 0)
+            return 1;
     }
     return 1;
 }
