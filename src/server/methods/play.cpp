@@ -248,7 +248,7 @@ static int IsOvertaken(const Session *pSession)
     RequestInit(&next);
     int bPlay = RequestParse(&next, pText, static_cast<size_t>(pEnd + 4 - pText)) == 1 &&
                 strcasecmp(RequestMethod(&next), "PLAY") == 0;
-    WantedRange range = ReadRange(bPlay ? RequestHeaderValue(&next, "Range") : nullptr);
+    WantedRange range = ReadRange(bPlay ? RequestHeaderValue(&next, "Range") : "");
     RequestReset(&next);
     return range.bStart && range.nStart < FileProgramDuration(pSession->pProg);
 }
