@@ -49,8 +49,8 @@ static int IsNumber(const char *p)
 static WantedRange ReadRange(const char *szRange)
 {
     WantedRange range;
-    const char *p = NextDigit(szRange ? szRange : "");
-    if (!IsNumber(p))
+    const char *p = szRange ? NextDigit(szRange) : nullptr;
+    if (!p || !IsNumber(p))
         return range;
     range.nStart = NptToMs(p);
     range.bStart = !memchr(szRange, '-', static_cast<size_t>(p - szRange));
@@ -248,7 +248,7 @@ static int IsOvertaken(const Session *pSession)
     RequestInit(&next);
     int bPlay = RequestParse(&next, pText, static_cast<size_t>(pEnd + 4 - pText)) == 1 &&
                 strcasecmp(RequestMethod(&next), "PLAY") == 0;
-    WantedRange range = ReadRange(bPlay ? RequestHeaderValue(&next, "Range") : "");
+    WantedRange range = ReadRange(bPlay ? RequestHeaderValue(&next, "Range") : nullptr);
     RequestReset(&next);
     return range.bStart && range.nStart < FileProgramDuration(pSession->pProg);
 }
