@@ -142,6 +142,7 @@ void DayWalkBegin(DayWalk *pWalk, const char *szRoot)
 {
     DayWalkFree(pWalk);
     pWalk->nTop = CountSlashes(szRoot);
+    pWalk->bRoot = 1;
     PathListAdd(&pWalk->pending, szRoot, nullptr);
 }
 
@@ -153,10 +154,12 @@ int DayWalkStep(DayWalk *pWalk)
     if (!PathListPop(&pWalk->pending, szDir, sizeof(szDir)))
         return 0;
     DirReader dir(szDir);
+    int bRoot = pWalk->bRoot;  // what lies in it are programs, whatever they are called
+    pWalk->bRoot = 0;
     while (const char *szName = dir.Next(&info)) {
         if (!S_ISDIR(info.st_mode) || szName[0] == '.' || !JoinPath(szPath, sizeof(szPath), szDir, szName))
             continue;
-        if (IsDate(szName))
+        if (!bRoot && IsDate(szName))
             PathListAdd(&pWalk->days, szPath, &info);
         else if (CountSlashes(szPath) - pWalk->nTop <= kMaxDirDepth)
             PathListAdd(&pWalk->pending, szPath, nullptr);

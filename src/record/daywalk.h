@@ -59,6 +59,7 @@ struct DayWalk {
     PathList pending;   // directories to be read
     PathList days;      // what was found
     uint32_t nTop = 0;  // slashes in the root's path
+    int bRoot = 0;      // the next directory to be read is the root itself
 };
 // Begins anew. Program names may hold slashes, so every directory that is not a day itself may be a
 // program's.

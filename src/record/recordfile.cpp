@@ -189,15 +189,19 @@ static int RewriteHead(RecordFile *pFile, int bFinal)
     return FileOutPatch(&pFile->out, 0, bytes, sizeof(bytes));
 }
 
+// What lies in the middle of the file could not be written over. Returns 0.
+static int FailInPlace(RecordFile *pFile)
+{
+    pFile->out.bFailed =
+        pFile->out.bFailed || NeverLoses(pFile);  // the file ends here, the recording goes on
+    return 0;
+}
+
 static int HalveIndex(RecordFile *pFile)
 {
     print("======nCurIdxId >= DEF_IDX_COUNT======\r");
     KeyIndexHalve(&pFile->index);
-    if (RewriteHead(pFile, 0) && FileOutFlush(&pFile->out))
-        return 1;
-    pFile->out.bFailed =
-        pFile->out.bFailed || NeverLoses(pFile);  // the file ends here, the recording goes on
-    return 0;
+    return (RewriteHead(pFile, 0) && FileOutFlush(&pFile->out)) || FailInPlace(pFile);
 }
 
 int RecordFileAddKeyFrame(RecordFile *pFile, uint32_t nTimeMs)
@@ -228,7 +232,7 @@ static int MarkWide(RecordFile *pFile)
         return 1;
     pFile->head.nVersion = kZmfWideVersion;
     PutBe(bytes, sizeof(bytes), pFile->head.nVersion);
-    return FileOutPatch(&pFile->out, kZmfVersionAt, bytes, sizeof(bytes));
+    return FileOutPatch(&pFile->out, kZmfVersionAt, bytes, sizeof(bytes)) || FailInPlace(pFile);
 }
 
 int RecordFileWriteRecord(RecordFile *pFile, const uint8_t *pData, uint32_t nBytes, uint32_t nTimeMs,

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -282,7 +283,8 @@ static void Settle(const char *szFile, const struct stat *pInfo, int bKeep, Path
     TextBuf path{szFinal, sizeof(szFinal)};
     int64_t nLeast = pRepair ? kZmfHeadBytes : kRecoverMinBytes;
     if (pInfo->st_size < nLeast || !TextAddBytes(&path, szFile, strlen(szFile) - strlen(kOpenSuffix))) {
-        unlink(szFile);
+        if (unlink(szFile) == 0 && pRepair)
+            log("The interrupted file (%s) held no picture and is removed.", PrintableText(szFile).sz);
         return;
     }
     int bNamed = bKeep ? ConfineRename(AT_FDCWD, szFile, szFinal, szFree, sizeof(szFree))
@@ -315,29 +317,30 @@ void StorageRecover(const char *szRoot, int bKeep, PathList *pRepair)
         RecoverBelow(szRoot, 0, bKeep, pRepair);
 }
 
-static int HasKeyFrame(int fd)
+// Whether the file was read and holds no key frame. One that the disk does not give is kept.
+static int IsKeyless(int fd)
 {
     uint8_t bytes[kZmfHeadBytes];
     ZMFileHeader head;
     struct stat info {};
-    if (fstat(fd, &info) != 0 || !ZMFileHeaderDecode(bytes, ReadAt(fd, 0, bytes, sizeof(bytes)), &head))
+    if (fstat(fd, &info) != 0)
         return 0;
-    RecordWalk walk;
+    size_t nRead = ReadAt(fd, 0, bytes, sizeof(bytes));
+    if (!ZMFileHeaderDecode(bytes, nRead, &head))
+        return nRead == std::min<uint64_t>(static_cast<uint64_t>(info.st_size), sizeof(bytes));
+    RecordWalk walk =
+        RecordWalkFrom(fd, static_cast<uint64_t>(info.st_size), ZMFileDataOffset(&head), kAllWork);
     ZMFRecordHead record;
-    walk.fd = fd;
-    walk.nFileBytes = static_cast<uint64_t>(info.st_size);
-    walk.nNext = ZMFileDataOffset(&head);
-    walk.nWork = kAllWork;
     while (RecordWalkNext(&walk, &record) == 1)
         if (IsKeyRecord(&record))
-            return 1;
-    return 0;
+            return 0;
+    return walk.nFileBytes < walk.nNext + kZmfRecordHeadBytes || RecordWalkHolds(&walk);
 }
 
 int StorageDropKeyless(const char *szFile)
 {
     FdGuard file{open(szFile, O_RDONLY | O_NOFOLLOW | O_CLOEXEC)};
-    if (file.fd < 0 || HasKeyFrame(file.fd) || unlink(szFile) != 0)
+    if (file.fd < 0 || !IsKeyless(file.fd) || unlink(szFile) != 0)
         return 0;
     log("The interrupted file (%s) held no picture and is removed.", PrintableText(szFile).sz);
     return 1;

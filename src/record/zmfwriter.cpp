@@ -340,11 +340,11 @@ static void CompareClocks(ZMFWriter *pWriter)
     pWriter->tLook = tNow;
 }
 
-static int IsSpaceShort(const ZMFWriter *pWriter, uint32_t nMoreMB)
+static int IsSpaceShort(const ZMFWriter *pWriter, int32_t nMoreMB)
 {
     char szDir[kStoragePathSize];
     return pWriter->nSpaceInMB > 0 && StorageDirOf(szDir, sizeof(szDir), pWriter->file.szFile) &&
-           IsEnoughFreeDiskSpace(szDir, pWriter->nSpaceInMB + nMoreMB) == 0;
+           IsEnoughFreeDiskSpace(szDir, pWriter->nSpaceInMB + static_cast<uint32_t>(nMoreMB)) == 0;
 }
 
 // Ends the file that is open; one without a record is not worth its name.
@@ -529,15 +529,20 @@ static int WriteSample(ZMFWriter *pWriter, const uint8_t *pData, uint32_t nBytes
     return 0;
 }
 
-// Whether a time lies before the file, by more than tracks are mixed, or further on than a file can tell.
-static int IsOutOfTime(const ZMFWriter *pWriter, uint32_t nTimeMs)
+// How far a time lies behind the begin of the file that is open; 0 while it has none.
+static int64_t TimeInFile(const ZMFWriter *pWriter, uint32_t nTimeMs)
 {
-    if (pWriter->file.uSampleCount == 0 || pWriter->bRebase)
+    if (pWriter->eState != WriterState::Running || !RecordFileIsOpen(&pWriter->file) ||
+        pWriter->file.uSampleCount == 0 || pWriter->bRebase)
         return 0;
-    int32_t nDiff = ClockDiff(nTimeMs, pWriter->nTimeBase);
-    if (nDiff <= 0)
-        return nDiff <= -kBackMs && pWriter->file.uSampleCount - pWriter->nBaseCount >= kEarlyRecords;
-    return int64_t{nDiff} + pWriter->nTimeStampBase > kLastFileMs;
+    return ClockDiff(nTimeMs, pWriter->nTimeBase);
+}
+
+// Whether a time lies further on than a file can tell.
+static int IsTooLate(const ZMFWriter *pWriter, uint32_t nTimeMs)
+{
+    int64_t nDiff = TimeInFile(pWriter, nTimeMs);
+    return nDiff > 0 && nDiff + pWriter->nTimeStampBase > kLastFileMs;
 }
 
 // Begins the next file with a key frame. Returns 1, or 0 when it has to wait.
@@ -555,9 +560,13 @@ static int GoOn(ZMFWriter *pWriter)
 static int WriteAlways(ZMFWriter *pWriter, const uint8_t *pData, uint32_t nBytes, uint32_t nTimeMs,
                        uint32_t nType)
 {
-    int bKey = (nType & ZMF_KEY) && nType >> 8 == 'v';
-    if (pWriter->eState == WriterState::Running && RecordFileIsOpen(&pWriter->file) &&
-        IsOutOfTime(pWriter, nTimeMs))
+    auto chMedia = static_cast<char>(nType >> 8);
+    int bKey = (nType & ZMF_KEY) && chMedia == 'v';
+    int bEarly = TimeInFile(pWriter, nTimeMs) <= -kBackMs;  // by more than tracks are mixed
+    if (bEarly && chMedia == 'a')
+        return 1;  // sound that lags belongs to pictures from before the file
+    int bBack = bEarly && chMedia == 'v' && pWriter->file.uSampleCount - pWriter->nBaseCount >= kEarlyRecords;
+    if (bBack || IsTooLate(pWriter, nTimeMs))
         EndFile(pWriter, "times are out of order");
     for (int nTry = 0; nTry < 2; nTry++) {
         if (pWriter->eState != WriterState::Running && IsLimitOver(pWriter))
@@ -630,11 +639,16 @@ void ZMFWriterMarkJump(ZMFWriter *pWriter)
 
 int ZMFWriterRoomStep(ZMFWriter *pWriter)
 {
-    return pWriter->room.eStage != RoomStage::Idle && StorageRoomStep(&pWriter->room) == RoomResult::More;
+    if (pWriter->room.eStage == RoomStage::Idle)
+        return 0;
+    RoomResult eResult = StorageRoomStep(&pWriter->room);
+    if (eResult == RoomResult::None)  // or the next second would begin the same search anew
+        pWriter->nRoomRetryMs = RecordSteadyMs() + kRoomRetryMs;
+    return eResult == RoomResult::More;
 }
 
 // Looks at the space, and makes some in a few steps. Returns 0 when there is none to be had.
-static int LookAfterRoom(ZMFWriter *pWriter, uint32_t nMoreMB)
+static int LookAfterRoom(ZMFWriter *pWriter, int32_t nMoreMB)
 {
     char szDir[kStoragePathSize];
     if (pWriter->room.eStage == RoomStage::Idle) {
@@ -685,8 +699,13 @@ static void TickFile(ZMFWriter *pWriter)
     if (pWriter->room.eStage == RoomStage::Idle && !IsSpaceShort(pWriter, 0))
         return;
     pWriter->bRollDue = 1;
-    if (!LookAfterRoom(pWriter, 0))
+    if (LookAfterRoom(pWriter, 0))
+        return;
+    if (!pWriter->bDeleteOldest)
         PauseForRoom(pWriter);
+    else if (IsSpaceShort(pWriter, -static_cast<int32_t>(pWriter->nSpaceInMB / 2)))
+        EndFile(pWriter, "there is no room");
+    // else up to the next key frame, which may find this very file the oldest, nothing is lost
 }
 
 int ZMFWriterTick(ZMFWriter *pWriter)

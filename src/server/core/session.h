@@ -122,6 +122,7 @@ struct SessionPlay {
     PlayLine line;             // of a recording, for standard players: all positions above are on it
     int nTold = 0;             // what was said of its faults
     int bFinalReport = 0;      // a recording has ended, and the player is still to be told
+    uint32_t nEndClock = 0;    // ClockMs at that end
 };
 
 // Who watches, by the accounts of the program that the session holds: goes with it.

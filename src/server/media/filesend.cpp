@@ -17,6 +17,8 @@ namespace orx {
 // a player that pauses or leaves.
 static constexpr int kSamplesPerRefill = 4;
 static constexpr uint32_t kFileSendPeriodMs = 200;  // between two runs; a fifth of what may be ahead
+static constexpr uint32_t kSmoothPeriodMs = 20;     // of standard players: bursts fill a player's UDP socket
+static constexpr uint32_t kByeBehindMs = 200;       // over UDP, behind the last packet
 static constexpr int kMostTold = 8;                 // lines on one player's recording
 static constexpr int kEmptyRefills = 64;            // in a row before the others get their turn
 
@@ -83,23 +85,32 @@ static void PackRecord(Session *pSession, const uint8_t *pRecord, uint32_t nByte
     pProg->cache.nSerial += static_cast<uint32_t>(nPackets);
 }
 
+// Whether a player that reads its sockets one by one has had the time to read the last packet.
+static int LastPacketTaken(const Session *pSession)
+{
+    return !PlaysStandard(pSession) || pSession->out.bInterleaved ||
+           ClockMs() - pSession->play.nEndClock >= kByeBehindMs;
+}
+
 // The last words to the player, once the reports before are old enough. Returns 1 when there is nothing left
 // to say.
 static int SayBye(Session *pSession)
 {
-    if (pSession->nState == STATE_FINISHED && pSession->play.bFinalReport && SendRtcpBye(pSession))
+    if (pSession->nState == STATE_FINISHED && pSession->play.bFinalReport && LastPacketTaken(pSession) &&
+        SendRtcpBye(pSession))
         pSession->play.bFinalReport = 0;
     return pSession->nState != STATE_FINISHED || !pSession->play.bFinalReport;
 }
 
 // The recording is at its end: nothing more is read until the player seeks. Standard players wait for the
 // word: on a connection it follows the last packet; as a datagram on a socket of its own it would overtake
-// what the player has not read yet, and goes with the next run of the sender.
+// what the player has not read yet, and goes with a later run of the sender.
 static void EndFile(Session *pSession)
 {
     int bStandard = PlaysStandard(pSession);
     pSession->nState = STATE_FINISHED;
     pSession->play.bFinalReport = bStandard || (pSession->nFlags & SESSION_RTCP) != 0;
+    pSession->play.nEndClock = ClockMs();
     if (bStandard && pSession->out.bInterleaved)
         SayBye(pSession);
 }
@@ -175,7 +186,7 @@ static int OnFileSend(Task *pTask, uint32_t, uint32_t, uint32_t)
     }
     if ((pSession->nFlags & SESSION_RTCP) && pSession->nState == STATE_PLAYING)
         SendRtcpReport(pSession);
-    return static_cast<int>(kFileSendPeriodMs);
+    return static_cast<int>(PlaysStandard(pSession) ? kSmoothPeriodMs : kFileSendPeriodMs);
 }
 
 void FileSenderStart(Session *pSession)

@@ -8,7 +8,7 @@
 namespace orx {
 
 static constexpr int32_t kFileLeadMs = 1000;  // a recording is sent at most this far ahead of real time
-static constexpr uint32_t kCatchUpSpeed = 4;  // times real time, of a start over UDP
+static constexpr uint32_t kCatchUpSpeed = 4;  // times real time, of what is ahead over UDP
 
 // A start can be ten seconds of media, and a player's UDP socket holds a fraction of a second: at a multiple
 // of real time nothing is lost. Time stamps that jump do not hold it up for longer than the cache should
@@ -25,6 +25,16 @@ static uint32_t DueMs(const SessionPlay *pPlay)
     return static_cast<uint32_t>(uint64_t{ClockMs() - pPlay->nPlayClock} * pPlay->nSpeed / 1000);
 }
 
+// What may be ahead of it. Over UDP it grows: a second of large pictures at once is more than a player's
+// socket holds.
+static int32_t LeadMs(const Session *pSession)
+{
+    if (!PlaysStandard(pSession) || pSession->out.bInterleaved)
+        return kFileLeadMs;
+    uint32_t nSince = std::min<uint32_t>(ClockMs() - pSession->play.nPlayClock, kFileLeadMs);
+    return std::min(kFileLeadMs, static_cast<int32_t>((kCatchUpSpeed - 1) * nSince));
+}
+
 Pace PaceOf(const Session *pSession)
 {
     if (!pSession->pProg || (pSession->nFlags & SESSION_PUSHER))
@@ -34,7 +44,7 @@ Pace PaceOf(const Session *pSession)
     if (pSession->pProg->bLive)
         return {CatchesUp(pSession), 0, pPlay->nPlayStart, pSession->flow.nCatchUpMs, nSent, 0};
     int bPaused = PlaysStandard(pSession) && pSession->nState == STATE_PAUSED;
-    return {1, bPaused, pPlay->nPlayStart, DueMs(pPlay), nSent, kFileLeadMs};
+    return {1, bPaused, pPlay->nPlayStart, DueMs(pPlay), nSent, LeadMs(pSession)};
 }
 
 DataBlock *PaceFirstHeld(const Session *pSession)

@@ -16,7 +16,6 @@
 
 namespace orx {
 
-constexpr size_t kMaxProgramPath = 256;
 constexpr uint32_t kPacketsPerStep = 256;  // of those from before, some milliseconds
 
 // --- The writers that are open, looked after each second. Disk thread ---
@@ -48,6 +47,17 @@ static void TellEnded(int bFailed)
     print(bFailed ? "ZMFWriterWriteSample() failed!\r\n" : "ZMFWriterWriteSample() auto stopped().\r\n");
 }
 
+// Who comes first finds the disk full first, and makes room among what is its own: that goes round.
+static void Rotate()
+{
+    Recorder *pFirst = std::exchange(g_pOpen, g_pOpen->pNextOpen);
+    Recorder **pp = &g_pOpen;
+    while (*pp)
+        pp = &(*pp)->pNextOpen;
+    *pp = pFirst;
+    pFirst->pNextOpen = nullptr;
+}
+
 // Each second a tick, and in between what takes more steps. Returns the ms to the next call, -1 for none.
 static int OnTick()
 {
@@ -66,6 +76,8 @@ static int OnTick()
     }
     if (bTick)
         g_nTickMs = nNow;
+    if (bTick && g_pOpen)
+        Rotate();
     return !g_pOpen ? -1 : bMore ? 0 : static_cast<int>(g_nTickMs + kTickMs - nNow);
 }
 
@@ -88,7 +100,6 @@ struct Opening {
     RecorderOpening opening;  // first
     Recorder *pRecorder = nullptr;
     RecordOrder order;
-    char szUri[kMaxProgramPath] = "";
     char szNick[32] = "";
     char *szSdp = nullptr;  // owned
     uint32_t nPreRecord = 0;
@@ -130,7 +141,7 @@ static void ChooseName(const Opening *p, char *szFile, size_t nSize)
 {
     TextBuf text{szFile, nSize};
     const RecordOrder *pOrder = &p->order;
-    const char *szRoot = g_settings.szRecordPath, *szName = PathName(p->szUri);
+    const char *szRoot = g_settings.szRecordPath, *szName = PathName(p->pRecorder->szUri);
     int bConfined = g_settings.bConfineRecordings;
     if (!pOrder->bNamed && bConfined)
         StorageNamePath(szFile, nSize, szRoot, szName, pOrder->nKind);
@@ -156,7 +167,8 @@ static ZMFWriter *CreateWriter(const Opening *p, const char *szFile)
     if (p->order.bNamed)
         return IsSafeFileName(szFile) ? ZMFWriterCreateFile(szFile, p->order.nKind, nullptr, nullptr, &rules)
                                       : nullptr;
-    return ZMFWriterCreate(g_settings.szRecordPath, PathName(p->szUri), p->order.nKind, nullptr, 0, &rules);
+    return ZMFWriterCreate(g_settings.szRecordPath, PathName(p->pRecorder->szUri), p->order.nKind, nullptr, 0,
+                           &rules);
 }
 
 // The same below the directory of recordings, whatever links and ".." make of the name.
@@ -168,7 +180,7 @@ static ZMFWriter *CreateConfined(const Opening *p, const char *szFile)
     if (p->order.bNamed)
         return IsRecordingName(szFile) ? ZMFWriterCreateFile(szFile, p->order.nKind, nullptr, szRoot, &rules)
                                        : nullptr;
-    return StorageProgramPath(szProgram, sizeof(szProgram), p->szUri)
+    return StorageProgramPath(szProgram, sizeof(szProgram), p->pRecorder->szUri)
                ? ZMFWriterCreate(szRoot, szProgram, p->order.nKind, nullptr, 1, &rules)
                : nullptr;
 }
@@ -310,7 +322,6 @@ static Opening *NewOpening(const Program *pProg, const RecordOrder *pOrder)
     ListInit(&p->packets, nullptr);
     ListDataProc(&p->packets, FreePacket, nullptr);
     ListUsedDefMap(&p->packets, 0);
-    TextCopy(p->szUri, sizeof(p->szUri), pProg->Uri);
     ProgramNames(pProg, nullptr, 0, p->szNick, sizeof(p->szNick));
     if (p->szSdp)
         return p;
@@ -363,7 +374,7 @@ static PacketJob *NewPacket(Recorder *pRecorder, const Program *pProg, const Dat
 struct HoleJob {
     DiskJob job;  // first
     uint32_t nMs;
-    char szUri[kMaxProgramPath];
+    char szUri[sizeof(Recorder::szUri)];
 };
 
 static int RunHole(DiskJob *pJob)
@@ -377,13 +388,13 @@ static int RunHole(DiskJob *pJob)
     return 1;
 }
 
-static void TellHole(Recorder *pRecorder, const Program *pProg)
+static void TellHole(Recorder *pRecorder)
 {
     auto *p = static_cast<HoleJob *>(malloc(sizeof(HoleJob)));
     if (!p)
         return;
     *p = HoleJob{{}, ClockMs() - pRecorder->nHoleMs, ""};
-    TextCopy(p->szUri, sizeof(p->szUri), pProg->Uri);
+    TextCopy(p->szUri, sizeof(p->szUri), pRecorder->szUri);
     p->job.pfnRun = RunHole;
     DiskPostLazy(&pRecorder->lane, &p->job);
 }
@@ -415,7 +426,7 @@ void RecorderWrite(Recorder *pRecorder, const Program *pProg, const DataBlock *p
         return;
     }
     if (pRecorder->bHole) {
-        TellHole(pRecorder, pProg);
+        TellHole(pRecorder);
         p->bHole = 1;
         p->bSplit |= pRecorder->bSplit;
         pRecorder->bHole = pRecorder->bSplit = 0;
@@ -448,6 +459,7 @@ Recorder *RecorderNew(const Program *pProg, const RecordOrder *pOrder, uint32_t 
         return nullptr;
     }
     pRecorder->nKind = pOrder->nKind;
+    TextCopy(pRecorder->szUri, sizeof(pRecorder->szUri), pProg->Uri);
     p->pRecorder = pRecorder;
     p->nPreRecord = nPreRecord;
     for (const DataBlock *pBlock = FindPreRecordStart(pProg, nPreRecord); pBlock;
@@ -505,6 +517,8 @@ HeldJob *RecorderClosing(Recorder *pRecorder, int bTold)
     auto *p = new (std::nothrow) Closing{{}, pRecorder, bTold};
     if (!p)
         return nullptr;
+    if (pRecorder->bHole && !pRecorder->bOver)  // which goes on to the end
+        TellHole(pRecorder);
     p->held.job.pfnRun = RunClosing;
     p->held.pfnFree = FreeClosing;
     return &p->held;

@@ -26,6 +26,7 @@ struct RecordOrder {
 struct Recorder {
     DiskLane lane;
     int nKind = 0;
+    char szUri[256] = "";       // of the program
     std::atomic<int> bOver{0};  // nothing is written any more: the disk thread has closed the writer
     // A hole that the queue for the disk has left: nothing is taken up to the next key frame.
     int bHole = 0;

@@ -213,10 +213,11 @@ TEST_F(StorageRooms, DeletionPausesWhereItHelpsNobody)
 TEST_F(StorageDays, KeptForSoManyDays)
 {
     static const std::tuple<const char *, bool> cases[] = {
-        {"cam/20240301/M1.zmf", true},      {"cam/20231231/sub/M1.txt", true}, {"a/b/20240229/M1.zmf.tm!", true},
-        {"20200101/M1.zmf", true},          {"cam/20240302/M1.zmf", false},    {"12345678/20240305/M1.zmf", false},
-        {"12345678/20240101/M1.zmf", true}, {"10020304/M1.zmf", false},        {"cam/20240101.bad/M1.zmf", false},
-        {"cam/20240102/20240305/x", false}, {"cam/20250101/M1.zmf", false},    {".cam/20240101/M1.zmf", false},
+        {"cam/20240301/M1.zmf", true},  {"cam/20231231/sub/M1.txt", true},   {"a/b/20240229/M1.zmf.tm!", true},
+        {"20200101/M1.zmf", false},     {"20200101/20240305/M1.zmf", false}, {"20200101/20240101/M1.zmf", true},
+        {"cam/20240302/M1.zmf", false}, {"12345678/20240305/M1.zmf", false}, {"12345678/20240101/M1.zmf", true},
+        {"10020304/M1.zmf", false},     {"cam/20240101.bad/M1.zmf", false},  {"cam/20240102/20240305/x", false},
+        {"cam/20250101/M1.zmf", false}, {".cam/20240101/M1.zmf", false},
     };
     for (const auto &c : cases)
         Put(root + std::get<0>(c));

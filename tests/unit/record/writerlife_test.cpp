@@ -156,6 +156,27 @@ TEST_F(WriterLife, RoomIsMadeBetweenKeyFrames)
     });
 }
 
+// It goes at the next key frame, as it would have gone had the disk been full then. Where there is nothing else,
+// to look for that takes more steps than a second has.
+TEST_F(WriterLife, AFileThatFillsTheDiskAloneGivesWay)
+{
+    OnDisk(root, [&] {
+        for (int i = 0; i < 20; i++)
+            std::filesystem::create_directory(root + "other" + std::to_string(i));
+        Begin(2, 1);
+        EXPECT_EQ(1, Put(0, 3));
+        WriteFile(root + "filler", std::string((6 << 20) - 32768, 'f'));
+        for (int i = 0; i < 2; i++) {
+            EXPECT_EQ(1, ZMFWriterTick(p));
+            while (ZMFWriterRoomStep(p)) {
+            }
+        }
+        EXPECT_TRUE(RecordFileIsOpen(&p->file)) << "half of what is kept free is there yet";
+        EXPECT_EQ(1, Put(3, 9));
+        EXPECT_EQ(Numbers(5, 9), Finish());
+    });
+}
+
 TEST_F(WriterLife, TheRecordingPausesWhereNothingMayBeDeleted)
 {
     OnDisk(root, [&] {
@@ -220,6 +241,20 @@ TEST_F(WriterLife, ClocksThatJumpBeginANewFile)
 }
 
 // What lies before a hole and behind it never makes one picture, even where the numbers fit.
+TEST_F(WriterLife, TracksThatLagCostNoPictures)
+{
+    Begin();
+    for (int i = 0; i < 20; i++) {
+        EXPECT_EQ(1, Put(i, i + 1));
+        EXPECT_EQ(1, ZMFWriterWriteSample(p, Data("s"), 1, nTimeMs - 5000, SampleType('a', 0)));
+        EXPECT_EQ(1, ZMFWriterWriteSample(p, Data("ALARM:"), 6, nTimeMs - 5000, SampleType('u', 0)));
+    }
+    EXPECT_EQ(0U, p->file.head.nFileSeq);
+    EXPECT_EQ(20U, p->file.uVideoSamples);
+    EXPECT_EQ(20U, p->file.uUserSamples);
+    EXPECT_EQ(40U, p->file.uSampleCount) << "the sound is from before";
+}
+
 TEST_F(WriterLife, AHoleEndsThePictureThatIsHalfBuilt)
 {
     Begin();
