@@ -184,7 +184,9 @@ static int OnFileSend(Task *pTask, uint32_t, uint32_t, uint32_t)
         SendingFailed(pSession);
         return -1;
     }
-    if ((pSession->nFlags & SESSION_RTCP) && pSession->nState == STATE_PLAYING)
+    // no report goes ahead of the first packet, which the disk may be at
+    int bWaits = pSession->pProg && pSession->pProg->reader && pSession->pProg->reader->bWanted;
+    if ((pSession->nFlags & SESSION_RTCP) && pSession->nState == STATE_PLAYING && !bWaits)
         SendRtcpReport(pSession);
     return static_cast<int>(PlaysStandard(pSession) ? kSmoothPeriodMs : kFileSendPeriodMs);
 }
