@@ -271,7 +271,8 @@ static uint64_t SeekStart(const ZMFReader *pReader, uint32_t nTimeMs)
     while (i < pReader->nIndex && pReader->pIndex[i].nTimeMs < nTimeMs)
         i++;
     uint64_t nStart = i > 0 && pReader->nIndex >= 2 ? pReader->pIndex[i - 1].nPos : pReader->uDataBeginOffset;
-    return pReader->pMeasured ? MeasuredSeekStart(pReader->pMeasured, nTimeMs, nStart) : nStart;
+    const Measured *pMeasured = pReader->pMeasured;
+    return pMeasured ? MeasuredSeekStart(pMeasured, nTimeMs, nStart, pReader->bExactSeek) : nStart;
 }
 
 // Begins a seek, or goes on with one for the same time. Returns 0 when the index leads nowhere.

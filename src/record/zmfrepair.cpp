@@ -199,10 +199,21 @@ static int WriteSdp(ZMFRepair *pRepair)
            WriteAt(pRepair->fd, nPos, pRepair->pBlock, head.nSdpSize);
 }
 
+// An index whose first key frame is not the first record is taken for broken: such a file goes without one,
+// and says that its index does not name every key frame.
+static void DropLateIndex(KeyIndex *pIndex)
+{
+    if (pIndex->nUsed == 0 || pIndex->entries[0].nPos == 0)
+        return;
+    pIndex->nUsed = 0;
+    pIndex->nInterval = 2;
+}
+
 // All but the header.
 static ZMFRepairResult TablesStep(ZMFRepair *pRepair)
 {
     uint8_t bytes[kZmfIdxBytes];
+    DropLateIndex(&pRepair->index);
     KeyIndexEncode(&pRepair->index, bytes);
     if (!IsUntouched(pRepair))
         return Break(pRepair, "it is being written");

@@ -196,6 +196,31 @@ TEST_F(PlaybackTest, PlaysFasterAndBackwards)
         EXPECT_EQ(sent[nLast * 25 + i - 1].data, viewer.Units(0, Coding::H264)[nLast + i].data);
 }
 
+// Of places that are asked for at once only the last one is gone to, and each request has its reply.
+TEST_F(PlaybackTest, GoesToTheLastOfManyPlaces)
+{
+    server.Set("INTEROP", "StandardPlayers", "1");
+    server.Start();
+    Camera camera({Coding::H264});
+    ASSERT_NO_FATAL_FAILURE(Record(&camera, "a.zmf", 500));
+    Viewer viewer;
+    ASSERT_EQ(1, viewer.Prepare(Url("a.zmf")));
+    std::string requests;
+    for (int nSecond : {3, 17, 8, 12})  // behind the last one stands a place that is none
+        requests +=
+            MakeRequest("PLAY", Url("a.zmf"), ++viewer.client.nCSeq, "Range: npt=" + std::to_string(nSecond) + "-\r\n");
+    requests += MakeRequest("PLAY", Url("a.zmf"), ++viewer.client.nCSeq, "Range: npt=20-\r\n");
+    Send(&viewer.client, requests);
+    for (const char *szStart : {"0.000", "0.000", "0.000", "12.000", ""}) {
+        RtspMessage reply;
+        ASSERT_EQ(1, RtspWait(
+                         &viewer.client, [](const RtspMessage &m) { return m.nStatus == 200; }, &reply));
+        EXPECT_THAT(reply.raw, HasSubstr(std::string("Range: npt=") + szStart));
+    }
+    EXPECT_TRUE(WatchPictures({&viewer}, 5));
+    EXPECT_EQ(camera.tracks[0].sent[300].data, viewer.Units(0, Coding::H264)[0].data);
+}
+
 // A file whose times jump or stand still plays on at once, on any transport.
 TEST_F(PlaybackTest, PlaysOnWhereTimesDoNot)
 {

@@ -86,6 +86,10 @@ int RecControl(const RecOptions &options)
     if (!RtspRequest(&client, "DESCRIBE", nullptr, "Accept: application/sdp\r\n", "", &reply))
         return FailUnreachable(client);
     // on the box itself RECORDEX needs no password, even where watching does
+    if (reply.nStatus == 403)
+        return Fail(REC_REFUSED,
+                    "the server does not let this user in: name and password are wrong, or the "
+                    "program is not in the user's list (UserDevList)");
     if (reply.nStatus != 200 && reply.nStatus != 401)
         return FailRefused(client, reply);
     std::string headers = "ActionParam: " + Parameters(options) + "\r\n";

@@ -125,14 +125,14 @@ static int LookAt(const std::string &file, RecordingFacts *pOut)
 
 // --- Printing ---
 
-// What may not stand in a URL as it is becomes %XX, which the server decodes.
+// What may not stand in a URL as it is, or not in a shell's line, becomes %XX, which the server decodes.
 static std::string UrlPath(const std::string &path)
 {
     std::string out;
     for (char c : path) {
         char szHex[4];
         snprintf(szHex, sizeof(szHex), "%%%02X", static_cast<unsigned char>(c));
-        out += c > ' ' && c < 127 && !strchr("%?#\"<>\\^`{|}", c) ? std::string(1, c) : szHex;
+        out += c > ' ' && c < 127 && !strchr("%?#\"<>\\^`{|}&';()*$!", c) ? std::string(1, c) : szHex;
     }
     return out;
 }

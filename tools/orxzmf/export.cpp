@@ -62,6 +62,7 @@ static int WritePictures(Recording *pRecording, FILE *pFile, const Codec *pCodec
     Sample sample;
     std::string picture;
     Damage damage;
+    uint32_t nWritten = 0;
     while (RecordingNext(pRecording, &sample, "exporting")) {
         if (sample.head.chMedia != 'v')
             continue;
@@ -69,9 +70,11 @@ static int WritePictures(Recording *pRecording, FILE *pFile, const Codec *pCodec
             NoteDamage(&damage, sample);
         else if (!WriteBytes(pFile, picture.data(), picture.size()))
             return Refuse(pRecording, "write error");
+        else
+            nWritten++;
     }
     SayDamage(pRecording, damage);
-    return 1;
+    return nWritten > 0 || Refuse(pRecording, "holds no pictures that can be exported");
 }
 
 // The units of a block, each behind a head that says what it is.
@@ -95,16 +98,18 @@ static int WriteSound(Recording *pRecording, FILE *pFile, const Codec *pCodec)
     if (pCodec->nForm == FORM_AAC &&
         (!AacConfigRead(pRecording->codecs.audio, &config) || AdtsHead(config, 1).empty()))
         return Refuse(pRecording, "bare files cannot hold AAC of its kind; take .mp4 or .mkv");
+    uint32_t nBlocks = 0;
     fputs(pCodec->exported.szHead, pFile);
     while (RecordingNext(pRecording, &sample, "exporting")) {
         if (sample.head.chMedia != 'a')
             continue;
+        nBlocks++;
         if (!(pCodec->nForm == FORM_AAC ? WriteAac(pFile, config, sample)
                                         : WriteBytes(pFile, sample.pData, sample.nBytes)))
             return Refuse(pRecording, "write error");
     }
     SayDamage(pRecording, Damage{});
-    return 1;
+    return nBlocks > 0 || Refuse(pRecording, "holds no sound");
 }
 
 // The bare media of the kind that codecs like pWanted have.

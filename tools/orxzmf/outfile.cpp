@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 
@@ -14,6 +16,25 @@ static int Refuse(const std::string &path, const char *szReason)
 {
     fprintf(stderr, "%s: %s\n", path.c_str(), szReason);
     return 0;
+}
+
+// The file that is being made, for who cancels it; empty: none is.
+static char g_szUnfinished[PATH_MAX];
+
+static void OnCancel(int nSignal)
+{
+    if (*g_szUnfinished)
+        unlink(g_szUnfinished);
+    signal(nSignal, SIG_DFL);
+    raise(nSignal);
+}
+
+static void RemoveWhenCancelled(const std::string &path)
+{
+    g_szUnfinished[path.copy(g_szUnfinished, sizeof(g_szUnfinished) - 1)] = '\0';
+    for (int nSignal : {SIGHUP, SIGINT, SIGTERM})
+        if (signal(nSignal, OnCancel) == SIG_IGN)
+            signal(nSignal, SIG_IGN);
 }
 
 // The file that a path leads to, through links.
@@ -32,6 +53,7 @@ int OutFileBegin(OutFile *pFile, const std::string &path)
     pFile->beside = pFile->path + "." + std::to_string(getpid()) + ".part";
     if (stat(pFile->path.c_str(), &info) == 0 && !S_ISREG(info.st_mode))
         return Refuse(path, "is no regular file");
+    RemoveWhenCancelled(pFile->beside);
     int fd = open(pFile->beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     if (fd < 0)
         return Refuse(pFile->beside, strerror(errno));
@@ -55,6 +77,7 @@ int OutFileEnd(OutFile *pFile, int bGood)
         bGood = Refuse(pFile->path, strerror(errno));
     if (!bGood)
         unlink(pFile->beside.c_str());
+    *g_szUnfinished = '\0';
     return bGood;
 }
 

@@ -1,5 +1,6 @@
 // A file that is made beside the one it is to become, and takes its name when it is whole: whatever goes
-// wrong, a file that was there stays.
+// wrong, a file that was there stays. Who cancels the program (SIGHUP, SIGINT, SIGTERM) leaves none beside
+// it. One at a time.
 #pragma once
 
 #include <cstdio>

@@ -28,10 +28,13 @@ static std::string FinalName(const std::string &path)
     if (!path.ends_with(kOpenSuffix))
         return "";
     std::string name = path.substr(0, path.size() - strlen(kOpenSuffix));
-    if (link(path.c_str(), name.c_str()) != 0)
-        return "";
-    unlink(path.c_str());
-    return name;
+    if (link(path.c_str(), name.c_str()) == 0) {
+        unlink(path.c_str());
+        return name;
+    }
+    // the file systems of memory cards know no links
+    int bFree = errno != EEXIST && access(name.c_str(), F_OK) != 0;
+    return bFree && rename(path.c_str(), name.c_str()) == 0 ? name : "";
 }
 
 static int Say(const std::string &path, const ZMFRepair &repair)

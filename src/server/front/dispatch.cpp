@@ -224,6 +224,7 @@ void AnswerHeldRequest(Port *pPort)
     pSession->hold.bOver |= !pSession->hold.bStep;
     pSession->hold.bStep = 0;
     pSession->peer.tLastActivity = ClockUptime();  // nothing was read, however long one may be silent
+    pSession->input.nNext = 0;                     // what is held was behind it
     uint32_t nAt = 0;
     Step step = RunHandler(pSession, pPort, &nAt);
     if (!pSession->hold.pPort)

@@ -267,6 +267,7 @@ static void FreeSeeking(HeldJob *pHeld)
     if (p->bReached) {
         ListEmpty(&p->pReader->batches);
         p->pReader->bEnd = 0;
+        p->pReader->nInRefill = 0;
     }
     delete p;
 }

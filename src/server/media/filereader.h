@@ -18,6 +18,7 @@ struct FileReader {
     int bReading = 0;                              // the next batch is being read
     int bSeeking = 0;                              // none is read, until it is known where
     int bWanted = 0;                               // somebody was told to wait for the next batch
+    int nInRefill = 0;                             // the player's: records of one that is not complete
     Program *pProg = nullptr;                      // whose it is, not owned
     void (*pfnArrived)(Program *pProg) = nullptr;  // called when a batch is there that was waited for
     ZMFReader *pFile = nullptr;                    // the disk thread's, owned

@@ -118,16 +118,20 @@ static void EndFile(Session *pSession)
 // Queues some records. Returns 0 when they are still being read.
 static int PackRecords(Session *pSession)
 {
-    for (int i = 0; i < kSamplesPerRefill && pSession->nState == STATE_PLAYING; i++) {
+    FileReader *pReader = pSession->pProg->reader;
+    while (pSession->nState == STATE_PLAYING) {
         uint32_t nBytes = 0;
         int bEnd = 0;
-        const uint8_t *pRecord = FileReaderNext(pSession->pProg->reader, &nBytes, &bEnd);
+        const uint8_t *pRecord = FileReaderNext(pReader, &nBytes, &bEnd);
         if (pRecord)
             PackRecord(pSession, pRecord, nBytes);
-        else if (bEnd && i == 0)
+        else if (!bEnd)
+            return 0;  // the refill goes on with what is being read
+        else if (pReader->nInRefill == 0)
             EndFile(pSession);
-        else
-            return bEnd;
+        pReader->nInRefill = pRecord ? (pReader->nInRefill + 1) % kSamplesPerRefill : 0;
+        if (pReader->nInRefill == 0)
+            return 1;
     }
     return 1;
 }
@@ -180,7 +184,9 @@ static int OnFileSend(Task *pTask, uint32_t, uint32_t, uint32_t)
         SendingFailed(pSession);
         return -1;
     }
-    if ((pSession->nFlags & SESSION_RTCP) && pSession->nState == STATE_PLAYING)
+    // no report goes ahead of the first packet, which the disk may be at
+    int bWaits = pSession->pProg && pSession->pProg->reader && pSession->pProg->reader->bWanted;
+    if ((pSession->nFlags & SESSION_RTCP) && pSession->nState == STATE_PLAYING && !bWaits)
         SendRtcpReport(pSession);
     return static_cast<int>(PlaysStandard(pSession) ? kSmoothPeriodMs : kFileSendPeriodMs);
 }

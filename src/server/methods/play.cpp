@@ -1,5 +1,7 @@
 #include "server/methods/play.h"
 
+#include <strings.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -47,8 +49,8 @@ static int IsNumber(const char *p)
 static WantedRange ReadRange(const char *szRange)
 {
     WantedRange range;
-    const char *p = NextDigit(szRange ? szRange : "");
-    if (!IsNumber(p))
+    const char *p = szRange ? NextDigit(szRange) : nullptr;
+    if (!p || !IsNumber(p))
         return range;
     range.nStart = NptToMs(p);
     range.bStart = !memchr(szRange, '-', static_cast<size_t>(p - szRange));
@@ -206,22 +208,58 @@ static void AddTimes(Message *pReply, const PlayWish *pWish)
             static_cast<int>(nPos % 1000), static_cast<int>(nEnd / 1000), static_cast<int>(nEnd % 1000));
 }
 
+// The reply: where a recording is played, and how.
+static void WriteFileReply(Message *pReply, const Request *pRequest, const PlayWish *pWish, int bNewScale)
+{
+    const SessionPlay *pPlay = &pReply->pSession->play;
+    ReplyBegin(pReply, STATUS_OK);
+    AddTimes(pReply, pWish);
+    if (pWish->szScale || bNewScale)
+        TextAdd(&pReply->text, "Scale: %d\r\n", pPlay->line.nScale);
+    if (pWish->szSpeed)
+        TextAdd(&pReply->text, "Speed: %u.%03u\r\n", pPlay->nSpeed / 1000, pPlay->nSpeed % 1000);
+    AddPlayLines(pReply, pRequest, 1);
+}
+
 // Moves a recording to where the request wants it and writes the reply. Returns 0 while the disk searches.
 static int StartFile(Message *pReply, const Request *pRequest)
 {
-    const SessionPlay *pPlay = &pReply->pSession->play;
-    int nScaleBefore = pPlay->line.nScale;
+    const PlayLine *pLine = &pReply->pSession->play.line;
+    int nScaleBefore = pLine->nScale;
     PlayWish wish = ReadWish(pReply->pSession, pRequest);
     if (!MoveFile(pReply->pSession, &wish))
         return 0;
-    ReplyBegin(pReply, STATUS_OK);
-    AddTimes(pReply, &wish);
-    if (wish.szScale || pPlay->line.nScale != nScaleBefore)
-        TextAdd(&pReply->text, "Scale: %d\r\n", pPlay->line.nScale);
-    if (wish.szSpeed)
-        TextAdd(&pReply->text, "Speed: %u.%03u\r\n", pPlay->nSpeed / 1000, pPlay->nSpeed % 1000);
-    AddPlayLines(pReply, pRequest, 1);
+    WriteFileReply(pReply, pRequest, &wish, pLine->nScale != nScaleBefore);
     return 1;
+}
+
+// Whether the player has asked for another place of the recording already, with the request that waits behind
+// this one: who drags a slider is interested in the last one.
+static int IsOvertaken(const Session *pSession)
+{
+    const SessionInput *pInput = &pSession->input;
+    if (!PlaysStandard(pSession) || pSession->hold.pJob || pInput->nNext >= pInput->nLen)
+        return 0;
+    auto *pText = reinterpret_cast<const char *>(pInput->pBuf + pInput->nNext);
+    auto *pEnd = static_cast<const char *>(memmem(pText, pInput->nLen - pInput->nNext, "\r\n\r\n", 4));
+    if (!pEnd || pEnd + 4 - pText >= kMaxHeadBytes)
+        return 0;
+    Request next;
+    RequestInit(&next);
+    int bPlay = RequestParse(&next, pText, static_cast<size_t>(pEnd + 4 - pText)) == 1 &&
+                strcasecmp(RequestMethod(&next), "PLAY") == 0;
+    WantedRange range = ReadRange(bPlay ? RequestHeaderValue(&next, "Range") : nullptr);
+    RequestReset(&next);
+    return range.bStart && range.nStart < FileProgramDuration(pSession->pProg);
+}
+
+// It is answered, and playing goes on, or waits, where it did.
+static Verdict AnswerOvertaken(Session *pSession, Port *pPort, const Request *pRequest)
+{
+    Message reply(pSession, pPort);
+    PlayWish wish = ReadWish(pSession, pRequest);
+    WriteFileReply(&reply, pRequest, &wish, 0);
+    return MessageSendBefore(&reply, PaceFirstHeld(pSession));
 }
 
 // The media time of the first packet that a player is given, or that the program holds.
@@ -273,6 +311,8 @@ Verdict HandlePlay(Session *pSession, Port *pPort, Request *pRequest)
 {
     if (!MayPlay(pSession, pRequest))
         return Refuse(pSession, pPort, STATUS_WRONG_STATE);
+    if (IsOvertaken(pSession))
+        return AnswerOvertaken(pSession, pPort, pRequest);
     pSession->play.nPlayClock = ClockMs();
     Message reply(pSession, pPort);
     int bLive = pSession->pProg->bLive;

@@ -78,15 +78,17 @@ TEST_F(ZMFReaderTest, SeeksAndStepsToKeyFrames)
 // An exact seek never leads behind the time wanted, but to the first key frame.
 TEST_F(ZMFReaderTest, SeeksExactly)
 {
-    MakeRecording(path, 250);
-    Reader reader(path);
-    reader.p->bExactSeek = 1;
-    for (uint32_t nTimeMs = 0; nTimeMs < 250000; nTimeMs += 333) {
-        uint32_t nReached = 0;
-        if (ZMFReaderSeek(reader.p, nTimeMs, &nReached))
-            EXPECT_EQ(nTimeMs / 1000 * 1000, nReached) << nTimeMs;
-        else
-            EXPECT_GE(nTimeMs, ZMFReaderDuration(reader.p));
+    for (bool bClosed : {true, false}) {
+        MakeRecording(path, 250, bClosed);
+        Reader reader(path);
+        reader.p->bExactSeek = 1;
+        for (uint32_t nTimeMs = 0; nTimeMs < 250000; nTimeMs += 333) {
+            uint32_t nReached = 0;
+            if (ZMFReaderSeek(reader.p, nTimeMs, &nReached))
+                EXPECT_EQ(nTimeMs / 1000 * 1000, nReached) << nTimeMs;
+            else
+                EXPECT_GE(nTimeMs, ZMFReaderDuration(reader.p));
+        }
     }
 }
 
