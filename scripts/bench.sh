@@ -3,7 +3,8 @@
 # beside a bare loop that only sends the same bytes to as many sockets; how long a picture is under way from the pusher
 # to the players; resident memory per player. One program of 2 Mbit/s, everything on this machine. Then what recording
 # costs: processor time per recorded gigabyte of an 8 Mbit/s program beside plain writes of the same bytes, and the
-# longest time for which one packet holds the thread that serves everybody.
+# longest time for which one packet holds the thread that writes. Then how long an uninvolved client waits at most beside
+# recordings, openings of an interrupted recording and seeks in it, thousands of deletions, and a frozen disk (as root).
 #
 #   scripts/bench.sh               builds in build/bench and measures
 #   BENCH_BIN=DIR scripts/bench.sh measures the programs in DIR
@@ -12,6 +13,7 @@
 #   BENCH_TRANSPORTS="tcp udp"
 #   BENCH_DISK=DIR                 where recordings are written (a temporary directory)
 #   BENCH_MEGABYTES=1000           recorded
+#   BENCH_INTERRUPTED=2000         megabytes of the interrupted recording
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -20,7 +22,7 @@ rate=1960 # kbit/s: 25 pictures a second of 7 packets of 1400 bytes
 if [ -z "${BENCH_BIN:-}" ]; then
     scripts/install-deps.sh test
     cmake -S . -B build/bench -DCMAKE_BUILD_TYPE=Release >/dev/null
-    cmake --build build/bench -j"$(nproc)" --target orx orxpush orxload sendloop recordloop >/dev/null
+    cmake --build build/bench -j"$(nproc)" --target orx orxpush orxload sendloop recordloop waits >/dev/null
     BENCH_BIN=build/bench/bin
 fi
 bin=$(cd "$BENCH_BIN" && pwd)
@@ -103,3 +105,6 @@ done
 printf '\n%-12s %9s %12s %6s   %20s\n' "" "CPU s/GB" "plain writes" ratio "longest packet, ms"
 sed 's/[^0-9.,]//g; s/,/ /g' "$dir/record" |
     awk '{ printf "%-12s %9.3f %12.3f %6.2f   %20.2f\n", "recording", $1, $2, ($2 > 0 ? $1 / $2 : 0), $3 / 1000 }'
+
+printf '\nlongest wait of an uninvolved client, ms (bare: of one who asks an echo beside it)\n'
+"$bin/waits" "${BENCH_DISK:-$dir}" "${BENCH_INTERRUPTED:-2000}"

@@ -25,6 +25,8 @@ namespace orx {
 constexpr long kLogMaxBytes = 204800;  // a larger log is trimmed: it may lie on a RAM disk of some megabytes
 constexpr long kLogDropBytes = 51200;  // a quarter at a time, so that the file is seldom written anew
 constexpr size_t kLogMessageSize = 1024;  // longer messages are cut
+constexpr size_t kLogHeldBytes = 262144;  // of lines that wait for the disk
+constexpr int kLogLinesAtOnce = 32;       // some milliseconds, a file opened and closed for each
 constexpr size_t kPrintRoom = 1024;       // longer prints, such as dumped requests, are formatted on the heap
 
 constexpr size_t kPieceBytes = PIPE_BUF;  // what a pipe that polls writable takes without blocking
@@ -259,17 +261,124 @@ static FILE *OpenLog()
     return nBytes > kLogMaxBytes ? TrimLog(pFile, nBytes) : pFile;
 }
 
-static void WriteLogLine(FILE *pFile, const char *szMessage)
+// A line with the time at which it was said; the file's first one of a day gets a date header.
+static void WriteLogLine(time_t tSaid, const char *szMessage)
 {
-    time_t tNow = time(nullptr);
-    tm now{};
-    localtime_r(&tNow, &now);
-    int nDateKey = now.tm_year * 10000 + now.tm_mon * 100 + now.tm_mday;
+    OutputLock lock(&g_logMutex);
+    FILE *pFile = OpenLog();
+    if (!pFile)
+        return;
+    tm said{};
+    localtime_r(&tSaid, &said);
+    int nDateKey = said.tm_year * 10000 + said.tm_mon * 100 + said.tm_mday;
     if (nDateKey != g_nLogDateKey) {
         g_nLogDateKey = nDateKey;
-        fprintf(pFile, "\r\n%04d-%02d-%02d\r\n", now.tm_year + 1900, now.tm_mon + 1, now.tm_mday);
+        fprintf(pFile, "\r\n%04d-%02d-%02d\r\n", said.tm_year + 1900, said.tm_mon + 1, said.tm_mday);
     }
-    fprintf(pFile, "%02d:%02d:%02d: %s\r\n", now.tm_hour, now.tm_min, now.tm_sec, szMessage);
+    fprintf(pFile, "%02d:%02d:%02d: %s\r\n", said.tm_hour, said.tm_min, said.tm_sec, szMessage);
+    fclose(pFile);
+}
+
+// A line that waits for the file, with its text behind it; from malloc.
+struct LogLine {
+    LogLine *pNext;
+    time_t tSaid;
+    size_t nBytes;        // of memory
+    unsigned nLostAhead;  // lines between the one before and this one
+};
+
+// What waits. Guarded by g_logQueueMutex, under which nothing blocks.
+static pthread_mutex_t g_logQueueMutex = PTHREAD_MUTEX_INITIALIZER;
+static LogLine *g_pLogFirst = nullptr;
+static LogLine **g_ppLogEnd = &g_pLogFirst;
+static size_t g_nLogBytes = 0;
+static unsigned g_nLogLost = 0;  // since the last line that waits
+static int g_bLogCalled = 0;     // LogWriteSome is to be called, or is at it
+static void (*g_pfnLogCall)() = nullptr;
+
+// Queues a line when others are to write it. Returns 0 when the caller has to.
+static int QueueLogLine(time_t tSaid, const char *szMessage)
+{
+    OutputLock lock(&g_logQueueMutex);
+    size_t nText = strlen(szMessage) + 1, nBytes = sizeof(LogLine) + nText;
+    if (!g_pfnLogCall)
+        return 0;
+    auto *pLine = g_nLogBytes + nBytes <= kLogHeldBytes ? static_cast<LogLine *>(malloc(nBytes)) : nullptr;
+    if (!pLine) {
+        g_nLogLost++;
+        return 1;
+    }
+    *pLine = {nullptr, tSaid, nBytes, std::exchange(g_nLogLost, 0)};
+    memcpy(pLine + 1, szMessage, nText);
+    g_nLogBytes += nBytes;
+    *g_ppLogEnd = pLine;
+    g_ppLogEnd = &pLine->pNext;
+    return 1;
+}
+
+// The first line, the caller's; null when none is left, with those that were lost at the end.
+static LogLine *TakeLogLine(unsigned *pnLost)
+{
+    OutputLock lock(&g_logQueueMutex);
+    LogLine *pLine = g_pLogFirst;
+    *pnLost = pLine ? pLine->nLostAhead : std::exchange(g_nLogLost, 0);
+    if (!pLine)
+        return nullptr;
+    g_nLogBytes -= pLine->nBytes;
+    g_pLogFirst = pLine->pNext;
+    if (!g_pLogFirst)
+        g_ppLogEnd = &g_pLogFirst;
+    return pLine;
+}
+
+// The first line of the queue into the file. Returns 0 when there was none.
+static int WriteQueuedLine()
+{
+    unsigned nLost = 0;
+    LogLine *pLine = TakeLogLine(&nLost);
+    if (nLost > 0) {
+        char lost[64];
+        TextBuf text{lost, sizeof(lost)};
+        TextAdd(&text, "(%u lines that waited for the disk are lost)", nLost);
+        WriteLogLine(pLine ? pLine->tSaid : time(nullptr), lost);
+    }
+    if (pLine)
+        WriteLogLine(pLine->tSaid, reinterpret_cast<const char *>(pLine + 1));
+    free(pLine);
+    return pLine != nullptr;
+}
+
+int LogWriteSome()
+{
+    for (int i = 0; i < kLogLinesAtOnce && WriteQueuedLine(); i++) {
+    }
+    OutputLock lock(&g_logQueueMutex);
+    g_bLogCalled = g_pLogFirst || g_nLogLost > 0;
+    return !g_bLogCalled;
+}
+
+void LogDivert(void (*pfnCall)())
+{
+    {
+        OutputLock lock(&g_logQueueMutex);
+        g_pfnLogCall = pfnCall;
+        g_bLogCalled = 0;
+    }
+    while (!pfnCall && WriteQueuedLine()) {
+    }
+}
+
+// Has the queue written, unless that is under way.
+static void CallLogWriter()
+{
+    void (*pfnCall)() = nullptr;
+    {
+        OutputLock lock(&g_logQueueMutex);
+        if (!std::exchange(g_bLogCalled, 1))
+            pfnCall = g_pfnLogCall;
+    }
+    if (pfnCall)
+        pfnCall();
 }
 
 void log(const char *szFormat, ...)
@@ -281,13 +390,11 @@ void log(const char *szFormat, ...)
     va_start(args, szFormat);
     vsnprintf(message, sizeof(message), szFormat, args);
     va_end(args);
-
-    OutputLock lock(&g_logMutex);
-    FILE *pFile = OpenLog();
-    if (!pFile)
-        return;
-    WriteLogLine(pFile, message);
-    fclose(pFile);
+    time_t tSaid = time(nullptr);
+    if (QueueLogLine(tSaid, message))
+        CallLogWriter();
+    else
+        WriteLogLine(tSaid, message);
 }
 
 }  // namespace orx

@@ -37,4 +37,12 @@ void LogSetup(const char *szPath, int nEnabled);
 // every line, so that it may be moved away at any time. Any thread.
 __attribute__((format(printf, 1, 2))) void log(const char *szFormat, ...);
 
+// Has lines wait in memory, up to 256 kB, until LogWriteSome writes them, so that log never waits for a disk.
+// pfnCall asks for that when a line waits, once until LogWriteSome returns 1; any thread. What does not fit
+// is counted, and said in the log in its place. Null: whoever says a line writes it again, and what waits is
+// written at once. Main thread.
+void LogDivert(void (*pfnCall)());
+// Writes some of the lines that wait. Returns 1 when none is left, else 0. One thread at a time.
+int LogWriteSome();
+
 }  // namespace orx

@@ -14,6 +14,8 @@ enum : uint32_t {
     DB_KEY = 2,       // start of a key frame; set for RTCP reports as well
     DB_VIDEO = 4,     // a video packet
     DB_QUESTION = 8,  // a player's request on its way to the pusher (see questions.h)
+    DB_JUMP = 16,     // the stamps of its track jump with this packet
+    DB_SPLIT = 32,    // and are the first of the program that do: recordings go on in a new file
 };
 
 struct DataBlock {
@@ -28,6 +30,12 @@ struct DataBlock {
     uint32_t nSerial = 0;
 };
 static_assert(offsetof(DataBlock, node) == 0, "lists map a block to its node at the very start");
+
+// Whether a picture that can be decoded by itself begins with the block.
+inline int BlockStartsKey(const DataBlock *pBlock)
+{
+    return (pBlock->nFlags & (DB_VIDEO | DB_KEY)) == (DB_VIDEO | DB_KEY);
+}
 
 // The data of a block: len bytes and a NUL.
 inline uint8_t *BlockData(DataBlock *pBlock)

@@ -10,11 +10,13 @@ enum : uint32_t {
     MEDIA_H264 = 0x1,
     MEDIA_JPEG = 0x2,
     MEDIA_VIDEO3 = 0x3,  // a third video codec; no encoding name yields it
+    MEDIA_H265 = 0x4,
     MEDIA_VIDEO_OTHER = 0xFF,
     MEDIA_VIDEO_MASK = 0xFF,
     MEDIA_AMR_NB = 0x100,
     MEDIA_G711 = 0x200,
     MEDIA_AMR_WB = 0x400,
+    MEDIA_AAC = 0x800,
     MEDIA_AUDIO_OTHER = 0xFF00,
     MEDIA_AUDIO_MASK = 0xFF00,
     MEDIA_TEXT = 0xFF0000,

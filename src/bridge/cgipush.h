@@ -1,9 +1,9 @@
 // The message queue to the local camera process, and the reader that loads a configuration file for it.
 //
 // Commands go to the camera as short texts in messages of type 1; what it answers comes in messages whose
-// type is the process id of who asked. The queue handle is one for the process: scheduler thread only. No
-// operation waits but WaitReplyMsg, and with it the actions that expect an answer: they hold up the thread
-// for up to 550 milliseconds.
+// type is the process id of who asked. The queue handle is one for the process: one thread only, that of the
+// disk in the server. No operation waits but WaitReplyMsg, and with it the actions that expect an answer:
+// they hold up the thread for up to 550 milliseconds.
 #pragma once
 
 #include <cstddef>

@@ -17,7 +17,19 @@ static constexpr Codec g_codecs[] = {
         .pfnDepacket = WriteH264RtpData,
         .pfnPack = Pack2Rtp264Block,
         .nForm = FORM_UNITS,
+        .pNal = &g_h264Form,
         .exported = {".h264", "H.264 video", "", "h264"},
+    },
+    {
+        .szName = "H265",
+        .nMediaType = MEDIA_H265,
+        .aliases = {{"H265", CODEC_WIDE_ALL}, {"HEVC", CODEC_WIDE_ALL}},
+        .pfnIsKey = IsKeyH265,
+        .pfnDepacket = WriteH265RtpData,
+        .pfnPack = Pack2Rtp265Block,
+        .nForm = FORM_UNITS,
+        .pNal = &g_h265Form,
+        .exported = {".h265", "H.265 video", "", "hevc"},
     },
     {
         .szName = "JPEG",
@@ -85,6 +97,16 @@ static constexpr Codec g_codecs[] = {
         .nSampleRate = 16000,
         .exported = {".amr", "AMR audio", "#!AMR-WB\n", "amr_wb"},
     },
+    {
+        .szName = "MPEG4-GENERIC",
+        .nMediaType = MEDIA_AAC,
+        .aliases = {{"MPEG4-GENERIC", CODEC_WIDE_ALL}},
+        .bKeepSpelling = 1,
+        .pfnDepacket = WriteAacRtpData,
+        .pfnPack = Pack2RtpAacBlock,
+        .nForm = FORM_AAC,
+        .exported = {".aac", "AAC audio", "", "aac"},
+    },
     // Code 0x3 is reserved: no description names it.
     {.szName = "third", .nMediaType = MEDIA_VIDEO3, .pfnIsKey = IsKeyGeneric},
     // Video that no other row knows, of which nothing is known but where its frames end.
@@ -99,7 +121,8 @@ std::span<const Codec> Codecs()
 static int HasName(const Codec &codec, const char *szName, CodecUser nUser)
 {
     for (const CodecAlias &alias : codec.aliases) {
-        if (!alias.szName || !(alias.nUsers & nUser))
+        int bWide = (alias.nUsers & CODEC_WIDE) != 0;
+        if (!alias.szName || !(alias.nUsers & nUser & CODEC_ALL) || (bWide && !(nUser & CODEC_WIDE)))
             continue;
         if (alias.bPrefix ? strncasecmp(szName, alias.szName, strlen(alias.szName)) == 0
                           : strcasecmp(szName, alias.szName) == 0)

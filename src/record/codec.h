@@ -9,6 +9,7 @@
 #include "base/mediatype.h"
 #include "record/depacketise.h"
 #include "record/keyframe.h"
+#include "record/nalunit.h"
 
 namespace orx {
 
@@ -19,6 +20,12 @@ enum CodecUser : uint8_t {
     CODEC_PROGRAM = 1,    // the tracks of a program, live or recorded
     CODEC_RECORDING = 2,  // what a recording can hold
     CODEC_ALL = 3,
+    // The same two where WideUnits is set or a recording is played: files of version 101 hold more codecs. A
+    // name with CODEC_WIDE in it is known to none else.
+    CODEC_WIDE = 4,
+    CODEC_WIDE_PROGRAM = CODEC_PROGRAM | CODEC_WIDE,
+    CODEC_WIDE_RECORDING = CODEC_RECORDING | CODEC_WIDE,
+    CODEC_WIDE_ALL = CODEC_ALL | CODEC_WIDE,
 };
 
 constexpr int kMaxCodecAliases = 3;
@@ -32,10 +39,11 @@ struct CodecAlias {
 // How a recorded sample is made up.
 enum SampleForm : uint8_t {
     FORM_NONE,   // not recorded
-    FORM_UNITS,  // units of H.264, each behind 2 bytes of length that count themselves
+    FORM_UNITS,  // units of H.264 or H.265, each behind its length (see NalNext)
     FORM_JPEG,   // RTP payloads of one image, or a JFIF file
     FORM_AMR,    // frames in storage form
     FORM_G711,   // a byte per sampling
+    FORM_AAC,    // units, each behind 2 bytes of length that count themselves
 };
 
 // How tools take a codec out of recordings.
@@ -58,14 +66,15 @@ struct Codec {
     DepacketProc pfnDepacket = nullptr;  // null: it cannot be recorded
     PackProc pfnPack = nullptr;          // null: recordings of it cannot be played
     SampleForm nForm = FORM_NONE;
-    int nSampleRate = 0;  // of recorded audio, Hz
+    int nSampleRate = 0;            // of recorded audio, Hz; 0 when the description tells it
+    const NalForm *pNal = nullptr;  // of FORM_UNITS
     CodecExport exported = {};
 };
 
 std::span<const Codec> Codecs();
 
 // The codec that a description means by a name. nKind is MEDIA_VIDEO_OTHER or MEDIA_AUDIO_OTHER. Null for a
-// name that nUser (one of the two) does not know.
+// name that nUser (a single one of them) does not know.
 const Codec *CodecByName(uint32_t nKind, const char *szName, CodecUser nUser);
 // The codec of a static payload type (RFC 3551) that a recording takes without a name, or null.
 const Codec *CodecByStaticType(int nPayloadType);

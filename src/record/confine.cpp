@@ -18,8 +18,7 @@
 namespace orx {
 
 constexpr int kOpenDir = O_PATH | O_DIRECTORY | O_CLOEXEC;
-constexpr int kMaxParents = 128;        // of a directory, up to its root: a bound
-constexpr unsigned kMaxVariants = 999;  // that are tried before a name counts as taken for good
+constexpr int kMaxParents = 128;  // of a directory, up to its root: a bound
 constexpr unsigned kDaySeconds = 86400;
 constexpr size_t kNameSize = 256;
 
@@ -30,8 +29,7 @@ static int IsSame(int fdA, int fdB)
     return fstat(fdA, &a) == 0 && fstat(fdB, &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-// Whether an open directory is the root or one of its parents is.
-static int IsBelow(int fdRoot, int fdDir)
+int ConfineIsBelow(int fdRoot, int fdDir)
 {
     FdGuard at{-1};
     for (int i = 0; i < kMaxParents; i++) {
@@ -50,7 +48,7 @@ int ConfineOpenDir(const char *szRoot, const char *szDir)
 {
     FdGuard root{open(szRoot, kOpenDir)};
     FdGuard dir{open(szDir, kOpenDir)};
-    return root.fd >= 0 && dir.fd >= 0 && IsBelow(root.fd, dir.fd) ? dir.Release() : -1;
+    return root.fd >= 0 && dir.fd >= 0 && ConfineIsBelow(root.fd, dir.fd) ? dir.Release() : -1;
 }
 
 int ConfineOpenFile(const char *szRoot, const char *szFile)
@@ -80,23 +78,40 @@ int ConfineMakeDir(const char *szRoot, const char *szRelative)
             continue;
         mkdirat(at.fd, szName, 0755);
         FdGuard next{openat(at.fd, szName, kOpenDir)};
-        if (next.fd < 0 || !IsBelow(root.fd, next.fd))
+        if (next.fd < 0 || !ConfineIsBelow(root.fd, next.fd))
             return 0;
         std::swap(at.fd, next.fd);
     }
     return root.fd >= 0 && at.fd >= 0;
 }
 
-// The second of the day that a name like "S235959.zmf" tells, or -1.
-static int ClockOf(const char *szName)
+static int AreDigits(const char *p, int nDigits)
 {
-    int nHour = 0, nMinute = 0, nSecond = 0;
-    for (int i = 1; i <= 6; i++)
-        if (!szName[0] || !isdigit(static_cast<unsigned char>(szName[i])))
-            return -1;
-    if (strcmp(szName + 7, ".zmf") != 0 ||
-        sscanf(szName + 1, "%2d%2d%2d", &nHour, &nMinute, &nSecond) != 3)  // NOLINT(cert-err34-c)
-        return -1;
+    while (nDigits > 0 && isdigit(static_cast<unsigned char>(*p))) {
+        p++;
+        nDigits--;
+    }
+    return nDigits == 0;
+}
+
+// Where the time of the day stands in a name like "S235959.zmf" or "x-20260131-235959.zmf", or null.
+static const char *FindClock(const char *szName)
+{
+    size_t nLen = strlen(szName);
+    const char *p = szName + nLen - strlen("235959.zmf");
+    if (nLen < strlen("S235959.zmf") || !AreDigits(p, 6) || strcmp(p + 6, ".zmf") != 0)
+        return nullptr;
+    if (p == szName + 1)
+        return p;
+    const char *pDate = p - strlen("-20260131-");
+    return pDate > szName && *pDate == '-' && AreDigits(pDate + 1, 8) && p[-1] == '-' ? p : nullptr;
+}
+
+// The second of the day that six digits tell.
+static unsigned ClockOf(const char *pDigits)
+{
+    unsigned nHour = 0, nMinute = 0, nSecond = 0;
+    sscanf(pDigits, "%2u%2u%2u", &nHour, &nMinute, &nSecond);  // NOLINT(cert-err34-c): they are digits
     return (nHour * 60 + nMinute) * 60 + nSecond;
 }
 
@@ -105,14 +120,15 @@ int ConfineVariant(char *szOut, size_t nSize, const char *szPath, unsigned nVari
     TextBuf text{szOut, nSize};
     const char *pSlash = strrchr(szPath, '/');
     const char *szName = pSlash ? pSlash + 1 : szPath;
-    int nClock = ClockOf(szName);
-    unsigned nLater = static_cast<unsigned>(nClock) + nVariant;
+    const char *pClock = FindClock(szName);
+    unsigned nLater = pClock ? ClockOf(pClock) + nVariant : kDaySeconds;
     if (nVariant == 0)
         return TextAdd(&text, "%s", szPath);
     if (!TextAddBytes(&text, szPath, static_cast<size_t>(szName - szPath)))
         return 0;
-    if (nClock >= 0 && nLater < kDaySeconds)
-        return TextAdd(&text, "%c%02u%02u%02u.zmf", szName[0], nLater / 3600, nLater / 60 % 60, nLater % 60);
+    if (nLater < kDaySeconds)
+        return TextAddBytes(&text, szName, static_cast<size_t>(pClock - szName)) &&
+               TextAdd(&text, "%02u%02u%02u.zmf", nLater / 3600, nLater / 60 % 60, nLater % 60);
     const char *pDot = strrchr(szName, '.');
     size_t nStem = pDot ? static_cast<size_t>(pDot - szName) : strlen(szName);
     return TextAddBytes(&text, szName, nStem) && TextAdd(&text, "-%u%s", nVariant, szName + nStem);

@@ -1,6 +1,6 @@
 // Recordings that stay below their root and replace no file, and are played from there alone. Where a path
 // leads is the kernel's answer: a directory is opened, with the links and ".." in its path, and then looked
-// up through its parents. Scheduler thread only.
+// up through its parents. One thread at a time.
 #pragma once
 
 #include <cstddef>
@@ -19,9 +19,14 @@ int ConfineOpenFile(const char *szRoot, const char *szFile);
 // there and below the root, else 0.
 int ConfineMakeDir(const char *szRoot, const char *szRelative);
 
+// Whether an open directory is the root, also open, or lies below it.
+int ConfineIsBelow(int fdRoot, int fdDir);
+
+constexpr unsigned kMaxVariants = 999;  // that are tried before a name counts as taken for good
+
 // The nVariant-th name to take when a file's own (variant 0) is taken: so many seconds later where the name
-// is a time of the day ("S235959.zmf"), else numbered ("x-1.zmf"). szPath may have directories. Returns 1, or
-// 0 when it does not fit.
+// is or ends in a time of the day ("S235959.zmf", "x-20260131-235959.zmf"), else numbered ("x-1.zmf"). szPath
+// may have directories. Returns 1, or 0 when it does not fit.
 int ConfineVariant(char *szOut, size_t nSize, const char *szPath, unsigned nVariant);
 
 // Makes a file in the directory under the first variant of szName of which neither that name nor the one with

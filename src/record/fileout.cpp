@@ -13,9 +13,10 @@ namespace orx {
 
 constexpr uint32_t kBufferBytes = 32768;  // at most this much is lost when the process is killed
 
-// Writes both pieces whole. Returns 1 or 0.
-static int WriteAll(int fd, const uint8_t *pFirst, size_t nFirst, const uint8_t *pSecond, size_t nSecond)
+// Writes both pieces. Returns how many bytes of them were written, fewer than all on an error.
+static size_t WriteAll(int fd, const uint8_t *pFirst, size_t nFirst, const uint8_t *pSecond, size_t nSecond)
 {
+    size_t nDone = 0;
     while (nFirst + nSecond > 0) {
         iovec pieces[2] = {{const_cast<uint8_t *>(pFirst), nFirst},
                            {const_cast<uint8_t *>(pSecond), nSecond}};
@@ -23,7 +24,8 @@ static int WriteAll(int fd, const uint8_t *pFirst, size_t nFirst, const uint8_t 
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
-            return 0;
+            break;
+        nDone += static_cast<size_t>(n);
         size_t nOfFirst = static_cast<size_t>(n) < nFirst ? static_cast<size_t>(n) : nFirst;
         size_t nOfSecond = static_cast<size_t>(n) - nOfFirst;
         pFirst += nOfFirst;
@@ -32,14 +34,17 @@ static int WriteAll(int fd, const uint8_t *pFirst, size_t nFirst, const uint8_t 
             pSecond += nOfSecond;
         nSecond -= nOfSecond;
     }
-    return 1;
+    return nDone;
 }
 
 // Empties the buffer into the file, with more bytes behind it.
 static int Drain(FileOut *pFile, const void *pMore, size_t nMore)
 {
-    if (!WriteAll(pFile->fd, pFile->pBuffer, pFile->nBuffered, static_cast<const uint8_t *>(pMore), nMore)) {
+    size_t nDone =
+        WriteAll(pFile->fd, pFile->pBuffer, pFile->nBuffered, static_cast<const uint8_t *>(pMore), nMore);
+    if (nDone < pFile->nBuffered + nMore) {
         pFile->bFailed = 1;
+        pFile->nReached = nDone;
         return 0;
     }
     pFile->nWritten += pFile->nBuffered + nMore;
@@ -103,6 +108,18 @@ void FileOutCommit(FileOut *pFile)
 int FileOutFlush(FileOut *pFile)
 {
     return pFile->fd >= 0 && !pFile->bFailed && Drain(pFile, nullptr, 0);
+}
+
+int FileOutCut(FileOut *pFile, uint64_t nBytes)
+{
+    if (pFile->fd < 0 || !pFile->bFailed || ftruncate(pFile->fd, static_cast<off_t>(nBytes)) != 0 ||
+        lseek(pFile->fd, static_cast<off_t>(nBytes), SEEK_SET) < 0)
+        return 0;
+    pFile->nWritten = pFile->nMark = pFile->nKeep = nBytes;
+    pFile->nBuffered = 0;
+    pFile->nReached = 0;
+    pFile->bFailed = 0;
+    return 1;
 }
 
 int FileOutPatch(FileOut *pFile, uint64_t nPos, const void *pData, size_t nData)

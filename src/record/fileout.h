@@ -1,5 +1,5 @@
 // A file that is written from front to back through a small buffer, and whose start can be written over.
-// Scheduler thread only.
+// One thread at a time.
 #pragma once
 
 #include <cstddef>
@@ -15,6 +15,7 @@ struct FileOut {
     uint64_t nMark = 0;     // up to here what was appended is whole, see FileOutCommit
     uint64_t nKeep = 0;     // the last mark that reached the file
     int bFailed = 0;        // a write failed; nothing is appended any more
+    uint64_t nReached = 0;  // then: bytes behind nWritten, first of what is buffered, that are in the file
 };
 
 // Makes the file anew: one of that name is removed first, so that whoever still writes to it does not write
@@ -38,6 +39,10 @@ int FileOutPatch(FileOut *pFile, uint64_t nPos, const void *pData, size_t nData)
 uint64_t FileOutPos(const FileOut *pFile);
 
 int FileOutFlush(FileOut *pFile);
+
+// After a failed write: ends the file at nBytes, of what reached it, and forgets the rest, so that it can be
+// completed. Returns 1 or 0.
+int FileOutCut(FileOut *pFile, uint64_t nBytes);
 
 // Whether szPath, relative to the directory fdDir or AT_FDCWD, still names this open file.
 int FileOutIsAt(const FileOut *pFile, int fdDir, const char *szPath);

@@ -1,60 +1,72 @@
 #include "record/keyframe.h"
 
 #include "base/bytes.h"
+#include "record/nalunit.h"
 
 namespace orx {
 
 namespace {
 
 struct UnitsFound {
-    int bSps = 0;
-    int bIdr = 0;  // an IDR slice, or the beginning of one
+    int bSet = 0;  // a parameter set of a sequence, or of more
+    int bKey = 0;  // a key slice, or the beginning of one
 };
 
 }  // namespace
 
-static void NoteUnit(UnitsFound *pFound, unsigned nType)
+static void NoteUnit(UnitsFound *pFound, NalKind nKind)
 {
-    pFound->bSps |= nType == NAL_SPS;
-    pFound->bIdr |= nType == NAL_IDR;
+    pFound->bSet |= nKind == NAL_IS_SEQUENCE_SET || nKind == NAL_IS_VIDEO_SET;
+    pFound->bKey |= nKind == NAL_IS_KEY_SLICE;
 }
 
-// What begins in an H.264 payload. All units of an aggregate count: many encoders put a delimiter or an SEI
-// before the parameter sets.
-static UnitsFound FindUnits(ByteReader in)
+// What begins in a payload. All units of an aggregate count: many encoders put a delimiter or an SEI before
+// the parameter sets.
+static UnitsFound FindUnits(const NalForm *pForm, ByteReader in)
 {
     UnitsFound found;
-    unsigned nType = ReadBe(&in, 1) & 0x1F;
-    if (nType == NAL_FU_A) {
+    const uint8_t *pHead = ReadBytes(&in, pForm->nHead);
+    uint32_t nType = pHead ? NalType(pForm, *pHead) : 0;
+    if (pHead && nType == pForm->nFragment) {
         uint32_t nHeader = ReadBe(&in, 1);
         if (nHeader & FU_START)
-            NoteUnit(&found, nHeader & 0x1F);
-    } else if (nType == NAL_STAP_A) {
+            NoteUnit(&found, pForm->pfnKind(nHeader & pForm->nTypeMask));
+    } else if (pHead && nType == pForm->nAggregate) {
         while (in.nLeft > 0 && !in.bFailed) {
             uint32_t nSize = ReadBe(&in, 2);
             const uint8_t *pUnit = ReadBytes(&in, nSize);
             if (pUnit && nSize > 0)
-                NoteUnit(&found, *pUnit & 0x1F);
+                NoteUnit(&found, pForm->pfnKind(NalType(pForm, *pUnit)));
         }
-    } else if (!in.bFailed) {
-        NoteUnit(&found, nType);
+    } else if (pHead) {
+        NoteUnit(&found, pForm->pfnKind(nType));
     }
     return found;
 }
 
-// The flag goes to the first packet of a key picture: its parameter sets, or its IDR slice when they do not
+// The flag goes to the first packet of a key picture: its parameter sets, or its key slice when they do not
 // come with it. One picture is flagged once, so that a player is given all of it.
-int IsKeyH264(KeyWatch *pWatch, const RtpPacket *pPacket)
+static int IsKeyUnit(const NalForm *pForm, KeyWatch *pWatch, const RtpPacket *pPacket)
 {
-    UnitsFound found = FindUnits(ByteReader{pPacket->pPayload, pPacket->nPayload});
+    UnitsFound found = FindUnits(pForm, ByteReader{pPacket->pPayload, pPacket->nPayload});
     int bSameTime = pWatch->bKeySeen && pWatch->nKeyTime == pPacket->nRtpTime;
     int bSamePicture = bSameTime && !pWatch->bAfterMarker;
     pWatch->bAfterMarker = pPacket->bMarker;
-    if (!(found.bSps && !bSamePicture) && !(found.bIdr && !bSameTime))
+    if (!(found.bSet && !bSamePicture) && !(found.bKey && !bSameTime))
         return 0;
     pWatch->bKeySeen = 1;
     pWatch->nKeyTime = pPacket->nRtpTime;
     return 1;
+}
+
+int IsKeyH264(KeyWatch *pWatch, const RtpPacket *pPacket)
+{
+    return IsKeyUnit(&g_h264Form, pWatch, pPacket);
+}
+
+int IsKeyH265(KeyWatch *pWatch, const RtpPacket *pPacket)
+{
+    return IsKeyUnit(&g_h265Form, pWatch, pPacket);
 }
 
 // RFC 2435, section 3.1.2: every picture can be decoded alone, and begins at fragment offset 0.

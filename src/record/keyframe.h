@@ -19,6 +19,7 @@ struct KeyWatch {
 // Says whether a packet starts a key frame. Every packet of the track is to be shown, in order.
 using KeyFrameProc = int (*)(KeyWatch *pWatch, const RtpPacket *pPacket);
 int IsKeyH264(KeyWatch *pWatch, const RtpPacket *pPacket);
+int IsKeyH265(KeyWatch *pWatch, const RtpPacket *pPacket);
 int IsKeyJpeg(KeyWatch *pWatch, const RtpPacket *pPacket);
 int IsKeyGeneric(KeyWatch *pWatch, const RtpPacket *pPacket);  // a codec that is only relayed
 

@@ -58,7 +58,7 @@ static Entry *FindEntry(const struct stat *pInfo, uint64_t nBegin)
 }
 
 // Keeps every second point when all are in use, so that they reach over a file of any length.
-static void AddKeyFrame(Entry *pEntry, uint64_t nPos)
+static void AddKeyFrame(Entry *pEntry, uint64_t nPos, uint32_t nTimeMs)
 {
     Measured *p = &pEntry->result;
     if (p->uKeyFrames++ % p->nInterval != 0)
@@ -69,7 +69,7 @@ static void AddKeyFrame(Entry *pEntry, uint64_t nPos)
         p->nPoints = kSeekPoints / 2;
         p->nInterval *= 2;
     }
-    p->points[p->nPoints++] = SeekPoint{nPos, pEntry->nLatest};
+    p->points[p->nPoints++] = SeekPoint{nPos, pEntry->nLatest, nTimeMs};
 }
 
 static void AddRecord(Entry *pEntry, const ZMFRecordHead *pHead, uint64_t nPos)
@@ -80,7 +80,7 @@ static void AddRecord(Entry *pEntry, const ZMFRecordHead *pHead, uint64_t nPos)
     p->uTextSamples += pHead->chMedia == 't' ? 1 : 0;
     p->uUserSamples += pHead->chMedia == 'u' ? 1 : 0;
     if (IsKeyRecord(pHead))
-        AddKeyFrame(pEntry, nPos);
+        AddKeyFrame(pEntry, nPos, pHead->nTimeMs);
     if (p->uKeyFrames > 0)  // before the first one no seek ends
         pEntry->nLatest = std::max(pEntry->nLatest, pHead->nTimeMs);
 }
@@ -104,11 +104,13 @@ const Measured *MeasureStep(int fd, const struct stat *pInfo, uint64_t nBegin, u
     return pEntry->bDone ? &pEntry->result : nullptr;
 }
 
-uint64_t MeasuredSeekStart(const Measured *pMeasured, uint32_t nTimeMs, uint64_t nStart)
+uint64_t MeasuredSeekStart(const Measured *pMeasured, uint32_t nTimeMs, uint64_t nStart, int bExact)
 {
     const SeekPoint *pEnd =
         std::lower_bound(pMeasured->points, pMeasured->points + pMeasured->nPoints, nTimeMs,
                          [](const SeekPoint &point, uint32_t nWanted) { return point.nBefore < nWanted; });
+    while (bExact && pEnd != pMeasured->points && pEnd[-1].nTimeMs > nTimeMs)
+        pEnd--;
     return pEnd == pMeasured->points ? nStart : std::max(nStart, pEnd[-1].nPos);
 }
 

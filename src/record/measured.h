@@ -13,6 +13,7 @@ namespace orx {
 struct SeekPoint {
     uint64_t nPos = 0;     // from the start of the file
     uint32_t nBefore = 0;  // latest time of the records before, ms
+    uint32_t nTimeMs = 0;  // its own
 };
 
 constexpr uint32_t kSeekPoints = 256;
@@ -32,7 +33,8 @@ struct Measured {
 // with the next call, or null: the file takes another step. nWork: see recordwalk.h.
 const Measured *MeasureStep(int fd, const struct stat *pInfo, uint64_t nBegin, uint32_t nWork);
 
-// Where a seek for nTimeMs begins: at the last point that leads there, at nStart at least.
-uint64_t MeasuredSeekStart(const Measured *pMeasured, uint32_t nTimeMs, uint64_t nStart);
+// Where a seek for nTimeMs begins: at the last point that leads there, at nStart at least; bExact: none that
+// is later itself.
+uint64_t MeasuredSeekStart(const Measured *pMeasured, uint32_t nTimeMs, uint64_t nStart, int bExact);
 
 }  // namespace orx

@@ -1,6 +1,7 @@
 #include "record/recordfile.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -12,6 +13,7 @@
 #include "base/assertion.h"
 #include "base/bytes.h"
 #include "base/console.h"
+#include "base/fdguard.h"
 #include "base/textbuf.h"
 #include "record/confine.h"
 #include "record/sdpreader.h"
@@ -19,6 +21,7 @@
 namespace orx {
 
 constexpr size_t kExtensionLen = 4;  // ".zmf"
+constexpr int kSyncLevels = 4;  // directories that may be new with a file: day, program, root, and one more
 
 // Path of the file while it is being written.
 static int OpenName(const RecordFile *pFile, char *szOut, size_t nSize)
@@ -72,19 +75,30 @@ static int OpenBelow(RecordFile *pFile, const char *szDir, const char *szName)
     return TextAdd(&path, "%s/%s", szDir, szFree) && SetName(pFile, szPath);
 }
 
+static int NeverLoses(const RecordFile *pFile)
+{
+    return pFile->pRules && pFile->pRules->bNeverLose;
+}
+
+// Goes wherever the path leads.
+static int OpenAnywhere(RecordFile *pFile, const char *szFile)
+{
+    char szFree[kStoragePathSize];
+    char szOpen[kStoragePathSize];
+    return TextCopy(szFree, sizeof(szFree), szFile) &&
+           StorageFreePath(szFree, sizeof(szFree), NeverLoses(pFile)) && SetName(pFile, szFree) &&
+           OpenName(pFile, szOpen, sizeof(szOpen)) && FileOutOpen(&pFile->out, szOpen);
+}
+
 int RecordFileOpen(RecordFile *pFile, const char *szFile)
 {
-    char szOpen[kStoragePathSize];
     char szDir[kStoragePathSize];
     int bDir = StorageDirOf(szDir, sizeof(szDir), szFile);
-    if (pFile->szBelow) {
-        if (!bDir || !OpenBelow(pFile, szDir, strrchr(szFile, '/') + 1))
-            return 0;
-    } else if (!SetName(pFile, szFile) || !OpenName(pFile, szOpen, sizeof(szOpen)) ||
-               !FileOutOpen(&pFile->out, szOpen)) {
+    if (!pFile->szBelow ? !OpenAnywhere(pFile, szFile)
+                        : !bDir || !OpenBelow(pFile, szDir, strrchr(szFile, '/') + 1))
         return 0;
-    }
-    StorageHold(&pFile->open, szDir);
+    const char *pSlash = strrchr(pFile->szFile, '/');
+    StorageHold(&pFile->open, szDir, pSlash ? pSlash + 1 : pFile->szFile);
     return 1;
 }
 
@@ -132,15 +146,6 @@ int RecordFileSetAppData(RecordFile *pFile, uint32_t nBytes, const void *pData)
     return 1;
 }
 
-static void EncodeIndex(const RecordFile *pFile, uint8_t *pOut)
-{
-    memset(pOut, 0, kZmfIdxBytes);
-    for (uint32_t i = 0; i < pFile->nCurIdxId; i++) {
-        PutBe(pOut + i * kZmfEntryBytes, 4, pFile->index[i].nPos);
-        PutBe(pOut + i * kZmfEntryBytes + 4, 4, pFile->index[i].nTimeMs);
-    }
-}
-
 static void FormatTime(TextBuf *pText, time_t tWhen)
 {
     tm local{};
@@ -171,6 +176,7 @@ static int RewriteHead(RecordFile *pFile, int bFinal)
 {
     uint8_t bytes[kZmfHeadBytes + kZmfIdxBytes];
     ZMFileHeader head = pFile->head;
+    head.nIdxInterval = pFile->index.nInterval;
     if (bFinal) {
         head.uDuration = pFile->uDuration;
         head.uVideoSamples = pFile->uVideoSamples;
@@ -179,35 +185,54 @@ static int RewriteHead(RecordFile *pFile, int bFinal)
         head.uKeyFrames = pFile->uKeyFrames;
     }
     ZMFileHeaderEncode(&head, bytes);
-    EncodeIndex(pFile, bytes + kZmfHeadBytes);
+    KeyIndexEncode(&pFile->index, bytes + kZmfHeadBytes);
     return FileOutPatch(&pFile->out, 0, bytes, sizeof(bytes));
 }
 
-// Keeps every second entry, so that the index reaches twice as far.
+// What lies in the middle of the file could not be written over. Returns 0.
+static int FailInPlace(RecordFile *pFile)
+{
+    pFile->out.bFailed =
+        pFile->out.bFailed || NeverLoses(pFile);  // the file ends here, the recording goes on
+    return 0;
+}
+
 static int HalveIndex(RecordFile *pFile)
 {
     print("======nCurIdxId >= DEF_IDX_COUNT======\r");
-    for (uint32_t i = 0; i < DEF_IDX_COUNT / 2; i++)
-        pFile->index[i] = pFile->index[2 * i];
-    pFile->nCurIdxId = DEF_IDX_COUNT / 2;
-    pFile->head.nIdxInterval = static_cast<uint16_t>(pFile->head.nIdxInterval * 2);
-    return RewriteHead(pFile, 0) && FileOutFlush(&pFile->out);
+    KeyIndexHalve(&pFile->index);
+    return (RewriteHead(pFile, 0) && FileOutFlush(&pFile->out)) || FailInPlace(pFile);
 }
 
 int RecordFileAddKeyFrame(RecordFile *pFile, uint32_t nTimeMs)
 {
-    // the interval has 16 bits, so that it doubles up to 0x8000
-    if (pFile->nCurIdxId >= DEF_IDX_COUNT && pFile->head.nIdxInterval < 0x8000 && !HalveIndex(pFile))
+    if (KeyIndexIsFull(&pFile->index) && !HalveIndex(pFile))
         return -1;
     uint64_t nPos = FileOutPos(&pFile->out) - pFile->uDataBeginOffset;
-    int bTurn = pFile->uKeyFrames % pFile->head.nIdxInterval == 0 && pFile->nCurIdxId < DEF_IDX_COUNT;
-    if (bTurn && nPos <= UINT32_MAX) {  // beyond 4 GB a seek walks on from the last entry
-        pFile->index[pFile->nCurIdxId].nPos = static_cast<uint32_t>(nPos);
-        pFile->index[pFile->nCurIdxId].nTimeMs = nTimeMs;
-        pFile->nCurIdxId++;
-    }
-    pFile->uKeyFrames++;
+    KeyIndexAdd(&pFile->index, pFile->uKeyFrames++, nPos, nTimeMs);
     return 1;
+}
+
+static void Count(RecordCounts *pCounts, const ZMFRecordHead *pHead)
+{
+    pCounts->uSampleCount++;
+    pCounts->uVideoSamples += pHead->chMedia == 'v' ? 1 : 0;
+    pCounts->uTextSamples += pHead->chMedia == 't' ? 1 : 0;
+    pCounts->uUserSamples += pHead->chMedia == 'u' ? 1 : 0;
+    pCounts->uKeyFrames += IsKeyRecord(pHead) ? 1 : 0;
+    if (pHead->nTimeMs > pCounts->uDuration)
+        pCounts->uDuration = pHead->nTimeMs;
+}
+
+// Says in the header that what follows is not for readers of version 100. Returns 1, or 0 on a write error.
+static int MarkWide(RecordFile *pFile)
+{
+    uint8_t bytes[2];
+    if (pFile->head.nVersion == kZmfWideVersion)
+        return 1;
+    pFile->head.nVersion = kZmfWideVersion;
+    PutBe(bytes, sizeof(bytes), pFile->head.nVersion);
+    return FileOutPatch(&pFile->out, kZmfVersionAt, bytes, sizeof(bytes)) || FailInPlace(pFile);
 }
 
 int RecordFileWriteRecord(RecordFile *pFile, const uint8_t *pData, uint32_t nBytes, uint32_t nTimeMs,
@@ -221,16 +246,57 @@ int RecordFileWriteRecord(RecordFile *pFile, const uint8_t *pData, uint32_t nByt
     pFile->uVideoSamples += head.chMedia == 'v' ? 1 : 0;
     pFile->uTextSamples += head.chMedia == 't' ? 1 : 0;
     pFile->uUserSamples += head.chMedia == 'u' ? 1 : 0;
-    if (!ORX_PEER_ASSERT(nBytes <= kZmfMaxRecordBytes - kZmfRecordHeadBytes, "nLen <= 0xfffff"))
+    uint32_t nMax = nType & SAMPLE_WIDE ? kZmfMaxWideBytes : kZmfMaxRecordBytes;
+    if (!ORX_PEER_ASSERT(nBytes <= nMax - kZmfRecordHeadBytes, "nLen <= 0xfffff"))
+        return -1;
+    if ((nType & SAMPLE_WIDE) && !MarkWide(pFile))
         return -1;
     if (head.nLength >= kZmfBigRecordBytes)
         print("******Write big video frame=%dBytes*******\r\n", static_cast<int>(head.nLength));
     uint8_t bytes[kZmfRecordHeadBytes];
     ZMFRecordHeadEncode(&head, bytes);
-    if (!FileOutWrite(&pFile->out, bytes, sizeof(bytes), pData, nBytes))
+    if (pFile->out.nBuffered == 0)
+        pFile->reached = pFile->all;
+    uint64_t nBefore = pFile->out.nWritten;
+    int bWritten = FileOutWrite(&pFile->out, bytes, sizeof(bytes), pData, nBytes);
+    if (pFile->out.nWritten != nBefore)  // at least the records before this one
+        pFile->reached = pFile->all;
+    if (!bWritten)
         return -1;
+    Count(&pFile->all, &head);
     FileOutCommit(&pFile->out);
+    StorageCountRecorded(head.nLength);
     pFile->uSampleCount++;
+    return 1;
+}
+
+// After a failed write: ends the file with its last whole record, and has the counters and the index say so.
+// Header and index are written over in place, which needs no room. Returns 1 or 0.
+static int KeepWholeRecords(RecordFile *pFile)
+{
+    const FileOut *pOut = &pFile->out;
+    RecordCounts counts = pFile->reached;
+    ZMFRecordHead head;
+    uint32_t nKeep = 0;
+    for (; nKeep + kZmfRecordHeadBytes <= pOut->nBuffered; nKeep += head.nLength) {
+        ZMFRecordHeadDecode(pOut->pBuffer + nKeep, &head);
+        if (head.nLength < kZmfRecordHeadBytes || nKeep + uint64_t{head.nLength} > pOut->nReached)
+            break;
+        Count(&counts, &head);
+    }
+    if (!FileOutCut(&pFile->out, pOut->nWritten + nKeep))
+        return 0;
+    uint64_t nEnd = pOut->nWritten - pFile->uDataBeginOffset;
+    KeyIndex *pIndex = &pFile->index;
+    while (pIndex->nUsed > 0 && pIndex->entries[pIndex->nUsed - 1].nPos >= nEnd)
+        pIndex->nUsed--;
+    pFile->all = pFile->reached = counts;
+    pFile->uDuration = counts.uDuration;
+    pFile->uVideoSamples = counts.uVideoSamples;
+    pFile->uTextSamples = counts.uTextSamples;
+    pFile->uUserSamples = counts.uUserSamples;
+    pFile->uSampleCount = counts.uSampleCount;
+    pFile->uKeyFrames = counts.uKeyFrames;
     return 1;
 }
 
@@ -239,9 +305,9 @@ int RecordFileWriteRecord(RecordFile *pFile, const uint8_t *pData, uint32_t nByt
 // interrupted.
 static void Complete(RecordFile *pFile)
 {
-    if (!FileOutFlush(&pFile->out))
+    if (!FileOutFlush(&pFile->out) && (!NeverLoses(pFile) || !KeepWholeRecords(pFile)))
         return;
-    ORX_ASSERT(pFile->nCurIdxId == 0 || pFile->index[0].nPos == 0,
+    ORX_ASSERT(pFile->index.nUsed == 0 || pFile->index.entries[0].nPos == 0,
                "index[0].pos == 0 || index[0].pos == pWriter->uDataBeginOffset");
     if (!RewriteHead(pFile, 1))
         return;
@@ -254,15 +320,45 @@ static void Complete(RecordFile *pFile)
         FileOutPatch(&pFile->out, nSdpAt + pFile->head.nSdpSize, pFile->pAppData, pFile->head.nAppDataBytes);
 }
 
+// Has the disk keep what a directory says, as far as nLevels above it, within one file system.
+static void SyncDirs(int fdDir, int nLevels)
+{
+    FdGuard at{openat(fdDir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+    struct stat first {};
+    struct stat here {};
+    if (at.fd < 0 || fstat(at.fd, &first) != 0)
+        return;
+    while (at.fd >= 0 && fstat(at.fd, &here) == 0 && here.st_dev == first.st_dev && nLevels-- > 0) {
+        fsync(at.fd);
+        FdGuard above{openat(at.fd, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+        std::swap(at.fd, above.fd);
+    }
+}
+
+int RecordFileFlush(RecordFile *pFile)
+{
+    return FileOutFlush(&pFile->out);
+}
+
+void RecordFileSync(RecordFile *pFile)
+{
+    if (!RecordFileIsOpen(pFile) || pFile->nSynced == pFile->out.nWritten)
+        return;
+    fdatasync(pFile->out.fd);
+    if (pFile->nSynced == 0)
+        SyncDirs(pFile->open.fdDir, kSyncLevels);
+    pFile->nSynced = pFile->out.nWritten;
+}
+
 static void TakeFinalName(RecordFile *pFile, const char *szOpen)
 {
-    if (!pFile->szBelow) {
+    if (!pFile->szBelow && !NeverLoses(pFile)) {
         rename(szOpen, pFile->szFile);
         return;
     }
     char szFree[kStoragePathSize];
     const char *szName = InDir(pFile, pFile->szFile);
-    if (!ConfineRename(pFile->fdDir, InDir(pFile, szOpen), szName, szFree, sizeof(szFree)) ||
+    if (!ConfineRename(DirOfFile(pFile), InDir(pFile, szOpen), szName, szFree, sizeof(szFree)) ||
         strcmp(szFree, szName) == 0)
         return;
     char szPath[kStoragePathSize];
@@ -279,9 +375,14 @@ int RecordFileClose(RecordFile *pFile)
         Complete(pFile);
     int bNamed = OpenName(pFile, szOpen, sizeof(szOpen)) &&
                  FileOutIsAt(&pFile->out, DirOfFile(pFile), InDir(pFile, szOpen));
+    if (NeverLoses(pFile) && FileOutFlush(&pFile->out))
+        fdatasync(pFile->out.fd);
     int bWhole = FileOutClose(&pFile->out);
     if (bNamed)  // otherwise a later recording has taken the name
         TakeFinalName(pFile, szOpen);
+    if (NeverLoses(pFile))
+        SyncDirs(pFile->open.fdDir, pFile->nSynced == 0 ? kSyncLevels : 1);
+    pFile->nSynced = 0;
     StorageRelease(&pFile->open);
     pFile->uDataBeginOffset = 0;
     return bWhole;
@@ -309,8 +410,10 @@ int RecordFileBeginNext(RecordFile *pFile)
     if (pFile->pszSdp && !RecordFileSetSdp(pFile, pFile->pszSdp))
         return 0;
     pFile->uDuration = pFile->uVideoSamples = pFile->uTextSamples = pFile->uUserSamples = 0;
-    pFile->uSampleCount = pFile->uKeyFrames = pFile->nCurIdxId = 0;
-    pFile->head.nIdxInterval = 1;
+    pFile->uSampleCount = pFile->uKeyFrames = 0;
+    pFile->all = pFile->reached = RecordCounts{};
+    pFile->index = KeyIndex{};
+    pFile->head.nVersion = kZmfVersion;
     pFile->head.nFileSeq++;
     return 1;
 }

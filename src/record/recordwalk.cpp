@@ -27,17 +27,27 @@ static int Spend(RecordWalk *pWalk, uint32_t nWork)
     return 1;
 }
 
+int RecordWalkHolds(const RecordWalk *pWalk)
+{
+    return pWalk->nNext >= pWalk->nChunkPos &&
+           pWalk->nNext + kZmfRecordHeadBytes <= pWalk->nChunkPos + pWalk->nChunk;
+}
+
+static uint8_t *Room(RecordWalk *pWalk)
+{
+    return pWalk->pBlock ? pWalk->pBlock : pWalk->chunk;
+}
+
 // Has the head of the next record in the chunk. Results of RecordWalkNext.
 static int Fill(RecordWalk *pWalk)
 {
-    uint64_t nEnd = pWalk->nNext + kZmfRecordHeadBytes;
-    if (pWalk->nNext >= pWalk->nChunkPos && nEnd <= pWalk->nChunkPos + pWalk->nChunk)
+    if (RecordWalkHolds(pWalk))
         return 1;
     if (!Spend(pWalk, kChunkWork))
         return -1;
+    size_t nRoom = pWalk->pBlock ? pWalk->nBlock : sizeof(pWalk->chunk);
     pWalk->nChunkPos = pWalk->nNext;
-    pWalk->nChunk =
-        static_cast<uint32_t>(ReadAt(pWalk->fd, pWalk->nNext, pWalk->chunk, sizeof(pWalk->chunk)));
+    pWalk->nChunk = static_cast<uint32_t>(ReadAt(pWalk->fd, pWalk->nNext, Room(pWalk), nRoom));
     return pWalk->nChunk >= kZmfRecordHeadBytes;
 }
 
@@ -46,7 +56,7 @@ int RecordWalkNext(RecordWalk *pWalk, ZMFRecordHead *pHead)
     int nResult = Spend(pWalk, 1) ? Fill(pWalk) : -1;
     if (nResult < 1)
         return nResult;
-    ZMFRecordHeadDecode(pWalk->chunk + (pWalk->nNext - pWalk->nChunkPos), pHead);
+    ZMFRecordHeadDecode(Room(pWalk) + (pWalk->nNext - pWalk->nChunkPos), pHead);
     if (pHead->nLength < kZmfRecordHeadBytes || pWalk->nNext + pHead->nLength > pWalk->nFileBytes)
         return 0;
     pWalk->nPos = pWalk->nNext;

@@ -16,6 +16,8 @@ struct RecordWalk {
     uint64_t nPos = 0;        // of the last record visited
     uint32_t nWork = 0;       // what the step may still do
 
+    uint8_t *pBlock = nullptr;  // room for more than a chunk at a time, not owned; null: chunk
+    uint32_t nBlock = 0;        // bytes of it
     uint8_t chunk[2048];
     uint64_t nChunkPos = 0;  // of the chunk's first byte
     uint32_t nChunk = 0;     // bytes in it
@@ -29,6 +31,8 @@ constexpr uint32_t kAllWork = UINT32_MAX;  // no steps
 // A walk through the open file fd, of nFileBytes, from the record at nPos on.
 RecordWalk RecordWalkFrom(int fd, uint64_t nFileBytes, uint64_t nPos, uint32_t nWork);
 
+// Whether the head of the next record was read already.
+int RecordWalkHolds(const RecordWalk *pWalk);
 // The head of the next whole record: 1. 0 when none follows, -1 when the step is over (give nWork anew).
 int RecordWalkNext(RecordWalk *pWalk, ZMFRecordHead *pHead);
 

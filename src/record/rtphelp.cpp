@@ -6,17 +6,30 @@
 #include "base/bytes.h"
 #include "base/console.h"
 #include "base/mediatype.h"
+#include "record/aac.h"
 #include "record/depacketise.h"
 #include "record/jpegparts.h"
+#include "record/nalunit.h"
+#include "record/playline.h"
 
 namespace orx {
 
 constexpr uint8_t kRtpVersion2 = 0x80;
 constexpr uint8_t kRtpMarker = 0x80;
-constexpr uint32_t kGatherBytes = 1462;  // units of fewer bytes share a packet; one of so many is cut up
 constexpr uint32_t kAmrFramesPerPacket = 15;
 constexpr uint32_t kFrameMs = 20;  // of speech in one AMR frame and one G.711 packet
 constexpr uint32_t kG711Bytes = 160;
+constexpr uint32_t kG711Rate = 8000;
+constexpr uint32_t kCutTicks = 16;  // 2 ms: what is lost of a time, and what two clocks differ by in a while
+
+static void PutHeader(RtpTrack *pTrack, uint8_t *pHeader, uint32_t nStamp)
+{
+    pHeader[0] = kRtpVersion2;
+    pHeader[1] = pTrack->nPayloadType & 0x7F;
+    PutBe(pHeader + 2, 2, pTrack->nNextSeq++);
+    PutBe(pHeader + 4, 4, nStamp + pTrack->nStampBase);
+    PutBe(pHeader + 8, 4, pTrack->nSsrc);
+}
 
 int SetRtpHeader(RtpOut *pOut, uint8_t *pHeader, int nTrackId, uint32_t nTimeMs)
 {
@@ -25,11 +38,7 @@ int SetRtpHeader(RtpOut *pOut, uint8_t *pHeader, int nTrackId, uint32_t nTimeMs)
     if (!ORX_PEER_ASSERT(pTrack->nTimeScale % 1000 == 0,
                          "(pProg->mediaInfos[nTrackId].nTimeScale % 1000)==0"))
         return 0;
-    pHeader[0] = kRtpVersion2;
-    pHeader[1] = pTrack->nPayloadType & 0x7F;
-    PutBe(pHeader + 2, 2, pTrack->nNextSeq++);
-    PutBe(pHeader + 4, 4, nTimeMs * (pTrack->nTimeScale / 1000));
-    PutBe(pHeader + 8, 4, pTrack->nSsrc);
+    PutHeader(pTrack, pHeader, nTimeMs * (pTrack->nTimeScale / 1000));
     return 1;
 }
 
@@ -46,15 +55,29 @@ struct PacketBuilder {
 
 }  // namespace
 
-// Begins a packet. nRtpTime is what the header gets, in ms.
-static int Begin(PacketBuilder *pPacket, uint32_t nRtpTime)
+// Where a packet's RTP header goes; null, and failed, without room.
+static uint8_t *HeaderOf(PacketBuilder *pPacket)
 {
     RtpOut *pOut = pPacket->pOut;
     pPacket->nStart = pOut->bInterleaved ? kInterleaveBytes : 0;
     pPacket->nLen = pPacket->nStart + kRtpHeaderBytes;
-    pPacket->bFailed = pOut->nScratch < pPacket->nLen ||
-                       !SetRtpHeader(pOut, pOut->pScratch + pPacket->nStart, pPacket->nTrackId, nRtpTime);
+    pPacket->bFailed = pOut->nScratch < pPacket->nLen;
+    return pPacket->bFailed ? nullptr : pOut->pScratch + pPacket->nStart;
+}
+
+// Begins a packet. nRtpTime is what the header gets, in ms.
+static int Begin(PacketBuilder *pPacket, uint32_t nRtpTime)
+{
+    uint8_t *pHeader = HeaderOf(pPacket);
+    pPacket->bFailed = !pHeader || !SetRtpHeader(pPacket->pOut, pHeader, pPacket->nTrackId, nRtpTime);
     return !pPacket->bFailed;
+}
+
+// The same with a stamp of the track's own clock.
+static void BeginAt(PacketBuilder *pPacket, uint32_t nStamp)
+{
+    if (uint8_t *pHeader = HeaderOf(pPacket))
+        PutHeader(pPacket->pOut->tracks[pPacket->nTrackId], pHeader, nStamp);
 }
 
 static void Add(PacketBuilder *pPacket, const void *pData, uint32_t nBytes)
@@ -95,37 +118,52 @@ static int Finish(PacketBuilder *pPacket, uint32_t nTimeMs, int bMarker, int bVi
     return 1;
 }
 
-// --- H.264 ---
+// --- H.264 and H.265 ---
 
-// Steps over one unit; null at the end and when no whole one follows.
-static const uint8_t *NextUnit(ByteReader *pIn, uint32_t *pnBytes)
+namespace {
+
+// A picture while it is packetised.
+struct PicturePacker {
+    PacketBuilder packet;
+    const NalForm *pForm;
+    uint32_t nTimeMs;
+    int bStarted = 0;  // H.265: it was flagged as the beginning of a key frame
+};
+
+}  // namespace
+
+// Whether a packet that begins with a unit of this type begins a key frame. H.264 shows it by its parameter
+// set, which every recorded key frame begins with.
+static int StartsKey(PicturePacker *pPacker, uint32_t nType)
 {
-    ByteReader in = *pIn;
-    uint32_t nLength = ReadBe(&in, 2);
-    const uint8_t *pUnit = nLength > 2 ? ReadBytes(&in, nLength - 2) : nullptr;
-    if (!pUnit)
-        return nullptr;
-    *pIn = in;
-    *pnBytes = nLength - 2;
-    return pUnit;
+    NalKind nKind = pPacker->pForm->pfnKind(nType);
+    if (pPacker->pForm == &g_h264Form)
+        return nKind == NAL_IS_SEQUENCE_SET;
+    int bKey = !pPacker->bStarted &&
+               (nKind == NAL_IS_VIDEO_SET || nKind == NAL_IS_SEQUENCE_SET || nKind == NAL_IS_KEY_SLICE);
+    pPacker->bStarted |= bKey;
+    return bKey;
 }
 
-// A unit of 1462 bytes and more, as fragments. Returns the packets made; fewer than asked for with *pbFailed
-// set.
-static int PackFragments(PacketBuilder *pPacket, const uint8_t *pUnit, uint32_t nUnit, uint32_t nTimeMs,
-                         int bLastUnit, int *pbFailed)
+// A unit that does not fit a packet, as fragments. Returns the packets made; fewer than asked for with
+// *pbFailed set.
+static int PackFragments(PicturePacker *pPacker, const uint8_t *pUnit, uint32_t nUnit, int bLastUnit,
+                         int *pbFailed)
 {
-    const uint8_t nType = pUnit[0] & 0x1F;
+    const NalForm *pForm = pPacker->pForm;
+    PacketBuilder *pPacket = &pPacker->packet;
+    const uint32_t nType = NalType(pForm, pUnit[0]);
     int nPackets = 0;
-    for (uint32_t nPos = 1; nPos < nUnit;) {
+    for (uint32_t nPos = pForm->nHead; nPos < nUnit;) {
         uint32_t nPart = nUnit - nPos < kMaxPayload ? nUnit - nPos : kMaxPayload;
-        int bFirst = nPos == 1;
+        int bFirst = nPos == pForm->nHead;
         int bLast = nPos + nPart == nUnit;
-        Begin(pPacket, nTimeMs);
-        AddByte(pPacket, static_cast<uint8_t>((pUnit[0] & 0xE0) | NAL_FU_A));
+        Begin(pPacket, pPacker->nTimeMs);
+        AddByte(pPacket, NalWithType(pForm, pUnit[0], pForm->nFragment));
+        Add(pPacket, pUnit + 1, pForm->nHead - 1U);
         AddByte(pPacket, static_cast<uint8_t>(nType | (bFirst ? FU_START : 0) | (bLast ? FU_END : 0)));
         Add(pPacket, pUnit + nPos, nPart);
-        if (!Finish(pPacket, nTimeMs, bLast && bLastUnit, 1, bFirst && nType == NAL_SPS)) {
+        if (!Finish(pPacket, pPacker->nTimeMs, bLast && bLastUnit, 1, bFirst && StartsKey(pPacker, nType))) {
             *pbFailed = 1;
             break;
         }
@@ -135,63 +173,90 @@ static int PackFragments(PacketBuilder *pPacket, const uint8_t *pUnit, uint32_t 
     return nPackets;
 }
 
-// Counts the units at the front that share one packet.
-static uint32_t CountShared(ByteReader in)
+// Counts the units at the front that share one packet. None: the first is cut up, into two parts or more.
+static uint32_t CountShared(const NalForm *pForm, ByteReader in)
 {
+    const uint32_t nMost = kMaxPayload + pForm->nHead;
     uint32_t nUnits = 0;
     uint32_t nUnit = 0;
     uint32_t nSum = 0;
-    while (NextUnit(&in, &nUnit) && nSum + nUnit < kGatherBytes) {
+    while (NalNext(&in, &nUnit) && nSum + nUnit <= nMost) {
         nSum += nUnit;
         nUnits++;
     }
     return nUnits;
 }
 
-// One packet of nUnits units that follow.
-static int PackUnits(PacketBuilder *pPacket, ByteReader *pIn, uint32_t nUnits, uint32_t nTimeMs)
+// The header of a packet of nUnits units: of H.265 with the lowest layer among them (RFC 7798,
+// section 4.4.2).
+static void AddAggregateHead(PicturePacker *pPacker, ByteReader in, uint32_t nUnits)
 {
+    const NalForm *pForm = pPacker->pForm;
+    AddByte(&pPacker->packet, NalWithType(pForm, 0, pForm->nAggregate));
+    uint8_t nLowest = 0xFF;
+    for (uint32_t i = 0, nUnit = 0; pForm->nHead > 1 && i < nUnits; i++) {
+        const uint8_t *pUnit = NalNext(&in, &nUnit);
+        if (pUnit && nUnit > 1 && pUnit[1] < nLowest)
+            nLowest = pUnit[1];
+    }
+    if (pForm->nHead > 1)
+        AddByte(&pPacker->packet, nLowest);
+}
+
+// One packet of nUnits units that follow.
+static int PackUnits(PicturePacker *pPacker, ByteReader *pIn, uint32_t nUnits)
+{
+    PacketBuilder *pPacket = &pPacker->packet;
     int bKey = 0;
-    Begin(pPacket, nTimeMs);
+    Begin(pPacket, pPacker->nTimeMs);
     if (nUnits > 1)
-        AddByte(pPacket, NAL_STAP_A);
+        AddAggregateHead(pPacker, *pIn, nUnits);
     for (uint32_t i = 0; i < nUnits; i++) {
         uint32_t nUnit = 0;
-        const uint8_t *pUnit = NextUnit(pIn, &nUnit);
+        const uint8_t *pUnit = NalNext(pIn, &nUnit);
         uint8_t size[2];
         PutBe(size, 2, nUnit);
         if (nUnits > 1)
             Add(pPacket, size, sizeof(size));
         Add(pPacket, pUnit, nUnit);
         if (i == 0)
-            bKey = (pUnit[0] & 0x1F) == NAL_SPS;
+            bKey = StartsKey(pPacker, NalType(pPacker->pForm, pUnit[0]));
     }
-    return Finish(pPacket, nTimeMs, pIn->nLeft == 0, 1, bKey);
+    return Finish(pPacket, pPacker->nTimeMs, pIn->nLeft == 0, 1, bKey);
+}
+
+static int PackPicture(RtpOut *pOut, const NalForm *pForm, ByteReader in, uint32_t nTimeMs, int nTrackId)
+{
+    ByteReader check = in;
+    uint32_t nUnit = 0;
+    while (NalNext(&check, &nUnit)) {
+    }
+    if (!ORX_PEER_ASSERT(check.nLeft == 0, "len==0"))
+        return 0;
+    PicturePacker packer{{pOut, nTrackId}, pForm, nTimeMs};
+    int nPackets = 0;
+    int bFailed = 0;
+    while (in.nLeft > 0 && !bFailed) {
+        uint32_t nShared = CountShared(pForm, in);
+        if (nShared > 0) {
+            bFailed = !PackUnits(&packer, &in, nShared);
+            nPackets += !bFailed;
+        } else {
+            const uint8_t *pUnit = NalNext(&in, &nUnit);
+            nPackets += PackFragments(&packer, pUnit, nUnit, in.nLeft == 0, &bFailed);
+        }
+    }
+    return bFailed ? 0 : nPackets;
 }
 
 int Pack2Rtp264Block(RtpOut *pOut, const uint8_t *pData, uint32_t nLenIn, uint32_t nTimeMs, int nTrackId)
 {
-    ByteReader check{pData, nLenIn};
-    uint32_t nUnit = 0;
-    while (NextUnit(&check, &nUnit)) {
-    }
-    if (!ORX_PEER_ASSERT(check.nLeft == 0, "len==0"))
-        return 0;
-    PacketBuilder packet{pOut, nTrackId};
-    ByteReader in{pData, nLenIn};
-    int nPackets = 0;
-    int bFailed = 0;
-    while (in.nLeft > 0 && !bFailed) {
-        uint32_t nShared = CountShared(in);
-        if (nShared > 0) {
-            bFailed = !PackUnits(&packet, &in, nShared, nTimeMs);
-            nPackets += !bFailed;
-        } else {
-            const uint8_t *pUnit = NextUnit(&in, &nUnit);
-            nPackets += PackFragments(&packet, pUnit, nUnit, nTimeMs, in.nLeft == 0, &bFailed);
-        }
-    }
-    return bFailed ? 0 : nPackets;
+    return PackPicture(pOut, &g_h264Form, ByteReader{pData, nLenIn}, nTimeMs, nTrackId);
+}
+
+int Pack2Rtp265Block(RtpOut *pOut, const uint8_t *pData, uint32_t nLenIn, uint32_t nTimeMs, int nTrackId)
+{
+    return PackPicture(pOut, &g_h265Form, ByteReader{pData, nLenIn}, nTimeMs, nTrackId);
 }
 
 // --- AMR ---
@@ -318,20 +383,99 @@ int Pack2RtpJpegBlock(RtpOut *pOut, const uint8_t *pData, uint32_t nLenIn, uint3
 
 // --- G.711 and messages ---
 
+// The stamp of a sample's first byte. Its time is cut to milliseconds: sound that goes on where the last
+// packet ends is stamped so.
+static uint32_t SampleStamp(const RtpTrack *pTrack, uint32_t nTimeMs)
+{
+    uint32_t nStamp = PlayStamp(pTrack->nTimeScale, int64_t{nTimeMs} * 1000);
+    auto nAhead = static_cast<int32_t>(nStamp - pTrack->nNextStamp);
+    auto nMost = static_cast<int32_t>(pTrack->nTimeScale / kG711Rate * kCutTicks);
+    return nAhead >= -nMost && nAhead <= nMost ? pTrack->nNextStamp : nStamp;
+}
+
+// Any number of samples, 20 ms in each packet but the last.
+static int PackSamples(RtpOut *pOut, const uint8_t *pData, uint32_t nLenIn, uint32_t nTimeMs, int nTrackId)
+{
+    RtpTrack *pTrack = pOut->tracks[nTrackId];
+    PacketBuilder packet{pOut, nTrackId};
+    uint32_t nStamp = SampleStamp(pTrack, nTimeMs);
+    auto ticks = [&](uint32_t nSamples) {
+        return static_cast<uint32_t>(uint64_t{nSamples} * pTrack->nTimeScale / kG711Rate);
+    };
+    int nPackets = 0;
+    for (uint32_t nPos = 0; nPos < nLenIn; nPos += kG711Bytes, nPackets++) {
+        BeginAt(&packet, nStamp + ticks(nPos));
+        Add(&packet, pData + nPos, nLenIn - nPos < kG711Bytes ? nLenIn - nPos : kG711Bytes);
+        if (!Finish(&packet, nTimeMs + nPos * 1000 / kG711Rate, 1, 0, 0))
+            return 0;
+    }
+    pTrack->nNextStamp = nStamp + ticks(nLenIn);
+    return nPackets;
+}
+
 int Pack2RtpG711Block(RtpOut *pOut, const uint8_t *pData, uint32_t nLenIn, uint32_t nTimeMs, int nTrackId)
 {
+    ORX_ASSERT(nTrackId >= 0 && nTrackId <= 2, "nTrackId <= 2");
+    if (pOut->bSampleStamps)
+        return PackSamples(pOut, pData, nLenIn, nTimeMs, nTrackId);
     if (!ORX_PEER_ASSERT(nLenIn % kG711Bytes == 0, "(nLenIn % nBytesPerFrame) == 0"))
         return 0;
     PacketBuilder packet{pOut, nTrackId};
     int nPackets = 0;
     for (uint32_t nPos = 0; nPos < nLenIn; nPos += kG711Bytes, nPackets++) {
-        // part of this protocol: the stamp of a G.711 packet is eight times its milliseconds, then scaled by the
-        // clock rate as every other
+        // part of this protocol: the stamp of a G.711 packet is eight times its milliseconds, then scaled by
+        // the clock rate as every other
         Begin(&packet, nTimeMs * 8);
         Add(&packet, pData + nPos, kG711Bytes);
         if (!Finish(&packet, nTimeMs, 1, 0, 0))
             return 0;
         nTimeMs += kFrameMs;
+    }
+    return nPackets;
+}
+
+// --- AAC ---
+
+// One unit in a packet of its own, or in several when it does not fit. Returns the packets made, 0 on
+// failure.
+static int PackAacUnit(PacketBuilder *pPacket, const uint8_t *pUnit, uint32_t nUnit, uint32_t nStamp,
+                       uint32_t nTimeMs)
+{
+    constexpr uint32_t nHeads = kAacHeadersBytes + kAacHeaderBytes;
+    uint8_t heads[nHeads];
+    PutBe(heads, 2, kAacHeaderBytes * 8);
+    PutBe(heads + 2, 2, nUnit << 3);
+    int nPackets = 0;
+    for (uint32_t nPos = 0; nPos < nUnit; nPackets++) {
+        uint32_t nPart = nUnit - nPos < kMaxPayload - nHeads ? nUnit - nPos : kMaxPayload - nHeads;
+        BeginAt(pPacket, nStamp);
+        Add(pPacket, heads, nHeads);
+        Add(pPacket, pUnit + nPos, nPart);
+        nPos += nPart;
+        if (!Finish(pPacket, nTimeMs, nPos == nUnit, 0, 0))
+            return 0;
+    }
+    return nPackets;
+}
+
+int Pack2RtpAacBlock(RtpOut *pOut, const uint8_t *pData, uint32_t nLenIn, uint32_t nTimeMs, int nTrackId)
+{
+    ORX_ASSERT(nTrackId >= 0 && nTrackId <= 2, "nTrackId <= 2");
+    const RtpTrack *pTrack = pOut->tracks[nTrackId];
+    PacketBuilder packet{pOut, nTrackId};
+    ByteReader in{pData, nLenIn};
+    uint64_t nTicks = uint64_t{nTimeMs} * pTrack->nTimeScale / 1000;
+    int nPackets = 0;
+    for (uint64_t nAhead = 0; in.nLeft > 0; nAhead += pTrack->nUnitTicks) {
+        uint32_t nUnit = 0;
+        const uint8_t *pUnit = NalNext(&in, &nUnit);
+        if (!pUnit || nUnit > kMaxAacUnit || pTrack->nTimeScale == 0)
+            return 0;
+        auto nMs = nTimeMs + static_cast<uint32_t>(nAhead * 1000 / pTrack->nTimeScale);
+        int nMade = PackAacUnit(&packet, pUnit, nUnit, static_cast<uint32_t>(nTicks + nAhead), nMs);
+        if (nMade == 0)
+            return 0;
+        nPackets += nMade;
     }
     return nPackets;
 }

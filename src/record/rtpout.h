@@ -17,13 +17,17 @@ struct RtpTrack {
     int bSetUp = 0;
     uint32_t nMediaType = 0;  // MEDIA_...
     uint8_t nPayloadType = 0;
-    uint32_t nSsrc = 0;       // synchronisation source written into packets and reports
-    uint16_t nNextSeq = 0;    // sequence number of the next packet that is made here
-    uint32_t nTimeScale = 0;  // RTP clock rate in Hz
+    uint32_t nSsrc = 0;          // synchronisation source written into packets and reports
+    uint16_t nNextSeq = 0;       // sequence number of the next packet that is made here
+    uint32_t nTimeScale = 0;     // RTP clock rate in Hz
+    uint32_t nUnitTicks = 1024;  // AAC: how far a unit goes on this clock
+    uint32_t nStampBase = 0;     // added to every time stamp
+    uint32_t nNextStamp = 0;     // G.711 stamped by its samples: where the last packet ends
 };
 
 struct RtpOut {
     int bInterleaved = 0;         // packets carry the 4-byte prefix of the RTSP connection
+    int bSampleStamps = 0;        // G.711 is stamped by its samples, and packets may be of any length
     uint8_t *pScratch = nullptr;  // room for one packet while it is built; from malloc, the owner's
     uint32_t nScratch = 0;        // its size
     List Outq;                    // DataBlocks waiting to be sent, owned

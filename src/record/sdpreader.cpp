@@ -3,6 +3,7 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 
 #include "base/mediatype.h"
@@ -135,6 +136,76 @@ int SdpReadRtpMap(std::string_view text, SdpPlace nPlace, SdpRtpMap *pOut)
     return 1;
 }
 
+static std::string_view StaticMap(std::string_view format)
+{
+    static const struct {
+        std::string_view format, line;
+    } maps[] = {{"0", "a=rtpmap:0 PCMU/8000\r\n"},
+                {"8", "a=rtpmap:8 PCMA/8000\r\n"},
+                {"26", "a=rtpmap:26 JPEG/90000\r\n"}};
+    for (const auto &map : maps)
+        if (map.format == format)
+            return map.line;
+    return {};
+}
+
+char *SdpWithStaticMaps(const char *szSdp)
+{
+    constexpr size_t kRoom = 28;  // for the longest line, and the end of the line before it
+    SdpWalk walk = SdpSections(szSdp, SDP_LINE);
+    SdpSection section;
+    size_t nRoom = strlen(szSdp) + 1;
+    while (SdpNextSection(&walk, &section))
+        nRoom += kRoom;
+    auto *szOut = static_cast<char *>(malloc(nRoom));
+    if (!szOut)
+        return nullptr;
+    TextBuf out{szOut, nRoom};
+    walk = SdpSections(szSdp, SDP_LINE);
+    TextAddBytes(&out, szSdp, strlen(szSdp) - walk.left.size());
+    while (SdpNextSection(&walk, &section)) {
+        SdpMedia media;
+        std::string_view value;
+        TextAddBytes(&out, section.own.data(), section.own.size());
+        if (SdpFind(section.own, "a=rtpmap:", SDP_LINE, &value) ||
+            !SdpReadMedia(section.own, SDP_MEDIA_LINE, &media))
+            continue;
+        std::string_view line = StaticMap(media.format);
+        if (!line.empty() && !section.own.ends_with('\n'))
+            TextAdd(&out, "\r\n");
+        TextAddBytes(&out, line.data(), line.size());
+    }
+    return szOut;
+}
+
+std::string_view SdpReadFormat(std::string_view text)
+{
+    std::string_view value;
+    if (!SdpFind(text, "a=fmtp:", SDP_LINE, &value))
+        return {};
+    value = SdpLine(value);
+    return value.substr(std::min(value.find(' '), value.size()));
+}
+
+static std::string_view Trimmed(std::string_view text)
+{
+    size_t nStart = std::min(text.find_first_not_of(" \t"), text.size());
+    return text.substr(nStart, text.find_last_not_of(" \t") + 1 - nStart);
+}
+
+std::string_view SdpFormatValue(std::string_view format, std::string_view name)
+{
+    while (!format.empty()) {
+        std::string_view item = format.substr(0, format.find(';'));
+        format.remove_prefix(item.size() + (item.size() < format.size()));
+        item = Trimmed(item);
+        size_t nEqual = item.find('=');
+        if (nEqual == name.size() && strncasecmp(item.data(), name.data(), nEqual) == 0)
+            return item.substr(nEqual + 1);
+    }
+    return {};
+}
+
 int SdpReadTrackId(std::string_view text, int *pTrackId)
 {
     std::string_view value;
@@ -144,12 +215,15 @@ int SdpReadTrackId(std::string_view text, int *pTrackId)
     return 1;
 }
 
-int SdpReadControlNumber(std::string_view text)
+std::string_view SdpReadControl(std::string_view text)
 {
     std::string_view value;
-    if (!SdpFind(text, "a=control:", SDP_LINE, &value))
-        return -1;
-    value = SdpLine(value);
+    return SdpFind(text, "a=control:", SDP_LINE, &value) ? SdpLine(value) : std::string_view();
+}
+
+int SdpReadControlNumber(std::string_view text)
+{
+    std::string_view value = SdpReadControl(text);
     size_t nEqual = value.find('=');
     return nEqual != kNone && IsDigit(value, nEqual + 1) ? TextToInt(value.substr(nEqual + 1)) : -1;
 }

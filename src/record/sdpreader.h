@@ -62,8 +62,20 @@ struct SdpRtpMap {
 // Returns 1; 0 without such a line; -1 when its blank or its first '/' is missing.
 int SdpReadRtpMap(std::string_view text, SdpPlace nPlace, SdpRtpMap *pOut);
 
+// A copy of a description in which every section of a static payload type that this system knows (RFC 3551,
+// section 6) has its rtpmap line: encoders leave it out. The caller's, to free; null without memory.
+char *SdpWithStaticMaps(const char *szSdp);
+
+// What follows the payload type in the first "a=fmtp:" line; empty without one.
+std::string_view SdpReadFormat(std::string_view text);
+// The value of a parameter of it, "name=value" between semicolons, the name without regard to case; empty
+// when it is not there.
+std::string_view SdpFormatValue(std::string_view format, std::string_view name);
+
 // The number in "a=control:trackID=<n>", wherever it occurs. Returns 1, or 0 without one.
 int SdpReadTrackId(std::string_view text, int *pTrackId);
+// The first control line of a section, to the end of the line; empty without one.
+std::string_view SdpReadControl(std::string_view text);
 // The number behind the first '=' of the first control line ("stream=1", "rtsp://host/p/trackID=3"), or -1.
 int SdpReadControlNumber(std::string_view text);
 

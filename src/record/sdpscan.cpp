@@ -6,6 +6,7 @@
 #include "base/printable.h"
 #include "base/textbuf.h"
 #include "base/textnumber.h"
+#include "record/aac.h"
 #include "record/sdpreader.h"
 
 namespace orx {
@@ -13,8 +14,9 @@ namespace orx {
 constexpr int kScanEnd = 3;      // past this count the scan ends
 constexpr size_t kWordMax = 15;  // of a word of the description more is neither looked at nor printed
 
-// Takes the codec name of a section. Returns 1; 0 when the section has none; -1 when its line is malformed.
-static int ReadCodecName(std::string_view section, const SdpMedia &media, char *szOut, size_t nSize)
+// Takes the codec name and the clock of a section. Returns 1; 0 when the section has none; -1 when its line
+// is malformed.
+static int ReadCodecName(std::string_view section, const SdpMedia &media, SdpCodec *pOut)
 {
     SdpRtpMap map;
     int nResult = SdpReadRtpMap(section, SDP_LINE, &map);
@@ -24,23 +26,35 @@ static int ReadCodecName(std::string_view section, const SdpMedia &media, char *
             print("bad SDP: no rtpmap field");
             return 0;
         }
-        return TextCopy(szOut, nSize, pCodec->szName);
+        return TextCopy(pOut->szName, sizeof(pOut->szName), pCodec->szName);
     }
     if (nResult < 0 || map.name.empty()) {
         print("Invalid SDP!\r");
         return -1;
     }
-    TextCopy(szOut, nSize, map.name);
+    TextCopy(pOut->szName, sizeof(pOut->szName), map.name);
+    pOut->nRate = map.nRate > 0 ? static_cast<uint32_t>(map.nRate) : 0;
     return 1;
 }
 
-static void TakeCodec(uint32_t nKind, const char *szName, SdpCodec *pOut)
+// Whether a recording can take packets of this form.
+static int IsRecorded(const SdpCodec &codec)
 {
-    pOut->pCodec = CodecByName(nKind, szName, CODEC_RECORDING);
-    TextCopy(pOut->szName, sizeof(pOut->szName), pOut->pCodec ? pOut->pCodec->szName : szName);
+    return codec.pCodec &&
+           (codec.pCodec->nForm != FORM_AAC || (codec.nRate > 0 && AacIsRecorded(codec.format)));
 }
 
-void SdpScanCodecs(const char *szSdp, SdpCodecs *pOut)
+static void TakeCodec(uint32_t nKind, CodecUser nUser, const SdpCodec &codec, SdpCodec *pOut)
+{
+    *pOut = codec;
+    pOut->pCodec = CodecByName(nKind, codec.szName, nUser);
+    if (!IsRecorded(*pOut))
+        pOut->pCodec = nullptr;
+    if (pOut->pCodec)
+        TextCopy(pOut->szName, sizeof(pOut->szName), pOut->pCodec->szName);
+}
+
+void SdpScanCodecs(const char *szSdp, SdpCodecs *pOut, CodecUser nUser)
 {
     SdpWalk walk = SdpSections(szSdp, SDP_LINE);
     SdpSection section;
@@ -58,15 +72,16 @@ void SdpScanCodecs(const char *szSdp, SdpCodecs *pOut)
             nCount++;
             continue;
         }
-        char szName[kWordMax + 1];
-        int nResult = ReadCodecName(section.own, media, szName, sizeof(szName));
+        SdpCodec codec;
+        codec.format = SdpReadFormat(section.own);
+        int nResult = ReadCodecName(section.own, media, &codec);
         if (nResult < 0)
             return;
         nCount += nResult ? 2 : 1;
         if (nResult && nKind == MEDIA_VIDEO_OTHER)
-            TakeCodec(nKind, szName, &pOut->video);
+            TakeCodec(nKind, nUser, codec, &pOut->video);
         else if (nResult && nKind == MEDIA_AUDIO_OTHER)
-            TakeCodec(nKind, szName, &pOut->audio);
+            TakeCodec(nKind, nUser, codec, &pOut->audio);
     }
 }
 

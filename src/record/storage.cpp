@@ -1,20 +1,22 @@
 #include "record/storage.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
-#include "base/assertion.h"
 #include "base/console.h"
+#include "base/fdguard.h"
 #include "base/printable.h"
 #include "base/textbuf.h"
 #include "record/confine.h"
+#include "record/daywalk.h"
+#include "record/recordwalk.h"
 #include "record/zmfile.h"
 
 namespace orx {
@@ -22,48 +24,39 @@ namespace orx {
 constexpr size_t kDayNameLen = 8;  // YYYYMMDD
 constexpr char kExtension[] = ".zmf";
 constexpr int kOldDaysMaxAge = 1000000;  // days, far beyond the years of the calendar's four digits
-constexpr int kMaxDepth = 16;  // of directories below the root: a bound, far beyond what is made here
 
-static int64_t g_nTimeOffset;             // tests only
-static OpenRecording *g_pOpenRecordings;  // scheduler thread
-
-namespace {
-
-// A directory while it is read; closed on every way out.
-struct DirReader {
-    DIR *pDir;
-    explicit DirReader(const char *szDir) : pDir(opendir(szDir)) {}
-    ~DirReader()
-    {
-        if (pDir)
-            closedir(pDir);
-    }
-    DirReader &operator=(DirReader &&) = delete;  // neither copied nor moved
-
-    // The next entry but "." and "..", with what lstat says of it; null at the end.
-    const char *Next(struct stat *pStat)
-    {
-        while (const dirent *pEntry = pDir ? readdir(pDir) : nullptr) {  // NOLINT(concurrency-mt-unsafe)
-            const char *szName = pEntry->d_name;
-            if (strcmp(szName, ".") == 0 || strcmp(szName, "..") == 0)
-                continue;
-            if (fstatat(dirfd(pDir), szName, pStat, AT_SYMLINK_NOFOLLOW) == 0)
-                return szName;
-        }
-        return nullptr;
-    }
-};
-
-}  // namespace
+static int64_t g_nTimeOffset;    // these three are for tests only
+static int64_t g_nSteadyOffset;  // ms
+static time_t g_tHold;
+static uint64_t g_nRecorded;              // bytes, the thread that records
+static OpenRecording *g_pOpenRecordings;  // the thread that records
 
 time_t RecordTime()
 {
-    return time(nullptr) + static_cast<time_t>(g_nTimeOffset);
+    return g_tHold ? g_tHold : time(nullptr) + static_cast<time_t>(g_nTimeOffset);
 }
 
 void RecordTimeSetOffset(int64_t nSeconds)
 {
     g_nTimeOffset = nSeconds;
+    g_tHold = 0;
+}
+
+void RecordTimeHold(time_t tWhen)
+{
+    g_tHold = tWhen;
+}
+
+int64_t RecordSteadyMs()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000 + g_nSteadyOffset;
+}
+
+void RecordSteadySetOffset(int64_t nMs)
+{
+    g_nSteadyOffset = nMs;
 }
 
 static tm LocalTime(time_t tWhen)
@@ -73,13 +66,6 @@ static tm LocalTime(time_t tWhen)
     return local;
 }
 
-static int JoinPath(char *szOut, size_t nSize, const char *szDir, const char *szName)
-{
-    TextBuf path{szOut, nSize};
-    size_t nDir = strlen(szDir);
-    return TextAdd(&path, "%s%s%s", szDir, nDir > 0 && szDir[nDir - 1] == '/' ? "" : "/", szName);
-}
-
 static int EndsWith(const char *szText, const char *szEnd)
 {
     size_t nText = strlen(szText);
@@ -87,33 +73,51 @@ static int EndsWith(const char *szText, const char *szEnd)
     return nText >= nEnd && strcmp(szText + nText - nEnd, szEnd) == 0;
 }
 
-static int IsDayName(const char *szName)
+// A program may have its recordings below another one's day, so a directory alone tells too little.
+int StorageIsHeld(const char *szDir)
 {
-    return strlen(szName) == kDayNameLen && (szName[0] == '1' || szName[0] == '2');
-}
-
-// Whether this process is writing a file in the directory.
-static int IsHeld(const char *szDir)
-{
-    struct stat info {};
-    if (stat(szDir, &info) != 0)
-        return 0;
-    for (const OpenRecording *p = g_pOpenRecordings; p; p = p->pNext)
-        if (p->nDevice == info.st_dev && p->nDirectory == info.st_ino)
+    FdGuard dir{open(szDir, O_PATH | O_DIRECTORY | O_CLOEXEC)};
+    for (const OpenRecording *p = g_pOpenRecordings; dir.fd >= 0 && p; p = p->pNext)
+        if (ConfineIsBelow(dir.fd, p->fdDir))
             return 1;
     return 0;
 }
 
-void StorageHold(OpenRecording *pOpen, const char *szDir)
+// Whether a recording in progress has the name in this very directory; null: any name.
+static int IsDirectoryHeld(const struct stat *pDir, const char *szName)
+{
+    for (const OpenRecording *p = g_pOpenRecordings; p; p = p->pNext)
+        if (p->nDevice == pDir->st_dev && p->nDirectory == pDir->st_ino &&
+            (!szName || strcmp(p->szName, szName) == 0))
+            return 1;
+    return 0;
+}
+
+void StorageHold(OpenRecording *pOpen, const char *szDir, const char *szName)
 {
     struct stat info {};
-    if (pOpen->bHeld || stat(*szDir ? szDir : ".", &info) != 0)
+    if (pOpen->bHeld)
         return;
+    FdGuard dir{open(*szDir ? szDir : ".", O_PATH | O_DIRECTORY | O_CLOEXEC)};
+    if (dir.fd < 0 || fstat(dir.fd, &info) != 0)
+        return;
+    TextCopy(pOpen->szName, sizeof(pOpen->szName), szName);
+    pOpen->fdDir = dir.Release();
     pOpen->nDevice = info.st_dev;
     pOpen->nDirectory = info.st_ino;
     pOpen->bHeld = 1;
     pOpen->pNext = g_pOpenRecordings;
     g_pOpenRecordings = pOpen;
+}
+
+uint64_t StorageRecordedBytes()
+{
+    return g_nRecorded;
+}
+
+void StorageCountRecorded(uint64_t nBytes)
+{
+    g_nRecorded += nBytes;
 }
 
 void StorageRelease(OpenRecording *pOpen)
@@ -124,6 +128,7 @@ void StorageRelease(OpenRecording *pOpen)
             break;
         }
     }
+    FdGuard dir{pOpen->fdDir};
     *pOpen = OpenRecording{};
 }
 
@@ -218,187 +223,127 @@ int StorageNamePath(char *szPath, size_t nSize, const char *szRoot, const char *
     return 1;
 }
 
-int StorageNextPath(char *szPath, size_t nSize, const char *szRoot, const char *szProgram, int nKind)
+static int IsThere(const char *szPath, const char *szSuffix)
+{
+    char szFile[kStoragePathSize];
+    TextBuf path{szFile, sizeof(szFile)};
+    struct stat info {};
+    return TextAdd(&path, "%s%s", szPath, szSuffix) && lstat(szFile, &info) == 0;
+}
+
+int StorageFreePath(char *szPath, size_t nSize, int bKeep)
+{
+    char szDir[kStoragePathSize];
+    char szFree[kStoragePathSize];
+    struct stat dir {};
+    if (!StorageDirOf(szDir, sizeof(szDir), szPath))
+        TextCopy(szDir, sizeof(szDir), ".");
+    if (stat(szDir, &dir) != 0)  // nothing in it has a name
+        return 1;
+    for (unsigned i = 0; i <= kMaxVariants && ConfineVariant(szFree, sizeof(szFree), szPath, i); i++) {
+        const char *pSlash = strrchr(szFree, '/');
+        if (IsDirectoryHeld(&dir, pSlash ? pSlash + 1 : szFree))
+            continue;
+        if (!bKeep || (!IsThere(szFree, "") && !IsThere(szFree, kOpenSuffix)))
+            return TextCopy(szPath, nSize, szFree);
+    }
+    return 0;
+}
+
+int StorageNextPath(char *szPath, size_t nSize, const char *szRoot, const char *szProgram, int nKind,
+                    int bKeep)
 {
     char szDir[kStoragePathSize];
     if (!StorageNamePath(szPath, nSize, szRoot, szProgram, nKind))
         return 0;
     if (szRoot && *szRoot && szProgram && *szProgram && StorageDirOf(szDir, sizeof(szDir), szPath))
         StorageMakeDir(szDir);
-    unlink(szPath);
+    if (!StorageFreePath(szPath, nSize, bKeep))
+        return 0;
+    if (!bKeep)
+        unlink(szPath);
     return 1;
 }
 
-int StorageFindOldestDay(char *szDay, size_t nSize, const char *szProgramDir, const char *szSkip)
-{
-    char szDir[kStoragePathSize];
-    if (!TextCopy(szDir, sizeof(szDir), szProgramDir))
-        return 0;
-    size_t nDir = strlen(szDir);
-    if (nDir > 1 && szDir[nDir - 1] == '/')
-        szDir[nDir - 1] = '\0';
-    struct stat info {};
-    if (stat(szDir, &info) != 0)
-        return 0;
-    DirReader dir(szDir);
-    if (!dir.pDir) {
-        print("opendir(%s) failed!\n", PrintableText(szDir).sz);
-        return 0;
-    }
-    char szOldest[kDayNameLen + 1] = "";
-    while (const char *szName = dir.Next(&info)) {
-        if (!S_ISDIR(info.st_mode) || !IsDayName(szName) || (szSkip && strcmp(szName, szSkip) == 0))
-            continue;
-        if (!*szOldest || strcmp(szName, szOldest) < 0)
-            TextCopy(szOldest, sizeof(szOldest), szName);
-    }
-    if (!*szOldest || !JoinPath(szDay, nSize, szDir, szOldest))
-        return 0;
-    print("The oldest path is %s.\n", PrintableText(szDay).sz);
-    return 1;
-}
-
-static int IsEarlier(const timespec &a, const timespec &b)
-{
-    return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_nsec < b.tv_nsec;
-}
-
-// The recording of the directory that was changed first, or 0 without one.
-static int FindOldestFile(char *szFile, size_t nSize, const char *szDir, int bOnlyScheduled)
-{
-    DirReader dir(szDir);
-    if (!dir.pDir) {
-        print("opendir(%s) failed!\n", PrintableText(szDir).sz);
-        return 0;
-    }
-    timespec oldest{};
-    int bFound = 0;
-    struct stat info {};
-    while (const char *szName = dir.Next(&info)) {
-        if (S_ISDIR(info.st_mode) || strlen(szName) <= 4 || !EndsWith(szName, kExtension))
-            continue;
-        if ((bOnlyScheduled && szName[0] != 'S') || (bFound && !IsEarlier(info.st_mtim, oldest)))
-            continue;
-        if (!JoinPath(szFile, nSize, szDir, szName))
-            continue;
-        oldest = info.st_mtim;
-        bFound = 1;
-    }
-    return bFound;
-}
-
-int StorageDeleteOldestFile(const char *szDir, int bOnlyScheduled)
-{
-    char szFile[kStoragePathSize] = "";
-    if (!FindOldestFile(szFile, sizeof(szFile), szDir, bOnlyScheduled)) {
-        rmdir(szDir);
-        return 0;
-    }
-    if (unlink(szFile) != 0) {
-        print("Remove the oldest file (%s) failed!\n", PrintableText(szFile).sz);
-        return 0;
-    }
-    print("The oldest file (%s) is removed.\n", PrintableText(szFile).sz);
-    rmdir(szDir);  // goes only when empty, and so never while a file in it is being written
-    return 1;
-}
-
-// Takes a day that holds nothing to delete out of the search. Returns 1 when it is gone under that name.
-static int SetDayAside(const char *szDay)
+int StorageSetDayAside(const char *szDay)
 {
     struct stat info {};
     if (lstat(szDay, &info) != 0)
         return 1;
     char szBad[kStoragePathSize];
     TextBuf bad{szBad, sizeof(szBad)};
-    return !IsHeld(szDay) && TextAdd(&bad, "%s.bad", szDay) && rename(szDay, szBad) == 0;
-}
-
-static int MakeRoomByDays(const char *szDir, uint32_t nMB)
-{
-    char szProgramDir[kStoragePathSize];
-    char szDay[kStoragePathSize];
-    char szSkip[kDayNameLen + 1] = "";
-    if (!StorageDirOf(szProgramDir, sizeof(szProgramDir), szDir) ||
-        !StorageFindOldestDay(szDay, sizeof(szDay), szProgramDir, nullptr))
-        return 0;
-    do {
-        if (StorageDeleteOldestFile(szDay, 0))
-            continue;
-        if (!SetDayAside(szDay)) {
-            if (*szSkip)
-                return 0;
-            TextCopy(szSkip, sizeof(szSkip), strrchr(szDay, '/') + 1);
-        }
-        if (!StorageFindOldestDay(szDay, sizeof(szDay), szProgramDir, *szSkip ? szSkip : nullptr))
-            return 0;
-    } while (IsEnoughFreeDiskSpace(szProgramDir, nMB) == 0);
-    return 1;
-}
-
-int StorageMakeRoom(const char *szDir, int bDateLayout, uint32_t nMB, int bDelete)
-{
-    ORX_ASSERT(nMB > 0, "nSpaceInMB > 0");
-    if (IsEnoughFreeDiskSpace(szDir, nMB) != 0)
-        return 1;
-    if (!bDelete)
-        return 0;
-    if (bDateLayout)
-        return MakeRoomByDays(szDir, nMB);
-    while (StorageDeleteOldestFile(szDir, 0))
-        if (IsEnoughFreeDiskSpace(szDir, nMB) != 0)
-            return 1;
-    return 0;
-}
-
-int CheckPathReserveSpace(const char *szRoot, const char *szSubPath, int bDateLayout, uint32_t nMB,
-                          int bDelete)
-{
-    char szDir[kStoragePathSize];
-    ORX_ASSERT(nMB > 0, "nSpaceInMB > 0");
-    if (!JoinPath(szDir, sizeof(szDir), szRoot, szSubPath))
-        return 0;
-    size_t nDir = strlen(szDir);
-    if (nDir > 1 && szDir[nDir - 1] == '/')
-        szDir[nDir - 1] = '\0';
-    return StorageMakeRoom(szDir, bDateLayout, nMB, bDelete);
+    return !StorageIsHeld(szDay) && TextAdd(&bad, "%s.bad", szDay) && rename(szDay, szBad) == 0;
 }
 
 // Gives one interrupted file its final name or deletes it.
-static void Settle(const char *szFile, int64_t nBytes, int bKeep)
+static void Settle(const char *szFile, const struct stat *pInfo, int bKeep, PathList *pRepair)
 {
     char szFinal[kStoragePathSize];
     char szFree[kStoragePathSize];
     TextBuf path{szFinal, sizeof(szFinal)};
-    if (nBytes < kRecoverMinBytes || !TextAddBytes(&path, szFile, strlen(szFile) - strlen(kOpenSuffix)))
-        unlink(szFile);
-    else if (bKeep)
-        ConfineRename(AT_FDCWD, szFile, szFinal, szFree, sizeof(szFree));
-    else
-        rename(szFile, szFinal);
+    int64_t nLeast = pRepair ? kZmfHeadBytes : kRecoverMinBytes;
+    if (pInfo->st_size < nLeast || !TextAddBytes(&path, szFile, strlen(szFile) - strlen(kOpenSuffix))) {
+        if (unlink(szFile) == 0 && pRepair)
+            log("The interrupted file (%s) held no picture and is removed.", PrintableText(szFile).sz);
+        return;
+    }
+    int bNamed = bKeep ? ConfineRename(AT_FDCWD, szFile, szFinal, szFree, sizeof(szFree))
+                       : rename(szFile, szFinal) == 0;
+    if (pRepair)
+        PathListAdd(pRepair, !bNamed ? szFile : bKeep ? szFree : szFinal, pInfo);
 }
 
-static void RecoverBelow(const char *szDir, int nDepth, int bKeep)
+static void RecoverBelow(const char *szDir, int nDepth, int bKeep, PathList *pRepair)
 {
     DirReader dir(szDir);
-    if (!dir.pDir || IsHeld(szDir))
+    struct stat self {};
+    if (!dir.pDir || fstat(dirfd(dir.pDir), &self) != 0 || IsDirectoryHeld(&self, nullptr))
         return;
     char szPath[kStoragePathSize];
     struct stat info {};
     while (const char *szName = dir.Next(&info)) {
         if (!JoinPath(szPath, sizeof(szPath), szDir, szName))
             continue;
-        if (S_ISDIR(info.st_mode) && szName[0] != '.' && nDepth < kMaxDepth)
-            RecoverBelow(szPath, nDepth + 1, bKeep);
+        if (S_ISDIR(info.st_mode) && szName[0] != '.' && nDepth < kMaxDirDepth)
+            RecoverBelow(szPath, nDepth + 1, bKeep, pRepair);
         else if (S_ISREG(info.st_mode) && EndsWith(szName, kOpenSuffix))
-            Settle(szPath, info.st_size, bKeep);
+            Settle(szPath, &info, bKeep, pRepair);
     }
 }
 
-void StorageRecover(const char *szRoot, int bKeep)
+void StorageRecover(const char *szRoot, int bKeep, PathList *pRepair)
 {
     if (szRoot && *szRoot)
-        RecoverBelow(szRoot, 0, bKeep);
+        RecoverBelow(szRoot, 0, bKeep, pRepair);
+}
+
+// Whether the file was read and holds no key frame. One that the disk does not give is kept.
+static int IsKeyless(int fd)
+{
+    uint8_t bytes[kZmfHeadBytes];
+    ZMFileHeader head;
+    struct stat info {};
+    if (fstat(fd, &info) != 0)
+        return 0;
+    size_t nRead = ReadAt(fd, 0, bytes, sizeof(bytes));
+    if (!ZMFileHeaderDecode(bytes, nRead, &head))
+        return nRead == std::min<uint64_t>(static_cast<uint64_t>(info.st_size), sizeof(bytes));
+    RecordWalk walk =
+        RecordWalkFrom(fd, static_cast<uint64_t>(info.st_size), ZMFileDataOffset(&head), kAllWork);
+    ZMFRecordHead record;
+    while (RecordWalkNext(&walk, &record) == 1)
+        if (IsKeyRecord(&record))
+            return 0;
+    return walk.nFileBytes < walk.nNext + kZmfRecordHeadBytes || RecordWalkHolds(&walk);
+}
+
+int StorageDropKeyless(const char *szFile)
+{
+    FdGuard file{open(szFile, O_RDONLY | O_NOFOLLOW | O_CLOEXEC)};
+    if (file.fd < 0 || !IsKeyless(file.fd) || unlink(szFile) != 0)
+        return 0;
+    log("The interrupted file (%s) held no picture and is removed.", PrintableText(szFile).sz);
+    return 1;
 }
 
 // Removes a directory with everything in it, following no link.
@@ -447,7 +392,7 @@ static void RemoveDays(const char *szProgramDir, const OldDays *pDays)
         char szPath[kStoragePathSize];
         struct stat info {};
         if (*szDay && JoinPath(szPath, sizeof(szPath), szProgramDir, szDay) && lstat(szPath, &info) == 0 &&
-            S_ISDIR(info.st_mode) && !IsHeld(szPath))
+            S_ISDIR(info.st_mode) && !StorageIsHeld(szPath))
             RemoveTree(szPath);
     }
 }
@@ -460,7 +405,7 @@ static void RemoveDaysBelow(const char *szDir, const OldDays *pDays, int nDepth)
     char szPath[kStoragePathSize];
     struct stat info {};
     while (const char *szName = dir.Next(&info)) {
-        if (!S_ISDIR(info.st_mode) || szName[0] == '.' || IsDayName(szName) || nDepth >= kMaxDepth)
+        if (!S_ISDIR(info.st_mode) || szName[0] == '.' || IsDayName(szName) || nDepth >= kMaxDirDepth)
             continue;
         if (JoinPath(szPath, sizeof(szPath), szDir, szName))
             RemoveDaysBelow(szPath, pDays, nDepth + 1);

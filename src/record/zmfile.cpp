@@ -84,15 +84,15 @@ void ZMFRecordHeadEncode(const ZMFRecordHead *pHead, uint8_t *pOut)
 {
     PutBe(pOut, 2, pHead->nLength);
     pOut[2] = static_cast<uint8_t>(pHead->chMedia);
-    pOut[3] = static_cast<uint8_t>((pHead->nFlags & 0xF0) | (pHead->nLength >> 16 & 0x0F));
+    pOut[3] = static_cast<uint8_t>((pHead->nFlags & 0xC0) | (pHead->nLength >> 16 & 0x3F));
     PutBe(pOut + 4, 4, pHead->nTimeMs);
 }
 
 void ZMFRecordHeadDecode(const uint8_t *pData, ZMFRecordHead *pHead)
 {
-    pHead->nLength = GetBe(pData, 2) | (pData[3] & 0x0FU) << 16;
+    pHead->nLength = GetBe(pData, 2) | (pData[3] & 0x3FU) << 16;
     pHead->chMedia = static_cast<char>(pData[2]);
-    pHead->nFlags = pData[3] & 0xF0;
+    pHead->nFlags = pData[3] & 0xC0;
     pHead->nTimeMs = GetBe(pData + 4, 4);
 }
 

@@ -11,12 +11,15 @@ namespace orx {
 constexpr uint32_t kZmfMagic = 0x7A6D6640;  // "zmf@"
 constexpr uint32_t kZmfHeadBytes = 168;     // header record as written
 constexpr uint32_t kZmfFixedHeadBytes = 8;  // what every header has, however short
+constexpr uint32_t kZmfVersionAt = 6;       // where the header has its version, 2 bytes
 constexpr uint16_t kZmfVersion = 100;       // 1.00
+constexpr uint16_t kZmfWideVersion = 101;   // with wide units or records, H.265 or AAC
 constexpr uint32_t DEF_IDX_COUNT = 200;     // index entries as written; every n-th key frame has one
 constexpr uint32_t kZmfEntryBytes = 8;      // one index entry
 constexpr uint32_t kZmfIdxBytes = DEF_IDX_COUNT * kZmfEntryBytes;
 constexpr uint32_t kZmfRecordHeadBytes = 8;
 constexpr uint32_t kZmfMaxRecordBytes = 0xFFFFF;  // 20 bits of length
+constexpr uint32_t kZmfMaxWideBytes = 0x3FFFFF;   // 22 bits, in files of version 101
 constexpr uint32_t kZmfBigRecordBytes = 0x10000;  // from here on the flags byte carries part of the length
 constexpr uint8_t ZMF_KEY = 0x40;                 // record flag: video key frame
 constexpr char kOpenSuffix[] = ".tm!";            // behind the name of a file that is being written
@@ -60,10 +63,13 @@ struct ZMFIndexEntry {
     uint32_t nTimeMs = 0;  // from the start of the file
 };
 
+// In the type word of a sample: only a file of version 101 can hold it.
+constexpr uint32_t SAMPLE_WIDE = 0x10000;
+
 struct ZMFRecordHead {
     uint32_t nLength = 0;  // of the whole record, these 8 bytes included
     char chMedia = 0;      // 'v', 'a', 't', 'u'
-    uint8_t nFlags = 0;    // ZMF_KEY; the nibble that belongs to the length is left out
+    uint8_t nFlags = 0;    // ZMF_KEY; the six bits that belong to the length are left out
     uint32_t nTimeMs = 0;  // from the start of the file
 };
 

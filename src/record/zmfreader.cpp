@@ -134,6 +134,18 @@ static void MoveTo(ZMFReader *pReader, uint64_t nPos)
     Refill(pReader);
 }
 
+// Makes the buffer large enough for a record, which is no longer than its 22 bits of length can say. Without
+// memory it stays, and the record is none.
+static void GrowBuffer(ZMFReader *pReader, uint32_t nRecord)
+{
+    auto *p =
+        nRecord > pReader->nBuffer ? static_cast<uint8_t *>(realloc(pReader->pBuffer, nRecord)) : nullptr;
+    if (!p)
+        return;
+    pReader->pBuffer = p;
+    pReader->nBuffer = nRecord;
+}
+
 // The record at the reading position when it is whole in the buffer or can be made so; null otherwise.
 static const uint8_t *PeekRecord(ZMFReader *pReader, ZMFRecordHead *pHead)
 {
@@ -147,8 +159,10 @@ static const uint8_t *PeekRecord(ZMFReader *pReader, ZMFRecordHead *pHead)
         return nullptr;
     if (pHead->nLength >= kZmfBigRecordBytes)
         print("******Get big video frame=%dBytes*******\r\n", static_cast<int>(pHead->nLength));
-    if (pHead->nLength > nLeft && !pReader->bEof)
+    if (pHead->nLength > nLeft && !pReader->bEof) {
+        GrowBuffer(pReader, pHead->nLength);
         Refill(pReader);
+    }
     return pHead->nLength <= pReader->nHeld - pReader->nRead ? pReader->pBuffer + pReader->nRead : nullptr;
 }
 
@@ -209,6 +223,7 @@ void ZMFReaderClose(ZMFReader *pReader)
     free(pReader->pBuffer);
     delete[] pReader->pIndex;
     delete[] pReader->pKeyFrames;
+    delete[] pReader->way.pKeys;
     delete pReader->pMeasured;
     delete pReader;
 }
@@ -256,7 +271,8 @@ static uint64_t SeekStart(const ZMFReader *pReader, uint32_t nTimeMs)
     while (i < pReader->nIndex && pReader->pIndex[i].nTimeMs < nTimeMs)
         i++;
     uint64_t nStart = i > 0 && pReader->nIndex >= 2 ? pReader->pIndex[i - 1].nPos : pReader->uDataBeginOffset;
-    return pReader->pMeasured ? MeasuredSeekStart(pReader->pMeasured, nTimeMs, nStart) : nStart;
+    const Measured *pMeasured = pReader->pMeasured;
+    return pMeasured ? MeasuredSeekStart(pMeasured, nTimeMs, nStart, pReader->bExactSeek) : nStart;
 }
 
 // Begins a seek, or goes on with one for the same time. Returns 0 when the index leads nowhere.
@@ -270,6 +286,15 @@ static int BeginSeek(ZMFReader *pReader, uint32_t nTimeMs)
            ORX_PEER_ASSERT(pSeek->nNext > kZmfHeadBytes, "uStartFilePos > sizeof(ZMFileHeader)");
 }
 
+// Whether the key frame looked for lies before a record or is it. Sound may be ahead of the pictures around
+// it, and what refers to a key frame has come before the next one: only a picture tells exactly.
+static int EndsSeek(const ZMFReader *pReader, const ZMFRecordHead *pHead)
+{
+    if (pReader->bExactSeek)
+        return pHead->chMedia == 'v' && pHead->nTimeMs > pReader->seek.nTimeMs;
+    return pHead->nTimeMs >= pReader->seek.nTimeMs;
+}
+
 // Looks for the first record of the time or later that follows a key frame. 1 with the key frame in the
 // state, 0 when there is none, -1 when it takes another step.
 static int LookForTime(ZMFReader *pReader, uint32_t nWork)
@@ -279,9 +304,10 @@ static int LookForTime(ZMFReader *pReader, uint32_t nWork)
     ZMFRecordHead head;
     int nResult;
     while ((nResult = RecordWalkNext(&walk, &head)) > 0) {
-        if (IsKeyRecord(&head))
+        int bBehind = pReader->bExactSeek && head.nTimeMs > pSeek->nTimeMs;
+        if (IsKeyRecord(&head) && !(bBehind && pSeek->nKeyPos != 0))
             pSeek->nKeyPos = walk.nPos;
-        if (pSeek->nKeyPos != 0 && head.nTimeMs >= pSeek->nTimeMs)
+        if (pSeek->nKeyPos != 0 && EndsSeek(pReader, &head))
             return 1;
     }
     pSeek->nNext = walk.nNext;
@@ -408,6 +434,153 @@ const uint8_t *ZMFReaderSeek2KeyFrame(ZMFReader *pReader, int nMoveKeyFrames, ui
     const uint8_t *pRecord = TakeKeyFrame(pReader, pReader->pKeyFrames[nTo].nPos, pnTimeMs);
     if (pRecord)
         pReader->nKeyPos = static_cast<int>(nTo);
+    return pRecord;
+}
+
+// --- Playing by key frames ---
+
+void ZMFReaderBeginKeys(ZMFReader *pReader)
+{
+    KeyFrame *pKeys = pReader->way.pKeys;
+    pReader->way = KeyWay();
+    pReader->way.pKeys = pKeys;
+}
+
+// Whether a key frame comes next on the way, by its time.
+static int LiesOnWay(const KeyWay *pWay, int nDirection, uint32_t nGapMs, uint32_t nTimeMs)
+{
+    int64_t nFrom = (int64_t{nTimeMs} - pWay->at.nTimeMs) * nDirection;
+    return nFrom < 0 || nFrom >= nGapMs;
+}
+
+// Where to look for what follows the last one: behind it, or from the last place that the index names up to
+// the time wanted; from the first behind that when it names all.
+static uint64_t WayAhead(const ZMFReader *pReader, uint32_t nGapMs)
+{
+    const KeyFrame *pAt = &pReader->way.at;
+    uint64_t nStart = pAt->nPos;
+    int bAll = IsIndexComplete(pReader);
+    for (uint32_t i = 0; i < pReader->nIndex; i++) {
+        const ZMFIndexEntry *pEntry = &pReader->pIndex[i];
+        int bBehind = pEntry->nTimeMs - int64_t{pAt->nTimeMs} >= nGapMs;
+        if (pEntry->nPos > pAt->nPos && (bAll || !bBehind))
+            nStart = pEntry->nPos;
+        if (bBehind && pEntry->nPos > pAt->nPos)
+            break;
+    }
+    return nStart;
+}
+
+// Looks for the next one forwards. 1 with the way at it, 0 at the end, -1: another step.
+static int StepAhead(ZMFReader *pReader, uint32_t nGapMs, uint32_t nWork)
+{
+    KeyWay *pWay = &pReader->way;
+    if (!pWay->bWalking)
+        pWay->nNext = WayAhead(pReader, nGapMs);
+    RecordWalk walk = WalkFrom(pReader, pWay->nNext, nWork);
+    ZMFRecordHead head;
+    int nResult;
+    while ((nResult = RecordWalkNext(&walk, &head)) > 0)
+        if (IsKeyRecord(&head) && walk.nPos > pWay->at.nPos && LiesOnWay(pWay, 1, nGapMs, head.nTimeMs))
+            break;
+    pWay->nNext = walk.nNext;
+    pWay->bWalking = nResult < 0;
+    if (nResult > 0)
+        pWay->at = KeyFrame{walk.nPos, head.nTimeMs};
+    return nResult;
+}
+
+// Notes a key frame that lies ahead backwards. When there are too many, the first half is found again later.
+static void NoteKey(KeyWay *pWay, uint64_t nPos, uint32_t nTimeMs)
+{
+    if (pWay->nKeys == kKeysAhead) {
+        pWay->nKeys /= 2;
+        memmove(pWay->pKeys, pWay->pKeys + pWay->nKeys, pWay->nKeys * sizeof(KeyFrame));
+        pWay->nStart = pWay->pKeys[0].nPos;
+    }
+    pWay->pKeys[pWay->nKeys++] = KeyFrame{nPos, nTimeMs};
+}
+
+// The last place before nEnd that the index, or the walk through an interrupted file, names.
+static uint64_t WayBack(const ZMFReader *pReader, uint64_t nEnd)
+{
+    uint64_t nStart = pReader->uDataBeginOffset;
+    for (uint32_t i = 0; i < pReader->nIndex && pReader->pIndex[i].nPos < nEnd; i++)
+        nStart = pReader->pIndex[i].nPos;
+    const Measured *pMeasured = pReader->pMeasured;
+    for (uint32_t i = 0; pMeasured && i < pMeasured->nPoints && pMeasured->points[i].nPos < nEnd; i++)
+        if (pMeasured->points[i].nPos > nStart)
+            nStart = pMeasured->points[i].nPos;
+    return nStart;
+}
+
+// Notes the key frames of a stretch of the file, which ends with those that are known. Results of StepAhead.
+static int LookBack(ZMFReader *pReader, uint32_t nWork)
+{
+    KeyWay *pWay = &pReader->way;
+    if (!pWay->bWalking) {
+        pWay->nEnd = pWay->nStart;
+        pWay->nStart = pWay->nNext = WayBack(pReader, pWay->nEnd);
+        if (pWay->nEnd <= pReader->uDataBeginOffset)
+            return 0;
+    }
+    RecordWalk walk = WalkFrom(pReader, pWay->nNext, nWork);
+    ZMFRecordHead head;
+    int nResult = 1;
+    while (walk.nNext < pWay->nEnd && (nResult = RecordWalkNext(&walk, &head)) > 0)
+        if (IsKeyRecord(&head) && walk.nPos < pWay->nEnd)
+            NoteKey(pWay, walk.nPos, head.nTimeMs);
+    pWay->nNext = walk.nNext;
+    pWay->bWalking = nResult < 0;
+    return nResult < 0 ? -1 : 1;
+}
+
+// Takes the next one from those that are known. Returns 0 when there is none among them.
+static int TakeKnown(KeyWay *pWay, uint32_t nGapMs)
+{
+    while (pWay->nKeys > 0) {
+        const KeyFrame *pKey = &pWay->pKeys[--pWay->nKeys];
+        if (!LiesOnWay(pWay, -1, nGapMs, pKey->nTimeMs))
+            continue;
+        pWay->at = *pKey;
+        return 1;
+    }
+    return 0;
+}
+
+// The same backwards.
+static int StepBack(ZMFReader *pReader, uint32_t nGapMs, uint32_t nWork)
+{
+    KeyWay *pWay = &pReader->way;
+    if (!pWay->pKeys && !(pWay->pKeys = new (std::nothrow) KeyFrame[kKeysAhead]))
+        return 0;
+    if (!pWay->bWalking && TakeKnown(pWay, nGapMs))
+        return 1;
+    int nResult = LookBack(pReader, nWork);
+    if (nResult < 1)
+        return nResult;
+    return TakeKnown(pWay, nGapMs) ? 1 : -1;
+}
+
+const uint8_t *ZMFReaderNextKey(ZMFReader *pReader, int nDirection, uint32_t nGapMs, uint32_t nWork,
+                                int *pnBytes, int *pbMore)
+{
+    KeyWay *pWay = &pReader->way;
+    *pbMore = *pnBytes = 0;
+    if (pWay->bBegun) {
+        int nFound = (nDirection < 0 ? StepBack : StepAhead)(pReader, nGapMs, nWork);
+        *pbMore = nFound < 0;
+        uint32_t nTimeMs = 0;
+        if (nFound < 1 || !TakeKeyFrame(pReader, pWay->at.nPos, &nTimeMs))
+            return nullptr;
+    }
+    uint64_t nPos = Position(pReader);
+    const uint8_t *pRecord = ZMFReaderNextSample(pReader, pnBytes);
+    if (pRecord && !pWay->bBegun) {
+        pWay->bBegun = 1;
+        pWay->at = KeyFrame{nPos, pReader->nCurrentMs};
+        pWay->nStart = nPos;
+    }
     return pRecord;
 }
 

@@ -21,6 +21,24 @@ struct SeekState {
     uint64_t nKeyPos = 0;  // of the latest key frame, 0 before the first
 };
 
+struct KeyFrame {
+    uint64_t nPos = 0;  // from the start of the file
+    uint32_t nTimeMs = 0;
+};
+
+// Where ZMFReaderNextKey is.
+constexpr uint32_t kKeysAhead = 1024;
+struct KeyWay {
+    int bBegun = 0;  // its first key frame was handed out: this one is the last that was
+    KeyFrame at;
+    int bWalking = 0;           // the search takes another step
+    uint64_t nNext = 0;         // where it goes on
+    uint64_t nEnd = 0;          // backwards: it ends there
+    uint64_t nStart = 0;        // and began there
+    uint32_t nKeys = 0;         // key frames from nStart on, not handed out
+    KeyFrame *pKeys = nullptr;  // of kKeysAhead, owned
+};
+
 struct ZMFReader {
     char *szFile = nullptr;  // owned
     ZMFileHeader head;
@@ -34,7 +52,7 @@ struct ZMFReader {
     int fd = -1;
     uint64_t nFileBytes = 0;
 
-    uint8_t *pBuffer = nullptr;  // owned, nBuffer bytes
+    uint8_t *pBuffer = nullptr;  // owned, nBuffer bytes; at most 4 MB, or as it was opened
     uint32_t nBuffer = 0;
     uint32_t nHeld = 0;       // bytes in the buffer
     uint32_t nRead = 0;       // of them, handed out already
@@ -45,19 +63,16 @@ struct ZMFReader {
     int bCurrent = 0;         // there is such a time
 
     SeekState seek;
-    struct KeyFrame *pKeyFrames = nullptr;  // table of the key-frame mode, owned
+    int bExactSeek = 0;  // the caller's: see ZMFReaderSeek
+    KeyWay way;
+    KeyFrame *pKeyFrames = nullptr;  // table of the key-frame mode, owned
     int nKeyFrames = 0;
     int nKeyPos = 0;  // index into it; -1 before the first, nKeyFrames behind the last
 };
 
-struct KeyFrame {
-    uint64_t nPos = 0;  // from the start of the file
-    uint32_t nTimeMs = 0;
-};
-
-// Opens a recording with a read buffer of nBuffer bytes, which is also the largest record that can be read. A
-// file that its writer did not close is walked through for its duration, unless that is remembered. Null when
-// it is no recording or broken. Close with ZMFReaderClose, which accepts null.
+// Opens a recording with a read buffer of nBuffer bytes, which grows to the largest record. A file that its
+// writer did not close is walked through for its duration, unless that is remembered. Null when it is no
+// recording or broken. Close with ZMFReaderClose, which accepts null.
 ZMFReader *ZMFReaderOpen(const char *szFile, uint32_t nBuffer);
 // The same in steps (nWork: see recordwalk.h): null with *pbMore 1 when the walk is not at its end. The next
 // call for the file goes on with it. szBelow: null as well for a file that does not lie below this directory.
@@ -71,8 +86,9 @@ void ZMFReaderClose(ZMFReader *pReader);
 const uint8_t *ZMFReaderNextSample(ZMFReader *pReader, int *pnBytes);
 
 // Moves to the key frame that playback from nTimeMs starts with: the last one up to the first record of that
-// time or later. Returns its record, which is the next one to be handed out, and its time in *pnReachedMs.
-// Null, with the position kept, from the duration on or when there is none.
+// time or later; with bExactSeek the last one of that time or earlier, else the first one. Returns its
+// record, which is the next one to be handed out, and its time in *pnReachedMs. Null, with the position kept,
+// from the duration on or when there is none.
 const uint8_t *ZMFReaderSeek(ZMFReader *pReader, uint32_t nTimeMs, uint32_t *pnReachedMs);
 // The same in steps: null with *pbMore 1 when the search is not at its end. The next call for the same time
 // goes on with it.
@@ -85,6 +101,15 @@ int ZMFReaderSetupKeyFrameMode(ZMFReader *pReader, int nMoveKeyFrames);
 // Steps by nMoveKeyFrames, back when negative, at most to the first or last. Returns the record, which is the
 // next one to be handed out, with its time; null, with the position kept, at the end in that direction.
 const uint8_t *ZMFReaderSeek2KeyFrame(ZMFReader *pReader, int nMoveKeyFrames, uint32_t *pnTimeMs);
+
+// Playing by key frames, from where a seek has led, which comes first: hands out the next one in a direction
+// (1 or -1) that lies at least nGapMs from the one before, or on the other side of it, where times jump.
+// Results of ZMFReaderNextSample; null with *pbMore 1 when the search takes another step. The index leads it,
+// and what it has looked through and not used is remembered. ZMFReaderBeginKeys: behind each seek, before the
+// first.
+void ZMFReaderBeginKeys(ZMFReader *pReader);
+const uint8_t *ZMFReaderNextKey(ZMFReader *pReader, int nDirection, uint32_t nGapMs, uint32_t nWork,
+                                int *pnBytes, int *pbMore);
 
 const char *ZMFReaderSdp(const ZMFReader *pReader);
 uint32_t ZMFReaderDuration(const ZMFReader *pReader);  // ms

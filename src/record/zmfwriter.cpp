@@ -11,6 +11,7 @@
 #include "base/console.h"
 #include "base/printable.h"
 #include "base/textbuf.h"
+#include "record/aac.h"
 #include "record/confine.h"
 #include "record/sdpscan.h"
 #include "runtime/clock.h"
@@ -21,20 +22,40 @@ constexpr uint32_t kPauseGapMs = 20;  // later than the last sample, and no more
 // Records after the time base among which times may lie before it: sound and picture of one moment come one
 // after the other.
 constexpr uint32_t kEarlyRecords = 6;
+constexpr int32_t kLeadMs = 1000;    // pictures that lead a key frame may be shown so much before it
+constexpr int32_t kAudioGapMs = 10;  // between samples; less is rounding
 constexpr char kAlarmPrefix[] = "ALARM:";
+constexpr uint32_t kRollAheadMs =
+    0x7FFFFFFF - 3600 * 1000;                            // of file time: a key frame is due within the hour
+constexpr int64_t kLastFileMs = 0x7FFFFFFF - 60 * 1000;  // here a file ends even without one
+constexpr int32_t kBackMs = 1000;       // times are mixed by less, as tracks come over different ways
+constexpr int64_t kClockStepMs = 2000;  // by which wall and steady clock may part between two looks
+constexpr int kRoomStepsAtOnce = 64;
+constexpr int kRoomStepsPerTick = 8;
+constexpr int64_t kRoomRetryMs = 10000;
+constexpr int64_t kSyncEveryMs = 4500;  // each fifth tick, whatever its jitter
+
+// Whether what cannot be recorded is left out, and all else goes on.
+static int IsPatient(const ZMFWriter *pWriter)
+{
+    return pWriter->rules.bStandardPushers || pWriter->rules.bNeverLose;
+}
 
 static int TakeSample(void *pContext, const uint8_t *pData, uint32_t nBytes, uint32_t nTimeMs, uint32_t nType)
 {
     return ZMFWriterWriteSample(static_cast<ZMFWriter *>(pContext), pData, nBytes, nTimeMs, nType);
 }
 
-static ZMFWriter *NewWriter(int nKind, const char *szLabel)
+static ZMFWriter *NewWriter(int nKind, const char *szLabel, const RecordRules *pRules)
 {
     if (nKind < RECORD_SCHEDULED || nKind > RECORD_MANUAL)
         return nullptr;
     auto *pWriter = new (std::nothrow) ZMFWriter;
     if (!pWriter)
         return nullptr;
+    if (pRules)
+        pWriter->rules = *pRules;
+    pWriter->file.pRules = &pWriter->rules;
     pWriter->file.head.nRecordKind = static_cast<uint16_t>(nKind);
     ZMFWriterSetLabel(pWriter, szLabel);
     pWriter->video.pfnSample = pWriter->audio.pfnSample = TakeSample;
@@ -64,16 +85,17 @@ static int NextPath(const ZMFWriter *pWriter, char *szPath, size_t nSize)
     if (!pWriter->szRoot)
         return RecordFileNextPath(&pWriter->file, szPath, nSize);
     if (!pWriter->file.szBelow)
-        return StorageNextPath(szPath, nSize, pWriter->szRoot, pWriter->szProgram, nKind);
+        return StorageNextPath(szPath, nSize, pWriter->szRoot, pWriter->szProgram, nKind,
+                               pWriter->rules.bNeverLose);
     return StorageNamePath(szPath, nSize, pWriter->szRoot, pWriter->szProgram, nKind) &&
            MakeDirBelow(pWriter, szPath);
 }
 
 ZMFWriter *ZMFWriterCreate(const char *szRoot, const char *szProgram, int nKind, const char *szLabel,
-                           int bConfined)
+                           int bConfined, const RecordRules *pRules)
 {
     char szPath[kStoragePathSize] = "";
-    ZMFWriter *pWriter = szRoot && szProgram ? NewWriter(nKind, szLabel) : nullptr;
+    ZMFWriter *pWriter = szRoot && szProgram ? NewWriter(nKind, szLabel, pRules) : nullptr;
     if (!pWriter)
         return nullptr;
     pWriter->szRoot = strdup(szRoot);
@@ -85,9 +107,10 @@ ZMFWriter *ZMFWriterCreate(const char *szRoot, const char *szProgram, int nKind,
     return nullptr;
 }
 
-ZMFWriter *ZMFWriterCreateFile(const char *szFile, int nKind, const char *szLabel, const char *szBelow)
+ZMFWriter *ZMFWriterCreateFile(const char *szFile, int nKind, const char *szLabel, const char *szBelow,
+                               const RecordRules *pRules)
 {
-    ZMFWriter *pWriter = NewWriter(nKind, szLabel);
+    ZMFWriter *pWriter = NewWriter(nKind, szLabel, pRules);
     if (pWriter && Confine(pWriter, szBelow) && RecordFileOpen(&pWriter->file, szFile))
         return pWriter;
     ZMFWriterFree(pWriter);
@@ -101,6 +124,7 @@ static void Release(ZMFWriter *pWriter)
     DepacketiserReset(&pWriter->video);
     DepacketiserReset(&pWriter->audio);
     RecordFileFree(&pWriter->file);
+    StorageRoomFree(&pWriter->room);
     for (char **pp : {&pWriter->szRoot, &pWriter->szProgram}) {
         free(*pp);
         *pp = nullptr;
@@ -126,7 +150,8 @@ void ZMFWriterDiscard(ZMFWriter *pWriter)
     if (!pWriter)
         return;
     ZMFWriterStop(pWriter);
-    RecordFileRemove(&pWriter->file);
+    if (pWriter->eState == WriterState::Running)  // else it is one that was finished
+        RecordFileRemove(&pWriter->file);
     Release(pWriter);
     delete pWriter;
 }
@@ -139,10 +164,15 @@ int ZMFWriterSetSdp(ZMFWriter *pWriter, const char *szSdp)
     if (!RecordFileSetSdp(&pWriter->file, szSdp))
         return 0;
     SdpCodecs codecs;
-    SdpScanCodecs(szSdp, &codecs);
+    SdpScanCodecs(szSdp, &codecs, pWriter->rules.bWideUnits ? CODEC_WIDE_RECORDING : CODEC_RECORDING);
     pWriter->pfnVideo = SdpDepacketiser(&codecs.video, "Video");
     pWriter->pfnAudio = SdpDepacketiser(&codecs.audio, "Audio");
+    pWriter->video.rules = pWriter->audio.rules = pWriter->rules;
+    if (codecs.video.pCodec && codecs.video.pCodec->pNal)
+        ParamSetsFromFormat(&pWriter->video.sets, codecs.video.pCodec->pNal, codecs.video.format);
     pWriter->audio.bWideband = CodecIsWideband(codecs.audio.pCodec);
+    pWriter->audio.nTickRate = codecs.audio.nRate;
+    pWriter->audio.nUnitTicks = AacUnitTicks(codecs.audio.format, codecs.audio.nRate);
     return 1;
 }
 
@@ -167,22 +197,51 @@ int ZMFWriterSetLimits(ZMFWriter *pWriter, uint32_t nSecondsPerFile, uint32_t nT
     return 1;
 }
 
-int ZMFWriterSetReserveMinSpace(ZMFWriter *pWriter, uint32_t nSpaceInMB, int bDeleteOldest)
+// Sees to it that the space is kept free for a file in szDir, in up to nSteps steps; where that is not
+// enough, ZMFWriterTick goes on. Returns 1, or 0 when there is no room to be had.
+static int MakeRoom(ZMFWriter *pWriter, const char *szDir, int nSteps)
+{
+    const RecordRules *pRules = &pWriter->rules;
+    RoomResult eResult = RoomResult::More;
+    if (pWriter->room.eStage == RoomStage::Idle)
+        eResult = StorageRoomBegin(&pWriter->room, szDir, pWriter->szRoot != nullptr, pWriter->nSpaceInMB,
+                                   pWriter->bDeleteOldest, pRules, pWriter->szRoot);
+    while (eResult == RoomResult::More && (nSteps-- > 0 || !pRules->bNeverLose))
+        eResult = StorageRoomStep(&pWriter->room);
+    return eResult != RoomResult::None;
+}
+
+RoomResult ZMFWriterReserveStep(ZMFWriter *pWriter, uint32_t nSpaceInMB, int bDeleteOldest)
 {
     ORX_ASSERT(nSpaceInMB > 0, "nSpaceInMB > 0");
+    if (pWriter->room.eStage != RoomStage::Idle)
+        return StorageRoomStep(&pWriter->room);
     pWriter->nSpaceInMB = nSpaceInMB;
     pWriter->bDeleteOldest = bDeleteOldest;
     char szDir[kStoragePathSize];
     if (!StorageDirOf(szDir, sizeof(szDir), pWriter->file.szFile))
-        return 1;
-    return StorageMakeRoom(szDir, pWriter->szRoot != nullptr, nSpaceInMB, bDeleteOldest);
+        return RoomResult::There;
+    return StorageRoomBegin(&pWriter->room, szDir, pWriter->szRoot != nullptr, nSpaceInMB, bDeleteOldest,
+                            &pWriter->rules, pWriter->szRoot);
+}
+
+int ZMFWriterSetReserveMinSpace(ZMFWriter *pWriter, uint32_t nSpaceInMB, int bDeleteOldest)
+{
+    RoomResult eResult;
+    do
+        eResult = ZMFWriterReserveStep(pWriter, nSpaceInMB, bDeleteOldest);
+    while (eResult == RoomResult::More);
+    return eResult != RoomResult::None;
 }
 
 int ZMFWriterWriteHead(ZMFWriter *pWriter)
 {
     int bWritten = RecordFileWriteHead(&pWriter->file);
-    if (pWriter->tRecordStart == 0)
+    pWriter->nFileStartMs = RecordSteadyMs();
+    if (pWriter->tRecordStart == 0) {
         pWriter->tRecordStart = pWriter->file.tFileStart;
+        pWriter->nRecordStartMs = pWriter->nFileStartMs;
+    }
     return bWritten;
 }
 
@@ -216,8 +275,7 @@ int ZMFWriterCreateNextFile(ZMFWriter *pWriter)
     ORX_ASSERT(!RecordFileIsOpen(&pWriter->file), "pWriter->pFile==((void *)0)");
     if (!NextPath(pWriter, szPath, sizeof(szPath)) || !StorageDirOf(szDir, sizeof(szDir), szPath))
         return -1;
-    if (pWriter->nSpaceInMB > 0 &&
-        !StorageMakeRoom(szDir, pWriter->szRoot != nullptr, pWriter->nSpaceInMB, pWriter->bDeleteOldest)) {
+    if (pWriter->nSpaceInMB > 0 && !MakeRoom(pWriter, szDir, kRoomStepsAtOnce)) {
         // The clean-up may have taken the new file's own, still empty directory with it.
         return access(szDir, F_OK) == 0 ? 0 : -1;
     }
@@ -227,19 +285,28 @@ int ZMFWriterCreateNextFile(ZMFWriter *pWriter)
     else if (pWriter->szRoot)
         MakeDirBelow(pWriter, szPath);
     if (!RecordFileOpen(&pWriter->file, szPath)) {
-        Release(pWriter);
+        if (!pWriter->rules.bNeverLose)
+            Release(pWriter);
         return -1;
     }
+    pWriter->bRollDue = 0;
     pWriter->nTimeStampBase = 0;
     pWriter->bRebase = 0;
     ORX_ASSERT(pWriter->video.nBytes == 0, "pWriter->nBytes==0");
     ORX_ASSERT(pWriter->nAudioDataBytes == 0, "pWriter->nAudioDataBytes==0");
-    return RecordFileBeginNext(&pWriter->file) && ZMFWriterWriteHead(pWriter) ? 1 : -1;
+    if (RecordFileBeginNext(&pWriter->file) && ZMFWriterWriteHead(pWriter))
+        return 1;
+    if (pWriter->rules.bNeverLose) {  // it is tried again
+        ZMFWriterStop(pWriter);
+        RecordFileRemove(&pWriter->file);
+        pWriter->file.head.nFileSeq--;
+    }
+    return -1;
 }
 
 // The seconds since *ptStart. A wall clock that was set back counts from anew, so that a file never grows
 // until that time comes round again.
-static uint32_t SecondsSince(time_t *ptStart)
+static uint32_t WallSecondsSince(time_t *ptStart)
 {
     time_t tNow = RecordTime();
     if (tNow < *ptStart)
@@ -247,35 +314,128 @@ static uint32_t SecondsSince(time_t *ptStart)
     return static_cast<uint32_t>(tNow - *ptStart);
 }
 
+// The seconds since a moment that both clocks tell. Where nothing is to be lost the steady one counts.
+static uint32_t SecondsSince(const ZMFWriter *pWriter, time_t *ptStart, int64_t nStartMs)
+{
+    if (pWriter->rules.bNeverLose)
+        return static_cast<uint32_t>((RecordSteadyMs() - nStartMs) / 1000);
+    return WallSecondsSince(ptStart);
+}
+
+static int IsLimitOver(ZMFWriter *pWriter)
+{
+    return pWriter->nTotalSeconds > 0 &&
+           SecondsSince(pWriter, &pWriter->tRecordStart, pWriter->nRecordStartMs) > pWriter->nTotalSeconds;
+}
+
+// A wall clock that was set begins a new file, whose name and start time are right again.
+static void CompareClocks(ZMFWriter *pWriter)
+{
+    int64_t nNowMs = RecordSteadyMs();
+    time_t tNow = RecordTime();
+    int64_t nApart = (int64_t{tNow} - pWriter->tLook) * 1000 - (nNowMs - pWriter->nLookMs);
+    if (pWriter->nLookMs != 0 && (nApart > kClockStepMs || nApart < -kClockStepMs))
+        pWriter->bRollDue = 1;
+    pWriter->nLookMs = nNowMs;
+    pWriter->tLook = tNow;
+}
+
+static int IsSpaceShort(const ZMFWriter *pWriter, int32_t nMoreMB)
+{
+    char szDir[kStoragePathSize];
+    return pWriter->nSpaceInMB > 0 && StorageDirOf(szDir, sizeof(szDir), pWriter->file.szFile) &&
+           IsEnoughFreeDiskSpace(szDir, pWriter->nSpaceInMB + static_cast<uint32_t>(nMoreMB)) == 0;
+}
+
+// Ends the file that is open; one without a record is not worth its name.
+static void StopFile(ZMFWriter *pWriter)
+{
+    int bOpen = RecordFileIsOpen(&pWriter->file);
+    ZMFWriterStop(pWriter);
+    if (!bOpen || pWriter->file.uSampleCount > 0)
+        return;
+    RecordFileRemove(&pWriter->file);
+    pWriter->file.head.nFileSeq--;
+}
+
+// Says once what keeps the recording from going on.
+static void PauseForRoom(ZMFWriter *pWriter)
+{
+    StopFile(pWriter);
+    pWriter->eState = WriterState::AwaitRoom;
+    pWriter->nRoomRetryMs = RecordSteadyMs() + kRoomRetryMs;
+    if (pWriter->bPaused)
+        return;
+    pWriter->bPaused = 1;
+    PrintableText file(pWriter->file.szFile);
+    print("ZMFWriter(%s): no room for more, the recording pauses.\r\n", file.sz);
+    log("No room for more behind %s, the recording pauses.", file.sz);
+}
+
+// Ends the file; the next key frame begins another.
+static void EndFile(ZMFWriter *pWriter, const char *szWhy)
+{
+    print("ZMFWriter(%s): %s, the next key frame begins a new file.\r\n",
+          PrintableText(pWriter->file.szFile).sz, szWhy);
+    StopFile(pWriter);
+    pWriter->eState = WriterState::AwaitKey;
+}
+
+// Whether a sample does not follow the block's last one. A block has the time of its first sample alone, so
+// that it must not reach across what is missing.
+static int IsGap(const ZMFWriter *pWriter, uint32_t nTimeMs)
+{
+    const RecordRules &rules = pWriter->rules;
+    uint32_t nRate = pWriter->audio.nTickRate;
+    int bLooked = rules.bNeverLose || rules.bWideUnits || rules.bStandardPushers;
+    if (!bLooked || nRate == 0 || pWriter->nAudioDataBytes == 0)
+        return 0;
+    int32_t nOff = ClockDiff(
+        nTimeMs, pWriter->nAudioTime + static_cast<uint32_t>(uint64_t{pWriter->nAudioTicks} * 1000 / nRate));
+    return nOff > kAudioGapMs || nOff < -kAudioGapMs;
+}
+
 static int GatherAudio(ZMFWriter *pWriter, const uint8_t *pData, uint32_t nBytes, uint32_t nTimeMs,
                        uint32_t nType)
 {
+    if (nBytes > kAudioBlockBytes && IsPatient(pWriter))
+        return 1;
     if (!ORX_PEER_ASSERT(nBytes <= kAudioBlockBytes, "nSize <= nAudioBlockBytes"))
         return -1;
     if (!pWriter->pAudio)
         pWriter->pAudio = static_cast<uint8_t *>(malloc(kAudioBlockBytes));
     if (!pWriter->pAudio)
         return -1;
-    if (nBytes > kAudioBlockBytes - pWriter->nAudioDataBytes && FlushAudio(pWriter) < 1)
+    int bNewBlock = nBytes > kAudioBlockBytes - pWriter->nAudioDataBytes || IsGap(pWriter, nTimeMs);
+    if (bNewBlock && FlushAudio(pWriter) < 1)
         return -1;
     if (pWriter->nAudioDataBytes == 0) {
         pWriter->nAudioTime = nTimeMs;
         pWriter->nAudioType = nType;
+        pWriter->nAudioTicks = 0;
     }
+    pWriter->nAudioTicks += pWriter->audio.nTicks;
     memcpy(pWriter->pAudio + pWriter->nAudioDataBytes, pData, nBytes);
     pWriter->nAudioDataBytes += nBytes;
     return 1;
 }
 
-static int IsRollOverDue(ZMFWriter *pWriter)
+static int IsRollOverDue(ZMFWriter *pWriter, uint32_t nRelative)
 {
-    if (pWriter->nSecondsPerFile == 0)
+    int bNeverLose = pWriter->rules.bNeverLose;
+    if (bNeverLose)
+        CompareClocks(pWriter);
+    if (bNeverLose && pWriter->file.uKeyFrames == 0)  // nothing in it yet
         return 0;
-    if (SecondsSince(&pWriter->file.tFileStart) >= pWriter->nSecondsPerFile)
+    if (bNeverLose && (pWriter->bRollDue || nRelative >= kRollAheadMs))
         return 1;
-    char szDir[kStoragePathSize];
-    return pWriter->nSpaceInMB > 0 && StorageDirOf(szDir, sizeof(szDir), pWriter->file.szFile) &&
-           IsEnoughFreeDiskSpace(szDir, pWriter->nSpaceInMB) == 0;
+    if (pWriter->nSecondsPerFile == 0 && !bNeverLose)
+        return 0;
+    if (pWriter->nSecondsPerFile > 0 &&
+        SecondsSince(pWriter, &pWriter->file.tFileStart, pWriter->nFileStartMs) >= pWriter->nSecondsPerFile)
+        return 1;
+    // where room is being made already, the file need not end once more
+    return pWriter->room.eStage == RoomStage::Idle && IsSpaceShort(pWriter, 0);
 }
 
 // Closes the file and begins the next one with the key frame of nTimeMs (of the handed-in clock). Results of
@@ -284,8 +444,11 @@ static int RollOver(ZMFWriter *pWriter, uint32_t nTimeMs)
 {
     ZMFWriterStop(pWriter);
     int nResult = ZMFWriterCreateNextFile(pWriter);
-    if (nResult != 1)
+    if (nResult != 1) {
+        if (pWriter->rules.bNeverLose)
+            PauseForRoom(pWriter);
         return nResult;
+    }
     pWriter->nTimeBase = nTimeMs;
     pWriter->nBaseCount = 0;
     return 1;
@@ -297,7 +460,7 @@ static int PrepareVideo(ZMFWriter *pWriter, int bKey, uint32_t *pnRelative, int 
 {
     if (FlushAudio(pWriter) < 1)
         return -1;
-    if (bKey && IsRollOverDue(pWriter)) {
+    if (bKey && IsRollOverDue(pWriter, *pnRelative)) {
         if (pWriter->nTimeStampBase > 0 &&
             !ORX_PEER_ASSERT(*pnRelative >= pWriter->nTimeStampBase, "nTimeStamp > pWriter->nTimeStampBase"))
             return -1;
@@ -325,8 +488,10 @@ static int PlaceInTime(ZMFWriter *pWriter, uint32_t nTimeMs, char chMedia, uint3
         pWriter->bRebase = 0;
     } else {
         int32_t nDiff = ClockDiff(nTimeMs, pWriter->nTimeBase);
-        if (nDiff <= 0 && !ORX_PEER_ASSERT(pWriter->file.uSampleCount - pWriter->nBaseCount < kEarlyRecords,
-                                           "pWriter->uSampleCount < 6"))
+        int bLeads = IsPatient(pWriter) && nDiff > -kLeadMs;
+        if (nDiff <= 0 && !pWriter->rules.bNeverLose && !bLeads &&
+            !ORX_PEER_ASSERT(pWriter->file.uSampleCount - pWriter->nBaseCount < kEarlyRecords,
+                             "pWriter->uSampleCount < 6"))
             return -1;
         *pnRelative = nDiff > 0 ? static_cast<uint32_t>(nDiff) : 0;
     }
@@ -336,8 +501,8 @@ static int PlaceInTime(ZMFWriter *pWriter, uint32_t nTimeMs, char chMedia, uint3
     return 1;
 }
 
-int ZMFWriterWriteSample(ZMFWriter *pWriter, const uint8_t *pData, uint32_t nBytes, uint32_t nTimeMs,
-                         uint32_t nType)
+static int WriteSample(ZMFWriter *pWriter, const uint8_t *pData, uint32_t nBytes, uint32_t nTimeMs,
+                       uint32_t nType)
 {
     auto chMedia = static_cast<char>(nType >> 8);
     uint32_t nRelative = 0;
@@ -358,25 +523,207 @@ int ZMFWriterWriteSample(ZMFWriter *pWriter, const uint8_t *pData, uint32_t nByt
     }
     if (RecordFileWriteRecord(&pWriter->file, pData, nBytes, nRelative, nType) < 1)
         return -1;
-    if (pWriter->nTotalSeconds == 0 || SecondsSince(&pWriter->tRecordStart) <= pWriter->nTotalSeconds)
+    if (!IsLimitOver(pWriter))
         return 1;
     ZMFWriterStop(pWriter);
     return 0;
+}
+
+// How far a time lies behind the begin of the file that is open; 0 while it has none.
+static int64_t TimeInFile(const ZMFWriter *pWriter, uint32_t nTimeMs)
+{
+    if (pWriter->eState != WriterState::Running || !RecordFileIsOpen(&pWriter->file) ||
+        pWriter->file.uSampleCount == 0 || pWriter->bRebase)
+        return 0;
+    return ClockDiff(nTimeMs, pWriter->nTimeBase);
+}
+
+// Whether a time lies further on than a file can tell.
+static int IsTooLate(const ZMFWriter *pWriter, uint32_t nTimeMs)
+{
+    int64_t nDiff = TimeInFile(pWriter, nTimeMs);
+    return nDiff > 0 && nDiff + pWriter->nTimeStampBase > kLastFileMs;
+}
+
+// Begins the next file with a key frame. Returns 1, or 0 when it has to wait.
+static int GoOn(ZMFWriter *pWriter)
+{
+    if (ZMFWriterCreateNextFile(pWriter) != 1) {
+        PauseForRoom(pWriter);
+        return 0;
+    }
+    pWriter->eState = WriterState::Running;
+    return 1;
+}
+
+// A sample where nothing is to be lost: what ends a file does not end the recording.
+static int WriteAlways(ZMFWriter *pWriter, const uint8_t *pData, uint32_t nBytes, uint32_t nTimeMs,
+                       uint32_t nType)
+{
+    auto chMedia = static_cast<char>(nType >> 8);
+    int bKey = (nType & ZMF_KEY) && chMedia == 'v';
+    int bEarly = TimeInFile(pWriter, nTimeMs) <= -kBackMs;  // by more than tracks are mixed
+    if (bEarly && chMedia == 'a')
+        return 1;  // sound that lags belongs to pictures from before the file
+    int bBack = bEarly && chMedia == 'v' && pWriter->file.uSampleCount - pWriter->nBaseCount >= kEarlyRecords;
+    if (bBack || IsTooLate(pWriter, nTimeMs))
+        EndFile(pWriter, "times are out of order");
+    for (int nTry = 0; nTry < 2; nTry++) {
+        if (pWriter->eState != WriterState::Running && IsLimitOver(pWriter))
+            return 0;
+        if (pWriter->eState == WriterState::AwaitRoom ||
+            (pWriter->eState == WriterState::AwaitKey && (!bKey || !GoOn(pWriter))))
+            return 1;  // left out
+        int nResult = WriteSample(pWriter, pData, nBytes, nTimeMs, nType);
+        if (nResult > 0 || pWriter->eState != WriterState::Running)
+            return 1;
+        if (nResult == 0 || !pWriter->file.out.bFailed)
+            return nResult;
+        // where the first record fails already, there is no room, whatever the disk says of itself
+        if (pWriter->file.uSampleCount == 0)
+            PauseForRoom(pWriter);
+        else
+            EndFile(pWriter, "the disk takes no more");
+    }
+    return 1;
+}
+
+int ZMFWriterWriteSample(ZMFWriter *pWriter, const uint8_t *pData, uint32_t nBytes, uint32_t nTimeMs,
+                         uint32_t nType)
+{
+    return (pWriter->rules.bNeverLose ? WriteAlways : WriteSample)(pWriter, pData, nBytes, nTimeMs, nType);
+}
+
+// A track that cannot be recorded. Returns 1 when it is left out, -1 when it ends the recording.
+static int LeaveOutTrack(ZMFWriter *pWriter, const char *szWhat, int *pbSaid)
+{
+    if (!IsPatient(pWriter))
+        return -1;
+    if (!*pbSaid)
+        print("ZMFWriter(%s): the %s cannot be recorded and is left out.\r\n",
+              PrintableText(pWriter->file.szFile).sz, szWhat);
+    *pbSaid = 1;
+    return 1;
 }
 
 int ZMFWriterWriteRtpPacket(ZMFWriter *pWriter, const uint8_t *pPacket, uint32_t nBytes, char chMedia,
                             uint32_t nTimeMs)
 {
     if (chMedia == 'v')
-        return pWriter->pfnVideo ? pWriter->pfnVideo(&pWriter->video, pPacket, nBytes, nTimeMs) : -1;
+        return pWriter->pfnVideo ? pWriter->pfnVideo(&pWriter->video, pPacket, nBytes, nTimeMs)
+                                 : LeaveOutTrack(pWriter, "video", &pWriter->bSaidVideo);
     if (chMedia == 'a')
-        return pWriter->pfnAudio ? pWriter->pfnAudio(&pWriter->audio, pPacket, nBytes, nTimeMs) : -1;
+        return pWriter->pfnAudio ? pWriter->pfnAudio(&pWriter->audio, pPacket, nBytes, nTimeMs)
+                                 : LeaveOutTrack(pWriter, "audio", &pWriter->bSaidAudio);
     RtpPacket packet;
     size_t nPrefix = strlen(kAlarmPrefix);
     if (!RtpPacketParse(pPacket, nBytes, &packet) || packet.nPayload < nPrefix ||
         memcmp(packet.pPayload, kAlarmPrefix, nPrefix) != 0)
         return 1;
     return ZMFWriterWriteSample(pWriter, packet.pPayload, packet.nPayload, nTimeMs, SampleType(chMedia, 0));
+}
+
+void ZMFWriterMarkHole(ZMFWriter *pWriter)
+{
+    FlushAudio(pWriter);  // what fails here fails for the next record again
+    DepacketiserForget(&pWriter->video);
+    DepacketiserForget(&pWriter->audio);
+}
+
+void ZMFWriterMarkJump(ZMFWriter *pWriter)
+{
+    if (pWriter->rules.bNeverLose && pWriter->eState == WriterState::Running &&
+        RecordFileIsOpen(&pWriter->file) && pWriter->file.uSampleCount > 0)
+        EndFile(pWriter, "the clock of the media jumped");
+}
+
+int ZMFWriterRoomStep(ZMFWriter *pWriter)
+{
+    if (pWriter->room.eStage == RoomStage::Idle)
+        return 0;
+    RoomResult eResult = StorageRoomStep(&pWriter->room);
+    if (eResult == RoomResult::None)  // or the next second would begin the same search anew
+        pWriter->nRoomRetryMs = RecordSteadyMs() + kRoomRetryMs;
+    return eResult == RoomResult::More;
+}
+
+// Looks at the space, and makes some in a few steps. Returns 0 when there is none to be had.
+static int LookAfterRoom(ZMFWriter *pWriter, int32_t nMoreMB)
+{
+    char szDir[kStoragePathSize];
+    if (pWriter->room.eStage == RoomStage::Idle) {
+        if (!IsSpaceShort(pWriter, nMoreMB))
+            return 1;
+        if (RecordSteadyMs() < pWriter->nRoomRetryMs)
+            return 0;
+    }
+    if (!StorageDirOf(szDir, sizeof(szDir), pWriter->file.szFile) ||
+        MakeRoom(pWriter, szDir, kRoomStepsPerTick))
+        return 1;
+    pWriter->nRoomRetryMs = RecordSteadyMs() + kRoomRetryMs;
+    return 0;
+}
+
+// Says that a pause is over, once something has come to the disk.
+static void NoteResumed(ZMFWriter *pWriter)
+{
+    if (!pWriter->bPaused || pWriter->file.uSampleCount == 0)
+        return;
+    pWriter->bPaused = 0;
+    PrintableText file(pWriter->file.szFile);
+    print("ZMFWriter(%s): the recording goes on.\r\n", file.sz);
+    log("The recording goes on in %s.", file.sz);
+}
+
+// The second of a file that is open.
+static void TickFile(ZMFWriter *pWriter)
+{
+    int64_t nNowMs = RecordSteadyMs();
+    int bWritten = 1;
+    if (pWriter->rules.bNeverLose && pWriter->nAudioDataBytes > 0 && pWriter->nAudioSeen > 0)
+        bWritten = FlushAudio(pWriter) == 1;
+    pWriter->nAudioSeen = pWriter->nAudioDataBytes;
+    bWritten = RecordFileFlush(&pWriter->file) && bWritten;
+    if (!pWriter->rules.bNeverLose)
+        return;
+    if (!bWritten) {
+        EndFile(pWriter, "the disk takes no more");
+        return;
+    }
+    NoteResumed(pWriter);
+    if (nNowMs - pWriter->nSyncMs >= kSyncEveryMs) {
+        RecordFileSync(&pWriter->file);
+        pWriter->nSyncMs = nNowMs;
+    }
+    CompareClocks(pWriter);
+    if (pWriter->room.eStage == RoomStage::Idle && !IsSpaceShort(pWriter, 0))
+        return;
+    pWriter->bRollDue = 1;
+    if (LookAfterRoom(pWriter, 0))
+        return;
+    if (!pWriter->bDeleteOldest)
+        PauseForRoom(pWriter);
+    else if (IsSpaceShort(pWriter, -static_cast<int32_t>(pWriter->nSpaceInMB / 2)))
+        EndFile(pWriter, "there is no room");
+    // else up to the next key frame, which may find this very file the oldest, nothing is lost
+}
+
+int ZMFWriterTick(ZMFWriter *pWriter)
+{
+    if (RecordFileIsOpen(&pWriter->file)) {
+        if (pWriter->file.uDataBeginOffset != 0)
+            TickFile(pWriter);
+        return 1;
+    }
+    if (pWriter->eState == WriterState::Running || IsLimitOver(pWriter))
+        return 0;
+    if (pWriter->eState == WriterState::AwaitKey)
+        LookAfterRoom(pWriter, 0);  // so that the key frame need not wait for it
+    // a little more than what stops a recording, so that it does not go on and off
+    if (pWriter->eState == WriterState::AwaitRoom && LookAfterRoom(pWriter, 1) &&
+        pWriter->room.eStage == RoomStage::Idle)
+        pWriter->eState = WriterState::AwaitKey;
+    return 1;
 }
 
 void ZMFWriterPause(ZMFWriter *pWriter)

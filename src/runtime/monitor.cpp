@@ -1,6 +1,8 @@
 #include "runtime/monitor.h"
 
 #include <sys/epoll.h>
+#include <sys/resource.h>
+
 #include <iterator>
 
 #include "base/assertion.h"
@@ -49,10 +51,19 @@ static void ReportBurst(Monitor *pMonitor, const epoll_event *pEvents, int nEven
         pfnBurst(pMonitor->pContext, 0);
 }
 
+// What it reports is what the scheduler waits for: a lower priority here would be one there as well. Where
+// that is not allowed, the scheduler has said so.
+static void RaisePriority()
+{
+    constexpr int kHighestPriority = -20;
+    setpriority(PRIO_PROCESS, 0, kHighestPriority);
+}
+
 static void MonitorEntry(Thread *pThread)
 {
     auto *pMonitor = static_cast<Monitor *>(pThread->pArgument);
     print("MonitorEntry(tid=0x%x) begin...\r\n", static_cast<unsigned>(ThreadKernelId()));
+    RaisePriority();
     epoll_event events[kMaxEvents];
     while (!ThreadStopping(pThread)) {
         int nEvents = epoll_wait(pMonitor->nEpoll, events, kMaxEvents, kWaitMs);

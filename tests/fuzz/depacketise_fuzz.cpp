@@ -1,5 +1,6 @@
-// The depacketisers. An input's first byte chooses one, the rest is a run of RTP packets, each behind a
-// 2-byte length.
+// The depacketisers. An input's first byte chooses one, and the rules in its upper half; the rest is a run of
+// RTP packets, each behind a 2-byte length. So that pictures grow past every limit, the highest bit has each of
+// them come often.
 #include "record/depacketise.h"
 
 #include "fuzz/fuzz.h"
@@ -9,8 +10,8 @@ using namespace orx;
 // Units must fill a sample: it is what the packetiser takes apart again.
 static int TakeUnit(ByteReader *pIn, int)
 {
-    uint32_t nUnit = ReadBe(pIn, 2);
-    return nUnit > 2 && ReadBytes(pIn, nUnit - 2);
+    uint32_t nUnit = 0;
+    return NalNext(pIn, &nUnit) != nullptr;
 }
 
 static int TakeAmrFrame(ByteReader *pIn, int bWideband)
@@ -31,7 +32,8 @@ static const struct Kind {
 } g_kinds[] = {
     {WriteH264RtpData, 0, 'v', TakeUnit},    {WriteJpegRtpData, 0, 'v', TakeAll},
     {WriteAmrRtpData, 0, 'a', TakeAmrFrame}, {WriteAmrRtpData, 1, 'a', TakeAmrFrame},
-    {WriteG711RtpData, 0, 'a', TakeAll},
+    {WriteG711RtpData, 0, 'a', TakeAll},     {WriteH265RtpData, 0, 'v', TakeUnit},
+    {WriteAacRtpData, 0, 'a', TakeUnit},
 };
 
 struct Track : Depacketiser {
@@ -42,7 +44,7 @@ static int OnSample(void *pContext, const uint8_t *pSample, uint32_t nBytes, uin
 {
     auto *pTrack = static_cast<Track *>(pContext);
     ORX_ASSERT(pTrack->nBytes == 0, "nothing is held");
-    ORX_ASSERT(nBytes > 0 && nType >> 8 == static_cast<uint32_t>(pTrack->pKind->chMedia), "its kind");
+    ORX_ASSERT(nBytes > 0 && static_cast<char>(nType >> 8) == pTrack->pKind->chMedia, "its kind");
     auto copy = Exact(pSample, nBytes);
     ByteReader in{copy.get(), nBytes};
     while (in.nLeft > 0)
@@ -50,11 +52,25 @@ static int OnSample(void *pContext, const uint8_t *pSample, uint32_t nBytes, uin
     return 1;
 }
 
+constexpr int kOften = 64;
+
+// The packet once more, one further in the sequence.
+static void Step(uint8_t *pPacket, uint32_t nBytes)
+{
+    if (nBytes >= 4)
+        PutBe(pPacket + 2, 2, GetBe(pPacket + 2, 2) + 1);
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
 {
     Track track;
     ByteReader in{pData, nBytes};
-    track.pKind = &g_kinds[ReadBe(&in, 1) % std::size(g_kinds)];
+    uint32_t nChoice = ReadBe(&in, 1);
+    track.pKind = &g_kinds[(nChoice & 0x0F) % std::size(g_kinds)];
+    track.rules.bNeverLose = nChoice >> 4 & 1;
+    track.rules.bWideUnits = nChoice >> 5 & 1;
+    track.rules.bStandardPushers = nChoice >> 6 & 1;
+    track.nUnitTicks = 1024;
     track.bWideband = track.pKind->bWideband;
     track.pfnSample = OnSample;
     track.pContext = &track;
@@ -62,9 +78,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
     for (int nResult = 1; nResult == 1 && in.nLeft >= 2;) {
         uint32_t nPacket = std::min<uint32_t>(ReadBe(&in, 2), static_cast<uint32_t>(in.nLeft));
         auto packet = Exact(ReadBytes(&in, nPacket), nPacket);
-        nResult = track.pKind->pfn(&track, packet.get(), nPacket, nTimeMs += 10);
-        ORX_ASSERT(nResult == 1 || nResult == -1, "taken or refused");
-        ORX_ASSERT(track.nBytes <= track.nTotal, "the frame lies in its buffer");
+        for (int i = nChoice & 0x80 ? kOften : 1; i > 0 && nResult == 1; i--) {
+            nResult = track.pKind->pfn(&track, packet.get(), nPacket, nTimeMs += 10);
+            ORX_ASSERT(nResult == 1 || nResult == -1, "taken or refused");
+            ORX_ASSERT(track.nBytes <= track.nTotal, "the frame lies in its buffer");
+            ORX_ASSERT(track.nTotal <= 2 * kWideFrameBytes, "which has a bound");
+            Step(packet.get(), nPacket);
+        }
     }
     DepacketiserReset(&track);
     return 0;

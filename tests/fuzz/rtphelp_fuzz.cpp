@@ -13,7 +13,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
         PackProc pfn;
         uint32_t nMediaType;
     } kinds[] = {{Pack2Rtp264Block, MEDIA_H264},   {Pack2RtpJpegBlock, MEDIA_JPEG}, {Pack2RtpAmrBlock, MEDIA_AMR_NB},
-                 {Pack2RtpAmrBlock, MEDIA_AMR_WB}, {Pack2RtpG711Block, MEDIA_G711}, {Pack2RtpUserBlock, MEDIA_DATA}};
+                 {Pack2RtpAmrBlock, MEDIA_AMR_WB}, {Pack2RtpG711Block, MEDIA_G711}, {Pack2RtpUserBlock, MEDIA_DATA},
+                 {Pack2Rtp265Block, MEDIA_H265},   {Pack2RtpAacBlock, MEDIA_AAC}};
     if (nBytes == 0)
         return 0;
     const auto &kind = kinds[pData[0] % std::size(kinds)];
@@ -38,7 +39,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
         ORX_ASSERT(nAt == 0 || GetBe(BlockData(p) + 2, 2) + 4 == p->len, "the prefix names its length");
         nMarkers += BlockData(p)[nAt + 1] >> 7;
     }
-    ORX_ASSERT(nPackets == 0 || (pData[0] % std::size(kinds) > 1) || nMarkers == 1, "one marker");
+    ORX_ASSERT(nPackets == 0 || !(kind.nMediaType & MEDIA_VIDEO_MASK) || kind.nMediaType == MEDIA_DATA || nMarkers == 1,
+               "one marker");
     ListEmpty(&out.Outq);
     return 0;
 }

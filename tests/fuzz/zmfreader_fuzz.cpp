@@ -52,6 +52,24 @@ static void Step(ZMFReader *pReader)
     }
 }
 
+// Any number of steps comes to an end.
+static void GoByKeys(ZMFReader *pReader, size_t nFile)
+{
+    for (int nDirection : {1, -1}) {
+        uint32_t nReached = 0;
+        ZMFReaderSeek(pReader, ZMFReaderDuration(pReader) / 2, &nReached);
+        ZMFReaderBeginKeys(pReader);
+        int nBytes = 0, bMore = 0;
+        size_t nSteps = 0;
+        const uint8_t *p;
+        while ((p = ZMFReaderNextKey(pReader, nDirection, nSteps % 3 * 50, 40, &nBytes, &bMore)) || bMore) {
+            if (p)
+                CheckRecord(p, static_cast<uint32_t>(nBytes));
+            ORX_ASSERT(nSteps++ < 4 * nFile, "an end");
+        }
+    }
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
 {
     WriteFile(ScratchFile(), Text(pData, nBytes));
@@ -59,8 +77,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
     if (!pReader)
         return 0;
     ORX_ASSERT(ReadToEnd(pReader) <= nBytes, "no more than the file");
+    ORX_ASSERT(pReader->nBuffer <= kZmfMaxWideBytes, "the buffer has a bound");
     Seek(pReader);
     Step(pReader);
+    GoByKeys(pReader, nBytes);
     ReadToEnd(pReader);
     std::unique_ptr<uint8_t[]> data(new uint8_t[65536]);
     ZMFReaderAppData(pReader, data.get(), 65536);

@@ -66,8 +66,10 @@ class Recordings(InteropCase):
         """ffmpeg and mpv pause, and go on elsewhere; GStreamer only asks for another place."""
         self.record(12, sound=False)  # see Gst
         start, frames = 6, 2 * FPS
-        players = self.play(frames, PLAYERS[:3], self.url, before=("-ss", str(start)))
-        players += self.play(frames, PLAYERS[3:5], self.url, options=("--start=%d" % start,))
+        # both give the first picture no time, and so count from the second one
+        asked = "%.2f" % (start - 1 / FPS)
+        players = self.play(frames, PLAYERS[:3], self.url, before=("-ss", asked))
+        players += self.play(frames, PLAYERS[3:5], self.url, options=("--start=" + asked,))
         # not over UDP: what comes while GStreamer takes its pads apart stops its source for good ("not-linked")
         seekers = [self.add(GstSeeker(self.dir, self.url, transport, start)) for transport in ("tcp", "http")]
         self.assert_ended(players, 60)

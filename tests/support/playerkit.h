@@ -9,6 +9,7 @@
 
 #include "base/bytes.h"
 #include "record/zmfreader.h"
+#include "server/media/filereader.h"
 #include "record/zmfwriter.h"
 #include "runtime/clock.h"
 #include "server/media/distribute.h"
@@ -40,12 +41,10 @@ inline DataBlock *MakePacket(const Packet &packet)
 
 // A program that nothing feeds but the test.
 inline const ProgramOps g_testOps = {
-    [](const Program *pProg) -> const char * {
-        return pProg->reader ? ZMFReaderSdp(pProg->reader) : pProg->desc.szSdp;
-    },
+    [](const Program *pProg) -> const char * { return pProg->reader ? pProg->reader->szSdp : pProg->desc.szSdp; },
     FillBufferFromFile,
     [](Program *pProg) {
-        ZMFReaderClose(pProg->reader);
+        FileReaderClose(pProg->reader);
         pProg->reader = nullptr;
     },
 };
@@ -126,12 +125,12 @@ struct RecordingQueueTest : PlayerQueueTest {
         ZMFWriterFree(pWriter);
         RunOnScheduler([&] {
             pProg->bLive = 0;
-            pProg->reader = ZMFReaderOpen(file.c_str(), 65536);
+            pProg->reader = FileReaderNew(ZMFReaderOpen(file.c_str(), 65536));
             pPlayer->play.nPlayClock = ClockMs();
             pPlayer->tracks[0].nNextSeq = 1;
             pPlayer->tracks[1].nNextSeq = 500;
         });
-        ASSERT_NE(nullptr, pProg->reader);
+        ASSERT_NE(nullptr, pProg->reader->pFile);
     }
     // Queues a packet of which nSent bytes have left, and returns the rest.
     std::string Queue(const Packet &packet, uint16_t nSent = 0)

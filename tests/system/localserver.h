@@ -5,6 +5,7 @@
 
 #include "record/storage.h"
 #include "runtime/clock.h"
+#include "runtime/diskthread.h"
 #include "support/testserver.h"
 #include "system/orxprocess.h"
 
@@ -39,10 +40,12 @@ struct LocalServer {
         ClockSetOffset(nMs);
         server.Run([] {});
     }
-    // Moves the wall clock of recordings.
+    // Moves the wall clock of recordings, once all that was sent is written.
     void MoveWallClock(int64_t nSeconds)
     {
-        server.Run([nSeconds] { RecordTimeSetOffset(nSeconds); });
+        server.Run([] {});
+        EXPECT_EQ(0U, DiskAwait(60000));
+        RecordTimeSetOffset(nSeconds);
     }
 };
 

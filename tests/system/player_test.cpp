@@ -40,7 +40,7 @@ TEST_F(PlayerTest, DescribesAProgramWithoutItsPassword)
     }
     for (const char *szLine :
          {"CreateLiveProgram(Uri=/ch1-s1), pointer=0x", "CreatePlayClient(Uri=/CH1-S1), Remote=127.0.0.1:"})
-        EXPECT_EQ(1, CountText(ReadFile(server.LogPath()), szLine));
+        EXPECT_TRUE(WaitFor([&] { return CountText(ReadFile(server.LogPath()), szLine) == 1; }, 10000)) << szLine;
 }
 
 // The server's channels count, whatever the player asks for.

@@ -96,6 +96,7 @@ TEST_F(RecordClockTest, FilesBeginAndEndByTheWallClock)
             camera->Send(nPictures);
         }
         ASSERT_EQ("200 OK", camera->Record("Cmd=stop"));
+        EXPECT_EQ(0U, DiskAwait(60000));  // of those that ended by themselves
         std::vector<std::string> files = FilesBelow(dir.path);
         ASSERT_EQ(c.files.size(), files.size());
         for (size_t i = 0; i < files.size(); i++) {

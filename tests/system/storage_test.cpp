@@ -206,6 +206,31 @@ TEST(FullDisk, LeavesWholeRecords)
     });
 }
 
+// Where nothing is to be lost, a recording waits for room, and goes on in a new file; by itself, where the program
+// is recorded always.
+TEST(FullDisk, WaitsForRoom)
+{
+    OnSmallDisk(4, [](SmallDisk *pDisk) {
+        pDisk->Start("MinutePerFile=0\nAutoDelOldFile=0\nNeverLose=1\nRecordAlways=cam\n");
+        EXPECT_EQ("200 OK", pDisk->camera.Record("EventType=1"));
+        pDisk->SendMegabyte();
+        WriteFile(pDisk->File("filler"), std::string((pDisk->FreeMegabytes() - 1) * kMegabyte, 'f'));
+        auto state = [&](size_t nOpen, size_t nFiles) {
+            pDisk->camera.Send(1);
+            pDisk->live.Poll();
+            return pDisk->Files("cam/", ".tm!").size() == nOpen && pDisk->Files("cam/").size() >= nFiles;
+        };
+        EXPECT_TRUE(WaitFor([&] { return state(0, 2); })) << "both have ended their file";
+        EXPECT_EQ(kNoSpace, pDisk->camera.Record("EventType=2"));
+        std::filesystem::remove(pDisk->File("filler"));
+        EXPECT_TRUE(WaitFor([&] { return state(2, 4); })) << "and begun another";
+        RtspClose(&pDisk->camera.client);
+        EXPECT_TRUE(WaitFor([&] { return pDisk->Files("", ".tm!").empty(); }));
+        for (const std::string &name : pDisk->Files("cam/"))
+            EXPECT_GT(CountPictures(ReadFile(pDisk->File(name))), 0U) << name;
+    });
+}
+
 // --- The power goes ---
 
 using PowerCutTest = RecordingTest;
@@ -227,7 +252,11 @@ TEST_F(PowerCutTest, KeepsWhatWasWritten)
         Camera camera({Coding::H264, Coding::G711});
         ASSERT_EQ(1, camera.Open(Url("cam")));
         ASSERT_EQ("200 OK", camera.Record("EventType=1"));
-        camera.Send(1 + static_cast<int>(random() % 100));
+        camera.Send(100 + static_cast<int>(random() % 100));
+        auto isWorth = [&](const std::string &name) {
+            return name.ends_with(".tm!") && ReadFile(File(name)).size() >= kWorth;
+        };
+        EXPECT_TRUE(WaitFor([&] { return std::ranges::any_of(FilesBelow(root), isWorth); }));
         camera.Send(1 + static_cast<int>(random() % 5), false);  // they may be on their way
         server.Kill();
         std::map<std::string, std::string> expected, found;

@@ -89,6 +89,12 @@ static int HasArgument(const Option &option)
     return !std::holds_alternative<OptionFlag>(option.target);
 }
 
+// A name of one letter stands behind one '-'.
+static int IsLetter(const Option &option)
+{
+    return option.szName[0] != '\0' && option.szName[1] == '\0';
+}
+
 static int HasVerbs(const CommandLine *pLine)
 {
     return !pLine->forms.empty() && pLine->forms[0].szVerb[0] != '\0';
@@ -97,7 +103,7 @@ static int HasVerbs(const CommandLine *pLine)
 // How an option, or a form, is written.
 static std::string Given(const Option &option)
 {
-    return std::string("--") + option.szName +
+    return (IsLetter(option) ? "-" : "--") + std::string(option.szName) +
            (HasArgument(option) ? std::string(" ") + option.szArgument : "");
 }
 
@@ -112,7 +118,7 @@ static std::vector<option> LongOptions(const CommandLine *pLine)
     std::vector<option> all;
     for (size_t i = 0; i < pLine->options.size(); i++) {
         const Option &row = pLine->options[i];
-        if (!IsHeading(row))
+        if (!IsHeading(row) && !IsLetter(row))
             all.push_back({row.szName, HasArgument(row) ? required_argument : no_argument, nullptr,
                            kFirstRow + static_cast<int>(i)});
     }
@@ -121,13 +127,34 @@ static std::vector<option> LongOptions(const CommandLine *pLine)
     return all;
 }
 
+// The same for letters.
+static std::string ShortOptions(const CommandLine *pLine)
+{
+    std::string all = ":h";
+    for (const Option &row : pLine->options)
+        if (IsLetter(row))
+            all += std::string(row.szName) + (HasArgument(row) ? ":" : "");
+    return all;
+}
+
+// The row of an option that getopt_long found.
+static const Option &RowOf(const CommandLine *pLine, int nCode)
+{
+    size_t i = 0;
+    if (nCode >= kFirstRow)
+        return pLine->options[static_cast<size_t>(nCode - kFirstRow)];
+    while (!IsLetter(pLine->options[i]) || pLine->options[i].szName[0] != nCode)
+        i++;
+    return pLine->options[i];
+}
+
 // What getopt_long did not take: szWord is where it stopped.
 static int RefuseWord(const CommandLine *pLine, int nCode, const char *szWord)
 {
-    if (optopt > 0 && optopt < kFirstRow && optopt != 'h')
-        return OptionsRefuse(pLine, "there is no option -%c", optopt);
     if (nCode == ':')
         return OptionsRefuse(pLine, "%s needs a value", szWord);
+    if (optopt > 0 && optopt < kFirstRow && optopt != 'h')
+        return OptionsRefuse(pLine, "there is no option -%c", optopt);
     return OptionsRefuse(
         pLine, optopt ? "%s: that option takes no value" : "there is no option %s, or no single one", szWord);
 }
@@ -179,14 +206,14 @@ int OptionsRead(const CommandLine *pLine, int argc, char **argv, CommandArgument
     const std::string help = OptionsHelp(pLine);  // before the targets change
     optind = 0;                                   // begins anew
     opterr = 0;
+    const std::string letters = ShortOptions(pLine);
     int nCode;
-    while ((nCode = getopt_long(argc, argv, ":h", all.data(), nullptr)) != -1) {
+    while ((nCode = getopt_long(argc, argv, letters.c_str(), all.data(), nullptr)) != -1) {
         if (nCode == 'h')
             return PrintHelp(help);
         if (nCode == '?' || nCode == ':')
             return RefuseWord(pLine, nCode, argv[optind - 1]);
-        const Option &row = pLine->options[static_cast<size_t>(nCode - kFirstRow)];
-        if (OptionsTake(pLine, row, optarg) != OPTIONS_GO_ON)
+        if (OptionsTake(pLine, RowOf(pLine, nCode), optarg) != OPTIONS_GO_ON)
             return OPTIONS_WRONG;
     }
     if (HasVerbs(pLine) && optind < argc && strcmp(argv[optind], "help") == 0)

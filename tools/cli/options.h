@@ -34,7 +34,7 @@ using OptionTarget =
     std::variant<OptionHeading, OptionFlag, OptionWhole, OptionDecimal, OptionText, OptionTexts>;
 
 struct Option {
-    const char *szName;      // without its "--"; not read in a heading
+    const char *szName;      // without its "--"; one letter is read behind '-'; not read in a heading
     const char *szArgument;  // what stands for the value in the help; not read in flags and headings
     const char *szHelp;
     OptionTarget target;

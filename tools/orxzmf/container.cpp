@@ -6,8 +6,6 @@ extern "C" {
 #include <libavutil/channel_layout.h>
 }
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -15,17 +13,25 @@ extern "C" {
 #include <string>
 #include <vector>
 
+#include "aacconfig.h"
+#include "base/bytes.h"
 #include "export.h"
 #include "jpegimage.h"
+#include "outfile.h"
+#include "record/aac.h"
 #include "record/depacketise.h"
+#include "record/nalunit.h"
+#include "soundclock.h"
+#include "timeline.h"
 
 namespace orx {
 
-constexpr int64_t kMaxDriftMs = 60;  // between the time of an audio block and where the audio before it ends
 constexpr int64_t kG711PacketBytes = 160;
 constexpr int kSpeechFrameMs = 20;
 constexpr int kAacBitRate = 32000;
-constexpr int kPcmFrame = 1024;  // samples in one packet
+constexpr int kPcmFrame = 1024;              // samples in one packet
+constexpr int64_t kSilenceSeconds = 10;      // a longer pause is left out, which the time stamps tell
+constexpr int64_t kSilenceFrom = 60 * 8000;  // samples of silence that the smallest recording may become
 
 namespace {
 
@@ -44,7 +50,8 @@ struct Transcoder {
     AVFrame *pDecoded = nullptr;
     AVFrame *pFrame = nullptr;   // handed to the encoder
     std::vector<float> waiting;  // samples not yet encoded
-    int64_t nSamples = 0;        // taken since the first sample of audio
+    int64_t nEnd = -1;           // place of the sample behind the last one taken; -1 before the first
+    int64_t nSilence = 0;        // samples that may still be put where nothing was recorded
 };
 
 struct Export {
@@ -53,11 +60,14 @@ struct Export {
     AVPacket *pPacket = nullptr;
     AVStream *pVideo = nullptr;
     AVStream *pAudio = nullptr;
+    Damage damage;
+    Timeline timeline;
+    size_t nRecord = 0;  // of the timeline, the next to be written
     Timing timing;
+    SoundClock clock;
     Transcoder transcoder;
     int bTranscode = 0;
-    int64_t nAudioStart = -1;  // ms, of the first audio sample
-    int64_t nAudioNext = -1;   // ms where the audio written so far ends
+    int64_t nFrameTicks = 0;  // of a frame of audio; 0 when a sample is a byte
 };
 
 }  // namespace
@@ -111,27 +121,40 @@ static void OrderTimes(Timing *pTiming)
 static int CollectTimes(Export *pExport, std::string *pFirstPicture, int *pbAudio)
 {
     Recording *pRecording = pExport->pRecording;
+    std::vector<int64_t> *pTimes = &pExport->timeline.times;
+    std::vector<size_t> pictures;  // which of the times are theirs
     Sample sample;
     std::string picture;
     *pbAudio = 0;
+    int bKey = 0;
     while (RecordingNext(pRecording, &sample, "reading")) {
         *pbAudio |= sample.head.chMedia == 'a';
-        if (sample.head.chMedia != 'v' || !ExportPicture(PictureForm(pRecording), sample, &picture))
+        if (sample.head.chMedia == 'v' || sample.head.chMedia == 'a')
+            pTimes->push_back(sample.head.nTimeMs);
+        if (sample.head.chMedia != 'v')
             continue;
-        if (pFirstPicture->empty())
-            *pFirstPicture = picture;
-        pExport->timing.shown.push_back(sample.head.nTimeMs);
+        if (!ExportPicture(PictureForm(pRecording), sample, &picture)) {
+            NoteDamage(&pExport->damage, sample);
+            continue;
+        }
+        if (pFirstPicture->empty() || (!bKey && IsKeyFrame(sample.head)))
+            *pFirstPicture = picture;  // a key frame has the parameter sets
+        bKey |= IsKeyFrame(sample.head);
+        pictures.push_back(pTimes->size() - 1);
     }
+    TimelineMend(&pExport->timeline);
+    for (size_t i : pictures)
+        pExport->timing.shown.push_back((*pTimes)[i]);
     OrderTimes(&pExport->timing);
     return RecordingRewind(pRecording);
 }
 
 // --- Streams ---
 
-// Size of an H.264 picture, from its parameter sets.
-static void ParseH264Size(const std::string &picture, AVCodecParameters *pPar)
+// Size of a picture, from its parameter sets.
+static void ParseSize(const std::string &picture, AVCodecParameters *pPar)
 {
-    AVCodecParserContext *pParser = av_parser_init(AV_CODEC_ID_H264);
+    AVCodecParserContext *pParser = av_parser_init(pPar->codec_id);
     AVCodecContext *pContext = avcodec_alloc_context3(nullptr);
     if (pParser && pContext) {
         uint8_t *pOut = nullptr;
@@ -150,6 +173,16 @@ static void ParseH264Size(const std::string &picture, AVCodecParameters *pPar)
     avcodec_free_context(&pContext);
 }
 
+static int SetExtraData(AVCodecParameters *pPar, const std::string &bytes)
+{
+    pPar->extradata = static_cast<uint8_t *>(av_mallocz(bytes.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+    if (!pPar->extradata)
+        return 0;
+    memcpy(pPar->extradata, bytes.data(), bytes.size());
+    pPar->extradata_size = static_cast<int>(bytes.size());
+    return 1;
+}
+
 static int AddVideo(Export *pExport, const std::string &picture)
 {
     AVStream *pStream = avformat_new_stream(pExport->pFormat, nullptr);
@@ -166,14 +199,14 @@ static int AddVideo(Export *pExport, const std::string &picture)
         pPar->width = static_cast<int>(nWidth);
         pPar->height = static_cast<int>(nHeight);
     } else {
-        ParseH264Size(picture, pPar);
+        ParseSize(picture, pPar);
         pPar->video_delay = pExport->timing.nDelay > 0;
         // The parameter sets of the first picture; the writer of the container takes them out of it.
-        pPar->extradata = static_cast<uint8_t *>(av_mallocz(picture.size() + AV_INPUT_BUFFER_PADDING_SIZE));
-        if (!pPar->extradata)
+        if (!SetExtraData(pPar, picture))
             return 0;
-        memcpy(pPar->extradata, picture.data(), picture.size());
-        pPar->extradata_size = static_cast<int>(picture.size());
+        // the kind that all players take: parameter sets stand in the head
+        if (pPar->codec_id == AV_CODEC_ID_HEVC && strcmp(pExport->pFormat->oformat->name, "mp4") == 0)
+            pPar->codec_tag = MKTAG('h', 'v', 'c', '1');
     }
     pExport->pVideo = pStream;
     return pPar->width > 0 && pPar->height > 0;
@@ -215,27 +248,45 @@ static int OpenEncoder(Export *pExport, AVStream *pStream)
            avcodec_parameters_from_context(pStream->codecpar, pContext) >= 0;
 }
 
-static int AddAudio(Export *pExport)
+// Audio that goes in as it is.
+static int CopyAudio(Export *pExport, AVStream *pStream)
 {
     const Codec *pCodec = AudioOf(pExport);
-    AVCodecID nId = IdOf(pCodec);
+    AVCodecParameters *pPar = pStream->codecpar;
+    AacConfig config;
+    pPar->codec_type = AVMEDIA_TYPE_AUDIO;
+    pPar->codec_id = IdOf(pCodec);
+    pPar->sample_rate = static_cast<int>(pExport->clock.nRate);
+    pPar->bits_per_coded_sample = av_get_bits_per_sample(pPar->codec_id);
+    pPar->block_align = 1;
+    pPar->frame_size = static_cast<int>(pExport->nFrameTicks);
+    if (pCodec->nForm == FORM_AAC &&
+        (!AacConfigRead(pExport->pRecording->codecs.audio, &config) || !SetExtraData(pPar, config.bytes)))
+        return 0;
+    int nChannels = config.nChannels == 7 ? 8 : static_cast<int>(config.nChannels);
+    av_channel_layout_default(&pPar->ch_layout, nChannels > 0 ? nChannels : 1);
+    return 1;
+}
+
+static int AddAudio(Export *pExport)
+{
+    const SdpCodec &audio = pExport->pRecording->codecs.audio;
+    const Codec *pCodec = AudioOf(pExport);
     AVStream *pStream = avformat_new_stream(pExport->pFormat, nullptr);
     if (!pStream)
         return 0;
-    pStream->time_base = AVRational{1, pCodec->nSampleRate};
     pExport->pAudio = pStream;
-    pExport->bTranscode = avformat_query_codec(pExport->pFormat->oformat, nId, FF_COMPLIANCE_NORMAL) != 1;
-    if (pExport->bTranscode)
-        return OpenDecoder(pExport) && OpenEncoder(pExport, pStream);
-    AVCodecParameters *pPar = pStream->codecpar;
-    pPar->codec_type = AVMEDIA_TYPE_AUDIO;
-    pPar->codec_id = nId;
-    pPar->sample_rate = pCodec->nSampleRate;
-    pPar->bits_per_coded_sample = av_get_bits_per_sample(nId);
-    pPar->block_align = 1;
-    pPar->frame_size = pCodec->nForm == FORM_AMR ? pCodec->nSampleRate / 1000 * kSpeechFrameMs : 0;
-    av_channel_layout_default(&pPar->ch_layout, 1);
-    return 1;
+    pExport->clock.nRate = pCodec->nForm == FORM_AAC ? static_cast<int>(audio.nRate) : pCodec->nSampleRate;
+    pExport->nFrameTicks = pCodec->nForm == FORM_AAC   ? AacUnitTicks(audio.format, audio.nRate)
+                           : pCodec->nForm == FORM_AMR ? pCodec->nSampleRate / 1000 * kSpeechFrameMs
+                                                       : 0;
+    pExport->transcoder.nSilence =
+        kSilenceFrom + static_cast<int64_t>(pExport->pRecording->pReader->nFileBytes);
+    pStream->time_base = AVRational{1, static_cast<int>(pExport->clock.nRate)};
+    pExport->bTranscode =
+        avformat_query_codec(pExport->pFormat->oformat, IdOf(pCodec), FF_COMPLIANCE_NORMAL) != 1;
+    return pExport->bTranscode ? OpenDecoder(pExport) && OpenEncoder(pExport, pStream)
+                               : CopyAudio(pExport, pStream);
 }
 
 // --- Second pass: writing ---
@@ -274,16 +325,6 @@ static int WritePicture(Export *pExport, const Sample &sample, std::string *pPic
                        nDuration, IsKeyFrame(sample.head));
 }
 
-// Where a block of audio goes. Its time stamp is that of a packet's arrival; small differences to where the
-// audio before it ended are jitter and leave no gap.
-static int64_t PlaceAudio(Export *pExport, int64_t nTimeMs)
-{
-    int64_t nNext = pExport->nAudioNext;
-    if (pExport->nAudioStart < 0)
-        pExport->nAudioStart = nTimeMs;
-    return nNext < 0 || nTimeMs > nNext + kMaxDriftMs ? nTimeMs : nNext;
-}
-
 static int WriteEncoded(Export *pExport)
 {
     Transcoder *pCoder = &pExport->transcoder;
@@ -309,12 +350,16 @@ static void FillFrame(AVFrame *pFrame, const float *pSamples, size_t nSamples)
                 static_cast<int16_t>(std::lrint(std::clamp(pSamples[i] * 32768.0F, -32768.0F, 32767.0F)));
 }
 
+static size_t FrameOf(const Transcoder *pCoder)
+{
+    return static_cast<size_t>(pCoder->pEncoder->frame_size > 0 ? pCoder->pEncoder->frame_size : kPcmFrame);
+}
+
 // Hands full frames to the encoder, at the end (bAll) also what is left.
 static int Encode(Export *pExport, int bAll)
 {
     Transcoder *pCoder = &pExport->transcoder;
-    auto nFrame =
-        static_cast<size_t>(pCoder->pEncoder->frame_size > 0 ? pCoder->pEncoder->frame_size : kPcmFrame);
+    size_t nFrame = FrameOf(pCoder);
     while (pCoder->waiting.size() >= nFrame || (bAll && !pCoder->waiting.empty())) {
         size_t nTake = std::min(nFrame, pCoder->waiting.size());
         AVFrame *pFrame = pCoder->pFrame;
@@ -326,8 +371,7 @@ static int Encode(Export *pExport, int bAll)
         if (av_frame_get_buffer(pFrame, 0) < 0)
             return 0;
         FillFrame(pFrame, pCoder->waiting.data(), nTake);
-        pFrame->pts = pCoder->nSamples - static_cast<int64_t>(pCoder->waiting.size()) +
-                      pExport->nAudioStart * pFrame->sample_rate / 1000;
+        pFrame->pts = pCoder->nEnd - static_cast<int64_t>(pCoder->waiting.size());
         pCoder->waiting.erase(pCoder->waiting.begin(), pCoder->waiting.begin() + static_cast<long>(nTake));
         if (avcodec_send_frame(pCoder->pEncoder, pFrame) < 0 || !WriteEncoded(pExport))
             return 0;
@@ -346,57 +390,128 @@ static void TakeDecoded(Transcoder *pCoder)
             fValue = reinterpret_cast<const float *>(pFrame->data[0])[i];
         pCoder->waiting.push_back(fValue);
     }
-    pCoder->nSamples += pFrame->nb_samples;
+    pCoder->nEnd += pFrame->nb_samples;
 }
 
-static int Transcode(Export *pExport, const uint8_t *pData, size_t nBytes, int64_t nAtMs)
+// Appends silence, or takes samples off the end, until it lies at nEnd, without more than a frame waiting.
+static int MoveEnd(Export *pExport, int64_t nEnd)
 {
     Transcoder *pCoder = &pExport->transcoder;
-    // Silence where nothing was recorded keeps the sound with the pictures.
-    int64_t nDue = (nAtMs - pExport->nAudioStart) * pCoder->pEncoder->sample_rate / 1000;
-    if (nDue > pCoder->nSamples) {
-        pCoder->waiting.insert(pCoder->waiting.end(), static_cast<size_t>(nDue - pCoder->nSamples), 0.0F);
-        pCoder->nSamples = nDue;
+    for (; pCoder->nEnd > nEnd && !pCoder->waiting.empty(); pCoder->nEnd--)
+        pCoder->waiting.pop_back();
+    while (pCoder->nEnd < nEnd) {
+        int64_t nPart = std::min<int64_t>(nEnd - pCoder->nEnd, static_cast<int64_t>(FrameOf(pCoder)));
+        pCoder->waiting.insert(pCoder->waiting.end(), static_cast<size_t>(nPart), 0.0F);
+        pCoder->nEnd += nPart;
+        if (!Encode(pExport, 0))
+            return 0;
     }
+    return 1;
+}
+
+// Goes on at nAt, where a packet's sound begins. What is missing there becomes silence, which keeps players
+// in step that look at no time stamps; but no more of it than the recording is long.
+static int GoOnAt(Export *pExport, int64_t nAt)
+{
+    Transcoder *pCoder = &pExport->transcoder;
+    int64_t nRate = pCoder->pEncoder->sample_rate;
+    auto nFrame = static_cast<int64_t>(FrameOf(pCoder));
+    if (pCoder->nEnd < 0)
+        pCoder->nEnd = nAt;
+    int64_t nMissing = nAt - pCoder->nEnd;
+    if (nMissing <= nFrame)
+        return nMissing <= 0 || MoveEnd(pExport, nAt);
+    if (nMissing <= kSilenceSeconds * nRate && nMissing <= pCoder->nSilence) {
+        pCoder->nSilence -= nMissing;
+        return MoveEnd(pExport, nAt);
+    }
+    auto nWaiting = static_cast<int64_t>(pCoder->waiting.size());
+    if (!MoveEnd(pExport, pCoder->nEnd + (nFrame - nWaiting % nFrame) % nFrame))
+        return 0;
+    pCoder->nEnd = nAt;
+    return 1;
+}
+
+// A packet's sound, to lie at nAt and to end nLonger samples later than it does by itself.
+static int Transcode(Export *pExport, const uint8_t *pData, size_t nBytes, int64_t nAt, int64_t nLonger)
+{
+    Transcoder *pCoder = &pExport->transcoder;
     AVPacket *pPacket = pExport->pPacket;
-    if (av_new_packet(pPacket, static_cast<int>(nBytes)) < 0)
+    if (!GoOnAt(pExport, nAt) || av_new_packet(pPacket, static_cast<int>(nBytes)) < 0)
         return 0;
     memcpy(pPacket->data, pData, nBytes);
+    int64_t nBefore = pCoder->nEnd;
     int bSent = avcodec_send_packet(pCoder->pDecoder, pPacket) == 0;
     av_packet_unref(pPacket);
     while (bSent && avcodec_receive_frame(pCoder->pDecoder, pCoder->pDecoded) == 0)
         TakeDecoded(pCoder);
-    return Encode(pExport, 0);  // speech that cannot be decoded is left out
+    if (pCoder->nEnd == nBefore)
+        return 1;  // speech that cannot be decoded is left out
+    for (; nLonger > 0 && !pCoder->waiting.empty(); nLonger--, pCoder->nEnd++)
+        pCoder->waiting.push_back(pCoder->waiting.back());
+    return MoveEnd(pExport, pCoder->nEnd + nLonger) && Encode(pExport, 0);
 }
 
-// A block of audio in pieces of at most 20 ms.
-static int WriteAudio(Export *pExport, const Sample &sample)
+// The next piece of a block of audio: its bytes and samples. Returns 1, or 0 at the end or when it is broken.
+static int NextPiece(const Export *pExport, ByteReader *pIn, ByteReader *pPiece, int64_t *pnSamples)
 {
     const Codec *pCodec = AudioOf(pExport);
-    int64_t nAtMs = PlaceAudio(pExport, sample.head.nTimeMs);
+    *pnSamples = pExport->nFrameTicks;
+    if (pIn->nLeft == 0)
+        return 0;
+    if (pCodec->nForm == FORM_AAC) {
+        uint32_t nUnit = 0;
+        const uint8_t *pUnit = NalNext(pIn, &nUnit);
+        *pPiece = ByteReader{pUnit, nUnit};
+        return pUnit != nullptr;
+    }
+    size_t nPart = std::min<size_t>(kG711PacketBytes, pIn->nLeft);
+    if (pCodec->nForm == FORM_AMR)
+        nPart = AmrFrameBytes(CodecIsWideband(pCodec), pIn->p[0] >> 3);
+    else
+        *pnSamples = static_cast<int64_t>(nPart);
+    const uint8_t *pData = nPart > 0 ? ReadBytes(pIn, nPart) : nullptr;
+    *pPiece = ByteReader{pData, nPart};
+    return pData != nullptr;
+}
+
+static int WritePiece(Export *pExport, const ByteReader &piece, int64_t nSamples)
+{
+    int64_t nAt = 0;
+    int64_t nLonger = 0;
+    if (!SoundClockPiece(&pExport->clock, nSamples, &nAt, &nLonger))
+        return 1;
+    if (pExport->bTranscode)
+        return Transcode(pExport, piece.p, piece.nLeft, nAt, nLonger);
+    AVRational base{1, static_cast<int>(pExport->clock.nRate)};
+    return WritePacket(pExport, pExport->pAudio, piece.p, piece.nLeft, base, nAt, nAt, nSamples + nLonger, 1);
+}
+
+static int WriteAudio(Export *pExport, const Sample &sample, int64_t nTimeMs)
+{
     if (!pExport->pAudio)
         return 1;
-    int bAmr = pCodec->nForm == FORM_AMR;
-    int nRate = pCodec->nSampleRate;
-    for (uint32_t nPos = 0; nPos < sample.nBytes;) {
-        uint32_t nLeft = sample.nBytes - nPos;
-        uint32_t nPart = std::min<uint32_t>(kG711PacketBytes, nLeft);
-        if (bAmr)
-            nPart = AmrFrameBytes(CodecIsWideband(pCodec), sample.pData[nPos] >> 3);
-        if (nPart == 0 || nPart > nLeft)
-            return 1;
-        int64_t nMs = bAmr ? kSpeechFrameMs : nPart / 8;
-        int bWritten = pExport->bTranscode ? Transcode(pExport, sample.pData + nPos, nPart, nAtMs)
-                                           : WritePacket(pExport, pExport->pAudio, sample.pData + nPos, nPart,
-                                                         AVRational{1, nRate}, nAtMs * nRate / 1000,
-                                                         nAtMs * nRate / 1000, nMs * nRate / 1000, 1);
-        if (!bWritten)
+    ByteReader piece{nullptr, 0};
+    int64_t nSamples = 0;
+    int64_t nAll = 0;
+    for (ByteReader in{sample.pData, sample.nBytes}; NextPiece(pExport, &in, &piece, &nSamples);)
+        nAll += nSamples;
+    SoundClockBlock(&pExport->clock, nTimeMs, nAll);
+    for (ByteReader in{sample.pData, sample.nBytes}; NextPiece(pExport, &in, &piece, &nSamples);)
+        if (!WritePiece(pExport, piece, nSamples))
             return 0;
-        nPos += nPart;
-        nAtMs += nMs;
-        pExport->nAudioNext = nAtMs;
-    }
     return 1;
+}
+
+static int WriteSample(Export *pExport, const Sample &sample, std::string *pPicture)
+{
+    if (sample.head.chMedia != 'v' && sample.head.chMedia != 'a')
+        return 1;
+    if (pExport->nRecord >= pExport->timeline.times.size())
+        return 1;  // the file grew between the passes
+    int64_t nTimeMs = pExport->timeline.times[pExport->nRecord++];
+    return sample.head.chMedia == 'v' ? WritePicture(pExport, sample, pPicture)
+                                      : WriteAudio(pExport, sample, nTimeMs);
 }
 
 static int WriteSamples(Export *pExport)
@@ -404,10 +519,7 @@ static int WriteSamples(Export *pExport)
     Sample sample;
     std::string picture;
     while (RecordingNext(pExport->pRecording, &sample, "exporting")) {
-        int bGood = sample.head.chMedia == 'v'   ? WritePicture(pExport, sample, &picture)
-                    : sample.head.chMedia == 'a' ? WriteAudio(pExport, sample)
-                                                 : 1;
-        if (!bGood)
+        if (!WriteSample(pExport, sample, &picture))
             return Refuse(pExport, "write error");
     }
     if (!pExport->bTranscode || !pExport->transcoder.pEncoder)
@@ -418,27 +530,19 @@ static int WriteSamples(Export *pExport)
                : Refuse(pExport, "the sound cannot be encoded");
 }
 
-static int Run(Export *pExport, const std::string &out)
+static int AddStreams(Export *pExport, const std::string &firstPicture, int bAudio)
 {
-    Recording *pRecording = pExport->pRecording;
-    std::string firstPicture;
-    int bAudio = 0;
-    if (!CollectTimes(pExport, &firstPicture, &bAudio))
-        return 0;
-    if (firstPicture.empty() || PictureForm(pRecording) == FORM_NONE)
-        return Refuse(pExport, "holds no pictures that can be exported");
-    pExport->pPacket = av_packet_alloc();
-    if (!pExport->pPacket ||
-        avformat_alloc_output_context2(&pExport->pFormat, nullptr, nullptr, out.c_str()) < 0)
-        return Refuse(pExport, "the container cannot be made");
     if (!AddVideo(pExport, firstPicture))
         return Refuse(pExport, "the size of its pictures is not known");
     if (bAudio && IdOf(AudioOf(pExport)) != AV_CODEC_ID_NONE && !AddAudio(pExport))
         return Refuse(pExport, "its audio cannot be exported");
-    if (avio_open(&pExport->pFormat->pb, out.c_str(), AVIO_FLAG_WRITE) < 0) {
-        perror(out.c_str());
-        return 0;
-    }
+    return 1;
+}
+
+static int WriteFile(Export *pExport, const std::string &path)
+{
+    if (avio_open(&pExport->pFormat->pb, path.c_str(), AVIO_FLAG_WRITE) < 0)
+        return Refuse(pExport, "write error");
     int bGood = avformat_write_header(pExport->pFormat, nullptr) >= 0
                     ? WriteSamples(pExport)
                     : Refuse(pExport, "the header cannot be made");
@@ -446,9 +550,24 @@ static int Run(Export *pExport, const std::string &out)
         bGood = Refuse(pExport, "write error");
     if (avio_closep(&pExport->pFormat->pb) < 0 && bGood)
         bGood = Refuse(pExport, "write error");
-    if (!bGood)
-        unlink(out.c_str());
     return bGood;
+}
+
+static int Run(Export *pExport, const std::string &out)
+{
+    std::string firstPicture;
+    int bAudio = 0;
+    if (!CollectTimes(pExport, &firstPicture, &bAudio))
+        return 0;
+    if (firstPicture.empty() || PictureForm(pExport->pRecording) == FORM_NONE)
+        return Refuse(pExport, "holds no pictures that can be exported");
+    pExport->pPacket = av_packet_alloc();
+    if (!pExport->pPacket ||
+        avformat_alloc_output_context2(&pExport->pFormat, nullptr, nullptr, out.c_str()) < 0)
+        return Refuse(pExport, "the container cannot be made");
+    OutFile file;
+    return AddStreams(pExport, firstPicture, bAudio) && OutFileBegin(&file, out) &&
+           OutFileEnd(&file, WriteFile(pExport, file.beside));
 }
 
 int ExportContainer(Recording *pRecording, const std::string &out)
@@ -457,6 +576,8 @@ int ExportContainer(Recording *pRecording, const std::string &out)
     work.pRecording = pRecording;
     av_log_set_level(AV_LOG_WARNING);
     int bGood = Run(&work, out);
+    if (bGood)
+        SayDamage(pRecording, work.damage);
     avcodec_free_context(&work.transcoder.pDecoder);
     avcodec_free_context(&work.transcoder.pEncoder);
     av_frame_free(&work.transcoder.pDecoded);

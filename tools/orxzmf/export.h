@@ -17,6 +17,15 @@ int ExportRecording(Recording *pRecording, const std::string &out);
 // Returns 1, or 0 when it is broken.
 int ExportPicture(SampleForm nForm, const Sample &sample, std::string *pOut);
 
+// Pictures that an export leaves out.
+struct Damage {
+    uint32_t nPictures = 0;
+    uint32_t nFirstMs = 0;  // when the first of them was recorded
+};
+void NoteDamage(Damage *pDamage, const Sample &sample);
+// Says on standard error what of a recording that was read to its end is missing in the export.
+void SayDamage(const Recording *pRecording, const Damage &damage);
+
 // The .mp4 and .mkv half: present when Debian's libavformat was there at build time, a message otherwise.
 int ExportContainer(Recording *pRecording, const std::string &out);
 

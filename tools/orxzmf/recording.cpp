@@ -21,6 +21,27 @@ static int64_t NowMs()
     return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
+void ProgressShow(Progress *pProgress, const char *szWork, const std::string &path, uint64_t nDone,
+                  uint64_t nTotal)
+{
+    int64_t nNow = NowMs();
+    if (pProgress->nNext == 0)
+        pProgress->nNext = nNow + kProgressMs;
+    if (nNow < pProgress->nNext)
+        return;
+    fprintf(stderr, "\r%s %s: %3d%%", szWork, path.c_str(),
+            static_cast<int>(nDone * 100 / (nTotal ? nTotal : 1)));
+    pProgress->bShown = 1;
+    pProgress->nNext = nNow + kProgressMs;
+}
+
+void ProgressEnd(Progress *pProgress, const char *szWork, const std::string &path)
+{
+    if (pProgress->bShown)
+        fprintf(stderr, "\r%s %s: done\n", szWork, path.c_str());
+    pProgress->bShown = 0;
+}
+
 int RecordingOpen(Recording *pRecording, const std::string &path)
 {
     *pRecording = Recording{};
@@ -49,29 +70,13 @@ int RecordingRewind(Recording *pRecording)
     return RecordingOpen(pRecording, path);
 }
 
-static void ShowProgress(Recording *pRecording, const char *szWork)
-{
-    int64_t nNow = NowMs();
-    if (pRecording->nNextShown == 0)
-        pRecording->nNextShown = nNow + kProgressMs;
-    if (nNow < pRecording->nNextShown)
-        return;
-    uint64_t nTotal = pRecording->pReader->nFileBytes;
-    fprintf(stderr, "\r%s %s: %3d%%", szWork, pRecording->path.c_str(),
-            static_cast<int>(pRecording->nPos * 100 / (nTotal ? nTotal : 1)));
-    pRecording->bShown = 1;
-    pRecording->nNextShown = nNow + kProgressMs;
-}
-
 int RecordingNext(Recording *pRecording, Sample *pOut, const char *szWork)
 {
     int nBytes = 0;
     const uint8_t *p = ZMFReaderNextSample(pRecording->pReader, &nBytes);
     if (!p) {
         pRecording->nEnd = nBytes;
-        if (pRecording->bShown)
-            fprintf(stderr, "\r%s %s: done\n", szWork, pRecording->path.c_str());
-        pRecording->bShown = 0;
+        ProgressEnd(&pRecording->progress, szWork, pRecording->path);
         return 0;
     }
     ZMFRecordHeadDecode(p, &pOut->head);
@@ -79,7 +84,8 @@ int RecordingNext(Recording *pRecording, Sample *pOut, const char *szWork)
     pOut->pData = p + kZmfRecordHeadBytes;
     pOut->nBytes = pOut->head.nLength - kZmfRecordHeadBytes;
     pRecording->nPos += pOut->head.nLength;
-    ShowProgress(pRecording, szWork);
+    ProgressShow(&pRecording->progress, szWork, pRecording->path, pRecording->nPos,
+                 pRecording->pReader->nFileBytes);
     return 1;
 }
 

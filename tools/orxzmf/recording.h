@@ -16,14 +16,22 @@ struct Sample {
     uint32_t nBytes = 0;
 };
 
+// Long work shows how far it is, on standard error and a line that it writes over.
+struct Progress {
+    int64_t nNext = 0;  // monotonic ms at which it is shown next, 0 before the first time
+    int bShown = 0;
+};
+void ProgressShow(Progress *pProgress, const char *szWork, const std::string &path, uint64_t nDone,
+                  uint64_t nTotal);
+void ProgressEnd(Progress *pProgress, const char *szWork, const std::string &path);
+
 struct Recording {
     std::string path;
     ZMFReader *pReader = nullptr;
     SdpCodecs codecs;
-    uint64_t nPos = 0;       // of the next record
-    int nEnd = 0;            // after the last sample: 0 the file ends with it, -1 something follows
-    int64_t nNextShown = 0;  // monotonic ms at which progress is shown next, 0 before the first sample
-    int bShown = 0;
+    uint64_t nPos = 0;  // of the next record
+    int nEnd = 0;       // after the last sample: 0 the file ends with it, -1 something follows
+    Progress progress;
 };
 
 // Opens a recording and readies it for its first sample. Returns 1, or 0 with the reason on standard error.

@@ -77,7 +77,7 @@ static void PrintSurvey(const Recording &recording, const Survey &survey)
     printf("last sample:    %s s\n", Seconds(survey.nLastTimeMs).c_str());
 }
 
-static void PrintVerdict(const Survey &survey, const char *szIndent)
+static void PrintFindings(const Survey &survey, const char *szIndent)
 {
     for (const auto &note : survey.notes)
         printf("%snote: %s\n", szIndent, note.c_str());
@@ -89,30 +89,30 @@ int ReportInfo(const std::string &path)
 {
     Recording recording;
     if (!RecordingOpen(&recording, path))
-        return 1;
+        return VERDICT_UNREADABLE;
     Survey survey;
     printf("file:           %s\n", path.c_str());
     PrintHeader(recording.pReader);
     SurveyRecording(&recording, &survey);
     PrintSurvey(recording, survey);
     printf("description:\n%s\n", ZMFReaderSdp(recording.pReader));
-    PrintVerdict(survey, "");
-    printf("check:          %s\n", survey.faults.empty() ? "sound" : "FAULTY");
+    PrintFindings(survey, "");
+    printf("check:          %s\n", VerdictName(SurveyVerdict(survey)));
     RecordingClose(&recording);
-    return survey.faults.empty() ? 0 : 1;
+    return SurveyVerdict(survey);
 }
 
 int ReportCheck(const std::string &path)
 {
     Recording recording;
     if (!RecordingOpen(&recording, path))
-        return 1;
+        return VERDICT_UNREADABLE;
     Survey survey;
     SurveyRecording(&recording, &survey);
-    printf("%s: %s\n", path.c_str(), survey.faults.empty() ? "sound" : "FAULTY");
-    PrintVerdict(survey, "  ");
+    printf("%s: %s\n", path.c_str(), VerdictName(SurveyVerdict(survey)));
+    PrintFindings(survey, "  ");
     RecordingClose(&recording);
-    return survey.faults.empty() ? 0 : 1;
+    return SurveyVerdict(survey);
 }
 
 static int HasEnding(const std::string &name, const char *szEnding)

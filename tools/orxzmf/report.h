@@ -5,9 +5,11 @@
 
 namespace orx {
 
-// Each returns the exit status: 0 when all is sound, 1 when not.
+// Each returns the exit status, a Verdict (see survey.h).
 int ReportInfo(const std::string &path);
-int ReportList(const std::string &dir);
 int ReportCheck(const std::string &path);
+
+// The exit status is 1 when the directory cannot be read, else 0.
+int ReportList(const std::string &dir);
 
 }  // namespace orx

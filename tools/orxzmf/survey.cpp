@@ -7,6 +7,7 @@
 #include "base/bytes.h"
 #include "record/depacketise.h"
 #include "record/jpegparts.h"
+#include "record/nalunit.h"
 
 namespace orx {
 
@@ -36,15 +37,20 @@ __attribute__((format(printf, 2, 3))) static void Fault(Survey *pSurvey, const c
     pSurvey->faults.push_back(szText);
 }
 
-static int IsH264Whole(const Sample &sample)
+static int AreUnitsWhole(const Sample &sample)
 {
     ByteReader in{sample.pData, sample.nBytes};
-    while (in.nLeft > 0) {
-        uint32_t nUnit = ReadBe(&in, 2);
-        if (nUnit < 3 || !ReadBytes(&in, nUnit - 2))
-            return 0;
+    uint32_t nUnit = 0;
+    while (NalNext(&in, &nUnit)) {
     }
-    return sample.nBytes > 0;
+    return sample.nBytes > 0 && in.nLeft == 0;
+}
+
+// A key frame holds what a decoder begins with, and what begins with parameter sets is one.
+static int IsFlagRight(const Codec *pCodec, const Sample &sample)
+{
+    NalSummary found = NalSummarise(pCodec->pNal, sample.pData, sample.nBytes);
+    return IsKeyFrame(sample.head) ? found.bKey : !found.bSetFirst;
 }
 
 static int IsJpegWhole(const Sample &sample)
@@ -80,11 +86,11 @@ static void CheckVideo(Check *pCheck, const Sample &sample)
         Fault(pSurvey, "picture at byte %" PRIu64 ": time runs back from %u to %u ms", sample.nPos,
               pCheck->nLastVideoMs, sample.head.nTimeMs);
     pCheck->nLastVideoMs = sample.head.nTimeMs;
-    int bWhole = nForm == FORM_UNITS ? IsH264Whole(sample) : nForm == FORM_JPEG ? IsJpegWhole(sample) : 1;
+    int bWhole = nForm == FORM_UNITS ? AreUnitsWhole(sample) : nForm == FORM_JPEG ? IsJpegWhole(sample) : 1;
     if (!bWhole)
         Fault(pSurvey, "picture at byte %" PRIu64 " (%u ms): its parts do not fill it", sample.nPos,
               sample.head.nTimeMs);
-    else if (nForm == FORM_UNITS && ((sample.pData[2] & 0x1F) == NAL_SPS) != IsKeyFrame(sample.head))
+    else if (nForm == FORM_UNITS && !IsFlagRight(pCheck->pRecording->codecs.video.pCodec, sample))
         Fault(pSurvey, "picture at byte %" PRIu64 " (%u ms): wrong key-frame flag", sample.nPos,
               sample.head.nTimeMs);
 }
@@ -94,6 +100,9 @@ static void CheckAudio(Check *pCheck, const Sample &sample)
     const SdpCodec &audio = pCheck->pRecording->codecs.audio;
     if (FormOf(audio) == FORM_AMR && !IsAmrWhole(sample, CodecIsWideband(audio.pCodec)))
         Fault(pCheck->pSurvey, "audio at byte %" PRIu64 " (%u ms): broken AMR frames", sample.nPos,
+              sample.head.nTimeMs);
+    if (FormOf(audio) == FORM_AAC && !AreUnitsWhole(sample))
+        Fault(pCheck->pSurvey, "audio at byte %" PRIu64 " (%u ms): its units do not fill it", sample.nPos,
               sample.head.nTimeMs);
 }
 
@@ -155,14 +164,15 @@ static void CheckHeader(Check *pCheck)
     const ZMFReader *pReader = pCheck->pRecording->pReader;
     const ZMFileHeader *pHead = &pReader->head;
     Survey *pSurvey = pCheck->pSurvey;
-    if (pHead->nVersion != kZmfVersion)
-        pSurvey->notes.push_back("version " + std::to_string(pHead->nVersion) + ", not " +
-                                 std::to_string(kZmfVersion));
+    if (pHead->nVersion != kZmfVersion && pHead->nVersion != kZmfWideVersion)
+        pSurvey->notes.push_back("version " + std::to_string(pHead->nVersion) + " is not known");
     if (pHead->nIdxSize > 0 && pCheck->nNextEntry < pReader->nIndex && pSurvey->nVideo > 0)
         Fault(pSurvey, "index entry %u points behind the last record", pCheck->nNextEntry);
     if (pReader->bInterrupted) {
-        if (pSurvey->nVideo + pSurvey->nAudio + pSurvey->nUser + pSurvey->nText > 0)
-            pSurvey->notes.push_back("interrupted: it was never closed; duration and counts are those found");
+        // without a duration a file that was closed is known by nothing, but lacks nothing either
+        pSurvey->bInterrupted = pReader->uDuration > 0 || pSurvey->nTail > 0;
+        if (pSurvey->bInterrupted)
+            pSurvey->notes.push_back("it was never closed; duration and counts are those found");
         if (pSurvey->nTail > 0)
             pSurvey->notes.push_back(std::to_string(pSurvey->nTail) +
                                      " bytes of an unfinished record at the end");
@@ -177,6 +187,32 @@ static void CheckHeader(Check *pCheck)
     if (pHead->uDuration < pSurvey->nLastTimeMs)
         Fault(pSurvey, "the header says %u ms, the last sample is at %u ms", pHead->uDuration,
               pSurvey->nLastTimeMs);
+}
+
+Verdict SurveyVerdict(const Survey &survey)
+{
+    if (!survey.faults.empty())
+        return VERDICT_DAMAGED;
+    if (survey.nVideo == 0)
+        return VERDICT_EMPTY;
+    return survey.bInterrupted ? VERDICT_INTERRUPTED : VERDICT_SOUND;
+}
+
+const char *VerdictName(Verdict nVerdict)
+{
+    switch (nVerdict) {
+        case VERDICT_SOUND:
+            return "sound";
+        case VERDICT_INTERRUPTED:
+            return "interrupted";
+        case VERDICT_EMPTY:
+            return "without a picture";
+        case VERDICT_DAMAGED:
+            return "damaged";
+        case VERDICT_UNREADABLE:
+            break;
+    }
+    return "cannot be read";
 }
 
 void SurveyRecording(Recording *pRecording, Survey *pOut)

@@ -60,6 +60,7 @@ Port *PortOfTask(const Task *pTask);
 // Queues an event of the port as the monitor would, in nDelayMs: MONITOR_... or one of these.
 constexpr uint32_t EVENT_POSTED_INPUT = 0x8000;  // run the parser on what the session already holds
 constexpr uint32_t EVENT_MORE_INPUT = 0x8001;    // go on with a read that was cut short
+constexpr uint32_t EVENT_JOB_DONE = 0x8002;      // what the held request waited for is there
 void PortPostEvent(const Port *pPort, uint32_t nEvent, uint32_t nDelayMs);
 
 // Has what the port still holds read and handled later, behind all that waits; until then its events do

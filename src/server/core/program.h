@@ -14,8 +14,8 @@ namespace orx {
 
 struct AccountTable;
 struct Codec;
-struct ZMFWriter;
-struct ZMFReader;
+struct Recorder;
+struct FileReader;
 
 constexpr int kMaxMediaInfos = 4;  // sections of a description that are read
 constexpr int kMaxRecorders = 4;   // recordings of one program at a time: one of each kind, and one more
@@ -25,7 +25,20 @@ struct MediaClock {
     int bTimeKnown = 0;         // a packet has come; the rest is set
     uint32_t nLastRtpTime = 0;  // of the last packet
     int64_t nExtTime = 0;       // the same extended to 64 bits, so that its wrap does not reach the cache
-    uint32_t nTimeShift = 0;    // StandardPushers: added to its ms, so that all tracks share a time line
+    uint32_t nTimeShift = 0;    // added to its ms, so that all tracks share a time line that does not jump
+    uint32_t nMs = 0;           // NeverLose: what the last packet got
+    uint32_t nArrivedMs = 0;    // and ClockMs then
+};
+
+// NeverLose: where the tracks of a program are in time, and their last jump.
+struct MediaLine {
+    int bKnown = 0;           // a packet has come; the next two are set
+    uint32_t nMs = 0;         // of the last packet, of whatever track
+    uint32_t nArrivedMs = 0;  // ClockMs then
+    int bJumped = 0;          // what follows is set
+    unsigned nJumpTrack = 0;
+    uint32_t nJumpedMs = 0;  // ClockMs at the jump
+    uint32_t nJump = 0;      // what was added to the times of the track
 };
 
 struct MediaInfo {
@@ -36,11 +49,13 @@ struct MediaInfo {
     int nPayloadType = 0;
     uint32_t nTimeScale = 0;  // RTP clock rate, Hz
     int nTrackId = 0;
-    uint8_t nRtpChannel = 0;  // interleaved channels of the pusher
+    char szControl[128] = "";  // of the section's control line; empty without one, or when it is longer
+    uint8_t nRtpChannel = 0;   // interleaved channels of the pusher
     uint8_t nRtcpChannel = 0;
     uint32_t nWidth = 0;   // video; the channel count of audio
     uint32_t nHeight = 0;  // video; the sample rate of audio
     uint32_t nSampleBits = 0;
+    uint32_t nUnitTicks = 1024;  // AAC: how far a unit goes on the RTP clock
     MediaClock clock;
 };
 
@@ -89,6 +104,15 @@ struct ProgramSleep {
     int bSleeping = 0;
 };
 
+// The recording of a program that is recorded whenever it is there (see recordcontrol.h).
+struct AlwaysRecorded {
+    int bWanted = 0;
+    Recorder *pRecorder = nullptr;  // null: the next key frame begins one
+    int bFailed = 0;                // the last one could not be opened, which was said
+    uint32_t nTriedMs = 0;          // ClockMs when the last one was over, with bTried
+    int bTried = 0;
+};
+
 // A flush of the players that takes several tasks.
 struct PlayerFlush {
     Session *pNext = nullptr;  // where it goes on: one of players; null when none is under way
@@ -99,19 +123,21 @@ struct PlayerFlush {
 struct Program {
     ListNode node;  // first: the program list maps an item to itself
     const ProgramOps *pOps = nullptr;
-    char *Uri = nullptr;          // owned; path, beginning with '/'
-    char szName[16] = "";         // generated; CNAME of reports
-    int bLive = 0;                // fed by a pusher, not read from a recording
-    uint32_t nRefs = 0;           // sessions attached, the pusher's included
-    uint32_t tBorn = 0;           // uptime at creation
-    uint32_t nBornMs = 0;         // ClockMs() then
-    List players;                 // attached sessions that are not the pusher, in order of creation
-    Session *pPusher = nullptr;   // not owned; null once the pusher has gone, and for recordings
-    char szAnnouncer[64] = "";    // AnnounceAuth: the user who announced it
-    ZMFReader *reader = nullptr;  // of a recording; null for live
-    ZMFWriter *recorders[kMaxRecorders] = {};
+    char *Uri = nullptr;           // owned; path, beginning with '/'
+    char szName[16] = "";          // generated; CNAME of reports
+    int bLive = 0;                 // fed by a pusher, not read from a recording
+    uint32_t nRefs = 0;            // sessions attached, the pusher's included
+    uint32_t tBorn = 0;            // uptime at creation
+    uint32_t nBornMs = 0;          // ClockMs() then
+    List players;                  // attached sessions that are not the pusher, in order of creation
+    Session *pPusher = nullptr;    // not owned; null once the pusher has gone, and for recordings
+    char szAnnouncer[64] = "";     // AnnounceAuth: the user who announced it
+    FileReader *reader = nullptr;  // of a recording; null for live
+    Recorder *recorders[kMaxRecorders] = {};
     int nRecorders = 0;
+    AlwaysRecorded always;  // beside those
     Description desc;
+    MediaLine line;
     PacketCache cache;
     PlayerFlush flush;
     KeyWatch keyWatch;  // what the key-frame test remembers of the video track

@@ -41,7 +41,7 @@ struct ServerConfig {
     AddrList announceFrom;        // [GUARD] AnnounceFrom
     int64_t nCachedBytes = 0;     // of memory, that the caches of all programs take
     int64_t nQueuedBytes = 0;     // the same of the media that waits for all sessions
-    int nMaxRegisterId = 0;       // number of the next name that REGISTER gives
+    int nMaxRegisterId = 0;       // number of the next name that REGISTER gives; the disk thread's
     ProgramHook pfnProgramHook = nullptr;
     void *pProgramHookContext = nullptr;
 };

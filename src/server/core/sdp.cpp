@@ -3,6 +3,7 @@
 #include "base/console.h"
 #include "base/printable.h"
 #include "base/textbuf.h"
+#include "record/aac.h"
 #include "record/codec.h"
 #include "record/sdpreader.h"
 #include "server/core/settings.h"
@@ -30,9 +31,9 @@ static int EnterKind(Description *pDesc, int i, std::string_view media)
 
 // Enters the codec of a track whose kind is entered, by its encoding name. Returns 0 for one that is not
 // known.
-static int EnterCodec(MediaInfo *pInfo)
+static int EnterCodec(MediaInfo *pInfo, CodecUser nUser)
 {
-    const Codec *pCodec = CodecByName(pInfo->nMediaType, pInfo->szEncoding, CODEC_PROGRAM);
+    const Codec *pCodec = CodecByName(pInfo->nMediaType, pInfo->szEncoding, nUser);
     pInfo->pCodec = pCodec ? pCodec : CodecUnknown(pInfo->nMediaType);
     if (!pCodec)
         return 0;
@@ -42,17 +43,17 @@ static int EnterCodec(MediaInfo *pInfo)
     return 1;
 }
 
-static int ReadAudio(MediaInfo *pInfo, int nChannels)
+static int ReadAudio(MediaInfo *pInfo, CodecUser nUser, int nChannels)
 {
     if (nChannels < 1)
         return 0;
     pInfo->nWidth = static_cast<uint32_t>(nChannels);
     pInfo->nHeight = pInfo->nTimeScale;
-    EnterCodec(pInfo);
+    EnterCodec(pInfo, nUser);
     return 1;
 }
 
-static int ReadVideo(MediaInfo *pInfo, std::string_view text)
+static int ReadVideo(MediaInfo *pInfo, CodecUser nUser, std::string_view text)
 {
     int numbers[4];
     int nWidth = 0;
@@ -66,7 +67,7 @@ static int ReadVideo(MediaInfo *pInfo, std::string_view text)
     }
     pInfo->nWidth = static_cast<uint32_t>(nWidth);
     pInfo->nHeight = static_cast<uint32_t>(nHeight);
-    if (!EnterCodec(pInfo))
+    if (!EnterCodec(pInfo, nUser))
         print("Unsupported video format: %s!\r\n", PrintableText(pInfo->szEncoding).sz);
     return 1;
 }
@@ -85,19 +86,23 @@ static int ChooseTrackId(int i, const SdpSection &section)
 // Reads the attributes of a section whose kind is entered. They are searched to the end of the whole text:
 // encoders that give a section no lines of its own mean those of the next. Returns 0 when the description
 // cannot be used.
-static int ReadAttributes(MediaInfo *pInfo, int i, const SdpSection &section)
+static int ReadAttributes(MediaInfo *pInfo, CodecUser nUser, int i, const SdpSection &section)
 {
     SdpRtpMap map;
     pInfo->nTrackId = ChooseTrackId(i, section);
+    std::string_view control = SdpReadControl(section.own);
+    if (control.size() < sizeof(pInfo->szControl))
+        TextCopy(pInfo->szControl, sizeof(pInfo->szControl), control);
     if (SdpReadRtpMap(section.rest, SDP_ANYWHERE, &map) < 1 || map.nRate < 1)
         return 0;
     pInfo->nPayloadType = map.nPayloadType;
     TextCopy(pInfo->szEncoding, sizeof(pInfo->szEncoding), map.name);
     pInfo->nTimeScale = static_cast<uint32_t>(map.nRate);
+    pInfo->nUnitTicks = AacUnitTicks(SdpReadFormat(section.own), pInfo->nTimeScale);
     if (pInfo->nMediaType == MEDIA_AUDIO_OTHER)
-        return ReadAudio(pInfo, map.nChannels);
+        return ReadAudio(pInfo, nUser, map.nChannels);
     if (pInfo->nMediaType == MEDIA_VIDEO_OTHER)
-        return ReadVideo(pInfo, section.rest);
+        return ReadVideo(pInfo, nUser, section.rest);
     return 1;
 }
 
@@ -112,6 +117,8 @@ int SdpParse(Description *pDesc, const char *szSdp, int bLive, uint32_t nDuratio
     uint32_t nDuration = 0;
     if (!bLive)
         nDuration = nDurationMs ? nDurationMs : SdpRangeEndMs(szSdp);
+    // a recording is known for what it holds, whether such are made or not
+    CodecUser nUser = bLive && !g_settings.bWideUnits ? CODEC_PROGRAM : CODEC_WIDE_PROGRAM;
     pDesc->nTrackCount = 0;
     SdpWalk walk = SdpSections(szSdp, SDP_LINE_OR_CR);
     SdpSection section;
@@ -131,7 +138,7 @@ int SdpParse(Description *pDesc, const char *szSdp, int bLive, uint32_t nDuratio
             continue;
         }
         pInfo->nDuration = nDuration;
-        if (!ReadAttributes(pInfo, i, section))
+        if (!ReadAttributes(pInfo, nUser, i, section))
             return 0;
         pDesc->nTrackCount++;
     }

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <ctime>
 #include <new>
+#include <utility>
 
 #include <sys/random.h>
 
@@ -12,6 +13,7 @@
 #include "base/console.h"
 #include "runtime/clock.h"
 #include "runtime/sockutil.h"
+#include "server/core/heldjob.h"
 #include "server/core/program.h"
 #include "server/core/registry.h"
 #include "server/core/settings.h"
@@ -21,7 +23,7 @@ namespace orx {
 static constexpr uint32_t kIdleCheckMs = 5000;     // who connects has something to say by then
 static constexpr uint32_t kDelayedCloseMs = 2000;  // time for a last reply to arrive before the reset
 
-static Session *FindHandle(uint32_t nHandle)
+Session *FindSessionByHandle(uint32_t nHandle)
 {
     return static_cast<Session *>(AvlValue(&g_server.handleMap, static_cast<int32_t>(nHandle)));
 }
@@ -35,7 +37,7 @@ static uint32_t NextHandle()
         nLast = 0;
     do
         nLast++;
-    while (nLast == 0 || FindHandle(nLast));
+    while (nLast == 0 || FindSessionByHandle(nLast));
     return nLast;
 }
 
@@ -111,7 +113,14 @@ void SessionSchedule(const Session *pSession, TaskProc pfnRun, uint32_t nDelayMs
 
 Session *SessionOfTask(const Task *pTask)
 {
-    return FindHandle(static_cast<uint32_t>(pTask->nParam));
+    return FindSessionByHandle(static_cast<uint32_t>(pTask->nParam));
+}
+
+void SessionForgetJob(Session *pSession)
+{
+    HeldJob *pHeld = std::exchange(pSession->hold.pJob, nullptr);
+    if (pHeld && pHeld->bDone)
+        pHeld->pfnFree(pHeld);
 }
 
 // Gives the UDP ports of a track back.
@@ -155,6 +164,7 @@ static void EndOne(Session *pSession)
     pSession->peer.Cmd = pSession->peer.Reply = nullptr;
     for (SessionTrack &track : pSession->tracks)
         CloseTrackPorts(&track);
+    SessionForgetJob(pSession);  // it may hold what the program has
     ProgramDetach(pSession);
     // what waits is freed in a moment, and nobody need give for it
     g_server.nQueuedBytes -= SessionMediaWaiting(pSession);
@@ -207,6 +217,8 @@ int SessionClosePort(Session *pSession, Port *pPort)
     if (pPort == pSession->hold.pPort) {
         pSession->hold.pPort = nullptr;
         pSession->hold.nScan = 0;
+        pSession->hold.bStep = 0;
+        SessionForgetJob(pSession);
     }
     PortClose(pPort);
     if (pSession->peer.Cmd || pSession->peer.Reply)
@@ -290,6 +302,11 @@ static int OnIdleCheck(Task *pTask, uint32_t, uint32_t, uint32_t)
         SessionClosePort(pSession, pPort);
     }
     return -1;
+}
+
+int PlaysStandard(const Session *pSession)
+{
+    return g_settings.bStandardPlayers && pSession->pProg && !pSession->pProg->bLive;
 }
 
 void SessionScheduleIdleCheck(Port *pPort)

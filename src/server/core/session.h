@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "base/linkedlist.h"
+#include "record/playline.h"
 #include "record/rtpout.h"
 #include "server/core/accounttable.h"
 #include "server/core/port.h"
@@ -60,6 +61,7 @@ struct SessionTrack : RtpTrack {
     // What sender reports tell (RFC 3550, section 6.4.1).
     uint32_t nFirstSentRtpTime = 0;  // RTP time stamp of the first packet written
     uint32_t nClockBase = 0;         // RTP clock at that moment
+    int bReported = 0;               // the report on that packet was made
     uint32_t nPackets = 0;           // packets and payload octets written
     uint32_t nOctets = 0;
 };
@@ -99,6 +101,7 @@ struct SessionFlow {
 };
 
 struct DataBlock;
+struct HeldJob;
 
 // A start from the cache that takes several tasks. Until it is through, what is pushed reaches the player by
 // it.
@@ -114,7 +117,12 @@ struct SessionPlay {
     uint32_t nPlayPos = 0;     // play position, ms: follows the media packets that were sent
     uint32_t nPlayStart = 0;   // position at which the current play began, ms
     uint32_t nPlayClock = 0;   // ClockMs at that moment
+    int64_t nPlayWallUs = 0;   // the wall clock then, us, by which reports on a recording tell its times
+    uint32_t nSpeed = 1000;    // of delivery, in thousandths of real time
+    PlayLine line;             // of a recording, for standard players: all positions above are on it
+    int nTold = 0;             // what was said of its faults
     int bFinalReport = 0;      // a recording has ended, and the player is still to be told
+    uint32_t nEndClock = 0;    // ClockMs at that end
 };
 
 // Who watches, by the accounts of the program that the session holds: goes with it.
@@ -144,6 +152,7 @@ struct SessionHold {
     int bOver = 0;                // it has waited for a wrong password, and its handler runs again
     int nFailures = 0;            // wrong passwords and tokens of this connection
     uint32_t nScan = 0;           // the scan of wireless networks that answers the held request
+    HeldJob *pJob = nullptr;      // what is asked of the disk for it; owned once it is done
 };
 
 struct Session {
@@ -191,6 +200,7 @@ inline int64_t SessionMediaWaiting(const Session *pSession)
 Session *CreateSession(Port *pPort);
 
 Session *FindSession(int fd);
+Session *FindSessionByHandle(uint32_t nHandle);
 
 // The one way to arm a timer for a session. Its task names the session, never a connection or an address:
 // half of a tunnel may be gone when the timer is armed, or when it runs. SessionOfTask: the session, or null
@@ -216,6 +226,9 @@ int SessionClosePort(Session *pSession, Port *pPort);
 // The same for the connection that replies and media go out on.
 int SessionCloseReplyPort(Session *pSession);
 
+// Nobody waits any more for what was asked of the disk (hold.pJob): it goes when it is done.
+void SessionForgetJob(Session *pSession);
+
 // The connections of a session, each null when it has gone. They are one but for a tunnel, whose requests
 // come on one and whose replies go on the other.
 Port *SessionPeerPort(const Session *pSession);   // the peer's: that of requests, else that of replies
@@ -238,6 +251,17 @@ void SessionRemoteText(const Session *pSession, char *szOut);
 inline void *SessionPrintHandle(const Session *pSession)
 {
     return reinterpret_cast<void *>(static_cast<uintptr_t>(pSession->nHandle));
+}
+
+// Whether the session plays a recording as standard players take it ([INTEROP] StandardPlayers): all tracks
+// on one time line, exact places, nothing lost in a pause, and an end that is told.
+int PlaysStandard(const Session *pSession);
+
+// The time stamp of time 0, on every clock. Not 0 for standard players: some take an rtptime of 0 in RTP-Info
+// for none, and count from whatever they read first, after a jump from what is left from before it.
+inline uint32_t PlayStampBase(const Session *pSession)
+{
+    return PlaysStandard(pSession) ? 1 : 0;
 }
 
 // Schedules the delayed close, once: the session ends in 2000 ms, with both connections of a tunnel.

@@ -40,6 +40,13 @@ struct Settings {
     int bAutoDelOldFile = 0;
     uint32_t nPreRecordLen = 0;  // seconds
     uint32_t nMinutePerFile = 0;
+    int bNeverLose = 0;
+    int bWideUnits = 0;
+    char szRecordAlways[1024] =
+        "";                  // names of programs, separated by blanks; '*' at the end stands for any rest
+    uint32_t nKeepDays = 0;  // 0: no limit
+    uint32_t nReserveMegabytes = 0;
+    uint32_t nWriteQueueMegabytes = 0;
     char szRecordSetting[128] = "";  // RecordPath as it stands in the file
     char *szRecordPath = nullptr;    // what is made of it; owned, ends in '/'
     int bStandardPushers = 0;        // [INTEROP] StandardPushers

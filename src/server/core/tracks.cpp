@@ -15,6 +15,7 @@ void SessionCopyTracks(Session *pSession, const Program *pProg)
         pTrack->pCodec = pInfo->pCodec;
         pTrack->nPayloadType = static_cast<uint8_t>(pInfo->nPayloadType);
         pTrack->nTimeScale = pInfo->nTimeScale;
+        pTrack->nUnitTicks = pInfo->nUnitTicks;
         pTrack->nTrackId = pInfo->nTrackId;
         pTrack->nRtpChannel = pInfo->nRtpChannel;
         pTrack->nRtcpChannel = pInfo->nRtcpChannel;

@@ -8,6 +8,7 @@
 #include "runtime/clock.h"
 #include "runtime/slice.h"
 #include "runtime/taskwatch.h"
+#include "server/core/heldjob.h"
 #include "server/core/program.h"
 #include "server/media/ingest.h"
 #include "server/media/replies.h"
@@ -213,29 +214,33 @@ static Step CheckCSeq(Session *pSession, Port *pPort)
 
 static Step RunHandler(Session *pSession, Port *pPort, uint32_t *pAt);
 
-// The wait of an answer is over: its request is handled once more, then what the peer has sent since.
-static int OnHoldOver(Task *pTask, uint32_t, uint32_t, uint32_t)
+void AnswerHeldRequest(Port *pPort)
 {
-    Port *pPort = PortOfTask(pTask);
     Session *pSession = pPort ? FindSession(pPort->fd) : nullptr;
     if (!pSession || pSession->hold.pPort != pPort)
-        return -1;
+        return;
     pSession->hold.pPort = nullptr;
     pSession->nCSeq = pSession->hold.nCSeq;
     pSession->hold.bOver |= !pSession->hold.bStep;
     pSession->hold.bStep = 0;
     pSession->peer.tLastActivity = ClockUptime();  // nothing was read, however long one may be silent
+    pSession->input.nNext = 0;                     // what is held was behind it
     uint32_t nAt = 0;
     Step step = RunHandler(pSession, pPort, &nAt);
     if (!pSession->hold.pPort)
         pSession->hold.bOver = 0;
     if (step == Step::Gone)
-        return -1;
+        return;
     // what came meanwhile was not read, also on the other half of a tunnel, and is not reported again
     for (const Port *pOther : {pSession->peer.Cmd, pSession->peer.Reply})
         if (pOther && pOther != pPort)
             PortPostEvent(pOther, MONITOR_READ, 0);
     PortPostEvent(pPort, EVENT_POSTED_INPUT, 0);
+}
+
+static int OnHoldOver(Task *pTask, uint32_t, uint32_t, uint32_t)
+{
+    AnswerHeldRequest(PortOfTask(pTask));
     return -1;
 }
 
@@ -243,7 +248,8 @@ static Step HoldRequest(Session *pSession, const Port *pPort, uint32_t nCSeq)
 {
     pSession->hold.pPort = pPort;
     pSession->hold.nCSeq = nCSeq;
-    PortSchedule(pPort, OnHoldOver, pSession->hold.nDelayMs);
+    if (!pSession->hold.pJob || pSession->hold.pJob->bDone)  // else the job wakes it
+        PortSchedule(pPort, OnHoldOver, pSession->hold.nDelayMs);
     return Step::Wait;
 }
 

@@ -11,4 +11,8 @@ namespace orx {
 // session has ended.
 int HandleInput(Session *pSession, Port *pPort);
 
+// What the request that is held on the port waited for is there: handles it once more, then what the peer has
+// sent since. Nothing when none is held there; the port may be null.
+void AnswerHeldRequest(Port *pPort);
+
 }  // namespace orx

@@ -377,6 +377,9 @@ static void HandleEvent(int fd, uint32_t nEvent, Port *pPort)
         case EVENT_MORE_INPUT:
             OnMoreInput(fd, pPort);
             break;
+        case EVENT_JOB_DONE:
+            AnswerHeldRequest(pPort);
+            break;
         default:
             print("OnUnknownEvent(0x%x)\r\n", fd);
             ORX_ASSERT(0, "!\"unknown event\"");

@@ -13,6 +13,7 @@
 #include "base/console.h"
 #include "base/textbuf.h"
 #include "record/storage.h"
+#include "runtime/diskthread.h"
 #include "runtime/sockutil.h"
 #include "server/core/program.h"
 #include "server/core/registry.h"
@@ -20,6 +21,8 @@
 #include "server/core/settings.h"
 #include "server/front/events.h"
 #include "server/front/remoteservices.h"
+#include "server/media/storagecare.h"
+#include "server/methods/accountfile.h"
 #include "server/methods/accounts.h"
 #include "server/methods/attempts.h"
 #include "server/methods/auth.h"
@@ -48,11 +51,15 @@ static void SeedRandom()
     srand(nSeed);
 }
 
-// What an earlier run left unfinished is settled before the directory is used again.
-static void PrepareStorage()
+// What an earlier run left unfinished is settled before the directory is used again. Where nothing is to be
+// lost, it is repaired later.
+static void PrepareStorage(PathList *pInterrupted)
 {
-    StorageRecover(g_settings.szRecordPath, g_settings.bConfineRecordings);
+    StorageRecover(g_settings.szRecordPath, g_settings.bConfineRecordings || g_settings.bNeverLose,
+                   g_settings.bNeverLose ? pInterrupted : nullptr);
     StorageMakeDir(g_settings.szRecordPath);
+    if (g_settings.szRecordAlways[0] && !g_settings.bRecord)
+        print("RecordAlways is set, but nothing is recorded: RecordEnable is 0.\r\n");
 }
 
 static int CreatePortMgr()
@@ -72,6 +79,7 @@ static int CreateScheduler()
 static int CreateAuth()
 {
     AttemptsReset();
+    AccountFileLoad(g_settings.szConfigPath);
     g_server.pAuth = AuthCreate(g_settings.nAuthType, kRealm, GetUserAccount, g_settings.bFreshNonce);
     if (!g_server.pAuth)
         print("No authenticator for AuthType %u (%s): set AuthType to 0, 1 or 2.\r\n", g_settings.nAuthType,
@@ -114,8 +122,33 @@ static void DropCutNetwork(char *szList, size_t nSize)
     *pLast = '\0';
 }
 
+// --- The log, from which nobody waits for the disk while its thread runs ---
+
+static DiskLane g_logLane;
+static DiskJob g_logJob;  // in the lane, or nobody's
+
+static int RunLogJob(DiskJob *)
+{
+    return LogWriteSome();
+}
+
+static void PostLogJob()
+{
+    DiskPostLazy(&g_logLane, &g_logJob);
+}
+
+static int StartDisk()
+{
+    if (!DiskStart(&g_server.scheduler))
+        return 0;
+    g_logJob.pfnRun = RunLogJob;
+    LogDivert(PostLogJob);
+    return 1;
+}
+
 int ServerStart(const char *szConfigPath)
 {
+    tzset();  // which reads a file
     ClearServer();
     if (!SettingsRead(&g_settings, szConfigPath)) {
         ClearServer();
@@ -128,16 +161,19 @@ int ServerStart(const char *szConfigPath)
     SeedRandom();
     AssertSurvivePeerFaults(g_settings.bSurvivePeerFaults);
     ThreadAllowNoPriority(g_settings.bRunUnprivileged);
-    PrepareStorage();
+    PathList interrupted;
+    PrepareStorage(&interrupted);
     RegistryInit(OnFreePort);
-    int bReady = CreatePortMgr() && CreateAuth() && CreateScheduler() &&
+    int bReady = CreatePortMgr() && CreateAuth() && CreateScheduler() && StartDisk() &&
                  MonitorCreate(&g_server.monitor, OnMonitorEvent, nullptr);
     if (!bReady) {
+        PathListFree(&interrupted);
         ServerStop();
         return 0;
     }
     MonitorSetBurstProc(&g_server.monitor, OnMonitorBurst);
     OpenListener();
+    StorageCareStart(&interrupted);
     if (!RemoteServicesStart()) {
         ServerStop();
         return 0;
@@ -145,9 +181,26 @@ int ServerStart(const char *szConfigPath)
     return 1;
 }
 
+// What recordings have queued still reaches the disk, unless that stalls. Returns 0 then: the disk thread
+// holds on to what it works on.
+static int StopDisk()
+{
+    constexpr uint32_t kMostMs = 10000;
+    size_t nLost = DiskStop(kMostMs);
+    if (nLost > 0)
+        print(
+            "The disk stalls: the last %zu bytes of recordings are lost, and their files stay "
+            "interrupted.\r\n",
+            nLost);
+    else
+        LogDivert(nullptr);  // a disk that stalls would take this thread, too
+    return nLost == 0;
+}
+
 void ServerStop()
 {
     RemoteServicesStop();
+    DiskDetach();
     ThreadJoin(&g_server.monitor.thread);  // no more events; its sockets stay while tasks may still use them
     SchedulerDestroy(&g_server.scheduler);
     WifiRoutersStop();
@@ -156,6 +209,8 @@ void ServerStop()
     AvlDestroy(&g_server.programMap);
     SessionEndAll();
     ProgramEndAll();
+    StorageCareStop();
+    int bDiskEnded = StopDisk();
     AvlDestroy(&g_server.portMap);
     AvlDestroy(&g_server.sessionMap);
     AvlDestroy(&g_server.handleMap);
@@ -163,7 +218,10 @@ void ServerStop()
     PortMgrFree(g_server.pPortMgr);
     delete g_server.pPortMgr;
     AuthFree(g_server.pAuth);
-    ClearServer();
+    if (bDiskEnded) {  // else its thread reads the settings yet
+        AccountFileFree();
+        ClearServer();
+    }
 }
 
 // A request of the main thread that the scheduler thread answers.

@@ -2,59 +2,70 @@
 
 #include <strings.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "base/console.h"
 #include "base/textbuf.h"
-#include "record/recordwalk.h"
+#include "record/sdpreader.h"
 #include "record/storage.h"
-#include "record/zmfreader.h"
 #include "server/core/sdp.h"
 #include "server/core/settings.h"
+#include "server/media/filereader.h"
 #include "server/media/filesend.h"
 
 namespace orx {
 
-constexpr uint32_t kReadBuffer = 204800;  // bytes that the reader of a recording keeps
-constexpr size_t kShortestPath = 6;       // "/a.zmf"
+constexpr size_t kShortestPath = 6;  // "/a.zmf"
+// Between two key frames where only such are played: where each picture is one, no player could show them
+// all.
+constexpr uint32_t kKeyGapMs = 20;
 
 static const char *FileSdp(const Program *pProg)
 {
-    return pProg->reader ? ZMFReaderSdp(pProg->reader) : nullptr;
+    return pProg->reader ? pProg->reader->szSdp : nullptr;
 }
 
 static void CloseReader(Program *pProg)
 {
-    ZMFReaderClose(pProg->reader);
-    pProg->reader = nullptr;
+    FileReaderClose(std::exchange(pProg->reader, nullptr));
 }
 
 static const ProgramOps g_fileOps = {FileSdp, FillBufferFromFile, CloseReader};
 
 uint32_t FileProgramDuration(const Program *pProg)
 {
-    return pProg->reader ? ZMFReaderDuration(pProg->reader) : 0;
+    return pProg->reader ? pProg->reader->uDuration : 0;
 }
 
-int FileProgramSeek(Program *pProg, uint32_t nMs, uint32_t *pReached)
+int FileProgramScale(const Session *pSession, float fWanted)
 {
-    int bMore = 0;
-    if (!pProg->reader)
-        return 0;
-    const uint8_t *pRecord = ZMFReaderSeekStep(pProg->reader, nMs, kStepWork, pReached, &bMore);
-    return bMore ? -1 : pRecord != nullptr;
+    static constexpr int scales[] = {1, 2, 4, 8, 16, -1, -2, -4, -8, -16};
+    int nVideo = pSession->pProg->desc.nVideoTrack;
+    if (!PlaysStandard(pSession) || nVideo < 0 || nVideo >= kMaxTracks || !pSession->tracks[nVideo].bSetUp)
+        return 1;
+    auto isNearer = [fWanted](int a, int b) {
+        return std::fabs(fWanted - static_cast<float>(a)) < std::fabs(fWanted - static_cast<float>(b));
+    };
+    return *std::min_element(std::begin(scales), std::end(scales), isNearer);
 }
 
-// Opens the recording of a program whose Uri is set and reads its description. Returns 1 or 0.
-static int OpenReader(Program *pProg, const char *szFile, int *pbMore)
+int FileProgramSeek(Session *pSession, uint32_t nMs, int nScale, uint32_t *pReached)
 {
-    const char *szBelow = g_settings.bConfineRecordings ? g_settings.szRecordPath : nullptr;
-    pProg->reader = ZMFReaderOpenStep(szFile, kReadBuffer, kStepWork, pbMore, szBelow);
-    if (!pProg->reader)
-        return 0;
-    const char *szSdp = FileSdp(pProg);
-    return szSdp && SdpParse(&pProg->desc, szSdp, 0, FileProgramDuration(pProg));
+    FileReader *pReader = pSession->pProg->reader;
+    HeldJob *pHeld = HeldJobTake(pSession);
+    if (!pHeld) {
+        FileSeek seek = {nMs, PlaysStandard(pSession), (nScale > 1) - (nScale < 0),
+                         static_cast<uint32_t>(std::abs(nScale)) * kKeyGapMs};
+        HeldJob *pSeeking = pReader ? FileReaderSeeking(pReader, &seek) : nullptr;
+        if (!pSeeking)
+            return 0;
+        pHeld = HeldJobPost(pSession, &pReader->lane, pSeeking);
+    }
+    return pHeld ? FileReaderSought(pHeld, pReached) : -1;
 }
 
 // Whether a path may be that of a recording: with ConfineRecordings slashes at its end do not count.
@@ -77,21 +88,60 @@ static int FilePath(char *szOut, size_t nSize, const char *szPath)
     return TextAdd(&file, "%s", PathName(szPath));
 }
 
-Program *CreateFileProgram(const char *szPath, int *pbMore)
+// Has the file of a recording's path opened. Returns the job when that is done already; *pbMore: it is not.
+static HeldJob *Open(Session *pSession, const char *szPath, int *pbMore)
 {
-    *pbMore = 0;
     char file[512];
     if (!NamesRecording(szPath) || !g_settings.bFilePrograms || !g_settings.szRecordPath ||
         !*g_settings.szRecordPath || !StorageIsInside(szPath) || !FilePath(file, sizeof(file), szPath))
         return nullptr;
-    Program *pProg = ProgramNew(szPath, &g_fileOps);
-    if (!pProg)
+    const char *szBelow = g_settings.bConfineRecordings ? g_settings.szRecordPath : nullptr;
+    DiskLane *pLane = nullptr;
+    HeldJob *pOpening = FileReaderOpening(file, szBelow, &pLane);
+    if (!pOpening)
         return nullptr;
-    if (!OpenReader(pProg, file, pbMore) || !ProgramReady(pProg)) {
-        ProgramDiscard(pProg);
+    HeldJob *pHeld = HeldJobPost(pSession, pLane, pOpening);
+    *pbMore = !pHeld;
+    return pHeld;
+}
+
+// Cameras leave the rtpmap lines of static payload types out (RFC 3551, section 6), and so do recordings of
+// theirs.
+static int ReadDescription(Description *pDesc, const FileReader *pReader)
+{
+    char *szSdp = g_settings.bStandardPlayers ? SdpWithStaticMaps(pReader->szSdp) : nullptr;
+    int bRead = SdpParse(pDesc, szSdp ? szSdp : pReader->szSdp, 0, pReader->uDuration);
+    free(szSdp);
+    return bRead;
+}
+
+// A program of an open recording, whose owner it becomes. Null, with it closed, without a usable description.
+static Program *MakeProgram(const char *szPath, FileReader *pReader)
+{
+    Program *pProg = ProgramNew(szPath, &g_fileOps);
+    if (!pProg) {
+        FileReaderClose(pReader);
         return nullptr;
     }
-    print("CreateFileProgram(Uri=%s), pointer=0x%x.\r\n", pProg->Uri, ProgramPrintId(pProg));
+    pProg->reader = pReader;
+    pReader->pProg = pProg;
+    pReader->pfnArrived = FileRecordsArrived;
+    if (pReader->szSdp && ReadDescription(&pProg->desc, pReader) && ProgramReady(pProg))
+        return pProg;
+    ProgramDiscard(pProg);
+    return nullptr;
+}
+
+Program *CreateFileProgram(Session *pSession, const char *szPath, int *pbMore)
+{
+    *pbMore = 0;
+    HeldJob *pHeld = HeldJobTake(pSession);
+    if (!pHeld)
+        pHeld = Open(pSession, szPath, pbMore);
+    FileReader *pReader = pHeld ? FileReaderOpened(pHeld) : nullptr;
+    Program *pProg = pReader ? MakeProgram(szPath, pReader) : nullptr;
+    if (pProg)
+        print("CreateFileProgram(Uri=%s), pointer=0x%x.\r\n", pProg->Uri, ProgramPrintId(pProg));
     return pProg;
 }
 

@@ -11,4 +11,7 @@ void FileSenderStart(Session *pSession);
 // Refills the queue of a playing player of a recording from its file. Returns 1 when packets were queued.
 int FillBufferFromFile(Session *pSession);
 
+// Records of a recording are there that a refill did not find: goes on with it.
+void FileRecordsArrived(Program *pProg);
+
 }  // namespace orx

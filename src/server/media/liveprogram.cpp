@@ -2,8 +2,10 @@
 
 #include <cstring>
 
+#include "record/sdpreader.h"
 #include "runtime/clock.h"
 #include "server/core/sdp.h"
+#include "server/core/settings.h"
 #include "server/media/recordcontrol.h"
 
 namespace orx {
@@ -26,8 +28,9 @@ Program *CreateLiveProgram(const char *szPath, const char *szSdp, size_t nSdp)
         return nullptr;
     pProg->bLive = 1;
     pProg->sleep.tIdleSince = ClockUptime();
-    pProg->desc.szSdp = strdup(szSdp);
-    if (pProg->desc.szSdp && SdpParse(&pProg->desc, szSdp, 1, 0) && ProgramReady(pProg))
+    pProg->always.bWanted = RecordedAlways(szPath);
+    pProg->desc.szSdp = g_settings.bStandardPushers ? SdpWithStaticMaps(szSdp) : strdup(szSdp);
+    if (pProg->desc.szSdp && SdpParse(&pProg->desc, pProg->desc.szSdp, 1, 0) && ProgramReady(pProg))
         return pProg;
     ProgramDiscard(pProg);
     return nullptr;

@@ -14,7 +14,7 @@ namespace orx {
 // - with a packet that finds more than kFlushAtOnceAbove, or the queue full (CachePacketEx),
 // - with every reply (SendReply2),
 // - by a timer: what a full socket left after 200 ms (OnSessionDelaySendTimer), a start over UDP every 20 ms
-//   (OnCatchUpTimer), a recording every 200 ms (OnFileSend).
+//   (OnCatchUpTimer), a recording every 200 or 20 ms (OnFileSend).
 // The limits count blocks. Full is a queue of more bytes than [GUARD] CacheMegabytes, without what a start
 // brought: a live player that is still full when its queue has left as far as it could is ended, as above
 // kGiveUpAbove, or loses the media that waits (AutoDropDataWhenCrowded). What waits for all together is

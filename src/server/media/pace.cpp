@@ -8,7 +8,7 @@
 namespace orx {
 
 static constexpr int32_t kFileLeadMs = 1000;  // a recording is sent at most this far ahead of real time
-static constexpr uint32_t kCatchUpSpeed = 4;  // times real time, of a start over UDP
+static constexpr uint32_t kCatchUpSpeed = 4;  // times real time, of what is ahead over UDP
 
 // A start can be ten seconds of media, and a player's UDP socket holds a fraction of a second: at a multiple
 // of real time nothing is lost. Time stamps that jump do not hold it up for longer than the cache should
@@ -19,15 +19,32 @@ static int CatchesUp(const Session *pSession)
            ClockMs() - pSession->play.nPlayClock < pSession->pProg->cache.nCacheLimit;
 }
 
+// The media of a recording that is due.
+static uint32_t DueMs(const SessionPlay *pPlay)
+{
+    return static_cast<uint32_t>(uint64_t{ClockMs() - pPlay->nPlayClock} * pPlay->nSpeed / 1000);
+}
+
+// What may be ahead of it. Over UDP it grows: a second of large pictures at once is more than a player's
+// socket holds.
+static int32_t LeadMs(const Session *pSession)
+{
+    if (!PlaysStandard(pSession) || pSession->out.bInterleaved)
+        return kFileLeadMs;
+    uint32_t nSince = std::min<uint32_t>(ClockMs() - pSession->play.nPlayClock, kFileLeadMs);
+    return std::min(kFileLeadMs, static_cast<int32_t>((kCatchUpSpeed - 1) * nSince));
+}
+
 Pace PaceOf(const Session *pSession)
 {
     if (!pSession->pProg || (pSession->nFlags & SESSION_PUSHER))
         return {};
     const SessionPlay *pPlay = &pSession->play;
     uint32_t nSent = pPlay->nPlayPos - pPlay->nPlayStart;
-    if (!pSession->pProg->bLive)
-        return {1, pPlay->nPlayStart, ClockMs() - pPlay->nPlayClock, nSent, kFileLeadMs};
-    return {CatchesUp(pSession), pPlay->nPlayStart, pSession->flow.nCatchUpMs, nSent, 0};
+    if (pSession->pProg->bLive)
+        return {CatchesUp(pSession), 0, pPlay->nPlayStart, pSession->flow.nCatchUpMs, nSent, 0};
+    int bPaused = PlaysStandard(pSession) && pSession->nState == STATE_PAUSED;
+    return {1, bPaused, pPlay->nPlayStart, DueMs(pPlay), nSent, LeadMs(pSession)};
 }
 
 DataBlock *PaceFirstHeld(const Session *pSession)
@@ -43,6 +60,13 @@ DataBlock *PaceFirstHeld(const Session *pSession)
             PaceAdvance(&pace, p);
     }
     return pHeld;
+}
+
+int PaceKeepsAll(const Session *pSession)
+{
+    Pace pace = PaceOf(pSession);
+    const auto *pHead = ListFirstOf<DataBlock>(&pSession->out.Outq);
+    return !pHead || (pace.bPaused && PaceHoldsBack(&pace, pHead));
 }
 
 int PaceMayTakeStart(const Session *pSession)

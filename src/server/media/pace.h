@@ -13,6 +13,7 @@ namespace orx {
 // How far playing may have gone and has gone.
 struct Pace {
     int bPaced;         // 0: everything leaves at once
+    int bPaused;        // no media leaves, but for the rest of a packet
     uint32_t nStart;    // ms, the position that PLAY began at
     uint32_t nElapsed;  // media ms since PLAY that are due
     uint32_t nSent;     // media ms since PLAY, at the last block
@@ -26,8 +27,11 @@ Pace PaceOf(const Session *pSession);
 // that a pause leaves no player with a piece of one.
 inline int PaceHoldsBack(const Pace *pPace, const DataBlock *pBlock)
 {
-    return pPace->bPaced && (pBlock->nFlags & DB_MEDIA) &&
-           ClockDiff(pPace->nSent, pPace->nElapsed) > pPace->nLead &&
+    if (!pPace->bPaced || !(pBlock->nFlags & DB_MEDIA))
+        return 0;
+    if (pPace->bPaused && pBlock->sent == 0)
+        return 1;
+    return ClockDiff(pPace->nSent, pPace->nElapsed) > pPace->nLead &&
            pBlock->nTimestamp - pPace->nStart != pPace->nSent;
 }
 
@@ -41,6 +45,9 @@ inline void PaceAdvance(Pace *pPace, const DataBlock *pBlock)
 // The first packet of the queue that the pace holds back and that a reply need not wait for; null when there
 // is none. Replies keep their order among themselves; reports, which carry the key flag, may be passed.
 DataBlock *PaceFirstHeld(const Session *pSession);
+
+// Whether nothing waits but what a pause keeps.
+int PaceKeepsAll(const Session *pSession);
 
 // Whether a player that blocks is still given the time to take the start that waits in its queue: as long as
 // that may have taken to play, and until as much again waits behind it, or so much that it would be given up.

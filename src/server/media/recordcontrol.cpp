@@ -1,72 +1,139 @@
 #include "server/media/recordcontrol.h"
 
+#include <strings.h>
+
 #include <cstring>
+#include <utility>
 
 #include "base/assertion.h"
 #include "base/console.h"
-#include "base/printable.h"
-#include "base/textbuf.h"
-#include "base/textnumber.h"
-#include "record/zmfwriter.h"
 #include "runtime/clock.h"
 #include "server/core/settings.h"
-#include "server/media/send.h"
 
 namespace orx {
 
-// The letter by which a writer knows the kind of a packet.
-static char MediaLetter(const Program *pProg, const DataBlock *pBlock)
-{
-    if (pBlock->nFlags & DB_VIDEO)
-        return 'v';
-    return BlockData(pBlock)[1] == 2 * pProg->desc.nAudioTrack ? 'a' : 'u';
-}
+static constexpr uint32_t kAlwaysAgainMs = 5000;  // after the end of a recording that is to run always
 
-static int WritePacket(ZMFWriter *pWriter, const Program *pProg, const DataBlock *pBlock)
+// Takes a recorder out and moves the last one into its place.
+static Recorder *TakeRecorder(Program *pProg, int i)
 {
-    return ZMFWriterWriteRtpPacket(pWriter, BlockData(pBlock) + kInterleaveBytes,
-                                   pBlock->len - kInterleaveBytes, MediaLetter(pProg, pBlock),
-                                   pBlock->nTimestamp);
-}
-
-// Closes a writer and moves the last one into its place.
-static void DropRecorder(Program *pProg, int i)
-{
-    ZMFWriterFree(pProg->recorders[i]);
+    Recorder *pRecorder = pProg->recorders[i];
     pProg->recorders[i] = pProg->recorders[--pProg->nRecorders];
     pProg->recorders[pProg->nRecorders] = nullptr;
+    return pRecorder;
+}
+
+static void DropOver(Program *pProg, int i)
+{
+    if (pProg->recorders[i]->bOver)
+        RecorderClose(TakeRecorder(pProg, i));
+}
+
+// Whether a name is another's, which stands for any rest when it ends with '*'.
+static int Matches(const char *szName, const char *szPattern, size_t nPattern)
+{
+    int bRest = nPattern > 0 && szPattern[nPattern - 1] == '*';
+    return bRest ? strncasecmp(szName, szPattern, nPattern - 1) == 0
+                 : strlen(szName) == nPattern && strncasecmp(szName, szPattern, nPattern) == 0;
+}
+
+int RecordedAlways(const char *szPath)
+{
+    const char *p = g_settings.szRecordAlways;
+    for (size_t nName; g_settings.bRecord && *(p += strspn(p, " \t")); p += nName) {
+        nName = strcspn(p, " \t");
+        if (Matches(PathName(szPath), p, nName))
+            return 1;
+    }
+    return 0;
+}
+
+int RecordersWant(const Program *pProg)
+{
+    return pProg->always.bWanted || (g_settings.bNeverLose && pProg->nRecorders > 0);
+}
+
+// What could not be opened is said once, and again when it was open in between.
+static void EndAlways(Program *pProg)
+{
+    AlwaysRecorded *pAlways = &pProg->always;
+    int bFailed = !pAlways->pRecorder->bOpened;
+    if (bFailed && !pAlways->bFailed)
+        print("Program(%s) cannot be recorded now: this is tried every %u s.\r\n", pProg->Uri,
+              kAlwaysAgainMs / 1000);
+    pAlways->bFailed = bFailed;
+    pAlways->bTried = 1;
+    pAlways->nTriedMs = ClockMs();
+    RecorderClose(std::exchange(pAlways->pRecorder, nullptr));
+}
+
+static void BeginAlways(Program *pProg)
+{
+    AlwaysRecorded *pAlways = &pProg->always;
+    RecordOrder order;
+    order.bAgain = pAlways->bFailed;
+    RecorderOpening *pOpening = nullptr;
+    Recorder *pRecorder = RecorderNew(pProg, &order, 0, &pOpening);
+    if (pRecorder)
+        RecorderOpen(pRecorder, pOpening);
+    pAlways->pRecorder = pRecorder;
+}
+
+static void WriteAlways(Program *pProg, const DataBlock *pBlock)
+{
+    AlwaysRecorded *pAlways = &pProg->always;
+    if (pAlways->pRecorder && pAlways->pRecorder->bOver)
+        EndAlways(pProg);
+    if (pAlways->pRecorder) {
+        RecorderWrite(pAlways->pRecorder, pProg, pBlock);
+        return;
+    }
+    int bWait = pAlways->bTried && ClockMs() - pAlways->nTriedMs < kAlwaysAgainMs;
+    if (!bWait && BlockStartsKey(pBlock))
+        BeginAlways(pProg);  // with this block, the newest of the cache
 }
 
 void RecordersWrite(Program *pProg, const DataBlock *pBlock)
 {
+    if (pProg->always.bWanted)
+        WriteAlways(pProg, pBlock);
     for (int i = pProg->nRecorders - 1; i >= 0; i--) {
-        int nResult = WritePacket(pProg->recorders[i], pProg, pBlock);
-        if (nResult > 0)
-            continue;
-        print(nResult < 0 ? "ZMFWriterWriteSample() failed!\r\n"
-                          : "ZMFWriterWriteSample() auto stopped().\r\n");
-        DropRecorder(pProg, i);
+        RecorderWrite(pProg->recorders[i], pProg, pBlock);
+        DropOver(pProg, i);
     }
 }
 
 void RecordersClose(Program *pProg)
 {
+    if (pProg->always.pRecorder)
+        RecorderClose(std::exchange(pProg->always.pRecorder, nullptr));
     while (pProg->nRecorders > 0)
-        DropRecorder(pProg, pProg->nRecorders - 1);
+        RecorderClose(TakeRecorder(pProg, pProg->nRecorders - 1));
 }
 
-// Ends the first manual recording; others end only by their limits.
-void StopRecord(Program *pProg)
+// Takes the first manual recording out; others end only by their limits.
+static Recorder *TakeManual(Program *pProg)
 {
-    for (int i = 0; i < pProg->nRecorders; i++) {
-        if (ZMFWriterRecordKind(pProg->recorders[i]) != RECORD_MANUAL)
-            continue;
-        char szFile[kStoragePathSize] = "";
-        ZMFWriterFileName(pProg->recorders[i], szFile, sizeof(szFile));
-        DropRecorder(pProg, i);
-        print("StopRecord(%s)\r\n", PrintableText(szFile).sz);
-        return;
+    for (int i = 0; i < pProg->nRecorders; i++)
+        if (pProg->recorders[i]->nKind == RECORD_MANUAL && !pProg->recorders[i]->bOver)
+            return TakeRecorder(pProg, i);
+    return nullptr;
+}
+
+int StopRecord(Session *pSession)
+{
+    HeldJob *pHeld = HeldJobTake(pSession);
+    if (!pHeld) {
+        Recorder *pRecorder = TakeManual(pSession->pProg);
+        HeldJob *pClosing = pRecorder ? RecorderClosing(pRecorder, 1) : nullptr;
+        if (!pClosing)
+            return 1;
+        pHeld = HeldJobPost(pSession, &pRecorder->lane, pClosing);
     }
+    if (!pHeld)
+        return 0;
+    pHeld->pfnFree(pHeld);
+    return 1;
 }
 
 // The cached seconds ahead of an alarm, as far back as the program goes. Uptime counts begun seconds; the age
@@ -81,126 +148,41 @@ static uint32_t PreRecordSeconds(const Program *pProg, int nKind)
     return nAge < g_settings.nPreRecordLen ? nAge : g_settings.nPreRecordLen;
 }
 
-static int IsRecordingName(const char *szFile)
+// Adds a recorder to the program, which feeds it from now on, and has its file opened. Returns the opening
+// when that is done already; else null with *peResult.
+static HeldJob *Begin(Session *pSession, const RecordOrder *pOrder, RecordStart *peResult)
 {
-    size_t nLen = strlen(szFile);
-    return nLen > 4 && strcasecmp(szFile + nLen - 4, ".zmf") == 0;
-}
-
-// A peer may choose where its recording goes, but only a recording's name, so that it overwrites nothing
-// else.
-static int IsSafeFileName(const char *szFile)
-{
-    return IsRecordingName(szFile) && !strstr(szFile, "../");
-}
-
-// The name of a recording, as far as it is known before its file is made.
-static void ChooseName(const Program *pProg, const RecordOrder *pOrder, char *szFile, size_t nSize)
-{
-    TextBuf text{szFile, nSize};
-    const char *szRoot = g_settings.szRecordPath, *szName = PathName(pProg->Uri);
-    int bConfined = g_settings.bConfineRecordings;
-    if (!pOrder->bNamed)
-        (bConfined ? StorageNamePath : StorageNextPath)(szFile, nSize, szRoot, szName, pOrder->nKind);
-    else if (bConfined && pOrder->szFile[0] && pOrder->szFile[0] != '/')
-        TextAdd(&text, "%s%s", szRoot, pOrder->szFile);
-    else
-        TextAdd(&text, "%s", pOrder->szFile);
-}
-
-static ZMFWriter *CreateWriter(const Program *pProg, const RecordOrder *pOrder, const char *szFile)
-{
-    if (pOrder->bNamed)
-        return IsSafeFileName(szFile) ? ZMFWriterCreateFile(szFile, pOrder->nKind, nullptr) : nullptr;
-    return ZMFWriterCreate(g_settings.szRecordPath, PathName(pProg->Uri), pOrder->nKind, nullptr);
-}
-
-// The same below the directory of recordings, whatever links and ".." make of the name.
-static ZMFWriter *CreateConfined(const Program *pProg, const RecordOrder *pOrder, const char *szFile)
-{
-    char szProgram[kStoragePathSize];
-    if (pOrder->bNamed)
-        return IsRecordingName(szFile)
-                   ? ZMFWriterCreateFile(szFile, pOrder->nKind, nullptr, g_settings.szRecordPath)
-                   : nullptr;
-    return StorageProgramPath(szProgram, sizeof(szProgram), pProg->Uri)
-               ? ZMFWriterCreate(g_settings.szRecordPath, szProgram, pOrder->nKind, nullptr, 1)
-               : nullptr;
-}
-
-// Opens the first file of a recording; null, with the cause printed, when it cannot be made.
-static ZMFWriter *OpenWriter(const Program *pProg, const RecordOrder *pOrder, uint32_t nPreRecord)
-{
-    char szFile[kStoragePathSize] = "";
-    ZMFWriter *pWriter = nullptr;
-    ChooseName(pProg, pOrder, szFile, sizeof(szFile));
-    if (g_settings.bConfineRecordings && (pWriter = CreateConfined(pProg, pOrder, szFile)))
-        ZMFWriterFileName(pWriter, szFile, sizeof(szFile));  // the name that was free
-    print("StartRecord(%s) Limited=%dseconds, PreRecord=%useconds\r\n", PrintableText(szFile).sz,
-          pOrder->nLimitSeconds, nPreRecord);
-    if (!g_settings.bConfineRecordings)
-        pWriter = CreateWriter(pProg, pOrder, szFile);
-    if (!pWriter) {
-        print("Create record file(%s) failed!\r\n", PrintableText(szFile).sz);
+    Program *pProg = pSession->pProg;
+    *peResult = RecordStart::Runs;
+    for (int i = pProg->nRecorders - 1; i >= 0; i--)
+        DropOver(pProg, i);
+    if (pProg->nRecorders == kMaxRecorders)
         return nullptr;
-    }
-    if (ZMFWriterSetReserveMinSpace(pWriter, kReserveMegabytes, g_settings.bAutoDelOldFile))
-        return pWriter;
-    print("NOT enough storage space to record!!!\n");
-    ZMFWriterDiscard(pWriter);
-    return nullptr;
+    RecorderOpening *pOpening = nullptr;
+    Recorder *pRecorder = RecorderNew(pProg, pOrder, PreRecordSeconds(pProg, pOrder->nKind), &pOpening);
+    *peResult = pRecorder ? RecordStart::Waits : RecordStart::NoSpace;
+    if (!pRecorder)
+        return nullptr;
+    pProg->recorders[pProg->nRecorders++] = pRecorder;
+    return HeldJobPost(pSession, &pRecorder->lane, &pOpening->held);
 }
 
-// Label, description, limits and header. 1 or 0.
-static int BeginFile(ZMFWriter *pWriter, const Program *pProg, const RecordOrder *pOrder)
+RecordStart StartRecord(Session *pSession, const RecordOrder *pOrder)
 {
-    char szNick[32];
-    ProgramNames(pProg, nullptr, 0, szNick, sizeof(szNick));
-    ZMFWriterSetLabel(pWriter, szNick);
-    return ZMFWriterSetSdp(pWriter, pProg->desc.szSdp) &&
-           ZMFWriterSetLimits(pWriter, g_settings.nMinutePerFile * 60,
-                              static_cast<uint32_t>(pOrder->nLimitSeconds)) &&
-           ZMFWriterWriteHead(pWriter);
-}
-
-// The first cached key frame that is not older than the seconds wanted; null when there is none.
-static DataBlock *FindPreRecordStart(const Program *pProg, uint32_t nSeconds)
-{
-    auto *pNewest = reinterpret_cast<DataBlock *>(pProg->cache.Pktq.pLast);
-    DataBlock *p = pNewest;
-    while (p && p->node.pPrev &&
-           ClockDiff(pNewest->nTimestamp, p->nTimestamp) < static_cast<int32_t>(nSeconds * 1000))
-        p = PrevBlock(p);
-    while (p && (p->nFlags & (DB_VIDEO | DB_KEY)) != (DB_VIDEO | DB_KEY))
-        p = NextBlock(p);
-    return p;
-}
-
-// Writes what the cache holds of the time before. 1, or 0 when a packet could not be written.
-static int PreRecord(ZMFWriter *pWriter, const Program *pProg, uint32_t nSeconds)
-{
-    for (const DataBlock *p = FindPreRecordStart(pProg, nSeconds); p; p = NextBlock(p))
-        if (WritePacket(pWriter, pProg, p) < 1)
-            return 0;
-    return 1;
-}
-
-RecordStart StartRecord(Program *pProg, const RecordOrder *pOrder)
-{
+    Program *pProg = pSession->pProg;
     if (!ORX_PEER_ASSERT(pProg->bLive && pProg->desc.szSdp, "pProg->bLive && pProg->szSdp"))
         return RecordStart::Fault;
-    if (pProg->nRecorders == kMaxRecorders)
-        return RecordStart::Runs;
-    uint32_t nPreRecord = PreRecordSeconds(pProg, pOrder->nKind);
-    ZMFWriter *pWriter = OpenWriter(pProg, pOrder, nPreRecord);
-    if (!pWriter)
-        return RecordStart::NoSpace;
-    if (!BeginFile(pWriter, pProg, pOrder) || !PreRecord(pWriter, pProg, nPreRecord)) {
-        ZMFWriterDiscard(pWriter);
-        return RecordStart::NoSpace;
-    }
-    pProg->recorders[pProg->nRecorders++] = pWriter;
-    return RecordStart::Runs;
+    RecordStart eResult = RecordStart::Waits;
+    HeldJob *pHeld = HeldJobTake(pSession);
+    if (!pHeld)
+        pHeld = Begin(pSession, pOrder, &eResult);
+    if (!pHeld)
+        return eResult;
+    int bOpen = reinterpret_cast<RecorderOpening *>(pHeld)->bOpen;
+    pHeld->pfnFree(pHeld);
+    for (int i = pProg->nRecorders - 1; i >= 0 && !bOpen; i--)
+        DropOver(pProg, i);
+    return bOpen ? RecordStart::Runs : RecordStart::NoSpace;
 }
 
 }  // namespace orx

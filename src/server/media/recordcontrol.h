@@ -1,38 +1,37 @@
-// Recording of live programs: starting and stopping writers, and feeding those that run. Scheduler thread
+// Recording of live programs: which recordings run, and who feeds them. A program of [STORAGE] RecordAlways
+// has one of its own, which nobody but its pusher ends and which begins again by itself. Scheduler thread
 // only.
 #pragma once
 
 #include "base/datablock.h"
-#include "record/storage.h"
-#include "record/zmfile.h"
 #include "server/core/program.h"
+#include "server/media/recorder.h"
 
 namespace orx {
-
-// What is to be recorded, and where.
-struct RecordOrder {
-    int nKind = RECORD_MANUAL;
-    int nLimitSeconds = 0;               // 0: none
-    int bNamed = 0;                      // by the request, otherwise by the date layout
-    char szFile[kStoragePathSize] = "";  // its name; empty when that is too long
-};
 
 enum class RecordStart {
     Runs,     // or as many run already as a program may have
     NoSpace,  // the file cannot be made or has no room, which is printed
     Fault,    // a peer assertion failed and was survived: the program is none that can be recorded
+    Waits,    // the disk is at it: the request is held, and StartRecord called again
 };
 
-// Begins a recording of a live program, for an alarm with what the cache holds of the time before.
-RecordStart StartRecord(Program *pProg, const RecordOrder *pOrder);
+// Begins a recording of the session's program, for an alarm with what the cache holds of the time before.
+RecordStart StartRecord(Session *pSession, const RecordOrder *pOrder);
 
-// Ends the first manual recording; others end only by their limits.
-void StopRecord(Program *pProg);
+// Ends the first manual recording of the session's program; others end only by their limits. Returns 1, or 0
+// when the request is held until that is done, and StopRecord called again.
+int StopRecord(Session *pSession);
 
-// Hands a cached packet to every running writer of the program; one that ends or fails is closed and leaves.
+// Whether a program of this path is one of [STORAGE] RecordAlways.
+int RecordedAlways(const char *szPath);
+// Whether the program is to get all that its camera sees, for a recording that runs or will.
+int RecordersWant(const Program *pProg);
+
+// Hands a cached packet to every running recording of the program; one that has ended leaves.
 void RecordersWrite(Program *pProg, const DataBlock *pBlock);
 
-// Stops and closes every writer of the program, the last one first.
+// Stops every recording of the program.
 void RecordersClose(Program *pProg);
 
 }  // namespace orx

@@ -11,6 +11,7 @@
 #include "base/console.h"
 #include "base/printable.h"
 #include "base/textbuf.h"
+#include "record/playline.h"
 #include "runtime/clock.h"
 #include "server/core/program.h"
 
@@ -219,6 +220,17 @@ static uint32_t RtpClock(uint32_t nRate, const timeval *pTime)
            (nRate / 1000) * static_cast<uint32_t>(pTime->tv_usec / 1000);
 }
 
+// The time stamp that stands for now. Where the tracks of a recording share a time line, it is that on which
+// playing has gone on in real time since PLAY, whenever their packets were sent, and however fast.
+static uint32_t ReportedTime(const Session *pSession, const SessionTrack *pTrack, const timeval *pNow)
+{
+    if (!PlaysStandard(pSession))
+        return RtpClock(pTrack->nTimeScale, pNow) - pTrack->nClockBase + pTrack->nFirstSentRtpTime;
+    int64_t nSince = pNow->tv_sec * int64_t{1000000} + pNow->tv_usec - pSession->play.nPlayWallUs;
+    int64_t nUs = int64_t{pSession->play.nPlayStart} * 1000 + nSince;
+    return PlayStampBase(pSession) + PlayStamp(pTrack->nTimeScale, nUs);
+}
+
 // A compound report of a track for now, with the '$' prefix on an interleaved session. Returns its bytes.
 static size_t MakeReport(const Session *pSession, int nTrack, int bBye, uint8_t *pOut, size_t nRoom)
 {
@@ -228,7 +240,7 @@ static size_t MakeReport(const Session *pSession, int nTrack, int bBye, uint8_t 
     gettimeofday(&now, nullptr);
     uint32_t nNtpSec, nNtpFrac;
     NtpFromTime(static_cast<uint32_t>(now.tv_sec), static_cast<uint32_t>(now.tv_usec), &nNtpSec, &nNtpFrac);
-    uint32_t nRtpTime = RtpClock(pTrack->nTimeScale, &now) - pTrack->nClockBase + pTrack->nFirstSentRtpTime;
+    uint32_t nRtpTime = ReportedTime(pSession, pTrack, &now);
     const char *szName = pSession->pProg ? pSession->pProg->szName : "";
 
     uint8_t *pPacket = pOut + nPrefix;
@@ -268,13 +280,19 @@ static void SendTrackReport(Session *pSession, int nTrack, int bBye, DataBlock *
         BlockListAppend(&pSession->out.Outq, pBlock);
 }
 
-static void SendFirstRtcpReport(Session *pSession, int nTrack, const uint8_t *pRtp, DataBlock *pAfter)
+// Reports count from this packet on.
+static void BeginCount(SessionTrack *pTrack, const uint8_t *pRtp)
 {
-    SessionTrack *pTrack = &pSession->tracks[nTrack];
     timeval now{};
     gettimeofday(&now, nullptr);
     pTrack->nFirstSentRtpTime = GetBe(pRtp + 4, 4);
     pTrack->nClockBase = RtpClock(pTrack->nTimeScale, &now);
+}
+
+static void SendFirstRtcpReport(Session *pSession, int nTrack, const uint8_t *pRtp, DataBlock *pAfter)
+{
+    SessionTrack *pTrack = &pSession->tracks[nTrack];
+    BeginCount(pTrack, pRtp);
     pTrack->nSsrc = GetBe(pRtp + 8, 4);
     print("SendFirstRtcpReport():\r\n");
     SendTrackReport(pSession, nTrack, 0, pAfter);
@@ -287,8 +305,24 @@ void RtcpNotePacketSent(Session *pSession, int nTrack, const uint8_t *pRtp, size
     if (nLen < kRtpHeaderBytes)
         return;
     pTrack->nOctets += static_cast<uint32_t>(nLen - kRtpHeaderBytes);
-    if (pTrack->nPackets++ == 0)
-        SendFirstRtcpReport(pSession, nTrack, pRtp, pAfter);
+    if (pTrack->nPackets++ > 0 && (pAfter->nFlags & DB_JUMP))
+        BeginCount(pTrack, pRtp);
+    if (!(pSession->nFlags & SESSION_RTCP) || pTrack->bReported)
+        return;
+    pTrack->bReported = 1;
+    SendFirstRtcpReport(pSession, nTrack, pRtp, pAfter);
+}
+
+void RtcpPlayBegins(Session *pSession)
+{
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    pSession->play.nPlayWallUs = now.tv_sec * int64_t{1000000} + now.tv_usec;
+    if (!PlaysStandard(pSession))
+        return;
+    for (SessionTrack &track : pSession->tracks)
+        track.bReported = 0;
+    pSession->flow.tLastReport = ClockUptime();  // the disk may take its time for the first packet
 }
 
 static int ReportDue(const Session *pSession)
@@ -296,11 +330,9 @@ static int ReportDue(const Session *pSession)
     return ClockUptime() - pSession->flow.tLastReport >= kReportPeriod;
 }
 
-// The reports of every track set up, when they are due. Returns 1, or 0 when they are not.
+// The reports of every track set up.
 static int SendReports(Session *pSession, int bBye)
 {
-    if (!ReportDue(pSession))
-        return 0;
     for (int i = 0; i < pSession->out.nTracks; i++) {
         if (!pSession->tracks[i].bSetUp)
             continue;
@@ -313,12 +345,12 @@ static int SendReports(Session *pSession, int bBye)
 
 int SendRtcpReport(Session *pSession)
 {
-    return SendReports(pSession, 0);
+    return ReportDue(pSession) && SendReports(pSession, 0);
 }
 
 int SendRtcpBye(Session *pSession)
 {
-    return SendReports(pSession, 1);
+    return (PlaysStandard(pSession) || ReportDue(pSession)) && SendReports(pSession, 1);
 }
 
 }  // namespace orx

@@ -37,16 +37,22 @@ void NtpTimeToString(uint32_t nNtpSec, uint32_t nNtpFrac, char *szOut, size_t nS
 void RtcpDump(const uint8_t *pPacket, size_t nLen, uint32_t nClockRate);
 
 // Notes that a media packet (RTP header at pRtp, nLen bytes) of track i was written completely: counters, and
-// on the first one the clock base and the first report. pAfter is the block just sent, still at the head of
-// the queue.
+// on the first one the clock base and the first report, on one whose stamp jumps the base anew. pAfter is the
+// block just sent, still at the head of the queue.
 void RtcpNotePacketSent(Session *pSession, int nTrack, const uint8_t *pRtp, size_t nLen, DataBlock *pAfter);
+
+// Playing begins, or begins anew elsewhere: notes when, from where on the time line counts (nPlayStart is
+// set). A standard player of a recording gets a first report on each track again, because what was told holds
+// no more.
+void RtcpPlayBegins(Session *pSession);
 
 // The report cycle, at most every 10 seconds. Returns 1 when reports were made, else 0. Over TCP the reports
 // are queued, not sent.
 int SendRtcpReport(Session *pSession);
 
-// The last words to a player whose recording has ended: a report with BYE "completed" for every track, when
-// the last report is at least 10 seconds old. Returns 1 when it was made, else 0.
+// The last words to a player whose recording has ended: a report with BYE "completed" for every track; at
+// once to a standard player, else when the last report is at least 10 seconds old. Returns 1 when it was
+// made, else 0.
 int SendRtcpBye(Session *pSession);
 
 }  // namespace orx

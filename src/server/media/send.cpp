@@ -19,7 +19,7 @@ static constexpr uint32_t kDelayedSendMs = 200;  // a socket that was full has r
 
 // The connection for replies and interleaved media, or the media socket of the block's track. Null when a
 // survived peer assertion found none: which packets a recording makes is up to the file.
-static Port *ChoosePort(const Session *pSession, const DataBlock *pBlock)
+static inline Port *ChoosePort(const Session *pSession, const DataBlock *pBlock)
 {
     Port *pPort = nullptr;
     if (IsDatagram(pSession, pBlock)) {
@@ -37,7 +37,7 @@ static int StartsReports(const Session *pSession, const DataBlock *pBlock)
     if (!(pSession->nFlags & SESSION_RTCP) || !(pBlock->nFlags & DB_MEDIA))
         return 0;
     int nTrack = TrackOfBlock(pSession, pBlock);
-    return nTrack >= 0 && pSession->tracks[nTrack].nPackets == 0;
+    return nTrack >= 0 && !pSession->tracks[nTrack].bReported;
 }
 
 // Collects from the head of the queue what can leave in one call. Empty when pacing holds the head back.
@@ -70,7 +70,9 @@ static void BlockDone(Session *pSession, DataBlock *pBlock)
     if (pBlock->nFlags & DB_MEDIA) {
         pSession->play.nPlayPos = pBlock->nTimestamp;
         pSession->flow.nStartHeld -= std::min(pSession->flow.nStartHeld, int64_t{BlockBytes(pBlock)});
-        int nTrack = (pSession->nFlags & SESSION_RTCP) ? TrackOfBlock(pSession, pBlock) : -1;
+        // standard players of recordings are told where each track ends, with or without reports
+        int bCounts = (pSession->nFlags & SESSION_RTCP) || pSession->out.bSampleStamps;
+        int nTrack = bCounts ? TrackOfBlock(pSession, pBlock) : -1;
         uint32_t nPrefix = pSession->out.bInterleaved ? kInterleaveBytes : 0;
         if (nTrack >= 0)
             RtcpNotePacketSent(pSession, nTrack, BlockData(pBlock) + nPrefix, pBlock->len - nPrefix, pBlock);
@@ -91,7 +93,7 @@ static int OnSessionDelaySendTimer(Task *pTask, uint32_t, uint32_t, uint32_t)
         return -1;
     }
     int bArmed = (pSession->nFlags & SESSION_DELAYED_SEND) != 0;
-    if (bArmed || pSession->nState == STATE_PLAYING || ListCount(&pSession->out.Outq) == 0)
+    if (bArmed || pSession->nState == STATE_PLAYING || PaceKeepsAll(pSession))
         return -1;
     pSession->nFlags |= SESSION_DELAYED_SEND;
     return kDelayedSendMs;

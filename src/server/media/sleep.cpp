@@ -3,6 +3,7 @@
 #include "base/console.h"
 #include "runtime/clock.h"
 #include "server/core/settings.h"
+#include "server/media/recordcontrol.h"
 #include "server/media/replies.h"
 
 namespace orx {
@@ -17,8 +18,13 @@ static int Tell(Session *pPusher, const char *szMethod)
     return RequestSend(&request, nullptr, 0, sizeof(request.sz)) > 0;
 }
 
-static int IsIdle(const Program *pProg)
+static int IsIdle(Program *pProg)
 {
+    if (RecordersWant(pProg)) {  // it idles from the end of that on
+        if (pProg->sleep.tIdleSince)
+            pProg->sleep.tIdleSince = ClockUptime();
+        return 0;
+    }
     return pProg->nRefs < 2 && pProg->sleep.tIdleSince && !pProg->sleep.bSleeping &&
            ClockUptime() - pProg->sleep.tIdleSince >= kSleepAfter;
 }

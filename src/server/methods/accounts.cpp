@@ -1,27 +1,18 @@
 #include "server/methods/accounts.h"
 
+#include <strings.h>
+
 #include <cstring>
 
 #include "base/console.h"
-#include "base/inifile.h"
 #include "base/textbuf.h"
+#include "record/daywalk.h"
+#include "record/storage.h"
 #include "server/core/registry.h"
 #include "server/core/settings.h"
+#include "server/methods/accountfile.h"
 
 namespace orx {
-
-// Looks the user up in the configuration file, which is read and taken apart once. Results of AccountsFind.
-static int FindInFile(const char *szUser, Account *pOut)
-{
-    Profile *pProfile = ProfileInit(g_settings.szConfigPath);
-    if (!pProfile)
-        return -1;
-    AccountTable *pTable = AccountTableParse(pProfile->text);
-    ProfileFree(pProfile);
-    int bFound = AccountTableFind(pTable, szUser, pOut);
-    AccountTableFree(pTable);
-    return bFound;
-}
 
 static int Separates(char c)
 {
@@ -36,25 +27,67 @@ static int IsWhole(const char *szList, const char *pName, size_t nName)
     return (pName == szList || Separates(pName[-1])) && Separates(pName[nName]);
 }
 
-int MaySeeProgram(const Account *pAccount, const char *szPath)
+static int IsListed(const char *szList, const char *szName)
 {
-    const char *szName = PathName(szPath);
     size_t nName = strlen(szName);
-    if (pAccount->bSuper)
-        return 1;
-    const char *szList = pAccount->szDevices;
     for (const char *p = strstr(szList, szName); p; p = *p ? strstr(p + 1, szName) : nullptr)
         if (!g_settings.bStrictRoles || IsWhole(szList, p, nName))
             return 1;
     return 0;
 }
 
+// Cuts the last part off a path without slashes at its ends, and returns it; "" where it has one part only.
+static const char *CutLastPart(char *szPath)
+{
+    char *pSlash = strrchr(szPath, '/');
+    if (!pSlash)
+        return "";
+    *pSlash = '\0';
+    return pSlash + 1;
+}
+
+// Makes the program of a recording's path: the directory that the file lies in, or the one that its day lies
+// in. Returns 1, or 0 for another path, and for a recording that lies in no program's directory.
+static int ProgramOfRecording(char *szOut, size_t nSize, const char *szPath)
+{
+    if (!StorageProgramPath(szOut, nSize, szPath))
+        return 0;
+    const char *szFile = CutLastPart(szOut);
+    size_t nFile = strlen(szFile);
+    if (nFile < 4 || strcasecmp(szFile + nFile - 4, ".zmf") != 0)
+        return 0;
+    const char *pDay = strrchr(szOut, '/');
+    if (pDay && IsDate(pDay + 1))
+        CutLastPart(szOut);
+    return szOut[0] != '\0';
+}
+
+int MaySeeProgram(const Account *pAccount, const char *szPath)
+{
+    char szProgram[kStoragePathSize];
+    if (pAccount->bSuper || IsListed(pAccount->szDevices, PathName(szPath)))
+        return 1;
+    return g_settings.bStrictRoles && ProgramOfRecording(szProgram, sizeof(szProgram), szPath) &&
+           IsListed(pAccount->szDevices, szProgram);
+}
+
+// Whether the accounts of a place are those of its camera.
+static int CameraCounts(const AccountPlace *pPlace)
+{
+    return pPlace && !g_settings.bControlUsers && pPlace->pTable;
+}
+
+int AccountsReady(const AccountPlace *pPlace)
+{
+    return CameraCounts(pPlace) || AccountFileReady();
+}
+
 int AccountsFind(const AccountPlace *pPlace, const char *szUser, Account *pOut)
 {
     if (!pPlace)
-        return FindInFile(szUser, pOut);
-    int bCameras = !g_settings.bControlUsers && pPlace->pTable;
-    int nFound = bCameras ? AccountTableFind(pPlace->pTable, szUser, pOut) : FindInFile(szUser, pOut);
+        return AccountFileFind(szUser, pOut);
+    int nFound =
+        CameraCounts(pPlace) ? AccountTableFind(pPlace->pTable, szUser, pOut) : AccountFileFind(szUser, pOut);
     if (nFound > 0 && (!g_settings.bControlUsers || MaySeeProgram(pOut, pPlace->szPath)))
         return 1;
     if (!g_settings.bAnonymousViewer)

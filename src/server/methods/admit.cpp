@@ -48,7 +48,7 @@ static int NamesProgram(const char *szPath, const Program *pProg)
 // takes another step.
 static Program *OpenFileProgram(Session *pSession, const char *szPath, int *pbMore)
 {
-    Program *pProg = CreateFileProgram(szPath, pbMore);
+    Program *pProg = CreateFileProgram(pSession, szPath, pbMore);
     if (!pProg)
         return nullptr;
     if (!pSession->out.pScratch)
@@ -73,7 +73,7 @@ Verdict AttachFound(Session *pSession, Port *pPort, Program *pFound, const char 
     int bMore = 0;
     Program *pProg = pFound ? pFound : OpenFileProgram(pSession, szPath, &bMore);
     if (bMore)
-        return SessionNextStep(pSession);
+        return Verdict::Later;
     if (!pProg) {
         ReplyStatus(pSession, pPort, STATUS_NOT_FOUND);
         return Verdict::End;

@@ -9,6 +9,7 @@
 #include "runtime/sockutil.h"
 #include "server/core/registry.h"
 #include "server/core/settings.h"
+#include "server/methods/accountfile.h"
 #include "server/methods/attempts.h"
 #include "server/methods/auth.h"
 
@@ -82,12 +83,22 @@ static const char *PasswordOf(const Account *pAccount)
     return pAccount && !pAccount->bAnonymous ? pAccount->szPassword : nullptr;
 }
 
+// The accounts are being brought up to date: a step, and no wait for a wrong password.
+static Credential AwaitAccounts(Session *pSession)
+{
+    pSession->hold.bStep = 1;
+    pSession->hold.nDelayMs = kAccountFileMs;
+    return CREDENTIAL_WAITS;
+}
+
 Credential CheckAuthorization(const CredentialCheck *pCheck, unsigned nScheme, CheckedUser *pOut)
 {
     const char *szValue = RequestHeaderValue(pCheck->pRequest, "Authorization");
     const char *szScheme = AuthSchemeName(nScheme);
     if (!szValue || strncmp(szValue, szScheme, strlen(szScheme)) != 0)
         return CREDENTIAL_MISSING;
+    if (!AccountsReady(pCheck->pPlace))
+        return AwaitAccounts(pCheck->pSession);
     AccountScope scope;
     scope.pPlace = pCheck->pPlace;
     Credential eResult = Validate(pCheck, nScheme, szValue, &scope);
@@ -112,6 +123,8 @@ Credential CheckUserToken(const CredentialCheck *pCheck, CheckedUser *pOut)
     const char *szGiven = RequestHeaderValue(pCheck->pRequest, "UserAuth");
     if (!szUser || !szGiven)
         return CREDENTIAL_MISSING;
+    if (!AccountsReady(pCheck->pPlace))
+        return AwaitAccounts(pCheck->pSession);
     int nFound = AccountsFind(pCheck->pPlace, szUser, &pOut->account);
     if (nFound < 0)
         return CREDENTIAL_NO_FILE;

@@ -1,5 +1,6 @@
 // The names that cameras were given, kept in guid.dat: an INI text with a section GUID that maps each
-// camera's Guid to its name, and MaxRegisterId, the number of the next name. Scheduler thread only.
+// camera's Guid to its name, and MaxRegisterId, the number of the next name. Disk thread only, but at the
+// start.
 #pragma once
 
 #include <cstddef>

@@ -1,5 +1,7 @@
 #include "server/methods/play.h"
 
+#include <strings.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -7,22 +9,29 @@
 #include "base/assertion.h"
 #include "base/textbuf.h"
 #include "base/textnumber.h"
+#include "record/playline.h"
 #include "runtime/clock.h"
+#include "server/core/program.h"
 #include "server/core/settings.h"
 #include "server/media/distribute.h"
 #include "server/media/fileprogram.h"
 #include "server/media/filesend.h"
 #include "server/media/outqueue.h"
+#include "server/media/pace.h"
 #include "server/media/replies.h"
+#include "server/media/rtcp.h"
 #include "server/methods/options.h"
 
 namespace orx {
 
+constexpr float kLeastSpeed = 0.5F;
+constexpr float kMostSpeed = 8;
 constexpr uint32_t kSeekTolerance = 2000;  // ms around the position that a wanted start is taken for
 
 // What a "Range" header asks for of a recording.
 struct WantedRange {
-    uint32_t nStart = 0;         // ms; 0: from where it stands
+    uint32_t nStart = 0;         // ms; 0: from where it stands, but for standard players
+    int bStart = 0;              // it is there: not "npt=-20", not "npt=now-"
     uint32_t nEnd = UINT32_MAX;  // ms; not before its last second: to its end
 };
 
@@ -40,10 +49,11 @@ static int IsNumber(const char *p)
 static WantedRange ReadRange(const char *szRange)
 {
     WantedRange range;
-    const char *p = NextDigit(szRange ? szRange : "");
-    if (!IsNumber(p))
+    const char *p = szRange ? NextDigit(szRange) : nullptr;
+    if (!p || !IsNumber(p))
         return range;
     range.nStart = NptToMs(p);
+    range.bStart = !memchr(szRange, '-', static_cast<size_t>(p - szRange));
     p += strcspn(p, "-\r\n");
     p = NextDigit(p);
     if (IsNumber(p))
@@ -61,29 +71,54 @@ static int NextNumber(const Session *pSession, int nTrack)
     return nNumber;
 }
 
+// The URL of a track as standard players know it from the description: they look for it, and go without the
+// line's times when they do not find it.
+static void WriteTrackUrl(const MediaInfo *pInfo, const char *szUrl, TextBuf *pText)
+{
+    size_t nUrl = strlen(szUrl);
+    while (nUrl > 0 && szUrl[nUrl - 1] == '/')
+        nUrl--;
+    if (!*pInfo->szControl)
+        TextAdd(pText, "%.*s/trackID=%d", static_cast<int>(nUrl), szUrl, pInfo->nTrackId);
+    else if (strstr(pInfo->szControl, "://"))
+        TextAdd(pText, "%s", pInfo->szControl);
+    else
+        TextAdd(pText, "%.*s/%s", static_cast<int>(nUrl), szUrl, pInfo->szControl);
+}
+
 // The items of the reply's RTP-Info line: the tracks set up, with the number of their next packet if wanted.
 static void WriteRtpInfo(const Session *pSession, const char *szUrl, int bSequence, TextBuf *pText)
 {
     const char *szComma = "";
+    int bStandard = PlaysStandard(pSession);
     for (int i = 0; i < pSession->out.nTracks; i++) {
         const SessionTrack *pTrack = &pSession->tracks[i];
         if (!pTrack->bSetUp)
             continue;
-        TextAdd(pText, "%surl=%s/trackID=%d", szComma, szUrl, pTrack->nTrackId);
+        TextAdd(pText, "%surl=", szComma);
+        if (bStandard)
+            WriteTrackUrl(&pSession->pProg->desc.mediaInfos[i], szUrl, pText);
+        else
+            TextAdd(pText, "%s/trackID=%d", szUrl, pTrack->nTrackId);
         if (bSequence)
             TextAdd(pText, ";seq=%d", NextNumber(pSession, i));
+        if (bStandard)
+            TextAdd(pText, ";rtptime=%u",
+                    PlayStampBase(pSession) +
+                        PlayStamp(pTrack->nTimeScale, int64_t{pSession->play.nPlayPos} * 1000));
         szComma = ",";
     }
 }
 
 // What waits is from before the jump. The rest of a block that is under way counts as from behind it, so that
 // the pace follows the new position.
-static void Jump(Session *pSession, uint32_t nReached)
+static void Jump(Session *pSession, uint32_t nReached, int nScale)
 {
     QueueDropMedia(pSession);
     for (auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq); p; p = NextBlock(p))
         p->nTimestamp = nReached;
     pSession->play.nPlayPos = nReached;
+    PlayLineBegin(&pSession->play.line, nReached, nScale);
 }
 
 // The end of both replies to PLAY.
@@ -97,30 +132,134 @@ static void AddPlayLines(Message *pReply, const Request *pRequest, int bSequence
     TextAdd(&pReply->text, "\r\n");
 }
 
-// Moves a recording to where the request wants it and writes the reply. Returns 0 when the search takes
-// another step.
-static int StartFile(Message *pReply, const Request *pRequest)
+// What a PLAY of a recording asks for, and what of it can be had.
+struct PlayWish {
+    WantedRange range;
+    const char *szScale = nullptr;  // not owned, as is szSpeed; null: nothing is asked
+    const char *szSpeed = nullptr;
+    int nScale = 1;
+    uint32_t nSpeed = 1000;  // thousandths
+};
+
+// A header that is not there asks for normal play (RFC 2326, sections 12.34 and 12.35).
+static PlayWish ReadWish(const Session *pSession, const Request *pRequest)
 {
-    Session *pSession = pReply->pSession;
-    Program *pProg = pSession->pProg;
-    auto nDuration = static_cast<int64_t>(FileProgramDuration(pProg));
-    WantedRange range = ReadRange(RequestHeaderValue(pRequest, "Range"));
-    uint32_t nEnd = range.nEnd < nDuration - 1000 ? range.nEnd : static_cast<uint32_t>(nDuration);
+    PlayWish wish;
+    wish.range = ReadRange(RequestHeaderValue(pRequest, "Range"));
+    if (!PlaysStandard(pSession))
+        return wish;
+    wish.szScale = RequestHeaderValue(pRequest, "Scale");
+    wish.szSpeed = RequestHeaderValue(pRequest, "Speed");
+    if (wish.szScale)
+        wish.nScale = FileProgramScale(pSession, strtof(wish.szScale, nullptr));
+    float fSpeed = wish.szSpeed ? strtof(wish.szSpeed, nullptr) : 1;
+    fSpeed = fSpeed >= kLeastSpeed ? std::min(fSpeed, kMostSpeed) : kLeastSpeed;
+    wish.nSpeed = static_cast<uint32_t>(fSpeed * 1000);
+    return wish;
+}
+
+// The time that the file is to be searched for; -1: it goes on where it is. Standard players get it exactly,
+// the beginning too, unless playing begins there anyhow; another scale goes on from a key frame.
+static int64_t SeekTarget(const Session *pSession, const PlayWish *pWish)
+{
+    const WantedRange *pRange = &pWish->range;
+    const SessionPlay *pPlay = &pSession->play;
+    if (!PlaysStandard(pSession)) {
+        auto nAway = static_cast<uint32_t>(std::abs(ClockDiff(pRange->nStart, pPlay->nPlayPos)));
+        return pRange->nStart && nAway > kSeekTolerance ? pRange->nStart : int64_t{-1};
+    }
+    int bElsewhere = pRange->bStart && (pRange->nStart || pSession->nState != STATE_SETUP);
+    if (!bElsewhere && pWish->nScale == pPlay->line.nScale)
+        return -1;
+    if (pRange->bStart && pWish->nScale > 0)
+        return pRange->nStart;
+    uint32_t nStart = pRange->bStart ? pRange->nStart : PlayLineMedia(&pPlay->line, pPlay->nPlayPos);
+    return std::min(nStart, std::max(FileProgramDuration(pSession->pProg), 1U) - 1);
+}
+
+// Moves the recording to where it is wanted. Returns 0 while the disk searches.
+static int MoveFile(Session *pSession, const PlayWish *pWish)
+{
     uint32_t nReached = 0;
-    uint32_t nPos = pSession->play.nPlayPos;
+    int64_t nTarget = SeekTarget(pSession, pWish);
     int nSought = 0;
-    if (range.nStart && static_cast<uint32_t>(std::abs(ClockDiff(range.nStart, nPos))) > kSeekTolerance)
-        nSought = FileProgramSeek(pProg, range.nStart, &nReached);
+    if (nTarget >= 0)
+        nSought = FileProgramSeek(pSession, static_cast<uint32_t>(nTarget), pWish->nScale, &nReached);
     if (nSought < 0)
         return 0;
     if (nSought)
-        Jump(pSession, nReached);
-    nPos = pSession->play.nPlayStart = pSession->play.nPlayPos;
-    ReplyBegin(pReply, STATUS_OK);
+        Jump(pSession, nReached, pWish->nScale);
+    pSession->play.nSpeed = pWish->nSpeed;
+    pSession->play.nPlayStart = pSession->play.nPlayPos;
+    RtcpPlayBegins(pSession);
+    return 1;
+}
+
+static void AddTimes(Message *pReply, const PlayWish *pWish)
+{
+    const SessionPlay *pPlay = &pReply->pSession->play;
+    auto nDuration = static_cast<int64_t>(FileProgramDuration(pReply->pSession->pProg));
+    uint32_t nPos = PlayLineMedia(&pPlay->line, pPlay->nPlayPos);
+    uint32_t nEnd =
+        pWish->range.nEnd < nDuration - 1000 ? pWish->range.nEnd : static_cast<uint32_t>(nDuration);
+    if (pPlay->line.nScale < 0)
+        nEnd = pWish->range.nEnd < nPos ? pWish->range.nEnd : 0;
     TextAdd(&pReply->text, "Range: npt=%d.%03d-%d.%03d\r\n", static_cast<int>(nPos / 1000),
             static_cast<int>(nPos % 1000), static_cast<int>(nEnd / 1000), static_cast<int>(nEnd % 1000));
+}
+
+// The reply: where a recording is played, and how.
+static void WriteFileReply(Message *pReply, const Request *pRequest, const PlayWish *pWish, int bNewScale)
+{
+    const SessionPlay *pPlay = &pReply->pSession->play;
+    ReplyBegin(pReply, STATUS_OK);
+    AddTimes(pReply, pWish);
+    if (pWish->szScale || bNewScale)
+        TextAdd(&pReply->text, "Scale: %d\r\n", pPlay->line.nScale);
+    if (pWish->szSpeed)
+        TextAdd(&pReply->text, "Speed: %u.%03u\r\n", pPlay->nSpeed / 1000, pPlay->nSpeed % 1000);
     AddPlayLines(pReply, pRequest, 1);
+}
+
+// Moves a recording to where the request wants it and writes the reply. Returns 0 while the disk searches.
+static int StartFile(Message *pReply, const Request *pRequest)
+{
+    const PlayLine *pLine = &pReply->pSession->play.line;
+    int nScaleBefore = pLine->nScale;
+    PlayWish wish = ReadWish(pReply->pSession, pRequest);
+    if (!MoveFile(pReply->pSession, &wish))
+        return 0;
+    WriteFileReply(pReply, pRequest, &wish, pLine->nScale != nScaleBefore);
     return 1;
+}
+
+// Whether the player has asked for another place of the recording already, with the request that waits behind
+// this one: who drags a slider is interested in the last one.
+static int IsOvertaken(const Session *pSession)
+{
+    const SessionInput *pInput = &pSession->input;
+    if (!PlaysStandard(pSession) || pSession->hold.pJob || pInput->nNext >= pInput->nLen)
+        return 0;
+    auto *pText = reinterpret_cast<const char *>(pInput->pBuf + pInput->nNext);
+    auto *pEnd = static_cast<const char *>(memmem(pText, pInput->nLen - pInput->nNext, "\r\n\r\n", 4));
+    if (!pEnd || pEnd + 4 - pText >= kMaxHeadBytes)
+        return 0;
+    Request next;
+    RequestInit(&next);
+    int bPlay = RequestParse(&next, pText, static_cast<size_t>(pEnd + 4 - pText)) == 1 &&
+                strcasecmp(RequestMethod(&next), "PLAY") == 0;
+    WantedRange range = ReadRange(bPlay ? RequestHeaderValue(&next, "Range") : nullptr);
+    RequestReset(&next);
+    return range.bStart && range.nStart < FileProgramDuration(pSession->pProg);
+}
+
+// It is answered, and playing goes on, or waits, where it did.
+static Verdict AnswerOvertaken(Session *pSession, Port *pPort, const Request *pRequest)
+{
+    Message reply(pSession, pPort);
+    PlayWish wish = ReadWish(pSession, pRequest);
+    WriteFileReply(&reply, pRequest, &wish, 0);
+    return MessageSendBefore(&reply, PaceFirstHeld(pSession));
 }
 
 // The media time of the first packet that a player is given, or that the program holds.
@@ -163,14 +302,17 @@ static int MayPlay(const Session *pSession, const Request *pRequest)
         return 1;
     if (!g_settings.bStandardPlayers || pSession->pProg->bLive)
         return 0;
-    return pSession->nState == STATE_FINISHED ||
-           (pSession->nState == STATE_PLAYING && RequestHeaderValue(pRequest, "Range"));
+    int bChange = RequestHeaderValue(pRequest, "Range") || RequestHeaderValue(pRequest, "Scale") ||
+                  RequestHeaderValue(pRequest, "Speed");
+    return pSession->nState == STATE_FINISHED || (pSession->nState == STATE_PLAYING && bChange);
 }
 
 Verdict HandlePlay(Session *pSession, Port *pPort, Request *pRequest)
 {
     if (!MayPlay(pSession, pRequest))
         return Refuse(pSession, pPort, STATUS_WRONG_STATE);
+    if (IsOvertaken(pSession))
+        return AnswerOvertaken(pSession, pPort, pRequest);
     pSession->play.nPlayClock = ClockMs();
     Message reply(pSession, pPort);
     int bLive = pSession->pProg->bLive;
@@ -178,7 +320,9 @@ Verdict HandlePlay(Session *pSession, Port *pPort, Request *pRequest)
     if (bLive)
         pBefore = StartLive(&reply, pRequest);
     else if (!StartFile(&reply, pRequest))
-        return SessionNextStep(pSession);
+        return Verdict::Later;
+    else
+        pBefore = PaceFirstHeld(pSession);  // what a pause has kept follows the reply
     pSession->nState = STATE_PLAYING;
     if (MessageSendBefore(&reply, pBefore) == Verdict::End)
         return Verdict::End;
@@ -199,9 +343,11 @@ Verdict HandleRecord(Session *pSession, Port *pPort, Request *pRequest)
     return HandleUnknown(pSession, pPort, pRequest);
 }
 
+// The pause keeps what standard players of a recording have not got: they go on with it.
 Verdict HandlePause(Session *pSession, Port *pPort, Request *)
 {
-    QueueDropAll(pSession);
+    if (!PlaysStandard(pSession))
+        QueueDropAll(pSession);
     int bFinished = g_settings.bStandardPlayers && pSession->nState == STATE_FINISHED;
     if (pSession->nState != STATE_PLAYING && !bFinished)
         return Refuse(pSession, pPort, STATUS_WRONG_STATE);

@@ -5,6 +5,7 @@
 #include "server/core/tracks.h"
 #include "server/media/distribute.h"
 #include "server/media/filesend.h"
+#include "server/media/rtcp.h"
 #include "server/media/send.h"
 #include "server/methods/admit.h"
 #include "server/methods/describe.h"
@@ -38,6 +39,7 @@ Verdict HandleQuickPlay(Session *pSession, Port *pPort, Request *pRequest)
         pSession->play.nPlayPos = pFirst ? pFirst->nTimestamp : 0;
     }
     pSession->play.nPlayStart = pSession->play.nPlayPos;
+    RtcpPlayBegins(pSession);
     pSession->nState = STATE_PLAYING;
     if (!ORX_PEER_ASSERT(!(pSession->nFlags & SESSION_FILE_SENDER), "!(session->nFlags & 0x10)"))
         return Verdict::End;

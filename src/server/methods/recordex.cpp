@@ -35,11 +35,13 @@ static RecordOrder ReadOrder(const char *szParams)
 static Verdict Start(Session *pSession, Port *pPort, const char *szParams)
 {
     RecordOrder order = ReadOrder(szParams);
-    switch (StartRecord(pSession->pProg, &order)) {
+    switch (StartRecord(pSession, &order)) {
         case RecordStart::Runs:
             return ReplyShort(pSession, pPort, STATUS_OK);
         case RecordStart::NoSpace:
             return ReplyShort(pSession, pPort, STATUS_NO_RECORD_SPACE);
+        case RecordStart::Waits:
+            return Verdict::Later;
         case RecordStart::Fault:
             break;
     }
@@ -57,8 +59,7 @@ Verdict HandleRecordEx(Session *pSession, Port *pPort, Request *pRequest)
         return ReplyShort(pSession, pPort, STATUS_NO_PARAM);
     if (!strstr(szParams, "Cmd=stop"))
         return Start(pSession, pPort, szParams);
-    StopRecord(pSession->pProg);
-    return ReplyShort(pSession, pPort, STATUS_OK);
+    return StopRecord(pSession) ? ReplyShort(pSession, pPort, STATUS_OK) : Verdict::Later;
 }
 
 }  // namespace orx

@@ -1,5 +1,6 @@
 #include "base/console.h"
 
+#include <algorithm>
 #include <csignal>
 #include <string>
 #include <tuple>
@@ -80,6 +81,44 @@ TEST(Log, TrimsPastTheLimit)
         EXPECT_TRUE(after.starts_with(kept)) << nBytes;
         EXPECT_TRUE(after.ends_with(": new %n%s\r\n")) << nBytes;
         EXPECT_LT(after.size(), kept.size() + 40) << nBytes;
+    }
+    LogSetup("", 0);
+}
+
+static int g_nCalls = 0;
+
+// The order is kept, and what there was no room for is told in its place.
+TEST(Log, WaitsInMemoryWhileItIsDiverted)
+{
+    TempDir dir;
+    std::string path = dir.File("orx.log");
+    LogSetup(path.c_str(), 1);
+    LogDivert([] { g_nCalls++; });
+    const std::string text(900, 'x');
+    for (int i = 0; i < 400; i++)
+        log("line %d %s", i, text.c_str());
+    EXPECT_EQ(1, g_nCalls) << "once until all is written";
+    EXPECT_EQ("", ReadFile(path));
+    EXPECT_EQ(0, LogWriteSome());
+    log("behind the gap");
+    while (!LogWriteSome()) {
+    }
+    log("a second call");
+    EXPECT_EQ(2, g_nCalls);
+    LogDivert(nullptr);
+    log("after");
+    std::string all = ReadFile(path);  // of which the oldest has gone
+    int nLost = 0;
+    sscanf(all.c_str() + std::min(all.size(), all.find(": (")), ": (%d lines that waited for the disk are lost)",
+           &nLost);
+    EXPECT_GT((400 - nLost) * 900, 200000);
+    EXPECT_LT((400 - nLost) * 900, 262144);
+    const std::string ends[] = {
+        "line 200 ", "line " + std::to_string(399 - nLost) + " ", "(", "behind the gap", "a second call", "after"};
+    size_t nAt = 0;
+    for (const std::string &end : ends) {
+        nAt = all.find(": " + end, nAt);
+        ASSERT_NE(std::string::npos, nAt) << end;
     }
     LogSetup("", 0);
 }

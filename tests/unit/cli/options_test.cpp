@@ -27,6 +27,7 @@ static CommandLine Line(Values *pValues)
              {"first", "N", "where from", OptionWhole{&pValues->nFirst, 0, UINT32_MAX}},
              {"speed", "X", "how fast", OptionDecimal{&pValues->dSpeed, 0, 2}},
              {"name", "TEXT", "what it is called", OptionText{&pValues->name}},
+             {"n", "TEXT", "the same", OptionText{&pValues->name}},
              {"line", "TEXT-THAT-TAKES-SPACE", "what it says", OptionTexts{&pValues->lines}}},
             "Exit code: 0 or 2."};
 }
@@ -72,6 +73,7 @@ TEST(CommandOptions, TakeWhatIsAllowedAndNameWhatIsNot)
         {"--none|u|", "there is no option --none"},
         {"--l|u|", "there is no option --l, or no single one"},
         {"-x|u|", "there is no option -x\n"},
+        {"u|-n|", "tool: -n needs a value\n"},
         {"", "tool: give URL [FILE]\nTry tool --help.\n"},
         {"u|f|more|", "tool: give URL [FILE]\nTry tool --help.\n"},
     };
@@ -89,6 +91,8 @@ TEST(CommandOptions, ReachTheirTargets)
               std::tie(values.bLoop, values.nCount, values.nFirst, values.dSpeed, values.name));
     EXPECT_THAT(values.lines, testing::ElementsAre("a", "b"));
     EXPECT_THAT(arguments.words, testing::ElementsAre("u", "f"));
+    EXPECT_EQ("taken", Said(Line(&values), "u|-n|dog|", &arguments));
+    EXPECT_EQ("dog", values.name);
 }
 
 TEST(CommandOptions, VerbsChooseAForm)
@@ -120,6 +124,7 @@ All of them
   --first N    where from (0 to 4294967295)
   --speed X    how fast (default 1.5; 0 to 2)
   --name TEXT  what it is called (default cam)
+  -n TEXT      the same (default cam)
   --line TEXT-THAT-TAKES-SPACE
                what it says (may be repeated)
   --help       this text

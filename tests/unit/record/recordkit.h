@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "base/bytes.h"
 #include "base/mediatype.h"
 #include "record/codec.h"
 #include "record/rtphelp.h"
@@ -29,6 +30,11 @@ inline const uint8_t *Data(const std::string &text)
 inline uint32_t Size(const std::string &text)
 {
     return static_cast<uint32_t>(text.size());
+}
+
+inline uint32_t Field(const std::string &file, size_t nOffset, size_t nBytes)
+{
+    return GetBe(file.data() + nOffset, nBytes);
 }
 
 // A NAL unit of a type; slices begin with the macroblock number 0.
@@ -112,6 +118,8 @@ struct Recorder {
     explicit Recorder(const char *szSdp = kVideoSdp, const char *szLabel = nullptr, const std::string &appData = "")
         : pWriter(ZMFWriterCreateFile(path.c_str(), RECORD_MANUAL, szLabel))
     {
+        if (!szSdp)
+            return;  // what is recorded comes later
         EXPECT_EQ(1, ZMFWriterSetSdp(pWriter, szSdp));
         EXPECT_EQ(1, ZMFWriterSetAppData(pWriter, Size(appData), appData.data()));
         EXPECT_EQ(1, ZMFWriterWriteHead(pWriter));

@@ -41,6 +41,28 @@ TEST(RtpHelp, H264PacketKinds)
     }
 }
 
+// Sound of any length is played whole; it goes on where it ended, though its times are cut to milliseconds.
+TEST(RtpHelp, G711IsStampedByItsSamples)
+{
+    static const struct {
+        size_t nBytes;
+        uint32_t nTimeMs, nStamp;
+    } cases[] = {{160, 0, 0}, {240, 20, 160}, {123, 50, 400}, {123, 65, 523}, {1, 81, 646}, {161, 1000, 8000}};
+    Player player(8000);
+    player.out.bSampleStamps = 1;
+    for (const auto &c : cases) {
+        ListEmpty(&player.out.Outq);
+        const std::string sample = Pattern(c.nBytes, 1);
+        EXPECT_EQ((c.nBytes + 159) / 160, player.Pack(Pack2RtpG711Block, sample, c.nTimeMs));
+        std::string whole;
+        for (const auto &packet : player.Packets()) {
+            EXPECT_EQ(c.nStamp + whole.size(), GetBe(packet.data.data() + 4, 4)) << c.nTimeMs;
+            whole += packet.Payload();
+        }
+        EXPECT_EQ(sample, whole);
+    }
+}
+
 // What a file's samples break ends their packetising.
 TEST(RtpHelp, BrokenSamples)
 {

@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "record/sdpreader.h"
 #include "support/output.h"
 
 namespace orx {
@@ -41,6 +42,24 @@ TEST(SdpScan, TakesWhatCanBeRecorded)
         EXPECT_STREQ(szAudio, codecs.audio.szName) << sdp;
         EXPECT_EQ(*szPrinted == '\0', printed.empty()) << printed;
         EXPECT_THAT(printed, testing::HasSubstr(szPrinted));
+    }
+}
+
+TEST(SdpScan, StaticPayloadTypesGetTheirLine)
+{
+    static const std::pair<const char *, const char *> cases[] = {
+        {"v=0\r\nm=audio 0 RTP/AVP 8\r\nb=AS:64\r\nm=video 0 RTP/AVP 26",
+         "v=0\r\nm=audio 0 RTP/AVP 8\r\nb=AS:64\r\na=rtpmap:8 PCMA/8000\r\nm=video 0 RTP/AVP 26\r\n"
+         "a=rtpmap:26 JPEG/90000\r\n"},
+        {"m=audio 0 RTP/AVP 0\na=rtpmap:0 L8/8000\nm=audio 0 RTP/AVP 3\n",
+         "m=audio 0 RTP/AVP 0\na=rtpmap:0 L8/8000\nm=audio 0 RTP/AVP 3\n"},
+        {"m=audio\n", "m=audio\n"},
+        {"none", "none"},
+    };
+    for (const auto &[szGiven, szMade] : cases) {
+        char *sz = SdpWithStaticMaps(szGiven);
+        EXPECT_STREQ(szMade, sz);
+        free(sz);
     }
 }
 

@@ -75,6 +75,56 @@ TEST_F(ZMFReaderTest, SeeksAndStepsToKeyFrames)
     }
 }
 
+// An exact seek never leads behind the time wanted, but to the first key frame.
+TEST_F(ZMFReaderTest, SeeksExactly)
+{
+    for (bool bClosed : {true, false}) {
+        MakeRecording(path, 250, bClosed);
+        Reader reader(path);
+        reader.p->bExactSeek = 1;
+        for (uint32_t nTimeMs = 0; nTimeMs < 250000; nTimeMs += 333) {
+            uint32_t nReached = 0;
+            if (ZMFReaderSeek(reader.p, nTimeMs, &nReached))
+                EXPECT_EQ(nTimeMs / 1000 * 1000, nReached) << nTimeMs;
+            else
+                EXPECT_GE(nTimeMs, ZMFReaderDuration(reader.p));
+        }
+    }
+}
+
+// From key frame to key frame, whatever the file tells of them: each of its own second.
+TEST_F(ZMFReaderTest, GoesOnByKeyFrames)
+{
+    enum { WHOLE, CUT_SHORT, WITHOUT_INDEX };
+    for (auto [nSeconds, nFile] : {std::pair{10U, WHOLE}, {250, WHOLE}, {250, CUT_SHORT}, {3000, WITHOUT_INDEX}}) {
+        MakeRecording(path, nSeconds, nFile != CUT_SHORT);
+        for (uint32_t nGap : {0U, 1000U, 2500U}) {
+            for (int nDirection : {1, -1}) {
+                Reader reader(path);
+                if (nFile == WITHOUT_INDEX)
+                    reader.p->nIndex = 0;
+                uint32_t nMs = 0;
+                uint32_t nFrom = nDirection > 0 ? 3000 : (nSeconds - 1) * 1000;
+                ASSERT_NE(nullptr, ZMFReaderSeek(reader.p, nFrom, &nMs));
+                ZMFReaderBeginKeys(reader.p);
+                std::vector<uint32_t> got, expected;
+                int nBytes = 0, bMore = 0, nSteps = 0;
+                const uint8_t *p;
+                while ((p = ZMFReaderNextKey(reader.p, nDirection, nGap, 1000, &nBytes, &bMore)) || bMore) {
+                    nSteps++;
+                    if (p)
+                        got.push_back(GetBe(p + 4, 4));
+                }
+                int64_t nStep = nGap > 1000 ? 3000 : 1000;
+                for (int64_t n = nFrom; n >= 0 && n < nSeconds * 1000; n += nDirection * nStep)
+                    expected.push_back(static_cast<uint32_t>(n));
+                EXPECT_EQ(expected, got) << nSeconds << " s, " << nGap << ", " << nDirection;
+                EXPECT_LE(nSteps, 2 * nSeconds + 100) << "what was looked through is remembered";
+            }
+        }
+    }
+}
+
 // In steps everything is found as without, and what an interrupted file told is remembered until it changes.
 TEST_F(ZMFReaderTest, StepsFindTheSame)
 {

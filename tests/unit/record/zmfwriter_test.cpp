@@ -13,11 +13,6 @@ namespace orx {
 
 using testing::HasSubstr;
 
-static uint32_t Field(const std::string &file, size_t nOffset, size_t nBytes)
-{
-    return GetBe(file.data() + nOffset, nBytes);
-}
-
 // Each sample as kind, flags and time, "v64@1000=data ".
 static std::string Told(const std::vector<MediaSample> &samples)
 {

@@ -8,7 +8,9 @@
 
 #include "orxzmf/jpegimage.h"
 #include "orxzmf/report.h"
+#include "orxzmf/repair.h"
 #include "orxzmf/survey.h"
+#include "orxzmf/timeline.h"
 #include "unit/record/recordkit.h"
 
 namespace orx {
@@ -70,15 +72,54 @@ TEST(Survey, FindsFaults)
     for (const auto &[szFault, nOffset, bytes] : cases) {
         WriteFile(path, std::string(good).replace(nOffset, bytes.size(), bytes));
         EXPECT_THAT(Look(path).faults, testing::Contains(testing::HasSubstr(szFault)));
-        EXPECT_EQ(1, ReportCheck(path));
+        EXPECT_EQ(VERDICT_DAMAGED, ReportCheck(path));
     }
     // a cut is a fault, but not in a file that was never closed: that is what a power cut leaves
     std::string cut = good.substr(0, good.size() - 1);
     WriteFile(path, cut);
-    EXPECT_EQ(1, ReportCheck(path));
+    EXPECT_EQ(VERDICT_DAMAGED, ReportCheck(path));
     WriteFile(path, cut.replace(40, 4, Be(0, 4)));
-    EXPECT_EQ(0, ReportCheck(path));
+    EXPECT_EQ(VERDICT_INTERRUPTED, ReportCheck(path));
     EXPECT_EQ(2U, Look(path).notes.size());
+}
+
+TEST(Timeline, MendsWhatCannotBe)
+{
+    const std::pair<std::vector<int64_t>, std::vector<int64_t>> cases[] = {
+        {{0, 40, 1800040, 1800080}, {0, 40, 1800040, 1800080}},  // a pause
+        {{0, 40, UINT32_MAX, 120}, {0, 40, 40, 120}},            // one that is damaged, wherever it stands
+        {{UINT32_MAX, 40}, {0, 40}},
+        {{20000, 20040, 0, 20120, 20160}, {20000, 20040, 20040, 20120, 20160}},
+        {{0, 40, UINT32_MAX}, {0, 40, 40}},
+        {{50000, 50040, 0, 40, 80}, {50000, 50040, 50080, 50120, 50160}},  // clocks that were set
+        {{0, 40, 90000000, 90000040}, {0, 40, 80, 120}},
+        {{5000, 4000, 6000}, {5000, 4000, 6000}},  // out of order
+    };
+    for (const auto &[recorded, mended] : cases) {
+        Timeline timeline{recorded};
+        TimelineMend(&timeline);
+        EXPECT_EQ(mended, timeline.times);
+    }
+}
+
+TEST(Repair, GivesTheNameUnlessItIsTakenOrAWriterLives)
+{
+    Recorder recorder;
+    for (uint32_t nTimeMs : {0, 40})
+        recorder.Put('v', ZMF_KEY, nTimeMs, Prefixed(Nal(7, 9, nTimeMs)));
+    const std::string path = recorder.path, open = path + kOpenSuffix;
+    const std::string left = std::string(recorder.Finish()).replace(40, 4, Be(0, 4));
+    WriteFile(open, left);
+    EXPECT_EQ(VERDICT_SOUND, RepairRecording(open));  // the name is taken
+    EXPECT_EQ(ReadFile(open), ReadFile(path));
+    std::remove(path.c_str());
+    WriteFile(open, left);
+    FILE *pWriter = fopen(open.c_str(), "r+");
+    EXPECT_EQ(VERDICT_UNREADABLE, RepairRecording(open));
+    EXPECT_EQ(left, ReadFile(open));
+    fclose(pWriter);
+    EXPECT_EQ(VERDICT_SOUND, RepairRecording(open));
+    EXPECT_EQ(VERDICT_SOUND, RepairRecording(path));
 }
 
 }  // namespace orx

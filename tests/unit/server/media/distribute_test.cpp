@@ -1,6 +1,7 @@
 #include "server/media/distribute.h"
 
 #include <algorithm>
+#include <array>
 #include <memory>
 #include <string>
 #include <vector>
@@ -11,6 +12,7 @@
 #include "base/bytes.h"
 #include "runtime/clock.h"
 #include "server/media/cache.h"
+#include "server/media/pace.h"
 #include "server/media/send.h"
 #include "support/output.h"
 #include "support/playerkit.h"
@@ -427,6 +429,22 @@ TEST_F(RecordingQueueTest, RepliesKeepTheirOrder)
         EXPECT_EQ(4U, Waiting());
         auto *pLast = reinterpret_cast<DataBlock *>(pPlayer->out.Outq.pLast);
         EXPECT_STREQ("two", reinterpret_cast<const char *>(BlockData(PrevBlock(pLast))));
+    });
+}
+
+// Over UDP the second ahead comes at four times real time: at once it would be more than a socket holds.
+TEST_F(RecordingQueueTest, LeadOverUdpGrows)
+{
+    ASSERT_NO_FATAL_FAILURE(StartPlaying());
+    RunOnScheduler([&] {
+        for (const auto &[bInterleaved, nSinceMs, nLeast, nMost] :
+             {std::array{1, 0, 1000, 1000}, {0, 0, 0, 900}, {0, 100, 300, 900}, {0, 9000, 1000, 1000}}) {
+            pPlayer->out.bInterleaved = bInterleaved;
+            pPlayer->play.nPlayClock = ClockMs() - static_cast<uint32_t>(nSinceMs);
+            int32_t nLead = PaceOf(pPlayer).nLead;
+            EXPECT_TRUE(nLead >= nLeast && nLead <= nMost) << nLead << " after " << nSinceMs;
+        }
+        pPlayer->out.bInterleaved = 1;
     });
 }
 

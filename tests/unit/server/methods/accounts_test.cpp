@@ -11,6 +11,7 @@
 #include "base/textbuf.h"
 #include "server/core/settings.h"
 #include "server/media/liveprogram.h"
+#include "server/methods/accountfile.h"
 #include "support/testcore.h"
 
 namespace orx {
@@ -20,6 +21,7 @@ TEST(Accounts, AreFoundInTheCamerasText)
 {
     TestCore core;
     WriteFile(g_settings.szConfigPath, "[USERS]\nSuperUser=boss\nSuperPwd=bosspw\nNumUsers=0\n");
+    AccountFileLoad(g_settings.szConfigPath);
     Session pusher;
     const std::string sdp = "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:trackID=0\r\n";
     Program *pProg = CreateLiveProgram("/cam", sdp.c_str(), sdp.size());
@@ -62,12 +64,43 @@ TEST(Accounts, AreFoundInTheCamerasText)
         users += "UserName" + n + "=user" + n + "\nUserPwd" + n + "=password" + n + "\nUserLevel" + n + "=1\n";
     }
     WriteFile(g_settings.szConfigPath, users);
+    AccountFileLoad(g_settings.szConfigPath);
     Account account;
     EXPECT_EQ(1, AccountsFind(nullptr, "user999", &account));
     EXPECT_STREQ("password999", account.szPassword);
     EXPECT_EQ(0, AccountsFind(nullptr, "user1000", &account));
     WriteFile(g_settings.szConfigPath, "");
+    AccountFileLoad(g_settings.szConfigPath);
     EXPECT_EQ(-1, AccountsFind(nullptr, "user999", &account));
+}
+
+// A list, a path, and whether it may be seen without and with StrictRoles.
+TEST(Accounts, CountRecordingsAsTheirProgram)
+{
+    TestCore core;
+    static const std::tuple<const char *, const char *, int, int> cases[] = {
+        {"cam", "/cam/20260101/S120000.zmf", 0, 1},
+        {"dog, /cam", "/cam//20260101/S120000.ZMF/", 0, 1},
+        {"cam", "/cam/front.zmf", 0, 1},
+        {"cam", "/cam/20260101/S120000.txt", 0, 0},
+        {"cam", "/camera/20260101/S120000.zmf", 0, 0},
+        {"cam", "/cam/../dog/20260101/S120000.zmf", 0, 0},
+        {"live/cam1", "/live/cam1/20260101/S120000.zmf", 0, 1},
+        {"live", "/live/cam1/20260101/S120000.zmf", 0, 0},
+        {"cam1", "/live/cam1/20260101/S120000.zmf", 0, 0},
+        {"live/cam10", "/live/cam1/20260101/S120000.zmf", 0, 0},
+        {"keep/a.zmf", "/keep/a.zmf", 1, 1},
+        {"20260101", "/20260101/S120000.zmf", 0, 1},  // a program may be called so
+        {"", "/S120000.zmf", 0, 0},
+    };
+    for (const auto &[szList, szPath, bLoose, bStrict] : cases) {
+        Account account;
+        TextCopy(account.szDevices, sizeof(account.szDevices), szList);
+        for (int bRoles : {0, 1}) {
+            g_settings.bStrictRoles = bRoles;
+            EXPECT_EQ(bRoles ? bStrict : bLoose, MaySeeProgram(&account, szPath)) << szList << " " << szPath << bRoles;
+        }
+    }
 }
 
 }  // namespace orx

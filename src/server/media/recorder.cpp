@@ -1,0 +1,541 @@
+#include "server/media/recorder.h"
+
+#include <strings.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "base/console.h"
+#include "base/printable.h"
+#include "base/textbuf.h"
+#include "record/zmfwriter.h"
+#include "runtime/clock.h"
+#include "server/core/settings.h"
+
+namespace orx {
+
+constexpr uint32_t kPacketsPerStep = 256;  // of those from before, some milliseconds
+
+// --- The writers that are open, looked after each second. Disk thread ---
+
+constexpr int kTickMs = 1000;
+
+static Recorder *g_pOpen = nullptr;
+static int64_t g_nTickMs = 0;  // when they had their last tick, by RecordSteadyMs
+
+static void Forget(Recorder *pRecorder)
+{
+    Recorder **pp = &g_pOpen;
+    while (*pp && *pp != pRecorder)
+        pp = &(*pp)->pNextOpen;
+    if (*pp)
+        *pp = pRecorder->pNextOpen;
+}
+
+// The recording is over by itself.
+static void EndWriter(Recorder *pRecorder)
+{
+    Forget(pRecorder);
+    ZMFWriterFree(std::exchange(pRecorder->pWriter, nullptr));
+    pRecorder->bOver = 1;
+}
+
+static void TellEnded(int bFailed)
+{
+    print(bFailed ? "ZMFWriterWriteSample() failed!\r\n" : "ZMFWriterWriteSample() auto stopped().\r\n");
+}
+
+// Who comes first finds the disk full first, and makes room among what is its own: that goes round.
+static void Rotate()
+{
+    Recorder *pFirst = std::exchange(g_pOpen, g_pOpen->pNextOpen);
+    Recorder **pp = &g_pOpen;
+    while (*pp)
+        pp = &(*pp)->pNextOpen;
+    *pp = pFirst;
+    pFirst->pNextOpen = nullptr;
+}
+
+// Each second a tick, and in between what takes more steps. Returns the ms to the next call, -1 for none.
+static int OnTick()
+{
+    int64_t nNow = RecordSteadyMs();
+    int bTick = nNow >= g_nTickMs + kTickMs;
+    int bMore = 0;
+    Recorder *pNext;
+    for (Recorder *p = g_pOpen; p; p = pNext) {
+        pNext = p->pNextOpen;
+        if (!bTick || ZMFWriterTick(p->pWriter)) {
+            bMore |= ZMFWriterRoomStep(p->pWriter);
+            continue;
+        }
+        TellEnded(0);
+        EndWriter(p);
+    }
+    if (bTick)
+        g_nTickMs = nNow;
+    if (bTick && g_pOpen)
+        Rotate();
+    return !g_pOpen ? -1 : bMore ? 0 : static_cast<int>(g_nTickMs + kTickMs - nNow);
+}
+
+static void Remember(Recorder *pRecorder)
+{
+    if (!g_pOpen)
+        DiskTick(OnTick, kTickMs);
+    pRecorder->pNextOpen = std::exchange(g_pOpen, pRecorder);
+}
+
+// --- Opening: the job carries all that it needs of the program ---
+
+enum class OpeningStage {
+    Create,   // the file
+    Room,     // for it, a step at a time
+    Packets,  // of the time before
+};
+
+struct Opening {
+    RecorderOpening opening;  // first
+    Recorder *pRecorder = nullptr;
+    RecordOrder order;
+    char szNick[32] = "";
+    char *szSdp = nullptr;  // owned
+    uint32_t nPreRecord = 0;
+    List packets;  // PacketJobs of the time before, owned
+    OpeningStage eStage = OpeningStage::Create;
+};
+
+// A packet on its way to the writer. Its data follows it.
+struct PacketJob {
+    DiskJob job;  // first
+    Recorder *pRecorder;
+    uint32_t nTimeMs;
+    uint32_t nBytes;
+    char chMedia;
+    int bSplit;  // it begins a new file
+    int bHole;   // packets are missing before it
+};
+
+static Opening *OpeningOf(DiskJob *pJob)
+{
+    return reinterpret_cast<Opening *>(pJob);
+}
+
+static int IsRecordingName(const char *szFile)
+{
+    size_t nLen = strlen(szFile);
+    return nLen > 4 && strcasecmp(szFile + nLen - 4, ".zmf") == 0;
+}
+
+// A peer may choose where its recording goes, but only a recording's name, so that it overwrites nothing
+// else.
+static int IsSafeFileName(const char *szFile)
+{
+    return IsRecordingName(szFile) && !strstr(szFile, "../");
+}
+
+// The name of a recording, as far as it is known before its file is made.
+static void ChooseName(const Opening *p, char *szFile, size_t nSize)
+{
+    TextBuf text{szFile, nSize};
+    const RecordOrder *pOrder = &p->order;
+    const char *szRoot = g_settings.szRecordPath, *szName = PathName(p->pRecorder->szUri);
+    int bConfined = g_settings.bConfineRecordings;
+    if (!pOrder->bNamed && bConfined)
+        StorageNamePath(szFile, nSize, szRoot, szName, pOrder->nKind);
+    else if (!pOrder->bNamed)
+        StorageNextPath(szFile, nSize, szRoot, szName, pOrder->nKind, g_settings.bNeverLose);
+    else if (bConfined && pOrder->szFile[0] && pOrder->szFile[0] != '/')
+        TextAdd(&text, "%s%s", szRoot, pOrder->szFile);
+    else
+        TextAdd(&text, "%s", pOrder->szFile);
+    if (pOrder->bNamed && !bConfined)
+        StorageFreePath(szFile, nSize, g_settings.bNeverLose);
+}
+
+static RecordRules Rules()
+{
+    return {g_settings.bNeverLose, g_settings.bWideUnits, g_settings.bStandardPushers,
+            g_settings.bAutoDelOldFile, g_settings.nReserveMegabytes};
+}
+
+static ZMFWriter *CreateWriter(const Opening *p, const char *szFile)
+{
+    const RecordRules rules = Rules();
+    if (p->order.bNamed)
+        return IsSafeFileName(szFile) ? ZMFWriterCreateFile(szFile, p->order.nKind, nullptr, nullptr, &rules)
+                                      : nullptr;
+    return ZMFWriterCreate(g_settings.szRecordPath, PathName(p->pRecorder->szUri), p->order.nKind, nullptr, 0,
+                           &rules);
+}
+
+// The same below the directory of recordings, whatever links and ".." make of the name.
+static ZMFWriter *CreateConfined(const Opening *p, const char *szFile)
+{
+    char szProgram[kStoragePathSize];
+    const char *szRoot = g_settings.szRecordPath;
+    const RecordRules rules = Rules();
+    if (p->order.bNamed)
+        return IsRecordingName(szFile) ? ZMFWriterCreateFile(szFile, p->order.nKind, nullptr, szRoot, &rules)
+                                       : nullptr;
+    return StorageProgramPath(szProgram, sizeof(szProgram), p->pRecorder->szUri)
+               ? ZMFWriterCreate(szRoot, szProgram, p->order.nKind, nullptr, 1, &rules)
+               : nullptr;
+}
+
+static void TellStart(const Opening *p, const char *szFile)
+{
+    print("StartRecord(%s) Limited=%dseconds, PreRecord=%useconds\r\n", PrintableText(szFile).sz,
+          p->order.nLimitSeconds, p->nPreRecord);
+}
+
+// Opens the first file of a recording; null, with the cause printed, when it cannot be made.
+static ZMFWriter *OpenWriter(const Opening *p)
+{
+    char szFile[kStoragePathSize] = "";
+    ZMFWriter *pWriter = nullptr;
+    int bQuiet = p->order.bAgain;  // but for what succeeds
+    ChooseName(p, szFile, sizeof(szFile));
+    if (g_settings.bConfineRecordings && (pWriter = CreateConfined(p, szFile)))
+        ZMFWriterFileName(pWriter, szFile, sizeof(szFile));  // the name that was free
+    if (!bQuiet)
+        TellStart(p, szFile);
+    if (!g_settings.bConfineRecordings)
+        pWriter = CreateWriter(p, szFile);
+    if (!pWriter && !bQuiet)
+        print("Create record file(%s) failed!\r\n", PrintableText(szFile).sz);
+    return pWriter;
+}
+
+// A step towards the room that a recording needs. One that there is none for ends, which is printed.
+static int MakeRoom(Opening *p, ZMFWriter *pWriter)
+{
+    RoomResult eResult =
+        ZMFWriterReserveStep(pWriter, g_settings.nReserveMegabytes, g_settings.bAutoDelOldFile);
+    if (eResult == RoomResult::There)
+        p->eStage = OpeningStage::Packets;
+    if (eResult == RoomResult::None && !p->order.bAgain)
+        print("NOT enough storage space to record!!!\n");
+    return eResult != RoomResult::None;
+}
+
+// Label, description, limits and header. 1 or 0.
+static int BeginFile(ZMFWriter *pWriter, const Opening *p)
+{
+    if (p->order.bAgain) {
+        char szFile[kStoragePathSize] = "";
+        ZMFWriterFileName(pWriter, szFile, sizeof(szFile));
+        TellStart(p, szFile);
+    }
+    ZMFWriterSetLabel(pWriter, p->szNick);
+    return ZMFWriterSetSdp(pWriter, p->szSdp) &&
+           ZMFWriterSetLimits(pWriter, g_settings.nMinutePerFile * 60,
+                              static_cast<uint32_t>(p->order.nLimitSeconds)) &&
+           ZMFWriterWriteHead(pWriter);
+}
+
+static int WritePacket(ZMFWriter *pWriter, const PacketJob *p)
+{
+    if (p->bHole)
+        ZMFWriterMarkHole(pWriter);
+    if (p->bSplit)
+        ZMFWriterMarkJump(pWriter);
+    return ZMFWriterWriteRtpPacket(pWriter, reinterpret_cast<const uint8_t *>(p + 1), p->nBytes, p->chMedia,
+                                   p->nTimeMs);
+}
+
+// Writes some of the packets from before. 1, or 0 when one could not be written.
+static int WriteFromBefore(Opening *p)
+{
+    for (uint32_t i = 0; i < kPacketsPerStep; i++) {
+        auto *pPacket = static_cast<PacketJob *>(ListFirst(&p->packets, LIST_DETACH));
+        if (!pPacket)
+            break;
+        int nResult = WritePacket(p->pRecorder->pWriter, pPacket);
+        free(pPacket);
+        if (nResult < 1)
+            return 0;
+    }
+    return 1;
+}
+
+// A step. Returns 1, or 0 when the recording cannot be made.
+static int OpenStep(Opening *p)
+{
+    Recorder *pRecorder = p->pRecorder;
+    switch (p->eStage) {
+        case OpeningStage::Create:
+            pRecorder->pWriter = OpenWriter(p);
+            p->eStage = OpeningStage::Room;
+            return pRecorder->pWriter != nullptr;
+        case OpeningStage::Room:
+            return MakeRoom(p, pRecorder->pWriter) &&
+                   (p->eStage == OpeningStage::Room || BeginFile(pRecorder->pWriter, p));
+        case OpeningStage::Packets:
+            break;
+    }
+    return WriteFromBefore(p);
+}
+
+static int RunOpening(DiskJob *pJob)
+{
+    Opening *p = OpeningOf(pJob);
+    Recorder *pRecorder = p->pRecorder;
+    int bOk = OpenStep(p);
+    if (bOk && (p->eStage != OpeningStage::Packets || ListCount(&p->packets) > 0))
+        return 0;
+    p->opening.bOpen = bOk;
+    if (bOk) {
+        pRecorder->bOpened = 1;
+        Remember(pRecorder);
+        return 1;
+    }
+    ZMFWriterDiscard(std::exchange(pRecorder->pWriter, nullptr));
+    pRecorder->bOver = 1;
+    return 1;
+}
+
+static void FreePacket(void *, void *pItem)
+{
+    free(pItem);
+}
+
+static void FreeOpening(HeldJob *pHeld)
+{
+    Opening *p = OpeningOf(&pHeld->job);
+    ListDestroy(&p->packets);
+    free(p->szSdp);
+    delete p;
+}
+
+static Opening *NewOpening(const Program *pProg, const RecordOrder *pOrder)
+{
+    auto *p = new (std::nothrow) Opening;
+    if (!p)
+        return nullptr;
+    p->order = *pOrder;
+    p->opening.held.job.pfnRun = RunOpening;
+    p->opening.held.pfnFree = FreeOpening;
+    p->szSdp = strdup(pProg->desc.szSdp);
+    ListInit(&p->packets, nullptr);
+    ListDataProc(&p->packets, FreePacket, nullptr);
+    ListUsedDefMap(&p->packets, 0);
+    ProgramNames(pProg, nullptr, 0, p->szNick, sizeof(p->szNick));
+    if (p->szSdp)
+        return p;
+    FreeOpening(&p->opening.held);
+    return nullptr;
+}
+
+// --- Packets ---
+
+// The letter by which a writer knows the kind of a packet.
+static char MediaLetter(const Program *pProg, const DataBlock *pBlock)
+{
+    if (pBlock->nFlags & DB_VIDEO)
+        return 'v';
+    return BlockData(pBlock)[1] == 2 * pProg->desc.nAudioTrack ? 'a' : 'u';
+}
+
+static int RunPacket(DiskJob *pJob)
+{
+    auto *p = reinterpret_cast<PacketJob *>(pJob);
+    Recorder *pRecorder = p->pRecorder;
+    int nResult = pRecorder->pWriter ? WritePacket(pRecorder->pWriter, p) : 1;
+    free(p);
+    if (nResult > 0)
+        return 1;
+    TellEnded(nResult < 0);
+    EndWriter(pRecorder);
+    return 1;
+}
+
+static PacketJob *NewPacket(Recorder *pRecorder, const Program *pProg, const DataBlock *pBlock)
+{
+    uint32_t nBytes = pBlock->len - kInterleaveBytes;
+    auto *p = static_cast<PacketJob *>(malloc(sizeof(PacketJob) + nBytes));
+    if (!p)
+        return nullptr;
+    *p = PacketJob{{},
+                   pRecorder,
+                   pBlock->nTimestamp,
+                   nBytes,
+                   MediaLetter(pProg, pBlock),
+                   (pBlock->nFlags & DB_SPLIT) != 0,
+                   0};
+    p->job.pfnRun = RunPacket;
+    p->job.nBytes = sizeof(PacketJob) + nBytes;
+    memcpy(p + 1, BlockData(pBlock) + kInterleaveBytes, nBytes);
+    return p;
+}
+
+struct HoleJob {
+    DiskJob job;  // first
+    uint32_t nMs;
+    char szUri[sizeof(Recorder::szUri)];
+};
+
+static int RunHole(DiskJob *pJob)
+{
+    auto *p = reinterpret_cast<HoleJob *>(pJob);
+    PrintableText uri(p->szUri);
+    print("The disk is too slow: %u ms of %s are not recorded.\r\n", p->nMs, uri.sz);
+    if (g_settings.bNeverLose)
+        log("The disk is too slow: %u ms of %s are not recorded.", p->nMs, uri.sz);
+    free(p);
+    return 1;
+}
+
+static void TellHole(Recorder *pRecorder)
+{
+    auto *p = static_cast<HoleJob *>(malloc(sizeof(HoleJob)));
+    if (!p)
+        return;
+    *p = HoleJob{{}, ClockMs() - pRecorder->nHoleMs, ""};
+    TextCopy(p->szUri, sizeof(p->szUri), pRecorder->szUri);
+    p->job.pfnRun = RunHole;
+    DiskPostLazy(&pRecorder->lane, &p->job);
+}
+
+static void BeginHole(Recorder *pRecorder)
+{
+    if (!pRecorder->bHole)
+        pRecorder->nHoleMs = ClockMs();
+    pRecorder->bHole = 1;
+}
+
+// Whether a packet goes to the disk. After a hole not before half the room is free again, and from a key
+// frame on.
+static int MayWrite(Recorder *pRecorder, const DataBlock *pBlock)
+{
+    auto nMost = static_cast<size_t>(Megabytes(g_settings.nWriteQueueMegabytes));
+    size_t nWaiting = DiskBytesWaiting();
+    if (!pRecorder->bHole && nWaiting >= nMost)
+        BeginHole(pRecorder);
+    return !pRecorder->bHole || (nWaiting <= nMost / 2 && BlockStartsKey(pBlock));
+}
+
+void RecorderWrite(Recorder *pRecorder, const Program *pProg, const DataBlock *pBlock)
+{
+    PacketJob *p = MayWrite(pRecorder, pBlock) ? NewPacket(pRecorder, pProg, pBlock) : nullptr;
+    if (!p) {
+        BeginHole(pRecorder);
+        pRecorder->bSplit |= (pBlock->nFlags & DB_SPLIT) != 0;
+        return;
+    }
+    if (pRecorder->bHole) {
+        TellHole(pRecorder);
+        p->bHole = 1;
+        p->bSplit |= pRecorder->bSplit;
+        pRecorder->bHole = pRecorder->bSplit = 0;
+    }
+    DiskPostLazy(&pRecorder->lane, &p->job);
+}
+
+// --- From the cache, and the end ---
+
+// The first cached key frame that is not older than the seconds wanted; null when there is none.
+static DataBlock *FindPreRecordStart(const Program *pProg, uint32_t nSeconds)
+{
+    auto *pNewest = reinterpret_cast<DataBlock *>(pProg->cache.Pktq.pLast);
+    DataBlock *p = pNewest;
+    while (p && p->node.pPrev &&
+           ClockDiff(pNewest->nTimestamp, p->nTimestamp) < static_cast<int32_t>(nSeconds * 1000))
+        p = PrevBlock(p);
+    while (p && !BlockStartsKey(p))
+        p = NextBlock(p);
+    return p;
+}
+
+Recorder *RecorderNew(const Program *pProg, const RecordOrder *pOrder, uint32_t nPreRecord,
+                      RecorderOpening **ppOpening)
+{
+    auto *pRecorder = new (std::nothrow) Recorder;
+    Opening *p = pRecorder ? NewOpening(pProg, pOrder) : nullptr;
+    if (!p) {
+        delete pRecorder;
+        return nullptr;
+    }
+    pRecorder->nKind = pOrder->nKind;
+    TextCopy(pRecorder->szUri, sizeof(pRecorder->szUri), pProg->Uri);
+    p->pRecorder = pRecorder;
+    p->nPreRecord = nPreRecord;
+    for (const DataBlock *pBlock = FindPreRecordStart(pProg, nPreRecord); pBlock;
+         pBlock = NextBlock(pBlock)) {
+        PacketJob *pPacket = NewPacket(pRecorder, pProg, pBlock);
+        if (!pPacket)
+            break;
+        ListAppend(&p->packets, pPacket);
+        p->opening.held.job.nBytes += pPacket->job.nBytes;
+    }
+    *ppOpening = &p->opening;
+    return pRecorder;
+}
+
+static void OnOpened(DiskJob *pJob)
+{
+    FreeOpening(reinterpret_cast<HeldJob *>(pJob));
+}
+
+void RecorderOpen(Recorder *pRecorder, RecorderOpening *pOpening)
+{
+    pOpening->held.job.pfnDone = OnOpened;
+    DiskPost(&pRecorder->lane, &pOpening->held.job);
+}
+
+struct Closing {
+    HeldJob held;  // first
+    Recorder *pRecorder;
+    int bTold;
+};
+
+static int RunClosing(DiskJob *pJob)
+{
+    auto *p = reinterpret_cast<Closing *>(pJob);
+    Recorder *pRecorder = p->pRecorder;
+    char szFile[kStoragePathSize] = "";
+    if (pRecorder->pWriter)
+        ZMFWriterFileName(pRecorder->pWriter, szFile, sizeof(szFile));
+    Forget(pRecorder);
+    ZMFWriterFree(std::exchange(pRecorder->pWriter, nullptr));
+    if (p->bTold)
+        print("StopRecord(%s)\r\n", PrintableText(szFile).sz);
+    return 1;
+}
+
+static void FreeClosing(HeldJob *pHeld)
+{
+    auto *p = reinterpret_cast<Closing *>(pHeld);
+    delete p->pRecorder;
+    delete p;
+}
+
+HeldJob *RecorderClosing(Recorder *pRecorder, int bTold)
+{
+    auto *p = new (std::nothrow) Closing{{}, pRecorder, bTold};
+    if (!p)
+        return nullptr;
+    if (pRecorder->bHole && !pRecorder->bOver)  // which goes on to the end
+        TellHole(pRecorder);
+    p->held.job.pfnRun = RunClosing;
+    p->held.pfnFree = FreeClosing;
+    return &p->held;
+}
+
+static void OnClosed(DiskJob *pJob)
+{
+    FreeClosing(reinterpret_cast<HeldJob *>(pJob));
+}
+
+void RecorderClose(Recorder *pRecorder)
+{
+    HeldJob *pHeld = RecorderClosing(pRecorder, 0);
+    if (!pHeld)
+        return;
+    pHeld->job.pfnDone = OnClosed;
+    DiskPost(&pRecorder->lane, &pHeld->job);
+}
+
+}  // namespace orx
