@@ -41,6 +41,17 @@ struct MediaLine {
     uint32_t nJump = 0;      // what was added to the times of the track
 };
 
+// What is changed in the packets of a live track where they come in, once for all who get them (see
+// rewrite.h). Nothing as it begins.
+struct TrackRewrite {
+    uint16_t nSeqShift = 0;    // added to the numbers: grows by what is put between packets
+    uint32_t nStampShift = 0;  // added to the stamps, those of sender reports too
+    int bSsrc = 0;             // the track keeps the SSRC below, whatever its pusher has now
+    uint32_t nSsrc = 0;
+    int nPayloadType = -1;  // the track keeps this payload type; -1: the pusher's
+    int bChanges = 0;       // any of these differs from its first value
+};
+
 struct MediaInfo {
     uint32_t nMediaType = 0;        // MEDIA_...
     const Codec *pCodec = nullptr;  // of video always; of audio null when it is not known
@@ -57,6 +68,7 @@ struct MediaInfo {
     uint32_t nSampleBits = 0;
     uint32_t nUnitTicks = 1024;  // AAC: how far a unit goes on the RTP clock
     MediaClock clock;
+    TrackRewrite rewrite;
 };
 
 struct Program;

@@ -51,6 +51,9 @@ struct Settings {
     char *szRecordPath = nullptr;    // what is made of it; owned, ends in '/'
     int bStandardPushers = 0;        // [INTEROP] StandardPushers
     int bStandardPlayers = 0;        // [INTEROP] StandardPlayers
+    int bUdpPushers = 0;             // [INTEROP] UdpPushers
+    uint32_t nHoldPlayers = 0;       // [INTEROP] HoldPlayers, seconds; 0: players of a pusher that goes end
+    int bLowDelay = 0;               // [INTEROP] LowDelay
     // [GUARD]
     int bSurvivePeerFaults = 0;
     int bRunUnprivileged = 0;

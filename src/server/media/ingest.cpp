@@ -6,6 +6,7 @@
 #include "runtime/clock.h"
 #include "server/core/settings.h"
 #include "server/media/distribute.h"
+#include "server/media/rewrite.h"
 
 namespace orx {
 
@@ -157,6 +158,7 @@ int FeedProgram(Session *pSession, unsigned nTrack, const uint8_t *pFrame, uint3
         print("MakeDataBlock() failed and Destroy the Session!\r\n");
         return 0;
     }
+    RewritePacket(&pInfo->rewrite, BlockData(pBlock) + kInterleaveBytes, pBlock->len - kInterleaveBytes);
     pBlock->nTimestamp = nTime;
     pBlock->nFlags |= nJump;
     CachePacketEx(pProg, pBlock);

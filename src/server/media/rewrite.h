@@ -1,0 +1,19 @@
+// What is changed in a live track's packets and reports, where they come in and before anybody else holds
+// them. A track of which nothing is changed goes on byte for byte as it was pushed. Scheduler thread only.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "server/core/program.h"
+
+namespace orx {
+
+// Brings an RTP packet (RFC 3550, section 5.1) of at least 12 bytes, without the '$' head, to what the track
+// is told as.
+void RewritePacket(const TrackRewrite *pRewrite, uint8_t *pRtp, size_t nBytes);
+
+// To be called behind each change of the fields.
+void RewriteChanged(TrackRewrite *pRewrite);
+
+}  // namespace orx
