@@ -15,6 +15,7 @@ namespace orx {
 
 struct Codec;
 struct Program;
+struct Reorder;
 
 // What the handler of a request says about its session once it has replied.
 enum class Verdict {
@@ -56,8 +57,9 @@ struct SessionTrack : RtpTrack {
     int nTrackId = 0;               // by which SETUP names it
     uint8_t nRtpChannel = 0;        // interleaved channels
     uint8_t nRtcpChannel = 0;
-    Port *Media = nullptr;    // UDP port of RTP, null when interleaved; owned by the port map
-    Port *Control = nullptr;  // UDP port of RTCP
+    Port *Media = nullptr;        // UDP port of RTP, null when interleaved; owned by the port map
+    Port *Control = nullptr;      // UDP port of RTCP
+    Reorder *pReorder = nullptr;  // of a pusher over UDP: what came out of order; owned
     // What sender reports tell (RFC 3550, section 6.4.1).
     uint32_t nFirstSentRtpTime = 0;  // RTP time stamp of the first packet written
     uint32_t nClockBase = 0;         // RTP clock at that moment
@@ -102,6 +104,13 @@ struct SessionFlow {
 
 struct DataBlock;
 struct HeldJob;
+
+// What a pusher sends over UDP (see udppusher.h).
+struct SessionDatagrams {
+    uint32_t tHeard = 0;  // uptime in seconds when the last one came
+    int bWatch = 0;       // the task that ends it when none comes runs
+    int bWaits = 0;       // the task that hands on what waits for those before it is scheduled
+};
 
 // A start from the cache that takes several tasks. Until it is through, what is pushed reaches the player by
 // it.
@@ -173,6 +182,7 @@ struct Session {
     SessionViewer viewer;
     SessionQuestions questions;
     SessionHold hold;
+    SessionDatagrams datagrams;
     int bEnded = 0;  // by SessionEnd: in no list, without ports and program
     Retired retired;
 
@@ -221,6 +231,9 @@ void SessionEndPlayers(Session *pSession);
 // Ends every session, in order of creation. When the server stops: main thread, no other one runs any more.
 void SessionEndAll();
 
+// Gives the UDP ports of a track back, and what came on them and waits.
+void SessionCloseTrackPorts(SessionTrack *pTrack);
+
 // Ends the session's use of a port, and the session with its last one. Returns 1 when that ended it, else 0.
 int SessionClosePort(Session *pSession, Port *pPort);
 // The same for the connection that replies and media go out on.
@@ -256,6 +269,10 @@ inline void *SessionPrintHandle(const Session *pSession)
 // Whether the session plays a recording as standard players take it ([INTEROP] StandardPlayers): all tracks
 // on one time line, exact places, nothing lost in a pause, and an end that is told.
 int PlaysStandard(const Session *pSession);
+
+// Whether the peer is taken as standard clients and encoders are: a pusher by [INTEROP] StandardPushers, all
+// others by StandardPlayers.
+int IsStandardPeer(const Session *pSession);
 
 // The time stamp of time 0, on every clock. Not 0 for standard players: some take an rtptime of 0 in RTP-Info
 // for none, and count from whatever they read first, after a jump from what is left from before it.

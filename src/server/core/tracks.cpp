@@ -26,11 +26,25 @@ void SessionEnterTrack(Session *pSession, int i)
 {
     const Program *pProg = pSession->pProg;
     SessionTrack *pTrack = &pSession->tracks[i];
+    int bGoesOn = pSession->nState == STATE_PAUSED || pSession->nState == STATE_FINISHED;
+    if (!bGoesOn)
+        pSession->nState = STATE_SETUP;
+    if (pTrack->bSetUp)
+        return;
     pTrack->nSsrc = pProg->bLive ? pProg->cache.ssrc : static_cast<uint32_t>(rand());
     pTrack->nNextSeq = pProg->bLive ? 0 : static_cast<uint16_t>(rand());
     pTrack->bSetUp = 1;
     pSession->play.nSetupCount++;
-    pSession->nState = STATE_SETUP;
+}
+
+void SessionLeaveTracks(Session *pSession)
+{
+    for (SessionTrack &track : pSession->tracks) {
+        SessionCloseTrackPorts(&track);
+        track.bSetUp = track.bReported = 0;
+        track.nPackets = track.nOctets = 0;
+    }
+    pSession->play.nSetupCount = 0;
 }
 
 }  // namespace orx

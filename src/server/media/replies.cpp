@@ -37,12 +37,14 @@ static constexpr StatusRow g_statuses[] = {
     {STATUS_FORBIDDEN, HEAD_CSEQ, "RTSP/1.0 403 Forbidden"},
     {STATUS_NOT_FOUND, HEAD_BOTH, "RTSP/1.0 404 Not Found"},
     {STATUS_NOT_ALLOWED, HEAD_BOTH, "RTSP/1.0 405 Method Not Allowed"},
+    {STATUS_NO_SESSION, HEAD_BOTH, "RTSP/1.0 454 Session Not Found"},
     {STATUS_WRONG_STATE, HEAD_BOTH, "RTSP/1.0 455 Method Not Valid in This State"},
     {STATUS_OTHER_TRANSPORT, HEAD_BOTH, "RTSP/1.0 461 Unsupported Transport"},
     {STATUS_NO_TRANSPORT, HEAD_BOTH, "RTSP/1.0 500 Internal error"},
     {STATUS_NOT_IMPLEMENTED, HEAD_SERVER, "RTSP/1.0 500 Not implemented"},
     {STATUS_FAILED, HEAD_BOTH, "RTSP/1.0 501 Internal error"},
     {STATUS_DUPLICATE, HEAD_BOTH, "RTSP/1.0 502 Duplicate"},
+    {STATUS_NO_OPTION, HEAD_BOTH, "RTSP/1.0 551 Option not supported"},
     {STATUS_CAMCFG, HEAD_BOTH, "RTSP/1.0 650 Get camera config OK"},
     {STATUS_NO_CAMCFG, HEAD_BOTH, "RTSP/1.0 651 Get camera config failed"},
     {HTTP_OK, HEAD_SERVER, "HTTP/1.1 200 OK"},
@@ -170,6 +172,12 @@ Verdict ReplyShort(Session *pSession, Port *pPort, Status eStatus)
     Message reply(pSession, pPort);
     ReplyBegin(&reply, eStatus);
     return MessageSend(&reply);
+}
+
+Verdict RefuseState(Session *pSession, Port *pPort)
+{
+    Verdict eVerdict = ReplyStatus(pSession, pPort, STATUS_WRONG_STATE);
+    return IsStandardPeer(pSession) ? eVerdict : Verdict::End;
 }
 
 }  // namespace orx

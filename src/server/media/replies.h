@@ -31,12 +31,14 @@ enum Status {
     STATUS_FORBIDDEN,
     STATUS_NOT_FOUND,
     STATUS_NOT_ALLOWED,
+    STATUS_NO_SESSION,
     STATUS_WRONG_STATE,
     STATUS_OTHER_TRANSPORT,
     STATUS_NO_TRANSPORT,
     STATUS_NOT_IMPLEMENTED,
     STATUS_FAILED,
     STATUS_DUPLICATE,
+    STATUS_NO_OPTION,
     STATUS_CAMCFG,
     STATUS_NO_CAMCFG,
     HTTP_OK,
@@ -101,5 +103,8 @@ inline Verdict RefuseFault(Session *pSession, Port *pPort)
     ReplyShort(pSession, pPort, STATUS_BAD_REQUEST);
     return Verdict::End;
 }
+// The refusal of a request that comes in the wrong state. Standard peers go on from there; for others the
+// session ends.
+Verdict RefuseState(Session *pSession, Port *pPort);
 
 }  // namespace orx

@@ -31,6 +31,7 @@ enum Admission {
     CHALLENGED,  // the 401 is sent
     REFUSED,     // the 403 is sent
     POSTPONED,   // nothing is: the answer waits
+    MISPLACED,   // the 455 is, and the connection stays
     ENDED,       // 404, 455, or a reply that could not be sent: the session is to end
 };
 
@@ -47,7 +48,7 @@ inline Verdict NotAdmitted(Admission eAdmission, Verdict eRefused)
 {
     if (eAdmission == POSTPONED)
         return Verdict::Later;
-    return eAdmission == REFUSED ? eRefused : KeepIf(eAdmission == CHALLENGED);
+    return eAdmission == REFUSED ? eRefused : KeepIf(eAdmission == CHALLENGED || eAdmission == MISPLACED);
 }
 
 }  // namespace orx

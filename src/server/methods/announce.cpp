@@ -138,9 +138,8 @@ static int HasDescription(const Request *pRequest)
 
 Verdict HandleAnnounce(Session *pSession, Port *pPort, Request *pRequest)
 {
-    if (pSession->nState != STATE_NEW) {
-        return Refuse(pSession, pPort, STATUS_WRONG_STATE);
-    }
+    if (pSession->nState != STATE_NEW)
+        return RefuseState(pSession, pPort);
     if (!ChooseReplyPort(pSession, pPort))
         return Verdict::End;
     if (!PeerMayAnnounce(pPort)) {

@@ -254,7 +254,7 @@ static int IsOvertaken(const Session *pSession)
 }
 
 // It is answered, and playing goes on, or waits, where it did.
-static Verdict AnswerOvertaken(Session *pSession, Port *pPort, const Request *pRequest)
+static Verdict AnswerFile(Session *pSession, Port *pPort, const Request *pRequest)
 {
     Message reply(pSession, pPort);
     PlayWish wish = ReadWish(pSession, pRequest);
@@ -274,6 +274,13 @@ static uint32_t FirstMediaTime(Session *pSession)
     return pBlock ? pBlock->nTimestamp : 0;
 }
 
+static void BeginLiveReply(Message *pReply, const Request *pRequest)
+{
+    ReplyBegin(pReply, STATUS_OK);
+    TextAdd(&pReply->text, "Range: npt=now-\r\n");
+    AddPlayLines(pReply, pRequest, 0);
+}
+
 // Fills a player's queue and writes the reply. Returns the block that the reply goes before: the media that
 // is queued here must not overtake it. Standard players get their replies in order.
 static DataBlock *StartLive(Message *pReply, const Request *pRequest)
@@ -284,9 +291,7 @@ static DataBlock *StartLive(Message *pReply, const Request *pRequest)
     if (!(pSession->nFlags & SESSION_PUSHER))
         FillBufferAtFirstPlay(pSession);
     pSession->play.nPlayStart = pSession->play.nPlayPos = FirstMediaTime(pSession);
-    ReplyBegin(pReply, STATUS_OK);
-    TextAdd(&pReply->text, "Range: npt=now-\r\n");
-    AddPlayLines(pReply, pRequest, 0);
+    BeginLiveReply(pReply, pRequest);
     if (!pOldHead)
         return ListFirstOf<DataBlock>(&pSession->out.Outq);
     return g_settings.bStandardPlayers ? NextBlock(pOldLast) : pOldHead;
@@ -307,12 +312,27 @@ static int MayPlay(const Session *pSession, const Request *pRequest)
     return pSession->nState == STATE_FINISHED || (pSession->nState == STATE_PLAYING && bChange);
 }
 
+// A standard peer's PLAY while it plays, which asks for no other place, only says that it is there.
+static int PlaysOn(const Session *pSession)
+{
+    return IsStandardPeer(pSession) && pSession->pProg && pSession->nState == STATE_PLAYING;
+}
+
+static Verdict AnswerPlaying(Session *pSession, Port *pPort, const Request *pRequest)
+{
+    if (!pSession->pProg->bLive)
+        return AnswerFile(pSession, pPort, pRequest);
+    Message reply(pSession, pPort);
+    BeginLiveReply(&reply, pRequest);
+    return MessageSend(&reply);
+}
+
 Verdict HandlePlay(Session *pSession, Port *pPort, Request *pRequest)
 {
     if (!MayPlay(pSession, pRequest))
-        return Refuse(pSession, pPort, STATUS_WRONG_STATE);
+        return PlaysOn(pSession) ? AnswerPlaying(pSession, pPort, pRequest) : RefuseState(pSession, pPort);
     if (IsOvertaken(pSession))
-        return AnswerOvertaken(pSession, pPort, pRequest);
+        return AnswerFile(pSession, pPort, pRequest);
     pSession->play.nPlayClock = ClockMs();
     Message reply(pSession, pPort);
     int bLive = pSession->pProg->bLive;
@@ -347,10 +367,10 @@ Verdict HandleRecord(Session *pSession, Port *pPort, Request *pRequest)
 Verdict HandlePause(Session *pSession, Port *pPort, Request *)
 {
     if (!PlaysStandard(pSession))
-        QueueDropAll(pSession);
+        (IsStandardPeer(pSession) ? QueueDropMedia : QueueDropAll)(pSession);
     int bFinished = g_settings.bStandardPlayers && pSession->nState == STATE_FINISHED;
     if (pSession->nState != STATE_PLAYING && !bFinished)
-        return Refuse(pSession, pPort, STATUS_WRONG_STATE);
+        return RefuseState(pSession, pPort);
     pSession->nState = STATE_PAUSED;
     Message reply(pSession, pPort);
     ReplyBegin(&reply, STATUS_OK);

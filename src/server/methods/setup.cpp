@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "base/assertion.h"
 #include "base/textbuf.h"
@@ -12,7 +13,10 @@
 #include "server/core/registry.h"
 #include "server/core/settings.h"
 #include "server/core/tracks.h"
+#include "server/media/outqueue.h"
 #include "server/media/replies.h"
+#include "server/media/udppusher.h"
+#include "server/methods/transport.h"
 
 namespace orx {
 
@@ -23,6 +27,7 @@ enum SetupResult {
     SETUP_FAILED,  // no sockets for the track: 500
     SETUP_OTHER,   // a transport that leads nowhere from here, others may do: 461
     SETUP_FAULT,   // a peer assertion failed and was survived: 400
+    SETUP_BAD,     // malformed, a standard peer may try again: 400
 };
 
 // A pusher names the channels that it sends on.
@@ -66,6 +71,14 @@ static Port *CreateMediaPort(Session *pSession, const Port *pPort, int nLocalPor
     return pMedia;
 }
 
+// Sends what is left of a track to these ports from now on, until a datagram tells of others.
+static void AimPorts(SessionTrack *pTrack, const Port *pPort, int nRemotePort)
+{
+    pTrack->Media->remote.sin_addr = pTrack->Control->remote.sin_addr = pPort->remote.sin_addr;
+    pTrack->Media->remote.sin_port = htons(static_cast<uint16_t>(nRemotePort));
+    pTrack->Control->remote.sin_port = htons(static_cast<uint16_t>(nRemotePort + 1));
+}
+
 // Opens both sockets of a track on one pair. Returns 1, or 0 with both null when somebody sits on a port of
 // it.
 static int OpenPair(Session *pSession, SessionTrack *pTrack, const Port *pPort, int nLocalPort,
@@ -100,6 +113,12 @@ static void OpenMediaPorts(Session *pSession, SessionTrack *pTrack, const Port *
         PortMgrRelease(g_server.pPortMgr, tried[--nTried]);
 }
 
+static void AddUdpText(const SessionTrack *pTrack, int nRemotePort, TextBuf *pText)
+{
+    TextAdd(pText, "RTP/AVP/UDP;unicast;client_port=%d-%d;server_port=%d-%d", nRemotePort, nRemotePort + 1,
+            SockGetPort(&pTrack->Media->local), SockGetPort(&pTrack->Control->local));
+}
+
 // szParams: what follows the profile in the header.
 static SetupResult SetupUdp(Session *pSession, Port *pPort, int i, const char *szParams, TextBuf *pText)
 {
@@ -123,9 +142,80 @@ static SetupResult SetupUdp(Session *pSession, Port *pPort, int i, const char *s
     }
     if (!pTrack->Media || !pTrack->Control)
         return SETUP_FAILED;
-    TextAdd(pText, "RTP/AVP/UDP;unicast;client_port=%d-%d;server_port=%d-%d", nRemotePort, nRemotePort + 1,
-            SockGetPort(&pTrack->Media->local), SockGetPort(&pTrack->Control->local));
+    AddUdpText(pTrack, nRemotePort, pText);
     return SETUP_DONE;
+}
+
+// Whether all that has been set up is to travel otherwise now: so players go on that were sent datagrams and
+// got none (RFC 2326, appendix A.1, leaves what is set up alone until then).
+static int ReplacesAll(const Session *pSession, int i, int bInterleaved)
+{
+    return pSession->tracks[i].bSetUp && pSession->out.bInterleaved != bInterleaved;
+}
+
+// Of a session all tracks travel alike.
+static int TravelsAlike(const Session *pSession, int i, int bInterleaved)
+{
+    if (pSession->out.bInterleaved == bInterleaved || pSession->play.nSetupCount == 0)
+        return 1;
+    if (!pSession->tracks[i].bSetUp)
+        return 0;
+    auto *pHead = ListFirstOf<DataBlock>(&pSession->out.Outq);
+    return bInterleaved || !pHead || pHead->sent == 0;  // else the connection needs its rest
+}
+
+static int CanServe(const Session *pSession, const Port *pPort, int i, const TransportOffer *pOffer)
+{
+    if (pOffer->bMulticast || pOffer->eCarrier == Carrier::Other)
+        return 0;
+    if (!TravelsAlike(pSession, i, pOffer->eCarrier == Carrier::Tcp))
+        return 0;
+    if (pOffer->eCarrier == Carrier::Tcp)
+        return 1;
+    if (pOffer->nPort == 0 || (pPort->nFlags & PORT_RELAYED))
+        return 0;
+    return g_settings.bUdpPushers || !(pSession->nFlags & SESSION_PUSHER);
+}
+
+// Lets a track travel as offered. Returns 1, or 0 when there are no sockets for it.
+static int TakeOffer(Session *pSession, const Port *pPort, int i, const TransportOffer *pOffer,
+                     TextBuf *pText)
+{
+    int bInterleaved = pOffer->eCarrier == Carrier::Tcp;
+    SessionTrack *pTrack = &pSession->tracks[i];
+    if (ReplacesAll(pSession, i, bInterleaved)) {
+        QueueDropMedia(pSession);
+        SessionLeaveTracks(pSession);
+    }
+    if (bInterleaved) {
+        pSession->out.bInterleaved = 1;
+        TextAdd(pText, "RTP/AVP/TCP;unicast;interleaved=%d-%d", pTrack->nRtpChannel, pTrack->nRtcpChannel);
+        return 1;
+    }
+    if (!pTrack->Media)
+        OpenMediaPorts(pSession, pTrack, pPort, pOffer->nPort);
+    if (!pTrack->Media || ((pSession->nFlags & SESSION_PUSHER) && !DatagramsBegin(pSession, i)))
+        return 0;
+    AimPorts(pTrack, pPort, pOffer->nPort);
+    pSession->out.bInterleaved = 0;
+    AddUdpText(pTrack, pOffer->nPort, pText);
+    return 1;
+}
+
+// The first of what a standard peer offers that can be served.
+static SetupResult SetupOffered(Session *pSession, const Port *pPort, int i, const char *szTransport,
+                                TextBuf *pText)
+{
+    std::string_view list(szTransport);
+    TransportOffer offer;
+    int nOffers = 0;
+    int bBad = 0;
+    for (int nRead; (nRead = TransportNext(&list, &offer)) != 0; nOffers++) {
+        if (nRead > 0 && CanServe(pSession, pPort, i, &offer) && TakeOffer(pSession, pPort, i, &offer, pText))
+            return SETUP_DONE;
+        bBad |= nRead < 0;
+    }
+    return bBad || nOffers == 0 ? SETUP_BAD : SETUP_OTHER;
 }
 
 // Sets the transport of track i up and writes its text for the reply.
@@ -136,6 +226,8 @@ static SetupResult SetupTransport(Session *pSession, Port *pPort, int i, const R
     const char *szTransport = RequestHeaderValue(pRequest, "Transport");
     if (!szTransport)
         szTransport = "";
+    if (IsStandardPeer(pSession))
+        return SetupOffered(pSession, pPort, i, szTransport, pText);
     if (strncmp(szTransport, "RTP/AVP/TCP;", strlen("RTP/AVP/TCP;")) == 0)
         return SetupInterleaved(pSession, i, szTransport, pText);
     for (const char *szProfile : udpProfiles)
@@ -147,6 +239,11 @@ static SetupResult SetupTransport(Session *pSession, Port *pPort, int i, const R
 
 static int IsSetupAllowed(const Session *pSession)
 {
+    if (IsStandardPeer(pSession)) {
+        uint32_t nState = pSession->nState;
+        return pSession->pProg && (nState == STATE_DESCRIBED || nState == STATE_SETUP ||
+                                   nState == STATE_PAUSED || nState == STATE_FINISHED);
+    }
     if (!pSession->pProg ||
         pSession->play.nSetupCount >= static_cast<uint32_t>(pSession->pProg->desc.nTrackCount))
         return 0;
@@ -179,7 +276,7 @@ static Verdict SendSetupReply(Session *pSession, Port *pPort, int i, const char 
 Verdict HandleSetup(Session *pSession, Port *pPort, Request *pRequest)
 {
     if (!IsSetupAllowed(pSession))
-        return Refuse(pSession, pPort, STATUS_WRONG_STATE);
+        return RefuseState(pSession, pPort);
     int nTracks = pSession->pProg->desc.nTrackCount;
     const char *pEqual = strchr(RequestPath(pRequest), '=');
     if (!ORX_PEER_ASSERT(nTracks >= 1 && nTracks < 4,
@@ -198,6 +295,8 @@ Verdict HandleSetup(Session *pSession, Port *pPort, Request *pRequest)
             return Refuse(pSession, pPort, STATUS_NO_TRANSPORT);
         case SETUP_OTHER:
             return ReplyStatus(pSession, pPort, STATUS_OTHER_TRANSPORT);
+        case SETUP_BAD:
+            return ReplyStatus(pSession, pPort, STATUS_BAD_REQUEST);
         case SETUP_DONE:
             break;
     }
