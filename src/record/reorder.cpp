@@ -11,6 +11,7 @@ namespace orx {
 constexpr int kMostAhead = 3000;   // further on is another count of numbers, as is
 constexpr int kMostBehind = -100;  // further back (RFC 3550, appendix A.1)
 constexpr uint32_t kSeenBits = 64;
+constexpr int kBeforeFirst = 16;  // numbers that the first packet may have overtaken
 
 static ReorderSlot *SlotOf(Reorder *pReorder, uint16_t nNumber)
 {
@@ -22,7 +23,8 @@ static void StepOn(Reorder *pReorder, int bSeen)
 {
     pReorder->nNext++;
     pReorder->nSeen = pReorder->nSeen << 1 | static_cast<uint64_t>(bSeen);
-    pReorder->nLost += !bSeen;
+    pReorder->nLost += !bSeen && !pReorder->bBegins;
+    pReorder->bBegins &= !bSeen;
 }
 
 // Hands on the packet that is due and waits. Returns as the sink.
@@ -64,7 +66,7 @@ static int PassUntil(Reorder *pReorder, uint16_t nNumber, uint16_t nAhead, const
             return 0;
     auto nRest = static_cast<uint16_t>(nEnd - pReorder->nNext);
     pReorder->nNext = nEnd;
-    pReorder->nLost += nRest;
+    pReorder->nLost += pReorder->bBegins ? 0 : nRest;
     pReorder->nSeen = nRest < kSeenBits ? pReorder->nSeen << nRest : 0;
     return 1;
 }
@@ -102,14 +104,14 @@ static int CountsAnew(Reorder *pReorder, uint16_t nNumber)
     return bAnew;
 }
 
-// Begins at nNumber. What waits of the count before goes out first.
+// Begins with nNumber, or one shortly before it. What waits of the count before goes out first.
 static int BeginAt(Reorder *pReorder, uint16_t nNumber, const ReorderSink *pSink)
 {
     while (pReorder->nHeld > 0)
         if (!PassOne(pReorder, pSink))
             return 0;
-    pReorder->bStarted = 1;
-    pReorder->nNext = nNumber;
+    pReorder->bStarted = pReorder->bBegins = 1;
+    pReorder->nNext = static_cast<uint16_t>(nNumber - kBeforeFirst);
     pReorder->nSeen = 0;
     return 1;
 }
@@ -127,7 +129,7 @@ int ReorderPut(Reorder *pReorder, uint16_t nNumber, const uint8_t *pData, size_t
     if (bFar || !pReorder->bStarted) {
         if (!BeginAt(pReorder, nNumber, pSink))
             return 0;
-        nAhead = 0;
+        nAhead = kBeforeFirst;
         pReorder->bStray = 0;
     }
     if (nAhead < 0) {

@@ -26,6 +26,7 @@ struct ReorderSlot {
 struct Reorder {
     int bStarted = 0;                    // a packet has come; the next is set
     uint16_t nNext = 0;                  // number of the packet that is due
+    int bBegins = 0;                     // nothing was handed on since it began: what is missing is not lost
     uint64_t nSeen = 0;                  // bit k: that of number nNext - 1 - k was handed on
     uint32_t nHeld = 0;                  // how many wait
     ReorderSlot slots[kReorderPackets];  // that of number n waits in n % kReorderPackets
@@ -36,8 +37,9 @@ struct Reorder {
 };
 
 // Takes a packet of that number. Packets that were handed on already, or are too late, are dropped; one that
-// is far off only counts once a second one follows it, and then all begins anew there. nNowMs: any clock that
-// wraps at 32 bits. Returns 1, or 0 when the sink wanted no more.
+// is far off only counts once a second one follows it, and then all begins anew there. The first one waits,
+// too, as it may have overtaken others. nNowMs: any clock that wraps at 32 bits. Returns 1, or 0 when the
+// sink wanted no more.
 int ReorderPut(Reorder *pReorder, uint16_t nNumber, const uint8_t *pData, size_t nBytes, uint32_t nNowMs,
                const ReorderSink *pSink);
 

@@ -16,6 +16,7 @@
 #include "server/methods/announce.h"
 #include "server/methods/camcfg.h"
 #include "server/methods/credentials.h"
+#include "server/methods/demands.h"
 #include "server/methods/describe.h"
 #include "server/methods/devcontrol.h"
 #include "server/methods/directcfg.h"
@@ -86,6 +87,9 @@ static const MethodEntry g_methods[] = {
 
 static Verdict Dispatch(Session *pSession, Port *pPort, Request *pRequest)
 {
+    Verdict eDemand = Verdict::Keep;
+    if (!DemandsMet(pSession, pPort, pRequest, &eDemand))
+        return eDemand;
     for (const MethodEntry &method : g_methods) {
         if (strcasecmp(method.szName, RequestMethod(pRequest)) != 0)
             continue;

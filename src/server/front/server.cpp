@@ -15,6 +15,7 @@
 #include "record/storage.h"
 #include "runtime/diskthread.h"
 #include "runtime/sockutil.h"
+#include "record/reorder.h"
 #include "server/core/program.h"
 #include "server/core/registry.h"
 #include "server/core/session.h"
@@ -240,6 +241,13 @@ static void DescribeSession(const Session *pSession, SessionStat *pOut)
     pOut->tStart = pSession->peer.tStart;
     TextCopy(pOut->szProgram, sizeof(pOut->szProgram), pSession->pProg ? pSession->pProg->Uri : "-");
     pOut->bPusher = (pSession->nFlags & SESSION_PUSHER) != 0;
+    for (const SessionTrack &track : pSession->tracks) {
+        if (!track.pReorder)
+            continue;
+        pOut->bDatagrams = 1;
+        pOut->nLate += track.pReorder->nLate;
+        pOut->nLost += track.pReorder->nLost;
+    }
 }
 
 static void GatherStat(ServerStat *pStat, int bWithSessions)

@@ -19,6 +19,8 @@ struct SessionStat {
     uint32_t tStart;      // seconds since the epoch
     char szProgram[256];  // name of the program, "-" without one
     int bPusher;
+    int bDatagrams;         // it pushes over UDP; the next two are set, of all tracks
+    uint32_t nLate, nLost;  // packets that came too late; that were not there in time, those included
 };
 struct ServerStat {
     unsigned nTasks, nLives, nClients, nMonitors;

@@ -12,6 +12,7 @@
 #include "runtime/sockutil.h"
 #include "server/core/program.h"
 #include "server/core/settings.h"
+#include "server/media/distribute.h"
 #include "server/media/ingest.h"
 
 namespace orx {
@@ -62,7 +63,8 @@ static int OnWaitOver(Task *pTask, uint32_t, uint32_t, uint32_t)
         SessionEnd(pSession);
         return -1;
     }
-    FlushAfterRead(pSession);
+    if (pSession->pProg && pSession->nState == STATE_PLAYING)
+        FlushPlayers(pSession->pProg);
     pSession->datagrams.bWaits = nDueMs >= 0;
     return nDueMs >= 0 ? std::max(nDueMs, 1) : -1;
 }
