@@ -211,6 +211,12 @@ static int IsOfPeer(const Session *pSession, const sockaddr_in *pFrom)
     return pPort && SockGetIp(&pPort->remote) == SockGetIp(pFrom);
 }
 
+// What a datagram costs: that of a pusher goes to every player.
+static uint32_t WorkOf(const Session *pSession)
+{
+    return IsUdpPusher(pSession) && pSession->pProg ? 2 + ListCount(&pSession->pProg->players) : 1;
+}
+
 static int AfterDatagrams(Session *pSession)
 {
     if (IsUdpPusher(pSession))
@@ -224,7 +230,9 @@ static int ReadUdp(Session *pSession, Port *pPort)
 {
     uint8_t frame[kInterleaveBytes + kLargestDatagram];
     int bPinned = g_settings.bPinMedia || IsUdpPusher(pSession);
-    for (int i = 0; i < kDatagramsPerEvent; i++) {
+    int bMore = 1;
+    Slice slice = SliceBegin();
+    for (int i = 0; i < kDatagramsPerEvent && bMore; i++) {
         sockaddr_in from{};
         socklen_t nFrom = sizeof(from);
         ssize_t n = recvfrom(pPort->fd, frame + kInterleaveBytes, kLargestDatagram, 0,
@@ -239,6 +247,7 @@ static int ReadUdp(Session *pSession, Port *pPort)
             continue;
         pPort->remote = from;
         NoteReceived(pSession, static_cast<size_t>(n));
+        bMore = !SliceOver(&slice, WorkOf(pSession));
         if (!OnDatagram(pSession, pPort, frame, static_cast<size_t>(n))) {
             SessionEnd(pSession);
             return -1;
