@@ -49,6 +49,8 @@ void RequestReset(Request *pRequest)
 {
     FreeText(&pRequest->method);
     FreeText(&pRequest->uri);
+    FreeText(&pRequest->base);
+    FreeText(&pRequest->path);
     FreeText(&pRequest->protocol);
     FreeText(&pRequest->version);
     AvlDestroy(&pRequest->headers);
@@ -122,14 +124,34 @@ static int SetUri(Str *pUri, Span span)
     return nLen > 0 && SetText(pUri, {szUri, szUri + nLen});
 }
 
+// The query is looked for before the URI is decoded: a name may hold a '?' that was escaped.
+static void SetBase(Request *pRequest, Span uri)
+{
+    if (auto *pQuery = static_cast<const char *>(memchr(uri.p, '?', uri.Size())))
+        uri.pEnd = pQuery;
+    while (uri.Size() > 1 && uri.pEnd[-1] == '/')
+        uri.pEnd--;
+    char szUri[kMaxUri + 1];
+    int nLen = UriDecode({uri.p, uri.Size()}, szUri, sizeof(szUri));
+    if (nLen <= 0 || !SetText(&pRequest->base, uri))
+        return;
+    const char *pPath = UriPath(szUri);
+    SetText(&pRequest->path, {pPath, szUri + nLen});
+}
+
 // METHOD URI PROTOCOL/VERSION. The '/' is looked for behind the URI only, so that a status line is no
 // request.
 static int ParseStartLine(Request *pRequest, Span line)
 {
     if (line.Size() == 0 || TextIsSpace(*line.p))
         return 0;
-    if (!SetText(&pRequest->method, TakeToken(&line)) || !SetUri(&pRequest->uri, TakeToken(&line)))
+    if (!SetText(&pRequest->method, TakeToken(&line)))
         return 0;
+    Span uri = TakeToken(&line);
+    if (!SetUri(&pRequest->uri, uri))
+        return 0;
+    if (g_settings.bStandardPlayers)
+        SetBase(pRequest, uri);
     auto *pSlash = static_cast<const char *>(memchr(line.p, '/', line.Size()));
     if (!pSlash || !SetText(&pRequest->protocol, {line.p, pSlash}))
         return 0;
@@ -228,7 +250,7 @@ const char *UriPath(const char *szUri)
 
 const char *RequestPath(const Request *pRequest)
 {
-    return UriPath(RequestUri(pRequest));
+    return pRequest->path ? StrText(pRequest->path) : UriPath(RequestUri(pRequest));
 }
 
 }  // namespace orx

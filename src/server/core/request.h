@@ -18,6 +18,8 @@ struct Request {
     uint16_t nHeadLen = 0;  // bytes of that block, the empty line included
     Str method = nullptr;
     Str uri = nullptr;       // percent-decoded
+    Str base = nullptr;      // for standard peers: as it came, without query and '/' at its end; else null
+    Str path = nullptr;      // of the base, decoded; else null
     Str protocol = nullptr;  // "RTSP", "HTTP"
     Str version = nullptr;   // "1.0"
     char szReason[64] = "";  // room for a status line; no accepted input fills it
@@ -51,10 +53,17 @@ inline const char *RequestUri(const Request *pRequest)
     return StrText(pRequest->uri);
 }
 
-// The path of the request's URI: what follows the first '/' behind "://", that '/' included; the whole URI
-// when it has no such form. Points into the URI.
-const char *RequestPath(const Request *pRequest);
+// The path of a URI: what follows the first '/' behind "://", that '/' included; the whole URI when it has no
+// such form. Points into the URI.
 const char *UriPath(const char *szUri);
+// The path that a request names a program by: with [INTEROP] StandardPlayers without query and without '/' at
+// its end, which clients add as they like.
+const char *RequestPath(const Request *pRequest);
+// The URI itself without them, as it came; empty without StandardPlayers.
+inline const char *RequestBase(const Request *pRequest)
+{
+    return StrText(pRequest->base);
+}
 
 // A path without the '/' that it begins with, as directories and lists of programs have it.
 inline const char *PathName(const char *szPath)

@@ -1,6 +1,8 @@
 #include "server/front/dispatch.h"
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "base/assertion.h"
 #include "base/bytes.h"
@@ -10,6 +12,7 @@
 #include "runtime/taskwatch.h"
 #include "server/core/heldjob.h"
 #include "server/core/program.h"
+#include "server/core/settings.h"
 #include "server/media/ingest.h"
 #include "server/media/replies.h"
 #include "server/media/rtcp.h"
@@ -69,6 +72,7 @@ static const MethodEntry g_methods[] = {
     {"POST", BindToHttpGet},
     {"OPTIONS", HandleOptions},
     {"SET_PARAMETER", HandleSetParameter},
+    {"GET_PARAMETER", HandleGetParameter},
     {"GETPLAYLIST", HandleGetPlayList},
     {"CAMCONTROL", HandleCamControl, Role::Viewer},
     {"PUTVOICE", HandlePutVoice, Role::Viewer},
@@ -84,8 +88,56 @@ static const MethodEntry g_methods[] = {
     {"RECORD", HandleRecord},
 };
 
+// Standard players may require what only some servers have (RFC 2326, section 12.32): nothing is here.
+static Verdict RefuseOption(Session *pSession, Port *pPort, const char *szOptions)
+{
+    Message reply(pSession, pPort);
+    ReplyBegin(&reply, STATUS_NO_OPTION);
+    TextAdd(&reply.text, "Unsupported: %.*s\r\n", static_cast<int>(strcspn(szOptions, "\r\n")), szOptions);
+    MessageNoCache(&reply);
+    return MessageSend(&reply);
+}
+
+// Whether a method of a player names another session than its own, as one does whose session has ended. The
+// others may carry what is left of an earlier session, and a pusher's connection is its session.
+static int NamesOtherSession(const Session *pSession, const Request *pRequest)
+{
+    static const char *const g_bound[] = {"SETUP",    "PLAY",          "PAUSE",
+                                          "TEARDOWN", "SET_PARAMETER", "GET_PARAMETER"};
+    const char *szSession = RequestHeaderValue(pRequest, "Session");
+    if (!szSession || (pSession->nFlags & SESSION_PUSHER))
+        return 0;
+    char own[32];
+    TextBuf text{own, sizeof(own)};
+    TextAdd(&text, "%p", SessionPrintHandle(pSession));
+    if (strncasecmp(szSession, own, text.nLen) == 0 && strchr("; \t", szSession[text.nLen]))
+        return 0;
+    return std::any_of(std::begin(g_bound), std::end(g_bound), [pRequest](const char *szMethod) {
+        return strcasecmp(szMethod, RequestMethod(pRequest)) == 0;
+    });
+}
+
+// What every standard request is asked before its method. Returns 1 with *pVerdict when it is refused.
+static int RefusesStandard(Session *pSession, Port *pPort, const Request *pRequest, Verdict *pVerdict)
+{
+    if (!g_settings.bStandardPlayers || strcasecmp(StrText(pRequest->protocol), "RTSP") != 0)
+        return 0;
+    for (const char *szHeader : {"Require", "Proxy-Require"})
+        if (const char *szOptions = RequestHeaderValue(pRequest, szHeader)) {
+            *pVerdict = RefuseOption(pSession, pPort, szOptions);
+            return 1;
+        }
+    if (!NamesOtherSession(pSession, pRequest))
+        return 0;
+    *pVerdict = ReplyStatus(pSession, pPort, STATUS_NO_SESSION);
+    return 1;
+}
+
 static Verdict Dispatch(Session *pSession, Port *pPort, Request *pRequest)
 {
+    Verdict eRefused = Verdict::Keep;
+    if (RefusesStandard(pSession, pPort, pRequest, &eRefused))
+        return eRefused;
     for (const MethodEntry &method : g_methods) {
         if (strcasecmp(method.szName, RequestMethod(pRequest)) != 0)
             continue;

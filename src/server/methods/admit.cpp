@@ -190,8 +190,7 @@ static Admission EnterAndCheck(Session *pSession, Port *pPort, const Request *pR
 Admission EnterProgram(Session *pSession, Port *pPort, const Request *pRequest)
 {
     if (pSession->nState != STATE_NEW) {
-        ReplyStatus(pSession, pPort, STATUS_WRONG_STATE);
-        return ENDED;
+        return RefuseState(pSession, pPort) == Verdict::Keep ? CHALLENGED : ENDED;
     }
     if (!ChooseReplyPort(pSession, pPort))
         return ENDED;

@@ -139,7 +139,7 @@ static int HasDescription(const Request *pRequest)
 Verdict HandleAnnounce(Session *pSession, Port *pPort, Request *pRequest)
 {
     if (pSession->nState != STATE_NEW) {
-        return Refuse(pSession, pPort, STATUS_WRONG_STATE);
+        return RefuseState(pSession, pPort);
     }
     if (!ChooseReplyPort(pSession, pPort))
         return Verdict::End;

@@ -307,10 +307,30 @@ static int MayPlay(const Session *pSession, const Request *pRequest)
     return pSession->nState == STATE_FINISHED || (pSession->nState == STATE_PLAYING && bChange);
 }
 
+// A PLAY that changes nothing, because it plays: some standard players show so that they live.
+static int IsKeepAlive(const Session *pSession, const Request *pRequest)
+{
+    return g_settings.bStandardPlayers && pSession->pProg && pSession->nState == STATE_PLAYING &&
+           !MayPlay(pSession, pRequest);
+}
+
+// A reply that tells nothing of the media.
+static Verdict ReplySession(Session *pSession, Port *pPort)
+{
+    Message reply(pSession, pPort);
+    ReplyBegin(&reply, STATUS_OK);
+    MessageNoCache(&reply);
+    MessageSession(&reply);
+    MessageDate(&reply);
+    return MessageSend(&reply);
+}
+
 Verdict HandlePlay(Session *pSession, Port *pPort, Request *pRequest)
 {
+    if (IsKeepAlive(pSession, pRequest))
+        return ReplySession(pSession, pPort);
     if (!MayPlay(pSession, pRequest))
-        return Refuse(pSession, pPort, STATUS_WRONG_STATE);
+        return RefuseState(pSession, pPort);
     if (IsOvertaken(pSession))
         return AnswerOvertaken(pSession, pPort, pRequest);
     pSession->play.nPlayClock = ClockMs();
@@ -350,14 +370,9 @@ Verdict HandlePause(Session *pSession, Port *pPort, Request *)
         QueueDropAll(pSession);
     int bFinished = g_settings.bStandardPlayers && pSession->nState == STATE_FINISHED;
     if (pSession->nState != STATE_PLAYING && !bFinished)
-        return Refuse(pSession, pPort, STATUS_WRONG_STATE);
+        return RefuseState(pSession, pPort);
     pSession->nState = STATE_PAUSED;
-    Message reply(pSession, pPort);
-    ReplyBegin(&reply, STATUS_OK);
-    MessageNoCache(&reply);
-    MessageSession(&reply);
-    MessageDate(&reply);
-    return MessageSend(&reply);
+    return ReplySession(pSession, pPort);
 }
 
 Verdict HandleTeardown(Session *pSession, Port *pPort, Request *)

@@ -179,7 +179,7 @@ static Verdict SendSetupReply(Session *pSession, Port *pPort, int i, const char 
 Verdict HandleSetup(Session *pSession, Port *pPort, Request *pRequest)
 {
     if (!IsSetupAllowed(pSession))
-        return Refuse(pSession, pPort, STATUS_WRONG_STATE);
+        return RefuseState(pSession, pPort);
     int nTracks = pSession->pProg->desc.nTrackCount;
     const char *pEqual = strchr(RequestPath(pRequest), '=');
     if (!ORX_PEER_ASSERT(nTracks >= 1 && nTracks < 4,
