@@ -8,6 +8,7 @@
 #include "server/core/settings.h"
 #include "server/core/tracks.h"
 #include "server/media/liveprogram.h"
+#include "record/sdpreader.h"
 #include "server/media/replies.h"
 #include "server/media/sleep.h"
 #include "server/methods/admit.h"
@@ -79,9 +80,10 @@ static int ReplaceOldPusher(Session *pSession, Port *pPort, const char *szPath, 
         SessionEnd(pPusher);
         return 1;
     }
-    // part of the protocol: the number is that of the pusher that stays
+    // part of the protocol but for standard peers: the number is that of the pusher that stays
     Message reply(pSession, pPort);
-    ReplyBeginNumbered(&reply, STATUS_DUPLICATE, pPusher->nCSeq++);
+    ReplyBeginNumbered(&reply, STATUS_DUPLICATE,
+                       g_settings.bStandardPlayers ? pSession->nCSeq++ : pPusher->nCSeq++);
     MessageNoCache(&reply);
     MessageSend(&reply);
     return 0;
@@ -153,6 +155,8 @@ Verdict HandleAnnounce(Session *pSession, Port *pPort, Request *pRequest)
         return eRefusal;
     if (!HasDescription(pRequest))
         return Refuse(pSession, pPort, STATUS_NO_SDP);
+    if (g_settings.bStandardPushers && SdpControlsClash(pRequest->pBody))
+        return Refuse(pSession, pPort, STATUS_SAME_CONTROL);
     // a challenged DESCRIBE may have left a program here, whose players are about to end with it
     ProgramDetach(pSession);
     const char *szPath = RequestPath(pRequest);
