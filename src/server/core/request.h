@@ -13,6 +13,8 @@ namespace orx {
 
 constexpr uint32_t kMaxHeadBytes = 4096;  // a header block is shorter than this
 
+constexpr int kBadAnswer = -1;
+
 struct Request {
     int bParsed = 0;        // a header block was parsed and waits for its body or its dispatch
     uint16_t nHeadLen = 0;  // bytes of that block, the empty line included
@@ -22,10 +24,10 @@ struct Request {
     Str path = nullptr;      // of the base, decoded; else null
     Str protocol = nullptr;  // "RTSP", "HTTP"
     Str version = nullptr;   // "1.0"
-    char szReason[64] = "";  // room for a status line; no accepted input fills it
-    int nStatus = 0;
-    AvlTree headers;        // name (no regard to case) -> RequestHeader
-    char *pBody = nullptr;  // owned, ended by a NUL
+    char szReason[64] = "";  // of a status line
+    int nStatus = 0;         // of a status line, kBadAnswer of one that cannot be read; 0 for a request
+    AvlTree headers;         // name (no regard to case) -> RequestHeader
+    char *pBody = nullptr;   // owned, ended by a NUL
     size_t nBody = 0;
     size_t nPendingBody = 0;  // bytes of body announced and not yet attached
 };
@@ -37,6 +39,10 @@ void RequestReset(Request *pRequest);
 // Parses a header block into a fresh record. Returns 1 when complete, 0 when the block ends before the empty
 // line, -1 when malformed (a repeated header name included).
 int RequestParse(Request *pRequest, const char *pBlock, size_t nLen);
+
+// The same for a block that begins with "RTSP/": a status line and its headers. One that is malformed is
+// complete, too, with nStatus kBadAnswer and no headers.
+void RequestParseAnswer(Request *pRequest, const char *pBlock, size_t nLen);
 
 // The value of a header, or null.
 const char *RequestHeaderValue(const Request *pRequest, const char *szName);

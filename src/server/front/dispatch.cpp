@@ -204,6 +204,24 @@ static int ParseLength(const char *sz, size_t nMax, size_t *pValue)
     return p > sz && *p == '\0' && *sz >= '0' && *sz <= '9';
 }
 
+// Standard pushers answer what they are asked with a status line: it is theirs to end, not their session.
+static int IsAnswer(const Session *pSession, const char *pText)
+{
+    return g_settings.bStandardPushers && (pSession->nFlags & SESSION_PUSHER) &&
+           strncasecmp(pText, "RTSP/", 5) == 0;
+}
+
+// Parses the header block of one; a body whose length cannot be told is none.
+static Step ParseAnswer(const Session *pSession, Request *pRequest, const char *pText, uint32_t nHead)
+{
+    RequestParseAnswer(pRequest, pText, nHead);
+    pRequest->nHeadLen = static_cast<uint16_t>(nHead);
+    const char *szLength = RequestHeaderValue(pRequest, "Content-Length");
+    if (szLength && !ParseLength(szLength, pSession->input.nTotal - 1 - nHead, &pRequest->nPendingBody))
+        pRequest->nPendingBody = 0;
+    return Step::Taken;
+}
+
 // Parses the header block at the cursor into the port's request record.
 static Step ParseHead(Session *pSession, Port *pPort, uint32_t nAt)
 {
@@ -216,6 +234,8 @@ static Step ParseHead(Session *pSession, Port *pPort, uint32_t nAt)
     if (!ORX_PEER_ASSERT(nLen2Parse < kMaxHeadBytes, "nLen2Parse < sizeof(szTmpuff)"))
         return EndSession(pSession);
     RequestReset(pRequest);
+    if (IsAnswer(pSession, pText))
+        return ParseAnswer(pSession, pRequest, pText, nLen2Parse);
     int nResult = RequestParse(pRequest, pText, nLen2Parse);
     if (nResult < 0)
         return EndSession(pSession);
@@ -325,6 +345,17 @@ static Step RunHandler(Session *pSession, Port *pPort, uint32_t *pAt)
     return Step::Taken;
 }
 
+// The answer of a pusher, which nothing answers.
+static Step TakeAnswer(Session *pSession, Request *pRequest)
+{
+    const char *szCSeq = RequestHeaderValue(pRequest, "CSeq");
+    uint32_t nCSeq = 0;
+    if (!szCSeq || ParseCSeq(szCSeq, &nCSeq))
+        HandleAnswer(pSession, pRequest, szCSeq ? &nCSeq : nullptr);
+    RequestReset(pRequest);
+    return pSession->bEnded ? Step::Gone : Step::Taken;
+}
+
 // A text message: header block, body, number, handler.
 static Step TakeMessage(Session *pSession, Port *pPort, uint32_t *pAt)
 {
@@ -342,6 +373,8 @@ static Step TakeMessage(Session *pSession, Port *pPort, uint32_t *pAt)
     if (nBody && !RequestAttachBody(pRequest, pSession->input.pBuf + nBodyAt, nBody))
         return EndSession(pSession);
     *pAt = pSession->input.nNext = nBodyAt + nBody;
+    if (pRequest->nStatus)
+        return TakeAnswer(pSession, pRequest);
     Step step = CheckCSeq(pSession, pPort);
     if (step == Step::Taken) {
         pSession->peer.tLastRequest = ClockUptime();

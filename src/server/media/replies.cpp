@@ -97,6 +97,12 @@ void ReplyBeginText(Message *pReply, const char *szStatus)
     AddHead(pReply, HEAD_BOTH, pReply->pSession->nCSeq++);
 }
 
+void ReplyBeginStatus(Message *pReply, int nStatus, const char *szReason, uint32_t nCSeq)
+{
+    TextAdd(&pReply->text, "RTSP/1.0 %d %s\r\n", nStatus, szReason);
+    AddHead(pReply, HEAD_BOTH, nCSeq);
+}
+
 void RequestBegin(Message *pRequest, const char *szMethod)
 {
     TextAdd(&pRequest->text, "%s RTSP/1.0\r\n", szMethod);

@@ -68,6 +68,8 @@ void ReplyBegin(Message *pReply, Status eStatus);
 void ReplyBeginNumbered(Message *pReply, Status eStatus, uint32_t nCSeq);
 // The same with a status text that a pusher chose.
 void ReplyBeginText(Message *pReply, const char *szStatus);
+// The same with the status and the number that are given.
+void ReplyBeginStatus(Message *pReply, int nStatus, const char *szReason, uint32_t nCSeq);
 // Begins a request to the session's peer, numbered by the session. RequestSend ends the header block, adds
 // the body and sends it, which uses the number up; it is not sent when all of it is more than nMost bytes.
 // Returns 1 when it was sent, 0 when it is too long, -1 when the peer cannot be reached: its session is to

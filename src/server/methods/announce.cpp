@@ -9,6 +9,7 @@
 #include "server/core/tracks.h"
 #include "server/media/liveprogram.h"
 #include "record/sdpreader.h"
+#include "server/media/questions.h"
 #include "server/media/replies.h"
 #include "server/media/sleep.h"
 #include "server/methods/admit.h"
@@ -112,8 +113,22 @@ static int OnLiveWatchdog(Task *pTask, uint32_t, uint32_t, uint32_t)
                                            : static_cast<int>(g_settings.nLiveTime * 1000);
 }
 
+// "Supported: orx.sleep", among other words.
+static int KnowsOurRequests(const Request *pRequest)
+{
+    static constexpr std::string_view kWord = "orx.sleep";
+    const char *p = RequestHeaderValue(pRequest, "Supported");
+    while (p && *p) {
+        size_t n = strcspn(p, ", \t");
+        if (n == kWord.size() && strncasecmp(p, kWord.data(), n) == 0)
+            return 1;
+        p += n + strspn(p + n, ", \t");
+    }
+    return 0;
+}
+
 // The session becomes the pusher of a new program.
-static Verdict StartPusher(Session *pSession, Port *pPort, Program *pProg)
+static Verdict StartPusher(Session *pSession, Port *pPort, Program *pProg, const Request *pRequest)
 {
     char remote[kAddrTextSize];
     SockAddrToString(&pPort->remote, remote);
@@ -123,6 +138,8 @@ static Verdict StartPusher(Session *pSession, Port *pPort, Program *pProg)
           remote);
     log("CreateLiveProgram(Uri=%s), pointer=0x%x, Remote=%s", pProg->Uri, ProgramPrintId(pProg), remote);
     pSession->nFlags |= SESSION_PUSHER;
+    if (KnowsOurRequests(pRequest))
+        PusherShows(pSession);
     SessionSchedule(pSession, OnLiveWatchdog, g_settings.nLiveTime * 1000);
     pSession->nState = STATE_DESCRIBED;
     SessionCopyTracks(pSession, pProg);
@@ -166,7 +183,7 @@ Verdict HandleAnnounce(Session *pSession, Port *pPort, Request *pRequest)
     if (!pProg)
         return Refuse(pSession, pPort, STATUS_FAILED);
     TextCopy(pProg->szAnnouncer, sizeof(pProg->szAnnouncer), user.szUser);
-    return StartPusher(pSession, pPort, pProg);
+    return StartPusher(pSession, pPort, pProg, pRequest);
 }
 
 }  // namespace orx
