@@ -221,6 +221,32 @@ std::string_view SdpReadControl(std::string_view text)
     return SdpFind(text, "a=control:", SDP_LINE, &value) ? SdpLine(value) : std::string_view();
 }
 
+// Of a section of sound or pictures; of any other empty, because nobody needs to set that up.
+static std::string_view ControlOfMedia(const SdpSection &section)
+{
+    int bMedia = section.own.starts_with("m=video ") || section.own.starts_with("m=audio ");
+    return bMedia ? SdpReadControl(section.own) : std::string_view();
+}
+
+int SdpControlsClash(std::string_view sdp)
+{
+    constexpr size_t kMost = 8;  // sections that are looked at: more than a program has
+    std::string_view controls[kMost];
+    size_t nControls = 0;
+    SdpWalk walk = SdpSections(sdp, SDP_LINE_OR_CR);
+    SdpSection section;
+    while (nControls < kMost && SdpNextSection(&walk, &section)) {
+        std::string_view control = ControlOfMedia(section);
+        if (control.empty())
+            continue;
+        for (size_t i = 0; i < nControls; i++)
+            if (controls[i] == control)
+                return 1;
+        controls[nControls++] = control;
+    }
+    return 0;
+}
+
 int SdpReadControlNumber(std::string_view text)
 {
     std::string_view value = SdpReadControl(text);

@@ -76,6 +76,8 @@ std::string_view SdpFormatValue(std::string_view format, std::string_view name);
 int SdpReadTrackId(std::string_view text, int *pTrackId);
 // The first control line of a section, to the end of the line; empty without one.
 std::string_view SdpReadControl(std::string_view text);
+// Whether two sections of sound or pictures have the same control: no SETUP could tell them apart.
+int SdpControlsClash(std::string_view sdp);
 // The number behind the first '=' of the first control line ("stream=1", "rtsp://host/p/trackID=3"), or -1.
 int SdpReadControlNumber(std::string_view text);
 

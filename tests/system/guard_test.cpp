@@ -26,7 +26,6 @@ struct Scene {
     explicit Scene(const char *szGuard)
     {
         server.Set("GUARD", "SurvivePeerFaults", szGuard);
-        server.Set("INTEROP", "StandardPlayers", "1");
         server.Start();
         EXPECT_EQ(1, RtspOpenPusher(&pusher, server.Url("/good").c_str(), CameraSdp()));
         SendPictures(&pusher, 0, 1);

@@ -21,7 +21,7 @@ struct UdpPushTest : SystemTest {
     }
     void Start(const std::string &keys)
     {
-        server.Set("INTEROP", "StandardPushers=1\nStandardPlayers=1\n" + keys);
+        server.Set("INTEROP", "StandardPushers=1\n" + keys);
         server.Set("SERVER", "LiveTime", "2");
         server.Start();
     }
@@ -150,11 +150,11 @@ TEST_F(UdpPushTest, PlayersGoOnToWhatIsServed)
         {"RTP/AVP;multicast,RTP/AVP/TCP;unicast", "Transport: RTP/AVP/TCP;unicast;interleaved=0-1;ssrc="},
         {"RTP/AVP/TCP;unicast;interleaved=0-1", "Transport: RTP/AVP/TCP;unicast;interleaved=0-1;ssrc="},
     };
-    Start("");
+    Start("StandardPlayers=1");
     Connect(&pusher);
     ASSERT_EQ(1, RtspOpenPusher(&pusher, server.Url("/cam").c_str(), CameraSdp(2)));
     SendPictures(&pusher, 0, 1);
-    Deliver();
+    EXPECT_THAT(Ask(&pusher, "OPTIONS"), kIsOk);
     Describe(&player);
     EXPECT_EQ(kWrongState, Ask(&player, "PLAY"));
     for (const auto &c : cases)
@@ -164,13 +164,12 @@ TEST_F(UdpPushTest, PlayersGoOnToWhatIsServed)
     EXPECT_EQ(Refused("461 Unsupported Transport"),
               Ask(&player, "SETUP", "/cam/trackID=1", "Transport: RTP/AVP;unicast;client_port=6000-6001\r\n"));
     EXPECT_EQ(Refused("454 Session Not Found"), Ask(&player, "PLAY", "", "Session: 12345678\r\n"));
-    EXPECT_EQ(Reply("551 Option not supported", kNoCache + "Unsupported: a, b\r\n"),
+    EXPECT_EQ(Reply("551 Option not supported", "Unsupported: a, b\r\n" + kNoCache),
               Ask(&player, "PLAY", "", "Require: a, b\r\n"));
     EXPECT_THAT(Ask(&player, "PLAY"), kIsOk);
     EXPECT_EQ("0 1 ", Numbers(0, 2));
-    EXPECT_THAT(Ask(&player, "PLAY"), HasSubstr("Range: npt=now-\r\n"));
+    EXPECT_THAT(Ask(&player, "PLAY"), kIsOk);
     EXPECT_EQ(kWrongState, Ask(&player, "SETUP", "/cam/trackID=0", kOverTcp));
-    EXPECT_EQ(kWrongState, Ask(&player, "DESCRIBE"));
     EXPECT_THAT(Ask(&player, "PAUSE"), kIsOk);
     EXPECT_EQ(kWrongState, Ask(&player, "PAUSE"));
 }
@@ -178,11 +177,11 @@ TEST_F(UdpPushTest, PlayersGoOnToWhatIsServed)
 // Datagrams do not arrive: so ffmpeg goes on, without "Session".
 TEST_F(UdpPushTest, APlayerTakesTheConnectionInstead)
 {
-    Start("");
+    Start("StandardPlayers=1");
     Connect(&pusher);
     ASSERT_EQ(1, RtspOpenPusher(&pusher, server.Url("/cam").c_str(), CameraSdp(2)));
     SendPictures(&pusher, 0, 1);
-    Deliver();
+    EXPECT_THAT(Ask(&pusher, "OPTIONS"), kIsOk);
     Describe(&player);
     int nSockets = server.Descriptors();
     for (size_t nTrack : {0, 1})

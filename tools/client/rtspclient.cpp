@@ -541,8 +541,8 @@ int RtspOpenPlayer(RtspClient *pClient, const char *szUrl, RtspTransport transpo
 
 int RtspAnnounce(RtspClient *pClient, const std::string &sdp, RtspMessage *pReply, int nTimeoutMs)
 {
-    if (!RequestOk(pClient, "ANNOUNCE", nullptr, "Content-Type: application/sdp\r\n", sdp, pReply,
-                   nTimeoutMs))
+    if (!RequestOk(pClient, "ANNOUNCE", nullptr, "Content-Type: application/sdp\r\nSupported: orx.sleep\r\n",
+                   sdp, pReply, nTimeoutMs))
         return 0;
     TakeTracks(pClient, sdp);
     return 1;

@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -100,6 +101,18 @@ static void RemoveName(Program *pProg)
         AvlForget(&g_server.programMap, AvlTextKey(pProg->Uri));
 }
 
+// The newest one of an asker: it never went out, so that no answer is to be taken for its.
+static void ForgetQuestion(Program *pProg, uint32_t nAsker)
+{
+    PusherQuestions *pAsked = &pProg->asked;
+    for (uint32_t i = pAsked->nOpen; i-- > 0;)
+        if (pAsked->open[i].nAsker == nAsker) {
+            pAsked->nOpen--;
+            std::copy(pAsked->open + i + 1, pAsked->open + pAsked->nOpen + 1, pAsked->open + i);
+            return;
+        }
+}
+
 // Takes back what the session asked and the pusher of its program was not sent yet.
 static void TakeQuestionsBack(const Session *pSession)
 {
@@ -107,8 +120,10 @@ static void TakeQuestionsBack(const Session *pSession)
     DataBlock *pNext;
     for (auto *p = pPusher ? ListFirstOf<DataBlock>(&pPusher->out.Outq) : nullptr; p; p = pNext) {
         pNext = NextBlock(p);
-        if ((p->nFlags & DB_QUESTION) && p->nSerial == pSession->nHandle && p->sent == 0)
+        if ((p->nFlags & DB_QUESTION) && p->nSerial == pSession->nHandle && p->sent == 0) {
             BlockListFree(&pPusher->out.Outq, p);
+            ForgetQuestion(pSession->pProg, pSession->nHandle);
+        }
     }
 }
 

@@ -116,6 +116,21 @@ struct ProgramSleep {
     int bSleeping = 0;
 };
 
+// What was asked of a pusher and not answered (see questions.h), the oldest first, with StandardPushers.
+struct PusherQuestion {
+    uint32_t nCSeq = 0;       // of the request to the pusher
+    uint32_t nAsker = 0;      // handle of the player that asked; 0: the server itself did
+    uint32_t nAskerCSeq = 0;  // of its request
+    uint32_t nAskedMs = 0;    // ClockMs
+};
+constexpr uint32_t kMaxPusherQuestions = 64;
+struct PusherQuestions {
+    uint32_t nPusher = 0;  // handle of the pusher that they are for: another one knows nothing of them
+    uint32_t nKnower = 0;  // handle of the pusher that has shown that it knows such requests
+    uint32_t nOpen = 0;
+    PusherQuestion open[kMaxPusherQuestions];
+};
+
 // The recording of a program that is recorded whenever it is there (see recordcontrol.h).
 struct AlwaysRecorded {
     int bWanted = 0;
@@ -155,6 +170,7 @@ struct Program {
     KeyWatch keyWatch;  // what the key-frame test remembers of the video track
     CameraText camera;
     ProgramSleep sleep;
+    PusherQuestions asked;
     Retired retired;
 };
 

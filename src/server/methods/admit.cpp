@@ -189,8 +189,9 @@ static Admission EnterAndCheck(Session *pSession, Port *pPort, const Request *pR
 
 Admission EnterProgram(Session *pSession, Port *pPort, const Request *pRequest)
 {
-    if (pSession->nState != STATE_NEW)
-        return RefuseState(pSession, pPort) == Verdict::Keep ? MISPLACED : ENDED;
+    if (pSession->nState != STATE_NEW) {
+        return RefuseState(pSession, pPort) == Verdict::Keep ? CHALLENGED : ENDED;
+    }
     if (!ChooseReplyPort(pSession, pPort))
         return ENDED;
     return g_settings.bStrictRoles ? CheckAndEnter(pSession, pPort, pRequest)

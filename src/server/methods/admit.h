@@ -28,10 +28,9 @@ inline AccountPlace AccountsAt(const Program *pFound, const char *szPath)
 
 enum Admission {
     ADMITTED,
-    CHALLENGED,  // the 401 is sent
+    CHALLENGED,  // the 401 is sent, or a 455 behind which it goes on
     REFUSED,     // the 403 is sent
     POSTPONED,   // nothing is: the answer waits
-    MISPLACED,   // the 455 is, and the connection stays
     ENDED,       // 404, 455, or a reply that could not be sent: the session is to end
 };
 
@@ -48,7 +47,7 @@ inline Verdict NotAdmitted(Admission eAdmission, Verdict eRefused)
 {
     if (eAdmission == POSTPONED)
         return Verdict::Later;
-    return eAdmission == REFUSED ? eRefused : KeepIf(eAdmission == CHALLENGED || eAdmission == MISPLACED);
+    return eAdmission == REFUSED ? eRefused : KeepIf(eAdmission == CHALLENGED);
 }
 
 }  // namespace orx

@@ -8,6 +8,8 @@
 #include "server/core/settings.h"
 #include "server/core/tracks.h"
 #include "server/media/liveprogram.h"
+#include "record/sdpreader.h"
+#include "server/media/questions.h"
 #include "server/media/replies.h"
 #include "server/media/sleep.h"
 #include "server/methods/admit.h"
@@ -79,9 +81,10 @@ static int ReplaceOldPusher(Session *pSession, Port *pPort, const char *szPath, 
         SessionEnd(pPusher);
         return 1;
     }
-    // part of the protocol: the number is that of the pusher that stays
+    // part of the protocol but for standard peers: the number is that of the pusher that stays
     Message reply(pSession, pPort);
-    ReplyBeginNumbered(&reply, STATUS_DUPLICATE, pPusher->nCSeq++);
+    ReplyBeginNumbered(&reply, STATUS_DUPLICATE,
+                       g_settings.bStandardPlayers ? pSession->nCSeq++ : pPusher->nCSeq++);
     MessageNoCache(&reply);
     MessageSend(&reply);
     return 0;
@@ -110,8 +113,22 @@ static int OnLiveWatchdog(Task *pTask, uint32_t, uint32_t, uint32_t)
                                            : static_cast<int>(g_settings.nLiveTime * 1000);
 }
 
+// "Supported: orx.sleep", among other words.
+static int KnowsOurRequests(const Request *pRequest)
+{
+    static constexpr std::string_view kWord = "orx.sleep";
+    const char *p = RequestHeaderValue(pRequest, "Supported");
+    while (p && *p) {
+        size_t n = strcspn(p, ", \t");
+        if (n == kWord.size() && strncasecmp(p, kWord.data(), n) == 0)
+            return 1;
+        p += n + strspn(p + n, ", \t");
+    }
+    return 0;
+}
+
 // The session becomes the pusher of a new program.
-static Verdict StartPusher(Session *pSession, Port *pPort, Program *pProg)
+static Verdict StartPusher(Session *pSession, Port *pPort, Program *pProg, const Request *pRequest)
 {
     char remote[kAddrTextSize];
     SockAddrToString(&pPort->remote, remote);
@@ -121,6 +138,8 @@ static Verdict StartPusher(Session *pSession, Port *pPort, Program *pProg)
           remote);
     log("CreateLiveProgram(Uri=%s), pointer=0x%x, Remote=%s", pProg->Uri, ProgramPrintId(pProg), remote);
     pSession->nFlags |= SESSION_PUSHER;
+    if (KnowsOurRequests(pRequest))
+        PusherShows(pSession);
     SessionSchedule(pSession, OnLiveWatchdog, g_settings.nLiveTime * 1000);
     pSession->nState = STATE_DESCRIBED;
     SessionCopyTracks(pSession, pProg);
@@ -138,8 +157,9 @@ static int HasDescription(const Request *pRequest)
 
 Verdict HandleAnnounce(Session *pSession, Port *pPort, Request *pRequest)
 {
-    if (pSession->nState != STATE_NEW)
+    if (pSession->nState != STATE_NEW) {
         return RefuseState(pSession, pPort);
+    }
     if (!ChooseReplyPort(pSession, pPort))
         return Verdict::End;
     if (!PeerMayAnnounce(pPort)) {
@@ -152,6 +172,8 @@ Verdict HandleAnnounce(Session *pSession, Port *pPort, Request *pRequest)
         return eRefusal;
     if (!HasDescription(pRequest))
         return Refuse(pSession, pPort, STATUS_NO_SDP);
+    if (g_settings.bStandardPushers && SdpControlsClash(pRequest->pBody))
+        return Refuse(pSession, pPort, STATUS_SAME_CONTROL);
     // a challenged DESCRIBE may have left a program here, whose players are about to end with it
     ProgramDetach(pSession);
     const char *szPath = RequestPath(pRequest);
@@ -161,7 +183,7 @@ Verdict HandleAnnounce(Session *pSession, Port *pPort, Request *pRequest)
     if (!pProg)
         return Refuse(pSession, pPort, STATUS_FAILED);
     TextCopy(pProg->szAnnouncer, sizeof(pProg->szAnnouncer), user.szUser);
-    return StartPusher(pSession, pPort, pProg);
+    return StartPusher(pSession, pPort, pProg, pRequest);
 }
 
 }  // namespace orx

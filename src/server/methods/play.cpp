@@ -254,7 +254,7 @@ static int IsOvertaken(const Session *pSession)
 }
 
 // It is answered, and playing goes on, or waits, where it did.
-static Verdict AnswerFile(Session *pSession, Port *pPort, const Request *pRequest)
+static Verdict AnswerOvertaken(Session *pSession, Port *pPort, const Request *pRequest)
 {
     Message reply(pSession, pPort);
     PlayWish wish = ReadWish(pSession, pRequest);
@@ -274,13 +274,6 @@ static uint32_t FirstMediaTime(Session *pSession)
     return pBlock ? pBlock->nTimestamp : 0;
 }
 
-static void BeginLiveReply(Message *pReply, const Request *pRequest)
-{
-    ReplyBegin(pReply, STATUS_OK);
-    TextAdd(&pReply->text, "Range: npt=now-\r\n");
-    AddPlayLines(pReply, pRequest, 0);
-}
-
 // Fills a player's queue and writes the reply. Returns the block that the reply goes before: the media that
 // is queued here must not overtake it. Standard players get their replies in order.
 static DataBlock *StartLive(Message *pReply, const Request *pRequest)
@@ -291,7 +284,9 @@ static DataBlock *StartLive(Message *pReply, const Request *pRequest)
     if (!(pSession->nFlags & SESSION_PUSHER))
         FillBufferAtFirstPlay(pSession);
     pSession->play.nPlayStart = pSession->play.nPlayPos = FirstMediaTime(pSession);
-    BeginLiveReply(pReply, pRequest);
+    ReplyBegin(pReply, STATUS_OK);
+    TextAdd(&pReply->text, "Range: npt=now-\r\n");
+    AddPlayLines(pReply, pRequest, 0);
     if (!pOldHead)
         return ListFirstOf<DataBlock>(&pSession->out.Outq);
     return g_settings.bStandardPlayers ? NextBlock(pOldLast) : pOldHead;
@@ -312,27 +307,32 @@ static int MayPlay(const Session *pSession, const Request *pRequest)
     return pSession->nState == STATE_FINISHED || (pSession->nState == STATE_PLAYING && bChange);
 }
 
-// A standard peer's PLAY while it plays, which asks for no other place, only says that it is there.
-static int PlaysOn(const Session *pSession)
+// A PLAY that changes nothing, because it plays: some standard players show so that they live.
+static int IsKeepAlive(const Session *pSession, const Request *pRequest)
 {
-    return IsStandardPeer(pSession) && pSession->pProg && pSession->nState == STATE_PLAYING;
+    return IsStandardPeer(pSession) && pSession->pProg && pSession->nState == STATE_PLAYING &&
+           !MayPlay(pSession, pRequest);
 }
 
-static Verdict AnswerPlaying(Session *pSession, Port *pPort, const Request *pRequest)
+// A reply that tells nothing of the media.
+static Verdict ReplySession(Session *pSession, Port *pPort)
 {
-    if (!pSession->pProg->bLive)
-        return AnswerFile(pSession, pPort, pRequest);
     Message reply(pSession, pPort);
-    BeginLiveReply(&reply, pRequest);
+    ReplyBegin(&reply, STATUS_OK);
+    MessageNoCache(&reply);
+    MessageSession(&reply);
+    MessageDate(&reply);
     return MessageSend(&reply);
 }
 
 Verdict HandlePlay(Session *pSession, Port *pPort, Request *pRequest)
 {
+    if (IsKeepAlive(pSession, pRequest))
+        return ReplySession(pSession, pPort);
     if (!MayPlay(pSession, pRequest))
-        return PlaysOn(pSession) ? AnswerPlaying(pSession, pPort, pRequest) : RefuseState(pSession, pPort);
+        return RefuseState(pSession, pPort);
     if (IsOvertaken(pSession))
-        return AnswerFile(pSession, pPort, pRequest);
+        return AnswerOvertaken(pSession, pPort, pRequest);
     pSession->play.nPlayClock = ClockMs();
     Message reply(pSession, pPort);
     int bLive = pSession->pProg->bLive;
@@ -372,12 +372,7 @@ Verdict HandlePause(Session *pSession, Port *pPort, Request *)
     if (pSession->nState != STATE_PLAYING && !bFinished)
         return RefuseState(pSession, pPort);
     pSession->nState = STATE_PAUSED;
-    Message reply(pSession, pPort);
-    ReplyBegin(&reply, STATUS_OK);
-    MessageNoCache(&reply);
-    MessageSession(&reply);
-    MessageDate(&reply);
-    return MessageSend(&reply);
+    return ReplySession(pSession, pPort);
 }
 
 Verdict HandleTeardown(Session *pSession, Port *pPort, Request *)

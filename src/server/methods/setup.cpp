@@ -250,6 +250,51 @@ static int IsSetupAllowed(const Session *pSession)
     return pSession->nState == (pSession->play.nSetupCount ? STATE_SETUP : STATE_DESCRIBED);
 }
 
+// The URI's path as standard peers may have meant it, without '/' at its end.
+static std::string_view TrimSlashes(std::string_view text)
+{
+    while (!text.empty() && text.back() == '/')
+        text.remove_suffix(1);
+    return text;
+}
+
+// Whether a path ends in a control of the description: one that is an URI of its own has the same path.
+static int EndsInControl(std::string_view path, const char *szControl)
+{
+    int bAbsolute = strstr(szControl, "://") != nullptr;
+    std::string_view control = TrimSlashes(bAbsolute ? UriPath(szControl) : szControl);
+    if (control.empty() || path.size() < control.size() || !path.ends_with(control))
+        return 0;
+    if (bAbsolute)
+        return path.size() == control.size();
+    return path.size() == control.size() || control[0] == '/' ||
+           path[path.size() - control.size() - 1] == '/';
+}
+
+// The index of the track with the longest control that a path ends in, or -1.
+static int FindControl(const Session *pSession, std::string_view path)
+{
+    int nFound = -1;
+    size_t nLongest = 0;
+    for (int i = 0; i < pSession->out.nTracks; i++) {
+        const char *szControl = pSession->pProg->desc.mediaInfos[i].szControl;
+        size_t nControl = strlen(szControl);
+        if (nControl > nLongest && EndsInControl(path, szControl)) {
+            nFound = i;
+            nLongest = nControl;
+        }
+    }
+    return nFound;
+}
+
+// The number at the end of a path's last part: "7", "track7", "trackID=7", or -1.
+static int LastNumber(std::string_view path)
+{
+    std::string_view part = path.substr(path.rfind('/') + 1);
+    size_t nDigits = part.find_last_not_of("0123456789") + 1;  // npos + 1 is 0
+    return nDigits < part.size() ? TextToInt(part.substr(nDigits)) : -1;
+}
+
 // The index of the track with that number, or -1.
 static int FindTrack(const Session *pSession, int nTrackId)
 {
@@ -257,6 +302,25 @@ static int FindTrack(const Session *pSession, int nTrackId)
         if (pSession->tracks[i].nTrackId == nTrackId)
             return i;
     return -1;
+}
+
+// The track that a standard peer names: by its control, whose place the query may have taken, else by its
+// number; who names none means the only one. -1 for none of the program's.
+static int FindNamedTrack(const Session *pSession, const Request *pRequest)
+{
+    std::string_view whole = TrimSlashes(UriPath(RequestUri(pRequest)));
+    std::string_view path = TrimSlashes(RequestPath(pRequest));
+    path = path.substr(0, path.find('?'));
+    for (std::string_view name : {whole, path})
+        if (int i = FindControl(pSession, name); i >= 0)
+            return i;
+    std::string_view uri = TrimSlashes(pSession->pProg->Uri);
+    int bProgram = path.size() == uri.size() && strncasecmp(uri.data(), path.data(), uri.size()) == 0;
+    if (!bProgram)
+        return FindTrack(pSession, LastNumber(path));
+    if (whole.find('/', path.size()) != whole.npos)
+        return FindTrack(pSession, LastNumber(whole));
+    return pSession->out.nTracks == 1 ? 0 : -1;
 }
 
 static Verdict SendSetupReply(Session *pSession, Port *pPort, int i, const char *szTransport)
@@ -273,19 +337,37 @@ static Verdict SendSetupReply(Session *pSession, Port *pPort, int i, const char 
     return MessageSend(&reply);
 }
 
+// The track of a request, or -1 with its refusal sent and *pVerdict of it.
+static int ChooseTrack(Session *pSession, Port *pPort, const Request *pRequest, Verdict *pVerdict)
+{
+    int nTracks = pSession->pProg->desc.nTrackCount;
+    if (IsStandardPeer(pSession)) {
+        int i = FindNamedTrack(pSession, pRequest);
+        if (i < 0)
+            *pVerdict = ReplyStatus(pSession, pPort, STATUS_NO_TRACK);
+        return i;
+    }
+    const char *pEqual = strchr(RequestPath(pRequest), '=');
+    if (!ORX_PEER_ASSERT(nTracks >= 1 && nTracks < 4,
+                         "session->nTrackCount>=1 && session->nTrackCount < 4") ||
+        !ORX_PEER_ASSERT(pEqual, "pEqual || !\"no track in the URI\"")) {
+        *pVerdict = RefuseFault(pSession, pPort);
+        return -1;
+    }
+    int i = FindTrack(pSession, TextToInt(pEqual + 1));
+    if (i < 0)
+        *pVerdict = Refuse(pSession, pPort, STATUS_NO_TRACK);
+    return i;
+}
+
 Verdict HandleSetup(Session *pSession, Port *pPort, Request *pRequest)
 {
     if (!IsSetupAllowed(pSession))
         return RefuseState(pSession, pPort);
-    int nTracks = pSession->pProg->desc.nTrackCount;
-    const char *pEqual = strchr(RequestPath(pRequest), '=');
-    if (!ORX_PEER_ASSERT(nTracks >= 1 && nTracks < 4,
-                         "session->nTrackCount>=1 && session->nTrackCount < 4") ||
-        !ORX_PEER_ASSERT(pEqual, "pEqual || !\"no track in the URI\""))
-        return RefuseFault(pSession, pPort);
-    int i = FindTrack(pSession, TextToInt(pEqual + 1));
+    Verdict eVerdict = Verdict::Keep;
+    int i = ChooseTrack(pSession, pPort, pRequest, &eVerdict);
     if (i < 0)
-        return Refuse(pSession, pPort, STATUS_NO_TRACK);
+        return eVerdict;
     char transport[128] = "";
     TextBuf text{transport, sizeof(transport)};
     switch (SetupTransport(pSession, pPort, i, pRequest, &text)) {
