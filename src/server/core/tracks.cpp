@@ -28,6 +28,7 @@ void SessionEnterTrack(Session *pSession, int i)
     SessionTrack *pTrack = &pSession->tracks[i];
     pTrack->nSsrc = pProg->bLive ? pProg->cache.ssrc : static_cast<uint32_t>(rand());
     pTrack->nNextSeq = pProg->bLive ? 0 : static_cast<uint16_t>(rand());
+    pTrack->reception = Reception();
     pTrack->bSetUp = 1;
     pSession->play.nSetupCount++;
     pSession->nState = STATE_SETUP;

@@ -17,6 +17,7 @@
 #include "server/front/dispatch.h"
 #include "server/front/limits.h"
 #include "server/media/ingest.h"
+#include "server/media/reports.h"
 #include "server/media/rtcp.h"
 #include "server/methods/tunnel.h"
 
@@ -168,7 +169,10 @@ static int FindControlTrack(const Session *pSession, const Port *pPort)
 static void OnDatagram(Session *pSession, Port *pPort, const uint8_t *pData, size_t nLen)
 {
     int i = FindControlTrack(pSession, pPort);
-    if (i < 0 || nLen == 0 || !(pSession->nFlags & SESSION_RTCP))
+    if (i < 0 || nLen == 0)
+        return;
+    ReportReceived(pSession, static_cast<unsigned>(i), pData, nLen);
+    if (!(pSession->nFlags & SESSION_RTCP))
         return;
     print("Receive RTCP packet on track %d, %d bytes.\n", pSession->tracks[i].nRtcpChannel,
           static_cast<int>(nLen));

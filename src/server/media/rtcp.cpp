@@ -14,15 +14,16 @@
 #include "record/playline.h"
 #include "runtime/clock.h"
 #include "server/core/program.h"
+#include "server/media/reports.h"
+#include "server/media/rtcpread.h"
 
 namespace orx {
 
 static constexpr uint32_t kNtpOffset = 2208988800U;  // seconds from 1900 to 1970
 static constexpr uint32_t kReportPeriod = 10;        // seconds
+static constexpr uint32_t kStandardPeriod = 5;
 static constexpr size_t kSrBytes = 28;
 static constexpr size_t kMaxReport = 256;  // prefix, SR, SDES and BYE with room to spare
-
-enum : unsigned { RTCP_SR = 200, RTCP_RR = 201, RTCP_SDES = 202, RTCP_BYE = 203, RTCP_APP = 204 };
 
 // The common first word (RFC 3550, section 6.4.1); nBytes is the packet's whole size.
 static void PutHead(uint8_t *pOut, unsigned nCount, unsigned nType, size_t nBytes)
@@ -232,9 +233,9 @@ static uint32_t ReportedTime(const Session *pSession, const SessionTrack *pTrack
 }
 
 // A compound report of a track for now, with the '$' prefix on an interleaved session. Returns its bytes.
-static size_t MakeReport(const Session *pSession, int nTrack, int bBye, uint8_t *pOut, size_t nRoom)
+static size_t MakeReport(Session *pSession, int nTrack, int bBye, uint8_t *pOut, size_t nRoom)
 {
-    const SessionTrack *pTrack = &pSession->tracks[nTrack];
+    SessionTrack *pTrack = &pSession->tracks[nTrack];
     size_t nPrefix = pSession->out.bInterleaved ? kInterleaveBytes : 0;
     timeval now{};
     gettimeofday(&now, nullptr);
@@ -254,7 +255,9 @@ static size_t MakeReport(const Session *pSession, int nTrack, int bBye, uint8_t 
         PutBe(pOut + 1, 1, pTrack->nRtcpChannel);
         PutBe(pOut + 2, 2, static_cast<uint32_t>(n));
     }
-    RtcpDump(pPacket, n, pTrack->nTimeScale);
+    ReportNoteTold(pTrack, pPacket);
+    if (pSession->nFlags & SESSION_RTCP)
+        RtcpDump(pPacket, n, pTrack->nTimeScale);
     return n + nPrefix;
 }
 
@@ -294,7 +297,8 @@ static void SendFirstRtcpReport(Session *pSession, int nTrack, const uint8_t *pR
     SessionTrack *pTrack = &pSession->tracks[nTrack];
     BeginCount(pTrack, pRtp);
     pTrack->nSsrc = GetBe(pRtp + 8, 4);
-    print("SendFirstRtcpReport():\r\n");
+    if (pSession->nFlags & SESSION_RTCP)
+        print("SendFirstRtcpReport():\r\n");
     SendTrackReport(pSession, nTrack, 0, pAfter);
     pSession->flow.tLastReport = ClockUptime();
 }
@@ -307,7 +311,7 @@ void RtcpNotePacketSent(Session *pSession, int nTrack, const uint8_t *pRtp, size
     pTrack->nOctets += static_cast<uint32_t>(nLen - kRtpHeaderBytes);
     if (pTrack->nPackets++ > 0 && (pAfter->nFlags & DB_JUMP))
         BeginCount(pTrack, pRtp);
-    if (!(pSession->nFlags & SESSION_RTCP) || pTrack->bReported)
+    if (pTrack->bReported || !ReportsAreOwn(pSession, nTrack))
         return;
     pTrack->bReported = 1;
     SendFirstRtcpReport(pSession, nTrack, pRtp, pAfter);
@@ -327,16 +331,18 @@ void RtcpPlayBegins(Session *pSession)
 
 static int ReportDue(const Session *pSession)
 {
-    return ClockUptime() - pSession->flow.tLastReport >= kReportPeriod;
+    uint32_t nPeriod = PlaysStandard(pSession) ? kStandardPeriod : kReportPeriod;
+    return ClockUptime() - pSession->flow.tLastReport >= nPeriod;
 }
 
 // The reports of every track set up.
 static int SendReports(Session *pSession, int bBye)
 {
     for (int i = 0; i < pSession->out.nTracks; i++) {
-        if (!pSession->tracks[i].bSetUp)
+        if (!pSession->tracks[i].bSetUp || !(bBye || ReportsAreOwn(pSession, i)))
             continue;
-        print("SendRtcpReport():\r\n");
+        if (pSession->nFlags & SESSION_RTCP)
+            print("SendRtcpReport():\r\n");
         SendTrackReport(pSession, i, bBye, nullptr);
     }
     pSession->flow.tLastReport = ClockUptime();
