@@ -1,5 +1,6 @@
 #include "server/front/server.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -240,6 +241,12 @@ static void DescribeSession(const Session *pSession, SessionStat *pOut)
     pOut->tStart = pSession->peer.tStart;
     TextCopy(pOut->szProgram, sizeof(pOut->szProgram), pSession->pProg ? pSession->pProg->Uri : "-");
     pOut->bPusher = (pSession->nFlags & SESSION_PUSHER) != 0;
+    for (const SessionTrack &track : pSession->tracks) {
+        pOut->reception.bKnown |= track.reception.bKnown;
+        pOut->reception.nLoss = std::max(pOut->reception.nLoss, track.reception.nLoss);
+        pOut->reception.nJitterMs = std::max(pOut->reception.nJitterMs, track.reception.nJitterMs);
+        pOut->reception.nRoundTripMs = std::max(pOut->reception.nRoundTripMs, track.reception.nRoundTripMs);
+    }
 }
 
 static void GatherStat(ServerStat *pStat, int bWithSessions)
