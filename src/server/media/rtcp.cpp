@@ -232,13 +232,26 @@ static uint32_t ReportedTime(const Session *pSession, const SessionTrack *pTrack
     return PlayStampBase(pSession) + PlayStamp(pTrack->nTimeScale, nUs);
 }
 
+enum class ReportKind { First, Cycle, Bye };
+
+// Of which moment a report tells. The first one to a standard player of a recording tells where it began, as
+// RTP-Info does: players that count from their first report see no step then.
+static timeval ReportedMoment(const Session *pSession, ReportKind eKind)
+{
+    timeval moment{};
+    gettimeofday(&moment, nullptr);
+    if (eKind == ReportKind::First && PlaysStandard(pSession))
+        moment = {static_cast<time_t>(pSession->play.nPlayWallUs / 1000000),
+                  static_cast<suseconds_t>(pSession->play.nPlayWallUs % 1000000)};
+    return moment;
+}
+
 // A compound report of a track for now, with the '$' prefix on an interleaved session. Returns its bytes.
-static size_t MakeReport(Session *pSession, int nTrack, int bBye, uint8_t *pOut, size_t nRoom)
+static size_t MakeReport(Session *pSession, int nTrack, ReportKind eKind, uint8_t *pOut, size_t nRoom)
 {
     SessionTrack *pTrack = &pSession->tracks[nTrack];
     size_t nPrefix = pSession->out.bInterleaved ? kInterleaveBytes : 0;
-    timeval now{};
-    gettimeofday(&now, nullptr);
+    timeval now = ReportedMoment(pSession, eKind);
     uint32_t nNtpSec, nNtpFrac;
     NtpFromTime(static_cast<uint32_t>(now.tv_sec), static_cast<uint32_t>(now.tv_usec), &nNtpSec, &nNtpFrac);
     uint32_t nRtpTime = ReportedTime(pSession, pTrack, &now);
@@ -248,7 +261,7 @@ static size_t MakeReport(Session *pSession, int nTrack, int bBye, uint8_t *pOut,
     size_t n =
         RtcpMakeSR(pPacket, pTrack->nSsrc, nNtpSec, nNtpFrac, nRtpTime, pTrack->nPackets, pTrack->nOctets);
     n += RtcpMakeSDES(pPacket + n, nRoom - nPrefix - n, pTrack->nSsrc, szName);
-    if (bBye)
+    if (eKind == ReportKind::Bye)
         n += RtcpMakeBYE(pPacket + n, nRoom - nPrefix - n, pTrack->nSsrc, "completed");
     if (nPrefix) {
         PutBe(pOut, 1, '$');
@@ -263,10 +276,10 @@ static size_t MakeReport(Session *pSession, int nTrack, int bBye, uint8_t *pOut,
 
 // Makes a track's report and sends it: over UDP at once, interleaved through the queue (behind pAfter when
 // given).
-static void SendTrackReport(Session *pSession, int nTrack, int bBye, DataBlock *pAfter)
+static void SendTrackReport(Session *pSession, int nTrack, ReportKind eKind, DataBlock *pAfter)
 {
     uint8_t report[kMaxReport];
-    size_t nLen = MakeReport(pSession, nTrack, bBye, report, sizeof(report));
+    size_t nLen = MakeReport(pSession, nTrack, eKind, report, sizeof(report));
     if (!pSession->out.bInterleaved) {
         const Port *pPort = pSession->tracks[nTrack].Control;
         if (pPort)
@@ -299,7 +312,7 @@ static void SendFirstRtcpReport(Session *pSession, int nTrack, const uint8_t *pR
     pTrack->nSsrc = GetBe(pRtp + 8, 4);
     if (pSession->nFlags & SESSION_RTCP)
         print("SendFirstRtcpReport():\r\n");
-    SendTrackReport(pSession, nTrack, 0, pAfter);
+    SendTrackReport(pSession, nTrack, ReportKind::First, pAfter);
     pSession->flow.tLastReport = ClockUptime();
 }
 
@@ -343,7 +356,7 @@ static int SendReports(Session *pSession, int bBye)
             continue;
         if (pSession->nFlags & SESSION_RTCP)
             print("SendRtcpReport():\r\n");
-        SendTrackReport(pSession, i, bBye, nullptr);
+        SendTrackReport(pSession, i, bBye ? ReportKind::Bye : ReportKind::Cycle, nullptr);
     }
     pSession->flow.tLastReport = ClockUptime();
     return 1;
