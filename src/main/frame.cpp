@@ -159,6 +159,9 @@ static void PrintStat()
         print("%u: %s\t%s\t%s\t%d\r\n", i, p->szProgram, p->szRemote, szStart, p->bPusher);
         if (p->bDatagrams)
             print("   late=%u lost=%u\r\n", p->nLate, p->nLost);
+        if (p->reception.bKnown)
+            print("   loss=%d%% jitter=%dms rtt=%dms\r\n", p->reception.nLoss, p->reception.nJitterMs,
+                  p->reception.nRoundTripMs);
     }
     free(stat.pSessions);
 }

@@ -2,6 +2,7 @@
 // the path of their URI. Scheduler thread only.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "base/datablock.h"
@@ -20,7 +21,19 @@ struct FileReader;
 constexpr int kMaxMediaInfos = 4;  // sections of a description that are read
 constexpr int kMaxRecorders = 4;   // recordings of one program at a time: one of each kind, and one more
 
-// How a pusher's RTP time stamps become milliseconds (see ingest.h).
+// StandardPushers: what sender reports tell of a track's clock (see mediatime.h).
+struct ReportClock {
+    int bKnown = 0;         // a report has come: its pair of times
+    uint32_t nRtpTime = 0;  // stamp as pushed
+    uint32_t nNtpMs = 0;    // wall clock of the pusher, ms, of which the lower 32 bits count
+    int32_t nErrorMs = 0;   // by which the track's times are still to go ahead
+    int32_t nGoneMs = 0;    // media time since the last step towards that
+    int bOwn = 0;  // its reports are on a wall clock of their own: the line is nOwnOffset ahead of it
+    uint32_t nOwnOffset = 0;
+    int bWaits = 0;  // its wall clock was set: what that means is told by the track that anchors the line
+};
+
+// How a pusher's RTP time stamps become milliseconds (see mediatime.h).
 struct MediaClock {
     int bTimeKnown = 0;         // a packet has come; the rest is set
     uint32_t nLastRtpTime = 0;  // of the last packet
@@ -28,6 +41,7 @@ struct MediaClock {
     uint32_t nTimeShift = 0;    // added to its ms, so that all tracks share a time line that does not jump
     uint32_t nMs = 0;           // NeverLose: what the last packet got
     uint32_t nArrivedMs = 0;    // and ClockMs then
+    ReportClock report;
 };
 
 // NeverLose: where the tracks of a program are in time, and their last jump.
@@ -39,6 +53,13 @@ struct MediaLine {
     unsigned nJumpTrack = 0;
     uint32_t nJumpedMs = 0;  // ClockMs at the jump
     uint32_t nJump = 0;      // what was added to the times of the track
+    // StandardPushers: how far the line is ahead of the pusher's wall clock, by the reports of one track
+    int bNtpKnown = 0;
+    unsigned nNtpTrack = 0;
+    uint32_t nNtpOffset = 0;  // ms
+    // what the server's own reports tell: the wall clock, us, at a time of the line; 0: none was made
+    int64_t nWallUs = 0;
+    uint32_t nWallMs = 0;
 };
 
 // What is changed in the packets of a live track where they come in, once for all who get them (see
@@ -50,6 +71,21 @@ struct TrackRewrite {
     uint32_t nSsrc = 0;
     int nPayloadType = -1;  // the track keeps this payload type; -1: the pusher's
     int bChanges = 0;       // any of these differs from its first value
+};
+
+// The last sender report of a live track, as its players get it, and what the server needs to make one where
+// the pusher sends none (see reports.h). The times are those of the track's last packet.
+constexpr size_t kMaxReportBytes = 256;
+struct TrackReport {
+    uint8_t bytes[kMaxReportBytes] = {};
+    uint32_t nBytes = 0;  // 0: there is none
+    int bPushed = 0;      // the pusher sends reports
+    uint32_t nPackets = 0;
+    uint32_t nOctets = 0;
+    uint32_t nSsrc = 0;
+    uint32_t nRtpTime = 0;  // as players get it
+    uint32_t nMs = 0;
+    uint32_t nFirstMs = 0;  // ClockMs at the first one
 };
 
 struct MediaInfo {
@@ -69,6 +105,7 @@ struct MediaInfo {
     uint32_t nUnitTicks = 1024;  // AAC: how far a unit goes on the RTP clock
     MediaClock clock;
     TrackRewrite rewrite;
+    TrackReport report;
 };
 
 struct Program;

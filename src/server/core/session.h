@@ -51,6 +51,14 @@ enum SessionState : uint32_t {
     STATE_FINISHED = 6,  // a recording was played to its end
 };
 
+// What a player's receiver reports tell of a track (RFC 3550, section 6.4.1).
+struct Reception {
+    int bKnown = 0;  // one has come
+    int nLoss = 0;   // percent since the one before
+    int nJitterMs = 0;
+    int nRoundTripMs = 0;  // 0 until it can be told
+};
+
 // A track of the program, as it travels to or from this peer.
 struct SessionTrack : RtpTrack {
     const Codec *pCodec = nullptr;  // see MediaInfo
@@ -66,6 +74,10 @@ struct SessionTrack : RtpTrack {
     int bReported = 0;               // the report on that packet was made
     uint32_t nPackets = 0;           // packets and payload octets written
     uint32_t nOctets = 0;
+    // The last two passed on or made (see reports.h): the middle of their NTP time, and ClockMs then.
+    uint32_t nToldNtp[2] = {};
+    uint32_t nToldMs[2] = {};
+    Reception reception;
 };
 
 // The connections to the peer, and what was heard of it.
@@ -100,6 +112,7 @@ struct SessionFlow {
     uint32_t nCatchUpMs = 0;     // media ms of it that may have left over UDP
     uint32_t nCatchUpClock = 0;  // ClockMs when that was last raised
     uint32_t tLastReport = 0;    // uptime in seconds of the last report cycle
+    int bReportTick = 0;         // of a pusher: the task that makes reports for its players is scheduled
 };
 
 struct DataBlock;

@@ -33,6 +33,7 @@ void SessionEnterTrack(Session *pSession, int i)
         return;
     pTrack->nSsrc = pProg->bLive ? pProg->cache.ssrc : static_cast<uint32_t>(rand());
     pTrack->nNextSeq = pProg->bLive ? 0 : static_cast<uint16_t>(rand());
+    pTrack->reception = Reception();
     pTrack->bSetUp = 1;
     pSession->play.nSetupCount++;
 }

@@ -15,6 +15,7 @@
 #include "server/core/settings.h"
 #include "server/media/ingest.h"
 #include "server/media/replies.h"
+#include "server/media/reports.h"
 #include "server/media/rtcp.h"
 #include "server/methods/announce.h"
 #include "server/methods/camcfg.h"
@@ -149,13 +150,14 @@ static Verdict Dispatch(Session *pSession, Port *pPort, Request *pRequest)
     return HandleUnknown(pSession, pPort, pRequest);
 }
 
-static void DumpRtcpFrame(const Session *pSession, unsigned nChannel, const uint8_t *pPacket, uint32_t nLen)
+static void TakeRtcpFrame(Session *pSession, unsigned nChannel, const uint8_t *pPacket, uint32_t nLen)
 {
+    unsigned nTrack = (nChannel - 1) / 2;
+    ReportReceived(pSession, nTrack, pPacket, nLen);
     if (!(pSession->nFlags & SESSION_RTCP))
         return;
     print("Receive RTCP packet on track %u, %u bytes.\n", nChannel, nLen);
     const Program *pProg = pSession->pProg;
-    unsigned nTrack = (nChannel - 1) / 2;
     RtcpDump(pPacket, nLen, pProg && nTrack < kMaxMediaInfos ? pProg->desc.mediaInfos[nTrack].nTimeScale : 0);
 }
 
@@ -174,7 +176,7 @@ static Step TakeFrame(Session *pSession, uint32_t *pAt)
     if (!ORX_PEER_ASSERT(nTrackId < 8, "nTrackId < 8"))
         return EndSession(pSession);
     if (nTrackId & 1)
-        DumpRtcpFrame(pSession, nTrackId, pFrame + kInterleaveBytes, nBytes - kInterleaveBytes);
+        TakeRtcpFrame(pSession, nTrackId, pFrame + kInterleaveBytes, nBytes - kInterleaveBytes);
     else if (!FeedProgram(pSession, nTrackId / 2, pFrame, nBytes))
         return EndSession(pSession);
     *pAt += nBytes;

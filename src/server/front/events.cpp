@@ -17,6 +17,7 @@
 #include "server/front/dispatch.h"
 #include "server/front/limits.h"
 #include "server/media/ingest.h"
+#include "server/media/reports.h"
 #include "server/media/rtcp.h"
 #include "server/media/udppusher.h"
 #include "server/methods/tunnel.h"
@@ -167,9 +168,12 @@ static int FindTrack(const Session *pSession, const Port *pPort)
     return -1;
 }
 
-static void DumpReport(const Session *pSession, int i, const uint8_t *pData, size_t nLen)
+static void OnReport(Session *pSession, int i, const uint8_t *pData, size_t nLen)
 {
-    if (nLen == 0 || !(pSession->nFlags & SESSION_RTCP))
+    if (nLen == 0)
+        return;
+    ReportReceived(pSession, static_cast<unsigned>(i), pData, nLen);
+    if (!(pSession->nFlags & SESSION_RTCP))
         return;
     print("Receive RTCP packet on track %d, %d bytes.\n", pSession->tracks[i].nRtcpChannel,
           static_cast<int>(nLen));
@@ -190,7 +194,7 @@ static int OnDatagram(Session *pSession, const Port *pPort, uint8_t *pFrame, siz
         return 1;
     int bControl = pSession->tracks[i].Control == pPort;
     if (bControl)
-        DumpReport(pSession, i, pFrame + kInterleaveBytes, nLen);
+        OnReport(pSession, i, pFrame + kInterleaveBytes, nLen);
     return !IsUdpPusher(pSession) || DatagramTake(pSession, i, bControl, pFrame, nLen);
 }
 

@@ -1,5 +1,6 @@
 #include "server/front/server.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -242,6 +243,10 @@ static void DescribeSession(const Session *pSession, SessionStat *pOut)
     TextCopy(pOut->szProgram, sizeof(pOut->szProgram), pSession->pProg ? pSession->pProg->Uri : "-");
     pOut->bPusher = (pSession->nFlags & SESSION_PUSHER) != 0;
     for (const SessionTrack &track : pSession->tracks) {
+        pOut->reception.bKnown |= track.reception.bKnown;
+        pOut->reception.nLoss = std::max(pOut->reception.nLoss, track.reception.nLoss);
+        pOut->reception.nJitterMs = std::max(pOut->reception.nJitterMs, track.reception.nJitterMs);
+        pOut->reception.nRoundTripMs = std::max(pOut->reception.nRoundTripMs, track.reception.nRoundTripMs);
         if (!track.pReorder)
             continue;
         pOut->bDatagrams = 1;

@@ -11,6 +11,7 @@
 #include "server/media/cache.h"
 #include "server/media/outqueue.h"
 #include "server/media/recordcontrol.h"
+#include "server/media/reports.h"
 #include "server/media/rtcp.h"
 #include "server/media/send.h"
 
@@ -235,6 +236,7 @@ int FillBufferAtFirstPlay(Session *pSession)
     SessionStart *pStart = &pSession->start;
     if (!pProg)
         return 1;
+    ReportsAhead(pSession);
     DataBlock *p = CacheLastKey(pProg);
     pStart->pNext = nullptr;
     if (!p) {

@@ -186,7 +186,7 @@ static int OnFileSend(Task *pTask, uint32_t, uint32_t, uint32_t)
     }
     // no report goes ahead of the first packet, which the disk may be at
     int bWaits = pSession->pProg && pSession->pProg->reader && pSession->pProg->reader->bWanted;
-    if ((pSession->nFlags & SESSION_RTCP) && pSession->nState == STATE_PLAYING && !bWaits)
+    if (RtcpMakesReports(pSession) && pSession->nState == STATE_PLAYING && !bWaits)
         SendRtcpReport(pSession);
     return static_cast<int>(PlaysStandard(pSession) ? kSmoothPeriodMs : kFileSendPeriodMs);
 }

@@ -2,6 +2,7 @@
 
 #include "base/bytes.h"
 #include "record/rtppacket.h"
+#include "server/media/rtcpread.h"
 
 namespace orx {
 
@@ -15,6 +16,20 @@ void RewritePacket(const TrackRewrite *pRewrite, uint8_t *pRtp, size_t nBytes)
     PutBe(pRtp + 4, 4, static_cast<uint32_t>(GetBe(pRtp + 4, 4) + pRewrite->nStampShift));
     if (pRewrite->bSsrc)
         PutBe(pRtp + 8, 4, pRewrite->nSsrc);
+}
+
+void RewriteReport(const TrackRewrite *pRewrite, uint8_t *pRtcp, size_t nBytes)
+{
+    RtcpPart part;
+    for (size_t nAt = 0; pRewrite->bChanges && RtcpNextPart(pRtcp, nBytes, &nAt, &part);) {
+        uint8_t *pBody = pRtcp + (part.pBody - pRtcp);
+        int bSender = part.nType == RTCP_SR && part.nBytes >= kSenderBytes;
+        if (bSender)
+            PutBe(pBody + 12, 4, static_cast<uint32_t>(GetBe(pBody + 12, 4) + pRewrite->nStampShift));
+        int bSsrc = bSender || (part.nType == RTCP_SDES && part.nCount > 0 && part.nBytes >= 4);
+        if (bSsrc && pRewrite->bSsrc)
+            PutBe(pBody, 4, pRewrite->nSsrc);
+    }
 }
 
 void RewriteChanged(TrackRewrite *pRewrite)

@@ -13,6 +13,10 @@ namespace orx {
 // is told as.
 void RewritePacket(const TrackRewrite *pRewrite, uint8_t *pRtp, size_t nBytes);
 
+// The same of a compound RTCP packet that RtcpReadCompound takes: the stamps of sender reports, and the SSRC
+// of those and of descriptions.
+void RewriteReport(const TrackRewrite *pRewrite, uint8_t *pRtcp, size_t nBytes);
+
 // To be called behind each change of the fields.
 void RewriteChanged(TrackRewrite *pRewrite);
 

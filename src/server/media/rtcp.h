@@ -46,8 +46,15 @@ void RtcpNotePacketSent(Session *pSession, int nTrack, const uint8_t *pRtp, size
 // no more.
 void RtcpPlayBegins(Session *pSession);
 
-// The report cycle, at most every 10 seconds. Returns 1 when reports were made, else 0. Over TCP the reports
-// are queued, not sent.
+// Whether sender reports are made for the session at all: with EnableRtcp, and for standard players of
+// recordings.
+inline int RtcpMakesReports(const Session *pSession)
+{
+    return (pSession->nFlags & SESSION_RTCP) || PlaysStandard(pSession);
+}
+
+// The report cycle, at most every 10 seconds, for standard players of recordings every 5. Returns 1 when
+// reports were made, else 0. Over TCP the reports are queued, not sent.
 int SendRtcpReport(Session *pSession);
 
 // The last words to a player whose recording has ended: a report with BYE "completed" for every track; at

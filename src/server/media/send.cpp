@@ -10,6 +10,7 @@
 #include "server/core/settings.h"
 #include "server/media/outqueue.h"
 #include "server/media/pace.h"
+#include "server/media/reports.h"
 #include "server/media/rtcp.h"
 #include "server/media/wire.h"
 
@@ -34,10 +35,10 @@ static inline Port *ChoosePort(const Session *pSession, const DataBlock *pBlock)
 // Whether the first packet of a track would leave with this block: its report has to follow right behind it.
 static int StartsReports(const Session *pSession, const DataBlock *pBlock)
 {
-    if (!(pSession->nFlags & SESSION_RTCP) || !(pBlock->nFlags & DB_MEDIA))
+    if (!RtcpMakesReports(pSession) || !(pBlock->nFlags & DB_MEDIA))
         return 0;
     int nTrack = TrackOfBlock(pSession, pBlock);
-    return nTrack >= 0 && !pSession->tracks[nTrack].bReported;
+    return nTrack >= 0 && !pSession->tracks[nTrack].bReported && ReportsAreOwn(pSession, nTrack);
 }
 
 // Collects from the head of the queue what can leave in one call. Empty when pacing holds the head back.

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "base/assertion.h"
+#include "base/bytes.h"
 #include "base/textbuf.h"
 #include "base/textnumber.h"
 #include "record/playline.h"
@@ -86,6 +87,39 @@ static void WriteTrackUrl(const MediaInfo *pInfo, const char *szUrl, TextBuf *pT
         TextAdd(pText, "%.*s/%s", static_cast<int>(nUrl), szUrl, pInfo->szControl);
 }
 
+// The first packet of a track that waits; null when none does.
+static const uint8_t *FirstPacket(const Session *pSession, int nTrack)
+{
+    uint32_t nPrefix = pSession->out.bInterleaved ? kInterleaveBytes : 0;
+    for (auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq); p; p = NextBlock(p))
+        if ((p->nFlags & DB_MEDIA) && p->sent == 0 && p->len >= nPrefix + kRtpHeaderBytes &&
+            TrackOfBlock(pSession, p) == nTrack)
+            return BlockData(p) + nPrefix;
+    return nullptr;
+}
+
+// The same line for a live program: with the number and stamp that each track begins with, or where one is
+// not known yet with none, because players measure the tracks by each other.
+static void WriteLiveInfo(const Session *pSession, const char *szUrl, TextBuf *pText)
+{
+    const uint8_t *first[kMaxTracks] = {};
+    int bKnown = 1;
+    for (int i = 0; i < pSession->out.nTracks; i++) {
+        first[i] = pSession->tracks[i].bSetUp ? FirstPacket(pSession, i) : nullptr;
+        bKnown &= first[i] || !pSession->tracks[i].bSetUp;
+    }
+    const char *szComma = "";
+    for (int i = 0; i < pSession->out.nTracks; i++) {
+        if (!pSession->tracks[i].bSetUp)
+            continue;
+        TextAdd(pText, "%surl=", szComma);
+        WriteTrackUrl(&pSession->pProg->desc.mediaInfos[i], szUrl, pText);
+        if (bKnown)
+            TextAdd(pText, ";seq=%u;rtptime=%u", GetBe(first[i] + 2, 2), GetBe(first[i] + 4, 4));
+        szComma = ",";
+    }
+}
+
 // The items of the reply's RTP-Info line: the tracks set up, with the number of their next packet if wanted.
 static void WriteRtpInfo(const Session *pSession, const char *szUrl, int bSequence, TextBuf *pText)
 {
@@ -128,7 +162,11 @@ static void AddPlayLines(Message *pReply, const Request *pRequest, int bSequence
     MessageSession(pReply);
     MessageDate(pReply);
     TextAdd(&pReply->text, "RTP-Info: ");
-    WriteRtpInfo(pReply->pSession, RequestUri(pRequest), bSequence, &pReply->text);
+    const Session *pSession = pReply->pSession;
+    if (g_settings.bStandardPlayers && pSession->pProg->bLive && !(pSession->nFlags & SESSION_PUSHER))
+        WriteLiveInfo(pSession, RequestUri(pRequest), &pReply->text);
+    else
+        WriteRtpInfo(pSession, RequestUri(pRequest), bSequence, &pReply->text);
     TextAdd(&pReply->text, "\r\n");
 }
 

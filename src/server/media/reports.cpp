@@ -1,0 +1,210 @@
+#include "server/media/reports.h"
+
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "base/bytes.h"
+#include "base/console.h"
+#include "runtime/clock.h"
+#include "server/core/settings.h"
+#include "server/media/mediatime.h"
+#include "server/media/outqueue.h"
+#include "server/media/rewrite.h"
+#include "server/media/rtcp.h"
+#include "server/media/rtcpread.h"
+#include "server/media/send.h"
+
+namespace orx {
+
+constexpr uint32_t kOwnEveryMs = 5000;
+constexpr uint32_t kPushedWithinMs = 10000;
+constexpr uint32_t kClockSlackMs = 100;
+
+// --- To players ---
+
+void ReportNoteTold(SessionTrack *pTrack, const uint8_t *pReport)
+{
+    pTrack->nToldNtp[1] = pTrack->nToldNtp[0];
+    pTrack->nToldMs[1] = pTrack->nToldMs[0];
+    pTrack->nToldNtp[0] = GetBe(pReport + 10, 4);
+    pTrack->nToldMs[0] = ClockMs();
+}
+
+// Over UDP at once, interleaved through the queue.
+static void TellPlayer(Session *pPlayer, int nTrack, const TrackReport *pReport)
+{
+    SessionTrack *pTrack = &pPlayer->tracks[nTrack];
+    ReportNoteTold(pTrack, pReport->bytes);
+    if (!pPlayer->out.bInterleaved) {
+        const Port *pPort = pTrack->Control;
+        if (pPort)
+            sendto(pPort->fd, pReport->bytes, pReport->nBytes, MSG_NOSIGNAL,
+                   reinterpret_cast<const sockaddr *>(&pPort->remote), sizeof(pPort->remote));
+        return;
+    }
+    uint8_t frame[kInterleaveBytes + kMaxReportBytes];
+    PutBe(frame, 1, '$');
+    PutBe(frame + 1, 1, pTrack->nRtcpChannel);
+    PutBe(frame + 2, 2, pReport->nBytes);
+    std::copy_n(pReport->bytes, pReport->nBytes, frame + kInterleaveBytes);
+    DataBlock *pBlock =
+        RepliesPileUp(pPlayer) ? nullptr : MakeDataBlock(frame, kInterleaveBytes + pReport->nBytes, 0, 0, 1);
+    if (pBlock)
+        BlockListAppend(&pPlayer->out.Outq, pBlock);
+}
+
+static int Takes(const Session *pPlayer, int nTrack)
+{
+    return nTrack < pPlayer->out.nTracks && pPlayer->tracks[nTrack].bSetUp;
+}
+
+// Reports are few: they do not wait for more to send.
+static void TellPlayers(Program *pProg, int nTrack)
+{
+    Session *pNext;
+    for (Session *p = FirstPlayer(pProg); p; p = pNext) {
+        pNext = NextPlayer(p);
+        if (p->nState != STATE_PLAYING || !Takes(p, nTrack))
+            continue;
+        TellPlayer(p, nTrack, &pProg->desc.mediaInfos[nTrack].report);
+        if (!SendDataEx(p, nullptr, 1))
+            SessionEnd(p);
+    }
+}
+
+void ReportsAhead(Session *pPlayer)
+{
+    const Program *pProg = pPlayer->pProg;
+    for (int i = 0; i < pProg->desc.nTrackCount; i++)
+        if (pProg->desc.mediaInfos[i].report.nBytes > 0 && Takes(pPlayer, i))
+            TellPlayer(pPlayer, i, &pProg->desc.mediaInfos[i].report);
+}
+
+int ReportsAreOwn(const Session *pPlayer, int nTrack)
+{
+    const Program *pProg = pPlayer->pProg;
+    if (PlaysStandard(pPlayer))
+        return 1;
+    if (!(pPlayer->nFlags & SESSION_RTCP))
+        return 0;
+    if (!pProg || !pProg->bLive)
+        return 1;
+    return !g_settings.bStandardPlayers && !pProg->desc.mediaInfos[nTrack].report.bPushed;
+}
+
+// --- Those of the server ---
+
+// The wall clock at the time of a packet: one for all tracks of the program, which goes on as their line
+// does.
+static int64_t WallTime(MediaLine *pLine, uint32_t nMs)
+{
+    if (pLine->nWallUs == 0) {
+        timeval now{};
+        gettimeofday(&now, nullptr);
+        pLine->nWallUs = now.tv_sec * int64_t{1000000} + now.tv_usec;
+        pLine->nWallMs = nMs;
+    }
+    pLine->nWallUs += int64_t{ClockDiff(nMs, pLine->nWallMs)} * 1000;
+    pLine->nWallMs = nMs;
+    return pLine->nWallUs;
+}
+
+static void MakeOwn(Program *pProg, TrackReport *pReport)
+{
+    int64_t nUs = WallTime(&pProg->line, pReport->nMs);
+    uint32_t nNtpSec, nNtpFrac;
+    NtpFromTime(static_cast<uint32_t>(nUs / 1000000), static_cast<uint32_t>(nUs % 1000000), &nNtpSec,
+                &nNtpFrac);
+    size_t n = RtcpMakeSR(pReport->bytes, pReport->nSsrc, nNtpSec, nNtpFrac, pReport->nRtpTime,
+                          pReport->nPackets, pReport->nOctets);
+    size_t nText = RtcpMakeSDES(pReport->bytes + n, kMaxReportBytes - n, pReport->nSsrc, pProg->szName);
+    if (nText)
+        PutBe(pReport->bytes + n + 9, 1,
+              static_cast<uint32_t>(strlen(pProg->szName)));  // RFC 3550, section 6.5
+    pReport->nBytes = static_cast<uint32_t>(n + nText);
+}
+
+static int OnReportTick(Task *pTask, uint32_t, uint32_t nNow, uint32_t)
+{
+    Session *pPusher = SessionOfTask(pTask);
+    if (!pPusher || !FeedsProgram(pPusher))
+        return -1;
+    Program *pProg = pPusher->pProg;
+    for (int i = 0; i < pProg->desc.nTrackCount; i++) {
+        TrackReport *pReport = &pProg->desc.mediaInfos[i].report;
+        if (pReport->bPushed || pReport->nPackets == 0 ||
+            nNow - pReport->nFirstMs + kClockSlackMs < kPushedWithinMs)
+            continue;
+        MakeOwn(pProg, pReport);
+        TellPlayers(pProg, i);
+    }
+    return kOwnEveryMs;
+}
+
+void ReportsExpect(Session *pPusher, TrackReport *pReport)
+{
+    pReport->nFirstMs = ClockMs();
+    if (!g_settings.bStandardPlayers || pPusher->flow.bReportTick)
+        return;
+    pPusher->flow.bReportTick = 1;
+    SessionSchedule(pPusher, OnReportTick, kOwnEveryMs);
+}
+
+// --- From peers ---
+
+static void PassOn(Program *pProg, unsigned nTrack, const uint8_t *pRtcp, size_t nBytes)
+{
+    SenderReport report;
+    if (!RtcpReadSender(pRtcp, nBytes, &report))
+        return;
+    MediaInfo *pInfo = &pProg->desc.mediaInfos[nTrack];
+    TimeNoteReport(pProg, nTrack, &report);
+    pInfo->report.bPushed = 1;
+    pInfo->report.nBytes =
+        static_cast<uint32_t>(RtcpCopySender(pRtcp, nBytes, pInfo->report.bytes, kMaxReportBytes));
+    RewriteReport(&pInfo->rewrite, pInfo->report.bytes, pInfo->report.nBytes);
+    TellPlayers(pProg, static_cast<int>(nTrack));
+}
+
+// The way there and back: since the report that the player names was sent, without the time that it had it.
+static void NoteRoundTrip(SessionTrack *pTrack, const ReceiverReport *pReport)
+{
+    for (int i = 0; pReport->nLsr != 0 && i < 2; i++) {
+        if (pTrack->nToldNtp[i] != pReport->nLsr)
+            continue;
+        auto nHeldMs = static_cast<uint32_t>(uint64_t{pReport->nDlsr} * 1000 >> 16);
+        pTrack->reception.nRoundTripMs = std::max(ClockDiff(ClockMs() - pTrack->nToldMs[i], nHeldMs), 0);
+        return;
+    }
+}
+
+static void NoteReception(SessionTrack *pTrack, const uint8_t *pRtcp, size_t nBytes)
+{
+    ReceiverReport report;
+    if (!RtcpReadReceiver(pRtcp, nBytes, &report))
+        return;
+    Reception *pReception = &pTrack->reception;
+    pReception->bKnown = 1;
+    pReception->nLoss = report.nFraction * 100 / 256;
+    uint64_t nJitterMs = pTrack->nTimeScale ? report.nJitter * uint64_t{1000} / pTrack->nTimeScale : 0;
+    pReception->nJitterMs = static_cast<int>(std::min(nJitterMs, uint64_t{INT32_MAX}));
+    NoteRoundTrip(pTrack, &report);
+}
+
+void ReportReceived(Session *pSession, unsigned nTrack, const uint8_t *pRtcp, size_t nBytes)
+{
+    Program *pProg = pSession->pProg;
+    if (!pProg || static_cast<int>(nTrack) >= pProg->desc.nTrackCount)
+        return;
+    if (!(pSession->nFlags & SESSION_PUSHER)) {
+        if (g_settings.bStandardPlayers && Takes(pSession, static_cast<int>(nTrack)))
+            NoteReception(&pSession->tracks[nTrack], pRtcp, nBytes);
+    } else if (g_settings.bStandardPushers && FeedsProgram(pSession)) {
+        PassOn(pProg, nTrack, pRtcp, nBytes);
+    }
+}
+
+}  // namespace orx
