@@ -213,13 +213,14 @@ class Pusher(Child):
 
 class FfmpegPusher(Pusher):
     """Encodes a test picture as it goes; by default with everything that the encoder does by itself.
-    sound: the options of a second input and its codec."""
+    sound: the options of a second input and its codec. transport: "" for ffmpeg's choice, UDP."""
 
     interrupted = 255
 
-    def __init__(self, folder, url, name="ffmpeg-push", options=(), sound=()):
+    def __init__(self, folder, url, name="ffmpeg-push", options=(), sound=(), transport="tcp"):
         self.copy = os.path.join(folder, name + ".mkv")
-        outputs = "[f=rtsp:rtsp_transport=tcp:onfail=abort]%s|[f=matroska]%s" % (url, self.copy)
+        outputs = "[f=rtsp:%sonfail=abort]%s|[f=matroska]%s" % (
+            transport and "rtsp_transport=%s:" % transport, url, self.copy)
         super().__init__(name, folder, FFMPEG + [
             "-re", "-f", "lavfi", "-i", "testsrc2=size=%dx%d:rate=%d" % (WIDTH, HEIGHT, FPS), *sound,
             "-pix_fmt", "yuv420p", "-c:v", "libx264", "-preset", "veryfast", "-g", str(GOP), *options,
@@ -227,15 +228,15 @@ class FfmpegPusher(Pusher):
 
 
 class GstPusher(Gst, Pusher):
-    def __init__(self, folder, url, name="gst-push", sound=False):
+    def __init__(self, folder, url, name="gst-push", sound=False, protocols="protocols=tcp"):
         self.name_copies(folder, name)
-        line = ("rtspclientsink name=s protocols=tcp location=%s "
+        line = ("rtspclientsink name=s %s location=%s "
                 "videotestsrc is-live=true pattern=snow ! "
                 "video/x-raw,format=I420,width=%d,height=%d,framerate=%d/1 ! "
                 "x264enc tune=zerolatency speed-preset=ultrafast key-int-max=%d bitrate=1000 ! "
                 "h264parse config-interval=-1 ! tee name=v ! queue ! s. "
                 "v. ! queue ! video/x-h264,stream-format=byte-stream ! filesink buffer-mode=unbuffered location=%s "
-                % (url, WIDTH, HEIGHT, FPS, GOP, self.copy))
+                % (protocols, url, WIDTH, HEIGHT, FPS, GOP, self.copy))
         if sound:
             line += ("audiotestsrc is-live=true wave=white-noise samplesperbuffer=160 ! "
                      "audio/x-raw,rate=8000,channels=1 ! alawenc ! tee name=a ! queue ! s. "

@@ -5,7 +5,8 @@ from clients import FPS, PLAYERS, FfmpegPusher, GstPusher, OrxPusher
 from orxserver import LONG
 
 SECONDS = 60 if LONG else 4
-PUSHERS = {"ffmpeg": (FfmpegPusher, {}), "gst": (GstPusher, {}), "orxpush": (OrxPusher, {"seconds": SECONDS + 40})}
+PUSHERS = {"ffmpeg": (FfmpegPusher, {}), "gst": (GstPusher, {}), "gst-udp": (GstPusher, {"protocols": ""}),
+           "orxpush": (OrxPusher, {"seconds": SECONDS + 40})}
 
 
 class Play(InteropCase):
@@ -28,6 +29,25 @@ class Play(InteropCase):
 
     def test_orxpush(self):
         self.check("orxpush")
+
+    def test_ffmpeg_as_it_is(self):
+        """Its first choice is UDP: taken, or else refused, and it goes on over TCP by itself."""
+        for taken in (1, 0):
+            with self.subTest(UdpPushers=taken):
+                self.start(INTEROP={"UdpPushers": taken})
+                pusher = self.push(FfmpegPusher, transport="")
+                players = self.play(2 * FPS, PLAYERS[:2])
+                self.assert_ended(players)
+                self.end(pusher)
+                self.assert_shown(players, pusher, 2 * FPS)
+                refusals = [line for line in pusher.complaints() if "461 Unsupported Transport" in line]
+                self.assertEqual(refusals, pusher.complaints())
+                self.assertEqual(0 if taken else 1, len(refusals))
+                self.assertEqual(taken, self.server.output().count("remote=") > 2)
+                self.server.quit()
+
+    def test_gstreamer_as_it_is(self):
+        self.check("gst-udp", INTEROP={"UdpPushers": 1})
 
     def test_reports(self):
         """Far beyond the time of silence that a pusher is allowed, with reports in both directions."""
