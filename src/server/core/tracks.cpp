@@ -38,12 +38,14 @@ void SessionEnterTrack(Session *pSession, int i)
     pSession->play.nSetupCount++;
 }
 
-void SessionLeaveTracks(Session *pSession)
+void SessionLeaveTracks(Session *pSession, int nKept)
 {
-    for (SessionTrack &track : pSession->tracks) {
-        SessionCloseTrackPorts(&track);
-        track.bSetUp = track.bReported = 0;
-        track.nPackets = track.nOctets = 0;
+    for (int i = 0; i < kMaxTracks; i++) {
+        SessionTrack *pTrack = &pSession->tracks[i];
+        if (i != nKept)
+            SessionCloseTrackPorts(pTrack);
+        pTrack->bSetUp = pTrack->bReported = 0;
+        pTrack->nPackets = pTrack->nOctets = 0;
     }
     pSession->play.nSetupCount = 0;
 }

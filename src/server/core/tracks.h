@@ -12,8 +12,8 @@ void SessionCopyTracks(Session *pSession, const Program *pProg);
 // that is set up already goes on as it is.
 void SessionEnterTrack(Session *pSession, int i);
 
-// Takes all tracks back to before their SETUP, with their ports: they are to travel in another way. What
-// waits of their packets must have been dropped.
-void SessionLeaveTracks(Session *pSession);
+// Takes all tracks back to before their SETUP, with their ports but for those of track nKept: they are to
+// travel in another way. What waits of their packets must have been dropped.
+void SessionLeaveTracks(Session *pSession, int nKept);
 
 }  // namespace orx

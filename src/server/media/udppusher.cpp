@@ -19,7 +19,7 @@ namespace orx {
 
 constexpr int kWatchMs = 1000;
 // SO_RCVBUF: a key picture comes in one burst, and each of its packets counts as two kB and more.
-constexpr int kReceiveBytes = 4 << 20;
+constexpr int kReceiveBytes = 2 << 20;
 
 // Where the packets of a track go.
 struct Destination {

@@ -147,7 +147,7 @@ static SetupResult SetupUdp(Session *pSession, Port *pPort, int i, const char *s
 }
 
 // Whether all that has been set up is to travel otherwise now: so players go on that were sent datagrams and
-// got none (RFC 2326, appendix A.1, leaves what is set up alone until then).
+// got none.
 static int ReplacesAll(const Session *pSession, int i, int bInterleaved)
 {
     return pSession->tracks[i].bSetUp && pSession->out.bInterleaved != bInterleaved;
@@ -177,28 +177,39 @@ static int CanServe(const Session *pSession, const Port *pPort, int i, const Tra
     return g_settings.bUdpPushers || !(pSession->nFlags & SESSION_PUSHER);
 }
 
-// Lets a track travel as offered. Returns 1, or 0 when there are no sockets for it.
+// Before a track goes another way than it was set up for.
+static void LeaveOldWay(Session *pSession, int i, int bInterleaved)
+{
+    if (ReplacesAll(pSession, i, bInterleaved)) {
+        QueueDropMedia(pSession);
+        SessionLeaveTracks(pSession, bInterleaved ? -1 : i);
+    }
+    pSession->out.bInterleaved = bInterleaved;
+}
+
+// Returns 0 when there are no sockets for the track: all stays as it was.
+static int TakeUdp(Session *pSession, const Port *pPort, int i, int nRemotePort, TextBuf *pText)
+{
+    SessionTrack *pTrack = &pSession->tracks[i];
+    if (!pTrack->Media)
+        OpenMediaPorts(pSession, pTrack, pPort, nRemotePort);
+    if (!pTrack->Media || ((pSession->nFlags & SESSION_PUSHER) && !DatagramsBegin(pSession, i)))
+        return 0;
+    LeaveOldWay(pSession, i, 0);
+    AimPorts(pTrack, pPort, nRemotePort);
+    AddUdpText(pTrack, nRemotePort, pText);
+    return 1;
+}
+
+// Lets a track travel as offered. Returns 1, or 0 as TakeUdp.
 static int TakeOffer(Session *pSession, const Port *pPort, int i, const TransportOffer *pOffer,
                      TextBuf *pText)
 {
-    int bInterleaved = pOffer->eCarrier == Carrier::Tcp;
-    SessionTrack *pTrack = &pSession->tracks[i];
-    if (ReplacesAll(pSession, i, bInterleaved)) {
-        QueueDropMedia(pSession);
-        SessionLeaveTracks(pSession);
-    }
-    if (bInterleaved) {
-        pSession->out.bInterleaved = 1;
-        TextAdd(pText, "RTP/AVP/TCP;unicast;interleaved=%d-%d", pTrack->nRtpChannel, pTrack->nRtcpChannel);
-        return 1;
-    }
-    if (!pTrack->Media)
-        OpenMediaPorts(pSession, pTrack, pPort, pOffer->nPort);
-    if (!pTrack->Media || ((pSession->nFlags & SESSION_PUSHER) && !DatagramsBegin(pSession, i)))
-        return 0;
-    AimPorts(pTrack, pPort, pOffer->nPort);
-    pSession->out.bInterleaved = 0;
-    AddUdpText(pTrack, pOffer->nPort, pText);
+    const SessionTrack *pTrack = &pSession->tracks[i];
+    if (pOffer->eCarrier == Carrier::Udp)
+        return TakeUdp(pSession, pPort, i, pOffer->nPort, pText);
+    LeaveOldWay(pSession, i, 1);
+    TextAdd(pText, "RTP/AVP/TCP;unicast;interleaved=%d-%d", pTrack->nRtpChannel, pTrack->nRtcpChannel);
     return 1;
 }
 
