@@ -98,3 +98,42 @@ TEST_F(AnnounceTest, ServesStandardPushers)
     EXPECT_EQ(1, RtspWaitClosed(&player));
     EXPECT_TRUE(server.WaitOutput("OnFreeProgram(Uri=/cam)"));
 }
+
+// Controls as encoders write them, and how they name them in SETUP.
+TEST_F(AnnounceTest, FindsTracksByTheirControls)
+{
+    server.Set("INTEROP", "StandardPushers", "1");
+    server.Start();
+    static const struct {
+        const char *szFirst, *szSecond;  // controls
+        const char *szSetup, *szAnswer;
+    } rows[] = {
+        {"streamid=0", "streamid=1", "/p=1/streamid=1", "interleaved=2-3\r\n"},
+        {"track1", "track2", "/p=1/track1", "interleaved=0-1\r\n"},
+        {"track1", "track2", "/p=1?key=a=2/track2/", "interleaved=2-3\r\n"},
+        {"track=video", "track=audio", "/p=1/track=audio?x=1", "interleaved=2-3\r\n"},
+        {"7", "17", "/p=1/17", "interleaved=2-3\r\n"},
+        {"7", "17", "/p=1/7", "interleaved=0-1\r\n"},
+        {"rtsp://10.0.0.1/a/b?c=1", "x", "/a/b?c=1", "interleaved=0-1\r\n"},
+        {"", "", "/p=1/trackID=1", "interleaved=2-3\r\n"},
+        {"x", "y", "/p=1", "400 Bad Request(invalid trackID"},
+        {"x", "y", "/p=1/z", "400 Bad Request(invalid trackID"},
+        {"x", nullptr, "/p=1", "interleaved=0-1\r\n"},  // the only one
+    };
+    for (const auto &row : rows) {
+        RtspClient encoder;
+        Connect(&encoder);
+        std::string sdp;
+        for (const char *szControl : {row.szFirst, row.szSecond})
+            if (szControl)
+                sdp += "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n" +
+                       (*szControl ? "a=control:" + std::string(szControl) + "\r\n" : "");
+        ASSERT_EQ(Dated(), Announce(&encoder, "/p=1", sdp)) << row.szSetup;
+        std::string reply = Ask(&encoder, "SETUP", row.szSetup, "Transport: RTP/AVP/TCP;unicast;mode=record\r\n");
+        EXPECT_THAT(reply, testing::HasSubstr(row.szAnswer)) << row.szFirst << " " << row.szSetup;
+        EXPECT_TRUE(Answers(&encoder));
+    }
+    Connect(&pusher);
+    const std::string same = "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:x\r\n";
+    EXPECT_EQ(Refused("400 Bad Request(two sections have the same control)"), Announce(&pusher, "/p=1", same + same));
+}

@@ -133,3 +133,41 @@ TEST_F(PlayerTest, StartsWithOneRequest)
     EXPECT_THAT(Ask(&player, "PAUSE"), kIsOk);
     EXPECT_THAT(Ask(&player, "PLAY"), HasSubstr(RtpInfo(2)));
 }
+
+// With StandardPlayers: what each request is answered, one behind the other on one connection that lives on.
+TEST_F(PlayerTest, ServesStandardPlayers)
+{
+    server.Set("INTEROP", "StandardPlayers", "1");
+    server.Set("INTEROP", "StandardPushers", "1");
+    server.Start();
+    ASSERT_EQ(1, RtspOpenPusher(&pusher, server.Url("/cam/?key=a=b").c_str(), CameraSdp(2)));
+    Connect(&player);
+    const std::string session = "\r\nSession: SESSION;timeout=60\r\n", none = "\r\n" + kNoCache + "\r\n";
+    const struct {
+        const char *szMethod, *szPath, *szHeaders;
+        std::string status, holds;
+    } rows[] = {
+        {"FOO", "", "", "500 Not implemented", none},
+        {"PLAY", "", "", "455 Method Not Valid in This State", none},
+        {"DESCRIBE", "/cam", "Require: x.y\r\n", "551 Option not supported", "\r\nUnsupported: x.y\r\n"},
+        {"DESCRIBE", "/cam/?t=1", "Session: 12\r\n", "200 OK",
+         "\r\nContent-Base: " + server.Url("/cam/") + "\r\nContent-Type"},
+        {"SETUP", "/cam?t=1", kOverTcp.c_str(), "400 Bad Request(invalid trackID in SETUP)", none},
+        {"SETUP", "/cam?t=1/trackID=1", kOverTcp.c_str(), "200 OK", "interleaved=2-3"},
+        {"SETUP", "/cam/trackID=0?t=1", kOverTcp.c_str(), "200 OK", session},
+        {"PLAY", "/cam/", "Session: 12\r\n", "454 Session Not Found", none},
+        {"PLAY", "/cam/", "", "200 OK", session},
+        {"PLAY", "/cam/", "Range: npt=now-\r\n", "200 OK", session + "Date: RFC1123\r\n\r\n"},
+        {"DESCRIBE", "/cam", "", "200 OK", "\r\n\r\nv=0"},
+        {"DESCRIBE", "/other", "", "455 Method Not Valid in This State", none},
+        {"GET_PARAMETER", "/cam/", "", "200 OK", session},
+        {"OPTIONS", "", "Session: 12\r\n", "200 OK", "PAUSE, TEARDOWN, GET_PARAMETER, SET_PARAMETER"},
+        {"TEARDOWN", "/cam/", "", "200 OK", kStandardEnd},
+    };
+    for (const auto &row : rows) {
+        std::string reply = Ask(&player, row.szMethod, row.szPath, row.szHeaders);
+        EXPECT_THAT(reply, testing::StartsWith("RTSP/1.0 " + row.status)) << row.szMethod;
+        EXPECT_THAT(reply, HasSubstr("\r\nCSeq: #\r\n")) << row.szMethod;
+        EXPECT_THAT(reply, HasSubstr(row.holds)) << row.szMethod << row.szPath;
+    }
+}

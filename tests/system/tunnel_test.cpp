@@ -211,7 +211,8 @@ TEST_F(TunnelTest, PostMayComeFirst)
         Send(&post, sent.substr(70));
         ASSERT_TRUE(Answers(&other));
         ASSERT_EQ(1, RtspConnect(&get, url.c_str()));
-        EXPECT_EQ(kGetReply, Exchange(&get, Get("x-sessioncookie: XYZ\r\nAccept: " + kTunnelType)));
+        EXPECT_THAT(Exchange(&get, Get("x-sessioncookie: XYZ\r\nAccept: " + kTunnelType)),
+                    testing::StartsWith("HTTP/1.1 200 OK\r\n"));
         ExpectAnswers(&get, 1, 2);
         Send(&post, Encoded(Options(3)));
         ExpectAnswers(&get, 3, 3);

@@ -10,12 +10,15 @@
 #include "server/core/registry.h"
 #include "server/core/session.h"
 #include "server/core/settings.h"
+#include "server/media/replies.h"
 
 namespace orx {
 
-// "Session" lines name no timeout, which is then a minute (RFC 2326, section 12.37); two and a half of that
-// leave room for a keep-alive that was lost.
+// A session's timeout is a minute, whether its line says so or not (RFC 2326, section 12.37); two and a half
+// of that leave room for a keep-alive that was lost.
 static constexpr uint32_t kSilenceSeconds = 150;
+// A standard player over UDP: what it sends is all that shows whether it is there.
+static constexpr uint32_t kUdpSilenceSeconds = 2 * kSessionSeconds;
 static constexpr uint32_t kLongestLookMs = 5000;
 
 static int g_bWatching = 0;  // the task runs
@@ -54,12 +57,24 @@ static int IsAtWork(const Session *pSession)
            (pProg->cache.nSerial > 0 || pProg->sleep.bSleeping);
 }
 
+static int PlaysUdp(const Session *pSession)
+{
+    return pSession->nState == STATE_PLAYING && !(pSession->nFlags & SESSION_PUSHER) &&
+           !pSession->out.bInterleaved;
+}
+
 static int IsOver(const Session *pSession, uint32_t nNow)
 {
+    int32_t nSilent = ClockDiff(nNow, pSession->peer.tLastActivity);
+    if (g_settings.bStandardPlayers && PlaysUdp(pSession) &&
+        nSilent > static_cast<int32_t>(kUdpSilenceSeconds))
+        return 1;
+    if (!g_settings.nStateTimeout)
+        return 0;
     if (IsAtWork(pSession) || pSession->hold.pPort)  // or it waits for an answer
         return 0;
     if (pSession->play.nSetupCount > 0)  // set up, paused, at its end
-        return ClockDiff(nNow, pSession->peer.tLastActivity) > static_cast<int32_t>(kSilenceSeconds);
+        return nSilent > static_cast<int32_t>(kSilenceSeconds);
     return ClockDiff(nNow, pSession->peer.tLastRequest) > static_cast<int32_t>(g_settings.nStateTimeout);
 }
 
@@ -77,13 +92,15 @@ static int OnLook(Task *, uint32_t, uint32_t, uint32_t)
         SessionEnd(p);
     }
     g_bWatching = ListCount(&g_server.sessions) > 0;
-    return g_bWatching ? static_cast<int>(std::clamp(g_settings.nStateTimeout * 500, 1000U, kLongestLookMs))
-                       : -1;
+    if (!g_bWatching)
+        return -1;
+    uint32_t nLookMs = g_settings.nStateTimeout ? g_settings.nStateTimeout * 500 : kLongestLookMs;
+    return static_cast<int>(std::clamp(nLookMs, 1000U, kLongestLookMs));
 }
 
 void LimitsWatch()
 {
-    if (!g_settings.nStateTimeout || g_bWatching)
+    if ((!g_settings.nStateTimeout && !g_settings.bStandardPlayers) || g_bWatching)
         return;
     g_bWatching = 1;
     TaskSchedule(&g_server.scheduler, OnLook, 1000, 0, nullptr);

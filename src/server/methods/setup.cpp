@@ -358,7 +358,7 @@ static int ChooseTrack(Session *pSession, Port *pPort, const Request *pRequest, 
             *pVerdict = ReplyStatus(pSession, pPort, STATUS_NO_TRACK);
         return i;
     }
-    const char *pEqual = strchr(RequestPath(pRequest), '=');
+    const char *pEqual = strchr(UriPath(RequestUri(pRequest)), '=');
     if (!ORX_PEER_ASSERT(nTracks >= 1 && nTracks < 4,
                          "session->nTrackCount>=1 && session->nTrackCount < 4") ||
         !ORX_PEER_ASSERT(pEqual, "pEqual || !\"no track in the URI\"")) {
