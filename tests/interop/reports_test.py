@@ -75,7 +75,8 @@ class Reports(InteropCase):
 
     def test_late_sound(self):
         root = os.path.join(self.dir, "rec")
-        self.start(SERVER={"EnableRtcp": 0, "EnableFilePrg": 1}, STORAGE={"RecordEnable": 1, "RecordPath": root})
+        self.start(SERVER={"EnableRtcp": 0, "EnableFilePrg": 1}, STORAGE={
+            "RecordEnable": 1, "RecordPath": root, "WideUnits": 1, "NeverLose": 1})
         relay = LateSound(self.server.port)
         server_port, self.server.port = self.server.port, relay.port
         pusher = self.push(FfmpegPusher, options=("-tune", "zerolatency", "-c:a", "aac"), sound=(
