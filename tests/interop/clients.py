@@ -133,10 +133,11 @@ class Gst(Child):
     # at once, it may say that there are no more tracks before it has made the first one: pipelines link it all the
     # same, with a remark or two, but playbin leaves it out ("not-linked"), so that none stands here for two tracks.
     # And at its end it waits for the reply to TEARDOWN for a tenth of a second only, and may stumble over its own
-    # last event. Its decoder of JPEG leaves the colours open, and says so.
+    # last event; it interrupts the PAUSE that it sends before that. Its decoder of JPEG leaves the colours
+    # open, and says so.
     ignored = ("decreasing timestamp", "without knowing configured latency", "did not really configure latency",
                "too big, reset skew", "[dD]elayed linking", "has no handler with id", "Timed out waiting for TEARDOWN",
-               "gst_event_set_seqnum: assertion", "colorimetry")
+               "gst_event_set_seqnum: assertion", "colorimetry", "(receive|PAUSE) interrupted")
     CUT_OFF = "writev_bytes: Operation was cancelled"
     schemes = {"tcp": "rtspt", "udp": "rtspu", "http": "rtsph"}
 
