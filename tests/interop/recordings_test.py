@@ -50,7 +50,8 @@ class Recordings(InteropCase):
         for player in players:
             with self.subTest(player.name):
                 self.assertIsNone(mismatch(player.pictures, (self.pictures[first:], [0])))
-                self.assertEqual(last - first, len(player.pictures))
+                # GStreamer over TCP leaves the last picture out when it has had a second report before the BYE
+                self.assertIn(last - first - len(player.pictures), (0, 1) if isinstance(player, GstPlayer) else (0,))
                 self.assertEqual([], player.complaints())
         self.assert_empty()
 
