@@ -148,7 +148,9 @@ int FeedProgram(Session *pSession, unsigned nTrack, const uint8_t *pFrame, uint3
     uint32_t nTime;
     MediaInfo *pInfo = &pProg->desc.mediaInfos[nTrack];
     int bFirst = !pInfo->clock.bTimeKnown;
-    if (!MediaTime(pInfo, GetBe(pFrame + 8, 4), &nTime))
+    if (g_settings.bStandardPushers)
+        RewriteFollow(&pInfo->rewrite, pFrame + kInterleaveBytes, pInfo->nTimeScale);
+    if (!MediaTime(pInfo, GetBe(pFrame + 8, 4) + pInfo->rewrite.nStampShift, &nTime))
         return 0;
     uint32_t nJump = g_settings.bNeverLose ? FollowLine(pProg, nTrack, bFirst, &nTime) : 0;
     int bVideo = static_cast<int>(nTrack) == pProg->desc.nVideoTrack;
