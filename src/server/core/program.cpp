@@ -173,6 +173,34 @@ void ProgramDetach(Session *pSession)
         pProg->sleep.tIdleSince = ClockUptime();
 }
 
+int ProgramKeep(Session *pPusher)
+{
+    Program *pProg = FeedsProgram(pPusher) ? pPusher->pProg : nullptr;
+    if (!pProg || !pProg->pOps->pfnKeep || !pProg->pOps->pfnKeep(pProg))
+        return 0;
+    ForgetViewer(pPusher);
+    pPusher->pProg = nullptr;
+    pProg->pPusher = nullptr;  // what held the program for it holds it for the wait
+    return 1;
+}
+
+void ProgramReturn(Session *pPusher, Program *pProg)
+{
+    pProg->hold.nNumber = 0;
+    pProg->pPusher = pPusher;
+    ProgramAttach(pPusher, pProg);
+    pProg->nRefs--;
+}
+
+void ProgramGiveUp(Program *pProg)
+{
+    pProg->hold.nNumber = 0;
+    RemoveName(pProg);
+    pProg->pOps->pfnStop(pProg);
+    if (--pProg->nRefs == 0)
+        ProgramEnd(pProg);
+}
+
 void ProgramCallHook(const Program *pProg, const char *szRemote, int bUp)
 {
     if (!g_server.pfnProgramHook)

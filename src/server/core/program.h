@@ -71,6 +71,13 @@ struct TrackRewrite {
     uint32_t nSsrc = 0;
     int nPayloadType = -1;  // the track keeps this payload type; -1: the pusher's
     int bChanges = 0;       // any of these differs from its first value
+    // HoldPlayers: where the track is, as its players have it, so that another pusher can go on there.
+    int bKnown = 0;         // a packet has come; the rest is set
+    int bContinues = 0;     // the next packet is another pusher's first
+    uint16_t nLastSeq = 0;  // of the last packet
+    uint32_t nLastStamp = 0;
+    uint32_t nLastSsrc = 0;
+    uint32_t nLastMs = 0;  // ClockMs at it
 };
 
 // The last sender report of a live track, as its players get it, and what the server needs to make one where
@@ -112,9 +119,11 @@ struct Program;
 
 // What programs of pushers and of recordings do in different ways; given by the module that makes them.
 struct ProgramOps {
-    const char *(*pfnSdp)(const Program *pProg);  // the description; may be null
-    int (*pfnRefill)(Session *pSession);          // see FillBufferFromFile; null: media comes by itself
-    void (*pfnStop)(Program *pProg);              // nothing more comes: closes what reads or records it
+    const char *(*pfnSdp)(const Program *pProg) = nullptr;  // the description; may be null
+    int (*pfnRefill)(Session *pSession) = nullptr;  // see FillBufferFromFile; null: media comes by itself
+    void (*pfnStop)(Program *pProg) = nullptr;      // nothing more comes: closes what reads or records it
+    int (*pfnKeep)(Program *pProg) = nullptr;  // its pusher goes: 1 when it waits for another; may be null
+    void (*pfnFarewell)(Session *pPlayer) = nullptr;  // a player ends with its pusher; may be null
 };
 
 // What the description tells.
@@ -184,6 +193,11 @@ struct PlayerFlush {
     int bAgain = 0;            // more was queued meanwhile: from the first on once more
 };
 
+// The wait for a pusher that has gone (see hold.h).
+struct PusherHold {
+    int32_t nNumber = 0;  // of the wait; 0: there is none
+};
+
 struct Program {
     ListNode node;  // first: the program list maps an item to itself
     const ProgramOps *pOps = nullptr;
@@ -208,6 +222,7 @@ struct Program {
     CameraText camera;
     ProgramSleep sleep;
     PusherQuestions asked;
+    PusherHold hold;
     Retired retired;
 };
 
@@ -252,7 +267,7 @@ void ProgramEnd(Program *pProg);
 void ProgramEndAll();
 
 // The registry. ProgramFind: a live program by path, without regard to case; one whose pusher is gone is not
-// found.
+// found, unless it waits for another.
 Program *ProgramFind(const char *szPath);
 // As ProgramFind; failing that, for a path "/ch..." without '-', the same with "-s1" appended.
 Program *ProgramFindWithSubstream(const char *szPath);
@@ -262,6 +277,19 @@ Program *ProgramFindWithSubstream(const char *szPath);
 // program already.
 void ProgramAttach(Session *pSession, Program *pProg);
 void ProgramDetach(Session *pSession);
+
+// Lets the pusher go and keeps the program, its name and its players, when pfnKeep says so: returns 1 then.
+// Either ProgramReturn ends that wait, with another pusher, or ProgramGiveUp, which ends the program unless
+// somebody else holds it.
+int ProgramKeep(Session *pPusher);
+void ProgramReturn(Session *pPusher, Program *pProg);
+void ProgramGiveUp(Program *pProg);
+
+// Whether something comes of a program, or may come again.
+inline int ProgramLives(const Program *pProg)
+{
+    return !pProg->bLive || pProg->pPusher || pProg->hold.nNumber != 0;
+}
 
 // Whether the session is the pusher of the program that it holds.
 inline int FeedsProgram(const Session *pSession)

@@ -180,7 +180,8 @@ void SessionEnd(Session *pSession)
 {
     if (pSession->bEnded)
         return;
-    SessionEndPlayers(pSession);
+    if (!ProgramKeep(pSession))
+        SessionEndPlayers(pSession);
     EndOne(pSession);
 }
 
@@ -189,9 +190,17 @@ void SessionEndPlayers(Session *pSession)
     Program *pProg = pSession->pProg;
     if (!pProg || !(pSession->nFlags & SESSION_PUSHER))
         return;
+    SessionEndAllOf(pProg);
+}
+
+void SessionEndAllOf(Program *pProg)
+{
     print("StopProgramAssociatedSessions().\r\n");
-    while (Session *pPlayer = FirstPlayer(pProg))
+    while (Session *pPlayer = FirstPlayer(pProg)) {
+        if (pProg->pOps->pfnFarewell)
+            pProg->pOps->pfnFarewell(pPlayer);
         EndOne(pPlayer);
+    }
 }
 
 void SessionEndAll()

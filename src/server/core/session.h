@@ -231,15 +231,17 @@ Session *FindSessionByHandle(uint32_t nHandle);
 void SessionSchedule(const Session *pSession, TaskProc pfnRun, uint32_t nDelayMs);
 Session *SessionOfTask(const Task *pTask);
 
-// Ends a session: of a pusher first every player of its program; then its ports are closed, and it is out of
-// every list and map. There is no other way for a session to end. The handler of a request does not call this
-// for its own session but returns Verdict::End; all others do, and whoever goes on behind them looks at
-// bEnded. The record stays readable until the scheduler's callback is over (see retire.h), with its ports and
-// its program null. Does nothing when it has ended already.
+// Ends a session: of a pusher first every player of its program, unless they wait for another (ProgramKeep);
+// then its ports are closed, and it is out of every list and map. There is no other way for a session to end.
+// The handler of a request does not call this for its own session but returns Verdict::End; all others do,
+// and whoever goes on behind them looks at bEnded. The record stays readable until the scheduler's callback
+// is over (see retire.h), with its ports and its program null. Does nothing when it has ended already.
 void SessionEnd(Session *pSession);
 
 // Ends every player of a pusher's program; does nothing for any other session.
 void SessionEndPlayers(Session *pSession);
+// Ends every player of a program, which the caller holds.
+void SessionEndAllOf(Program *pProg);
 
 // Ends every session, in order of creation. When the server stops: main thread, no other one runs any more.
 void SessionEndAll();

@@ -30,7 +30,10 @@ int FeedProgram(Session *pSession, unsigned nTrack, const uint8_t *pFrame, uint3
         return 1;
     uint32_t nTime;
     uint32_t nJump;
-    if (!PacketTime(pProg, nTrack, GetBe(pFrame + 8, 4), &nTime, &nJump))
+    TrackRewrite *pRewrite = &pProg->desc.mediaInfos[nTrack].rewrite;
+    if (g_settings.bStandardPushers)
+        RewriteFollow(pRewrite, pFrame + kInterleaveBytes, pProg->desc.mediaInfos[nTrack].nTimeScale);
+    if (!PacketTime(pProg, nTrack, GetBe(pFrame + 8, 4) + pRewrite->nStampShift, &nTime, &nJump))
         return 0;
     MediaInfo *pInfo = &pProg->desc.mediaInfos[nTrack];
     int bVideo = static_cast<int>(nTrack) == pProg->desc.nVideoTrack;

@@ -13,9 +13,9 @@ namespace orx {
 // track's clock rate cannot be scaled: the session must end.
 int PacketTime(Program *pProg, unsigned nTrack, uint32_t nRtpTime, uint32_t *pMs, uint32_t *pnFlags);
 
-// A sender report of the pusher (RFC 3550, section 6.4.1): tells where one of the track's stamps, as they are
-// pushed, lies on the pusher's wall clock, which its tracks share. A track that stands elsewhere on the line
-// is taken there bit by bit: its times never go back for it.
+// A sender report of the pusher (RFC 3550, section 6.4.1): tells where one of the track's stamps lies on the
+// pusher's wall clock, which its tracks share. A track that stands elsewhere on the line is taken there bit
+// by bit: its times never go back for it.
 void TimeNoteReport(Program *pProg, unsigned nTrack, const SenderReport *pReport);
 
 }  // namespace orx

@@ -161,6 +161,9 @@ static void PassOn(Program *pProg, unsigned nTrack, const uint8_t *pRtcp, size_t
     if (!RtcpReadSender(pRtcp, nBytes, &report))
         return;
     MediaInfo *pInfo = &pProg->desc.mediaInfos[nTrack];
+    if (pInfo->rewrite.bContinues)  // where its stamps go on is not known yet
+        return;
+    report.nRtpTime += pInfo->rewrite.nStampShift;
     TimeNoteReport(pProg, nTrack, &report);
     pInfo->report.bPushed = 1;
     pInfo->report.nBytes =

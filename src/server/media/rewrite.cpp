@@ -1,8 +1,11 @@
 #include "server/media/rewrite.h"
 
+#include <algorithm>
+
 #include "base/bytes.h"
 #include "record/rtppacket.h"
 #include "server/media/rtcpread.h"
+#include "runtime/clock.h"
 
 namespace orx {
 
@@ -30,6 +33,35 @@ void RewriteReport(const TrackRewrite *pRewrite, uint8_t *pRtcp, size_t nBytes)
         if (bSsrc && pRewrite->bSsrc)
             PutBe(pBody, 4, pRewrite->nSsrc);
     }
+}
+
+static void Continue(TrackRewrite *pRewrite, const uint8_t *pRtp, uint32_t nRate)
+{
+    uint64_t nGone = uint64_t{std::max(ClockMs() - pRewrite->nLastMs, 1U)} * nRate / 1000;  // another picture
+    pRewrite->bContinues = 0;
+    pRewrite->nSeqShift = static_cast<uint16_t>(pRewrite->nLastSeq + 1 - GetBe(pRtp + 2, 2));
+    pRewrite->nStampShift = pRewrite->nLastStamp + static_cast<uint32_t>(nGone) - GetBe(pRtp + 4, 4);
+    pRewrite->bSsrc = 1;
+    pRewrite->nSsrc = pRewrite->nLastSsrc;
+    RewriteChanged(pRewrite);
+}
+
+void RewriteFollow(TrackRewrite *pRewrite, const uint8_t *pRtp, uint32_t nRate)
+{
+    if (pRewrite->bContinues)
+        Continue(pRewrite, pRtp, nRate);
+    pRewrite->nLastSeq = static_cast<uint16_t>(GetBe(pRtp + 2, 2) + pRewrite->nSeqShift);
+    pRewrite->nLastStamp = GetBe(pRtp + 4, 4) + pRewrite->nStampShift;
+    pRewrite->nLastSsrc = pRewrite->bSsrc ? pRewrite->nSsrc : GetBe(pRtp + 8, 4);
+    pRewrite->nLastMs = ClockMs();
+    pRewrite->bKnown = 1;
+}
+
+void RewriteContinue(TrackRewrite *pRewrite, int nOwnType, int nType)
+{
+    pRewrite->nPayloadType = nOwnType != nType ? nType : -1;
+    pRewrite->bContinues = pRewrite->bKnown;
+    RewriteChanged(pRewrite);
 }
 
 void RewriteChanged(TrackRewrite *pRewrite)

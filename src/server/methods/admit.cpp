@@ -32,7 +32,7 @@ int ChooseReplyPort(Session *pSession, Port *pPort)
 // one whose pusher has gone.
 static int NamesProgram(const char *szPath, const Program *pProg)
 {
-    if (pProg->bLive && !pProg->pPusher)
+    if (!ProgramLives(pProg))
         return 0;
     size_t nPath = strlen(szPath);
     if (strncmp(pProg->Uri, szPath, nPath) != 0)

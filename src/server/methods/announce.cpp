@@ -7,6 +7,7 @@
 #include "runtime/sockutil.h"
 #include "server/core/settings.h"
 #include "server/core/tracks.h"
+#include "server/media/hold.h"
 #include "server/media/liveprogram.h"
 #include "record/sdpreader.h"
 #include "server/media/questions.h"
@@ -76,8 +77,15 @@ static int ReplaceOldPusher(Session *pSession, Port *pPort, const char *szPath, 
     if (!pOld)
         return 1;
     Session *pPusher = pOld->pPusher;
+    if (!pPusher) {  // it waits for one
+        if (g_settings.bAnnounceAuth && strcmp(pOld->szAnnouncer, pUser->szUser) != 0)
+            HoldEnd(pOld);
+        return 1;
+    }
     if (IsSamePusher(pPort, pOld, pUser)) {
-        print("The same pusher Announce again, Destroy the old program.\r\n");
+        print("The same pusher Announce again, %s.\r\n",
+              g_settings.bStandardPushers && g_settings.nHoldPlayers > 0 ? "its players wait"
+                                                                         : "Destroy the old program");
         SessionEnd(pPusher);
         return 1;
     }
@@ -132,11 +140,15 @@ static Verdict StartPusher(Session *pSession, Port *pPort, Program *pProg, const
 {
     char remote[kAddrTextSize];
     SockAddrToString(&pPort->remote, remote);
+    int bReturns = pProg->hold.nNumber != 0;
+    const char *szWhat = bReturns ? "ResumeLiveProgram" : "CreateLiveProgram";
     pProg->pPusher = pSession;
-    ProgramAttach(pSession, pProg);
-    print("CreateLiveProgram(Uri=%s), pointer=0x%x, Remote=%s.\r\n", pProg->Uri, ProgramPrintId(pProg),
-          remote);
-    log("CreateLiveProgram(Uri=%s), pointer=0x%x, Remote=%s", pProg->Uri, ProgramPrintId(pProg), remote);
+    if (bReturns)
+        ProgramReturn(pSession, pProg);
+    else
+        ProgramAttach(pSession, pProg);
+    print("%s(Uri=%s), pointer=0x%x, Remote=%s.\r\n", szWhat, pProg->Uri, ProgramPrintId(pProg), remote);
+    log("%s(Uri=%s), pointer=0x%x, Remote=%s", szWhat, pProg->Uri, ProgramPrintId(pProg), remote);
     pSession->nFlags |= SESSION_PUSHER;
     if (KnowsOurRequests(pRequest))
         PusherShows(pSession);
@@ -144,7 +156,7 @@ static Verdict StartPusher(Session *pSession, Port *pPort, Program *pProg, const
     pSession->nState = STATE_DESCRIBED;
     SessionCopyTracks(pSession, pProg);
     Verdict eVerdict = ReplyDated(pSession, pPort, STATUS_OK);
-    if (eVerdict == Verdict::Keep)
+    if (eVerdict == Verdict::Keep && !bReturns)
         ProgramCallHook(pProg, remote, 1);
     return eVerdict;
 }

@@ -75,7 +75,7 @@ static size_t WriteList(char *szList, const Account *pAccount, PictureSize scree
     TextAdd(&text, "PlayList:%4d%02d%02d-%02d%02d\r\n", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour,
             t.tm_min);
     for (const Program *pProg = FirstProgram(); pProg && text.nLen < kListFull; pProg = NextProgram(pProg)) {
-        if (pProg->bLive && pProg->pPusher)
+        if (pProg->bLive && ProgramLives(pProg))
             AddProgram(&text, pProg, pAccount, screen);
     }
     memcpy(szList + text.nLen, "\r\n", 3);
