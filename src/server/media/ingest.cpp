@@ -6,6 +6,7 @@
 #include "runtime/clock.h"
 #include "server/core/settings.h"
 #include "server/media/distribute.h"
+#include "server/media/keystart.h"
 #include "server/media/rewrite.h"
 
 namespace orx {
@@ -152,15 +153,20 @@ int FeedProgram(Session *pSession, unsigned nTrack, const uint8_t *pFrame, uint3
         return 0;
     uint32_t nJump = g_settings.bNeverLose ? FollowLine(pProg, nTrack, bFirst, &nTime) : 0;
     int bVideo = static_cast<int>(nTrack) == pProg->desc.nVideoTrack;
-    int bKey = bVideo && IsKeyFrame(pProg, pFrame, nBytes);
+    int bStart = bVideo && KeyStartWanted(pProg);
+    int bKey = bVideo && !bStart && IsKeyFrame(pProg, pFrame, nBytes);
     DataBlock *pBlock = MakeDataBlock(pFrame, nBytes, 1, bVideo, bKey);
     if (!pBlock) {
         print("MakeDataBlock() failed and Destroy the Session!\r\n");
         return 0;
     }
-    RewritePacket(&pInfo->rewrite, BlockData(pBlock) + kInterleaveBytes, pBlock->len - kInterleaveBytes);
     pBlock->nTimestamp = nTime;
     pBlock->nFlags |= nJump;
+    if (bStart) {
+        KeyStartTake(pProg, pBlock);
+        return 1;
+    }
+    RewritePacket(&pInfo->rewrite, BlockData(pBlock) + kInterleaveBytes, pBlock->len - kInterleaveBytes);
     CachePacketEx(pProg, pBlock);
     return 1;
 }

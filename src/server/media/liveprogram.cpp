@@ -6,6 +6,7 @@
 #include "runtime/clock.h"
 #include "server/core/sdp.h"
 #include "server/core/settings.h"
+#include "server/media/keystart.h"
 #include "server/media/recordcontrol.h"
 
 namespace orx {
@@ -30,8 +31,10 @@ Program *CreateLiveProgram(const char *szPath, const char *szSdp, size_t nSdp)
     pProg->sleep.tIdleSince = ClockUptime();
     pProg->always.bWanted = RecordedAlways(szPath);
     pProg->desc.szSdp = g_settings.bStandardPushers ? SdpWithStaticMaps(szSdp) : strdup(szSdp);
-    if (pProg->desc.szSdp && SdpParse(&pProg->desc, pProg->desc.szSdp, 1, 0) && ProgramReady(pProg))
+    if (pProg->desc.szSdp && SdpParse(&pProg->desc, pProg->desc.szSdp, 1, 0) && ProgramReady(pProg)) {
+        KeyStartInit(pProg);
         return pProg;
+    }
     ProgramDiscard(pProg);
     return nullptr;
 }
