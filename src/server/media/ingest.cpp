@@ -118,8 +118,9 @@ static uint32_t FollowLine(Program *pProg, unsigned nTrack, int bFirst, uint32_t
                ClockDiff(*pMs, pClock->nMs) < -kBackMs) {
         uint32_t nDue = TimeNow(pClock->nMs, pClock->nArrivedMs) + 1;  // behind one that came with it
         nJump = nDue - *pMs;
-        int bData = static_cast<int>(nTrack) == pProg->desc.nDataTrack;
-        nFlags = bData ? DB_JUMP : NoteJump(pLine, nTrack, &nJump);
+        uint32_t nKind = pProg->desc.mediaInfos[nTrack].nMediaType;
+        int bAside = static_cast<int>(nTrack) == pProg->desc.nDataTrack || nKind == MEDIA_CARRIED;
+        nFlags = bAside ? DB_JUMP : NoteJump(pLine, nTrack, &nJump);
     }
     pClock->nTimeShift += nJump;
     *pMs += nJump;
