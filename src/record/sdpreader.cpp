@@ -197,14 +197,17 @@ char *SdpWithStaticMaps(const char *szSdp)
     while (SdpNextSection(&walk, &section)) {
         SdpMedia media;
         std::string_view value;
-        TextAddBytes(&out, section.own.data(), section.own.size());
-        if (!SdpReadMedia(section.own, SDP_MEDIA_LINE, &media) ||
-            FindMapOf(section.own, media.format, &value))
-            continue;
-        std::string_view line = StaticMap(media.format);
-        if (!line.empty() && !section.own.ends_with('\n'))
+        std::string_view line;
+        if (SdpReadMedia(section.own, SDP_MEDIA_LINE, &media) &&
+            !FindMapOf(section.own, media.format, &value))
+            line = StaticMap(media.format);
+        // in front of the attributes: the first line is that of the first type
+        size_t nAt = std::min(FindTag(section.own, "a=", SDP_LINE, 0), section.own.size());
+        TextAddBytes(&out, section.own.data(), nAt);
+        if (!line.empty() && !section.own.substr(0, nAt).ends_with('\n'))
             TextAdd(&out, "\r\n");
         TextAddBytes(&out, line.data(), line.size());
+        TextAddBytes(&out, section.own.data() + nAt, section.own.size() - nAt);
     }
     return szOut;
 }
