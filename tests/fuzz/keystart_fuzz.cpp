@@ -17,6 +17,7 @@ static Program *Make(int bWide, const std::string &format)
     pProg->cache.nCacheLimit = 1U << 30;
     pProg->desc.nTrackCount = 1;
     pProg->desc.nVideoTrack = 0;
+    pProg->desc.mediaInfos[0].nMediaType = MEDIA_VIDEO_OTHER;
     pProg->desc.mediaInfos[0].pCodec = CodecByName(MEDIA_VIDEO_OTHER, bWide ? "H265" : "H264", CODEC_WIDE_PROGRAM);
     pProg->desc.szSdp = strdup(("m=video 0 RTP/AVP 96\r\na=fmtp:96 " + format).c_str());
     KeyStartInit(pProg);

@@ -20,7 +20,7 @@ static int EnterKind(Description *pDesc, int i, std::string_view media)
     MediaInfo *pInfo = &pDesc->mediaInfos[i];
     pInfo->nMediaType = SdpMediaKind(media);
     // cameras send what they see in sections of other kinds, which must not keep their pictures out
-    if (pInfo->nMediaType == 0 && g_settings.bStandardPushers && pDesc->nTrackCount < kMaxTracks)
+    if (pInfo->nMediaType == 0 && g_settings.bStandardPushers)
         pInfo->nMediaType = MEDIA_CARRIED;
     if (pInfo->nMediaType == MEDIA_AUDIO_OTHER) {
         pInfo->nSampleBits = 16;
@@ -143,7 +143,9 @@ int SdpParse(Description *pDesc, const char *szSdp, int bLive, uint32_t nDuratio
     pDesc->nTrackCount = 0;
     SdpWalk walk = SdpSections(szSdp, SDP_LINE_OR_CR);
     SdpSection section;
-    while (pDesc->nTrackCount < kMaxMediaInfos && SdpNextSection(&walk, &section)) {
+    // what no player can set up is left out, and is no reason to refuse the rest
+    int nMost = g_settings.bStandardPushers ? kMaxTracks : kMaxMediaInfos;
+    while (pDesc->nTrackCount < nMost && SdpNextSection(&walk, &section)) {
         SdpMedia media;
         if (!SdpReadMedia(section.rest, SDP_MEDIA_SCAN, &media)) {
             print("bad SDP:\r\n%s\r\n", PrintableDump(szSdp).sz);

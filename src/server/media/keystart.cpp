@@ -35,30 +35,53 @@ static TrackRewrite *RewriteOf(Program *pProg)
     return &pProg->desc.mediaInfos[pProg->desc.nVideoTrack].rewrite;
 }
 
+static void Pass(Program *pProg, DataBlock *pBlock)
+{
+    RewritePacket(RewriteOf(pProg), BlockData(pBlock) + kInterleaveBytes, pBlock->len - kInterleaveBytes);
+    CachePacketEx(pProg, pBlock);
+}
+
+static void PassHeld(Program *pProg, int nFrom)
+{
+    KeyStart *pStart = &pProg->keyStart;
+    for (int i = nFrom; i < pStart->nHeld; i++)
+        Pass(pProg, pStart->held[i]);
+    pStart->nHeld = 0;
+    pStart->nHeldBytes = 0;
+}
+
+// The format line of the video track, which is the last video section that counts.
+static std::string_view VideoFormat(const Description *pDesc)
+{
+    int nVideos = 0;
+    for (int i = 0; i < pDesc->nTrackCount; i++)
+        nVideos += (pDesc->mediaInfos[i].nMediaType & MEDIA_VIDEO_MASK) != 0;
+    SdpWalk walk = SdpSections(pDesc->szSdp, SDP_LINE_OR_CR);
+    SdpSection section;
+    SdpMedia media;
+    std::string_view format;
+    while (nVideos > 0 && SdpNextSection(&walk, &section)) {
+        if (!SdpReadMedia(section.own, SDP_MEDIA_SCAN, &media) ||
+            SdpMediaKind(media.media) != MEDIA_VIDEO_OTHER)
+            continue;
+        format = SdpReadFormat(section.own);
+        nVideos--;
+    }
+    return format;
+}
+
 void KeyStartInit(Program *pProg)
 {
     KeyStart *pStart = &pProg->keyStart;
     int i = pProg->desc.nVideoTrack;
     const Codec *pCodec = i >= 0 ? pProg->desc.mediaInfos[i].pCodec : nullptr;
+    if (pStart->nHeld > 0)
+        PassHeld(pProg, 0);
+    pStart->bKnown = pStart->bDecided = 0;
     pStart->pForm = g_settings.bStandardPushers && pCodec ? pCodec->pNal : nullptr;
-    if (!pStart->pForm)
-        return;
     ParamSetsFree(&pStart->sets);
-    SdpWalk walk = SdpSections(pProg->desc.szSdp, SDP_LINE_OR_CR);
-    SdpSection section;
-    SdpMedia media;
-    std::string_view format;  // of the last video section, which is the track
-    while (SdpNextSection(&walk, &section))
-        if (SdpReadMedia(section.own, SDP_MEDIA_SCAN, &media) &&
-            SdpMediaKind(media.media) == MEDIA_VIDEO_OTHER)
-            format = SdpReadFormat(section.own);
-    ParamSetsFromFormat(&pStart->sets, pStart->pForm, format);
-}
-
-static void Pass(Program *pProg, DataBlock *pBlock)
-{
-    RewritePacket(RewriteOf(pProg), BlockData(pBlock) + kInterleaveBytes, pBlock->len - kInterleaveBytes);
-    CachePacketEx(pProg, pBlock);
+    if (pStart->pForm)
+        ParamSetsFromFormat(&pStart->sets, pStart->pForm, VideoFormat(&pProg->desc));
 }
 
 // --- What a packet holds ---
@@ -184,15 +207,6 @@ static void PutSets(Front *pFront)
 }
 
 // --- The picture that begins ---
-
-static void PassHeld(Program *pProg, int nFrom)
-{
-    KeyStart *pStart = &pProg->keyStart;
-    for (int i = nFrom; i < pStart->nHeld; i++)
-        Pass(pProg, pStart->held[i]);
-    pStart->nHeld = 0;
-    pStart->nHeldBytes = 0;
-}
 
 // The picture that is held can be decoded alone: its first packet is where players start, and what it lacks
 // is put in front of all but a delimiter.

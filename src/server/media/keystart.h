@@ -7,8 +7,9 @@
 
 namespace orx {
 
-// To be called when the program's description was read, and behind each change of it: takes the parameter
-// sets that it tells. Only with StandardPushers, and for a video codec made of units, anything is done.
+// To be called when the program's description was read, and when another pusher brings another, before its
+// first packet and before the track is rewritten in another way: takes the parameter sets that it tells, and
+// lets go of what is held. Only with StandardPushers, and for a video codec made of units, anything is done.
 void KeyStartInit(Program *pProg);
 
 // Whether the program's video packets go through KeyStartTake.

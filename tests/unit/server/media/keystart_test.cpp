@@ -76,6 +76,7 @@ TEST(KeyStart, PlayersStartWithAllThatAKeyPictureNeeds)
         pProg->desc.nVideoTrack = 0;
         MediaInfo *pInfo = &pProg->desc.mediaInfos[0];
         pInfo->nTimeScale = 90000;
+        pInfo->nMediaType = MEDIA_VIDEO_OTHER;
         pInfo->pCodec = CodecByName(MEDIA_VIDEO_OTHER, c.bWide ? "H265" : "H264", CODEC_WIDE_PROGRAM);
         pProg->desc.szSdp = strdup((std::string("m=video 0 RTP/AVP 96\r\na=fmtp:96 ") +
                                     (c.bWide ? "sprop-vps=" : "sprop-parameter-sets=") + c.szFormat + "\r\n").c_str());
