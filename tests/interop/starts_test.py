@@ -3,6 +3,7 @@ at once, and a recording is what was pushed."""
 
 import glob
 import os
+import re
 import subprocess
 import time
 
@@ -49,20 +50,35 @@ class Starts(InteropCase):
             self.assertEqual(len(WAYS), stat.lives)
             time.sleep(4)  # into a group of pictures
             decoder = "rtp%sdepay ! %sparse ! avdec_%s ! videoconvert" % (codec, codec, codec)
+            players = []
             for way in WAYS:
                 url = self.server.url("live/%s-%s" % (codec, way))
+                with self.subTest("first picture of %s-%s" % (codec, way)):
+                    self.assert_whole(codec, url, way in ("delimiters", "bare"))
                 for make, options in (FfmpegPlayer, {}), (GstPlayer, {"decoder": decoder}):
-                    player = self.add(make(self.dir, url, "tcp", 30, name="%s-%s-%s" % (codec, way, make.__name__), **options))
-                    self.assert_ended([player])
-                    with self.subTest(player.name):
-                        self.assertIsNone(mismatch(player.pictures, reference))
-                        self.assertEqual(30, len(player.pictures))
-                        self.assertEqual([], player.complaints())
+                    name = "%s-%s-%s" % (codec, way, make.__name__)
+                    players.append(self.add(make(self.dir, url, "tcp", 30, name=name, **options)))
+            self.assert_ended(players)
+            for player in players:
+                with self.subTest(player.name):
+                    self.assertIsNone(mismatch(player.pictures, reference))
+                    self.assertEqual(30, len(player.pictures))
+                    self.assertEqual([], player.complaints())
             self.assert_ended(pushers.values())
             self.assert_empty()
             for way in WAYS:
                 with self.subTest("recording of %s-%s" % (codec, way)):
                     self.assert_recorded(glob.glob("%s/live/%s-%s/**/*.zmf" % (root, codec, way), recursive=True), reference)
+
+    def assert_whole(self, codec, url, delimited):
+        """The first access unit that a player gets has all that a decoder needs, in order, and its delimiter."""
+        first = ffmpeg("-rtsp_transport", "tcp", "-i", url, "-map", "0:v", "-c", "copy", "-frames:v", "1", "-f", "data", "pipe:1")
+        heads = [unit[0] for unit in re.split(b"\0\0\0?\1", first)[1:]]
+        types = [head & 31 if codec == "h264" else head >> 1 & 63 for head in heads]
+        sets, delimiter = {"h264": ([7, 8], 9), "h265": ([32, 33, 34], 35)}[codec]
+        self.assertEqual(sets, [t for t in types if t in sets])
+        self.assertLess(types.index(sets[-1]), len(types) - 1)
+        self.assertEqual(delimited, delimiter in types)
 
     def assert_recorded(self, files, reference):
         self.assertEqual(1, len(files))
