@@ -68,7 +68,7 @@ inline int IsNalSet(NalKind nKind)
 {
     return nKind >= NAL_IS_VIDEO_SET;
 }
-inline uint8_t NalSetBit(NalKind nKind)
+constexpr uint8_t NalSetBit(NalKind nKind)
 {
     return static_cast<uint8_t>(1U << (nKind - NAL_IS_VIDEO_SET));
 }

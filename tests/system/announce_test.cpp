@@ -137,3 +137,24 @@ TEST_F(AnnounceTest, FindsTracksByTheirControls)
     const std::string same = "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:x\r\n";
     EXPECT_EQ(Refused("400 Bad Request(two sections have the same control)"), Announce(&pusher, "/p=1", same + same));
 }
+
+// Cameras tell what they see beside the picture, and that keeps nobody out.
+TEST_F(AnnounceTest, CarriesSectionsOfOtherKinds)
+{
+    server.Set("INTEROP", "StandardPushers", "1");
+    server.Start();
+    Connect(&pusher);
+    const std::string sdp =
+        "m=application 0 RTP/AVP 107\r\na=control:trackID=2\r\nm=video 0 RTP/AVP 26\r\na=control:trackID=0\r\n"
+        "m=audio 0 RTP/AVP 0\r\na=control:trackID=1\r\n";
+    EXPECT_EQ(Dated(), Announce(&pusher, "/cam", sdp));
+    Connect(&player);
+    EXPECT_EQ(1, RtspDescribe(&player));
+    for (RtspClient *p : {&pusher, &player})
+        for (const char *szTrack : {"2", "0", "1"})
+            EXPECT_THAT(Ask(p, "SETUP", std::string("/cam/trackID=") + szTrack,
+                            "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n"),
+                        kIsOk);
+    EXPECT_THAT(Ask(&pusher, "RECORD"), kIsOk);
+    EXPECT_THAT(Ask(&player, "PLAY"), kIsOk);
+}

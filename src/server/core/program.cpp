@@ -55,6 +55,9 @@ static void ProgramFree(void *pRecord)
     free(pProg->camera.szCamCfg);
     AccountTableFree(pProg->camera.pAccounts);
     ListEmpty(&pProg->cache.Pktq);
+    ParamSetsFree(&pProg->keyStart.sets);
+    while (pProg->keyStart.nHeld > 0)
+        FreeDataBlock(pProg->keyStart.held[--pProg->keyStart.nHeld]);
     delete pProg;
 }
 

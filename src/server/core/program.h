@@ -9,6 +9,7 @@
 #include "base/linkedlist.h"
 #include "base/mediatype.h"
 #include "record/keyframe.h"
+#include "record/paramsets.h"
 #include "server/core/session.h"
 
 namespace orx {
@@ -137,6 +138,22 @@ struct Description {
     KeyFrameProc pfnIsKeyFrame = nullptr;  // of the video track; null without video
 };
 
+constexpr int kMaxHeldPackets = 16;
+
+// Of a live track of H.264 or H.265 the picture that comes in (see keystart.h).
+struct KeyStart {
+    const NalForm *pForm = nullptr;         // null: its packets are passed on as they come
+    ParamSets sets;                         // as the description tells them or the track last had them; owned
+    int bKnown = 0;                         // a packet has come; the next one is set
+    uint32_t nRtpTime = 0;                  // of the picture
+    int bDecided = 0;                       // a slice of it has come, and nothing is held
+    int bAfterMarker = 0;                   // the last packet had the marker
+    uint8_t nKinds = 0;                     // kinds of parameter sets that the picture has: NalSetBit
+    DataBlock *held[kMaxHeldPackets] = {};  // its packets, owned
+    int nHeld = 0;
+    uint32_t nHeldBytes = 0;
+};
+
 // The packets that a player starts with.
 struct PacketCache {
     List Pktq;                          // DataBlocks, owned
@@ -219,6 +236,7 @@ struct Program {
     PacketCache cache;
     PlayerFlush flush;
     KeyWatch keyWatch;  // what the key-frame test remembers of the video track
+    KeyStart keyStart;  // in its place with StandardPushers, where pictures are made of units
     CameraText camera;
     ProgramSleep sleep;
     PusherQuestions asked;

@@ -13,6 +13,7 @@
 #include "runtime/clock.h"
 #include "server/core/registry.h"
 #include "server/core/settings.h"
+#include "server/media/keystart.h"
 #include "server/media/rewrite.h"
 #include "server/media/rtcp.h"
 #include "server/media/send.h"
@@ -122,6 +123,8 @@ int HoldSuits(const Program *pProg, const Description *pNew)
 void HoldResume(Program *pProg, Description *pNew)
 {
     int bSameTypes = 1;
+    std::swap(pProg->desc.szSdp, pNew->szSdp);
+    KeyStartInit(pProg);
     for (int i = 0; i < pNew->nTrackCount; i++) {
         MediaInfo *pInfo = &pProg->desc.mediaInfos[i];
         bSameTypes &= pInfo->nPayloadType == pNew->mediaInfos[i].nPayloadType;
@@ -131,7 +134,7 @@ void HoldResume(Program *pProg, Description *pNew)
         memcpy(pInfo->szControl, pNew->mediaInfos[i].szControl, sizeof(pInfo->szControl));
         pInfo->nTrackId = pNew->mediaInfos[i].nTrackId;
     }
-    if (bSameTypes)
+    if (!bSameTypes)  // players are told the types that they get
         std::swap(pProg->desc.szSdp, pNew->szSdp);
     pProg->line.bNtpKnown = 0;
     pProg->keyWatch = KeyWatch();

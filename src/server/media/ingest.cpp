@@ -4,8 +4,9 @@
 #include "base/console.h"
 #include "server/core/settings.h"
 #include "server/media/distribute.h"
+#include "server/media/keystart.h"
 #include "server/media/mediatime.h"
-#include "server/media/reports.h"
+#include "server/media/passon.h"
 #include "server/media/rewrite.h"
 
 namespace orx {
@@ -31,26 +32,24 @@ int FeedProgram(Session *pSession, unsigned nTrack, const uint8_t *pFrame, uint3
     uint32_t nTime;
     uint32_t nJump;
     TrackRewrite *pRewrite = &pProg->desc.mediaInfos[nTrack].rewrite;
-    if (g_settings.bStandardPushers)
-        RewriteFollow(pRewrite, pFrame + kInterleaveBytes, pProg->desc.mediaInfos[nTrack].nTimeScale);
+    if (pRewrite->bContinues)
+        RewriteResume(pRewrite, pFrame + kInterleaveBytes, pProg->desc.mediaInfos[nTrack].nTimeScale);
     if (!PacketTime(pProg, nTrack, GetBe(pFrame + 8, 4) + pRewrite->nStampShift, &nTime, &nJump))
         return 0;
-    MediaInfo *pInfo = &pProg->desc.mediaInfos[nTrack];
     int bVideo = static_cast<int>(nTrack) == pProg->desc.nVideoTrack;
-    int bKey = bVideo && IsKeyFrame(pProg, pFrame, nBytes);
+    int bStart = bVideo && KeyStartWanted(pProg);
+    int bKey = bVideo && !bStart && IsKeyFrame(pProg, pFrame, nBytes);
     DataBlock *pBlock = MakeDataBlock(pFrame, nBytes, 1, bVideo, bKey);
     if (!pBlock) {
         print("MakeDataBlock() failed and Destroy the Session!\r\n");
         return 0;
     }
-    RewritePacket(&pInfo->rewrite, BlockData(pBlock) + kInterleaveBytes, pBlock->len - kInterleaveBytes);
-    if (pInfo->report.nPackets == 0)
-        ReportsExpect(pSession, &pInfo->report);
-    const uint8_t *pRtp = BlockData(pBlock) + kInterleaveBytes;
-    ReportNotePacket(&pInfo->report, nTime, GetBe(pRtp + 8, 4), GetBe(pRtp + 4, 4), pBlock->len - kHeadBytes);
     pBlock->nTimestamp = nTime;
     pBlock->nFlags |= nJump;
-    CachePacketEx(pProg, pBlock);
+    if (bStart)
+        KeyStartTake(pProg, pBlock);
+    else
+        PassPacketOn(pProg, nTrack, pBlock);
     return 1;
 }
 

@@ -7,6 +7,7 @@
 #include "server/core/sdp.h"
 #include "server/core/settings.h"
 #include "server/media/hold.h"
+#include "server/media/keystart.h"
 #include "server/media/recordcontrol.h"
 
 namespace orx {
@@ -47,10 +48,14 @@ Program *CreateLiveProgram(const char *szPath, const char *szSdp, size_t nSdp)
     }
     if (pWaits && !pWaits->pPusher)
         HoldEnd(pWaits);
-    if (!pProg || ProgramReady(pProg))
-        return pProg;
-    ProgramDiscard(pProg);
-    return nullptr;
+    if (!pProg)
+        return nullptr;
+    if (!ProgramReady(pProg)) {
+        ProgramDiscard(pProg);
+        return nullptr;
+    }
+    KeyStartInit(pProg);
+    return pProg;
 }
 
 }  // namespace orx

@@ -276,8 +276,9 @@ static uint32_t FollowLine(Program *pProg, unsigned nTrack, int bFirst, uint32_t
                ClockDiff(*pMs, pClock->nMs) < -kBackMs) {
         uint32_t nDue = TimeNow(pClock->nMs, pClock->nArrivedMs) + 1;  // behind one that came with it
         nJump = nDue - *pMs;
-        int bData = static_cast<int>(nTrack) == pProg->desc.nDataTrack;
-        nFlags = bData ? DB_JUMP : NoteJump(pLine, nTrack, &nJump);
+        int bAside = static_cast<int>(nTrack) == pProg->desc.nDataTrack ||
+                     pProg->desc.mediaInfos[nTrack].nMediaType == MEDIA_CARRIED;
+        nFlags = bAside ? DB_JUMP : NoteJump(pLine, nTrack, &nJump);
     }
     if (nFlags)
         pClock->report = ReportClock();  // what was told of the stamps before the jump holds no more

@@ -35,7 +35,7 @@ void RewriteReport(const TrackRewrite *pRewrite, uint8_t *pRtcp, size_t nBytes)
     }
 }
 
-static void Continue(TrackRewrite *pRewrite, const uint8_t *pRtp, uint32_t nRate)
+void RewriteResume(TrackRewrite *pRewrite, const uint8_t *pRtp, uint32_t nRate)
 {
     uint64_t nGone = uint64_t{std::max(ClockMs() - pRewrite->nLastMs, 1U)} * nRate / 1000;  // another picture
     pRewrite->bContinues = 0;
@@ -46,13 +46,11 @@ static void Continue(TrackRewrite *pRewrite, const uint8_t *pRtp, uint32_t nRate
     RewriteChanged(pRewrite);
 }
 
-void RewriteFollow(TrackRewrite *pRewrite, const uint8_t *pRtp, uint32_t nRate)
+void RewriteNote(TrackRewrite *pRewrite, const uint8_t *pRtp)
 {
-    if (pRewrite->bContinues)
-        Continue(pRewrite, pRtp, nRate);
-    pRewrite->nLastSeq = static_cast<uint16_t>(GetBe(pRtp + 2, 2) + pRewrite->nSeqShift);
-    pRewrite->nLastStamp = GetBe(pRtp + 4, 4) + pRewrite->nStampShift;
-    pRewrite->nLastSsrc = pRewrite->bSsrc ? pRewrite->nSsrc : GetBe(pRtp + 8, 4);
+    pRewrite->nLastSeq = static_cast<uint16_t>(GetBe(pRtp + 2, 2));
+    pRewrite->nLastStamp = GetBe(pRtp + 4, 4);
+    pRewrite->nLastSsrc = GetBe(pRtp + 8, 4);
     pRewrite->nLastMs = ClockMs();
     pRewrite->bKnown = 1;
 }

@@ -17,10 +17,12 @@ void RewritePacket(const TrackRewrite *pRewrite, uint8_t *pRtp, size_t nBytes);
 // of those and of descriptions.
 void RewriteReport(const TrackRewrite *pRewrite, uint8_t *pRtcp, size_t nBytes);
 
-// StandardPushers: to be shown each packet as it was pushed, of a clock of nRate Hz, before the others. The
-// first one of another pusher goes on behind the last one of the pusher before: the number by one, the stamp
-// by the time that went by.
-void RewriteFollow(TrackRewrite *pRewrite, const uint8_t *pRtp, uint32_t nRate);
+// The first packet of another pusher, as it is pushed, of a clock of nRate Hz: the track goes on behind the
+// last packet that was noted, the number by one, the stamp by the time that went by.
+void RewriteResume(TrackRewrite *pRewrite, const uint8_t *pRtp, uint32_t nRate);
+
+// Notes a packet as players get it.
+void RewriteNote(TrackRewrite *pRewrite, const uint8_t *pRtp);
 
 // Another pusher goes on with the track. nOwnType and nType: the payload type that its packets have, and that
 // they get.
