@@ -109,6 +109,8 @@ static int WaitsForRoom(const Session *pSession, unsigned nItems)
         return 0;
     if (pSession->nFlags & SESSION_CATCHES_UP)
         return 1;
+    if (SessionMediaWaiting(pSession) - pSession->flow.nStartHeld > kQueueBytes)
+        return 0;
     uint32_t nLeft = pSession->flow.nLeft;
     return nLeft > 0 && nItems >= nLeft && nItems <= nLeft + kFlushAtOnceAbove;
 }
