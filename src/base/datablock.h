@@ -26,7 +26,8 @@ struct DataBlock {
     // Media time in milliseconds, equal for all packets of one frame; of a question ClockMs when it was
     // asked.
     uint32_t nTimestamp = 0;
-    // The program's packet number when the block was cached; of a question the handle of who asks.
+    // The program's packet number when the block was cached; in the queue of a live player ClockMs when it
+    // was pushed, or 0; of a question the handle of who asks.
     uint32_t nSerial = 0;
 };
 static_assert(offsetof(DataBlock, node) == 0, "lists map a block to its node at the very start");

@@ -236,6 +236,7 @@ void ProgramClearCache(Program *pProg)
 {
     ListEmpty(&pProg->cache.Pktq);
     pProg->cache.pCacheCursor = nullptr;
+    pProg->cache.pLastKey = nullptr;
     pProg->cache.nKeptKeys = 0;
     pProg->cache.nWhole = pProg->cache.nSerial;
 }

@@ -159,11 +159,15 @@ struct PacketCache {
     List Pktq;                          // DataBlocks, owned
     BlockSum held;                      // what they come to
     DataBlock *pCacheCursor = nullptr;  // a block in Pktq, or null
+    DataBlock *pLastKey = nullptr;      // the start of the newest key frame, when that is kept
     uint32_t nCacheLimit = 0;           // ms of media that are kept
     uint32_t nKeptKeys = 0;             // retained key frames before the cursor
     uint32_t nWhole = 0;                // from this number on nothing was freed
     uint32_t nSerial = 0;               // number of the next packet; while non-zero, ssrc is not learnt
     uint32_t ssrc = 0;                  // of the pushed stream, learnt from the first packet
+    uint32_t nRateFrom = 0;             // media ms since which nRateBytes were pushed
+    uint32_t nRateBytes = 0;
+    uint32_t nBytesPerMs = 0;  // that are pushed, lately at most
 };
 
 // What the pusher's camera has told of itself.

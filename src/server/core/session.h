@@ -106,13 +106,20 @@ struct SessionFlow {
     uint32_t nBlockedSends = 0;  // sends in a row that would have blocked
     int fdBlocked = -1;          // the socket that the delayed send is for
     uint32_t nStartBlocks = 0;   // media queued at once by a start; 0 when the queue has drained since
-    uint32_t nStartBytes = 0;    // of them
-    uint32_t nAfterStart = 0;    // bytes of media queued since
     int64_t nStartHeld = 0;      // memory that those of a start take which still wait
     uint32_t nCatchUpMs = 0;     // media ms of it that may have left over UDP
     uint32_t nCatchUpClock = 0;  // ClockMs when that was last raised
     uint32_t tLastReport = 0;    // uptime in seconds of the last report cycle
     int bReportTick = 0;         // of a pusher: the task that makes reports for its players is scheduled
+    int32_t nRoom = 0;           // bytes that may leave over UDP; below 0 by what a datagram took too much
+    uint32_t nRoomClock = 0;     // ClockMs when it last grew
+    int bBlocked = 0;            // the socket took nothing since nBlockedClock
+    uint32_t nBlockedClock = 0;  // ClockMs of the first such send
+    int bSkips = 0;              // of a live program nothing is queued up to the next key frame
+    uint32_t nLeft = 0;          // blocks that the last flush of a crowded queue left
+    uint32_t nDropped = 0;       // groups that were dropped and not told yet
+    int bTold = 0;               // something was, at nToldClock (ClockMs)
+    uint32_t nToldClock = 0;
 };
 
 struct DataBlock;

@@ -22,15 +22,23 @@ static constexpr uint32_t kStartBytes = 4 << 20;
 // Of a slice, for one player: eight times the clock is not looked at.
 static constexpr uint32_t kFlushWork = 32;
 
+// Of what is left in a queue. Returns 0 for a player that is to be ended.
+static int KeepBounds(Session *pSession, unsigned nMost)
+{
+    if (QueueKeepsGroups(pSession))
+        return QueueKeepBounds(pSession);
+    if (QueueIsFull(pSession) && !QueueRelieve(pSession))
+        return 0;
+    return ListCount(&pSession->out.Outq) <= nMost;
+}
+
 // Sends what waits, and a report when one is due. Returns 0 when that failed, or left more than nMost blocks,
-// or more bytes than a queue may hold of a player that nothing is dropped for.
+// or more than a queue may hold of a player that nothing is dropped for.
 static int Flush(Session *pSession, unsigned nMost)
 {
     if (!SendDataEx(pSession, nullptr, 1))
         return 0;
-    if (QueueIsFull(pSession) && !QueueRelieve(pSession))
-        return 0;
-    if (ListCount(&pSession->out.Outq) > nMost)
+    if (ListCount(&pSession->out.Outq) > 0 && !KeepBounds(pSession, nMost))
         return 0;
     if (pSession->nFlags & SESSION_RTCP)
         SendRtcpReport(pSession);
@@ -95,17 +103,32 @@ static int RoomForStart(const Session *pSession, const DataBlock *pFirst)
     return 1;
 }
 
+// Whether a crowded queue need not be tried again yet: its socket was full a moment ago, or its timer runs.
+static int WaitsForRoom(const Session *pSession, unsigned nItems)
+{
+    if (!QueueKeepsGroups(pSession))
+        return 0;
+    if (pSession->nFlags & SESSION_CATCHES_UP)
+        return 1;
+    if (SessionMediaWaiting(pSession) - pSession->flow.nStartHeld > kQueueBytes)
+        return 0;
+    uint32_t nLeft = pSession->flow.nLeft;
+    return nLeft > 0 && nItems >= nLeft && nItems <= nLeft + kFlushAtOnceAbove;
+}
+
 // Returns 0 when that ended the session.
-static int PushPacket2SessionQueue(Session *pSession, const DataBlock *pBlock)
+static int PushPacket2SessionQueue(Session *pSession, const DataBlock *pBlock, uint32_t nNow)
 {
     if (QueueCopy(pSession, pBlock) < 0)
         return 1;
-    pSession->flow.nAfterStart += pBlock->len;
+    QueueStamp(pSession, nNow);
     unsigned nItems = ListCount(&pSession->out.Outq);
-    if (nItems <= kFlushAtOnceAbove && !QueueIsFull(pSession))
+    if ((nItems <= kFlushAtOnceAbove && !QueueIsFull(pSession)) || WaitsForRoom(pSession, nItems))
         return 1;
     print("PushPacket2SessionQueue(): session->Outq.nItems=%u\r\n", nItems);
-    if (Flush(pSession, kGiveUpAbove + pSession->flow.nStartBlocks))
+    int bKeep = Flush(pSession, kGiveUpAbove);
+    pSession->flow.nLeft = ListCount(&pSession->out.Outq);
+    if (bKeep)
         return 1;
     print("PushPacket2SessionQueue()->DestroySession()!\r\n");
     SessionEnd(pSession);
@@ -130,13 +153,23 @@ static void SendEventMsg2SubscribeClient(Session *pSession, const DataBlock *pBl
     SessionEnd(pSession);
 }
 
+// Whether a player that has lost groups does not wait for the next key frame any more.
+static inline int TakesPacket(Session *pSession, const DataBlock *pBlock)
+{
+    if (pSession->flow.bSkips && BlockStartsKey(pBlock))
+        pSession->flow.bSkips = 0;
+    return !pSession->flow.bSkips;
+}
+
 static void FanOut(Program *pProg, const DataBlock *pBlock)
 {
     int bEvent = pProg->desc.nDataTrack >= 0 && BlockData(pBlock)[1] == 2 * pProg->desc.nDataTrack;
+    uint32_t nNow = g_settings.bStandardPlayers ? ClockMs() : 0;
     Session *pNext;
     for (Session *p = FirstPlayer(pProg); p; p = pNext) {
         pNext = NextPlayer(p);
-        if (p->nState == STATE_PLAYING && !p->start.pNext && !PushPacket2SessionQueue(p, pBlock))
+        if (p->nState == STATE_PLAYING && !p->start.pNext && TakesPacket(p, pBlock) &&
+            !PushPacket2SessionQueue(p, pBlock, nNow))
             continue;
         if (bEvent && (p->nFlags & SESSION_SUBSCRIBER))
             SendEventMsg2SubscribeClient(p, pBlock);
@@ -156,6 +189,7 @@ void CachePacketEx(Program *pProg, DataBlock *pBlock)
     int bRet = BlockListAppend(&pProg->cache.Pktq, pBlock);
     ORX_ASSERT(bRet, "bRet");
     pBlock->nSerial = pProg->cache.nSerial;
+    CacheNote(&pProg->cache, pBlock);
     FanOut(pProg, pBlock);
     QueuesBound();
     LearnSsrc(pProg, pBlock);
@@ -176,7 +210,6 @@ static uint32_t FillSlice(Session *pSession, DataBlock *p, int bFirst)
 {
     Slice slice = SliceBegin();
     uint32_t nQueued = 0;
-    uint32_t nBytes = 0;
     uint32_t nSinceLook = 0;
     int64_t nBefore = pSession->out.queued.nBytes;
     for (int bOver = 0; p && !bOver; p = NextBlock(p)) {
@@ -185,18 +218,15 @@ static uint32_t FillSlice(Session *pSession, DataBlock *p, int bFirst)
             bOver = SliceOver(&slice, kSliceLook);
             nSinceLook = 0;
         }
-        if (QueueCopy(pSession, p) < 0)
-            continue;
-        nQueued++;
-        nBytes += p->len;
+        nQueued += QueueCopy(pSession, p) >= 0;
     }
     pSession->start.pNext = p;
     pSession->start.nSerial = p ? p->nSerial : 0;
     pSession->flow.nStartHeld += pSession->out.queued.nBytes - nBefore;
     if (bFirst)
-        SendStartBurst(pSession, nQueued, nBytes);
+        SendStartBurst(pSession, nQueued);
     else
-        SendStartMore(pSession, nQueued, nBytes);
+        SendStartMore(pSession, nQueued);
     return nQueued;
 }
 
@@ -250,6 +280,7 @@ int FillBufferAtFirstPlay(Session *pSession)
         return 0;
     }
     pSession->flow.nStartHeld = 0;
+    pSession->flow.bSkips = 0;
     uint32_t nQueued = FillSlice(pSession, p, 1);
     PrintCounts(pProg, pSession);
     if (pStart->pNext && !pStart->bTask) {
