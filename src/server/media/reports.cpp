@@ -25,14 +25,6 @@ constexpr uint32_t kClockSlackMs = 100;
 
 // --- To players ---
 
-void ReportNoteTold(SessionTrack *pTrack, const uint8_t *pReport)
-{
-    pTrack->nToldNtp[1] = pTrack->nToldNtp[0];
-    pTrack->nToldMs[1] = pTrack->nToldMs[0];
-    pTrack->nToldNtp[0] = GetBe(pReport + 10, 4);
-    pTrack->nToldMs[0] = ClockMs();
-}
-
 // Over UDP at once, interleaved through the queue.
 static void TellPlayer(Session *pPlayer, int nTrack, const TrackReport *pReport)
 {
@@ -81,18 +73,6 @@ void ReportsAhead(Session *pPlayer)
     for (int i = 0; i < pProg->desc.nTrackCount; i++)
         if (pProg->desc.mediaInfos[i].report.nBytes > 0 && Takes(pPlayer, i))
             TellPlayer(pPlayer, i, &pProg->desc.mediaInfos[i].report);
-}
-
-int ReportsAreOwn(const Session *pPlayer, int nTrack)
-{
-    const Program *pProg = pPlayer->pProg;
-    if (PlaysStandard(pPlayer))
-        return 1;
-    if (!(pPlayer->nFlags & SESSION_RTCP))
-        return 0;
-    if (!pProg || !pProg->bLive)
-        return 1;
-    return !g_settings.bStandardPlayers && !pProg->desc.mediaInfos[nTrack].report.bPushed;
 }
 
 // --- Those of the server ---

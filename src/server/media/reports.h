@@ -33,11 +33,4 @@ void ReportsExpect(Session *pPusher, TrackReport *pReport);
 // Puts the last report of each track that a player has set up ahead of what it starts with.
 void ReportsAhead(Session *pPlayer);
 
-// Whether the sender reports of a player's track are its own (see rtcp.h): of recordings; and of live tracks
-// with EnableRtcp, when neither their pusher sends any nor the player is a standard one.
-int ReportsAreOwn(const Session *pPlayer, int nTrack);
-
-// A sender report was passed on to a player of the track: its receiver report will name it.
-void ReportNoteTold(SessionTrack *pTrack, const uint8_t *pReport);
-
 }  // namespace orx

@@ -14,7 +14,7 @@
 #include "record/playline.h"
 #include "runtime/clock.h"
 #include "server/core/program.h"
-#include "server/media/reports.h"
+#include "server/core/settings.h"
 #include "server/media/rtcpread.h"
 
 namespace orx {
@@ -272,6 +272,26 @@ static size_t MakeReport(Session *pSession, int nTrack, ReportKind eKind, uint8_
     if (pSession->nFlags & SESSION_RTCP)
         RtcpDump(pPacket, n, pTrack->nTimeScale);
     return n + nPrefix;
+}
+
+void ReportNoteTold(SessionTrack *pTrack, const uint8_t *pReport)
+{
+    pTrack->nToldNtp[1] = pTrack->nToldNtp[0];
+    pTrack->nToldMs[1] = pTrack->nToldMs[0];
+    pTrack->nToldNtp[0] = GetBe(pReport + 10, 4);
+    pTrack->nToldMs[0] = ClockMs();
+}
+
+int ReportsAreOwn(const Session *pPlayer, int nTrack)
+{
+    const Program *pProg = pPlayer->pProg;
+    if (PlaysStandard(pPlayer))
+        return 1;
+    if (!(pPlayer->nFlags & SESSION_RTCP))
+        return 0;
+    if (!pProg || !pProg->bLive)
+        return 1;
+    return !g_settings.bStandardPlayers && !pProg->desc.mediaInfos[nTrack].report.bPushed;
 }
 
 // Makes a track's report and sends it: over UDP at once, interleaved through the queue (behind pAfter when

@@ -62,4 +62,11 @@ int SendRtcpReport(Session *pSession);
 // made, else 0.
 int SendRtcpBye(Session *pSession);
 
+// Whether the sender reports of a player's track are its own: of recordings; and of live tracks
+// with EnableRtcp, when neither their pusher sends any nor the player is a standard one.
+int ReportsAreOwn(const Session *pPlayer, int nTrack);
+
+// A sender report was passed on to a player of the track: its receiver report will name it.
+void ReportNoteTold(SessionTrack *pTrack, const uint8_t *pReport);
+
 }  // namespace orx

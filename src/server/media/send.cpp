@@ -10,7 +10,6 @@
 #include "server/core/settings.h"
 #include "server/media/outqueue.h"
 #include "server/media/pace.h"
-#include "server/media/reports.h"
 #include "server/media/rtcp.h"
 #include "server/media/wire.h"
 
