@@ -334,6 +334,13 @@ static void GoFirst()
 
 int main(int argc, char **argv)
 {
+    if (argc > 1 && argv[1][0] == '-') {
+        printf(
+            "Usage: waits [DIRECTORY [MEGABYTES [CASE]]]\n"
+            "How long an uninvolved client waits at most, in ms, beside a busy disk.\n"
+            "Cases: idle, record, open, delete, freeze (default: all).\n");
+        return strcmp(argv[1], "--help") == 0 ? 0 : 2;
+    }
     testing::InitGoogleTest(&argc, argv);
     Bench bench;
     bench.dir = std::filesystem::absolute(argc > 1 ? argv[1] : ".").string() + "/waits." + std::to_string(getpid());
