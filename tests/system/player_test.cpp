@@ -43,7 +43,7 @@ TEST_F(PlayerTest, DescribesAProgramWithoutItsPassword)
         EXPECT_TRUE(WaitFor([&] { return CountText(ReadFile(server.LogPath()), szLine) == 1; }, 10000)) << szLine;
 }
 
-// The server's channels count, whatever the player asks for.
+// The server's channels count, whatever the player asks for; and each SETUP, also of a track that is set up.
 TEST_F(PlayerTest, SetsUpOverTheConnection)
 {
     StartWatched(2);
@@ -52,8 +52,8 @@ TEST_F(PlayerTest, SetsUpOverTheConnection)
                                   "Session: SESSION\r\n" +
                                   kDate),
               Ask(&player, "SETUP", "/cam/trackID=1", "Transport: RTP/AVP/TCP;unicast;interleaved=4-5\r\n"));
-    EXPECT_THAT(Ask(&player, "SETUP", "/cam/trackID=0", "Transport: RTP/AVP/TCP;whatever\r\n"),
-                HasSubstr("Transport: RTP/AVP/TCP;unicast;interleaved=0-1;ssrc=1234ABCD\r\n"));
+    EXPECT_THAT(Ask(&player, "SETUP", "/cam/trackID=1", "Transport: RTP/AVP/TCP;whatever\r\n"),
+                HasSubstr("Transport: RTP/AVP/TCP;unicast;interleaved=2-3;ssrc=1234ABCD\r\n"));
     EXPECT_EQ(kWrongState, Ask(&player, "SETUP", "/cam/trackID=0", kOverTcp));
     EXPECT_EQ(1, RtspWaitClosed(&player));
 }

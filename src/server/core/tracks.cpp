@@ -29,7 +29,7 @@ void SessionEnterTrack(Session *pSession, int i)
     int bGoesOn = pSession->nState == STATE_PAUSED || pSession->nState == STATE_FINISHED;
     if (!bGoesOn)
         pSession->nState = STATE_SETUP;
-    if (pTrack->bSetUp)
+    if (pTrack->bSetUp && IsStandardPeer(pSession))
         return;
     pTrack->nSsrc = pProg->bLive ? pProg->cache.ssrc : static_cast<uint32_t>(rand());
     pTrack->nNextSeq = pProg->bLive ? 0 : static_cast<uint16_t>(rand());
