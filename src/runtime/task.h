@@ -28,9 +28,8 @@ struct Task {
 // What the scheduler thread waits for, if it does.
 enum SchedulerWait {
     SCHEDULER_AWAKE,    // nothing: it is at work
-    SCHEDULER_PAUSING,  // a short pause, which a task with delay 0 ends; an exact one the next that is due,
-                        // too
-    SCHEDULER_IDLE,     // the head to become due, or any new head
+    SCHEDULER_PAUSING,  // a short pause, which only a task with delay 0 ends
+    SCHEDULER_IDLE,     // the head to become due, or any new head; of an exact one in pauses as well
 };
 
 struct Scheduler {

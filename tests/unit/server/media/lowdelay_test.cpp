@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "server/media/hold.h"
 #include "server/media/ingest.h"
 #include "server/media/passon.h"
 #include "support/playerkit.h"
@@ -92,6 +93,20 @@ TEST_F(LowDelayTest, ByTheTimerAtLast)
         EXPECT_GE(ClockMs() - nFrom, 4U);
     }
     RunOnScheduler([&] { EXPECT_EQ(1U, SchedulerTaskCount(&g_server.scheduler)) << "that for reports"; });
+}
+
+// The tasks of a flush and of the timer end with the pusher; what the next one sends leaves all the same.
+TEST_F(LowDelayTest, GoesOnWithTheNextPusher)
+{
+    StartPushed("LowDelay=1\n");
+    RunOnScheduler([&] {
+        pProg->flush.bTask = pProg->flush.bTimer = 1;
+        Description same = pProg->desc;
+        HoldResume(pProg, &same);
+        EXPECT_EQ(0U, Read({{0, 0, 0, 1}}));
+        EXPECT_EQ(1U, Read({{40}}));
+        EXPECT_EQ(1, pProg->flush.bTimer);
+    });
 }
 
 }  // namespace orx
