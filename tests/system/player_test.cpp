@@ -134,6 +134,29 @@ TEST_F(PlayerTest, StartsWithOneRequest)
     EXPECT_THAT(Ask(&player, "PLAY"), HasSubstr(RtpInfo(2)));
 }
 
+// Nothing is sent behind a picture, a piece of sound and a picture that has no marker, and each arrives.
+TEST_F(PlayerTest, LowDelayWaitsForNothingMore)
+{
+    server.Set("INTEROP", "StandardPlayers=1\nLowDelay", "1");
+    StartWatched(2);
+    for (size_t nTrack : {0, 1})
+        ASSERT_EQ(1, RtspSetup(&player, nTrack, RTSP_OVER_TCP));
+    ASSERT_EQ(1, RtspPlay(&player, ""));
+    EXPECT_NE("", NextFrame());
+    EXPECT_NE("", NextFrame());
+    SendPictures(&pusher, 1, 1);
+    EXPECT_EQ(CameraPacket(0, 2, 3600, "\x67sps"), NextFrame());
+    EXPECT_EQ(CameraPacket(0, 3, 3600, "\x65picture", true), NextFrame());
+    const struct {
+        int nChannel;
+        std::string packet;
+    } rows[] = {{2, CameraPacket(1, 1, 160, std::string(160, 'a'))}, {0, CameraPacket(0, 4, 7200, "\x41slice")}};
+    for (const auto &row : rows) {
+        ASSERT_EQ(1, RtspSendFrame(&pusher, row.nChannel, row.packet.data(), row.packet.size()));
+        EXPECT_EQ(row.packet, NextFrame()) << row.nChannel;
+    }
+}
+
 // With StandardPlayers: what each request is answered, one behind the other on one connection that lives on.
 TEST_F(PlayerTest, ServesStandardPlayers)
 {

@@ -80,6 +80,12 @@ constexpr int64_t Megabytes(uint32_t n)  // in bytes
 // Written by ServerStart and ServerStop on the main thread, while nothing else runs.
 extern Settings g_settings;
 
+// Whether pictures leave for players as soon as they are whole.
+inline int HasLowDelay()
+{
+    return g_settings.bLowDelay && g_settings.bStandardPlayers;
+}
+
 // How a number that was read becomes the setting.
 enum class Clamp {
     None,             // any number

@@ -75,6 +75,7 @@ static int CreateScheduler()
     if (!SchedulerCreate(&g_server.scheduler))
         return 0;
     SchedulerSetAfterProc(&g_server.scheduler, FreeRetiredSlice);
+    SchedulerSetExact(&g_server.scheduler, HasLowDelay());
     return 1;
 }
 

@@ -21,6 +21,8 @@ namespace orx {
 static constexpr uint32_t kStartBytes = 4 << 20;
 // Of a slice, for one player: eight times the clock is not looked at.
 static constexpr uint32_t kFlushWork = 32;
+// LowDelay: so long a picture that is not whole waits for more of it.
+static constexpr int32_t kHeldMs = 5;
 
 // Of what is left in a queue. Returns 0 for a player that is to be ended.
 static int KeepBounds(Session *pSession, unsigned nMost)
@@ -295,11 +297,12 @@ static void FlushSlice(Program *pProg)
 {
     PlayerFlush *pFlush = &pProg->flush;
     Slice slice = SliceBegin();
+    unsigned nAbove = HasLowDelay() ? 0 : kFlushAfterReadAbove;
     int bOver = 0;
     while (pFlush->pNext && !bOver) {
         Session *p = pFlush->pNext;
         pFlush->pNext = NextPlayer(p);
-        if (p->nState != STATE_PLAYING || ListCount(&p->out.Outq) <= kFlushAfterReadAbove)
+        if (p->nState != STATE_PLAYING || ListCount(&p->out.Outq) <= nAbove)
             continue;
         if (!Flush(p, UINT32_MAX))  // nothing was queued: how much waits was looked at when it was
             SessionEnd(p);
@@ -321,12 +324,15 @@ static int OnFlushOn(Task *pTask, uint32_t, uint32_t, uint32_t)
         pFlush->bAgain = 0;
     }
     pFlush->bTask = pFlush->pNext != nullptr;
-    return pFlush->bTask ? 1 : -1;
+    if (!pFlush->bTask)
+        return -1;
+    return HasLowDelay() ? 0 : 1;
 }
 
 void FlushPlayers(Program *pProg)
 {
     PlayerFlush *pFlush = &pProg->flush;
+    pFlush->bWaits = pFlush->bDue = pFlush->bHeld = 0;
     pFlush->bAgain = pFlush->bTask;
     if (pFlush->bTask)
         return;
@@ -335,6 +341,55 @@ void FlushPlayers(Program *pProg)
     pFlush->bTask = pFlush->pNext && pProg->pPusher;
     if (pFlush->bTask)
         SessionSchedule(pProg->pPusher, OnFlushOn, 1);
+}
+
+void FlushNote(Program *pProg, MediaInfo *pInfo, const uint8_t *pRtp)
+{
+    constexpr uint8_t kMarker = 0x80;
+    PlayerFlush *pFlush = &pProg->flush;
+    pFlush->bWaits = 1;
+    if (!(pInfo->nMediaType & MEDIA_VIDEO_MASK)) {
+        pFlush->bDue = 1;
+        return;
+    }
+    uint32_t nStamp = GetBe(pRtp + 4, 4);
+    int bEnds = (pRtp[1] & kMarker) != 0;
+    pFlush->bDue |= bEnds || (pInfo->bOpenPicture && nStamp != pInfo->nOpenStamp);
+    pInfo->bOpenPicture = !bEnds;
+    pInfo->nOpenStamp = nStamp;
+}
+
+static int OnHeld(Task *pTask, uint32_t, uint32_t nNow, uint32_t)
+{
+    Session *pPusher = SessionOfTask(pTask);
+    Program *pProg = pPusher ? pPusher->pProg : nullptr;
+    if (!pProg || pProg->pPusher != pPusher)
+        return -1;
+    PlayerFlush *pFlush = &pProg->flush;
+    int32_t nLeftMs = kHeldMs - ClockDiff(nNow, pFlush->nHeldClock);
+    if (pFlush->bHeld && nLeftMs > 1)
+        return nLeftMs;
+    pFlush->bTimer = 0;
+    if (pFlush->bHeld)
+        FlushPlayers(pProg);
+    return -1;
+}
+
+void FlushWhole(Program *pProg)
+{
+    PlayerFlush *pFlush = &pProg->flush;
+    if (pFlush->bDue) {
+        FlushPlayers(pProg);
+        return;
+    }
+    if (!pFlush->bWaits || pFlush->bHeld)
+        return;
+    pFlush->bHeld = 1;
+    pFlush->nHeldClock = ClockMs();
+    if (pFlush->bTimer || !pProg->pPusher)
+        return;
+    pFlush->bTimer = 1;
+    SessionSchedule(pProg->pPusher, OnHeld, kHeldMs);
 }
 
 }  // namespace orx

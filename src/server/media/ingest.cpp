@@ -57,6 +57,10 @@ void FlushAfterRead(Session *pSession)
 {
     if (!(pSession->nFlags & SESSION_PUSHER) || pSession->nState != STATE_PLAYING || !pSession->pProg)
         return;
+    if (HasLowDelay()) {
+        FlushWhole(pSession->pProg);
+        return;
+    }
     // Every second time: a picture often comes in two reads, and one write for both halves the cost of
     // sending. The first read counts, so that a player does not wait for a slow pusher's second.
     pSession->flow.nReads++;
