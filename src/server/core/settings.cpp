@@ -262,7 +262,7 @@ void SettingsFree(Settings *pSettings)
 
 int SettingsListenIpv6(const Settings *pSettings)
 {
-    return pSettings->bStandardPlayers && strchr(pSettings->szListenIp, ':');
+    return pSettings->bStandardPlayers && strchr(pSettings->szListenIp, ':') != nullptr;
 }
 
 }  // namespace orx
