@@ -369,5 +369,5 @@ TEST_F(ConnectionTest, NothingStaysOfThoseThatWent)
     EXPECT_EQ(CountText(output, "Assertion `session->Reply' failed."), CountText(output, "Assertion"));
     // and media ports are all there again
     ASSERT_EQ(1, RtspOpenPlayer(&player, server.Url("/cam").c_str(), RTSP_OVER_UDP));
-    EXPECT_EQ(server.nUdpStart, ntohs(player.tracks[0].udp.serverRtp.sin_port));
+    EXPECT_EQ(server.nUdpStart, ntohs(player.tracks[0].udp.serverRtp.in4.sin_port));
 }

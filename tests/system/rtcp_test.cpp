@@ -37,8 +37,7 @@ struct RtcpTest : SystemTest {
     static void SendDatagrams(const RtspUdpPair &pair, const std::string &bytes)
     {
         for (const auto &[fd, to] : {std::pair{pair.fdRtp, pair.serverRtp}, {pair.fdRtcp, pair.serverRtcp}})
-            EXPECT_EQ(ssize_t(bytes.size()),
-                      sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr *>(&to), sizeof(to)));
+            EXPECT_EQ(ssize_t(bytes.size()), sendto(fd, bytes.data(), bytes.size(), 0, &to.any, AddrSize(&to)));
     }
 };
 
@@ -100,8 +99,8 @@ TEST_F(RtcpTest, MediaFollowsTheDatagrams)
         std::string reply = Ask(&player, "SETUP", "/cam/trackID=0", "Transport: RTP/AVP;unicast;client_port=9-10\r\n");
         std::smatch ports;
         ASSERT_TRUE(std::regex_search(reply, ports, std::regex("server_port=([0-9]+)-([0-9]+);")));
-        pair.serverRtp = Loopback(std::stoi(ports[1]));
-        pair.serverRtcp = Loopback(std::stoi(ports[2]));
+        pair.serverRtp.in4 = Loopback(std::stoi(ports[1]));
+        pair.serverRtcp.in4 = Loopback(std::stoi(ports[2]));
         ASSERT_THAT(Ask(&player, "PLAY"), kIsOk);
         SendDatagrams(pair, opener);
         std::string packet;

@@ -268,7 +268,7 @@ Port *SessionControlPort(const Session *pSession)
 void SessionRemoteText(const Session *pSession, char *szOut)
 {
     const Port *pPort = SessionPeerPort(pSession);
-    sockaddr_in none{};
+    NetAddr none;
     SockAddrToString(pPort ? &pPort->remote : &none, szOut);
 }
 

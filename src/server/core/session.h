@@ -279,7 +279,8 @@ inline Verdict SessionNextStep(Session *pSession, uint32_t nDelayMs = 1)
     return Verdict::Later;
 }
 
-// The peer of the session's control connection as "a.b.c.d:port"; szOut takes kAddrTextSize bytes.
+// The peer of the session's control connection as "a.b.c.d:port" or "[address]:port"; szOut takes
+// kAddrTextSize bytes.
 void SessionRemoteText(const Session *pSession, char *szOut);
 
 // The handle as "%p" prints it in "Session".

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <netinet/in.h>
 #include <unistd.h>
 
 #include "base/configfile.h"
@@ -247,6 +248,8 @@ int SettingsRead(Settings *pSettings, const char *szPath)
     for (const Setting &row : g_table)
         if (row.place.nOffset != kNotHere)
             ReadRow(pSettings, &row, &config);
+    if (!pSettings->bStandardPlayers)
+        pSettings->szListenIp[INET_ADDRSTRLEN - 1] = '\0';
     pSettings->szRecordPath = SettingsRecordPath(pSettings->szRecordSetting);
     return pSettings->szRecordPath && CheckUdpRange(pSettings);
 }
@@ -255,6 +258,11 @@ void SettingsFree(Settings *pSettings)
 {
     free(pSettings->szRecordPath);
     *pSettings = Settings();
+}
+
+int SettingsListenIpv6(const Settings *pSettings)
+{
+    return pSettings->bStandardPlayers && strchr(pSettings->szListenIp, ':') != nullptr;
 }
 
 }  // namespace orx

@@ -59,7 +59,7 @@ static Session *OpenSession(int fd)
         return nullptr;
     }
     char szRemote[kAddrTextSize];
-    sockaddr_in remote{};
+    NetAddr remote;
     if (SockGetPeerName(fd, &remote) == 0 && AddressIsFull(&remote)) {
         SockAddrToString(&remote, szRemote);
         print("Too many sessions of %s! Refuse to accept new client to connect.\r\n", szRemote);
@@ -209,10 +209,10 @@ static int CloseAfterRecv(Session *pSession, Port *pPort, int nResult, int nErro
 }
 
 // Whether a datagram comes from where the session's requests come from.
-static int IsOfPeer(const Session *pSession, const sockaddr_in *pFrom)
+static int IsOfPeer(const Session *pSession, const NetAddr *pFrom)
 {
     const Port *pPort = SessionPeerPort(pSession);
-    return pPort && SockGetIp(&pPort->remote) == SockGetIp(pFrom);
+    return pPort && AddrSameHost(&pPort->remote, pFrom);
 }
 
 // What a datagram costs: that of a pusher goes to every player.
@@ -237,10 +237,9 @@ static int ReadUdp(Session *pSession, Port *pPort)
     int bMore = 1;
     Slice slice = SliceBegin();
     for (int i = 0; i < kDatagramsPerEvent && bMore; i++) {
-        sockaddr_in from{};
+        NetAddr from;
         socklen_t nFrom = sizeof(from);
-        ssize_t n = recvfrom(pPort->fd, frame + kInterleaveBytes, kLargestDatagram, 0,
-                             reinterpret_cast<sockaddr *>(&from), &nFrom);
+        ssize_t n = recvfrom(pPort->fd, frame + kInterleaveBytes, kLargestDatagram, 0, &from.any, &nFrom);
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0 && errno != EAGAIN)

@@ -34,15 +34,15 @@ static int CountsByAddress(const Session *pSession)
            !pSession->viewer.bAdmitted;
 }
 
-int AddressIsFull(const sockaddr_in *pAddr)
+int AddressIsFull(const NetAddr *pAddr)
 {
-    uint32_t nIp = SockGetIp(pAddr);
+    uint64_t nIp = AddrCounted(pAddr);
     uint32_t nSessions = 0;
-    if (!g_settings.nMaxSessionsPerAddress || IsOwnBox(nIp))
+    if (!g_settings.nMaxSessionsPerAddress || IsOwnBox(pAddr))
         return 0;
     for (const Session *p = FirstSession(); p; p = NextSession(p)) {
         const Port *pPort = SessionPeerPort(p);
-        nSessions += CountsByAddress(p) && pPort && SockGetIp(&pPort->remote) == nIp;
+        nSessions += CountsByAddress(p) && pPort && AddrCounted(&pPort->remote) == nIp;
     }
     return nSessions >= g_settings.nMaxSessionsPerAddress;
 }

@@ -93,9 +93,10 @@ static int CreateAuth()
 // A listener that cannot be opened is reported; the server starts without it.
 static void OpenListener()
 {
-    sockaddr_in addr{};
+    NetAddr addr;
     int fd = -1;
-    if (SockSetAddr(&addr, g_settings.szListenIp, static_cast<int>(g_settings.nListenPort)))
+    if (SockSetAddrEx(&addr, g_settings.szListenIp, static_cast<int>(g_settings.nListenPort),
+                      SettingsListenIpv6(&g_settings)))
         fd = SockListenTcp(&addr);
     if (fd < 0) {
         print("Listen error %d\n", errno);
@@ -158,7 +159,8 @@ int ServerStart(const char *szConfigPath)
         return 0;
     }
     DropCutNetwork(g_settings.szAnnounceFrom, sizeof(g_settings.szAnnounceFrom));
-    AddrListParse(&g_server.announceFrom, g_settings.szAnnounceFrom, "AnnounceFrom");
+    AddrListParse(&g_server.announceFrom, g_settings.szAnnounceFrom, "AnnounceFrom",
+                  SettingsListenIpv6(&g_settings));
     g_server.nMaxRegisterId = GuidStoreNextId(g_settings.szGuidPath);
     EventsInit();
     SeedRandom();

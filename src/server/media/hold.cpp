@@ -54,8 +54,7 @@ void SayFarewell(Session *pPlayer)
         if (pBlock)
             BlockListAppend(&pPlayer->out.Outq, pBlock);
         else if (pPort)
-            sendto(pPort->fd, text, n, MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&pPort->remote),
-                   sizeof(pPort->remote));
+            sendto(pPort->fd, text, n, MSG_NOSIGNAL, &pPort->remote.any, AddrSize(&pPort->remote));
     }
     if (pPlayer->out.bInterleaved)
         SendDataEx(pPlayer, nullptr, 1);  // as far as the connection takes it

@@ -33,8 +33,8 @@ static void TellPlayer(Session *pPlayer, int nTrack, const TrackReport *pReport)
     if (!pPlayer->out.bInterleaved) {
         const Port *pPort = pTrack->Control;
         if (pPort)
-            sendto(pPort->fd, pReport->bytes, pReport->nBytes, MSG_NOSIGNAL,
-                   reinterpret_cast<const sockaddr *>(&pPort->remote), sizeof(pPort->remote));
+            sendto(pPort->fd, pReport->bytes, pReport->nBytes, MSG_NOSIGNAL, &pPort->remote.any,
+                   AddrSize(&pPort->remote));
         return;
     }
     uint8_t frame[kInterleaveBytes + kMaxReportBytes];

@@ -303,8 +303,7 @@ static void SendTrackReport(Session *pSession, int nTrack, ReportKind eKind, Dat
     if (!pSession->out.bInterleaved) {
         const Port *pPort = pSession->tracks[nTrack].Control;
         if (pPort)
-            sendto(pPort->fd, report, nLen, MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&pPort->remote),
-                   sizeof(pPort->remote));
+            sendto(pPort->fd, report, nLen, MSG_NOSIGNAL, &pPort->remote.any, AddrSize(&pPort->remote));
         return;
     }
     DataBlock *pBlock = MakeDataBlock(report, nLen, 0, 0, 1);

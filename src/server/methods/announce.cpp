@@ -67,7 +67,7 @@ static int IsSamePusher(const Port *pPort, const Program *pOld, const CheckedUse
 {
     if (g_settings.bAnnounceAuth)
         return strcmp(pOld->szAnnouncer, pUser->szUser) == 0;
-    return SockGetIp(&pPort->remote) == SockGetIp(&SessionPeerPort(pOld->pPusher)->remote);
+    return AddrSameHost(&pPort->remote, &SessionPeerPort(pOld->pPusher)->remote);
 }
 
 // Makes room under a path that is taken. Returns 1 when it is free now; else 0, and the refusal is sent.

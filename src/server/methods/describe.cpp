@@ -1,6 +1,9 @@
 #include "server/methods/describe.h"
 
+#include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "base/console.h"
 #include "base/textbuf.h"
@@ -22,6 +25,42 @@ static void AddContentBase(const Request *pRequest, TextBuf *pText)
         TextAdd(pText, "Content-Base: %s/\r\n", RequestBase(pRequest));
 }
 
+// Copies a description with the "c=" lines of the family named replaced by one of the other that names nobody
+// (RFC 2326, appendix C.1.7): a player takes its sockets from them, and fails on a family that is not its
+// connection's. pOut has room for twice the text. Returns the bytes written.
+static size_t CopyForFamily(const char *pSdp, size_t nSdp, int bIpv6, char *pOut)
+{
+    std::string_view rest(pSdp, nSdp);
+    std::string_view foreign = bIpv6 ? "c=IN IP4 " : "c=IN IP6 ";
+    std::string_view own = bIpv6 ? "c=IN IP6 ::" : "c=IN IP4 0.0.0.0";
+    size_t nOut = 0;
+    while (!rest.empty()) {
+        size_t nLine = std::min(rest.find('\n'), rest.size() - 1) + 1;
+        std::string_view line = rest.substr(0, nLine);
+        rest.remove_prefix(nLine);
+        if (line.starts_with(foreign)) {
+            nOut += own.copy(pOut + nOut, own.size());
+            line.remove_prefix(std::min(line.find_first_of("\r\n"), line.size()));
+        }
+        nOut += line.copy(pOut + nOut, line.size());
+    }
+    return nOut;
+}
+
+// The reply's description, as players of the port's family take it.
+static Verdict SendSdp(Message *pReply, const Port *pPort, const char *pSdp, size_t nSdp)
+{
+    char *pOwn = SettingsListenIpv6(&g_settings) ? static_cast<char *>(malloc(2 * nSdp + 1)) : nullptr;
+    size_t nBody = pOwn ? CopyForFamily(pSdp, nSdp, AddrIsIpv6(&pPort->remote), pOwn) : nSdp;
+    TextAdd(&pReply->text, "Content-Type: application/sdp\r\nContent-Length: %d\r\n",
+            static_cast<int>(nBody));
+    MessageNoCache(pReply);
+    MessageDate(pReply);
+    Verdict eVerdict = MessageSendBody(pReply, pOwn ? pOwn : pSdp, nBody);
+    free(pOwn);
+    return eVerdict;
+}
+
 // Sends the description, which ends where the program's password would begin.
 static Verdict SendDescription(Session *pSession, Port *pPort, const Request *pRequest)
 {
@@ -33,10 +72,7 @@ static Verdict SendDescription(Session *pSession, Port *pPort, const Request *pR
     Message reply(pSession, pPort);
     ReplyBegin(&reply, STATUS_OK);
     AddContentBase(pRequest, &reply.text);
-    TextAdd(&reply.text, "Content-Type: application/sdp\r\nContent-Length: %d\r\n", static_cast<int>(nSdp));
-    MessageNoCache(&reply);
-    MessageDate(&reply);
-    return MessageSendBody(&reply, szSdp, nSdp);
+    return SendSdp(&reply, pPort, szSdp, nSdp);
 }
 
 Verdict Describe(Session *pSession, Port *pPort, const Request *pRequest)

@@ -1,7 +1,5 @@
 #include "server/methods/setup.h"
 
-#include <arpa/inet.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
@@ -59,11 +57,7 @@ static SetupResult SetupInterleaved(Session *pSession, int i, const char *szTran
 
 static Port *CreateMediaPort(Session *pSession, const Port *pPort, int nLocalPort, int nRemotePort)
 {
-    char local[INET_ADDRSTRLEN];
-    char remote[INET_ADDRSTRLEN];
-    inet_ntop(AF_INET, &pPort->local.sin_addr, local, sizeof(local));
-    inet_ntop(AF_INET, &pPort->remote.sin_addr, remote, sizeof(remote));
-    Port *pMedia = CreateUdpPort(local, nLocalPort, remote, nRemotePort);
+    Port *pMedia = CreateUdpPort(&pPort->local, nLocalPort, &pPort->remote, nRemotePort);
     if (pMedia && !AvlReplace(&g_server.sessionMap, pMedia->fd, pSession)) {
         PortClose(pMedia);
         return nullptr;
@@ -74,9 +68,9 @@ static Port *CreateMediaPort(Session *pSession, const Port *pPort, int nLocalPor
 // Sends what is left of a track to these ports from now on, until a datagram tells of others.
 static void AimPorts(SessionTrack *pTrack, const Port *pPort, int nRemotePort)
 {
-    pTrack->Media->remote.sin_addr = pTrack->Control->remote.sin_addr = pPort->remote.sin_addr;
-    pTrack->Media->remote.sin_port = htons(static_cast<uint16_t>(nRemotePort));
-    pTrack->Control->remote.sin_port = htons(static_cast<uint16_t>(nRemotePort + 1));
+    pTrack->Media->remote = pTrack->Control->remote = pPort->remote;
+    AddrSetPort(&pTrack->Media->remote, nRemotePort);
+    AddrSetPort(&pTrack->Control->remote, nRemotePort + 1);
 }
 
 // Opens both sockets of a track on one pair. Returns 1, or 0 with both null when somebody sits on a port of

@@ -351,7 +351,8 @@ TEST_F(PlayerQueueTest, StandardPlayersGetTimeForTheStart)
         for (uint32_t i = 0; i < 1500; i++)  // ten packets in each picture
             CachePacketEx(pProg, MakePacket({i / 10 * 10, 0, i == 0, i % 10 == 9, 1400}));
         pPlayer->nState = STATE_PLAYING;
-        pPlayer->tracks[0].Media = CreateUdpPort("127.0.0.1", 40000 + getpid() % 20000, "127.99.0.1", 9);
+        const Port *pPort = SessionPeerPort(pPlayer);
+        pPlayer->tracks[0].Media = CreateUdpPort(&pPort->local, 40000 + getpid() % 20000, &pPort->remote, 9);
     });
     EXPECT_GT(play(0), 1000U);
     EXPECT_TRUE(WaitFor([&] {
