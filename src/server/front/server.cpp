@@ -160,7 +160,7 @@ int ServerStart(const char *szConfigPath)
     }
     DropCutNetwork(g_settings.szAnnounceFrom, sizeof(g_settings.szAnnounceFrom));
     AddrListParse(&g_server.announceFrom, g_settings.szAnnounceFrom, "AnnounceFrom",
-                  SettingsListenIpv6(&g_settings));
+                  g_settings.bStandardPlayers);
     g_server.nMaxRegisterId = GuidStoreNextId(g_settings.szGuidPath);
     EventsInit();
     SeedRandom();
