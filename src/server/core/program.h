@@ -19,7 +19,7 @@ struct Codec;
 struct Recorder;
 struct FileReader;
 
-constexpr int kMaxMediaInfos = 4;  // sections of a description that are read
+constexpr int kMaxMediaInfos = 8;  // sections of a description that are read: without StandardPushers four
 constexpr int kMaxRecorders = 4;   // recordings of one program at a time: one of each kind, and one more
 
 // StandardPushers: what sender reports tell of a track's clock (see mediatime.h).
