@@ -146,13 +146,13 @@ constexpr int kMaxHeldPackets = 16;
 
 // Of a live track of H.264 or H.265 the picture that comes in (see keystart.h).
 struct KeyStart {
-    const NalForm *pForm = nullptr;         // null: its packets are passed on as they come
-    ParamSets sets;                         // as the description tells them or the track last had them; owned
-    int bKnown = 0;                         // a packet has come; the next one is set
-    uint32_t nRtpTime = 0;                  // of the picture
-    int bDecided = 0;                       // a slice of it has come, and nothing is held
-    int bAfterMarker = 0;                   // the last packet had the marker
-    uint8_t nKinds = 0;                     // kinds of parameter sets that the picture has: NalSetBit
+    const NalForm *pForm = nullptr;  // null: its packets are passed on as they come
+    ParamSets sets;                  // as the description tells them or the track last had them; owned
+    int bKnown = 0;                  // a packet has come; the next one is set
+    uint32_t nRtpTime = 0;           // of the picture
+    int bDecided = 0;                // a slice of it has come, and nothing is held
+    int bAfterMarker = 0;            // the last packet had the marker
+    uint8_t nKinds = 0;  // what the picture has: kinds of parameter sets (NalSetBit), a recovery point
     DataBlock *held[kMaxHeldPackets] = {};  // its packets, owned
     int nHeld = 0;
     uint32_t nHeldBytes = 0;
