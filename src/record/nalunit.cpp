@@ -75,7 +75,7 @@ int NalIsRecoveryPoint(const NalForm *pForm, const uint8_t *pUnit, uint32_t nByt
     const uint8_t *pHead = ReadBytes(&in, pForm->nHead);
     if (!pHead || NalType(pForm, *pHead) != pForm->nInfo)
         return 0;
-    while (in.nLeft > 2) {  // less is the end of the unit
+    while (!in.bFailed && in.nLeft > 2) {  // less is the end of the unit
         uint32_t nType = ReadSpread(&in);
         uint32_t nSize = ReadSpread(&in);
         if (!in.bFailed && nType == kRecoveryPoint)
