@@ -92,10 +92,11 @@ TEST_F(HoldTest, PlayersGoOnWithWhoComesBack)
     RtspClose(&first.client);
     ASSERT_TRUE(server.WaitOutput("Program(/cam) waits for its pusher, 600 s.\r\n"));
     Viewer late;
-    EXPECT_EQ(1, late.Prepare(server.Url("/cam")));
+    EXPECT_EQ(1, late.Open(server.Url("/cam")));
     Restart();
     EXPECT_TRUE(server.WaitOutput("ResumeLiveProgram(Uri=/cam)"));
     ASSERT_TRUE(WatchPictures({&tcp, &udp}, 75));
+    EXPECT_TRUE(WatchPictures({&late}, 50));
     for (const Viewer *p : {&tcp, &udp})
         ExpectOneStream(*p);
     ExpectOneRecording();

@@ -13,9 +13,9 @@ struct LowEnergyTest : testing::Test {
     std::string url;
     uint32_t nClockMs = 0;
 
-    void Start(int nLiveTime = 120)
+    void Start(int nLiveTime = 120, const std::string &more = "")
     {
-        server = std::make_unique<LocalServer>("EnableLowEnergy=1\n[GUARD]\nStrictRoles=1\n", nLiveTime);
+        server = std::make_unique<LocalServer>("EnableLowEnergy=1\n[GUARD]\nStrictRoles=1\n" + more, nLiveTime);
         url = server->Url("/cam");
         ASSERT_EQ(1, RtspOpenPusher(&pusher, url.c_str(), CameraSdp() + "a=NickName:front door\r\n"));
     }
@@ -82,6 +82,16 @@ TEST_F(LowEnergyTest, WatchedPusherStaysAwake)
     ASSERT_TRUE(WaitFor([&] { return ServerGetStat(&stat, 0) && stat.nClients == 0; }));
     MoveTo(242000);
     EXPECT_EQ(1, RtspWaitRequest(&pusher, "SLEEP", nullptr));
+}
+
+// Only our own encoders know what SLEEP is.
+TEST_F(LowEnergyTest, StandardPusherIsLeftAwake)
+{
+    Start(120, "[INTEROP]\nStandardPushers=1\n");
+    MoveTo(121000);
+    MoveTo(242000);
+    ASSERT_TRUE(Answers(&pusher));
+    EXPECT_EQ(0, RtspWaitRequest(&pusher, "SLEEP", nullptr, 100));
 }
 
 // A watchdog looks every minute here. It ends who was silent for longer, and the program's players.

@@ -138,6 +138,7 @@ void HoldResume(Program *pProg, Description *pNew)
     if (!bSameTypes)  // players are told the types that they get
         std::swap(pProg->desc.szSdp, pNew->szSdp);
     pProg->resume.bDue = 1;
+    pProg->flush = PlayerFlush();  // its task went with the pusher
     pProg->line.bNtpKnown = 0;
     pProg->keyWatch = KeyWatch();
     pProg->sleep.bSleeping = 0;

@@ -44,6 +44,13 @@ TEST(HoldSuits, WhatPlayersCanGoOnWith)
             desc.szSdp = nullptr;
         }
     }
+    Description same;
+    same.szSdp = strdup(cases[1].first.c_str());
+    ASSERT_EQ(1, SdpParse(&same, same.szSdp, 1, 0));
+    pOld->flush.bTask = 1;  // a task of the pusher that has gone
+    HoldResume(pOld, &same);
+    EXPECT_EQ(0, pOld->flush.bTask);
+    free(same.szSdp);
     pOld->hold.nNumber = 0;
     ProgramDiscard(pOld);
     g_settings.bStandardPushers = 0;
