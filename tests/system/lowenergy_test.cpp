@@ -13,9 +13,9 @@ struct LowEnergyTest : testing::Test {
     std::string url;
     uint32_t nClockMs = 0;
 
-    void Start(int nLiveTime = 120, const std::string &more = "")
+    void Start(int nLiveTime = 120)
     {
-        server = std::make_unique<LocalServer>("EnableLowEnergy=1\n[GUARD]\nStrictRoles=1\n" + more, nLiveTime);
+        server = std::make_unique<LocalServer>("EnableLowEnergy=1\n[GUARD]\nStrictRoles=1\n", nLiveTime);
         url = server->Url("/cam");
         ASSERT_EQ(1, RtspOpenPusher(&pusher, url.c_str(), CameraSdp() + "a=NickName:front door\r\n"));
     }
@@ -87,7 +87,9 @@ TEST_F(LowEnergyTest, WatchedPusherStaysAwake)
 // Only our own encoders know what SLEEP is.
 TEST_F(LowEnergyTest, StandardPusherIsLeftAwake)
 {
-    Start(120, "[INTEROP]\nStandardPushers=1\n");
+    server = std::make_unique<LocalServer>("EnableLowEnergy=1\n[INTEROP]\nStandardPushers=1\n");
+    ASSERT_EQ(1, RtspConnect(&pusher, server->Url("/cam").c_str()));
+    ASSERT_THAT(Ask(&pusher, "ANNOUNCE", "", kSdp, CameraSdp()), kIsOk);
     MoveTo(121000);
     MoveTo(242000);
     ASSERT_TRUE(Answers(&pusher));
