@@ -8,7 +8,7 @@ from case import InteropCase
 from clients import FFMPEG, FPS, HEIGHT, WIDTH, Child, FfmpegPlayer, GstPlayer, decode, ffmpeg, ffprobe, mismatch
 
 SIZE = 1920, 1080
-# The last part of a picture: what is lost of it, or of one before, shows there.
+# What moves is the last part of the picture: what is lost of it, or of one before, shows there.
 CROP = ("-vf", "crop=%d:%d:%d:%d" % (WIDTH, HEIGHT, SIZE[0] - WIDTH, SIZE[1] - HEIGHT))
 DECODER = ("rtph264depay ! h264parse ! avdec_h264 ! videoconvert ! videocrop left=%d top=%d"
            % (SIZE[0] - WIDTH, SIZE[1] - HEIGHT))
@@ -25,7 +25,9 @@ class LargeKeys(InteropCase):
 
     def source(self, name, size, noise, quantiser):
         path = os.path.join(self.dir, name + ".mkv")
-        ffmpeg("-f", "lavfi", "-i", "testsrc2=size=%dx%d:rate=%d:duration=%d,noise=alls=%d" % (*SIZE, FPS, SECONDS, noise),
+        still = "testsrc2=size=%dx%d:rate=%d:duration=1,noise=alls=%d,loop=-1:1[still]" % (*SIZE, FPS, noise)
+        moving = "testsrc2=size=%dx%d:rate=%d:duration=%d[moving]" % (WIDTH, HEIGHT, FPS, SECONDS)
+        ffmpeg("-f", "lavfi", "-i", ";".join((still, moving, "[still][moving]overlay=W-w:H-h:shortest=1")),
                "-pix_fmt", "yuv420p", "-c:v", "libx264", "-preset", "ultrafast", "-qp", str(quantiser), "-g", str(GOP),
                "-bf", "0", path)
         sizes = [line.split(",") for line in ffprobe(path, "-show_entries", "packet=size,flags")]
