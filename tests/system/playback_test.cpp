@@ -221,6 +221,43 @@ TEST_F(PlaybackTest, GoesToTheLastOfManyPlaces)
     EXPECT_EQ(camera.tracks[0].sent[300].data, viewer.Units(0, Coding::H264)[0].data);
 }
 
+// A picture too large for a player's UDP socket leaves little by little. A jump or a pause meanwhile comes behind its
+// end, so that a decoder never gets a piece of one.
+TEST_F(PlaybackTest, JumpsAndPausesBetweenPictures)
+{
+    server.Set("INTEROP", "StandardPlayers", "1");
+    server.Set("STORAGE", "NeverLose", "1");
+    server.Set("STORAGE", "WideUnits", "1");
+    server.Start();
+    Camera camera({Coding::JPEG});
+    ASSERT_EQ(1, camera.Open(Url("camera")));
+    ASSERT_EQ("200 OK", camera.Record("FileName=" + File("a.zmf")));
+    for (size_t nBytes : {2000, 400000, 2000, 400000, 2000}) {
+        camera.nJpegBytes = nBytes;
+        camera.Send(nBytes > 2000 ? 1 : 24);
+    }
+    ASSERT_EQ("200 OK", camera.Record("Cmd=stop"));
+    Viewer viewer(RTSP_OVER_UDP);
+    ASSERT_EQ(1, viewer.Prepare(Url("a.zmf")));
+    const MediaUnits &sent = camera.tracks[0].sent;
+    for (const auto &[szMethod, szRange, nFirst] : {std::tuple{"PAUSE", "0.96-", 24U}, {"PLAY", "1.96-", 49U}}) {
+        size_t nUnits = viewer.Units(0, Coding::JPEG).size(), nPackets = viewer.packets[0].size();
+        EXPECT_THAT(viewer.Play(szRange), kIsOk);
+        EXPECT_TRUE(Watch({&viewer}, [&] { return viewer.packets[0].size() > nPackets + 2; }));
+        EXPECT_THAT(Ask(&viewer.client, szMethod, "", "Range: npt=0-\r\n"), kIsOk);
+        viewer.Poll();
+        bool bPaused = szMethod[1] == 'A';
+        EXPECT_TRUE(!bPaused || viewer.packets[0].back()[1] & 0x80) << "behind a picture";
+        EXPECT_TRUE(Watch({&viewer}, [&] { return bPaused || viewer.Units(0, Coding::JPEG).size() > nUnits + 9; }));
+        MediaUnits got = viewer.Units(0, Coding::JPEG);
+        for (size_t i = nUnits; i < got.size(); i++) {
+            bool bKnown = std::ranges::any_of(sent, [&](const MediaUnit &unit) { return unit.data == got[i].data; });
+            EXPECT_TRUE(bKnown) << szMethod << i - nUnits;
+        }
+        EXPECT_EQ(sent[nFirst].data.size(), got.size() > nUnits ? got[nUnits].data.size() : 0) << szMethod;
+    }
+}
+
 // A file whose times jump or stand still plays on at once, on any transport.
 TEST_F(PlaybackTest, PlaysOnWhereTimesDoNot)
 {

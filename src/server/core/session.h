@@ -150,6 +150,7 @@ struct SessionPlay {
     uint32_t nSpeed = 1000;    // of delivery, in thousandths of real time
     PlayLine line;             // of a recording, for standard players: all positions above are on it
     int nTold = 0;             // what was said of its faults
+    int bFinishes = 0;         // of a recording: a jump or pause is under way, no picture begins
     int bFinalReport = 0;      // a recording has ended, and the player is still to be told
     uint32_t nEndClock = 0;    // ClockMs at that end
 };
