@@ -121,6 +121,7 @@ static int IsStuck(Session *pSession)
     if (!pFlow->bBlocked)
         pFlow->nBlockedClock = ClockMs();
     pFlow->bBlocked = 1;
+    pFlow->nTriedClock = ClockMs();
     if (ClockDiff(ClockMs(), pFlow->nBlockedClock) < kStuckMs)
         return 0;
     QueueTell(pSession, "took nothing for 30 seconds and is closed");
