@@ -27,7 +27,10 @@ namespace orx {
 
 constexpr float kLeastSpeed = 0.5F;
 constexpr float kMostSpeed = 8;
-constexpr uint32_t kPictureStepMs = 10;    // between two looks whether a picture has left
+constexpr uint32_t kPictureStepMs = 10;  // between two looks whether a picture has left
+// The last picture of a recording begins at its duration and is shown for a while: GStreamer leaves out what
+// begins at the end that it is told, by its clock, which it corrects by some milliseconds with every report.
+constexpr uint32_t kLastPictureMs = 100;
 constexpr uint32_t kSeekTolerance = 2000;  // ms around the position that a wanted start is taken for
 
 // What a "Range" header asks for of a recording.
@@ -253,8 +256,9 @@ static void AddTimes(Message *pReply, const PlayWish *pWish)
     const SessionPlay *pPlay = &pReply->pSession->play;
     auto nDuration = static_cast<int64_t>(FileProgramDuration(pReply->pSession->pProg));
     uint32_t nPos = PlayLineMedia(&pPlay->line, pPlay->nPlayPos);
-    uint32_t nEnd =
-        pWish->range.nEnd < nDuration - 1000 ? pWish->range.nEnd : static_cast<uint32_t>(nDuration);
+    uint32_t nEnd = static_cast<uint32_t>(nDuration) + (PlaysStandard(pReply->pSession) ? kLastPictureMs : 0);
+    if (pWish->range.nEnd < nDuration - 1000)
+        nEnd = pWish->range.nEnd;
     if (pPlay->line.nScale < 0)
         nEnd = pWish->range.nEnd < nPos ? pWish->range.nEnd : 0;
     TextAdd(&pReply->text, "Range: npt=%d.%03d-%d.%03d\r\n", static_cast<int>(nPos / 1000),
