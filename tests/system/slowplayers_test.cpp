@@ -1,4 +1,5 @@
 // Players on a connection who do not read for a while, or never again: what they lose is whole groups or nothing.
+#include "client/rtppacket.h"
 #include "server/core/registry.h"
 #include "support/sockets.h"
 #include "support/wait.h"
@@ -99,10 +100,12 @@ TEST_F(SlowPlayerTest, ALongStopCostsWholeGroupsOrTheEnd)
     EXPECT_EQ(1U, Sessions());
 }
 
-// Whether anything is pushed meanwhile or not.
+// Also when nothing is pushed meanwhile, and no report of the server's own is due.
 TEST_F(SlowPlayerTest, AStuckConnectionEnds)
 {
     ASSERT_NO_FATAL_FAILURE(Start(1));
+    std::string report = Frame(1, RtcpSenderReport(0x1234ABCD, 0, 1, 1, "camera"));
+    ASSERT_EQ(1, RtspSendBytes(&pusher, report.data(), report.size()));
     Push(7 * kGroup, 14000);
     server->MoveClock(20000);
     EXPECT_EQ(2U, Sessions());

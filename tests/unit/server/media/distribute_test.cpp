@@ -141,6 +141,7 @@ TEST_F(CacheTest, ALongGroupStaysWhole)
     g_settings.bStandardPushers = 1;
     for (uint32_t nStart : {0U, 0xFFFFFFFFU - 45000}) {  // also where the clock wraps
         nBase = nStart;
+        Push({0, 1});  // of which nothing need stay
         PushVideo(0, 60000, 40000);
         std::string cached = Cached(60000);
         EXPECT_EQ(40000U, CacheLastKey(pProg)->nTimestamp - nBase);
