@@ -260,9 +260,9 @@ class OrxPusher(Pusher):
             PUSH_PROGRAM, "--quiet", "--file", self.copy, "--fps", str(FPS), *options, url])
 
 
-def decode(path):
+def decode(path, *options):
     """Its pictures, and the numbers of the key pictures."""
-    raw = ffmpeg("-i", path, "-fps_mode", "passthrough", "-f", "rawvideo", "-pix_fmt", "yuv420p", "pipe:1")
+    raw = ffmpeg("-i", path, *options, "-fps_mode", "passthrough", "-f", "rawvideo", "-pix_fmt", "yuv420p", "pipe:1")
     pictures = [hashlib.md5(raw[i:i + PICTURE]).hexdigest() for i in range(0, len(raw) - PICTURE + 1, PICTURE)]
     shown = ffprobe(path, "-select_streams", "v", "-show_entries", "frame=key_frame")
     return pictures, [i for i, line in enumerate(shown) if line.startswith("1")]

@@ -115,11 +115,14 @@ struct SessionFlow {
     uint32_t nRoomClock = 0;     // ClockMs when it last grew
     int bBlocked = 0;            // the socket took nothing since nBlockedClock
     uint32_t nBlockedClock = 0;  // ClockMs of the first such send
+    uint32_t nTriedClock = 0;    // ClockMs of the last such send
+    int bOver = 0;               // more bytes wait than may, and it was tried
     int bSkips = 0;              // of a live program nothing is queued up to the next key frame
     uint32_t nLeft = 0;          // blocks that the last flush of a crowded queue left
     uint32_t nDropped = 0;       // groups that were dropped and not told yet
     int bTold = 0;               // something was, at nToldClock (ClockMs)
     uint32_t nToldClock = 0;
+    uint32_t nCrowdedClock = 0;  // ClockMs when it was last said that it is crowded; 0: never
 };
 
 struct DataBlock;
@@ -150,6 +153,7 @@ struct SessionPlay {
     uint32_t nSpeed = 1000;    // of delivery, in thousandths of real time
     PlayLine line;             // of a recording, for standard players: all positions above are on it
     int nTold = 0;             // what was said of its faults
+    int bFinishes = 0;         // of a recording: a jump or pause is under way, no picture begins
     int bFinalReport = 0;      // a recording has ended, and the player is still to be told
     uint32_t nEndClock = 0;    // ClockMs at that end
 };

@@ -11,6 +11,7 @@
 #include "server/core/session.h"
 #include "server/core/settings.h"
 #include "server/media/replies.h"
+#include "server/media/send.h"
 
 namespace orx {
 
@@ -78,12 +79,22 @@ static int IsOver(const Session *pSession, uint32_t nNow)
     return ClockDiff(nNow, pSession->peer.tLastRequest) > static_cast<int32_t>(g_settings.nStateTimeout);
 }
 
+// Tries a socket that took nothing again, though nothing may be pushed any more. Returns 1 when it is over.
+static int IsStuck(Session *pSession)
+{
+    return pSession->flow.bBlocked && !SendDataEx(pSession, nullptr, 1);
+}
+
 static int OnLook(Task *, uint32_t, uint32_t, uint32_t)
 {
     uint32_t nNow = ClockUptime();
     Session *pNext;
     for (Session *p = FirstSession(); p; p = pNext) {
         pNext = NextSession(p);
+        if (IsStuck(p)) {
+            SessionEnd(p);
+            continue;
+        }
         if (!IsOver(p, nNow))
             continue;
         char szRemote[kAddrTextSize];

@@ -106,16 +106,22 @@ static int RoomForStart(const Session *pSession, const DataBlock *pFirst)
 }
 
 // Whether a crowded queue need not be tried again yet: its socket was full a moment ago, or its timer runs.
-static int WaitsForRoom(const Session *pSession, unsigned nItems)
+// It is with the packet that takes it over its bound.
+static int WaitsForRoom(Session *pSession, unsigned nItems, uint32_t nNow)
 {
     if (!QueueKeepsGroups(pSession))
         return 0;
+    SessionFlow *pFlow = &pSession->flow;
     if (pSession->nFlags & SESSION_CATCHES_UP)
         return 1;
-    if (SessionMediaWaiting(pSession) - pSession->flow.nStartHeld > kQueueBytes)
+    int bOver = SessionMediaWaiting(pSession) - pFlow->nStartHeld > kQueueBytes;
+    int bCrosses = bOver && !pFlow->bOver;
+    pFlow->bOver = bOver;
+    if (bCrosses)
         return 0;
-    uint32_t nLeft = pSession->flow.nLeft;
-    return nLeft > 0 && nItems >= nLeft && nItems <= nLeft + kFlushAtOnceAbove;
+    uint32_t nLeft = pFlow->nLeft;
+    return QueueIsBlocked(pSession, nNow) ||
+           (nLeft > 0 && nItems >= nLeft && nItems <= nLeft + kFlushAtOnceAbove);
 }
 
 // Returns 0 when that ended the session.
@@ -125,9 +131,9 @@ static int PushPacket2SessionQueue(Session *pSession, const DataBlock *pBlock, u
         return 1;
     QueueStamp(pSession, nNow);
     unsigned nItems = ListCount(&pSession->out.Outq);
-    if ((nItems <= kFlushAtOnceAbove && !QueueIsFull(pSession)) || WaitsForRoom(pSession, nItems))
+    if ((nItems <= kFlushAtOnceAbove && !QueueIsFull(pSession)) || WaitsForRoom(pSession, nItems, nNow))
         return 1;
-    print("PushPacket2SessionQueue(): session->Outq.nItems=%u\r\n", nItems);
+    QueueTellCrowded(pSession, nNow);
     int bKeep = Flush(pSession, kGiveUpAbove);
     pSession->flow.nLeft = ListCount(&pSession->out.Outq);
     if (bKeep)
@@ -302,7 +308,8 @@ static void FlushSlice(Program *pProg)
     while (pFlush->pNext && !bOver) {
         Session *p = pFlush->pNext;
         pFlush->pNext = NextPlayer(p);
-        if (p->nState != STATE_PLAYING || ListCount(&p->out.Outq) <= nAbove)
+        if (p->nState != STATE_PLAYING || ListCount(&p->out.Outq) <= nAbove ||
+            (p->flow.bBlocked && QueueIsBlocked(p, ClockMs())))
             continue;
         if (!Flush(p, UINT32_MAX))  // nothing was queued: how much waits was looked at when it was
             SessionEnd(p);

@@ -79,6 +79,16 @@ void QueueTell(const Session *pSession, const char *szWhat)
     log("Player(%s) of %s: %u KB and %u ms wait, %s", szPeer, szUri, nKilobytes, nMs, szWhat);
 }
 
+void QueueTellCrowded(Session *pSession, uint32_t nNow)
+{
+    SessionFlow *pFlow = &pSession->flow;
+    if (QueueKeepsGroups(pSession) && pFlow->nCrowdedClock != 0 &&
+        ClockDiff(nNow, pFlow->nCrowdedClock) < kTellEveryMs)
+        return;
+    pFlow->nCrowdedClock = nNow;
+    print("PushPacket2SessionQueue(): session->Outq.nItems=%u\r\n", ListCount(&pSession->out.Outq));
+}
+
 // Says what was dropped, once in a while.
 static void TellDropped(Session *pSession, uint32_t nGroups)
 {

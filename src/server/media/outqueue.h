@@ -104,9 +104,19 @@ inline int QueueKeepsGroups(const Session *pSession)
            !(pSession->nFlags & SESSION_PUSHER);
 }
 
+// Whether its socket was full a moment ago, at nNow (ClockMs): it is not tried again with every packet.
+constexpr uint32_t kBlockedRetryMs = 5;
+inline int QueueIsBlocked(const Session *pSession, uint32_t nNow)
+{
+    return pSession->flow.bBlocked && nNow - pSession->flow.nTriedClock < kBlockedRetryMs;
+}
+
 // Keeps the queue of such a player in its bounds, once it has left as far as it could. Returns 0 when nothing
 // may be dropped: the player is to be ended.
 int QueueKeepBounds(Session *pSession);
+
+// Prints that a queue is crowded, of such a player once in a while.
+void QueueTellCrowded(Session *pSession, uint32_t nNow);
 
 // Prints and logs of a live player how far it is behind, and what is done about it.
 void QueueTell(const Session *pSession, const char *szWhat);

@@ -29,11 +29,13 @@ static uint32_t DueMs(const SessionPlay *pPlay)
 }
 
 // What may be ahead of it. Over UDP it grows: a second of large pictures at once is more than a player's
-// socket holds.
+// socket holds. While a request waits for the end of a picture, no other one begins.
 static int32_t LeadMs(const Session *pSession)
 {
     if (!PlaysStandard(pSession) || pSession->out.bInterleaved)
         return kFileLeadMs;
+    if (pSession->play.bFinishes)
+        return INT32_MIN;
     uint32_t nSince = std::min<uint32_t>(ClockMs() - pSession->play.nPlayClock, kFileLeadMs);
     return std::min(kFileLeadMs, static_cast<int32_t>((kCatchUpSpeed - 1) * nSince));
 }
@@ -105,6 +107,16 @@ DataBlock *PaceFirstHeld(const Session *pSession)
             PaceAdvance(&pace, p);
     }
     return pHeld;
+}
+
+int PaceIsMidPicture(const Session *pSession)
+{
+    if (!PlaysStandard(pSession) || pSession->out.bInterleaved || pSession->nState != STATE_PLAYING)
+        return 0;
+    auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq);
+    while (p && !(p->nFlags & DB_MEDIA))
+        p = NextBlock(p);
+    return p && p->nTimestamp == pSession->play.nPlayPos;
 }
 
 int PaceKeepsAll(const Session *pSession)

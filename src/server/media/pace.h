@@ -88,6 +88,10 @@ inline void PaceGoOn(Pace *pPace, const Session *pSession)
 // is none. Replies keep their order among themselves; reports, which carry the key flag, may be passed.
 DataBlock *PaceFirstHeld(const Session *pSession);
 
+// Whether of a recording's picture a part has left over UDP, and the rest waits for room: a jump or a pause
+// would leave a piece of it with the player.
+int PaceIsMidPicture(const Session *pSession);
+
 // Whether nothing waits but what a pause keeps.
 int PaceKeepsAll(const Session *pSession);
 

@@ -33,9 +33,10 @@ static inline Port *ChoosePort(const Session *pSession, const DataBlock *pBlock)
 }
 
 // Whether the first packet of a track would leave with this block: its report has to follow right behind it.
+// Of sessions that get reports.
 static int StartsReports(const Session *pSession, const DataBlock *pBlock)
 {
-    if (!RtcpMakesReports(pSession) || !(pBlock->nFlags & DB_MEDIA))
+    if (!(pBlock->nFlags & DB_MEDIA))
         return 0;
     int nTrack = TrackOfBlock(pSession, pBlock);
     return nTrack >= 0 && !pSession->tracks[nTrack].bReported && ReportsAreOwn(pSession, nTrack);
@@ -46,6 +47,7 @@ static int StartsReports(const Session *pSession, const DataBlock *pBlock)
 static int Gather(const Session *pSession, Port *pGiven, const Pace *pPace, Batch *pBatch)
 {
     Pace pace = *pPace;
+    int bReports = RtcpMakesReports(pSession);
     pBatch->nBlocks = 0;
     for (auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq); p && pBatch->nBlocks < kMaxGather;
          p = NextBlock(p)) {
@@ -59,7 +61,7 @@ static int Gather(const Session *pSession, Port *pGiven, const Pace *pPace, Batc
         pBatch->pPort = pPort;
         pBatch->blocks[pBatch->nBlocks++] = p;
         PaceAdvance(&pace, p);
-        if (StartsReports(pSession, p))
+        if (bReports && StartsReports(pSession, p))
             break;
     }
     return 1;
@@ -121,6 +123,7 @@ static int IsStuck(Session *pSession)
     if (!pFlow->bBlocked)
         pFlow->nBlockedClock = ClockMs();
     pFlow->bBlocked = 1;
+    pFlow->nTriedClock = ClockMs();
     if (ClockDiff(ClockMs(), pFlow->nBlockedClock) < kStuckMs)
         return 0;
     QueueTell(pSession, "took nothing for 30 seconds and is closed");

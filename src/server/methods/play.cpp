@@ -27,6 +27,10 @@ namespace orx {
 
 constexpr float kLeastSpeed = 0.5F;
 constexpr float kMostSpeed = 8;
+constexpr uint32_t kPictureStepMs = 10;  // between two looks whether a picture has left
+// The last picture of a recording begins at its duration and is shown for a while: GStreamer leaves out what
+// begins at the end that it is told, by its clock, which it corrects by some milliseconds with every report.
+constexpr uint32_t kLastPictureMs = 100;
 constexpr uint32_t kSeekTolerance = 2000;  // ms around the position that a wanted start is taken for
 
 // What a "Range" header asks for of a recording.
@@ -215,16 +219,30 @@ static int64_t SeekTarget(const Session *pSession, const PlayWish *pWish)
     return std::min(nStart, std::max(FileProgramDuration(pSession->pProg), 1U) - 1);
 }
 
-// Moves the recording to where it is wanted. Returns 0 while the disk searches.
+// Whether the request at hand has to wait until the player has the whole of a picture. No other one begins
+// until the request is through.
+static int WaitsForPicture(Session *pSession)
+{
+    pSession->play.bFinishes = 1;
+    int bWaits = PaceIsMidPicture(pSession);
+    if (bWaits)
+        SessionNextStep(pSession, kPictureStepMs);
+    return bWaits;
+}
+
+// Moves the recording to where it is wanted. Returns 0 while a picture leaves or the disk searches.
 static int MoveFile(Session *pSession, const PlayWish *pWish)
 {
     uint32_t nReached = 0;
     int64_t nTarget = SeekTarget(pSession, pWish);
     int nSought = 0;
+    if (nTarget >= 0 && !pSession->hold.pJob && WaitsForPicture(pSession))
+        return 0;
     if (nTarget >= 0)
         nSought = FileProgramSeek(pSession, static_cast<uint32_t>(nTarget), pWish->nScale, &nReached);
     if (nSought < 0)
         return 0;
+    pSession->play.bFinishes = 0;
     if (nSought)
         Jump(pSession, nReached, pWish->nScale);
     pSession->play.nSpeed = pWish->nSpeed;
@@ -238,8 +256,9 @@ static void AddTimes(Message *pReply, const PlayWish *pWish)
     const SessionPlay *pPlay = &pReply->pSession->play;
     auto nDuration = static_cast<int64_t>(FileProgramDuration(pReply->pSession->pProg));
     uint32_t nPos = PlayLineMedia(&pPlay->line, pPlay->nPlayPos);
-    uint32_t nEnd =
-        pWish->range.nEnd < nDuration - 1000 ? pWish->range.nEnd : static_cast<uint32_t>(nDuration);
+    uint32_t nEnd = static_cast<uint32_t>(nDuration) + (PlaysStandard(pReply->pSession) ? kLastPictureMs : 0);
+    if (pWish->range.nEnd < nDuration - 1000)
+        nEnd = pWish->range.nEnd;
     if (pPlay->line.nScale < 0)
         nEnd = pWish->range.nEnd < nPos ? pWish->range.nEnd : 0;
     TextAdd(&pReply->text, "Range: npt=%d.%03d-%d.%03d\r\n", static_cast<int>(nPos / 1000),
@@ -259,7 +278,7 @@ static void WriteFileReply(Message *pReply, const Request *pRequest, const PlayW
     AddPlayLines(pReply, pRequest, 1);
 }
 
-// Moves a recording to where the request wants it and writes the reply. Returns 0 while the disk searches.
+// Moves a recording to where the request wants it and writes the reply. Returns 0 while it has to wait.
 static int StartFile(Message *pReply, const Request *pRequest)
 {
     const PlayLine *pLine = &pReply->pSession->play.line;
@@ -409,6 +428,9 @@ Verdict HandlePause(Session *pSession, Port *pPort, Request *)
     int bFinished = g_settings.bStandardPlayers && pSession->nState == STATE_FINISHED;
     if (pSession->nState != STATE_PLAYING && !bFinished)
         return RefuseState(pSession, pPort);
+    if (WaitsForPicture(pSession))
+        return Verdict::Later;
+    pSession->play.bFinishes = 0;
     pSession->nState = STATE_PAUSED;
     return ReplySession(pSession, pPort);
 }
