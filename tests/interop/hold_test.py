@@ -25,7 +25,9 @@ class Hold(InteropCase):
     def pusher(self, make, transport, color, name):
         if make == GstPusher:
             return {"name": name, "sound": True, "protocols": "" if transport == "udp" else "protocols=tcp"}
-        return {"name": name, "transport": transport, "options": ("-tune", "zerolatency", "-crf", "23" if name == "first" else "28", "-c:a", "aac"),
+        quality = "23" if name == "first" else "28"  # or their pictures are the same
+        return {"name": name, "transport": transport,
+                "options": ("-tune", "zerolatency", "-crf", quality, "-c:a", "aac"),
                 "sound": [word % color if "%" in word else word for word in SOUND]}
 
     def check(self, transport, take_over=False, make=FfmpegPusher):
@@ -56,7 +58,8 @@ class Hold(InteropCase):
                 for kind in ("video", "audio"):
                     times = [t for t, _ in played[kind]][1:]
                     self.assertGreater(times[-1], SECONDS - 2.5)
-                    self.assertEqual([], [(a, b) for a, b in zip(times, times[1:]) if b <= a], kind + " does not move on")
+                    stands = [(a, b) for a, b in zip(times, times[1:]) if b <= a]
+                    self.assertEqual([], stands, kind + " does not move on")
                 for what in pushed if player.copy.endswith("mkv") else ():  # which keeps packets as they are
                     self.in_step(what, played)
                 self.assertEqual([], player.complaints())
