@@ -35,12 +35,12 @@ class Hold(InteropCase):
         first = self.push(make, **self.pusher(make, transport, "white", "first"))
         url = self.server.url()
         kinds = [("tcp", "mkv"), ("udp", "mkv"), ("tcp", "ts")][:3 if make == FfmpegPusher else 2]
-        copies = [self.add(Recorder(self.dir, url, t, kind)) for t, kind in kinds]
         gst = self.add(GstPlayer(self.dir, url, "tcp"))
-        wait_for(lambda: all(os.path.exists(c.copy) and os.path.getsize(c.copy) > 100000 for c in copies))
-        # rtspclientsink reports first when some seconds have gone by; what ffmpeg makes of the very first report of a
+        # rtspclientsink reports first when some seconds have gone by; that ffmpeg steps at the very first report of a
         # track is no matter of the hold
         wait_for(lambda: len(gst.pictures) > (110 if make == GstPusher else 20))
+        copies = [self.add(Recorder(self.dir, url, t, kind)) for t, kind in kinds]
+        wait_for(lambda: all(os.path.exists(c.copy) and os.path.getsize(c.copy) > 100000 for c in copies))
         if not take_over:
             first.kill()
         shown = len(gst.pictures)
