@@ -1,10 +1,10 @@
 """Sound of every codec that encoders push, beside pictures: it arrives as it was pushed, whoever plays."""
 
 import os
+import subprocess
 
 from case import InteropCase
 from clients import FFMPEG, FFMPEG_REMARKS, FPS, HEIGHT, WIDTH, Child, ffmpeg, scan_plugins, sound
-import subprocess
 
 SECONDS = 12
 PLAYED = 3
@@ -25,7 +25,8 @@ class Listener(Child):
     def __init__(self, folder, url, transport, name):
         self.copy = os.path.join(folder, "%s-%s.data" % (name, transport))
         super().__init__("%s-%s" % (name, transport), folder, FFMPEG + [
-            "-rtsp_transport", transport, "-i", url, "-map", "0:a", "-t", str(PLAYED), "-c", "copy", "-f", "data", self.copy])
+            "-rtsp_transport", transport, "-i", url, "-map", "0:a", "-t", str(PLAYED), "-c", "copy", "-f", "data",
+            self.copy])
 
 
 class Carried(InteropCase):
@@ -36,9 +37,9 @@ class Carried(InteropCase):
             ffmpeg("-f", "lavfi", "-i", "anoisesrc=sample_rate=48000:duration=%d" % SECONDS, "-ac", "1", *options, path)
         else:  # ffmpeg of Debian has no encoder
             scan_plugins()
-            subprocess.run(["gst-launch-1.0", "-q", *("audiotestsrc wave=white-noise num-buffers=%d samplesperbuffer=160 ! "
-                            "audio/x-raw,rate=8000,channels=1 ! amrnbenc ! avmux_amr ! filesink location=%s" % (SECONDS * 50, path)).split()],
-                           check=True)
+            line = ("audiotestsrc wave=white-noise num-buffers=%d samplesperbuffer=160 ! "
+                    "audio/x-raw,rate=8000,channels=1 ! amrnbenc ! avmux_amr ! filesink location=%s" % (SECONDS * 50, path))
+            subprocess.run(["gst-launch-1.0", "-q", *line.split()], check=True)
         return path
 
     def test_codecs(self):
@@ -47,12 +48,13 @@ class Carried(InteropCase):
         sources = {name: self.source(name) for name in CODECS}
         for name, (_, _, how) in CODECS.items():
             self.add(Child("push-" + name, self.dir, FFMPEG + [
-                *picture, "-re", "-i", sources[name], "-map", "0:v", "-map", "1:a", "-c:v", "mjpeg", "-huffman", "default",
-                "-force_duplicated_matrix", "1", "-pix_fmt", "yuvj420p", "-c:a", "copy", "-shortest", "-f", "rtsp",
+                *picture, "-re", "-i", sources[name], "-map", "0:v", "-map", "1:a", "-c:v", "mjpeg",
+                "-huffman", "default", "-force_duplicated_matrix", "1", "-pix_fmt", "yuvj420p", "-c:a", "copy", "-shortest", "-f", "rtsp",
                 *how, "-rtsp_transport", "tcp", self.server.url("live/" + name)]))
         stat = self.server.wait_stat(lambda s: s.lives == len(CODECS))
         self.assertEqual(len(CODECS), stat.lives)
-        players = [(name, self.add(Listener(self.dir, self.server.url("live/" + name), t, name)))
+        url = self.server.url("live/")
+        players = [(name, self.add(Listener(self.dir, url + name, t, name)))
                    for name in CODECS for t in ("tcp", "udp")]
         self.assert_ended([player for _, player in players])
         for name, player in players:
