@@ -147,7 +147,7 @@ TEST_F(AnnounceTest, CarriesSectionsOfOtherKinds)
     const std::string sdp =
         "m=application 0 RTP/AVP 107\r\na=control:trackID=2\r\nm=video 0 RTP/AVP 26\r\na=control:trackID=0\r\n"
         "m=audio 0 RTP/AVP 0\r\na=control:trackID=1\r\nm=text 0 RTP/AVP 98\r\na=control:trackID=3\r\n"
-        "m=application 0 RTP/AVP 109\r\na=control:trackID=5\r\n";
+        "m=application 0 RTP/AVP 107\r\na=control:trackID=5\r\n";  // the type of the first
     EXPECT_EQ(Dated(), Announce(&pusher, "/cam", sdp));
     Connect(&player);
     EXPECT_EQ(1, RtspDescribe(&player));
@@ -159,7 +159,7 @@ TEST_F(AnnounceTest, CarriesSectionsOfOtherKinds)
     EXPECT_THAT(Ask(&pusher, "RECORD"), kIsOk);
     EXPECT_THAT(Ask(&player, "PLAY"), kIsOk);
     std::string seen = CameraPacket(1, 1, 160, "seen");
-    seen[1] = 109;
+    seen[1] = 107;
     for (int i = 0; i < 6; i++)
         ASSERT_EQ(1, RtspSendFrame(&pusher, 8, seen.data(), seen.size()));
     Deliver();

@@ -140,6 +140,7 @@ struct Description {
     int nVideoTrack = -1;  // index into mediaInfos of the last section of that kind, -1 without one
     int nAudioTrack = -1;
     int nDataTrack = -1;
+    int bSharedTypes = 0;  // of standard pushers: a payload type is that of two tracks
     MediaInfo mediaInfos[kMaxMediaInfos];
     KeyFrameProc pfnIsKeyFrame = nullptr;  // of the video track; null without video
 };

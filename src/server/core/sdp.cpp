@@ -1,6 +1,7 @@
 #include "server/core/sdp.h"
 
 #include <algorithm>
+#include <bitset>
 
 #include "base/console.h"
 #include "base/printable.h"
@@ -135,6 +136,19 @@ static KeyFrameProc ChooseKeyTest(const Description *pDesc)
     return pDesc->nVideoTrack >= 0 ? pDesc->mediaInfos[pDesc->nVideoTrack].pCodec->pfnIsKey : nullptr;
 }
 
+// Whether two tracks have one payload type, which is theirs as each comes on a channel or port of its own.
+static int SharesTypes(const Description *pDesc)
+{
+    std::bitset<128> seen;
+    for (int i = 0; i < pDesc->nTrackCount; i++) {
+        size_t nType = static_cast<size_t>(pDesc->mediaInfos[i].nPayloadType) & 0x7F;
+        if (seen.test(nType))
+            return 1;
+        seen.set(nType);
+    }
+    return 0;
+}
+
 int SdpParse(Description *pDesc, const char *szSdp, int bLive, uint32_t nDurationMs)
 {
     uint32_t nDuration = 0;
@@ -169,6 +183,7 @@ int SdpParse(Description *pDesc, const char *szSdp, int bLive, uint32_t nDuratio
         pDesc->nTrackCount++;
     }
     pDesc->pfnIsKeyFrame = ChooseKeyTest(pDesc);
+    pDesc->bSharedTypes = bLive && g_settings.bStandardPushers && SharesTypes(pDesc);
     return pDesc->nTrackCount != 0;
 }
 

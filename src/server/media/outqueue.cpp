@@ -15,7 +15,8 @@ static constexpr int32_t kTellEveryMs = 10000;  // of one player
 int QueueCopy(Session *pSession, const DataBlock *pBlock)
 {
     uint8_t nPayloadType = BlockData(pBlock)[kInterleaveBytes + 1] & 0x7F;
-    int nTrack = TrackOfPayload(pSession, nPayloadType, TrackChoice::First);
+    int nTrack = BlockTrack(pBlock) >= 0 ? TrackNoted(pSession, pBlock)
+                                         : TrackOfPayload(pSession, nPayloadType, TrackChoice::First);
     if (nTrack < 0)
         return -1;
     if (pSession->flow.nBlockedSends >= kBlockedSends && !(pBlock->nFlags & DB_VIDEO))

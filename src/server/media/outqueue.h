@@ -61,9 +61,18 @@ inline int TrackOfPayload(const Session *pSession, uint8_t nPayloadType, TrackCh
     return -1;
 }
 
+// The track noted with a block, when it is set up; else -1.
+inline int TrackNoted(const Session *pSession, const DataBlock *pBlock)
+{
+    int nTrack = BlockTrack(pBlock);
+    return nTrack < pSession->out.nTracks && pSession->tracks[nTrack].bSetUp ? nTrack : -1;
+}
+
 // The track set up that a media block of the session's queue belongs to; -1 when none does.
 inline int TrackOfBlock(const Session *pSession, const DataBlock *pBlock)
 {
+    if (BlockTrack(pBlock) >= 0)
+        return TrackNoted(pSession, pBlock);
     uint32_t nAt = pSession->out.bInterleaved ? kInterleaveBytes + 1 : 1;
     if (pBlock->len <= nAt)
         return -1;

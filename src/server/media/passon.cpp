@@ -21,6 +21,8 @@ void PassPacketOn(Program *pProg, unsigned nTrack, DataBlock *pBlock)
         ReportsExpect(pProg->pPusher, &pInfo->report);
     ReportNotePacket(&pInfo->report, pBlock->nTimestamp, GetBe(pRtp + 8, 4), GetBe(pRtp + 4, 4),
                      nBytes - kRtpHeaderBytes);
+    if (pProg->desc.bSharedTypes)
+        pBlock->nFlags |= (nTrack + 1) << kBlockTrackShift;
     if (HasLowDelay())
         FlushNote(pProg, pInfo, pRtp);
     CachePacketEx(pProg, pBlock);
