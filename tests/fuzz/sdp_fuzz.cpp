@@ -38,7 +38,7 @@ static void Read(const char *szText, int bLive, int bStandard)
     g_settings.bStandardPushers = bStandard;
     if (!SdpParse(&desc, szText, bLive, 0))
         return;
-    ORX_ASSERT(desc.nTrackCount >= 1 && desc.nTrackCount <= kMaxMediaInfos, "one to four tracks");
+    ORX_ASSERT(desc.nTrackCount >= 1 && desc.nTrackCount <= kMaxMediaInfos, "one to eight tracks");
     for (int i = 0; i < desc.nTrackCount; i++)
         CheckTrack(&desc.mediaInfos[i], i);
 }

@@ -19,6 +19,7 @@ SOURCES = {
 }
 ANNEXB = {"h264": "h264_mp4toannexb", "h265": "hevc_mp4toannexb"}
 AUD = {"h264": ",h264_metadata=aud=insert", "h265": ",hevc_metadata=aud=insert"}
+REFRESHED = ["-c:v", "libx264", "-preset", "ultrafast", "-x264-params", "intra-refresh=1:keyint=%d" % FPS]
 WAYS = {  # how a file's packets are changed on their way: the description always has the parameter sets
     "described": lambda codec: "null",
     "annexb": lambda codec: ANNEXB[codec],
@@ -69,6 +70,25 @@ class Starts(InteropCase):
             for way in WAYS:
                 with self.subTest("recording of %s-%s" % (codec, way)):
                     self.assert_recorded(glob.glob("%s/live/%s-%s/**/*.zmf" % (root, codec, way), recursive=True), reference)
+
+    def test_refreshed_pictures(self):
+        """Pictures that are refreshed bit by bit: whoever comes late begins at a recovery point, not with the first picture."""
+        self.start(STORAGE={"RecordPath": os.path.join(self.dir, "rec")})
+        path = os.path.join(self.dir, "refreshed.mkv")
+        ffmpeg("-f", "lavfi", "-i", "testsrc2=size=%dx%d:rate=%d:duration=%d" % (WIDTH, HEIGHT, FPS, SECONDS), "-pix_fmt",
+               "yuv420p", *REFRESHED, "-bf", "0", path)
+        pusher = self.add(Child("push", self.dir, FFMPEG + [
+            "-re", "-i", path, "-c", "copy", "-f", "rtsp", "-rtsp_transport", "tcp", self.server.url()]))
+        self.server.wait_stat(lambda s: s.lives == 1)
+        time.sleep(5)
+        players = [self.add(make(self.dir, self.server.url(), "tcp", 30)) for make in (FfmpegPlayer, GstPlayer)]
+        self.assert_ended(players)
+        pictures = decode(path)[0]
+        for player in players:
+            with self.subTest(player.name):
+                begin = pictures.index(player.pictures[-1]) - len(player.pictures) + 1
+                self.assertGreater(begin, 2 * FPS, "it began with what was first")
+        pusher.stop()
 
     def assert_whole(self, codec, url, delimited):
         """The first access unit that a player gets has all that a decoder needs, in order, and its delimiter."""

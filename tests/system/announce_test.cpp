@@ -146,15 +146,24 @@ TEST_F(AnnounceTest, CarriesSectionsOfOtherKinds)
     Connect(&pusher);
     const std::string sdp =
         "m=application 0 RTP/AVP 107\r\na=control:trackID=2\r\nm=video 0 RTP/AVP 26\r\na=control:trackID=0\r\n"
-        "m=audio 0 RTP/AVP 0\r\na=control:trackID=1\r\n";
+        "m=audio 0 RTP/AVP 0\r\na=control:trackID=1\r\nm=text 0 RTP/AVP 98\r\na=control:trackID=3\r\n"
+        "m=application 0 RTP/AVP 109\r\na=control:trackID=5\r\n";
     EXPECT_EQ(Dated(), Announce(&pusher, "/cam", sdp));
     Connect(&player);
     EXPECT_EQ(1, RtspDescribe(&player));
     for (RtspClient *p : {&pusher, &player})
-        for (const char *szTrack : {"2", "0", "1"})
+        for (const char *szTrack : {"2", "0", "1", "3", "5"})
             EXPECT_THAT(Ask(p, "SETUP", std::string("/cam/trackID=") + szTrack,
                             "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n"),
                         kIsOk);
     EXPECT_THAT(Ask(&pusher, "RECORD"), kIsOk);
     EXPECT_THAT(Ask(&player, "PLAY"), kIsOk);
+    std::string seen = CameraPacket(1, 1, 160, "seen");
+    seen[1] = 109;
+    for (int i = 0; i < 6; i++)
+        ASSERT_EQ(1, RtspSendFrame(&pusher, 8, seen.data(), seen.size()));
+    Deliver();
+    RtspMessage frame;
+    ASSERT_EQ(1, RtspWaitFrame(&player, 8, &frame));
+    EXPECT_EQ(seen, frame.body);
 }

@@ -19,7 +19,7 @@ struct Codec;
 struct Recorder;
 struct FileReader;
 
-constexpr int kMaxMediaInfos = 4;  // sections of a description that are read
+constexpr int kMaxMediaInfos = 8;  // sections of a description that are read: without StandardPushers four
 constexpr int kMaxRecorders = 4;   // recordings of one program at a time: one of each kind, and one more
 
 // StandardPushers: what sender reports tell of a track's clock (see mediatime.h).
@@ -73,12 +73,15 @@ struct TrackRewrite {
     int nPayloadType = -1;  // the track keeps this payload type; -1: the pusher's
     int bChanges = 0;       // any of these differs from its first value
     // HoldPlayers: where the track is, as its players have it, so that another pusher can go on there.
-    int bKnown = 0;         // a packet has come; the rest is set
-    int bContinues = 0;     // the next packet is another pusher's first
-    uint16_t nLastSeq = 0;  // of the last packet
-    uint32_t nLastStamp = 0;
+    int bKnown = 0;           // a packet has come; the rest is set
+    int bContinues = 0;       // the next packet is another pusher's first
+    uint16_t nLastSeq = 0;    // of the last packet
+    uint32_t nLastStamp = 0;  // the latest one: pictures may be sent in another order than they are shown in
     uint32_t nLastSsrc = 0;
-    uint32_t nLastMs = 0;  // ClockMs at it
+    uint32_t nLastMs = 0;  // ClockMs at the latest stamp
+    int bReported = 0;     // the pusher has told of its wall clock: the last such pair, as pushed
+    uint32_t nReportedStamp = 0;
+    uint64_t nReportedNtp = 0;
 };
 
 // The last sender report of a live track, as its players get it, and what the server needs to make one where
@@ -88,6 +91,7 @@ struct TrackReport {
     uint8_t bytes[kMaxReportBytes] = {};
     uint32_t nBytes = 0;  // 0: there is none
     int bPushed = 0;      // the pusher sends reports
+    int bExpected = 0;    // it has sent a packet
     uint32_t nPackets = 0;
     uint32_t nOctets = 0;
     uint32_t nSsrc = 0;
@@ -142,13 +146,13 @@ constexpr int kMaxHeldPackets = 16;
 
 // Of a live track of H.264 or H.265 the picture that comes in (see keystart.h).
 struct KeyStart {
-    const NalForm *pForm = nullptr;         // null: its packets are passed on as they come
-    ParamSets sets;                         // as the description tells them or the track last had them; owned
-    int bKnown = 0;                         // a packet has come; the next one is set
-    uint32_t nRtpTime = 0;                  // of the picture
-    int bDecided = 0;                       // a slice of it has come, and nothing is held
-    int bAfterMarker = 0;                   // the last packet had the marker
-    uint8_t nKinds = 0;                     // kinds of parameter sets that the picture has: NalSetBit
+    const NalForm *pForm = nullptr;  // null: its packets are passed on as they come
+    ParamSets sets;                  // as the description tells them or the track last had them; owned
+    int bKnown = 0;                  // a packet has come; the next one is set
+    uint32_t nRtpTime = 0;           // of the picture
+    int bDecided = 0;                // a slice of it has come, and nothing is held
+    int bAfterMarker = 0;            // the last packet had the marker
+    uint8_t nKinds = 0;  // what the picture has: kinds of parameter sets (NalSetBit), a recovery point
     DataBlock *held[kMaxHeldPackets] = {};  // its packets, owned
     int nHeld = 0;
     uint32_t nHeldBytes = 0;
@@ -219,6 +223,13 @@ struct PusherHold {
     int32_t nNumber = 0;  // of the wait; 0: there is none
 };
 
+// What is added to the wall clock in a pusher's reports, so that its players see that of the first one go on
+// (see resume.h).
+struct ReportShift {
+    uint64_t nNtpShift = 0;
+    int bDue = 0;  // another pusher goes on, and it is not known yet
+};
+
 struct Program {
     ListNode node;  // first: the program list maps an item to itself
     const ProgramOps *pOps = nullptr;
@@ -245,6 +256,7 @@ struct Program {
     ProgramSleep sleep;
     PusherQuestions asked;
     PusherHold hold;
+    ReportShift resume;
     Retired retired;
 };
 

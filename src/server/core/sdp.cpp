@@ -1,5 +1,7 @@
 #include "server/core/sdp.h"
 
+#include <algorithm>
+
 #include "base/console.h"
 #include "base/printable.h"
 #include "base/textbuf.h"
@@ -12,6 +14,7 @@
 namespace orx {
 
 constexpr uint32_t kVideoSampleBits = 10000;  // of video, which has none: a value that no sound has
+constexpr int kPlainSections = 4;             // without StandardPushers
 constexpr int kCarriedRate = 90000;           // Hz, of what is carried without one: nobody counts on it
 
 // Enters the kind of section i. Returns 0 for one that is not to be counted.
@@ -144,7 +147,7 @@ int SdpParse(Description *pDesc, const char *szSdp, int bLive, uint32_t nDuratio
     SdpWalk walk = SdpSections(szSdp, SDP_LINE_OR_CR);
     SdpSection section;
     // what no player can set up is left out, and is no reason to refuse the rest
-    int nMost = g_settings.bStandardPushers ? kMaxTracks : kMaxMediaInfos;
+    int nMost = g_settings.bStandardPushers ? std::min(kMaxTracks, kMaxMediaInfos) : kPlainSections;
     while (pDesc->nTrackCount < nMost && SdpNextSection(&walk, &section)) {
         SdpMedia media;
         if (!SdpReadMedia(section.rest, SDP_MEDIA_SCAN, &media)) {

@@ -3,11 +3,16 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "server/core/settings.h"
+
 namespace orx {
+
+constexpr int kPlainTracks = 3;  // without StandardPushers
 
 void SessionCopyTracks(Session *pSession, const Program *pProg)
 {
-    pSession->out.nTracks = std::min(pProg->desc.nTrackCount, kMaxTracks);
+    int nMost = g_settings.bStandardPushers ? kMaxTracks : kPlainTracks;
+    pSession->out.nTracks = std::min(pProg->desc.nTrackCount, nMost);
     for (int i = 0; i < pSession->out.nTracks; i++) {
         const MediaInfo *pInfo = &pProg->desc.mediaInfos[i];
         SessionTrack *pTrack = &pSession->tracks[i];

@@ -5,7 +5,8 @@
 
 namespace orx {
 
-// Copies what a session keeps of its program's tracks; a fourth track is left out.
+// Copies what a session keeps of its program's tracks; without
+// StandardPushers a fourth track is left out.
 void SessionCopyTracks(Session *pSession, const Program *pProg);
 
 // Marks track i as set up: source, first sequence number and what the session's media is made of. A track

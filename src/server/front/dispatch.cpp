@@ -161,6 +161,12 @@ static void TakeRtcpFrame(Session *pSession, unsigned nChannel, const uint8_t *p
     RtcpDump(pPacket, nLen, pProg && nTrack < kMaxMediaInfos ? pProg->desc.mediaInfos[nTrack].nTimeScale : 0);
 }
 
+// Channels that a frame may name.
+static unsigned ChannelCount()
+{
+    return g_settings.bStandardPushers || g_settings.bStandardPlayers ? 256 : 8;
+}
+
 // An interleaved frame (RFC 2326, section 10.12): '$', channel, length, packet. Its fifth byte is waited for
 // even when the length is 0.
 static Step TakeFrame(Session *pSession, uint32_t *pAt)
@@ -173,7 +179,7 @@ static Step TakeFrame(Session *pSession, uint32_t *pAt)
     if (nLeft < nBytes)
         return Step::Wait;
     unsigned nTrackId = pFrame[1];
-    if (!ORX_PEER_ASSERT(nTrackId < 8, "nTrackId < 8"))
+    if (nTrackId >= ChannelCount() && !ORX_PEER_ASSERT(nTrackId < 8, "nTrackId < 8"))
         return EndSession(pSession);
     if (nTrackId & 1)
         TakeRtcpFrame(pSession, nTrackId, pFrame + kInterleaveBytes, nBytes - kInterleaveBytes);

@@ -130,12 +130,14 @@ void HoldResume(Program *pProg, Description *pNew)
         bSameTypes &= pInfo->nPayloadType == pNew->mediaInfos[i].nPayloadType;
         RewriteContinue(&pInfo->rewrite, pNew->mediaInfos[i].nPayloadType, pInfo->nPayloadType);
         pInfo->clock.report = ReportClock();
-        pInfo->report = TrackReport();
+        pInfo->rewrite.bReported = 0;
+        pInfo->report.bPushed = pInfo->report.bExpected = 0;
         memcpy(pInfo->szControl, pNew->mediaInfos[i].szControl, sizeof(pInfo->szControl));
         pInfo->nTrackId = pNew->mediaInfos[i].nTrackId;
     }
     if (!bSameTypes)  // players are told the types that they get
         std::swap(pProg->desc.szSdp, pNew->szSdp);
+    pProg->resume.bDue = 1;
     pProg->line.bNtpKnown = 0;
     pProg->keyWatch = KeyWatch();
     pProg->sleep.bSleeping = 0;

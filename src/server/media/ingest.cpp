@@ -7,7 +7,7 @@
 #include "server/media/keystart.h"
 #include "server/media/mediatime.h"
 #include "server/media/passon.h"
-#include "server/media/rewrite.h"
+#include "server/media/resume.h"
 
 namespace orx {
 
@@ -33,7 +33,7 @@ int FeedProgram(Session *pSession, unsigned nTrack, const uint8_t *pFrame, uint3
     uint32_t nJump;
     TrackRewrite *pRewrite = &pProg->desc.mediaInfos[nTrack].rewrite;
     if (pRewrite->bContinues)
-        RewriteResume(pRewrite, pFrame + kInterleaveBytes, pProg->desc.mediaInfos[nTrack].nTimeScale);
+        ResumeTrack(pProg, nTrack, pFrame + kInterleaveBytes);
     if (!PacketTime(pProg, nTrack, GetBe(pFrame + 8, 4) + pRewrite->nStampShift, &nTime, &nJump))
         return 0;
     int bVideo = static_cast<int>(nTrack) == pProg->desc.nVideoTrack;

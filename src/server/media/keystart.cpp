@@ -19,6 +19,7 @@ constexpr uint32_t kMaxPut = 16 << 10;  // parameter sets that are more are left
 constexpr int kMaxPutPackets = 64;
 constexpr uint32_t kMaxUnitHead = 3;  // of a fragment
 constexpr uint32_t kMaxHeldBytes = 64 << 10;
+constexpr uint8_t kRecovery = 0x80;  // in nKinds: not a set, but as good a place to begin
 
 namespace {
 
@@ -92,6 +93,8 @@ static void NoteUnit(KeyStart *pStart, const uint8_t *pUnit, uint32_t nBytes, Fo
     pFound->bSlice |= nKind == NAL_IS_KEY_SLICE || nKind == NAL_IS_SLICE;
     if (IsNalSet(nKind))
         ParamSetsAdd(&pStart->sets, nKind, pUnit, nBytes, &pStart->nKinds);
+    else if (NalIsRecoveryPoint(pStart->pForm, pUnit, nBytes))
+        pStart->nKinds |= kRecovery;
 }
 
 // A part of a unit. One of a parameter set counts as there, but is not put together: it is small by nature.
@@ -232,12 +235,12 @@ static void PassKey(Program *pProg)
 // Holds the packet, and lets go of what is held when it is known what it is, or too much.
 static void Hold(Program *pProg, DataBlock *pBlock, const Found &found)
 {
-    constexpr uint8_t kSequence = NalSetBit(NAL_IS_VIDEO_SET) | NalSetBit(NAL_IS_SEQUENCE_SET);
+    constexpr uint8_t kStart = NalSetBit(NAL_IS_VIDEO_SET) | NalSetBit(NAL_IS_SEQUENCE_SET) | kRecovery;
     KeyStart *pStart = &pProg->keyStart;
     pStart->held[pStart->nHeld++] = pBlock;
     pStart->nHeldBytes += pBlock->len;
     pStart->bDecided = found.bSlice;
-    if (found.bKeySlice || (found.bSlice && (pStart->nKinds & kSequence))) {
+    if (found.bKeySlice || (found.bSlice && (pStart->nKinds & kStart))) {
         PassKey(pProg);
     } else if (found.bSlice) {
         PassHeld(pProg, 0);

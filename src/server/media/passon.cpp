@@ -17,7 +17,7 @@ void PassPacketOn(Program *pProg, unsigned nTrack, DataBlock *pBlock)
     RewritePacket(&pInfo->rewrite, pRtp, nBytes);
     if (g_settings.bStandardPushers)
         RewriteNote(&pInfo->rewrite, pRtp);
-    if (pInfo->report.nPackets == 0 && pProg->pPusher)
+    if (!pInfo->report.bExpected && pProg->pPusher)
         ReportsExpect(pProg->pPusher, &pInfo->report);
     ReportNotePacket(&pInfo->report, pBlock->nTimestamp, GetBe(pRtp + 8, 4), GetBe(pRtp + 4, 4),
                      nBytes - kRtpHeaderBytes);

@@ -12,6 +12,7 @@
 #include "server/core/settings.h"
 #include "server/media/mediatime.h"
 #include "server/media/outqueue.h"
+#include "server/media/resume.h"
 #include "server/media/rewrite.h"
 #include "server/media/rtcp.h"
 #include "server/media/rtcpread.h"
@@ -123,6 +124,7 @@ static int OnReportTick(Task *pTask, uint32_t, uint32_t nNow, uint32_t)
 
 void ReportsExpect(Session *pPusher, TrackReport *pReport)
 {
+    pReport->bExpected = 1;
     pReport->nFirstMs = ClockMs();
     if (!g_settings.bStandardPlayers || pPusher->flow.bReportTick)
         return;
@@ -140,7 +142,6 @@ static void KeepPushed(const Program *pProg, TrackReport *pReport, const uint8_t
     if (n == 4 + kSenderBytes)
         n += RtcpMakeCname(pReport->bytes + n, kMaxReportBytes - n,
                            static_cast<uint32_t>(GetBe(pReport->bytes + 4, 4)), pProg->szName);
-    pReport->bPushed = 1;
     pReport->nBytes = static_cast<uint32_t>(n);
 }
 
@@ -150,12 +151,20 @@ static void PassOn(Program *pProg, unsigned nTrack, const uint8_t *pRtcp, size_t
     if (!RtcpReadSender(pRtcp, nBytes, &report))
         return;
     MediaInfo *pInfo = &pProg->desc.mediaInfos[nTrack];
-    if (pInfo->rewrite.bContinues)  // where its stamps go on is not known yet
+    TrackReport *pTold = &pInfo->report;
+    pTold->bPushed = 1;
+    if (!ResumeReport(pProg, nTrack, &report))
         return;
     report.nRtpTime += pInfo->rewrite.nStampShift;
     TimeNoteReport(pProg, nTrack, &report);
-    KeepPushed(pProg, &pInfo->report, pRtcp, nBytes);
-    RewriteReport(&pInfo->rewrite, pInfo->report.bytes, pInfo->report.nBytes);
+    KeepPushed(pProg, pTold, pRtcp, nBytes);
+    RewriteReport(&pInfo->rewrite, pTold->bytes, pTold->nBytes);
+    PutBe(pTold->bytes + 8, 4, report.nNtpSec);
+    PutBe(pTold->bytes + 12, 4, report.nNtpFrac);
+    if (pInfo->rewrite.bChanges) {  // players count more than the pusher, or others before it
+        PutBe(pTold->bytes + 20, 4, pTold->nPackets);
+        PutBe(pTold->bytes + 24, 4, pTold->nOctets);
+    }
     TellPlayers(pProg, static_cast<int>(nTrack));
 }
 

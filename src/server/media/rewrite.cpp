@@ -9,6 +9,8 @@
 
 namespace orx {
 
+constexpr int32_t kReordered = 2 * 90000;  // by which stamps may be behind that are no step back of the clock
+
 void RewritePacket(const TrackRewrite *pRewrite, uint8_t *pRtp, size_t nBytes)
 {
     if (!pRewrite->bChanges || nBytes < kRtpHeaderBytes)
@@ -49,8 +51,12 @@ void RewriteResume(TrackRewrite *pRewrite, const uint8_t *pRtp, uint32_t nRate)
 void RewriteNote(TrackRewrite *pRewrite, const uint8_t *pRtp)
 {
     pRewrite->nLastSeq = static_cast<uint16_t>(GetBe(pRtp + 2, 2));
-    pRewrite->nLastStamp = GetBe(pRtp + 4, 4);
     pRewrite->nLastSsrc = GetBe(pRtp + 8, 4);
+    uint32_t nStamp = GetBe(pRtp + 4, 4);
+    auto nStep = static_cast<int32_t>(nStamp - pRewrite->nLastStamp);
+    if (pRewrite->bKnown && nStep <= 0 && nStep > -kReordered)
+        return;
+    pRewrite->nLastStamp = nStamp;
     pRewrite->nLastMs = ClockMs();
     pRewrite->bKnown = 1;
 }

@@ -31,6 +31,11 @@ struct SenderReport {
     uint32_t nRtpTime = 0;
 };
 
+inline uint64_t NtpOf(const SenderReport *pReport)
+{
+    return uint64_t{pReport->nNtpSec} << 32 | pReport->nNtpFrac;
+}
+
 // The first sender report of a compound. 1, or 0 when there is none.
 int RtcpReadSender(const uint8_t *pData, size_t nBytes, SenderReport *pReport);
 

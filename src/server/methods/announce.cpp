@@ -7,7 +7,6 @@
 #include "runtime/sockutil.h"
 #include "server/core/settings.h"
 #include "server/core/tracks.h"
-#include "server/media/hold.h"
 #include "server/media/liveprogram.h"
 #include "record/sdpreader.h"
 #include "server/media/questions.h"
@@ -63,10 +62,13 @@ static int ShowsAccount(Session *pSession, Port *pPort, const Request *pRequest,
 }
 
 // Whether who announces may take the place of a program's pusher: from the same address, or as the same user.
+// One that has gone and is waited for may have another address now.
 static int IsSamePusher(const Port *pPort, const Program *pOld, const CheckedUser *pUser)
 {
     if (g_settings.bAnnounceAuth)
         return strcmp(pOld->szAnnouncer, pUser->szUser) == 0;
+    if (!pOld->pPusher)
+        return 1;
     return SockGetIp(&pPort->remote) == SockGetIp(&SessionPeerPort(pOld->pPusher)->remote);
 }
 
@@ -77,12 +79,10 @@ static int ReplaceOldPusher(Session *pSession, Port *pPort, const char *szPath, 
     if (!pOld)
         return 1;
     Session *pPusher = pOld->pPusher;
-    if (!pPusher) {  // it waits for one
-        if (g_settings.bAnnounceAuth && strcmp(pOld->szAnnouncer, pUser->szUser) != 0)
-            HoldEnd(pOld);
+    int bSame = IsSamePusher(pPort, pOld, pUser);
+    if (!pPusher && bSame)  // it waits for this one
         return 1;
-    }
-    if (IsSamePusher(pPort, pOld, pUser)) {
+    if (bSame) {
         print("The same pusher Announce again, %s.\r\n",
               g_settings.bStandardPushers && g_settings.nHoldPlayers > 0 ? "its players wait"
                                                                          : "Destroy the old program");
@@ -92,7 +92,7 @@ static int ReplaceOldPusher(Session *pSession, Port *pPort, const char *szPath, 
     // part of the protocol but for standard peers: the number is that of the pusher that stays
     Message reply(pSession, pPort);
     ReplyBeginNumbered(&reply, STATUS_DUPLICATE,
-                       g_settings.bStandardPlayers ? pSession->nCSeq++ : pPusher->nCSeq++);
+                       g_settings.bStandardPlayers || !pPusher ? pSession->nCSeq++ : pPusher->nCSeq++);
     MessageNoCache(&reply);
     MessageSend(&reply);
     return 0;

@@ -359,8 +359,8 @@ static int ChooseTrack(Session *pSession, Port *pPort, const Request *pRequest, 
         return i;
     }
     const char *pEqual = strchr(UriPath(RequestUri(pRequest)), '=');
-    if (!ORX_PEER_ASSERT(nTracks >= 1 && nTracks < 4,
-                         "session->nTrackCount>=1 && session->nTrackCount < 4") ||
+    int bFew = g_settings.bStandardPushers || (nTracks >= 1 && nTracks < 4);
+    if (!ORX_PEER_ASSERT(bFew, "session->nTrackCount>=1 && session->nTrackCount < 4") ||
         !ORX_PEER_ASSERT(pEqual, "pEqual || !\"no track in the URI\"")) {
         *pVerdict = RefuseFault(pSession, pPort);
         return -1;

@@ -14,6 +14,11 @@ static std::string Unit(int bWide, const std::string &word)
 {
     auto nType = static_cast<uint32_t>(atoi(word.c_str()));
     size_t nMore = word.back() == 'L' ? 3000 : 0;
+    if (word.back() == 'R')  // a message of another kind, and a recovery point
+        return (bWide ? Be(nType << 1, 1) + "\1" : Be(nType, 1)) +
+               std::string("\xFF\x01\x03\x06\x01\x01\x06\x01\xC4\x80", 10);
+    if (word.back() == 'N')  // the same without
+        return (bWide ? Be(nType << 1, 1) + "\1" : Be(nType, 1)) + std::string("\xFF\x01\x03\x06\x01\x01\x80", 7);
     return (bWide ? Be(nType << 1, 1) + "\1" : Be(0x60 | nType, 1)) + "\x80" + std::string(nMore, 'u');
 }
 
@@ -54,7 +59,7 @@ TEST(KeyStart, PlayersStartWithAllThatAKeyPictureNeeds)
         {0, "Zwk=,aAk=", "1:7+8+6 1:F5! 2:7+8 2:F5! 3:6+7+8 3:5! 4:9+7+8+6 4:5!", "24* 28! 24* 28! 24* 5! 24* 5!"},
         {0, "", "1:9 1:7 1:8 1:6 1:5! 2:9 2:1! 3:9 3:5!", "9* 7 8 6 5! 9 1! 9* 7 8 5!"},
         {0, "", "1:5! 2:1!", "5*! 1!"},
-        {0, "Zwk=,aAk=", "1:7 1:5! 2:5!", "7* 8' 7 5! 7* 8' 5!"},  // one that lacks
+        {0, "Zwk=,aAk=", "1:7 1:5! 2:5!", "7* 8' 7 5! 7* 8' 5!"},   // one that lacks
         {0, "Zwk=,aAk=", "1:7 1:8! 2:5! 2:5!", "7 8! 7* 8 5! 5!"},  // sets of a time of their own
         {0, "Zwk=,aAk=", "1:7! 1:8! 1:5! 1:7! 1:5!", "7*! 8! 5! 7* 8 7! 5!"},
         {0, "Zwk=,aAk=", "1:7 1:1! 2:f5 2:5!", "7* 8' 7 1! 28 5!"},  // without IDR; a picture whose start was lost
@@ -62,6 +67,8 @@ TEST(KeyStart, PlayersStartWithAllThatAKeyPictureNeeds)
         {0, "Zwk=,aAk=", "1:29 1:26 2:6! 3:6!", "29 26 6!"},  // nobody waits for what is not known
         {0, "Zwk=", "1:6 1:6 1:6 1:6 1:6 1:6 1:6 1:6 1:6 1:6 1:6 1:6 1:6 1:6 1:6 1:6 1:5!",
          "6 6 6 6 6 6 6 6 6 6 6 6 6 6 6 6 7'* 5!"},
+        {0, "Zwk=,aAk=", "1:6R 1:1! 2:1! 3:9+6R 3:1! 4:9+6N 4:1!", "7'* 8' 6 1! 1! 7'* 8' 24 1! 24 1!"},
+        {1, "QAEJ;sprop-sps=QgEJ;sprop-pps=RAEJ", "1:39R 1:1! 2:39N 2:1!", "32'* 33' 34' 39 1! 39 1!"},
         {1, "QAEJ;sprop-sps=QgEJ;sprop-pps=RAEJ", "1:F20 1:f20! 2:1! 3:35 3:39 3:21!",
          "32'* 33' 34' 49 49! 1! 35* 32' 33' 34' 39 21!"},
         {1, "", "1:32 1:33 1:34 1:F19! 2:F1! 3:32+33+34 3:16! 4:23!", "32* 33 34 49! 49! 48* 16! 32* 33 34 23!"},
@@ -79,7 +86,8 @@ TEST(KeyStart, PlayersStartWithAllThatAKeyPictureNeeds)
         pInfo->nMediaType = MEDIA_VIDEO_OTHER;
         pInfo->pCodec = CodecByName(MEDIA_VIDEO_OTHER, c.bWide ? "H265" : "H264", CODEC_WIDE_PROGRAM);
         pProg->desc.szSdp = strdup((std::string("m=video 0 RTP/AVP 96\r\na=fmtp:96 ") +
-                                    (c.bWide ? "sprop-vps=" : "sprop-parameter-sets=") + c.szFormat + "\r\n").c_str());
+                                    (c.bWide ? "sprop-vps=" : "sprop-parameter-sets=") + c.szFormat + "\r\n")
+                                       .c_str());
         KeyStartInit(pProg);
         std::istringstream words(c.szPushed);
         uint16_t nSeq = 65534;
