@@ -23,10 +23,12 @@ import zlib
 from array import array
 
 from clients import FFMPEG, FPS, HEIGHT, PICTURE, WIDTH, Child, Gst, mismatch, packets
+from conformance import replies
 from matrixdoc import Results
 from orxserver import Server
 
 ZMF_PROGRAM = os.environ.get("ORX_ZMF", "orxzmf")
+DOC = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../docs/interop.md")
 GOP = 2 * FPS
 CLICK = 2  # seconds between the begins of two
 LONG, SHORT = 60, 8  # seconds of the sources: of a live program, whose pusher ends before, and of a recording
@@ -431,7 +433,8 @@ def main():
     parser.add_argument("--slots", type=int, default=3 * (os.cpu_count() or 1), help="players at a time (%(default)s)")
     parser.add_argument("--list", action="store_true", help="only name the cells")
     args = parser.parse_args()
-    results, unknown = Results(args.write or os.devnull, ROWS, COLUMNS, KNOWN), 0
+    results, unknown = Results(args.write or DOC, ROWS, COLUMNS, known), 0
+    causes = [cause for _, _, cause in KNOWN]
     folder = tempfile.mkdtemp(prefix="orx-matrix-")
     began = time.monotonic()
     try:
@@ -456,10 +459,16 @@ def main():
 
                 Row(row, columns, folder, pool).run(report)
                 if args.write:
-                    results.write()
+                    results.write(causes)
+        if not args.cells and not args.list:
+            for change in results.changed_replies(replies(SHIPPED)):
+                print("reply to " + change)
+                unknown += not args.write
+        if args.write:
+            results.write(causes)
     finally:
         shutil.rmtree(folder, ignore_errors=True)
-    print("%d cells that do not work have no known cause" % unknown)
+    print("%d cells do not work for no known cause, or replies have changed" % unknown)
     return 1 if unknown else 0
 
 
