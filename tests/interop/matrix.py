@@ -33,7 +33,7 @@ GOP = 2 * FPS
 CLICK = 2  # seconds between the begins of two
 LONG, SHORT = 60, 8  # seconds of the sources: of a live program, whose pusher ends before, and of a recording
 SEEK = 3  # seconds into a recording
-LIVE = 4 * FPS  # pictures that a live player is watched for
+LIVE = 4 * FPS  # pictures that a live player is watched for; with sound until the second reports have come
 IN_STEP = 0.04
 SHIPPED = {"StandardPushers": 1, "StandardPlayers": 1, "UdpPushers": 1, "HoldPlayers": 5, "LowDelay": 1}
 
@@ -254,10 +254,14 @@ class GstWatch(Watch):
 
 
 def skew(pictures, clicks, sums):
-    """How much later the sound is than the pictures, in seconds; None when there is no sound."""
+    """How much later the sound is than the pictures around it, in seconds; None when there is none. At the last click:
+    GStreamer squeezes what comes at once at the start, each track for itself."""
     number = {s: i for i, s in enumerate(sums)}
-    line = statistics.median([t - number[s] / FPS for t, s in pictures if t is not None and s in number])
-    return statistics.median([(t - line + CLICK / 2) % CLICK - CLICK / 2 for t in clicks]) if clicks else None
+    for click in reversed(clicks):
+        lines = [t - number[s] / FPS for t, s in pictures if t is not None and s in number and abs(t - click) < 0.5]
+        if lines:
+            return (click - statistics.median(lines) + CLICK / 2) % CLICK - CLICK / 2
+    return None
 
 
 class Row:
@@ -266,6 +270,7 @@ class Row:
     def __init__(self, name, columns, folder, pool):
         self.name, self.columns, self.pool = name, columns, pool
         self.pusher = Pusher(name, folder)
+        self.live = LIVE * 5 // 2 if self.pusher.audio else LIVE
         self.server = Server()
         self.dir = self.server.dir
         self.root = os.path.join(self.dir, "rec")
@@ -330,7 +335,7 @@ class Row:
     def _cell(self, column):
         """Runs one player: what became of it."""
         mode, player, transport = column
-        url, frames, start = self.server.url(), LIVE, 0
+        url, frames, start = self.server.url(), self.live, 0
         if mode != "live":
             self.recorded.wait(90)
             if not self.recording:
@@ -354,9 +359,10 @@ class Row:
         shown = [sums for _, sums in pictures]
         sums, keys = self.pusher.reference("long" if mode == "live" else "short")
         if mode != "live":
-            if start and sums[start * FPS] in shown:  # playbin begins at the start, and asks for another place then
-                shown, pictures = (x[shown.index(sums[(start - 1) * FPS] if sums[(start - 1) * FPS] in shown else sums[start * FPS]):]
-                                   for x in (shown, pictures))
+            order = [sums.index(x) if x in sums else -1 for x in shown]
+            jumps = [i for i in range(1, len(order)) if order[i] != order[i - 1] + 1]
+            if start and order[:1] == [0] and jumps:  # playbin begins at the start, and asks for another place then
+                shown, pictures = shown[jumps[-1]:], pictures[jumps[-1]:]
             keys = range(len(sums))
         why = mismatch(shown, (sums, keys))
         result = {"first": round(1000 * watch.first) if watch.first else None, "pictures": len(shown)}
@@ -364,7 +370,7 @@ class Row:
             first, last = sums.index(shown[0]), sums.index(shown[-1])
             if first > start * FPS or last < len(sums) - 1 or not ended:
                 why = "pictures %d to %d of %d, %s" % (first, last, len(sums), "ended" if ended else "does not end")
-        elif not why and len(shown) < LIVE:
+        elif not why and len(shown) < self.live:
             why = "%d pictures only" % len(shown)
         if shown and self.pusher.audio:
             off = skew(pictures, clicks, sums) if not why else None
