@@ -122,11 +122,10 @@ class Pusher:
             line += "d.audio_0 ! queue ! identity sync=true ! audioconvert ! %s ! s. " % audio
         return (line + sink).split()
 
-    def push(self, name, url, source, folder, faster=()):
-        """faster: how ffmpeg paces itself instead of in real time."""
+    def push(self, name, url, source, folder):
         if self.gst:
             return Gst(name, folder, self._gst(source, "rtspclientsink name=s location=" + url))
-        return Child(name, folder, self._ffmpeg(source, faster or ["-re"], [
+        return Child(name, folder, self._ffmpeg(source, ["-re"], [
             "-f", "rtsp", "-rtsp_transport", self.transport, url]))
 
     @functools.cache
@@ -230,7 +229,7 @@ class GstWatch(Watch):
             program, arguments = ("gst-play-1.0", "--no-interactive", "-q"), [
                 "--start-position=%d" % start, "--videosink=videoconvert ! " + picture + sinks[0],
                 "--audiosink=" + sound + sinks[1], url]
-        environment = {"GST_DEBUG": "2,basesink:5", "GST_DEBUG_NO_COLOR": "1", "GST_PLUGIN_FEATURE_RANK": "avdec_mjpeg:MAX"}
+        environment = {"GST_DEBUG": "2,basesink:5", "GST_DEBUG_NO_COLOR": "1", "GST_PLUGIN_FEATURE_RANK": "jpegparse:MAX,jpegdec:NONE"}
         super().__init__(Child(name, folder, ["env", *("%s=%s" % e for e in environment.items()), *program, *arguments]), audio)
 
     def found(self):
@@ -281,7 +280,7 @@ def skew(pictures, clicks, sums):
     number = {s: i for i, s in enumerate(sums)}
     for click in reversed(clicks):
         lines = [t - number[s] / FPS for t, s in pictures if t is not None and s in number and abs(t - click) < 0.5]
-        if lines:
+        if lines and max(t for t, _ in pictures if t is not None) > click + 0.2:  # the end of the sound is no click
             return (click - statistics.median(lines) + CLICK / 2) % CLICK - CLICK / 2
     return None
 
@@ -341,7 +340,7 @@ class Row:
                     report(*column, self._copied(child, path))
 
     def _record(self):
-        pusher = self._add(self.pusher.push("push-rec", self.server.url("rec/cam"), "short", self.dir, ["-readrate", "4"]))
+        pusher = self._add(self.pusher.push("push-rec", self.server.url("rec/cam"), "short", self.dir))
         pusher.wait(60)
         end = time.monotonic() + 20
         while time.monotonic() < end and not self.recording:
