@@ -62,6 +62,7 @@ ROWS = [*("ffmpeg %s %s" % (kind, transport) for kind in FFMPEG_PUSHERS for tran
 DECODERS = {"h264": "rtph264depay ! h264parse ! avdec_h264", "h265": "rtph265depay ! h265parse ! avdec_h265",
             "jpeg": "rtpjpegdepay ! avdec_mjpeg", "aac": "rtpmp4gdepay ! aacparse ! avdec_aac",
             "pcma": "rtppcmadepay ! alawdec", "pcmu": "rtppcmudepay ! mulawdec"}
+QUEUE = "queue max-size-time=0 max-size-bytes=0 max-size-buffers=500"  # longer than an encoder looks ahead
 PARSERS = {"h264": " ! h264parse", "h265": " ! h265parse"}  # for a file, which rtspclientsink does without
 RATES = {"aac": 44100, "pcma": 8000, "pcmu": 8000}
 
@@ -116,10 +117,10 @@ class Pusher:
 
     def _gst(self, source, sink, parser=""):
         video, audio = self.encoders[0] + parser, self.encoders[1]
-        line = "filesrc location=%s ! matroskademux name=d d.video_0 ! queue ! identity sync=true ! %s ! s. " % (
-            os.path.join(self.folder, source + ".mkv"), video)
+        line = "filesrc location=%s ! matroskademux name=d d.video_0 ! %s ! identity sync=true ! %s ! s. " % (
+            os.path.join(self.folder, source + ".mkv"), QUEUE, video)
         if audio:
-            line += "d.audio_0 ! queue ! identity sync=true ! audioconvert ! %s ! s. " % audio
+            line += "d.audio_0 ! %s ! identity sync=true ! audioconvert ! %s ! s. " % (QUEUE, audio)
         return (line + sink).split()
 
     def push(self, name, url, source, folder):
