@@ -55,16 +55,17 @@ GST_PUSHERS = {
     "gst-x264enc": ("x264enc key-int-max=%d" % GOP, "", "h264", ""),
     "gst-x265enc": ("x265enc key-int-max=%d speed-preset=ultrafast" % GOP, "", "h265", ""),
     "gst-jpegenc": ("jpegenc", "", "jpeg", ""),
-    "gst-avenc_aac": ("x264enc key-int-max=%d" % GOP, "avenc_aac", "h264", "aac"),
+    "gst-avenc_aac": ("x264enc key-int-max=%d" % GOP, "avenc_aac", "h264", "latm"),
 }
 ROWS = [*("ffmpeg %s %s" % (kind, transport) for kind in FFMPEG_PUSHERS for transport in ("tcp", "udp")),
         *(kind + " as-it-is" for kind in GST_PUSHERS)]
 DECODERS = {"h264": "rtph264depay ! h264parse ! avdec_h264", "h265": "rtph265depay ! h265parse ! avdec_h265",
             "jpeg": "rtpjpegdepay ! avdec_mjpeg", "aac": "rtpmp4gdepay ! aacparse ! avdec_aac",
+            "latm": "rtpmp4adepay ! aacparse ! avdec_aac",
             "pcma": "rtppcmadepay ! alawdec", "pcmu": "rtppcmudepay ! mulawdec"}
 QUEUE = "queue max-size-time=0 max-size-bytes=0 max-size-buffers=500"  # longer than an encoder looks ahead
 PARSERS = {"h264": " ! h264parse", "h265": " ! h265parse"}  # for a file, which rtspclientsink does without
-RATES = {"aac": 44100, "pcma": 8000, "pcmu": 8000}
+RATES = {"aac": 44100, "latm": 44100, "pcma": 8000, "pcmu": 8000}
 
 TRANSPORTS = ("tcp", "udp", "http")
 PLAYERS = ("ffmpeg", "ffplay", "mpv", "playbin", "rtspsrc")
@@ -83,6 +84,8 @@ KNOWN = [  # what does not work, as "cell: what is seen", and the cause
      "ffmpeg puts many frames of AAC in a packet. 15 seconds after the start the sound is 3 ms off."),
     (r"/recorded/playbin-udp: ",
      "What is under way over UDP while GStreamer seeks meets a source that is taken apart (\"not-linked\")."),
+    (r"^gst-avenc_aac .*/(recorded|exported)/.*: no (sound|picture)",
+     "rtspclientsink sends AAC as MP4A-LATM, which is passed on live; recordings hold AAC as MPEG4-GENERIC alone."),
     (r"/playbin-\w+: (no sound|no picture)",
      "playbin leaves out a track when rtspsrc says too early that there are no more; rtspsrc in a pipeline links it later."),
     (r"/(playbin|rtspsrc)-\w+: pictures \d+ to 198 of 200, ended",
