@@ -113,6 +113,25 @@ TEST_F(UdpPushTest, ReachesPlayersInOrder)
 }
 
 // Its reports alone keep it, its requests do not.
+// The request for the end may overtake them, and those behind a lost one wait.
+TEST_F(UdpPushTest, LosesNothingAtItsEnd)
+{
+    Start("UdpPushers=1");
+    Announce(1);
+    SetUp(0);
+    ASSERT_THAT(Ask(&pusher, "RECORD"), kIsOk);
+    Describe(&player);
+    ASSERT_EQ(1, RtspSetup(&player, 0, RTSP_OVER_TCP));
+    ASSERT_EQ(1, RtspPlay(&player));
+    for (int nNumber : {0, 1, 2, 3, 4, 5})
+        SendPacket(0, nNumber);
+    ASSERT_NE(0, RtspSend(&pusher, "TEARDOWN", nullptr));
+    for (int nNumber : {6, 8})
+        SendPacket(0, nNumber);
+    EXPECT_EQ("0 1 2 3 4 5 6 8 ", Numbers(0, 8));
+    EXPECT_EQ(1, RtspWaitClosed(&pusher));
+}
+
 TEST_F(UdpPushTest, EndsWhenNothingComesAnyMore)
 {
     Start("UdpPushers=1");

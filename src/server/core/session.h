@@ -133,6 +133,7 @@ struct SessionDatagrams {
     uint32_t tHeard = 0;  // uptime in seconds when the last one came
     int bWatch = 0;       // the task that ends it when none comes runs
     int bWaits = 0;       // the task that hands on what waits for those before it is scheduled
+    int bEnds = 0;        // the pusher has asked for the end, and the last ones are waited for
 };
 
 // A start from the cache that takes several tasks. Until it is through, what is pushed reaches the player by

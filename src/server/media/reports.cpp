@@ -101,11 +101,8 @@ static void MakeOwn(Program *pProg, TrackReport *pReport)
                 &nNtpFrac);
     size_t n = RtcpMakeSR(pReport->bytes, pReport->nSsrc, nNtpSec, nNtpFrac, pReport->nRtpTime,
                           pReport->nPackets, pReport->nOctets);
-    size_t nText = RtcpMakeSDES(pReport->bytes + n, kMaxReportBytes - n, pReport->nSsrc, pProg->szName);
-    if (nText)
-        PutBe(pReport->bytes + n + 9, 1,
-              static_cast<uint32_t>(strlen(pProg->szName)));  // RFC 3550, section 6.5
-    pReport->nBytes = static_cast<uint32_t>(n + nText);
+    n += RtcpMakeCname(pReport->bytes + n, kMaxReportBytes - n, pReport->nSsrc, pProg->szName);
+    pReport->nBytes = static_cast<uint32_t>(n);
 }
 
 static int OnReportTick(Task *pTask, uint32_t, uint32_t nNow, uint32_t)
@@ -137,6 +134,17 @@ void ReportsExpect(Session *pPusher, TrackReport *pReport)
 
 // --- From peers ---
 
+// A pusher's report as players get it. One that does not name its source (ffmpeg's) gets the program's name:
+// players bring only tracks of one name together (RFC 3550, section 6.5.1).
+static void KeepPushed(const Program *pProg, TrackReport *pReport, const uint8_t *pRtcp, size_t nBytes)
+{
+    size_t n = RtcpCopySender(pRtcp, nBytes, pReport->bytes, kMaxReportBytes);
+    if (n == 4 + kSenderBytes)
+        n += RtcpMakeCname(pReport->bytes + n, kMaxReportBytes - n,
+                           static_cast<uint32_t>(GetBe(pReport->bytes + 4, 4)), pProg->szName);
+    pReport->nBytes = static_cast<uint32_t>(n);
+}
+
 static void PassOn(Program *pProg, unsigned nTrack, const uint8_t *pRtcp, size_t nBytes)
 {
     SenderReport report;
@@ -149,7 +157,7 @@ static void PassOn(Program *pProg, unsigned nTrack, const uint8_t *pRtcp, size_t
         return;
     report.nRtpTime += pInfo->rewrite.nStampShift;
     TimeNoteReport(pProg, nTrack, &report);
-    pTold->nBytes = static_cast<uint32_t>(RtcpCopySender(pRtcp, nBytes, pTold->bytes, kMaxReportBytes));
+    KeepPushed(pProg, pTold, pRtcp, nBytes);
     RewriteReport(&pInfo->rewrite, pTold->bytes, pTold->nBytes);
     PutBe(pTold->bytes + 8, 4, report.nNtpSec);
     PutBe(pTold->bytes + 12, 4, report.nNtpFrac);

@@ -63,6 +63,14 @@ size_t RtcpMakeSDES(uint8_t *pOut, size_t nRoom, uint32_t nSsrc, const char *szC
     return nBytes;
 }
 
+size_t RtcpMakeCname(uint8_t *pOut, size_t nRoom, uint32_t nSsrc, const char *szCname)
+{
+    size_t nBytes = RtcpMakeSDES(pOut, nRoom, nSsrc, szCname);
+    if (nBytes)
+        PutBe(pOut + 9, 1, static_cast<uint32_t>(strlen(szCname)));
+    return nBytes;
+}
+
 size_t RtcpMakeRR(uint8_t *pOut, uint32_t nSsrc, unsigned nBlocks)
 {
     PutHead(pOut, nBlocks, RTCP_RR, 8 + size_t{24} * nBlocks);
@@ -260,7 +268,8 @@ static size_t MakeReport(Session *pSession, int nTrack, ReportKind eKind, uint8_
     uint8_t *pPacket = pOut + nPrefix;
     size_t n =
         RtcpMakeSR(pPacket, pTrack->nSsrc, nNtpSec, nNtpFrac, nRtpTime, pTrack->nPackets, pTrack->nOctets);
-    n += RtcpMakeSDES(pPacket + n, nRoom - nPrefix - n, pTrack->nSsrc, szName);
+    auto pfnMakeName = PlaysStandard(pSession) ? RtcpMakeCname : RtcpMakeSDES;
+    n += pfnMakeName(pPacket + n, nRoom - nPrefix - n, pTrack->nSsrc, szName);
     if (eKind == ReportKind::Bye)
         n += RtcpMakeBYE(pPacket + n, nRoom - nPrefix - n, pTrack->nSsrc, "completed");
     if (nPrefix) {

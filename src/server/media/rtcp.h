@@ -13,7 +13,9 @@ namespace orx {
 size_t RtcpMakeSR(uint8_t *pOut, uint32_t nSsrc, uint32_t nNtpSec, uint32_t nNtpFrac, uint32_t nRtpTime,
                   uint32_t nPackets, uint32_t nOctets);  // 28 bytes
 size_t RtcpMakeSDES(uint8_t *pOut, size_t nRoom, uint32_t nSsrc,
-                    const char *szCname);                            // 0 when there is no room
+                    const char *szCname);  // 0 when there is no room
+// The same for standard peers, whose item has the text's own length (RFC 3550, section 6.5).
+size_t RtcpMakeCname(uint8_t *pOut, size_t nRoom, uint32_t nSsrc, const char *szCname);
 size_t RtcpMakeRR(uint8_t *pOut, uint32_t nSsrc, unsigned nBlocks);  // 8 bytes; blocks follow
 struct RtcpBlock {
     uint32_t nSsrc;

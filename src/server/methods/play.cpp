@@ -11,6 +11,7 @@
 #include "base/textbuf.h"
 #include "base/textnumber.h"
 #include "record/playline.h"
+#include "record/reorder.h"
 #include "runtime/clock.h"
 #include "server/core/program.h"
 #include "server/core/settings.h"
@@ -435,8 +436,22 @@ Verdict HandlePause(Session *pSession, Port *pPort, Request *)
     return ReplySession(pSession, pPort);
 }
 
+// Datagrams may be slower than the request that ends them, and the last ones wait for those before them.
+static int AwaitDatagrams(Session *pSession)
+{
+    if (!(pSession->nFlags & SESSION_PUSHER) || pSession->out.bInterleaved || !pSession->datagrams.bWatch ||
+        pSession->datagrams.bEnds)
+        return 0;
+    pSession->datagrams.bEnds = 1;
+    pSession->hold.bStep = 1;
+    pSession->hold.nDelayMs = 2 * kReorderMs;
+    return 1;
+}
+
 Verdict HandleTeardown(Session *pSession, Port *pPort, Request *)
 {
+    if (AwaitDatagrams(pSession))
+        return Verdict::Later;
     if (pSession->pProg) {
         pSession->nState = STATE_TORNDOWN;
         // so standard encoders leave every time; their players would wait for media without an end

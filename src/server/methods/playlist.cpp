@@ -82,11 +82,11 @@ static size_t WriteList(char *szList, const Account *pAccount, PictureSize scree
     return text.nLen + 2;
 }
 
-// Part of the protocol: numbered 1, whatever the request's number is.
+// Part of the protocol: numbered 1, whatever the request's number is; standard players look for theirs.
 static Verdict ReplyUnauthorized(Session *pSession, Port *pPort)
 {
     Message reply(pSession, pPort);
-    ReplyBeginNumbered(&reply, STATUS_UNAUTHORIZED, 1);
+    ReplyBeginNumbered(&reply, STATUS_UNAUTHORIZED, g_settings.bStandardPlayers ? pSession->nCSeq : 1);
     return MessageSend(&reply);
 }
 
