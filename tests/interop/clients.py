@@ -155,7 +155,10 @@ class Gst(Child):
             except subprocess.TimeoutExpired:
                 status = super().stop(seconds)
                 return 0 if status == -signal.SIGINT else status
-        status = self.wait(seconds)
+        return self.wait(seconds)
+
+    def wait(self, seconds):
+        status = super().wait(seconds)
         return 0 if status == 1 and self.CUT_OFF in super().output() else status
 
     def output(self):
