@@ -40,15 +40,17 @@ static size_t MakeFarewell(const SessionTrack *pTrack, uint32_t nSsrc, int bInte
 
 void SayFarewell(Session *pPlayer)
 {
-    if (!g_settings.bStandardPushers || pPlayer->nState != STATE_PLAYING)
+    int bPlayed = pPlayer->nState == STATE_PLAYING || pPlayer->nState == STATE_PAUSED;
+    if (!g_settings.bStandardPushers || !bPlayed)
         return;
     uint8_t text[64];
     for (int i = 0; i < pPlayer->out.nTracks && i < pPlayer->pProg->desc.nTrackCount; i++) {
         const SessionTrack *pTrack = &pPlayer->tracks[i];
         const TrackRewrite *pRewrite = &pPlayer->pProg->desc.mediaInfos[i].rewrite;
-        if (!pTrack->bSetUp || !pRewrite->bKnown)
+        if (!pTrack->bSetUp)
             continue;
-        size_t n = MakeFarewell(pTrack, pRewrite->nLastSsrc, pPlayer->out.bInterleaved, text, sizeof(text));
+        uint32_t nSsrc = pRewrite->bKnown ? pRewrite->nLastSsrc : pTrack->nSsrc;  // as SETUP told it
+        size_t n = MakeFarewell(pTrack, nSsrc, pPlayer->out.bInterleaved, text, sizeof(text));
         const Port *pPort = pTrack->Control;
         DataBlock *pBlock = pPlayer->out.bInterleaved ? MakeDataBlock(text, n, 0, 0, 1) : nullptr;
         if (pBlock)
