@@ -40,12 +40,12 @@ struct MediaClock {
     uint32_t nLastRtpTime = 0;  // of the last packet
     int64_t nExtTime = 0;       // the same extended to 64 bits, so that its wrap does not reach the cache
     uint32_t nTimeShift = 0;    // added to its ms, so that all tracks share a time line that does not jump
-    uint32_t nMs = 0;           // NeverLose: what the last packet got
+    uint32_t nMs = 0;           // what the last packet got, where jumps do not show
     uint32_t nArrivedMs = 0;    // and ClockMs then
     ReportClock report;
 };
 
-// NeverLose: where the tracks of a program are in time, and their last jump.
+// NeverLose and StandardPushers: where the tracks of a program are in time, and their last jump.
 struct MediaLine {
     int bKnown = 0;           // a packet has come; the next two are set
     uint32_t nMs = 0;         // of the last packet, of whatever track

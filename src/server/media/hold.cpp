@@ -40,15 +40,17 @@ static size_t MakeFarewell(const SessionTrack *pTrack, uint32_t nSsrc, int bInte
 
 void SayFarewell(Session *pPlayer)
 {
-    if (!g_settings.bStandardPushers || pPlayer->nState != STATE_PLAYING)
+    int bPlayed = pPlayer->nState == STATE_PLAYING || pPlayer->nState == STATE_PAUSED;
+    if (!g_settings.bStandardPushers || !bPlayed)
         return;
     uint8_t text[64];
     for (int i = 0; i < pPlayer->out.nTracks && i < pPlayer->pProg->desc.nTrackCount; i++) {
         const SessionTrack *pTrack = &pPlayer->tracks[i];
         const TrackRewrite *pRewrite = &pPlayer->pProg->desc.mediaInfos[i].rewrite;
-        if (!pTrack->bSetUp || !pRewrite->bKnown)
+        if (!pTrack->bSetUp)
             continue;
-        size_t n = MakeFarewell(pTrack, pRewrite->nLastSsrc, pPlayer->out.bInterleaved, text, sizeof(text));
+        uint32_t nSsrc = pRewrite->bKnown ? pRewrite->nLastSsrc : pTrack->nSsrc;  // as SETUP told it
+        size_t n = MakeFarewell(pTrack, nSsrc, pPlayer->out.bInterleaved, text, sizeof(text));
         const Port *pPort = pTrack->Control;
         DataBlock *pBlock = pPlayer->out.bInterleaved ? MakeDataBlock(text, n, 0, 0, 1) : nullptr;
         if (pBlock)
@@ -92,20 +94,40 @@ void HoldEnd(Program *pProg)
     ProgramGiveUp(pProg);
 }
 
-// The configuration of a decoder that is not in the stream: of sound alone, that of pictures may change.
-static std::string_view AudioConfig(const Description *pDesc)
+// The format line of the next section of sound. Returns 0 when there is none.
+static int NextSound(SdpWalk *pWalk, std::string_view *pFormat)
 {
-    std::string_view config;
-    if (pDesc->nAudioTrack < 0 || !SdpFind(pDesc->szSdp, "config=", SDP_ANYWHERE, &config))
-        return {};
-    return config.substr(0, config.find_first_of("; \r\n"));
+    SdpSection section;
+    SdpMedia media;
+    while (SdpNextSection(pWalk, &section))
+        if (SdpReadMedia(section.own, SDP_MEDIA_SCAN, &media) &&
+            SdpMediaKind(media.media) == MEDIA_AUDIO_OTHER) {
+            *pFormat = SdpReadFormat(section.own);
+            return 1;
+        }
+    return 0;
+}
+
+// Whether decoders of sound are told the same that is not in the stream; what those of pictures are may
+// change.
+static int SameSound(const Description *pOld, const Description *pNew)
+{
+    static constexpr std::string_view told[] = {"config",           "mode",       "sizelength", "indexlength",
+                                                "indexdeltalength", "octet-align"};
+    SdpWalk oldWalk = SdpSections(pOld->szSdp, SDP_LINE_OR_CR);
+    SdpWalk newWalk = SdpSections(pNew->szSdp, SDP_LINE_OR_CR);
+    std::string_view a, b;
+    while (NextSound(&oldWalk, &a) && NextSound(&newWalk, &b))
+        for (std::string_view name : told)
+            if (SdpFormatValue(a, name) != SdpFormatValue(b, name))
+                return 0;
+    return 1;
 }
 
 int HoldSuits(const Program *pProg, const Description *pNew)
 {
     const Description *pOld = &pProg->desc;
-    if (pProg->hold.nNumber == 0 || pOld->nTrackCount != pNew->nTrackCount ||
-        AudioConfig(pOld) != AudioConfig(pNew))
+    if (pProg->hold.nNumber == 0 || pOld->nTrackCount != pNew->nTrackCount || !SameSound(pOld, pNew))
         return 0;
     for (int i = 0; i < pOld->nTrackCount; i++) {
         const MediaInfo &a = pOld->mediaInfos[i];

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "base/assertion.h"
+#include "base/console.h"
 #include "base/datablock.h"
 #include "runtime/clock.h"
 #include "server/core/settings.h"
@@ -25,12 +26,19 @@ constexpr int32_t kLargeMs = 1000;  // an error that is not to stay for long
 constexpr int32_t kGentle = 8;      // of the time gone by, the part that is corrected
 constexpr int32_t kHasty = 2;
 
+// Whether a jump of the stamps does not show in the times: where nothing is to be lost, and of standard
+// pushers, whose players and recordings go on.
+static int KeepsLine()
+{
+    return g_settings.bNeverLose || g_settings.bStandardPushers;
+}
+
 // How far the clock has gone on since the last packet. Half a turn of it and more is told by the time that
-// went by, where nothing is to be lost.
+// went by, on a line that is kept.
 static int64_t ClockStep(const MediaClock *pClock, uint32_t nTimeScale, uint32_t nRtpTime)
 {
     uint32_t nStep = nRtpTime - pClock->nLastRtpTime;
-    if (!g_settings.bNeverLose)
+    if (!KeepsLine())
         return static_cast<int32_t>(nStep);
     int64_t nDue = int64_t{ClockMs() - pClock->nArrivedMs} * nTimeScale / 1000;
     return nDue + static_cast<int32_t>(nStep - static_cast<uint32_t>(nDue));
@@ -101,7 +109,8 @@ static int32_t CorrectTime(ReportClock *pReport, int32_t nStep)
     if (pReport->nErrorMs > kLargeMs)
         return std::exchange(pReport->nErrorMs, 0);
     int32_t nPart = std::abs(pReport->nErrorMs) > kLargeMs ? kHasty : kGentle;
-    pReport->nGoneMs += std::max(nStep, 0);
+    nStep = std::clamp(nStep, 0, kAheadMs);
+    pReport->nGoneMs += nStep;
     int32_t nMost = std::clamp(pReport->nGoneMs / nPart, 0, std::max(nStep - 1, 0));
     pReport->nGoneMs %= nPart;
     int32_t nMove = std::clamp(pReport->nErrorMs, -nMost, nMost);
@@ -142,8 +151,8 @@ static uint32_t TimeOfStamp(const MediaInfo *pInfo, uint32_t nRtpTime)
 static int TakeReport(const MediaInfo *pInfo, ReportClock *pClock, const SenderReport *pReport,
                       uint32_t nNtpMs)
 {
-    int32_t nOff =
-        ClockDiff(nNtpMs, pClock->nNtpMs) - RtpDistance(pInfo, pReport->nRtpTime, pClock->nRtpTime);
+    auto nRtpMs = static_cast<uint32_t>(RtpDistance(pInfo, pReport->nRtpTime, pClock->nRtpTime));
+    int32_t nOff = ClockDiff(nNtpMs - pClock->nNtpMs, nRtpMs);
     int bSteady = !pClock->bKnown || (nOff <= kSteadyMs && nOff >= -kSteadyMs);
     pClock->bKnown = 1;
     pClock->nRtpTime = pReport->nRtpTime;
@@ -246,14 +255,18 @@ static uint32_t JoinLine(const MediaLine *pLine, uint32_t nMs)
 
 // A jump of a track by nJump ms. Where another's was the same shortly before, sets it to that, so that they
 // stay together. Returns the block's flags.
-static uint32_t NoteJump(MediaLine *pLine, unsigned nTrack, uint32_t *pnJump)
+static uint32_t NoteJump(Program *pProg, unsigned nTrack, uint32_t *pnJump)
 {
+    MediaLine *pLine = &pProg->line;
     int32_t nOff = ClockDiff(*pnJump, pLine->nJump);
     if (pLine->bJumped && pLine->nJumpTrack != nTrack && ClockMs() - pLine->nJumpedMs < kOneJumpMs) {
         if (nOff < kSameJumpMs && nOff > -kSameJumpMs)
             *pnJump = pLine->nJump;
         return DB_JUMP;
     }
+    if (g_settings.bStandardPushers && (!pLine->bJumped || ClockMs() - pLine->nJumpedMs >= kOneJumpMs))
+        print("Program(%s): the clock of its track %u jumped by %d ms.\r\n", pProg->szName, nTrack,
+              ClockDiff(0, *pnJump));
     pLine->bJumped = 1;
     pLine->nJumpTrack = nTrack;
     pLine->nJumpedMs = ClockMs();
@@ -278,7 +291,7 @@ static uint32_t FollowLine(Program *pProg, unsigned nTrack, int bFirst, uint32_t
         nJump = nDue - *pMs;
         int bAside = static_cast<int>(nTrack) == pProg->desc.nDataTrack ||
                      pProg->desc.mediaInfos[nTrack].nMediaType == MEDIA_CARRIED;
-        nFlags = bAside ? DB_JUMP : NoteJump(pLine, nTrack, &nJump);
+        nFlags = bAside ? DB_JUMP : NoteJump(pProg, nTrack, &nJump);
     }
     if (nFlags)
         pClock->report = ReportClock();  // what was told of the stamps before the jump holds no more
@@ -295,7 +308,7 @@ int PacketTime(Program *pProg, unsigned nTrack, uint32_t nRtpTime, uint32_t *pMs
     int bFirst = !pProg->desc.mediaInfos[nTrack].clock.bTimeKnown;
     if (!MediaTime(pProg, nTrack, nRtpTime, pMs))
         return 0;
-    *pnFlags = g_settings.bNeverLose ? FollowLine(pProg, nTrack, bFirst, pMs) : 0;
+    *pnFlags = KeepsLine() ? FollowLine(pProg, nTrack, bFirst, pMs) : 0;
     return 1;
 }
 

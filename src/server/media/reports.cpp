@@ -93,12 +93,36 @@ static int64_t WallTime(MediaLine *pLine, uint32_t nMs)
     return pLine->nWallUs;
 }
 
+// The pusher's wall clock at nMs of the line, where it tells of it on another track: players put both
+// together by it. Returns 0 where it does not.
+static int PushedWallTime(const Program *pProg, uint32_t nMs, uint32_t *pNtpSec, uint32_t *pNtpFrac)
+{
+    for (int i = 0; i < pProg->desc.nTrackCount; i++) {
+        const MediaInfo *pInfo = &pProg->desc.mediaInfos[i];
+        const TrackReport *pTold = &pInfo->report;
+        SenderReport told;
+        if (!pTold->bPushed || pTold->nPackets == 0 || pInfo->nTimeScale == 0 ||
+            !RtcpReadSender(pTold->bytes, pTold->nBytes, &told) || NtpOf(&told) == 0)
+            continue;
+        int64_t nTicks = static_cast<int32_t>(told.nRtpTime - pTold->nRtpTime);
+        auto nToldMs = static_cast<uint32_t>(pTold->nMs + nTicks * 1000 / pInfo->nTimeScale);
+        int64_t nLater = ClockDiff(nMs, nToldMs) * (int64_t{1} << 32) / 1000;
+        uint64_t nNtp = NtpOf(&told) + static_cast<uint64_t>(nLater);
+        *pNtpSec = static_cast<uint32_t>(nNtp >> 32);
+        *pNtpFrac = static_cast<uint32_t>(nNtp);
+        return 1;
+    }
+    return 0;
+}
+
 static void MakeOwn(Program *pProg, TrackReport *pReport)
 {
-    int64_t nUs = WallTime(&pProg->line, pReport->nMs);
     uint32_t nNtpSec, nNtpFrac;
-    NtpFromTime(static_cast<uint32_t>(nUs / 1000000), static_cast<uint32_t>(nUs % 1000000), &nNtpSec,
-                &nNtpFrac);
+    if (!PushedWallTime(pProg, pReport->nMs, &nNtpSec, &nNtpFrac)) {
+        int64_t nUs = WallTime(&pProg->line, pReport->nMs);
+        NtpFromTime(static_cast<uint32_t>(nUs / 1000000), static_cast<uint32_t>(nUs % 1000000), &nNtpSec,
+                    &nNtpFrac);
+    }
     size_t n = RtcpMakeSR(pReport->bytes, pReport->nSsrc, nNtpSec, nNtpFrac, pReport->nRtpTime,
                           pReport->nPackets, pReport->nOctets);
     n += RtcpMakeCname(pReport->bytes + n, kMaxReportBytes - n, pReport->nSsrc, pProg->szName);

@@ -19,6 +19,9 @@ TEST(HoldSuits, WhatPlayersCanGoOnWith)
     const std::pair<std::string, int> cases[] = {
         {video + audio, 1},
         {"m=video 0 RTP/AVP 99\r\na=rtpmap:99 h264/90000\r\na=framesize:99 640-480\r\n" + audio, 1},
+        {video + "a=fmtp:96 config=000001B001\r\n" + audio, 1},
+        {video + "m=audio 0 RTP/AVP 97\r\na=rtpmap:97 mpeg4-generic/44100/2\r\na=fmtp:97 config=1210;mode=AAC-lbr\r\n",
+         0},
         {video, 0},
         {video + audio + "m=text 0 RTP/AVP 98\r\na=rtpmap:98 t140/1000\r\n", 0},
         {audio + video, 0},

@@ -80,4 +80,28 @@ TEST(TimeNoteReport, BringsTracksTogether)
     g_settings.bStandardPushers = g_settings.bNeverLose = 0;
 }
 
+// A pusher's jumps and lies show neither in a player's times nor in those of a recording.
+TEST(PacketTime, GoesOnWhereStampsJump)
+{
+    g_settings.bStandardPushers = 1;
+    Program *pProg = ProgramNew("/cam", &g_testOps);
+    pProg->desc.mediaInfos[0].nTimeScale = 90000;
+    uint32_t nStamp = 5000, nLast = 0, nNowMs = 1000000;
+    for (uint32_t nJump : {0U, 600U * 90000, 0U - 600U * 90000, 0x7FFFFFFFU, 0x80000000U, 0U - 90000U * 3}) {
+        nStamp += nJump;
+        for (int i = 0; i < 3; i++) {
+            const SenderReport lie{1, nStamp * 7, nJump, nStamp + nJump + 0x80000000U * (i & 1)};
+            uint32_t nTime, nFlags;
+            ClockSetOffset(nNowMs += 40);
+            ASSERT_EQ(1, PacketTime(pProg, 0, nStamp += 3600, &nTime, &nFlags));
+            TimeNoteReport(pProg, 0, &lie);
+            EXPECT_TRUE(nLast == 0 || (ClockDiff(nTime, nLast) > 0 && ClockDiff(nTime, nLast) < 200)) << nJump;
+            nLast = nTime;
+        }
+    }
+    ProgramDiscard(pProg);
+    ClockSetOffset(0);
+    g_settings.bStandardPushers = 0;
+}
+
 }  // namespace orx
