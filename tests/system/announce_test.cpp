@@ -119,6 +119,7 @@ TEST_F(AnnounceTest, FindsTracksByTheirControls)
         {"x", "y", "/p=1", "400 Bad Request(invalid trackID"},
         {"x", "y", "/p=1/z", "400 Bad Request(invalid trackID"},
         {"x", nullptr, "/p=1", "interleaved=0-1\r\n"},  // the only one
+        {"x", nullptr, "/p=1/?key=v", "interleaved=0-1\r\n"},
     };
     for (const auto &row : rows) {
         RtspClient encoder;

@@ -165,6 +165,7 @@ TEST_F(PlayerTest, ServesStandardPlayers)
     server.Start();
     ASSERT_EQ(1, RtspOpenPusher(&pusher, server.Url("/cam/?key=a=b").c_str(), CameraSdp(2)));
     Connect(&player);
+    const std::string overTcp = "X:\r\nAccept: a\r\nAccept: b\r\n" + kOverTcp;
     const std::string session = "\r\nSession: SESSION;timeout=60\r\n", none = "\r\n" + kNoCache + "\r\n";
     const struct {
         const char *szMethod, *szPath, *szHeaders;
@@ -176,10 +177,12 @@ TEST_F(PlayerTest, ServesStandardPlayers)
         {"DESCRIBE", "/cam/?t=1", "Session: 12\r\n", "200 OK",
          "\r\nContent-Base: " + server.Url("/cam/") + "\r\nContent-Type"},
         {"SETUP", "/cam?t=1", kOverTcp.c_str(), "400 Bad Request(invalid trackID in SETUP)", none},
-        {"SETUP", "/cam?t=1/trackID=1", kOverTcp.c_str(), "200 OK", "interleaved=2-3"},
+        {"SETUP", "/cam/trackID=0", "Transport:\r\n", "400 Bad Request", none},
+        {"SETUP", "/cam?t=1/trackID=1", overTcp.c_str(), "200 OK", "interleaved=2-3"},
         {"SETUP", "/cam/trackID=0?t=1", kOverTcp.c_str(), "200 OK", session},
         {"PLAY", "/cam/", "Session: 12\r\n", "454 Session Not Found", none},
-        {"PLAY", "/cam/", "", "200 OK", session},
+        {"PLAY", "/cam/?t=1", "", "200 OK", "RTP-Info: url=" + server.Url("/cam/trackID=0")},
+        {"RECORD", "/cam/", "", "455 Method Not Valid in This State", none},
         {"PLAY", "/cam/", "Range: npt=now-\r\n", "200 OK", session + "Date: RFC1123\r\n\r\n"},
         {"DESCRIBE", "/cam", "", "200 OK", "\r\n\r\nv=0"},
         {"DESCRIBE", "/other", "", "455 Method Not Valid in This State", none},

@@ -18,6 +18,12 @@ struct RequestHeader {
     Str value = nullptr;
 };
 
+// Standard clients send headers that nothing here asks for.
+static int TakesStandard()
+{
+    return g_settings.bStandardPushers || g_settings.bStandardPlayers;
+}
+
 // A run of bytes inside the block that is parsed.
 struct Span {
     const char *p;
@@ -161,8 +167,15 @@ static int ParseStartLine(Request *pRequest, Span line)
     return SetText(&pRequest->version, TakeToken(&version));
 }
 
-// Enters a header. A name that came before makes the request malformed; only "User-Agent", which nothing here
-// reads, may come twice, because some players' extensions add a second one.
+// Whether a name may come again: "User-Agent", which nothing here reads, because some players' extensions add
+// a second one; of standard clients whatever does not tell where the message ends. The first one counts.
+static int MayRepeat(const char *szName)
+{
+    return strcasecmp(szName, "User-Agent") == 0 ||
+           (TakesStandard() && strcasecmp(szName, "Content-Length") != 0);
+}
+
+// Enters a header. A name that came before makes the request malformed, unless it may be repeated.
 static int AddHeader(Request *pRequest, Span name, Span value)
 {
     auto *pHeader = new (std::nothrow) RequestHeader;
@@ -172,13 +185,13 @@ static int AddHeader(Request *pRequest, Span name, Span value)
     SetText(&pHeader->value, value);
     AvlKey key = AvlTextKey(StrText(pHeader->name));
     int bRepeated = AvlFind(&pRequest->headers, key) != nullptr;
-    int bMayRepeat = strcasecmp(StrText(pHeader->name), "User-Agent") == 0;
+    int bMayRepeat = bRepeated && MayRepeat(StrText(pHeader->name));
     if (!bRepeated && AvlInsert(&pRequest->headers, key, pHeader))
         return 1;
     StrDestroy(&pHeader->name);
     StrDestroy(&pHeader->value);
     delete pHeader;
-    return bRepeated && bMayRepeat;
+    return bMayRepeat;
 }
 
 static const char *FindLineEnd(Span text)
@@ -198,6 +211,8 @@ static int ParseHeaderLine(Request *pRequest, Span rest, const char *pEnd)
     Span value{pColon + 1, pEnd};
     while (value.p < value.pEnd && TextIsSpace(*value.p))
         value.p++;
+    if (name.Size() > 0 && value.Size() == 0 && TakesStandard())
+        return 1;  // as if it were not there
     if (name.Size() == 0 || value.Size() == 0)
         return -1;
     return AddHeader(pRequest, name, value) ? 1 : -1;

@@ -27,6 +27,14 @@ void SessionCopyTracks(Session *pSession, const Program *pProg)
     }
 }
 
+// The source of a live track: the program's first packet tells of one for all, standard players look for that
+// of each.
+static uint32_t LiveSource(const Program *pProg, int i)
+{
+    const TrackReport *pReport = &pProg->desc.mediaInfos[i].report;
+    return g_settings.bStandardPlayers && pReport->nPackets > 0 ? pReport->nSsrc : pProg->cache.ssrc;
+}
+
 void SessionEnterTrack(Session *pSession, int i)
 {
     const Program *pProg = pSession->pProg;
@@ -36,7 +44,7 @@ void SessionEnterTrack(Session *pSession, int i)
         pSession->nState = STATE_SETUP;
     if (pTrack->bSetUp && IsStandardPeer(pSession))
         return;
-    pTrack->nSsrc = pProg->bLive ? pProg->cache.ssrc : static_cast<uint32_t>(rand());
+    pTrack->nSsrc = pProg->bLive ? LiveSource(pProg, i) : static_cast<uint32_t>(rand());
     pTrack->nNextSeq = pProg->bLive ? 0 : static_cast<uint16_t>(rand());
     pTrack->reception = Reception();
     pTrack->bSetUp = 1;

@@ -58,10 +58,11 @@ static int IsAtWork(const Session *pSession)
            (pProg->cache.nSerial > 0 || pProg->sleep.bSleeping);
 }
 
+// Also one that has paused, or never played: its ports are others' when it has gone.
 static int PlaysUdp(const Session *pSession)
 {
-    return pSession->nState == STATE_PLAYING && !(pSession->nFlags & SESSION_PUSHER) &&
-           !pSession->out.bInterleaved;
+    return pSession->play.nSetupCount > 0 && !(pSession->nFlags & SESSION_PUSHER) &&
+           !pSession->out.bInterleaved && !pSession->hold.pPort;
 }
 
 static int IsOver(const Session *pSession, uint32_t nNow)

@@ -77,7 +77,7 @@ static void AddHead(Message *pMessage, unsigned nHead, uint32_t nCSeq)
     if (nHead & HEAD_SERVER)
         TextAdd(&pMessage->text, "Server: Orx/2.3.1.2\r\n");
     if (nHead & HEAD_CSEQ)
-        TextAdd(&pMessage->text, "CSeq: %d\r\n", static_cast<int>(nCSeq));
+        TextAdd(&pMessage->text, g_settings.bStandardPlayers ? "CSeq: %u\r\n" : "CSeq: %d\r\n", nCSeq);
 }
 
 void ReplyBeginNumbered(Message *pReply, Status eStatus, uint32_t nCSeq)

@@ -15,6 +15,8 @@
 #include "runtime/clock.h"
 #include "server/core/program.h"
 #include "server/core/settings.h"
+#include "server/media/outqueue.h"
+#include "server/media/pace.h"
 #include "server/media/rtcpread.h"
 
 namespace orx {
@@ -320,8 +322,10 @@ static void SendTrackReport(Session *pSession, int nTrack, ReportKind eKind, Dat
         print("MakeDataBlock() failed!\r\n");
     else if (pAfter)
         BlockListInsert(&pSession->out.Outq, pBlock, pAfter, 1);
-    else
-        BlockListAppend(&pSession->out.Outq, pBlock);
+    else  // one that waited behind media that is ahead of its time would tell of a long way to the player
+        QueueBefore(
+            pSession, pBlock,
+            eKind == ReportKind::Cycle && PlaysStandard(pSession) ? PaceFirstHeld(pSession) : nullptr);
 }
 
 // Reports count from this packet on.

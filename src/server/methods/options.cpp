@@ -31,22 +31,24 @@ Verdict HandleGetParameter(Session *pSession, Port *pPort, Request *pRequest)
 }
 
 // Some send nothing that is not listed here.
-static const char *PublicMethods()
+static void AddPublic(TextBuf *pText)
 {
-    if (!g_settings.bStandardPlayers)
-        return "DESCRIBE, SETUP, PLAY, TEARDOWN, SET_PARAMETER, GETCAMINFO, CAMCONTROL";
-    if (!g_settings.bStandardPushers)
-        return "OPTIONS, DESCRIBE, SETUP, PLAY, PAUSE, TEARDOWN, GET_PARAMETER, SET_PARAMETER, GETCAMINFO, "
-               "CAMCONTROL";
-    return "OPTIONS, DESCRIBE, ANNOUNCE, SETUP, PLAY, RECORD, PAUSE, TEARDOWN, GET_PARAMETER, SET_PARAMETER, "
-           "GETCAMINFO, CAMCONTROL";
+    if (!g_settings.bStandardPlayers) {
+        TextAdd(pText, "Public: DESCRIBE, SETUP, PLAY, TEARDOWN, SET_PARAMETER, GETCAMINFO, CAMCONTROL\r\n");
+        return;
+    }
+    TextAdd(pText,
+            "Public: OPTIONS, DESCRIBE, ANNOUNCE, SETUP, PLAY, %sPAUSE, TEARDOWN, GET_PARAMETER, "
+            "SET_PARAMETER, GETCAMINFO, CAMCONTROL, PUTVOICE, QUICKPLAY, SUBSCRIBE, GETPLAYLIST, RECORDEX, "
+            "PUTCAMCFG, RESPOND, REGISTER, GETCFGDIRECT, SETCFGDIRECT, GETWIFIROUTERS\r\n",
+            g_settings.bStandardPushers ? "RECORD, " : "");
 }
 
 Verdict HandleOptions(Session *pSession, Port *pPort, Request *)
 {
     Message reply(pSession, pPort);
     ReplyBegin(&reply, STATUS_OK);
-    TextAdd(&reply.text, "Public: %s\r\n", PublicMethods());
+    AddPublic(&reply.text);
     MessageNoCache(&reply);
     MessageDate(&reply);
     return MessageSend(&reply);

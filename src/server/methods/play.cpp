@@ -168,10 +168,12 @@ static void AddPlayLines(Message *pReply, const Request *pRequest, int bSequence
     MessageDate(pReply);
     TextAdd(&pReply->text, "RTP-Info: ");
     const Session *pSession = pReply->pSession;
+    // that of Content-Base, as it came: a name may hold what was escaped because it separates items here
+    const char *szUrl = g_settings.bStandardPlayers ? RequestBase(pRequest) : RequestUri(pRequest);
     if (g_settings.bStandardPlayers && pSession->pProg->bLive && !(pSession->nFlags & SESSION_PUSHER))
-        WriteLiveInfo(pSession, RequestUri(pRequest), &pReply->text);
+        WriteLiveInfo(pSession, szUrl, &pReply->text);
     else
-        WriteRtpInfo(pSession, RequestUri(pRequest), bSequence, &pReply->text);
+        WriteRtpInfo(pSession, szUrl, bSequence, &pReply->text);
     TextAdd(&pReply->text, "\r\n");
 }
 
@@ -418,6 +420,8 @@ Verdict HandleRecord(Session *pSession, Port *pPort, Request *pRequest)
 {
     if (g_settings.bStandardPushers && (pSession->nFlags & SESSION_PUSHER))
         return HandlePlay(pSession, pPort, pRequest);
+    if (g_settings.bStandardPushers && g_settings.bStandardPlayers)  // it is listed as served
+        return RefuseState(pSession, pPort);
     return HandleUnknown(pSession, pPort, pRequest);
 }
 

@@ -315,7 +315,8 @@ static int FindNamedTrack(const Session *pSession, const Request *pRequest)
 {
     std::string_view whole = TrimSlashes(UriPath(RequestUri(pRequest)));
     std::string_view path = TrimSlashes(RequestPath(pRequest));
-    path = path.substr(0, path.find('?'));
+    if (!g_settings.bStandardPlayers)  // else it has none, and a '?' is part of the name
+        path = TrimSlashes(path.substr(0, path.find('?')));
     for (std::string_view name : {whole, path})
         if (int i = FindControl(pSession, name); i >= 0)
             return i;
@@ -323,7 +324,8 @@ static int FindNamedTrack(const Session *pSession, const Request *pRequest)
     int bProgram = path.size() == uri.size() && strncasecmp(uri.data(), path.data(), uri.size()) == 0;
     if (!bProgram)
         return FindTrack(pSession, LastNumber(path));
-    if (whole.find('/', path.size()) != whole.npos)
+    size_t nQuery = whole.find('?', path.size());
+    if (nQuery != whole.npos && whole.find('/', nQuery) != whole.npos)
         return FindTrack(pSession, LastNumber(whole));
     return pSession->out.nTracks == 1 ? 0 : -1;
 }
