@@ -1,5 +1,6 @@
 // How many sessions one address may hold without doing anything, and for how long: the [GUARD] keys
-// MaxSessionsPerAddress and StateTimeout. And how long a player's socket may take nothing. Scheduler thread only.
+// MaxSessionsPerAddress and StateTimeout. And how long a player's socket may take nothing. Scheduler thread
+// only.
 #pragma once
 
 #include "base/netaddr.h"
