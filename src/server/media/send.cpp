@@ -195,10 +195,12 @@ static int WriteBatch(Session *pSession, Batch *pBatch)
         pFlow->bBlocked = 0;
     }
     int bCounts = pBatch->pPort->nType == PORT_UDP && PaceCountsBytes(pSession);
-    for (int i = 0; bCounts && i < nLeft; i++)
-        pFlow->nRoom -= pBatch->blocks[i]->len;
-    for (int i = 0; i < nLeft && i < pBatch->nBlocks; i++)
-        BlockDone(pSession, pBatch->blocks[i]);
+    for (int i = 0; i < nLeft && i < pBatch->nBlocks; i++) {
+        DataBlock *pBlock = pBatch->blocks[i];
+        if (bCounts)
+            pFlow->nRoom -= pBlock->len;
+        BlockDone(pSession, pBlock);
+    }
     return nResult;
 }
 
