@@ -87,7 +87,7 @@ TEST_F(EventsTest, TakesASocketInParts)
 TEST_F(EventsTest, MediaPortsKnowTheirPeer)
 {
     for (int bPinned : {0, 1}) {
-        g_settings.bPinMedia = bPinned;
+        server.Run([&] { g_settings.bPinMedia = bPinned; });  // which events read
         for (const char *szFrom : {"127.99.0.2", "127.99.0.1"}) {
             server.Run([&] {
                 inet_pton(AF_INET, "127.99.0.1", &pMedia->remote.in4.sin_addr);
@@ -100,7 +100,7 @@ TEST_F(EventsTest, MediaPortsKnowTheirPeer)
             });
         }
     }
-    g_settings.bPinMedia = 0;
+    server.Run([&] { g_settings.bPinMedia = 0; });
 }
 
 static int NoteSessions(Task *pTask, uint32_t, uint32_t, uint32_t)
