@@ -105,6 +105,11 @@ static int RoomForStart(const Session *pSession, const DataBlock *pFirst)
     return 1;
 }
 
+static int IsOverBound(const Session *pSession)
+{
+    return SessionMediaWaiting(pSession) - pSession->flow.nStartHeld > kQueueBytes;
+}
+
 // Whether a crowded queue need not be tried again yet: its socket was full a moment ago, or its timer runs.
 // It is with the packet that takes it over its bound.
 static int WaitsForRoom(Session *pSession, unsigned nItems, uint32_t nNow)
@@ -114,11 +119,10 @@ static int WaitsForRoom(Session *pSession, unsigned nItems, uint32_t nNow)
     SessionFlow *pFlow = &pSession->flow;
     if (pSession->nFlags & SESSION_CATCHES_UP)
         return 1;
-    int bOver = SessionMediaWaiting(pSession) - pFlow->nStartHeld > kQueueBytes;
-    int bCrosses = bOver && !pFlow->bOver;
-    pFlow->bOver = bOver;
-    if (bCrosses)
+    int bOver = IsOverBound(pSession);
+    if (bOver && !pFlow->bOver)
         return 0;
+    pFlow->bOver = bOver;
     uint32_t nLeft = pFlow->nLeft;
     return QueueIsBlocked(pSession, nNow) ||
            (nLeft > 0 && nItems >= nLeft && nItems <= nLeft + kFlushAtOnceAbove);
@@ -136,6 +140,7 @@ static int PushPacket2SessionQueue(Session *pSession, const DataBlock *pBlock, u
     QueueTellCrowded(pSession, nNow);
     int bKeep = Flush(pSession, kGiveUpAbove);
     pSession->flow.nLeft = ListCount(&pSession->out.Outq);
+    pSession->flow.bOver = IsOverBound(pSession);
     if (bKeep)
         return 1;
     print("PushPacket2SessionQueue()->DestroySession()!\r\n");

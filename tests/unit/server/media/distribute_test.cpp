@@ -415,8 +415,10 @@ TEST_F(PlayerQueueTest, WholeGroupsAreDropped)
         EXPECT_LE(pPlayer->out.queued.nBytes, Megabytes(8) + 61000);
     }
     ASSERT_EQ(1U, ListCount(&g_server.sessions));
-    ClockSetOffset(31000);
-    Push({400, 0, 1, 1, 60000}, 52);
+    for (uint32_t i = 1; i < 5 && ListCount(&g_server.sessions) == 1; i++) {  // the kernel may find some room yet
+        ClockSetOffset(i * 31000);
+        Push({400, 0, 1, 1, 60000}, 52);
+    }
     EXPECT_EQ(0U, ListCount(&g_server.sessions));
     ClockSetOffset(0);
 }
