@@ -5,6 +5,7 @@
 #   scripts/test.sh                 all sets
 #   scripts/test.sh release         one set: release, asan, tsan or fuzz
 #   ORX_LONG=1 scripts/test.sh      the full minutes of the interop tests
+#   ORX_MATRIX=all ...              every pusher with every player instead of a tenth of them
 #   ORX_FUZZ_SECONDS=600 ...        how long each fuzz target runs (10)
 #   ORX_HOSTILE_SECONDS=1200 ...    how long strangers attack in each of the three configurations (20)
 set -eu

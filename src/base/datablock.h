@@ -17,6 +17,7 @@ enum : uint32_t {
     DB_JUMP = 16,     // the stamps of its track jump with this packet
     DB_SPLIT = 32,    // and are the first of the program that do: recordings go on in a new file
 };
+constexpr uint32_t kBlockTrackShift = 8;  // from this bit on: 1 + its track; 0 when its payload type tells
 
 struct DataBlock {
     ListNode node;        // first, so that lists use the default map mode 0
@@ -26,7 +27,8 @@ struct DataBlock {
     // Media time in milliseconds, equal for all packets of one frame; of a question ClockMs when it was
     // asked.
     uint32_t nTimestamp = 0;
-    // The program's packet number when the block was cached; of a question the handle of who asks.
+    // The program's packet number when the block was cached; in the queue of a live player ClockMs when it
+    // was pushed, or 0; of a question the handle of who asks.
     uint32_t nSerial = 0;
 };
 static_assert(offsetof(DataBlock, node) == 0, "lists map a block to its node at the very start");
@@ -35,6 +37,12 @@ static_assert(offsetof(DataBlock, node) == 0, "lists map a block to its node at 
 inline int BlockStartsKey(const DataBlock *pBlock)
 {
     return (pBlock->nFlags & (DB_VIDEO | DB_KEY)) == (DB_VIDEO | DB_KEY);
+}
+
+// The track that is noted with the block, -1 for none.
+inline int BlockTrack(const DataBlock *pBlock)
+{
+    return static_cast<int>(pBlock->nFlags >> kBlockTrackShift) - 1;
 }
 
 // The data of a block: len bytes and a NUL.

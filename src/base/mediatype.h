@@ -1,5 +1,5 @@
 // The kind and codec of a track, as one code: the low byte a video codec, the second an audio codec, the
-// third text, the fourth data.
+// third text and what is only carried, the fourth data.
 #pragma once
 
 #include <cstdint>
@@ -19,6 +19,7 @@ enum : uint32_t {
     MEDIA_AAC = 0x800,
     MEDIA_AUDIO_OTHER = 0xFF00,
     MEDIA_AUDIO_MASK = 0xFF00,
+    MEDIA_CARRIED = 0x10000,  // a section of any other kind
     MEDIA_TEXT = 0xFF0000,
     MEDIA_DATA = 0xFF000000,
 };

@@ -157,6 +157,11 @@ static void PrintStat()
         TextAdd(&text, "%4d-%02d-%02d-%02d:%02d:%02d", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour,
                 t.tm_min, t.tm_sec);
         print("%u: %s\t%s\t%s\t%d\r\n", i, p->szProgram, p->szRemote, szStart, p->bPusher);
+        if (p->bDatagrams)
+            print("   late=%u lost=%u\r\n", p->nLate, p->nLost);
+        if (p->reception.bKnown)
+            print("   loss=%d%% jitter=%dms rtt=%dms\r\n", p->reception.nLoss, p->reception.nJitterMs,
+                  p->reception.nRoundTripMs);
     }
     free(stat.pSessions);
 }

@@ -107,6 +107,28 @@ static constexpr Codec g_codecs[] = {
         .nForm = FORM_AAC,
         .exported = {".aac", "AAC audio", "", "aac"},
     },
+    // Sound that is relayed only.
+    {.szName = "MP4A-LATM",
+     .nMediaType = MEDIA_AUDIO_OTHER,
+     .aliases = {{"MP4A-LATM", CODEC_PROGRAM}},
+     .bKeepSpelling = 1},
+    {.szName = "OPUS",
+     .nMediaType = MEDIA_AUDIO_OTHER,
+     .aliases = {{"OPUS", CODEC_PROGRAM}},
+     .bKeepSpelling = 1},
+    {.szName = "L16",
+     .nMediaType = MEDIA_AUDIO_OTHER,
+     .aliases = {{"L16", CODEC_PROGRAM}},
+     .bKeepSpelling = 1},
+    {.szName = "G722",
+     .nMediaType = MEDIA_AUDIO_OTHER,
+     .aliases = {{"G722", CODEC_PROGRAM}},
+     .bKeepSpelling = 1},
+    // Four rates, and the order of the bits (RFC 3551, section 4.5.4), in the name.
+    {.szName = "G726",
+     .nMediaType = MEDIA_AUDIO_OTHER,
+     .aliases = {{"G726", CODEC_PROGRAM, 1}, {"AAL2-G726-", CODEC_PROGRAM, 1}},
+     .bKeepSpelling = 1},
     // Code 0x3 is reserved: no description names it.
     {.szName = "third", .nMediaType = MEDIA_VIDEO3, .pfnIsKey = IsKeyGeneric},
     // Video that no other row knows, of which nothing is known but where its frames end.

@@ -42,6 +42,7 @@ const NalForm g_h264Form = {.nHead = 1,
                             .nFirstSingle = 1,
                             .nAggregate = NAL_STAP_A,
                             .nFragment = NAL_FU_A,
+                            .nInfo = 6,
                             .nForeign = 30,
                             .pfnKind = KindH264};
 const NalForm g_h265Form = {.nHead = 2,
@@ -51,8 +52,38 @@ const NalForm g_h265Form = {.nHead = 2,
                             .nFirstSingle = 0,
                             .nAggregate = 48,
                             .nFragment = 49,
+                            .nInfo = 39,
                             .nForeign = 51,
                             .pfnKind = KindH265};
+
+// A number of a message's head: as many 255s as there are, and the byte behind them.
+static uint32_t ReadSpread(ByteReader *pIn)
+{
+    uint32_t nSum = 0;
+    uint32_t n;
+    do {
+        n = ReadBe(pIn, 1);
+        nSum += n;
+    } while (n == 0xFF);
+    return nSum;
+}
+
+int NalIsRecoveryPoint(const NalForm *pForm, const uint8_t *pUnit, uint32_t nBytes)
+{
+    constexpr uint32_t kRecoveryPoint = 6;
+    ByteReader in{pUnit, nBytes};
+    const uint8_t *pHead = ReadBytes(&in, pForm->nHead);
+    if (!pHead || NalType(pForm, *pHead) != pForm->nInfo)
+        return 0;
+    while (!in.bFailed && in.nLeft > 2) {  // less is the end of the unit
+        uint32_t nType = ReadSpread(&in);
+        uint32_t nSize = ReadSpread(&in);
+        if (!in.bFailed && nType == kRecoveryPoint)
+            return 1;
+        ReadBytes(&in, nSize);
+    }
+    return 0;
+}
 
 const uint8_t *NalNext(ByteReader *pIn, uint32_t *pnBytes)
 {

@@ -27,6 +27,7 @@ struct NalForm {
     uint8_t nFirstSingle;
     uint8_t nAggregate;  // type of a packet with several units
     uint8_t nFragment;   // with a part of one
+    uint8_t nInfo;       // supplemental information in front of a picture (SEI)
     uint8_t nForeign;    // from this type on nothing is defined: packets that are passed over
     NalKind (*pfnKind)(uint32_t nType);
 };
@@ -44,6 +45,11 @@ inline uint8_t NalWithType(const NalForm *pForm, uint8_t nFirstByte, uint32_t nT
     uint32_t nMask = uint32_t{pForm->nTypeMask} << pForm->nTypeShift;
     return static_cast<uint8_t>((nFirstByte & ~nMask) | nType << pForm->nTypeShift);
 }
+
+// Whether a unit of supplemental information says that a decoder may begin with its picture, and will have
+// all soon (recovery point: ITU-T H.264, annex D.1.8; H.265, annex D.2.8). Encoders that refresh pictures bit
+// by bit have such pictures alone.
+int NalIsRecoveryPoint(const NalForm *pForm, const uint8_t *pUnit, uint32_t nBytes);
 
 constexpr uint32_t kUnitHeadBytes = 2;      // before a recorded unit: its length, which counts these two
 constexpr uint32_t kWideUnitHeadBytes = 6;  // 0, and four bytes with the length of the unit alone
@@ -68,7 +74,7 @@ inline int IsNalSet(NalKind nKind)
 {
     return nKind >= NAL_IS_VIDEO_SET;
 }
-inline uint8_t NalSetBit(NalKind nKind)
+constexpr uint8_t NalSetBit(NalKind nKind)
 {
     return static_cast<uint8_t>(1U << (nKind - NAL_IS_VIDEO_SET));
 }

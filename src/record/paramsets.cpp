@@ -35,6 +35,14 @@ static void Add(ParamSets *pSets, NalKind nKind, const uint8_t *pUnit, uint32_t 
     kind.nBytes = nNew;
 }
 
+void ParamSetsAdd(ParamSets *pSets, NalKind nKind, const uint8_t *pUnit, uint32_t nBytes, uint8_t *pnFresh)
+{
+    if (!(*pnFresh & NalSetBit(nKind)))
+        pSets->kinds[nKind - NAL_IS_VIDEO_SET].nBytes = 0;
+    *pnFresh |= NalSetBit(nKind);
+    Add(pSets, nKind, pUnit, nBytes);
+}
+
 void ParamSetsFromFormat(ParamSets *pSets, const NalForm *pForm, std::string_view format)
 {
     char szText[kMaxSetText];
@@ -62,12 +70,8 @@ void ParamSetsNote(ParamSets *pSets, const NalForm *pForm, const uint8_t *pPictu
     uint32_t nUnit = 0;
     while (const uint8_t *pUnit = NalNext(&in, &nUnit)) {
         NalKind nKind = pForm->pfnKind(NalType(pForm, *pUnit));
-        if (!IsNalSet(nKind))
-            continue;
-        if (!(nFresh & NalSetBit(nKind)))
-            pSets->kinds[nKind - NAL_IS_VIDEO_SET].nBytes = 0;
-        nFresh |= NalSetBit(nKind);
-        Add(pSets, nKind, pUnit, nUnit);
+        if (IsNalSet(nKind))
+            ParamSetsAdd(pSets, nKind, pUnit, nUnit, &nFresh);
     }
 }
 

@@ -21,6 +21,9 @@ void ParamSetsFree(ParamSets *pSets);
 // Takes over those of a format line ("sprop-parameter-sets" of RFC 6184, "sprop-vps", "-sps", "-pps" of RFC
 // 7798). What is no parameter set is passed over.
 void ParamSetsFromFormat(ParamSets *pSets, const NalForm *pForm, std::string_view format);
+// Takes over a parameter set, in the place of those of its kind before; beside them when *pnFresh, the kinds
+// that the same picture has so far, has it.
+void ParamSetsAdd(ParamSets *pSets, NalKind nKind, const uint8_t *pUnit, uint32_t nBytes, uint8_t *pnFresh);
 // Takes over those of a recorded picture, kind by kind in the place of those before.
 void ParamSetsNote(ParamSets *pSets, const NalForm *pForm, const uint8_t *pPicture, uint32_t nBytes);
 

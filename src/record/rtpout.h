@@ -9,7 +9,7 @@
 
 namespace orx {
 
-constexpr int kMaxTracks = 3;             // tracks that one player can set up
+constexpr int kMaxTracks = 8;             // tracks that one player can set up
 constexpr uint32_t kInterleaveBytes = 4;  // '$', channel, 16-bit length (RFC 2326, section 10.12)
 constexpr uint32_t kRtpHeaderBytes = 12;  // RFC 3550, section 5.1, without contributing sources
 

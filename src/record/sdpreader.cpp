@@ -136,17 +136,48 @@ int SdpReadRtpMap(std::string_view text, SdpPlace nPlace, SdpRtpMap *pOut)
     return 1;
 }
 
+// RFC 3551, tables 4 and 5.
 static std::string_view StaticMap(std::string_view format)
 {
     static const struct {
         std::string_view format, line;
-    } maps[] = {{"0", "a=rtpmap:0 PCMU/8000\r\n"},
-                {"8", "a=rtpmap:8 PCMA/8000\r\n"},
-                {"26", "a=rtpmap:26 JPEG/90000\r\n"}};
+    } maps[] = {{"0", "a=rtpmap:0 PCMU/8000\r\n"},     {"3", "a=rtpmap:3 GSM/8000\r\n"},
+                {"4", "a=rtpmap:4 G723/8000\r\n"},     {"5", "a=rtpmap:5 DVI4/8000\r\n"},
+                {"6", "a=rtpmap:6 DVI4/16000\r\n"},    {"7", "a=rtpmap:7 LPC/8000\r\n"},
+                {"8", "a=rtpmap:8 PCMA/8000\r\n"},     {"9", "a=rtpmap:9 G722/8000\r\n"},
+                {"10", "a=rtpmap:10 L16/44100/2\r\n"}, {"11", "a=rtpmap:11 L16/44100\r\n"},
+                {"12", "a=rtpmap:12 QCELP/8000\r\n"},  {"13", "a=rtpmap:13 CN/8000\r\n"},
+                {"14", "a=rtpmap:14 MPA/90000\r\n"},   {"15", "a=rtpmap:15 G728/8000\r\n"},
+                {"16", "a=rtpmap:16 DVI4/11025\r\n"},  {"17", "a=rtpmap:17 DVI4/22050\r\n"},
+                {"18", "a=rtpmap:18 G729/8000\r\n"},   {"25", "a=rtpmap:25 CelB/90000\r\n"},
+                {"26", "a=rtpmap:26 JPEG/90000\r\n"},  {"28", "a=rtpmap:28 nv/90000\r\n"},
+                {"31", "a=rtpmap:31 H261/90000\r\n"},  {"32", "a=rtpmap:32 MPV/90000\r\n"},
+                {"33", "a=rtpmap:33 MP2T/90000\r\n"},  {"34", "a=rtpmap:34 H263/90000\r\n"}};
     for (const auto &map : maps)
         if (map.format == format)
             return map.line;
     return {};
+}
+
+// Finds the line that maps one payload type, with the tag in front. Returns 1, or 0 without one.
+static int FindMapOf(std::string_view section, std::string_view format, std::string_view *pLine)
+{
+    std::string_view tag = "a=rtpmap:";
+    for (size_t n = FindTag(section, tag, SDP_LINE_OR_CR, 0); n != kNone;
+         n = FindTag(section, tag, SDP_LINE_OR_CR, n + 1)) {
+        std::string_view value = section.substr(n + tag.size());
+        if (!value.starts_with(format) || IsDigit(value, format.size()))
+            continue;
+        *pLine = section.substr(n);
+        return 1;
+    }
+    return 0;
+}
+
+int SdpReadRtpMapOf(std::string_view section, std::string_view format, SdpRtpMap *pOut)
+{
+    std::string_view line;
+    return FindMapOf(section, format, &line) ? SdpReadRtpMap(line, SDP_ANYWHERE, pOut) : 0;
 }
 
 char *SdpWithStaticMaps(const char *szSdp)
@@ -166,14 +197,17 @@ char *SdpWithStaticMaps(const char *szSdp)
     while (SdpNextSection(&walk, &section)) {
         SdpMedia media;
         std::string_view value;
-        TextAddBytes(&out, section.own.data(), section.own.size());
-        if (SdpFind(section.own, "a=rtpmap:", SDP_LINE, &value) ||
-            !SdpReadMedia(section.own, SDP_MEDIA_LINE, &media))
-            continue;
-        std::string_view line = StaticMap(media.format);
-        if (!line.empty() && !section.own.ends_with('\n'))
+        std::string_view line;
+        if (SdpReadMedia(section.own, SDP_MEDIA_LINE, &media) &&
+            !FindMapOf(section.own, media.format, &value))
+            line = StaticMap(media.format);
+        // in front of the attributes: the first line is that of the first type
+        size_t nAt = std::min(FindTag(section.own, "a=", SDP_LINE, 0), section.own.size());
+        TextAddBytes(&out, section.own.data(), nAt);
+        if (!line.empty() && !section.own.substr(0, nAt).ends_with('\n'))
             TextAdd(&out, "\r\n");
         TextAddBytes(&out, line.data(), line.size());
+        TextAddBytes(&out, section.own.data() + nAt, section.own.size() - nAt);
     }
     return szOut;
 }
@@ -219,6 +253,32 @@ std::string_view SdpReadControl(std::string_view text)
 {
     std::string_view value;
     return SdpFind(text, "a=control:", SDP_LINE, &value) ? SdpLine(value) : std::string_view();
+}
+
+// Of a section of sound or pictures; of any other empty, because nobody needs to set that up.
+static std::string_view ControlOfMedia(const SdpSection &section)
+{
+    int bMedia = section.own.starts_with("m=video ") || section.own.starts_with("m=audio ");
+    return bMedia ? SdpReadControl(section.own) : std::string_view();
+}
+
+int SdpControlsClash(std::string_view sdp)
+{
+    constexpr size_t kMost = 8;  // sections that are looked at: more than a program has
+    std::string_view controls[kMost];
+    size_t nControls = 0;
+    SdpWalk walk = SdpSections(sdp, SDP_LINE_OR_CR);
+    SdpSection section;
+    while (nControls < kMost && SdpNextSection(&walk, &section)) {
+        std::string_view control = ControlOfMedia(section);
+        if (control.empty())
+            continue;
+        for (size_t i = 0; i < nControls; i++)
+            if (controls[i] == control)
+                return 1;
+        controls[nControls++] = control;
+    }
+    return 0;
 }
 
 int SdpReadControlNumber(std::string_view text)

@@ -62,8 +62,12 @@ struct SdpRtpMap {
 // Returns 1; 0 without such a line; -1 when its blank or its first '/' is missing.
 int SdpReadRtpMap(std::string_view text, SdpPlace nPlace, SdpRtpMap *pOut);
 
-// A copy of a description in which every section of a static payload type that this system knows (RFC 3551,
-// section 6) has its rtpmap line: encoders leave it out. The caller's, to free; null without memory.
+// The line of one payload type: a section may list several, such as sound and the keys of a telephone beside
+// it. Results as above.
+int SdpReadRtpMapOf(std::string_view section, std::string_view format, SdpRtpMap *pOut);
+
+// A copy of a description in which every section whose first payload type is a static one (RFC 3551, section
+// 6) has its rtpmap line: encoders leave it out. The caller's, to free; null without memory.
 char *SdpWithStaticMaps(const char *szSdp);
 
 // What follows the payload type in the first "a=fmtp:" line; empty without one.
@@ -76,6 +80,8 @@ std::string_view SdpFormatValue(std::string_view format, std::string_view name);
 int SdpReadTrackId(std::string_view text, int *pTrackId);
 // The first control line of a section, to the end of the line; empty without one.
 std::string_view SdpReadControl(std::string_view text);
+// Whether two sections of sound or pictures have the same control: no SETUP could tell them apart.
+int SdpControlsClash(std::string_view sdp);
 // The number behind the first '=' of the first control line ("stream=1", "rtsp://host/p/trackID=3"), or -1.
 int SdpReadControlNumber(std::string_view text);
 

@@ -22,7 +22,6 @@ constexpr uint32_t kPauseGapMs = 20;  // later than the last sample, and no more
 // Records after the time base among which times may lie before it: sound and picture of one moment come one
 // after the other.
 constexpr uint32_t kEarlyRecords = 6;
-constexpr int32_t kLeadMs = 1000;    // pictures that lead a key frame may be shown so much before it
 constexpr int32_t kAudioGapMs = 10;  // between samples; less is rounding
 constexpr char kAlarmPrefix[] = "ALARM:";
 constexpr uint32_t kRollAheadMs =
@@ -488,8 +487,7 @@ static int PlaceInTime(ZMFWriter *pWriter, uint32_t nTimeMs, char chMedia, uint3
         pWriter->bRebase = 0;
     } else {
         int32_t nDiff = ClockDiff(nTimeMs, pWriter->nTimeBase);
-        int bLeads = IsPatient(pWriter) && nDiff > -kLeadMs;
-        if (nDiff <= 0 && !pWriter->rules.bNeverLose && !bLeads &&
+        if (nDiff <= 0 && !IsPatient(pWriter) &&
             !ORX_PEER_ASSERT(pWriter->file.uSampleCount - pWriter->nBaseCount < kEarlyRecords,
                              "pWriter->uSampleCount < 6"))
             return -1;

@@ -6,6 +6,8 @@
 
 #include <cstdint>
 
+#include "base/netaddr.h"
+
 namespace orx {
 
 // 127.0.1.0/24, host order; the low byte is the peer's slot plus 1.
@@ -21,8 +23,11 @@ inline int IsBridgeAddress(uint32_t nIp)
 }
 
 // Whether an address is on this box, and no bridge's.
-inline int IsOwnBox(uint32_t nIp)
+inline int IsOwnBox(const NetAddr *pAddr)
 {
+    if (AddrIsIpv6(pAddr))
+        return IN6_IS_ADDR_LOOPBACK(&pAddr->in6.sin6_addr);
+    uint32_t nIp = ntohl(pAddr->in4.sin_addr.s_addr);
     return nIp >> 24 == IN_LOOPBACKNET && !IsBridgeAddress(nIp);
 }
 

@@ -39,7 +39,7 @@ static int PendingTake(HttpProxy *pProxy, unsigned nIndex)
 }
 
 // Sends a connection on its way by the first bytes it has sent.
-static void Classify(HttpProxy *pProxy, int fd, uint32_t nIp, const uint8_t *pData, size_t nLen)
+static void Classify(HttpProxy *pProxy, int fd, uint64_t nIp, const uint8_t *pData, size_t nLen)
 {
     if (memmem(pData, nLen, kTunnelMark, sizeof(kTunnelMark) - 1)) {
         pProxy->pfnHandOver(pProxy->pContext, fd, pData, nLen);
@@ -61,7 +61,7 @@ static int PendingRead(HttpProxy *pProxy, unsigned nIndex)
     ssize_t nRead = recv(pProxy->pendings[nIndex].fd, buffer, sizeof(buffer), 0);
     if (nRead < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
         return 0;
-    uint32_t nIp = pProxy->pendings[nIndex].nIp;
+    uint64_t nIp = pProxy->pendings[nIndex].nIp;
     int fd = PendingTake(pProxy, nIndex);
     if (nRead > 0)
         Classify(pProxy, fd, nIp, buffer, static_cast<size_t>(nRead));
@@ -70,7 +70,7 @@ static int PendingRead(HttpProxy *pProxy, unsigned nIndex)
     return 1;
 }
 
-static void PendingAdd(HttpProxy *pProxy, int fd, uint32_t nIp)
+static void PendingAdd(HttpProxy *pProxy, int fd, uint64_t nIp)
 {
     // the oldest makes room: served when it has spoken by now, else dropped
     if (pProxy->nPending == kHttpPendingMax && !PendingRead(pProxy, 0))
@@ -92,7 +92,7 @@ static void DropSilent(HttpProxy *pProxy, uint32_t nNow)
 }
 
 // Whether one more connection from that address is within the limit.
-static int HasRoom(const HttpProxy *pProxy, uint32_t nIp)
+static int HasRoom(const HttpProxy *pProxy, uint64_t nIp)
 {
     unsigned nMax = pProxy->nMaxRelays, nAll = pProxy->nPending, nSame = 0;
     if (nMax == 0)
@@ -109,14 +109,15 @@ static int HasRoom(const HttpProxy *pProxy, uint32_t nIp)
 }
 
 // A connection that was accepted: it waits for its first bytes, or is refused.
-static void OnAccepted(HttpProxy *pProxy, int fd, const sockaddr_in *pAddr)
+static void OnAccepted(HttpProxy *pProxy, int fd, const NetAddr *pAddr)
 {
     char szAddr[kAddrTextSize];
     SockAddrToString(pAddr, szAddr);
     print("HttpProxyServer accept(0x%x) from %s\n", static_cast<unsigned>(fd), szAddr);
     SockSetKeepAlive(fd);
-    if (HasRoom(pProxy, SockGetIp(pAddr)) && DescriptorsSpare(0))
-        PendingAdd(pProxy, fd, SockGetIp(pAddr));
+    uint64_t nIp = AddrCounted(pAddr);
+    if (HasRoom(pProxy, nIp) && DescriptorsSpare(0))
+        PendingAdd(pProxy, fd, nIp);
     else
         HttpRefuseBusy(fd);
 }
@@ -137,16 +138,16 @@ static void OnAcceptFailed(HttpProxy *pProxy)
 static void AcceptSome(HttpProxy *pProxy)
 {
     for (unsigned i = 0; i < kAcceptMax; i++) {
-        sockaddr_in addr{};
+        NetAddr addr;
         socklen_t nSize = sizeof(addr);
-        int fd = accept4(pProxy->fdListen, reinterpret_cast<sockaddr *>(&addr), &nSize,
-                         SOCK_NONBLOCK | SOCK_CLOEXEC);
+        int fd = accept4(pProxy->fdListen, &addr.any, &nSize, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0 && (errno == EINTR || errno == ECONNABORTED))
             continue;
         if (fd < 0) {
             OnAcceptFailed(pProxy);
             return;
         }
+        AddrUnmap(&addr);
         OnAccepted(pProxy, fd, &addr);
     }
 }
@@ -253,10 +254,10 @@ static void CloseEvents(HttpProxy *pProxy)
 
 int HttpProxyStart(HttpProxy *pProxy, const HttpProxySettings *pSettings)
 {
-    sockaddr_in addr{};
+    NetAddr addr;
     char szAddr[kAddrTextSize];
-    FdGuard listener(SockSetAddr(&addr, pSettings->szListenIp, pSettings->nListenPort) ? SockListenTcp(&addr)
-                                                                                       : -1);
+    int bKnown = SockSetAddrEx(&addr, pSettings->szListenIp, pSettings->nListenPort, pSettings->bIpv6);
+    FdGuard listener(bKnown ? SockListenTcp(&addr) : -1);
     // browsers open many connections at once: as many may wait to be accepted as may be pending
     if (listener.fd < 0 || listen(listener.fd, kHttpPendingMax) != 0) {
         print("Listen error %d\n", SockLastError());

@@ -30,11 +30,12 @@ struct HttpProxySettings {
     int nSilentMs = 60000;  // with nMaxRelays: a relay that carries nothing for so long ends
     HttpHandOver pfnHandOver = nullptr;
     void *pContext = nullptr;  // first argument of pfnHandOver, not owned
+    int bIpv6 = 0;             // szListenIp may be an IPv6 address as well
 };
 
 struct HttpPending {
     int fd = -1;         // owned
-    uint32_t nIp = 0;    // of the client, host order
+    uint64_t nIp = 0;    // of the client (AddrCounted)
     uint32_t nTime = 0;  // when it was accepted, seconds of uptime
 };
 

@@ -160,7 +160,7 @@ void HttpRefuseBusy(int fdClient)
     SendPage(client.fd, "503 Service Unavailable", "Too many connections.");
 }
 
-HttpRelay *HttpRelayOpen(const HttpRelayCommon *pCommon, int fdClient, uint32_t nClientIp, const void *pFirst,
+HttpRelay *HttpRelayOpen(const HttpRelayCommon *pCommon, int fdClient, uint64_t nClientIp, const void *pFirst,
                          size_t nFirst)
 {
     FdGuard client(fdClient);

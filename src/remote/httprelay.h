@@ -25,7 +25,7 @@ struct HttpRelay {
     ListNode node;  // first
     Thread thread;
     const HttpRelayCommon *pCommon = nullptr;  // not owned, outlives the relay
-    uint32_t nClientIp = 0;                    // host order
+    uint64_t nClientIp = 0;                    // AddrCounted
     int fdClient = -1;                         // owned
     int fdTarget = -1;                         // owned
     uint8_t *pFirst = nullptr;  // what was read from the client before, until it is sent; owned, from malloc
@@ -38,7 +38,7 @@ struct HttpRelay {
 // Takes over the client's socket and relays it on a thread of its own, beginning with the nFirst bytes given
 // (copied). Never fails for the web server's sake; when there is no thread for it, the relay is parked at
 // once, or, with limits, its client is refused. Returns the relay, or null with the socket closed.
-HttpRelay *HttpRelayOpen(const HttpRelayCommon *pCommon, int fdClient, uint32_t nClientIp, const void *pFirst,
+HttpRelay *HttpRelayOpen(const HttpRelayCommon *pCommon, int fdClient, uint64_t nClientIp, const void *pFirst,
                          size_t nFirst);
 // Answers 503 with a page of one line, and closes the connection.
 void HttpRefuseBusy(int fdClient);

@@ -51,7 +51,7 @@ int UnetHostCreate(UnetHost *pHost, uint32_t nBindIp, int nPort, uint32_t nPerAd
         UnetHostFree(pHost);
         return 0;
     }
-    sockaddr_in local{};
+    NetAddr local;
     SockGetLocalName(pHost->pHost->socket, &local);
     return SockGetPort(&local);
 }

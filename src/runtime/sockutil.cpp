@@ -24,16 +24,6 @@ static constexpr int kListenBacklog = 10;  // waiting to be accepted, which take
 static constexpr int kMaxPort = 65535;
 static constexpr size_t kUriTextSize = 256;  // a host name has 253 characters at most (RFC 1035)
 
-static const sockaddr *Generic(const sockaddr_in *pAddr)
-{
-    return reinterpret_cast<const sockaddr *>(pAddr);
-}
-
-static sockaddr *Generic(sockaddr_in *pAddr)
-{
-    return reinterpret_cast<sockaddr *>(pAddr);
-}
-
 int SockLastError()
 {
     return errno;
@@ -87,19 +77,45 @@ static int LookUp(const char *szHost, in_addr *pOut)
     return 1;
 }
 
-int SockSetAddr(sockaddr_in *pAddr, const char *szHost, int nPort)
+int SockSetAddr(NetAddr *pAddr, const char *szHost, int nPort)
 {
     if (nPort < 1 || nPort > kMaxPort)
         return 0;
     *pAddr = {};
-    pAddr->sin_family = AF_INET;
-    pAddr->sin_port = htons(static_cast<uint16_t>(nPort));
+    pAddr->in4.sin_family = AF_INET;
+    AddrSetPort(pAddr, nPort);
     if (!szHost || !*szHost)
         return 1;
-    return inet_aton(szHost, &pAddr->sin_addr) || LookUp(szHost, &pAddr->sin_addr);
+    return inet_aton(szHost, &pAddr->in4.sin_addr) || LookUp(szHost, &pAddr->in4.sin_addr);
 }
 
-int SockResolveUri(sockaddr_in *pAddr, const char *szUri, int nDefaultPort)
+// Takes an IPv6 address in figures; behind a '%' the link of a link-local one. Returns 1 or 0.
+static int ParseIpv6(const char *szHost, sockaddr_in6 *pOut)
+{
+    addrinfo hints{};
+    hints.ai_family = AF_INET6;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICHOST;
+    addrinfo *pFound = nullptr;
+    if (!strchr(szHost, ':') || getaddrinfo(szHost, nullptr, &hints, &pFound) != 0 || !pFound)
+        return 0;
+    memcpy(pOut, pFound->ai_addr, sizeof(*pOut));
+    freeaddrinfo(pFound);
+    return 1;
+}
+
+int SockSetAddrEx(NetAddr *pAddr, const char *szHost, int nPort, int bIpv6)
+{
+    NetAddr found;
+    if (!bIpv6 || !szHost || nPort < 1 || nPort > kMaxPort || !ParseIpv6(szHost, &found.in6))
+        return SockSetAddr(pAddr, szHost, nPort);
+    *pAddr = found;
+    AddrSetPort(pAddr, nPort);
+    AddrUnmap(pAddr);
+    return 1;
+}
+
+int SockResolveUri(NetAddr *pAddr, const char *szUri, int nDefaultPort)
 {
     char szHost[kUriTextSize];
     const char *szText = szUri ? szUri : "";
@@ -113,43 +129,56 @@ int SockResolveUri(sockaddr_in *pAddr, const char *szUri, int nDefaultPort)
     return SockSetAddr(pAddr, szHost, nPort > kMaxPort ? 0 : static_cast<int>(nPort < 0 ? 0 : nPort));
 }
 
-int SockGetPort(const sockaddr_in *pAddr)
+int SockGetPort(const NetAddr *pAddr)
 {
-    return ntohs(pAddr->sin_port);
+    return ntohs(pAddr->in4.sin_port);
 }
 
-uint32_t SockGetIp(const sockaddr_in *pAddr)
+uint32_t SockGetIp(const NetAddr *pAddr)
 {
-    return ntohl(pAddr->sin_addr.s_addr);
+    return AddrIsIpv6(pAddr) ? 0 : ntohl(pAddr->in4.sin_addr.s_addr);
 }
 
-void SockAddrToString(const sockaddr_in *pAddr, char *szOut)
+void SockAddrToString(const NetAddr *pAddr, char *szOut)
 {
-    uint32_t nIp = SockGetIp(pAddr);
     TextBuf text{szOut, kAddrTextSize};
+    char szIpv6[INET6_ADDRSTRLEN] = "";
+    if (AddrIsIpv6(pAddr)) {
+        inet_ntop(AF_INET6, &pAddr->in6.sin6_addr, szIpv6, sizeof(szIpv6));
+        TextAdd(&text, "[%s]:%d", szIpv6, SockGetPort(pAddr));
+        return;
+    }
+    uint32_t nIp = SockGetIp(pAddr);
     TextAdd(&text, "%d.%d.%d.%d:%d", static_cast<int>(nIp >> 24), static_cast<int>(nIp >> 16 & 0xFF),
             static_cast<int>(nIp >> 8 & 0xFF), static_cast<int>(nIp & 0xFF), SockGetPort(pAddr));
 }
 
-int SockGetLocalName(int fd, sockaddr_in *pAddr)
+int SockGetLocalName(int fd, NetAddr *pAddr)
 {
     *pAddr = {};
     socklen_t nSize = sizeof(*pAddr);
-    return getsockname(fd, Generic(pAddr), &nSize);
+    int nResult = getsockname(fd, &pAddr->any, &nSize);
+    AddrUnmap(pAddr);
+    return nResult;
 }
 
-int SockGetPeerName(int fd, sockaddr_in *pAddr)
+int SockGetPeerName(int fd, NetAddr *pAddr)
 {
     *pAddr = {};
     socklen_t nSize = sizeof(*pAddr);
-    return getpeername(fd, Generic(pAddr), &nSize);
+    int nResult = getpeername(fd, &pAddr->any, &nSize);
+    AddrUnmap(pAddr);
+    return nResult;
 }
 
 const char *SockLocalIpString(int fd)
 {
-    sockaddr_in addr;
+    static char szIp[INET6_ADDRSTRLEN];
+    NetAddr addr;
     SockGetLocalName(fd, &addr);
-    return inet_ntoa(addr.sin_addr);
+    if (!AddrIsIpv6(&addr))
+        return inet_ntoa(addr.in4.sin_addr);
+    return inet_ntop(AF_INET6, &addr.in6.sin6_addr, szIp, sizeof(szIp));
 }
 
 uint32_t SockGetHostAddr()
@@ -168,17 +197,20 @@ uint32_t SockGetHostAddr()
 }
 
 // A non-blocking socket bound to the address, or -1.
-static int Bound(int nType, const sockaddr_in *pAddr, int bReuseAddr)
+static int Bound(int nType, const NetAddr *pAddr, int bReuseAddr)
 {
-    FdGuard sock{socket(AF_INET, nType | SOCK_CLOEXEC, 0)};
+    FdGuard sock{socket(AddrIsIpv6(pAddr) ? AF_INET6 : AF_INET, nType | SOCK_CLOEXEC, 0)};
+    // whatever the machine's default is, "::" is to serve both families
+    if (sock.fd >= 0 && AddrIsIpv6(pAddr) && !SockSetOption(sock.fd, IPPROTO_IPV6, IPV6_V6ONLY, 0))
+        return -1;
     if (sock.fd < 0 || !SockSetNonBlock(sock.fd, 1) || (bReuseAddr && !SockSetReuseAddr(sock.fd, 1)))
         return -1;
-    if (bind(sock.fd, Generic(pAddr), sizeof(*pAddr)) != 0)
+    if (bind(sock.fd, &pAddr->any, AddrSize(pAddr)) != 0)
         return -1;
     return sock.Release();
 }
 
-int SockListenTcp(const sockaddr_in *pAddr)
+int SockListenTcp(const NetAddr *pAddr)
 {
     // the address is reused so that connections still fading away do not keep a restarted server out
     FdGuard sock{Bound(SOCK_STREAM, pAddr, 1)};
@@ -187,18 +219,18 @@ int SockListenTcp(const sockaddr_in *pAddr)
     return sock.Release();
 }
 
-int SockBindUdp(const sockaddr_in *pAddr)
+int SockBindUdp(const NetAddr *pAddr)
 {
-    sockaddr_in addr = *pAddr;
+    NetAddr addr = *pAddr;
     if (SockIsBroadcast(&addr))
-        addr.sin_addr.s_addr = SockGetHostAddr();
+        addr.in4.sin_addr.s_addr = SockGetHostAddr();
     return Bound(SOCK_DGRAM, &addr, 1);
 }
 
 int SockBindUdpAny()
 {
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
+    NetAddr addr;
+    addr.in4.sin_family = AF_INET;
     return Bound(SOCK_DGRAM, &addr, 0);  // with reuse on, the port chosen could be one that is taken
 }
 
@@ -218,11 +250,11 @@ static int WaitWritable(int fd, int nSeconds)
     }
 }
 
-int connect_timeout(int fd, const sockaddr_in *pAddr, int nSeconds)
+int connect_timeout(int fd, const NetAddr *pAddr, int nSeconds)
 {
     if (!SockSetNonBlock(fd, 1))
         return 0;
-    int nResult = connect(fd, Generic(pAddr), sizeof(*pAddr));
+    int nResult = connect(fd, &pAddr->any, AddrSize(pAddr));
     if (nResult == 0) {
         SockSetNonBlock(fd, 0);
         return 1;
@@ -235,7 +267,7 @@ int connect_timeout(int fd, const sockaddr_in *pAddr, int nSeconds)
     return getsockopt(fd, SOL_SOCKET, SO_ERROR, &nError, &nSize) == 0 && nError == 0;
 }
 
-char SockAddrClass(const sockaddr_in *pAddr)
+char SockAddrClass(const NetAddr *pAddr)
 {
     uint32_t nFirst = SockGetIp(pAddr) >> 24;
     if (nFirst == 0 || nFirst == 127 || nFirst > 239)
@@ -247,19 +279,19 @@ char SockAddrClass(const sockaddr_in *pAddr)
     return nFirst < 224 ? 'C' : 'D';
 }
 
-int SockIsMulticast(const sockaddr_in *pAddr)
+int SockIsMulticast(const NetAddr *pAddr)
 {
     return SockAddrClass(pAddr) == 'D';
 }
 
-int SockIsBroadcast(const sockaddr_in *pAddr)
+int SockIsBroadcast(const NetAddr *pAddr)
 {
-    return pAddr->sin_addr.s_addr == INADDR_BROADCAST;
+    return !AddrIsIpv6(pAddr) && pAddr->in4.sin_addr.s_addr == INADDR_BROADCAST;
 }
 
-int SockIsUsableAddr(const sockaddr_in *pAddr)
+int SockIsUsableAddr(const NetAddr *pAddr)
 {
-    return pAddr->sin_addr.s_addr == INADDR_ANY || SockIsBroadcast(pAddr) || SockAddrClass(pAddr) != 'E';
+    return SockGetIp(pAddr) == INADDR_ANY || SockIsBroadcast(pAddr) || SockAddrClass(pAddr) != 'E';
 }
 
 }  // namespace orx

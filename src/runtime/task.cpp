@@ -1,6 +1,7 @@
 #include "runtime/task.h"
 
 #include <sys/resource.h>
+#include <algorithm>
 #include <cstddef>
 #include <ctime>
 #include <new>
@@ -17,6 +18,7 @@ namespace orx {
 // Nothing hangs on the exact number.
 static constexpr int kTasksPerPass = 49;
 static constexpr int32_t kEarlyMs = 10;       // tasks due within so short a time share a wake-up
+static constexpr int32_t kExactEarlyMs = 1;   // the same of a scheduler that is exact
 static constexpr int32_t kTaskPauseMs = 1;    // after a task that will run again: at most 1000 runs a second
 static constexpr int32_t kPassPauseMs = 2;    // after each pass; leaves time to threads of lower priority
 static constexpr int kHighestPriority = -20;  // of nice: media goes before all else that the box does
@@ -92,8 +94,34 @@ static int MayWait(const Scheduler *pScheduler)
     return !pScheduler->bUrgent && !ThreadStopping(&pScheduler->thread);
 }
 
+static int32_t EarlyMs(const Scheduler *pScheduler)
+{
+    return pScheduler->bExact ? kExactEarlyMs : kEarlyMs;
+}
+
+// A pause of an exact scheduler: it ends when the head is due, whenever that was queued.
+static void PauseUntilDue(Scheduler *pScheduler, int32_t nMs)
+{
+    uint32_t nEnd = ClockMs() + static_cast<uint32_t>(nMs);
+    while (MayWait(pScheduler)) {
+        uint32_t nNow = ClockMs();
+        int32_t nLeftMs = ClockDiff(nEnd, nNow);
+        const auto *pHead = static_cast<const Task *>(ListFirst(&pScheduler->tasks, 0));
+        if (pHead)
+            nLeftMs = std::min(nLeftMs, ClockDiff(pHead->nDue, nNow));
+        if (nLeftMs <= 0)
+            return;
+        timespec until = MonotonicIn(nLeftMs);
+        Wait(pScheduler, SCHEDULER_IDLE, &until);
+    }
+}
+
 static void Pause(Scheduler *pScheduler, int32_t nMs)
 {
+    if (pScheduler->bExact) {
+        PauseUntilDue(pScheduler, nMs);
+        return;
+    }
     timespec until = MonotonicIn(nMs);
     while (MayWait(pScheduler) && Wait(pScheduler, SCHEDULER_PAUSING, &until)) {
     }
@@ -110,10 +138,11 @@ static void WaitForDue(Scheduler *pScheduler)
             Wait(pScheduler, SCHEDULER_IDLE, nullptr);
             continue;
         }
+        int32_t nEarlyMs = EarlyMs(pScheduler);
         int32_t nLeftMs = ClockDiff(pHead->nDue, ClockMs());
-        if (nLeftMs <= kEarlyMs)
+        if (nLeftMs <= nEarlyMs)
             return;
-        timespec until = MonotonicIn(nLeftMs - kEarlyMs + kPassPauseMs);
+        timespec until = MonotonicIn(nLeftMs - nEarlyMs + (pScheduler->bExact ? 0 : kPassPauseMs));
         Wait(pScheduler, SCHEDULER_IDLE, &until);
     }
 }
@@ -165,7 +194,7 @@ static Task *NextTask(Scheduler *pScheduler, uint32_t nNow)
     if (pTask)
         return pTask;
     pTask = static_cast<Task *>(ListFirst(&pScheduler->tasks, 0));
-    return pTask && ClockDiff(pTask->nDue, nNow) <= kEarlyMs ? pTask : nullptr;
+    return pTask && ClockDiff(pTask->nDue, nNow) <= EarlyMs(pScheduler) ? pTask : nullptr;
 }
 
 // Runs each task that is due at this moment once, whatever is urgent: events that do not end would hold up
@@ -239,6 +268,7 @@ int SchedulerCreate(Scheduler *pScheduler)
     }
     pScheduler->eWait = SCHEDULER_AWAKE;
     pScheduler->bUrgent = pScheduler->nCorks = 0;
+    pScheduler->bExact = 0;
     pScheduler->pRunning = nullptr;
     pScheduler->nRuns = pScheduler->nWaits = 0;
     pScheduler->nCancellers = 0;
@@ -327,6 +357,12 @@ void SchedulerSetAfterProc(Scheduler *pScheduler, void (*pfnAfter)())
 {
     MutexGuard guard(&pScheduler->mutex);
     pScheduler->pfnAfter = pfnAfter;
+}
+
+void SchedulerSetExact(Scheduler *pScheduler, int bExact)
+{
+    MutexGuard guard(&pScheduler->mutex);
+    pScheduler->bExact = bExact;
 }
 
 unsigned SchedulerTaskCount(Scheduler *pScheduler)

@@ -29,7 +29,7 @@ struct Task {
 enum SchedulerWait {
     SCHEDULER_AWAKE,    // nothing: it is at work
     SCHEDULER_PAUSING,  // a short pause, which only a task with delay 0 ends
-    SCHEDULER_IDLE,     // the head to become due, or any new head
+    SCHEDULER_IDLE,     // the head to become due, or any new head; of an exact one in pauses as well
 };
 
 struct Scheduler {
@@ -44,6 +44,7 @@ struct Scheduler {
     int nCorks = 0;            // while not 0, tasks with delay 0 wake nobody
     Task *pRunning = nullptr;  // the task whose callback runs, still in the list
     uint32_t nRuns = 0;        // callbacks that have returned
+    int bExact = 0;            // see SchedulerSetExact
     uint32_t nWaits = 0;       // waits ended so far, by the clock or by a signal: how often the thread woke
     unsigned nCancellers = 0;  // threads in TaskCancel that wait for a callback to return
     int bReady = 0;            // mutex, wake and ran exist
@@ -56,8 +57,9 @@ int SchedulerCreate(Scheduler *pScheduler);
 // never created. No other thread uses the scheduler any more; not from inside a callback.
 void SchedulerDestroy(Scheduler *pScheduler);
 // Schedules pfnRun in nDelayMs milliseconds, below 2^31; 0 puts it in front of all others and wakes the
-// thread at once. Others run up to 10 ms early. Where tasks with delay 0 do not end, all others that are due
-// run once after every 49. Returns the task, which the scheduler owns; running out of memory is an assertion.
+// thread at once. Others run up to 10 ms early (see SchedulerSetExact). Where tasks with delay 0 do not end,
+// all others that are due run once after every 49. Returns the task, which the scheduler owns; running out of
+// memory is an assertion.
 Task *TaskSchedule(Scheduler *pScheduler, TaskProc pfnRun, uint32_t nDelayMs, int nParam, void *pArgument);
 // Removes and frees a task that has not ended; its callback does not run any more. When the callback is just
 // running, the task is freed once it has returned, whatever it returns, and a caller on another thread waits
@@ -71,6 +73,9 @@ inline void *TaskArgument(const Task *pTask)
 // Names a procedure that is called on the scheduler thread after each callback, so that what ended while a
 // callback used it can be freed. Before the first task is scheduled. Null: none.
 void SchedulerSetAfterProc(Scheduler *pScheduler, void (*pfnAfter)());
+// With 1, tasks run at most 1 ms early, and no pause goes on when one is due: one that asks to be run again
+// in 0 ms is, behind all that is urgent or due. That costs wake-ups that tasks would have shared. Any time.
+void SchedulerSetExact(Scheduler *pScheduler, int bExact);
 // The number of tasks in the list. A callback that asks is itself not counted.
 unsigned SchedulerTaskCount(Scheduler *pScheduler);
 // Between SchedulerCork(.., 1) and SchedulerCork(.., 0), which wakes the thread if need be, tasks with delay

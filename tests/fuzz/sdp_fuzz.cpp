@@ -6,6 +6,7 @@
 #include "fuzz/fuzz.h"
 #include "record/sdpreader.h"
 #include "record/sdpscan.h"
+#include "server/core/settings.h"
 
 using namespace orx;
 
@@ -30,17 +31,26 @@ static void Record(const std::string &text)
         ORX_ASSERT(SdpHasRange(block.data()), "the range line is in");
 }
 
+// As one reader takes it: that of live programs or of recordings, of our own pushers or of all.
+static void Read(const char *szText, int bLive, int bStandard)
+{
+    Description desc;
+    g_settings.bStandardPushers = bStandard;
+    if (!SdpParse(&desc, szText, bLive, 0))
+        return;
+    ORX_ASSERT(desc.nTrackCount >= 1 && desc.nTrackCount <= kMaxMediaInfos, "one to eight tracks");
+    for (int i = 0; i < desc.nTrackCount; i++)
+        CheckTrack(&desc.mediaInfos[i], i);
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
 {
     const std::string text = Text(pData, nBytes);
     Record(text);
-    for (int bLive = 0; bLive < 2; bLive++) {
-        Description desc;
-        if (!SdpParse(&desc, text.c_str(), bLive, 0))
-            continue;
-        ORX_ASSERT(desc.nTrackCount >= 1 && desc.nTrackCount <= kMaxMediaInfos, "one to four tracks");
-        for (int i = 0; i < desc.nTrackCount; i++)
-            CheckTrack(&desc.mediaInfos[i], i);
-    }
+    for (int bStandard : {0, 1})
+        for (int bLive : {0, 1})
+            Read(text.c_str(), bLive, bStandard);
+    std::unique_ptr<char, void (*)(void *)> mapped(SdpWithStaticMaps(text.c_str()), free);
+    Read(mapped.get(), 1, 1);
     return 0;
 }

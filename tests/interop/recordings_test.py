@@ -56,7 +56,7 @@ class Recordings(InteropCase):
 
     def test_to_the_end(self):
         """The whole of it; a report tells the players when there is no more."""
-        self.record(10, SERVER={"EnableRtcp": 1})
+        self.record(16, SERVER={"EnableRtcp": 1})  # with reports in between
         # GStreamer not over UDP, where it may read the report before the last picture
         players = self.play(players=[p for p in PLAYERS if p != (GstPlayer, "udp")], url=self.url)
         self.assert_ended(players, 60)

@@ -98,3 +98,73 @@ TEST_F(AnnounceTest, ServesStandardPushers)
     EXPECT_EQ(1, RtspWaitClosed(&player));
     EXPECT_TRUE(server.WaitOutput("OnFreeProgram(Uri=/cam)"));
 }
+
+// Controls as encoders write them, and how they name them in SETUP.
+TEST_F(AnnounceTest, FindsTracksByTheirControls)
+{
+    server.Set("INTEROP", "StandardPushers", "1");
+    server.Start();
+    static const struct {
+        const char *szFirst, *szSecond;  // controls
+        const char *szSetup, *szAnswer;
+    } rows[] = {
+        {"streamid=0", "streamid=1", "/p=1/streamid=1", "interleaved=2-3\r\n"},
+        {"track1", "track2", "/p=1/track1", "interleaved=0-1\r\n"},
+        {"track1", "track2", "/p=1?key=a=2/track2/", "interleaved=2-3\r\n"},
+        {"track=video", "track=audio", "/p=1/track=audio?x=1", "interleaved=2-3\r\n"},
+        {"7", "17", "/p=1/17", "interleaved=2-3\r\n"},
+        {"7", "17", "/p=1/7", "interleaved=0-1\r\n"},
+        {"rtsp://10.0.0.1/a/b?c=1", "x", "/a/b?c=1", "interleaved=0-1\r\n"},
+        {"", "", "/p=1/trackID=1", "interleaved=2-3\r\n"},
+        {"x", "y", "/p=1", "400 Bad Request(invalid trackID"},
+        {"x", "y", "/p=1/z", "400 Bad Request(invalid trackID"},
+        {"x", nullptr, "/p=1", "interleaved=0-1\r\n"},  // the only one
+        {"x", nullptr, "/p=1/?key=v", "interleaved=0-1\r\n"},
+    };
+    for (const auto &row : rows) {
+        RtspClient encoder;
+        Connect(&encoder);
+        std::string sdp;
+        for (const char *szControl : {row.szFirst, row.szSecond})
+            if (szControl)
+                sdp += "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n" +
+                       (*szControl ? "a=control:" + std::string(szControl) + "\r\n" : "");
+        ASSERT_EQ(Dated(), Announce(&encoder, "/p=1", sdp)) << row.szSetup;
+        std::string reply = Ask(&encoder, "SETUP", row.szSetup, "Transport: RTP/AVP/TCP;unicast;mode=record\r\n");
+        EXPECT_THAT(reply, testing::HasSubstr(row.szAnswer)) << row.szFirst << " " << row.szSetup;
+        EXPECT_TRUE(Answers(&encoder));
+    }
+    Connect(&pusher);
+    const std::string same = "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:x\r\n";
+    EXPECT_EQ(Refused("400 Bad Request(two sections have the same control)"), Announce(&pusher, "/p=1", same + same));
+}
+
+// Cameras tell what they see beside the picture, and that keeps nobody out.
+TEST_F(AnnounceTest, CarriesSectionsOfOtherKinds)
+{
+    server.Set("INTEROP", "StandardPushers", "1");
+    server.Start();
+    Connect(&pusher);
+    const std::string sdp =
+        "m=application 0 RTP/AVP 107\r\na=control:trackID=2\r\nm=video 0 RTP/AVP 26\r\na=control:trackID=0\r\n"
+        "m=audio 0 RTP/AVP 0\r\na=control:trackID=1\r\nm=text 0 RTP/AVP 98\r\na=control:trackID=3\r\n"
+        "m=application 0 RTP/AVP 107\r\na=control:trackID=5\r\n";  // the type of the first
+    EXPECT_EQ(Dated(), Announce(&pusher, "/cam", sdp));
+    Connect(&player);
+    EXPECT_EQ(1, RtspDescribe(&player));
+    for (RtspClient *p : {&pusher, &player})
+        for (const char *szTrack : {"2", "0", "1", "3", "5"})
+            EXPECT_THAT(Ask(p, "SETUP", std::string("/cam/trackID=") + szTrack,
+                            "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n"),
+                        kIsOk);
+    EXPECT_THAT(Ask(&pusher, "RECORD"), kIsOk);
+    EXPECT_THAT(Ask(&player, "PLAY"), kIsOk);
+    std::string seen = CameraPacket(1, 1, 160, "seen");
+    seen[1] = 107;
+    for (int i = 0; i < 6; i++)
+        ASSERT_EQ(1, RtspSendFrame(&pusher, 8, seen.data(), seen.size()));
+    Deliver();
+    RtspMessage frame;
+    ASSERT_EQ(1, RtspWaitFrame(&player, 8, &frame));
+    EXPECT_EQ(seen, frame.body);
+}

@@ -75,13 +75,13 @@ TEST_F(ConnectionTest, AddressesAreBounded)
     EXPECT_TRUE(Answers(&clients[7]));
 }
 
-// Who has set up nothing may be silent for a while, who has set up something for two and a half minutes, and
-// who plays, pushes, subscribes or sleeps for ever. Bytes that make no request are no sign of life.
+// Who has set up nothing may be silent for a while, who has set up something for two (over UDP) or two and a half
+// minutes, and who plays, pushes, subscribes or sleeps for ever. Bytes that make no request are no sign of life.
 TEST(States, EndWhenNothingHappens)
 {
     LocalServer server(
         "EnableLowEnergy=1\nLiveTime=120\n[USERS]\nSuperUser=root\nSuperPwd=rootpw\n"
-        "[GUARD]\nStateTimeout=30\n");
+        "[GUARD]\nStateTimeout=30\n[INTEROP]\nStandardPlayers=1\n");
     static const struct {
         const char *szWho;
         int nSeconds;  // after which it is closed; 0: never
@@ -92,6 +92,7 @@ TEST(States, EndWhenNothingHappens)
         {"a GET half", 30, [](RtspClient *p) { Send(p, "GET / HTTP/1.0\r\nx-sessioncookie: a\r\n\r\n"); }},
         {"described", 30, [](RtspClient *p) { EXPECT_EQ(1, RtspDescribe(p)); }},
         {"announced", 30, [](RtspClient *p) { EXPECT_EQ(1, RtspAnnounce(p, CameraSdp())); }},
+        {"set up over UDP", 120, [](RtspClient *p) { EXPECT_TRUE(RtspDescribe(p) && RtspSetup(p, 0, RTSP_OVER_UDP)); }},
         {"set up", 150, [](RtspClient *p) { EXPECT_TRUE(RtspDescribe(p) && RtspSetup(p, 0, RTSP_OVER_TCP)); }},
         {"paused", 150,
          [](RtspClient *p) {
@@ -111,7 +112,7 @@ TEST(States, EndWhenNothingHappens)
         ASSERT_EQ(1, RtspConnect(pClient, server.Url(path).c_str()));
         c.pfnDo(pClient);
     }
-    for (int nSeconds : {25, 40, 80, 120, 160}) {
+    for (int nSeconds : {25, 40, 80, 110, 140, 160}) {
         server.MoveClock(static_cast<uint32_t>(nSeconds) * 1000);
         if (nSeconds < 30)
             Send(&clients[1], "X");
@@ -369,5 +370,5 @@ TEST_F(ConnectionTest, NothingStaysOfThoseThatWent)
     EXPECT_EQ(CountText(output, "Assertion `session->Reply' failed."), CountText(output, "Assertion"));
     // and media ports are all there again
     ASSERT_EQ(1, RtspOpenPlayer(&player, server.Url("/cam").c_str(), RTSP_OVER_UDP));
-    EXPECT_EQ(server.nUdpStart, ntohs(player.tracks[0].udp.serverRtp.sin_port));
+    EXPECT_EQ(server.nUdpStart, ntohs(player.tracks[0].udp.serverRtp.in4.sin_port));
 }

@@ -220,3 +220,37 @@ TEST_F(DevControlTest, GivesEveryGuidItsName)
     WriteFile(server.dir.File("cfg/guid.dat"), "[GUID]\na=cam1001\nMaxRegisterId=1004\n");
     EXPECT_EQ(Reply("200 OK", "Result: cam1004\r\n"), ask("d")) << "no number was lost";
 }
+
+// With StandardPushers: a standard encoder is asked nothing, and what others answer in the form of a status
+// line reaches who asked, by its number or in its order.
+TEST_F(DevControlTest, BringsStatusLinesBack)
+{
+    server.Set("INTEROP", "StandardPushers", "1");
+    server.Start();
+    Connect(&pusher);
+    EXPECT_THAT(Ask(&pusher, "ANNOUNCE", "/cam", kSdp, CameraSdp(2)), kIsOk);
+    RtspClient *askers[] = {&Watch(), &Watch()};
+    Send(askers[0], "CAMCONTROL", kAction);
+    ExpectTold(askers[0], "501 Not Implemented(the pusher takes no requests)");
+    auto answer = [this](const std::string &text) {
+        ASSERT_TRUE(RtspSendBytes(&pusher, text.data(), text.size()));
+        EXPECT_TRUE(Answers(&pusher)) << text;
+    };
+    answer("RTSP/1.0 501 Not Implemented\r\n\r\n");  // nothing was asked
+    answer("RTSP/1.0 moved\r\nno header\r\n\r\n");
+    Send(&pusher, "RESPOND", "");
+    EXPECT_TRUE(Answers(&pusher)) << "it has shown that it knows";
+    RtspMessage asked[2];
+    for (int i = 0; i < 2; i++) {
+        Send(askers[i], "CAMCONTROL", kAction);
+        asked[i] = Forwarded();
+    }
+    EXPECT_TRUE(Answers(askers[1]));
+    askers[1]->nCSeq--;  // the answer has the number of its question
+    answer("RTSP/1.0 405 No Such Thing\r\nContent-Length: 4\r\nCSeq: " +
+           std::to_string(RtspHeaderNumber(&asked[1], "CSeq", -1)) + "\r\n\r\nbody");
+    ExpectTold(askers[1], "405 No Such Thing");
+    answer("RTSP/1.0 100 Continue\r\n\r\n");
+    answer("RTSP/1.0 501 Not Implemented\r\n\r\n");
+    ExpectTold(askers[0], "501 Not Implemented");
+}

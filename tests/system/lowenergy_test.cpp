@@ -84,6 +84,18 @@ TEST_F(LowEnergyTest, WatchedPusherStaysAwake)
     EXPECT_EQ(1, RtspWaitRequest(&pusher, "SLEEP", nullptr));
 }
 
+// Only our own encoders know what SLEEP is.
+TEST_F(LowEnergyTest, StandardPusherIsLeftAwake)
+{
+    server = std::make_unique<LocalServer>("EnableLowEnergy=1\n[INTEROP]\nStandardPushers=1\n");
+    ASSERT_EQ(1, RtspConnect(&pusher, server->Url("/cam").c_str()));
+    ASSERT_THAT(Ask(&pusher, "ANNOUNCE", "", kSdp, CameraSdp()), kIsOk);
+    MoveTo(121000);
+    MoveTo(242000);
+    ASSERT_TRUE(Answers(&pusher));
+    EXPECT_EQ(0, RtspWaitRequest(&pusher, "SLEEP", nullptr, 100));
+}
+
 // A watchdog looks every minute here. It ends who was silent for longer, and the program's players.
 TEST_F(LowEnergyTest, DropsAPusherThatFallsSilent)
 {

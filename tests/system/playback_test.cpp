@@ -23,7 +23,7 @@ using PlaybackTest = RecordingTest;
 TEST_F(PlaybackTest, PlaysFromWhereItIsAsked)
 {
     constexpr int kPictures = 2500;  // a hundred seconds; sound comes every 20 ms
-    const std::string end = "-99.980\r\n";
+    const std::string end = "-100.080\r\n";
     server.Set("INTEROP", "StandardPlayers", "1");
     server.Start();
     Camera camera({Coding::H264, Coding::G711});
@@ -85,7 +85,7 @@ TEST_F(PlaybackTest, PlaysFromWhereItIsAsked)
         EXPECT_TRUE(Watch({&viewer}, [&] { return viewer.Units(0, Coding::H264).back().data == sent.back().data; }));
         EXPECT_EQ(0U, play("0.5-", "0.000" + end)) << "from its end back to the start";
         viewer.Units(1, Coding::G711);
-        EXPECT_EQ(kWrongState, viewer.Play()) << "where to?";
+        EXPECT_THAT(viewer.Play(), testing::EndsWith("timeout=60\r\nDate: RFC1123\r\n\r\n")) << "it plays on";
     }
 }
 
@@ -129,7 +129,7 @@ TEST_F(PlaybackTest, TellsTimesAndTheEnd)
             for (const std::string &report : viewer.reports)
                 starts.push_back(
                     ReportedStart(report, report.substr(4, 4) == viewer.packets[0][0].substr(8, 4) ? 90000 : 8000));
-            EXPECT_EQ(*szRtcp == '1' ? 4U : 2U, starts.size()) << "a first one of each track, and the last";
+            EXPECT_EQ(4U, starts.size()) << "a first one of each track, and the last";
             for (int64_t nStart : starts)
                 EXPECT_NEAR(starts[0], nStart, 1000);
             if (viewer.Dropped() == 0) {
@@ -151,12 +151,12 @@ TEST_F(PlaybackTest, PlaysFasterAndBackwards)
         uint32_t nFirst, nStepMs;  // of pictures: its number, and how far their stamps are apart
         int nStep;
     } cases[] = {
-        {"Range: npt=2.5-\r\nScale: 4.000000\r\n", "npt=2.000-19.980\r\nScale: 4\r\n", 50, 250, 25},
-        {"Range: npt=0-\r\nScale: 100\r\nSpeed: 0.1\r\n", "npt=0.000-19.980\r\nScale: 16\r\nSpeed: 0.500\r\n", 0, 63,
+        {"Range: npt=2.5-\r\nScale: 4.000000\r\n", "npt=2.000-20.080\r\nScale: 4\r\n", 50, 250, 25},
+        {"Range: npt=0-\r\nScale: 100\r\nSpeed: 0.1\r\n", "npt=0.000-20.080\r\nScale: 16\r\nSpeed: 0.500\r\n", 0, 63,
          25},
         {"Range: npt=19.5-\r\nScale: -7\r\n", "npt=19.000-0.000\r\nScale: -8\r\n", 475, 125, -25},
         {"Range: npt=60-\r\nScale: -20\r\n", "npt=19.000-0.000\r\nScale: -16\r\n", 475, 62, -25},
-        {"Range: npt=0-\r\nScale: 0\r\nSpeed: 99\r\n", "npt=0.000-19.980\r\nScale: 1\r\nSpeed: 8.000\r\n", 0, 40, 1},
+        {"Range: npt=0-\r\nScale: 0\r\nSpeed: 99\r\n", "npt=0.000-20.080\r\nScale: 1\r\nSpeed: 8.000\r\n", 0, 40, 1},
     };
     server.Set("INTEROP", "StandardPlayers", "1");
     server.Start();
@@ -190,7 +190,7 @@ TEST_F(PlaybackTest, PlaysFasterAndBackwards)
     EXPECT_THAT(Ask(&viewer.client, "PAUSE"), kIsOk);
     viewer.Poll();
     size_t nLast = viewer.nPictures - 1;
-    EXPECT_THAT(viewer.Play(), HasSubstr("Range: npt=" + std::to_string(nLast) + ".000-19.980\r\nScale: 1\r\n"));
+    EXPECT_THAT(viewer.Play(), HasSubstr("Range: npt=" + std::to_string(nLast) + ".000-20.080\r\nScale: 1\r\n"));
     EXPECT_TRUE(WatchPictures({&viewer}, nLast + 5));
     for (size_t i = 1; i < 5; i++)
         EXPECT_EQ(sent[nLast * 25 + i - 1].data, viewer.Units(0, Coding::H264)[nLast + i].data);
@@ -219,6 +219,43 @@ TEST_F(PlaybackTest, GoesToTheLastOfManyPlaces)
     }
     EXPECT_TRUE(WatchPictures({&viewer}, 5));
     EXPECT_EQ(camera.tracks[0].sent[300].data, viewer.Units(0, Coding::H264)[0].data);
+}
+
+// A picture too large for a player's UDP socket leaves little by little. A jump or a pause meanwhile comes behind its
+// end, so that a decoder never gets a piece of one.
+TEST_F(PlaybackTest, JumpsAndPausesBetweenPictures)
+{
+    server.Set("INTEROP", "StandardPlayers", "1");
+    server.Set("STORAGE", "NeverLose", "1");
+    server.Set("STORAGE", "WideUnits", "1");
+    server.Start();
+    Camera camera({Coding::JPEG});
+    ASSERT_EQ(1, camera.Open(Url("camera")));
+    ASSERT_EQ("200 OK", camera.Record("FileName=" + File("a.zmf")));
+    for (size_t nBytes : {2000, 400000, 2000, 400000, 2000}) {
+        camera.nJpegBytes = nBytes;
+        camera.Send(nBytes > 2000 ? 1 : 24);
+    }
+    ASSERT_EQ("200 OK", camera.Record("Cmd=stop"));
+    Viewer viewer(RTSP_OVER_UDP);
+    ASSERT_EQ(1, viewer.Prepare(Url("a.zmf")));
+    const MediaUnits &sent = camera.tracks[0].sent;
+    for (const auto &[szMethod, szRange, nFirst] : {std::tuple{"PAUSE", "0.96-", 24U}, {"PLAY", "1.96-", 49U}}) {
+        size_t nUnits = viewer.Units(0, Coding::JPEG).size(), nPackets = viewer.packets[0].size();
+        EXPECT_THAT(viewer.Play(szRange), kIsOk);
+        EXPECT_TRUE(Watch({&viewer}, [&] { return viewer.packets[0].size() > nPackets + 2; }));
+        EXPECT_THAT(Ask(&viewer.client, szMethod, "", "Range: npt=0-\r\n"), kIsOk);
+        viewer.Poll();
+        bool bPaused = szMethod[1] == 'A';
+        EXPECT_TRUE(!bPaused || viewer.packets[0].back()[1] & 0x80) << "behind a picture";
+        EXPECT_TRUE(Watch({&viewer}, [&] { return bPaused || viewer.Units(0, Coding::JPEG).size() > nUnits + 9; }));
+        MediaUnits got = viewer.Units(0, Coding::JPEG);
+        for (size_t i = nUnits; i < got.size(); i++) {
+            bool bKnown = std::ranges::any_of(sent, [&](const MediaUnit &unit) { return unit.data == got[i].data; });
+            EXPECT_TRUE(bKnown) << szMethod << i - nUnits;
+        }
+        EXPECT_EQ(sent[nFirst].data.size(), got.size() > nUnits ? got[nUnits].data.size() : 0) << szMethod;
+    }
 }
 
 // A file whose times jump or stand still plays on at once, on any transport.

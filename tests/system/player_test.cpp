@@ -43,7 +43,7 @@ TEST_F(PlayerTest, DescribesAProgramWithoutItsPassword)
         EXPECT_TRUE(WaitFor([&] { return CountText(ReadFile(server.LogPath()), szLine) == 1; }, 10000)) << szLine;
 }
 
-// The server's channels count, whatever the player asks for.
+// The server's channels count, whatever the player asks for; and each SETUP, also of a track that is set up.
 TEST_F(PlayerTest, SetsUpOverTheConnection)
 {
     StartWatched(2);
@@ -52,8 +52,8 @@ TEST_F(PlayerTest, SetsUpOverTheConnection)
                                   "Session: SESSION\r\n" +
                                   kDate),
               Ask(&player, "SETUP", "/cam/trackID=1", "Transport: RTP/AVP/TCP;unicast;interleaved=4-5\r\n"));
-    EXPECT_THAT(Ask(&player, "SETUP", "/cam/trackID=0", "Transport: RTP/AVP/TCP;whatever\r\n"),
-                HasSubstr("Transport: RTP/AVP/TCP;unicast;interleaved=0-1;ssrc=1234ABCD\r\n"));
+    EXPECT_THAT(Ask(&player, "SETUP", "/cam/trackID=1", "Transport: RTP/AVP/TCP;whatever\r\n"),
+                HasSubstr("Transport: RTP/AVP/TCP;unicast;interleaved=2-3;ssrc=1234ABCD\r\n"));
     EXPECT_EQ(kWrongState, Ask(&player, "SETUP", "/cam/trackID=0", kOverTcp));
     EXPECT_EQ(1, RtspWaitClosed(&player));
 }
@@ -132,4 +132,68 @@ TEST_F(PlayerTest, StartsWithOneRequest)
     EXPECT_EQ(CameraPacket(0, 1, 0, "\x65picture", true), NextFrame());
     EXPECT_THAT(Ask(&player, "PAUSE"), kIsOk);
     EXPECT_THAT(Ask(&player, "PLAY"), HasSubstr(RtpInfo(2)));
+}
+
+// Nothing is sent behind a picture, a piece of sound and a picture that has no marker, and each arrives.
+TEST_F(PlayerTest, LowDelayWaitsForNothingMore)
+{
+    server.Set("INTEROP", "StandardPlayers=1\nLowDelay", "1");
+    StartWatched(2);
+    for (size_t nTrack : {0, 1})
+        ASSERT_EQ(1, RtspSetup(&player, nTrack, RTSP_OVER_TCP));
+    ASSERT_EQ(1, RtspPlay(&player, ""));
+    EXPECT_NE("", NextFrame());
+    EXPECT_NE("", NextFrame());
+    SendPictures(&pusher, 1, 1);
+    EXPECT_EQ(CameraPacket(0, 2, 3600, "\x67sps"), NextFrame());
+    EXPECT_EQ(CameraPacket(0, 3, 3600, "\x65picture", true), NextFrame());
+    const struct {
+        int nChannel;
+        std::string packet;
+    } rows[] = {{2, CameraPacket(1, 1, 160, std::string(160, 'a'))}, {0, CameraPacket(0, 4, 7200, "\x41slice")}};
+    for (const auto &row : rows) {
+        ASSERT_EQ(1, RtspSendFrame(&pusher, row.nChannel, row.packet.data(), row.packet.size()));
+        EXPECT_EQ(row.packet, NextFrame()) << row.nChannel;
+    }
+}
+
+// With StandardPlayers: what each request is answered, one behind the other on one connection that lives on.
+TEST_F(PlayerTest, ServesStandardPlayers)
+{
+    server.Set("INTEROP", "StandardPlayers", "1");
+    server.Set("INTEROP", "StandardPushers", "1");
+    server.Start();
+    ASSERT_EQ(1, RtspOpenPusher(&pusher, server.Url("/cam/?key=a=b").c_str(), CameraSdp(2)));
+    Connect(&player);
+    const std::string overTcp = "X:\r\nAccept: a\r\nAccept: b\r\n" + kOverTcp;
+    const std::string session = "\r\nSession: SESSION;timeout=60\r\n", none = "\r\n" + kNoCache + "\r\n";
+    const struct {
+        const char *szMethod, *szPath, *szHeaders;
+        std::string status, holds;
+    } rows[] = {
+        {"FOO", "", "", "500 Not implemented", none},
+        {"PLAY", "", "", "455 Method Not Valid in This State", none},
+        {"DESCRIBE", "/cam", "Require: x.y\r\n", "551 Option not supported", "\r\nUnsupported: x.y\r\n"},
+        {"DESCRIBE", "/cam/?t=1", "Session: 12\r\n", "200 OK",
+         "\r\nContent-Base: " + server.Url("/cam/") + "\r\nContent-Type"},
+        {"SETUP", "/cam?t=1", kOverTcp.c_str(), "400 Bad Request(invalid trackID in SETUP)", none},
+        {"SETUP", "/cam/trackID=0", "Transport:\r\n", "400 Bad Request", none},
+        {"SETUP", "/cam?t=1/trackID=1", overTcp.c_str(), "200 OK", "interleaved=2-3"},
+        {"SETUP", "/cam/trackID=0?t=1", kOverTcp.c_str(), "200 OK", session},
+        {"PLAY", "/cam/", "Session: 12\r\n", "454 Session Not Found", none},
+        {"PLAY", "/cam/?t=1", "", "200 OK", "RTP-Info: url=" + server.Url("/cam/trackID=0")},
+        {"RECORD", "/cam/", "", "455 Method Not Valid in This State", none},
+        {"PLAY", "/cam/", "Range: npt=now-\r\n", "200 OK", session + "Date: RFC1123\r\n\r\n"},
+        {"DESCRIBE", "/cam", "", "200 OK", "\r\n\r\nv=0"},
+        {"DESCRIBE", "/other", "", "455 Method Not Valid in This State", none},
+        {"GET_PARAMETER", "/cam/", "", "200 OK", session},
+        {"OPTIONS", "", "Session: 12\r\n", "200 OK", "PAUSE, TEARDOWN, GET_PARAMETER, SET_PARAMETER"},
+        {"TEARDOWN", "/cam/", "", "200 OK", kStandardEnd},
+    };
+    for (const auto &row : rows) {
+        std::string reply = Ask(&player, row.szMethod, row.szPath, row.szHeaders);
+        EXPECT_THAT(reply, testing::StartsWith("RTSP/1.0 " + row.status)) << row.szMethod;
+        EXPECT_THAT(reply, HasSubstr("\r\nCSeq: #\r\n")) << row.szMethod;
+        EXPECT_THAT(reply, HasSubstr(row.holds)) << row.szMethod << row.szPath;
+    }
 }

@@ -37,8 +37,7 @@ struct RtcpTest : SystemTest {
     static void SendDatagrams(const RtspUdpPair &pair, const std::string &bytes)
     {
         for (const auto &[fd, to] : {std::pair{pair.fdRtp, pair.serverRtp}, {pair.fdRtcp, pair.serverRtcp}})
-            EXPECT_EQ(ssize_t(bytes.size()),
-                      sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr *>(&to), sizeof(to)));
+            EXPECT_EQ(ssize_t(bytes.size()), sendto(fd, bytes.data(), bytes.size(), 0, &to.any, AddrSize(&to)));
     }
 };
 
@@ -100,8 +99,8 @@ TEST_F(RtcpTest, MediaFollowsTheDatagrams)
         std::string reply = Ask(&player, "SETUP", "/cam/trackID=0", "Transport: RTP/AVP;unicast;client_port=9-10\r\n");
         std::smatch ports;
         ASSERT_TRUE(std::regex_search(reply, ports, std::regex("server_port=([0-9]+)-([0-9]+);")));
-        pair.serverRtp = Loopback(std::stoi(ports[1]));
-        pair.serverRtcp = Loopback(std::stoi(ports[2]));
+        pair.serverRtp.in4 = Loopback(std::stoi(ports[1]));
+        pair.serverRtcp.in4 = Loopback(std::stoi(ports[2]));
         ASSERT_THAT(Ask(&player, "PLAY"), kIsOk);
         SendDatagrams(pair, opener);
         std::string packet;
@@ -110,5 +109,69 @@ TEST_F(RtcpTest, MediaFollowsTheDatagrams)
             Deliver();
             return RtspUdpReceive(pair.fdRtp, &packet, 1);
         }));
+    }
+}
+
+// What a pusher reports of a track reaches its players, the last report ahead of a start, and takes the place of the
+// server's own; a track without reports gets those after ten seconds. What players report is told by the console.
+TEST_F(RtcpTest, ReportsOfPushersReachPlayers)
+{
+    server.Set("INTEROP", "StandardPushers=1\nStandardPlayers", "1");
+    server.Set("SERVER", "EnableRtcp", "1");
+    StartCamera(CameraSdp(2));
+    const std::string report("\x80\xC8\0\x06\x12\x34\xAB\xCD\xE0\0\0\x01\x80\0\0\0\0\0\0\x07\0\0\0\1\0\0\0\4", 28);
+    const std::string name(
+        "\x81\xCA\0\x03\x12\x34\xAB\xCD\x01\x03"
+        "cam\0\0\0",
+        16);
+    const std::string bye("\x81\xCB\0\x01\x12\x34\xAB\xCD", 8);
+    std::string blocks = report + std::string(24, 'b');  // of what the pusher receives itself: nobody else's business
+    blocks[0] = '\x81';
+    blocks[3] = 12;
+    auto push = [&](const std::string &bytes) { return RtspSendFrame(&pusher, 1, bytes.data(), bytes.size()); };
+    ASSERT_EQ(1, push(blocks + name + bye));
+    SendPictures(&pusher, 0, 1);
+    std::string sound = CameraPacket(1, 1, 160, "sound");
+    ASSERT_EQ(1, RtspSendFrame(&pusher, 2, sound.data(), sound.size()));
+    Deliver();
+    const std::string second = report.substr(0, 8) + std::string("\xE0\0\0\x02\x80\0\0\0", 8) + report.substr(16);
+    for (RtspTransport transport : {RTSP_OVER_UDP, RTSP_OVER_TCP}) {
+        RtspClient viewer;
+        ASSERT_EQ(1, RtspOpenPlayer(&viewer, server.Url("/cam").c_str(), transport));
+        RtspTrack *pTrack = &viewer.tracks[0];
+        auto received = [&](int nChannel = 1) {
+            RtspMessage frame;
+            if (transport == RTSP_OVER_UDP)
+                RtspUdpReceive(pTrack->udp.fdRtcp, &frame.body);
+            else
+                RtspWaitFrame(&viewer, nChannel, &frame);
+            return frame.body;
+        };
+        EXPECT_EQ(report + name, received(-1)) << "ahead of all media";
+        ASSERT_EQ(1, push(std::string(3, '\x80') + second)) << "no RTCP";
+        ASSERT_EQ(1, push(bye + second));
+        std::string named = received();  // by the program, as its source has no name
+        EXPECT_THAT(named, testing::StartsWith(second + std::string("\x81\xCA\0", 3)));
+        EXPECT_EQ(std::string("\x12\x34\xAB\xCD\x01", 5), named.substr(32, 5));
+        EXPECT_EQ("Orx", named.substr(38, 3));
+        EXPECT_EQ(named.find('\0', 38) - 38, static_cast<unsigned char>(named[37])) << "the text's own length";
+        std::string back("\x81\xC9\0\x07\0\0\0\x77\x12\x34\xAB\xCD\x40\0\0\1\0\0\0\1\0\0\x03\x84\0\x02\x80\0\0\0\0\0",
+                         32);
+        if (transport == RTSP_OVER_UDP)
+            SendDatagrams(pTrack->udp, back);
+        else
+            ASSERT_EQ(1, RtspSendFrame(&viewer, 1, back.data(), back.size()));
+        EXPECT_TRUE(WaitFor([&] {
+            size_t nBefore = server.Output().size();
+            server.Stat();
+            return server.Output().find("\t0\r\n   loss=25% jitter=10ms rtt=", nBefore) != std::string::npos;
+        }));
+        RtspMessage own;
+        if (transport == RTSP_OVER_TCP) {
+            ASSERT_EQ(1, RtspWaitFrame(&viewer, 3, &own, 15000));
+            EXPECT_EQ(std::string("\xE0\0\0\x02", 4), own.body.substr(8, 4)) << "the wall clock of the pictures";
+            EXPECT_EQ(std::string("\0\0\0\xA0\0\0\0\1\0\0\0\5", 12), own.body.substr(16, 12));
+        }
+        ASSERT_EQ(1, push(report + name));  // for the next one
     }
 }

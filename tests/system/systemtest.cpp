@@ -57,9 +57,13 @@ static std::string Normalized(const std::string &reply)
     static const std::regex date(
         "\r\nDate: (Sun|Mon|Tue|Wed|Thu|Fri|Sat), (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) "
         "[1-9][0-9]? 20[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} GMT\r\n");
-    static const std::regex session("\r\nSession: 0x[1-9a-f][0-9a-f]{0,7}\r\n");
-    return std::regex_replace(std::regex_replace(reply, date, "\r\nDate: DATE\r\n"), session,
-                              "\r\nSession: SESSION\r\n");
+    static const std::regex standard(
+        "\r\nDate: (Sun|Mon|Tue|Wed|Thu|Fri|Sat), [0-9]{2} (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) "
+        "20[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} GMT\r\n");
+    static const std::regex session("\r\nSession: 0x[1-9a-f][0-9a-f]{0,7}(\r\n|;)");
+    std::string text = std::regex_replace(reply, date, "\r\nDate: DATE\r\n");
+    text = std::regex_replace(text, standard, "\r\nDate: RFC1123\r\n");
+    return std::regex_replace(text, session, "\r\nSession: SESSION$1");
 }
 
 std::string Exchange(RtspClient *pClient, const std::string &text)
@@ -84,7 +88,9 @@ std::string Ask(RtspClient *pClient, const std::string &method, const std::strin
 
 bool Answers(RtspClient *pClient)
 {
-    return Ask(pClient, "OPTIONS") == Dated(kPublic);
+    std::string reply = Ask(pClient, "OPTIONS");
+    return reply == Dated(kPublic) ||
+           (reply.starts_with(Reply("200 OK").substr(0, 40)) && reply.ends_with(kStandardEnd));
 }
 
 int NextAnswer(RtspClient *pClient, int nTimeoutMs)

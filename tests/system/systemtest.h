@@ -65,6 +65,8 @@ inline const std::string kServerLine = "Server: Orx/2.3.1.2\r\n";
 inline const std::string kNoCache = "Pragma: no-cache\r\nCache-Control: no-cache\r\n";
 inline const std::string kDate = "Date: DATE\r\n";
 inline const std::string kPublic = "Public: DESCRIBE, SETUP, PLAY, TEARDOWN, SET_PARAMETER, GETCAMINFO, CAMCONTROL\r\n";
+// The end of a reply to standard players that tells nothing of media.
+inline const std::string kStandardEnd = kNoCache + "Date: RFC1123\r\n\r\n";
 inline const std::string kPlain = "Content-Type: text/plain\r\n", kSdp = "Content-Type: application/sdp\r\n";
 inline const std::string kOverTcp = "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n";
 

@@ -192,29 +192,40 @@ TEST_F(TunnelTest, PusherGoesWithItsPost)
     ExpectLeft(0, 1);
 }
 
-// For standard players the order in which the halves arrive does not matter. What a POST has sent by then is
-// kept, on the RTSP port and on the web port; one that nobody wants does not stay.
+// For standard players the order in which the halves arrive does not matter, and the POST may be renewed, when it
+// has gone or before; half a request goes with the old one. What a POST has sent before its GET is kept, on the RTSP
+// port and on the web port; one that nobody wants does not stay.
 TEST_F(TunnelTest, PostMayComeFirst)
 {
     server.Set("INTEROP", "StandardPlayers", "1");
     server.Set("SERVER",
                "EnableHttpProxy=1\nHttpProxyTargetPort=1\nHttpProxyListenPort=" + std::to_string(server.nSparePort));
     server.Start();
-    RtspClient other;
+    RtspClient other, second, third;
     Connect(&other);
     for (int nPort : {server.nPort, server.nSparePort}) {
         std::string url = "rtsp://127.0.0.1:" + std::to_string(nPort) + "/cam", sent = Encoded(Options(1) + Options(2));
+        std::string cookie = "xyz" + std::to_string(nPort);
         int nCreated = CountText(server.Output(), "Create session");
         ASSERT_EQ(1, RtspConnect(&post, url.c_str()));
-        Send(&post, Post("xyz") + sent.substr(0, 70));
+        Send(&post, Post(cookie) + sent.substr(0, 70));
         ASSERT_TRUE(server.WaitOutput("Create session", nCreated + 1));
         Send(&post, sent.substr(70));
         ASSERT_TRUE(Answers(&other));
         ASSERT_EQ(1, RtspConnect(&get, url.c_str()));
-        EXPECT_EQ(kGetReply, Exchange(&get, Get("x-sessioncookie: XYZ\r\nAccept: " + kTunnelType)));
+        EXPECT_THAT(Exchange(&get, Get("x-sessioncookie: XYZ" + cookie.substr(3) + "\r\nAccept: " + kTunnelType)),
+                    testing::StartsWith("HTTP/1.1 200 OK\r\n"));
         ExpectAnswers(&get, 1, 2);
         Send(&post, Encoded(Options(3)));
         ExpectAnswers(&get, 3, 3);
+        for (int i : {4, 5}) {
+            Send(i == 4 ? &post : &second, Encoded("OPTI"));
+            if (i == 4)
+                RtspClose(&post);
+            ASSERT_EQ(1, RtspConnect(i == 4 ? &second : &third, url.c_str()));
+            Send(i == 4 ? &second : &third, Post(cookie) + Encoded(Options(i)));
+            ExpectAnswers(&get, i, i);
+        }
     }
     SendPost("nobody");
     EXPECT_EQ(1, RtspWaitClosed(&post));

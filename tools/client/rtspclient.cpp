@@ -76,8 +76,10 @@ int RtspParseUrl(const char *szUrl, RtspUrl *pOut)
         authority.erase(0, nAt + 1);
     }
     url.plain = "rtsp://" + authority + url.path;
-    size_t nColon = authority.find(':');
-    url.host = authority.substr(0, nColon);
+    size_t nBracket = authority[0] == '[' ? authority.find(']') : std::string::npos;
+    size_t nColon = authority.find(':', nBracket == std::string::npos ? 0 : nBracket);
+    url.host =
+        nBracket == std::string::npos ? authority.substr(0, nColon) : authority.substr(1, nBracket - 1);
     if (nColon != std::string::npos)
         url.nPort = static_cast<int>(strtol(authority.c_str() + nColon + 1, nullptr, 10));
     if (url.host.empty() || url.nPort < 1 || url.nPort > 65535)
@@ -86,17 +88,18 @@ int RtspParseUrl(const char *szUrl, RtspUrl *pOut)
     return 1;
 }
 
-static int ResolveHost(const RtspUrl *pUrl, sockaddr_in *pAddr)
+// A name stands for an IPv4 address.
+static int ResolveHost(const RtspUrl *pUrl, NetAddr *pAddr)
 {
     addrinfo hints{};
-    hints.ai_family = AF_INET;
+    hints.ai_family = pUrl->host.find(':') == std::string::npos ? AF_INET : AF_INET6;
     hints.ai_socktype = SOCK_STREAM;
     addrinfo *pFound = nullptr;
     if (getaddrinfo(pUrl->host.c_str(), nullptr, &hints, &pFound) != 0)
         return 0;
-    memcpy(pAddr, pFound->ai_addr, sizeof *pAddr);
+    memcpy(&pAddr->in6, pFound->ai_addr, std::min<size_t>(pFound->ai_addrlen, sizeof pAddr->in6));
     freeaddrinfo(pFound);
-    pAddr->sin_port = htons(static_cast<uint16_t>(pUrl->nPort));
+    AddrSetPort(pAddr, pUrl->nPort);
     return 1;
 }
 
@@ -129,16 +132,16 @@ static int PrepareSocket(const RtspClient *pClient, int fd)
 // A connected non-blocking socket, or -1.
 static int OpenSocket(const RtspClient *pClient, uint64_t nDeadlineUs)
 {
-    sockaddr_in addr{};
+    NetAddr addr;
     if (!ResolveHost(&pClient->url, &addr))
         return -1;
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    int fd = socket(addr.any.sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd < 0)
         return -1;
     int nError = 0;
     socklen_t nLen = sizeof nError;
     if (PrepareSocket(pClient, fd) &&
-        (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0 ||
+        (connect(fd, &addr.any, AddrSize(&addr)) == 0 ||
          (errno == EINPROGRESS && WaitFd(fd, POLLOUT, nDeadlineUs) &&
           getsockopt(fd, SOL_SOCKET, SO_ERROR, &nError, &nLen) == 0 && nError == 0)))
         return fd;
@@ -477,12 +480,11 @@ static void TakeTransport(RtspClient *pClient, RtspTrack *pTrack, const RtspMess
         pTrack->nSsrc =
             static_cast<uint32_t>(strtoul(transport.c_str() + transport.find("ssrc=") + 5, nullptr, 16));
     pTrack->nChannel = static_cast<int>(TransportNumber(transport, "interleaved=", 10));
-    if (nPort < 0 ||
-        getpeername(pClient->fd, reinterpret_cast<sockaddr *>(&pTrack->udp.serverRtp), &nLen) != 0)
+    if (nPort < 0 || getpeername(pClient->fd, &pTrack->udp.serverRtp.any, &nLen) != 0)
         return;
-    pTrack->udp.serverRtp.sin_port = htons(static_cast<uint16_t>(nPort));
     pTrack->udp.serverRtcp = pTrack->udp.serverRtp;
-    pTrack->udp.serverRtcp.sin_port = htons(static_cast<uint16_t>(nPort + 1));
+    AddrSetPort(&pTrack->udp.serverRtp, static_cast<int>(nPort));
+    AddrSetPort(&pTrack->udp.serverRtcp, static_cast<int>(nPort + 1));
 }
 
 static int SetupTrack(RtspClient *pClient, RtspTrack *pTrack, const std::string &transport,
@@ -541,8 +543,8 @@ int RtspOpenPlayer(RtspClient *pClient, const char *szUrl, RtspTransport transpo
 
 int RtspAnnounce(RtspClient *pClient, const std::string &sdp, RtspMessage *pReply, int nTimeoutMs)
 {
-    if (!RequestOk(pClient, "ANNOUNCE", nullptr, "Content-Type: application/sdp\r\n", sdp, pReply,
-                   nTimeoutMs))
+    if (!RequestOk(pClient, "ANNOUNCE", nullptr, "Content-Type: application/sdp\r\nSupported: orx.sleep\r\n",
+                   sdp, pReply, nTimeoutMs))
         return 0;
     TakeTracks(pClient, sdp);
     return 1;
@@ -585,37 +587,36 @@ int RtspRespond(RtspClient *pClient, const RtspMessage *pRequest, const char *sz
     return RtspSend(pClient, "RESPOND", nullptr, headers.c_str(), "", nTimeoutMs) != 0;
 }
 
-// The address that a socket has here, of any protocol; any with -1.
-static sockaddr_in LocalAddress(int fd)
+// The address that a socket has here, of any protocol; any of IPv4 with -1.
+static NetAddr LocalAddress(int fd)
 {
-    sockaddr_in addr{};
+    NetAddr addr;
     socklen_t nLen = sizeof addr;
-    if (getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &nLen) != 0)
-        addr = sockaddr_in{};
-    addr.sin_family = AF_INET;
+    if (getsockname(fd, &addr.any, &nLen) != 0)
+        addr.in4.sin_family = AF_INET;
     return addr;
 }
 
 // A UDP socket on the address and the given port (0: any), or -1. Its buffer holds what comes at once: the
 // packets since the last key picture, or the second that a recording is sent ahead.
-static int BindUdp(sockaddr_in addr, int nPort)
+static int BindUdp(NetAddr addr, int nPort)
 {
     constexpr int kBytes = 2 << 20;
-    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    int fd = socket(addr.any.sa_family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &kBytes, sizeof kBytes) != 0)
         setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kBytes, sizeof kBytes);
-    addr.sin_port = htons(static_cast<uint16_t>(nPort));
-    if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0)
+    AddrSetPort(&addr, nPort);
+    if (fd >= 0 && bind(fd, &addr.any, AddrSize(&addr)) != 0)
         CloseFd(&fd);
     return fd;
 }
 
 int RtspUdpOpen(RtspUdpPair *pPair, int fdNear)
 {
-    sockaddr_in near = LocalAddress(fdNear);
+    NetAddr near = LocalAddress(fdNear);
     for (int nTry = 0; nTry < 100; nTry++) {
         int fdAny = BindUdp(near, 0);
-        int nAny = fdAny < 0 ? 0 : ntohs(LocalAddress(fdAny).sin_port);
+        int nAny = fdAny < 0 ? 0 : ntohs(LocalAddress(fdAny).in4.sin_port);
         int fdOther =
             nAny ? BindUdp(near, nAny ^ 1) : -1;  // the even or odd neighbour that completes the pair
         if (fdOther >= 0) {
@@ -649,9 +650,8 @@ int RtspUdpReceive(int fd, std::string *pOut, int nTimeoutMs)
 int RtspUdpSendReport(RtspTrack *pTrack, uint32_t nOwnSsrc, uint32_t nHighestSequence)
 {
     std::string report = RtcpReceiverReport(nOwnSsrc, pTrack->nSsrc, nHighestSequence);
-    return sendto(pTrack->udp.fdRtcp, report.data(), report.size(), MSG_NOSIGNAL,
-                  reinterpret_cast<const sockaddr *>(&pTrack->udp.serverRtcp),
-                  sizeof pTrack->udp.serverRtcp) == static_cast<ssize_t>(report.size());
+    return sendto(pTrack->udp.fdRtcp, report.data(), report.size(), MSG_NOSIGNAL, &pTrack->udp.serverRtcp.any,
+                  AddrSize(&pTrack->udp.serverRtcp)) == static_cast<ssize_t>(report.size());
 }
 
 }  // namespace orx

@@ -7,13 +7,11 @@
 // It shares no parsing code with the server, on purpose. The system tests ask the server through this
 // library: what a parser of the server got wrong, a test that used the same parser would get wrong in the
 // same way, and pass. So messages, descriptions, RTP heads and the rules for credentials are written here
-// once more, from the RFCs. Of the server's code only the bytes, MD5 and base64 of src/base are used, which
-// have tests with known answers. Do not merge the two.
+// once more, from the RFCs. Of the server's code only the bytes, address record, MD5 and base64 of src/base
+// are used, which have tests with known answers. Do not merge the two.
 //
 // A client belongs to one thread at a time; there is no state outside it.
 #pragma once
-
-#include <netinet/in.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -22,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "base/netaddr.h"
 #include "client/rtspauth.h"
 #include "client/rtspmessage.h"
 #include "client/sdpscan.h"
@@ -37,15 +36,15 @@ enum RtspTransport {
 };
 
 struct RtspUrl {
-    std::string plain;  // the URL without its credentials, as it stands in requests
-    std::string host, path, user, password;
+    std::string plain;                       // the URL without its credentials, as it stands in requests
+    std::string host, path, user, password;  // an IPv6 host without its brackets
     int nPort = 554;
 };
 
 struct RtspUdpPair {
-    int fdRtp = -1, fdRtcp = -1;            // owned; RTP on an even port, RTCP on the next
-    int nPort = 0;                          // the port of RTP
-    sockaddr_in serverRtp{}, serverRtcp{};  // from the server's reply; port 0 until then
+    int fdRtp = -1, fdRtcp = -1;    // owned; RTP on an even port, RTCP on the next
+    int nPort = 0;                  // the port of RTP
+    NetAddr serverRtp, serverRtcp;  // from the server's reply; port 0 until then
     RtspUdpPair() = default;
     ~RtspUdpPair();
     RtspUdpPair(const RtspUdpPair &) = delete;

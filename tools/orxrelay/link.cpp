@@ -291,11 +291,11 @@ Link *LinkOpen(const LinkTarget *pTarget, int fd)
         SockSetNonBlock(pLink->fd, 1);
     pLink->pTarget = pTarget;
     SetState(pLink, LinkState::Asking, pTarget->nTimeoutMs);
-    uint16_t nPort = ntohs(pTarget->address.sin_port);
+    uint16_t nPort = ntohs(pTarget->address.in4.sin_port);
     if (pTarget->identity.empty())
-        DialBox(pLink, pTarget->address.sin_addr, nPort);
+        DialBox(pLink, pTarget->address.in4.sin_addr, nPort);
     else
-        pLink->pServer = Dial(pLink, pTarget->address.sin_addr, nPort);
+        pLink->pServer = Dial(pLink, pTarget->address.in4.sin_addr, nPort);
     return pLink;
 }
 

@@ -3,18 +3,19 @@
 #pragma once
 
 #include <enet/enet.h>
-#include <netinet/in.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
+#include "base/netaddr.h"
+
 namespace orx {
 
 // Where the box is to be found.
 struct LinkTarget {
-    std::string identity;   // empty: directly
-    sockaddr_in address{};  // of the box, or of the rendezvous server that knows the identity
+    std::string identity;  // empty: directly
+    NetAddr address;       // of the box, or of the rendezvous server that knows the identity
     uint32_t nTimeoutMs = 0;
 };
 

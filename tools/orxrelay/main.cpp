@@ -150,7 +150,7 @@ static int Resolve(Relay *pRelay)
 static int Listen(Relay *pRelay)
 {
     std::string text = pRelay->pOptions->listen;
-    sockaddr_in addr{};
+    NetAddr addr;
     if (text.find(':') == std::string::npos)
         text = "127.0.0.1:" + text;
     if (text.size() > 255 || !SockResolveUri(&addr, text.c_str(), 0)) {

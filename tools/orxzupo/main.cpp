@@ -55,7 +55,7 @@ static int Listen(Rendezvous *pServer, const ZupoOptions &options)
         return 0;
     }
     pServer->pHost->maximumPacketSize = pServer->pHost->maximumWaitingData = 4096;
-    sockaddr_in local{};
+    NetAddr local;
     char szLocal[kAddrTextSize];
     SockGetLocalName(pServer->pHost->socket, &local);
     SockAddrToString(&local, szLocal);

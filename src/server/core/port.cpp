@@ -76,7 +76,7 @@ static Port *RefuseUdp(Port *pPort)
     return nullptr;
 }
 
-Port *CreateUdpPort(const char *szLocalIp, int nLocalPort, const char *szRemoteIp, int nRemotePort)
+Port *CreateUdpPort(const NetAddr *pLocal, int nLocalPort, const NetAddr *pRemote, int nRemotePort)
 {
     ORX_ASSERT(nLocalPort && nRemotePort, "nLocalPort && nRemotePort");
     Port *pPort = NewPort(-1, PORT_UDP);
@@ -84,9 +84,10 @@ Port *CreateUdpPort(const char *szLocalIp, int nLocalPort, const char *szRemoteI
         print("warning: NOT enough memory to CreateUdpPort()!\n");
         return nullptr;
     }
-    if (!SockSetAddr(&pPort->local, szLocalIp, nLocalPort) ||
-        !SockSetAddr(&pPort->remote, szRemoteIp, nRemotePort))
-        return RefuseUdp(pPort);
+    pPort->local = *pLocal;
+    pPort->remote = *pRemote;
+    AddrSetPort(&pPort->local, nLocalPort);
+    AddrSetPort(&pPort->remote, nRemotePort);
     pPort->fd = SockBindUdp(&pPort->local);
     if (pPort->fd < 0)
         return RefuseUdp(pPort);

@@ -2,10 +2,9 @@
 // Scheduler thread only.
 #pragma once
 
-#include <netinet/in.h>
-
 #include <cstdint>
 
+#include "base/netaddr.h"
 #include "base/printable.h"
 #include "runtime/task.h"
 #include "server/core/request.h"
@@ -31,10 +30,10 @@ struct Port {
     uint8_t nType = 0;         // PORT_TCP, PORT_UDP
     uint16_t nFlags = 0;       // PORT_...
     uint32_t nGeneration = 0;  // tells this socket from an earlier one with the same descriptor; never 0
-    sockaddr_in local{};
-    sockaddr_in remote{};  // UDP: the configured peer, then the source of the last datagram
-    Request request;       // the message that is being received
-    char tail[4] = "";     // tunnel POST: characters of a base64 group not yet complete
+    NetAddr local;
+    NetAddr remote;     // UDP: the configured peer, then the source of the last datagram
+    Request request;    // the message that is being received
+    char tail[4] = "";  // tunnel POST: characters of a base64 group not yet complete
     uint32_t nTail = 0;
     CredentialMask mask;  // tunnel POST: where in the text that is printed a credential is left out
     Retired retired;
@@ -43,9 +42,9 @@ struct Port {
 // Takes over a connected socket and watches it for reading; null when that fails, the socket is then closed.
 Port *CreateTcpPort(int fd);
 
-// Opens a UDP socket on the local address, aimed at the remote one, and watches it for reading; null on
-// failure. Both ports are in host order and not 0.
-Port *CreateUdpPort(const char *szLocalIp, int nLocalPort, const char *szRemoteIp, int nRemotePort);
+// Opens a UDP socket on the local address, aimed at the remote one of the same family, and watches it for
+// reading; null on failure. Of the addresses the ports do not count: those given do, host order and not 0.
+Port *CreateUdpPort(const NetAddr *pLocal, int nLocalPort, const NetAddr *pRemote, int nRemotePort);
 
 // The port of a descriptor, or null. FindPortAlive also wants the generation to be the one given.
 Port *FindPort(int fd);

@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -54,6 +55,9 @@ static void ProgramFree(void *pRecord)
     free(pProg->camera.szCamCfg);
     AccountTableFree(pProg->camera.pAccounts);
     ListEmpty(&pProg->cache.Pktq);
+    ParamSetsFree(&pProg->keyStart.sets);
+    while (pProg->keyStart.nHeld > 0)
+        FreeDataBlock(pProg->keyStart.held[--pProg->keyStart.nHeld]);
     delete pProg;
 }
 
@@ -100,6 +104,18 @@ static void RemoveName(Program *pProg)
         AvlForget(&g_server.programMap, AvlTextKey(pProg->Uri));
 }
 
+// The newest one of an asker: it never went out, so that no answer is to be taken for its.
+static void ForgetQuestion(Program *pProg, uint32_t nAsker)
+{
+    PusherQuestions *pAsked = &pProg->asked;
+    for (uint32_t i = pAsked->nOpen; i-- > 0;)
+        if (pAsked->open[i].nAsker == nAsker) {
+            pAsked->nOpen--;
+            std::copy(pAsked->open + i + 1, pAsked->open + pAsked->nOpen + 1, pAsked->open + i);
+            return;
+        }
+}
+
 // Takes back what the session asked and the pusher of its program was not sent yet.
 static void TakeQuestionsBack(const Session *pSession)
 {
@@ -107,8 +123,10 @@ static void TakeQuestionsBack(const Session *pSession)
     DataBlock *pNext;
     for (auto *p = pPusher ? ListFirstOf<DataBlock>(&pPusher->out.Outq) : nullptr; p; p = pNext) {
         pNext = NextBlock(p);
-        if ((p->nFlags & DB_QUESTION) && p->nSerial == pSession->nHandle && p->sent == 0)
+        if ((p->nFlags & DB_QUESTION) && p->nSerial == pSession->nHandle && p->sent == 0) {
             BlockListFree(&pPusher->out.Outq, p);
+            ForgetQuestion(pSession->pProg, pSession->nHandle);
+        }
     }
 }
 
@@ -158,6 +176,34 @@ void ProgramDetach(Session *pSession)
         pProg->sleep.tIdleSince = ClockUptime();
 }
 
+int ProgramKeep(Session *pPusher)
+{
+    Program *pProg = FeedsProgram(pPusher) ? pPusher->pProg : nullptr;
+    if (!pProg || !pProg->pOps->pfnKeep || !pProg->pOps->pfnKeep(pProg))
+        return 0;
+    ForgetViewer(pPusher);
+    pPusher->pProg = nullptr;
+    pProg->pPusher = nullptr;  // what held the program for it holds it for the wait
+    return 1;
+}
+
+void ProgramReturn(Session *pPusher, Program *pProg)
+{
+    pProg->hold.nNumber = 0;
+    pProg->pPusher = pPusher;
+    ProgramAttach(pPusher, pProg);
+    pProg->nRefs--;
+}
+
+void ProgramGiveUp(Program *pProg)
+{
+    pProg->hold.nNumber = 0;
+    RemoveName(pProg);
+    pProg->pOps->pfnStop(pProg);
+    if (--pProg->nRefs == 0)
+        ProgramEnd(pProg);
+}
+
 void ProgramCallHook(const Program *pProg, const char *szRemote, int bUp)
 {
     if (!g_server.pfnProgramHook)
@@ -190,6 +236,7 @@ void ProgramClearCache(Program *pProg)
 {
     ListEmpty(&pProg->cache.Pktq);
     pProg->cache.pCacheCursor = nullptr;
+    pProg->cache.pLastKey = nullptr;
     pProg->cache.nKeptKeys = 0;
     pProg->cache.nWhole = pProg->cache.nSerial;
 }

@@ -2,12 +2,14 @@
 // the path of their URI. Scheduler thread only.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "base/datablock.h"
 #include "base/linkedlist.h"
 #include "base/mediatype.h"
 #include "record/keyframe.h"
+#include "record/paramsets.h"
 #include "server/core/session.h"
 
 namespace orx {
@@ -17,20 +19,33 @@ struct Codec;
 struct Recorder;
 struct FileReader;
 
-constexpr int kMaxMediaInfos = 4;  // sections of a description that are read
+constexpr int kMaxMediaInfos = 8;  // sections of a description that are read: without StandardPushers four
 constexpr int kMaxRecorders = 4;   // recordings of one program at a time: one of each kind, and one more
 
-// How a pusher's RTP time stamps become milliseconds (see ingest.h).
+// StandardPushers: what sender reports tell of a track's clock (see mediatime.h).
+struct ReportClock {
+    int bKnown = 0;         // a report has come: its pair of times
+    uint32_t nRtpTime = 0;  // stamp as pushed
+    uint32_t nNtpMs = 0;    // wall clock of the pusher, ms, of which the lower 32 bits count
+    int32_t nErrorMs = 0;   // by which the track's times are still to go ahead
+    int32_t nGoneMs = 0;    // media time since the last step towards that
+    int bOwn = 0;  // its reports are on a wall clock of their own: the line is nOwnOffset ahead of it
+    uint32_t nOwnOffset = 0;
+    int bWaits = 0;  // its wall clock was set: what that means is told by the track that anchors the line
+};
+
+// How a pusher's RTP time stamps become milliseconds (see mediatime.h).
 struct MediaClock {
     int bTimeKnown = 0;         // a packet has come; the rest is set
     uint32_t nLastRtpTime = 0;  // of the last packet
     int64_t nExtTime = 0;       // the same extended to 64 bits, so that its wrap does not reach the cache
     uint32_t nTimeShift = 0;    // added to its ms, so that all tracks share a time line that does not jump
-    uint32_t nMs = 0;           // NeverLose: what the last packet got
+    uint32_t nMs = 0;           // what the last packet got, where jumps do not show
     uint32_t nArrivedMs = 0;    // and ClockMs then
+    ReportClock report;
 };
 
-// NeverLose: where the tracks of a program are in time, and their last jump.
+// NeverLose and StandardPushers: where the tracks of a program are in time, and their last jump.
 struct MediaLine {
     int bKnown = 0;           // a packet has come; the next two are set
     uint32_t nMs = 0;         // of the last packet, of whatever track
@@ -39,6 +54,50 @@ struct MediaLine {
     unsigned nJumpTrack = 0;
     uint32_t nJumpedMs = 0;  // ClockMs at the jump
     uint32_t nJump = 0;      // what was added to the times of the track
+    // StandardPushers: how far the line is ahead of the pusher's wall clock, by the reports of one track
+    int bNtpKnown = 0;
+    unsigned nNtpTrack = 0;
+    uint32_t nNtpOffset = 0;  // ms
+    // what the server's own reports tell: the wall clock, us, at a time of the line; 0: none was made
+    int64_t nWallUs = 0;
+    uint32_t nWallMs = 0;
+};
+
+// What is changed in the packets of a live track where they come in, once for all who get them (see
+// rewrite.h). Nothing as it begins.
+struct TrackRewrite {
+    uint16_t nSeqShift = 0;    // added to the numbers: grows by what is put between packets
+    uint32_t nStampShift = 0;  // added to the stamps, those of sender reports too
+    int bSsrc = 0;             // the track keeps the SSRC below, whatever its pusher has now
+    uint32_t nSsrc = 0;
+    int nPayloadType = -1;  // the track keeps this payload type; -1: the pusher's
+    int bChanges = 0;       // any of these differs from its first value
+    // HoldPlayers: where the track is, as its players have it, so that another pusher can go on there.
+    int bKnown = 0;           // a packet has come; the rest is set
+    int bContinues = 0;       // the next packet is another pusher's first
+    uint16_t nLastSeq = 0;    // of the last packet
+    uint32_t nLastStamp = 0;  // the latest one: pictures may be sent in another order than they are shown in
+    uint32_t nLastSsrc = 0;
+    uint32_t nLastMs = 0;  // ClockMs at the latest stamp
+    int bReported = 0;     // the pusher has told of its wall clock: the last such pair, as pushed
+    uint32_t nReportedStamp = 0;
+    uint64_t nReportedNtp = 0;
+};
+
+// The last sender report of a live track, as its players get it, and what the server needs to make one where
+// the pusher sends none (see reports.h). The times are those of the track's last packet.
+constexpr size_t kMaxReportBytes = 256;
+struct TrackReport {
+    uint8_t bytes[kMaxReportBytes] = {};
+    uint32_t nBytes = 0;  // 0: there is none
+    int bPushed = 0;      // the pusher sends reports
+    int bExpected = 0;    // it has sent a packet
+    uint32_t nPackets = 0;
+    uint32_t nOctets = 0;
+    uint32_t nSsrc = 0;
+    uint32_t nRtpTime = 0;  // as players get it
+    uint32_t nMs = 0;
+    uint32_t nFirstMs = 0;  // ClockMs at the first one
 };
 
 struct MediaInfo {
@@ -57,15 +116,21 @@ struct MediaInfo {
     uint32_t nSampleBits = 0;
     uint32_t nUnitTicks = 1024;  // AAC: how far a unit goes on the RTP clock
     MediaClock clock;
+    TrackRewrite rewrite;
+    TrackReport report;
+    int bOpenPicture = 0;     // LowDelay: of video, the last packet did not end its picture
+    uint32_t nOpenStamp = 0;  // its RTP time stamp
 };
 
 struct Program;
 
 // What programs of pushers and of recordings do in different ways; given by the module that makes them.
 struct ProgramOps {
-    const char *(*pfnSdp)(const Program *pProg);  // the description; may be null
-    int (*pfnRefill)(Session *pSession);          // see FillBufferFromFile; null: media comes by itself
-    void (*pfnStop)(Program *pProg);              // nothing more comes: closes what reads or records it
+    const char *(*pfnSdp)(const Program *pProg) = nullptr;  // the description; may be null
+    int (*pfnRefill)(Session *pSession) = nullptr;  // see FillBufferFromFile; null: media comes by itself
+    void (*pfnStop)(Program *pProg) = nullptr;      // nothing more comes: closes what reads or records it
+    int (*pfnKeep)(Program *pProg) = nullptr;  // its pusher goes: 1 when it waits for another; may be null
+    void (*pfnFarewell)(Session *pPlayer) = nullptr;  // a player ends with its pusher; may be null
 };
 
 // What the description tells.
@@ -75,8 +140,25 @@ struct Description {
     int nVideoTrack = -1;  // index into mediaInfos of the last section of that kind, -1 without one
     int nAudioTrack = -1;
     int nDataTrack = -1;
+    int bSharedTypes = 0;  // of standard pushers: a payload type is that of two tracks
     MediaInfo mediaInfos[kMaxMediaInfos];
     KeyFrameProc pfnIsKeyFrame = nullptr;  // of the video track; null without video
+};
+
+constexpr int kMaxHeldPackets = 16;
+
+// Of a live track of H.264 or H.265 the picture that comes in (see keystart.h).
+struct KeyStart {
+    const NalForm *pForm = nullptr;  // null: its packets are passed on as they come
+    ParamSets sets;                  // as the description tells them or the track last had them; owned
+    int bKnown = 0;                  // a packet has come; the next one is set
+    uint32_t nRtpTime = 0;           // of the picture
+    int bDecided = 0;                // a slice of it has come, and nothing is held
+    int bAfterMarker = 0;            // the last packet had the marker
+    uint8_t nKinds = 0;  // what the picture has: kinds of parameter sets (NalSetBit), a recovery point
+    DataBlock *held[kMaxHeldPackets] = {};  // its packets, owned
+    int nHeld = 0;
+    uint32_t nHeldBytes = 0;
 };
 
 // The packets that a player starts with.
@@ -84,11 +166,15 @@ struct PacketCache {
     List Pktq;                          // DataBlocks, owned
     BlockSum held;                      // what they come to
     DataBlock *pCacheCursor = nullptr;  // a block in Pktq, or null
+    DataBlock *pLastKey = nullptr;      // the start of the newest key frame, when that is kept
     uint32_t nCacheLimit = 0;           // ms of media that are kept
     uint32_t nKeptKeys = 0;             // retained key frames before the cursor
     uint32_t nWhole = 0;                // from this number on nothing was freed
     uint32_t nSerial = 0;               // number of the next packet; while non-zero, ssrc is not learnt
     uint32_t ssrc = 0;                  // of the pushed stream, learnt from the first packet
+    uint32_t nRateFrom = 0;             // media ms since which nRateBytes were pushed
+    uint32_t nRateBytes = 0;
+    uint32_t nBytesPerMs = 0;  // that are pushed, lately at most
 };
 
 // What the pusher's camera has told of itself.
@@ -102,6 +188,21 @@ struct CameraText {
 struct ProgramSleep {
     uint32_t tIdleSince = 0;  // uptime in seconds since which there is no player; 0 after a wake
     int bSleeping = 0;
+};
+
+// What was asked of a pusher and not answered (see questions.h), the oldest first, with StandardPushers.
+struct PusherQuestion {
+    uint32_t nCSeq = 0;       // of the request to the pusher
+    uint32_t nAsker = 0;      // handle of the player that asked; 0: the server itself did
+    uint32_t nAskerCSeq = 0;  // of its request
+    uint32_t nAskedMs = 0;    // ClockMs
+};
+constexpr uint32_t kMaxPusherQuestions = 64;
+struct PusherQuestions {
+    uint32_t nPusher = 0;  // handle of the pusher that they are for: another one knows nothing of them
+    uint32_t nKnower = 0;  // handle of the pusher that has shown that it knows such requests
+    uint32_t nOpen = 0;
+    PusherQuestion open[kMaxPusherQuestions];
 };
 
 // The recording of a program that is recorded whenever it is there (see recordcontrol.h).
@@ -118,6 +219,24 @@ struct PlayerFlush {
     Session *pNext = nullptr;  // where it goes on: one of players; null when none is under way
     int bTask = 0;             // the task that goes on with it is scheduled
     int bAgain = 0;            // more was queued meanwhile: from the first on once more
+    // With LowDelay.
+    int bWaits = 0;           // something was passed on since the last flush
+    int bDue = 0;             // and is to leave: a picture or a piece of sound is whole
+    int bHeld = 0;            // it has waited since nHeldClock (ClockMs)
+    uint32_t nHeldClock = 0;  // of the read that found it so
+    int bTimer = 0;           // the task that lets it leave is scheduled
+};
+
+// The wait for a pusher that has gone (see hold.h).
+struct PusherHold {
+    int32_t nNumber = 0;  // of the wait; 0: there is none
+};
+
+// What is added to the wall clock in a pusher's reports, so that its players see that of the first one go on
+// (see resume.h).
+struct ReportShift {
+    uint64_t nNtpShift = 0;
+    int bDue = 0;  // another pusher goes on, and it is not known yet
 };
 
 struct Program {
@@ -141,8 +260,12 @@ struct Program {
     PacketCache cache;
     PlayerFlush flush;
     KeyWatch keyWatch;  // what the key-frame test remembers of the video track
+    KeyStart keyStart;  // in its place with StandardPushers, where pictures are made of units
     CameraText camera;
     ProgramSleep sleep;
+    PusherQuestions asked;
+    PusherHold hold;
+    ReportShift resume;
     Retired retired;
 };
 
@@ -187,7 +310,7 @@ void ProgramEnd(Program *pProg);
 void ProgramEndAll();
 
 // The registry. ProgramFind: a live program by path, without regard to case; one whose pusher is gone is not
-// found.
+// found, unless it waits for another.
 Program *ProgramFind(const char *szPath);
 // As ProgramFind; failing that, for a path "/ch..." without '-', the same with "-s1" appended.
 Program *ProgramFindWithSubstream(const char *szPath);
@@ -197,6 +320,19 @@ Program *ProgramFindWithSubstream(const char *szPath);
 // program already.
 void ProgramAttach(Session *pSession, Program *pProg);
 void ProgramDetach(Session *pSession);
+
+// Lets the pusher go and keeps the program, its name and its players, when pfnKeep says so: returns 1 then.
+// Either ProgramReturn ends that wait, with another pusher, or ProgramGiveUp, which ends the program unless
+// somebody else holds it.
+int ProgramKeep(Session *pPusher);
+void ProgramReturn(Session *pPusher, Program *pProg);
+void ProgramGiveUp(Program *pProg);
+
+// Whether something comes of a program, or may come again.
+inline int ProgramLives(const Program *pProg)
+{
+    return !pProg->bLive || pProg->pPusher || pProg->hold.nNumber != 0;
+}
 
 // Whether the session is the pusher of the program that it holds.
 inline int FeedsProgram(const Session *pSession)

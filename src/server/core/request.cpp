@@ -1,10 +1,12 @@
 #include "server/core/request.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 
 #include "base/textbuf.h"
+#include "base/textnumber.h"
 #include "server/core/settings.h"
 
 namespace orx {
@@ -15,6 +17,12 @@ struct RequestHeader {
     Str name = nullptr;
     Str value = nullptr;
 };
+
+// Standard clients send headers that nothing here asks for.
+static int TakesStandard()
+{
+    return g_settings.bStandardPushers || g_settings.bStandardPlayers;
+}
 
 // A run of bytes inside the block that is parsed.
 struct Span {
@@ -49,6 +57,8 @@ void RequestReset(Request *pRequest)
 {
     FreeText(&pRequest->method);
     FreeText(&pRequest->uri);
+    FreeText(&pRequest->base);
+    FreeText(&pRequest->path);
     FreeText(&pRequest->protocol);
     FreeText(&pRequest->version);
     AvlDestroy(&pRequest->headers);
@@ -122,14 +132,34 @@ static int SetUri(Str *pUri, Span span)
     return nLen > 0 && SetText(pUri, {szUri, szUri + nLen});
 }
 
+// The query is looked for before the URI is decoded: a name may hold a '?' that was escaped.
+static void SetBase(Request *pRequest, Span uri)
+{
+    if (auto *pQuery = static_cast<const char *>(memchr(uri.p, '?', uri.Size())))
+        uri.pEnd = pQuery;
+    while (uri.Size() > 1 && uri.pEnd[-1] == '/')
+        uri.pEnd--;
+    char szUri[kMaxUri + 1];
+    int nLen = UriDecode({uri.p, uri.Size()}, szUri, sizeof(szUri));
+    if (nLen <= 0 || !SetText(&pRequest->base, uri))
+        return;
+    const char *pPath = UriPath(szUri);
+    SetText(&pRequest->path, {pPath, szUri + nLen});
+}
+
 // METHOD URI PROTOCOL/VERSION. The '/' is looked for behind the URI only, so that a status line is no
 // request.
 static int ParseStartLine(Request *pRequest, Span line)
 {
     if (line.Size() == 0 || TextIsSpace(*line.p))
         return 0;
-    if (!SetText(&pRequest->method, TakeToken(&line)) || !SetUri(&pRequest->uri, TakeToken(&line)))
+    if (!SetText(&pRequest->method, TakeToken(&line)))
         return 0;
+    Span uri = TakeToken(&line);
+    if (!SetUri(&pRequest->uri, uri))
+        return 0;
+    if (g_settings.bStandardPlayers)
+        SetBase(pRequest, uri);
     auto *pSlash = static_cast<const char *>(memchr(line.p, '/', line.Size()));
     if (!pSlash || !SetText(&pRequest->protocol, {line.p, pSlash}))
         return 0;
@@ -137,8 +167,15 @@ static int ParseStartLine(Request *pRequest, Span line)
     return SetText(&pRequest->version, TakeToken(&version));
 }
 
-// Enters a header. A name that came before makes the request malformed; only "User-Agent", which nothing here
-// reads, may come twice, because some players' extensions add a second one.
+// Whether a name may come again: "User-Agent", which nothing here reads, because some players' extensions add
+// a second one; of standard clients whatever does not tell where the message ends. The first one counts.
+static int MayRepeat(const char *szName)
+{
+    return strcasecmp(szName, "User-Agent") == 0 ||
+           (TakesStandard() && strcasecmp(szName, "Content-Length") != 0);
+}
+
+// Enters a header. A name that came before makes the request malformed, unless it may be repeated.
 static int AddHeader(Request *pRequest, Span name, Span value)
 {
     auto *pHeader = new (std::nothrow) RequestHeader;
@@ -148,13 +185,13 @@ static int AddHeader(Request *pRequest, Span name, Span value)
     SetText(&pHeader->value, value);
     AvlKey key = AvlTextKey(StrText(pHeader->name));
     int bRepeated = AvlFind(&pRequest->headers, key) != nullptr;
-    int bMayRepeat = strcasecmp(StrText(pHeader->name), "User-Agent") == 0;
+    int bMayRepeat = bRepeated && MayRepeat(StrText(pHeader->name));
     if (!bRepeated && AvlInsert(&pRequest->headers, key, pHeader))
         return 1;
     StrDestroy(&pHeader->name);
     StrDestroy(&pHeader->value);
     delete pHeader;
-    return bRepeated && bMayRepeat;
+    return bMayRepeat;
 }
 
 static const char *FindLineEnd(Span text)
@@ -174,19 +211,16 @@ static int ParseHeaderLine(Request *pRequest, Span rest, const char *pEnd)
     Span value{pColon + 1, pEnd};
     while (value.p < value.pEnd && TextIsSpace(*value.p))
         value.p++;
+    if (name.Size() > 0 && value.Size() == 0 && TakesStandard())
+        return 1;  // as if it were not there
     if (name.Size() == 0 || value.Size() == 0)
         return -1;
     return AddHeader(pRequest, name, value) ? 1 : -1;
 }
 
-int RequestParse(Request *pRequest, const char *pBlock, size_t nLen)
+// The header lines behind a first line that ends at pEnd. Results of RequestParse.
+static int ParseHeaders(Request *pRequest, const char *pBlock, Span rest, const char *pEnd)
 {
-    Span rest{pBlock, pBlock + nLen};
-    const char *pEnd = FindLineEnd(rest);
-    if (!pEnd)
-        return 0;
-    if (!ParseStartLine(pRequest, {rest.p, pEnd}))
-        return -1;
     for (rest.p = pEnd + 2; (pEnd = FindLineEnd(rest)) != nullptr; rest.p = pEnd + 2) {
         if (pEnd == rest.p) {
             pRequest->nHeadLen = static_cast<uint16_t>(pEnd + 2 - pBlock);
@@ -198,6 +232,41 @@ int RequestParse(Request *pRequest, const char *pBlock, size_t nLen)
             return nResult;
     }
     return 0;
+}
+
+int RequestParse(Request *pRequest, const char *pBlock, size_t nLen)
+{
+    Span rest{pBlock, pBlock + nLen};
+    const char *pEnd = FindLineEnd(rest);
+    if (!pEnd)
+        return 0;
+    if (!ParseStartLine(pRequest, {rest.p, pEnd}))
+        return -1;
+    return ParseHeaders(pRequest, pBlock, rest, pEnd);
+}
+
+// RTSP/1.0 STATUS REASON (RFC 2326, section 7.1). 0 when there is no status.
+static int ParseStatusLine(Request *pRequest, Span line)
+{
+    TakeToken(&line);
+    Span status = TakeToken(&line);
+    if (status.Size() != 3 || *status.p < '1' || *status.p > '9')
+        return 0;
+    pRequest->nStatus = TextToInt({status.p, status.Size()});
+    TextCopy(pRequest->szReason, sizeof(pRequest->szReason),
+             {line.p, std::min(line.Size(), std::string_view(line.p, line.Size()).find_first_of("\r\n"))});
+    return pRequest->nStatus >= 100;
+}
+
+void RequestParseAnswer(Request *pRequest, const char *pBlock, size_t nLen)
+{
+    Span rest{pBlock, pBlock + nLen};
+    const char *pEnd = FindLineEnd(rest);
+    if (pEnd && ParseStatusLine(pRequest, {rest.p, pEnd}) && ParseHeaders(pRequest, pBlock, rest, pEnd) == 1)
+        return;
+    RequestReset(pRequest);
+    pRequest->nStatus = kBadAnswer;
+    pRequest->bParsed = 1;
 }
 
 const char *RequestHeaderValue(const Request *pRequest, const char *szName)
@@ -228,7 +297,7 @@ const char *UriPath(const char *szUri)
 
 const char *RequestPath(const Request *pRequest)
 {
-    return UriPath(RequestUri(pRequest));
+    return pRequest->path ? StrText(pRequest->path) : UriPath(RequestUri(pRequest));
 }
 
 }  // namespace orx

@@ -13,17 +13,21 @@ namespace orx {
 
 constexpr uint32_t kMaxHeadBytes = 4096;  // a header block is shorter than this
 
+constexpr int kBadAnswer = -1;
+
 struct Request {
     int bParsed = 0;        // a header block was parsed and waits for its body or its dispatch
     uint16_t nHeadLen = 0;  // bytes of that block, the empty line included
     Str method = nullptr;
     Str uri = nullptr;       // percent-decoded
+    Str base = nullptr;      // for standard peers: as it came, without query and '/' at its end; else null
+    Str path = nullptr;      // of the base, decoded; else null
     Str protocol = nullptr;  // "RTSP", "HTTP"
     Str version = nullptr;   // "1.0"
-    char szReason[64] = "";  // room for a status line; no accepted input fills it
-    int nStatus = 0;
-    AvlTree headers;        // name (no regard to case) -> RequestHeader
-    char *pBody = nullptr;  // owned, ended by a NUL
+    char szReason[64] = "";  // of a status line
+    int nStatus = 0;         // of a status line, kBadAnswer of one that cannot be read; 0 for a request
+    AvlTree headers;         // name (no regard to case) -> RequestHeader
+    char *pBody = nullptr;   // owned, ended by a NUL
     size_t nBody = 0;
     size_t nPendingBody = 0;  // bytes of body announced and not yet attached
 };
@@ -35,6 +39,10 @@ void RequestReset(Request *pRequest);
 // Parses a header block into a fresh record. Returns 1 when complete, 0 when the block ends before the empty
 // line, -1 when malformed (a repeated header name included).
 int RequestParse(Request *pRequest, const char *pBlock, size_t nLen);
+
+// The same for a block that begins with "RTSP/": a status line and its headers. One that is malformed is
+// complete, too, with nStatus kBadAnswer and no headers.
+void RequestParseAnswer(Request *pRequest, const char *pBlock, size_t nLen);
 
 // The value of a header, or null.
 const char *RequestHeaderValue(const Request *pRequest, const char *szName);
@@ -51,10 +59,17 @@ inline const char *RequestUri(const Request *pRequest)
     return StrText(pRequest->uri);
 }
 
-// The path of the request's URI: what follows the first '/' behind "://", that '/' included; the whole URI
-// when it has no such form. Points into the URI.
-const char *RequestPath(const Request *pRequest);
+// The path of a URI: what follows the first '/' behind "://", that '/' included; the whole URI when it has no
+// such form. Points into the URI.
 const char *UriPath(const char *szUri);
+// The path that a request names a program by: with [INTEROP] StandardPlayers without query and without '/' at
+// its end, which clients add as they like.
+const char *RequestPath(const Request *pRequest);
+// The URI itself without them, as it came; empty without StandardPlayers.
+inline const char *RequestBase(const Request *pRequest)
+{
+    return StrText(pRequest->base);
+}
 
 // A path without the '/' that it begins with, as directories and lists of programs have it.
 inline const char *PathName(const char *szPath)

@@ -1,8 +1,12 @@
 #include "server/core/sdp.h"
 
+#include <algorithm>
+#include <bitset>
+
 #include "base/console.h"
 #include "base/printable.h"
 #include "base/textbuf.h"
+#include "base/textnumber.h"
 #include "record/aac.h"
 #include "record/codec.h"
 #include "record/sdpreader.h"
@@ -11,12 +15,17 @@
 namespace orx {
 
 constexpr uint32_t kVideoSampleBits = 10000;  // of video, which has none: a value that no sound has
+constexpr int kPlainSections = 4;             // without StandardPushers
+constexpr int kCarriedRate = 90000;           // Hz, of what is carried without one: nobody counts on it
 
 // Enters the kind of section i. Returns 0 for one that is not to be counted.
 static int EnterKind(Description *pDesc, int i, std::string_view media)
 {
     MediaInfo *pInfo = &pDesc->mediaInfos[i];
     pInfo->nMediaType = SdpMediaKind(media);
+    // cameras send what they see in sections of other kinds, which must not keep their pictures out
+    if (pInfo->nMediaType == 0 && g_settings.bStandardPushers)
+        pInfo->nMediaType = MEDIA_CARRIED;
     if (pInfo->nMediaType == MEDIA_AUDIO_OTHER) {
         pInfo->nSampleBits = 16;
         pDesc->nAudioTrack = i;
@@ -59,7 +68,7 @@ static int ReadVideo(MediaInfo *pInfo, CodecUser nUser, std::string_view text)
     int nWidth = 0;
     int nHeight = 0;
     SdpFrameSize nSize = SdpReadFrameSize(text, 0, &nWidth, &nHeight);
-    if (nSize != SDP_SIZE_NONE && nSize != SDP_SIZE_GOOD)
+    if (nSize != SDP_SIZE_NONE && nSize != SDP_SIZE_GOOD && !g_settings.bStandardPushers)
         return 0;
     if (nSize == SDP_SIZE_NONE && SdpReadClipRect(text, numbers)) {
         nHeight = numbers[2];
@@ -83,17 +92,32 @@ static int ChooseTrackId(int i, const SdpSection &section)
     return nNumber >= 0 ? nNumber : nTrackId;
 }
 
+// The codec and the clock of a section. Returns 1, or 0 when they are not told.
+static int ReadMap(const MediaInfo *pInfo, std::string_view format, const SdpSection &section,
+                   SdpRtpMap *pMap)
+{
+    if (!g_settings.bStandardPushers)
+        return SdpReadRtpMap(section.rest, SDP_ANYWHERE, pMap) == 1 && pMap->nRate >= 1;
+    if (SdpReadRtpMapOf(section.own, format, pMap) == 1 && pMap->nRate >= 1)
+        return 1;
+    if (pInfo->nMediaType == MEDIA_AUDIO_OTHER || pInfo->nMediaType == MEDIA_VIDEO_OTHER)
+        return SdpReadRtpMap(section.rest, SDP_ANYWHERE, pMap) == 1 && pMap->nRate >= 1;
+    *pMap = SdpRtpMap{TextToInt(format), {}, kCarriedRate};
+    return 1;
+}
+
 // Reads the attributes of a section whose kind is entered. They are searched to the end of the whole text:
 // encoders that give a section no lines of its own mean those of the next. Returns 0 when the description
 // cannot be used.
-static int ReadAttributes(MediaInfo *pInfo, CodecUser nUser, int i, const SdpSection &section)
+static int ReadAttributes(MediaInfo *pInfo, CodecUser nUser, int i, std::string_view format,
+                          const SdpSection &section)
 {
     SdpRtpMap map;
     pInfo->nTrackId = ChooseTrackId(i, section);
     std::string_view control = SdpReadControl(section.own);
     if (control.size() < sizeof(pInfo->szControl))
         TextCopy(pInfo->szControl, sizeof(pInfo->szControl), control);
-    if (SdpReadRtpMap(section.rest, SDP_ANYWHERE, &map) < 1 || map.nRate < 1)
+    if (!ReadMap(pInfo, format, section, &map))
         return 0;
     pInfo->nPayloadType = map.nPayloadType;
     TextCopy(pInfo->szEncoding, sizeof(pInfo->szEncoding), map.name);
@@ -102,7 +126,7 @@ static int ReadAttributes(MediaInfo *pInfo, CodecUser nUser, int i, const SdpSec
     if (pInfo->nMediaType == MEDIA_AUDIO_OTHER)
         return ReadAudio(pInfo, nUser, map.nChannels);
     if (pInfo->nMediaType == MEDIA_VIDEO_OTHER)
-        return ReadVideo(pInfo, nUser, section.rest);
+        return ReadVideo(pInfo, nUser, g_settings.bStandardPushers ? section.own : section.rest);
     return 1;
 }
 
@@ -112,17 +136,33 @@ static KeyFrameProc ChooseKeyTest(const Description *pDesc)
     return pDesc->nVideoTrack >= 0 ? pDesc->mediaInfos[pDesc->nVideoTrack].pCodec->pfnIsKey : nullptr;
 }
 
+// Whether two tracks have one payload type, which is theirs as each comes on a channel or port of its own.
+static int SharesTypes(const Description *pDesc)
+{
+    std::bitset<128> seen;
+    for (int i = 0; i < pDesc->nTrackCount; i++) {
+        size_t nType = static_cast<size_t>(pDesc->mediaInfos[i].nPayloadType) & 0x7F;
+        if (seen.test(nType))
+            return 1;
+        seen.set(nType);
+    }
+    return 0;
+}
+
 int SdpParse(Description *pDesc, const char *szSdp, int bLive, uint32_t nDurationMs)
 {
     uint32_t nDuration = 0;
     if (!bLive)
         nDuration = nDurationMs ? nDurationMs : SdpRangeEndMs(szSdp);
     // a recording is known for what it holds, whether such are made or not
-    CodecUser nUser = bLive && !g_settings.bWideUnits ? CODEC_PROGRAM : CODEC_WIDE_PROGRAM;
+    int bWide = !bLive || g_settings.bWideUnits || g_settings.bStandardPushers;
+    CodecUser nUser = !bWide ? CODEC_PROGRAM : CODEC_WIDE_PROGRAM;
     pDesc->nTrackCount = 0;
     SdpWalk walk = SdpSections(szSdp, SDP_LINE_OR_CR);
     SdpSection section;
-    while (pDesc->nTrackCount < kMaxMediaInfos && SdpNextSection(&walk, &section)) {
+    // what no player can set up is left out, and is no reason to refuse the rest
+    int nMost = g_settings.bStandardPushers ? std::min(kMaxTracks, kMaxMediaInfos) : kPlainSections;
+    while (pDesc->nTrackCount < nMost && SdpNextSection(&walk, &section)) {
         SdpMedia media;
         if (!SdpReadMedia(section.rest, SDP_MEDIA_SCAN, &media)) {
             print("bad SDP:\r\n%s\r\n", PrintableDump(szSdp).sz);
@@ -138,11 +178,12 @@ int SdpParse(Description *pDesc, const char *szSdp, int bLive, uint32_t nDuratio
             continue;
         }
         pInfo->nDuration = nDuration;
-        if (!ReadAttributes(pInfo, nUser, i, section))
+        if (!ReadAttributes(pInfo, nUser, i, media.format, section))
             return 0;
         pDesc->nTrackCount++;
     }
     pDesc->pfnIsKeyFrame = ChooseKeyTest(pDesc);
+    pDesc->bSharedTypes = bLive && g_settings.bStandardPushers && SharesTypes(pDesc);
     return pDesc->nTrackCount != 0;
 }
 

@@ -11,6 +11,7 @@
 
 #include "base/assertion.h"
 #include "base/console.h"
+#include "record/reorder.h"
 #include "runtime/clock.h"
 #include "runtime/sockutil.h"
 #include "server/core/heldjob.h"
@@ -123,9 +124,12 @@ void SessionForgetJob(Session *pSession)
         pHeld->pfnFree(pHeld);
 }
 
-// Gives the UDP ports of a track back.
-static void CloseTrackPorts(SessionTrack *pTrack)
+void SessionCloseTrackPorts(SessionTrack *pTrack)
 {
+    if (pTrack->pReorder) {
+        ReorderReset(pTrack->pReorder);
+        delete std::exchange(pTrack->pReorder, nullptr);
+    }
     if (pTrack->Media) {
         int nPort = SockGetPort(&pTrack->Media->local);
         PortMgrRelease(g_server.pPortMgr, nPort);
@@ -163,7 +167,7 @@ static void EndOne(Session *pSession)
     DropPort(pReply);
     pSession->peer.Cmd = pSession->peer.Reply = nullptr;
     for (SessionTrack &track : pSession->tracks)
-        CloseTrackPorts(&track);
+        SessionCloseTrackPorts(&track);
     SessionForgetJob(pSession);  // it may hold what the program has
     ProgramDetach(pSession);
     // what waits is freed in a moment, and nobody need give for it
@@ -176,7 +180,8 @@ void SessionEnd(Session *pSession)
 {
     if (pSession->bEnded)
         return;
-    SessionEndPlayers(pSession);
+    if (!ProgramKeep(pSession))
+        SessionEndPlayers(pSession);
     EndOne(pSession);
 }
 
@@ -185,9 +190,17 @@ void SessionEndPlayers(Session *pSession)
     Program *pProg = pSession->pProg;
     if (!pProg || !(pSession->nFlags & SESSION_PUSHER))
         return;
+    SessionEndAllOf(pProg);
+}
+
+void SessionEndAllOf(Program *pProg)
+{
     print("StopProgramAssociatedSessions().\r\n");
-    while (Session *pPlayer = FirstPlayer(pProg))
+    while (Session *pPlayer = FirstPlayer(pProg)) {
+        if (pProg->pOps->pfnFarewell)
+            pProg->pOps->pfnFarewell(pPlayer);
         EndOne(pPlayer);
+    }
 }
 
 void SessionEndAll()
@@ -255,7 +268,7 @@ Port *SessionControlPort(const Session *pSession)
 void SessionRemoteText(const Session *pSession, char *szOut)
 {
     const Port *pPort = SessionPeerPort(pSession);
-    sockaddr_in none{};
+    NetAddr none;
     SockAddrToString(pPort ? &pPort->remote : &none, szOut);
 }
 
@@ -307,6 +320,11 @@ static int OnIdleCheck(Task *pTask, uint32_t, uint32_t, uint32_t)
 int PlaysStandard(const Session *pSession)
 {
     return g_settings.bStandardPlayers && pSession->pProg && !pSession->pProg->bLive;
+}
+
+int IsStandardPeer(const Session *pSession)
+{
+    return pSession->nFlags & SESSION_PUSHER ? g_settings.bStandardPushers : g_settings.bStandardPlayers;
 }
 
 void SessionScheduleIdleCheck(Port *pPort)

@@ -15,6 +15,7 @@ namespace orx {
 
 struct Codec;
 struct Program;
+struct Reorder;
 
 // What the handler of a request says about its session once it has replied.
 enum class Verdict {
@@ -50,20 +51,33 @@ enum SessionState : uint32_t {
     STATE_FINISHED = 6,  // a recording was played to its end
 };
 
+// What a player's receiver reports tell of a track (RFC 3550, section 6.4.1).
+struct Reception {
+    int bKnown = 0;  // one has come
+    int nLoss = 0;   // percent since the one before
+    int nJitterMs = 0;
+    int nRoundTripMs = 0;  // 0 until it can be told
+};
+
 // A track of the program, as it travels to or from this peer.
 struct SessionTrack : RtpTrack {
     const Codec *pCodec = nullptr;  // see MediaInfo
     int nTrackId = 0;               // by which SETUP names it
     uint8_t nRtpChannel = 0;        // interleaved channels
     uint8_t nRtcpChannel = 0;
-    Port *Media = nullptr;    // UDP port of RTP, null when interleaved; owned by the port map
-    Port *Control = nullptr;  // UDP port of RTCP
+    Port *Media = nullptr;        // UDP port of RTP, null when interleaved; owned by the port map
+    Port *Control = nullptr;      // UDP port of RTCP
+    Reorder *pReorder = nullptr;  // of a pusher over UDP: what came out of order; owned
     // What sender reports tell (RFC 3550, section 6.4.1).
     uint32_t nFirstSentRtpTime = 0;  // RTP time stamp of the first packet written
     uint32_t nClockBase = 0;         // RTP clock at that moment
     int bReported = 0;               // the report on that packet was made
     uint32_t nPackets = 0;           // packets and payload octets written
     uint32_t nOctets = 0;
+    // The last two passed on or made (see reports.h): the middle of their NTP time, and ClockMs then.
+    uint32_t nToldNtp[2] = {};
+    uint32_t nToldMs[2] = {};
+    Reception reception;
 };
 
 // The connections to the peer, and what was heard of it.
@@ -92,16 +106,35 @@ struct SessionFlow {
     uint32_t nBlockedSends = 0;  // sends in a row that would have blocked
     int fdBlocked = -1;          // the socket that the delayed send is for
     uint32_t nStartBlocks = 0;   // media queued at once by a start; 0 when the queue has drained since
-    uint32_t nStartBytes = 0;    // of them
-    uint32_t nAfterStart = 0;    // bytes of media queued since
     int64_t nStartHeld = 0;      // memory that those of a start take which still wait
     uint32_t nCatchUpMs = 0;     // media ms of it that may have left over UDP
     uint32_t nCatchUpClock = 0;  // ClockMs when that was last raised
     uint32_t tLastReport = 0;    // uptime in seconds of the last report cycle
+    int bReportTick = 0;         // of a pusher: the task that makes reports for its players is scheduled
+    int32_t nRoom = 0;           // bytes that may leave over UDP; below 0 by what a datagram took too much
+    uint32_t nRoomClock = 0;     // ClockMs when it last grew
+    int bBlocked = 0;            // the socket took nothing since nBlockedClock
+    uint32_t nBlockedClock = 0;  // ClockMs of the first such send
+    uint32_t nTriedClock = 0;    // ClockMs of the last such send
+    int bOver = 0;               // more bytes wait than may, and it was tried
+    int bSkips = 0;              // of a live program nothing is queued up to the next key frame
+    uint32_t nLeft = 0;          // blocks that the last flush of a crowded queue left
+    uint32_t nDropped = 0;       // groups that were dropped and not told yet
+    int bTold = 0;               // something was, at nToldClock (ClockMs)
+    uint32_t nToldClock = 0;
+    uint32_t nCrowdedClock = 0;  // ClockMs when it was last said that it is crowded; 0: never
 };
 
 struct DataBlock;
 struct HeldJob;
+
+// What a pusher sends over UDP (see udppusher.h).
+struct SessionDatagrams {
+    uint32_t tHeard = 0;  // uptime in seconds when the last one came
+    int bWatch = 0;       // the task that ends it when none comes runs
+    int bWaits = 0;       // the task that hands on what waits for those before it is scheduled
+    int bEnds = 0;        // the pusher has asked for the end, and the last ones are waited for
+};
 
 // A start from the cache that takes several tasks. Until it is through, what is pushed reaches the player by
 // it.
@@ -121,6 +154,7 @@ struct SessionPlay {
     uint32_t nSpeed = 1000;    // of delivery, in thousandths of real time
     PlayLine line;             // of a recording, for standard players: all positions above are on it
     int nTold = 0;             // what was said of its faults
+    int bFinishes = 0;         // of a recording: a jump or pause is under way, no picture begins
     int bFinalReport = 0;      // a recording has ended, and the player is still to be told
     uint32_t nEndClock = 0;    // ClockMs at that end
 };
@@ -173,6 +207,7 @@ struct Session {
     SessionViewer viewer;
     SessionQuestions questions;
     SessionHold hold;
+    SessionDatagrams datagrams;
     int bEnded = 0;  // by SessionEnd: in no list, without ports and program
     Retired retired;
 
@@ -208,18 +243,23 @@ Session *FindSessionByHandle(uint32_t nHandle);
 void SessionSchedule(const Session *pSession, TaskProc pfnRun, uint32_t nDelayMs);
 Session *SessionOfTask(const Task *pTask);
 
-// Ends a session: of a pusher first every player of its program; then its ports are closed, and it is out of
-// every list and map. There is no other way for a session to end. The handler of a request does not call this
-// for its own session but returns Verdict::End; all others do, and whoever goes on behind them looks at
-// bEnded. The record stays readable until the scheduler's callback is over (see retire.h), with its ports and
-// its program null. Does nothing when it has ended already.
+// Ends a session: of a pusher first every player of its program, unless they wait for another (ProgramKeep);
+// then its ports are closed, and it is out of every list and map. There is no other way for a session to end.
+// The handler of a request does not call this for its own session but returns Verdict::End; all others do,
+// and whoever goes on behind them looks at bEnded. The record stays readable until the scheduler's callback
+// is over (see retire.h), with its ports and its program null. Does nothing when it has ended already.
 void SessionEnd(Session *pSession);
 
 // Ends every player of a pusher's program; does nothing for any other session.
 void SessionEndPlayers(Session *pSession);
+// Ends every player of a program, which the caller holds.
+void SessionEndAllOf(Program *pProg);
 
 // Ends every session, in order of creation. When the server stops: main thread, no other one runs any more.
 void SessionEndAll();
+
+// Gives the UDP ports of a track back, and what came on them and waits.
+void SessionCloseTrackPorts(SessionTrack *pTrack);
 
 // Ends the session's use of a port, and the session with its last one. Returns 1 when that ended it, else 0.
 int SessionClosePort(Session *pSession, Port *pPort);
@@ -244,7 +284,8 @@ inline Verdict SessionNextStep(Session *pSession, uint32_t nDelayMs = 1)
     return Verdict::Later;
 }
 
-// The peer of the session's control connection as "a.b.c.d:port"; szOut takes kAddrTextSize bytes.
+// The peer of the session's control connection as "a.b.c.d:port" or "[address]:port"; szOut takes
+// kAddrTextSize bytes.
 void SessionRemoteText(const Session *pSession, char *szOut);
 
 // The handle as "%p" prints it in "Session".
@@ -256,6 +297,10 @@ inline void *SessionPrintHandle(const Session *pSession)
 // Whether the session plays a recording as standard players take it ([INTEROP] StandardPlayers): all tracks
 // on one time line, exact places, nothing lost in a pause, and an end that is told.
 int PlaysStandard(const Session *pSession);
+
+// Whether the peer is taken as standard clients and encoders are: a pusher by [INTEROP] StandardPushers, all
+// others by StandardPlayers.
+int IsStandardPeer(const Session *pSession);
 
 // The time stamp of time 0, on every clock. Not 0 for standard players: some take an rtptime of 0 in RTP-Info
 // for none, and count from whatever they read first, after a jump from what is left from before it.

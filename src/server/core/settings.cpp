@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <netinet/in.h>
 #include <unistd.h>
 
 #include "base/configfile.h"
@@ -68,6 +69,9 @@ static constexpr Setting g_table[] = {
     Number("STORAGE", "WriteQueueMegabytes", FIELD(nWriteQueueMegabytes), 32, Clamp::Hold, 1, 4095),
     Number("INTEROP", "StandardPushers", FIELD(bStandardPushers), 0),
     Number("INTEROP", "StandardPlayers", FIELD(bStandardPlayers), 0),
+    Number("INTEROP", "UdpPushers", FIELD(bUdpPushers), 0),
+    Number("INTEROP", "HoldPlayers", FIELD(nHoldPlayers), 0, Clamp::Hold, 0, 3600),
+    Number("INTEROP", "LowDelay", FIELD(bLowDelay), 0),
     Number("GUARD", "SurvivePeerFaults", FIELD(bSurvivePeerFaults), 0),
     Number("GUARD", "RunUnprivileged", FIELD(bRunUnprivileged), 0),
     Number("GUARD", "PinMedia", FIELD(bPinMedia), 0),
@@ -244,6 +248,8 @@ int SettingsRead(Settings *pSettings, const char *szPath)
     for (const Setting &row : g_table)
         if (row.place.nOffset != kNotHere)
             ReadRow(pSettings, &row, &config);
+    if (!pSettings->bStandardPlayers)
+        pSettings->szListenIp[INET_ADDRSTRLEN - 1] = '\0';
     pSettings->szRecordPath = SettingsRecordPath(pSettings->szRecordSetting);
     return pSettings->szRecordPath && CheckUdpRange(pSettings);
 }
@@ -252,6 +258,11 @@ void SettingsFree(Settings *pSettings)
 {
     free(pSettings->szRecordPath);
     *pSettings = Settings();
+}
+
+int SettingsListenIpv6(const Settings *pSettings)
+{
+    return pSettings->bStandardPlayers && strchr(pSettings->szListenIp, ':') != nullptr;
 }
 
 }  // namespace orx

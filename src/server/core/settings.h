@@ -17,8 +17,8 @@ struct Settings {
     uint32_t nSessionBufSize = 0;  // bytes of a connection's receive buffer
     uint32_t nCacheSeconds = 0;    // CacheLimit
     uint32_t nListenPort = 0;
-    char szListenIp[16] = "";
-    int bFilePrograms = 0;  // EnableFilePrg
+    char szListenIp[46] = "";  // without standard players cut to 15 characters
+    int bFilePrograms = 0;     // EnableFilePrg
     int bHttpProxy = 0;
     char szHttpProxyTargetIp[20] = "";
     uint32_t nHttpProxyTargetPort = 0;
@@ -51,6 +51,9 @@ struct Settings {
     char *szRecordPath = nullptr;    // what is made of it; owned, ends in '/'
     int bStandardPushers = 0;        // [INTEROP] StandardPushers
     int bStandardPlayers = 0;        // [INTEROP] StandardPlayers
+    int bUdpPushers = 0;             // [INTEROP] UdpPushers
+    uint32_t nHoldPlayers = 0;       // [INTEROP] HoldPlayers, seconds; 0: players of a pusher that goes end
+    int bLowDelay = 0;               // [INTEROP] LowDelay
     // [GUARD]
     int bSurvivePeerFaults = 0;
     int bRunUnprivileged = 0;
@@ -76,6 +79,12 @@ constexpr int64_t Megabytes(uint32_t n)  // in bytes
 
 // Written by ServerStart and ServerStop on the main thread, while nothing else runs.
 extern Settings g_settings;
+
+// Whether pictures leave for players as soon as they are whole.
+inline int HasLowDelay()
+{
+    return g_settings.bLowDelay && g_settings.bStandardPlayers;
+}
 
 // How a number that was read becomes the setting.
 enum class Clamp {
@@ -118,6 +127,9 @@ std::span<const Setting> SettingsTable();
 // as invalid. SettingsFree gives back what it holds and makes it all zero.
 int SettingsRead(Settings *pSettings, const char *szPath);
 void SettingsFree(Settings *pSettings);
+
+// Whether ListenIp is an IPv6 address, which only standard players may make it.
+int SettingsListenIpv6(const Settings *pSettings);
 
 // The directory of recordings for a configured value: empty gives the executable's directory, a leading '.'
 // is taken relative to it, and a '/' is added when missing. The text is from malloc; null without memory.

@@ -1,6 +1,8 @@
 #include "server/front/dispatch.h"
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "base/assertion.h"
 #include "base/bytes.h"
@@ -10,8 +12,10 @@
 #include "runtime/taskwatch.h"
 #include "server/core/heldjob.h"
 #include "server/core/program.h"
+#include "server/core/settings.h"
 #include "server/media/ingest.h"
 #include "server/media/replies.h"
+#include "server/media/reports.h"
 #include "server/media/rtcp.h"
 #include "server/methods/announce.h"
 #include "server/methods/camcfg.h"
@@ -69,6 +73,7 @@ static const MethodEntry g_methods[] = {
     {"POST", BindToHttpGet},
     {"OPTIONS", HandleOptions},
     {"SET_PARAMETER", HandleSetParameter},
+    {"GET_PARAMETER", HandleGetParameter},
     {"GETPLAYLIST", HandleGetPlayList},
     {"CAMCONTROL", HandleCamControl, Role::Viewer},
     {"PUTVOICE", HandlePutVoice, Role::Viewer},
@@ -84,8 +89,56 @@ static const MethodEntry g_methods[] = {
     {"RECORD", HandleRecord},
 };
 
+// Standard players may require what only some servers have (RFC 2326, section 12.32): nothing is here.
+static Verdict RefuseOption(Session *pSession, Port *pPort, const char *szOptions)
+{
+    Message reply(pSession, pPort);
+    ReplyBegin(&reply, STATUS_NO_OPTION);
+    TextAdd(&reply.text, "Unsupported: %.*s\r\n", static_cast<int>(strcspn(szOptions, "\r\n")), szOptions);
+    MessageNoCache(&reply);
+    return MessageSend(&reply);
+}
+
+// Whether a method of a player names another session than its own, as one does whose session has ended. The
+// others may carry what is left of an earlier session, and a pusher's connection is its session.
+static int NamesOtherSession(const Session *pSession, const Request *pRequest)
+{
+    static const char *const g_bound[] = {"SETUP",    "PLAY",          "PAUSE",
+                                          "TEARDOWN", "SET_PARAMETER", "GET_PARAMETER"};
+    const char *szSession = RequestHeaderValue(pRequest, "Session");
+    if (!szSession || (pSession->nFlags & SESSION_PUSHER))
+        return 0;
+    char own[32];
+    TextBuf text{own, sizeof(own)};
+    TextAdd(&text, "%p", SessionPrintHandle(pSession));
+    if (strncasecmp(szSession, own, text.nLen) == 0 && strchr("; \t", szSession[text.nLen]))
+        return 0;
+    return std::any_of(std::begin(g_bound), std::end(g_bound), [pRequest](const char *szMethod) {
+        return strcasecmp(szMethod, RequestMethod(pRequest)) == 0;
+    });
+}
+
+// What every standard request is asked before its method. Returns 1 with *pVerdict when it is refused.
+static int RefusesStandard(Session *pSession, Port *pPort, const Request *pRequest, Verdict *pVerdict)
+{
+    if (!g_settings.bStandardPlayers || strcasecmp(StrText(pRequest->protocol), "RTSP") != 0)
+        return 0;
+    for (const char *szHeader : {"Require", "Proxy-Require"})
+        if (const char *szOptions = RequestHeaderValue(pRequest, szHeader)) {
+            *pVerdict = RefuseOption(pSession, pPort, szOptions);
+            return 1;
+        }
+    if (!NamesOtherSession(pSession, pRequest))
+        return 0;
+    *pVerdict = ReplyStatus(pSession, pPort, STATUS_NO_SESSION);
+    return 1;
+}
+
 static Verdict Dispatch(Session *pSession, Port *pPort, Request *pRequest)
 {
+    Verdict eRefused = Verdict::Keep;
+    if (RefusesStandard(pSession, pPort, pRequest, &eRefused))
+        return eRefused;
     for (const MethodEntry &method : g_methods) {
         if (strcasecmp(method.szName, RequestMethod(pRequest)) != 0)
             continue;
@@ -97,14 +150,21 @@ static Verdict Dispatch(Session *pSession, Port *pPort, Request *pRequest)
     return HandleUnknown(pSession, pPort, pRequest);
 }
 
-static void DumpRtcpFrame(const Session *pSession, unsigned nChannel, const uint8_t *pPacket, uint32_t nLen)
+static void TakeRtcpFrame(Session *pSession, unsigned nChannel, const uint8_t *pPacket, uint32_t nLen)
 {
+    unsigned nTrack = (nChannel - 1) / 2;
+    ReportReceived(pSession, nTrack, pPacket, nLen);
     if (!(pSession->nFlags & SESSION_RTCP))
         return;
     print("Receive RTCP packet on track %u, %u bytes.\n", nChannel, nLen);
     const Program *pProg = pSession->pProg;
-    unsigned nTrack = (nChannel - 1) / 2;
     RtcpDump(pPacket, nLen, pProg && nTrack < kMaxMediaInfos ? pProg->desc.mediaInfos[nTrack].nTimeScale : 0);
+}
+
+// Channels that a frame may name.
+static unsigned ChannelCount()
+{
+    return g_settings.bStandardPushers || g_settings.bStandardPlayers ? 256 : 8;
 }
 
 // An interleaved frame (RFC 2326, section 10.12): '$', channel, length, packet. Its fifth byte is waited for
@@ -119,10 +179,10 @@ static Step TakeFrame(Session *pSession, uint32_t *pAt)
     if (nLeft < nBytes)
         return Step::Wait;
     unsigned nTrackId = pFrame[1];
-    if (!ORX_PEER_ASSERT(nTrackId < 8, "nTrackId < 8"))
+    if (nTrackId >= ChannelCount() && !ORX_PEER_ASSERT(nTrackId < 8, "nTrackId < 8"))
         return EndSession(pSession);
     if (nTrackId & 1)
-        DumpRtcpFrame(pSession, nTrackId, pFrame + kInterleaveBytes, nBytes - kInterleaveBytes);
+        TakeRtcpFrame(pSession, nTrackId, pFrame + kInterleaveBytes, nBytes - kInterleaveBytes);
     else if (!FeedProgram(pSession, nTrackId / 2, pFrame, nBytes))
         return EndSession(pSession);
     *pAt += nBytes;
@@ -152,6 +212,24 @@ static int ParseLength(const char *sz, size_t nMax, size_t *pValue)
     return p > sz && *p == '\0' && *sz >= '0' && *sz <= '9';
 }
 
+// Standard pushers answer what they are asked with a status line: it is theirs to end, not their session.
+static int IsAnswer(const Session *pSession, const char *pText)
+{
+    return g_settings.bStandardPushers && (pSession->nFlags & SESSION_PUSHER) &&
+           strncasecmp(pText, "RTSP/", 5) == 0;
+}
+
+// Parses the header block of one; a body whose length cannot be told is none.
+static Step ParseAnswer(const Session *pSession, Request *pRequest, const char *pText, uint32_t nHead)
+{
+    RequestParseAnswer(pRequest, pText, nHead);
+    pRequest->nHeadLen = static_cast<uint16_t>(nHead);
+    const char *szLength = RequestHeaderValue(pRequest, "Content-Length");
+    if (szLength && !ParseLength(szLength, pSession->input.nTotal - 1 - nHead, &pRequest->nPendingBody))
+        pRequest->nPendingBody = 0;
+    return Step::Taken;
+}
+
 // Parses the header block at the cursor into the port's request record.
 static Step ParseHead(Session *pSession, Port *pPort, uint32_t nAt)
 {
@@ -164,6 +242,8 @@ static Step ParseHead(Session *pSession, Port *pPort, uint32_t nAt)
     if (!ORX_PEER_ASSERT(nLen2Parse < kMaxHeadBytes, "nLen2Parse < sizeof(szTmpuff)"))
         return EndSession(pSession);
     RequestReset(pRequest);
+    if (IsAnswer(pSession, pText))
+        return ParseAnswer(pSession, pRequest, pText, nLen2Parse);
     int nResult = RequestParse(pRequest, pText, nLen2Parse);
     if (nResult < 0)
         return EndSession(pSession);
@@ -273,6 +353,17 @@ static Step RunHandler(Session *pSession, Port *pPort, uint32_t *pAt)
     return Step::Taken;
 }
 
+// The answer of a pusher, which nothing answers.
+static Step TakeAnswer(Session *pSession, Request *pRequest)
+{
+    const char *szCSeq = RequestHeaderValue(pRequest, "CSeq");
+    uint32_t nCSeq = 0;
+    if (!szCSeq || ParseCSeq(szCSeq, &nCSeq))
+        HandleAnswer(pSession, pRequest, szCSeq ? &nCSeq : nullptr);
+    RequestReset(pRequest);
+    return pSession->bEnded ? Step::Gone : Step::Taken;
+}
+
 // A text message: header block, body, number, handler.
 static Step TakeMessage(Session *pSession, Port *pPort, uint32_t *pAt)
 {
@@ -290,6 +381,8 @@ static Step TakeMessage(Session *pSession, Port *pPort, uint32_t *pAt)
     if (nBody && !RequestAttachBody(pRequest, pSession->input.pBuf + nBodyAt, nBody))
         return EndSession(pSession);
     *pAt = pSession->input.nNext = nBodyAt + nBody;
+    if (pRequest->nStatus)
+        return TakeAnswer(pSession, pRequest);
     Step step = CheckCSeq(pSession, pPort);
     if (step == Step::Taken) {
         pSession->peer.tLastRequest = ClockUptime();

@@ -17,7 +17,9 @@
 #include "server/front/dispatch.h"
 #include "server/front/limits.h"
 #include "server/media/ingest.h"
+#include "server/media/reports.h"
 #include "server/media/rtcp.h"
+#include "server/media/udppusher.h"
 #include "server/methods/tunnel.h"
 
 namespace orx {
@@ -31,6 +33,7 @@ static Task *g_pAcceptAgain = nullptr;  // its task, while one is
 static constexpr size_t kBytesPerEvent = 65536;
 static constexpr int kDatagramsPerEvent = 64;
 static constexpr int kAcceptsPerEvent = 64;
+static constexpr size_t kLargestDatagram = 65507;  // that IPv4 carries
 static constexpr int kMoreDelayMs = 1;
 
 // Seconds; more than that is a clock that was set, not silence.
@@ -56,7 +59,7 @@ static Session *OpenSession(int fd)
         return nullptr;
     }
     char szRemote[kAddrTextSize];
-    sockaddr_in remote{};
+    NetAddr remote;
     if (SockGetPeerName(fd, &remote) == 0 && AddressIsFull(&remote)) {
         SockAddrToString(&remote, szRemote);
         print("Too many sessions of %s! Refuse to accept new client to connect.\r\n", szRemote);
@@ -156,23 +159,43 @@ static void NoteReceived(Session *pSession, size_t nLen)
         pSession->peer.nReceived = 1;
 }
 
-// The index of the track whose RTCP port this is, or -1.
-static int FindControlTrack(const Session *pSession, const Port *pPort)
+// The index of the track whose RTP or RTCP port this is, or -1.
+static int FindTrack(const Session *pSession, const Port *pPort)
 {
     for (int i = 0; i < kMaxTracks; i++)
-        if (pSession->tracks[i].Control == pPort)
+        if (pSession->tracks[i].Control == pPort || pSession->tracks[i].Media == pPort)
             return i;
     return -1;
 }
 
-static void OnDatagram(Session *pSession, Port *pPort, const uint8_t *pData, size_t nLen)
+static void OnReport(Session *pSession, int i, const uint8_t *pData, size_t nLen)
 {
-    int i = FindControlTrack(pSession, pPort);
-    if (i < 0 || nLen == 0 || !(pSession->nFlags & SESSION_RTCP))
+    if (nLen == 0)
+        return;
+    ReportReceived(pSession, static_cast<unsigned>(i), pData, nLen);
+    if (!(pSession->nFlags & SESSION_RTCP))
         return;
     print("Receive RTCP packet on track %d, %d bytes.\n", pSession->tracks[i].nRtcpChannel,
           static_cast<int>(nLen));
     RtcpDump(pData, nLen, pSession->tracks[i].nTimeScale);
+}
+
+static int IsUdpPusher(const Session *pSession)
+{
+    return (pSession->nFlags & SESSION_PUSHER) && g_settings.bStandardPushers && g_settings.bUdpPushers;
+}
+
+// Handles a datagram that begins behind room for the head of a '$' frame. Returns 0 when the session must
+// end.
+static int OnDatagram(Session *pSession, const Port *pPort, uint8_t *pFrame, size_t nLen)
+{
+    int i = FindTrack(pSession, pPort);
+    if (i < 0)
+        return 1;
+    int bControl = pSession->tracks[i].Control == pPort;
+    if (bControl)
+        OnReport(pSession, i, pFrame + kInterleaveBytes, nLen);
+    return !IsUdpPusher(pSession) || DatagramTake(pSession, i, bControl, pFrame, nLen);
 }
 
 // Ends what a socket error or the end of the stream ended.
@@ -186,33 +209,55 @@ static int CloseAfterRecv(Session *pSession, Port *pPort, int nResult, int nErro
 }
 
 // Whether a datagram comes from where the session's requests come from.
-static int IsOfPeer(const Session *pSession, const sockaddr_in *pFrom)
+static int IsOfPeer(const Session *pSession, const NetAddr *pFrom)
 {
     const Port *pPort = SessionPeerPort(pSession);
-    return pPort && SockGetIp(&pPort->remote) == SockGetIp(pFrom);
+    return pPort && AddrSameHost(&pPort->remote, pFrom);
+}
+
+// What a datagram costs: that of a pusher goes to every player.
+static uint32_t WorkOf(const Session *pSession)
+{
+    return IsUdpPusher(pSession) && pSession->pProg ? 2 + ListCount(&pSession->pProg->players) : 1;
+}
+
+static int AfterDatagrams(Session *pSession)
+{
+    if (IsUdpPusher(pSession))
+        FlushAfterRead(pSession);
+    return 0;
 }
 
 // Reads the datagrams of a media socket. They never mix with the text of the control connection: each is a
 // sign of life, is looked at by itself, and is gone. An empty one, sent to open a NAT, is as good as any.
 static int ReadUdp(Session *pSession, Port *pPort)
 {
-    uint8_t data[2048];
-    for (int i = 0; i < kDatagramsPerEvent; i++) {
-        sockaddr_in from{};
+    uint8_t frame[kInterleaveBytes + kLargestDatagram];
+    int bPinned = g_settings.bPinMedia || IsUdpPusher(pSession);
+    int bMore = 1;
+    Slice slice = SliceBegin();
+    for (int i = 0; i < kDatagramsPerEvent && bMore; i++) {
+        NetAddr from;
         socklen_t nFrom = sizeof(from);
-        ssize_t n = recvfrom(pPort->fd, data, sizeof(data), 0, reinterpret_cast<sockaddr *>(&from), &nFrom);
+        ssize_t n = recvfrom(pPort->fd, frame + kInterleaveBytes, kLargestDatagram, 0, &from.any, &nFrom);
         if (n < 0 && errno == EINTR)
             continue;
+        if (n < 0 && errno != EAGAIN)
+            return CloseAfterRecv(pSession, pPort, -1, errno);
         if (n < 0)
-            return errno == EAGAIN ? 0 : CloseAfterRecv(pSession, pPort, -1, errno);
-        if (g_settings.bPinMedia && !IsOfPeer(pSession, &from))
+            return AfterDatagrams(pSession);
+        if (bPinned && !IsOfPeer(pSession, &from))
             continue;
         pPort->remote = from;
         NoteReceived(pSession, static_cast<size_t>(n));
-        OnDatagram(pSession, pPort, data, static_cast<size_t>(n));
+        bMore = !SliceOver(&slice, WorkOf(pSession));
+        if (!OnDatagram(pSession, pPort, frame, static_cast<size_t>(n))) {
+            SessionEnd(pSession);
+            return -1;
+        }
     }
     PortReadLater(pPort);
-    return 0;
+    return AfterDatagrams(pSession);
 }
 
 // Takes what was received into the buffer and parses it. 0 when the session is gone.

@@ -10,12 +10,16 @@
 #include "server/core/registry.h"
 #include "server/core/session.h"
 #include "server/core/settings.h"
+#include "server/media/replies.h"
+#include "server/media/send.h"
 
 namespace orx {
 
-// "Session" lines name no timeout, which is then a minute (RFC 2326, section 12.37); two and a half of that
-// leave room for a keep-alive that was lost.
+// A session's timeout is a minute, whether its line says so or not (RFC 2326, section 12.37); two and a half
+// of that leave room for a keep-alive that was lost.
 static constexpr uint32_t kSilenceSeconds = 150;
+// A standard player over UDP: what it sends is all that shows whether it is there.
+static constexpr uint32_t kUdpSilenceSeconds = 2 * kSessionSeconds;
 static constexpr uint32_t kLongestLookMs = 5000;
 
 static int g_bWatching = 0;  // the task runs
@@ -31,15 +35,15 @@ static int CountsByAddress(const Session *pSession)
            !pSession->viewer.bAdmitted;
 }
 
-int AddressIsFull(const sockaddr_in *pAddr)
+int AddressIsFull(const NetAddr *pAddr)
 {
-    uint32_t nIp = SockGetIp(pAddr);
+    uint64_t nIp = AddrCounted(pAddr);
     uint32_t nSessions = 0;
-    if (!g_settings.nMaxSessionsPerAddress || IsOwnBox(nIp))
+    if (!g_settings.nMaxSessionsPerAddress || IsOwnBox(pAddr))
         return 0;
     for (const Session *p = FirstSession(); p; p = NextSession(p)) {
         const Port *pPort = SessionPeerPort(p);
-        nSessions += CountsByAddress(p) && pPort && SockGetIp(&pPort->remote) == nIp;
+        nSessions += CountsByAddress(p) && pPort && AddrCounted(&pPort->remote) == nIp;
     }
     return nSessions >= g_settings.nMaxSessionsPerAddress;
 }
@@ -54,13 +58,32 @@ static int IsAtWork(const Session *pSession)
            (pProg->cache.nSerial > 0 || pProg->sleep.bSleeping);
 }
 
+// Also one that has paused, or never played: its ports are others' when it has gone.
+static int PlaysUdp(const Session *pSession)
+{
+    return pSession->play.nSetupCount > 0 && !(pSession->nFlags & SESSION_PUSHER) &&
+           !pSession->out.bInterleaved && !pSession->hold.pPort;
+}
+
 static int IsOver(const Session *pSession, uint32_t nNow)
 {
+    int32_t nSilent = ClockDiff(nNow, pSession->peer.tLastActivity);
+    if (g_settings.bStandardPlayers && PlaysUdp(pSession) &&
+        nSilent > static_cast<int32_t>(kUdpSilenceSeconds))
+        return 1;
+    if (!g_settings.nStateTimeout)
+        return 0;
     if (IsAtWork(pSession) || pSession->hold.pPort)  // or it waits for an answer
         return 0;
     if (pSession->play.nSetupCount > 0)  // set up, paused, at its end
-        return ClockDiff(nNow, pSession->peer.tLastActivity) > static_cast<int32_t>(kSilenceSeconds);
+        return nSilent > static_cast<int32_t>(kSilenceSeconds);
     return ClockDiff(nNow, pSession->peer.tLastRequest) > static_cast<int32_t>(g_settings.nStateTimeout);
+}
+
+// Tries a socket that took nothing again, though nothing may be pushed any more. Returns 1 when it is over.
+static int IsStuck(Session *pSession)
+{
+    return pSession->flow.bBlocked && !SendDataEx(pSession, nullptr, 1);
 }
 
 static int OnLook(Task *, uint32_t, uint32_t, uint32_t)
@@ -69,6 +92,10 @@ static int OnLook(Task *, uint32_t, uint32_t, uint32_t)
     Session *pNext;
     for (Session *p = FirstSession(); p; p = pNext) {
         pNext = NextSession(p);
+        if (IsStuck(p)) {
+            SessionEnd(p);
+            continue;
+        }
         if (!IsOver(p, nNow))
             continue;
         char szRemote[kAddrTextSize];
@@ -77,13 +104,15 @@ static int OnLook(Task *, uint32_t, uint32_t, uint32_t)
         SessionEnd(p);
     }
     g_bWatching = ListCount(&g_server.sessions) > 0;
-    return g_bWatching ? static_cast<int>(std::clamp(g_settings.nStateTimeout * 500, 1000U, kLongestLookMs))
-                       : -1;
+    if (!g_bWatching)
+        return -1;
+    uint32_t nLookMs = g_settings.nStateTimeout ? g_settings.nStateTimeout * 500 : kLongestLookMs;
+    return static_cast<int>(std::clamp(nLookMs, 1000U, kLongestLookMs));
 }
 
 void LimitsWatch()
 {
-    if (!g_settings.nStateTimeout || g_bWatching)
+    if ((!g_settings.nStateTimeout && !g_settings.bStandardPlayers) || g_bWatching)
         return;
     g_bWatching = 1;
     TaskSchedule(&g_server.scheduler, OnLook, 1000, 0, nullptr);

@@ -1,8 +1,9 @@
 // How many sessions one address may hold without doing anything, and for how long: the [GUARD] keys
-// MaxSessionsPerAddress and StateTimeout. Scheduler thread only.
+// MaxSessionsPerAddress and StateTimeout. And how long a player's socket may take nothing. Scheduler thread
+// only.
 #pragma once
 
-#include <netinet/in.h>
+#include "base/netaddr.h"
 
 namespace orx {
 
@@ -10,8 +11,9 @@ namespace orx {
 void LimitsInit();
 
 // Whether the address of a new connection has so many sessions that neither play, push nor were admitted that
-// it gets no further one. The box itself (127.0.0.0/8) is exempt, each bridge of the relay counts by itself.
-int AddressIsFull(const sockaddr_in *pAddr);
+// it gets no further one (see AddrCounted). The box itself (127.0.0.0/8, ::1) is exempt, each bridge of the
+// relay counts by itself.
+int AddressIsFull(const NetAddr *pAddr);
 
 // A session was made: sees to it that those which do nothing for too long are looked for.
 void LimitsWatch();

@@ -97,6 +97,7 @@ static int StartProxy(RemoteServices *pRemote)
 {
     HttpProxySettings settings;
     settings.szListenIp = g_settings.szListenIp;
+    settings.bIpv6 = SettingsListenIpv6(&g_settings);
     settings.nListenPort = static_cast<int>(g_settings.nHttpProxyListenPort);
     settings.szTargetIp = g_settings.szHttpProxyTargetIp;
     settings.nTargetPort = static_cast<int>(g_settings.nHttpProxyTargetPort);
@@ -120,8 +121,11 @@ static void Register(RemoteServices *pRemote)
 static int StartRelay(RemoteServices *pRemote)
 {
     UnetSettings settings;
-    sockaddr_in bindTo{};
-    if (!SockSetAddr(&bindTo, g_settings.szListenIp, static_cast<int>(g_settings.nListenPort))) {
+    NetAddr bindTo;
+    int bKnown = SockSetAddrEx(&bindTo, g_settings.szListenIp, static_cast<int>(g_settings.nListenPort),
+                               SettingsListenIpv6(&g_settings));
+    // the relay's library has IPv4 alone: on "::" it is there as on 0.0.0.0, on another IPv6 address nowhere
+    if (!bKnown || (AddrIsIpv6(&bindTo) && !IN6_IS_ADDR_UNSPECIFIED(&bindTo.in6.sin6_addr))) {
         print("Unet: ListenIp=%s is no address that is known.\r\n", g_settings.szListenIp);
         return 0;
     }

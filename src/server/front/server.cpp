@@ -1,5 +1,6 @@
 #include "server/front/server.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +16,7 @@
 #include "record/storage.h"
 #include "runtime/diskthread.h"
 #include "runtime/sockutil.h"
+#include "record/reorder.h"
 #include "server/core/program.h"
 #include "server/core/registry.h"
 #include "server/core/session.h"
@@ -73,6 +75,7 @@ static int CreateScheduler()
     if (!SchedulerCreate(&g_server.scheduler))
         return 0;
     SchedulerSetAfterProc(&g_server.scheduler, FreeRetiredSlice);
+    SchedulerSetExact(&g_server.scheduler, HasLowDelay());
     return 1;
 }
 
@@ -90,9 +93,10 @@ static int CreateAuth()
 // A listener that cannot be opened is reported; the server starts without it.
 static void OpenListener()
 {
-    sockaddr_in addr{};
+    NetAddr addr;
     int fd = -1;
-    if (SockSetAddr(&addr, g_settings.szListenIp, static_cast<int>(g_settings.nListenPort)))
+    if (SockSetAddrEx(&addr, g_settings.szListenIp, static_cast<int>(g_settings.nListenPort),
+                      SettingsListenIpv6(&g_settings)))
         fd = SockListenTcp(&addr);
     if (fd < 0) {
         print("Listen error %d\n", errno);
@@ -155,7 +159,8 @@ int ServerStart(const char *szConfigPath)
         return 0;
     }
     DropCutNetwork(g_settings.szAnnounceFrom, sizeof(g_settings.szAnnounceFrom));
-    AddrListParse(&g_server.announceFrom, g_settings.szAnnounceFrom, "AnnounceFrom");
+    AddrListParse(&g_server.announceFrom, g_settings.szAnnounceFrom, "AnnounceFrom",
+                  g_settings.bStandardPlayers);
     g_server.nMaxRegisterId = GuidStoreNextId(g_settings.szGuidPath);
     EventsInit();
     SeedRandom();
@@ -240,6 +245,17 @@ static void DescribeSession(const Session *pSession, SessionStat *pOut)
     pOut->tStart = pSession->peer.tStart;
     TextCopy(pOut->szProgram, sizeof(pOut->szProgram), pSession->pProg ? pSession->pProg->Uri : "-");
     pOut->bPusher = (pSession->nFlags & SESSION_PUSHER) != 0;
+    for (const SessionTrack &track : pSession->tracks) {
+        pOut->reception.bKnown |= track.reception.bKnown;
+        pOut->reception.nLoss = std::max(pOut->reception.nLoss, track.reception.nLoss);
+        pOut->reception.nJitterMs = std::max(pOut->reception.nJitterMs, track.reception.nJitterMs);
+        pOut->reception.nRoundTripMs = std::max(pOut->reception.nRoundTripMs, track.reception.nRoundTripMs);
+        if (!track.pReorder)
+            continue;
+        pOut->bDatagrams = 1;
+        pOut->nLate += track.pReorder->nLate;
+        pOut->nLost += track.pReorder->nLost;
+    }
 }
 
 static void GatherStat(ServerStat *pStat, int bWithSessions)

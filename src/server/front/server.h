@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include "server/core/session.h"
+
 namespace orx {
 
 // Reads the settings, builds the services and opens the listening socket. Main thread. Returns 1 when the
@@ -19,6 +21,9 @@ struct SessionStat {
     uint32_t tStart;      // seconds since the epoch
     char szProgram[256];  // name of the program, "-" without one
     int bPusher;
+    int bDatagrams;         // it pushes over UDP; the next two are set, of all tracks
+    uint32_t nLate, nLost;  // packets that came too late; that were not there in time, those included
+    Reception reception;    // of a player: the worst of its tracks, when it has reported
 };
 struct ServerStat {
     unsigned nTasks, nLives, nClients, nMonitors;

@@ -1,5 +1,7 @@
 #include "server/media/cache.h"
 
+#include <algorithm>
+
 #include "base/console.h"
 #include "runtime/clock.h"
 #include "server/core/settings.h"
@@ -8,6 +10,8 @@ namespace orx {
 
 // Key frames kept from before the span: what a quarter of the longest span (a minute) holds at one a second.
 static constexpr uint32_t kMaxKeptKeys = 15;
+static constexpr uint32_t kLongGroupMegabytes = 32;  // of a group longer than the span, without a bound
+static constexpr uint32_t kRatePeriodMs = 1000;
 static constexpr uint32_t kMaxCachedBlocks = 150000;  // a minute and a quarter of 20 Mbit/s
 
 static int BlockMarker(const DataBlock *pBlock)
@@ -24,6 +28,8 @@ static void FreeBlock(PacketCache *pCache, DataBlock *pBlock)
 {
     if (ClockDiff(pBlock->nSerial + 1, pCache->nWhole) > 0)
         pCache->nWhole = pBlock->nSerial + 1;
+    if (pBlock == pCache->pLastKey)
+        pCache->pLastKey = nullptr;
     BlockListFree(&pCache->Pktq, pBlock);
 }
 
@@ -50,6 +56,15 @@ static DataBlock *FindKeyInSpan(const Program *pProg, DataBlock *pFrom, uint32_t
         bFrameEnded |= BlockMarker(p);
     }
     return nullptr;
+}
+
+// Encoders put half a minute and more between key frames: all since the last one stays, up to the bound of
+// the cache, so that a player begins with a whole picture.
+static int KeepsLongGroup(const Program *pProg)
+{
+    uint32_t nMegabytes = g_settings.nCacheMegabytes ? g_settings.nCacheMegabytes : kLongGroupMegabytes;
+    return g_settings.bStandardPushers && pProg->cache.pLastKey &&
+           pProg->cache.held.nBytes <= Megabytes(nMegabytes);
 }
 
 // Without a key frame to start from, only whole frames within the span stay.
@@ -116,6 +131,25 @@ static void RestartCache(Program *pProg)
     pProg->cache.nKeptKeys = 0;
 }
 
+// How much is pushed, by the time of its stamps: of each second, and less from the seconds before.
+static void NoteRate(PacketCache *pCache, const DataBlock *pBlock)
+{
+    pCache->nRateBytes += pBlock->len;
+    uint32_t nMs = pBlock->nTimestamp - pCache->nRateFrom;
+    if (nMs < kRatePeriodMs)
+        return;
+    pCache->nBytesPerMs = std::max(pCache->nRateBytes / nMs, pCache->nBytesPerMs / 8 * 7);
+    pCache->nRateFrom = pBlock->nTimestamp;
+    pCache->nRateBytes = 0;
+}
+
+void CacheNote(PacketCache *pCache, DataBlock *pBlock)
+{
+    if (BlockStartsKey(pBlock))
+        pCache->pLastKey = pBlock;
+    NoteRate(pCache, pBlock);
+}
+
 void CacheTrim(Program *pProg, uint32_t nNow)
 {
     auto *pStart = pProg->cache.pCacheCursor;
@@ -131,7 +165,12 @@ void CacheTrim(Program *pProg, uint32_t nNow)
     }
     if (nAge <= nGrowLimit)
         return;
+    int bLong = KeepsLongGroup(pProg);
+    if (bLong && pStart == pProg->cache.pLastKey)
+        return;
     DataBlock *pKey = FindKeyInSpan(pProg, pStart, nNow);
+    if (!pKey && bLong)
+        pKey = pProg->cache.pLastKey;
     if (!pKey) {
         TrimWithoutKey(pProg, pStart, nNow);
         return;
@@ -194,10 +233,10 @@ void CacheBound(Program *pProg)
 
 DataBlock *CacheLastKey(const Program *pProg)
 {
-    if (pProg->cache.held.nKeys == 0)
-        return nullptr;
+    if (pProg->cache.pLastKey || pProg->cache.held.nKeys == 0)
+        return pProg->cache.pLastKey;
     auto *p = LastBlock(pProg);
-    while (p && (p->nFlags & (DB_VIDEO | DB_KEY)) != (DB_VIDEO | DB_KEY))
+    while (p && !BlockStartsKey(p))
         p = PrevBlock(p);
     return p;
 }

@@ -6,7 +6,11 @@
 
 namespace orx {
 
-// Frees what the cache need not keep, now that a packet of nNow (media ms) is its newest.
+// Notes that a block was appended as the program's newest packet.
+void CacheNote(PacketCache *pCache, DataBlock *pBlock);
+
+// Frees what the cache need not keep, now that a packet of nNow (media ms) is its newest. With [INTEROP]
+// StandardPushers all since the newest key frame stays, whatever its age.
 void CacheTrim(Program *pProg, uint32_t nNow);
 
 // Frees the oldest groups, each up to the next key frame, until the program keeps at most CacheMegabytes and

@@ -11,6 +11,7 @@
 #include "server/media/cache.h"
 #include "server/media/outqueue.h"
 #include "server/media/recordcontrol.h"
+#include "server/media/reports.h"
 #include "server/media/rtcp.h"
 #include "server/media/send.h"
 
@@ -20,16 +21,26 @@ namespace orx {
 static constexpr uint32_t kStartBytes = 4 << 20;
 // Of a slice, for one player: eight times the clock is not looked at.
 static constexpr uint32_t kFlushWork = 32;
+// LowDelay: so long a picture that is not whole waits for more of it.
+static constexpr int32_t kHeldMs = 5;
+
+// Of what is left in a queue. Returns 0 for a player that is to be ended.
+static int KeepBounds(Session *pSession, unsigned nMost)
+{
+    if (QueueKeepsGroups(pSession))
+        return QueueKeepBounds(pSession);
+    if (QueueIsFull(pSession) && !QueueRelieve(pSession))
+        return 0;
+    return ListCount(&pSession->out.Outq) <= nMost;
+}
 
 // Sends what waits, and a report when one is due. Returns 0 when that failed, or left more than nMost blocks,
-// or more bytes than a queue may hold of a player that nothing is dropped for.
+// or more than a queue may hold of a player that nothing is dropped for.
 static int Flush(Session *pSession, unsigned nMost)
 {
     if (!SendDataEx(pSession, nullptr, 1))
         return 0;
-    if (QueueIsFull(pSession) && !QueueRelieve(pSession))
-        return 0;
-    if (ListCount(&pSession->out.Outq) > nMost)
+    if (ListCount(&pSession->out.Outq) > 0 && !KeepBounds(pSession, nMost))
         return 0;
     if (pSession->nFlags & SESSION_RTCP)
         SendRtcpReport(pSession);
@@ -94,17 +105,43 @@ static int RoomForStart(const Session *pSession, const DataBlock *pFirst)
     return 1;
 }
 
+static int IsOverBound(const Session *pSession)
+{
+    return SessionMediaWaiting(pSession) - pSession->flow.nStartHeld > kQueueBytes;
+}
+
+// Whether a crowded queue need not be tried again yet: its socket was full a moment ago, or its timer runs.
+// It is with the packet that takes it over its bound.
+static int WaitsForRoom(Session *pSession, unsigned nItems, uint32_t nNow)
+{
+    if (!QueueKeepsGroups(pSession))
+        return 0;
+    SessionFlow *pFlow = &pSession->flow;
+    if (pSession->nFlags & SESSION_CATCHES_UP)
+        return 1;
+    int bOver = IsOverBound(pSession);
+    if (bOver && !pFlow->bOver)
+        return 0;
+    pFlow->bOver = bOver;
+    uint32_t nLeft = pFlow->nLeft;
+    return QueueIsBlocked(pSession, nNow) ||
+           (nLeft > 0 && nItems >= nLeft && nItems <= nLeft + kFlushAtOnceAbove);
+}
+
 // Returns 0 when that ended the session.
-static int PushPacket2SessionQueue(Session *pSession, const DataBlock *pBlock)
+static int PushPacket2SessionQueue(Session *pSession, const DataBlock *pBlock, uint32_t nNow)
 {
     if (QueueCopy(pSession, pBlock) < 0)
         return 1;
-    pSession->flow.nAfterStart += pBlock->len;
+    QueueStamp(pSession, nNow);
     unsigned nItems = ListCount(&pSession->out.Outq);
-    if (nItems <= kFlushAtOnceAbove && !QueueIsFull(pSession))
+    if ((nItems <= kFlushAtOnceAbove && !QueueIsFull(pSession)) || WaitsForRoom(pSession, nItems, nNow))
         return 1;
-    print("PushPacket2SessionQueue(): session->Outq.nItems=%u\r\n", nItems);
-    if (Flush(pSession, kGiveUpAbove + pSession->flow.nStartBlocks))
+    QueueTellCrowded(pSession, nNow);
+    int bKeep = Flush(pSession, kGiveUpAbove);
+    pSession->flow.nLeft = ListCount(&pSession->out.Outq);
+    pSession->flow.bOver = IsOverBound(pSession);
+    if (bKeep)
         return 1;
     print("PushPacket2SessionQueue()->DestroySession()!\r\n");
     SessionEnd(pSession);
@@ -129,13 +166,23 @@ static void SendEventMsg2SubscribeClient(Session *pSession, const DataBlock *pBl
     SessionEnd(pSession);
 }
 
+// Whether a player that has lost groups does not wait for the next key frame any more.
+static inline int TakesPacket(Session *pSession, const DataBlock *pBlock)
+{
+    if (pSession->flow.bSkips && BlockStartsKey(pBlock))
+        pSession->flow.bSkips = 0;
+    return !pSession->flow.bSkips;
+}
+
 static void FanOut(Program *pProg, const DataBlock *pBlock)
 {
     int bEvent = pProg->desc.nDataTrack >= 0 && BlockData(pBlock)[1] == 2 * pProg->desc.nDataTrack;
+    uint32_t nNow = g_settings.bStandardPlayers ? ClockMs() : 0;
     Session *pNext;
     for (Session *p = FirstPlayer(pProg); p; p = pNext) {
         pNext = NextPlayer(p);
-        if (p->nState == STATE_PLAYING && !p->start.pNext && !PushPacket2SessionQueue(p, pBlock))
+        if (p->nState == STATE_PLAYING && !p->start.pNext && TakesPacket(p, pBlock) &&
+            !PushPacket2SessionQueue(p, pBlock, nNow))
             continue;
         if (bEvent && (p->nFlags & SESSION_SUBSCRIBER))
             SendEventMsg2SubscribeClient(p, pBlock);
@@ -155,6 +202,7 @@ void CachePacketEx(Program *pProg, DataBlock *pBlock)
     int bRet = BlockListAppend(&pProg->cache.Pktq, pBlock);
     ORX_ASSERT(bRet, "bRet");
     pBlock->nSerial = pProg->cache.nSerial;
+    CacheNote(&pProg->cache, pBlock);
     FanOut(pProg, pBlock);
     QueuesBound();
     LearnSsrc(pProg, pBlock);
@@ -175,7 +223,6 @@ static uint32_t FillSlice(Session *pSession, DataBlock *p, int bFirst)
 {
     Slice slice = SliceBegin();
     uint32_t nQueued = 0;
-    uint32_t nBytes = 0;
     uint32_t nSinceLook = 0;
     int64_t nBefore = pSession->out.queued.nBytes;
     for (int bOver = 0; p && !bOver; p = NextBlock(p)) {
@@ -184,18 +231,15 @@ static uint32_t FillSlice(Session *pSession, DataBlock *p, int bFirst)
             bOver = SliceOver(&slice, kSliceLook);
             nSinceLook = 0;
         }
-        if (QueueCopy(pSession, p) < 0)
-            continue;
-        nQueued++;
-        nBytes += p->len;
+        nQueued += QueueCopy(pSession, p) >= 0;
     }
     pSession->start.pNext = p;
     pSession->start.nSerial = p ? p->nSerial : 0;
     pSession->flow.nStartHeld += pSession->out.queued.nBytes - nBefore;
     if (bFirst)
-        SendStartBurst(pSession, nQueued, nBytes);
+        SendStartBurst(pSession, nQueued);
     else
-        SendStartMore(pSession, nQueued, nBytes);
+        SendStartMore(pSession, nQueued);
     return nQueued;
 }
 
@@ -235,6 +279,7 @@ int FillBufferAtFirstPlay(Session *pSession)
     SessionStart *pStart = &pSession->start;
     if (!pProg)
         return 1;
+    ReportsAhead(pSession);
     DataBlock *p = CacheLastKey(pProg);
     pStart->pNext = nullptr;
     if (!p) {
@@ -248,6 +293,7 @@ int FillBufferAtFirstPlay(Session *pSession)
         return 0;
     }
     pSession->flow.nStartHeld = 0;
+    pSession->flow.bSkips = 0;
     uint32_t nQueued = FillSlice(pSession, p, 1);
     PrintCounts(pProg, pSession);
     if (pStart->pNext && !pStart->bTask) {
@@ -262,11 +308,13 @@ static void FlushSlice(Program *pProg)
 {
     PlayerFlush *pFlush = &pProg->flush;
     Slice slice = SliceBegin();
+    unsigned nAbove = HasLowDelay() ? 0 : kFlushAfterReadAbove;
     int bOver = 0;
     while (pFlush->pNext && !bOver) {
         Session *p = pFlush->pNext;
         pFlush->pNext = NextPlayer(p);
-        if (p->nState != STATE_PLAYING || ListCount(&p->out.Outq) <= kFlushAfterReadAbove)
+        if (p->nState != STATE_PLAYING || ListCount(&p->out.Outq) <= nAbove ||
+            (p->flow.bBlocked && QueueIsBlocked(p, ClockMs())))
             continue;
         if (!Flush(p, UINT32_MAX))  // nothing was queued: how much waits was looked at when it was
             SessionEnd(p);
@@ -288,12 +336,15 @@ static int OnFlushOn(Task *pTask, uint32_t, uint32_t, uint32_t)
         pFlush->bAgain = 0;
     }
     pFlush->bTask = pFlush->pNext != nullptr;
-    return pFlush->bTask ? 1 : -1;
+    if (!pFlush->bTask)
+        return -1;
+    return HasLowDelay() ? 0 : 1;
 }
 
 void FlushPlayers(Program *pProg)
 {
     PlayerFlush *pFlush = &pProg->flush;
+    pFlush->bWaits = pFlush->bDue = pFlush->bHeld = 0;
     pFlush->bAgain = pFlush->bTask;
     if (pFlush->bTask)
         return;
@@ -302,6 +353,55 @@ void FlushPlayers(Program *pProg)
     pFlush->bTask = pFlush->pNext && pProg->pPusher;
     if (pFlush->bTask)
         SessionSchedule(pProg->pPusher, OnFlushOn, 1);
+}
+
+void FlushNote(Program *pProg, MediaInfo *pInfo, const uint8_t *pRtp)
+{
+    constexpr uint8_t kMarker = 0x80;
+    PlayerFlush *pFlush = &pProg->flush;
+    pFlush->bWaits = 1;
+    if (!(pInfo->nMediaType & MEDIA_VIDEO_MASK)) {
+        pFlush->bDue = 1;
+        return;
+    }
+    uint32_t nStamp = GetBe(pRtp + 4, 4);
+    int bEnds = (pRtp[1] & kMarker) != 0;
+    pFlush->bDue |= bEnds || (pInfo->bOpenPicture && nStamp != pInfo->nOpenStamp);
+    pInfo->bOpenPicture = !bEnds;
+    pInfo->nOpenStamp = nStamp;
+}
+
+static int OnHeld(Task *pTask, uint32_t, uint32_t nNow, uint32_t)
+{
+    Session *pPusher = SessionOfTask(pTask);
+    Program *pProg = pPusher ? pPusher->pProg : nullptr;
+    if (!pProg || pProg->pPusher != pPusher)
+        return -1;
+    PlayerFlush *pFlush = &pProg->flush;
+    int32_t nLeftMs = kHeldMs - ClockDiff(nNow, pFlush->nHeldClock);
+    if (pFlush->bHeld && nLeftMs > 1)
+        return nLeftMs;
+    pFlush->bTimer = 0;
+    if (pFlush->bHeld)
+        FlushPlayers(pProg);
+    return -1;
+}
+
+void FlushWhole(Program *pProg)
+{
+    PlayerFlush *pFlush = &pProg->flush;
+    if (pFlush->bDue) {
+        FlushPlayers(pProg);
+        return;
+    }
+    if (!pFlush->bWaits || pFlush->bHeld)
+        return;
+    pFlush->bHeld = 1;
+    pFlush->nHeldClock = ClockMs();
+    if (pFlush->bTimer || !pProg->pPusher)
+        return;
+    pFlush->bTimer = 1;
+    SessionSchedule(pProg->pPusher, OnHeld, kHeldMs);
 }
 
 }  // namespace orx

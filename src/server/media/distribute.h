@@ -20,4 +20,12 @@ int FillBufferAtFirstPlay(Session *pSession);
 // those that some milliseconds do not suffice for follow in tasks of their own. May end players.
 void FlushPlayers(Program *pProg);
 
+// LowDelay. Of an RTP packet of the track, before it is cached: notes whether a picture or a piece of sound
+// is whole with it, or was with the one before.
+void FlushNote(Program *pProg, MediaInfo *pInfo, const uint8_t *pRtp);
+
+// LowDelay. After a read of the pusher: flushes the players when something is whole, else sees to it that
+// what waits does so for 5 ms at most.
+void FlushWhole(Program *pProg);
+
 }  // namespace orx

@@ -186,8 +186,11 @@ static int OnFileSend(Task *pTask, uint32_t, uint32_t, uint32_t)
     }
     // no report goes ahead of the first packet, which the disk may be at
     int bWaits = pSession->pProg && pSession->pProg->reader && pSession->pProg->reader->bWanted;
-    if ((pSession->nFlags & SESSION_RTCP) && pSession->nState == STATE_PLAYING && !bWaits)
-        SendRtcpReport(pSession);
+    if (RtcpMakesReports(pSession) && pSession->nState == STATE_PLAYING && !bWaits &&
+        SendRtcpReport(pSession) && PlaysStandard(pSession) && !SendDataEx(pSession, nullptr, 1)) {
+        SendingFailed(pSession);
+        return -1;
+    }
     return static_cast<int>(PlaysStandard(pSession) ? kSmoothPeriodMs : kFileSendPeriodMs);
 }
 

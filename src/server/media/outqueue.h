@@ -3,6 +3,7 @@
 #pragma once
 
 #include "base/datablock.h"
+#include "server/core/program.h"
 #include "server/core/session.h"
 #include "server/core/settings.h"
 
@@ -10,19 +11,34 @@ namespace orx {
 
 // A queue leaves, through SendDataEx,
 // - after a read of the pusher that is an odd one in number, when more than kFlushAfterReadAbove wait
-//   (FlushPlayers),
+//   (FlushPlayers); with [INTEROP] LowDelay after each that ends a picture or brings sound, and kHeldMs after
+//   one that does neither (FlushWhole),
 // - with a packet that finds more than kFlushAtOnceAbove, or the queue full (CachePacketEx),
 // - with every reply (SendReply2),
 // - by a timer: what a full socket left after 200 ms (OnSessionDelaySendTimer), a start over UDP every 20 ms
 //   (OnCatchUpTimer), a recording every 200 or 20 ms (OnFileSend).
-// The limits count blocks. Full is a queue of more bytes than [GUARD] CacheMegabytes, without what a start
-// brought: a live player that is still full when its queue has left as far as it could is ended, as above
-// kGiveUpAbove, or loses the media that waits (AutoDropDataWhenCrowded). What waits for all together is
-// bounded by CacheMegabytesTotal: the largest queue counts as full then.
+// The first two limits count blocks.
+//
+// How much of a live player's media may wait is one table:
+//                        [INTEROP] StandardPlayers 1                  0
+//   what a start brought  apart until it has left: one group, which   within kGiveUpAbove
+//                         the cache holds ([GUARD] CacheMegabytes)
+//   behind it             kQueueBytes, and kQueueMs from being        kGiveUpAbove blocks, CacheMegabytes
+//                         queued to leaving
+//   beyond, AutoDropDataWhenCrowded 1: groups that have not begun     all that waits
+//     to leave are dropped; one that has begun is queued to its end,
+//     up to CacheMegabytes, else kGroupMegabytes
+//   with 0                the player is ended                         the same
+//   a socket that blocks  ends it when it took nothing for 30 s       20 times in a row: loses what waits
+//   of all queues together, CacheMegabytesTotal: the largest loses    as if it were full
+//                         all media that waits, or ends
 constexpr uint32_t kFlushAfterReadAbove = 5;  // about a picture's packets, so that small pictures gather
 constexpr uint32_t kFlushAtOnceAbove = 50;    // a key picture is longer than one read of the pusher
 constexpr uint32_t kGiveUpAbove = 1000;       // though flushed: some seconds of media; the player is ended
-constexpr uint32_t kRepliesAbove = 1000;      // that wait: a peer that asks and does not read is ended
+constexpr int64_t kQueueBytes = 8 << 20;
+constexpr int32_t kQueueMs = 10000;
+constexpr uint32_t kGroupMegabytes = 32;
+constexpr uint32_t kRepliesAbove = 1000;  // that wait: a peer that asks and does not read is ended
 
 // A live player whose socket was full so many times in a row loses the media that waits, and gets video alone
 // until something leaves again ([SERVER] AutoDropDataWhenCrowded).
@@ -45,9 +61,18 @@ inline int TrackOfPayload(const Session *pSession, uint8_t nPayloadType, TrackCh
     return -1;
 }
 
+// The track noted with a block, when it is set up; else -1.
+inline int TrackNoted(const Session *pSession, const DataBlock *pBlock)
+{
+    int nTrack = BlockTrack(pBlock);
+    return nTrack < pSession->out.nTracks && pSession->tracks[nTrack].bSetUp ? nTrack : -1;
+}
+
 // The track set up that a media block of the session's queue belongs to; -1 when none does.
 inline int TrackOfBlock(const Session *pSession, const DataBlock *pBlock)
 {
+    if (BlockTrack(pBlock) >= 0)
+        return TrackNoted(pSession, pBlock);
     uint32_t nAt = pSession->out.bInterleaved ? kInterleaveBytes + 1 : 1;
     if (pBlock->len <= nAt)
         return -1;
@@ -62,6 +87,11 @@ inline int IsDatagram(const Session *pSession, const DataBlock *pBlock)
 
 // Queues a player's own copy of a cached packet. Returns the track it is for, or -1 when it was left out.
 int QueueCopy(Session *pSession, const DataBlock *pBlock);
+// Notes at nNow (ClockMs) that the block at the end waits from now on; what a start queues does not count.
+inline void QueueStamp(Session *pSession, uint32_t nNow)
+{
+    reinterpret_cast<DataBlock *>(pSession->out.Outq.pLast)->nSerial = nNow;
+}
 
 // Puts a block before another one (null: at the end); behind it when part of that has left already, so that
 // the stream stays whole. The queue owns it from here on.
@@ -75,6 +105,30 @@ inline int QueueIsFull(const Session *pSession)
            pSession->out.queued.nBytes - pSession->flow.nStartHeld > Megabytes(g_settings.nCacheMegabytes);
 }
 int QueueRelieve(Session *pSession);
+
+// Whether the session is a live player whose bounds are bytes and time, and who loses whole groups.
+inline int QueueKeepsGroups(const Session *pSession)
+{
+    return g_settings.bStandardPlayers && pSession->pProg && pSession->pProg->bLive &&
+           !(pSession->nFlags & SESSION_PUSHER);
+}
+
+// Whether its socket was full a moment ago, at nNow (ClockMs): it is not tried again with every packet.
+constexpr uint32_t kBlockedRetryMs = 5;
+inline int QueueIsBlocked(const Session *pSession, uint32_t nNow)
+{
+    return pSession->flow.bBlocked && nNow - pSession->flow.nTriedClock < kBlockedRetryMs;
+}
+
+// Keeps the queue of such a player in its bounds, once it has left as far as it could. Returns 0 when nothing
+// may be dropped: the player is to be ended.
+int QueueKeepBounds(Session *pSession);
+
+// Prints that a queue is crowded, of such a player once in a while.
+void QueueTellCrowded(Session *pSession, uint32_t nNow);
+
+// Prints and logs of a live player how far it is behind, and what is done about it.
+void QueueTell(const Session *pSession, const char *szWhat);
 
 // Whether a peer lets replies, or the server's requests to it, wait without end because it does not read.
 // What players ask a pusher does not count: it is bounded by who asks, not at the cost of the pusher.

@@ -9,13 +9,16 @@ namespace orx {
 
 static constexpr int32_t kFileLeadMs = 1000;  // a recording is sent at most this far ahead of real time
 static constexpr uint32_t kCatchUpSpeed = 4;  // times real time, of what is ahead over UDP
+static constexpr int32_t kMostOverdueMs = 2000;
+static constexpr uint32_t kOverdueStepMs =
+    250;  // a recording that is so late leaves over UDP at twice the rate
 
 // A start can be ten seconds of media, and a player's UDP socket holds a fraction of a second: at a multiple
 // of real time nothing is lost. Time stamps that jump do not hold it up for longer than the cache should
 // last.
 static int CatchesUp(const Session *pSession)
 {
-    return pSession->flow.nStartBlocks > 0 && !pSession->out.bInterleaved &&
+    return pSession->flow.nStartBlocks > 0 &&
            ClockMs() - pSession->play.nPlayClock < pSession->pProg->cache.nCacheLimit;
 }
 
@@ -26,25 +29,69 @@ static uint32_t DueMs(const SessionPlay *pPlay)
 }
 
 // What may be ahead of it. Over UDP it grows: a second of large pictures at once is more than a player's
-// socket holds.
+// socket holds. While a request waits for the end of a picture, no other one begins.
 static int32_t LeadMs(const Session *pSession)
 {
     if (!PlaysStandard(pSession) || pSession->out.bInterleaved)
         return kFileLeadMs;
+    if (pSession->play.bFinishes)
+        return INT32_MIN;
     uint32_t nSince = std::min<uint32_t>(ClockMs() - pSession->play.nPlayClock, kFileLeadMs);
     return std::min(kFileLeadMs, static_cast<int32_t>((kCatchUpSpeed - 1) * nSince));
+}
+
+// How far what was sent of a recording is behind what is due, ms.
+static uint32_t OverdueMs(const Session *pSession)
+{
+    const SessionPlay *pPlay = &pSession->play;
+    int32_t nBehind = ClockDiff(DueMs(pPlay), pPlay->nPlayPos - pPlay->nPlayStart);
+    return static_cast<uint32_t>(std::clamp(nBehind, 0, kMostOverdueMs));
+}
+
+// What may leave over UDP per ms. The rate of a live program is known; a recording that does not keep up
+// shows that it has more.
+static uint32_t BytesPerMs(const Session *pSession)
+{
+    const Program *pProg = pSession->pProg;
+    if (pProg->bLive)
+        return std::max(kUdpBytesPerMs, 2 * pProg->cache.nBytesPerMs);
+    return kUdpBytesPerMs + kUdpBytesPerMs * OverdueMs(pSession) / kOverdueStepMs;
+}
+
+void PaceMakeRoom(Session *pSession)
+{
+    if (!PaceCountsBytes(pSession))
+        return;
+    SessionFlow *pFlow = &pSession->flow;
+    uint32_t nNow = ClockMs();
+    uint32_t nSince = std::min(nNow - pFlow->nRoomClock, kUdpBurstMs * 2);
+    uint32_t nRate = BytesPerMs(pSession);
+    pFlow->nRoom = std::min(static_cast<int32_t>(kUdpBurstMs * nRate),
+                            pFlow->nRoom + static_cast<int32_t>(nSince * nRate));
+    pFlow->nRoomClock = nNow;
+}
+
+static Pace LivePace(const Session *pSession)
+{
+    if (!PaceCountsBytes(pSession))
+        return {};
+    const SessionPlay *pPlay = &pSession->play;
+    uint32_t nSent = pPlay->nPlayPos - pPlay->nPlayStart;
+    int32_t nLead = CatchesUp(pSession) ? 0 : INT32_MAX;
+    return {1, 0, pPlay->nPlayStart, pSession->flow.nCatchUpMs, nSent, nLead, pSession->flow.nRoom};
 }
 
 Pace PaceOf(const Session *pSession)
 {
     if (!pSession->pProg || (pSession->nFlags & SESSION_PUSHER))
         return {};
+    if (pSession->pProg->bLive)
+        return LivePace(pSession);
     const SessionPlay *pPlay = &pSession->play;
     uint32_t nSent = pPlay->nPlayPos - pPlay->nPlayStart;
-    if (pSession->pProg->bLive)
-        return {CatchesUp(pSession), 0, pPlay->nPlayStart, pSession->flow.nCatchUpMs, nSent, 0};
     int bPaused = PlaysStandard(pSession) && pSession->nState == STATE_PAUSED;
-    return {1, bPaused, pPlay->nPlayStart, DueMs(pPlay), nSent, LeadMs(pSession)};
+    int32_t nRoom = PaceCountsBytes(pSession) ? pSession->flow.nRoom : INT32_MAX;
+    return {1, bPaused, pPlay->nPlayStart, DueMs(pPlay), nSent, LeadMs(pSession), nRoom};
 }
 
 DataBlock *PaceFirstHeld(const Session *pSession)
@@ -62,6 +109,16 @@ DataBlock *PaceFirstHeld(const Session *pSession)
     return pHeld;
 }
 
+int PaceIsMidPicture(const Session *pSession)
+{
+    if (!PlaysStandard(pSession) || pSession->out.bInterleaved || pSession->nState != STATE_PLAYING)
+        return 0;
+    auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq);
+    while (p && !(p->nFlags & DB_MEDIA))
+        p = NextBlock(p);
+    return p && p->nTimestamp == pSession->play.nPlayPos;
+}
+
 int PaceKeepsAll(const Session *pSession)
 {
     Pace pace = PaceOf(pSession);
@@ -69,19 +126,9 @@ int PaceKeepsAll(const Session *pSession)
     return !pHead || (pace.bPaused && PaceHoldsBack(&pace, pHead));
 }
 
-int PaceMayTakeStart(const Session *pSession)
-{
-    const SessionFlow *pFlow = &pSession->flow;
-    return pFlow->nStartBlocks > 0 && pFlow->nAfterStart <= pFlow->nStartBytes &&
-           ListCount(&pSession->out.Outq) < pFlow->nStartBlocks + kGiveUpAbove / 2 &&
-           ClockMs() - pSession->play.nPlayClock < pSession->pProg->cache.nCacheLimit;
-}
-
-void PaceStart(Session *pSession, uint32_t nBlocks, uint32_t nBytes)
+void PaceStart(Session *pSession, uint32_t nBlocks)
 {
     pSession->flow.nStartBlocks = nBlocks;
-    pSession->flow.nStartBytes = nBytes;
-    pSession->flow.nAfterStart = 0;
     pSession->flow.nCatchUpMs = 0;
     pSession->flow.nCatchUpClock = ClockMs();
 }
@@ -89,7 +136,8 @@ void PaceStart(Session *pSession, uint32_t nBlocks, uint32_t nBytes)
 void PaceRaise(Session *pSession, uint32_t nNow)
 {
     SessionFlow *pFlow = &pSession->flow;
-    pFlow->nCatchUpMs += kCatchUpSpeed * std::min(nNow - pFlow->nCatchUpClock, kCatchUpStepMs);
+    if (pFlow->nRoom > 0)
+        pFlow->nCatchUpMs += kCatchUpSpeed * std::min(nNow - pFlow->nCatchUpClock, kCatchUpStepMs);
     pFlow->nCatchUpClock = nNow;
 }
 

@@ -1,8 +1,11 @@
 #include "server/media/questions.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "runtime/clock.h"
+#include "server/core/program.h"
+#include "server/core/settings.h"
 #include "server/media/outqueue.h"
 
 namespace orx {
@@ -53,6 +56,77 @@ static void Note(SessionQuestions *pQuestions, const Waiting *pWaiting)
     pQuestions->asked[pQuestions->nOpen++] = ClockMs();
 }
 
+int PusherKnows(const Program *pProg)
+{
+    if (!g_settings.bStandardPushers || pProg->desc.nDataTrack >= 0)
+        return 1;
+    return pProg->pPusher && pProg->asked.nKnower == pProg->pPusher->nHandle;
+}
+
+void PusherShows(const Session *pSession)
+{
+    if (FeedsProgram(pSession))
+        pSession->pProg->asked.nKnower = pSession->nHandle;
+}
+
+static void ForgetAt(PusherQuestions *pAsked, uint32_t i)
+{
+    pAsked->nOpen--;
+    std::copy(pAsked->open + i + 1, pAsked->open + pAsked->nOpen + 1, pAsked->open + i);
+}
+
+// The list of a pusher, without what nobody waits for any more.
+static PusherQuestions *QuestionsOf(const Session *pPusher)
+{
+    PusherQuestions *pAsked = &pPusher->pProg->asked;
+    if (pAsked->nPusher != pPusher->nHandle)
+        pAsked->nOpen = 0;
+    pAsked->nPusher = pPusher->nHandle;
+    while (pAsked->nOpen && IsOver(pAsked->open[0].nAskedMs))
+        ForgetAt(pAsked, 0);
+    return pAsked;
+}
+
+void PusherAsked(const Session *pPusher, const Session *pAsker)
+{
+    if (!g_settings.bStandardPushers || !FeedsProgram(pPusher))
+        return;
+    PusherQuestions *pAsked = QuestionsOf(pPusher);
+    if (pAsked->nOpen == kMaxPusherQuestions)
+        ForgetAt(pAsked, 0);
+    PusherQuestion *pNew = &pAsked->open[pAsked->nOpen++];
+    *pNew = {pPusher->nCSeq, pAsker ? pAsker->nHandle : 0, pAsker ? pAsker->nCSeq : 0, ClockMs()};
+}
+
+Session *PusherAnswered(const Session *pPusher, const uint32_t *pCSeq, uint32_t *pAskerCSeq)
+{
+    if (!FeedsProgram(pPusher))
+        return nullptr;
+    PusherQuestions *pAsked = QuestionsOf(pPusher);
+    uint32_t i = 0;
+    while (pCSeq && i < pAsked->nOpen && pAsked->open[i].nCSeq != *pCSeq)
+        i++;
+    if (i >= pAsked->nOpen)
+        return nullptr;
+    PusherQuestion answered = pAsked->open[i];
+    ForgetAt(pAsked, i);
+    *pAskerCSeq = answered.nAskerCSeq;
+    Session *pAsker = answered.nAsker ? FindSessionByHandle(answered.nAsker) : nullptr;
+    return pAsker && pAsker->pProg == pPusher->pProg ? pAsker : nullptr;
+}
+
+void PusherResponded(const Session *pPusher, const Session *pAsker)
+{
+    if (!FeedsProgram(pPusher))
+        return;
+    PusherQuestions *pAsked = QuestionsOf(pPusher);
+    for (uint32_t i = 0; i < pAsked->nOpen; i++)
+        if (pAsked->open[i].nAsker == pAsker->nHandle) {
+            ForgetAt(pAsked, i);
+            return;
+        }
+}
+
 Asked QuestionSend(Message *pQuestion, Session *pAsker, const void *pBody, size_t nBody, size_t nMost)
 {
     Waiting waiting = CountWaiting(pQuestion->pSession, pAsker);
@@ -60,9 +134,13 @@ Asked QuestionSend(Message *pQuestion, Session *pAsker, const void *pBody, size_
     if (waiting.nCount >= kQuestionsWaiting || waiting.nBytes + nBytes > kQuestionBytesWaiting)
         return Asked::Refused;
     pQuestion->nAsker = pAsker->nHandle;
+    uint32_t nCSeq = pQuestion->pSession->nCSeq;
+    PusherAsked(pQuestion->pSession, pAsker);
     int nSent = RequestSend(pQuestion, pBody, nBody, nMost);
     if (nSent > 0)
         Note(&pAsker->questions, &waiting);
+    else
+        PusherAnswered(pQuestion->pSession, &nCSeq, &nCSeq);
     return nSent > 0 ? Asked::Sent : nSent == 0 ? Asked::Refused : Asked::PusherGone;
 }
 

@@ -25,6 +25,23 @@ enum class Asked {
 // its program.
 Asked QuestionSend(Message *pQuestion, Session *pAsker, const void *pBody, size_t nBody, size_t nMost);
 
+// [INTEROP] StandardPushers: only pushers that know requests of the server get any. They show it by a data
+// track, by "Supported: orx.sleep" in their ANNOUNCE, by RESPOND, or by PUTCAMCFG; standard encoders do none
+// of that, answer with an error, and some hang up. Without the key all are taken to know.
+int PusherKnows(const Program *pProg);
+// Notes that the session has shown it, if it feeds its program.
+void PusherShows(const Session *pSession);
+
+// Notes a request that is about to go to a pusher, numbered by its session; pAsker is null for one of the
+// server's own. Does nothing without StandardPushers.
+void PusherAsked(const Session *pPusher, const Session *pAsker);
+// Takes the question that a status line of a pusher answers: that of its number, or, where it has none (null
+// pCSeq), the oldest. Returns the asker with the number of its request; null when it has gone, when the
+// server itself had asked, and when nothing was.
+Session *PusherAnswered(const Session *pPusher, const uint32_t *pCSeq, uint32_t *pAskerCSeq);
+// A pusher has answered an asker by RESPOND: its oldest question is over.
+void PusherResponded(const Session *pPusher, const Session *pAsker);
+
 // Whether a question of the session is open; forgets those that were not answered in time.
 int QuestionIsOpen(Session *pAsker);
 

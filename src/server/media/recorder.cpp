@@ -331,6 +331,15 @@ static Opening *NewOpening(const Program *pProg, const RecordOrder *pOrder)
 
 // --- Packets ---
 
+// Whether the packet is of a track that a recording has.
+static int IsRecorded(const Program *pProg, const DataBlock *pBlock)
+{
+    const Description *pDesc = &pProg->desc;
+    int nTrack = BlockData(pBlock)[1] / 2;
+    return (pBlock->nFlags & DB_VIDEO) || !g_settings.bStandardPushers || nTrack == pDesc->nAudioTrack ||
+           nTrack == pDesc->nDataTrack;
+}
+
 // The letter by which a writer knows the kind of a packet.
 static char MediaLetter(const Program *pProg, const DataBlock *pBlock)
 {
@@ -419,6 +428,8 @@ static int MayWrite(Recorder *pRecorder, const DataBlock *pBlock)
 
 void RecorderWrite(Recorder *pRecorder, const Program *pProg, const DataBlock *pBlock)
 {
+    if (!IsRecorded(pProg, pBlock))
+        return;
     PacketJob *p = MayWrite(pRecorder, pBlock) ? NewPacket(pRecorder, pProg, pBlock) : nullptr;
     if (!p) {
         BeginHole(pRecorder);
@@ -464,6 +475,8 @@ Recorder *RecorderNew(const Program *pProg, const RecordOrder *pOrder, uint32_t 
     p->nPreRecord = nPreRecord;
     for (const DataBlock *pBlock = FindPreRecordStart(pProg, nPreRecord); pBlock;
          pBlock = NextBlock(pBlock)) {
+        if (!IsRecorded(pProg, pBlock))
+            continue;
         PacketJob *pPacket = NewPacket(pRecorder, pProg, pBlock);
         if (!pPacket)
             break;

@@ -3,6 +3,7 @@
 #include <iterator>
 
 #include "base/httpdate.h"
+#include "server/core/settings.h"
 #include "server/media/send.h"
 
 namespace orx {
@@ -23,6 +24,7 @@ static constexpr StatusRow g_statuses[] = {
     {STATUS_BAD_REQUEST, HEAD_BOTH, "RTSP/1.0 400 Bad Request"},
     {STATUS_NO_SDP, HEAD_BOTH, "RTSP/1.0 400 Bad Request(no SDP)"},
     {STATUS_NO_TRACK, HEAD_BOTH, "RTSP/1.0 400 Bad Request(invalid trackID in SETUP)"},
+    {STATUS_SAME_CONTROL, HEAD_BOTH, "RTSP/1.0 400 Bad Request(two sections have the same control)"},
     {STATUS_NO_CSEQ, HEAD_SERVER, "RTSP/1.0 400 Bad Request(no CSeq)"},
     {STATUS_NO_CAMCONTROL, HEAD_BOTH, "RTSP/1.0 400 Bad Request(no CAMCONTROL yet)"},
     {STATUS_NO_PUTVOICE, HEAD_BOTH, "RTSP/1.0 400 Bad Request(no PUTVOICE yet)"},
@@ -37,12 +39,15 @@ static constexpr StatusRow g_statuses[] = {
     {STATUS_FORBIDDEN, HEAD_CSEQ, "RTSP/1.0 403 Forbidden"},
     {STATUS_NOT_FOUND, HEAD_BOTH, "RTSP/1.0 404 Not Found"},
     {STATUS_NOT_ALLOWED, HEAD_BOTH, "RTSP/1.0 405 Method Not Allowed"},
+    {STATUS_NO_SESSION, HEAD_BOTH, "RTSP/1.0 454 Session Not Found"},
     {STATUS_WRONG_STATE, HEAD_BOTH, "RTSP/1.0 455 Method Not Valid in This State"},
     {STATUS_OTHER_TRANSPORT, HEAD_BOTH, "RTSP/1.0 461 Unsupported Transport"},
     {STATUS_NO_TRANSPORT, HEAD_BOTH, "RTSP/1.0 500 Internal error"},
     {STATUS_NOT_IMPLEMENTED, HEAD_SERVER, "RTSP/1.0 500 Not implemented"},
     {STATUS_FAILED, HEAD_BOTH, "RTSP/1.0 501 Internal error"},
+    {STATUS_NO_COMMANDS, HEAD_BOTH, "RTSP/1.0 501 Not Implemented(the pusher takes no requests)"},
     {STATUS_DUPLICATE, HEAD_BOTH, "RTSP/1.0 502 Duplicate"},
+    {STATUS_NO_OPTION, HEAD_BOTH, "RTSP/1.0 551 Option not supported"},
     {STATUS_CAMCFG, HEAD_BOTH, "RTSP/1.0 650 Get camera config OK"},
     {STATUS_NO_CAMCFG, HEAD_BOTH, "RTSP/1.0 651 Get camera config failed"},
     {HTTP_OK, HEAD_SERVER, "HTTP/1.1 200 OK"},
@@ -60,30 +65,42 @@ static constexpr int RowsStandInOrder()
 }
 static_assert(RowsStandInOrder(), "a status is its row's index");
 
-static void AddHead(Message *pMessage, StatusHead eHead, uint32_t nCSeq)
+// Standard players take no reply without the number of their request.
+static unsigned HeadOf(Status eStatus)
 {
-    if (eHead & HEAD_SERVER)
+    unsigned nHead = g_statuses[eStatus].eHead;
+    return eStatus == STATUS_NOT_IMPLEMENTED && g_settings.bStandardPlayers ? unsigned{HEAD_BOTH} : nHead;
+}
+
+static void AddHead(Message *pMessage, unsigned nHead, uint32_t nCSeq)
+{
+    if (nHead & HEAD_SERVER)
         TextAdd(&pMessage->text, "Server: Orx/2.3.1.2\r\n");
-    if (eHead & HEAD_CSEQ)
-        TextAdd(&pMessage->text, "CSeq: %d\r\n", static_cast<int>(nCSeq));
+    if (nHead & HEAD_CSEQ)
+        TextAdd(&pMessage->text, g_settings.bStandardPlayers ? "CSeq: %u\r\n" : "CSeq: %d\r\n", nCSeq);
 }
 
 void ReplyBeginNumbered(Message *pReply, Status eStatus, uint32_t nCSeq)
 {
     TextAdd(&pReply->text, "%s\r\n", g_statuses[eStatus].szLine);
-    AddHead(pReply, g_statuses[eStatus].eHead, nCSeq);
+    AddHead(pReply, HeadOf(eStatus), nCSeq);
 }
 
 void ReplyBegin(Message *pReply, Status eStatus)
 {
-    int bNumbered = g_statuses[eStatus].eHead & HEAD_CSEQ;
-    ReplyBeginNumbered(pReply, eStatus, bNumbered ? pReply->pSession->nCSeq++ : 0);
+    ReplyBeginNumbered(pReply, eStatus, HeadOf(eStatus) & HEAD_CSEQ ? pReply->pSession->nCSeq++ : 0);
 }
 
 void ReplyBeginText(Message *pReply, const char *szStatus)
 {
     TextAdd(&pReply->text, "RTSP/1.0 %s \r\n", szStatus);
     AddHead(pReply, HEAD_BOTH, pReply->pSession->nCSeq++);
+}
+
+void ReplyBeginStatus(Message *pReply, int nStatus, const char *szReason, uint32_t nCSeq)
+{
+    TextAdd(&pReply->text, "RTSP/1.0 %d %s\r\n", nStatus, szReason);
+    AddHead(pReply, HEAD_BOTH, nCSeq);
 }
 
 void RequestBegin(Message *pRequest, const char *szMethod)
@@ -116,13 +133,16 @@ void MessageNoCache(Message *pMessage)
 
 void MessageSession(Message *pMessage)
 {
-    TextAdd(&pMessage->text, "Session: %p\r\n", SessionPrintHandle(pMessage->pSession));
+    TextAdd(&pMessage->text, "Session: %p", SessionPrintHandle(pMessage->pSession));
+    if (g_settings.bStandardPlayers)  // no blank: some read the time only so
+        TextAdd(&pMessage->text, ";timeout=%u", kSessionSeconds);
+    TextAdd(&pMessage->text, "\r\n");
 }
 
 void MessageDate(Message *pMessage)
 {
     char szDate[kHttpDateSize];
-    FormatHttpDate(szDate);
+    FormatHttpDate(szDate, g_settings.bStandardPlayers ? DateForm::Rfc1123 : DateForm::MonthFirst);
     TextAdd(&pMessage->text, "Date: %s\r\n", szDate);
 }
 
@@ -163,6 +183,12 @@ Verdict ReplyDated(Session *pSession, Port *pPort, Status eStatus)
     MessageNoCache(&reply);
     MessageDate(&reply);
     return MessageSend(&reply);
+}
+
+Verdict RefuseState(Session *pSession, Port *pPort)
+{
+    Verdict eVerdict = ReplyStatus(pSession, pPort, STATUS_WRONG_STATE);
+    return IsStandardPeer(pSession) ? eVerdict : Verdict::End;
 }
 
 Verdict ReplyShort(Session *pSession, Port *pPort, Status eStatus)

@@ -17,6 +17,7 @@ enum Status {
     STATUS_BAD_REQUEST,
     STATUS_NO_SDP,
     STATUS_NO_TRACK,
+    STATUS_SAME_CONTROL,
     STATUS_NO_CSEQ,
     STATUS_NO_CAMCONTROL,
     STATUS_NO_PUTVOICE,
@@ -31,12 +32,15 @@ enum Status {
     STATUS_FORBIDDEN,
     STATUS_NOT_FOUND,
     STATUS_NOT_ALLOWED,
+    STATUS_NO_SESSION,
     STATUS_WRONG_STATE,
     STATUS_OTHER_TRANSPORT,
     STATUS_NO_TRANSPORT,
     STATUS_NOT_IMPLEMENTED,
     STATUS_FAILED,
+    STATUS_NO_COMMANDS,
     STATUS_DUPLICATE,
+    STATUS_NO_OPTION,
     STATUS_CAMCFG,
     STATUS_NO_CAMCFG,
     HTTP_OK,
@@ -64,6 +68,8 @@ void ReplyBegin(Message *pReply, Status eStatus);
 void ReplyBeginNumbered(Message *pReply, Status eStatus, uint32_t nCSeq);
 // The same with a status text that a pusher chose.
 void ReplyBeginText(Message *pReply, const char *szStatus);
+// The same with the status and the number that are given.
+void ReplyBeginStatus(Message *pReply, int nStatus, const char *szReason, uint32_t nCSeq);
 // Begins a request to the session's peer, numbered by the session. RequestSend ends the header block, adds
 // the body and sends it, which uses the number up; it is not sent when all of it is more than nMost bytes.
 // Returns 1 when it was sent, 0 when it is too long, -1 when the peer cannot be reached: its session is to
@@ -73,6 +79,8 @@ int RequestSend(Message *pRequest, const void *pBody, size_t nBody, size_t nMost
 
 // Further lines that many replies have.
 void MessageNoCache(Message *pMessage);
+// Standard players are told after which silence they may be closed, which is sure behind twice that.
+constexpr uint32_t kSessionSeconds = 60;
 void MessageSession(Message *pMessage);
 void MessageDate(Message *pMessage);
 
@@ -95,6 +103,8 @@ inline Verdict Refuse(Session *pSession, Port *pPort, Status eStatus)
     ReplyStatus(pSession, pPort, eStatus);
     return Verdict::End;
 }
+// What does not fit the state: standard peers go on from where they are.
+Verdict RefuseState(Session *pSession, Port *pPort);
 // The same after a peer assertion that failed and was survived.
 inline Verdict RefuseFault(Session *pSession, Port *pPort)
 {

@@ -14,15 +14,18 @@
 #include "record/playline.h"
 #include "runtime/clock.h"
 #include "server/core/program.h"
+#include "server/core/settings.h"
+#include "server/media/outqueue.h"
+#include "server/media/pace.h"
+#include "server/media/rtcpread.h"
 
 namespace orx {
 
 static constexpr uint32_t kNtpOffset = 2208988800U;  // seconds from 1900 to 1970
 static constexpr uint32_t kReportPeriod = 10;        // seconds
+static constexpr uint32_t kStandardPeriod = 5;
 static constexpr size_t kSrBytes = 28;
 static constexpr size_t kMaxReport = 256;  // prefix, SR, SDES and BYE with room to spare
-
-enum : unsigned { RTCP_SR = 200, RTCP_RR = 201, RTCP_SDES = 202, RTCP_BYE = 203, RTCP_APP = 204 };
 
 // The common first word (RFC 3550, section 6.4.1); nBytes is the packet's whole size.
 static void PutHead(uint8_t *pOut, unsigned nCount, unsigned nType, size_t nBytes)
@@ -59,6 +62,14 @@ size_t RtcpMakeSDES(uint8_t *pOut, size_t nRoom, uint32_t nSsrc, const char *szC
     // text: part of this protocol, though RFC 3550 has the text's own length here
     PutBe(pOut + 9, 1, static_cast<uint32_t>(nBytes - 13));
     std::copy_n(szCname, nLen, pOut + 10);
+    return nBytes;
+}
+
+size_t RtcpMakeCname(uint8_t *pOut, size_t nRoom, uint32_t nSsrc, const char *szCname)
+{
+    size_t nBytes = RtcpMakeSDES(pOut, nRoom, nSsrc, szCname);
+    if (nBytes)
+        PutBe(pOut + 9, 1, static_cast<uint32_t>(strlen(szCname)));
     return nBytes;
 }
 
@@ -231,13 +242,26 @@ static uint32_t ReportedTime(const Session *pSession, const SessionTrack *pTrack
     return PlayStampBase(pSession) + PlayStamp(pTrack->nTimeScale, nUs);
 }
 
-// A compound report of a track for now, with the '$' prefix on an interleaved session. Returns its bytes.
-static size_t MakeReport(const Session *pSession, int nTrack, int bBye, uint8_t *pOut, size_t nRoom)
+enum class ReportKind { First, Cycle, Bye };
+
+// Of which moment a report tells. The first one to a standard player of a recording tells where it began, as
+// RTP-Info does: players that count from their first report see no step then.
+static timeval ReportedMoment(const Session *pSession, ReportKind eKind)
 {
-    const SessionTrack *pTrack = &pSession->tracks[nTrack];
+    timeval moment{};
+    gettimeofday(&moment, nullptr);
+    if (eKind == ReportKind::First && PlaysStandard(pSession))
+        moment = {static_cast<time_t>(pSession->play.nPlayWallUs / 1000000),
+                  static_cast<suseconds_t>(pSession->play.nPlayWallUs % 1000000)};
+    return moment;
+}
+
+// A compound report of a track for now, with the '$' prefix on an interleaved session. Returns its bytes.
+static size_t MakeReport(Session *pSession, int nTrack, ReportKind eKind, uint8_t *pOut, size_t nRoom)
+{
+    SessionTrack *pTrack = &pSession->tracks[nTrack];
     size_t nPrefix = pSession->out.bInterleaved ? kInterleaveBytes : 0;
-    timeval now{};
-    gettimeofday(&now, nullptr);
+    timeval now = ReportedMoment(pSession, eKind);
     uint32_t nNtpSec, nNtpFrac;
     NtpFromTime(static_cast<uint32_t>(now.tv_sec), static_cast<uint32_t>(now.tv_usec), &nNtpSec, &nNtpFrac);
     uint32_t nRtpTime = ReportedTime(pSession, pTrack, &now);
@@ -246,29 +270,51 @@ static size_t MakeReport(const Session *pSession, int nTrack, int bBye, uint8_t 
     uint8_t *pPacket = pOut + nPrefix;
     size_t n =
         RtcpMakeSR(pPacket, pTrack->nSsrc, nNtpSec, nNtpFrac, nRtpTime, pTrack->nPackets, pTrack->nOctets);
-    n += RtcpMakeSDES(pPacket + n, nRoom - nPrefix - n, pTrack->nSsrc, szName);
-    if (bBye)
+    auto pfnMakeName = PlaysStandard(pSession) ? RtcpMakeCname : RtcpMakeSDES;
+    n += pfnMakeName(pPacket + n, nRoom - nPrefix - n, pTrack->nSsrc, szName);
+    if (eKind == ReportKind::Bye)
         n += RtcpMakeBYE(pPacket + n, nRoom - nPrefix - n, pTrack->nSsrc, "completed");
     if (nPrefix) {
         PutBe(pOut, 1, '$');
         PutBe(pOut + 1, 1, pTrack->nRtcpChannel);
         PutBe(pOut + 2, 2, static_cast<uint32_t>(n));
     }
-    RtcpDump(pPacket, n, pTrack->nTimeScale);
+    ReportNoteTold(pTrack, pPacket);
+    if (pSession->nFlags & SESSION_RTCP)
+        RtcpDump(pPacket, n, pTrack->nTimeScale);
     return n + nPrefix;
+}
+
+void ReportNoteTold(SessionTrack *pTrack, const uint8_t *pReport)
+{
+    pTrack->nToldNtp[1] = pTrack->nToldNtp[0];
+    pTrack->nToldMs[1] = pTrack->nToldMs[0];
+    pTrack->nToldNtp[0] = GetBe(pReport + 10, 4);
+    pTrack->nToldMs[0] = ClockMs();
+}
+
+int ReportsAreOwn(const Session *pPlayer, int nTrack)
+{
+    const Program *pProg = pPlayer->pProg;
+    if (PlaysStandard(pPlayer))
+        return 1;
+    if (!(pPlayer->nFlags & SESSION_RTCP))
+        return 0;
+    if (!pProg || !pProg->bLive)
+        return 1;
+    return !g_settings.bStandardPlayers && !pProg->desc.mediaInfos[nTrack].report.bPushed;
 }
 
 // Makes a track's report and sends it: over UDP at once, interleaved through the queue (behind pAfter when
 // given).
-static void SendTrackReport(Session *pSession, int nTrack, int bBye, DataBlock *pAfter)
+static void SendTrackReport(Session *pSession, int nTrack, ReportKind eKind, DataBlock *pAfter)
 {
     uint8_t report[kMaxReport];
-    size_t nLen = MakeReport(pSession, nTrack, bBye, report, sizeof(report));
+    size_t nLen = MakeReport(pSession, nTrack, eKind, report, sizeof(report));
     if (!pSession->out.bInterleaved) {
         const Port *pPort = pSession->tracks[nTrack].Control;
         if (pPort)
-            sendto(pPort->fd, report, nLen, MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&pPort->remote),
-                   sizeof(pPort->remote));
+            sendto(pPort->fd, report, nLen, MSG_NOSIGNAL, &pPort->remote.any, AddrSize(&pPort->remote));
         return;
     }
     DataBlock *pBlock = MakeDataBlock(report, nLen, 0, 0, 1);
@@ -276,8 +322,10 @@ static void SendTrackReport(Session *pSession, int nTrack, int bBye, DataBlock *
         print("MakeDataBlock() failed!\r\n");
     else if (pAfter)
         BlockListInsert(&pSession->out.Outq, pBlock, pAfter, 1);
-    else
-        BlockListAppend(&pSession->out.Outq, pBlock);
+    else  // one that waited behind media that is ahead of its time would tell of a long way to the player
+        QueueBefore(
+            pSession, pBlock,
+            eKind == ReportKind::Cycle && PlaysStandard(pSession) ? PaceFirstHeld(pSession) : nullptr);
 }
 
 // Reports count from this packet on.
@@ -294,8 +342,9 @@ static void SendFirstRtcpReport(Session *pSession, int nTrack, const uint8_t *pR
     SessionTrack *pTrack = &pSession->tracks[nTrack];
     BeginCount(pTrack, pRtp);
     pTrack->nSsrc = GetBe(pRtp + 8, 4);
-    print("SendFirstRtcpReport():\r\n");
-    SendTrackReport(pSession, nTrack, 0, pAfter);
+    if (pSession->nFlags & SESSION_RTCP)
+        print("SendFirstRtcpReport():\r\n");
+    SendTrackReport(pSession, nTrack, ReportKind::First, pAfter);
     pSession->flow.tLastReport = ClockUptime();
 }
 
@@ -307,7 +356,7 @@ void RtcpNotePacketSent(Session *pSession, int nTrack, const uint8_t *pRtp, size
     pTrack->nOctets += static_cast<uint32_t>(nLen - kRtpHeaderBytes);
     if (pTrack->nPackets++ > 0 && (pAfter->nFlags & DB_JUMP))
         BeginCount(pTrack, pRtp);
-    if (!(pSession->nFlags & SESSION_RTCP) || pTrack->bReported)
+    if (pTrack->bReported || !ReportsAreOwn(pSession, nTrack))
         return;
     pTrack->bReported = 1;
     SendFirstRtcpReport(pSession, nTrack, pRtp, pAfter);
@@ -327,17 +376,19 @@ void RtcpPlayBegins(Session *pSession)
 
 static int ReportDue(const Session *pSession)
 {
-    return ClockUptime() - pSession->flow.tLastReport >= kReportPeriod;
+    uint32_t nPeriod = PlaysStandard(pSession) ? kStandardPeriod : kReportPeriod;
+    return ClockUptime() - pSession->flow.tLastReport >= nPeriod;
 }
 
 // The reports of every track set up.
 static int SendReports(Session *pSession, int bBye)
 {
     for (int i = 0; i < pSession->out.nTracks; i++) {
-        if (!pSession->tracks[i].bSetUp)
+        if (!pSession->tracks[i].bSetUp || !(bBye || ReportsAreOwn(pSession, i)))
             continue;
-        print("SendRtcpReport():\r\n");
-        SendTrackReport(pSession, i, bBye, nullptr);
+        if (pSession->nFlags & SESSION_RTCP)
+            print("SendRtcpReport():\r\n");
+        SendTrackReport(pSession, i, bBye ? ReportKind::Bye : ReportKind::Cycle, nullptr);
     }
     pSession->flow.tLastReport = ClockUptime();
     return 1;

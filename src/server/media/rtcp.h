@@ -13,7 +13,9 @@ namespace orx {
 size_t RtcpMakeSR(uint8_t *pOut, uint32_t nSsrc, uint32_t nNtpSec, uint32_t nNtpFrac, uint32_t nRtpTime,
                   uint32_t nPackets, uint32_t nOctets);  // 28 bytes
 size_t RtcpMakeSDES(uint8_t *pOut, size_t nRoom, uint32_t nSsrc,
-                    const char *szCname);                            // 0 when there is no room
+                    const char *szCname);  // 0 when there is no room
+// The same for standard peers, whose item has the text's own length (RFC 3550, section 6.5).
+size_t RtcpMakeCname(uint8_t *pOut, size_t nRoom, uint32_t nSsrc, const char *szCname);
 size_t RtcpMakeRR(uint8_t *pOut, uint32_t nSsrc, unsigned nBlocks);  // 8 bytes; blocks follow
 struct RtcpBlock {
     uint32_t nSsrc;
@@ -46,13 +48,27 @@ void RtcpNotePacketSent(Session *pSession, int nTrack, const uint8_t *pRtp, size
 // no more.
 void RtcpPlayBegins(Session *pSession);
 
-// The report cycle, at most every 10 seconds. Returns 1 when reports were made, else 0. Over TCP the reports
-// are queued, not sent.
+// Whether sender reports are made for the session at all: with EnableRtcp, and for standard players of
+// recordings.
+inline int RtcpMakesReports(const Session *pSession)
+{
+    return (pSession->nFlags & SESSION_RTCP) || PlaysStandard(pSession);
+}
+
+// The report cycle, at most every 10 seconds, for standard players of recordings every 5. Returns 1 when
+// reports were made, else 0. Over TCP the reports are queued, not sent.
 int SendRtcpReport(Session *pSession);
 
 // The last words to a player whose recording has ended: a report with BYE "completed" for every track; at
 // once to a standard player, else when the last report is at least 10 seconds old. Returns 1 when it was
 // made, else 0.
 int SendRtcpBye(Session *pSession);
+
+// Whether the sender reports of a player's track are its own: of recordings; and of live tracks
+// with EnableRtcp, when neither their pusher sends any nor the player is a standard one.
+int ReportsAreOwn(const Session *pPlayer, int nTrack);
+
+// A sender report was passed on to a player of the track: its receiver report will name it.
+void ReportNoteTold(SessionTrack *pTrack, const uint8_t *pReport);
 
 }  // namespace orx

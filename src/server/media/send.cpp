@@ -15,6 +15,7 @@
 
 namespace orx {
 
+static constexpr int32_t kStuckMs = 30000;
 static constexpr uint32_t kDelayedSendMs = 200;  // a socket that was full has room again after a round trip
 
 // The connection for replies and interleaved media, or the media socket of the block's track. Null when a
@@ -32,12 +33,13 @@ static inline Port *ChoosePort(const Session *pSession, const DataBlock *pBlock)
 }
 
 // Whether the first packet of a track would leave with this block: its report has to follow right behind it.
+// Of sessions that get reports.
 static int StartsReports(const Session *pSession, const DataBlock *pBlock)
 {
-    if (!(pSession->nFlags & SESSION_RTCP) || !(pBlock->nFlags & DB_MEDIA))
+    if (!(pBlock->nFlags & DB_MEDIA))
         return 0;
     int nTrack = TrackOfBlock(pSession, pBlock);
-    return nTrack >= 0 && !pSession->tracks[nTrack].bReported;
+    return nTrack >= 0 && !pSession->tracks[nTrack].bReported && ReportsAreOwn(pSession, nTrack);
 }
 
 // Collects from the head of the queue what can leave in one call. Empty when pacing holds the head back.
@@ -45,6 +47,7 @@ static int StartsReports(const Session *pSession, const DataBlock *pBlock)
 static int Gather(const Session *pSession, Port *pGiven, const Pace *pPace, Batch *pBatch)
 {
     Pace pace = *pPace;
+    int bReports = RtcpMakesReports(pSession);
     pBatch->nBlocks = 0;
     for (auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq); p && pBatch->nBlocks < kMaxGather;
          p = NextBlock(p)) {
@@ -58,7 +61,7 @@ static int Gather(const Session *pSession, Port *pGiven, const Pace *pPace, Batc
         pBatch->pPort = pPort;
         pBatch->blocks[pBatch->nBlocks++] = p;
         PaceAdvance(&pace, p);
-        if (StartsReports(pSession, p))
+        if (bReports && StartsReports(pSession, p))
             break;
     }
     return 1;
@@ -99,27 +102,86 @@ static int OnSessionDelaySendTimer(Task *pTask, uint32_t, uint32_t, uint32_t)
     return kDelayedSendMs;
 }
 
-// The socket takes no more. A call that comes again by itself only counts, any other is repeated by a timer.
-static void OnBlocked(Session *pSession, const Port *pPort, int bPush)
+// A send that comes again by itself only counts.
+static void CountBlocked(Session *pSession, const Port *pPort)
 {
     SessionFlow *pFlow = &pSession->flow;
-    if (bPush) {
-        if (!g_settings.bAutoDrop || !pSession->pProg || !pSession->pProg->bLive)
-            return;
-        if (pFlow->nBlockedSends + 1 == kBlockedSends && PaceMayTakeStart(pSession))
-            return;
-        if (++pFlow->nBlockedSends != kBlockedSends)
-            return;
-        pFlow->nStartBlocks = 0;
-        QueueDropCrowded(pSession);
-        print("SendDataEx(socket=0x%x) blocked count=%u!\r\n", pPort->fd, pFlow->nBlockedSends);
+    if (!g_settings.bAutoDrop || !pSession->pProg || !pSession->pProg->bLive || g_settings.bStandardPlayers)
         return;
+    if (++pFlow->nBlockedSends != kBlockedSends)
+        return;
+    QueueDropCrowded(pSession);
+    print("SendDataEx(socket=0x%x) blocked count=%u!\r\n", pPort->fd, pFlow->nBlockedSends);
+}
+
+// Whether a live player's socket has taken nothing for so long that nobody is expected to read from it again.
+static int IsStuck(Session *pSession)
+{
+    SessionFlow *pFlow = &pSession->flow;
+    if (!QueueKeepsGroups(pSession))
+        return 0;
+    if (!pFlow->bBlocked)
+        pFlow->nBlockedClock = ClockMs();
+    pFlow->bBlocked = 1;
+    pFlow->nTriedClock = ClockMs();
+    if (ClockDiff(ClockMs(), pFlow->nBlockedClock) < kStuckMs)
+        return 0;
+    QueueTell(pSession, "took nothing for 30 seconds and is closed");
+    return 1;
+}
+
+// The socket takes no more. A call that does not come again by itself is repeated by a timer. Returns 1, or 0
+// when the session is to be ended.
+static int OnBlocked(Session *pSession, const Port *pPort, int bPush)
+{
+    if (IsStuck(pSession))
+        return 0;
+    if (bPush) {
+        CountBlocked(pSession, pPort);
+        return 1;
     }
     if (pSession->nFlags & (SESSION_FILE_SENDER | SESSION_DELAYED_SEND))
-        return;
+        return 1;
     pSession->nFlags |= SESSION_DELAYED_SEND;
-    pFlow->fdBlocked = pPort->fd;
+    pSession->flow.fdBlocked = pPort->fd;
     SessionSchedule(pSession, OnSessionDelaySendTimer, kDelayedSendMs);
+    return 1;
+}
+
+// Whether datagrams of a live program wait for their time or for room.
+static int HoldsDatagrams(const Session *pSession)
+{
+    return pSession->flow.nStartBlocks > 0 ||
+           (PaceCountsBytes(pSession) && pSession->nState == STATE_PLAYING &&
+            ListCount(&pSession->out.Outq) > 0);
+}
+
+static int OnCatchUpTimer(Task *pTask, uint32_t, uint32_t nNow, uint32_t)
+{
+    Session *pSession = SessionOfTask(pTask);
+    if (!pSession)
+        return -1;
+    PaceRaise(pSession, nNow);
+    if (!SendDataEx(pSession, nullptr, 1)) {
+        SessionCloseReplyPort(pSession);
+        return -1;
+    }
+    if (HoldsDatagrams(pSession))
+        return kCatchUpStepMs;
+    pSession->nFlags &= ~SESSION_CATCHES_UP;
+    return -1;
+}
+
+// Starts the timer that lets what a live program's pace holds back leave, unless it runs. A recording has its
+// own.
+static void CatchUp(Session *pSession)
+{
+    int bLive = pSession->pProg && pSession->pProg->bLive;
+    if (pSession->out.bInterleaved || !bLive || (pSession->nFlags & SESSION_CATCHES_UP) ||
+        !HoldsDatagrams(pSession))
+        return;
+    pSession->nFlags |= SESSION_CATCHES_UP;
+    SessionSchedule(pSession, OnCatchUpTimer, kCatchUpStepMs);
 }
 
 // Writes the batch and accounts for what left. Results of WireWrite.
@@ -127,10 +189,18 @@ static int WriteBatch(Session *pSession, Batch *pBatch)
 {
     int nLeft = 0;
     int nResult = WireWrite(pBatch, &nLeft);
-    if (nResult > 0)
-        pSession->flow.nBlockedSends = 0;
-    for (int i = 0; i < nLeft && i < pBatch->nBlocks; i++)
-        BlockDone(pSession, pBatch->blocks[i]);
+    SessionFlow *pFlow = &pSession->flow;
+    if (nResult > 0) {
+        pFlow->nBlockedSends = 0;
+        pFlow->bBlocked = 0;
+    }
+    int bCounts = pBatch->pPort->nType == PORT_UDP && PaceCountsBytes(pSession);
+    for (int i = 0; i < nLeft && i < pBatch->nBlocks; i++) {
+        DataBlock *pBlock = pBatch->blocks[i];
+        if (bCounts)
+            pFlow->nRoom -= pBlock->len;
+        BlockDone(pSession, pBlock);
+    }
     return nResult;
 }
 
@@ -144,70 +214,43 @@ static int Refill(Session *pSession)
 int SendDataEx(Session *pSession, Port *pPort, int bPush)
 {
     Batch batch;
-    Pace pace = PaceOf(pSession);
+    Pace pace = PaceTake(pSession);
     for (;;) {
         if (ListCount(&pSession->out.Outq) == 0 && !(pace.bPaced && Refill(pSession))) {
             pSession->flow.nStartBlocks = 0;
             return 1;
         }
         if (pace.bPaced)
-            pace.nSent = pSession->play.nPlayPos - pace.nStart;
+            PaceGoOn(&pace, pSession);
         if (!Gather(pSession, pPort, &pace, &batch))
             return 0;
-        if (batch.nBlocks == 0)
+        if (batch.nBlocks == 0) {
+            CatchUp(pSession);
             return 1;
+        }
         int nResult = WriteBatch(pSession, &batch);
         if (nResult < 0) {
             print("SendDataEx(socket=0x%x) failed(errcode=%d)!\r\n", batch.pPort->fd, errno);
             return 0;
         }
-        if (nResult == 0) {
-            OnBlocked(pSession, batch.pPort, bPush);
-            return 1;
-        }
+        if (nResult == 0)
+            return OnBlocked(pSession, batch.pPort, bPush);
     }
 }
 
-static int OnCatchUpTimer(Task *pTask, uint32_t, uint32_t nNow, uint32_t)
-{
-    Session *pSession = SessionOfTask(pTask);
-    if (!pSession)
-        return -1;
-    PaceRaise(pSession, nNow);
-    if (!SendDataEx(pSession, nullptr, 1)) {
-        SessionCloseReplyPort(pSession);
-        return -1;
-    }
-    if (pSession->flow.nStartBlocks > 0)
-        return kCatchUpStepMs;
-    pSession->nFlags &= ~SESSION_CATCHES_UP;
-    return -1;
-}
-
-// Starts the timer that lets a start over UDP leave, unless it runs.
-static void CatchUp(Session *pSession)
-{
-    if (pSession->flow.nStartBlocks == 0 || pSession->out.bInterleaved ||
-        (pSession->nFlags & SESSION_CATCHES_UP))
-        return;
-    pSession->nFlags |= SESSION_CATCHES_UP;
-    SessionSchedule(pSession, OnCatchUpTimer, kCatchUpStepMs);
-}
-
-void SendStartBurst(Session *pSession, uint32_t nBlocks, uint32_t nBytes)
+void SendStartBurst(Session *pSession, uint32_t nBlocks)
 {
     if (!g_settings.bStandardPlayers)
         return;
-    PaceStart(pSession, nBlocks, nBytes);
+    PaceStart(pSession, nBlocks);
     CatchUp(pSession);
 }
 
-void SendStartMore(Session *pSession, uint32_t nBlocks, uint32_t nBytes)
+void SendStartMore(Session *pSession, uint32_t nBlocks)
 {
     if (!g_settings.bStandardPlayers)
         return;
     pSession->flow.nStartBlocks += nBlocks;
-    pSession->flow.nStartBytes += nBytes;
     CatchUp(pSession);
 }
 

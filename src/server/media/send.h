@@ -16,10 +16,10 @@ int SendDataEx(Session *pSession, Port *pPort, int bPush);
 
 // Tells how much media a start from the cache has put into the queue. With [INTEROP] StandardPlayers it gets
 // the time that a player needs to take it: over UDP it leaves at four times real time, over TCP it may wait
-// for a while (PaceMayTakeStart) without counting as a blocked connection.
-void SendStartBurst(Session *pSession, uint32_t nBlocks, uint32_t nBytes);
+// without counting against the bounds of the queue.
+void SendStartBurst(Session *pSession, uint32_t nBlocks);
 // The same of what the start has put behind that since.
-void SendStartMore(Session *pSession, uint32_t nBlocks, uint32_t nBytes);
+void SendStartMore(Session *pSession, uint32_t nBlocks);
 
 // Queues a text and sends. A reply is put before the packets of a recording that are not yet due. Result of
 // SendDataEx; 0 as well for a peer that lets more than a thousand such texts wait.

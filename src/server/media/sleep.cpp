@@ -3,6 +3,7 @@
 #include "base/console.h"
 #include "runtime/clock.h"
 #include "server/core/settings.h"
+#include "server/media/questions.h"
 #include "server/media/recordcontrol.h"
 #include "server/media/replies.h"
 
@@ -15,6 +16,7 @@ static int Tell(Session *pPusher, const char *szMethod)
 {
     Message request(pPusher, nullptr);
     RequestBegin(&request, szMethod);
+    PusherAsked(pPusher, nullptr);
     return RequestSend(&request, nullptr, 0, sizeof(request.sz)) > 0;
 }
 
@@ -32,7 +34,7 @@ static int IsIdle(Program *pProg)
 void SleepIfIdle(Session *pPusher)
 {
     Program *pProg = pPusher->pProg;
-    if (!g_settings.bLowEnergy || !pProg || !IsIdle(pProg))
+    if (!g_settings.bLowEnergy || !pProg || !PusherKnows(pProg) || !IsIdle(pProg))
         return;
     if (!Tell(pPusher, "SLEEP")) {
         SessionEnd(pPusher);

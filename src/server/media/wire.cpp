@@ -88,7 +88,7 @@ static void FillDatagrams(const Batch *pBatch, Datagrams *pOut)
         pOut->messages[m] = {};
         msghdr *pMessage = &pOut->messages[m].msg_hdr;
         pMessage->msg_name = &pBatch->pPort->remote;
-        pMessage->msg_namelen = sizeof(pBatch->pPort->remote);
+        pMessage->msg_namelen = AddrSize(&pBatch->pPort->remote);
         pMessage->msg_iov = &pOut->parts[i];
         pMessage->msg_iovlen = static_cast<size_t>(nRun);
         if (nRun > 1)

@@ -106,7 +106,7 @@ static int IsFileProgramOf(void *pPath, void *, void *pItem)
 static int IsLive(void *, void *, void *pItem)
 {
     const auto *pProg = static_cast<Program *>(pItem);
-    return pProg->bLive && pProg->pPusher;
+    return pProg->bLive && ProgramLives(pProg);
 }
 
 // The program whose accounts count for a URL.

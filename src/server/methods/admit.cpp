@@ -32,7 +32,7 @@ int ChooseReplyPort(Session *pSession, Port *pPort)
 // one whose pusher has gone.
 static int NamesProgram(const char *szPath, const Program *pProg)
 {
-    if (pProg->bLive && !pProg->pPusher)
+    if (!ProgramLives(pProg))
         return 0;
     size_t nPath = strlen(szPath);
     if (strncmp(pProg->Uri, szPath, nPath) != 0)
@@ -190,8 +190,7 @@ static Admission EnterAndCheck(Session *pSession, Port *pPort, const Request *pR
 Admission EnterProgram(Session *pSession, Port *pPort, const Request *pRequest)
 {
     if (pSession->nState != STATE_NEW) {
-        ReplyStatus(pSession, pPort, STATUS_WRONG_STATE);
-        return ENDED;
+        return RefuseState(pSession, pPort) == Verdict::Keep ? CHALLENGED : ENDED;
     }
     if (!ChooseReplyPort(pSession, pPort))
         return ENDED;

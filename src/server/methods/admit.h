@@ -28,7 +28,7 @@ inline AccountPlace AccountsAt(const Program *pFound, const char *szPath)
 
 enum Admission {
     ADMITTED,
-    CHALLENGED,  // the 401 is sent
+    CHALLENGED,  // the 401 is sent, or a 455 behind which it goes on
     REFUSED,     // the 403 is sent
     POSTPONED,   // nothing is: the answer waits
     ENDED,       // 404, 455, or a reply that could not be sent: the session is to end

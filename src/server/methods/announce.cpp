@@ -8,6 +8,8 @@
 #include "server/core/settings.h"
 #include "server/core/tracks.h"
 #include "server/media/liveprogram.h"
+#include "record/sdpreader.h"
+#include "server/media/questions.h"
 #include "server/media/replies.h"
 #include "server/media/sleep.h"
 #include "server/methods/admit.h"
@@ -60,11 +62,14 @@ static int ShowsAccount(Session *pSession, Port *pPort, const Request *pRequest,
 }
 
 // Whether who announces may take the place of a program's pusher: from the same address, or as the same user.
+// One that has gone and is waited for may have another address now.
 static int IsSamePusher(const Port *pPort, const Program *pOld, const CheckedUser *pUser)
 {
     if (g_settings.bAnnounceAuth)
         return strcmp(pOld->szAnnouncer, pUser->szUser) == 0;
-    return SockGetIp(&pPort->remote) == SockGetIp(&SessionPeerPort(pOld->pPusher)->remote);
+    if (!pOld->pPusher)
+        return 1;
+    return AddrSameHost(&pPort->remote, &SessionPeerPort(pOld->pPusher)->remote);
 }
 
 // Makes room under a path that is taken. Returns 1 when it is free now; else 0, and the refusal is sent.
@@ -74,14 +79,20 @@ static int ReplaceOldPusher(Session *pSession, Port *pPort, const char *szPath, 
     if (!pOld)
         return 1;
     Session *pPusher = pOld->pPusher;
-    if (IsSamePusher(pPort, pOld, pUser)) {
-        print("The same pusher Announce again, Destroy the old program.\r\n");
+    int bSame = IsSamePusher(pPort, pOld, pUser);
+    if (!pPusher && bSame)  // it waits for this one
+        return 1;
+    if (bSame) {
+        print("The same pusher Announce again, %s.\r\n",
+              g_settings.bStandardPushers && g_settings.nHoldPlayers > 0 ? "its players wait"
+                                                                         : "Destroy the old program");
         SessionEnd(pPusher);
         return 1;
     }
-    // part of the protocol: the number is that of the pusher that stays
+    // part of the protocol but for standard peers: the number is that of the pusher that stays
     Message reply(pSession, pPort);
-    ReplyBeginNumbered(&reply, STATUS_DUPLICATE, pPusher->nCSeq++);
+    ReplyBeginNumbered(&reply, STATUS_DUPLICATE,
+                       g_settings.bStandardPlayers || !pPusher ? pSession->nCSeq++ : pPusher->nCSeq++);
     MessageNoCache(&reply);
     MessageSend(&reply);
     return 0;
@@ -110,22 +121,42 @@ static int OnLiveWatchdog(Task *pTask, uint32_t, uint32_t, uint32_t)
                                            : static_cast<int>(g_settings.nLiveTime * 1000);
 }
 
+// "Supported: orx.sleep", among other words.
+static int KnowsOurRequests(const Request *pRequest)
+{
+    static constexpr std::string_view kWord = "orx.sleep";
+    const char *p = RequestHeaderValue(pRequest, "Supported");
+    while (p && *p) {
+        size_t n = strcspn(p, ", \t");
+        if (n == kWord.size() && strncasecmp(p, kWord.data(), n) == 0)
+            return 1;
+        p += n + strspn(p + n, ", \t");
+    }
+    return 0;
+}
+
 // The session becomes the pusher of a new program.
-static Verdict StartPusher(Session *pSession, Port *pPort, Program *pProg)
+static Verdict StartPusher(Session *pSession, Port *pPort, Program *pProg, const Request *pRequest)
 {
     char remote[kAddrTextSize];
     SockAddrToString(&pPort->remote, remote);
+    int bReturns = pProg->hold.nNumber != 0;
+    const char *szWhat = bReturns ? "ResumeLiveProgram" : "CreateLiveProgram";
     pProg->pPusher = pSession;
-    ProgramAttach(pSession, pProg);
-    print("CreateLiveProgram(Uri=%s), pointer=0x%x, Remote=%s.\r\n", pProg->Uri, ProgramPrintId(pProg),
-          remote);
-    log("CreateLiveProgram(Uri=%s), pointer=0x%x, Remote=%s", pProg->Uri, ProgramPrintId(pProg), remote);
+    if (bReturns)
+        ProgramReturn(pSession, pProg);
+    else
+        ProgramAttach(pSession, pProg);
+    print("%s(Uri=%s), pointer=0x%x, Remote=%s.\r\n", szWhat, pProg->Uri, ProgramPrintId(pProg), remote);
+    log("%s(Uri=%s), pointer=0x%x, Remote=%s", szWhat, pProg->Uri, ProgramPrintId(pProg), remote);
     pSession->nFlags |= SESSION_PUSHER;
+    if (KnowsOurRequests(pRequest))
+        PusherShows(pSession);
     SessionSchedule(pSession, OnLiveWatchdog, g_settings.nLiveTime * 1000);
     pSession->nState = STATE_DESCRIBED;
     SessionCopyTracks(pSession, pProg);
     Verdict eVerdict = ReplyDated(pSession, pPort, STATUS_OK);
-    if (eVerdict == Verdict::Keep)
+    if (eVerdict == Verdict::Keep && !bReturns)
         ProgramCallHook(pProg, remote, 1);
     return eVerdict;
 }
@@ -139,7 +170,7 @@ static int HasDescription(const Request *pRequest)
 Verdict HandleAnnounce(Session *pSession, Port *pPort, Request *pRequest)
 {
     if (pSession->nState != STATE_NEW) {
-        return Refuse(pSession, pPort, STATUS_WRONG_STATE);
+        return RefuseState(pSession, pPort);
     }
     if (!ChooseReplyPort(pSession, pPort))
         return Verdict::End;
@@ -153,6 +184,8 @@ Verdict HandleAnnounce(Session *pSession, Port *pPort, Request *pRequest)
         return eRefusal;
     if (!HasDescription(pRequest))
         return Refuse(pSession, pPort, STATUS_NO_SDP);
+    if (g_settings.bStandardPushers && SdpControlsClash(pRequest->pBody))
+        return Refuse(pSession, pPort, STATUS_SAME_CONTROL);
     // a challenged DESCRIBE may have left a program here, whose players are about to end with it
     ProgramDetach(pSession);
     const char *szPath = RequestPath(pRequest);
@@ -162,7 +195,7 @@ Verdict HandleAnnounce(Session *pSession, Port *pPort, Request *pRequest)
     if (!pProg)
         return Refuse(pSession, pPort, STATUS_FAILED);
     TextCopy(pProg->szAnnouncer, sizeof(pProg->szAnnouncer), user.szUser);
-    return StartPusher(pSession, pPort, pProg);
+    return StartPusher(pSession, pPort, pProg, pRequest);
 }
 
 }  // namespace orx

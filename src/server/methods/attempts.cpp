@@ -19,14 +19,14 @@ struct WrongOne {
 };
 
 struct Attempts {
-    uint32_t nIp = 0;
+    uint64_t nIp = 0;
     int nTimes = 0;                  // 0: a free place
     WrongOne times[kMaxTimes] = {};  // the oldest first
 };
 
 static Attempts g_attempts[kMaxAddresses];  // scheduler thread only
 
-static Attempts *Find(uint32_t nIp)
+static Attempts *Find(uint64_t nIp)
 {
     for (Attempts &entry : g_attempts)
         if (entry.nTimes && entry.nIp == nIp)
@@ -40,7 +40,7 @@ static uint32_t LastTime(const Attempts *pEntry)
 }
 
 // A place for a further address: a free one, else that of who has been quiet for longest.
-static Attempts *TakePlace(uint32_t nIp)
+static Attempts *TakePlace(uint64_t nIp)
 {
     Attempts *pPlace = &g_attempts[0];
     for (Attempts &entry : g_attempts) {
@@ -56,7 +56,7 @@ static Attempts *TakePlace(uint32_t nIp)
     return pPlace;
 }
 
-void AttemptsNoteWrong(uint32_t nIp, uint32_t nSecret)
+void AttemptsNoteWrong(uint64_t nIp, uint32_t nSecret)
 {
     Attempts *pEntry = Find(nIp);
     if (!pEntry)
@@ -66,7 +66,7 @@ void AttemptsNoteWrong(uint32_t nIp, uint32_t nSecret)
     pEntry->times[pEntry->nTimes++] = {ClockMs(), nSecret};
 }
 
-void AttemptsForget(uint32_t nIp, uint32_t nSecret)
+void AttemptsForget(uint64_t nIp, uint32_t nSecret)
 {
     Attempts *pEntry = Find(nIp);
     if (!pEntry)
@@ -76,7 +76,7 @@ void AttemptsForget(uint32_t nIp, uint32_t nSecret)
     pEntry->nTimes = static_cast<int>(pEnd - pEntry->times);
 }
 
-uint32_t AttemptsDelay(uint32_t nIp)
+uint32_t AttemptsDelay(uint64_t nIp)
 {
     const Attempts *pEntry = Find(nIp);
     if (!pEntry)

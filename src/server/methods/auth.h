@@ -20,7 +20,7 @@ enum : int { AUTH_REFUSED = -1, AUTH_STALE = -2 };
 struct AuthRequest {
     const char *szText;        // "<method>\r\nAuthorization: <value>"
     const char *szUrl;         // of the request, percent-decoded
-    uint32_t nClientIp = 0;    // host order
+    uint32_t nClientIp = 0;    // AddrCounted32
     void *pContext = nullptr;  // for the look-up
 };
 

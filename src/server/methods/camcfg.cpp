@@ -11,6 +11,7 @@
 #include "server/core/accounttable.h"
 #include "server/core/program.h"
 #include "server/core/settings.h"
+#include "server/media/questions.h"
 #include "server/media/replies.h"
 
 namespace orx {
@@ -262,6 +263,7 @@ Verdict HandlePutCamCfg(Session *pSession, Port *pPort, Request *pRequest)
     // password yet, has no say
     if (!pProg || (g_settings.bStrictRoles && !FeedsProgram(pSession)))
         return ReplyShort(pSession, pPort, STATUS_NO_PUTCAMCFG);
+    PusherShows(pSession);
     KeepCamCfg(pProg, pRequest->pBody, pRequest->nBody);
     pSession->nCSeq++;
     return Verdict::Keep;

@@ -20,13 +20,14 @@ constexpr int kMaxFailures = 3;                         // of one connection
 
 // The address that failures count for: of a relayed peer its own, so that the next one in its place does not
 // wait for it. 0: they do not count. The box itself, from where others may be served, is not slowed down.
-static uint32_t CountedIp(const Port *pPort)
+static uint64_t CountedIp(const Port *pPort)
 {
-    uint32_t nIp = SockGetIp(&pPort->remote);
-    uint32_t nPeer = BridgePeer(nIp);
+    uint64_t nIp = AddrCounted(&pPort->remote);
+    uint32_t nPeer = BridgePeer(SockGetIp(&pPort->remote));
     if (nPeer && nPeer != INADDR_LOOPBACK)
         nIp = nPeer;
-    return g_settings.nAuthFailDelay && nIp != INADDR_LOOPBACK ? nIp : 0;
+    int bOwnBox = AddrIsIpv6(&pPort->remote) ? IsOwnBox(&pPort->remote) : nIp == INADDR_LOOPBACK;
+    return g_settings.nAuthFailDelay && !bOwnBox ? nIp : 0;
 }
 
 // Stands for a password where wrong ones are counted (FNV-1a; never 0).
@@ -44,7 +45,7 @@ static uint32_t SecretOf(const char *szPassword)
 static Credential Conclude(const CredentialCheck *pCheck, Credential eResult, const char *szPassword)
 {
     Session *pSession = pCheck->pSession;
-    uint32_t nIp = CountedIp(pCheck->pPort);
+    uint64_t nIp = CountedIp(pCheck->pPort);
     if (!nIp)
         return eResult;
     uint32_t nSecret = szPassword ? SecretOf(szPassword) : 0;
@@ -70,7 +71,8 @@ static Credential Validate(const CredentialCheck *pCheck, unsigned nScheme, cons
     TextBuf text{credentials, sizeof(credentials)};
     if (!TextAdd(&text, "%s\r\nAuthorization: %s", RequestMethod(pCheck->pRequest), szValue))
         return CREDENTIAL_WRONG;
-    AuthRequest request{credentials, RequestUri(pCheck->pRequest), SockGetIp(&pCheck->pPort->remote), pScope};
+    AuthRequest request{credentials, RequestUri(pCheck->pRequest), AddrCounted32(&pCheck->pPort->remote),
+                        pScope};
     int nResult = AuthValidate(g_server.pAuth, nScheme, &request);
     if (nResult == AUTH_STALE)
         return CREDENTIAL_STALE;
@@ -149,7 +151,8 @@ unsigned CredentialScheme()
 int CredentialChallenge(const Port *pPort, unsigned nScheme, int bStale, TextBuf *pText)
 {
     char line[256];
-    return AuthChallenge(g_server.pAuth, nScheme, SockGetIp(&pPort->remote), bStale, line, sizeof(line)) &&
+    return AuthChallenge(g_server.pAuth, nScheme, AddrCounted32(&pPort->remote), bStale, line,
+                         sizeof(line)) &&
            TextAdd(pText, "%s", line);
 }
 

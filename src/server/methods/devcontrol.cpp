@@ -34,6 +34,8 @@ static Session *FindPusher(const Session *pSession)
 static Verdict Forward(Message *pMessage, Session *pSession, Port *pPort, const Request *pBody,
                        Status eRefusal)
 {
+    if (!PusherKnows(pMessage->pSession->pProg))
+        return ReplyShort(pSession, pPort, STATUS_NO_COMMANDS);
     switch (QuestionSend(pMessage, pSession, pBody->pBody, pBody->nBody, kForwardBytes)) {
         case Asked::Sent:
             return Verdict::Keep;
@@ -124,12 +126,31 @@ static Session *FindAsker(const Program *pProg, const char *szHandle)
     return nullptr;
 }
 
+static void SendAnswer(Message *pAnswer)
+{
+    if (!pAnswer->pPort || MessageSend(pAnswer) == Verdict::End)
+        SessionEnd(pAnswer->pSession);
+}
+
 static void PassAnswer(Session *pAsker, const char *szForward)
 {
     Message answer(pAsker, SessionControlPort(pAsker));
     ReplyBeginText(&answer, szForward);
-    if (!answer.pPort || MessageSend(&answer) == Verdict::End)
-        SessionEnd(pAsker);
+    SendAnswer(&answer);
+}
+
+void HandleAnswer(Session *pSession, const Request *pAnswer, const uint32_t *pCSeq)
+{
+    uint32_t nAskerCSeq = 0;
+    if (pAnswer->nStatus > 0 && pAnswer->nStatus < 200)  // the last word is still to come
+        return;
+    Session *pAsker = PusherAnswered(pSession, pCSeq, &nAskerCSeq);
+    if (!pAsker || pAnswer->nStatus == kBadAnswer)
+        return;
+    QuestionAnswered(pAsker);
+    Message answer(pAsker, SessionControlPort(pAsker));
+    ReplyBeginStatus(&answer, pAnswer->nStatus, pAnswer->szReason, nAskerCSeq);
+    SendAnswer(&answer);
 }
 
 Verdict HandleRespond(Session *pSession, Port *pPort, Request *pRequest)
@@ -138,12 +159,14 @@ Verdict HandleRespond(Session *pSession, Port *pPort, Request *pRequest)
     // question went to
     if (!pSession->pProg || (g_settings.bStrictRoles && !FeedsProgram(pSession)))
         return ReplyShort(pSession, pPort, STATUS_NO_RESPOND);
+    PusherShows(pSession);
     const char *szHandle = RequestHeaderValue(pRequest, "ClientSsId");
     const char *szForward = RequestHeaderValue(pRequest, "Forward");
     Session *pAsker =
         szHandle && szForward && IsOneLine(szForward) ? FindAsker(pSession->pProg, szHandle) : nullptr;
     if (pAsker) {
         QuestionAnswered(pAsker);
+        PusherResponded(pSession, pAsker);
         PassAnswer(pAsker, szForward);
     }
     return Verdict::Keep;

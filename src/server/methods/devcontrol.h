@@ -14,5 +14,8 @@ Verdict HandleGetCamInfo(Session *pSession, Port *pPort, Request *pRequest);
 // The pusher's answer, passed on to the session that asked: with StrictRoles from the pusher alone, to a
 // session of its program with a question open.
 Verdict HandleRespond(Session *pSession, Port *pPort, Request *pRequest);
+// A pusher's answer in the form of a status line, to the question of that number, or (null) to the oldest:
+// who asked is told the status and the reason.
+void HandleAnswer(Session *pSession, const Request *pAnswer, const uint32_t *pCSeq);
 
 }  // namespace orx

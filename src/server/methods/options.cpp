@@ -4,6 +4,7 @@
 
 #include "base/console.h"
 #include "base/printable.h"
+#include "server/core/settings.h"
 #include "server/media/replies.h"
 #include "server/methods/tunnel.h"
 
@@ -11,15 +12,43 @@ namespace orx {
 
 Verdict HandleSetParameter(Session *pSession, Port *pPort, Request *)
 {
-    return ReplyDated(pSession, pPort, STATUS_OK);
+    if (!g_settings.bStandardPlayers)
+        return ReplyDated(pSession, pPort, STATUS_OK);
+    Message reply(pSession, pPort);
+    ReplyBegin(&reply, STATUS_OK);
+    MessageNoCache(&reply);
+    if (pSession->play.nSetupCount > 0)
+        MessageSession(&reply);
+    MessageDate(&reply);
+    return MessageSend(&reply);
+}
+
+// Standard players show with either that they live.
+Verdict HandleGetParameter(Session *pSession, Port *pPort, Request *pRequest)
+{
+    return g_settings.bStandardPlayers ? HandleSetParameter(pSession, pPort, pRequest)
+                                       : HandleUnknown(pSession, pPort, pRequest);
+}
+
+// Some send nothing that is not listed here.
+static void AddPublic(TextBuf *pText)
+{
+    if (!g_settings.bStandardPlayers) {
+        TextAdd(pText, "Public: DESCRIBE, SETUP, PLAY, TEARDOWN, SET_PARAMETER, GETCAMINFO, CAMCONTROL\r\n");
+        return;
+    }
+    TextAdd(pText,
+            "Public: OPTIONS, DESCRIBE, ANNOUNCE, SETUP, PLAY, %sPAUSE, TEARDOWN, GET_PARAMETER, "
+            "SET_PARAMETER, GETCAMINFO, CAMCONTROL, PUTVOICE, QUICKPLAY, SUBSCRIBE, GETPLAYLIST, RECORDEX, "
+            "PUTCAMCFG, RESPOND, REGISTER, GETCFGDIRECT, SETCFGDIRECT, GETWIFIROUTERS\r\n",
+            g_settings.bStandardPushers ? "RECORD, " : "");
 }
 
 Verdict HandleOptions(Session *pSession, Port *pPort, Request *)
 {
     Message reply(pSession, pPort);
     ReplyBegin(&reply, STATUS_OK);
-    TextAdd(&reply.text,
-            "Public: DESCRIBE, SETUP, PLAY, TEARDOWN, SET_PARAMETER, GETCAMINFO, CAMCONTROL\r\n");
+    AddPublic(&reply.text);
     MessageNoCache(&reply);
     MessageDate(&reply);
     return MessageSend(&reply);

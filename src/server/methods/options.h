@@ -6,6 +6,7 @@
 
 namespace orx {
 
+Verdict HandleGetParameter(Session *pSession, Port *pPort, Request *pRequest);
 Verdict HandleOptions(Session *pSession, Port *pPort, Request *pRequest);
 Verdict HandleSetParameter(Session *pSession, Port *pPort, Request *pRequest);
 Verdict HandleUnknown(Session *pSession, Port *pPort, Request *pRequest);

@@ -10,12 +10,12 @@ int PeerMayAnnounce(const Port *pPort)
 {
     if (!g_server.announceFrom.bGiven)
         return 1;
-    return !(pPort->nFlags & PORT_RELAYED) && AddrListHas(&g_server.announceFrom, SockGetIp(&pPort->remote));
+    return !(pPort->nFlags & PORT_RELAYED) && AddrListHas(&g_server.announceFrom, &pPort->remote);
 }
 
 int PeerIsOwnShell(const Port *pPort)
 {
-    return IsOwnBox(SockGetIp(&pPort->remote)) && !(pPort->nFlags & PORT_HANDED_OVER);
+    return IsOwnBox(&pPort->remote) && !(pPort->nFlags & PORT_HANDED_OVER);
 }
 
 }  // namespace orx

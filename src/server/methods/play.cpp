@@ -7,9 +7,11 @@
 #include <cstring>
 
 #include "base/assertion.h"
+#include "base/bytes.h"
 #include "base/textbuf.h"
 #include "base/textnumber.h"
 #include "record/playline.h"
+#include "record/reorder.h"
 #include "runtime/clock.h"
 #include "server/core/program.h"
 #include "server/core/settings.h"
@@ -26,6 +28,10 @@ namespace orx {
 
 constexpr float kLeastSpeed = 0.5F;
 constexpr float kMostSpeed = 8;
+constexpr uint32_t kPictureStepMs = 10;  // between two looks whether a picture has left
+// The last picture of a recording begins at its duration and is shown for a while: GStreamer leaves out what
+// begins at the end that it is told, by its clock, which it corrects by some milliseconds with every report.
+constexpr uint32_t kLastPictureMs = 100;
 constexpr uint32_t kSeekTolerance = 2000;  // ms around the position that a wanted start is taken for
 
 // What a "Range" header asks for of a recording.
@@ -86,6 +92,39 @@ static void WriteTrackUrl(const MediaInfo *pInfo, const char *szUrl, TextBuf *pT
         TextAdd(pText, "%.*s/%s", static_cast<int>(nUrl), szUrl, pInfo->szControl);
 }
 
+// The first packet of a track that waits; null when none does.
+static const uint8_t *FirstPacket(const Session *pSession, int nTrack)
+{
+    uint32_t nPrefix = pSession->out.bInterleaved ? kInterleaveBytes : 0;
+    for (auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq); p; p = NextBlock(p))
+        if ((p->nFlags & DB_MEDIA) && p->sent == 0 && p->len >= nPrefix + kRtpHeaderBytes &&
+            TrackOfBlock(pSession, p) == nTrack)
+            return BlockData(p) + nPrefix;
+    return nullptr;
+}
+
+// The same line for a live program: with the number and stamp that each track begins with, or where one is
+// not known yet with none, because players measure the tracks by each other.
+static void WriteLiveInfo(const Session *pSession, const char *szUrl, TextBuf *pText)
+{
+    const uint8_t *first[kMaxTracks] = {};
+    int bKnown = 1;
+    for (int i = 0; i < pSession->out.nTracks; i++) {
+        first[i] = pSession->tracks[i].bSetUp ? FirstPacket(pSession, i) : nullptr;
+        bKnown &= first[i] || !pSession->tracks[i].bSetUp;
+    }
+    const char *szComma = "";
+    for (int i = 0; i < pSession->out.nTracks; i++) {
+        if (!pSession->tracks[i].bSetUp)
+            continue;
+        TextAdd(pText, "%surl=", szComma);
+        WriteTrackUrl(&pSession->pProg->desc.mediaInfos[i], szUrl, pText);
+        if (bKnown)
+            TextAdd(pText, ";seq=%u;rtptime=%u", GetBe(first[i] + 2, 2), GetBe(first[i] + 4, 4));
+        szComma = ",";
+    }
+}
+
 // The items of the reply's RTP-Info line: the tracks set up, with the number of their next packet if wanted.
 static void WriteRtpInfo(const Session *pSession, const char *szUrl, int bSequence, TextBuf *pText)
 {
@@ -128,7 +167,13 @@ static void AddPlayLines(Message *pReply, const Request *pRequest, int bSequence
     MessageSession(pReply);
     MessageDate(pReply);
     TextAdd(&pReply->text, "RTP-Info: ");
-    WriteRtpInfo(pReply->pSession, RequestUri(pRequest), bSequence, &pReply->text);
+    const Session *pSession = pReply->pSession;
+    // that of Content-Base, as it came: a name may hold what was escaped because it separates items here
+    const char *szUrl = g_settings.bStandardPlayers ? RequestBase(pRequest) : RequestUri(pRequest);
+    if (g_settings.bStandardPlayers && pSession->pProg->bLive && !(pSession->nFlags & SESSION_PUSHER))
+        WriteLiveInfo(pSession, szUrl, &pReply->text);
+    else
+        WriteRtpInfo(pSession, szUrl, bSequence, &pReply->text);
     TextAdd(&pReply->text, "\r\n");
 }
 
@@ -177,16 +222,30 @@ static int64_t SeekTarget(const Session *pSession, const PlayWish *pWish)
     return std::min(nStart, std::max(FileProgramDuration(pSession->pProg), 1U) - 1);
 }
 
-// Moves the recording to where it is wanted. Returns 0 while the disk searches.
+// Whether the request at hand has to wait until the player has the whole of a picture. No other one begins
+// until the request is through.
+static int WaitsForPicture(Session *pSession)
+{
+    pSession->play.bFinishes = 1;
+    int bWaits = PaceIsMidPicture(pSession);
+    if (bWaits)
+        SessionNextStep(pSession, kPictureStepMs);
+    return bWaits;
+}
+
+// Moves the recording to where it is wanted. Returns 0 while a picture leaves or the disk searches.
 static int MoveFile(Session *pSession, const PlayWish *pWish)
 {
     uint32_t nReached = 0;
     int64_t nTarget = SeekTarget(pSession, pWish);
     int nSought = 0;
+    if (nTarget >= 0 && !pSession->hold.pJob && WaitsForPicture(pSession))
+        return 0;
     if (nTarget >= 0)
         nSought = FileProgramSeek(pSession, static_cast<uint32_t>(nTarget), pWish->nScale, &nReached);
     if (nSought < 0)
         return 0;
+    pSession->play.bFinishes = 0;
     if (nSought)
         Jump(pSession, nReached, pWish->nScale);
     pSession->play.nSpeed = pWish->nSpeed;
@@ -200,8 +259,9 @@ static void AddTimes(Message *pReply, const PlayWish *pWish)
     const SessionPlay *pPlay = &pReply->pSession->play;
     auto nDuration = static_cast<int64_t>(FileProgramDuration(pReply->pSession->pProg));
     uint32_t nPos = PlayLineMedia(&pPlay->line, pPlay->nPlayPos);
-    uint32_t nEnd =
-        pWish->range.nEnd < nDuration - 1000 ? pWish->range.nEnd : static_cast<uint32_t>(nDuration);
+    uint32_t nEnd = static_cast<uint32_t>(nDuration) + (PlaysStandard(pReply->pSession) ? kLastPictureMs : 0);
+    if (pWish->range.nEnd < nDuration - 1000)
+        nEnd = pWish->range.nEnd;
     if (pPlay->line.nScale < 0)
         nEnd = pWish->range.nEnd < nPos ? pWish->range.nEnd : 0;
     TextAdd(&pReply->text, "Range: npt=%d.%03d-%d.%03d\r\n", static_cast<int>(nPos / 1000),
@@ -221,7 +281,7 @@ static void WriteFileReply(Message *pReply, const Request *pRequest, const PlayW
     AddPlayLines(pReply, pRequest, 1);
 }
 
-// Moves a recording to where the request wants it and writes the reply. Returns 0 while the disk searches.
+// Moves a recording to where the request wants it and writes the reply. Returns 0 while it has to wait.
 static int StartFile(Message *pReply, const Request *pRequest)
 {
     const PlayLine *pLine = &pReply->pSession->play.line;
@@ -307,10 +367,30 @@ static int MayPlay(const Session *pSession, const Request *pRequest)
     return pSession->nState == STATE_FINISHED || (pSession->nState == STATE_PLAYING && bChange);
 }
 
+// A PLAY that changes nothing, because it plays: some standard players show so that they live.
+static int IsKeepAlive(const Session *pSession, const Request *pRequest)
+{
+    return IsStandardPeer(pSession) && pSession->pProg && pSession->nState == STATE_PLAYING &&
+           !MayPlay(pSession, pRequest);
+}
+
+// A reply that tells nothing of the media.
+static Verdict ReplySession(Session *pSession, Port *pPort)
+{
+    Message reply(pSession, pPort);
+    ReplyBegin(&reply, STATUS_OK);
+    MessageNoCache(&reply);
+    MessageSession(&reply);
+    MessageDate(&reply);
+    return MessageSend(&reply);
+}
+
 Verdict HandlePlay(Session *pSession, Port *pPort, Request *pRequest)
 {
+    if (IsKeepAlive(pSession, pRequest))
+        return ReplySession(pSession, pPort);
     if (!MayPlay(pSession, pRequest))
-        return Refuse(pSession, pPort, STATUS_WRONG_STATE);
+        return RefuseState(pSession, pPort);
     if (IsOvertaken(pSession))
         return AnswerOvertaken(pSession, pPort, pRequest);
     pSession->play.nPlayClock = ClockMs();
@@ -340,6 +420,8 @@ Verdict HandleRecord(Session *pSession, Port *pPort, Request *pRequest)
 {
     if (g_settings.bStandardPushers && (pSession->nFlags & SESSION_PUSHER))
         return HandlePlay(pSession, pPort, pRequest);
+    if (g_settings.bStandardPushers && g_settings.bStandardPlayers)  // it is listed as served
+        return RefuseState(pSession, pPort);
     return HandleUnknown(pSession, pPort, pRequest);
 }
 
@@ -347,21 +429,33 @@ Verdict HandleRecord(Session *pSession, Port *pPort, Request *pRequest)
 Verdict HandlePause(Session *pSession, Port *pPort, Request *)
 {
     if (!PlaysStandard(pSession))
-        QueueDropAll(pSession);
+        (IsStandardPeer(pSession) ? QueueDropMedia : QueueDropAll)(pSession);
     int bFinished = g_settings.bStandardPlayers && pSession->nState == STATE_FINISHED;
     if (pSession->nState != STATE_PLAYING && !bFinished)
-        return Refuse(pSession, pPort, STATUS_WRONG_STATE);
+        return RefuseState(pSession, pPort);
+    if (WaitsForPicture(pSession))
+        return Verdict::Later;
+    pSession->play.bFinishes = 0;
     pSession->nState = STATE_PAUSED;
-    Message reply(pSession, pPort);
-    ReplyBegin(&reply, STATUS_OK);
-    MessageNoCache(&reply);
-    MessageSession(&reply);
-    MessageDate(&reply);
-    return MessageSend(&reply);
+    return ReplySession(pSession, pPort);
+}
+
+// Datagrams may be slower than the request that ends them, and the last ones wait for those before them.
+static int AwaitDatagrams(Session *pSession)
+{
+    if (!(pSession->nFlags & SESSION_PUSHER) || pSession->out.bInterleaved || !pSession->datagrams.bWatch ||
+        pSession->datagrams.bEnds)
+        return 0;
+    pSession->datagrams.bEnds = 1;
+    pSession->hold.bStep = 1;
+    pSession->hold.nDelayMs = 2 * kReorderMs;
+    return 1;
 }
 
 Verdict HandleTeardown(Session *pSession, Port *pPort, Request *)
 {
+    if (AwaitDatagrams(pSession))
+        return Verdict::Later;
     if (pSession->pProg) {
         pSession->nState = STATE_TORNDOWN;
         // so standard encoders leave every time; their players would wait for media without an end

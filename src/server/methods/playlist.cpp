@@ -75,18 +75,18 @@ static size_t WriteList(char *szList, const Account *pAccount, PictureSize scree
     TextAdd(&text, "PlayList:%4d%02d%02d-%02d%02d\r\n", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour,
             t.tm_min);
     for (const Program *pProg = FirstProgram(); pProg && text.nLen < kListFull; pProg = NextProgram(pProg)) {
-        if (pProg->bLive && pProg->pPusher)
+        if (pProg->bLive && ProgramLives(pProg))
             AddProgram(&text, pProg, pAccount, screen);
     }
     memcpy(szList + text.nLen, "\r\n", 3);
     return text.nLen + 2;
 }
 
-// Part of the protocol: numbered 1, whatever the request's number is.
+// Part of the protocol: numbered 1, whatever the request's number is; standard players look for theirs.
 static Verdict ReplyUnauthorized(Session *pSession, Port *pPort)
 {
     Message reply(pSession, pPort);
-    ReplyBeginNumbered(&reply, STATUS_UNAUTHORIZED, 1);
+    ReplyBeginNumbered(&reply, STATUS_UNAUTHORIZED, g_settings.bStandardPlayers ? pSession->nCSeq : 1);
     return MessageSend(&reply);
 }
 

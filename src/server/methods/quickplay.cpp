@@ -7,6 +7,7 @@
 #include "server/media/filesend.h"
 #include "server/media/rtcp.h"
 #include "server/media/send.h"
+#include "server/core/settings.h"
 #include "server/methods/admit.h"
 #include "server/methods/describe.h"
 #include "server/methods/setup.h"
@@ -17,10 +18,11 @@ namespace orx {
 static int EnterAllTracks(Session *pSession)
 {
     int nTracks = pSession->pProg->desc.nTrackCount;
-    if (!ORX_PEER_ASSERT(nTracks >= 1 && nTracks < 4, "session->nTrackCount>=1 && session->nTrackCount < 4"))
+    if (!g_settings.bStandardPushers &&
+        !ORX_PEER_ASSERT(nTracks >= 1 && nTracks < 4, "session->nTrackCount>=1 && session->nTrackCount < 4"))
         return 0;
     pSession->out.bInterleaved = 1;
-    for (int i = 0; i < nTracks; i++)
+    for (int i = 0; i < pSession->out.nTracks; i++)
         SessionEnterTrack(pSession, i);
     return 1;
 }

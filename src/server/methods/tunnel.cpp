@@ -33,11 +33,16 @@ Verdict ReplyMismatch(Session *pSession, Port *pPort)
     return MessageSend(&reply);
 }
 
+static int HasCookie(const Session *p, const char *szCookie)
+{
+    return p->peer.szCookie && strcasecmp(p->peer.szCookie, szCookie) == 0;
+}
+
 // The first session that waits for its other half under a name; nFlag says which half it is.
 static Session *FindWaiting(uint32_t nFlag, const char *szCookie)
 {
     for (Session *p = FirstSession(); p; p = NextSession(p))
-        if ((p->nFlags & nFlag) && p->peer.szCookie && strcasecmp(p->peer.szCookie, szCookie) == 0)
+        if ((p->nFlags & nFlag) && HasCookie(p, szCookie))
             return p;
     return nullptr;
 }
@@ -74,6 +79,31 @@ Verdict HandleTunnelGet(Session *pSession, Port *pPort, Request *pRequest)
     return MessageSend(&reply);
 }
 
+// A standard player's session whose half for requests went, or has sent as much as it announced, and may be
+// renewed from the same host.
+static Session *FindRenewed(const char *szCookie, const Port *pPost)
+{
+    constexpr uint32_t kNoPlayer = SESSION_TUNNEL_GET | SESSION_TUNNEL_POST | SESSION_PUSHER;
+    for (Session *p = FirstSession(); p; p = NextSession(p))
+        if (HasCookie(p, szCookie) && !(p->nFlags & kNoPlayer) && p->peer.Reply &&
+            p->peer.Cmd != p->peer.Reply && !p->hold.pPort &&
+            AddrSameHost(&p->peer.Reply->remote, &pPost->remote))
+            return p;
+    return nullptr;
+}
+
+// The GET half waits again; half a request on the old POST is lost with it.
+static void LeavePost(Session *pGet)
+{
+    if (pGet->peer.Cmd) {
+        AvlForget(&g_server.sessionMap, pGet->peer.Cmd->fd);
+        PortClose(pGet->peer.Cmd);
+    }
+    pGet->peer.Cmd = pGet->peer.Reply;
+    pGet->peer.Reply = nullptr;
+    pGet->input.nLen = 0;
+}
+
 // The GET session takes the POST connection over, with what that delivered behind its header: from nFrom on
 // in the POST session's buffer. Nothing happens when the two do not fit.
 static void Pair(Session *pGet, Session *pPost, Port *pPort, uint32_t nFrom)
@@ -83,8 +113,10 @@ static void Pair(Session *pGet, Session *pPost, Port *pPort, uint32_t nFrom)
         return;
     pGet->peer.Reply = pGet->peer.Cmd;
     pGet->peer.Cmd = pPort;
-    free(pGet->peer.szCookie);
-    pGet->peer.szCookie = nullptr;
+    if (!g_settings.bStandardPlayers) {
+        free(pGet->peer.szCookie);
+        pGet->peer.szCookie = nullptr;
+    }
     pGet->nFlags &= ~SESSION_TUNNEL_GET;
     pPost->peer.Cmd = nullptr;
     if (pPost->peer.Reply == pPort)  // requests were answered on it before
@@ -126,6 +158,8 @@ Verdict BindToHttpGet(Session *pSession, Port *pPort, Request *pRequest)
     pPort->nFlags |= PORT_TUNNEL_POST;
     const char *szCookie = RequestHeaderValue(pRequest, "x-sessioncookie");
     Session *pGet = szCookie ? FindWaiting(SESSION_TUNNEL_GET, szCookie) : nullptr;
+    if (!pGet && szCookie && (pGet = FindRenewed(szCookie, pPort)))
+        LeavePost(pGet);
     if (pGet)
         Pair(pGet, pSession, pPort, pSession->input.nNext);
     else if (szCookie && MayWaitForGet(pSession, pPort) && Wait(pSession, SESSION_TUNNEL_POST, szCookie)) {

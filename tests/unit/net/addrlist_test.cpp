@@ -1,9 +1,9 @@
 // Who is on a list of addresses and networks.
 #include "net/addrlist.h"
 
-#include <arpa/inet.h>
-
 #include <gtest/gtest.h>
+
+#include "runtime/sockutil.h"
 
 namespace orx {
 
@@ -11,7 +11,7 @@ TEST(AddrList, NamesAddressesAndNetworks)
 {
     static const struct {
         const char *szList, *szAddr;
-        int bHas, nLeftOut;
+        int bHas, nLeftOut, bIpv6 = 0;
     } cases[] = {
         {"192.168.0.0/16 127.0.0.1", "192.168.255.255", 1, 0},
         {"192.168.0.0/16\t127.0.0.1 ", "127.0.0.1", 1, 0},
@@ -26,11 +26,24 @@ TEST(AddrList, NamesAddressesAndNetworks)
         {"1.2.3.4/33 5.6.7.8", "5.6.7.8", 1, 1},
         {"1.2.3.4/ 1.2.3.4/-1 1.2.3.4/032 1.2.3 1.2.3.4,5.6.7.8 localhost ::1 /8", "1.2.3.4", 0, 8},
         {"1.2.3.4000000000000000000000000000000000000000000000", "1.2.3.4", 0, 1},
+        {"1.2.3.4000000000000000000000000000000000000000000000", "1.2.3.4", 0, 1, 1},
+        {"1.2.3.4/032 1.2.3.4/128", "1.2.3.4", 0, 2, 1},
+        {"::1 fe80::/10", "febf::1", 1, 0, 1},
+        {"::1 fe80::/10", "fec0::1", 0, 0, 1},
+        {"0.0.0.0/0", "::1", 0, 0, 1},
+        {"::/0", "0.0.0.1", 0, 0, 1},
+        {"::/0", "::ffff:1.2.3.4", 0, 0, 1},
+        {"1.2.3.0/24", "::ffff:1.2.3.4", 1, 0, 1},
+        {"2001:db8::5", "2001:db8::5", 1, 0, 1},
+        {"2001:db8::5/127", "2001:db8::6", 0, 0, 1},
+        {"2001:db8::/129 [::1] ::1%lo :: 1:2", "::1", 0, 4, 1},
     };
     for (const auto &c : cases) {
         AddrList list;
-        EXPECT_EQ(c.nLeftOut, AddrListParse(&list, c.szList, "Key")) << c.szList;
-        EXPECT_EQ(c.bHas, AddrListHas(&list, ntohl(inet_addr(c.szAddr)))) << c.szList << " " << c.szAddr;
+        NetAddr addr;
+        ASSERT_EQ(1, SockSetAddrEx(&addr, c.szAddr, 1, 1));
+        EXPECT_EQ(c.nLeftOut, AddrListParse(&list, c.szList, "Key", c.bIpv6)) << c.szList;
+        EXPECT_EQ(c.bHas, AddrListHas(&list, &addr)) << c.szList << " " << c.szAddr;
         EXPECT_EQ(*c.szList != '\0', list.bGiven) << c.szList;
     }
 }

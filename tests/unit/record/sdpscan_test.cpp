@@ -51,8 +51,10 @@ TEST(SdpScan, StaticPayloadTypesGetTheirLine)
         {"v=0\r\nm=audio 0 RTP/AVP 8\r\nb=AS:64\r\nm=video 0 RTP/AVP 26",
          "v=0\r\nm=audio 0 RTP/AVP 8\r\nb=AS:64\r\na=rtpmap:8 PCMA/8000\r\nm=video 0 RTP/AVP 26\r\n"
          "a=rtpmap:26 JPEG/90000\r\n"},
-        {"m=audio 0 RTP/AVP 0\na=rtpmap:0 L8/8000\nm=audio 0 RTP/AVP 3\n",
-         "m=audio 0 RTP/AVP 0\na=rtpmap:0 L8/8000\nm=audio 0 RTP/AVP 3\n"},
+        {"m=audio 0 RTP/AVP 0\na=rtpmap:0 L8/8000\nm=audio 0 RTP/AVP 20\n",
+         "m=audio 0 RTP/AVP 0\na=rtpmap:0 L8/8000\nm=audio 0 RTP/AVP 20\n"},
+        {"m=audio 0 RTP/AVP 10 1 101\na=rtpmap:101 telephone-event/8000\n",
+         "m=audio 0 RTP/AVP 10 1 101\na=rtpmap:10 L16/44100/2\r\na=rtpmap:101 telephone-event/8000\n"},
         {"m=audio\n", "m=audio\n"},
         {"none", "none"},
     };

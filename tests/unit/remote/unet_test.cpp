@@ -104,7 +104,7 @@ TEST(UnetProxy, CountsWhatEmptyPacketsTake)
     UnetProxy *pProxy = CreateUnetProxy(&caller, &host, &host.pHost->peers[3], &addr);
     ASSERT_TRUE(pProxy);
     Sock server = rtsp.Accept();
-    sockaddr_in from{};
+    NetAddr from;
     SockGetPeerName(server.fd, &from);
     EXPECT_EQ(0x7F000104U, SockGetIp(&from));
     const std::string stall = Pattern(15 << 20, 17);  // more than the sockets hold: the bridge waits for room

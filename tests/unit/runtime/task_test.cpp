@@ -201,6 +201,37 @@ TEST_F(SchedulerTest, NewTasksWakeAnIdleThread)
     EXPECT_THAT(Ran(2), ElementsAre(1, 2));
 }
 
+// Tasks that will run again: after each there is a pause, but for an exact scheduler where the next is due.
+// That one lets a task that is not yet due wait.
+TEST_F(SchedulerTest, ExactPausesEndWithWhatIsDue)
+{
+    auto *pfnLater = +[](Task *pTask, uint32_t nEarlyMs, uint32_t, uint32_t) {
+        EXPECT_LE(static_cast<int32_t>(nEarlyMs), pTask->nParam ? 1 : 10);
+        std::lock_guard<std::mutex> guard(Of(pTask)->mutex);
+        Of(pTask)->params.push_back(pTask->nParam);
+        return static_cast<int>(20 * kMinuteMs);
+    };
+    for (int bExact : {0, 1}) {
+        SchedulerSetExact(&scheduler, bExact);
+        HoldThread();
+        for (uint32_t i = 0; i < 40; i++)
+            TaskSchedule(&scheduler, pfnLater, 5 * kMinuteMs, bExact, this);
+        Jump(5 * kMinuteMs);
+        uint32_t nWaits = Guarded(&Scheduler::nWaits);
+        Let();
+        Ran(bExact ? 80 : 40);
+        WaitUntilIdle();
+        if (bExact)
+            EXPECT_LE(Guarded(&Scheduler::nWaits) - nWaits, 3U);
+        else
+            EXPECT_GE(Guarded(&Scheduler::nWaits) - nWaits, 39U);
+    }
+    uint32_t nFrom = ClockMs();
+    Add(8, 7);
+    EXPECT_EQ(7, Ran(81).back());
+    EXPECT_GE(ClockMs() - nFrom, 7U);
+}
+
 // Corks are counted, and what was added meanwhile wakes the thread once.
 TEST_F(SchedulerTest, CorkedBurstWakesOnce)
 {

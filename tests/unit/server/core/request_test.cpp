@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include "server/core/settings.h"
+
 namespace orx {
 
 struct RequestTest : testing::Test {
@@ -58,6 +60,58 @@ TEST_F(RequestTest, DecodesTheUri)
         EXPECT_EQ(1, Parse("PLAY " + longest + " RTSP/1.0\r\n\r\n"));
         EXPECT_EQ(255U, StrLen(request.uri));
         EXPECT_EQ(-1, Parse("PLAY " + longest + "u RTSP/1.0\r\n\r\n"));
+    }
+}
+
+// With StandardPlayers: the path of the program, and the URI that descriptions count from.
+TEST_F(RequestTest, TakesQueriesAndSlashesOff)
+{
+    static const struct {
+        const char *szUri, *szPath, *szBase;
+    } cases[] = {
+        {"rtsp://h/a", "/a", "rtsp://h/a"},
+        {"rtsp://h/a/b//", "/a/b", "rtsp://h/a/b"},
+        {"rtsp://h/a%20b/?x=1/", "/a b", "rtsp://h/a%20b"},
+        {"rtsp://h/a%3Fb?c", "/a?b", "rtsp://h/a%3Fb"},
+        {"*", "*", "*"},
+        {"/", "/", "/"},
+        {"?", "?", ""},
+    };
+    g_settings.bStandardPlayers = 1;
+    for (const auto &c : cases) {
+        ASSERT_EQ(1, Parse(std::string("PLAY ") + c.szUri + " RTSP/1.0\r\n\r\n")) << c.szUri;
+        EXPECT_STREQ(c.szPath, RequestPath(&request)) << c.szUri;
+        EXPECT_STREQ(c.szBase, RequestBase(&request)) << c.szUri;
+    }
+    g_settings.bStandardPlayers = 0;
+    ASSERT_EQ(1, Parse("PLAY rtsp://h/a/?b RTSP/1.0\r\n\r\n"));
+    EXPECT_STREQ("/a/?b", RequestPath(&request));
+}
+
+TEST_F(RequestTest, TakesStatusLines)
+{
+    static const struct {
+        std::string block;
+        int nStatus;
+        const char *szReason, *szCSeq;
+    } cases[] = {
+        {"RTSP/1.0 501 Not Implemented\r\n\r\n", 501, "Not Implemented", "(none)"},
+        {"RTSP/1.0 200 OK\r\nCSeq: 7\r\n\r\n", 200, "OK", "7"},
+        {"RTSP/1.0 200\r\n\r\n", 200, "", "(none)"},
+        {"RTSP/1.0 404 a\rb\r\n\r\n", 404, "a", "(none)"},
+        {"RTSP/1.0 404 " + std::string(100, 'x') + "\r\n\r\n", 404, nullptr, "(none)"},
+        {"RTSP/1.0 2000 OK\r\n\r\n", kBadAnswer, "", "(none)"},
+        {"RTSP/1.0\r\n\r\n", kBadAnswer, "", "(none)"},
+        {"RTSP/1.0 200 OK\r\nno header\r\n\r\n", kBadAnswer, "", "(none)"},
+    };
+    for (const auto &c : cases) {
+        std::vector<char> exact(c.block.begin(), c.block.end());
+        RequestReset(&request);
+        RequestParseAnswer(&request, exact.data(), exact.size());
+        EXPECT_EQ(c.nStatus, request.nStatus) << c.block;
+        EXPECT_EQ(1, request.bParsed);
+        EXPECT_EQ(c.szReason ? c.szReason : std::string(63, 'x'), request.szReason);
+        EXPECT_EQ(c.szCSeq, Header("CSeq")) << c.block;
     }
 }
 

@@ -112,4 +112,33 @@ TEST(Sdp, NumbersTracks)
     g_settings.bStandardPushers = 0;
 }
 
+TEST(Sdp, TakesWhatStandardEncodersDescribe)
+{
+    static const std::tuple<const char *, uint32_t, const char *> cases[] = {
+        {"m=application 0 RTP/AVP 107\r\na=control:meta\r\n", MEDIA_CARRIED, "107 /90000 "},
+        {"m=text 0 RTP/AVP 98\r\na=rtpmap:98 t140/1000\r\n", MEDIA_TEXT, "98 t140/1000 "},
+        {"m=audio 0 RTP/AVP 0 101\r\na=rtpmap:101 telephone-event/8000\r\na=rtpmap:0 PCMU/8000/1\r\n", MEDIA_G711,
+         "0 PCMU/8000 1x8000"},
+        {"m=audio 0 RTP/AVP 97\r\na=rtpmap:97 AAL2-G726-24/8000/1\r\n", MEDIA_AUDIO_OTHER,
+         "97 AAL2-G726-24/8000 1x8000"},
+        {"m=audio 0 RTP/AVP 97\r\na=rtpmap:97 mpeg4-generic/44100/2\r\n", MEDIA_AAC, "97 mpeg4-generic/44100 2x44100"},
+        {"m=video 0 RTP/AVP 97\r\na=rtpmap:97 hevc/90000\r\na=framesize:97 640x480\r\n", MEDIA_H265,
+         "97 H265/90000 0x0"},
+    };
+    g_settings.bStandardPushers = 1;
+    for (const auto &[szSection, nMediaType, szTold] : cases) {
+        Parsed p(std::string(kHead) + szSection + kVideo + kAudio);
+        ASSERT_EQ(3, p.nTrackCount) << szSection;
+        EXPECT_EQ(nMediaType, p.mediaInfos[0].nMediaType) << szSection;
+        EXPECT_THAT(Told(p.mediaInfos[0]), testing::StartsWith(szTold));
+        EXPECT_EQ(1, p.nVideoTrack);
+        EXPECT_EQ(-1, p.nDataTrack) << "only our own encoders have one";
+    }
+    std::string many;
+    for (int i = 0; i < 9; i++)
+        many += "m=application 0 RTP/AVP 99\r\n";
+    EXPECT_EQ(8, Parsed(kVideo + many).nTrackCount) << "no player could set up more";
+    g_settings.bStandardPushers = 0;
+}
+
 }  // namespace orx

@@ -67,6 +67,17 @@ TEST_F(SettingsTest, RefusesPathsThatItCannotKeep)
         EXPECT_EQ(0, SettingsRead(&config, path.c_str()));
 }
 
+TEST_F(SettingsTest, TakesIpv6ForStandardPlayers)
+{
+    const std::string listen = "[SERVER]\nListenIp=2001:db8::1234:56\n";
+    ASSERT_EQ(1, Read(listen));
+    EXPECT_STREQ("2001:db8::1234:", config.szListenIp) << "as many characters as ever";
+    EXPECT_EQ(0, SettingsListenIpv6(&config));
+    ASSERT_EQ(1, Read(listen + "[INTEROP]\nStandardPlayers=1\n"));
+    EXPECT_STREQ("2001:db8::1234:56", config.szListenIp);
+    EXPECT_EQ(1, SettingsListenIpv6(&config));
+}
+
 TEST_F(SettingsTest, ChecksTheUdpRange)
 {
     static const std::tuple<int, int, const char *> cases[] = {

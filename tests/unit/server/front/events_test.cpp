@@ -25,8 +25,9 @@ struct EventsTest : testing::Test {
     void SetUp() override
     {
         server.Run([&] {
-            pSession = CreateSession(CreateTcpPort(pair.fdServer));
-            pMedia = CreateUdpPort("127.0.0.1", 40000 + getpid() % 20000, "127.99.0.1", 9);
+            Port *pPort = CreateTcpPort(pair.fdServer);
+            pSession = CreateSession(pPort);
+            pMedia = CreateUdpPort(&pPort->local, 40000 + getpid() % 20000, &pPort->remote, 9);
             ASSERT_NE(nullptr, pMedia);
             AvlReplace(&g_server.sessionMap, pMedia->fd, pSession);
             pSession->tracks[0].Media = pMedia;
@@ -86,20 +87,20 @@ TEST_F(EventsTest, TakesASocketInParts)
 TEST_F(EventsTest, MediaPortsKnowTheirPeer)
 {
     for (int bPinned : {0, 1}) {
-        g_settings.bPinMedia = bPinned;
+        server.Run([&] { g_settings.bPinMedia = bPinned; });  // which events read
         for (const char *szFrom : {"127.99.0.2", "127.99.0.1"}) {
             server.Run([&] {
-                inet_pton(AF_INET, "127.99.0.1", &pMedia->remote.sin_addr);
+                inet_pton(AF_INET, "127.99.0.1", &pMedia->remote.in4.sin_addr);
                 pSession->peer.nReceived = 0;
                 SendMedia(szFrom);
                 OnRead(pMedia->fd);
                 int bTaken = !bPinned || szFrom[9] == '1';
                 EXPECT_EQ(static_cast<uint32_t>(bTaken), pSession->peer.nReceived) << szFrom;
-                EXPECT_EQ(inet_addr(bTaken ? szFrom : "127.99.0.1"), pMedia->remote.sin_addr.s_addr);
+                EXPECT_EQ(inet_addr(bTaken ? szFrom : "127.99.0.1"), pMedia->remote.in4.sin_addr.s_addr);
             });
         }
     }
-    g_settings.bPinMedia = 0;
+    server.Run([&] { g_settings.bPinMedia = 0; });
 }
 
 static int NoteSessions(Task *pTask, uint32_t, uint32_t, uint32_t)

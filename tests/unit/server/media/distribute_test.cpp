@@ -135,6 +135,33 @@ TEST_F(CacheTest, WithoutKeysWholePicturesWithinTheSpanStay)
     EXPECT_LE(ListCount(&pProg->cache.Pktq), 126U) << "sound alone is bounded, too";
 }
 
+// From encoders with long distances all since the newest key picture stays, until it is more than a cache holds.
+TEST_F(CacheTest, ALongGroupStaysWhole)
+{
+    g_settings.bStandardPushers = 1;
+    for (uint32_t nStart : {0U, 0xFFFFFFFFU - 45000}) {  // also where the clock wraps
+        nBase = nStart;
+        Push({0, 1});  // of which nothing need stay
+        PushVideo(0, 60000, 40000);
+        std::string cached = Cached(60000);
+        EXPECT_EQ(40000U, CacheLastKey(pProg)->nTimestamp - nBase);
+        EXPECT_EQ(2 * 201, std::ranges::count(cached.substr(cached.find("K40000 ")), ' '));
+        EXPECT_EQ("K0 v0 ", cached.substr(0, cached.find("K40000 ")));
+        ProgramClearCache(pProg);
+        EXPECT_EQ(nullptr, CacheLastKey(pProg));
+    }
+    int64_t nMost = 0;
+    for (uint32_t n = 0; n <= 600; n++) {
+        Push({n * 100, 0, n == 0, 1, 60000});
+        nMost = std::max(nMost, pProg->cache.held.nBytes);
+    }
+    EXPECT_EQ(nullptr, CacheLastKey(pProg));
+    EXPECT_LE(ListCount(&pProg->cache.Pktq), 126U);
+    EXPECT_GT(nMost, Megabytes(32) - 61000);
+    EXPECT_LE(nMost, Megabytes(32) + 61000);
+    g_settings.bStandardPushers = 0;
+}
+
 // A megabyte holds sixteen packets of this size, and at most once that much is kept. The oldest group goes
 // first; of a group that is longer by itself what is oldest, until the next one begins.
 TEST_F(CacheTest, ABoundInBytes)
@@ -180,7 +207,8 @@ TEST_F(PlayerQueueTest, ABoundInBytesForAllPrograms)
     EXPECT_EQ(g_server.nCachedBytes, pProg->cache.held.nBytes + pOther->cache.held.nBytes);
 }
 
-// A queue holds a megabyte, and what a start brought besides; beyond that a player is ended or loses media.
+// A queue holds a megabyte, of standard players eight and what a start brought besides; beyond that a player
+// is ended or loses media.
 TEST_F(PlayerQueueTest, ABoundInBytesForAQueue)
 {
     const struct {
@@ -191,7 +219,7 @@ TEST_F(PlayerQueueTest, ABoundInBytesForAQueue)
     } cases[] = {
         {"", 0, Megabytes(1), 0},
         {"AutoDropDataWhenCrowded=1\n", 0, Megabytes(1), 1},
-        {"[INTEROP]\nStandardPlayers=1\n", 1, Megabytes(2), 0},
+        {"[INTEROP]\nStandardPlayers=1\n", 1, Megabytes(8), 0},
     };
     for (const auto &c : cases) {
         TcpPair other;
@@ -207,8 +235,9 @@ TEST_F(PlayerQueueTest, ABoundInBytesForAQueue)
             pPlayer->nState = STATE_PLAYING;
         });
         int64_t nMost = 0;
-        for (int i = 0; i < 100 && ListCount(&g_server.sessions) > 0; i++) {
-            nMost = std::max(nMost, pPlayer->out.queued.nBytes);
+        for (int i = 0; i < 200 && ListCount(&g_server.sessions) > 0; i++) {
+            nMost = std::max(nMost, pPlayer->out.queued.nBytes - pPlayer->flow.nStartHeld);
+            EXPECT_EQ(c.bStart, pPlayer->flow.nStartHeld > Megabytes(1) / 2);
             Push({0, 0, 0, 1, 60000});
         }
         EXPECT_GT(nMost, c.nMostBytes - 130000) << c.szSettings;
@@ -350,7 +379,8 @@ TEST_F(PlayerQueueTest, StandardPlayersGetTimeForTheStart)
         for (uint32_t i = 0; i < 1500; i++)  // ten packets in each picture
             CachePacketEx(pProg, MakePacket({i / 10 * 10, 0, i == 0, i % 10 == 9, 1400}));
         pPlayer->nState = STATE_PLAYING;
-        pPlayer->tracks[0].Media = CreateUdpPort("127.0.0.1", 40000 + getpid() % 20000, "127.99.0.1", 9);
+        const Port *pPort = SessionPeerPort(pPlayer);
+        pPlayer->tracks[0].Media = CreateUdpPort(&pPort->local, 40000 + getpid() % 20000, &pPort->remote, 9);
     });
     EXPECT_GT(play(0), 1000U);
     EXPECT_TRUE(WaitFor([&] {
@@ -362,9 +392,35 @@ TEST_F(PlayerQueueTest, StandardPlayersGetTimeForTheStart)
     Push({1500, 0, 0, 1, 1400}, 100);
     ASSERT_EQ(1U, ListCount(&g_server.sessions)) << "not given up";
     EXPECT_GT(Waiting(), 1100U) << "nor robbed";
-    Push({1500, 0, 0, 1, 65000}, 60);
+    Push({1500, 0, 0, 1, 65000}, 140);
     ASSERT_EQ(1U, ListCount(&g_server.sessions)) << "one that never takes it";
     EXPECT_LE(Waiting(), 50U) << "is a crowded player like others";
+}
+
+// Groups of 21 packets for a player that does not read: what has begun to leave stays, of the others the
+// newest; after 30 seconds the player is ended.
+TEST_F(PlayerQueueTest, WholeGroupsAreDropped)
+{
+    Start("AutoDropDataWhenCrowded=1\n[INTEROP]\nStandardPlayers=1\n");
+    RunOnScheduler([&] { pProg->desc.nVideoTrack = 0; });
+    for (uint32_t i = 0; i < 10; i++) {
+        Push({i * 40, 0, 1, 1, 60000});
+        Push({i * 40 + 20, 0, 0, 1, 60000}, 20);
+        unsigned nSinceKey = 0;
+        for (auto *p = ListFirstOf<DataBlock>(&pPlayer->out.Outq); p; p = NextBlock(p)) {
+            nSinceKey = BlockStartsKey(p) ? 0 : nSinceKey + 1;
+            EXPECT_TRUE(!BlockStartsKey(p) || !PrevBlock(p) || PrevBlock(p)->nTimestamp % 40 == 20);
+        }
+        EXPECT_EQ(20U, nSinceKey) << "the newest is whole";
+        EXPECT_LE(pPlayer->out.queued.nBytes, Megabytes(8) + 61000);
+    }
+    ASSERT_EQ(1U, ListCount(&g_server.sessions));
+    for (uint32_t i = 1; i < 5 && ListCount(&g_server.sessions) == 1; i++) {  // the kernel may find some room yet
+        ClockSetOffset(i * 31000);
+        Push({400, 0, 1, 1, 60000}, 52);
+    }
+    EXPECT_EQ(0U, ListCount(&g_server.sessions));
+    ClockSetOffset(0);
 }
 
 TEST_F(PlayerQueueTest, CrowdedPlayerLosesMediaAndKeepsReplies)
@@ -430,6 +486,39 @@ TEST_F(RecordingQueueTest, RepliesKeepTheirOrder)
         auto *pLast = reinterpret_cast<DataBlock *>(pPlayer->out.Outq.pLast);
         EXPECT_STREQ("two", reinterpret_cast<const char *>(BlockData(PrevBlock(pLast))));
     });
+}
+
+// Over UDP 20 ms of a rate leave at once, and no more than that is saved: of a live program twice its own, of a
+// recording more the later it is.
+TEST_F(CacheTest, RoomForDatagramsGrowsWithTime)
+{
+    g_settings.bStandardPlayers = 1;
+    for (const auto &[bLive, nOwnRate, nLateMs, nRate] :
+         {std::array{1, 100, 0, 3200}, {1, 5000, 0, 10000}, {0, 5000, 0, 3200}, {0, 0, 60000, 9 * 3200}})
+        for (uint32_t nStart : {1000U, 0U - 12}) {  // also where the clock wraps
+            ClockSetOffset(0);
+            uint32_t nBegin = nStart - ClockMs();
+            Session session;
+            session.pProg = pProg;
+            pProg->bLive = bLive;
+            pProg->cache.nBytesPerMs = static_cast<uint32_t>(nOwnRate);
+            session.play.nPlayClock = nStart - static_cast<uint32_t>(nLateMs);
+            session.play.nPlayPos = nLateMs ? 0 : 1000000;
+            session.flow.nRoomClock = nStart - 5000;
+            // at a time, ms: what may leave, and what then leaves, in ms of the rate
+            for (const auto &[nAt, nRoom, nSent] :
+                 {std::array{0, 20, 21}, {0, -1, 0}, {5, 4, 3}, {15, 11, 0}, {25, 20, 0}, {9000, 20, 0}}) {
+                ClockSetOffset(nBegin + static_cast<uint32_t>(nAt));
+                PaceMakeRoom(&session);
+                int nSlack = ClockDiff(ClockMs(), nStart + static_cast<uint32_t>(nAt)) + 1;  // of a busy machine
+                EXPECT_GE(session.flow.nRoom, nRoom * nRate) << bLive << nAt;
+                EXPECT_LE(session.flow.nRoom, std::min(nRoom + nSlack, 20) * nRate) << bLive << nAt;
+                session.flow.nRoom -= nSent * nRate;
+            }
+            session.pProg = nullptr;
+        }
+    ClockSetOffset(0);
+    g_settings.bStandardPlayers = 0;
 }
 
 // Over UDP the second ahead comes at four times real time: at once it would be more than a socket holds.
