@@ -17,6 +17,7 @@
 #include "base/configfile.h"
 #include "base/console.h"
 #include "base/inifile.h"
+#include "base/installdir.h"
 #include "base/textbuf.h"
 #include "runtime/thread.h"
 #include "server/front/server.h"
@@ -30,21 +31,6 @@ static constexpr unsigned kStateTicks = 50;  // the state file is written when m
 static constexpr char kStateSection[] = "MAIN";  // of the state file
 
 static std::atomic<int> g_bTerminate{0};  // set by the signal handler, looked at by the loops
-
-// The directory two levels above the executable. Returns 1 where /proc can be read, else 0.
-static int ParentDirectory(char *szOut, size_t nSize)
-{
-    ssize_t n = readlink("/proc/self/exe", szOut, nSize - 1);
-    if (n < 0)
-        return 0;
-    szOut[n] = '\0';
-    for (int i = 0; i < 2; i++) {
-        char *pSlash = strrchr(szOut, '/');
-        if (pSlash)
-            *pSlash = '\0';
-    }
-    return 1;
-}
 
 static int WantsDaemon(int argc, char **argv)
 {
@@ -69,7 +55,7 @@ static int ParseArguments(int argc, char **argv, const char *szDefault, char *sz
         TextAdd(&path, "%s", szName);
     } else {
         char szParent[kPathSize];
-        if (!ParentDirectory(szParent, sizeof(szParent))) {
+        if (!InstallDir(szParent, sizeof(szParent))) {
             print("failed to get process path's parent dir!\r\n");
             return -1;
         }
@@ -302,7 +288,7 @@ struct LogPlace {
 static int FindLog(LogPlace *pPlace)
 {
     char szParent[kPathSize];
-    if (!ParentDirectory(szParent, sizeof(szParent))) {
+    if (!InstallDir(szParent, sizeof(szParent))) {
         print("failed to get process path's parent dir!\n");
         return 0;
     }

@@ -208,6 +208,8 @@ struct Session {
     SessionQuestions questions;
     SessionHold hold;
     SessionDatagrams datagrams;
+    const char *szEndReason =
+        nullptr;     // why it ends, in words for the log of events; static. The first one counts
     int bEnded = 0;  // by SessionEnd: in no list, without ports and program
     Retired retired;
 
@@ -249,6 +251,14 @@ Session *SessionOfTask(const Task *pTask);
 // and whoever goes on behind them looks at bEnded. The record stays readable until the scheduler's callback
 // is over (see retire.h), with its ports and its program null. Does nothing when it has ended already.
 void SessionEnd(Session *pSession);
+
+// Notes why the session ends or is about to, in words for the log of events ("asked for the end"); static
+// text. What was noted first counts. Then call SessionEnd, or return Verdict::End.
+inline void SessionNoteEnd(Session *pSession, const char *szWhy)
+{
+    if (!pSession->szEndReason)
+        pSession->szEndReason = szWhy;
+}
 
 // Ends every player of a pusher's program; does nothing for any other session.
 void SessionEndPlayers(Session *pSession);

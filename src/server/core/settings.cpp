@@ -97,6 +97,13 @@ static constexpr Setting g_table[] = {
     Text("ZUPO", "ZupoServerAddr", FIELD(szZupoServer), "zupo.example.com"),
     Number("ZUPO", "ZupoServerPort", FIELD(nZupoPort), 6323, Clamp::Port, 0, 65535),
     Text("MAIN", "DeviceGuid", FIELD(szDeviceGuid), ""),  // and the relay, which sends it
+    Number("GUARD", "StrictConfig", FIELD(bStrictConfig), 0, Clamp::Flag),
+    Text("INTEROP", "ProxyProtocolFrom", FIELD(szProxyProtocolFrom), ""),
+    Text("LOG", "Level", FIELD(szLogLevel), ""),
+    Number("LOG", "Console", FIELD(bLogConsole), 1, Clamp::Flag),
+    Text("LOG", "File", FIELD(szLogFile), ""),
+    Text("LOG", "Format", FIELD(szLogFormat), "text"),
+    Text("STATUS", "Socket", FIELD(szStatusSocket), ""),
     Number("SERVER", "LogFile", ReadBy("main"), 0),
     Text("USERS", "SuperUser", ReadBy("accounts", 128), ""),
     Text("USERS", "SuperPwd", ReadBy("accounts", 64), ""),

@@ -70,6 +70,14 @@ struct Settings {
     int bFreshNonce = 0;
     uint32_t nMaxWebRelays = 0;
     uint32_t nMaxRelayPeersPerAddress = 0;
+    int bStrictConfig = 0;
+    char szProxyProtocolFrom[1024] = "";  // [INTEROP], written as AnnounceFrom; empty: nobody
+    // [LOG] and [STATUS]
+    char szLogLevel[16] = "";       // error, warn, info or debug; empty: no event is logged
+    int bLogConsole = 1;            // 0: nothing but the banner and the answers to commands
+    char szLogFile[256] = "";       // relative to the installation directory; empty: none
+    char szLogFormat[16] = "";      // text or json
+    char szStatusSocket[108] = "";  // the same; a path as sun_path takes it
 };
 
 constexpr int64_t Megabytes(uint32_t n)  // in bytes

@@ -98,13 +98,18 @@ static void OpenListener()
     if (SockSetAddrEx(&addr, g_settings.szListenIp, static_cast<int>(g_settings.nListenPort),
                       SettingsListenIpv6(&g_settings)))
         fd = SockListenTcp(&addr);
+    char szAddr[kAddrTextSize];
     if (fd < 0) {
-        print("Listen error %d\n", errno);
+        int nErrno = errno;
+        TextBuf wanted{szAddr, sizeof(szAddr)};
+        TextAdd(&wanted, "%s:%u", g_settings.szListenIp, g_settings.nListenPort);
+        ListenerNote("rtsp", szAddr, nErrno);
+        print("Listen error %d\n", nErrno);
         return;
     }
     listen(fd, kBacklog);  // a recorder that comes back opens all its cameras at once
-    char szAddr[kAddrTextSize];
     SockAddrToString(&addr, szAddr);
+    ListenerNote("rtsp", szAddr, 0);
     print("socket 0x%x listen on %s %s\n", fd, "TCP", szAddr);
     if (!MonitorAddListen(&g_server.monitor, fd))
         print("warning: can't monitor event\n");

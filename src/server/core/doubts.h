@@ -1,0 +1,29 @@
+// What is doubtful about the configuration: what was read otherwise than whoever wrote it will have meant,
+// and what of it did not work out (a port that is taken). Each is a line with file, line, key, value and what
+// was taken; passwords are never in it.
+#pragma once
+
+#include <cstddef>
+
+namespace orx {
+
+struct Doubt {
+    char szText[512];  // the whole line
+    int bRefuses;  // it is about who may do what, or about what the server cannot be without: no strict start
+};
+
+struct DoubtList {
+    Doubt *pDoubts = nullptr;  // owned, from malloc
+    size_t nDoubts = 0;
+};
+
+// Adds one. Without memory it is lost.
+void DoubtAdd(DoubtList *pList, int bRefuses, const char *szText);
+void DoubtsFree(DoubtList *pList);         // leaves an empty list
+int DoubtsRefuse(const DoubtList *pList);  // whether one of them refuses
+
+// Those of the configuration that is in force. Filled by the main thread before others run; afterwards the
+// scheduler thread's.
+extern DoubtList g_doubts;
+
+}  // namespace orx

@@ -1,0 +1,25 @@
+// The configuration is read again while the server runs: what may change at once does, for those who come
+// from then on; nobody's session ends.
+#pragma once
+
+#include <ctime>
+
+namespace orx {
+
+// How a reading ended; texts are lines without line end, each for as long as the call.
+struct ReloadResult {
+    int bTaken;            // 0: the file is missing or would not start; the old values hold
+    const char *szWhyNot;  // then
+    const char
+        *szRestart;  // keys that changed and count from the next start only, between blanks; may be empty
+};
+using ReloadDone = void (*)(void *pContext, const ReloadResult *pResult);
+
+// Reads and checks the file off the scheduler thread; one task of that swaps the values, and then calls
+// pfnDone (may be null) there. A reading that is asked for while one is under way follows it. Any thread.
+void ReloadAsk(ReloadDone pfnDone, void *pContext);
+
+// When the values in force were read, seconds since the epoch. Scheduler thread.
+time_t ReloadTime();
+
+}  // namespace orx
