@@ -8,6 +8,8 @@
 
 namespace orx {
 
+struct Profile;
+
 struct Settings {
     char szConfigPath[128] = "";
     char szGuidPath[128] = "";  // guid.dat beside the configuration
@@ -134,7 +136,13 @@ std::span<const Setting> SettingsTable();
 // Fills *pSettings from the file. Returns 1, or 0 for an empty path and for a UDP port range that is printed
 // as invalid. SettingsFree gives back what it holds and makes it all zero.
 int SettingsRead(Settings *pSettings, const char *szPath);
+// The same from a text that was loaded, without a word, into nothing but *pSettings. A long text is read
+// whole, whatever it says. Any thread.
+int SettingsReadText(Settings *pSettings, const Profile *pText);
 void SettingsFree(Settings *pSettings);
+
+// Whether the UDP ports of media keep the server from starting: 1 with what is said of it, else 0.
+int SettingsUdpRangeFault(const Settings *pSettings, char *szOut, size_t nSize);
 
 // Whether ListenIp is an IPv6 address, which only standard players may make it.
 int SettingsListenIpv6(const Settings *pSettings);
