@@ -141,6 +141,9 @@ int SettingsRead(Settings *pSettings, const char *szPath);
 int SettingsReadText(Settings *pSettings, const Profile *pText);
 void SettingsFree(Settings *pSettings);
 
+// What a row makes of a number that stands in a file.
+int SettingClamped(const Setting *pRow, int nValue);
+
 // Whether the UDP ports of media keep the server from starting: 1 with what is said of it, else 0.
 int SettingsUdpRangeFault(const Settings *pSettings, char *szOut, size_t nSize);
 

@@ -1,5 +1,6 @@
 #include "server/front/remoteservices.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -9,6 +10,7 @@
 
 #include "base/console.h"
 #include "base/fdguard.h"
+#include "base/textbuf.h"
 #include "net/ifaddr.h"
 #include "remote/httpproxy.h"
 #include "remote/unet.h"
@@ -93,6 +95,17 @@ static int AcceptTunnel(void *pContext, int fd, const void *pData, size_t nLen)
     return 1;
 }
 
+// Notes how a listener of that port went, with errno when it was not opened. Returns whether it was.
+static int Noted(const char *szName, int nPort, int bOpen)
+{
+    int nErrno = errno;
+    char szAddress[80];
+    TextBuf address{szAddress, sizeof(szAddress)};
+    TextAdd(&address, SettingsListenIpv6(&g_settings) ? "[%s]:%d" : "%s:%d", g_settings.szListenIp, nPort);
+    ListenerNote(szName, szAddress, bOpen ? 0 : nErrno ? nErrno : EADDRNOTAVAIL);
+    return bOpen;
+}
+
 static int StartProxy(RemoteServices *pRemote)
 {
     HttpProxySettings settings;
@@ -104,7 +117,8 @@ static int StartProxy(RemoteServices *pRemote)
     settings.nMaxRelays = g_settings.nMaxWebRelays;
     settings.pfnHandOver = AcceptTunnel;
     settings.pContext = pRemote;
-    return HttpProxyStart(&pRemote->proxy, &settings);
+    errno = 0;
+    return Noted("web", settings.nListenPort, HttpProxyStart(&pRemote->proxy, &settings));
 }
 
 static void Register(RemoteServices *pRemote)
@@ -127,7 +141,8 @@ static int StartRelay(RemoteServices *pRemote)
     // the relay's library has IPv4 alone: on "::" it is there as on 0.0.0.0, on another IPv6 address nowhere
     if (!bKnown || (AddrIsIpv6(&bindTo) && !IN6_IS_ADDR_UNSPECIFIED(&bindTo.in6.sin6_addr))) {
         print("Unet: ListenIp=%s is no address that is known.\r\n", g_settings.szListenIp);
-        return 0;
+        errno = 0;
+        return Noted("relay", static_cast<int>(g_settings.nUnetPort), 0);
     }
     settings.nBindIp = SockGetIp(&bindTo);
     settings.nPort = static_cast<int>(g_settings.nUnetPort);
@@ -135,7 +150,8 @@ static int StartRelay(RemoteServices *pRemote)
     settings.nPerAddress = g_settings.nMaxRelayPeersPerAddress;
     settings.pfnGetAddress = NetGetAddress;
     settings.szCfgPath = g_settings.szConfigPath;
-    if (!UnetStart(&pRemote->unet, &settings))
+    errno = 0;
+    if (!Noted("relay", settings.nPort, UnetStart(&pRemote->unet, &settings)))
         return 0;
     if (g_settings.bZupo)
         Register(pRemote);

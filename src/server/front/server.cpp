@@ -23,6 +23,7 @@
 #include "server/core/settings.h"
 #include "server/front/events.h"
 #include "server/front/remoteservices.h"
+#include "server/front/startdoubts.h"
 #include "server/media/storagecare.h"
 #include "server/methods/accountfile.h"
 #include "server/methods/accounts.h"
@@ -95,6 +96,7 @@ static void OpenListener()
 {
     NetAddr addr;
     int fd = -1;
+    errno = 0;
     if (SockSetAddrEx(&addr, g_settings.szListenIp, static_cast<int>(g_settings.nListenPort),
                       SettingsListenIpv6(&g_settings)))
         fd = SockListenTcp(&addr);
@@ -103,7 +105,7 @@ static void OpenListener()
         int nErrno = errno;
         TextBuf wanted{szAddr, sizeof(szAddr)};
         TextAdd(&wanted, "%s:%u", g_settings.szListenIp, g_settings.nListenPort);
-        ListenerNote("rtsp", szAddr, nErrno);
+        ListenerNote("rtsp", szAddr, nErrno ? nErrno : EADDRNOTAVAIL);
         print("Listen error %d\n", nErrno);
         return;
     }
@@ -155,14 +157,26 @@ static int StartDisk()
     return 1;
 }
 
+// Ends a start before anything was made.
+static int Refuse()
+{
+    RegistryInit(OnFreePort);
+    ServerStop();
+    return 0;
+}
+
 int ServerStart(const char *szConfigPath)
 {
     tzset();  // which reads a file
     ClearServer();
+    StartDoubtsCheck(szConfigPath);
     if (!SettingsRead(&g_settings, szConfigPath)) {
+        StartDoubtsSay();
         ClearServer();
         return 0;
     }
+    if (!StartDoubtsSay())
+        return Refuse();
     DropCutNetwork(g_settings.szAnnounceFrom, sizeof(g_settings.szAnnounceFrom));
     AddrListParse(&g_server.announceFrom, g_settings.szAnnounceFrom, "AnnounceFrom",
                   g_settings.bStandardPlayers);
@@ -184,7 +198,8 @@ int ServerStart(const char *szConfigPath)
     MonitorSetBurstProc(&g_server.monitor, OnMonitorBurst);
     OpenListener();
     StorageCareStart(&interrupted);
-    if (!RemoteServicesStart()) {
+    int bRemote = RemoteServicesStart();
+    if (!StartDoubtsOfListeners() || !bRemote) {
         ServerStop();
         return 0;
     }
