@@ -182,7 +182,7 @@ static void OnReport(Session *pSession, int i, const uint8_t *pData, size_t nLen
 
 static int IsUdpPusher(const Session *pSession)
 {
-    return (pSession->nFlags & SESSION_PUSHER) && g_settings.bStandardPushers && g_settings.bUdpPushers;
+    return pSession->datagrams.bWatch && (pSession->nFlags & SESSION_PUSHER);
 }
 
 // Handles a datagram that begins behind room for the head of a '$' frame. Returns 0 when the session must
