@@ -25,12 +25,8 @@ void EventsOpen()
     ConsoleSetQuiet(!g_settings.bLogConsole);
 }
 
-void EventsBegin()
+static void SayListeners()
 {
-    g_tBegun = ClockUptime();
-    EventSay(EventLevel::Info, "server.start",
-             {EventText("version", ORX_VERSION), EventText("config", g_settings.szConfigPath),
-              EventNumber("pid", getpid())});
     for (unsigned i = 0; i < g_server.nListeners; i++) {
         const ServerListener *p = &g_server.listeners[i];
         if (p->nErrno)
@@ -43,12 +39,23 @@ void EventsBegin()
     }
 }
 
+void EventsBegin()
+{
+    g_tBegun = ClockUptime();
+    EventSay(EventLevel::Info, "server.start",
+             {EventText("version", ORX_VERSION), EventText("config", g_settings.szConfigPath),
+              EventNumber("pid", getpid())});
+    SayListeners();
+}
+
 void EventsEnd()
 {
-    if (g_tBegun)
+    if (g_tBegun) {
         EventSay(EventLevel::Info, "server.stop", {EventNumber("seconds", ClockUptime() - g_tBegun)});
-    else
+    } else {
+        SayListeners();
         EventSay(EventLevel::Error, "server.failed", {EventText("config", g_settings.szConfigPath)});
+    }
     g_tBegun = 0;
     EventLogClose();
 }

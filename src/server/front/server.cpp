@@ -12,6 +12,7 @@
 
 #include "base/assertion.h"
 #include "base/console.h"
+#include "base/eventlog.h"
 #include "base/textbuf.h"
 #include "record/storage.h"
 #include "runtime/diskthread.h"
@@ -184,6 +185,8 @@ static int StopDisk()
 {
     constexpr uint32_t kMostMs = 10000;
     size_t nLost = DiskStop(kMostMs);
+    if (nLost > 0)
+        EventSay(EventLevel::Error, "disk.stalled", {EventNumber("lost_bytes", static_cast<int64_t>(nLost))});
     if (nLost > 0)
         print(
             "The disk stalls: the last %zu bytes of recordings are lost, and their files stay "
