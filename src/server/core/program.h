@@ -230,6 +230,7 @@ struct PlayerFlush {
 // The wait for a pusher that has gone (see hold.h).
 struct PusherHold {
     int32_t nNumber = 0;  // of the wait; 0: there is none
+    uint32_t tSince = 0;  // uptime in seconds when it began
 };
 
 // What is added to the wall clock in a pusher's reports, so that its players see that of the first one go on

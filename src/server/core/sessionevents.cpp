@@ -106,7 +106,8 @@ static void SayPusherEnd(const Session *pSession, const char *szRemote, uint32_t
 {
     const SessionEnding *pEnding = &pSession->ending;
     DatagramSum sum = SumDatagrams(pSession);
-    EventLevel eLevel = pSession->szEndReason == kEndAsked ? EventLevel::Info : EventLevel::Warn;
+    int bMeant = pSession->szEndReason == kEndAsked || pSession->szEndReason == kEndServer;
+    EventLevel eLevel = bMeant ? EventLevel::Info : EventLevel::Warn;
     EventSay(
         eLevel, "pusher.end",
         {EventText("peer", szRemote), EventText("program", pSession->told.szUri),

@@ -83,6 +83,7 @@ int HoldBegin(Program *pProg)
         return 0;
     g_nWaits = g_nWaits == INT32_MAX ? 1 : g_nWaits + 1;
     pProg->hold.nNumber = g_nWaits;
+    pProg->hold.tSince = ClockUptime();
     print("Program(%s) waits for its pusher, %u s.\r\n", pProg->Uri, g_settings.nHoldPlayers);
     EventSay(EventLevel::Warn, "program.held",
              {EventText("program", pProg->Uri), EventNumber("players", ListCount(&pProg->players)),
@@ -152,7 +153,8 @@ void HoldResume(Program *pProg, Description *pNew)
 {
     int bSameTypes = 1;
     EventSay(EventLevel::Info, "program.resumed",
-             {EventText("program", pProg->Uri), EventNumber("players", ListCount(&pProg->players))});
+             {EventText("program", pProg->Uri), EventNumber("players", ListCount(&pProg->players)),
+              EventNumber("held_seconds", ClockUptime() - pProg->hold.tSince)});
     std::swap(pProg->desc.szSdp, pNew->szSdp);
     KeyStartInit(pProg);
     for (int i = 0; i < pNew->nTrackCount; i++) {

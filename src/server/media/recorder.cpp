@@ -44,20 +44,22 @@ static void EndWriter(Recorder *pRecorder)
     pRecorder->bOver = 1;
 }
 
-static void SayEnd(const Recorder *pRecorder, EventLevel eLevel, const char *szEvent, const char *szReason)
+// The file that is open begins or ends.
+static void SayFile(const Recorder *pRecorder, EventLevel eLevel, const char *szEvent, const char *szReason)
 {
-    const ZMFWriter *pWriter = pRecorder->pWriter;
+    const RecordFile *pFile = &pRecorder->pWriter->file;
+    int bEnds = szReason != nullptr;
     RecordSay(eLevel, szEvent,
-              {pRecorder->szUri, pWriter ? pWriter->file.szFile : nullptr, szReason,
-               pWriter && eLevel == EventLevel::Error ? pWriter->file.out.nErrno : 0});
+              {pRecorder->szUri, pFile->szFile, szReason, eLevel == EventLevel::Error ? pFile->out.nErrno : 0,
+               bEnds ? static_cast<int>(pFile->uDuration / 1000) : -1});
 }
 
 static void TellEnded(const Recorder *pRecorder, int bFailed)
 {
     if (bFailed)
-        SayEnd(pRecorder, EventLevel::Error, "recording.failed", "it cannot be written");
+        SayFile(pRecorder, EventLevel::Error, "recording.failed", "it cannot be written");
     else
-        SayEnd(pRecorder, EventLevel::Info, "recording.end", "its time is over");
+        SayFile(pRecorder, EventLevel::Info, "recording.end", "its time is over");
     print(bFailed ? "ZMFWriterWriteSample() failed!\r\n" : "ZMFWriterWriteSample() auto stopped().\r\n");
 }
 
@@ -310,7 +312,7 @@ static int RunOpening(DiskJob *pJob)
         return 0;
     p->opening.bOpen = bOk;
     if (bOk) {
-        SayEnd(pRecorder, EventLevel::Info, "recording.begin", nullptr);
+        SayFile(pRecorder, EventLevel::Info, "recording.begin", nullptr);
         pRecorder->bOpened = 1;
         Remember(pRecorder);
         return 1;
@@ -543,8 +545,8 @@ static int RunClosing(DiskJob *pJob)
     if (pRecorder->pWriter)
         ZMFWriterFileName(pRecorder->pWriter, szFile, sizeof(szFile));
     if (pRecorder->pWriter)
-        SayEnd(pRecorder, EventLevel::Info, "recording.end",
-               p->bTold ? "asked for the end" : "its program gives no more");
+        SayFile(pRecorder, EventLevel::Info, "recording.end",
+                p->bTold ? "asked for the end" : "its program gives no more");
     Forget(pRecorder);
     ZMFWriterFree(std::exchange(pRecorder->pWriter, nullptr));
     if (p->bTold)

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <regex>
+#include <set>
 #include <string>
 
 #include <sys/stat.h>
@@ -174,4 +175,24 @@ TEST_F(EventLog, WaitsForNobodysDisk)
     EventSay(EventLevel::Info, "last", {});
     EventLogDivert(nullptr);
     EXPECT_THAT(Text(), HasSubstr("last"));
+}
+
+// docs/events.md has a row for each event that the sources say, and no other.
+TEST(EventDocs, NameEveryEvent)
+{
+    const std::regex call("Say[A-Za-z]*\\([^;\"]*\"([a-z_]+\\.[a-z_]+)\""), row("\n\\| `([a-z_]+\\.[a-z_]+)` ");
+    const std::regex made("MakeLine\\([^;\"]*\"([a-z_]+\\.[a-z_]+)\"");
+    auto collect = [](const std::string &text, const std::regex &pattern, std::set<std::string> *pNames) {
+        for (std::sregex_iterator it(text.begin(), text.end(), pattern), end; it != end; ++it)
+            pNames->insert((*it)[1]);
+    };
+    std::set<std::string> said, documented;
+    for (const auto &entry : std::filesystem::recursive_directory_iterator(ORX_SOURCE_DIR "/src"))
+        if (entry.path().extension() == ".cpp") {
+            collect(ReadFile(entry.path()), call, &said);
+            collect(ReadFile(entry.path()), made, &said);
+        }
+    collect(ReadFile(ORX_SOURCE_DIR "/docs/events.md"), row, &documented);
+    EXPECT_EQ(documented, said);
+    EXPECT_LT(30U, said.size());
 }
