@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "base/console.h"
+#include "base/eventlog.h"
 #include "base/fdguard.h"
 #include "base/textbuf.h"
 #include "remote/tcpio.h"
@@ -75,6 +76,16 @@ static int HasRoom(const HttpProxy *pProxy, uint64_t nIp)
     return nAll < nMax && nSame < nShare;
 }
 
+static void Refuse(const HttpProxy *pProxy, int fd, const NetAddr *pAddr)
+{
+    char szPeer[kAddrTextSize];
+    SockAddrToString(pAddr, szPeer);
+    EventSayBounded(EventLevel::Warn, "connection.refused",
+                    {EventText("peer", szPeer), EventText("limit", "MaxWebRelays"),
+                     EventNumber("most", pProxy->nMaxRelays)});
+    HttpRefuseBusy(fd);
+}
+
 static void TellAccepted(int fd, const NetAddr *pAddr)
 {
     char szAddr[kAddrTextSize];
@@ -99,7 +110,7 @@ static void OnNamed(HttpProxy *pProxy, HttpPending pending)
     if (HasRoom(pProxy, pending.nIp))
         pProxy->pendings[pProxy->nPending++] = pending;
     else
-        HttpRefuseBusy(pending.fd);
+        Refuse(pProxy, pending.fd, &addr);
 }
 
 // Looks for the header of a connection's front. Returns as PendingRead.
@@ -193,7 +204,7 @@ static void OnAccepted(HttpProxy *pProxy, int fd, const NetAddr *pAddr)
     if ((bFront ? HasRoomForFront(pProxy) : HasRoom(pProxy, nIp)) && DescriptorsSpare(0))
         PendingAdd(pProxy, fd, nIp, bFront);
     else
-        HttpRefuseBusy(fd);
+        Refuse(pProxy, fd, pAddr);
 }
 
 // Without a descriptor the listening socket would stay ready: it is left alone for a while.

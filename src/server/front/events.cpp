@@ -7,12 +7,14 @@
 
 #include "base/assertion.h"
 #include "base/console.h"
+#include "base/eventlog.h"
 #include "runtime/clock.h"
 #include "runtime/slice.h"
 #include "runtime/sockutil.h"
 #include "server/core/program.h"
 #include "server/core/registry.h"
 #include "server/core/session.h"
+#include "server/core/sessionevents.h"
 #include "server/core/settings.h"
 #include "server/front/dispatch.h"
 #include "server/front/fronts.h"
@@ -46,6 +48,14 @@ static void *EventArgument(uint32_t nEvent, uint32_t nGeneration)
     return reinterpret_cast<void *>(static_cast<uintptr_t>(nGeneration << 16 | nEvent));
 }
 
+static void SayRefused(const NetAddr *pRemote, const char *szLimit, uint32_t nMost)
+{
+    char szRemote[kAddrTextSize];
+    SockAddrToString(pRemote, szRemote);
+    EventSayBounded(EventLevel::Warn, "connection.refused",
+                    {EventText("peer", szRemote), EventText("limit", szLimit), EventNumber("most", nMost)});
+}
+
 static void TuneSocket(int fd)
 {
     linger reset{1, 0};  // a close resets the connection, so that no dead peer keeps it
@@ -59,10 +69,12 @@ static int HasRoom(const NetAddr *pRemote, int bFronted)
 {
     if (ListCount(&g_server.sessions) > g_settings.nConnectLimit) {
         print("Exceed the connect-limit! Refuse to accept new client to connect.\r\n");
+        SayRefused(pRemote, "ConnectLimit", g_settings.nConnectLimit);
         return 0;
     }
     if (!AddressIsFull(pRemote, bFronted))
         return 1;
+    SayRefused(pRemote, "MaxSessionsPerAddress", g_settings.nMaxSessionsPerAddress);
     char szRemote[kAddrTextSize];
     SockAddrToString(pRemote, szRemote);
     print("Too many sessions of %s! Refuse to accept new client to connect.\r\n", szRemote);
@@ -83,6 +95,7 @@ static Session *BeginSession(Port *pPort)
     SockAddrToString(&pPort->remote, szRemote);
     print("Create session(fd=0x%x) from %s\r\n", fd, szRemote);
     log("Create session(fd=0x%x) from %s", fd, szRemote);
+    EventSay(EventLevel::Debug, "session.start", {EventText("peer", szRemote)});
     return pSession;
 }
 
@@ -136,6 +149,12 @@ static void TakeConnection(int fd)
         SessionScheduleIdleCheck(pSession->peer.Cmd);
 }
 
+static void SayAcceptFailed(int fdListen, int nErrno)
+{
+    print("accept(socket=0x%x) err=%d.\r\n", fdListen, nErrno);
+    EventSayBounded(EventLevel::Error, "accept.failed", {EventText("error", strerror(nErrno))});
+}
+
 // Accepts some of those that wait. Returns in how many ms to look for the rest, which is not reported again:
 // 0 when none is left, else soon, or once descriptors or memory may have come free.
 static int AcceptSome(int fdListen)
@@ -146,7 +165,7 @@ static int AcceptSome(int fdListen)
             return 0;
         if (fd < 0) {
             if (g_nAcceptAgainMs != kAcceptRetryMs)  // told once, not with every further try
-                print("accept(socket=0x%x) err=%d.\r\n", fdListen, errno);
+                SayAcceptFailed(fdListen, errno);
             return kAcceptRetryMs;
         }
         TakeConnection(fd);
@@ -189,6 +208,7 @@ int RtspSessionCreate(int fd, const void *pData, size_t nLen, const FrontedPeer 
     }
     ORX_ASSERT(pSession->input.nLen == 0, "session->nLen==0");
     if (nLen > pSession->input.nTotal - 1) {
+        SessionNoteMalformed(pSession, "more came by the web port than its buffer holds");
         SessionEnd(pSession);
         return 0;
     }
@@ -206,6 +226,7 @@ int RtspSessionCreate(int fd, const void *pData, size_t nLen, const FrontedPeer 
 static void NoteReceived(Session *pSession, size_t nLen)
 {
     pSession->peer.tLastActivity = ClockUptime();
+    pSession->peer.nBytesReceived += nLen;
     pSession->peer.nReceived += static_cast<uint32_t>(nLen);
     if (pSession->peer.nReceived == 0)  // wrapped: 0 is kept for "never sent anything"
         pSession->peer.nReceived = 1;
@@ -256,7 +277,7 @@ static int CloseAfterRecv(Session *pSession, Port *pPort, int nResult, int nErro
     if (nResult == 0)
         print("Client(socket=0x%x) close.\r\n", pPort->fd);
     print("recv(socket=0x%x)  err=%d.\r\n", pPort->fd, nError);
-    SessionClosePort(pSession, pPort);
+    SessionClosePortFor(pSession, pPort, nResult == 0 ? kEndClosed : kEndBroken, nError);
     return -1;
 }
 
@@ -318,6 +339,7 @@ static int TakeInput(Session *pSession, Port *pPort, const char *pRaw, size_t nL
     NoteReceived(pSession, nLen);
     if (pPort->nFlags & PORT_TUNNEL_POST) {
         if (!TunnelDecode(pSession, pPort, pRaw, nLen)) {
+            SessionNoteMalformed(pSession, "its tunnel cannot be read");
             SessionEnd(pSession);
             return 0;
         }
@@ -384,7 +406,7 @@ static int ReadTcp(Session *pSession, Port *pPort)
     if (nSilent <= g_settings.nLiveTime || nSilent >= kLongestSilence || MayBeSilent(pSession))
         return 0;
     print("OnRead(fd=0x%x) TimeOut! The network will be closed.\r\n", pPort->fd);
-    SessionClosePort(pSession, pPort);
+    SessionClosePortFor(pSession, pPort, kEndSilent, 0);
     return -1;
 }
 
@@ -413,7 +435,7 @@ static void OnClose(int fd)
     Port *pPort = FindPort(fd);
     Session *pSession = FindSession(fd);
     if (pPort && pSession)
-        SessionClosePort(pSession, pPort);
+        SessionClosePortFor(pSession, pPort, kEndClosed, SockTakeError(fd));
     else if (pPort && (pPort->nFlags & PORT_AWAITS_PEER))
         FrontDrop(pPort);
     else if (pPort)

@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 
 #include "base/console.h"
+#include "base/eventlog.h"
 #include "base/textbuf.h"
 #include "record/storage.h"
 #include "runtime/diskthread.h"
@@ -23,6 +24,7 @@
 #include "server/front/events.h"
 #include "server/front/follow.h"
 #include "server/front/reload.h"
+#include "server/front/logs.h"
 #include "server/front/remoteservices.h"
 #include "server/media/storagecare.h"
 #include "server/methods/accountfile.h"
@@ -122,27 +124,11 @@ static void OnMonitorBurst(void * /*pContext*/, int bBegin)
     SchedulerCork(&g_server.scheduler, bBegin);
 }
 
-// --- The log, from which nobody waits for the disk while its thread runs ---
-
-static DiskLane g_logLane;
-static DiskJob g_logJob;  // in the lane, or nobody's
-
-static int RunLogJob(DiskJob *)
-{
-    return LogWriteSome();
-}
-
-static void PostLogJob()
-{
-    DiskPostLazy(&g_logLane, &g_logJob);
-}
-
 static int StartDisk()
 {
     if (!DiskStart(&g_server.scheduler))
         return 0;
-    g_logJob.pfnRun = RunLogJob;
-    LogDivert(PostLogJob);
+    LogsDivert();
     return 1;
 }
 
@@ -154,6 +140,7 @@ int ServerStart(const char *szConfigPath)
         ClearServer();
         return 0;
     }
+    EventsOpen();
     SettingLists lists;
     ListsParse(&lists, &g_settings);
     g_server.nMaxRegisterId = GuidStoreNextId(g_settings.szGuidPath);
@@ -178,6 +165,7 @@ int ServerStart(const char *szConfigPath)
         ServerStop();
         return 0;
     }
+    EventsBegin();
     return 1;
 }
 
@@ -188,12 +176,14 @@ static int StopDisk()
     constexpr uint32_t kMostMs = 10000;
     size_t nLost = DiskStop(kMostMs);
     if (nLost > 0)
+        EventSay(EventLevel::Error, "disk.stalled", {EventNumber("lost_bytes", static_cast<int64_t>(nLost))});
+    if (nLost > 0)
         print(
             "The disk stalls: the last %zu bytes of recordings are lost, and their files stay "
             "interrupted.\r\n",
             nLost);
     else
-        LogDivert(nullptr);  // a disk that stalls would take this thread, too
+        LogsRejoin();  // a disk that stalls would take this thread, too
     return nLost == 0;
 }
 
@@ -219,6 +209,7 @@ void ServerStop()
     delete g_server.pPortMgr;
     AuthFree(g_server.pAuth);
     if (bDiskEnded) {  // else its thread reads the settings yet
+        EventsEnd();
         AccountFileFree();
         ClearServer();
     }

@@ -37,6 +37,7 @@ void SleepIfIdle(Session *pPusher)
     if (!g_settings.bLowEnergy || !pProg || !PusherKnows(pProg) || !IsIdle(pProg))
         return;
     if (!Tell(pPusher, "SLEEP")) {
+        SessionNoteEnd(pPusher, "it could not be told to sleep");
         SessionEnd(pPusher);
         return;
     }
