@@ -26,6 +26,7 @@
 #include "server/front/reload.h"
 #include "server/front/logs.h"
 #include "server/front/remoteservices.h"
+#include "server/front/startdoubts.h"
 #include "server/media/storagecare.h"
 #include "server/methods/accountfile.h"
 #include "server/methods/accounts.h"
@@ -98,6 +99,7 @@ static void OpenListener()
 {
     NetAddr addr;
     int fd = -1;
+    errno = 0;
     if (SockSetAddrEx(&addr, g_settings.szListenIp, static_cast<int>(g_settings.nListenPort),
                       SettingsListenIpv6(&g_settings)))
         fd = SockListenTcp(&addr);
@@ -106,7 +108,7 @@ static void OpenListener()
         int nErrno = errno;
         TextBuf wanted{szAddr, sizeof(szAddr)};
         TextAdd(&wanted, "%s:%u", g_settings.szListenIp, g_settings.nListenPort);
-        ListenerNote("rtsp", szAddr, nErrno);
+        ListenerNote("rtsp", szAddr, nErrno ? nErrno : EADDRNOTAVAIL);
         print("Listen error %d\n", nErrno);
         return;
     }
@@ -132,15 +134,27 @@ static int StartDisk()
     return 1;
 }
 
+// Ends a start before anything was made.
+static int Refuse()
+{
+    RegistryInit(OnFreePort);
+    ServerStop();
+    return 0;
+}
+
 int ServerStart(const char *szConfigPath)
 {
     tzset();  // which reads a file
     ClearServer();
+    StartDoubtsCheck(szConfigPath);
     if (!SettingsRead(&g_settings, szConfigPath)) {
+        StartDoubtsSay();
         ClearServer();
         return 0;
     }
     EventsOpen();
+    if (!StartDoubtsSay())
+        return Refuse();
     SettingLists lists;
     ListsParse(&lists, &g_settings);
     g_server.nMaxRegisterId = GuidStoreNextId(g_settings.szGuidPath);
@@ -161,7 +175,8 @@ int ServerStart(const char *szConfigPath)
     MonitorSetBurstProc(&g_server.monitor, OnMonitorBurst);
     OpenListener();
     StorageCareStart(&interrupted);
-    if (!RemoteServicesStart()) {
+    int bRemote = RemoteServicesStart();
+    if (!StartDoubtsOfListeners() || !bRemote) {
         ServerStop();
         return 0;
     }
