@@ -24,6 +24,7 @@
 #include "runtime/thread.h"
 #include "server/core/doubts.h"
 #include "server/core/settings.h"
+#include "server/front/reload.h"
 #include "server/front/server.h"
 #include "server/front/startdoubts.h"
 
@@ -37,6 +38,7 @@ static constexpr char kConfigName[] = "orx.cfg";
 static constexpr char kStateSection[] = "MAIN";  // of the state file
 
 static std::atomic<int> g_bTerminate{0};  // set by the signal handler, looked at by the loops
+static std::atomic<int> g_bHangup{0};     // the same
 
 static int WantsDaemon(int argc, char **argv)
 {
@@ -148,13 +150,14 @@ static void OnSignal(int nSignal)
             g_bTerminate = 1;
             break;
         case SIGHUP:  // a terminal that was closed takes no server with it
+            g_bHangup = 1;
             break;
         default:
             OnSegv();
     }
 }
 
-// SIGTERM asks the loops to end.
+// SIGTERM asks the loops to end, SIGHUP to have the configuration read again.
 static void InstallSignalHandlers()
 {
     for (int nSignal : {SIGINT, SIGSEGV, SIGCHLD, SIGPIPE, SIGTERM, SIGHUP})
@@ -225,6 +228,8 @@ static void SleepTick()
 {
     usleep(kTickMs * 1000);
     ConsoleFlush(0);
+    if (g_bHangup.exchange(0))
+        ReloadSignal();
 }
 
 // Standard input, line by line. What is too long for the buffer is dropped up to the line's end.
@@ -285,6 +290,7 @@ static void AnswerCommand(const char *szLine, int bSpeaks)
 // Until "quit" or "q" is read, or SIGTERM comes.
 static void ConsoleLoop()
 {
+    ConsoleAnswers answers;
     LineReader reader;
     char szLine[sizeof(reader.text) + 1];
     int bSpeaks = g_settings.szLogLevel[0] != '\0';

@@ -11,7 +11,9 @@
 #include "base/console.h"
 #include "base/fdguard.h"
 #include "base/textbuf.h"
+#include "net/addrlist.h"
 #include "net/ifaddr.h"
+#include "net/proxyheader.h"
 #include "remote/httpproxy.h"
 #include "remote/unet.h"
 #include "runtime/mutexguard.h"
@@ -30,13 +32,16 @@ struct HandOver {
     int fd = -1;    // owned
     size_t nLen = 0;
     uint8_t *pData = nullptr;  // owned, from malloc
+    int bFronted = 0;          // came through a front
+    FrontedPeer front{};       // then
 };
 
 struct RemoteServices {
     HttpProxy proxy;
     Unet unet;
-    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // guards the list
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // guards what follows
     List handOvers;                                     // HandOver, one per task to run; owned
+    AddrList fronts;                                    // ProxyProtocolFrom, a copy
 };
 
 static RemoteServices *g_pRemote = nullptr;  // main thread, but for its list
@@ -66,13 +71,14 @@ static int OnHandOver(Task *, uint32_t, uint32_t, uint32_t)
         MutexGuard lock(&pRemote->mutex);
         pHandOver = static_cast<HandOver *>(ListFirst(&pRemote->handOvers, LIST_DETACH));
     }
-    RtspSessionCreate(std::exchange(pHandOver->fd, -1), pHandOver->pData, pHandOver->nLen);
+    RtspSessionCreate(std::exchange(pHandOver->fd, -1), pHandOver->pData, pHandOver->nLen,
+                      pHandOver->bFronted ? &pHandOver->front : nullptr);
     FreeHandOver(nullptr, pHandOver);
     return -1;
 }
 
 // Proxy thread: the session is made where all sessions live.
-static int AcceptTunnel(void *pContext, int fd, const void *pData, size_t nLen)
+static int AcceptTunnel(void *pContext, int fd, const void *pData, size_t nLen, const HttpFronted *pFronted)
 {
     auto *pRemote = static_cast<RemoteServices *>(pContext);
     FdGuard sock(fd);
@@ -86,6 +92,9 @@ static int AcceptTunnel(void *pContext, int fd, const void *pData, size_t nLen)
     }
     memcpy(pHandOver->pData, pData, nLen);
     pHandOver->nLen = nLen;
+    pHandOver->bFronted = pFronted != nullptr;
+    if (pFronted)
+        pHandOver->front = {pFronted->bPeer, pFronted->peer};
     pHandOver->fd = sock.Release();
     {
         MutexGuard lock(&pRemote->mutex);
@@ -93,6 +102,31 @@ static int AcceptTunnel(void *pContext, int fd, const void *pData, size_t nLen)
     }
     TaskSchedule(&g_server.scheduler, OnHandOver, 0, fd, nullptr);
     return 1;
+}
+
+// Proxy thread.
+static int IsFront(void *pContext, const NetAddr *pAddr)
+{
+    auto *pRemote = static_cast<RemoteServices *>(pContext);
+    MutexGuard lock(&pRemote->mutex);
+    return AddrListHas(&pRemote->fronts, pAddr);
+}
+
+static int ReadHeader(const uint8_t *pData, size_t nBytes, HttpFronted *pOut)
+{
+    static_assert(kHttpHeaderMost == kProxyHeaderMost, "a whole header fits");
+    ProxyHeader header;
+    ProxyResult eResult = ProxyHeaderParse(pData, nBytes, &header);
+    *pOut = {header.nBytes, header.bPeer, header.peer};
+    return eResult == ProxyResult::Done ? 1 : eResult == ProxyResult::More ? 0 : -1;
+}
+
+void RemoteServicesFollowSettings()
+{
+    if (!g_pRemote)
+        return;
+    MutexGuard lock(&g_pRemote->mutex);
+    g_pRemote->fronts = g_server.proxyFrom;
 }
 
 // Notes how a listener of that port went, with errno when it was not opened. Returns whether it was.
@@ -117,6 +151,7 @@ static int StartProxy(RemoteServices *pRemote)
     settings.nMaxRelays = g_settings.nMaxWebRelays;
     settings.pfnHandOver = AcceptTunnel;
     settings.pContext = pRemote;
+    settings.fronts = {IsFront, ReadHeader};
     errno = 0;
     return Noted("web", settings.nListenPort, HttpProxyStart(&pRemote->proxy, &settings));
 }
@@ -166,6 +201,7 @@ int RemoteServicesStart()
     if (!g_pRemote)
         return 0;
     InitHandOvers(&g_pRemote->handOvers);
+    RemoteServicesFollowSettings();
     if (g_settings.bHttpProxy && !StartProxy(g_pRemote))
         return 0;
     return (!g_settings.bUnet && !g_settings.bZupo) || StartRelay(g_pRemote);

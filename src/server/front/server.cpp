@@ -10,8 +10,8 @@
 #include <sys/random.h>
 #include <sys/socket.h>
 
-#include "base/assertion.h"
 #include "base/console.h"
+#include "base/eventlog.h"
 #include "base/textbuf.h"
 #include "record/storage.h"
 #include "runtime/diskthread.h"
@@ -22,6 +22,8 @@
 #include "server/core/session.h"
 #include "server/core/settings.h"
 #include "server/front/events.h"
+#include "server/front/follow.h"
+#include "server/front/logs.h"
 #include "server/front/reload.h"
 #include "server/front/remoteservices.h"
 #include "server/front/startdoubts.h"
@@ -124,37 +126,11 @@ static void OnMonitorBurst(void * /*pContext*/, int bBegin)
     SchedulerCork(&g_server.scheduler, bBegin);
 }
 
-// A list that fills its buffer was cut, perhaps within an entry, which would then name a wider network.
-static void DropCutNetwork(char *szList, size_t nSize)
-{
-    char *pLast = strlen(szList) == nSize - 1 ? strrchr(szList, ' ') : nullptr;
-    if (!pLast)
-        return;
-    print("AnnounceFrom is too long: what stands behind \"%s\" is left out.\r\n", pLast + 1);
-    *pLast = '\0';
-}
-
-// --- The log, from which nobody waits for the disk while its thread runs ---
-
-static DiskLane g_logLane;
-static DiskJob g_logJob;  // in the lane, or nobody's
-
-static int RunLogJob(DiskJob *)
-{
-    return LogWriteSome();
-}
-
-static void PostLogJob()
-{
-    DiskPostLazy(&g_logLane, &g_logJob);
-}
-
 static int StartDisk()
 {
     if (!DiskStart(&g_server.scheduler))
         return 0;
-    g_logJob.pfnRun = RunLogJob;
-    LogDivert(PostLogJob);
+    LogsDivert();
     return 1;
 }
 
@@ -171,21 +147,17 @@ int ServerStart(const char *szConfigPath)
     tzset();  // which reads a file
     ClearServer();
     StartDoubtsCheck(szConfigPath);
-    if (!SettingsRead(&g_settings, szConfigPath)) {
-        StartDoubtsSay();
-        ClearServer();
-        return 0;
-    }
-    if (!StartDoubtsSay())
+    int bRead = SettingsRead(&g_settings, szConfigPath);
+    EventsOpen();
+    if (!StartDoubtsSay() || !bRead)
         return Refuse();
-    DropCutNetwork(g_settings.szAnnounceFrom, sizeof(g_settings.szAnnounceFrom));
-    AddrListParse(&g_server.announceFrom, g_settings.szAnnounceFrom, "AnnounceFrom",
-                  g_settings.bStandardPlayers);
+    SettingLists lists;
+    ListsParse(&lists, &g_settings);
     g_server.nMaxRegisterId = GuidStoreNextId(g_settings.szGuidPath);
     EventsInit();
     SeedRandom();
-    AssertSurvivePeerFaults(g_settings.bSurvivePeerFaults);
-    ThreadAllowNoPriority(g_settings.bRunUnprivileged);
+    FollowLists(&lists);
+    ReloadInit();
     PathList interrupted;
     PrepareStorage(&interrupted);
     RegistryInit(OnFreePort);
@@ -204,6 +176,7 @@ int ServerStart(const char *szConfigPath)
         ServerStop();
         return 0;
     }
+    EventsBegin();
     return 1;
 }
 
@@ -214,12 +187,14 @@ static int StopDisk()
     constexpr uint32_t kMostMs = 10000;
     size_t nLost = DiskStop(kMostMs);
     if (nLost > 0)
+        EventSay(EventLevel::Error, "disk.stalled", {EventNumber("lost_bytes", static_cast<int64_t>(nLost))});
+    if (nLost > 0)
         print(
             "The disk stalls: the last %zu bytes of recordings are lost, and their files stay "
             "interrupted.\r\n",
             nLost);
     else
-        LogDivert(nullptr);  // a disk that stalls would take this thread, too
+        LogsRejoin();  // a disk that stalls would take this thread, too
     return nLost == 0;
 }
 
@@ -245,6 +220,7 @@ void ServerStop()
     delete g_server.pPortMgr;
     AuthFree(g_server.pAuth);
     if (bDiskEnded) {  // else its thread reads the settings yet
+        EventsEnd();
         AccountFileFree();
         ClearServer();
     }

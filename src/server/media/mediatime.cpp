@@ -7,6 +7,7 @@
 #include "base/assertion.h"
 #include "base/console.h"
 #include "base/datablock.h"
+#include "base/eventlog.h"
 #include "runtime/clock.h"
 #include "server/core/settings.h"
 
@@ -38,7 +39,7 @@ static int KeepsLine()
 static int64_t ClockStep(const MediaClock *pClock, uint32_t nTimeScale, uint32_t nRtpTime)
 {
     uint32_t nStep = nRtpTime - pClock->nLastRtpTime;
-    if (!KeepsLine())
+    if (!pClock->bKept)
         return static_cast<int32_t>(nStep);
     int64_t nDue = int64_t{ClockMs() - pClock->nArrivedMs} * nTimeScale / 1000;
     return nDue + static_cast<int32_t>(nStep - static_cast<uint32_t>(nDue));
@@ -267,6 +268,9 @@ static uint32_t NoteJump(Program *pProg, unsigned nTrack, uint32_t *pnJump)
     if (g_settings.bStandardPushers && (!pLine->bJumped || ClockMs() - pLine->nJumpedMs >= kOneJumpMs))
         print("Program(%s): the clock of its track %u jumped by %d ms.\r\n", pProg->szName, nTrack,
               ClockDiff(0, *pnJump));
+    EventSay(EventLevel::Warn, "pusher.jump",
+             {EventText("program", pProg->Uri), EventNumber("track", nTrack),
+              EventNumber("jump_ms", ClockDiff(0, *pnJump))});
     pLine->bJumped = 1;
     pLine->nJumpTrack = nTrack;
     pLine->nJumpedMs = ClockMs();
@@ -305,10 +309,13 @@ static uint32_t FollowLine(Program *pProg, unsigned nTrack, int bFirst, uint32_t
 
 int PacketTime(Program *pProg, unsigned nTrack, uint32_t nRtpTime, uint32_t *pMs, uint32_t *pnFlags)
 {
-    int bFirst = !pProg->desc.mediaInfos[nTrack].clock.bTimeKnown;
+    MediaClock *pClock = &pProg->desc.mediaInfos[nTrack].clock;
+    int bFirst = !pClock->bTimeKnown;
+    if (bFirst)
+        pClock->bKept = KeepsLine();
     if (!MediaTime(pProg, nTrack, nRtpTime, pMs))
         return 0;
-    *pnFlags = KeepsLine() ? FollowLine(pProg, nTrack, bFirst, pMs) : 0;
+    *pnFlags = pClock->bKept ? FollowLine(pProg, nTrack, bFirst, pMs) : 0;
     return 1;
 }
 

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "base/console.h"
+#include "base/eventlog.h"
 #include "runtime/clock.h"
 #include "runtime/sockutil.h"
 #include "server/core/program.h"
@@ -78,6 +79,10 @@ void QueueTell(const Session *pSession, const char *szWhat)
     const char *szUri = pSession->pProg->Uri;
     print("Player(%s) of %s: %u KB and %u ms wait, %s.\r\n", szPeer, szUri, nKilobytes, nMs, szWhat);
     log("Player(%s) of %s: %u KB and %u ms wait, %s", szPeer, szUri, nKilobytes, nMs, szWhat);
+    EventSay(
+        EventLevel::Warn, "player.slow",
+        {EventText("peer", szPeer), EventText("program", szUri), EventText("user", pSession->viewer.szUser),
+         EventNumber("waiting_kb", nKilobytes), EventNumber("waiting_ms", nMs), EventText("what", szWhat)});
 }
 
 void QueueTellCrowded(Session *pSession, uint32_t nNow)
@@ -95,6 +100,7 @@ static void TellDropped(Session *pSession, uint32_t nGroups)
 {
     SessionFlow *pFlow = &pSession->flow;
     pFlow->nDropped += nGroups;
+    pSession->told.nDroppedGroups += nGroups;
     if (nGroups == 0 || (pFlow->bTold && ClockDiff(ClockMs(), pFlow->nToldClock) < kTellEveryMs))
         return;
     char szWhat[64];
@@ -120,6 +126,7 @@ int QueueRelieve(Session *pSession)
     QueueDropCrowded(pSession);
     print("Player Client(socket=0x%x) has a full queue, its media is dropped!\r\n",
           SessionPeerPort(pSession)->fd);
+    pSession->told.nDroppedGroups++;
     return !QueueIsFull(pSession);
 }
 
@@ -186,6 +193,7 @@ int QueueKeepBounds(Session *pSession)
         return 1;
     if (!g_settings.bAutoDrop) {
         QueueTell(pSession, "it is closed");
+        SessionNoteEnd(pSession, "it was too slow: more waited than its queue may hold");
         return 0;
     }
     if (HasGroups(pSession)) {

@@ -37,6 +37,7 @@ void SleepIfIdle(Session *pPusher)
     if (!g_settings.bLowEnergy || !pProg || !PusherKnows(pProg) || !IsIdle(pProg))
         return;
     if (!Tell(pPusher, "SLEEP")) {
+        SessionNoteEnd(pPusher, "it could not be told to sleep");
         SessionEnd(pPusher);
         return;
     }
@@ -47,8 +48,7 @@ void SleepIfIdle(Session *pPusher)
 void ProgramWake(Program *pProg)
 {
     Session *pPusher = pProg->pPusher;
-    if (!g_settings.bLowEnergy || !pProg->bLive || !pProg->sleep.bSleeping || !pProg->sleep.tIdleSince ||
-        !pPusher)
+    if (!pProg->bLive || !pProg->sleep.bSleeping || !pProg->sleep.tIdleSince || !pPusher)
         return;
     ProgramClearCache(pProg);
     Tell(pPusher, "WAKE");

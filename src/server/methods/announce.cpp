@@ -9,6 +9,7 @@
 #include "server/core/tracks.h"
 #include "server/media/liveprogram.h"
 #include "record/sdpreader.h"
+#include "server/core/sessionevents.h"
 #include "server/media/questions.h"
 #include "server/media/replies.h"
 #include "server/media/sleep.h"
@@ -65,7 +66,7 @@ static int ShowsAccount(Session *pSession, Port *pPort, const Request *pRequest,
 // One that has gone and is waited for may have another address now.
 static int IsSamePusher(const Port *pPort, const Program *pOld, const CheckedUser *pUser)
 {
-    if (g_settings.bAnnounceAuth)
+    if (g_settings.bAnnounceAuth && pOld->szAnnouncer[0])  // else nobody was asked who it is then
         return strcmp(pOld->szAnnouncer, pUser->szUser) == 0;
     if (!pOld->pPusher)
         return 1;
@@ -86,6 +87,8 @@ static int ReplaceOldPusher(Session *pSession, Port *pPort, const char *szPath, 
         print("The same pusher Announce again, %s.\r\n",
               g_settings.bStandardPushers && g_settings.nHoldPlayers > 0 ? "its players wait"
                                                                          : "Destroy the old program");
+        SockAddrToString(&pPort->remote, pPusher->ending.szBy);
+        SessionNoteEnd(pPusher, "another pusher took its place");
         SessionEnd(pPusher);
         return 1;
     }
@@ -152,6 +155,7 @@ static Verdict StartPusher(Session *pSession, Port *pPort, Program *pProg, const
     pSession->nFlags |= SESSION_PUSHER;
     if (KnowsOurRequests(pRequest))
         PusherShows(pSession);
+    SessionSayStart(pSession);
     SessionSchedule(pSession, OnLiveWatchdog, g_settings.nLiveTime * 1000);
     pSession->nState = STATE_DESCRIBED;
     SessionCopyTracks(pSession, pProg);
