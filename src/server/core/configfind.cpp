@@ -16,6 +16,7 @@ namespace orx {
 constexpr size_t kNumberBytes = 31;  // of a value that are looked at for a number
 constexpr size_t kNameBytes = 40;    // longer names are near none
 constexpr int kShownBytes = 80;      // of a value
+constexpr size_t kReasonSize = 300;  // room of why it is doubtful
 
 // ---------------------------------------------------------------- rows
 
@@ -262,23 +263,17 @@ static void AddPlace(const ConfigFound *pFound, const ConfigLine *pLine, int bSe
     TextAdd(pText, " ");
 }
 
-static void AddArguments(TextBuf *pText, const char *szFormat, va_list args)
-{
-    char szPiece[300];
-    vsnprintf(szPiece, sizeof(szPiece), szFormat, args);
-    TextAdd(pText, "%s", szPiece);
-}
-
 void ConfigSay(const ConfigFound *pFound, int bRefuses, const ConfigLine *pLine, int bSecret,
                const char *szFormat, ...)
 {
-    char szText[sizeof(Doubt::szText)];
+    char szText[sizeof(Doubt::szText)], szPiece[kReasonSize];
     TextBuf text{szText, sizeof(szText)};
     AddPlace(pFound, pLine, bSecret, &text);
     va_list args;
     va_start(args, szFormat);
-    AddArguments(&text, szFormat, args);
+    vsnprintf(szPiece, sizeof(szPiece), szFormat, args);
     va_end(args);
+    TextAdd(&text, "%s", szPiece);
     DoubtAddAt(pFound->pDoubts, bRefuses, pLine ? pLine->nLine : 0, szText);
 }
 
@@ -292,7 +287,7 @@ static const char *MeaningOf(const ConfigFound *pFound, const Setting *pRow)
 
 void ConfigSayRow(const ConfigFound *pFound, const Setting *pRow, int nUser, const char *szFormat, ...)
 {
-    char szText[sizeof(Doubt::szText)], szTaken[kTakenSize], szKey[32];
+    char szText[sizeof(Doubt::szText)], szPiece[kReasonSize], szTaken[kTakenSize], szKey[32];
     TextBuf text{szText, sizeof(szText)}, key{szKey, sizeof(szKey)};
     ConfigLine line = *ConfigLineOf(pFound, pRow, nUser);
     if (!line.nLine) {
@@ -307,8 +302,9 @@ void ConfigSayRow(const ConfigFound *pFound, const Setting *pRow, int nUser, con
     AddPlace(pFound, &line, ConfigIsSecret(pRow), &text);
     va_list args;
     va_start(args, szFormat);
-    AddArguments(&text, szFormat, args);
+    vsnprintf(szPiece, sizeof(szPiece), szFormat, args);
     va_end(args);
+    TextAdd(&text, "%s", szPiece);
     ConfigTaken(pFound, pRow, nUser, szTaken, sizeof(szTaken));
     TextAdd(&text, ": ");
     AddShown(&text, szTaken[0] ? szTaken : "nothing");

@@ -9,7 +9,7 @@ namespace orx {
 
 struct Doubt {
     unsigned nLine;    // of the file; 0: none
-    char szText[512];  // the whole line
+    char szText[768];  // the whole line
     int bRefuses;  // it is about who may do what, or about what the server cannot be without: no strict start
 };
 
