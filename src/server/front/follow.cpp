@@ -11,6 +11,7 @@
 #include "server/front/remoteservices.h"
 #include "server/media/recordcontrol.h"
 #include "server/media/storagecare.h"
+#include "server/methods/accountfile.h"
 #include "server/methods/auth.h"
 
 namespace orx {
@@ -47,6 +48,7 @@ void FollowSettings(const SettingLists *pLists)
     FollowLists(pLists);
     SchedulerSetExact(&g_server.scheduler, HasLowDelay());
     g_server.pAuth->bFreshNonce = g_settings.bFreshNonce;
+    AccountFileFollowSettings();
     RemoteServicesFollowSettings();
     StorageCareFollowSettings();
     RecordersFollowSettings();
