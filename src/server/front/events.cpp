@@ -434,8 +434,9 @@ static void OnClose(int fd)
     print("OnClose(0x%x)\r\n", fd);
     Port *pPort = FindPort(fd);
     Session *pSession = FindSession(fd);
+    int nErrno = pPort ? SockTakeError(fd) : 0;
     if (pPort && pSession)
-        SessionClosePortFor(pSession, pPort, kEndClosed, SockTakeError(fd));
+        SessionClosePortFor(pSession, pPort, nErrno ? kEndBroken : kEndClosed, nErrno);
     else if (pPort && (pPort->nFlags & PORT_AWAITS_PEER))
         FrontDrop(pPort);
     else if (pPort)

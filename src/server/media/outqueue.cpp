@@ -70,6 +70,17 @@ static int64_t WaitingBytes(const Session *pSession)
     return SessionMediaWaiting(pSession) - pSession->flow.nStartHeld;
 }
 
+static void SaySlow(const Session *pSession, const char *szWhat)
+{
+    char szPeer[kAddrTextSize];
+    SessionRemoteText(pSession, szPeer);
+    EventSay(EventLevel::Warn, "player.slow",
+             {EventText("peer", szPeer), EventText("program", pSession->pProg->Uri),
+              EventText("user", pSession->viewer.szUser),
+              EventNumber("waiting_kb", SessionMediaWaiting(pSession) / 1024),
+              EventNumber("waiting_ms", WaitedMs(pSession)), EventText("what", szWhat)});
+}
+
 void QueueTell(const Session *pSession, const char *szWhat)
 {
     char szPeer[kAddrTextSize];
@@ -79,10 +90,7 @@ void QueueTell(const Session *pSession, const char *szWhat)
     const char *szUri = pSession->pProg->Uri;
     print("Player(%s) of %s: %u KB and %u ms wait, %s.\r\n", szPeer, szUri, nKilobytes, nMs, szWhat);
     log("Player(%s) of %s: %u KB and %u ms wait, %s", szPeer, szUri, nKilobytes, nMs, szWhat);
-    EventSay(
-        EventLevel::Warn, "player.slow",
-        {EventText("peer", szPeer), EventText("program", szUri), EventText("user", pSession->viewer.szUser),
-         EventNumber("waiting_kb", nKilobytes), EventNumber("waiting_ms", nMs), EventText("what", szWhat)});
+    SaySlow(pSession, szWhat);
 }
 
 void QueueTellCrowded(Session *pSession, uint32_t nNow)
@@ -126,7 +134,8 @@ int QueueRelieve(Session *pSession)
     QueueDropCrowded(pSession);
     print("Player Client(socket=0x%x) has a full queue, its media is dropped!\r\n",
           SessionPeerPort(pSession)->fd);
-    pSession->told.nDroppedGroups++;
+    if (pSession->told.nDroppedGroups++ == 0)
+        SaySlow(pSession, "its media is dropped");
     return !QueueIsFull(pSession);
 }
 

@@ -1,6 +1,7 @@
 #include "server/media/sleep.h"
 
 #include "base/console.h"
+#include "base/eventlog.h"
 #include "runtime/clock.h"
 #include "server/core/settings.h"
 #include "server/media/questions.h"
@@ -42,6 +43,7 @@ void SleepIfIdle(Session *pPusher)
         return;
     }
     print("Prog(%s) enter sleeping state...\r\n", pProg->Uri);
+    EventSay(EventLevel::Info, "pusher.sleep", {EventText("program", pProg->Uri)});
     pProg->sleep.bSleeping = 1;
 }
 
@@ -56,6 +58,7 @@ void ProgramWake(Program *pProg)
     pProg->sleep.bSleeping = 0;
     pProg->sleep.tIdleSince = 0;
     print("Prog(%s) end sleeping state.\r\n", pProg->Uri);
+    EventSay(EventLevel::Info, "pusher.wake", {EventText("program", pProg->Uri)});
 }
 
 }  // namespace orx
