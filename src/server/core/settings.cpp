@@ -173,6 +173,11 @@ static int32_t Clamped(const Setting *pRow, int32_t nDefault, int32_t nValue)
     return nValue;
 }
 
+int SettingClamped(const Setting *pRow, int nValue)
+{
+    return Clamped(pRow, pRow->nDefault, nValue);
+}
+
 // The number that was read for a row.
 static int32_t NumberOf(const Settings *pSettings, const Setting *pRow)
 {

@@ -160,6 +160,9 @@ void SettingsFree(Settings *pSettings);
 // in *pRead, for SettingsFree. Of what did not change nothing is written: others may just be reading it.
 // Scheduler thread where pInForce is g_settings.
 void SettingsTake(Settings *pInForce, Settings *pRead, TextBuf *pRestart);
+// What a row makes of a number that stands in a file.
+int SettingClamped(const Setting *pRow, int nValue);
+
 // Whether the UDP ports of media keep the server from starting: 1 with what is said of it, else 0.
 int SettingsUdpRangeFault(const Settings *pSettings, char *szOut, size_t nSize);
 

@@ -129,14 +129,15 @@ void RemoteServicesFollowSettings()
     g_pRemote->fronts = g_server.proxyFrom;
 }
 
-// With errno when it could not be opened.
-static void NoteListener(const char *szName, unsigned nPort, int bOpen)
+// Notes how a listener of that port went, with errno when it was not opened. Returns whether it was.
+static int Noted(const char *szName, int nPort, int bOpen)
 {
-    int nErrno = bOpen ? 0 : errno;
-    char szAddress[kAddrTextSize];
-    TextBuf text{szAddress, sizeof(szAddress)};
-    TextAdd(&text, SettingsListenIpv6(&g_settings) ? "[%s]:%u" : "%s:%u", g_settings.szListenIp, nPort);
-    ListenerNote(szName, szAddress, bOpen || nErrno ? nErrno : EINVAL);
+    int nErrno = errno;
+    char szAddress[80];
+    TextBuf address{szAddress, sizeof(szAddress)};
+    TextAdd(&address, SettingsListenIpv6(&g_settings) ? "[%s]:%d" : "%s:%d", g_settings.szListenIp, nPort);
+    ListenerNote(szName, szAddress, bOpen ? 0 : nErrno ? nErrno : EADDRNOTAVAIL);
+    return bOpen;
 }
 
 static int StartProxy(RemoteServices *pRemote)
@@ -152,9 +153,7 @@ static int StartProxy(RemoteServices *pRemote)
     settings.pContext = pRemote;
     settings.fronts = {IsFront, ReadHeader};
     errno = 0;
-    int bStarted = HttpProxyStart(&pRemote->proxy, &settings);
-    NoteListener("web", g_settings.nHttpProxyListenPort, bStarted);
-    return bStarted;
+    return Noted("web", settings.nListenPort, HttpProxyStart(&pRemote->proxy, &settings));
 }
 
 static void Register(RemoteServices *pRemote)
@@ -177,7 +176,8 @@ static int StartRelay(RemoteServices *pRemote)
     // the relay's library has IPv4 alone: on "::" it is there as on 0.0.0.0, on another IPv6 address nowhere
     if (!bKnown || (AddrIsIpv6(&bindTo) && !IN6_IS_ADDR_UNSPECIFIED(&bindTo.in6.sin6_addr))) {
         print("Unet: ListenIp=%s is no address that is known.\r\n", g_settings.szListenIp);
-        return 0;
+        errno = 0;
+        return Noted("relay", static_cast<int>(g_settings.nUnetPort), 0);
     }
     settings.nBindIp = SockGetIp(&bindTo);
     settings.nPort = static_cast<int>(g_settings.nUnetPort);
@@ -186,9 +186,7 @@ static int StartRelay(RemoteServices *pRemote)
     settings.pfnGetAddress = NetGetAddress;
     settings.szCfgPath = g_settings.szConfigPath;
     errno = 0;
-    int bStarted = UnetStart(&pRemote->unet, &settings);
-    NoteListener("relay", g_settings.nUnetPort, bStarted);
-    if (!bStarted)
+    if (!Noted("relay", settings.nPort, UnetStart(&pRemote->unet, &settings)))
         return 0;
     if (g_settings.bZupo)
         Register(pRemote);

@@ -23,9 +23,10 @@
 #include "server/core/settings.h"
 #include "server/front/events.h"
 #include "server/front/follow.h"
-#include "server/front/reload.h"
 #include "server/front/logs.h"
+#include "server/front/reload.h"
 #include "server/front/remoteservices.h"
+#include "server/front/startdoubts.h"
 #include "server/media/storagecare.h"
 #include "server/methods/accountfile.h"
 #include "server/methods/accounts.h"
@@ -98,15 +99,16 @@ static void OpenListener()
 {
     NetAddr addr;
     int fd = -1;
-    if (SockSetAddrEx(&addr, g_settings.szListenIp, static_cast<int>(g_settings.nListenPort),
-                      SettingsListenIpv6(&g_settings)))
+    int bKnown = SockSetAddrEx(&addr, g_settings.szListenIp, static_cast<int>(g_settings.nListenPort),
+                               SettingsListenIpv6(&g_settings));
+    if (bKnown)
         fd = SockListenTcp(&addr);
     char szAddr[kAddrTextSize];
     if (fd < 0) {
         int nErrno = errno;
         TextBuf wanted{szAddr, sizeof(szAddr)};
         TextAdd(&wanted, "%s:%u", g_settings.szListenIp, g_settings.nListenPort);
-        ListenerNote("rtsp", szAddr, nErrno);
+        ListenerNote("rtsp", szAddr, bKnown && nErrno ? nErrno : EADDRNOTAVAIL);
         print("Listen error %d\n", nErrno);
         return;
     }
@@ -132,15 +134,23 @@ static int StartDisk()
     return 1;
 }
 
+// Ends a start before anything was made.
+static int Refuse()
+{
+    RegistryInit(OnFreePort);
+    ServerStop();
+    return 0;
+}
+
 int ServerStart(const char *szConfigPath)
 {
     tzset();  // which reads a file
     ClearServer();
-    if (!SettingsRead(&g_settings, szConfigPath)) {
-        ClearServer();
-        return 0;
-    }
+    StartDoubtsCheck(szConfigPath);
+    int bRead = SettingsRead(&g_settings, szConfigPath);
     EventsOpen();
+    if (!StartDoubtsSay() || !bRead)
+        return Refuse();
     SettingLists lists;
     ListsParse(&lists, &g_settings);
     g_server.nMaxRegisterId = GuidStoreNextId(g_settings.szGuidPath);
@@ -161,7 +171,8 @@ int ServerStart(const char *szConfigPath)
     MonitorSetBurstProc(&g_server.monitor, OnMonitorBurst);
     OpenListener();
     StorageCareStart(&interrupted);
-    if (!RemoteServicesStart()) {
+    int bRemote = RemoteServicesStart();
+    if (!StartDoubtsOfListeners() || !bRemote) {
         ServerStop();
         return 0;
     }
@@ -248,6 +259,7 @@ static void GatherStat(ServerStat *pStat, int bWithSessions)
 {
     pStat->nTasks = SchedulerTaskCount(&g_server.scheduler);
     pStat->nLives = ProgramCountLive();
+    pStat->tRead = ReloadTime();
     pStat->nMonitors = g_server.monitor.nAdded;
     unsigned nCount = ListCount(&g_server.sessions);
     if (bWithSessions && nCount)
