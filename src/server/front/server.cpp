@@ -203,7 +203,9 @@ void ServerStop()
     RemoteServicesStop();
     DiskDetach();
     ThreadJoin(&g_server.monitor.thread);  // no more events; its sockets stay while tasks may still use them
+    ReloadDetach();
     SchedulerDestroy(&g_server.scheduler);
+    ReloadEnd();
     WifiRoutersStop();
     RemoteServicesFree();
     MonitorDestroy(&g_server.monitor);
