@@ -26,13 +26,13 @@ static void DropCutNetwork(char *szList, size_t nSize, const char *szKey)
     *pLast = '\0';
 }
 
-void ListsParse(SettingLists *pLists, Settings *pSettings)
+void ListsParse(SettingLists *pLists, Settings *pSettings, int bIpv6)
 {
     char *szAnnounce = pSettings->szAnnounceFrom, *szProxy = pSettings->szProxyProtocolFrom;
     DropCutNetwork(szAnnounce, sizeof(pSettings->szAnnounceFrom), "AnnounceFrom");
     DropCutNetwork(szProxy, sizeof(pSettings->szProxyProtocolFrom), "ProxyProtocolFrom");
-    AddrListParse(&pLists->announceFrom, szAnnounce, "AnnounceFrom", pSettings->bStandardPlayers);
-    AddrListParse(&pLists->proxyFrom, szProxy, "ProxyProtocolFrom", pSettings->bStandardPlayers);
+    AddrListParse(&pLists->announceFrom, szAnnounce, "AnnounceFrom", bIpv6);
+    AddrListParse(&pLists->proxyFrom, szProxy, "ProxyProtocolFrom", bIpv6);
 }
 
 void FollowLists(const SettingLists *pLists)

@@ -152,7 +152,7 @@ int ServerStart(const char *szConfigPath)
     if (!StartDoubtsSay() || !bRead)
         return Refuse();
     SettingLists lists;
-    ListsParse(&lists, &g_settings);
+    ListsParse(&lists, &g_settings, g_settings.bStandardPlayers);
     g_server.nMaxRegisterId = GuidStoreNextId(g_settings.szGuidPath);
     EventsInit();
     SeedRandom();
