@@ -93,11 +93,11 @@ int StartRefusesLong(const char *szConfigPath)
     int bStrict = DoubtsStrict(taken.bStrictConfig), bLasts = taken.bSurvivePeerFaults;
     SettingsFree(&taken);
     DoubtsFree(&doubts);
-    if (eState != ConfigState::Fails || !bStrict || bLasts)
+    if (eState != ConfigState::Fails || bLasts)
         return 0;
     StartDoubtsCheck(szConfigPath);
     StartDoubtsSay();
-    return 1;
+    return bStrict;
 }
 
 }  // namespace orx

@@ -27,7 +27,8 @@ int StartDoubtsOfListeners();
 // Whether the last start was strict: one that failed ends the process with status 1.
 int StartIsStrict();
 
-// Whether a file that is too long to be read ends a strict start, which is then said: reading it would abort.
+// Says the doubts of a file that is too long to be read, which aborts. Returns whether the start is strict and
+// ends by it instead.
 int StartRefusesLong(const char *szConfigPath);
 
 }  // namespace orx
