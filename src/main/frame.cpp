@@ -20,6 +20,7 @@
 #include "base/installdir.h"
 #include "base/textbuf.h"
 #include "runtime/thread.h"
+#include "server/front/reload.h"
 #include "server/front/server.h"
 
 namespace orx {
@@ -31,6 +32,7 @@ static constexpr unsigned kStateTicks = 50;  // the state file is written when m
 static constexpr char kStateSection[] = "MAIN";  // of the state file
 
 static std::atomic<int> g_bTerminate{0};  // set by the signal handler, looked at by the loops
+static std::atomic<int> g_bHangup{0};     // the same
 
 static int WantsDaemon(int argc, char **argv)
 {
@@ -112,13 +114,14 @@ static void OnSignal(int nSignal)
             g_bTerminate = 1;
             break;
         case SIGHUP:  // a terminal that was closed takes no server with it
+            g_bHangup = 1;
             break;
         default:
             OnSegv();
     }
 }
 
-// SIGTERM asks the loops to end.
+// SIGTERM asks the loops to end, SIGHUP to have the configuration read again.
 static void InstallSignalHandlers()
 {
     for (int nSignal : {SIGINT, SIGSEGV, SIGCHLD, SIGPIPE, SIGTERM, SIGHUP})
@@ -178,6 +181,8 @@ static void SleepTick()
 {
     usleep(kTickMs * 1000);
     ConsoleFlush(0);
+    if (g_bHangup.exchange(0))
+        ReloadSignal();
 }
 
 // Standard input, line by line. What is too long for the buffer is dropped up to the line's end.

@@ -42,6 +42,7 @@ struct MediaClock {
     uint32_t nTimeShift = 0;    // added to its ms, so that all tracks share a time line that does not jump
     uint32_t nMs = 0;           // what the last packet got, where jumps do not show
     uint32_t nArrivedMs = 0;    // and ClockMs then
+    int bKept = 0;              // on the line of the program: as the settings said at the first packet
     ReportClock report;
 };
 
@@ -212,6 +213,8 @@ struct AlwaysRecorded {
     int bFailed = 0;                // the last one could not be opened, which was said
     uint32_t nTriedMs = 0;          // ClockMs when the last one was over, with bTried
     int bTried = 0;
+    int bRenew = 0;  // from nRenewMs (ClockMs) on the next key frame ends it and begins one anew
+    uint32_t nRenewMs = 0;
 };
 
 // A flush of the players that takes several tasks.

@@ -47,6 +47,7 @@ struct ServerConfig {
     EventProcs events;
     PortMgr *pPortMgr = nullptr;  // owned
     AddrList announceFrom;        // [GUARD] AnnounceFrom
+    AddrList proxyFrom;           // [INTEROP] ProxyProtocolFrom
     int64_t nCachedBytes = 0;     // of memory, that the caches of all programs take
     int64_t nQueuedBytes = 0;     // the same of the media that waits for all sessions
     int nMaxRegisterId = 0;       // number of the next name that REGISTER gives; the disk thread's

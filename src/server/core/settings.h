@@ -1,5 +1,7 @@
 // Every key of the configuration, and what the server keeps of them: read from the file before anything else
-// runs, and only read afterwards. Any thread may read.
+// runs, and again when that is asked for (see server/front/reload.h), on the scheduler thread. What counts
+// from the next start only any thread may read; all else the scheduler thread alone, which gives others a
+// copy of what they need.
 #pragma once
 
 #include <cstddef>
@@ -7,6 +9,10 @@
 #include <span>
 
 namespace orx {
+
+struct TextBuf;
+
+constexpr size_t kRecordPathSize = 512;  // room of a directory of recordings
 
 struct Settings {
     char szConfigPath[128] = "";
@@ -78,6 +84,7 @@ struct Settings {
     char szLogFile[256] = "";       // relative to the installation directory; empty: none
     char szLogFormat[16] = "";      // text or json
     char szStatusSocket[108] = "";  // the same; a path as sun_path takes it
+    int bLogFile = 0;               // of the small log, which main reads by itself
 };
 
 constexpr int64_t Megabytes(uint32_t n)  // in bytes
@@ -85,7 +92,7 @@ constexpr int64_t Megabytes(uint32_t n)  // in bytes
     return int64_t{n} * 1024 * 1024;
 }
 
-// Written by ServerStart and ServerStop on the main thread, while nothing else runs.
+// Written by ServerStart and ServerStop on the main thread, while nothing else runs, and by SettingsTake.
 extern Settings g_settings;
 
 // Whether pictures leave for players as soon as they are whole.
@@ -109,6 +116,13 @@ enum class SettingKind { Number, Text };
 
 constexpr size_t kNotHere = SIZE_MAX;  // offset of what another module reads
 
+// From when on a value counts that is read while the server runs.
+enum class Counts {
+    AtOnce,
+    ForNew,   // for what begins from then on: sessions, programs, files, looks at a clock
+    Restart,  // from the next start
+};
+
 struct SettingPlace {
     const char *szReader;  // "server": SettingsRead; else the module that reads the key where it needs it
     size_t nOffset;        // of the field of Settings, or kNotHere
@@ -120,6 +134,7 @@ struct Setting {
     const char *szSection;
     const char *szKey;  // with "%d" one key for each number from 0
     SettingPlace place;
+    Counts counts;
     SettingKind kind;
     // Of a text its default. Of a number null, where nDefault counts, or a key above whose value does.
     const char *szDefault;
@@ -135,6 +150,12 @@ std::span<const Setting> SettingsTable();
 // as invalid. SettingsFree gives back what it holds and makes it all zero.
 int SettingsRead(Settings *pSettings, const char *szPath);
 void SettingsFree(Settings *pSettings);
+
+// Takes over what was read anew, but for what counts from the next start: that stays, and the names of such
+// keys that differ are added to *pRestart, between blanks (to a full one no more). What is replaced is left
+// in *pRead, for SettingsFree. Of what did not change nothing is written: others may just be reading it.
+// Scheduler thread where pInForce is g_settings.
+void SettingsTake(Settings *pInForce, Settings *pRead, TextBuf *pRestart);
 
 // Whether ListenIp is an IPv6 address, which only standard players may make it.
 int SettingsListenIpv6(const Settings *pSettings);

@@ -15,6 +15,7 @@
 #include "server/core/session.h"
 #include "server/core/settings.h"
 #include "server/front/dispatch.h"
+#include "server/front/fronts.h"
 #include "server/front/limits.h"
 #include "server/media/ingest.h"
 #include "server/media/reports.h"
@@ -45,41 +46,94 @@ static void *EventArgument(uint32_t nEvent, uint32_t nGeneration)
     return reinterpret_cast<void *>(static_cast<uintptr_t>(nGeneration << 16 | nEvent));
 }
 
-// Readies an accepted socket and makes a session on it; null with the socket closed when that is not
-// possible.
-static Session *OpenSession(int fd)
+static void TuneSocket(int fd)
 {
     linger reset{1, 0};  // a close resets the connection, so that no dead peer keeps it
     SockSetOption(fd, SOL_SOCKET, SO_SNDBUF, kSendBufferBytes);
     SockSetOption(fd, SOL_SOCKET, SO_RCVBUF, kReceiveBufferBytes);
     setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+}
+
+// Whether there is room for a session of that peer; where not, that is printed.
+static int HasRoom(const NetAddr *pRemote, int bFronted)
+{
     if (ListCount(&g_server.sessions) > g_settings.nConnectLimit) {
         print("Exceed the connect-limit! Refuse to accept new client to connect.\r\n");
-        SockClose(fd);
-        return nullptr;
+        return 0;
     }
+    if (!AddressIsFull(pRemote, bFronted))
+        return 1;
     char szRemote[kAddrTextSize];
-    NetAddr remote;
-    if (SockGetPeerName(fd, &remote) == 0 && AddressIsFull(&remote)) {
-        SockAddrToString(&remote, szRemote);
-        print("Too many sessions of %s! Refuse to accept new client to connect.\r\n", szRemote);
-        SockClose(fd);
-        return nullptr;
-    }
-    Port *pPort = CreateTcpPort(fd);
-    if (!pPort)
-        return nullptr;
-    SockSetNonBlock(fd, 1);
+    SockAddrToString(pRemote, szRemote);
+    print("Too many sessions of %s! Refuse to accept new client to connect.\r\n", szRemote);
+    return 0;
+}
+
+// Makes a session on a port; null with the port closed when that is not possible.
+static Session *BeginSession(Port *pPort)
+{
+    int fd = pPort->fd;
     Session *pSession = CreateSession(pPort);
     if (!pSession) {
         PortClose(pPort);
         return nullptr;
     }
     LimitsWatch();
+    char szRemote[kAddrTextSize];
     SockAddrToString(&pPort->remote, szRemote);
     print("Create session(fd=0x%x) from %s\r\n", fd, szRemote);
     log("Create session(fd=0x%x) from %s", fd, szRemote);
     return pSession;
+}
+
+// Readies an accepted socket and makes a session on it; null with the socket closed when that is not
+// possible. pFront: what the front says whose connection it is; null: nobody's.
+static Session *OpenSession(int fd, const FrontedPeer *pFront)
+{
+    NetAddr remote;
+    TuneSocket(fd);
+    if (SockGetPeerName(fd, &remote) != 0)  // it has gone: CreateTcpPort says so
+        remote = NetAddr();
+    if (pFront && pFront->bPeer)
+        remote = pFront->peer;
+    if (!HasRoom(&remote, pFront != nullptr)) {
+        SockClose(fd);
+        return nullptr;
+    }
+    Port *pPort = CreateTcpPort(fd);
+    if (!pPort)
+        return nullptr;
+    if (pFront)
+        PortNamePeer(pPort, pFront->bPeer ? &pFront->peer : nullptr);
+    SockSetNonBlock(fd, 1);
+    return BeginSession(pPort);
+}
+
+// A front has named the peer: from here on the connection is as any other.
+static void OnPeerNamed(Port *pPort)
+{
+    if (!HasRoom(&pPort->remote, 1)) {
+        PortClose(pPort);
+        return;
+    }
+    int fd = pPort->fd;
+    if (!BeginSession(pPort))
+        return;
+    SessionScheduleIdleCheck(pPort);
+    OnRead(fd);  // what stands behind the header is not reported again
+}
+
+// A connection that was accepted.
+static void TakeConnection(int fd)
+{
+    if (FrontIs(fd)) {
+        TuneSocket(fd);
+        FrontAwait(fd);
+        return;
+    }
+    Session *pSession = OpenSession(fd, nullptr);
+    if (pSession)
+        SessionScheduleIdleCheck(pSession->peer.Cmd);
 }
 
 // Accepts some of those that wait. Returns in how many ms to look for the rest, which is not reported again:
@@ -95,9 +149,7 @@ static int AcceptSome(int fdListen)
                 print("accept(socket=0x%x) err=%d.\r\n", fdListen, errno);
             return kAcceptRetryMs;
         }
-        Session *pSession = OpenSession(fd);
-        if (pSession)
-            SessionScheduleIdleCheck(pSession->peer.Cmd);
+        TakeConnection(fd);
     }
     return kMoreDelayMs;
 }
@@ -125,9 +177,9 @@ static void OnAccept(int fdListen)
         TaskSchedule(&g_server.scheduler, OnAcceptRetry, static_cast<uint32_t>(nDelayMs), fdListen, nullptr);
 }
 
-int RtspSessionCreate(int fd, const void *pData, size_t nLen)
+int RtspSessionCreate(int fd, const void *pData, size_t nLen, const FrontedPeer *pFront)
 {
-    Session *pSession = OpenSession(fd);
+    Session *pSession = OpenSession(fd, pFront);
     if (!pSession)
         return 0;
     pSession->peer.Cmd->nFlags |= PORT_HANDED_OVER;
@@ -182,7 +234,7 @@ static void OnReport(Session *pSession, int i, const uint8_t *pData, size_t nLen
 
 static int IsUdpPusher(const Session *pSession)
 {
-    return (pSession->nFlags & SESSION_PUSHER) && g_settings.bStandardPushers && g_settings.bUdpPushers;
+    return pSession->datagrams.bWatch && (pSession->nFlags & SESSION_PUSHER);
 }
 
 // Handles a datagram that begins behind room for the head of a '$' frame. Returns 0 when the session must
@@ -347,6 +399,8 @@ int OnRead(int fd)
         print("OnRead() failed and CloseSock(fd=0x%x).\r\n", fd);
         return -1;
     }
+    if (pPort && (pPort->nFlags & PORT_AWAITS_PEER))
+        return FrontRead(pPort);
     ORX_ASSERT(pPort && pSession, "!port && !session");
     if (MayNotRead(pSession, pPort))
         return 0;
@@ -360,6 +414,8 @@ static void OnClose(int fd)
     Session *pSession = FindSession(fd);
     if (pPort && pSession)
         SessionClosePort(pSession, pPort);
+    else if (pPort && (pPort->nFlags & PORT_AWAITS_PEER))
+        FrontDrop(pPort);
     else if (pPort)
         PortClose(pPort);
     else
@@ -458,6 +514,7 @@ void EventsInit()
     g_nAcceptAgainMs = 0;
     g_pAcceptAgain = nullptr;
     LimitsInit();
+    FrontsInit(OnPeerNamed);
 }
 
 void OnMonitorEvent(void * /*pContext*/, int fd, uint32_t nEvent, uint32_t nGeneration)

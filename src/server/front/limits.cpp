@@ -35,11 +35,11 @@ static int CountsByAddress(const Session *pSession)
            !pSession->viewer.bAdmitted;
 }
 
-int AddressIsFull(const NetAddr *pAddr)
+int AddressIsFull(const NetAddr *pAddr, int bFronted)
 {
     uint64_t nIp = AddrCounted(pAddr);
     uint32_t nSessions = 0;
-    if (!g_settings.nMaxSessionsPerAddress || IsOwnBox(pAddr))
+    if (!g_settings.nMaxSessionsPerAddress || (!bFronted && IsOwnBox(pAddr)))
         return 0;
     for (const Session *p = FirstSession(); p; p = NextSession(p)) {
         const Port *pPort = SessionPeerPort(p);

@@ -19,6 +19,13 @@ using ReloadDone = void (*)(void *pContext, const ReloadResult *pResult);
 // pfnDone (may be null) there. A reading that is asked for while one is under way follows it. Any thread.
 void ReloadAsk(ReloadDone pfnDone, void *pContext);
 
+// Does so for a signal: reopens the log of events as well. Does nothing unless [LOG] or [STATUS] is
+// configured. Main thread.
+void ReloadSignal();
+
+// Notes the settings that the server starts with. Main thread, before others run.
+void ReloadInit();
+
 // When the values in force were read, seconds since the epoch. Scheduler thread.
 time_t ReloadTime();
 

@@ -9,7 +9,9 @@
 
 #include "base/console.h"
 #include "base/fdguard.h"
+#include "net/addrlist.h"
 #include "net/ifaddr.h"
+#include "net/proxyheader.h"
 #include "remote/httpproxy.h"
 #include "remote/unet.h"
 #include "runtime/mutexguard.h"
@@ -28,13 +30,16 @@ struct HandOver {
     int fd = -1;    // owned
     size_t nLen = 0;
     uint8_t *pData = nullptr;  // owned, from malloc
+    int bFronted = 0;          // came through a front
+    FrontedPeer front{};       // then
 };
 
 struct RemoteServices {
     HttpProxy proxy;
     Unet unet;
-    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // guards the list
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // guards what follows
     List handOvers;                                     // HandOver, one per task to run; owned
+    AddrList fronts;                                    // ProxyProtocolFrom, a copy
 };
 
 static RemoteServices *g_pRemote = nullptr;  // main thread, but for its list
@@ -64,13 +69,14 @@ static int OnHandOver(Task *, uint32_t, uint32_t, uint32_t)
         MutexGuard lock(&pRemote->mutex);
         pHandOver = static_cast<HandOver *>(ListFirst(&pRemote->handOvers, LIST_DETACH));
     }
-    RtspSessionCreate(std::exchange(pHandOver->fd, -1), pHandOver->pData, pHandOver->nLen);
+    RtspSessionCreate(std::exchange(pHandOver->fd, -1), pHandOver->pData, pHandOver->nLen,
+                      pHandOver->bFronted ? &pHandOver->front : nullptr);
     FreeHandOver(nullptr, pHandOver);
     return -1;
 }
 
 // Proxy thread: the session is made where all sessions live.
-static int AcceptTunnel(void *pContext, int fd, const void *pData, size_t nLen)
+static int AcceptTunnel(void *pContext, int fd, const void *pData, size_t nLen, const HttpFronted *pFronted)
 {
     auto *pRemote = static_cast<RemoteServices *>(pContext);
     FdGuard sock(fd);
@@ -84,6 +90,9 @@ static int AcceptTunnel(void *pContext, int fd, const void *pData, size_t nLen)
     }
     memcpy(pHandOver->pData, pData, nLen);
     pHandOver->nLen = nLen;
+    pHandOver->bFronted = pFronted != nullptr;
+    if (pFronted)
+        pHandOver->front = {pFronted->bPeer, pFronted->peer};
     pHandOver->fd = sock.Release();
     {
         MutexGuard lock(&pRemote->mutex);
@@ -91,6 +100,31 @@ static int AcceptTunnel(void *pContext, int fd, const void *pData, size_t nLen)
     }
     TaskSchedule(&g_server.scheduler, OnHandOver, 0, fd, nullptr);
     return 1;
+}
+
+// Proxy thread.
+static int IsFront(void *pContext, const NetAddr *pAddr)
+{
+    auto *pRemote = static_cast<RemoteServices *>(pContext);
+    MutexGuard lock(&pRemote->mutex);
+    return AddrListHas(&pRemote->fronts, pAddr);
+}
+
+static int ReadHeader(const uint8_t *pData, size_t nBytes, HttpFronted *pOut)
+{
+    static_assert(kHttpHeaderMost == kProxyHeaderMost, "a whole header fits");
+    ProxyHeader header;
+    ProxyResult eResult = ProxyHeaderParse(pData, nBytes, &header);
+    *pOut = {header.nBytes, header.bPeer, header.peer};
+    return eResult == ProxyResult::Done ? 1 : eResult == ProxyResult::More ? 0 : -1;
+}
+
+void RemoteServicesFollowSettings()
+{
+    if (!g_pRemote)
+        return;
+    MutexGuard lock(&g_pRemote->mutex);
+    g_pRemote->fronts = g_server.proxyFrom;
 }
 
 static int StartProxy(RemoteServices *pRemote)
@@ -104,6 +138,7 @@ static int StartProxy(RemoteServices *pRemote)
     settings.nMaxRelays = g_settings.nMaxWebRelays;
     settings.pfnHandOver = AcceptTunnel;
     settings.pContext = pRemote;
+    settings.fronts = {IsFront, ReadHeader};
     return HttpProxyStart(&pRemote->proxy, &settings);
 }
 
@@ -150,6 +185,7 @@ int RemoteServicesStart()
     if (!g_pRemote)
         return 0;
     InitHandOvers(&g_pRemote->handOvers);
+    RemoteServicesFollowSettings();
     if (g_settings.bHttpProxy && !StartProxy(g_pRemote))
         return 0;
     return (!g_settings.bUnet && !g_settings.bZupo) || StartRelay(g_pRemote);

@@ -10,7 +10,6 @@
 #include <sys/random.h>
 #include <sys/socket.h>
 
-#include "base/assertion.h"
 #include "base/console.h"
 #include "base/textbuf.h"
 #include "record/storage.h"
@@ -22,6 +21,8 @@
 #include "server/core/session.h"
 #include "server/core/settings.h"
 #include "server/front/events.h"
+#include "server/front/follow.h"
+#include "server/front/reload.h"
 #include "server/front/remoteservices.h"
 #include "server/media/storagecare.h"
 #include "server/methods/accountfile.h"
@@ -121,16 +122,6 @@ static void OnMonitorBurst(void * /*pContext*/, int bBegin)
     SchedulerCork(&g_server.scheduler, bBegin);
 }
 
-// A list that fills its buffer was cut, perhaps within an entry, which would then name a wider network.
-static void DropCutNetwork(char *szList, size_t nSize)
-{
-    char *pLast = strlen(szList) == nSize - 1 ? strrchr(szList, ' ') : nullptr;
-    if (!pLast)
-        return;
-    print("AnnounceFrom is too long: what stands behind \"%s\" is left out.\r\n", pLast + 1);
-    *pLast = '\0';
-}
-
 // --- The log, from which nobody waits for the disk while its thread runs ---
 
 static DiskLane g_logLane;
@@ -163,14 +154,13 @@ int ServerStart(const char *szConfigPath)
         ClearServer();
         return 0;
     }
-    DropCutNetwork(g_settings.szAnnounceFrom, sizeof(g_settings.szAnnounceFrom));
-    AddrListParse(&g_server.announceFrom, g_settings.szAnnounceFrom, "AnnounceFrom",
-                  g_settings.bStandardPlayers);
+    SettingLists lists;
+    ListsParse(&lists, &g_settings);
     g_server.nMaxRegisterId = GuidStoreNextId(g_settings.szGuidPath);
     EventsInit();
     SeedRandom();
-    AssertSurvivePeerFaults(g_settings.bSurvivePeerFaults);
-    ThreadAllowNoPriority(g_settings.bRunUnprivileged);
+    FollowLists(&lists);
+    ReloadInit();
     PathList interrupted;
     PrepareStorage(&interrupted);
     RegistryInit(OnFreePort);

@@ -38,7 +38,7 @@ static int KeepsLine()
 static int64_t ClockStep(const MediaClock *pClock, uint32_t nTimeScale, uint32_t nRtpTime)
 {
     uint32_t nStep = nRtpTime - pClock->nLastRtpTime;
-    if (!KeepsLine())
+    if (!pClock->bKept)
         return static_cast<int32_t>(nStep);
     int64_t nDue = int64_t{ClockMs() - pClock->nArrivedMs} * nTimeScale / 1000;
     return nDue + static_cast<int32_t>(nStep - static_cast<uint32_t>(nDue));
@@ -305,10 +305,13 @@ static uint32_t FollowLine(Program *pProg, unsigned nTrack, int bFirst, uint32_t
 
 int PacketTime(Program *pProg, unsigned nTrack, uint32_t nRtpTime, uint32_t *pMs, uint32_t *pnFlags)
 {
-    int bFirst = !pProg->desc.mediaInfos[nTrack].clock.bTimeKnown;
+    MediaClock *pClock = &pProg->desc.mediaInfos[nTrack].clock;
+    int bFirst = !pClock->bTimeKnown;
+    if (bFirst)
+        pClock->bKept = KeepsLine();
     if (!MediaTime(pProg, nTrack, nRtpTime, pMs))
         return 0;
-    *pnFlags = KeepsLine() ? FollowLine(pProg, nTrack, bFirst, pMs) : 0;
+    *pnFlags = pClock->bKept ? FollowLine(pProg, nTrack, bFirst, pMs) : 0;
     return 1;
 }
 

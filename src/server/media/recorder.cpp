@@ -141,47 +141,50 @@ static void ChooseName(const Opening *p, char *szFile, size_t nSize)
 {
     TextBuf text{szFile, nSize};
     const RecordOrder *pOrder = &p->order;
-    const char *szRoot = g_settings.szRecordPath, *szName = PathName(p->pRecorder->szUri);
-    int bConfined = g_settings.bConfineRecordings;
+    const char *szRoot = p->pRecorder->plan.szRoot, *szName = PathName(p->pRecorder->szUri);
+    int bConfined = p->pRecorder->plan.bConfined, bNeverLose = p->pRecorder->plan.rules.bNeverLose;
     if (!pOrder->bNamed && bConfined)
         StorageNamePath(szFile, nSize, szRoot, szName, pOrder->nKind);
     else if (!pOrder->bNamed)
-        StorageNextPath(szFile, nSize, szRoot, szName, pOrder->nKind, g_settings.bNeverLose);
+        StorageNextPath(szFile, nSize, szRoot, szName, pOrder->nKind, bNeverLose);
     else if (bConfined && pOrder->szFile[0] && pOrder->szFile[0] != '/')
         TextAdd(&text, "%s%s", szRoot, pOrder->szFile);
     else
         TextAdd(&text, "%s", pOrder->szFile);
     if (pOrder->bNamed && !bConfined)
-        StorageFreePath(szFile, nSize, g_settings.bNeverLose);
+        StorageFreePath(szFile, nSize, bNeverLose);
 }
 
-static RecordRules Rules()
+static void MakePlan(FilePlan *pPlan)
 {
-    return {g_settings.bNeverLose, g_settings.bWideUnits, g_settings.bStandardPushers,
-            g_settings.bAutoDelOldFile, g_settings.nReserveMegabytes};
+    TextCopy(pPlan->szRoot, sizeof(pPlan->szRoot), g_settings.szRecordPath);
+    pPlan->bConfined = g_settings.bConfineRecordings;
+    pPlan->nMinutePerFile = g_settings.nMinutePerFile;
+    pPlan->rules = {g_settings.bNeverLose, g_settings.bWideUnits, g_settings.bStandardPushers,
+                    g_settings.bAutoDelOldFile, g_settings.nReserveMegabytes};
 }
 
 static ZMFWriter *CreateWriter(const Opening *p, const char *szFile)
 {
-    const RecordRules rules = Rules();
+    const RecordRules *pRules = &p->pRecorder->plan.rules;
     if (p->order.bNamed)
-        return IsSafeFileName(szFile) ? ZMFWriterCreateFile(szFile, p->order.nKind, nullptr, nullptr, &rules)
+        return IsSafeFileName(szFile) ? ZMFWriterCreateFile(szFile, p->order.nKind, nullptr, nullptr, pRules)
                                       : nullptr;
-    return ZMFWriterCreate(g_settings.szRecordPath, PathName(p->pRecorder->szUri), p->order.nKind, nullptr, 0,
-                           &rules);
+    return ZMFWriterCreate(p->pRecorder->plan.szRoot, PathName(p->pRecorder->szUri), p->order.nKind, nullptr,
+                           0, pRules);
 }
 
 // The same below the directory of recordings, whatever links and ".." make of the name.
 static ZMFWriter *CreateConfined(const Opening *p, const char *szFile)
 {
     char szProgram[kStoragePathSize];
-    const char *szRoot = g_settings.szRecordPath;
-    const RecordRules rules = Rules();
+    const char *szRoot = p->pRecorder->plan.szRoot;
+    const RecordRules *pRules = &p->pRecorder->plan.rules;
     if (p->order.bNamed)
-        return IsRecordingName(szFile) ? ZMFWriterCreateFile(szFile, p->order.nKind, nullptr, szRoot, &rules)
+        return IsRecordingName(szFile) ? ZMFWriterCreateFile(szFile, p->order.nKind, nullptr, szRoot, pRules)
                                        : nullptr;
     return StorageProgramPath(szProgram, sizeof(szProgram), p->pRecorder->szUri)
-               ? ZMFWriterCreate(szRoot, szProgram, p->order.nKind, nullptr, 1, &rules)
+               ? ZMFWriterCreate(szRoot, szProgram, p->order.nKind, nullptr, 1, pRules)
                : nullptr;
 }
 
@@ -198,11 +201,11 @@ static ZMFWriter *OpenWriter(const Opening *p)
     ZMFWriter *pWriter = nullptr;
     int bQuiet = p->order.bAgain;  // but for what succeeds
     ChooseName(p, szFile, sizeof(szFile));
-    if (g_settings.bConfineRecordings && (pWriter = CreateConfined(p, szFile)))
+    if (p->pRecorder->plan.bConfined && (pWriter = CreateConfined(p, szFile)))
         ZMFWriterFileName(pWriter, szFile, sizeof(szFile));  // the name that was free
     if (!bQuiet)
         TellStart(p, szFile);
-    if (!g_settings.bConfineRecordings)
+    if (!p->pRecorder->plan.bConfined)
         pWriter = CreateWriter(p, szFile);
     if (!pWriter && !bQuiet)
         print("Create record file(%s) failed!\r\n", PrintableText(szFile).sz);
@@ -212,8 +215,8 @@ static ZMFWriter *OpenWriter(const Opening *p)
 // A step towards the room that a recording needs. One that there is none for ends, which is printed.
 static int MakeRoom(Opening *p, ZMFWriter *pWriter)
 {
-    RoomResult eResult =
-        ZMFWriterReserveStep(pWriter, g_settings.nReserveMegabytes, g_settings.bAutoDelOldFile);
+    RoomResult eResult = ZMFWriterReserveStep(pWriter, p->pRecorder->plan.rules.nReserveMegabytes,
+                                              p->pRecorder->plan.rules.bDeleteOldest);
     if (eResult == RoomResult::There)
         p->eStage = OpeningStage::Packets;
     if (eResult == RoomResult::None && !p->order.bAgain)
@@ -231,7 +234,7 @@ static int BeginFile(ZMFWriter *pWriter, const Opening *p)
     }
     ZMFWriterSetLabel(pWriter, p->szNick);
     return ZMFWriterSetSdp(pWriter, p->szSdp) &&
-           ZMFWriterSetLimits(pWriter, g_settings.nMinutePerFile * 60,
+           ZMFWriterSetLimits(pWriter, p->pRecorder->plan.nMinutePerFile * 60,
                               static_cast<uint32_t>(p->order.nLimitSeconds)) &&
            ZMFWriterWriteHead(pWriter);
 }
@@ -383,6 +386,7 @@ static PacketJob *NewPacket(Recorder *pRecorder, const Program *pProg, const Dat
 struct HoleJob {
     DiskJob job;  // first
     uint32_t nMs;
+    int bLogged;
     char szUri[sizeof(Recorder::szUri)];
 };
 
@@ -391,7 +395,7 @@ static int RunHole(DiskJob *pJob)
     auto *p = reinterpret_cast<HoleJob *>(pJob);
     PrintableText uri(p->szUri);
     print("The disk is too slow: %u ms of %s are not recorded.\r\n", p->nMs, uri.sz);
-    if (g_settings.bNeverLose)
+    if (p->bLogged)
         log("The disk is too slow: %u ms of %s are not recorded.", p->nMs, uri.sz);
     free(p);
     return 1;
@@ -402,7 +406,7 @@ static void TellHole(Recorder *pRecorder)
     auto *p = static_cast<HoleJob *>(malloc(sizeof(HoleJob)));
     if (!p)
         return;
-    *p = HoleJob{{}, ClockMs() - pRecorder->nHoleMs, ""};
+    *p = HoleJob{{}, ClockMs() - pRecorder->nHoleMs, g_settings.bNeverLose, ""};
     TextCopy(p->szUri, sizeof(p->szUri), pRecorder->szUri);
     p->job.pfnRun = RunHole;
     DiskPostLazy(&pRecorder->lane, &p->job);
@@ -470,6 +474,8 @@ Recorder *RecorderNew(const Program *pProg, const RecordOrder *pOrder, uint32_t 
         return nullptr;
     }
     pRecorder->nKind = pOrder->nKind;
+    pRecorder->nBornMs = ClockMs();
+    MakePlan(&pRecorder->plan);
     TextCopy(pRecorder->szUri, sizeof(pRecorder->szUri), pProg->Uri);
     p->pRecorder = pRecorder;
     p->nPreRecord = nPreRecord;
@@ -485,6 +491,18 @@ Recorder *RecorderNew(const Program *pProg, const RecordOrder *pOrder, uint32_t 
     }
     *ppOpening = &p->opening;
     return pRecorder;
+}
+
+int RecorderRenewMs(const Recorder *pRecorder)
+{
+    FilePlan now;
+    MakePlan(&now);
+    const FilePlan *p = &pRecorder->plan;
+    if (strcmp(now.szRoot, p->szRoot) == 0 && now.bConfined == p->bConfined &&
+        now.nMinutePerFile == p->nMinutePerFile && memcmp(&now.rules, &p->rules, sizeof(now.rules)) == 0)
+        return -1;
+    uint32_t nFileMs = p->nMinutePerFile * 60 * 1000;
+    return nFileMs ? static_cast<int>(nFileMs - (ClockMs() - pRecorder->nBornMs) % nFileMs) : 0;
 }
 
 static void OnOpened(DiskJob *pJob)

@@ -47,8 +47,7 @@ void SleepIfIdle(Session *pPusher)
 void ProgramWake(Program *pProg)
 {
     Session *pPusher = pProg->pPusher;
-    if (!g_settings.bLowEnergy || !pProg->bLive || !pProg->sleep.bSleeping || !pProg->sleep.tIdleSince ||
-        !pPusher)
+    if (!pProg->bLive || !pProg->sleep.bSleeping || !pProg->sleep.tIdleSince || !pPusher)
         return;
     ProgramClearCache(pProg);
     Tell(pPusher, "WAKE");

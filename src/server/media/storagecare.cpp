@@ -9,6 +9,7 @@
 
 #include "base/console.h"
 #include "base/printable.h"
+#include "base/textbuf.h"
 #include "record/storage.h"
 #include "record/storagekeep.h"
 #include "record/zmfrepair.h"
@@ -127,13 +128,17 @@ struct KeepAll {
     DiskLane lane;
     StorageKeep keep;
     int bBegun = 0;
+    char szRoot[kRecordPathSize] = "";  // as the settings were when it was posted
+    uint32_t nDays = 0;
 };
+
+static Task *g_pKeep = nullptr;  // looks each hour; null: nothing is too old. Scheduler thread
 
 static int RunKeep(DiskJob *pJob)
 {
     auto *p = reinterpret_cast<KeepAll *>(pJob);
     if (!p->bBegun)
-        StorageKeepBegin(&p->keep, g_settings.szRecordPath, g_settings.nKeepDays);
+        StorageKeepBegin(&p->keep, p->szRoot, p->nDays);
     p->bBegun = 1;
     if (!g_bStop && StorageKeepStep(&p->keep))
         return 0;
@@ -149,8 +154,14 @@ static void OnKept(DiskJob *pJob)
 // Should one take longer than an hour, the next only goes over what it has left.
 static int OnKeepDue(Task *, uint32_t, uint32_t, uint32_t)
 {
+    if (g_settings.nKeepDays == 0) {
+        g_pKeep = nullptr;
+        return -1;
+    }
     auto *p = new (std::nothrow) KeepAll;
     if (p) {
+        TextCopy(p->szRoot, sizeof(p->szRoot), g_settings.szRecordPath);
+        p->nDays = g_settings.nKeepDays;
         p->job.pfnRun = RunKeep;
         p->job.pfnDone = OnKept;
         DiskPost(&p->lane, &p->job);
@@ -162,8 +173,14 @@ void StorageCareStart(PathList *pInterrupted)
 {
     g_bStop = 0;
     StartRepair(pInterrupted);
-    if (g_settings.nKeepDays > 0)
-        TaskSchedule(&g_server.scheduler, OnKeepDue, 0, 0, nullptr);
+    g_pKeep = nullptr;
+    StorageCareFollowSettings();
+}
+
+void StorageCareFollowSettings()
+{
+    if (!g_pKeep && g_settings.nKeepDays > 0)
+        g_pKeep = TaskSchedule(&g_server.scheduler, OnKeepDue, 0, 0, nullptr);
 }
 
 void StorageCareStop()

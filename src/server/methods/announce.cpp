@@ -65,7 +65,7 @@ static int ShowsAccount(Session *pSession, Port *pPort, const Request *pRequest,
 // One that has gone and is waited for may have another address now.
 static int IsSamePusher(const Port *pPort, const Program *pOld, const CheckedUser *pUser)
 {
-    if (g_settings.bAnnounceAuth)
+    if (g_settings.bAnnounceAuth && pOld->szAnnouncer[0])  // else nobody was asked who it is then
         return strcmp(pOld->szAnnouncer, pUser->szUser) == 0;
     if (!pOld->pPusher)
         return 1;

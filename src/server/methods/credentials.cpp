@@ -19,7 +19,8 @@ constexpr size_t kMaxCredentials = kMaxHeadBytes + 32;  // a header block and wh
 constexpr int kMaxFailures = 3;                         // of one connection
 
 // The address that failures count for: of a relayed peer its own, so that the next one in its place does not
-// wait for it. 0: they do not count. The box itself, from where others may be served, is not slowed down.
+// wait for it. 0: they do not count. The box itself, from where others may be served, is not slowed down; who
+// comes through a front is never the box itself.
 static uint64_t CountedIp(const Port *pPort)
 {
     uint64_t nIp = AddrCounted(&pPort->remote);
@@ -27,6 +28,8 @@ static uint64_t CountedIp(const Port *pPort)
     if (nPeer && nPeer != INADDR_LOOPBACK)
         nIp = nPeer;
     int bOwnBox = AddrIsIpv6(&pPort->remote) ? IsOwnBox(&pPort->remote) : nIp == INADDR_LOOPBACK;
+    if (pPort->nFlags & PORT_FRONTED)
+        bOwnBox = 0;
     return g_settings.nAuthFailDelay && !bOwnBox ? nIp : 0;
 }
 
