@@ -28,8 +28,8 @@ static int Fail(int nExit, const std::string &text)
 
 static int NoServer(const std::string &why)
 {
-    return Fail(CTL_NO_SERVER,
-                why + "\norxctl: is Orx running, with [STATUS] Socket set, and may you use it?");
+    Fail(CTL_NO_SERVER, why);
+    return Fail(CTL_NO_SERVER, "does Orx run, with [STATUS] Socket set, and may you use that socket?");
 }
 
 // Of a terminal; a pipe or file gets whole lines.

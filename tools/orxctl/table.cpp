@@ -12,15 +12,15 @@ static std::string Format(const char *szFormat, double dValue)
     return text;
 }
 
-// In steps of a thousand, with three digits that count.
+// In steps of a thousand, with two digits that count.
 static std::string Scaled(double dValue, const char *const *ppUnits)
 {
-    while (dValue >= 999.5 && ppUnits[1]) {
+    int bWhole = 1;
+    for (; dValue >= 999.5 && ppUnits[1]; ppUnits++) {
         dValue /= 1000;
-        ppUnits++;
+        bWhole = 0;
     }
-    return Format(dValue < 9.995 && dValue != static_cast<int>(dValue) ? "%.1f" : "%.0f", dValue) + " " +
-           *ppUnits;
+    return Format(dValue < 9.95 && !bWhole ? "%.1f " : "%.0f ", dValue) + *ppUnits;
 }
 
 static std::string Span(double dSeconds)
