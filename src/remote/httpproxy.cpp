@@ -113,6 +113,17 @@ static void OnNamed(HttpProxy *pProxy, HttpPending pending)
         Refuse(pProxy, pending.fd, &addr);
 }
 
+static void TellNoHeader(int fd)
+{
+    char szPeer[kAddrTextSize] = "";
+    NetAddr addr;
+    if (SockGetPeerName(fd, &addr) == 0)
+        SockAddrToString(&addr, szPeer);
+    print("HttpProxyServer: the front %s sent no PROXY header on 0x%x\n", szPeer, static_cast<unsigned>(fd));
+    EventSayBounded(EventLevel::Warn, "front.refused",
+                    {EventText("peer", szPeer), EventText("reason", "sent what is no PROXY header")});
+}
+
 // Looks for the header of a connection's front. Returns as PendingRead.
 static int HeaderRead(HttpProxy *pProxy, unsigned nIndex)
 {
@@ -131,7 +142,7 @@ static int HeaderRead(HttpProxy *pProxy, unsigned nIndex)
         OnNamed(pProxy, pending);
         return 1;
     }
-    print("HttpProxyServer: a front sent no PROXY header on 0x%x\n", static_cast<unsigned>(pending.fd));
+    TellNoHeader(pending.fd);
     SockClose(pending.fd);
     return 1;
 }

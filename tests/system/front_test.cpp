@@ -126,3 +126,20 @@ TEST_F(FrontTest, RefusesDatagrams)
                 testing::StartsWith("RTSP/1.0 461 "));
     EXPECT_EQ(1, RtspSetup(&player, 0, RTSP_OVER_TCP));
 }
+
+// A shell of the box may record without a password; who says through a front that it is there may not.
+TEST_F(FrontTest, IsNotTheBoxItself)
+{
+    server.Set("SERVER", "AuthType", "1");
+    server.Set("STORAGE", "RecordEnable", "1");
+    StartBehind("StrictRoles=1");
+    EXPECT_EQ(1, RtspOpenPusher(&pusher, server.Url("/cam").c_str(), CameraSdp()));
+    RtspClient shell;
+    Connect(&shell);
+    ConnectFor(&player, "127.0.0.1");
+    for (RtspClient *pClient : {&shell, &player}) {
+        EXPECT_THAT(Ask(pClient, "DESCRIBE"), testing::StartsWith("RTSP/1.0 401 "));
+        EXPECT_THAT(Ask(pClient, "RECORDEX", "", "ActionParam: Cmd=stop\r\n"),
+                    testing::StartsWith(pClient == &shell ? "RTSP/1.0 200 " : "RTSP/1.0 401 "));
+    }
+}

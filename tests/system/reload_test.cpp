@@ -89,6 +89,30 @@ TEST_F(ReloadTest, TellsWhatNeedsAStartAndTakesTheRest)
     EXPECT_EQ(0, RtspAnnounce(&pusher, CameraSdp()));
 }
 
+TEST_F(ReloadTest, TakesAccountsAndTheLevelOfTheLog)
+{
+    const std::string log = server.dir.File("log/events.log");
+    auto logs = [&](const std::string &text) {
+        return WaitFor([&] { return std::filesystem::exists(log) && ReadFile(log).find(text) != std::string::npos; });
+    };
+    server.Set("SERVER", "AuthType=1\nControlUsers=1");
+    server.Set("LOG", "Level=error\nFile=log/events.log");
+    StartLogged();
+    EXPECT_EQ(1, RtspOpenPusher(&pusher, server.Url("/cam").c_str(), CameraSdp()));
+    player.user = "me", player.password = "secret";
+    EXPECT_EQ(0, RtspOpenPlayer(&player, server.Url("/cam").c_str(), RTSP_OVER_TCP));
+    EXPECT_FALSE(std::filesystem::exists(log) && ReadFile(log).find("session.start") != std::string::npos);
+    file = With("Level=debug\n", "LOG");
+    Reload(With("NumUsers=1\nUserName0=me\nUserPwd0=secret\n[USERCTRL]\nUserDevList0=cam\n", "USERS"));
+    RtspClose(&player);
+    EXPECT_EQ(1, RtspOpenPlayer(&player, server.Url("/cam").c_str(), RTSP_OVER_TCP));
+    EXPECT_TRUE(logs("config.read"));
+    EXPECT_TRUE(logs("session.start"));
+    std::filesystem::rename(log, log + ".old");
+    Hangup(kRead);
+    EXPECT_TRUE(logs("config.read")) << "in a file anew";
+}
+
 TEST_F(ReloadTest, RecordsInANewPlaceFromTheNextFileOn)
 {
     server.Set("STORAGE", "RecordEnable=1\nRecordPath=" + server.dir.File("one") + "\nMinutePerFile=0");

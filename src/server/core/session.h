@@ -209,7 +209,7 @@ struct SessionTold {
     uint32_t tMade = 0;     // uptime in seconds at creation
     uint32_t tStarted = 0;  // when it began to play or to push
     uint32_t nDroppedGroups = 0;
-    char szUri[128] = "";
+    char szUri[256] = "";
     char szUser[64] = "";
     char szRemote[kAddrTextSize] = "";
 };

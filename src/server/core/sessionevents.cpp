@@ -56,17 +56,17 @@ void SessionSayStart(Session *pSession)
         return;
     pTold->bStarted = 1;
     pTold->tStarted = ClockUptime();
-    if (!EventWanted(EventLevel::Info))
-        return;
+    // told with the end, too, by when they may have gone, and more may be logged
     TextCopy(pTold->szUri, sizeof(pTold->szUri), pSession->pProg->Uri);
     TextCopy(pTold->szUser, sizeof(pTold->szUser), pSession->viewer.szUser);
-    char szRemote[kAddrTextSize];
-    SessionRemoteText(pSession, szRemote);
+    SessionRemoteText(pSession, pTold->szRemote);
+    if (!EventWanted(EventLevel::Info))
+        return;
     if (pSession->nFlags & SESSION_PUSHER)
-        SayPusherStart(pSession, szRemote);
+        SayPusherStart(pSession, pTold->szRemote);
     else
         EventSay(EventLevel::Info, "player.start",
-                 {EventText("peer", szRemote), EventText("program", pTold->szUri),
+                 {EventText("peer", pTold->szRemote), EventText("program", pTold->szUri),
                   EventText("session", SessionName(pSession).sz), EventText("user", pTold->szUser),
                   EventText("transport", SessionTransport(pSession))});
 }

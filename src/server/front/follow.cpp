@@ -11,6 +11,7 @@
 #include "server/front/remoteservices.h"
 #include "server/media/recordcontrol.h"
 #include "server/media/storagecare.h"
+#include "server/methods/accountfile.h"
 #include "server/methods/auth.h"
 
 namespace orx {
@@ -25,13 +26,13 @@ static void DropCutNetwork(char *szList, size_t nSize, const char *szKey)
     *pLast = '\0';
 }
 
-void ListsParse(SettingLists *pLists, Settings *pSettings)
+void ListsParse(SettingLists *pLists, Settings *pSettings, int bIpv6)
 {
     char *szAnnounce = pSettings->szAnnounceFrom, *szProxy = pSettings->szProxyProtocolFrom;
     DropCutNetwork(szAnnounce, sizeof(pSettings->szAnnounceFrom), "AnnounceFrom");
     DropCutNetwork(szProxy, sizeof(pSettings->szProxyProtocolFrom), "ProxyProtocolFrom");
-    AddrListParse(&pLists->announceFrom, szAnnounce, "AnnounceFrom", pSettings->bStandardPlayers);
-    AddrListParse(&pLists->proxyFrom, szProxy, "ProxyProtocolFrom", pSettings->bStandardPlayers);
+    AddrListParse(&pLists->announceFrom, szAnnounce, "AnnounceFrom", bIpv6);
+    AddrListParse(&pLists->proxyFrom, szProxy, "ProxyProtocolFrom", bIpv6);
 }
 
 void FollowLists(const SettingLists *pLists)
@@ -47,6 +48,7 @@ void FollowSettings(const SettingLists *pLists)
     FollowLists(pLists);
     SchedulerSetExact(&g_server.scheduler, HasLowDelay());
     g_server.pAuth->bFreshNonce = g_settings.bFreshNonce;
+    AccountFileFollowSettings();
     RemoteServicesFollowSettings();
     StorageCareFollowSettings();
     RecordersFollowSettings();

@@ -11,8 +11,9 @@ struct SettingLists {
     AddrList announceFrom, proxyFrom;
 };
 
-// Parses them; what is wrong is printed. A list that was cut loses its last entry. Any thread.
-void ListsParse(SettingLists *pLists, Settings *pSettings);
+// Parses them; what is wrong is printed. A list that was cut loses its last entry. bIpv6: IPv6 entries count,
+// by the StandardPlayers that is in force. Any thread.
+void ListsParse(SettingLists *pLists, Settings *pSettings, int bIpv6);
 
 // Puts the lists, and the switches of modules below the server, in force by g_settings. When the server
 // starts, and by FollowSettings.

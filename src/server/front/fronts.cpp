@@ -62,7 +62,8 @@ static void Tell(const NetAddr *pAddr, const char *szWhat)
     char szRemote[kAddrTextSize];
     SockAddrToString(pAddr, szRemote);
     print("The front %s %s. Its connection is closed.\r\n", szRemote, szWhat);
-    EventSay(EventLevel::Warn, "front.refused", {EventText("peer", szRemote), EventText("reason", szWhat)});
+    EventSayBounded(EventLevel::Warn, "front.refused",
+                    {EventText("peer", szRemote), EventText("reason", szWhat)});
 }
 
 // The port waits no longer.

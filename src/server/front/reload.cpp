@@ -11,7 +11,9 @@
 #include "base/inifile.h"
 #include "base/textbuf.h"
 #include "record/storage.h"
-#include "runtime/diskthread.h"
+#include "runtime/mutexguard.h"
+#include "runtime/task.h"
+#include "runtime/thread.h"
 #include "server/core/configcheck.h"
 #include "server/core/doubts.h"
 #include "server/core/registry.h"
@@ -19,14 +21,16 @@
 #include "server/front/follow.h"
 #include "server/front/logs.h"
 #include "server/front/startdoubts.h"
+#include "server/front/startdoubts.h"
 
 namespace orx {
 
 static constexpr size_t kKeysSize = 1024;  // all keys that count from the next start
 
-// One reading of the file: the disk thread fills it in, the scheduler thread takes it over.
+// One reading of the file: a thread of its own fills it in, which may wait for a name to be looked up; the
+// scheduler thread takes it over.
 struct Reading {
-    DiskJob job;  // first
+    ListNode node;  // first
     ReloadDone pfnDone = nullptr;
     void *pContext = nullptr;
     char szPath[sizeof(Settings::szConfigPath)] = "";
@@ -36,11 +40,19 @@ struct Reading {
     char szWhyNot[768] = "";  // empty: it is taken
 };
 
-static DiskLane g_lane;                 // one reading follows another
 static std::atomic<int> g_bSignals{0};  // a signal asks for a reading, too
 static time_t g_tRead = 0;              // scheduler thread
 
-// --- Reading: the disk thread's ---
+static struct Readings {
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // guards the next two
+    List waiting;                                       // one follows another; owned
+    int bDetached = 0;                                  // the scheduler is about to end
+    // The scheduler thread's.
+    Reading *pRuns = nullptr;  // under way; owned
+    Thread thread;             // of the last one
+} g_readings;
+
+// --- Reading: on its thread ---
 
 static void Refuse(Reading *p, const char *szWhy)
 {
@@ -70,9 +82,8 @@ static void RefuseDoubts(Reading *p)
             Refuse(p, p->doubts.pDoubts[i].szText);
 }
 
-static int RunReading(DiskJob *pJob)
+static void Read(Reading *p)
 {
-    auto *p = reinterpret_cast<Reading *>(pJob);
     ConfigState eState = ConfigCheck(p->szPath, &p->read, &p->doubts);
     if (eState == ConfigState::Missing)
         Refuse(p, "it is missing, empty or cannot be read");
@@ -83,10 +94,11 @@ static int RunReading(DiskJob *pJob)
     else if (DoubtsStrict(p->read.bStrictConfig))
         RefuseDoubts(p);
     if (p->szWhyNot[0])
-        return 1;
-    ListsParse(&p->lists, &p->read);
+        return;
+    DoubtsSay(&p->doubts, 0);
+    ListenerDoubts(&p->doubts);  // said at start, and true still
+    ListsParse(&p->lists, &p->read, g_settings.bStandardPlayers);
     StorageMakeDir(p->read.szRecordPath);
-    return 1;
 }
 
 // --- Taking over: the scheduler thread's ---
@@ -134,21 +146,16 @@ static void Take(Reading *p, TextBuf *pRestart)
     NoteSettings();
 }
 
-static void FreeReading(Reading *p)
+static void FreeReading(void * /*pUser*/, void *pItem)
 {
+    auto *p = static_cast<Reading *>(pItem);
     SettingsFree(&p->read);
     DoubtsFree(&p->doubts);
     delete p;
 }
 
-static void OnRead(DiskJob *pJob)
+static void TakeOver(Reading *p)
 {
-    auto *p = reinterpret_cast<Reading *>(pJob);
-    if (!g_server.scheduler.bReady) {  // the server stops
-        FreeReading(p);
-        return;
-    }
-    DoubtsSay(&p->doubts, 0);
     char szRestart[kKeysSize] = "";
     TextBuf restart{szRestart, sizeof(szRestart)};
     int bTaken = p->szWhyNot[0] == '\0';
@@ -161,14 +168,70 @@ static void OnRead(DiskJob *pJob)
     const ReloadResult result{bTaken, p->szWhyNot, szRestart};
     if (p->pfnDone)
         p->pfnDone(p->pContext, &result);
-    FreeReading(p);
+    FreeReading(nullptr, p);
 }
 
 // --- Asking ---
 
+static int OnAsked(Task *, uint32_t, uint32_t, uint32_t);
+
+static int OnRead(Task *pTask, uint32_t, uint32_t, uint32_t)
+{
+    g_readings.pRuns = nullptr;
+    TakeOver(static_cast<Reading *>(TaskArgument(pTask)));
+    return OnAsked(pTask, 0, 0, 0);
+}
+
+static void ReadingEntry(Thread *pThread)
+{
+    auto *p = static_cast<Reading *>(pThread->pArgument);
+    Read(p);
+    MutexGuard lock(&g_readings.mutex);
+    if (!g_readings.bDetached)
+        TaskSchedule(&g_server.scheduler, OnRead, 0, 0, p);
+}
+
+// Begins with the next one, unless one is under way.
+static int OnAsked(Task *, uint32_t, uint32_t, uint32_t)
+{
+    if (g_readings.pRuns)
+        return -1;
+    {
+        MutexGuard lock(&g_readings.mutex);
+        g_readings.pRuns = static_cast<Reading *>(ListFirst(&g_readings.waiting, LIST_DETACH));
+    }
+    if (!g_readings.pRuns)
+        return -1;
+    ThreadJoin(&g_readings.thread);  // its last act was to tell of its end
+    if (!ThreadCreate(&g_readings.thread, ReadingEntry, g_readings.pRuns)) {
+        ThreadJoin(&g_readings.thread);
+        Refuse(g_readings.pRuns, "there is no thread to read it");
+        TakeOver(std::exchange(g_readings.pRuns, nullptr));
+    }
+    return -1;
+}
+
 void ReloadInit()
 {
     NoteSettings();
+    g_readings.bDetached = 0;
+    ListInit(&g_readings.waiting, nullptr);
+    ListUsedDefMap(&g_readings.waiting, 0);
+    ListDataProc(&g_readings.waiting, FreeReading, nullptr);
+}
+
+void ReloadDetach()
+{
+    MutexGuard lock(&g_readings.mutex);
+    g_readings.bDetached = 1;
+}
+
+void ReloadEnd()
+{
+    ThreadJoin(&g_readings.thread);
+    if (g_readings.pRuns)
+        FreeReading(nullptr, std::exchange(g_readings.pRuns, nullptr));
+    ListDestroy(&g_readings.waiting);
 }
 
 void ReloadAsk(ReloadDone pfnDone, void *pContext)
@@ -178,9 +241,13 @@ void ReloadAsk(ReloadDone pfnDone, void *pContext)
     p->pfnDone = pfnDone;
     p->pContext = pContext;
     TextCopy(p->szPath, sizeof(p->szPath), g_settings.szConfigPath);
-    p->job.pfnRun = RunReading;
-    p->job.pfnDone = OnRead;
-    DiskPost(&g_lane, &p->job);
+    MutexGuard lock(&g_readings.mutex);
+    if (g_readings.bDetached) {
+        FreeReading(nullptr, p);
+        return;
+    }
+    ListAppend(&g_readings.waiting, p);
+    TaskSchedule(&g_server.scheduler, OnAsked, 0, 0, nullptr);
 }
 
 void ReloadSignal()

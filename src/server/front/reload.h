@@ -16,7 +16,8 @@ struct ReloadResult {
 using ReloadDone = void (*)(void *pContext, const ReloadResult *pResult);
 
 // Reads and checks the file off the scheduler thread; one task of that swaps the values, and then calls
-// pfnDone (may be null) there. A reading that is asked for while one is under way follows it. Any thread.
+// pfnDone (may be null) there, unless the server stops before. A reading that is asked for while one is under
+// way follows it. Any thread.
 void ReloadAsk(ReloadDone pfnDone, void *pContext);
 
 // Does so for a signal: reopens the log of events as well. Does nothing unless [LOG] or [STATUS] is
@@ -25,6 +26,10 @@ void ReloadSignal();
 
 // Notes the settings that the server starts with. Main thread, before others run.
 void ReloadInit();
+// No reading reaches the scheduler thread any more, which is about to end. Then, when it has: ends what is
+// under way. Main thread.
+void ReloadDetach();
+void ReloadEnd();
 
 // When the values in force were read, seconds since the epoch. Scheduler thread.
 time_t ReloadTime();

@@ -152,7 +152,7 @@ int ServerStart(const char *szConfigPath)
     if (!StartDoubtsSay() || !bRead)
         return Refuse();
     SettingLists lists;
-    ListsParse(&lists, &g_settings);
+    ListsParse(&lists, &g_settings, g_settings.bStandardPlayers);
     g_server.nMaxRegisterId = GuidStoreNextId(g_settings.szGuidPath);
     EventsInit();
     SeedRandom();
@@ -203,7 +203,9 @@ void ServerStop()
     RemoteServicesStop();
     DiskDetach();
     ThreadJoin(&g_server.monitor.thread);  // no more events; its sockets stay while tasks may still use them
+    ReloadDetach();
     SchedulerDestroy(&g_server.scheduler);
+    ReloadEnd();
     WifiRoutersStop();
     RemoteServicesFree();
     MonitorDestroy(&g_server.monitor);

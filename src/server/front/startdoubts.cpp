@@ -56,7 +56,7 @@ static constexpr ListenerKey g_listenerKeys[] = {
     {"status", "STATUS", "Socket"},
 };
 
-int StartDoubtsOfListeners()
+void ListenerDoubts(DoubtList *pList)
 {
     for (unsigned i = 0; i < g_server.nListeners; i++) {
         const ServerListener *p = &g_server.listeners[i];
@@ -67,9 +67,14 @@ int StartDoubtsOfListeners()
                 continue;
             TextAdd(&why, "cannot be listened on (%s, %s): no %s connection is taken", p->szAddress,
                     strerror_r(p->nErrno, szError, sizeof(szError)), p->szName);
-            ConfigDoubt(g_settings.szConfigPath, &g_doubts, 1, key.szSection, key.szKey, szWhy);
+            ConfigDoubt(g_settings.szConfigPath, pList, 1, key.szSection, key.szKey, szWhy);
         }
     }
+}
+
+int StartDoubtsOfListeners()
+{
+    ListenerDoubts(&g_doubts);
     return StartDoubtsSay();
 }
 

@@ -17,7 +17,11 @@ void StartDoubtsCheck(const char *szConfigPath);
 // Says the doubts that were not yet said. Returns 1, or 0 when the start is strict and one of all refuses it.
 int StartDoubtsSay();
 
-// Adds those about listeners that could not be opened, and says them. Results as StartDoubtsSay.
+// Adds those about listeners that could not be opened, which stay as they are while the server runs. Any
+// thread.
+void ListenerDoubts(DoubtList *pList);
+
+// Adds them to g_doubts, and says them. Results as StartDoubtsSay.
 int StartDoubtsOfListeners();
 
 // Whether the last start was strict: one that failed ends the process with status 1.

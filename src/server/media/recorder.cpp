@@ -228,7 +228,8 @@ static ZMFWriter *OpenWriter(const Opening *p)
     if (!pWriter && !bQuiet) {
         print("Create record file(%s) failed!\r\n", PrintableText(szFile).sz);
         RecordSay(EventLevel::Error, "recording.failed",
-                  {p->pRecorder->szUri, szFile, "its file cannot be made", nErrno});
+                  {p->pRecorder->szUri, szFile,
+                   nErrno ? "its file cannot be made" : "its name is not allowed", nErrno});
     }
     return pWriter;
 }

@@ -224,8 +224,10 @@ int SendDataEx(Session *pSession, Port *pPort, int bPush)
         }
         if (pace.bPaced)
             PaceGoOn(&pace, pSession);
-        if (!Gather(pSession, pPort, &pace, &batch))
+        if (!Gather(pSession, pPort, &pace, &batch)) {
+            SessionNoteEnd(pSession, "what waits for it has no connection to leave by");
             return 0;
+        }
         if (batch.nBlocks == 0) {
             CatchUp(pSession);
             return 1;

@@ -119,6 +119,11 @@ int AccountFileReady()
     return !g_file.bLooking || nNow - g_file.nAskedMs >= kMostWaitMs;
 }
 
+void AccountFileFollowSettings()
+{
+    g_file.nAskedMs = ClockMs() - kLookMs;
+}
+
 void AccountFileLoad(const char *szPath)
 {
     AccountFileFree();

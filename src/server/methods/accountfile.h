@@ -16,6 +16,9 @@ void AccountFileFree();
 int AccountFileReady();
 constexpr unsigned kAccountFileMs = 2;
 
+// The configuration was read anew: no look from before it is good any more.
+void AccountFileFollowSettings();
+
 // Finds a user. Returns 1, 0 for an unknown one, or -1 when the file cannot be read, which is said on the
 // console where it is not there.
 int AccountFileFind(const char *szUser, Account *pOut);

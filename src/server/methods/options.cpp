@@ -4,6 +4,7 @@
 
 #include "base/console.h"
 #include "base/printable.h"
+#include "server/core/sessionevents.h"
 #include "server/core/settings.h"
 #include "server/media/replies.h"
 #include "server/methods/tunnel.h"
@@ -62,6 +63,7 @@ Verdict HandleUnknown(Session *pSession, Port *pPort, Request *pRequest)
         return ReplyMismatch(pSession, pPort);
     if (strcasecmp(szProtocol, "RTSP") == 0)
         return ReplyStatus(pSession, pPort, STATUS_NOT_IMPLEMENTED);
+    SessionNoteMalformed(pSession, "it speaks neither RTSP nor HTTP");
     return Verdict::End;
 }
 

@@ -112,6 +112,7 @@ static void Pair(Session *pGet, Session *pPost, Port *pPort, uint32_t nFrom)
     if (!ORX_PEER_ASSERT(!pGet->peer.Reply && pPost->peer.Cmd == pPort, "!p->Reply && session->Cmd==port") ||
         !ORX_PEER_ASSERT(!pGet->input.nLen, "!p->nLen"))
         return;
+    SessionNoteEnd(pPost, "it became half of a tunnel");
     pGet->peer.Reply = pGet->peer.Cmd;
     pGet->peer.Cmd = pPort;
     if (!g_settings.bStandardPlayers) {
@@ -178,7 +179,6 @@ void TunnelPairPost(Session *pPost, Port *pPort)
     if (!pGet)
         return;
     Pair(pGet, pPost, pPort, 0);
-    SessionNoteEnd(pPost, "it became half of a tunnel");
     SessionEnd(pPost);
 }
 
