@@ -79,7 +79,7 @@ int CheckReport(const char *szConfigPath)
     fflush(stdout);
     for (size_t i = 0; i < doubts.nDoubts; i++)
         fprintf(stderr, "%s\n", doubts.pDoubts[i].szText);
-    printf("\n; %zu doubts; the server %s with --strict\n", doubts.nDoubts,
+    printf("\n; doubts: %zu; the server %s with --strict\n", doubts.nDoubts,
            bStarts ? "would start" : "would not start");
     SettingsFree(&taken);
     DoubtsFree(&doubts);

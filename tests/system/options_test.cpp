@@ -66,7 +66,7 @@ TEST_F(OptionsTest, PrintsFilesThatRaiseNoDoubt)
     text.replace(text.find(port), port.size() + 3, port + std::to_string(server.nPort));  // 554 may be taken
     WriteFile(path, text);
     EXPECT_EQ(0, Run({"--check", "-c", "new.cfg"}));
-    EXPECT_THAT(asked.Output(), EndsWith("\n; 0 doubts; the server would start with --strict\n"));
+    EXPECT_THAT(asked.Output(), EndsWith("\n; doubts: 0; the server would start with --strict\n"));
     EXPECT_EQ(1, CountText(asked.Output(), "\nReserveMegabytes=30\n"));
     EXPECT_EQ(0, Run({"--check", "--upgrade"}));
     WriteFile(path, ReadFile(server.ConfigPath()) + asked.Output());
