@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "base/console.h"
+#include "base/eventlog.h"
 #include "base/fdguard.h"
 #include "base/textbuf.h"
 #include "remote/tcpio.h"
@@ -108,6 +109,14 @@ static int HasRoom(const HttpProxy *pProxy, uint64_t nIp)
     return nAll < nMax && nSame < nShare;
 }
 
+static void Refuse(const HttpProxy *pProxy, int fd, const char *szPeer)
+{
+    EventSayBounded(EventLevel::Warn, "connection.refused",
+                    {EventText("peer", szPeer), EventText("limit", "MaxWebRelays"),
+                     EventNumber("most", pProxy->nMaxRelays)});
+    HttpRefuseBusy(fd);
+}
+
 // A connection that was accepted: it waits for its first bytes, or is refused.
 static void OnAccepted(HttpProxy *pProxy, int fd, const NetAddr *pAddr)
 {
@@ -119,7 +128,7 @@ static void OnAccepted(HttpProxy *pProxy, int fd, const NetAddr *pAddr)
     if (HasRoom(pProxy, nIp) && DescriptorsSpare(0))
         PendingAdd(pProxy, fd, nIp);
     else
-        HttpRefuseBusy(fd);
+        Refuse(pProxy, fd, szAddr);
 }
 
 // Without a descriptor the listening socket would stay ready: it is left alone for a while.

@@ -7,12 +7,14 @@
 
 #include "base/assertion.h"
 #include "base/console.h"
+#include "base/eventlog.h"
 #include "runtime/clock.h"
 #include "runtime/slice.h"
 #include "runtime/sockutil.h"
 #include "server/core/program.h"
 #include "server/core/registry.h"
 #include "server/core/session.h"
+#include "server/core/sessionevents.h"
 #include "server/core/settings.h"
 #include "server/front/dispatch.h"
 #include "server/front/limits.h"
@@ -47,20 +49,31 @@ static void *EventArgument(uint32_t nEvent, uint32_t nGeneration)
 
 // Readies an accepted socket and makes a session on it; null with the socket closed when that is not
 // possible.
+static void SayRefused(const NetAddr *pRemote, const char *szLimit, uint32_t nMost)
+{
+    char szRemote[kAddrTextSize];
+    SockAddrToString(pRemote, szRemote);
+    EventSayBounded(EventLevel::Warn, "connection.refused",
+                    {EventText("peer", szRemote), EventText("limit", szLimit), EventNumber("most", nMost)});
+}
+
 static Session *OpenSession(int fd)
 {
     linger reset{1, 0};  // a close resets the connection, so that no dead peer keeps it
     SockSetOption(fd, SOL_SOCKET, SO_SNDBUF, kSendBufferBytes);
     SockSetOption(fd, SOL_SOCKET, SO_RCVBUF, kReceiveBufferBytes);
     setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+    char szRemote[kAddrTextSize];
+    NetAddr remote;
+    int bNamed = SockGetPeerName(fd, &remote) == 0;
     if (ListCount(&g_server.sessions) > g_settings.nConnectLimit) {
         print("Exceed the connect-limit! Refuse to accept new client to connect.\r\n");
+        SayRefused(&remote, "ConnectLimit", g_settings.nConnectLimit);
         SockClose(fd);
         return nullptr;
     }
-    char szRemote[kAddrTextSize];
-    NetAddr remote;
-    if (SockGetPeerName(fd, &remote) == 0 && AddressIsFull(&remote)) {
+    if (bNamed && AddressIsFull(&remote)) {
+        SayRefused(&remote, "MaxSessionsPerAddress", g_settings.nMaxSessionsPerAddress);
         SockAddrToString(&remote, szRemote);
         print("Too many sessions of %s! Refuse to accept new client to connect.\r\n", szRemote);
         SockClose(fd);
@@ -79,7 +92,14 @@ static Session *OpenSession(int fd)
     SockAddrToString(&pPort->remote, szRemote);
     print("Create session(fd=0x%x) from %s\r\n", fd, szRemote);
     log("Create session(fd=0x%x) from %s", fd, szRemote);
+    EventSay(EventLevel::Debug, "session.start", {EventText("peer", szRemote)});
     return pSession;
+}
+
+static void SayAcceptFailed(int fdListen, int nErrno)
+{
+    print("accept(socket=0x%x) err=%d.\r\n", fdListen, nErrno);
+    EventSayBounded(EventLevel::Error, "accept.failed", {EventText("error", strerror(nErrno))});
 }
 
 // Accepts some of those that wait. Returns in how many ms to look for the rest, which is not reported again:
@@ -92,7 +112,7 @@ static int AcceptSome(int fdListen)
             return 0;
         if (fd < 0) {
             if (g_nAcceptAgainMs != kAcceptRetryMs)  // told once, not with every further try
-                print("accept(socket=0x%x) err=%d.\r\n", fdListen, errno);
+                SayAcceptFailed(fdListen, errno);
             return kAcceptRetryMs;
         }
         Session *pSession = OpenSession(fd);
@@ -137,6 +157,7 @@ int RtspSessionCreate(int fd, const void *pData, size_t nLen)
     }
     ORX_ASSERT(pSession->input.nLen == 0, "session->nLen==0");
     if (nLen > pSession->input.nTotal - 1) {
+        SessionNoteMalformed(pSession, "more came by the web port than its buffer holds");
         SessionEnd(pSession);
         return 0;
     }
@@ -154,6 +175,7 @@ int RtspSessionCreate(int fd, const void *pData, size_t nLen)
 static void NoteReceived(Session *pSession, size_t nLen)
 {
     pSession->peer.tLastActivity = ClockUptime();
+    pSession->peer.nBytesReceived += nLen;
     pSession->peer.nReceived += static_cast<uint32_t>(nLen);
     if (pSession->peer.nReceived == 0)  // wrapped: 0 is kept for "never sent anything"
         pSession->peer.nReceived = 1;
@@ -204,7 +226,7 @@ static int CloseAfterRecv(Session *pSession, Port *pPort, int nResult, int nErro
     if (nResult == 0)
         print("Client(socket=0x%x) close.\r\n", pPort->fd);
     print("recv(socket=0x%x)  err=%d.\r\n", pPort->fd, nError);
-    SessionClosePort(pSession, pPort);
+    SessionClosePortFor(pSession, pPort, nResult == 0 ? kEndClosed : kEndBroken, nError);
     return -1;
 }
 
@@ -266,6 +288,7 @@ static int TakeInput(Session *pSession, Port *pPort, const char *pRaw, size_t nL
     NoteReceived(pSession, nLen);
     if (pPort->nFlags & PORT_TUNNEL_POST) {
         if (!TunnelDecode(pSession, pPort, pRaw, nLen)) {
+            SessionNoteMalformed(pSession, "its tunnel cannot be read");
             SessionEnd(pSession);
             return 0;
         }
@@ -332,7 +355,7 @@ static int ReadTcp(Session *pSession, Port *pPort)
     if (nSilent <= g_settings.nLiveTime || nSilent >= kLongestSilence || MayBeSilent(pSession))
         return 0;
     print("OnRead(fd=0x%x) TimeOut! The network will be closed.\r\n", pPort->fd);
-    SessionClosePort(pSession, pPort);
+    SessionClosePortFor(pSession, pPort, kEndSilent, 0);
     return -1;
 }
 
@@ -358,8 +381,9 @@ static void OnClose(int fd)
     print("OnClose(0x%x)\r\n", fd);
     Port *pPort = FindPort(fd);
     Session *pSession = FindSession(fd);
+    int nErrno = pPort ? SockTakeError(fd) : 0;
     if (pPort && pSession)
-        SessionClosePort(pSession, pPort);
+        SessionClosePortFor(pSession, pPort, nErrno ? kEndBroken : kEndClosed, nErrno);
     else if (pPort)
         PortClose(pPort);
     else

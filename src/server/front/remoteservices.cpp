@@ -1,5 +1,6 @@
 #include "server/front/remoteservices.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -9,6 +10,7 @@
 
 #include "base/console.h"
 #include "base/fdguard.h"
+#include "base/textbuf.h"
 #include "net/ifaddr.h"
 #include "remote/httpproxy.h"
 #include "remote/unet.h"
@@ -93,6 +95,16 @@ static int AcceptTunnel(void *pContext, int fd, const void *pData, size_t nLen)
     return 1;
 }
 
+// With errno when it could not be opened.
+static void NoteListener(const char *szName, unsigned nPort, int bOpen)
+{
+    int nErrno = bOpen ? 0 : errno;
+    char szAddress[kAddrTextSize];
+    TextBuf text{szAddress, sizeof(szAddress)};
+    TextAdd(&text, SettingsListenIpv6(&g_settings) ? "[%s]:%u" : "%s:%u", g_settings.szListenIp, nPort);
+    ListenerNote(szName, szAddress, bOpen || nErrno ? nErrno : EINVAL);
+}
+
 static int StartProxy(RemoteServices *pRemote)
 {
     HttpProxySettings settings;
@@ -104,7 +116,10 @@ static int StartProxy(RemoteServices *pRemote)
     settings.nMaxRelays = g_settings.nMaxWebRelays;
     settings.pfnHandOver = AcceptTunnel;
     settings.pContext = pRemote;
-    return HttpProxyStart(&pRemote->proxy, &settings);
+    errno = 0;
+    int bStarted = HttpProxyStart(&pRemote->proxy, &settings);
+    NoteListener("web", g_settings.nHttpProxyListenPort, bStarted);
+    return bStarted;
 }
 
 static void Register(RemoteServices *pRemote)
@@ -135,7 +150,10 @@ static int StartRelay(RemoteServices *pRemote)
     settings.nPerAddress = g_settings.nMaxRelayPeersPerAddress;
     settings.pfnGetAddress = NetGetAddress;
     settings.szCfgPath = g_settings.szConfigPath;
-    if (!UnetStart(&pRemote->unet, &settings))
+    errno = 0;
+    int bStarted = UnetStart(&pRemote->unet, &settings);
+    NoteListener("relay", g_settings.nUnetPort, bStarted);
+    if (!bStarted)
         return 0;
     if (g_settings.bZupo)
         Register(pRemote);

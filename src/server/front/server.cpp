@@ -12,6 +12,7 @@
 
 #include "base/assertion.h"
 #include "base/console.h"
+#include "base/eventlog.h"
 #include "base/textbuf.h"
 #include "record/storage.h"
 #include "runtime/diskthread.h"
@@ -22,6 +23,7 @@
 #include "server/core/session.h"
 #include "server/core/settings.h"
 #include "server/front/events.h"
+#include "server/front/logs.h"
 #include "server/front/remoteservices.h"
 #include "server/media/storagecare.h"
 #include "server/methods/accountfile.h"
@@ -131,27 +133,11 @@ static void DropCutNetwork(char *szList, size_t nSize)
     *pLast = '\0';
 }
 
-// --- The log, from which nobody waits for the disk while its thread runs ---
-
-static DiskLane g_logLane;
-static DiskJob g_logJob;  // in the lane, or nobody's
-
-static int RunLogJob(DiskJob *)
-{
-    return LogWriteSome();
-}
-
-static void PostLogJob()
-{
-    DiskPostLazy(&g_logLane, &g_logJob);
-}
-
 static int StartDisk()
 {
     if (!DiskStart(&g_server.scheduler))
         return 0;
-    g_logJob.pfnRun = RunLogJob;
-    LogDivert(PostLogJob);
+    LogsDivert();
     return 1;
 }
 
@@ -163,6 +149,7 @@ int ServerStart(const char *szConfigPath)
         ClearServer();
         return 0;
     }
+    EventsOpen();
     DropCutNetwork(g_settings.szAnnounceFrom, sizeof(g_settings.szAnnounceFrom));
     AddrListParse(&g_server.announceFrom, g_settings.szAnnounceFrom, "AnnounceFrom",
                   g_settings.bStandardPlayers);
@@ -188,6 +175,7 @@ int ServerStart(const char *szConfigPath)
         ServerStop();
         return 0;
     }
+    EventsBegin();
     return 1;
 }
 
@@ -198,12 +186,14 @@ static int StopDisk()
     constexpr uint32_t kMostMs = 10000;
     size_t nLost = DiskStop(kMostMs);
     if (nLost > 0)
+        EventSay(EventLevel::Error, "disk.stalled", {EventNumber("lost_bytes", static_cast<int64_t>(nLost))});
+    if (nLost > 0)
         print(
             "The disk stalls: the last %zu bytes of recordings are lost, and their files stay "
             "interrupted.\r\n",
             nLost);
     else
-        LogDivert(nullptr);  // a disk that stalls would take this thread, too
+        LogsRejoin();  // a disk that stalls would take this thread, too
     return nLost == 0;
 }
 
@@ -229,6 +219,7 @@ void ServerStop()
     delete g_server.pPortMgr;
     AuthFree(g_server.pAuth);
     if (bDiskEnded) {  // else its thread reads the settings yet
+        EventsEnd();
         AccountFileFree();
         ClearServer();
     }

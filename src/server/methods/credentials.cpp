@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "base/eventlog.h"
 #include "base/textbuf.h"
 #include "remote/bridgeaddr.h"
 #include "runtime/sockutil.h"
@@ -63,6 +64,19 @@ static Credential Conclude(const CredentialCheck *pCheck, Credential eResult, co
     return eResult;
 }
 
+// Never the password. A check that is made again after its wait was told then.
+static void SayWrong(const CredentialCheck *pCheck, Credential eResult, const char *szUser)
+{
+    if (eResult != CREDENTIAL_WRONG || pCheck->pSession->hold.bOver || !EventWanted(EventLevel::Warn))
+        return;
+    char szRemote[kAddrTextSize];
+    SockAddrToString(&pCheck->pPort->remote, szRemote);
+    EventSayBounded(EventLevel::Warn, "auth.failed",
+                    {EventText("peer", szRemote), EventText("user", szUser),
+                     EventText("method", RequestMethod(pCheck->pRequest)),
+                     EventText("path", RequestPath(pCheck->pRequest))});
+}
+
 // How the authenticator's verdict on the header is called here.
 static Credential Validate(const CredentialCheck *pCheck, unsigned nScheme, const char *szValue,
                            AccountScope *pScope)
@@ -103,7 +117,9 @@ Credential CheckAuthorization(const CredentialCheck *pCheck, unsigned nScheme, C
         return AwaitAccounts(pCheck->pSession);
     AccountScope scope;
     scope.pPlace = pCheck->pPlace;
+    g_server.pAuth->szUser[0] = '\0';
     Credential eResult = Validate(pCheck, nScheme, szValue, &scope);
+    SayWrong(pCheck, eResult, g_server.pAuth->szUser);
     eResult = Conclude(pCheck, eResult, PasswordOf(scope.bFound ? &scope.found : nullptr));
     if (eResult == CREDENTIAL_RIGHT) {
         TextCopy(pOut->szUser, sizeof(pOut->szUser), g_server.pAuth->szUser);
@@ -116,6 +132,7 @@ static Credential Compare(const CredentialCheck *pCheck, const char *szUser, con
                           const char *szGiven)
 {
     int bRight = pAccount && AuthIsToken(szUser, pAccount->szPassword, szGiven);
+    SayWrong(pCheck, bRight ? CREDENTIAL_RIGHT : CREDENTIAL_WRONG, szUser);
     return Conclude(pCheck, bRight ? CREDENTIAL_RIGHT : CREDENTIAL_WRONG, PasswordOf(pAccount));
 }
 
@@ -140,6 +157,7 @@ Credential CheckSuperToken(const CredentialCheck *pCheck, const char *szUser, co
     if (!szGiven)
         return CREDENTIAL_MISSING;
     int bRight = *szUser && AuthIsToken(szUser, szPassword, szGiven);
+    SayWrong(pCheck, bRight ? CREDENTIAL_RIGHT : CREDENTIAL_WRONG, szUser);
     return Conclude(pCheck, bRight ? CREDENTIAL_RIGHT : CREDENTIAL_WRONG, *szUser ? szPassword : nullptr);
 }
 
