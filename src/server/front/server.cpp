@@ -25,6 +25,7 @@
 #include "server/front/events.h"
 #include "server/front/logs.h"
 #include "server/front/remoteservices.h"
+#include "server/front/status.h"
 #include "server/media/storagecare.h"
 #include "server/methods/accountfile.h"
 #include "server/methods/accounts.h"
@@ -175,6 +176,7 @@ int ServerStart(const char *szConfigPath)
         ServerStop();
         return 0;
     }
+    StatusStart();
     EventsBegin();
     return 1;
 }
@@ -199,6 +201,7 @@ static int StopDisk()
 
 void ServerStop()
 {
+    StatusStop();
     RemoteServicesStop();
     DiskDetach();
     ThreadJoin(&g_server.monitor.thread);  // no more events; its sockets stay while tasks may still use them
