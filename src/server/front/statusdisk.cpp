@@ -148,6 +148,7 @@ static int RunProbe(DiskJob *pJob)
 {
     auto *p = reinterpret_cast<DiskAsk *>(pJob);
     Probe(p);
+    RecorderEachOpen(TakeOpen, p);
     return Answered(p);
 }
 

@@ -375,13 +375,13 @@ static void ProgramMetric(JsonText *p, const ServerFacts *pServer, const char *s
         }
 }
 
-static double BitRateOf(const ProgramFacts *pProg)
+static double ByteRateOf(const ProgramFacts *pProg)
 {
     double dBits = -1;
     for (int i = 0; i < pProg->nTracks; i++)
         if (pProg->tracks[i].dBitRate >= 0)
             dBits = std::max(dBits, 0.0) + pProg->tracks[i].dBitRate;
-    return dBits;
+    return dBits < 0 ? dBits : dBits / 8;
 }
 
 static double FrameRateOf(const ProgramFacts *pProg)
@@ -450,7 +450,7 @@ void StatusWriteMetrics(JsonText *pOut, const StatusFacts *pFacts)
     Metric(pOut, "orx_relay_peers", "gauge", "Players through the relay.", pFacts->relay.nPeers);
     ProgramMetric(pOut, pServer, "orx_program_players", "Players of a program.",
                   [](const ProgramFacts *p) { return static_cast<double>(p->nPlayers); });
-    ProgramMetric(pOut, pServer, "orx_program_bits_per_second", "What its pusher sends.", BitRateOf);
+    ProgramMetric(pOut, pServer, "orx_program_bytes_per_second", "What its pusher sends.", ByteRateOf);
     ProgramMetric(pOut, pServer, "orx_program_frames_per_second", "Pictures that its pusher sends.",
                   FrameRateOf);
     ProgramMetric(pOut, pServer, "orx_program_last_packet_seconds", "Since its pusher sent media.",
