@@ -99,7 +99,7 @@ static void WithFacts(StatusAnswer *pAnswer, DiskQuestion eQuestion,
 {
     ServerFacts server;
     ServerFactsGather(&server);
-    DiskAsk *pAsk = DiskAskFor(eQuestion, "", "", "", kDiskMs);
+    DiskAsk *pAsk = DiskAskFor(eQuestion, server.szRecordPath, "", "", "", kDiskMs);
     StatusFacts facts{&server, pAsk ? DiskAnswerOf(pAsk) : nullptr, RemoteServicesRelay(),
                       ClockUptime() - g_pStatus->tStarted};
     pfnWrite(pAnswer, &facts);
@@ -135,7 +135,8 @@ static void AnswerHealth(const HttpHead *, StatusAnswer *pAnswer)
 
 static void AnswerRecordings(const HttpHead *pHead, StatusAnswer *pAnswer)
 {
-    char szGiven[kStoragePathSize], szProgram[kStoragePathSize], szDay[16], szAfter[kStoragePathSize];
+    char szGiven[kStoragePathSize], szProgram[kStoragePathSize], szDay[16], szAfter[kStoragePathSize],
+        szRoot[kStoragePathSize];
     int nProgram = HttpQueryValue(pHead->query, "program", szGiven, sizeof(szGiven));
     int nDay = HttpQueryValue(pHead->query, "day", szDay, sizeof(szDay));
     int nAfter = HttpQueryValue(pHead->query, "after", szAfter, sizeof(szAfter));
@@ -148,7 +149,9 @@ static void AnswerRecordings(const HttpHead *pHead, StatusAnswer *pAnswer)
         Say(pAnswer, 400, "day= is a date, YYYYMMDD, and after= a file of the list before");
         return;
     }
-    DiskAsk *pAsk = DiskAskFor(szProgram[0] ? DISK_LIST : DISK_FACTS, szProgram, szDay, szAfter, kListMs);
+    ServerRecordPath(szRoot);
+    DiskAsk *pAsk =
+        DiskAskFor(szProgram[0] ? DISK_LIST : DISK_FACTS, szRoot, szProgram, szDay, szAfter, kListMs);
     if (!pAsk) {
         Say(pAnswer, 503, "the disk does not answer");
         return;

@@ -20,7 +20,6 @@
 #include "record/zmfile.h"
 #include "runtime/diskthread.h"
 #include "runtime/mutexguard.h"
-#include "server/core/settings.h"
 #include "server/media/recorder.h"
 
 namespace orx {
@@ -308,17 +307,17 @@ static int Await(DiskAsk *p, uint32_t nMostMs)
     return p->bDone;
 }
 
-DiskAsk *DiskAskFor(DiskQuestion eQuestion, const char *szProgram, const char *szDay, const char *szAfter,
-                    uint32_t nMostMs)
+DiskAsk *DiskAskFor(DiskQuestion eQuestion, const char *szRoot, const char *szProgram, const char *szDay,
+                    const char *szAfter, uint32_t nMostMs)
 {
     static int (*const procs[])(DiskJob *) = {RunProbe, RunFacts, RunList};
-    if (g_nWaiting >= kMaxWaiting || !g_settings.szRecordPath)
+    if (g_nWaiting >= kMaxWaiting)
         return nullptr;
     auto *p = new (std::nothrow) DiskAsk;
     if (!p)
         return nullptr;
     p->eQuestion = eQuestion;
-    TextCopy(p->szRoot, sizeof(p->szRoot), g_settings.szRecordPath);
+    TextCopy(p->szRoot, sizeof(p->szRoot), szRoot);
     TextCopy(p->szProgram, sizeof(p->szProgram), szProgram);
     TextCopy(p->szDay, sizeof(p->szDay), szDay);
     TextCopy(p->szAfter, sizeof(p->szAfter), szAfter);

@@ -52,11 +52,12 @@ struct DiskAnswer {
     int bThere = 0;  // of a list: the program has a directory
 };
 
-// Asks the disk thread, and waits nMostMs at most, less once *pbStop is set. Of a list szProgram is the
+// Asks the disk thread about the recordings below szRoot, and waits nMostMs at most, less after DiskAskStop.
+// Of a list szProgram is the
 // program, szDay a day or empty, and szAfter the last file of the list before, or empty. Returns what is
 // told, which DiskAskFree frees, or null when the disk does not answer.
-DiskAsk *DiskAskFor(DiskQuestion eQuestion, const char *szProgram, const char *szDay, const char *szAfter,
-                    uint32_t nMostMs);
+DiskAsk *DiskAskFor(DiskQuestion eQuestion, const char *szRoot, const char *szProgram, const char *szDay,
+                    const char *szAfter, uint32_t nMostMs);
 const DiskAnswer *DiskAnswerOf(const DiskAsk *pAsk);
 void DiskAskFree(DiskAsk *pAsk);
 

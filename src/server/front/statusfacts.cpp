@@ -15,6 +15,7 @@
 #include "runtime/clock.h"
 #include "runtime/mutexguard.h"
 #include "server/core/sessionevents.h"
+#include "server/core/settings.h"
 #include "server/front/reload.h"
 
 namespace orx {
@@ -299,8 +300,14 @@ static int TakeSessions(Gathering *p)
     return pSession != nullptr;
 }
 
+static void CopyRecordPath(void *pOut)
+{
+    TextCopy(static_cast<char *>(pOut), kStoragePathSize, g_settings.szRecordPath);
+}
+
 static void TakeRest(ServerFacts *pOut)
 {
+    CopyRecordPath(pOut->szRecordPath);
     pOut->counted = g_server.counted;
     pOut->nQueuedBytes = g_server.nQueuedBytes;
     pOut->nCachedBytes = g_server.nCachedBytes;
@@ -391,6 +398,11 @@ void StatusRunThere(void (*pfnWork)(void *pContext), void *pContext)
     }
     pthread_mutex_destroy(&work.mutex);
     pthread_cond_destroy(&work.answered);
+}
+
+void ServerRecordPath(char *szOut)
+{
+    StatusRunThere(CopyRecordPath, szOut);
 }
 
 }  // namespace orx

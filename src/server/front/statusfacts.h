@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "record/storage.h"
 #include "runtime/sockutil.h"
 #include "server/core/doubts.h"
 #include "server/core/program.h"
@@ -63,6 +64,7 @@ struct FactsChunk {
 struct ServerFacts {
     FactsChunk<ProgramFacts> *pPrograms = nullptr;  // owned, as the next
     FactsChunk<SessionFacts> *pSessions = nullptr;
+    char szRecordPath[kStoragePathSize] = "";  // a reading may replace the server's own
     ServerCounts counted;
     unsigned nSessions = 0, nPlayers = 0, nPushers = 0, nLives = 0;
     int64_t nQueuedBytes = 0, nCachedBytes = 0;
@@ -79,6 +81,9 @@ void StatusMeterStart();
 // Gathers all, on another thread than the scheduler's, which runs. The caller frees what it gets.
 void ServerFactsGather(ServerFacts *pOut);
 void ServerFactsFree(ServerFacts *pFacts);
+
+// The path of the recordings alone, into szOut of kStoragePathSize bytes. Threads as above.
+void ServerRecordPath(char *szOut);
 
 // Has work done on the scheduler thread, and waits for it. Not on that thread.
 void StatusRunThere(void (*pfnWork)(void *pContext), void *pContext);

@@ -167,7 +167,7 @@ static void WritePrograms(JsonText *p, const char *szName, const DiskAnswer *pDi
     JsonClose(p);
 }
 
-static void WriteStorage(JsonText *p, const DiskAnswer *pDisk)
+static void WriteStorage(JsonText *p, const char *szPath, const DiskAnswer *pDisk)
 {
     std::string_view oldest, newest;
     for (uint32_t i = 0; pDisk && i < pDisk->days.nItems; i++) {
@@ -176,7 +176,7 @@ static void WriteStorage(JsonText *p, const DiskAnswer *pDisk)
         newest = std::max(newest, day);
     }
     JsonOpen(p, "storage");
-    JsonString(p, "path", g_settings.szRecordPath ? g_settings.szRecordPath : "");
+    JsonString(p, "path", szPath);
     JsonBool(p, "answers", pDisk != nullptr);
     JsonBool(p, "writable", pDisk && pDisk->nErrno == 0);
     NumberOrNull(p, "free_bytes", pDisk != nullptr, pDisk ? static_cast<int64_t>(pDisk->nFreeBytes) : 0);
@@ -228,7 +228,7 @@ void StatusWriteJson(JsonText *pOut, const StatusFacts *pFacts)
             WriteSession(pOut, &pChunk->records[i]);
     JsonClose(pOut);
     WriteOpen(pOut, pFacts->pDisk);
-    WriteStorage(pOut, pFacts->pDisk);
+    WriteStorage(pOut, pServer->szRecordPath, pFacts->pDisk);
     JsonOpen(pOut, "relay");
     JsonBool(pOut, "enabled", pFacts->relay.bEnabled);
     JsonBool(pOut, "registered", pFacts->relay.bRegistered);
@@ -314,7 +314,8 @@ unsigned StatusWriteHealth(JsonText *pOut, const StatusFacts *pFacts)
     if (!pFacts->pDisk)
         say("disk", "", "it does not answer");
     else if (pFacts->pDisk->nErrno)
-        say("recordings cannot be written to ", g_settings.szRecordPath, strerror(pFacts->pDisk->nErrno));
+        say("recordings cannot be written to ", pFacts->pServer->szRecordPath,
+            strerror(pFacts->pDisk->nErrno));
     for (size_t i = 0; i < pFacts->pServer->doubts.nDoubts; i++)
         if (pFacts->pServer->doubts.pDoubts[i].bRefuses)
             say("configuration", "", pFacts->pServer->doubts.pDoubts[i].szText);

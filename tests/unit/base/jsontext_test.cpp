@@ -13,8 +13,8 @@ TEST(JsonTextTest, WhateverAPeerSentIsValid)
         {"/cam \"1\"\\", R"("/cam \"1\"\\")"},
         {std::string("a\0b\n\x1b\x7f", 6), R"("a\u0000b\u000a\u001b\u007f")"},
         {"\xC3\xA4\xE2\x82\xAC\xF0\x9F\x93\xB7", "\"\xC3\xA4\xE2\x82\xAC\xF0\x9F\x93\xB7\""},
-        {"\xC3", "\"\xEF\xBF\xBD\""},                              // cut
-        {"\xC0\xAF", "\"\xEF\xBF\xBD\xEF\xBF\xBD\""},              // overlong
+        {"\xC3", "\"\xEF\xBF\xBD\""},                                  // cut
+        {"\xC0\xAF", "\"\xEF\xBF\xBD\xEF\xBF\xBD\""},                  // overlong
         {"\xED\xA0\x80", "\"\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\""},  // a surrogate
         {"\xF4\x90\x80\x80x", "\"\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBDx\""},
     };
