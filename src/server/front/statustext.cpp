@@ -299,11 +299,10 @@ void StatusWriteDays(JsonText *pOut, const DiskAnswer *pDisk)
 
 unsigned StatusWriteHealth(JsonText *pOut, const StatusFacts *pFacts)
 {
-    char szLine[700];
     unsigned nReasons = 0;
     auto say = [&](const char *szWhat, const char *szOf, const char *szWhy) {
-        snprintf(szLine, sizeof(szLine), "%s%s: %s\n", szWhat, szOf, szWhy);
-        JsonAddBytes(pOut, szLine);
+        for (const char *sz : {szWhat, szOf, ": ", szWhy, "\n"})
+            JsonAddBytes(pOut, sz);
         nReasons++;
     };
     for (unsigned i = 0; i < pFacts->pServer->nListeners; i++) {
