@@ -6,7 +6,7 @@
 set -eu
 
 build="g++ make cmake libenet-dev"
-tools="libavformat-dev libavcodec-dev libavutil-dev libjansson-dev"
+tools="libavformat-dev libavcodec-dev libavutil-dev"
 test="git libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev python3 procps
       ffmpeg mpv gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-base-apps
       gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav

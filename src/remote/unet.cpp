@@ -139,6 +139,8 @@ static void UnetServerEntry(Thread *pThread)
     while (!ThreadStopping(pThread)) {
         RegistrationTick(&pUnet->registration);
         ReapProxies(pUnet);
+        pUnet->nPeers = ListCount(&pUnet->proxies);
+        pUnet->bRegistered = pUnet->registration.bRegistered;
         UnetEvent event;
         int nResult = ServiceOnce(pUnet, &event);
         if (nResult > 0)

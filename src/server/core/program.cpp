@@ -74,6 +74,7 @@ int ProgramReady(Program *pProg)
     if (pProg->bLive &&
         (ProgramFind(pProg->Uri) || !AvlInsert(&g_server.programMap, AvlTextKey(pProg->Uri), pProg)))
         return 0;
+    pProg->nNumber = ++g_server.counted.nPrograms;
     return ListAppend(&g_server.programs, pProg);
 }
 

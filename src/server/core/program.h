@@ -101,6 +101,25 @@ struct TrackReport {
     uint32_t nFirstMs = 0;  // ClockMs at the first one
 };
 
+// What came of a live track, for who watches the server: counts, and where they stood at the last looks (see
+// statusfacts.h).
+constexpr unsigned kMeterLooks = 6;
+struct MeterLook {
+    uint32_t nAtMs = 0;  // ClockMs; 0: none
+    uint32_t nOctets = 0;
+    uint32_t nPictures = 0;
+};
+struct TrackMeter {
+    uint32_t nPictures = 0;  // RTP time stamps, one after the other
+    uint32_t nKeys = 0;
+    uint32_t nKeyMs = 0;  // media time of the last key frame, ms
+    uint32_t nKeyDistanceMs = 0;
+    unsigned nLooks = 0;  // in all
+    MeterLook looks[kMeterLooks];
+    uint32_t nSeenMs = 0;  // ClockMs of the last look that found more packets than the one before
+    uint32_t nSeenPackets = 0;
+};
+
 struct MediaInfo {
     uint32_t nMediaType = 0;        // MEDIA_...
     const Codec *pCodec = nullptr;  // of video always; of audio null when it is not known
@@ -119,6 +138,7 @@ struct MediaInfo {
     MediaClock clock;
     TrackRewrite rewrite;
     TrackReport report;
+    TrackMeter meter;
     int bOpenPicture = 0;     // LowDelay: of video, the last packet did not end its picture
     uint32_t nOpenStamp = 0;  // its RTP time stamp
 };
@@ -250,6 +270,7 @@ struct Program {
     char szName[16] = "";               // generated; CNAME of reports
     int bLive = 0;                      // fed by a pusher, not read from a recording
     uint32_t nRefs = 0;                 // sessions attached, the pusher's included
+    uint32_t nNumber = 0;               // in order of creation; wraps
     uint32_t tBorn = 0;                 // uptime at creation
     uint32_t nBornMs = 0;               // ClockMs() then
     List players;                       // attached sessions that are not the pusher, in order of creation

@@ -34,6 +34,15 @@ struct ServerListener {
 };
 constexpr unsigned kMaxListeners = 4;
 
+// What only rises while the server runs.
+struct ServerCounts {
+    uint64_t nBytesReceived = 0;
+    uint64_t nBytesSent = 0;  // that sockets took
+    uint32_t nSessions = 0;   // made
+    uint32_t nPrograms = 0;
+    uint64_t nPackets = 0;  // of media, from pushers
+};
+
 struct ServerConfig {
     Auth *pAuth = nullptr;  // owned
     List sessions;          // every Session, in order of creation; embedded nodes
@@ -50,6 +59,7 @@ struct ServerConfig {
     AddrList proxyFrom;           // [INTEROP] ProxyProtocolFrom
     int64_t nCachedBytes = 0;     // of memory, that the caches of all programs take
     int64_t nQueuedBytes = 0;     // the same of the media that waits for all sessions
+    ServerCounts counted;
     int nMaxRegisterId = 0;       // number of the next name that REGISTER gives; the disk thread's
     ServerListener listeners[kMaxListeners] = {};
     unsigned nListeners = 0;

@@ -90,6 +90,7 @@ Session *CreateSession(Port *pPort)
     pSession->peer.Cmd = pPort;
     pSession->told.tMade = pSession->peer.tLastActivity;
     SockAddrToString(&pPort->remote, pSession->told.szRemote);
+    g_server.counted.nSessions++;
     ListAppend(&g_server.sessions, pSession);
     AvlReplace(&g_server.sessionMap, pPort->fd, pSession);
     AvlReplace(&g_server.handleMap, static_cast<int32_t>(pSession->nHandle), pSession);

@@ -227,6 +227,7 @@ static void NoteReceived(Session *pSession, size_t nLen)
 {
     pSession->peer.tLastActivity = ClockUptime();
     pSession->peer.nBytesReceived += nLen;
+    g_server.counted.nBytesReceived += nLen;
     pSession->peer.nReceived += static_cast<uint32_t>(nLen);
     if (pSession->peer.nReceived == 0)  // wrapped: 0 is kept for "never sent anything"
         pSession->peer.nReceived = 1;

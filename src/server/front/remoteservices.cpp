@@ -207,6 +207,13 @@ int RemoteServicesStart()
     return (!g_settings.bUnet && !g_settings.bZupo) || StartRelay(g_pRemote);
 }
 
+RelayFacts RemoteServicesRelay()
+{
+    if (!g_pRemote || !g_pRemote->unet.nPort)
+        return {};
+    return {1, g_pRemote->unet.bRegistered, g_pRemote->unet.nPeers};
+}
+
 void RemoteServicesStop()
 {
     if (!g_pRemote)

@@ -13,4 +13,12 @@ void RemoteServicesStop();
 // Frees what is left, once no task runs any more.
 void RemoteServicesFree();
 
+// What the relay is doing. Any thread, between start and stop.
+struct RelayFacts {
+    int bEnabled;
+    int bRegistered;  // with the rendezvous server
+    unsigned nPeers;  // remote players
+};
+RelayFacts RemoteServicesRelay();
+
 }  // namespace orx

@@ -27,6 +27,7 @@
 #include "server/front/reload.h"
 #include "server/front/remoteservices.h"
 #include "server/front/startdoubts.h"
+#include "server/front/status.h"
 #include "server/media/storagecare.h"
 #include "server/methods/accountfile.h"
 #include "server/methods/accounts.h"
@@ -172,10 +173,12 @@ int ServerStart(const char *szConfigPath)
     OpenListener();
     StorageCareStart(&interrupted);
     int bRemote = RemoteServicesStart();
+    StatusOpen();
     if (!StartDoubtsOfListeners() || !bRemote) {
         ServerStop();
         return 0;
     }
+    StatusStart();
     EventsBegin();
     return 1;
 }
@@ -200,6 +203,7 @@ static int StopDisk()
 
 void ServerStop()
 {
+    StatusStop();
     RemoteServicesStop();
     DiskDetach();
     ThreadJoin(&g_server.monitor.thread);  // no more events; its sockets stay while tasks may still use them

@@ -606,4 +606,17 @@ void RecorderClose(Recorder *pRecorder)
     DiskPost(&pRecorder->lane, &pHeld->job);
 }
 
+void RecorderEachOpen(void (*pfnTake)(void *pContext, const RecorderFacts *pFacts), void *pContext)
+{
+    for (const Recorder *p = g_pOpen; p; p = p->pNextOpen) {
+        const RecordFile *pFile = &p->pWriter->file;
+        if (!RecordFileIsOpen(pFile))
+            continue;  // the next one begins with the next key frame
+        RecorderFacts facts{p->szUri, pFile->szFile, ZMFWriterRecordKind(p->pWriter), 0,
+                            pFile->uDuration / 1000};
+        facts.nBytes = FileOutPos(&pFile->out);
+        pfnTake(pContext, &facts);
+    }
+}
+
 }  // namespace orx

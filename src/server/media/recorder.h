@@ -80,4 +80,15 @@ HeldJob *RecorderClosing(Recorder *pRecorder, int bTold);
 // Posts that job for nobody who waits.
 void RecorderClose(Recorder *pRecorder);
 
+// The files that are being written.
+struct RecorderFacts {
+    const char *szProgram;
+    const char *szFile;  // its final path
+    int nKind;           // RECORD_...
+    uint64_t nBytes;
+    uint32_t nSeconds;
+};
+// Calls for each of them. Disk thread.
+void RecorderEachOpen(void (*pfnTake)(void *pContext, const RecorderFacts *pFacts), void *pContext);
+
 }  // namespace orx

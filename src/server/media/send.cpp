@@ -191,7 +191,9 @@ static int WriteBatch(Session *pSession, Batch *pBatch)
 {
     SessionFlow *pFlow = &pSession->flow;
     int nLeft = 0;
+    uint64_t nBefore = pFlow->nBytesSent;
     int nResult = WireWrite(pBatch, &nLeft, &pFlow->nBytesSent);
+    g_server.counted.nBytesSent += pFlow->nBytesSent - nBefore;
     if (nResult > 0) {
         pFlow->nBlockedSends = 0;
         pFlow->bBlocked = 0;
