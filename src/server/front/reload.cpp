@@ -189,12 +189,13 @@ void ReloadAsk(ReloadDone pfnDone, void *pContext)
     DiskPost(&g_lane, &p->job);
 }
 
-void ReloadSignal()
+int ReloadSignal(ReloadDone pfnDone)
 {
     if (!g_bSignals)
-        return;
+        return 0;
     // EventLogReopen() stands here once the log of events has it
-    ReloadAsk(nullptr, nullptr);
+    ReloadAsk(pfnDone, nullptr);
+    return 1;
 }
 
 time_t ReloadTime()
