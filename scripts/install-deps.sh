@@ -1,22 +1,25 @@
 #!/bin/sh
 # Installs the Debian packages that the named purpose needs and that are not there yet.
 #   scripts/install-deps.sh build   to build and run the server
+#   scripts/install-deps.sh package to make Debian packages
 #   scripts/install-deps.sh test    to build and run every test as well
 set -eu
 
 build="g++ make cmake libenet-dev"
 tools="libavformat-dev libavcodec-dev libavutil-dev"
+package="dpkg-dev gzip"
 test="git libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev python3 procps
       ffmpeg mpv gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-base-apps
       gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav
       gstreamer1.0-rtsp
-      iproute2 nftables"
+      iproute2 nftables $package mmdebstrap lintian shellcheck logrotate systemd"
 
 case "${1:-}" in
 build) wanted="$build $tools" ;;
+package) wanted="$build $tools $package" ;;
 test) wanted="$build $tools $test" ;;
 *)
-    echo "usage: $0 build|test" >&2
+    echo "usage: $0 build|package|test" >&2
     exit 2
     ;;
 esac
