@@ -248,6 +248,7 @@ static void ReadLine(LineReader *pReader, char *szLine)
 // Until "quit" or "q" is read, or SIGTERM comes.
 static void ConsoleLoop()
 {
+    ConsoleAnswers answers;
     LineReader reader;
     char szLine[sizeof(reader.text) + 1];
     print("Server started, commands:\nQuit\n\nEnter command: \r\n");

@@ -16,6 +16,7 @@
 #include "base/textbuf.h"
 #include "record/confine.h"
 #include "record/daywalk.h"
+#include "record/recordevents.h"
 #include "record/recordwalk.h"
 #include "record/zmfile.h"
 
@@ -275,6 +276,8 @@ int StorageSetDayAside(const char *szDay)
     return !StorageIsHeld(szDay) && TextAdd(&bad, "%s.bad", szDay) && rename(szDay, szBad) == 0;
 }
 
+static constexpr char kNoPicture[] = "it was interrupted and held no picture";
+
 // Gives one interrupted file its final name or deletes it.
 static void Settle(const char *szFile, const struct stat *pInfo, int bKeep, PathList *pRepair)
 {
@@ -283,8 +286,10 @@ static void Settle(const char *szFile, const struct stat *pInfo, int bKeep, Path
     TextBuf path{szFinal, sizeof(szFinal)};
     int64_t nLeast = pRepair ? kZmfHeadBytes : kRecoverMinBytes;
     if (pInfo->st_size < nLeast || !TextAddBytes(&path, szFile, strlen(szFile) - strlen(kOpenSuffix))) {
-        if (unlink(szFile) == 0 && pRepair)
+        if (unlink(szFile) == 0 && pRepair) {
             log("The interrupted file (%s) held no picture and is removed.", PrintableText(szFile).sz);
+            RecordSay(EventLevel::Info, "recording.deleted", {nullptr, szFile, kNoPicture});
+        }
         return;
     }
     int bNamed = bKeep ? ConfineRename(AT_FDCWD, szFile, szFinal, szFree, sizeof(szFree))
@@ -343,6 +348,7 @@ int StorageDropKeyless(const char *szFile)
     if (file.fd < 0 || !IsKeyless(file.fd) || unlink(szFile) != 0)
         return 0;
     log("The interrupted file (%s) held no picture and is removed.", PrintableText(szFile).sz);
+    RecordSay(EventLevel::Info, "recording.deleted", {nullptr, szFile, kNoPicture});
     return 1;
 }
 

@@ -4,6 +4,8 @@
 #include <enet/enet.h>
 
 #include "base/console.h"
+#include "base/eventlog.h"
+#include "base/textbuf.h"
 #include "remote/unetproxy.h"
 #include "runtime/mutexguard.h"
 
@@ -38,6 +40,14 @@ static int ServiceOnce(Unet *pUnet, UnetEvent *pOut)
     return 1;
 }
 
+static void SayPeer(const char *szEvent, const uint8_t *b, unsigned nPort)
+{
+    char szPeer[32];
+    TextBuf text{szPeer, sizeof(szPeer)};
+    TextAdd(&text, "%d.%d.%d.%d:%u", b[0], b[1], b[2], b[3], nPort);
+    EventSayBounded(EventLevel::Info, szEvent, {EventText("peer", szPeer)});
+}
+
 static void OnConnect(Unet *pUnet, const UnetEvent *pEvent)
 {
     const auto *b = reinterpret_cast<const uint8_t *>(&pEvent->address.host);
@@ -49,6 +59,7 @@ static void OnConnect(Unet *pUnet, const UnetEvent *pEvent)
         print("A punching connected from %d.%d.%d.%d:%u.\n", b[0], b[1], b[2], b[3], nPort);
     } else {
         print("A new client connected from %d.%d.%d.%d:%u.\n", b[0], b[1], b[2], b[3], nPort);
+        SayPeer("relay.peer_come", b, nPort);
         UnetProxy *pProxy = CreateUnetProxy(&pUnet->thread, &pUnet->host, pEvent->pPeer, &pUnet->rtsp);
         if (pProxy)
             ListAppend(&pUnet->proxies, pProxy);
@@ -72,6 +83,9 @@ static void OnDisconnect(Unet *pUnet, const UnetEvent *pEvent)
 {
     const auto *b = reinterpret_cast<const uint8_t *>(&pEvent->address.host);
     print("%d.%d.%d.%d:%d disconected.\n", b[0], b[1], b[2], b[3], pEvent->address.port);
+    if (pEvent->pPeer != pUnet->registration.pServerPeer &&
+        pEvent->pPeer != pUnet->registration.pPunchingPeer)
+        SayPeer("relay.peer_gone", b, pEvent->address.port);
     RegistrationPeerGone(&pUnet->registration, pEvent->pPeer);
 }
 

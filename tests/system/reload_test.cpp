@@ -80,9 +80,9 @@ TEST_F(ReloadTest, TellsWhatNeedsAStartAndTakesTheRest)
     StartLogged();
     Reload(With("ListenPort=1\nAuthType=2\nConnectLimit=5\n", "SERVER"));
     EXPECT_THAT(told, HasSubstr("From the next start only count: AuthType ListenPort UnetPort."));
-    RtspClient clients[7];
-    for (RtspClient &client : clients)
-        Connect(&client);
+    std::vector<Sock> clients;
+    for (int i = 0; i < 7; i++)
+        clients.push_back(::orx::Connect(server.nPort));
     EXPECT_TRUE(server.WaitOutput("Exceed the connect-limit!"));
     Reload(With("AnnounceFrom=10.1.2.3\n", "GUARD"));
     Connect(&pusher);

@@ -33,4 +33,16 @@ int DoubtsRefuse(const DoubtList *pList)
     return 0;
 }
 
+static int g_bStrict = 0;  // main thread, before others run
+
+void DoubtsSetStrict(int bStrict)
+{
+    g_bStrict = bStrict;
+}
+
+int DoubtsStrict(int bStrictConfig)
+{
+    return g_bStrict || bStrictConfig;
+}
+
 }  // namespace orx

@@ -22,6 +22,11 @@ void DoubtAdd(DoubtList *pList, int bRefuses, const char *szText);
 void DoubtsFree(DoubtList *pList);         // leaves an empty list
 int DoubtsRefuse(const DoubtList *pList);  // whether one of them refuses
 
+// Whether a doubt that refuses keeps the server from starting: the option "--strict", or else [GUARD]
+// StrictConfig of what was read. Main thread before others run sets the option; any thread reads.
+void DoubtsSetStrict(int bStrict);
+int DoubtsStrict(int bStrictConfig);
+
 // Those of the configuration that is in force. Filled by the main thread before others run; afterwards the
 // scheduler thread's.
 extern DoubtList g_doubts;

@@ -233,6 +233,7 @@ struct PlayerFlush {
 // The wait for a pusher that has gone (see hold.h).
 struct PusherHold {
     int32_t nNumber = 0;  // of the wait; 0: there is none
+    uint32_t tSince = 0;  // uptime in seconds when it began
 };
 
 // What is added to the wall clock in a pusher's reports, so that its players see that of the first one go on
@@ -245,16 +246,17 @@ struct ReportShift {
 struct Program {
     ListNode node;  // first: the program list maps an item to itself
     const ProgramOps *pOps = nullptr;
-    char *Uri = nullptr;           // owned; path, beginning with '/'
-    char szName[16] = "";          // generated; CNAME of reports
-    int bLive = 0;                 // fed by a pusher, not read from a recording
-    uint32_t nRefs = 0;            // sessions attached, the pusher's included
-    uint32_t tBorn = 0;            // uptime at creation
-    uint32_t nBornMs = 0;          // ClockMs() then
-    List players;                  // attached sessions that are not the pusher, in order of creation
-    Session *pPusher = nullptr;    // not owned; null once the pusher has gone, and for recordings
-    char szAnnouncer[64] = "";     // AnnounceAuth: the user who announced it
-    FileReader *reader = nullptr;  // of a recording; null for live
+    char *Uri = nullptr;                // owned; path, beginning with '/'
+    char szName[16] = "";               // generated; CNAME of reports
+    int bLive = 0;                      // fed by a pusher, not read from a recording
+    uint32_t nRefs = 0;                 // sessions attached, the pusher's included
+    uint32_t tBorn = 0;                 // uptime at creation
+    uint32_t nBornMs = 0;               // ClockMs() then
+    List players;                       // attached sessions that are not the pusher, in order of creation
+    Session *pPusher = nullptr;         // not owned; null once the pusher has gone, and for recordings
+    const char *szPusherEnd = nullptr;  // why the last one went, in words; static
+    char szAnnouncer[64] = "";          // AnnounceAuth: the user who announced it
+    FileReader *reader = nullptr;       // of a recording; null for live
     Recorder *recorders[kMaxRecorders] = {};
     int nRecorders = 0;
     AlwaysRecorded always;  // beside those

@@ -17,6 +17,7 @@
 #include "server/core/heldjob.h"
 #include "server/core/program.h"
 #include "server/core/registry.h"
+#include "server/core/sessionevents.h"
 #include "server/core/settings.h"
 
 namespace orx {
@@ -87,6 +88,8 @@ Session *CreateSession(Port *pPort)
     if (g_settings.bRtcp)
         pSession->nFlags |= SESSION_RTCP;
     pSession->peer.Cmd = pPort;
+    pSession->told.tMade = pSession->peer.tLastActivity;
+    SockAddrToString(&pPort->remote, pSession->told.szRemote);
     ListAppend(&g_server.sessions, pSession);
     AvlReplace(&g_server.sessionMap, pPort->fd, pSession);
     AvlReplace(&g_server.handleMap, static_cast<int32_t>(pSession->nHandle), pSession);
@@ -153,6 +156,7 @@ static void SessionFree(void *pRecord)
 // Ends one session, whatever becomes of its program's players.
 static void EndOne(Session *pSession)
 {
+    SessionSayEnd(pSession);
     pSession->bEnded = 1;
     ListRemove(&g_server.sessions, pSession, 0);
     AvlForget(&g_server.handleMap, static_cast<int32_t>(pSession->nHandle));
@@ -180,6 +184,9 @@ void SessionEnd(Session *pSession)
 {
     if (pSession->bEnded)
         return;
+    SessionSayEnd(pSession);  // ahead of those that end with it
+    if (FeedsProgram(pSession))
+        pSession->pProg->szPusherEnd = pSession->szEndReason;
     if (!ProgramKeep(pSession))
         SessionEndPlayers(pSession);
     EndOne(pSession);
@@ -190,6 +197,7 @@ void SessionEndPlayers(Session *pSession)
     Program *pProg = pSession->pProg;
     if (!pProg || !(pSession->nFlags & SESSION_PUSHER))
         return;
+    pProg->szPusherEnd = pSession->szEndReason;
     SessionEndAllOf(pProg);
 }
 
@@ -199,14 +207,18 @@ void SessionEndAllOf(Program *pProg)
     while (Session *pPlayer = FirstPlayer(pProg)) {
         if (pProg->pOps->pfnFarewell)
             pProg->pOps->pfnFarewell(pPlayer);
+        pPlayer->ending.szCause = pProg->szPusherEnd;
+        SessionNoteEnd(pPlayer, pProg->hold.nNumber ? "its pusher did not come back" : "its pusher has gone");
         EndOne(pPlayer);
     }
 }
 
 void SessionEndAll()
 {
-    while (Session *p = FirstSession())
+    while (Session *p = FirstSession()) {
+        SessionNoteEnd(p, kEndServer);
         EndOne(p);
+    }
 }
 
 int SessionClosePort(Session *pSession, Port *pPort)
@@ -280,6 +292,7 @@ static int OnSessionDelayCloseTimer(Task *pTask, uint32_t, uint32_t, uint32_t)
     if (pSession->hold.pPort)  // the peer has asked again, and is to hear the answer
         return static_cast<int>(kDelayedCloseMs);
     print("OnSessionDelayCloseTimer()\r\n");
+    SessionNoteEnd(pSession, kEndAsked);
     SessionEnd(pSession);
     return -1;
 }
@@ -312,7 +325,7 @@ static int OnIdleCheck(Task *pTask, uint32_t, uint32_t, uint32_t)
     pSession = PortOfTask(pTask) ? FindSession(pPort->fd) : nullptr;  // what was read may have ended it
     if (pSession && !pSession->peer.nReceived) {
         print("Force Close Idle Connection on stocket 0x%x\r\n", pPort->fd);
-        SessionClosePort(pSession, pPort);
+        SessionClosePortFor(pSession, pPort, "nothing ever came from the peer", 0);
     }
     return -1;
 }

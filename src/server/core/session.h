@@ -7,6 +7,7 @@
 #include "base/linkedlist.h"
 #include "record/playline.h"
 #include "record/rtpout.h"
+#include "runtime/sockutil.h"
 #include "server/core/accounttable.h"
 #include "server/core/port.h"
 #include "server/core/registry.h"
@@ -82,13 +83,14 @@ struct SessionTrack : RtpTrack {
 
 // The connections to the peer, and what was heard of it.
 struct SessionPeer {
-    Port *Cmd = nullptr;         // connection that requests arrive on; ports are owned by the port map
-    Port *Reply = nullptr;       // connection that replies and media go out on, may equal Cmd
-    char *szCookie = nullptr;    // x-sessioncookie of a waiting half, owned
-    uint32_t tStart = 0;         // wall clock at creation, seconds
-    uint32_t tLastActivity = 0;  // uptime in seconds at the last receive
-    uint32_t tLastRequest = 0;   // the same at the last request that was whole, or at creation
-    uint32_t nReceived = 0;      // bytes since creation; 0: nothing ever came
+    Port *Cmd = nullptr;          // connection that requests arrive on; ports are owned by the port map
+    Port *Reply = nullptr;        // connection that replies and media go out on, may equal Cmd
+    char *szCookie = nullptr;     // x-sessioncookie of a waiting half, owned
+    uint32_t tStart = 0;          // wall clock at creation, seconds
+    uint32_t tLastActivity = 0;   // uptime in seconds at the last receive
+    uint32_t tLastRequest = 0;    // the same at the last request that was whole, or at creation
+    uint32_t nReceived = 0;       // bytes since creation; 0: nothing ever came
+    uint64_t nBytesReceived = 0;  // the same, which never wraps
 };
 
 // What came and is not worked off.
@@ -102,6 +104,7 @@ struct SessionInput {
 
 // How the queue (RtpOut::Outq) flows.
 struct SessionFlow {
+    uint64_t nBytesSent = 0;     // that sockets took, replies included
     uint32_t nReads = 0;         // TCP reads of a playing pusher, for the flow of its players
     uint32_t nBlockedSends = 0;  // sends in a row that would have blocked
     int fdBlocked = -1;          // the socket that the delayed send is for
@@ -189,6 +192,35 @@ struct SessionHold {
     HeldJob *pJob = nullptr;      // what is asked of the disk for it; owned once it is done
 };
 
+// Beside Session::szEndReason, what is known of the end (see sessionevents.h).
+struct SessionEnding {
+    int nErrno = 0;       // of the connection; 0: none
+    int nLastStatus = 0;  // of the last reply to the request at hand
+    int nStatus = 0;      // by which it was refused; 0: it was not
+    int bMalformed = 0;
+    const char *szCause = nullptr;  // of a player: why its pusher ended; static
+    char szBy[kAddrTextSize] = "";  // of a pusher: who took its place
+};
+
+// What was said of the session in the log of events, as its program and its ports may go before its end.
+struct SessionTold {
+    int bStarted = 0;       // that it plays or pushes
+    int bEnded = 0;         // that it has ended
+    uint32_t tMade = 0;     // uptime in seconds at creation
+    uint32_t tStarted = 0;  // when it began to play or to push
+    uint32_t nDroppedGroups = 0;
+    char szUri[128] = "";
+    char szUser[64] = "";
+    char szRemote[kAddrTextSize] = "";
+};
+
+// Reasons that several places give, or that are looked at.
+inline constexpr char kEndAsked[] = "asked for the end";
+inline constexpr char kEndClosed[] = "the peer closed the connection";
+inline constexpr char kEndBroken[] = "the connection broke";
+inline constexpr char kEndSilent[] = "the peer was silent for too long";
+inline constexpr char kEndServer[] = "the server stops";
+
 struct Session {
     ListNode node;         // first: the session list maps an item to itself
     ListNode playerNode;   // second: the same for the program's list of players, in map mode 1
@@ -208,8 +240,10 @@ struct Session {
     SessionQuestions questions;
     SessionHold hold;
     SessionDatagrams datagrams;
-    const char *szEndReason =
-        nullptr;     // why it ends, in words for the log of events; static. The first one counts
+    // why it ends, in words for the log of events; static. The first one counts
+    const char *szEndReason = nullptr;
+    SessionEnding ending;
+    SessionTold told;
     int bEnded = 0;  // by SessionEnd: in no list, without ports and program
     Retired retired;
 

@@ -173,6 +173,11 @@ static int32_t Clamped(const Setting *pRow, int32_t nDefault, int32_t nValue)
     return nValue;
 }
 
+int SettingClamped(const Setting *pRow, int nValue)
+{
+    return Clamped(pRow, pRow->nDefault, nValue);
+}
+
 // The number that was read for a row.
 static int32_t NumberOf(const Settings *pSettings, const Setting *pRow)
 {
@@ -201,22 +206,18 @@ static void ReadRow(Settings *pSettings, const Setting *pRow, const ConfigFile *
     int32_t nDefault = DefaultOf(pSettings, pRow);
     int32_t nValue = Clamped(pRow, nDefault, ConfigGetInt(pConfig, pRow->szSection, pRow->szKey, nDefault));
     memcpy(pField, &nValue, sizeof(nValue));
-    if (pRow->place.nOffset == offsetof(Settings, bAutoDrop))
-        print("AutoDropDataWhenCrowded=%d.\r\n", nValue);
 }
 
-static int CheckUdpRange(const Settings *pSettings)
+int SettingsUdpRangeFault(const Settings *pSettings, char *szOut, size_t nSize)
 {
+    TextBuf text{szOut, nSize};
     for (const Setting &row : g_table)
-        if (row.clamp == Clamp::PortOrRefuse && !Inside(&row, NumberOf(pSettings, &row))) {
-            print("Invalid %s: %d!\r\n", row.szKey, NumberOf(pSettings, &row));
-            return 0;
-        }
-    if (pSettings->nUdpEndPort <= pSettings->nUdpStartPort) {
-        print("Invalid UdpPort Range: from %d to %d!\r\n", pSettings->nUdpStartPort, pSettings->nUdpEndPort);
+        if (row.clamp == Clamp::PortOrRefuse && !Inside(&row, NumberOf(pSettings, &row)))
+            return TextAdd(&text, "Invalid %s: %d!", row.szKey, NumberOf(pSettings, &row));
+    if (pSettings->nUdpEndPort > pSettings->nUdpStartPort)
         return 0;
-    }
-    return 1;
+    return TextAdd(&text, "Invalid UdpPort Range: from %d to %d!", pSettings->nUdpStartPort,
+                   pSettings->nUdpEndPort);
 }
 
 // The executable's directory, a '/' behind it, and the value's rest.
@@ -255,23 +256,49 @@ static int MakeGuidPath(Settings *pSettings)
     return TextAdd(&text, "%.*sguid.dat", nDir, pSettings->szConfigPath);
 }
 
+static int KeepPath(Settings *pSettings, const char *szPath)
+{
+    return TextCopy(pSettings->szConfigPath, sizeof(pSettings->szConfigPath), szPath) &&
+           MakeGuidPath(pSettings);
+}
+
+static void ReadRows(Settings *pSettings, const ConfigFile *pConfig)
+{
+    for (const Setting &row : g_table)
+        if (row.place.nOffset != kNotHere)
+            ReadRow(pSettings, &row, pConfig);
+    if (!pSettings->bStandardPlayers)
+        pSettings->szListenIp[INET_ADDRSTRLEN - 1] = '\0';
+    pSettings->szRecordPath = SettingsRecordPath(pSettings->szRecordSetting);
+}
+
 int SettingsRead(Settings *pSettings, const char *szPath)
 {
     if (!szPath || !szPath[0])
         return 0;
-    if (!TextCopy(pSettings->szConfigPath, sizeof(pSettings->szConfigPath), szPath) ||
-        !MakeGuidPath(pSettings)) {
+    if (!KeepPath(pSettings, szPath)) {
         print("The configuration's path is too long: %s\r\n", szPath);
         return 0;
     }
     ConfigFile config(szPath);
-    for (const Setting &row : g_table)
-        if (row.place.nOffset != kNotHere)
-            ReadRow(pSettings, &row, &config);
-    if (!pSettings->bStandardPlayers)
-        pSettings->szListenIp[INET_ADDRSTRLEN - 1] = '\0';
-    pSettings->szRecordPath = SettingsRecordPath(pSettings->szRecordSetting);
-    return pSettings->szRecordPath && CheckUdpRange(pSettings);
+    ReadRows(pSettings, &config);
+    print("AutoDropDataWhenCrowded=%d.\r\n", pSettings->bAutoDrop);
+    char szFault[80];
+    if (pSettings->szRecordPath && !SettingsUdpRangeFault(pSettings, szFault, sizeof(szFault)))
+        return 1;
+    if (pSettings->szRecordPath)
+        print("%s\r\n", szFault);
+    return 0;
+}
+
+int SettingsReadText(Settings *pSettings, const Profile *pText)
+{
+    char szFault[80];
+    ConfigFile config(pText);
+    if (!pText->path[0] || !KeepPath(pSettings, pText->path))
+        return 0;
+    ReadRows(pSettings, &config);
+    return pSettings->szRecordPath && !SettingsUdpRangeFault(pSettings, szFault, sizeof(szFault));
 }
 
 void SettingsFree(Settings *pSettings)

@@ -13,6 +13,7 @@ namespace orx {
 struct TextBuf;
 
 constexpr size_t kRecordPathSize = 512;  // room of a directory of recordings
+struct Profile;
 
 struct Settings {
     char szConfigPath[128] = "";
@@ -149,6 +150,9 @@ std::span<const Setting> SettingsTable();
 // Fills *pSettings from the file. Returns 1, or 0 for an empty path and for a UDP port range that is printed
 // as invalid. SettingsFree gives back what it holds and makes it all zero.
 int SettingsRead(Settings *pSettings, const char *szPath);
+// The same from a text that was loaded, without a word, into nothing but *pSettings. A long text is read
+// whole, whatever it says. Any thread.
+int SettingsReadText(Settings *pSettings, const Profile *pText);
 void SettingsFree(Settings *pSettings);
 
 // Takes over what was read anew, but for what counts from the next start: that stays, and the names of such
@@ -156,6 +160,11 @@ void SettingsFree(Settings *pSettings);
 // in *pRead, for SettingsFree. Of what did not change nothing is written: others may just be reading it.
 // Scheduler thread where pInForce is g_settings.
 void SettingsTake(Settings *pInForce, Settings *pRead, TextBuf *pRestart);
+// What a row makes of a number that stands in a file.
+int SettingClamped(const Setting *pRow, int nValue);
+
+// Whether the UDP ports of media keep the server from starting: 1 with what is said of it, else 0.
+int SettingsUdpRangeFault(const Settings *pSettings, char *szOut, size_t nSize);
 
 // Whether ListenIp is an IPv6 address, which only standard players may make it.
 int SettingsListenIpv6(const Settings *pSettings);

@@ -8,6 +8,7 @@
 #include "server/core/registry.h"
 #include "server/core/session.h"
 #include "server/front/limits.h"
+#include "server/front/remoteservices.h"
 #include "server/media/recordcontrol.h"
 #include "server/media/storagecare.h"
 #include "server/methods/auth.h"
@@ -46,6 +47,7 @@ void FollowSettings(const SettingLists *pLists)
     FollowLists(pLists);
     SchedulerSetExact(&g_server.scheduler, HasLowDelay());
     g_server.pAuth->bFreshNonce = g_settings.bFreshNonce;
+    RemoteServicesFollowSettings();
     StorageCareFollowSettings();
     RecordersFollowSettings();
     if (ListCount(&g_server.sessions) > 0)

@@ -35,11 +35,11 @@ static int CountsByAddress(const Session *pSession)
            !pSession->viewer.bAdmitted;
 }
 
-int AddressIsFull(const NetAddr *pAddr)
+int AddressIsFull(const NetAddr *pAddr, int bFronted)
 {
     uint64_t nIp = AddrCounted(pAddr);
     uint32_t nSessions = 0;
-    if (!g_settings.nMaxSessionsPerAddress || IsOwnBox(pAddr))
+    if (!g_settings.nMaxSessionsPerAddress || (!bFronted && IsOwnBox(pAddr)))
         return 0;
     for (const Session *p = FirstSession(); p; p = NextSession(p)) {
         const Port *pPort = SessionPeerPort(p);
@@ -93,6 +93,7 @@ static int OnLook(Task *, uint32_t, uint32_t, uint32_t)
     for (Session *p = FirstSession(); p; p = pNext) {
         pNext = NextSession(p);
         if (IsStuck(p)) {
+            SessionNoteEnd(p, "it took nothing for 30 seconds");
             SessionEnd(p);
             continue;
         }
@@ -101,6 +102,7 @@ static int OnLook(Task *, uint32_t, uint32_t, uint32_t)
         char szRemote[kAddrTextSize];
         SessionRemoteText(p, szRemote);
         print("Session of %s did nothing for too long. It is closed.\r\n", szRemote);
+        SessionNoteEnd(p, "it did nothing for too long");
         SessionEnd(p);
     }
     g_bWatching = ListCount(&g_server.sessions) > 0;

@@ -5,20 +5,19 @@
 #include <new>
 #include <utility>
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include "base/assertion.h"
-#include "base/configfile.h"
 #include "base/console.h"
 #include "base/eventlog.h"
+#include "base/inifile.h"
 #include "base/textbuf.h"
 #include "record/storage.h"
 #include "runtime/diskthread.h"
+#include "server/core/configcheck.h"
 #include "server/core/doubts.h"
 #include "server/core/registry.h"
 #include "server/core/settings.h"
 #include "server/front/follow.h"
+#include "server/front/logs.h"
 
 namespace orx {
 
@@ -47,28 +46,19 @@ static void Refuse(Reading *p, const char *szWhy)
     TextCopy(p->szWhyNot, sizeof(p->szWhyNot), szWhy);
 }
 
-// Whether the file is there and fit to be read: one that is long is a fault of peers unless that is survived,
-// as the file itself says.
-static int MayRead(Reading *p)
+// A long file is a fault of peers unless that is survived, as the file itself says.
+static int IsTooLong(const Reading *p)
 {
-    struct stat info {};
-    if (stat(p->szPath, &info) != 0 || !S_ISREG(info.st_mode) || access(p->szPath, R_OK) != 0) {
-        Refuse(p, "it is missing or cannot be read");
-        return 0;
-    }
-    if (info.st_size == 0) {
-        Refuse(p, "it is empty");
-        return 0;
-    }
-    if (!ProfileIsLong(p->szPath))
-        return 1;
-    int bBefore = AssertPeerFaultsSurvived();
-    ConfigReadGuard(p->szPath);
-    if (AssertPeerFaultsSurvived())
-        return 1;
-    AssertSurvivePeerFaults(bBefore);
-    Refuse(p, "it has 8192 bytes or more and SurvivePeerFaults is not 1");
-    return 0;
+    return ProfileIsLong(p->szPath) && !p->read.bSurvivePeerFaults;
+}
+
+static void RefuseFault(Reading *p)
+{
+    char szFault[80] = "";
+    if (p->read.szRecordPath && SettingsUdpRangeFault(&p->read, szFault, sizeof(szFault)))
+        Refuse(p, szFault);
+    else
+        Refuse(p, "the server would not start with it");
 }
 
 // What keeps a server that is started strictly from starting keeps the values from being taken.
@@ -82,17 +72,19 @@ static void RefuseDoubts(Reading *p)
 static int RunReading(DiskJob *pJob)
 {
     auto *p = reinterpret_cast<Reading *>(pJob);
-    if (!MayRead(p))
-        return 1;
-    if (!SettingsRead(&p->read, p->szPath)) {
-        Refuse(p, "the server would not start with it");
-        return 1;
-    }
-    ListsParse(&p->lists, &p->read);
-    if (p->read.bStrictConfig)
+    ConfigState eState = ConfigCheck(p->szPath, &p->read, &p->doubts);
+    if (eState == ConfigState::Missing)
+        Refuse(p, "it is missing, empty or cannot be read");
+    else if (eState == ConfigState::Fails)
+        RefuseFault(p);
+    else if (IsTooLong(p))
+        Refuse(p, "it has 8192 bytes or more and SurvivePeerFaults is not 1");
+    else if (DoubtsStrict(p->read.bStrictConfig))
         RefuseDoubts(p);
-    if (!p->szWhyNot[0])
-        StorageMakeDir(p->read.szRecordPath);
+    if (p->szWhyNot[0])
+        return 1;
+    ListsParse(&p->lists, &p->read);
+    StorageMakeDir(p->read.szRecordPath);
     return 1;
 }
 
@@ -137,6 +129,7 @@ static void Take(Reading *p, TextBuf *pRestart)
     SettingsTake(&g_settings, &p->read, pRestart);
     std::swap(g_doubts, p->doubts);
     FollowSettings(&p->lists);
+    EventsOpen();
     NoteSettings();
 }
 
@@ -161,7 +154,6 @@ static void OnRead(DiskJob *pJob)
         Take(p, &restart);
         TellTaken(p->szPath, szRestart);
     } else {
-        AssertSurvivePeerFaults(g_settings.bSurvivePeerFaults);
         TellRefused(p->szPath, p->szWhyNot);
     }
     const ReloadResult result{bTaken, p->szWhyNot, szRestart};
@@ -193,7 +185,7 @@ int ReloadSignal(ReloadDone pfnDone)
 {
     if (!g_bSignals)
         return 0;
-    // EventLogReopen() stands here once the log of events has it
+    EventLogReopen();
     ReloadAsk(pfnDone, nullptr);
     return 1;
 }

@@ -6,6 +6,8 @@ namespace orx {
 
 // Starts those that the settings ask for. Returns 1, or 0 when one of them cannot start.
 int RemoteServicesStart();
+// ProxyProtocolFrom was read anew. Scheduler thread.
+void RemoteServicesFollowSettings();
 // Ends them and waits for their threads; while scheduler and listening socket still work.
 void RemoteServicesStop();
 // Frees what is left, once no task runs any more.

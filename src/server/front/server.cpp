@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 
 #include "base/console.h"
+#include "base/eventlog.h"
 #include "base/textbuf.h"
 #include "record/storage.h"
 #include "runtime/diskthread.h"
@@ -23,7 +24,9 @@
 #include "server/front/events.h"
 #include "server/front/follow.h"
 #include "server/front/reload.h"
+#include "server/front/logs.h"
 #include "server/front/remoteservices.h"
+#include "server/front/startdoubts.h"
 #include "server/media/storagecare.h"
 #include "server/methods/accountfile.h"
 #include "server/methods/accounts.h"
@@ -96,6 +99,7 @@ static void OpenListener()
 {
     NetAddr addr;
     int fd = -1;
+    errno = 0;
     if (SockSetAddrEx(&addr, g_settings.szListenIp, static_cast<int>(g_settings.nListenPort),
                       SettingsListenIpv6(&g_settings)))
         fd = SockListenTcp(&addr);
@@ -104,7 +108,7 @@ static void OpenListener()
         int nErrno = errno;
         TextBuf wanted{szAddr, sizeof(szAddr)};
         TextAdd(&wanted, "%s:%u", g_settings.szListenIp, g_settings.nListenPort);
-        ListenerNote("rtsp", szAddr, nErrno);
+        ListenerNote("rtsp", szAddr, nErrno ? nErrno : EADDRNOTAVAIL);
         print("Listen error %d\n", nErrno);
         return;
     }
@@ -122,38 +126,35 @@ static void OnMonitorBurst(void * /*pContext*/, int bBegin)
     SchedulerCork(&g_server.scheduler, bBegin);
 }
 
-// --- The log, from which nobody waits for the disk while its thread runs ---
-
-static DiskLane g_logLane;
-static DiskJob g_logJob;  // in the lane, or nobody's
-
-static int RunLogJob(DiskJob *)
-{
-    return LogWriteSome();
-}
-
-static void PostLogJob()
-{
-    DiskPostLazy(&g_logLane, &g_logJob);
-}
-
 static int StartDisk()
 {
     if (!DiskStart(&g_server.scheduler))
         return 0;
-    g_logJob.pfnRun = RunLogJob;
-    LogDivert(PostLogJob);
+    LogsDivert();
     return 1;
+}
+
+// Ends a start before anything was made.
+static int Refuse()
+{
+    RegistryInit(OnFreePort);
+    ServerStop();
+    return 0;
 }
 
 int ServerStart(const char *szConfigPath)
 {
     tzset();  // which reads a file
     ClearServer();
+    StartDoubtsCheck(szConfigPath);
     if (!SettingsRead(&g_settings, szConfigPath)) {
+        StartDoubtsSay();
         ClearServer();
         return 0;
     }
+    EventsOpen();
+    if (!StartDoubtsSay())
+        return Refuse();
     SettingLists lists;
     ListsParse(&lists, &g_settings);
     g_server.nMaxRegisterId = GuidStoreNextId(g_settings.szGuidPath);
@@ -174,10 +175,12 @@ int ServerStart(const char *szConfigPath)
     MonitorSetBurstProc(&g_server.monitor, OnMonitorBurst);
     OpenListener();
     StorageCareStart(&interrupted);
-    if (!RemoteServicesStart()) {
+    int bRemote = RemoteServicesStart();
+    if (!StartDoubtsOfListeners() || !bRemote) {
         ServerStop();
         return 0;
     }
+    EventsBegin();
     return 1;
 }
 
@@ -188,12 +191,14 @@ static int StopDisk()
     constexpr uint32_t kMostMs = 10000;
     size_t nLost = DiskStop(kMostMs);
     if (nLost > 0)
+        EventSay(EventLevel::Error, "disk.stalled", {EventNumber("lost_bytes", static_cast<int64_t>(nLost))});
+    if (nLost > 0)
         print(
             "The disk stalls: the last %zu bytes of recordings are lost, and their files stay "
             "interrupted.\r\n",
             nLost);
     else
-        LogDivert(nullptr);  // a disk that stalls would take this thread, too
+        LogsRejoin();  // a disk that stalls would take this thread, too
     return nLost == 0;
 }
 
@@ -219,6 +224,7 @@ void ServerStop()
     delete g_server.pPortMgr;
     AuthFree(g_server.pAuth);
     if (bDiskEnded) {  // else its thread reads the settings yet
+        EventsEnd();
         AccountFileFree();
         ClearServer();
     }

@@ -69,6 +69,8 @@ static void QueueGive(Session *pSession)
     if (bSent && QueueRelieve(pSession) && SessionMediaWaiting(pSession) <= nBefore / 2)
         return;
     print("QueueGive()->DestroySession()!\r\n");
+    SessionNoteEnd(pSession,
+                   "it was too slow: its queue was the largest when CacheMegabytesTotal was reached");
     SessionEnd(pSession);
 }
 
@@ -144,6 +146,7 @@ static int PushPacket2SessionQueue(Session *pSession, const DataBlock *pBlock, u
     if (bKeep)
         return 1;
     print("PushPacket2SessionQueue()->DestroySession()!\r\n");
+    SessionNoteEnd(pSession, "it was too slow: more waited than its queue may hold");
     SessionEnd(pSession);
     return 0;
 }
@@ -163,6 +166,7 @@ static void SendEventMsg2SubscribeClient(Session *pSession, const DataBlock *pBl
     if (n == static_cast<ssize_t>(nLen))
         return;
     print("SendEventMsg2SubscribeClient()->DestroySession()!\r\n");
+    SessionNoteEnd(pSession, "it did not take an event");
     SessionEnd(pSession);
 }
 

@@ -7,6 +7,7 @@
 #include "base/assertion.h"
 #include "base/console.h"
 #include "base/datablock.h"
+#include "base/eventlog.h"
 #include "runtime/clock.h"
 #include "server/core/settings.h"
 
@@ -267,6 +268,9 @@ static uint32_t NoteJump(Program *pProg, unsigned nTrack, uint32_t *pnJump)
     if (g_settings.bStandardPushers && (!pLine->bJumped || ClockMs() - pLine->nJumpedMs >= kOneJumpMs))
         print("Program(%s): the clock of its track %u jumped by %d ms.\r\n", pProg->szName, nTrack,
               ClockDiff(0, *pnJump));
+    EventSay(EventLevel::Warn, "pusher.jump",
+             {EventText("program", pProg->Uri), EventNumber("track", nTrack),
+              EventNumber("jump_ms", ClockDiff(0, *pnJump))});
     pLine->bJumped = 1;
     pLine->nJumpTrack = nTrack;
     pLine->nJumpedMs = ClockMs();

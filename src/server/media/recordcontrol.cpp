@@ -89,9 +89,11 @@ static void CloseAlways(Program *pProg)
 // With the packet at hand, the newest of the cache, the next recording begins where this one ends.
 static void RenewAlways(Program *pProg)
 {
-    int bRuns = pProg->always.pRecorder != nullptr;
+    Recorder *pRecorder = pProg->always.pRecorder;
+    if (pRecorder)
+        pRecorder->szEndReason = "it goes on under other settings";
     CloseAlways(pProg);
-    if (bRuns)
+    if (pRecorder)
         BeginAlways(pProg);
 }
 

@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -10,6 +11,7 @@
 #include "base/console.h"
 #include "base/printable.h"
 #include "base/textbuf.h"
+#include "record/recordevents.h"
 #include "record/zmfwriter.h"
 #include "runtime/clock.h"
 #include "server/core/settings.h"
@@ -42,8 +44,22 @@ static void EndWriter(Recorder *pRecorder)
     pRecorder->bOver = 1;
 }
 
-static void TellEnded(int bFailed)
+// The file that is open begins or ends.
+static void SayFile(const Recorder *pRecorder, EventLevel eLevel, const char *szEvent, const char *szReason)
 {
+    const RecordFile *pFile = &pRecorder->pWriter->file;
+    int bEnds = szReason != nullptr;
+    RecordSay(eLevel, szEvent,
+              {pRecorder->szUri, pFile->szFile, szReason, eLevel == EventLevel::Error ? pFile->out.nErrno : 0,
+               bEnds ? static_cast<int>(pFile->uDuration / 1000) : -1});
+}
+
+static void TellEnded(const Recorder *pRecorder, int bFailed)
+{
+    if (bFailed)
+        SayFile(pRecorder, EventLevel::Error, "recording.failed", "it cannot be written");
+    else
+        SayFile(pRecorder, EventLevel::Info, "recording.end", "its time is over");
     print(bFailed ? "ZMFWriterWriteSample() failed!\r\n" : "ZMFWriterWriteSample() auto stopped().\r\n");
 }
 
@@ -71,7 +87,7 @@ static int OnTick()
             bMore |= ZMFWriterRoomStep(p->pWriter);
             continue;
         }
-        TellEnded(0);
+        TellEnded(p, 0);
         EndWriter(p);
     }
     if (bTick)
@@ -201,14 +217,19 @@ static ZMFWriter *OpenWriter(const Opening *p)
     ZMFWriter *pWriter = nullptr;
     int bQuiet = p->order.bAgain;  // but for what succeeds
     ChooseName(p, szFile, sizeof(szFile));
+    errno = 0;
     if (p->pRecorder->plan.bConfined && (pWriter = CreateConfined(p, szFile)))
         ZMFWriterFileName(pWriter, szFile, sizeof(szFile));  // the name that was free
     if (!bQuiet)
         TellStart(p, szFile);
     if (!p->pRecorder->plan.bConfined)
         pWriter = CreateWriter(p, szFile);
-    if (!pWriter && !bQuiet)
+    int nErrno = errno;
+    if (!pWriter && !bQuiet) {
         print("Create record file(%s) failed!\r\n", PrintableText(szFile).sz);
+        RecordSay(EventLevel::Error, "recording.failed",
+                  {p->pRecorder->szUri, szFile, "its file cannot be made", nErrno});
+    }
     return pWriter;
 }
 
@@ -219,8 +240,11 @@ static int MakeRoom(Opening *p, ZMFWriter *pWriter)
                                               p->pRecorder->plan.rules.bDeleteOldest);
     if (eResult == RoomResult::There)
         p->eStage = OpeningStage::Packets;
-    if (eResult == RoomResult::None && !p->order.bAgain)
+    if (eResult == RoomResult::None && !p->order.bAgain) {
         print("NOT enough storage space to record!!!\n");
+        RecordSay(EventLevel::Error, "recording.failed",
+                  {p->pRecorder->szUri, pWriter->file.szFile, "there is no room"});
+    }
     return eResult != RoomResult::None;
 }
 
@@ -291,6 +315,7 @@ static int RunOpening(DiskJob *pJob)
         return 0;
     p->opening.bOpen = bOk;
     if (bOk) {
+        SayFile(pRecorder, EventLevel::Info, "recording.begin", nullptr);
         pRecorder->bOpened = 1;
         Remember(pRecorder);
         return 1;
@@ -359,7 +384,7 @@ static int RunPacket(DiskJob *pJob)
     free(p);
     if (nResult > 0)
         return 1;
-    TellEnded(nResult < 0);
+    TellEnded(pRecorder, nResult < 0);
     EndWriter(pRecorder);
     return 1;
 }
@@ -397,6 +422,9 @@ static int RunHole(DiskJob *pJob)
     print("The disk is too slow: %u ms of %s are not recorded.\r\n", p->nMs, uri.sz);
     if (p->bLogged)
         log("The disk is too slow: %u ms of %s are not recorded.", p->nMs, uri.sz);
+    EventSay(EventLevel::Warn, "recording.hole",
+             {EventText("program", p->szUri), EventNumber("lost_ms", p->nMs),
+              EventText("reason", "the disk was too slow")});
     free(p);
     return 1;
 }
@@ -414,8 +442,13 @@ static void TellHole(Recorder *pRecorder)
 
 static void BeginHole(Recorder *pRecorder)
 {
-    if (!pRecorder->bHole)
+    if (!pRecorder->bHole) {
         pRecorder->nHoleMs = ClockMs();
+        EventSay(EventLevel::Warn, "recording.stalled",
+                 {EventText("program", pRecorder->szUri),
+                  EventNumber("waiting_mb", static_cast<int64_t>(DiskBytesWaiting() >> 20)),
+                  EventText("reason", "the disk takes nothing")});
+    }
     pRecorder->bHole = 1;
 }
 
@@ -529,6 +562,9 @@ static int RunClosing(DiskJob *pJob)
     char szFile[kStoragePathSize] = "";
     if (pRecorder->pWriter)
         ZMFWriterFileName(pRecorder->pWriter, szFile, sizeof(szFile));
+    if (pRecorder->pWriter)
+        SayFile(pRecorder, EventLevel::Info, "recording.end",
+                p->bTold ? "asked for the end" : pRecorder->szEndReason);
     Forget(pRecorder);
     ZMFWriterFree(std::exchange(pRecorder->pWriter, nullptr));
     if (p->bTold)

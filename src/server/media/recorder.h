@@ -39,6 +39,7 @@ struct Recorder {
     int nKind = 0;
     uint32_t nBornMs = 0;       // ClockMs
     FilePlan plan;              // does not change
+    const char *szEndReason = "its program gives no more";  // where nobody asked for its end; static
     char szUri[256] = "";       // of the program
     std::atomic<int> bOver{0};  // nothing is written any more: the disk thread has closed the writer
     // A hole that the queue for the disk has left: nothing is taken up to the next key frame.

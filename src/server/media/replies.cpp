@@ -1,5 +1,7 @@
 #include "server/media/replies.h"
 
+#include <cstdlib>
+#include <cstring>
 #include <iterator>
 
 #include "base/httpdate.h"
@@ -82,7 +84,10 @@ static void AddHead(Message *pMessage, unsigned nHead, uint32_t nCSeq)
 
 void ReplyBeginNumbered(Message *pReply, Status eStatus, uint32_t nCSeq)
 {
-    TextAdd(&pReply->text, "%s\r\n", g_statuses[eStatus].szLine);
+    const char *szLine = g_statuses[eStatus].szLine;
+    TextAdd(&pReply->text, "%s\r\n", szLine);
+    if (pReply->pSession)
+        pReply->pSession->ending.nLastStatus = atoi(szLine + strcspn(szLine, " "));
     AddHead(pReply, HeadOf(eStatus), nCSeq);
 }
 

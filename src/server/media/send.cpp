@@ -7,6 +7,7 @@
 #include "base/console.h"
 #include "runtime/clock.h"
 #include "server/core/program.h"
+#include "server/core/sessionevents.h"
 #include "server/core/settings.h"
 #include "server/media/outqueue.h"
 #include "server/media/pace.h"
@@ -127,6 +128,7 @@ static int IsStuck(Session *pSession)
     if (ClockDiff(ClockMs(), pFlow->nBlockedClock) < kStuckMs)
         return 0;
     QueueTell(pSession, "took nothing for 30 seconds and is closed");
+    SessionNoteEnd(pSession, "it took nothing for 30 seconds");
     return 1;
 }
 
@@ -187,9 +189,9 @@ static void CatchUp(Session *pSession)
 // Writes the batch and accounts for what left. Results of WireWrite.
 static int WriteBatch(Session *pSession, Batch *pBatch)
 {
-    int nLeft = 0;
-    int nResult = WireWrite(pBatch, &nLeft);
     SessionFlow *pFlow = &pSession->flow;
+    int nLeft = 0;
+    int nResult = WireWrite(pBatch, &nLeft, &pFlow->nBytesSent);
     if (nResult > 0) {
         pFlow->nBlockedSends = 0;
         pFlow->bBlocked = 0;
@@ -230,7 +232,9 @@ int SendDataEx(Session *pSession, Port *pPort, int bPush)
         }
         int nResult = WriteBatch(pSession, &batch);
         if (nResult < 0) {
-            print("SendDataEx(socket=0x%x) failed(errcode=%d)!\r\n", batch.pPort->fd, errno);
+            int nErrno = errno;
+            print("SendDataEx(socket=0x%x) failed(errcode=%d)!\r\n", batch.pPort->fd, nErrno);
+            SessionNoteErrno(pSession, kEndBroken, nErrno);
             return 0;
         }
         if (nResult == 0)
@@ -298,6 +302,7 @@ int SendReply2(Session *pSession, Port *pPort, const void *pText, size_t nLen, c
         return 0;
     if (RepliesPileUp(pSession)) {
         print("Too many replies wait on fd=0x%x!\r\n", pPort->fd);
+        SessionNoteEnd(pSession, "it does not read its replies");
         return 0;
     }
     DataBlock *pHead = MakeReplyBlock(pText, nLen);

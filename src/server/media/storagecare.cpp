@@ -10,6 +10,7 @@
 #include "base/console.h"
 #include "base/printable.h"
 #include "base/textbuf.h"
+#include "record/recordevents.h"
 #include "record/storage.h"
 #include "record/storagekeep.h"
 #include "record/zmfrepair.h"
@@ -54,8 +55,11 @@ static int NextFile(RepairAll *p)
         p->szFile = pItem->szPath;
         return 1;
     }
+    int nErrno = errno;
     print("The interrupted file (%s) is left as it is: %s.\r\n", file.sz,
-          errno ? strerror(errno) : "it is no recording");
+          nErrno ? strerror(nErrno) : "it is no recording");
+    RecordSay(EventLevel::Warn, "recording.not_repaired",
+              {nullptr, pItem->szPath, nErrno ? "it cannot be read" : "it is no recording", nErrno});
     ZMFRepairClose(&p->repair);
     return 1;
 }
@@ -66,9 +70,12 @@ static void TellResult(const RepairAll *p, ZMFRepairResult nResult)
     const ZMFRepair *pRepair = &p->repair;
     if (nResult == ZMF_REPAIR_BROKEN) {
         print("The interrupted file (%s) is left as it is: %s.\r\n", file.sz, pRepair->szReason);
+        RecordSay(EventLevel::Warn, "recording.not_repaired", {nullptr, p->szFile, pRepair->szReason});
     } else if (nResult == ZMF_REPAIR_DONE) {
         print("The interrupted file (%s) is repaired: %u s.\r\n", file.sz, pRepair->head.uDuration / 1000);
         log("The interrupted file (%s) is repaired: %u s.", file.sz, pRepair->head.uDuration / 1000);
+        RecordSay(EventLevel::Info, "recording.repaired",
+                  {nullptr, p->szFile, nullptr, 0, static_cast<int>(pRepair->head.uDuration / 1000)});
     }
 }
 

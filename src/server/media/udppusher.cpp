@@ -89,6 +89,7 @@ static int OnWatch(Task *pTask, uint32_t, uint32_t, uint32_t)
     char szRemote[kAddrTextSize];
     SessionRemoteText(pSession, szRemote);
     print("Nothing comes from the pusher %s over UDP. It is closed.\r\n", szRemote);
+    SessionNoteEnd(pSession, kEndSilent);
     SessionEnd(pSession);
     return -1;
 }

@@ -9,6 +9,7 @@
 #include "server/core/tracks.h"
 #include "server/media/liveprogram.h"
 #include "record/sdpreader.h"
+#include "server/core/sessionevents.h"
 #include "server/media/questions.h"
 #include "server/media/replies.h"
 #include "server/media/sleep.h"
@@ -86,6 +87,8 @@ static int ReplaceOldPusher(Session *pSession, Port *pPort, const char *szPath, 
         print("The same pusher Announce again, %s.\r\n",
               g_settings.bStandardPushers && g_settings.nHoldPlayers > 0 ? "its players wait"
                                                                          : "Destroy the old program");
+        SockAddrToString(&pPort->remote, pPusher->ending.szBy);
+        SessionNoteEnd(pPusher, "another pusher took its place");
         SessionEnd(pPusher);
         return 1;
     }
@@ -152,6 +155,7 @@ static Verdict StartPusher(Session *pSession, Port *pPort, Program *pProg, const
     pSession->nFlags |= SESSION_PUSHER;
     if (KnowsOurRequests(pRequest))
         PusherShows(pSession);
+    SessionSayStart(pSession);
     SessionSchedule(pSession, OnLiveWatchdog, g_settings.nLiveTime * 1000);
     pSession->nState = STATE_DESCRIBED;
     SessionCopyTracks(pSession, pProg);

@@ -14,6 +14,7 @@
 #include "record/reorder.h"
 #include "runtime/clock.h"
 #include "server/core/program.h"
+#include "server/core/sessionevents.h"
 #include "server/core/settings.h"
 #include "server/media/distribute.h"
 #include "server/media/fileprogram.h"
@@ -404,6 +405,7 @@ Verdict HandlePlay(Session *pSession, Port *pPort, Request *pRequest)
     else
         pBefore = PaceFirstHeld(pSession);  // what a pause has kept follows the reply
     pSession->nState = STATE_PLAYING;
+    SessionSayStart(pSession);
     if (MessageSendBefore(&reply, pBefore) == Verdict::End)
         return Verdict::End;
     if (pSession->nFlags & SESSION_PUSHER)
@@ -458,6 +460,8 @@ Verdict HandleTeardown(Session *pSession, Port *pPort, Request *)
         return Verdict::Later;
     if (pSession->pProg) {
         pSession->nState = STATE_TORNDOWN;
+        SessionNoteEnd(pSession, kEndAsked);
+        SessionSayEnd(pSession);  // its program goes now, its connection later
         // so standard encoders leave every time; their players would wait for media without an end
         if (g_settings.bStandardPushers)
             SessionEndPlayers(pSession);

@@ -2,6 +2,7 @@
 
 #include "base/assertion.h"
 #include "runtime/clock.h"
+#include "server/core/sessionevents.h"
 #include "server/core/tracks.h"
 #include "server/media/distribute.h"
 #include "server/media/filesend.h"
@@ -43,6 +44,7 @@ Verdict HandleQuickPlay(Session *pSession, Port *pPort, Request *pRequest)
     pSession->play.nPlayStart = pSession->play.nPlayPos;
     RtcpPlayBegins(pSession);
     pSession->nState = STATE_PLAYING;
+    SessionSayStart(pSession);
     if (!ORX_PEER_ASSERT(!(pSession->nFlags & SESSION_FILE_SENDER), "!(session->nFlags & 0x10)"))
         return Verdict::End;
     if (!pProg->bLive) {

@@ -117,8 +117,8 @@ static void AddUdpText(const SessionTrack *pTrack, int nRemotePort, TextBuf *pTe
 static SetupResult SetupUdp(Session *pSession, Port *pPort, int i, const char *szParams, TextBuf *pText)
 {
     const char *p = strstr(szParams, "client_port=");
-    // behind a bridge there is nobody but this box to send datagrams to
-    if ((pPort->nFlags & PORT_RELAYED) && g_settings.bStandardPlayers)
+    // behind a bridge there is nobody but this box to send datagrams to, and no front passes them on
+    if (((pPort->nFlags & PORT_RELAYED) && g_settings.bStandardPlayers) || (pPort->nFlags & PORT_FRONTED))
         return SETUP_OTHER;
     if (strncmp(szParams, "unicast;", strlen("unicast;")) != 0 || !p)
         return SETUP_FAILED;
@@ -166,7 +166,7 @@ static int CanServe(const Session *pSession, const Port *pPort, int i, const Tra
         return 0;
     if (pOffer->eCarrier == Carrier::Tcp)
         return 1;
-    if (pOffer->nPort == 0 || (pPort->nFlags & PORT_RELAYED))
+    if (pOffer->nPort == 0 || (pPort->nFlags & (PORT_RELAYED | PORT_FRONTED)))
         return 0;
     return g_settings.bUdpPushers || !(pSession->nFlags & SESSION_PUSHER);
 }

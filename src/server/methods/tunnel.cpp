@@ -10,6 +10,7 @@
 #include "base/textbuf.h"
 #include "runtime/clock.h"
 #include "server/core/registry.h"
+#include "server/core/sessionevents.h"
 #include "server/core/settings.h"
 #include "server/media/replies.h"
 
@@ -139,8 +140,10 @@ static void Pair(Session *pGet, Session *pPost, Port *pPort, uint32_t nFrom)
 static int OnPostWaited(Task *pTask, uint32_t, uint32_t, uint32_t)
 {
     Session *pPost = SessionOfTask(pTask);
-    if (pPost)
-        SessionEnd(pPost);
+    if (!pPost)
+        return -1;
+    SessionNoteEnd(pPost, "the other half of its tunnel did not come");
+    SessionEnd(pPost);
     return -1;
 }
 
@@ -175,6 +178,7 @@ void TunnelPairPost(Session *pPost, Port *pPort)
     if (!pGet)
         return;
     Pair(pGet, pPost, pPort, 0);
+    SessionNoteEnd(pPost, "it became half of a tunnel");
     SessionEnd(pPost);
 }
 
@@ -217,6 +221,7 @@ int TunnelDecode(Session *pSession, Port *pPort, const char *pText, size_t nLen)
             continue;
         if (!IsBase64(pText[i])) {
             print("Invalid base64 text on fd=0x%x!\r\n", pPort->fd);
+            SessionNoteMalformed(pSession, "bad base64 in its tunnel");
             return 0;
         }
         pPort->tail[pPort->nTail++] = pText[i];

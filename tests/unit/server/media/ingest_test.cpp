@@ -21,7 +21,8 @@ TEST(FeedProgram, TimesDoNotOverflow)
             session.pProg->desc.nTrackCount = 1;
             MediaInfo *pInfo = &session.pProg->desc.mediaInfos[0];
             pInfo->nTimeScale = nRate;
-            pInfo->clock = {1, 0, INT64_MAX / (int64_t{nRate} << 29) * (int64_t{nRate} << 29), 0, 0, ClockMs(), {}};
+            pInfo->clock = {1,         0, INT64_MAX / (int64_t{nRate} << 29) * (int64_t{nRate} << 29), 0, 0, ClockMs(),
+                            bStandard, {}};
             for (uint32_t i = 1; i <= 4; i++) {
                 std::string frame = Frame(0, MakeRtp({96, 0, i * nRate / 2}, "picture"));
                 EXPECT_EQ(1, FeedProgram(&session, 0, reinterpret_cast<const uint8_t *>(frame.data()),

@@ -1,0 +1,92 @@
+#include "server/front/startdoubts.h"
+
+#include <cstring>
+
+#include "base/configfile.h"
+#include "base/console.h"
+#include "base/eventlog.h"
+#include "base/textbuf.h"
+#include "server/core/configcheck.h"
+#include "server/core/doubts.h"
+#include "server/core/registry.h"
+#include "server/core/settings.h"
+
+namespace orx {
+
+static size_t g_nSaid = 0;  // of g_doubts
+static int g_bStrictStart = 0;
+
+void StartDoubtsCheck(const char *szConfigPath)
+{
+    Settings taken;
+    DoubtsFree(&g_doubts);
+    g_nSaid = 0;
+    ConfigCheck(szConfigPath ? szConfigPath : "", &taken, &g_doubts);
+    g_bStrictStart = DoubtsStrict(taken.bStrictConfig);
+    SettingsFree(&taken);
+}
+
+int StartDoubtsSay()
+{
+    for (; g_nSaid < g_doubts.nDoubts; g_nSaid++) {
+        const Doubt *pDoubt = &g_doubts.pDoubts[g_nSaid];
+        char szLine[sizeof(pDoubt->szText) + 2];
+        TextBuf line{szLine, sizeof(szLine)};
+        TextAdd(&line, "%s\n", pDoubt->szText);
+        ConsoleError(szLine, line.nLen);
+        EventSay(EventLevel::Warn, "config.doubt", {EventText("text", pDoubt->szText)});
+    }
+    return !g_bStrictStart || !DoubtsRefuse(&g_doubts);
+}
+
+// The key that names a listener's port.
+struct ListenerKey {
+    const char *szName, *szSection, *szKey;
+};
+static constexpr ListenerKey g_listenerKeys[] = {
+    {"rtsp", "SERVER", "ListenPort"},
+    {"web", "SERVER", "HttpProxyListenPort"},
+    {"relay", "SERVER", "UnetPort"},
+    {"status", "STATUS", "Socket"},
+};
+
+int StartDoubtsOfListeners()
+{
+    for (unsigned i = 0; i < g_server.nListeners; i++) {
+        const ServerListener *p = &g_server.listeners[i];
+        for (const ListenerKey &key : g_listenerKeys) {
+            char szWhy[256], szError[64];
+            TextBuf why{szWhy, sizeof(szWhy)};
+            if (!p->nErrno || strcmp(key.szName, p->szName) != 0)
+                continue;
+            TextAdd(&why, "cannot be listened on (%s, %s): no %s connection is taken", p->szAddress,
+                    strerror_r(p->nErrno, szError, sizeof(szError)), p->szName);
+            ConfigDoubt(g_settings.szConfigPath, &g_doubts, 1, key.szSection, key.szKey, szWhy);
+        }
+    }
+    return StartDoubtsSay();
+}
+
+int StartIsStrict()
+{
+    return g_bStrictStart;
+}
+
+int StartRefusesLong(const char *szConfigPath)
+{
+    if (!szConfigPath[0] || !ProfileIsLong(szConfigPath))
+        return 0;
+    Settings taken;
+    DoubtList doubts;
+    ConfigState eState = ConfigCheck(szConfigPath, &taken, &doubts);
+    int bStrict = DoubtsStrict(taken.bStrictConfig), bLasts = taken.bSurvivePeerFaults;
+    SettingsFree(&taken);
+    DoubtsFree(&doubts);
+    if (eState != ConfigState::Fails || !bStrict || bLasts)
+        return 0;
+    StartDoubtsCheck(szConfigPath);
+    StartDoubtsSay();
+    return 1;
+}
+
+}  // namespace orx

@@ -1,0 +1,22 @@
+// What is doubtful about the start of a server is said on standard error and in the log of events, and a
+// strict start ends by it (see core/doubts.h). Main thread, before others run.
+#pragma once
+
+namespace orx {
+
+// Checks the file into g_doubts, before it is read; whether the start is strict is known from then on.
+void StartDoubtsCheck(const char *szConfigPath);
+
+// Says the doubts that were not yet said. Returns 1, or 0 when the start is strict and one of all refuses it.
+int StartDoubtsSay();
+
+// Adds those about listeners that could not be opened, and says them. Results as StartDoubtsSay.
+int StartDoubtsOfListeners();
+
+// Whether the last start was strict: one that failed ends the process with status 1.
+int StartIsStrict();
+
+// Whether a file that is too long to be read ends a strict start, which is then said: reading it would abort.
+int StartRefusesLong(const char *szConfigPath);
+
+}  // namespace orx
