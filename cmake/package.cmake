@@ -24,13 +24,9 @@ foreach(program orx ${ORX_TOOLS})
   endif()
   set(page ${PROJECT_BINARY_DIR}/man/${program}.${section_${program}}.gz)
   # the emulator of a cross build stands in front, or nothing does
-  set(asked ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:${program}>)
-  if(EXISTS ${PROJECT_SOURCE_DIR}/packaging/${program}.help)  # until it has --help
-    set(asked sh -c "cat '${PROJECT_SOURCE_DIR}/packaging/${program}.help'")
-  endif()
   add_custom_command(OUTPUT ${page}
     COMMAND ${PROJECT_SOURCE_DIR}/cmake/manpage.sh ${page} ${program} ${section_${program}} ${PROJECT_VERSION}
-            ${title_${program}} ${asked}
+            ${title_${program}} ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:${program}>
     DEPENDS ${program} ${PROJECT_SOURCE_DIR}/cmake/manpage.sh VERBATIM)
   list(APPEND pages ${page})
   install(FILES ${page} DESTINATION share/man/man${section_${program}} OPTIONAL)

@@ -128,6 +128,7 @@ TEST_F(EventsTest, TellWhyInEitherForm)
         TellStory();
         EXPECT_EQ(0, server.Quit());
         std::vector<Event> events = Events();
+        std::erase_if(events, [](Event &event) { return event["event"] == "config.doubt"; });  // which stand in front
         ASSERT_FALSE(events.empty());
         EXPECT_EQ("server.start", events.front()["event"]);
         EXPECT_EQ("server.stop", events.back()["event"]);

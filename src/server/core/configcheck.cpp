@@ -242,6 +242,7 @@ ConfigState ConfigCheck(const char *szPath, Settings *pTaken, DoubtList *pDoubts
     int bMissing = reading.text.szMissing != nullptr;
     if (!bMissing)
         EachMissing(&reading.found, SayMissing, &reading.found);
+    DoubtsSort(pDoubts);
     int bStarts = reading.bStarts && pTaken->nAuthType < 3;
     ReadingEnd(&reading);
     return !bStarts ? ConfigState::Fails : bMissing ? ConfigState::Missing : ConfigState::Good;

@@ -96,7 +96,12 @@ const ConfigLine *ConfigLineOf(const ConfigFound *pFound, const Setting *pRow, i
 
 int ConfigRefusesSection(const char *szSection)
 {
-    for (const char *sz : {"USERS", "USERCTRL", "GUARD"})
+    static constexpr const char *kSections[] = {
+        "USERS",
+        "USERCTRL",
+        "GUARD",
+    };
+    for (const char *sz : kSections)
         if (strcmp(sz, szSection) == 0)
             return 1;
     return 0;
@@ -145,7 +150,7 @@ static size_t Distance(std::string_view one, std::string_view other)
 // So far at most a name is from the one that was meant.
 static size_t FarthestOf(std::string_view name)
 {
-    return std::max(name.size() / 3, size_t{2});
+    return std::max(name.size() / 2, size_t{2});
 }
 
 // How far a key is from the name of a row, whose number it may lack.
@@ -274,7 +279,7 @@ void ConfigSay(const ConfigFound *pFound, int bRefuses, const ConfigLine *pLine,
     va_start(args, szFormat);
     AddArguments(&text, szFormat, args);
     va_end(args);
-    DoubtAdd(pFound->pDoubts, bRefuses, szText);
+    DoubtAddAt(pFound->pDoubts, bRefuses, pLine ? pLine->nLine : 0, szText);
 }
 
 // What a number stands for, where that is worth a word.
@@ -308,7 +313,7 @@ void ConfigSayRow(const ConfigFound *pFound, const Setting *pRow, int nUser, con
     TextAdd(&text, ": ");
     AddShown(&text, szTaken[0] ? szTaken : "nothing");
     TextAdd(&text, "%s is taken", MeaningOf(pFound, pRow));
-    DoubtAdd(pFound->pDoubts, ConfigRefuses(pRow), szText);
+    DoubtAddAt(pFound->pDoubts, ConfigRefuses(pRow), line.nLine, szText);
 }
 
 }  // namespace orx

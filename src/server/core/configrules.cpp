@@ -99,7 +99,7 @@ static void CheckListenIp(const ConfigFound *pFound)
     else if (!SockSetAddrEx(&addr, p->szListenIp, 554, SettingsListenIpv6(p)))
         SayAbout(pFound, 1, pRow, "is no address and no name of one: nothing listens");
     else if (HasRelay(p) && AddrIsIpv6(&addr) && !IN6_IS_ADDR_UNSPECIFIED(&addr.in6.sin6_addr))
-        SayAbout(pFound, 1, pRow, "has the relay not start, which has IPv4 alone: the server does not start");
+        SayAbout(pFound, 1, pRow, "keeps the relay, which has IPv4 alone, from starting: the server does not start");
 }
 
 // ---------------------------------------------------------------- the directory of recordings

@@ -1,5 +1,6 @@
 #include "server/core/doubts.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "base/textbuf.h"
@@ -10,13 +11,25 @@ DoubtList g_doubts;
 
 void DoubtAdd(DoubtList *pList, int bRefuses, const char *szText)
 {
+    DoubtAddAt(pList, bRefuses, 0, szText);
+}
+
+void DoubtAddAt(DoubtList *pList, int bRefuses, unsigned nLine, const char *szText)
+{
     auto *pGrown = static_cast<Doubt *>(realloc(pList->pDoubts, (pList->nDoubts + 1) * sizeof(Doubt)));
     if (!pGrown)
         return;
     pList->pDoubts = pGrown;
     Doubt *pDoubt = &pGrown[pList->nDoubts++];
+    pDoubt->nLine = nLine;
     pDoubt->bRefuses = bRefuses;
     TextCopy(pDoubt->szText, sizeof(pDoubt->szText), szText);
+}
+
+void DoubtsSort(DoubtList *pList)
+{
+    auto isBefore = [](const Doubt &one, const Doubt &other) { return one.nLine - 1 < other.nLine - 1; };
+    std::stable_sort(pList->pDoubts, pList->pDoubts + pList->nDoubts, isBefore);
 }
 
 void DoubtsFree(DoubtList *pList)

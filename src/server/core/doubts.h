@@ -8,6 +8,7 @@
 namespace orx {
 
 struct Doubt {
+    unsigned nLine;    // of the file; 0: none
     char szText[512];  // the whole line
     int bRefuses;  // it is about who may do what, or about what the server cannot be without: no strict start
 };
@@ -19,6 +20,10 @@ struct DoubtList {
 
 // Adds one. Without memory it is lost.
 void DoubtAdd(DoubtList *pList, int bRefuses, const char *szText);
+// The same of a line of the file, from 1: DoubtsSort brings those into the order of the lines, behind them
+// the others (0) as they were added.
+void DoubtAddAt(DoubtList *pList, int bRefuses, unsigned nLine, const char *szText);
+void DoubtsSort(DoubtList *pList);
 void DoubtsFree(DoubtList *pList);         // leaves an empty list
 int DoubtsRefuse(const DoubtList *pList);  // whether one of them refuses
 

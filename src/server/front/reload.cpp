@@ -18,6 +18,7 @@
 #include "server/core/settings.h"
 #include "server/front/follow.h"
 #include "server/front/logs.h"
+#include "server/front/startdoubts.h"
 
 namespace orx {
 
@@ -147,6 +148,7 @@ static void OnRead(DiskJob *pJob)
         FreeReading(p);
         return;
     }
+    DoubtsSay(&p->doubts, 0);
     char szRestart[kKeysSize] = "";
     TextBuf restart{szRestart, sizeof(szRestart)};
     int bTaken = p->szWhyNot[0] == '\0';

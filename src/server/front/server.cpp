@@ -23,8 +23,8 @@
 #include "server/core/settings.h"
 #include "server/front/events.h"
 #include "server/front/follow.h"
-#include "server/front/reload.h"
 #include "server/front/logs.h"
+#include "server/front/reload.h"
 #include "server/front/remoteservices.h"
 #include "server/front/startdoubts.h"
 #include "server/media/storagecare.h"
@@ -99,16 +99,16 @@ static void OpenListener()
 {
     NetAddr addr;
     int fd = -1;
-    errno = 0;
-    if (SockSetAddrEx(&addr, g_settings.szListenIp, static_cast<int>(g_settings.nListenPort),
-                      SettingsListenIpv6(&g_settings)))
+    int bKnown = SockSetAddrEx(&addr, g_settings.szListenIp, static_cast<int>(g_settings.nListenPort),
+                               SettingsListenIpv6(&g_settings));
+    if (bKnown)
         fd = SockListenTcp(&addr);
     char szAddr[kAddrTextSize];
     if (fd < 0) {
         int nErrno = errno;
         TextBuf wanted{szAddr, sizeof(szAddr)};
         TextAdd(&wanted, "%s:%u", g_settings.szListenIp, g_settings.nListenPort);
-        ListenerNote("rtsp", szAddr, nErrno ? nErrno : EADDRNOTAVAIL);
+        ListenerNote("rtsp", szAddr, bKnown && nErrno ? nErrno : EADDRNOTAVAIL);
         print("Listen error %d\n", nErrno);
         return;
     }
@@ -147,13 +147,9 @@ int ServerStart(const char *szConfigPath)
     tzset();  // which reads a file
     ClearServer();
     StartDoubtsCheck(szConfigPath);
-    if (!SettingsRead(&g_settings, szConfigPath)) {
-        StartDoubtsSay();
-        ClearServer();
-        return 0;
-    }
+    int bRead = SettingsRead(&g_settings, szConfigPath);
     EventsOpen();
-    if (!StartDoubtsSay())
+    if (!StartDoubtsSay() || !bRead)
         return Refuse();
     SettingLists lists;
     ListsParse(&lists, &g_settings);
@@ -263,6 +259,7 @@ static void GatherStat(ServerStat *pStat, int bWithSessions)
 {
     pStat->nTasks = SchedulerTaskCount(&g_server.scheduler);
     pStat->nLives = ProgramCountLive();
+    pStat->tRead = ReloadTime();
     pStat->nMonitors = g_server.monitor.nAdded;
     unsigned nCount = ListCount(&g_server.sessions);
     if (bWithSessions && nCount)

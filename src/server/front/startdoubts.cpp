@@ -26,16 +26,22 @@ void StartDoubtsCheck(const char *szConfigPath)
     SettingsFree(&taken);
 }
 
-int StartDoubtsSay()
+void DoubtsSay(const DoubtList *pList, size_t nFrom)
 {
-    for (; g_nSaid < g_doubts.nDoubts; g_nSaid++) {
-        const Doubt *pDoubt = &g_doubts.pDoubts[g_nSaid];
+    for (size_t i = nFrom; i < pList->nDoubts; i++) {
+        const Doubt *pDoubt = &pList->pDoubts[i];
         char szLine[sizeof(pDoubt->szText) + 2];
         TextBuf line{szLine, sizeof(szLine)};
         TextAdd(&line, "%s\n", pDoubt->szText);
         ConsoleError(szLine, line.nLen);
         EventSay(EventLevel::Warn, "config.doubt", {EventText("text", pDoubt->szText)});
     }
+}
+
+int StartDoubtsSay()
+{
+    DoubtsSay(&g_doubts, g_nSaid);
+    g_nSaid = g_doubts.nDoubts;
     return !g_bStrictStart || !DoubtsRefuse(&g_doubts);
 }
 
@@ -82,11 +88,11 @@ int StartRefusesLong(const char *szConfigPath)
     int bStrict = DoubtsStrict(taken.bStrictConfig), bLasts = taken.bSurvivePeerFaults;
     SettingsFree(&taken);
     DoubtsFree(&doubts);
-    if (eState != ConfigState::Fails || !bStrict || bLasts)
+    if (eState != ConfigState::Fails || bLasts)
         return 0;
     StartDoubtsCheck(szConfigPath);
     StartDoubtsSay();
-    return 1;
+    return bStrict;
 }
 
 }  // namespace orx

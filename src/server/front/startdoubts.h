@@ -2,7 +2,14 @@
 // strict start ends by it (see core/doubts.h). Main thread, before others run.
 #pragma once
 
+#include <cstddef>
+
 namespace orx {
+
+struct DoubtList;
+
+// Says those of a list from one on, on standard error and in the log of events. Any thread that has the list.
+void DoubtsSay(const DoubtList *pList, size_t nFrom);
 
 // Checks the file into g_doubts, before it is read; whether the start is strict is known from then on.
 void StartDoubtsCheck(const char *szConfigPath);
@@ -16,7 +23,8 @@ int StartDoubtsOfListeners();
 // Whether the last start was strict: one that failed ends the process with status 1.
 int StartIsStrict();
 
-// Whether a file that is too long to be read ends a strict start, which is then said: reading it would abort.
+// Says the doubts of a file that is too long to be read, which aborts. Returns whether the start is strict and
+// ends by it instead.
 int StartRefusesLong(const char *szConfigPath);
 
 }  // namespace orx

@@ -1,0 +1,118 @@
+#include "main/checkreport.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include "base/fdguard.h"
+#include "base/textbuf.h"
+#include "runtime/sockutil.h"
+#include "server/core/configcheck.h"
+#include "server/core/configfind.h"
+#include "server/core/configtext.h"
+#include "server/core/shippedconfig.h"
+
+namespace orx {
+
+// ---------------------------------------------------------------- ports
+
+// Tries a port as the server would take it. Returns 0, or why not.
+static int TryPort(const NetAddr *pAddr, int nType)
+{
+    FdGuard sock{socket(pAddr->any.sa_family, nType | SOCK_CLOEXEC, 0)};
+    // as a listener does, so that connections that are fading away do not look like one
+    if (sock.fd >= 0 && nType == SOCK_STREAM)
+        SockSetReuseAddr(sock.fd, 1);
+    return sock.fd >= 0 && bind(sock.fd, &pAddr->any, AddrSize(pAddr)) == 0 ? 0 : errno;
+}
+
+static void CheckPort(const char *szPath, const Settings *p, const char *szKey, uint32_t nPort, int nType,
+                      DoubtList *pDoubts)
+{
+    NetAddr addr;
+    char szWhy[160], szAddress[kAddrTextSize], szError[64];
+    TextBuf why{szWhy, sizeof(szWhy)};
+    // an address that is none has its doubt already, and port 0 is any
+    if (nPort == 0 || !SockSetAddrEx(&addr, p->szListenIp, static_cast<int>(nPort), SettingsListenIpv6(p)))
+        return;
+    int nErrno = TryPort(&addr, nType);
+    SockAddrToString(&addr, szAddress);
+    TextAdd(&why, "cannot be listened on (%s, %s): no connection is taken", szAddress,
+            strerror_r(nErrno, szError, sizeof(szError)));
+    if (nErrno)
+        ConfigDoubt(szPath, pDoubts, 1, "SERVER", szKey, szWhy);
+}
+
+static void CheckPorts(const char *szPath, const Settings *p, DoubtList *pDoubts)
+{
+    CheckPort(szPath, p, "ListenPort", p->nListenPort, SOCK_STREAM, pDoubts);
+    if (p->bHttpProxy && p->nHttpProxyListenPort != p->nListenPort)
+        CheckPort(szPath, p, "HttpProxyListenPort", p->nHttpProxyListenPort, SOCK_STREAM, pDoubts);
+    if (p->bUnet || p->bZupo)
+        CheckPort(szPath, p, "UnetPort", p->nUnetPort, SOCK_DGRAM, pDoubts);
+}
+
+// ---------------------------------------------------------------- reports
+
+// Prints a line, and above the first of a section its header. pContext: the last section.
+static void PrintRow(void *pContext, const char *szSection, const char *szKey, const char *szTaken)
+{
+    auto *pszLast = static_cast<const char **>(pContext);
+    if (!*pszLast || strcmp(*pszLast, szSection) != 0)
+        printf("%s[%s]\n", *pszLast ? "\n" : "", szSection);
+    *pszLast = szSection;
+    printf("%s=%s\n", szKey, szTaken);
+}
+
+int CheckReport(const char *szConfigPath)
+{
+    const char *szLast = nullptr;
+    Settings taken;
+    DoubtList doubts;
+    ConfigState eState = ConfigCheck(szConfigPath, &taken, &doubts);
+    CheckPorts(szConfigPath, &taken, &doubts);
+    int bStarts = eState != ConfigState::Fails && !DoubtsRefuse(&doubts);
+    ConfigListTaken(szConfigPath, PrintRow, &szLast);
+    fflush(stdout);
+    for (size_t i = 0; i < doubts.nDoubts; i++)
+        fprintf(stderr, "%s\n", doubts.pDoubts[i].szText);
+    printf("\n; %zu doubts; the server %s with --strict\n", doubts.nDoubts,
+           bStarts ? "would start" : "would not start");
+    SettingsFree(&taken);
+    DoubtsFree(&doubts);
+    return bStarts ? 0 : 1;
+}
+
+int UpgradeReport(const char *szConfigPath)
+{
+    const char *szLast = nullptr;
+    ConfigListMissing(szConfigPath, PrintRow, &szLast);
+    return 0;
+}
+
+int DumpConfig()
+{
+    ConfigWalk walk(g_szShippedConfig);
+    ConfigLine line;
+    const char *p = g_szShippedConfig;
+    int nUser;
+    while (ConfigWalkNext(&walk, &line)) {
+        const Setting *pRow =
+            line.eKind == ConfigLineKind::Key ? ConfigRowOf(line.section, line.key, &nUser) : nullptr;
+        if (!pRow || IsUserRow(pRow))
+            continue;
+        fwrite(p, 1, static_cast<size_t>(line.value.data() - p), stdout);
+        if (pRow->kind == SettingKind::Number)
+            printf("%d", pRow->nDefault);
+        else
+            fputs(pRow->szDefault, stdout);
+        p = line.value.data() + line.value.size();
+    }
+    fputs(p, stdout);
+    return 0;
+}
+
+}  // namespace orx
