@@ -24,8 +24,7 @@ if [ "$architecture" != "$own" ]; then
         exit 2
     fi
 fi
-scripts/install-deps.sh "$purpose"
-command -v dpkg-shlibdeps >/dev/null || scripts/install-deps.sh package
+scripts/install-deps.sh "$purpose" package
 if command -v ccache >/dev/null; then toolchain="$toolchain -DCMAKE_CXX_COMPILER_LAUNCHER=ccache"; fi
 
 umask 022

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -26,15 +27,16 @@ constexpr size_t kDayNameLen = 8;  // YYYYMMDD
 constexpr char kExtension[] = ".zmf";
 constexpr int kOldDaysMaxAge = 1000000;  // days, far beyond the years of the calendar's four digits
 
-static int64_t g_nTimeOffset;    // these three are for tests only
-static int64_t g_nSteadyOffset;  // ms
-static time_t g_tHold;
+static std::atomic<int64_t> g_nTimeOffset;    // these three are for tests only, set by any thread
+static std::atomic<int64_t> g_nSteadyOffset;  // ms
+static std::atomic<time_t> g_tHold;
 static uint64_t g_nRecorded;              // bytes, the thread that records
 static OpenRecording *g_pOpenRecordings;  // the thread that records
 
 time_t RecordTime()
 {
-    return g_tHold ? g_tHold : time(nullptr) + static_cast<time_t>(g_nTimeOffset);
+    time_t tHold = g_tHold;
+    return tHold ? tHold : time(nullptr) + static_cast<time_t>(g_nTimeOffset);
 }
 
 void RecordTimeSetOffset(int64_t nSeconds)

@@ -64,6 +64,8 @@ void ChildProcess::Spawn(const std::string &program, const std::vector<std::stri
         dup2(in.fd, 0);
         dup2(out.fd, 1);
         dup2(out.fd, 2);
+        for (int fd : closed)
+            close(fd);
         signal(SIGPIPE, SIG_DFL);
         execvp(argv[0], argv.data());
         _exit(127);
@@ -103,7 +105,9 @@ const std::string &ChildProcess::Output() const
 {
     std::ifstream in(dir.File("output"), std::ios::binary);
     in.seekg(static_cast<std::streamoff>(output.size()));
-    output.append(std::istreambuf_iterator<char>(in), {});
+    std::ostringstream more;
+    more << in.rdbuf();
+    output += more.str();
     return output;
 }
 

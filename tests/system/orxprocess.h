@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/emulated.h"
 #include "support/files.h"
 #include "support/sockets.h"
 #include "support/wait.h"
@@ -58,7 +59,8 @@ struct ChildProcess {
     bool WaitOutput(const std::string &text, int nTimes = 1, size_t nFrom = 0) const;
 
     TempDir dir;
-    pid_t pid = -1;  // -1: not running
+    std::vector<int> closed;  // standard streams that it starts without
+    pid_t pid = -1;           // -1: not running
 
 private:
     Sock input;

@@ -303,7 +303,7 @@ static int IsOvertaken(const Session *pSession)
         return 0;
     auto *pText = reinterpret_cast<const char *>(pInput->pBuf + pInput->nNext);
     auto *pEnd = static_cast<const char *>(memmem(pText, pInput->nLen - pInput->nNext, "\r\n\r\n", 4));
-    if (!pEnd || pEnd + 4 - pText >= kMaxHeadBytes)
+    if (!pEnd || static_cast<size_t>(pEnd + 4 - pText) >= kMaxHeadBytes)
         return 0;
     Request next;
     RequestInit(&next);
