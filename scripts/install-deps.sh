@@ -1,17 +1,19 @@
 #!/bin/sh
 # Installs the Debian packages that the named purposes need and that are not there yet.
 #   scripts/install-deps.sh build   to build and run the server
+#   scripts/install-deps.sh package to make Debian packages
 #   scripts/install-deps.sh test    to build and run every test as well
 #   scripts/install-deps.sh armhf   to build for armhf, or arm64, and to run those tests; on such a machine: as test
 set -eu
 
 build="g++ make cmake libenet-dev"
 tools="libavformat-dev libavcodec-dev libavutil-dev"
+package="dpkg-dev gzip"
 test="git libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev python3 procps
       ffmpeg mpv gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-base-apps
       gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav
       gstreamer1.0-rtsp
-      iproute2 nftables stunnel4 openssl"
+      iproute2 nftables stunnel4 openssl $package mmdebstrap lintian shellcheck logrotate systemd"
 own=$(dpkg --print-architecture)
 
 # cross COMPILER ARCHITECTURE: the compiler is this machine's, libraries and what programs are linked with are the other's
@@ -27,12 +29,13 @@ foreign=""
 for purpose in "${@:-}"; do
     case "$purpose" in
     build) wanted="$wanted $build $tools" ;;
+    package) wanted="$wanted $package" ;;
     test) wanted="$wanted $build $tools $test" ;;
     "$own") wanted="$wanted $build $tools $test" ;;
     armhf) cross g++-arm-linux-gnueabihf armhf ;;
     arm64) cross g++-aarch64-linux-gnu arm64 ;;
     *)
-        echo "usage: $0 build|test|armhf|arm64 ..." >&2
+        echo "usage: $0 build|test|package|armhf|arm64 ..." >&2
         exit 2
         ;;
     esac

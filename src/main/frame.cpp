@@ -20,6 +20,7 @@
 #include "base/installdir.h"
 #include "base/textbuf.h"
 #include "main/checkreport.h"
+#include "main/notify.h"
 #include "main/options.h"
 #include "runtime/thread.h"
 #include "server/core/doubts.h"
@@ -224,12 +225,25 @@ static void WriteStateFile(const char *szPath)
     WriteStateKeys(szPath);
 }
 
+static void OnReloaded(void *, const ReloadResult *)
+{
+    NotifyReady();
+}
+
+static void Reload()
+{
+    NotifyReloading();
+    if (!ReloadSignal(OnReloaded))
+        NotifyReady();
+}
+
 static void SleepTick()
 {
     usleep(kTickMs * 1000);
     ConsoleFlush(0);
+    NotifyTick();
     if (g_bHangup.exchange(0))
-        ReloadSignal();
+        Reload();
 }
 
 // Standard input, line by line. What is too long for the buffer is dropped up to the line's end.
@@ -398,15 +412,18 @@ int RunProcess(int argc, char **argv)
     int nLog = ReadFirstKeys(szCfg);
     LogSetup(place.szLog, nLog);
     RaiseDescriptorLimit();
+    NotifyInit();
     if (!ServerStart(szCfg)) {
         ConsoleFlush(1);
         return StartIsStrict() ? 1 : 0;
     }
     log("Begin");
+    NotifyReady();
     if (bDaemon)
         DaemonLoop(place.szState, nLog);
     else
         ConsoleLoop();
+    NotifyStopping();
     ServerStop();
     log("End");
     print("main() exit OK.\n");

@@ -250,12 +250,13 @@ void ReloadAsk(ReloadDone pfnDone, void *pContext)
     TaskSchedule(&g_server.scheduler, OnAsked, 0, 0, nullptr);
 }
 
-void ReloadSignal()
+int ReloadSignal(ReloadDone pfnDone)
 {
     if (!g_bSignals)
-        return;
+        return 0;
     EventLogReopen();
-    ReloadAsk(nullptr, nullptr);
+    ReloadAsk(pfnDone, nullptr);
+    return 1;
 }
 
 time_t ReloadTime()

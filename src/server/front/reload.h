@@ -20,9 +20,9 @@ using ReloadDone = void (*)(void *pContext, const ReloadResult *pResult);
 // way follows it. Any thread.
 void ReloadAsk(ReloadDone pfnDone, void *pContext);
 
-// Does so for a signal: reopens the log of events as well. Does nothing unless [LOG] or [STATUS] is
-// configured. Main thread.
-void ReloadSignal();
+// Does so for a signal: reopens the log of events as well. Returns 1, or 0 having done nothing where neither
+// [LOG] nor [STATUS] is configured. Main thread.
+int ReloadSignal(ReloadDone pfnDone);
 
 // Notes the settings that the server starts with. Main thread, before others run.
 void ReloadInit();
