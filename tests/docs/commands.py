@@ -14,6 +14,7 @@ A block of "sh" without a comment above it is run as one script and has to end w
   <!-- test: config -->            an "ini" block, whose lines go to the configuration, and the server starts anew
   <!-- test: expects="TEXT" -->    TEXT is in what it prints
   <!-- test: needs=PATH -->        not run where the tree (or out/) has no such file
+  <!-- test: with="COMMANDS" -->   a script runs behind these, which make what it needs
   <!-- test: OLD=NEW -->           other words that are replaced, as HOST is by 127.0.0.1
   <!-- test: not run: REASON -->   what cannot be run; the reason is listed
 """
@@ -118,7 +119,8 @@ class Site:
         with open(os.path.join(self.tmp, ".config/mpv/mpv.conf"), "w") as f:
             f.write("vo=null\nao=null\n")
         self.server, self.services, self.start = None, [], "scripts/run.sh"
-        self.shell("ffmpeg -v error -i tests/data/clip.h264 -c copy input.mp4")
+        self.shell("ffmpeg -v error -i tests/data/clip.h264 -c copy input.mp4; cp tests/data/clip.h264 long.h264; "
+                   "mkdir pictures; ffmpeg -v error -i input.mp4 -t 2 -huffman default pictures/%03d.jpg")
 
     def stub(self, name, text):
         path = os.path.join(self.tmp, "bin", name)
@@ -140,8 +142,9 @@ class Site:
     def shell(self, command):
         """Runs it to its end, which has to be a good one; what it printed."""
         run = Running(self, command)
-        if not wait_for(run.ended, SECONDS):
-            run.kill()
+        ended = wait_for(run.ended, SECONDS)
+        run.kill()
+        if not ended:
             raise Failure("still runs after %d s:\n%s" % (SECONDS, run.output()))
         if run.process.returncode != 0:
             raise Failure("ended with %d:\n%s" % (run.process.returncode, run.output()))
@@ -225,7 +228,7 @@ class Site:
 
     def play(self, command):
         def stays(run, _url):
-            wait_for(run.ended, 1.5)
+            wait_for(run.ended, 1)
             return "ended with %d" % run.process.returncode if run.ended() and run.process.returncode else None
 
         return self.until_logged(command, "CreatePlayClient(Uri=%s", stays)
@@ -243,12 +246,12 @@ class Site:
         unknown = marker.words.difference(WORDS)
         if unknown:
             raise Failure("unknown: " + " ".join(unknown))
-        serves, expects, after = (values.pop(name, None) for name in ("serves", "expects", "after"))
+        serves, expects, after, before = (values.pop(name, None) for name in ("serves", "expects", "after", "with"))
         values.pop("needs", None)
 
         def put(text):
             for old, new in values.items():
-                text = re.sub(r"\b%s\b" % re.escape(old), new, text)
+                text = re.sub(r"(?<!\w)%s(?!\w)" % re.escape(old), new, text)
             return text
 
         if after and not wait_for(lambda: any(after in service.output() for service in self.services), SECONDS):
@@ -268,7 +271,7 @@ class Site:
             how = self.push if "push" in marker.words else self.play
             printed = "".join(how(command) for command in commands)
         else:
-            printed = self.shell("\n".join(put(line) for line in block.lines))
+            printed = self.shell("\n".join([before or "", *map(put, block.lines)]))
         if expects and expects not in printed:
             raise Failure("no \"%s\":\n%s" % (expects, printed))
 

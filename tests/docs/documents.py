@@ -21,6 +21,7 @@ class Marker:
     """<!-- test: WORD... KEY=VALUE... -->, or <!-- test: not run: REASON -->"""
 
     def __init__(self, text):
+        text = re.sub(r"^<!-- test:\s*|\s*-->\s*$", "", text)
         reason = re.match(r"not run: *(.+)", text)
         self.reason = reason.group(1) if reason else None
         words = [] if reason else shlex.split(text)
@@ -56,6 +57,6 @@ def blocks(path):
             block.lines.append(line)
         elif line.startswith("## "):
             section = line[3:]
-        elif line.startswith("<!-- test:"):
-            marker = line[len("<!-- test:"):].replace("-->", "").strip()
+        elif line.startswith("<!-- test:") or (marker and "-->" not in marker):
+            marker += line + " "
     return found
