@@ -1,11 +1,13 @@
-"""Links of the documents lead to files and headings that exist; every installed program stands in the README.
-   links.py BUILD_DIR"""
+"""Links of the documents lead to files and headings that exist, every page and program stands in the README, and no
+block of commands is called otherwise than commands.py looks for.   links.py BUILD_DIR"""
 
 import os
 import re
 import sys
 
-from documents import ROOT, lines_of, paths
+from documents import ROOT, blocks, lines_of, paths
+
+LANGUAGES = ("", "sh", "ini", "json", "yaml", "text")
 
 
 def anchors(path):
@@ -41,6 +43,8 @@ def main(build):
     built = {name for name in os.listdir(os.path.join(build, "bin")) if name in tools}
     wrong += ["README.md: %s is not in the table of programs" % name for name in sorted(built)
               if "| `%s` |" % name not in readme]
+    wrong += ["%s: \"%s\" is none of %s" % (block.place, block.language, " ".join(LANGUAGES).strip())
+              for path in paths() for block in blocks(path) if block.language not in LANGUAGES]
     print("\n".join(wrong) or "%d documents, every link leads somewhere" % len(paths()))
     return 1 if wrong else 0
 
