@@ -213,7 +213,7 @@ class Site:
         seen = wait_for(lambda: self.log().count(line) > begun or run.ended(), 20) and self.log().count(line) > begun
         problem = None if seen else "no \"%s\" in the log" % line
         if seen:
-            problem = check(run, name.group(0).replace("%d", "1"))
+            problem = check(run, name.group(1).replace("%d", "1"))
         if not run.stop():
             problem = problem or "does not end"
         if problem:
@@ -221,13 +221,13 @@ class Site:
         return run.output()
 
     def push(self, command):
-        def pictures(_run, url):
-            self.shell("orxload --quiet --duration 0.2 '%s'" % url)
+        def pictures(_run, path):
+            self.shell("orxload --quiet --duration 0.2 'rtsp://127.0.0.1:8554%s'" % path)
 
         return self.until_logged(command, "CreateLiveProgram(Uri=%s)", pictures)
 
     def play(self, command):
-        def stays(run, _url):
+        def stays(run, _path):
             wait_for(run.ended, 1)
             return "ended with %d" % run.process.returncode if run.ended() and run.process.returncode else None
 
