@@ -12,6 +12,7 @@ A block of "sh" without a comment above it is run as one script and has to end w
   <!-- test: after="TEXT" -->      waits before until one of those has printed TEXT
   <!-- test: server -->            the command by which the server is started
   <!-- test: config -->            an "ini" block, whose lines go to the configuration, and the server starts anew
+  <!-- test: stopped -->           a script that runs while the server does not
   <!-- test: expects="TEXT" -->    TEXT is in what it prints
   <!-- test: needs=PATH -->        not run where the tree (or out/) has no such file
   <!-- test: with="COMMANDS" -->   a script runs behind these, which make what it needs
@@ -45,7 +46,7 @@ ENVIRONMENT = {
 }
 SECONDS = 60  # that one command may take
 MOST = 3000  # characters of what it printed are kept
-WORDS = ("push", "play", "server", "config")  # of markers
+WORDS = ("push", "play", "server", "config", "stopped")  # of markers
 
 
 class Failure(Exception):
@@ -271,6 +272,8 @@ class Site:
             how = self.push if "push" in marker.words else self.play
             printed = "".join(how(command) for command in commands)
         else:
+            if "stopped" in marker.words:
+                self.end()
             printed = self.shell("\n".join([before or "", *map(put, block.lines)]))
         if expects and expects not in printed:
             raise Failure("no \"%s\":\n%s" % (expects, printed))
