@@ -274,6 +274,8 @@ class Site:
         else:
             if "stopped" in marker.words:
                 self.end()
+            elif not self.server:
+                self.serve()
             printed = self.shell("\n".join([before or "", *map(put, block.lines)]))
         if expects and expects not in printed:
             raise Failure("no \"%s\":\n%s" % (expects, printed))
