@@ -34,6 +34,18 @@ def wrong_links(path):
             yield "%s: %s has no such heading" % (path, target)
 
 
+def indented_code(path):
+    """Code by indentation, which commands.py would not see. What goes on with an item of a list is none."""
+    before, code, item = "", False, False
+    for number, line in enumerate(lines_of(path), 1):
+        code ^= line.startswith("```")
+        if line and not line.startswith(" "):
+            item = bool(re.match(r"([-*]|\d+\.) ", line))
+        if not code and not item and not before and line.startswith("    "):
+            yield "%s:%d: code without a fence" % (path, number)
+        before = line
+
+
 def main(build):
     wrong = [text for path in paths() for text in wrong_links(path)]
     readme = "\n".join(lines_of("README.md"))
@@ -45,6 +57,7 @@ def main(build):
               if "| `%s` |" % name not in readme]
     wrong += ["%s: \"%s\" is none of %s" % (block.place, block.language, " ".join(LANGUAGES).strip())
               for path in paths() for block in blocks(path) if block.language not in LANGUAGES]
+    wrong += [text for path in paths() for text in indented_code(path)]
     print("\n".join(wrong) or "%d documents, every link leads somewhere" % len(paths()))
     return 1 if wrong else 0
 
