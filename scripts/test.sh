@@ -36,7 +36,7 @@ run_tests() {
 }
 
 jobs=$(nproc)
-waiting=$((jobs * 4)) # most tests wait for most of their time
+waiting=$((jobs * 3)) # most tests wait for most of their time
 for set in "$@"; do
     echo "=== $set"
     begun=$(date +%s)

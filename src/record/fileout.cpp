@@ -11,6 +11,8 @@
 
 namespace orx {
 
+static_assert(sizeof(off_t) == 8, "recordings pass 2 GB, on 32-bit machines as well");
+
 constexpr uint32_t kBufferBytes = 32768;  // at most this much is lost when the process is killed
 
 // Writes both pieces. Returns how many bytes of them were written, fewer than all on an error.
