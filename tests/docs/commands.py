@@ -110,8 +110,8 @@ class Site:
         self.tmp = tempfile.mkdtemp(prefix="orx-docs-")
         self.tree = os.path.join(self.tmp, "orx")
         shutil.copytree(ROOT, self.tree, symlinks=True, ignore=shutil.ignore_patterns("build", "out", ".git", "fuzz"))
-        os.makedirs(os.path.join(self.tree, "build"))
-        for name in ("run", "release", "asan"):
+        os.makedirs(os.path.join(self.tree, "build/run"))
+        for name in ("release", "asan"):
             os.symlink(build, os.path.join(self.tree, "build", name))
         self.env = dict(os.environ, **ENVIRONMENT, HOME=self.tmp,
                         PATH="%s/bin:%s/out/bin:%s" % (self.tmp, self.tree, os.environ["PATH"]))
