@@ -159,17 +159,17 @@ TEST_F(EventLog, StrangersFillNothing)
     EXPECT_THAT(text, testing::EndsWith(" warn log.unsaid of=auth.failed events=20\n"));
 }
 
-static int g_nCalls = 0;
+static int g_nEventCalls = 0;
 
 TEST_F(EventLog, WaitsForNobodysDisk)
 {
-    g_nCalls = 0;
-    EventLogDivert([] { g_nCalls++; });
+    g_nEventCalls = 0;
+    EventLogDivert([] { g_nEventCalls++; });
     Open();
     for (int i = 0; i < 3; i++)
         EventSay(EventLevel::Info, "some.event", {EventNumber("i", i)});
     EXPECT_FALSE(std::filesystem::exists(path));
-    EXPECT_EQ(1, g_nCalls);
+    EXPECT_EQ(1, g_nEventCalls);
     EXPECT_EQ(1, EventLogWriteSome());
     EXPECT_THAT(Text(), testing::EndsWith(" i=2\n"));
     EventSay(EventLevel::Info, "last", {});
