@@ -1,12 +1,12 @@
 #!/bin/sh
 # The life of the packages in a clean root: built, checked, installed, started, pushed to, played, recorded, reloaded,
-# upgraded with an edited configuration, removed, purged. Needs root and mmdebstrap; status 77 without.
+# upgraded with an edited configuration, removed, purged. Needs mmdebstrap and root that may mount; status 77 without.
 #   ORX_ROOT=FILE.tar    a root made before, which is unpacked instead
 set -eu
 cd "$(dirname "$0")/../.."
 
-if [ "$(id -u)" != 0 ] || ! command -v mmdebstrap >/dev/null; then
-    echo "skipped: needs root and mmdebstrap"
+if [ "$(id -u)" != 0 ] || ! unshare --mount true 2>/dev/null || ! command -v mmdebstrap >/dev/null; then
+    echo "skipped: needs mmdebstrap, and root that may mount"
     exit 77
 fi
 begun=$(date +%s)
