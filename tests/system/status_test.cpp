@@ -74,6 +74,7 @@ TEST_F(StatusTest, TellsWhoIsThere)
     EXPECT_EQ("0 ok\n", Ctl({"health"}));
     std::string metrics = Ctl({"metrics"}).substr(2);
     EXPECT_THAT(metrics, HasSubstr("\norx_media_packets_total 120\n"));
+    EXPECT_EQ(0, Check("python3 " ORX_SOURCE_DIR "/tests/support/metrics.py", metrics));
     EXPECT_EQ(0, Check("! command -v promtool >/dev/null || promtool check metrics", metrics));
     struct stat info {};
     EXPECT_EQ(0, stat(socketPath.c_str(), &info));
