@@ -135,6 +135,20 @@ OrxProcess::OrxProcess()
     Set("GUARD", "RunUnprivileged=1");
 }
 
+// What a key had before makes way: twice would be a doubt.
+void OrxProcess::Set(const std::string &section, const std::string &lines)
+{
+    std::istringstream given(lines);
+    std::string &text = settings[section];
+    for (std::string line; std::getline(given, line);) {
+        std::string key = "\n" + line.substr(0, line.find('=') + 1);
+        size_t nAt = key.size() > 1 ? ("\n" + text).find(key) : std::string::npos;
+        if (nAt != std::string::npos)
+            text.erase(nAt, text.find('\n', nAt) + 1 - nAt);
+    }
+    text.insert(0, lines + "\n");
+}
+
 void OrxProcess::Launch(const std::vector<std::string> &arguments)
 {
     std::string config, program = dir.File("bin/orx");

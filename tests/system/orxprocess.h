@@ -86,7 +86,7 @@ struct OrxProcess : ChildProcess {
 
     // Lines of a section of the configuration, before it is started; of one key the last one that was set
     // counts.
-    void Set(const std::string &section, const std::string &lines) { settings[section].insert(0, lines + "\n"); }
+    void Set(const std::string &section, const std::string &lines);
     void Set(const std::string &section, const std::string &key, const std::string &value)
     {
         Set(section, key + "=" + value);

@@ -38,11 +38,28 @@ void DoubtsSay(const DoubtList *pList, size_t nFrom)
     }
 }
 
+// Which doubts they are is told by the lines above it.
+static void SayRefusal()
+{
+    char szLine[256];
+    TextBuf line{szLine, sizeof(szLine)};
+    TextAdd(
+        &line,
+        "Not started: a doubt about who may do what, or a failure, refuses a strict start. \"orx --check -c "
+        "%s\" shows all.\n",
+        g_settings.szConfigPath);
+    ConsoleError(szLine, line.nLen);
+    EventSay(EventLevel::Error, "server.refused", {EventText("config", g_settings.szConfigPath)});
+}
+
 int StartDoubtsSay()
 {
     DoubtsSay(&g_doubts, g_nSaid);
     g_nSaid = g_doubts.nDoubts;
-    return !g_bStrictStart || !DoubtsRefuse(&g_doubts);
+    if (!g_bStrictStart || !DoubtsRefuse(&g_doubts))
+        return 1;
+    SayRefusal();
+    return 0;
 }
 
 // The key that names a listener's port.
