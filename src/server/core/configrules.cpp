@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/filewrite.h"
 #include "base/textbuf.h"
 #include "runtime/sockutil.h"
 
@@ -115,7 +116,7 @@ static int CanWrite(const char *szPath)
     for (;;) {
         if (stat(szLevel, &info) == 0) {
             errno = ENOTDIR;
-            return S_ISDIR(info.st_mode) && access(szLevel, W_OK | X_OK) == 0;
+            return S_ISDIR(info.st_mode) && DirTakesFiles(szLevel);
         }
         if (errno != ENOENT)
             return 0;
@@ -124,7 +125,7 @@ static int CanWrite(const char *szPath)
             szLevel[--nLen] = '\0';
         char *pSlash = strrchr(szLevel, '/');
         if (!pSlash)
-            return access(".", W_OK | X_OK) == 0;
+            return DirTakesFiles(".");
         pSlash[pSlash == szLevel] = '\0';
     }
 }

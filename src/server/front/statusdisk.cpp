@@ -14,6 +14,7 @@
 #include <new>
 
 #include "base/fdguard.h"
+#include "base/filewrite.h"
 #include "base/textbuf.h"
 #include "record/confine.h"
 #include "record/recordwalk.h"
@@ -83,7 +84,7 @@ static int Answered(DiskAsk *p)
 static void Probe(DiskAsk *p)
 {
     struct statvfs info {};
-    if (access(p->szRoot, W_OK | X_OK) != 0)
+    if (!DirTakesFiles(p->szRoot))
         p->answer.nErrno = errno;
     if (statvfs(p->szRoot, &info) != 0)
         return;
