@@ -1,8 +1,11 @@
 // The configuration read again by SIGHUP: what counts at once, what waits for the next start, and that nobody
 // notices who is being served.
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
+#include <memory>
 
+#include "system/mediakit.h"
 #include "system/systemtest.h"
 
 using namespace orx;
@@ -160,4 +163,137 @@ TEST_F(ReloadTest, EndsNobodysSession)
     OrxStat stat = server.Stat();
     EXPECT_EQ(1U, stat.nLives);
     EXPECT_EQ(1U, stat.nClients);
+}
+
+// Viewers of both kinds for programs of both kinds: kind 1 came with the interop keys 1.
+struct KindsTest : ReloadTest {
+    struct Seat {
+        int nKind, nProgram;
+        Viewer viewer;
+        Seat(int nKind_, int nProgram_, RtspTransport transport) : nKind(nKind_), nProgram(nProgram_), viewer(transport)
+        {
+        }
+    };
+    std::string texts[2];
+    Camera cameras[2] = {Camera({Coding::H264, Coding::G711}), Camera({Coding::H264, Coding::G711})};
+    std::vector<std::unique_ptr<Seat>> seats;
+    std::vector<Viewer *> watching;
+    Viewer playbacks[2];
+
+    // Has each camera record a file of its own kind and push on.
+    void StartCameras()
+    {
+        server.Set("SERVER", "EnableFilePrg", "1");
+        server.Set("STORAGE", "RecordEnable=1\nRecordPath", server.dir.File("rec"));
+        StartLogged();
+        texts[0] = file;
+        texts[1] = With("StandardPushers=1\nStandardPlayers=1\nLowDelay=1\n", "INTEROP");
+        for (int i : {0, 1}) {
+            Reload(texts[i]);
+            EXPECT_THAT(told, Not(HasSubstr("From the next start")));
+            const std::string name = std::to_string(i);
+            ASSERT_EQ(1, cameras[i].Open(server.Url("/" + name)));
+            ASSERT_EQ("200 OK", cameras[i].Record("FileName=" + server.dir.File("rec/" + name + ".zmf")));
+            cameras[i].Send(1500);
+            ASSERT_EQ("200 OK", cameras[i].Record("Cmd=stop"));
+        }
+    }
+    void SeatViewers()
+    {
+        for (int nKind : {0, 1}) {
+            Reload(texts[nKind]);
+            for (int nProgram : {0, 1})
+                for (RtspTransport transport : {RTSP_OVER_TCP, RTSP_OVER_UDP}) {
+                    seats.push_back(std::make_unique<Seat>(nKind, nProgram, transport));
+                    ASSERT_EQ(1, seats.back()->viewer.Open(server.Url("/" + std::to_string(nProgram))));
+                    watching.push_back(&seats.back()->viewer);
+                }
+            ASSERT_EQ(1, playbacks[nKind].Open(server.Url("/" + std::to_string(1 - nKind) + ".zmf")));
+            watching.push_back(&playbacks[nKind]);
+        }
+    }
+    // That a connection is served as its kind, whatever is in force.
+    static void ExpectKind(RtspClient *pClient, int nKind)
+    {
+        const std::string reply = Ask(pClient, "OPTIONS", "*");
+        EXPECT_THAT(reply, kIsOk);
+        EXPECT_EQ(nKind != 0, reply.find("RECORD, PAUSE") != std::string::npos) << reply;
+    }
+    static void ExpectNoGap(const Viewer &viewer)
+    {
+        if (viewer.transport == RTSP_OVER_UDP && viewer.Dropped())
+            return;
+        for (const auto &packets : viewer.packets)
+            for (size_t i = 1; i < packets.size(); i++)
+                EXPECT_EQ(uint16_t(GetBe(packets[i - 1].data() + 2, 2) + 1), GetBe(packets[i].data() + 2, 2));
+    }
+    // The players of a program end; of one of kind 1 they are told the end of each track.
+    void ExpectEnd(int nProgram)
+    {
+        for (auto &pSeat : seats) {
+            Viewer *p = &pSeat->viewer;
+            if (pSeat->nProgram != nProgram)
+                continue;
+            EXPECT_TRUE(Watch({p}, [&] { return p->client.bClosed; }));
+            auto count = [&] {
+                return std::ranges::count_if(p->reports, [](const std::string &report) {
+                    return report.find(std::string("\x81\xCB\0\x02", 4)) != std::string::npos;
+                });
+            };
+            EXPECT_TRUE(Watch({p}, [&] { return count() == 2 * nProgram; })) << pSeat->nKind << count();
+        }
+    }
+};
+
+TEST_F(KindsTest, InteropKeysCountForNewOnes)
+{
+    ASSERT_NO_FATAL_FAILURE(StartCameras());
+    ASSERT_NO_FATAL_FAILURE(SeatViewers());
+    for (size_t i = 0; i < 6; i++) {
+        Reload(texts[i % 2]);
+        for (Camera &camera : cameras)
+            camera.Send(25);
+        for (int nKind : {0, 1}) {
+            ExpectKind(&cameras[nKind].client, nKind);
+            ExpectKind(&playbacks[nKind].client, nKind);
+        }
+        for (auto &pSeat : seats)
+            ExpectKind(&pSeat->viewer.client, pSeat->nKind);
+        ASSERT_TRUE(WatchPictures(watching, 25 * i + 10)) << i;
+    }
+    for (const auto &pSeat : seats)
+        ExpectNoGap(pSeat->viewer);
+    EXPECT_THAT(playbacks[1].Play("npt=20-"), HasSubstr("\r\nRange: npt=20"));
+    Reload(texts[0]);
+    EXPECT_THAT(playbacks[1].Play("npt=30-"), HasSubstr("\r\nRange: npt=30"));
+    Reload(texts[1]);
+    EXPECT_THAT(playbacks[0].Play("npt=20-"), HasSubstr("455")) << "a jump needs a pause";
+    RtspClose(&cameras[0].client);
+    ExpectEnd(0);
+    Reload(texts[0]);
+    ASSERT_NE(0, RtspSend(&cameras[1].client, "TEARDOWN", nullptr));
+    ExpectEnd(1);
+}
+
+// What waits for its pusher is read as it began: its third track is one that only standard pushers have.
+TEST_F(KindsTest, WhoComesBackGoesOnAsTheProgramBegan)
+{
+    const std::string carried = "m=application 0 RTP/AVP 107\r\na=control:trackID=2\r\n", url = server.Url("/cam");
+    StartLogged();
+    Reload(With("StandardPushers=1\nStandardPlayers=1\nHoldPlayers=600\n", "INTEROP"));
+    ASSERT_EQ(1, cameras[0].Open(url, carried));
+    cameras[0].Send(50);
+    Viewer viewer;
+    ASSERT_EQ(1, viewer.Open(url));
+    RtspClose(&cameras[0].client);
+    ASSERT_TRUE(server.WaitOutput("Program(/cam) waits for its pusher, 600 s."));
+    Reload(file);
+    ASSERT_EQ(1, cameras[1].Open(url, carried));
+    EXPECT_TRUE(server.WaitOutput("ResumeLiveProgram(Uri=/cam)"));
+    ExpectKind(&cameras[1].client, 0);
+    cameras[1].Send(50);
+    EXPECT_TRUE(WatchPictures({&viewer}, 60));
+    ExpectNoGap(viewer);
+    ASSERT_NE(0, RtspSend(&cameras[1].client, "TEARDOWN", nullptr));
+    EXPECT_TRUE(Watch({&viewer}, [&] { return viewer.client.bClosed; }));
 }

@@ -149,8 +149,10 @@ void ProgramAttach(Session *pSession, Program *pProg)
     ForgetViewer(pSession);
     pProg->nRefs++;
     pSession->pProg = pProg;
-    if (pProg->pPusher != pSession)
-        ListSortInsert(&pProg->players, pSession);
+    if (pProg->pPusher == pSession)
+        return;
+    ListSortInsert(&pProg->players, pSession);
+    pProg->bTimesQueues |= pSession->standards.bPlayers;
 }
 
 void ProgramDetach(Session *pSession)

@@ -266,9 +266,11 @@ struct ReportShift {
 struct Program {
     ListNode node;  // first: the program list maps an item to itself
     const ProgramOps *pOps = nullptr;
-    char *Uri = nullptr;                // owned; path, beginning with '/'
-    char szName[16] = "";               // generated; CNAME of reports
-    int bLive = 0;                      // fed by a pusher, not read from a recording
+    char *Uri = nullptr;   // owned; path, beginning with '/'
+    char szName[16] = "";  // generated; CNAME of reports
+    int bLive = 0;         // fed by a pusher, not read from a recording
+    Standards standards = StandardsNow();
+    int bTimesQueues = 0;               // a player has come whose queue is bounded in time
     uint32_t nRefs = 0;                 // sessions attached, the pusher's included
     uint32_t nNumber = 0;               // in order of creation; wraps
     uint32_t tBorn = 0;                 // uptime at creation
@@ -303,6 +305,12 @@ inline Program *FirstProgram()
 inline Program *NextProgram(const Program *pProg)
 {
     return reinterpret_cast<Program *>(pProg->node.pNext);
+}
+
+// Whether pictures leave for the players of a program as soon as they are whole.
+inline int HasLowDelay(const Program *pProg)
+{
+    return g_settings.bLowDelay && pProg->standards.bPlayers;
 }
 
 // The players of a program, in order of creation; null at the end. A walk takes the next one before it does

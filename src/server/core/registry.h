@@ -55,12 +55,13 @@ struct ServerConfig {
     Scheduler scheduler;
     EventProcs events;
     PortMgr *pPortMgr = nullptr;  // owned
+    int bIpv6 = 0;                // it was started to listen on an IPv6 address
     AddrList announceFrom;        // [GUARD] AnnounceFrom
     AddrList proxyFrom;           // [INTEROP] ProxyProtocolFrom
     int64_t nCachedBytes = 0;     // of memory, that the caches of all programs take
     int64_t nQueuedBytes = 0;     // the same of the media that waits for all sessions
     ServerCounts counted;
-    int nMaxRegisterId = 0;       // number of the next name that REGISTER gives; the disk thread's
+    int nMaxRegisterId = 0;  // number of the next name that REGISTER gives; the disk thread's
     ServerListener listeners[kMaxListeners] = {};
     unsigned nListeners = 0;
     ProgramHook pfnProgramHook = nullptr;

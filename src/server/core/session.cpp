@@ -230,7 +230,7 @@ int SessionClosePort(Session *pSession, Port *pPort)
     int bInterleaved = pSession->out.bInterleaved;
     // nothing more comes from a pusher without it, and nobody would take its place
     int bPusherGone =
-        g_settings.bStandardPushers && (pSession->nFlags & SESSION_PUSHER) && pPort == pSession->peer.Cmd;
+        pSession->standards.bPushers && (pSession->nFlags & SESSION_PUSHER) && pPort == pSession->peer.Cmd;
     // a media socket is still named by its track: it goes with the session
     if (!bIsControl || bPusherGone || (bInterleaved && (bIsReply || !pSession->peer.Reply))) {
         SessionEnd(pSession);
@@ -333,12 +333,12 @@ static int OnIdleCheck(Task *pTask, uint32_t, uint32_t, uint32_t)
 
 int PlaysStandard(const Session *pSession)
 {
-    return g_settings.bStandardPlayers && pSession->pProg && !pSession->pProg->bLive;
+    return pSession->standards.bPlayers && pSession->pProg && !pSession->pProg->bLive;
 }
 
 int IsStandardPeer(const Session *pSession)
 {
-    return pSession->nFlags & SESSION_PUSHER ? g_settings.bStandardPushers : g_settings.bStandardPlayers;
+    return pSession->nFlags & SESSION_PUSHER ? pSession->standards.bPushers : pSession->standards.bPlayers;
 }
 
 void SessionScheduleIdleCheck(Port *pPort)

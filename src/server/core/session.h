@@ -11,6 +11,7 @@
 #include "server/core/accounttable.h"
 #include "server/core/port.h"
 #include "server/core/registry.h"
+#include "server/core/settings.h"
 
 namespace orx {
 
@@ -229,6 +230,7 @@ struct Session {
     uint32_t nState = STATE_NEW;
     uint32_t nCSeq = 1;        // number of the next reply, or of the next request to this peer
     Program *pProg = nullptr;  // counted in its nRefs
+    Standards standards = StandardsNow();
     SessionPeer peer;
     SessionInput input;
     RtpOut out;  // queue, transport form, and the tracks as the packetisers see them; its scratch is owned

@@ -96,10 +96,16 @@ constexpr int64_t Megabytes(uint32_t n)  // in bytes
 // Written by ServerStart and ServerStop on the main thread, while nothing else runs, and by SettingsTake.
 extern Settings g_settings;
 
-// Whether pictures leave for players as soon as they are whole.
-inline int HasLowDelay()
+// [INTEROP] StandardPushers and StandardPlayers as they were when a session or a program was made, which
+// keeps them to its end: a session for its replies and its queue, a program for its packets.
+struct Standards {
+    int bPushers = 0;
+    int bPlayers = 0;
+    bool operator==(const Standards &) const = default;
+};
+inline Standards StandardsNow()
 {
-    return g_settings.bLowDelay && g_settings.bStandardPlayers;
+    return {g_settings.bStandardPushers, g_settings.bStandardPlayers};
 }
 
 // How a number that was read becomes the setting.

@@ -128,7 +128,7 @@ static int NamesOtherSession(const Session *pSession, const Request *pRequest)
 // What every standard request is asked before its method. Returns 1 with *pVerdict when it is refused.
 static int RefusesStandard(Session *pSession, Port *pPort, const Request *pRequest, Verdict *pVerdict)
 {
-    if (!g_settings.bStandardPlayers || strcasecmp(StrText(pRequest->protocol), "RTSP") != 0)
+    if (!pSession->standards.bPlayers || strcasecmp(StrText(pRequest->protocol), "RTSP") != 0)
         return 0;
     for (const char *szHeader : {"Require", "Proxy-Require"})
         if (const char *szOptions = RequestHeaderValue(pRequest, szHeader)) {
@@ -169,9 +169,9 @@ static void TakeRtcpFrame(Session *pSession, unsigned nChannel, const uint8_t *p
 }
 
 // Channels that a frame may name.
-static unsigned ChannelCount()
+static unsigned ChannelCount(const Session *pSession)
 {
-    return g_settings.bStandardPushers || g_settings.bStandardPlayers ? 256 : 8;
+    return pSession->standards.bPushers || pSession->standards.bPlayers ? 256 : 8;
 }
 
 // An interleaved frame (RFC 2326, section 10.12): '$', channel, length, packet. Its fifth byte is waited for
@@ -186,7 +186,7 @@ static Step TakeFrame(Session *pSession, uint32_t *pAt)
     if (nLeft < nBytes)
         return Step::Wait;
     unsigned nTrackId = pFrame[1];
-    if (nTrackId >= ChannelCount() && !ORX_PEER_ASSERT(nTrackId < 8, "nTrackId < 8"))
+    if (nTrackId >= ChannelCount(pSession) && !ORX_PEER_ASSERT(nTrackId < 8, "nTrackId < 8"))
         return EndMalformed(pSession, "a frame of an unknown channel");
     if (nTrackId & 1)
         TakeRtcpFrame(pSession, nTrackId, pFrame + kInterleaveBytes, nBytes - kInterleaveBytes);
@@ -222,7 +222,7 @@ static int ParseLength(const char *sz, size_t nMax, size_t *pValue)
 // Standard pushers answer what they are asked with a status line: it is theirs to end, not their session.
 static int IsAnswer(const Session *pSession, const char *pText)
 {
-    return g_settings.bStandardPushers && (pSession->nFlags & SESSION_PUSHER) &&
+    return pSession->standards.bPushers && (pSession->nFlags & SESSION_PUSHER) &&
            strncasecmp(pText, "RTSP/", 5) == 0;
 }
 
@@ -249,6 +249,7 @@ static Step ParseHead(Session *pSession, Port *pPort, uint32_t nAt)
     if (!ORX_PEER_ASSERT(nLen2Parse < kMaxHeadBytes, "nLen2Parse < sizeof(szTmpuff)"))
         return EndMalformed(pSession, "a header block is too long");
     RequestReset(pRequest);
+    pRequest->standards = pSession->standards;
     if (IsAnswer(pSession, pText))
         return ParseAnswer(pSession, pRequest, pText, nLen2Parse);
     int nResult = RequestParse(pRequest, pText, nLen2Parse);

@@ -5,6 +5,7 @@
 #include "base/assertion.h"
 #include "base/console.h"
 #include "runtime/thread.h"
+#include "server/core/program.h"
 #include "server/core/registry.h"
 #include "server/core/session.h"
 #include "server/front/limits.h"
@@ -26,8 +27,9 @@ static void DropCutNetwork(char *szList, size_t nSize, const char *szKey)
     *pLast = '\0';
 }
 
-void ListsParse(SettingLists *pLists, Settings *pSettings, int bIpv6)
+void ListsParse(SettingLists *pLists, Settings *pSettings)
 {
+    int bIpv6 = pSettings->bStandardPlayers;
     char *szAnnounce = pSettings->szAnnounceFrom, *szProxy = pSettings->szProxyProtocolFrom;
     DropCutNetwork(szAnnounce, sizeof(pSettings->szAnnounceFrom), "AnnounceFrom");
     DropCutNetwork(szProxy, sizeof(pSettings->szProxyProtocolFrom), "ProxyProtocolFrom");
@@ -43,10 +45,19 @@ void FollowLists(const SettingLists *pLists)
     ThreadAllowNoPriority(g_settings.bRunUnprivileged);
 }
 
+// LowDelay concerns the programs that were made with StandardPlayers, and those that are to come.
+static int TimesExactly()
+{
+    int bStandard = g_settings.bStandardPlayers;
+    for (const Program *p = FirstProgram(); p && !bStandard; p = NextProgram(p))
+        bStandard = p->standards.bPlayers;
+    return g_settings.bLowDelay && bStandard;
+}
+
 void FollowSettings(const SettingLists *pLists)
 {
     FollowLists(pLists);
-    SchedulerSetExact(&g_server.scheduler, HasLowDelay());
+    SchedulerSetExact(&g_server.scheduler, TimesExactly());
     g_server.pAuth->bFreshNonce = g_settings.bFreshNonce;
     AccountFileFollowSettings();
     RemoteServicesFollowSettings();

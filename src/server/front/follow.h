@@ -11,9 +11,9 @@ struct SettingLists {
     AddrList announceFrom, proxyFrom;
 };
 
-// Parses them; what is wrong is printed. A list that was cut loses its last entry. bIpv6: IPv6 entries count,
-// by the StandardPlayers that is in force. Any thread.
-void ListsParse(SettingLists *pLists, Settings *pSettings, int bIpv6);
+// Parses them; what is wrong is printed. A list that was cut loses its last entry. bIpv6: IPv6 entries count
+// with StandardPlayers. Any thread.
+void ListsParse(SettingLists *pLists, Settings *pSettings);
 
 // Puts the lists, and the switches of modules below the server, in force by g_settings. When the server
 // starts, and by FollowSettings.

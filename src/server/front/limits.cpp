@@ -68,7 +68,7 @@ static int PlaysUdp(const Session *pSession)
 static int IsOver(const Session *pSession, uint32_t nNow)
 {
     int32_t nSilent = ClockDiff(nNow, pSession->peer.tLastActivity);
-    if (g_settings.bStandardPlayers && PlaysUdp(pSession) &&
+    if (pSession->standards.bPlayers && PlaysUdp(pSession) &&
         nSilent > static_cast<int32_t>(kUdpSilenceSeconds))
         return 1;
     if (!g_settings.nStateTimeout)

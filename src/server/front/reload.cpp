@@ -97,7 +97,7 @@ static void Read(Reading *p)
         return;
     DoubtsSay(&p->doubts, 0);
     ListenerDoubts(&p->doubts);  // said at start, and true still
-    ListsParse(&p->lists, &p->read, g_settings.bStandardPlayers);
+    ListsParse(&p->lists, &p->read);
     StorageMakeDir(p->read.szRecordPath);
 }
 

@@ -80,7 +80,7 @@ static int CreateScheduler()
     if (!SchedulerCreate(&g_server.scheduler))
         return 0;
     SchedulerSetAfterProc(&g_server.scheduler, FreeRetiredSlice);
-    SchedulerSetExact(&g_server.scheduler, HasLowDelay());
+    SchedulerSetExact(&g_server.scheduler, g_settings.bLowDelay && g_settings.bStandardPlayers);
     return 1;
 }
 
@@ -98,10 +98,11 @@ static int CreateAuth()
 // A listener that cannot be opened is reported; the server starts without it.
 static void OpenListener()
 {
+    g_server.bIpv6 = SettingsListenIpv6(&g_settings);
     NetAddr addr;
     int fd = -1;
-    int bKnown = SockSetAddrEx(&addr, g_settings.szListenIp, static_cast<int>(g_settings.nListenPort),
-                               SettingsListenIpv6(&g_settings));
+    int bKnown =
+        SockSetAddrEx(&addr, g_settings.szListenIp, static_cast<int>(g_settings.nListenPort), g_server.bIpv6);
     if (bKnown)
         fd = SockListenTcp(&addr);
     char szAddr[kAddrTextSize];
@@ -153,7 +154,7 @@ int ServerStart(const char *szConfigPath)
     if (!StartDoubtsSay() || !bRead)
         return Refuse();
     SettingLists lists;
-    ListsParse(&lists, &g_settings, g_settings.bStandardPlayers);
+    ListsParse(&lists, &g_settings);
     g_server.nMaxRegisterId = GuidStoreNextId(g_settings.szGuidPath);
     EventsInit();
     SeedRandom();

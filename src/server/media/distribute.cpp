@@ -181,7 +181,7 @@ static inline int TakesPacket(Session *pSession, const DataBlock *pBlock)
 static void FanOut(Program *pProg, const DataBlock *pBlock)
 {
     int bEvent = pProg->desc.nDataTrack >= 0 && BlockData(pBlock)[1] == 2 * pProg->desc.nDataTrack;
-    uint32_t nNow = g_settings.bStandardPlayers ? ClockMs() : 0;
+    uint32_t nNow = pProg->bTimesQueues ? ClockMs() : 0;
     Session *pNext;
     for (Session *p = FirstPlayer(pProg); p; p = pNext) {
         pNext = NextPlayer(p);
@@ -312,7 +312,7 @@ static void FlushSlice(Program *pProg)
 {
     PlayerFlush *pFlush = &pProg->flush;
     Slice slice = SliceBegin();
-    unsigned nAbove = HasLowDelay() ? 0 : kFlushAfterReadAbove;
+    unsigned nAbove = HasLowDelay(pProg) ? 0 : kFlushAfterReadAbove;
     int bOver = 0;
     while (pFlush->pNext && !bOver) {
         Session *p = pFlush->pNext;
@@ -342,7 +342,7 @@ static int OnFlushOn(Task *pTask, uint32_t, uint32_t, uint32_t)
     pFlush->bTask = pFlush->pNext != nullptr;
     if (!pFlush->bTask)
         return -1;
-    return HasLowDelay() ? 0 : 1;
+    return HasLowDelay(pProg) ? 0 : 1;
 }
 
 void FlushPlayers(Program *pProg)

@@ -42,7 +42,7 @@ static size_t MakeFarewell(const SessionTrack *pTrack, uint32_t nSsrc, int bInte
 void SayFarewell(Session *pPlayer)
 {
     int bPlayed = pPlayer->nState == STATE_PLAYING || pPlayer->nState == STATE_PAUSED;
-    if (!g_settings.bStandardPushers || !bPlayed)
+    if (!pPlayer->pProg->standards.bPushers || !bPlayed)
         return;
     uint8_t text[64];
     for (int i = 0; i < pPlayer->out.nTracks && i < pPlayer->pProg->desc.nTrackCount; i++) {
@@ -79,7 +79,7 @@ static int OnHoldOver(Task *pTask, uint32_t, uint32_t, uint32_t)
 
 int HoldBegin(Program *pProg)
 {
-    if (!g_settings.bStandardPushers || g_settings.nHoldPlayers == 0)
+    if (!pProg->standards.bPushers || g_settings.nHoldPlayers == 0)
         return 0;
     g_nWaits = g_nWaits == INT32_MAX ? 1 : g_nWaits + 1;
     pProg->hold.nNumber = g_nWaits;

@@ -61,7 +61,7 @@ void FlushAfterRead(Session *pSession)
 {
     if (!(pSession->nFlags & SESSION_PUSHER) || pSession->nState != STATE_PLAYING || !pSession->pProg)
         return;
-    if (HasLowDelay()) {
+    if (HasLowDelay(pSession->pProg)) {
         FlushWhole(pSession->pProg);
         return;
     }

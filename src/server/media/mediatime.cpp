@@ -29,9 +29,9 @@ constexpr int32_t kHasty = 2;
 
 // Whether a jump of the stamps does not show in the times: where nothing is to be lost, and of standard
 // pushers, whose players and recordings go on.
-static int KeepsLine()
+static int KeepsLine(const Program *pProg)
 {
-    return g_settings.bNeverLose || g_settings.bStandardPushers;
+    return g_settings.bNeverLose || pProg->standards.bPushers;
 }
 
 // How far the clock has gone on since the last packet. Half a turn of it and more is told by the time that
@@ -198,7 +198,7 @@ void TimeNoteReport(Program *pProg, unsigned nTrack, const SenderReport *pReport
     MediaInfo *pInfo = &pProg->desc.mediaInfos[nTrack];
     ReportClock *pClock = &pInfo->clock.report;
     MediaLine *pLine = &pProg->line;
-    if (!g_settings.bStandardPushers || pInfo->nTimeScale == 0 ||
+    if (!pProg->standards.bPushers || pInfo->nTimeScale == 0 ||
         (pReport->nNtpSec == 0 && pReport->nNtpFrac == 0))
         return;
     uint32_t nNtpMs =
@@ -225,7 +225,7 @@ void TimeNoteReport(Program *pProg, unsigned nTrack, const SenderReport *pReport
 static int MediaTime(Program *pProg, unsigned nTrack, uint32_t nRtpTime, uint32_t *pMs)
 {
     MediaInfo *pInfo = &pProg->desc.mediaInfos[nTrack];
-    if (g_settings.bStandardPushers) {
+    if (pProg->standards.bPushers) {
         *pMs = AlignedTime(pProg, nTrack, nRtpTime);
         return 1;
     }
@@ -265,7 +265,7 @@ static uint32_t NoteJump(Program *pProg, unsigned nTrack, uint32_t *pnJump)
             *pnJump = pLine->nJump;
         return DB_JUMP;
     }
-    if (g_settings.bStandardPushers && (!pLine->bJumped || ClockMs() - pLine->nJumpedMs >= kOneJumpMs))
+    if (pProg->standards.bPushers && (!pLine->bJumped || ClockMs() - pLine->nJumpedMs >= kOneJumpMs))
         print("Program(%s): the clock of its track %u jumped by %d ms.\r\n", pProg->szName, nTrack,
               ClockDiff(0, *pnJump));
     EventSay(EventLevel::Warn, "pusher.jump",
@@ -312,7 +312,7 @@ int PacketTime(Program *pProg, unsigned nTrack, uint32_t nRtpTime, uint32_t *pMs
     MediaClock *pClock = &pProg->desc.mediaInfos[nTrack].clock;
     int bFirst = !pClock->bTimeKnown;
     if (bFirst)
-        pClock->bKept = KeepsLine();
+        pClock->bKept = KeepsLine(pProg);
     if (!MediaTime(pProg, nTrack, nRtpTime, pMs))
         return 0;
     *pnFlags = pClock->bKept ? FollowLine(pProg, nTrack, bFirst, pMs) : 0;

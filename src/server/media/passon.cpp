@@ -29,7 +29,7 @@ void PassPacketOn(Program *pProg, unsigned nTrack, DataBlock *pBlock)
     uint8_t *pRtp = BlockData(pBlock) + kInterleaveBytes;
     size_t nBytes = pBlock->len - kInterleaveBytes;
     RewritePacket(&pInfo->rewrite, pRtp, nBytes);
-    if (g_settings.bStandardPushers)
+    if (pProg->standards.bPushers)
         RewriteNote(&pInfo->rewrite, pRtp);
     if (!pInfo->report.bExpected && pProg->pPusher)
         ReportsExpect(pProg->pPusher, &pInfo->report);
@@ -38,7 +38,7 @@ void PassPacketOn(Program *pProg, unsigned nTrack, DataBlock *pBlock)
                      nBytes - kRtpHeaderBytes);
     if (pProg->desc.bSharedTypes)
         pBlock->nFlags |= (nTrack + 1) << kBlockTrackShift;
-    if (HasLowDelay())
+    if (HasLowDelay(pProg))
         FlushNote(pProg, pInfo, pRtp);
     CachePacketEx(pProg, pBlock);
 }

@@ -130,7 +130,7 @@ void RecordersFollowSettings()
         pAlways->bWanted = p->bLive && RecordedAlways(p->Uri);
         if (!pAlways->bWanted)
             CloseAlways(p);
-        int nMs = pAlways->pRecorder ? RecorderRenewMs(pAlways->pRecorder) : -1;
+        int nMs = pAlways->pRecorder ? RecorderRenewMs(pAlways->pRecorder, p) : -1;
         pAlways->bRenew = nMs >= 0;
         pAlways->nRenewMs = ClockMs() + static_cast<uint32_t>(nMs);
     }

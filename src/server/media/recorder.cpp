@@ -171,12 +171,12 @@ static void ChooseName(const Opening *p, char *szFile, size_t nSize)
         StorageFreePath(szFile, nSize, bNeverLose);
 }
 
-static void MakePlan(FilePlan *pPlan)
+static void MakePlan(FilePlan *pPlan, const Program *pProg)
 {
     TextCopy(pPlan->szRoot, sizeof(pPlan->szRoot), g_settings.szRecordPath);
     pPlan->bConfined = g_settings.bConfineRecordings;
     pPlan->nMinutePerFile = g_settings.nMinutePerFile;
-    pPlan->rules = {g_settings.bNeverLose, g_settings.bWideUnits, g_settings.bStandardPushers,
+    pPlan->rules = {g_settings.bNeverLose, g_settings.bWideUnits, pProg->standards.bPushers,
                     g_settings.bAutoDelOldFile, g_settings.nReserveMegabytes};
 }
 
@@ -365,7 +365,7 @@ static int IsRecorded(const Program *pProg, const DataBlock *pBlock)
 {
     const Description *pDesc = &pProg->desc;
     int nTrack = BlockData(pBlock)[1] / 2;
-    return (pBlock->nFlags & DB_VIDEO) || !g_settings.bStandardPushers || nTrack == pDesc->nAudioTrack ||
+    return (pBlock->nFlags & DB_VIDEO) || !pProg->standards.bPushers || nTrack == pDesc->nAudioTrack ||
            nTrack == pDesc->nDataTrack;
 }
 
@@ -509,7 +509,7 @@ Recorder *RecorderNew(const Program *pProg, const RecordOrder *pOrder, uint32_t 
     }
     pRecorder->nKind = pOrder->nKind;
     pRecorder->nBornMs = ClockMs();
-    MakePlan(&pRecorder->plan);
+    MakePlan(&pRecorder->plan, pProg);
     TextCopy(pRecorder->szUri, sizeof(pRecorder->szUri), pProg->Uri);
     p->pRecorder = pRecorder;
     p->nPreRecord = nPreRecord;
@@ -527,10 +527,10 @@ Recorder *RecorderNew(const Program *pProg, const RecordOrder *pOrder, uint32_t 
     return pRecorder;
 }
 
-int RecorderRenewMs(const Recorder *pRecorder)
+int RecorderRenewMs(const Recorder *pRecorder, const Program *pProg)
 {
     FilePlan now;
-    MakePlan(&now);
+    MakePlan(&now, pProg);
     const FilePlan *p = &pRecorder->plan;
     if (strcmp(now.szRoot, p->szRoot) == 0 && now.bConfined == p->bConfined &&
         now.nMinutePerFile == p->nMinutePerFile && memcmp(&now.rules, &p->rules, sizeof(now.rules)) == 0)

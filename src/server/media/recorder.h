@@ -37,10 +37,10 @@ struct FilePlan {
 struct Recorder {
     DiskLane lane;
     int nKind = 0;
-    uint32_t nBornMs = 0;       // ClockMs
-    FilePlan plan;              // does not change
+    uint32_t nBornMs = 0;                                   // ClockMs
+    FilePlan plan;                                          // does not change
     const char *szEndReason = "its program gives no more";  // where nobody asked for its end; static
-    char szUri[256] = "";       // of the program
+    char szUri[256] = "";                                   // of the program
     std::atomic<int> bOver{0};  // nothing is written any more: the disk thread has closed the writer
     // A hole that the queue for the disk has left: nothing is taken up to the next key frame.
     int bHole = 0;
@@ -66,7 +66,7 @@ Recorder *RecorderNew(const Program *pProg, const RecordOrder *pOrder, uint32_t 
 
 // In how many ms a recording that began under other settings would begin its next file, 0 when it would begin
 // none; -1: the settings are the same still.
-int RecorderRenewMs(const Recorder *pRecorder);
+int RecorderRenewMs(const Recorder *pRecorder, const Program *pProg);
 
 // Posts that job for nobody who waits.
 void RecorderOpen(Recorder *pRecorder, RecorderOpening *pOpening);

@@ -150,7 +150,7 @@ void ReportsExpect(Session *pPusher, TrackReport *pReport)
 {
     pReport->bExpected = 1;
     pReport->nFirstMs = ClockMs();
-    if (!g_settings.bStandardPlayers || pPusher->flow.bReportTick)
+    if (!pPusher->pProg->standards.bPlayers || pPusher->flow.bReportTick)
         return;
     pPusher->flow.bReportTick = 1;
     SessionSchedule(pPusher, OnReportTick, kOwnEveryMs);
@@ -223,9 +223,9 @@ void ReportReceived(Session *pSession, unsigned nTrack, const uint8_t *pRtcp, si
     if (!pProg || static_cast<int>(nTrack) >= pProg->desc.nTrackCount)
         return;
     if (!(pSession->nFlags & SESSION_PUSHER)) {
-        if (g_settings.bStandardPlayers && Takes(pSession, static_cast<int>(nTrack)))
+        if (pSession->standards.bPlayers && Takes(pSession, static_cast<int>(nTrack)))
             NoteReception(&pSession->tracks[nTrack], pRtcp, nBytes);
-    } else if (g_settings.bStandardPushers && FeedsProgram(pSession)) {
+    } else if (pProg->standards.bPushers && FeedsProgram(pSession)) {
         PassOn(pProg, nTrack, pRtcp, nBytes);
     }
 }

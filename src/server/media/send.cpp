@@ -107,7 +107,7 @@ static int OnSessionDelaySendTimer(Task *pTask, uint32_t, uint32_t, uint32_t)
 static void CountBlocked(Session *pSession, const Port *pPort)
 {
     SessionFlow *pFlow = &pSession->flow;
-    if (!g_settings.bAutoDrop || !pSession->pProg || !pSession->pProg->bLive || g_settings.bStandardPlayers)
+    if (!g_settings.bAutoDrop || !pSession->pProg || !pSession->pProg->bLive || pSession->standards.bPlayers)
         return;
     if (++pFlow->nBlockedSends != kBlockedSends)
         return;
@@ -248,7 +248,7 @@ int SendDataEx(Session *pSession, Port *pPort, int bPush)
 
 void SendStartBurst(Session *pSession, uint32_t nBlocks)
 {
-    if (!g_settings.bStandardPlayers)
+    if (!pSession->standards.bPlayers)
         return;
     PaceStart(pSession, nBlocks);
     CatchUp(pSession);
@@ -256,7 +256,7 @@ void SendStartBurst(Session *pSession, uint32_t nBlocks)
 
 void SendStartMore(Session *pSession, uint32_t nBlocks)
 {
-    if (!g_settings.bStandardPlayers)
+    if (!pSession->standards.bPlayers)
         return;
     pSession->flow.nStartBlocks += nBlocks;
     CatchUp(pSession);

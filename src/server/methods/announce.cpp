@@ -85,8 +85,8 @@ static int ReplaceOldPusher(Session *pSession, Port *pPort, const char *szPath, 
         return 1;
     if (bSame) {
         print("The same pusher Announce again, %s.\r\n",
-              g_settings.bStandardPushers && g_settings.nHoldPlayers > 0 ? "its players wait"
-                                                                         : "Destroy the old program");
+              pOld->standards.bPushers && g_settings.nHoldPlayers > 0 ? "its players wait"
+                                                                      : "Destroy the old program");
         SockAddrToString(&pPort->remote, pPusher->ending.szBy);
         SessionNoteEnd(pPusher, "another pusher took its place");
         SessionEnd(pPusher);
@@ -95,7 +95,7 @@ static int ReplaceOldPusher(Session *pSession, Port *pPort, const char *szPath, 
     // part of the protocol but for standard peers: the number is that of the pusher that stays
     Message reply(pSession, pPort);
     ReplyBeginNumbered(&reply, STATUS_DUPLICATE,
-                       g_settings.bStandardPlayers || !pPusher ? pSession->nCSeq++ : pPusher->nCSeq++);
+                       pSession->standards.bPlayers || !pPusher ? pSession->nCSeq++ : pPusher->nCSeq++);
     MessageNoCache(&reply);
     MessageSend(&reply);
     return 0;
@@ -188,7 +188,7 @@ Verdict HandleAnnounce(Session *pSession, Port *pPort, Request *pRequest)
         return eRefusal;
     if (!HasDescription(pRequest))
         return Refuse(pSession, pPort, STATUS_NO_SDP);
-    if (g_settings.bStandardPushers && SdpControlsClash(pRequest->pBody))
+    if (pSession->standards.bPushers && SdpControlsClash(pRequest->pBody))
         return Refuse(pSession, pPort, STATUS_SAME_CONTROL);
     // a challenged DESCRIBE may have left a program here, whose players are about to end with it
     ProgramDetach(pSession);

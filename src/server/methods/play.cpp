@@ -170,8 +170,8 @@ static void AddPlayLines(Message *pReply, const Request *pRequest, int bSequence
     TextAdd(&pReply->text, "RTP-Info: ");
     const Session *pSession = pReply->pSession;
     // that of Content-Base, as it came: a name may hold what was escaped because it separates items here
-    const char *szUrl = g_settings.bStandardPlayers ? RequestBase(pRequest) : RequestUri(pRequest);
-    if (g_settings.bStandardPlayers && pSession->pProg->bLive && !(pSession->nFlags & SESSION_PUSHER))
+    const char *szUrl = pSession->standards.bPlayers ? RequestBase(pRequest) : RequestUri(pRequest);
+    if (pSession->standards.bPlayers && pSession->pProg->bLive && !(pSession->nFlags & SESSION_PUSHER))
         WriteLiveInfo(pSession, szUrl, &pReply->text);
     else
         WriteRtpInfo(pSession, szUrl, bSequence, &pReply->text);
@@ -307,6 +307,7 @@ static int IsOvertaken(const Session *pSession)
         return 0;
     Request next;
     RequestInit(&next);
+    next.standards = pSession->standards;
     int bPlay = RequestParse(&next, pText, static_cast<size_t>(pEnd + 4 - pText)) == 1 &&
                 strcasecmp(RequestMethod(&next), "PLAY") == 0;
     WantedRange range = ReadRange(bPlay ? RequestHeaderValue(&next, "Range") : nullptr);
@@ -350,7 +351,7 @@ static DataBlock *StartLive(Message *pReply, const Request *pRequest)
     AddPlayLines(pReply, pRequest, 0);
     if (!pOldHead)
         return ListFirstOf<DataBlock>(&pSession->out.Outq);
-    return g_settings.bStandardPlayers ? NextBlock(pOldLast) : pOldHead;
+    return pSession->standards.bPlayers ? NextBlock(pOldLast) : pOldHead;
 }
 
 // Standard players jump while a recording plays: PAUSE is no method that OPTIONS tells them of, and so
@@ -361,7 +362,7 @@ static int MayPlay(const Session *pSession, const Request *pRequest)
         return 0;
     if (pSession->nState == STATE_SETUP || pSession->nState == STATE_PAUSED)
         return 1;
-    if (!g_settings.bStandardPlayers || pSession->pProg->bLive)
+    if (!pSession->standards.bPlayers || pSession->pProg->bLive)
         return 0;
     int bChange = RequestHeaderValue(pRequest, "Range") || RequestHeaderValue(pRequest, "Scale") ||
                   RequestHeaderValue(pRequest, "Speed");
@@ -420,9 +421,9 @@ Verdict HandlePlay(Session *pSession, Port *pPort, Request *pRequest)
 
 Verdict HandleRecord(Session *pSession, Port *pPort, Request *pRequest)
 {
-    if (g_settings.bStandardPushers && (pSession->nFlags & SESSION_PUSHER))
+    if (pSession->standards.bPushers && (pSession->nFlags & SESSION_PUSHER))
         return HandlePlay(pSession, pPort, pRequest);
-    if (g_settings.bStandardPushers && g_settings.bStandardPlayers)  // it is listed as served
+    if (pSession->standards.bPushers && pSession->standards.bPlayers)  // it is listed as served
         return RefuseState(pSession, pPort);
     return HandleUnknown(pSession, pPort, pRequest);
 }
@@ -432,7 +433,7 @@ Verdict HandlePause(Session *pSession, Port *pPort, Request *)
 {
     if (!PlaysStandard(pSession))
         (IsStandardPeer(pSession) ? QueueDropMedia : QueueDropAll)(pSession);
-    int bFinished = g_settings.bStandardPlayers && pSession->nState == STATE_FINISHED;
+    int bFinished = pSession->standards.bPlayers && pSession->nState == STATE_FINISHED;
     if (pSession->nState != STATE_PLAYING && !bFinished)
         return RefuseState(pSession, pPort);
     if (WaitsForPicture(pSession))
@@ -463,7 +464,7 @@ Verdict HandleTeardown(Session *pSession, Port *pPort, Request *)
         SessionNoteEnd(pSession, kEndAsked);
         SessionSayEnd(pSession);  // its program goes now, its connection later
         // so standard encoders leave every time; their players would wait for media without an end
-        if (g_settings.bStandardPushers)
+        if (pSession->pProg->standards.bPushers)
             SessionEndPlayers(pSession);
         ProgramDetach(pSession);
     }

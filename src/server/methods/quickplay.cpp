@@ -18,8 +18,9 @@ namespace orx {
 // Sets every track up on the control connection. Returns 1, or 0 for a program with too many.
 static int EnterAllTracks(Session *pSession)
 {
-    int nTracks = pSession->pProg->desc.nTrackCount;
-    if (!g_settings.bStandardPushers &&
+    const Program *pProg = pSession->pProg;
+    int nTracks = pProg->desc.nTrackCount;
+    if (!pProg->standards.bPushers &&
         !ORX_PEER_ASSERT(nTracks >= 1 && nTracks < 4, "session->nTrackCount>=1 && session->nTrackCount < 4"))
         return 0;
     pSession->out.bInterleaved = 1;

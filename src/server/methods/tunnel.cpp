@@ -115,7 +115,7 @@ static void Pair(Session *pGet, Session *pPost, Port *pPort, uint32_t nFrom)
     SessionNoteEnd(pPost, "it became half of a tunnel");
     pGet->peer.Reply = pGet->peer.Cmd;
     pGet->peer.Cmd = pPort;
-    if (!g_settings.bStandardPlayers) {
+    if (!pGet->standards.bPlayers) {
         free(pGet->peer.szCookie);
         pGet->peer.szCookie = nullptr;
     }
@@ -151,7 +151,7 @@ static int OnPostWaited(Task *pTask, uint32_t, uint32_t, uint32_t)
 // Clients that send both halves at once do not care which arrives first.
 static int MayWaitForGet(const Session *pSession, const Port *pPort)
 {
-    return g_settings.bStandardPlayers && pSession->nState == STATE_NEW && pSession->peer.Cmd == pPort &&
+    return pSession->standards.bPlayers && pSession->nState == STATE_NEW && pSession->peer.Cmd == pPort &&
            !(pSession->nFlags & SESSION_TUNNEL_GET);
 }
 
