@@ -29,7 +29,7 @@ static void DropCutNetwork(char *szList, size_t nSize, const char *szKey)
 
 void ListsParse(SettingLists *pLists, Settings *pSettings)
 {
-    int bIpv6 = pSettings->bStandardPlayers;
+    int bIpv6 = pSettings->bStandardPlayers || g_server.bIpv6;
     char *szAnnounce = pSettings->szAnnounceFrom, *szProxy = pSettings->szProxyProtocolFrom;
     DropCutNetwork(szAnnounce, sizeof(pSettings->szAnnounceFrom), "AnnounceFrom");
     DropCutNetwork(szProxy, sizeof(pSettings->szProxyProtocolFrom), "ProxyProtocolFrom");

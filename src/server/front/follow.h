@@ -11,8 +11,8 @@ struct SettingLists {
     AddrList announceFrom, proxyFrom;
 };
 
-// Parses them; what is wrong is printed. A list that was cut loses its last entry. bIpv6: IPv6 entries count
-// with StandardPlayers. Any thread.
+// Parses them; what is wrong is printed. A list that was cut loses its last entry. IPv6 entries count with
+// StandardPlayers, and where the server listens on an IPv6 address. Main thread, or that which reads anew.
 void ListsParse(SettingLists *pLists, Settings *pSettings);
 
 // Puts the lists, and the switches of modules below the server, in force by g_settings. When the server
