@@ -387,6 +387,28 @@ static int ReadFirstKeys(const char *szCfg)
     return ConfigGetInt(&config, "SERVER", "LogFile", 0);
 }
 
+// Starts the server, and stops it when that is asked for. szStatePath: of a daemon; null at the console.
+// Returns the exit status.
+static int Serve(const char *szCfg, const char *szStatePath, int bWriteState)
+{
+    if (!ServerStart(szCfg)) {
+        ConsoleFlush(1);
+        return StartIsStrict() ? 1 : 0;
+    }
+    log("Begin");
+    NotifyReady();
+    if (szStatePath)
+        DaemonLoop(szStatePath, bWriteState);
+    else
+        ConsoleLoop();
+    NotifyStopping();
+    ServerStop();
+    log("End");
+    print("main() exit OK.\n");
+    ConsoleFlush(1);
+    return 0;
+}
+
 int RunProcess(int argc, char **argv)
 {
     OpenMissingDescriptors();
@@ -413,22 +435,7 @@ int RunProcess(int argc, char **argv)
     LogSetup(place.szLog, nLog);
     RaiseDescriptorLimit();
     NotifyInit();
-    if (!ServerStart(szCfg)) {
-        ConsoleFlush(1);
-        return StartIsStrict() ? 1 : 0;
-    }
-    log("Begin");
-    NotifyReady();
-    if (bDaemon)
-        DaemonLoop(place.szState, nLog);
-    else
-        ConsoleLoop();
-    NotifyStopping();
-    ServerStop();
-    log("End");
-    print("main() exit OK.\n");
-    ConsoleFlush(1);
-    return 0;
+    return Serve(szCfg, bDaemon ? place.szState : nullptr, nLog);
 }
 
 }  // namespace orx

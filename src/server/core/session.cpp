@@ -18,6 +18,7 @@
 #include "server/core/program.h"
 #include "server/core/registry.h"
 #include "server/core/sessionevents.h"
+#include "server/core/sessionpeer.h"
 #include "server/core/settings.h"
 
 namespace orx {
@@ -253,6 +254,18 @@ int SessionClosePort(Session *pSession, Port *pPort)
     return 1;
 }
 
+int SessionClosePortFor(Session *pSession, Port *pPort, const char *szWhy, int nErrno)
+{
+    const char *szBefore = pSession->szEndReason;
+    int nErrnoBefore = pSession->ending.nErrno;
+    SessionNoteErrno(pSession, szWhy, nErrno);
+    if (SessionClosePort(pSession, pPort))
+        return 1;
+    pSession->szEndReason = szBefore;
+    pSession->ending.nErrno = nErrnoBefore;
+    return 0;
+}
+
 int SessionCloseReplyPort(Session *pSession)
 {
     Port *pPort = SessionReplyPort(pSession);
@@ -260,29 +273,6 @@ int SessionCloseReplyPort(Session *pSession)
         return SessionClosePort(pSession, pPort);
     SessionEnd(pSession);
     return 1;
-}
-
-Port *SessionPeerPort(const Session *pSession)
-{
-    return pSession->peer.Cmd ? pSession->peer.Cmd : pSession->peer.Reply;
-}
-
-Port *SessionReplyPort(const Session *pSession)
-{
-    return pSession->peer.Reply ? pSession->peer.Reply : pSession->peer.Cmd;
-}
-
-Port *SessionControlPort(const Session *pSession)
-{
-    Port *pPort = SessionPeerPort(pSession);
-    return pPort && (pPort->nFlags & PORT_TUNNEL_POST) ? pSession->peer.Reply : pPort;
-}
-
-void SessionRemoteText(const Session *pSession, char *szOut)
-{
-    const Port *pPort = SessionPeerPort(pSession);
-    NetAddr none;
-    SockAddrToString(pPort ? &pPort->remote : &none, szOut);
 }
 
 static int OnSessionDelayCloseTimer(Task *pTask, uint32_t, uint32_t, uint32_t)

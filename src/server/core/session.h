@@ -309,18 +309,13 @@ void SessionCloseTrackPorts(SessionTrack *pTrack);
 
 // Ends the session's use of a port, and the session with its last one. Returns 1 when that ended it, else 0.
 int SessionClosePort(Session *pSession, Port *pPort);
+// The same; the reason counts only when that ends it. nErrno: of the connection, 0 when nothing failed.
+int SessionClosePortFor(Session *pSession, Port *pPort, const char *szWhy, int nErrno);
 // The same for the connection that replies and media go out on.
 int SessionCloseReplyPort(Session *pSession);
 
 // Nobody waits any more for what was asked of the disk (hold.pJob): it goes when it is done.
 void SessionForgetJob(Session *pSession);
-
-// The connections of a session, each null when it has gone. They are one but for a tunnel, whose requests
-// come on one and whose replies go on the other.
-Port *SessionPeerPort(const Session *pSession);   // the peer's: that of requests, else that of replies
-Port *SessionReplyPort(const Session *pSession);  // of what waits in the queue, other than datagrams
-Port *SessionControlPort(
-    const Session *pSession);  // of requests to the peer; never the half that only it writes
 
 // The request at hand takes another step: its handler runs once more behind what else is due.
 inline Verdict SessionNextStep(Session *pSession, uint32_t nDelayMs = 1)
@@ -329,10 +324,6 @@ inline Verdict SessionNextStep(Session *pSession, uint32_t nDelayMs = 1)
     pSession->hold.nDelayMs = nDelayMs;
     return Verdict::Later;
 }
-
-// The peer of the session's control connection as "a.b.c.d:port" or "[address]:port"; szOut takes
-// kAddrTextSize bytes.
-void SessionRemoteText(const Session *pSession, char *szOut);
 
 // The handle as "%p" prints it in "Session".
 inline void *SessionPrintHandle(const Session *pSession)

@@ -10,6 +10,7 @@
 #include "runtime/clock.h"
 #include "runtime/sockutil.h"
 #include "server/core/program.h"
+#include "server/core/sessionpeer.h"
 
 namespace orx {
 
@@ -201,18 +202,6 @@ void SessionNoteRefused(Session *pSession)
         pSession->ending.nStatus = pSession->ending.nLastStatus;
     pSession->szEndReason =
         pSession->ending.nLastStatus >= 300 ? "its request was refused" : "its request ended it";
-}
-
-int SessionClosePortFor(Session *pSession, Port *pPort, const char *szWhy, int nErrno)
-{
-    const char *szBefore = pSession->szEndReason;
-    int nErrnoBefore = pSession->ending.nErrno;
-    SessionNoteErrno(pSession, szWhy, nErrno);
-    if (SessionClosePort(pSession, pPort))
-        return 1;
-    pSession->szEndReason = szBefore;
-    pSession->ending.nErrno = nErrnoBefore;
-    return 0;
 }
 
 void SessionSayNotFound(const Session *pSession, const Port *pPort, const Request *pRequest)

@@ -28,9 +28,6 @@ void SessionNoteMalformed(Session *pSession, const char *szWhy);
 // A request was refused by the reply that was begun last, if that was a refusal.
 void SessionNoteRefused(Session *pSession);
 
-// Ends the session's use of a port as SessionClosePort does; the reason counts only when that ends it.
-int SessionClosePortFor(Session *pSession, Port *pPort, const char *szWhy, int nErrno);
-
 // A request was answered that no such thing is there.
 void SessionSayNotFound(const Session *pSession, const Port *pPort, const Request *pRequest);
 

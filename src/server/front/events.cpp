@@ -15,6 +15,7 @@
 #include "server/core/registry.h"
 #include "server/core/session.h"
 #include "server/core/sessionevents.h"
+#include "server/core/sessionpeer.h"
 #include "server/core/settings.h"
 #include "server/front/dispatch.h"
 #include "server/front/fronts.h"

@@ -9,6 +9,7 @@
 #include "server/core/program.h"
 #include "server/core/registry.h"
 #include "server/core/session.h"
+#include "server/core/sessionpeer.h"
 #include "server/core/settings.h"
 #include "server/media/replies.h"
 #include "server/media/send.h"

@@ -20,6 +20,7 @@
 #include "server/core/program.h"
 #include "server/core/registry.h"
 #include "server/core/session.h"
+#include "server/core/sessionpeer.h"
 #include "server/core/settings.h"
 #include "server/front/events.h"
 #include "server/front/follow.h"
@@ -144,6 +145,22 @@ static int Refuse()
     return 0;
 }
 
+// Opens what others come to. Takes the paths over. Returns 1, or 0 when a strict start, or the relay, is not
+// to go on.
+static int LetIn(PathList *pInterrupted)
+{
+    MonitorSetBurstProc(&g_server.monitor, OnMonitorBurst);
+    OpenListener();
+    StorageCareStart(pInterrupted);
+    int bRemote = RemoteServicesStart();
+    StatusOpen();
+    if (!StartDoubtsOfListeners() || !bRemote)
+        return 0;
+    StatusStart();
+    EventsBegin();
+    return 1;
+}
+
 int ServerStart(const char *szConfigPath)
 {
     tzset();  // which reads a file
@@ -165,23 +182,11 @@ int ServerStart(const char *szConfigPath)
     RegistryInit(OnFreePort);
     int bReady = CreatePortMgr() && CreateAuth() && CreateScheduler() && StartDisk() &&
                  MonitorCreate(&g_server.monitor, OnMonitorEvent, nullptr);
-    if (!bReady) {
-        PathListFree(&interrupted);
-        ServerStop();
-        return 0;
-    }
-    MonitorSetBurstProc(&g_server.monitor, OnMonitorBurst);
-    OpenListener();
-    StorageCareStart(&interrupted);
-    int bRemote = RemoteServicesStart();
-    StatusOpen();
-    if (!StartDoubtsOfListeners() || !bRemote) {
-        ServerStop();
-        return 0;
-    }
-    StatusStart();
-    EventsBegin();
-    return 1;
+    if (bReady && LetIn(&interrupted))
+        return 1;
+    PathListFree(&interrupted);
+    ServerStop();
+    return 0;
 }
 
 // What recordings have queued still reaches the disk, unless that stalls. Returns 0 then: the disk thread

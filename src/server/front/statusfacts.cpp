@@ -15,6 +15,7 @@
 #include "runtime/clock.h"
 #include "runtime/mutexguard.h"
 #include "server/core/sessionevents.h"
+#include "server/core/sessionpeer.h"
 #include "server/core/settings.h"
 #include "server/front/reload.h"
 

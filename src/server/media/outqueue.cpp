@@ -8,6 +8,7 @@
 #include "runtime/clock.h"
 #include "runtime/sockutil.h"
 #include "server/core/program.h"
+#include "server/core/sessionpeer.h"
 
 namespace orx {
 

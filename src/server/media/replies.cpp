@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "base/httpdate.h"
+#include "server/core/sessionpeer.h"
 #include "server/core/settings.h"
 #include "server/media/send.h"
 

@@ -8,6 +8,7 @@
 #include "runtime/clock.h"
 #include "server/core/program.h"
 #include "server/core/sessionevents.h"
+#include "server/core/sessionpeer.h"
 #include "server/core/settings.h"
 #include "server/media/outqueue.h"
 #include "server/media/pace.h"

@@ -11,6 +11,7 @@
 #include "runtime/clock.h"
 #include "runtime/sockutil.h"
 #include "server/core/program.h"
+#include "server/core/sessionpeer.h"
 #include "server/core/settings.h"
 #include "server/media/distribute.h"
 #include "server/media/ingest.h"

@@ -10,6 +10,7 @@
 #include "server/media/liveprogram.h"
 #include "record/sdpreader.h"
 #include "server/core/sessionevents.h"
+#include "server/core/sessionpeer.h"
 #include "server/media/questions.h"
 #include "server/media/replies.h"
 #include "server/media/sleep.h"

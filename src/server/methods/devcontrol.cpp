@@ -5,6 +5,7 @@
 
 #include "server/core/program.h"
 #include "server/core/registry.h"
+#include "server/core/sessionpeer.h"
 #include "server/core/settings.h"
 #include "server/media/questions.h"
 #include "server/media/replies.h"

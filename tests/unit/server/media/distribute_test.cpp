@@ -17,6 +17,7 @@
 #include "support/output.h"
 #include "support/playerkit.h"
 #include "support/wait.h"
+#include "server/core/sessionpeer.h"
 
 namespace orx {
 
