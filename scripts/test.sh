@@ -6,8 +6,8 @@
 #   scripts/test.sh release         some sets: release, asan, tsan, fuzz, armhf or arm64
 #   ORX_LONG=1 scripts/test.sh      the full minutes of the interop tests
 #   ORX_MATRIX=all ...              every pusher with every player instead of a tenth of them
-#   ORX_FUZZ_SECONDS=600 ...        how long each fuzz target runs (10)
-#   ORX_HOSTILE_SECONDS=1200 ...    how long strangers attack in each of the three configurations (20)
+#   ORX_FUZZ_SECONDS=600 ...        how long each fuzz target runs (6)
+#   ORX_HOSTILE_SECONDS=1200 ...    how long strangers attack in each of the three configurations (12)
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -24,8 +24,8 @@ configure() {
     preset="--preset $1"
     [ "$1" != "$own" ] || preset="-S . -B build/$1 -DCMAKE_BUILD_TYPE=Release"
     # shellcheck disable=SC2086 # lists of words
-    cmake $preset $launcher -DORX_UNITY=ON -DORX_FUZZ_SECONDS="${ORX_FUZZ_SECONDS:-10}" \
-        -DORX_HOSTILE_SECONDS="${ORX_HOSTILE_SECONDS:-20}" >/dev/null
+    cmake $preset $launcher -DORX_UNITY=ON -DORX_FUZZ_SECONDS="${ORX_FUZZ_SECONDS:-6}" \
+        -DORX_HOSTILE_SECONDS="${ORX_HOSTILE_SECONDS:-12}" >/dev/null
 }
 
 # ctest in a build tree; further arguments choose the tests
