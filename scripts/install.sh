@@ -83,8 +83,13 @@ if [ "$uninstall" = 1 ]; then
     remove_service
     rm -f "$to"/bin/orx "$to"/bin/orxpush "$to"/bin/orxload "$to"/bin/orxrec "$to"/bin/orxzmf "$to"/bin/orxzupo \
         "$to"/bin/orxrelay "$to"/bin/orxctl
-    rm -rf "${to:?}/share" "${to:?}/log" "${to:?}/run"
-    rmdir "$to/bin" 2>/dev/null || true
+    # a prefix such as /usr/local is shared: no directory goes that holds anything else
+    rm -rf "$to/share/orx"
+    rm -f "$to"/share/man/man?/orx*.?.gz "$to"/log/orx.log* "$to"/log/events.log* "$to/log/errors.log" \
+        "$to/run/orx.sock" "$to/run/orx.pid"
+    for empty in share/man/man1 share/man/man8 share/man share bin log run; do
+        rmdir "$to/$empty" 2>/dev/null || true
+    done
     say "removed; configuration ($prefix/cfg) and recordings ($prefix/rec) are still there"
     exit 0
 fi

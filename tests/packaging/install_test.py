@@ -42,10 +42,12 @@ class InstallTest(unittest.TestCase):
         self.write("opt/orx/cfg/orx.cfg", "[SERVER]\nListenPort=1\n")
         self.write("opt/orx/rec/live/1.zmf", "x")
         self.assertIn("orx.cfg.new", self.install(BUILD))
+        self.write("opt/orx/share/doc/other", "")  # of another program below the same prefix
         self.install("--uninstall")
+        self.assertEqual("", self.read("opt/orx/share/doc/other"))
         self.assertEqual("[SERVER]\nListenPort=1\n", self.read("opt/orx/cfg/orx.cfg"))
         self.assertEqual("x", self.read("opt/orx/rec/live/1.zmf"))
-        for path in ("/opt/orx/bin", "/etc/init.d/orx"):
+        for path in ("/opt/orx/bin", "/opt/orx/share/orx", "/opt/orx/log", "/etc/init.d/orx"):
             self.assertFalse(os.path.exists(self.image + path), path)
 
     def test_a_tarball_brings_its_script_and_its_unit(self):
