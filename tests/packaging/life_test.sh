@@ -94,7 +94,7 @@ if command -v systemd-analyze >/dev/null; then
     systemd-analyze security --offline=yes --threshold=30 "$root/lib/systemd/system/orx.service" >"$work/security" 2>&1 ||
         fail "systemd-analyze security: $(tail -n 1 "$work/security")"
 fi
-for program in orx orxpush orxload orxrec orxzmf orxzupo orxrelay; do
+for program in orx orxpush orxload orxrec orxzmf orxzupo orxrelay orxctl; do
     gzip -t "$root"/usr/share/man/man?/$program.?.gz || fail "no manual page of $program"
 done
 
@@ -114,6 +114,7 @@ fi
 start() {
     mkdir -p "$root/run/orx"
     in_root chown orx:orx /run/orx
+    chmod 0750 "$root/run/orx" # RuntimeDirectoryMode
     # shellcheck disable=SC2086,SC2046 # lists of words
     chroot "$root" $as_service $(sed -n 's/^ExecStart=//p' "$root/lib/systemd/system/orx.service") \
         >"$work/orx.out" 2>&1 </dev/null &
@@ -138,6 +139,15 @@ start
 push
 soon in_root orxload --tcp 1 --udp 1 --duration 1 --quiet "$url"
 [ "$(stat -c %u "/proc/$server")" = "$(in_root id -u orx)" ] || fail "it runs as another user"
+# by the socket in /run, as somebody of the service's group
+as_group() {
+    in_root setpriv --reuid nobody --regid orx --clear-groups orxctl -s /run/orx/orx.sock "$@"
+}
+soon as_group health
+as_group programs | grep -q live/demo || fail "orxctl programs: $(as_group programs 2>&1)"
+if in_root setpriv --reuid nobody --regid nogroup --clear-groups orxctl -s /run/orx/orx.sock status >"$work/other" 2>&1; then
+    fail "everybody may ask the status socket"
+fi
 say "it plays"
 
 # --- Recorded ---
