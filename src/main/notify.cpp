@@ -61,10 +61,12 @@ void NotifyInit()
     ReadWatchdog();
 }
 
-static void Tell(const char *szState)
+// What the manager waits for must not get lost in a queue that is full; nFlags MSG_DONTWAIT for what comes
+// again.
+static void Tell(const char *szState, int nFlags = 0)
 {
     if (g_nSocket >= 0)
-        sendto(g_nSocket, szState, strlen(szState), MSG_DONTWAIT | MSG_NOSIGNAL,
+        sendto(g_nSocket, szState, strlen(szState), nFlags | MSG_NOSIGNAL,
                reinterpret_cast<const sockaddr *>(&g_manager), g_nManager);
 }
 
@@ -97,7 +99,7 @@ void NotifyTick()
         return;
     if (g_bAnswered.exchange(0)) {
         g_bAsked = 0;
-        Tell("WATCHDOG=1");
+        Tell("WATCHDOG=1", MSG_DONTWAIT);
     }
     int64_t nNow = ClockNs();
     if (g_bAsked || nNow - g_nAskedNs < g_nPingNs)

@@ -113,7 +113,7 @@ static void OnNamed(HttpProxy *pProxy, HttpPending pending)
         Refuse(pProxy, pending.fd, &addr);
 }
 
-static void TellNoHeader(int fd)
+static void TellNoHeader(int fd, const char *szReason)
 {
     char szPeer[kAddrTextSize] = "";
     NetAddr addr;
@@ -121,7 +121,7 @@ static void TellNoHeader(int fd)
         SockAddrToString(&addr, szPeer);
     print("HttpProxyServer: the front %s sent no PROXY header on 0x%x\n", szPeer, static_cast<unsigned>(fd));
     EventSayBounded(EventLevel::Warn, "front.refused",
-                    {EventText("peer", szPeer), EventText("reason", "sent what is no PROXY header")});
+                    {EventText("peer", szPeer), EventText("reason", szReason)});
 }
 
 // Looks for the header of a connection's front. Returns as PendingRead.
@@ -142,7 +142,8 @@ static int HeaderRead(HttpProxy *pProxy, unsigned nIndex)
         OnNamed(pProxy, pending);
         return 1;
     }
-    TellNoHeader(pending.fd);
+    TellNoHeader(pending.fd,
+                 nRead == 0 ? "closed it without a PROXY header" : "sent what is no PROXY header");
     SockClose(pending.fd);
     return 1;
 }
@@ -188,7 +189,10 @@ static void DropSilent(HttpProxy *pProxy, uint32_t nNow)
             i++;
             continue;
         }
+        int bUnnamed = pProxy->pendings[i].bUnnamed;
         int fd = PendingTake(pProxy, i);
+        if (bUnnamed)
+            TellNoHeader(fd, "sent no PROXY header for 5 seconds");
         print("sock=%d is timeout!\r\n", fd);
         SockClose(fd);
     }

@@ -100,10 +100,10 @@ done
 
 # --- Started, as the unit does it ---
 
-port=28654
+port=$((20000 + $$ % 9000))  # the root has the ports of the machine
 url=rtsp://127.0.0.1:$port/live/demo
 config=$root/etc/orx/orx.cfg
-sed -i "s/^ListenPort=.*/ListenPort=$port/; s/^UdpStartPort=.*/UdpStartPort=28700/; s/^UdpEndPort=.*/UdpEndPort=28800/
+sed -i "s/^ListenPort=.*/ListenPort=$port/; s/^UdpStartPort=.*/UdpStartPort=$((port + 10))/; s/^UdpEndPort=.*/UdpEndPort=$((port + 200))/
     /^HoldPlayers=/d" "$config"
 
 as_service="setpriv --reuid orx --regid orx --clear-groups --no-new-privs"
