@@ -116,6 +116,7 @@ TEST_F(StatusTest, RefusesWhatItCannotAnswer)
     };
     for (const auto &[szRequest, szAnswer] : cases)
         EXPECT_THAT(AskRaw(szRequest), StartsWith(szAnswer)) << szRequest;
+    EXPECT_THAT(AskRaw("POST /status HTTP/1.1\r\n\r\n"), HasSubstr("\r\nAllow: GET, HEAD\r\n"));
     std::filesystem::remove_all(server.dir.File("rec"));
     EXPECT_THAT(Ctl({"health"}), StartsWith("1 orxctl: recordings cannot be written to "));
 }

@@ -7,14 +7,18 @@ namespace orx {
 
 using Row = std::vector<std::string>;
 
-// What a terminal would take for a command becomes '?'.
+// What a terminal would take for a command becomes '?': also U+0080 to U+009F, of which UTF-8 makes two
+// bytes.
 static std::string Plain(const std::string &text)
 {
-    std::string out = text.empty() ? "-" : text;
-    for (char &c : out)
-        if (static_cast<unsigned char>(c) < ' ' || c == 127)
-            c = '?';
-    return out;
+    std::string out;
+    for (size_t i = 0; i < text.size(); i++) {
+        auto c = static_cast<unsigned char>(text[i]);
+        int bTwo = c == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xA0;
+        out += bTwo || c < ' ' || c == 127 ? '?' : text[i];
+        i += static_cast<size_t>(bTwo);
+    }
+    return out.empty() ? "-" : out;
 }
 
 // Columns that a text takes: of UTF-8 the bytes that begin a character.

@@ -58,6 +58,7 @@ static StatusServer *g_pStatus = nullptr;  // main thread; its threads only read
 struct StatusAnswer {
     int nStatus = 200;
     const char *szType = "text/plain; charset=utf-8";
+    const char *szAllow = nullptr;  // of 405: the methods (RFC 9110, section 15.5.6)
     JsonText body;
 };
 
@@ -273,6 +274,12 @@ static const StatusRoute g_routes[] = {
     {"/recordings", 0, AnswerRecordings}, {"/reload", 1, AnswerReload},   {"/kick", 1, AnswerKick},
 };
 
+static void SayMethod(StatusAnswer *pAnswer, int bPost)
+{
+    Say(pAnswer, 405, bPost ? "this is an order: POST" : "this is a question: GET or HEAD");
+    pAnswer->szAllow = bPost ? "POST" : "GET, HEAD";
+}
+
 static void AnswerHead(const HttpHead *pHead, StatusAnswer *pAnswer)
 {
     int bGet = pHead->method == "GET" || pHead->method == "HEAD";
@@ -286,7 +293,7 @@ static void AnswerHead(const HttpHead *pHead, StatusAnswer *pAnswer)
         if (route.bPost ? pHead->method == "POST" : bGet)
             route.pfnAnswer(pHead, pAnswer);
         else
-            Say(pAnswer, 405, route.bPost ? "this is an order: POST" : "this is a question: GET or HEAD");
+            SayMethod(pAnswer, route.bPost);
         return;
     }
     Say(pAnswer, 404,
@@ -329,8 +336,10 @@ static void WriteAnswer(int fd, const StatusAnswer *pAnswer, int bHeadOnly)
     TextBuf head{szHead, sizeof(szHead)};
     TextAdd(&head,
             "HTTP/1.1 %d %s\r\nContent-Type: %s\r\nContent-Length: %zu\r\nCache-Control: no-store\r\n"
-            "Connection: close\r\n\r\n",
-            pAnswer->nStatus, Phrase(pAnswer->nStatus), pAnswer->szType, pAnswer->body.nLen);
+            "%s%s%sConnection: close\r\n\r\n",
+            pAnswer->nStatus, Phrase(pAnswer->nStatus), pAnswer->szType, pAnswer->body.nLen,
+            pAnswer->szAllow ? "Allow: " : "", pAnswer->szAllow ? pAnswer->szAllow : "",
+            pAnswer->szAllow ? "\r\n" : "");
     uint32_t nDeadline = ClockMs() + kWriteMs;
     if (WriteAll(fd, {szHead, head.nLen}, nDeadline) && !bHeadOnly && pAnswer->body.nLen > 0)
         WriteAll(fd, {pAnswer->body.sz, pAnswer->body.nLen}, nDeadline);

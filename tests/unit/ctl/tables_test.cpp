@@ -8,15 +8,17 @@ namespace orx {
 TEST(OrxCtlTest, TablesShowWhatIsKnown)
 {
     JsonValue status;
-    ASSERT_TRUE(JsonParse(R"({"programs":[{"program":"/\u001b[2Jä","state":"live","bit_rate":512345,"players":2,
+    ASSERT_TRUE(JsonParse(R"({"programs":[{"program":"/\u001b[2J)"
+                          "\xC2\x9B"
+                          R"(ä","state":"live","bit_rate":512345,"players":2,
         "recordings":1,"last_packet_ms":null,"pusher":{"address":"1.2.3.4:5"},
         "tracks":[{"codec":"H264","width":640,"height":368,"frame_rate":25.01,"key_distance_ms":1000}]}]})",
                           &status));
     EXPECT_EQ(
         "PROGRAM STATE CODEC SIZE    FPS  BIT/S KEY ms AGE ms PLAY REC PUSHER\n"
-        "/?[2Jä  live  H264  640x368 25.0 512k  1000   -      2    1   1.2.3.4:5\n",
+        "/?[2J?ä live  H264  640x368 25.0 512k  1000   -      2    1   1.2.3.4:5\n",
         ProgramsTable(status, 0));
-    EXPECT_EQ("PROGRAM\n/?[2Jä \n", ProgramsTable(status, 7));
+    EXPECT_EQ("PROGRAM\n/?[2J?ä\n", ProgramsTable(status, 7));
     EXPECT_THAT(SessionsTable(status, 0), testing::StartsWith("SESSION"));
     EXPECT_THAT(StatusTable(JsonValue(), 80), testing::HasSubstr("relay       off"));
 }
