@@ -20,7 +20,7 @@ struct StatusTest : SystemTest {
     {
         server.Set("STATUS", "Socket", socketPath);
         server.Set("INTEROP", "StandardPushers", "1");
-        server.Set("STORAGE", "RecordPath", server.dir.File("rec"));
+        server.Set("STORAGE", "RecordEnable=1\nRecordPath=" + server.dir.File("rec"));
         StartCamera(CameraSdp(2));
     }
     int Dial() const

@@ -309,6 +309,7 @@ static void CopyRecordPath(void *pOut)
 static void TakeRest(ServerFacts *pOut)
 {
     CopyRecordPath(pOut->szRecordPath);
+    pOut->bRecord = g_settings.bRecord;
     pOut->counted = g_server.counted;
     pOut->nQueuedBytes = g_server.nQueuedBytes;
     pOut->nCachedBytes = g_server.nCachedBytes;

@@ -65,6 +65,7 @@ struct ServerFacts {
     FactsChunk<ProgramFacts> *pPrograms = nullptr;  // owned, as the next
     FactsChunk<SessionFacts> *pSessions = nullptr;
     char szRecordPath[kStoragePathSize] = "";  // a reading may replace the server's own
+    int bRecord = 0;                           // RecordEnable
     ServerCounts counted;
     unsigned nSessions = 0, nPlayers = 0, nPushers = 0, nLives = 0;
     int64_t nQueuedBytes = 0, nCachedBytes = 0;

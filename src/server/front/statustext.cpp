@@ -300,24 +300,24 @@ void StatusWriteDays(JsonText *pOut, const DiskAnswer *pDisk)
 unsigned StatusWriteHealth(JsonText *pOut, const StatusFacts *pFacts)
 {
     unsigned nReasons = 0;
-    auto say = [&](const char *szWhat, const char *szOf, const char *szWhy) {
-        for (const char *sz : {szWhat, szOf, ": ", szWhy, "\n"})
+    auto say = [&](const char *szWhat, const char *szName, const char *szOf, const char *szWhy) {
+        for (const char *sz : {szWhat, szName, szOf, ": ", szWhy, "\n"})
             JsonAddBytes(pOut, sz);
         nReasons++;
     };
     for (unsigned i = 0; i < pFacts->pServer->nListeners; i++) {
         const ServerListener *p = &pFacts->pServer->listeners[i];
         if (p->nErrno)
-            say("listener does not listen on ", p->szAddress, strerror(p->nErrno));
+            say(p->szName, " does not listen on ", p->szAddress, strerror(p->nErrno));
     }
     if (!pFacts->pDisk)
-        say("disk", "", "it does not answer");
-    else if (pFacts->pDisk->nErrno)
-        say("recordings cannot be written to ", pFacts->pServer->szRecordPath,
+        say("disk", "", "", "it does not answer");
+    else if (pFacts->pDisk->nErrno && pFacts->pServer->bRecord)
+        say("recordings", " cannot be written to ", pFacts->pServer->szRecordPath,
             strerror(pFacts->pDisk->nErrno));
     for (size_t i = 0; i < pFacts->pServer->doubts.nDoubts; i++)
         if (pFacts->pServer->doubts.pDoubts[i].bRefuses)
-            say("configuration", "", pFacts->pServer->doubts.pDoubts[i].szText);
+            say("configuration", "", "", pFacts->pServer->doubts.pDoubts[i].szText);
     return nReasons;
 }
 
