@@ -49,7 +49,7 @@ while [ $# -gt 0 ]; do
     shift
 done
 case $prefix in
-/ | /usr | *[!A-Za-z0-9/._-]*) refuse "the prefix $prefix is none: give an absolute directory of its own" ;;
+/ | /usr | *..* | *[!A-Za-z0-9/._-]*) refuse "the prefix $prefix is none: give an absolute directory of its own" ;;
 /*) ;;
 *) refuse "the prefix $prefix is not absolute" ;;
 esac
@@ -124,9 +124,13 @@ live [ "$(id -u)" = 0 ] || refuse "only root may do this"
 
 # --- Install ---
 
-live remove_service
 mkdir -p "$to/bin" "$to/cfg" "$to/log" "$to/run" "$to/rec"
-cp "$stage"/bin/* "$to/bin/"
+# the running one is stopped once the new one is whole on the disk: a full disk leaves it running
+rm -rf "$to/bin/.new"
+cp -R "$stage/bin" "$to/bin/.new"
+live remove_service
+mv -f "$to"/bin/.new/* "$to/bin/"
+rmdir "$to/bin/.new"
 cp -R "$stage/share" "$to/"
 if [ ! -f "$to/cfg/orx.cfg" ]; then
     sed "s|^RecordPath=.*|RecordPath=$prefix/rec|" "$stage/cfg/orx.cfg" >"$to/cfg/orx.cfg"
