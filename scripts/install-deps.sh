@@ -53,6 +53,7 @@ as_root=""
 for architecture in $foreign; do
     $as_root dpkg --add-architecture "$architecture"
 done
-$as_root apt-get update -q
+# a mirror in the middle of its own update lacks some lists, mostly not those that are needed
+$as_root apt-get update -q -o Acquire::Retries=3 || echo "$0: going on with the package lists that there are" >&2
 # shellcheck disable=SC2086 # the list is one of words
 DEBIAN_FRONTEND=noninteractive $as_root apt-get install -y -q --no-install-recommends $missing
