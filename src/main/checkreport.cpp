@@ -67,6 +67,14 @@ static void PrintRow(void *pContext, const char *szSection, const char *szKey, c
     printf("%s=%s\n", szKey, szTaken);
 }
 
+// As PrintRow. The lines are added to a file whose last one may lack its end.
+static void PrintUpgrade(void *pContext, const char *szSection, const char *szKey, const char *szTaken)
+{
+    if (!*static_cast<const char **>(pContext))
+        printf("\n");
+    PrintRow(pContext, szSection, szKey, szTaken);
+}
+
 int CheckReport(const char *szConfigPath)
 {
     const char *szLast = nullptr;
@@ -89,7 +97,7 @@ int CheckReport(const char *szConfigPath)
 int UpgradeReport(const char *szConfigPath)
 {
     const char *szLast = nullptr;
-    ConfigListMissing(szConfigPath, PrintRow, &szLast);
+    ConfigListMissing(szConfigPath, PrintUpgrade, &szLast);
     return 0;
 }
 
