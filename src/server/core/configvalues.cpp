@@ -130,6 +130,17 @@ static void CheckMarks(const ConfigFound *pFound, const Setting *pRow, const Con
         }
 }
 
+// Programs are named without the '/' in front.
+static void CheckPrograms(const ConfigFound *pFound, const Setting *pRow, const ConfigLine *pLine)
+{
+    int bDevices = strcmp(pRow->szKey, "UserDevList%d") == 0;
+    std::string_view value = pLine->value;
+    if (!bDevices && strcmp(pRow->szKey, "RecordAlways") != 0)
+        return;
+    if (value.starts_with('/') || value.find(" /") != std::string_view::npos)
+        ConfigSay(pFound, bDevices, pLine, 0, "names a program with '/' in front: it matches none");
+}
+
 static void CheckText(const ConfigFound *pFound, const Setting *pRow, int nUser, const ConfigLine *pLine)
 {
     if (pLine->value.size() >= pRow->place.nBytes)
@@ -139,6 +150,7 @@ static void CheckText(const ConfigFound *pFound, const Setting *pRow, int nUser,
     if (!strstr(pRow->szKey, "From"))
         CheckMarks(pFound, pRow, pLine);
     CheckWords(pFound, pRow, pLine);
+    CheckPrograms(pFound, pRow, pLine);
     CheckAddresses(pFound, pRow, pLine);
 }
 
