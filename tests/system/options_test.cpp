@@ -92,6 +92,10 @@ TEST_F(OptionsTest, CheckDisturbsNoServer)
     EXPECT_TRUE(Answers(&player));
     EXPECT_EQ(0, server.Quit());
     EXPECT_EQ(0, Run({"--check"})) << asked.Output();
+    // a strict start would fail by it
+    WriteFile(server.ConfigPath(), ReadFile(server.ConfigPath()) + "[STATUS]\nSocket=none/orx.sock\n");
+    EXPECT_EQ(1, Run({"--check"})) << asked.Output();
+    EXPECT_THAT(asked.Output(), HasSubstr("none/orx.sock, No such file or directory): no status connection"));
 }
 
 // A strict start ends with status 1 where a doubt refuses it; else the same doubt is a line.
