@@ -3,11 +3,16 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 
 #include "base/fdguard.h"
+#include "base/filewrite.h"
+#include "base/installdir.h"
 #include "base/textbuf.h"
 #include "runtime/sockutil.h"
 #include "server/core/configcheck.h"
@@ -55,6 +60,37 @@ static void CheckPorts(const char *szPath, const Settings *p, DoubtList *pDoubts
         CheckPort(szPath, p, "UnetPort", p->nUnetPort, SOCK_DGRAM, pDoubts);
 }
 
+// ---------------------------------------------------------------- the status socket
+
+// Whether the socket could be made, as the server makes it, which of directories makes run/ alone. One that
+// is there already is left alone. Returns 0, or why not.
+static int TrySocket(const char *szSocket, char *szPath, size_t nSize)
+{
+    char szDir[sizeof(sockaddr_un::sun_path)], szRun[sizeof(szDir)];
+    struct stat info {};
+    if (!InstallPath(szPath, nSize, szSocket))
+        return ENAMETOOLONG;
+    if (lstat(szPath, &info) == 0)
+        return S_ISSOCK(info.st_mode) ? 0 : EADDRINUSE;
+    TextCopy(szDir, sizeof(szDir),
+             std::string_view(szPath, static_cast<size_t>(strrchr(szPath, '/') + 1 - szPath)));
+    int bRun = InstallPath(szRun, sizeof(szRun), "run/") && strcmp(szDir, szRun) == 0;
+    if (bRun && stat(szDir, &info) != 0)
+        InstallDir(szDir, sizeof(szDir));
+    return DirTakesFiles(szDir) ? 0 : errno;
+}
+
+static void CheckSocket(const char *szPath, const Settings *p, DoubtList *pDoubts)
+{
+    char szWhy[256], szSocket[sizeof(sockaddr_un::sun_path)] = "", szError[64];
+    TextBuf why{szWhy, sizeof(szWhy)};
+    int nErrno = p->szStatusSocket[0] ? TrySocket(p->szStatusSocket, szSocket, sizeof(szSocket)) : 0;
+    TextAdd(&why, "cannot be listened on (%s, %s): no status connection is taken", szSocket,
+            strerror_r(nErrno, szError, sizeof(szError)));
+    if (nErrno)
+        ConfigDoubt(szPath, pDoubts, 1, "STATUS", "Socket", szWhy);
+}
+
 // ---------------------------------------------------------------- reports
 
 // Prints a line, and above the first of a section its header. pContext: the last section.
@@ -67,6 +103,14 @@ static void PrintRow(void *pContext, const char *szSection, const char *szKey, c
     printf("%s=%s\n", szKey, szTaken);
 }
 
+// As PrintRow. The lines are added to a file whose last one may lack its end.
+static void PrintUpgrade(void *pContext, const char *szSection, const char *szKey, const char *szTaken)
+{
+    if (!*static_cast<const char **>(pContext))
+        printf("\n");
+    PrintRow(pContext, szSection, szKey, szTaken);
+}
+
 int CheckReport(const char *szConfigPath)
 {
     const char *szLast = nullptr;
@@ -74,6 +118,7 @@ int CheckReport(const char *szConfigPath)
     DoubtList doubts;
     ConfigState eState = ConfigCheck(szConfigPath, &taken, &doubts);
     CheckPorts(szConfigPath, &taken, &doubts);
+    CheckSocket(szConfigPath, &taken, &doubts);
     int bStarts = eState != ConfigState::Fails && !DoubtsRefuse(&doubts);
     ConfigListTaken(szConfigPath, PrintRow, &szLast);
     fflush(stdout);
@@ -89,7 +134,7 @@ int CheckReport(const char *szConfigPath)
 int UpgradeReport(const char *szConfigPath)
 {
     const char *szLast = nullptr;
-    ConfigListMissing(szConfigPath, PrintRow, &szLast);
+    ConfigListMissing(szConfigPath, PrintUpgrade, &szLast);
     return 0;
 }
 

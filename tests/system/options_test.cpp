@@ -2,6 +2,8 @@
 #include <filesystem>
 #include <regex>
 
+#include <sys/stat.h>
+
 #include "support/sockets.h"
 #include "system/systemtest.h"
 
@@ -27,6 +29,7 @@ TEST_F(OptionsTest, AnswersWithoutAStart)
 {
     server.Start();
     EXPECT_EQ(0, server.Quit());
+    ASSERT_EQ(0, mkfifo(server.dir.File("cfg/fifo").c_str(), 0600));  // a reader would wait for ever
     static const struct {
         std::vector<std::string> arguments;
         int nStatus;
@@ -43,6 +46,7 @@ TEST_F(OptionsTest, AnswersWithoutAStart)
         {{"--check", "--strct"}, 2, "--strct"},
         {{"--verion", "--version"}, 2, "--verion"},
         {{"--dump-config", "--upgrade"}, 2, "--upgrade"},
+        {{"--strict", "-c", "fifo"}, 1, "cfg/fifo\" shows all."},
         {{"--strict", "-c", "none.cfg"}, 1, "cfg/none.cfg: is missing (No such file or directory): the defaults"},
     };
     for (const auto &c : cases) {
@@ -69,7 +73,8 @@ TEST_F(OptionsTest, PrintsFilesThatRaiseNoDoubt)
     EXPECT_THAT(asked.Output(), EndsWith("\n; doubts: 0; the server would start with --strict\n"));
     EXPECT_EQ(1, CountText(asked.Output(), "\nReserveMegabytes=30\n"));
     EXPECT_EQ(0, Run({"--check", "--upgrade"}));
-    WriteFile(path, ReadFile(server.ConfigPath()) + asked.Output());
+    const std::string old = ReadFile(server.ConfigPath());
+    WriteFile(path, old.substr(0, old.find_last_not_of('\n') + 1) + asked.Output());  // its last line lacks its end
     EXPECT_EQ(0, Run({"--check", "-c", "new.cfg"}));
     EXPECT_THAT(asked.Output(), Not(HasSubstr("new installation")));
 }
@@ -87,6 +92,10 @@ TEST_F(OptionsTest, CheckDisturbsNoServer)
     EXPECT_TRUE(Answers(&player));
     EXPECT_EQ(0, server.Quit());
     EXPECT_EQ(0, Run({"--check"})) << asked.Output();
+    // a strict start would fail by it
+    WriteFile(server.ConfigPath(), ReadFile(server.ConfigPath()) + "[STATUS]\nSocket=none/orx.sock\n");
+    EXPECT_EQ(1, Run({"--check"})) << asked.Output();
+    EXPECT_THAT(asked.Output(), HasSubstr("none/orx.sock, No such file or directory): no status connection"));
 }
 
 // A strict start ends with status 1 where a doubt refuses it; else the same doubt is a line.

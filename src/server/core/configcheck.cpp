@@ -84,15 +84,24 @@ static void CheckSection(const ConfigFound *pFound, const ConfigLine *pLine)
         ConfigSay(pFound, 0, pLine, 0, "is no known section: nothing of it is taken");
 }
 
+// Whether a name looks like that of a key or section with passwords.
+static int SoundsSecret(std::string_view name)
+{
+    char szName[128];
+    TextCopy(szName, sizeof(szName), name);
+    for (const char *sz : {"pw", "pass", "secret", "token", "account", "user", "login", "credential"})
+        if (strcasestr(szName, sz))
+            return 1;
+    return 0;
+}
+
 // Whether a value that belongs to no key may be a password.
 static int MayBeSecret(const ConfigLine *pLine)
 {
     const char *szNear = ConfigNearestSection(pLine->section);
     ConfigNear near = ConfigNearest(pLine->section, pLine->key);
-    char szKey[64];
-    TextCopy(szKey, sizeof(szKey), pLine->key);
     return (szNear && strcmp(szNear, "USERS") == 0) || (near.pRow && ConfigIsSecret(near.pRow)) ||
-           strcasestr(szKey, "pw") || strcasestr(szKey, "pass");
+           SoundsSecret(pLine->key) || SoundsSecret(pLine->section);
 }
 
 // A key that nobody reads: what it comes near, and what that is instead.
@@ -143,7 +152,7 @@ static void CheckLines(ConfigFound *pFound)
 {
     ConfigWalk walk(pFound->pText->profile.text);
     ConfigLine line;
-    while (ConfigWalkNext(&walk, &line)) {
+    while (!DoubtsFull(pFound->pDoubts) && ConfigWalkNext(&walk, &line)) {
         const char *szNear = ConfigNearestSection(line.section);
         if (line.eKind == ConfigLineKind::Key)
             CheckKey(pFound, &line);

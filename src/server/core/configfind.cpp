@@ -1,6 +1,7 @@
 #include "server/core/configfind.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -121,6 +122,14 @@ int ConfigIsSecret(const Setting *pRow)
     return strstr(pRow->szKey, "Pwd") != nullptr;
 }
 
+int ConfigHoldsPassword(std::string_view value)
+{
+    size_t nScheme = value.find("//");
+    size_t nColon = value.find(':', nScheme == std::string_view::npos ? 0 : nScheme + 2);
+    size_t nHost = value.rfind('@');
+    return nColon < nHost && nHost != std::string_view::npos;
+}
+
 // ---------------------------------------------------------------- near names
 
 static int Lower(char c)
@@ -220,7 +229,7 @@ void ConfigTaken(const ConfigFound *pFound, const Setting *pRow, int nUser, char
     std::string_view value = pLine->nLine ? pLine->value.substr(0, pRow->place.nBytes - 1) : pRow->szDefault;
     if (pRow->place.nOffset != kNotHere)
         value = reinterpret_cast<const char *>(pFound->pTaken) + pRow->place.nOffset;
-    if (ConfigIsSecret(pRow))
+    if (ConfigIsSecret(pRow) || (pLine->nLine && ConfigHoldsPassword(pLine->value)))
         value = value.empty() ? "" : "***";
     TextCopy(szOut, nSize, value);
 }
@@ -240,6 +249,21 @@ static void AddShown(TextBuf *pText, std::string_view value)
     TextAdd(pText, "%s", szShown);
 }
 
+// A key; of one whose value is not shown only the name, behind which a password may stand ("SuperPwd:
+// one=two").
+static void AddKey(TextBuf *pText, std::string_view key, int bSecret)
+{
+    std::string_view trimmed = ConfigTrim(key);
+    auto isNameByte = [](char c) { return isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '-'; };
+    auto *pEnd = std::find_if_not(trimmed.begin(), trimmed.end(), isNameByte);
+    if (!bSecret || pEnd == trimmed.end()) {
+        AddShown(pText, key);
+        return;
+    }
+    AddShown(pText, trimmed.substr(0, static_cast<size_t>(pEnd - trimmed.begin())));
+    TextAdd(pText, "***");
+}
+
 static void AddPlace(const ConfigFound *pFound, const ConfigLine *pLine, int bSecret, TextBuf *pText)
 {
     TextAdd(pText, "%s:", pFound->pText->profile.path);
@@ -255,7 +279,8 @@ static void AddPlace(const ConfigFound *pFound, const ConfigLine *pLine, int bSe
     }
     if (pLine->eKind != ConfigLineKind::Key)
         return;
-    AddShown(pText, pLine->key);
+    bSecret |= ConfigHoldsPassword(pLine->value);
+    AddKey(pText, pLine->key, bSecret);
     if (pLine->nLine) {
         TextAdd(pText, "=");
         AddShown(pText, bSecret && !pLine->value.empty() ? "***" : pLine->value);

@@ -50,6 +50,8 @@ int ConfigRefuses(const Setting *pRow);
 int ConfigRefusesSection(const char *szSection);
 // Whether its values are never shown.
 int ConfigIsSecret(const Setting *pRow);
+// Whether a value is an address with a password, "user:password@host", which is not shown either.
+int ConfigHoldsPassword(std::string_view value);
 
 // The number that a row takes for the text of a line that counts.
 int ConfigNumber(const ConfigFound *pFound, const Setting *pRow, int nUser);

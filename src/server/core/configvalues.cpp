@@ -107,11 +107,38 @@ static void CheckAddresses(const ConfigFound *pFound, const Setting *pRow, const
         rest.remove_prefix(entry.size());
         if (!AddrEntryParse(entry, 1, nullptr))
             ConfigSay(pFound, 1, pLine, 0, "\"%.*s\" is no address and no network: it matches nobody",
-                      static_cast<int>(std::min(entry.size(), size_t{60})), entry.data());
+                      static_cast<int>(std::min(entry.size(), size_t{60})),
+                      ConfigHoldsPassword(entry) ? "***" : entry.data());
         else if (entry.find(':') != std::string_view::npos && !pFound->pTaken->bStandardPlayers)
             ConfigSay(pFound, 1, pLine, 0, "\"%.*s\" needs StandardPlayers=1: it matches nobody",
                       static_cast<int>(entry.size()), entry.data());
     }
+}
+
+// Quotes and comments are part of a text, which may be meant so.
+static void CheckMarks(const ConfigFound *pFound, const Setting *pRow, const ConfigLine *pLine)
+{
+    std::string_view value = pLine->value;
+    int bSecret = ConfigIsSecret(pRow);
+    if (value.size() > 1 && (value[0] == '"' || value[0] == '\'') && value.back() == value[0])
+        ConfigSay(pFound, 0, pLine, bSecret, "stands in quotes, which are part of the value");
+    for (const char *sz : {" ;", "\t;", " #", "\t#"})
+        if (value.find(sz) != std::string_view::npos) {
+            ConfigSay(pFound, 0, pLine, bSecret,
+                      "has a '%c' behind a blank: it is part of the value, no comment", sz[1]);
+            return;
+        }
+}
+
+// Programs are named without the '/' in front.
+static void CheckPrograms(const ConfigFound *pFound, const Setting *pRow, const ConfigLine *pLine)
+{
+    int bDevices = strcmp(pRow->szKey, "UserDevList%d") == 0;
+    std::string_view value = pLine->value;
+    if (!bDevices && strcmp(pRow->szKey, "RecordAlways") != 0)
+        return;
+    if (value.starts_with('/') || value.find(" /") != std::string_view::npos)
+        ConfigSay(pFound, bDevices, pLine, 0, "names a program with '/' in front: it matches none");
 }
 
 static void CheckText(const ConfigFound *pFound, const Setting *pRow, int nUser, const ConfigLine *pLine)
@@ -120,7 +147,10 @@ static void CheckText(const ConfigFound *pFound, const Setting *pRow, int nUser,
         ConfigSayRow(pFound, pRow, nUser, "is longer than %zu characters and cut", pRow->place.nBytes - 1);
     if (SayBlanks(pFound, pRow, nUser, pLine->value) && !strstr(pRow->szKey, "From"))
         return;
+    if (!strstr(pRow->szKey, "From"))
+        CheckMarks(pFound, pRow, pLine);
     CheckWords(pFound, pRow, pLine);
+    CheckPrograms(pFound, pRow, pLine);
     CheckAddresses(pFound, pRow, pLine);
 }
 

@@ -9,13 +9,28 @@ namespace orx {
 
 DoubtList g_doubts;
 
+// A file that is none (a picture, a log) would have millions.
+constexpr size_t kMostDoubts = 1000;
+
 void DoubtAdd(DoubtList *pList, int bRefuses, const char *szText)
 {
     DoubtAddAt(pList, bRefuses, 0, szText);
 }
 
+int DoubtsFull(const DoubtList *pList)
+{
+    return pList->nDoubts >= kMostDoubts;
+}
+
 void DoubtAddAt(DoubtList *pList, int bRefuses, unsigned nLine, const char *szText)
 {
+    if (DoubtsFull(pList))
+        return;
+    if (pList->nDoubts == kMostDoubts - 1) {
+        szText = "There are more doubts: the others are not listed";
+        bRefuses = 1;
+        nLine = 0;
+    }
     auto *pGrown = static_cast<Doubt *>(realloc(pList->pDoubts, (pList->nDoubts + 1) * sizeof(Doubt)));
     if (!pGrown)
         return;

@@ -18,12 +18,13 @@ struct DoubtList {
     size_t nDoubts = 0;
 };
 
-// Adds one. Without memory it is lost.
+// Adds one. Without memory it is lost; in place of the 1000th and all behind it one stands that refuses.
 void DoubtAdd(DoubtList *pList, int bRefuses, const char *szText);
 // The same of a line of the file, from 1: DoubtsSort brings those into the order of the lines, behind them
 // the others (0) as they were added.
 void DoubtAddAt(DoubtList *pList, int bRefuses, unsigned nLine, const char *szText);
 void DoubtsSort(DoubtList *pList);
+int DoubtsFull(const DoubtList *pList);    // whether no more are taken
 void DoubtsFree(DoubtList *pList);         // leaves an empty list
 int DoubtsRefuse(const DoubtList *pList);  // whether one of them refuses
 

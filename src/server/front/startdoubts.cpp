@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include <sys/stat.h>
+
 #include "base/configfile.h"
 #include "base/console.h"
 #include "base/eventlog.h"
@@ -15,13 +17,15 @@ namespace orx {
 
 static size_t g_nSaid = 0;  // of g_doubts
 static int g_bStrictStart = 0;
+static char g_szChecked[256] = "";  // the file
 
 void StartDoubtsCheck(const char *szConfigPath)
 {
     Settings taken;
     DoubtsFree(&g_doubts);
     g_nSaid = 0;
-    ConfigCheck(szConfigPath ? szConfigPath : "", &taken, &g_doubts);
+    TextCopy(g_szChecked, sizeof(g_szChecked), szConfigPath ? szConfigPath : "");
+    ConfigCheck(g_szChecked, &taken, &g_doubts);
     g_bStrictStart = DoubtsStrict(taken.bStrictConfig);
     SettingsFree(&taken);
 }
@@ -41,15 +45,15 @@ void DoubtsSay(const DoubtList *pList, size_t nFrom)
 // Which doubts they are is told by the lines above it.
 static void SayRefusal()
 {
-    char szLine[256];
+    char szLine[512];
     TextBuf line{szLine, sizeof(szLine)};
     TextAdd(
         &line,
         "Not started: a doubt about who may do what, or a failure, refuses a strict start. \"orx --check -c "
         "%s\" shows all.\n",
-        g_settings.szConfigPath);
+        g_szChecked);
     ConsoleError(szLine, line.nLen);
-    EventSay(EventLevel::Error, "server.refused", {EventText("config", g_settings.szConfigPath)});
+    EventSay(EventLevel::Error, "server.refused", {EventText("config", g_szChecked)});
 }
 
 int StartDoubtsSay()
@@ -100,8 +104,19 @@ int StartIsStrict()
     return g_bStrictStart;
 }
 
+// What is neither a file nor missing (a FIFO) may keep who reads it waiting for ever.
+static int IsNoFile(const char *szPath)
+{
+    struct stat info {};
+    return stat(szPath, &info) == 0 && !S_ISREG(info.st_mode);
+}
+
 int StartRefusesLong(const char *szConfigPath)
 {
+    if (szConfigPath[0] && DoubtsStrict(0) && IsNoFile(szConfigPath)) {
+        StartDoubtsCheck(szConfigPath);
+        return !StartDoubtsSay();
+    }
     if (!szConfigPath[0] || !ProfileIsLong(szConfigPath))
         return 0;
     Settings taken;

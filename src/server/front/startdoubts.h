@@ -27,8 +27,8 @@ int StartDoubtsOfListeners();
 // Whether the last start was strict: one that failed ends the process with status 1.
 int StartIsStrict();
 
-// Says the doubts of a file that is too long to be read, which aborts. Returns whether the start is strict
-// and ends by it instead.
+// Says the doubts of a file that is too long to be read, which aborts, and with the option "--strict" of what
+// is no file, which may not end. Returns whether the start is strict and ends by it instead.
 int StartRefusesLong(const char *szConfigPath);
 
 }  // namespace orx
