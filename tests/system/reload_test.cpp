@@ -116,6 +116,30 @@ TEST_F(ReloadTest, TakesAccountsAndTheLevelOfTheLog)
     EXPECT_TRUE(logs("config.read")) << "in a file anew";
 }
 
+TEST_F(ReloadTest, ARefusedReadingKeepsTheAccounts)
+{
+    auto watches = [&](const char *szPassword) {
+        RtspClose(&player);
+        player.user = "me", player.password = szPassword;
+        return RtspOpenPlayer(&player, server.Url("/cam").c_str(), RTSP_OVER_TCP);
+    };
+    auto account = [&](const std::string &password) {
+        return With("NumUsers=1\nUserName0=me\nUserPwd0=" + password + "\n[USERCTRL]\nUserDevList0=cam\n", "USERS");
+    };
+    server.Set("SERVER", "AuthType=1\nControlUsers=1");
+    StartLogged();
+    EXPECT_EQ(1, RtspOpenPusher(&pusher, server.Url("/cam").c_str(), CameraSdp()));
+    Reload(account("first"));
+    Reload("[SERVER]\nUdpStartPort=1\n" + account("second"), kRefused);
+    EXPECT_EQ(1, watches("first"));
+    EXPECT_EQ(0, watches("second"));
+    std::filesystem::remove(server.ConfigPath());
+    Hangup(kRefused);
+    EXPECT_EQ(1, watches("first"));
+    Reload(account("third"));
+    EXPECT_EQ(1, watches("third"));
+}
+
 TEST_F(ReloadTest, RecordsInANewPlaceFromTheNextFileOn)
 {
     server.Set("STORAGE", "RecordEnable=1\nRecordPath=" + server.dir.File("one") + "\nMinutePerFile=0");

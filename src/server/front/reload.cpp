@@ -21,7 +21,7 @@
 #include "server/front/follow.h"
 #include "server/front/logs.h"
 #include "server/front/startdoubts.h"
-#include "server/front/startdoubts.h"
+#include "server/methods/accountfile.h"
 
 namespace orx {
 
@@ -163,6 +163,7 @@ static void TakeOver(Reading *p)
         Take(p, &restart);
         TellTaken(p->szPath, szRestart);
     } else {
+        AccountFileKeep();
         TellRefused(p->szPath, p->szWhyNot);
     }
     const ReloadResult result{bTaken, p->szWhyNot, szRestart};

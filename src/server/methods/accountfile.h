@@ -18,6 +18,8 @@ constexpr unsigned kAccountFileMs = 2;
 
 // The configuration was read anew: no look from before it is good any more.
 void AccountFileFollowSettings();
+// A reading was refused: the accounts are those of the last one that was not, or of the start, until the next.
+void AccountFileKeep();
 
 // Finds a user. Returns 1, 0 for an unknown one, or -1 when the file cannot be read, which is said on the
 // console where it is not there.
