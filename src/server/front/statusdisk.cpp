@@ -73,6 +73,12 @@ static void OnAnswered(DiskJob *pJob)
     Release(reinterpret_cast<DiskAsk *>(pJob));
 }
 
+// Nobody waits for the answer any more: what is left of the work would only keep the place of others.
+static int IsPointless(const DiskAsk *p)
+{
+    return g_bStop || p->nHolders == 1;
+}
+
 static int Answered(DiskAsk *p)
 {
     MutexGuard lock(&p->mutex);
@@ -138,7 +144,7 @@ static int RunFacts(DiskJob *pJob)
         p->eStage = ListStage::Days;
         return 0;
     }
-    if (!g_bStop && DayWalkStep(&p->walk))
+    if (!IsPointless(p) && DayWalkStep(&p->walk))
         return 0;
     KeepDays(p);
     return Answered(p);
@@ -261,7 +267,7 @@ static int ListSome(DiskAsk *p)
 static int RunList(DiskJob *pJob)
 {
     auto *p = reinterpret_cast<DiskAsk *>(pJob);
-    switch (g_bStop ? ListStage::Days : p->eStage) {
+    switch (IsPointless(p) ? ListStage::Days : p->eStage) {
         case ListStage::Begin:
             p->answer.bThere = ReadDir(p, p->szProgram, TakeDay);
             PathListSortByName(&p->answer.days);
