@@ -1,4 +1,5 @@
 // The log of events: who reads it afterwards finds who came, who went and why.
+#include <csignal>
 #include <map>
 #include <regex>
 #include <sstream>
@@ -98,6 +99,14 @@ void EventsTest::TellStory()
     Play(&udp);
     RtspClose(&udp.client);
     EXPECT_FIELDS(Await("player.end", 2), {{"transport", "udp"}, {"reason", "the peer closed the connection"}});
+    Viewer hasty;  // closes without having read what is on its way, as standard players do
+    Play(&hasty);
+    server.Signal(SIGSTOP);
+    camera.Send(5, false);
+    ASSERT_NE(0, RtspSend(&hasty.client, "TEARDOWN", nullptr));
+    RtspReset(&hasty.client);
+    server.Signal(SIGCONT);
+    EXPECT_FIELDS(Await("player.end", 3), {{"transport", "tcp"}, {"reason", "asked for the end"}});
 
     for (const auto &[path, credentials] : {std::pair{"/none", "cm9vdDpyb290cHc="},            // root:rootpw
                                             std::pair{"/cam", "eA0KMjAyNiBpbmZvIHk9MTpw"}}) {  // a line in it

@@ -72,6 +72,9 @@ TEST_F(StatusTest, TellsWhoIsThere)
     EXPECT_THAT(Ctl({"programs"}), HasSubstr("\n/cam "));
     EXPECT_THAT(Ctl({"status"}), HasSubstr("listener    status " + socketPath + " listens"));
     EXPECT_EQ("0 ok\n", Ctl({"health"}));
+    std::string config = server.dir.File("long.cfg");
+    WriteFile(config, "; " + std::string(9000, 'x') + "\n[STATUS]\nSocket=" + socketPath + "\n");
+    EXPECT_EQ(0, ToolProcess("orxctl", {"health", "-c", config}).WaitExit());
     std::string metrics = Ctl({"metrics"}).substr(2);
     EXPECT_THAT(metrics, HasSubstr("\norx_media_packets_total 120\n"));
     EXPECT_EQ(0, Check("python3 " ORX_SOURCE_DIR "/tests/support/metrics.py", metrics));

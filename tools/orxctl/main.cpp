@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "ask.h"
+#include "base/console.h"
 #include "base/inifile.h"
 #include "base/installdir.h"
 #include "cli/options.h"
@@ -87,9 +88,12 @@ static int FindSocket(CtlOptions *pOptions)
     if (!pOptions->socket.empty())
         return CTL_OK;
     if (!pOptions->config.empty()) {
-        if (access(pOptions->config.c_str(), R_OK) != 0)
+        ConsoleSetQuiet(1);                                         // what it prints is the server's
+        Profile *pProfile = ProfileInit(pOptions->config.c_str());  // of any length, as the server reads it
+        if (!pProfile)
             return Fail(CTL_NO_CONFIG, pOptions->config + " cannot be read: give the server's configuration");
-        read_profile_string("STATUS", "Socket", szSocket, sizeof(szSocket), "", pOptions->config.c_str());
+        ProfileGetStr("STATUS", "Socket", szSocket, sizeof(szSocket), "", pProfile);
+        ProfileFree(pProfile);
         if (!szSocket[0])
             return Fail(CTL_NO_CONFIG,
                         pOptions->config + " has no [STATUS] Socket: set one, and start the server anew");

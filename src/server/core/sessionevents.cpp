@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
+
+#include <sys/socket.h>
 
 #include "base/eventlog.h"
 #include "base/textbuf.h"
@@ -180,10 +183,28 @@ void SessionSayEnd(Session *pSession)
 
 // --- Reasons ---
 
+// Who asks for the end and closes at once, with media on its way to him, resets the connection: the request
+// waits to be read.
+static int HasAskedForEnd(const Session *pSession)
+{
+    char held[4096];
+    const Port *pPort = SessionPeerPort(pSession);
+    if (!pPort || pPort->nType != PORT_TCP)
+        return 0;
+    ssize_t n = recv(pPort->fd, held, sizeof(held), MSG_PEEK | MSG_DONTWAIT);
+    return n > 0 &&
+           std::string_view(held, static_cast<size_t>(n)).find("TEARDOWN rtsp") != std::string_view::npos;
+}
+
 void SessionNoteErrno(Session *pSession, const char *szWhy, int nErrno)
 {
-    if (!pSession->szEndReason)
-        pSession->ending.nErrno = nErrno;
+    if (pSession->szEndReason)
+        return;
+    if (szWhy == kEndBroken && pSession->told.bStarted && HasAskedForEnd(pSession)) {
+        SessionNoteEnd(pSession, kEndAsked);
+        return;
+    }
+    pSession->ending.nErrno = nErrno;
     SessionNoteEnd(pSession, szWhy);
 }
 

@@ -101,6 +101,8 @@ static void WithFacts(StatusAnswer *pAnswer, DiskQuestion eQuestion,
     ServerFacts server;
     ServerFactsGather(&server);
     DiskAsk *pAsk = DiskAskFor(eQuestion, server.szRecordPath, "", "", "", kDiskMs);
+    if (!pAsk && eQuestion == DISK_FACTS)  // of many recordings, on a disk that is slow and does not stall
+        pAsk = DiskAskFor(DISK_PROBE, server.szRecordPath, "", "", "", kDiskMs);
     StatusFacts facts{&server, pAsk ? DiskAnswerOf(pAsk) : nullptr, RemoteServicesRelay(),
                       ClockUptime() - g_pStatus->tStarted};
     pfnWrite(pAnswer, &facts);

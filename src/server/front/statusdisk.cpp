@@ -25,11 +25,13 @@
 
 namespace orx {
 
-constexpr int kMaxWaiting = 12;         // questions that the disk has not answered
+constexpr int kMaxProbes = 12;          // questions that the disk has not answered
+constexpr int kMaxWalks = 2;            // the same that take many steps: between them a probe has its turn
+constexpr uint32_t kLookMs = 100;       // between two looks at whether an answer or a place is there
 constexpr uint32_t kHeadsPerStep = 16;  // files that are opened
 constexpr int64_t kNsPerSecond = 1000000000;
 
-static std::atomic<int> g_nWaiting{0};
+static std::atomic<int> g_nProbes{0}, g_nWalks{0};
 static std::atomic<int> g_bStop{0};  // see DiskAskStop
 
 enum class ListStage { Begin, Days, Files, Heads };
@@ -67,10 +69,22 @@ static void Release(DiskAsk *p)
     delete p;
 }
 
+static std::atomic<int> *PlacesOf(DiskQuestion eQuestion)
+{
+    return eQuestion == DISK_PROBE ? &g_nProbes : &g_nWalks;
+}
+
 static void OnAnswered(DiskJob *pJob)
 {
-    g_nWaiting--;
-    Release(reinterpret_cast<DiskAsk *>(pJob));
+    auto *p = reinterpret_cast<DiskAsk *>(pJob);
+    --*PlacesOf(p->eQuestion);
+    Release(p);
+}
+
+// Nobody waits for the answer any more: what is left of the work would only keep the place of others.
+static int IsPointless(const DiskAsk *p)
+{
+    return g_bStop || p->nHolders == 1;
 }
 
 static int Answered(DiskAsk *p)
@@ -138,7 +152,7 @@ static int RunFacts(DiskJob *pJob)
         p->eStage = ListStage::Days;
         return 0;
     }
-    if (!g_bStop && DayWalkStep(&p->walk))
+    if (!IsPointless(p) && DayWalkStep(&p->walk))
         return 0;
     KeepDays(p);
     return Answered(p);
@@ -261,7 +275,7 @@ static int ListSome(DiskAsk *p)
 static int RunList(DiskJob *pJob)
 {
     auto *p = reinterpret_cast<DiskAsk *>(pJob);
-    switch (g_bStop ? ListStage::Days : p->eStage) {
+    switch (IsPointless(p) ? ListStage::Days : p->eStage) {
         case ListStage::Begin:
             p->answer.bThere = ReadDir(p, p->szProgram, TakeDay);
             PathListSortByName(&p->answer.days);
@@ -299,7 +313,6 @@ static timespec After(uint32_t nMs)
 // Returns 1 when it is answered.
 static int Await(DiskAsk *p, uint32_t nMostMs)
 {
-    constexpr uint32_t kLookMs = 100;
     MutexGuard lock(&p->mutex);
     for (uint32_t nMs = 0; !p->bDone && nMs < nMostMs && !g_bStop; nMs += kLookMs) {
         timespec until = After(kLookMs);
@@ -308,15 +321,33 @@ static int Await(DiskAsk *p, uint32_t nMostMs)
     return p->bDone;
 }
 
+// A place among those that the disk has not answered; walks wait for one. Returns 1, with the time that is
+// left.
+static int TakePlace(DiskQuestion eQuestion, uint32_t *pnMostMs)
+{
+    std::atomic<int> *pnTaken = PlacesOf(eQuestion);
+    int nMost = eQuestion == DISK_PROBE ? kMaxProbes : kMaxWalks;
+    while (pnTaken->fetch_add(1) >= nMost) {
+        --*pnTaken;
+        if (eQuestion == DISK_PROBE || *pnMostMs <= kLookMs || g_bStop)
+            return 0;
+        usleep(kLookMs * 1000);
+        *pnMostMs -= kLookMs;
+    }
+    return 1;
+}
+
 DiskAsk *DiskAskFor(DiskQuestion eQuestion, const char *szRoot, const char *szProgram, const char *szDay,
                     const char *szAfter, uint32_t nMostMs)
 {
     static int (*const procs[])(DiskJob *) = {RunProbe, RunFacts, RunList};
-    if (g_nWaiting >= kMaxWaiting)
+    if (!TakePlace(eQuestion, &nMostMs))
         return nullptr;
     auto *p = new (std::nothrow) DiskAsk;
-    if (!p)
+    if (!p) {
+        --*PlacesOf(eQuestion);
         return nullptr;
+    }
     p->eQuestion = eQuestion;
     TextCopy(p->szRoot, sizeof(p->szRoot), szRoot);
     TextCopy(p->szProgram, sizeof(p->szProgram), szProgram);
@@ -324,7 +355,6 @@ DiskAsk *DiskAskFor(DiskQuestion eQuestion, const char *szRoot, const char *szPr
     TextCopy(p->szAfter, sizeof(p->szAfter), szAfter);
     p->job.pfnRun = procs[eQuestion];
     p->job.pfnDone = OnAnswered;
-    g_nWaiting++;
     DiskPost(&p->lane, &p->job);
     if (Await(p, nMostMs))
         return p;
