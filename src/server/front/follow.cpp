@@ -12,7 +12,6 @@
 #include "server/front/remoteservices.h"
 #include "server/media/recordcontrol.h"
 #include "server/media/storagecare.h"
-#include "server/methods/accountfile.h"
 #include "server/methods/auth.h"
 
 namespace orx {
@@ -59,7 +58,6 @@ void FollowSettings(const SettingLists *pLists)
     FollowLists(pLists);
     SchedulerSetExact(&g_server.scheduler, TimesExactly());
     g_server.pAuth->bFreshNonce = g_settings.bFreshNonce;
-    AccountFileFollowSettings();
     RemoteServicesFollowSettings();
     StorageCareFollowSettings();
     RecordersFollowSettings();

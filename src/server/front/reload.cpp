@@ -37,7 +37,8 @@ struct Reading {
     Settings read;
     SettingLists lists;
     DoubtList doubts;
-    char szWhyNot[768] = "";  // empty: it is taken
+    AccountTable *pAccounts = nullptr;  // owned
+    char szWhyNot[768] = "";            // empty: it is taken
 };
 
 static std::atomic<int> g_bSignals{0};  // a signal asks for a reading, too
@@ -99,6 +100,7 @@ static void Read(Reading *p)
     ListenerDoubts(&p->doubts);  // said at start, and true still
     ListsParse(&p->lists, &p->read);
     StorageMakeDir(p->read.szRecordPath);
+    p->pAccounts = AccountFileRead(p->szPath);
 }
 
 // --- Taking over: the scheduler thread's ---
@@ -142,6 +144,7 @@ static void Take(Reading *p, TextBuf *pRestart)
     SettingsTake(&g_settings, &p->read, pRestart);
     std::swap(g_doubts, p->doubts);
     FollowSettings(&p->lists);
+    AccountFileTake(std::exchange(p->pAccounts, nullptr));
     EventsOpen();
     NoteSettings();
 }
@@ -151,6 +154,7 @@ static void FreeReading(void * /*pUser*/, void *pItem)
     auto *p = static_cast<Reading *>(pItem);
     SettingsFree(&p->read);
     DoubtsFree(&p->doubts);
+    AccountTableFree(p->pAccounts);
     delete p;
 }
 

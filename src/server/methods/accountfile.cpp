@@ -43,12 +43,6 @@ struct Look {
     FileState eState = FileState::Missing;
     AccountTable *pTable = nullptr;  // what was read anew; owned
     int bAnew = 0;
-    int bTake = 0;  // the configuration was read as well
-};
-
-struct Accounts {
-    FileState eState = FileState::Missing;
-    AccountTable *pTable = nullptr;  // owned by all that hold it; null without memory, too
 };
 
 static struct AccountFile {
@@ -57,9 +51,10 @@ static struct AccountFile {
     int bLooking = 0;
     int bLooked = 0;
     uint32_t nAskedMs = 0;  // ClockMs at which the last look began
-    int bTakeNext = 0;      // the next look takes, see Look
-    int bKept = 0;          // what was taken counts, not what is in the file
-    Accounts now, taken;
+    FileState eState = FileState::Missing;
+    AccountTable *pTable = nullptr;  // owned; null without memory, too
+    AccountTable *pTaken = nullptr;  // as the configuration was read last; owned
+    int bKept = 0;                   // what was taken counts, not what is in the file
 } g_file;
 
 static int SameTime(const timespec &a, const timespec &b)
@@ -104,49 +99,44 @@ static int RunLook(DiskJob *pJob)
     return 1;
 }
 
-static void BeginLook();
-
-static void Hold(Accounts *pSlot, const Accounts &accounts)
-{
-    AccountTable *pOld = std::exchange(*pSlot, accounts).pTable;
-    if (pOld != g_file.now.pTable && pOld != g_file.taken.pTable)
-        AccountTableFree(pOld);
-}
-
 static void OnLooked(DiskJob *pJob)
 {
     auto *p = reinterpret_cast<Look *>(pJob);
     g_file.bLooking = 0;
     g_file.bLooked = 1;
-    if (std::exchange(p->bAnew, 0))
-        Hold(&g_file.now, {p->eState, std::exchange(p->pTable, nullptr)});
-    if (p->bTake)
-        Hold(&g_file.taken, g_file.now);
-    if (g_file.bTakeNext)  // asked for while it looked
-        BeginLook();
-}
-
-static void BeginLook()
-{
-    g_file.bLooking = 1;
-    g_file.nAskedMs = ClockMs();
-    g_file.look.bTake = std::exchange(g_file.bTakeNext, 0);
-    DiskPost(&g_file.lane, &g_file.look.job);
+    if (!std::exchange(p->bAnew, 0))
+        return;
+    g_file.eState = p->eState;
+    AccountTableFree(std::exchange(g_file.pTable, std::exchange(p->pTable, nullptr)));
 }
 
 int AccountFileReady()
 {
-    if (!g_file.bLooking && (!g_file.bLooked || ClockMs() - g_file.nAskedMs >= kLookMs))
-        BeginLook();
-    return !g_file.bLooking || ClockMs() - g_file.nAskedMs >= kMostWaitMs;
+    uint32_t nNow = ClockMs();
+    if (!g_file.bLooking && (!g_file.bLooked || nNow - g_file.nAskedMs >= kLookMs)) {
+        g_file.bLooking = 1;
+        g_file.nAskedMs = nNow;
+        DiskPost(&g_file.lane, &g_file.look.job);
+    }
+    return !g_file.bLooking || nNow - g_file.nAskedMs >= kMostWaitMs;
 }
 
-void AccountFileFollowSettings()
+AccountTable *AccountFileRead(const char *szPath)
 {
+    FdGuard file{open(szPath, O_RDONLY | O_CLOEXEC | O_NONBLOCK)};
+    Profile *pProfile = file.fd >= 0 ? ProfileInit(szPath) : nullptr;
+    if (!pProfile)
+        return nullptr;
+    AccountTable *pTable = AccountTableParse(pProfile->text);
+    ProfileFree(pProfile);
+    return pTable;
+}
+
+void AccountFileTake(AccountTable *pTable)
+{
+    AccountTableFree(std::exchange(g_file.pTaken, pTable));
     g_file.bKept = 0;
-    g_file.bTakeNext = 1;
     g_file.nAskedMs = ClockMs() - kLookMs;
-    AccountFileReady();
 }
 
 void AccountFileKeep()
@@ -160,7 +150,7 @@ void AccountFileLoad(const char *szPath)
     TextCopy(g_file.look.szPath, sizeof(g_file.look.szPath), szPath);
     g_file.look.job.pfnRun = RunLook;
     g_file.look.job.pfnDone = OnLooked;
-    g_file.bTakeNext = 1;
+    g_file.pTaken = AccountFileRead(szPath);
     AccountFileReady();
 }
 
@@ -168,19 +158,20 @@ void AccountFileFree()
 {
     if (g_file.bLooking)
         return;  // the disk thread was left to itself, and has it
-    Hold(&g_file.now, g_file.taken);
-    AccountTableFree(g_file.taken.pTable);
-    g_file.now = g_file.taken = Accounts();
+    AccountTableFree(std::exchange(g_file.pTable, nullptr));
+    AccountTableFree(std::exchange(g_file.pTaken, nullptr));
     g_file.look = Look();
     g_file.bLooked = g_file.bKept = 0;
+    g_file.eState = FileState::Missing;
 }
 
 int AccountFileFind(const char *szUser, Account *pOut)
 {
-    const Accounts *pAccounts = g_file.bKept ? &g_file.taken : &g_file.now;
-    if (pAccounts->eState == FileState::Missing)
+    if (g_file.bKept)
+        return g_file.pTaken ? AccountTableFind(g_file.pTaken, szUser, pOut) : -1;
+    if (g_file.eState == FileState::Missing)
         print("fopen(%s) failed!\n", g_file.look.szPath);
-    return pAccounts->eState == FileState::Read ? AccountTableFind(pAccounts->pTable, szUser, pOut) : -1;
+    return g_file.eState == FileState::Read ? AccountTableFind(g_file.pTable, szUser, pOut) : -1;
 }
 
 }  // namespace orx
