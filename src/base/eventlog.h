@@ -68,7 +68,8 @@ int EventLogWriteSome();
 // Tells at once what was counted of bounded events. Any thread.
 void EventLogTellUnsaid();
 
-// The same, and no line is written any more; the file is closed. Main thread, with nobody at EventLogWriteSome.
+// The same, and no line is written any more; the file is closed. Main thread, with nobody at
+// EventLogWriteSome.
 void EventLogClose();
 
 }  // namespace orx
