@@ -202,13 +202,21 @@ static void LookAtFile(size_t nMore)
     CloseFile();
 }
 
+// Takes a part of a line, which nobody could read, out of the file. Returns 1 or 0.
+static int CutBack(ssize_t nBytes)
+{
+    struct stat info {};
+    return fstat(g_fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size >= nBytes &&
+           ftruncate(g_fd, info.st_size - nBytes) == 0;
+}
+
 // Returns 1 when the whole line is in the file.
 static int WriteText(const char *szText, size_t nText)
 {
     if (g_bTorn && write(g_fd, "\n", 1) != 1)
         return 0;
     ssize_t n = write(g_fd, szText, nText);
-    g_bTorn = n > 0 && static_cast<size_t>(n) < nText;
+    g_bTorn = n > 0 && static_cast<size_t>(n) < nText && !CutBack(n);
     return n == static_cast<ssize_t>(nText);
 }
 
@@ -376,10 +384,15 @@ int EventLogWriteSome()
     return LineLogWriteSome(&g_lines);
 }
 
-void EventLogClose()
+void EventLogTellUnsaid()
 {
     if (g_nLevel >= 0)
         TellOwed(1);
+}
+
+void EventLogClose()
+{
+    EventLogTellUnsaid();
     EventLogOpen("", "", "");
     OutputLock lock(&g_fileMutex);
     LookAtPath();

@@ -65,7 +65,11 @@ void EventLogDivert(void (*pfnCall)());
 // Writes some of the lines that wait. Returns 1 when none is left, else 0. One thread at a time.
 int EventLogWriteSome();
 
-// No line is written any more; the file is closed. Main thread, with nobody at EventLogWriteSome.
+// Tells at once what was counted of bounded events. Any thread.
+void EventLogTellUnsaid();
+
+// The same, and no line is written any more; the file is closed. Main thread, with nobody at
+// EventLogWriteSome.
 void EventLogClose();
 
 }  // namespace orx

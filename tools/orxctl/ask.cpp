@@ -21,10 +21,14 @@ static CtlAnswer Fail(const std::string &socket, const char *szHint)
     return {0, socket + ": " + strerror(errno) + szHint};
 }
 
+// An answer of which the rest was not sent is none.
 static CtlAnswer Split(const std::string &answer)
 {
-    size_t nHead = answer.find("\r\n\r\n");
-    if (!answer.starts_with("HTTP/1.1 ") || nHead == std::string::npos)
+    static constexpr char kLength[] = "\r\nContent-Length: ";
+    size_t nHead = answer.find("\r\n\r\n"), nLength = answer.find(kLength);
+    if (!answer.starts_with("HTTP/1.1 ") || nHead == std::string::npos ||
+        (nLength < nHead &&
+         strtoull(answer.c_str() + nLength + strlen(kLength), nullptr, 10) != answer.size() - nHead - 4))
         return {0, "the server gave no answer: ask again, and see its log"};
     return {atoi(answer.c_str() + 9), answer.substr(nHead + 4)};
 }

@@ -77,7 +77,7 @@ static CommandLine CtlCommandLine(CtlOptions *pOut)
 
 static int Fail(int nExit, const std::string &text)
 {
-    fprintf(stderr, "orxctl: %s\n", text.c_str());
+    fprintf(stderr, "orxctl: %s\n", TerminalText(text).c_str());
     return nExit;
 }
 
@@ -239,7 +239,7 @@ static int AskOnce(const CtlOptions &options)
     JsonValue value;
     if (route.pfnTable && !options.bJson && JsonParse(answer.body, &value))
         answer.body = route.pfnTable(value, TerminalWidth());
-    fputs(answer.body.c_str(), stdout);
+    fputs((isatty(STDOUT_FILENO) ? TerminalText(answer.body) : answer.body).c_str(), stdout);
     if (JsonMember(value, "more").text == "true")
         fprintf(stderr, "orxctl: there are more: name a day, or ask with after= (docs/status.md)\n");
     return CTL_OK;

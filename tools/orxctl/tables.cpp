@@ -7,17 +7,35 @@ namespace orx {
 
 using Row = std::vector<std::string>;
 
-// What a terminal would take for a command becomes '?': also U+0080 to U+009F, of which UTF-8 makes two
-// bytes.
-static std::string Plain(const std::string &text)
+// Bytes at i that a terminal takes for a command or that turn what follows round: controls, also U+0080 to
+// U+009F, U+2028 to U+202E and U+2066 to U+2069; 0: none.
+static size_t HiddenBytes(const std::string &text, size_t i)
+{
+    auto at = [&](size_t n) { return i + n < text.size() ? static_cast<unsigned char>(text[i + n]) : 0; };
+    if (at(0) < ' ' || at(0) == 127)
+        return 1;
+    if (at(0) == 0xC2 && at(1) >= 0x80 && at(1) < 0xA0)
+        return 2;
+    int bTurns =
+        at(1) == 0x80 ? at(2) >= 0xA8 && at(2) <= 0xAE : at(1) == 0x81 && at(2) >= 0xA6 && at(2) <= 0xA9;
+    return at(0) == 0xE2 && bTurns ? 3 : 0;
+}
+
+std::string TerminalText(const std::string &text)
 {
     std::string out;
-    for (size_t i = 0; i < text.size(); i++) {
-        auto c = static_cast<unsigned char>(text[i]);
-        int bTwo = c == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xA0;
-        out += bTwo || c < ' ' || c == 127 ? '?' : text[i];
-        i += static_cast<size_t>(bTwo);
+    for (size_t i = 0, n; i < text.size(); i += n ? n : 1) {
+        n = text[i] == '\n' ? 0 : HiddenBytes(text, i);
+        out += n ? '?' : text[i];
     }
+    return out;
+}
+
+// A cell of a table.
+static std::string Plain(const std::string &text)
+{
+    std::string out = TerminalText(text);
+    std::replace(out.begin(), out.end(), '\n', '?');
     return out.empty() ? "-" : out;
 }
 

@@ -12,6 +12,9 @@ namespace orx {
 // which lines are cut; 0: none.
 std::string TableText(const std::vector<std::vector<std::string>> &rows, size_t nWidth);
 
+// A text without what a terminal takes for a command, or shows in another order; line ends stay.
+std::string TerminalText(const std::string &text);
+
 std::string ProgramsTable(const JsonValue &status, size_t nWidth);
 std::string SessionsTable(const JsonValue &status, size_t nWidth);
 // The server as a whole: version, listeners, doubts, recordings, storage, relay.

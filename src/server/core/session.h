@@ -58,7 +58,8 @@ struct Reception {
     int bKnown = 0;  // one has come
     int nLoss = 0;   // percent since the one before
     int nJitterMs = 0;
-    int nRoundTripMs = 0;  // 0 until it can be told
+    int bRoundTrip = 0;  // the next one is known
+    int nRoundTripMs = 0;
 };
 
 // A track of the program, as it travels to or from this peer.

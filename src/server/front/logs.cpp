@@ -50,6 +50,7 @@ void EventsBegin()
 
 void EventsEnd()
 {
+    EventLogTellUnsaid();  // ahead of the last line
     if (g_tBegun) {
         EventSay(EventLevel::Info, "server.stop", {EventNumber("seconds", ClockUptime() - g_tBegun)});
     } else {

@@ -3,7 +3,6 @@
 #include <pthread.h>
 
 #include <algorithm>
-#include <ctime>
 #include <new>
 
 #include "base/textbuf.h"
@@ -207,10 +206,11 @@ static void DescribeSession(const Session *p, SessionFacts *pOut)
     pOut->nBytesSent = p->flow.nBytesSent;
     pOut->nBytesReceived = p->peer.nBytesReceived;
     pOut->nQueueBytes = p->out.queued.nBytes;
-    pOut->nSeconds = std::max<int64_t>(time(nullptr) - int64_t{p->peer.tStart}, 0);
+    pOut->nSeconds = ClockUptime() - p->told.tMade;  // the wall clock may be set meanwhile
     for (const SessionTrack &track : p->tracks) {
         Reception *pWorst = &pOut->reception;
         pWorst->bKnown |= track.reception.bKnown;
+        pWorst->bRoundTrip |= track.reception.bRoundTrip;
         pWorst->nLoss = std::max(pWorst->nLoss, track.reception.nLoss);
         pWorst->nJitterMs = std::max(pWorst->nJitterMs, track.reception.nJitterMs);
         pWorst->nRoundTripMs = std::max(pWorst->nRoundTripMs, track.reception.nRoundTripMs);

@@ -99,7 +99,7 @@ static void WriteSession(JsonText *p, const SessionFacts *pSession)
     JsonNumber(p, "queue_bytes", pSession->nQueueBytes);
     NumberOrNull(p, "loss_percent", pReception->bKnown, pReception->nLoss);
     NumberOrNull(p, "jitter_ms", pReception->bKnown, pReception->nJitterMs);
-    NumberOrNull(p, "rtt_ms", pReception->bKnown && pReception->nRoundTripMs, pReception->nRoundTripMs);
+    NumberOrNull(p, "rtt_ms", pReception->bRoundTrip, pReception->nRoundTripMs);
     NumberOrNull(p, "packets_late", pSession->bDatagrams, pSession->nLate);
     NumberOrNull(p, "packets_lost", pSession->bDatagrams, pSession->nLost);
     JsonClose(p);
@@ -343,8 +343,11 @@ static void AddLabel(JsonText *p, std::string_view value)
 {
     while (!value.empty()) {
         size_t n = Utf8Length(value);
-        if (n == 0)
-            JsonAddBytes(p, "\xEF\xBF\xBD");
+        char szByte[4];
+        snprintf(szByte, sizeof(szByte), "%%%02X",
+                 static_cast<unsigned>(static_cast<unsigned char>(value[0])));
+        if (n == 0)  // one sign for all would give two programs the same label
+            JsonAddBytes(p, szByte);
         else if (value[0] == '\\' || value[0] == '"')
             JsonAddBytes(p, value[0] == '"' ? "\\\"" : "\\\\");
         else if (value[0] == '\n')

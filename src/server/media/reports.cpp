@@ -198,6 +198,7 @@ static void NoteRoundTrip(SessionTrack *pTrack, const ReceiverReport *pReport)
     for (int i = 0; pReport->nLsr != 0 && i < 2; i++) {
         if (pTrack->nToldNtp[i] != pReport->nLsr)
             continue;
+        pTrack->reception.bRoundTrip = 1;
         auto nHeldMs = static_cast<uint32_t>(uint64_t{pReport->nDlsr} * 1000 >> 16);
         pTrack->reception.nRoundTripMs = std::max(ClockDiff(ClockMs() - pTrack->nToldMs[i], nHeldMs), 0);
         return;

@@ -1,10 +1,12 @@
 // The log of events: how a line is formed whatever a peer sent, and where it goes.
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <regex>
 #include <set>
 #include <string>
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -134,6 +136,23 @@ TEST_F(EventLog, FollowsItsName)
     EventLogReopen();
     EventSay(EventLevel::Info, "fifth", {});
     EXPECT_TRUE(std::regex_match(ReadFile(late), std::regex("\\S+ warn log.lost lines=3\n\\S+ info fifth\n")));
+}
+
+TEST_F(EventLog, FullDiskLeavesNoHalfLine)
+{
+    rlimit before{};
+    Open();
+    EventSay(EventLevel::Info, "first", {});
+    auto pfnBefore = signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &before));
+    const rlimit some{Text().size() + 10, before.rlim_max};
+    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &some));
+    EventSay(EventLevel::Info, "second", {});
+    setrlimit(RLIMIT_FSIZE, &before);
+    signal(SIGXFSZ, pfnBefore);
+    EventSay(EventLevel::Info, "third", {});
+    EXPECT_TRUE(std::regex_match(Text(), std::regex("\\S+ info first\n\\S+ warn log.lost lines=1\n\\S+ info third\n")))
+        << Text();
 }
 
 TEST_F(EventLog, GivesWayBeforeItIsTooLarge)

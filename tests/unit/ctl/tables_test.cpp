@@ -19,6 +19,8 @@ TEST(OrxCtlTest, TablesShowWhatIsKnown)
         "/?[2J?ä live  H264  640x368 25.0 512k  1000   -      2    1   1.2.3.4:5\n",
         ProgramsTable(status, 0));
     EXPECT_EQ("PROGRAM\n/?[2J?ä\n", ProgramsTable(status, 7));
+    EXPECT_EQ("a?b\n?[2J?", TerminalText("a\xE2\x80\xAE"
+                                         "b\n\x1B[2J\xE2\x81\xA6"));
     EXPECT_THAT(SessionsTable(status, 0), testing::StartsWith("SESSION"));
     EXPECT_THAT(StatusTable(JsonValue(), 80), testing::HasSubstr("relay       off"));
 }
