@@ -3,7 +3,11 @@
 find_package(Threads REQUIRED)
 
 add_compile_options(-Wall -Wextra -Werror)
+# Recordings pass 2 GB, and recorders the year 2038, on 32-bit machines as well. For the whole build: records of libc
+# that hold a file's size or a time have two layouts there.
+add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  add_compile_options(-Wno-psabi)  # remarks on ARM that g++ 7 changed how records are passed
   add_compile_options(-Wno-restrict)  # g++ 12 sees overlaps in std::string that cannot be (GCC bug 105651)
 endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND ORX_SANITIZE)
@@ -69,5 +73,6 @@ function(orx_unit_test folder)
   target_link_libraries(unit_${name} PRIVATE -Wl,--whole-archive $<TARGET_FILE:orx_${name}> -Wl,--no-whole-archive
                                              orx_${name} GTest::gmock GTest::gtest_main)
   orx_test_headers(unit_${name})
+  set_target_properties(unit_${name} PROPERTIES UNITY_BUILD ${ORX_UNITY} UNITY_BUILD_BATCH_SIZE 0)
   gtest_discover_tests(unit_${name} TEST_PREFIX "unit.${name}." DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120)
 endfunction()

@@ -110,7 +110,7 @@ def main():
     if options.list:
         return 0
     if not (TREE / "CMakeCache.txt").exists():
-        subprocess.run(["cmake", "--preset", "release"], cwd=ROOT, check=True)
+        subprocess.run(["cmake", "--preset", "release", "-DORX_UNITY=OFF"], cwd=ROOT, check=True)
     unnoticed = []
     with open(TREE / "mutations.log", "w") as log:
         everything = {"tests": "|".join(sorted({fault["tests"] for fault in chosen.values()}))}

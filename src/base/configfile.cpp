@@ -9,12 +9,14 @@ namespace orx {
 ConfigFile::ConfigFile(const char *szConfigPath) : szPath(szConfigPath)
 {
     if (AssertPeerFaultsSurvived() && ProfileIsLong(szPath))
-        pLoaded = ProfileInit(szPath);
+        pLoaded = pOwned = ProfileInit(szPath);
 }
+
+ConfigFile::ConfigFile(const Profile *pText) : szPath(pText->path), pLoaded(pText) {}
 
 ConfigFile::~ConfigFile()
 {
-    ProfileFree(pLoaded);
+    ProfileFree(pOwned);
 }
 
 int ConfigGetStr(const ConfigFile *pConfig, const char *szSection, const char *szKey, char *szValue,

@@ -8,9 +8,11 @@
 namespace orx {
 
 struct ConfigFile {
-    const char *szPath;          // not owned
-    Profile *pLoaded = nullptr;  // owned; null where each key is read from the file
+    const char *szPath;                // not owned
+    const Profile *pLoaded = nullptr;  // null where each key is read from the file
+    Profile *pOwned = nullptr;
     explicit ConfigFile(const char *szConfigPath);
+    explicit ConfigFile(const Profile *pText);  // a text that was loaded; not owned
     ~ConfigFile();
     ConfigFile(const ConfigFile &) = delete;
     ConfigFile &operator=(const ConfigFile &) = delete;

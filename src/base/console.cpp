@@ -18,6 +18,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/linelog.h"
 #include "base/textbuf.h"
 
 namespace orx {
@@ -25,15 +26,15 @@ namespace orx {
 constexpr long kLogMaxBytes = 204800;  // a larger log is trimmed: it may lie on a RAM disk of some megabytes
 constexpr long kLogDropBytes = 51200;  // a quarter at a time, so that the file is seldom written anew
 constexpr size_t kLogMessageSize = 1024;  // longer messages are cut
-constexpr size_t kLogHeldBytes = 262144;  // of lines that wait for the disk
-constexpr int kLogLinesAtOnce = 32;       // some milliseconds, a file opened and closed for each
 constexpr size_t kPrintRoom = 1024;       // longer prints, such as dumped requests, are formatted on the heap
 
 constexpr size_t kPieceBytes = PIPE_BUF;  // what a pipe that polls writable takes without blocking
 constexpr size_t kHeldBytes = 65536;      // of text that waits for a reader: as much as the pipe itself holds
 constexpr int kLastWordsMs = 1000;        // how long the end of the process waits for a reader
 
-static std::atomic<int> g_bDaemon{0};                             // written at start-up, read by any thread
+static std::atomic<int> g_bDaemon{0};    // written at start-up, read by any thread
+static std::atomic<int> g_bQuiet{0};     // written when the configuration is read
+static thread_local int g_nAnswers = 0;  // what this thread prints is said in quiet, too
 static pthread_mutex_t g_printMutex = PTHREAD_MUTEX_INITIALIZER;  // of both channels: they may be one pipe
 static pthread_mutex_t g_logMutex = PTHREAD_MUTEX_INITIALIZER;
 
@@ -41,26 +42,6 @@ static pthread_mutex_t g_logMutex = PTHREAD_MUTEX_INITIALIZER;
 static char g_szLogPath[256] = "";
 static int g_nLogEnabled = 0;
 static int g_nLogDateKey = 0;  // day of the last line; 0 before the first
-
-// Holds a mutex with thread cancellation off: writing to a file or pipe is where a cancelled thread stops,
-// and it would die with the mutex held.
-struct OutputLock {
-    pthread_mutex_t *pMutex;
-    int nCancelState = PTHREAD_CANCEL_ENABLE;
-
-    explicit OutputLock(pthread_mutex_t *pMutexToHold) : pMutex(pMutexToHold)
-    {
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &nCancelState);
-        pthread_mutex_lock(pMutex);
-    }
-    ~OutputLock()
-    {
-        pthread_mutex_unlock(pMutex);
-        pthread_setcancelstate(nCancelState, nullptr);
-    }
-    OutputLock(const OutputLock &) = delete;
-    OutputLock &operator=(const OutputLock &) = delete;
-};
 
 // A stream that is written without waiting. A pipe that nobody empties must not hold up the server: what it
 // does not take is held, and what there is no room for is counted and said once somebody reads again. Guarded
@@ -140,11 +121,17 @@ static void Write(Channel *pChannel, const char *szText, size_t nLen)
     pChannel->nHeld += nLen - nDone;
 }
 
+static int IsSilent()
+{
+    return g_bDaemon.load(std::memory_order_relaxed) ||
+           (g_bQuiet.load(std::memory_order_relaxed) && g_nAnswers == 0);
+}
+
 // Formatted before the lock is taken and written past stdio, so that a pipe or file has it at once and no
 // lock of stdio is held when a signal or a cancellation comes.
 void print(const char *szFormat, ...)
 {
-    if (g_bDaemon.load(std::memory_order_relaxed))
+    if (IsSilent())
         return;
     char room[kPrintRoom];
     va_list args;
@@ -171,7 +158,7 @@ void print(const char *szFormat, ...)
 
 void ConsoleWriteRaw(const char *szText, size_t nLen)
 {
-    if (g_bDaemon.load(std::memory_order_relaxed))
+    if (IsSilent())
         return;
     int nErrno = errno;  // the interrupted code may be about to look at it
     WriteNow(g_out.fd, szText, nLen, 0);
@@ -220,6 +207,21 @@ void ConsoleUnblock(int bOn)
 void ConsoleSetDaemon(int bDaemon)
 {
     g_bDaemon.store(bDaemon, std::memory_order_relaxed);
+}
+
+void ConsoleSetQuiet(int bQuiet)
+{
+    g_bQuiet.store(bQuiet, std::memory_order_relaxed);
+}
+
+ConsoleAnswers::ConsoleAnswers()
+{
+    g_nAnswers++;
+}
+
+ConsoleAnswers::~ConsoleAnswers()
+{
+    g_nAnswers--;
 }
 
 void LogSetup(const char *szPath, int nEnabled)
@@ -279,106 +281,24 @@ static void WriteLogLine(time_t tSaid, const char *szMessage)
     fclose(pFile);
 }
 
-// A line that waits for the file, with its text behind it; from malloc.
-struct LogLine {
-    LogLine *pNext;
-    time_t tSaid;
-    size_t nBytes;        // of memory
-    unsigned nLostAhead;  // lines between the one before and this one
-};
-
-// What waits. Guarded by g_logQueueMutex, under which nothing blocks.
-static pthread_mutex_t g_logQueueMutex = PTHREAD_MUTEX_INITIALIZER;
-static LogLine *g_pLogFirst = nullptr;
-static LogLine **g_ppLogEnd = &g_pLogFirst;
-static size_t g_nLogBytes = 0;
-static unsigned g_nLogLost = 0;  // since the last line that waits
-static int g_bLogCalled = 0;     // LogWriteSome is to be called, or is at it
-static void (*g_pfnLogCall)() = nullptr;
-
-// Queues a line when others are to write it. Returns 0 when the caller has to.
-static int QueueLogLine(time_t tSaid, const char *szMessage)
+static void WriteLostLine(time_t tSaid, unsigned nLost)
 {
-    OutputLock lock(&g_logQueueMutex);
-    size_t nText = strlen(szMessage) + 1, nBytes = sizeof(LogLine) + nText;
-    if (!g_pfnLogCall)
-        return 0;
-    auto *pLine = g_nLogBytes + nBytes <= kLogHeldBytes ? static_cast<LogLine *>(malloc(nBytes)) : nullptr;
-    if (!pLine) {
-        g_nLogLost++;
-        return 1;
-    }
-    *pLine = {nullptr, tSaid, nBytes, std::exchange(g_nLogLost, 0)};
-    memcpy(pLine + 1, szMessage, nText);
-    g_nLogBytes += nBytes;
-    *g_ppLogEnd = pLine;
-    g_ppLogEnd = &pLine->pNext;
-    return 1;
+    char lost[64];
+    TextBuf text{lost, sizeof(lost)};
+    TextAdd(&text, "(%u lines that waited for the disk are lost)", nLost);
+    WriteLogLine(tSaid, lost);
 }
 
-// The first line, the caller's; null when none is left, with those that were lost at the end.
-static LogLine *TakeLogLine(unsigned *pnLost)
-{
-    OutputLock lock(&g_logQueueMutex);
-    LogLine *pLine = g_pLogFirst;
-    *pnLost = pLine ? pLine->nLostAhead : std::exchange(g_nLogLost, 0);
-    if (!pLine)
-        return nullptr;
-    g_nLogBytes -= pLine->nBytes;
-    g_pLogFirst = pLine->pNext;
-    if (!g_pLogFirst)
-        g_ppLogEnd = &g_pLogFirst;
-    return pLine;
-}
-
-// The first line of the queue into the file. Returns 0 when there was none.
-static int WriteQueuedLine()
-{
-    unsigned nLost = 0;
-    LogLine *pLine = TakeLogLine(&nLost);
-    if (nLost > 0) {
-        char lost[64];
-        TextBuf text{lost, sizeof(lost)};
-        TextAdd(&text, "(%u lines that waited for the disk are lost)", nLost);
-        WriteLogLine(pLine ? pLine->tSaid : time(nullptr), lost);
-    }
-    if (pLine)
-        WriteLogLine(pLine->tSaid, reinterpret_cast<const char *>(pLine + 1));
-    free(pLine);
-    return pLine != nullptr;
-}
+static LineLog g_logLines{WriteLogLine, WriteLostLine};
 
 int LogWriteSome()
 {
-    for (int i = 0; i < kLogLinesAtOnce && WriteQueuedLine(); i++) {
-    }
-    OutputLock lock(&g_logQueueMutex);
-    g_bLogCalled = g_pLogFirst || g_nLogLost > 0;
-    return !g_bLogCalled;
+    return LineLogWriteSome(&g_logLines);
 }
 
 void LogDivert(void (*pfnCall)())
 {
-    {
-        OutputLock lock(&g_logQueueMutex);
-        g_pfnLogCall = pfnCall;
-        g_bLogCalled = 0;
-    }
-    while (!pfnCall && WriteQueuedLine()) {
-    }
-}
-
-// Has the queue written, unless that is under way.
-static void CallLogWriter()
-{
-    void (*pfnCall)() = nullptr;
-    {
-        OutputLock lock(&g_logQueueMutex);
-        if (!std::exchange(g_bLogCalled, 1))
-            pfnCall = g_pfnLogCall;
-    }
-    if (pfnCall)
-        pfnCall();
+    LineLogDivert(&g_logLines, pfnCall);
 }
 
 void log(const char *szFormat, ...)
@@ -390,11 +310,7 @@ void log(const char *szFormat, ...)
     va_start(args, szFormat);
     vsnprintf(message, sizeof(message), szFormat, args);
     va_end(args);
-    time_t tSaid = time(nullptr);
-    if (QueueLogLine(tSaid, message))
-        CallLogWriter();
-    else
-        WriteLogLine(tSaid, message);
+    LineLogSay(&g_logLines, time(nullptr), message);
 }
 
 }  // namespace orx

@@ -27,6 +27,16 @@ void ConsoleUnblock(int bOn);
 // Silences the console (1) or lets it speak again (0).
 void ConsoleSetDaemon(int bDaemon);
 
+// Has print say nothing (1) but what a thread says that holds a ConsoleAnswers: the answers to commands. Any
+// thread.
+void ConsoleSetQuiet(int bQuiet);
+struct ConsoleAnswers {
+    ConsoleAnswers();
+    ~ConsoleAnswers();
+    ConsoleAnswers(const ConsoleAnswers &) = delete;
+    ConsoleAnswers &operator=(const ConsoleAnswers &) = delete;
+};
+
 // Names the log file and says whether lines are written to it (nEnabled non-zero). At start-up, before
 // threads run.
 void LogSetup(const char *szPath, int nEnabled);

@@ -78,4 +78,20 @@ int FileCreateTemp(char *szTemplate, int nSuffix, const void *pData, size_t nLen
     return 0;
 }
 
+int DirTakesFiles(const char *szDir)
+{
+    if (access(szDir, W_OK | X_OK) != 0)
+        return 0;
+    FdGuard unnamed{open(szDir, O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600)};
+    if (unnamed.fd >= 0)
+        return 1;
+    char szProbe[512];  // not every file system has files without a name
+    TextBuf path{szProbe, sizeof(szProbe)};
+    if (!TextAdd(&path, "%s/.orx-XXXXXX", szDir)) {
+        errno = ENAMETOOLONG;
+        return 0;
+    }
+    return mkdtemp(szProbe) && rmdir(szProbe) == 0;
+}
+
 }  // namespace orx

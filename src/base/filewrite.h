@@ -14,4 +14,8 @@ int FileReplace(const char *szPath, const void *pData, size_t nLen);
 // left.
 int FileCreateTemp(char *szTemplate, int nSuffix, const void *pData, size_t nLen);
 
+// Whether files can be made in a directory, by making one that nobody sees and that is gone at once:
+// permissions alone tell root nothing of file systems that take no files. Returns 1, or 0 with errno.
+int DirTakesFiles(const char *szDir);
+
 }  // namespace orx

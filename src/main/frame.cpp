@@ -17,9 +17,17 @@
 #include "base/configfile.h"
 #include "base/console.h"
 #include "base/inifile.h"
+#include "base/installdir.h"
 #include "base/textbuf.h"
+#include "main/checkreport.h"
+#include "main/notify.h"
+#include "main/options.h"
 #include "runtime/thread.h"
+#include "server/core/doubts.h"
+#include "server/core/settings.h"
+#include "server/front/reload.h"
 #include "server/front/server.h"
+#include "server/front/startdoubts.h"
 
 namespace orx {
 
@@ -27,24 +35,11 @@ static constexpr size_t kPathSize = 256;
 static constexpr int kTickMs = 100;          // so long at most does a loop miss that it is to end
 static constexpr unsigned kStateTicks = 50;  // the state file is written when more ticks have passed: 5 s
 
+static constexpr char kConfigName[] = "orx.cfg";
 static constexpr char kStateSection[] = "MAIN";  // of the state file
 
 static std::atomic<int> g_bTerminate{0};  // set by the signal handler, looked at by the loops
-
-// The directory two levels above the executable. Returns 1 where /proc can be read, else 0.
-static int ParentDirectory(char *szOut, size_t nSize)
-{
-    ssize_t n = readlink("/proc/self/exe", szOut, nSize - 1);
-    if (n < 0)
-        return 0;
-    szOut[n] = '\0';
-    for (int i = 0; i < 2; i++) {
-        char *pSlash = strrchr(szOut, '/');
-        if (pSlash)
-            *pSlash = '\0';
-    }
-    return 1;
-}
+static std::atomic<int> g_bHangup{0};     // the same
 
 static int WantsDaemon(int argc, char **argv)
 {
@@ -55,9 +50,8 @@ static int WantsDaemon(int argc, char **argv)
 }
 
 // Finds the configuration file: the name behind "-c...", else szDefault; a name without '/' lies in
-// <parent>/cfg. Returns 1 when "-daemond" was given, 0 otherwise, -1 when the parent directory cannot be
-// found.
-static int ParseArguments(int argc, char **argv, const char *szDefault, char *szCfgPath, size_t nSize)
+// <parent>/cfg. Returns 1, or 0 when the parent directory cannot be found.
+static int FindConfig(int argc, char **argv, const char *szDefault, char *szCfgPath, size_t nSize)
 {
     const char *szName = szDefault;
     for (int i = 1; i < argc; i++)
@@ -67,16 +61,47 @@ static int ParseArguments(int argc, char **argv, const char *szDefault, char *sz
     szCfgPath[0] = '\0';
     if (strchr(szName, '/')) {
         TextAdd(&path, "%s", szName);
-    } else {
-        char szParent[kPathSize];
-        if (!ParentDirectory(szParent, sizeof(szParent))) {
-            print("failed to get process path's parent dir!\r\n");
-            return -1;
-        }
-        TextAdd(&path, "%s/cfg/%s", szParent, szName);
+        return 1;
+    }
+    char szParent[kPathSize];
+    return InstallDir(szParent, sizeof(szParent)) && TextAdd(&path, "%s/cfg/%s", szParent, szName);
+}
+
+// Returns 1 when "-daemond" was given, 0 otherwise, -1 when the parent directory cannot be found.
+static int ParseArguments(int argc, char **argv, const char *szDefault, char *szCfgPath, size_t nSize)
+{
+    if (!FindConfig(argc, argv, szDefault, szCfgPath, nSize)) {
+        print("failed to get process path's parent dir!\r\n");
+        return -1;
     }
     print("cfg=%s\r\n", szCfgPath);
     return WantsDaemon(argc, argv);
+}
+
+// What the program says without a start. Returns whether the process is to end, with *pStatus.
+static int AnswerOptions(const Options *pOptions, int argc, char **argv, int *pStatus)
+{
+    char szCfg[kPathSize] = "";
+    *pStatus = 0;
+    switch (pOptions->eAction) {
+        case OptionAction::Run:
+        case OptionAction::Refuse:
+            return OptionsSayUnknown(pOptions, pStatus);
+        case OptionAction::Help:
+            OptionsPrintHelp();
+            break;
+        case OptionAction::Version:
+            OptionsPrintVersion();
+            break;
+        case OptionAction::Check:
+            FindConfig(argc, argv, kConfigName, szCfg, sizeof(szCfg));
+            *pStatus = pOptions->bUpgrade ? UpgradeReport(szCfg) : CheckReport(szCfg);
+            break;
+        case OptionAction::DumpConfig:
+            *pStatus = DumpConfig();
+            break;
+    }
+    return 1;
 }
 
 // Formats a number in a signal handler, where printf may not be used.
@@ -126,21 +151,31 @@ static void OnSignal(int nSignal)
             g_bTerminate = 1;
             break;
         case SIGHUP:  // a terminal that was closed takes no server with it
+            g_bHangup = 1;
             break;
         default:
             OnSegv();
     }
 }
 
-// SIGTERM asks the loops to end.
+// SIGTERM asks the loops to end, SIGHUP to have the configuration read again.
 static void InstallSignalHandlers()
 {
     for (int nSignal : {SIGINT, SIGSEGV, SIGCHLD, SIGPIPE, SIGTERM, SIGHUP})
         signal(nSignal, OnSignal);
 }
 
-// Prints the figures and the list of sessions.
-static void PrintStat()
+static void PrintReading(time_t tRead)
+{
+    char szTime[64] = "";
+    struct tm t {};
+    localtime_r(&tRead, &t);
+    strftime(szTime, sizeof(szTime), "%Y-%m-%d %H:%M:%S", &t);
+    print("Configuration read at %s.\r\n", szTime);
+}
+
+// Prints the figures and the list of sessions, and at the end when the configuration was read.
+static void PrintStat(int bWithReading)
 {
     ServerStat stat;
     if (!ServerGetStat(&stat, 1))
@@ -164,6 +199,8 @@ static void PrintStat()
                   p->reception.nRoundTripMs);
     }
     free(stat.pSessions);
+    if (bWithReading)
+        PrintReading(stat.tRead);
 }
 
 static void WriteStateKeys(const char *szPath)
@@ -188,10 +225,25 @@ static void WriteStateFile(const char *szPath)
     WriteStateKeys(szPath);
 }
 
+static void OnReloaded(void *, const ReloadResult *)
+{
+    NotifyReady();
+}
+
+static void Reload()
+{
+    NotifyReloading();
+    if (!ReloadSignal(OnReloaded))
+        NotifyReady();
+}
+
 static void SleepTick()
 {
     usleep(kTickMs * 1000);
     ConsoleFlush(0);
+    NotifyTick();
+    if (g_bHangup.exchange(0))
+        Reload();
 }
 
 // Standard input, line by line. What is too long for the buffer is dropped up to the line's end.
@@ -240,18 +292,30 @@ static void ReadLine(LineReader *pReader, char *szLine)
     TakeLine(pReader, szLine);
 }
 
+// bSpeaks: what is typed is answered, whatever it is.
+static void AnswerCommand(const char *szLine, int bSpeaks)
+{
+    if (strcmp(szLine, "stat") == 0)
+        PrintStat(bSpeaks);
+    else if (bSpeaks && szLine[0])
+        print("Commands: stat, quit (or q).\r\n");
+}
+
 // Until "quit" or "q" is read, or SIGTERM comes.
 static void ConsoleLoop()
 {
+    ConsoleAnswers answers;
     LineReader reader;
     char szLine[sizeof(reader.text) + 1];
+    int bSpeaks = g_settings.szLogLevel[0] != '\0';
     print("Server started, commands:\nQuit\n\nEnter command: \r\n");
+    if (bSpeaks)
+        print("\"stat\" lists sessions; configuration: %s\r\n", g_settings.szConfigPath);
     while (!g_bTerminate) {
         ReadLine(&reader, szLine);
         if (strcasecmp(szLine, "quit") == 0 || strcasecmp(szLine, "q") == 0)
             return;
-        if (strcmp(szLine, "stat") == 0)
-            PrintStat();
+        AnswerCommand(szLine, bSpeaks);
         SleepTick();
     }
 }
@@ -302,7 +366,7 @@ struct LogPlace {
 static int FindLog(LogPlace *pPlace)
 {
     char szParent[kPathSize];
-    if (!ParentDirectory(szParent, sizeof(szParent))) {
+    if (!InstallDir(szParent, sizeof(szParent))) {
         print("failed to get process path's parent dir!\n");
         return 0;
     }
@@ -323,37 +387,55 @@ static int ReadFirstKeys(const char *szCfg)
     return ConfigGetInt(&config, "SERVER", "LogFile", 0);
 }
 
-int RunProcess(int argc, char **argv)
+// Starts the server, and stops it when that is asked for. szStatePath: of a daemon; null at the console.
+// Returns the exit status.
+static int Serve(const char *szCfg, const char *szStatePath, int bWriteState)
 {
-    OpenMissingDescriptors();
-    ConsoleUnblock(1);
-    mallopt(M_ARENA_MAX, 1);  // nearly everything is allocated by one thread; more arenas only cost memory
-    InstallSignalHandlers();
-    PrintBanner(argv[0]);
-    char szCfg[kPathSize] = "";
-    int bDaemon = ParseArguments(argc, argv, "orx.cfg", szCfg, sizeof(szCfg)) == 1;
-    ConsoleSetDaemon(bDaemon);  // says nothing more
-    LogPlace place;
-    if (!FindLog(&place))
-        return -1;
-    print("Main(tid=0x%x) begin...\r\n", ThreadKernelId());
-    int nLog = ReadFirstKeys(szCfg);
-    LogSetup(place.szLog, nLog);
-    RaiseDescriptorLimit();
     if (!ServerStart(szCfg)) {
         ConsoleFlush(1);
-        return 0;
+        return StartIsStrict() ? 1 : 0;
     }
     log("Begin");
-    if (bDaemon)
-        DaemonLoop(place.szState, nLog);
+    NotifyReady();
+    if (szStatePath)
+        DaemonLoop(szStatePath, bWriteState);
     else
         ConsoleLoop();
+    NotifyStopping();
     ServerStop();
     log("End");
     print("main() exit OK.\n");
     ConsoleFlush(1);
     return 0;
+}
+
+int RunProcess(int argc, char **argv)
+{
+    OpenMissingDescriptors();
+    Options options;
+    int nStatus;
+    OptionsParse(&options, argc, argv);
+    if (AnswerOptions(&options, argc, argv, &nStatus))
+        return nStatus;
+    DoubtsSetStrict(options.bStrict);
+    ConsoleUnblock(1);
+    mallopt(M_ARENA_MAX, 1);  // nearly everything is allocated by one thread; more arenas only cost memory
+    InstallSignalHandlers();
+    PrintBanner(argv[0]);
+    char szCfg[kPathSize] = "";
+    int bDaemon = ParseArguments(argc, argv, kConfigName, szCfg, sizeof(szCfg)) == 1;
+    ConsoleSetDaemon(bDaemon);  // says nothing more
+    LogPlace place;
+    if (!FindLog(&place))
+        return -1;
+    print("Main(tid=0x%x) begin...\r\n", ThreadKernelId());
+    if (StartRefusesLong(szCfg))
+        return 1;
+    int nLog = ReadFirstKeys(szCfg);
+    LogSetup(place.szLog, nLog);
+    RaiseDescriptorLimit();
+    NotifyInit();
+    return Serve(szCfg, bDaemon ? place.szState : nullptr, nLog);
 }
 
 }  // namespace orx

@@ -33,6 +33,18 @@ static int ParseNetwork(char *szEntry, int bIpv6, AddrNetwork *pOut)
     return pOut->nBits >= 0 && inet_pton(bIpv6 ? AF_INET6 : AF_INET, szEntry, pOut->bytes) == 1;
 }
 
+int AddrEntryParse(std::string_view text, int bIpv6, AddrNetwork *pOut)
+{
+    char entry[64];  // longer than any that is right
+    AddrNetwork network;
+    int bFits = TextCopy(entry, sizeof(entry), text);
+    if (!bFits || !ParseNetwork(entry, bIpv6 && strchr(entry, ':'), &network))
+        return 0;
+    if (pOut)
+        *pOut = network;
+    return 1;
+}
+
 int AddrListParse(AddrList *pList, const char *szText, const char *szKey, int bIpv6)
 {
     static constexpr char kBlanks[] = " \t";
@@ -40,12 +52,9 @@ int AddrListParse(AddrList *pList, const char *szText, const char *szKey, int bI
     *pList = AddrList();
     for (const char *p = szText + strspn(szText, kBlanks); *p; p += strspn(p, kBlanks)) {
         size_t nEntry = strcspn(p, kBlanks);
-        char entry[64];  // longer than any that is right
         AddrNetwork network;
-        TextBuf text{entry, sizeof(entry)};
         pList->bGiven = 1;
-        if (TextAddBytes(&text, p, nEntry) && ParseNetwork(entry, bIpv6 && strchr(entry, ':'), &network) &&
-            pList->nNetworks < kMaxAddrEntries) {
+        if (AddrEntryParse({p, nEntry}, bIpv6, &network) && pList->nNetworks < kMaxAddrEntries) {
             pList->networks[pList->nNetworks++] = network;
         } else {
             print("%s: \"%.*s\" is no address and no network: it matches nobody.\r\n", szKey,

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "base/netaddr.h"
 
@@ -22,6 +23,10 @@ struct AddrList {
     size_t nNetworks = 0;
     int bGiven = 0;  // the text named something, if only wrongly
 };
+
+// Reads one entry, without blanks, into *pOut (may be null). Returns 1, or 0 when it is neither an address
+// nor a network; with bIpv6 0 those of IPv6 are none.
+int AddrEntryParse(std::string_view text, int bIpv6, AddrNetwork *pOut);
 
 // Reads the entries, separated by blanks. One that is neither an address nor a network ("a.b.c.d/0" to "/32")
 // is printed with the key's name and matches nobody; so is what is too much. With bIpv6 IPv6 addresses and

@@ -11,6 +11,8 @@
 
 namespace orx {
 
+static_assert(sizeof(off_t) == 8, "recordings pass 2 GB, on 32-bit machines as well");
+
 constexpr uint32_t kBufferBytes = 32768;  // at most this much is lost when the process is killed
 
 // Writes both pieces. Returns how many bytes of them were written, fewer than all on an error.
@@ -23,6 +25,8 @@ static size_t WriteAll(int fd, const uint8_t *pFirst, size_t nFirst, const uint8
         ssize_t n = writev(fd, pieces, 2);
         if (n < 0 && errno == EINTR)
             continue;
+        if (n == 0)
+            errno = ENOSPC;
         if (n <= 0)
             break;
         nDone += static_cast<size_t>(n);
@@ -43,6 +47,7 @@ static int Drain(FileOut *pFile, const void *pMore, size_t nMore)
     size_t nDone =
         WriteAll(pFile->fd, pFile->pBuffer, pFile->nBuffered, static_cast<const uint8_t *>(pMore), nMore);
     if (nDone < pFile->nBuffered + nMore) {
+        pFile->nErrno = errno;
         pFile->bFailed = 1;
         pFile->nReached = nDone;
         return 0;

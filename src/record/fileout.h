@@ -15,6 +15,7 @@ struct FileOut {
     uint64_t nMark = 0;     // up to here what was appended is whole, see FileOutCommit
     uint64_t nKeep = 0;     // the last mark that reached the file
     int bFailed = 0;        // a write failed; nothing is appended any more
+    int nErrno = 0;         // with which the last one did
     uint64_t nReached = 0;  // then: bytes behind nWritten, first of what is buffered, that are in the file
 };
 

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -16,6 +17,7 @@
 #include "base/textbuf.h"
 #include "record/confine.h"
 #include "record/daywalk.h"
+#include "record/recordevents.h"
 #include "record/recordwalk.h"
 #include "record/zmfile.h"
 
@@ -25,15 +27,16 @@ constexpr size_t kDayNameLen = 8;  // YYYYMMDD
 constexpr char kExtension[] = ".zmf";
 constexpr int kOldDaysMaxAge = 1000000;  // days, far beyond the years of the calendar's four digits
 
-static int64_t g_nTimeOffset;    // these three are for tests only
-static int64_t g_nSteadyOffset;  // ms
-static time_t g_tHold;
+static std::atomic<int64_t> g_nTimeOffset;    // these three are for tests only, set by any thread
+static std::atomic<int64_t> g_nSteadyOffset;  // ms
+static std::atomic<time_t> g_tHold;
 static uint64_t g_nRecorded;              // bytes, the thread that records
 static OpenRecording *g_pOpenRecordings;  // the thread that records
 
 time_t RecordTime()
 {
-    return g_tHold ? g_tHold : time(nullptr) + static_cast<time_t>(g_nTimeOffset);
+    time_t tHold = g_tHold;
+    return tHold ? tHold : time(nullptr) + static_cast<time_t>(g_nTimeOffset);
 }
 
 void RecordTimeSetOffset(int64_t nSeconds)
@@ -275,6 +278,8 @@ int StorageSetDayAside(const char *szDay)
     return !StorageIsHeld(szDay) && TextAdd(&bad, "%s.bad", szDay) && rename(szDay, szBad) == 0;
 }
 
+static constexpr char kNoPicture[] = "it was interrupted and held no picture";
+
 // Gives one interrupted file its final name or deletes it.
 static void Settle(const char *szFile, const struct stat *pInfo, int bKeep, PathList *pRepair)
 {
@@ -283,8 +288,10 @@ static void Settle(const char *szFile, const struct stat *pInfo, int bKeep, Path
     TextBuf path{szFinal, sizeof(szFinal)};
     int64_t nLeast = pRepair ? kZmfHeadBytes : kRecoverMinBytes;
     if (pInfo->st_size < nLeast || !TextAddBytes(&path, szFile, strlen(szFile) - strlen(kOpenSuffix))) {
-        if (unlink(szFile) == 0 && pRepair)
+        if (unlink(szFile) == 0 && pRepair) {
             log("The interrupted file (%s) held no picture and is removed.", PrintableText(szFile).sz);
+            RecordSay(EventLevel::Info, "recording.deleted", {nullptr, szFile, kNoPicture});
+        }
         return;
     }
     int bNamed = bKeep ? ConfineRename(AT_FDCWD, szFile, szFinal, szFree, sizeof(szFree))
@@ -343,6 +350,7 @@ int StorageDropKeyless(const char *szFile)
     if (file.fd < 0 || !IsKeyless(file.fd) || unlink(szFile) != 0)
         return 0;
     log("The interrupted file (%s) held no picture and is removed.", PrintableText(szFile).sz);
+    RecordSay(EventLevel::Info, "recording.deleted", {nullptr, szFile, kNoPicture});
     return 1;
 }
 

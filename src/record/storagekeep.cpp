@@ -10,6 +10,7 @@
 #include "base/console.h"
 #include "base/printable.h"
 #include "base/textbuf.h"
+#include "record/recordevents.h"
 #include "record/storage.h"
 
 namespace orx {
@@ -69,6 +70,7 @@ static void Delete(const char *szPath)
         return;
     print("The old file (%s) is removed.\r\n", PrintableText(szPath).sz);
     log("The old file (%s) is removed.", PrintableText(szPath).sz);
+    RecordSay(EventLevel::Info, "recording.deleted", {nullptr, szPath, "it was older than KeepDays"});
 }
 
 int StorageKeepStep(StorageKeep *pKeep)

@@ -4,6 +4,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -11,6 +12,7 @@
 #include "base/console.h"
 #include "base/printable.h"
 #include "base/textbuf.h"
+#include "record/recordevents.h"
 
 namespace orx {
 
@@ -71,12 +73,14 @@ static void ListFiles(PathList *pFiles, const char *szDir, int bOnlyScheduled)
 static int DeleteFile(const char *szFile, const char *szDir, int bLog)
 {
     if (unlink(szFile) != 0) {
+        RecordSay(EventLevel::Error, "recording.not_deleted", {nullptr, szFile, nullptr, errno});
         print("Remove the oldest file (%s) failed!\n", PrintableText(szFile).sz);
         return 0;
     }
     print("The oldest file (%s) is removed.\n", PrintableText(szFile).sz);
     if (bLog)
         log("The oldest file (%s) is removed.", PrintableText(szFile).sz);
+    RecordSay(EventLevel::Info, "recording.deleted", {nullptr, szFile, "to make room"});
     rmdir(szDir);  // goes only when empty, and so never while a file in it is being written
     return 1;
 }
@@ -170,6 +174,8 @@ static void WatchAfter(StorageRoom *pRoom, uint64_t nHeld)
     PrintableText dir(pRoom->szDir);
     print("%u deletions for %s gave no room, the next one waits a minute.\r\n", kVainDeletions, dir.sz);
     log("%u deletions for %s gave no room, the next one waits a minute.", kVainDeletions, dir.sz);
+    RecordSay(EventLevel::Warn, "storage.no_gain",
+              {nullptr, pRoom->szDir, "ten deletions gave no room: the next one waits a minute"});
 }
 
 static int IsPausing(StorageRoom *pRoom)

@@ -13,6 +13,7 @@
 #include "base/textbuf.h"
 #include "record/aac.h"
 #include "record/confine.h"
+#include "record/recordevents.h"
 #include "record/sdpscan.h"
 #include "runtime/clock.h"
 
@@ -255,6 +256,12 @@ static int FlushAudio(ZMFWriter *pWriter)
                                  pWriter->nAudioType);
 }
 
+static void SayFile(const ZMFWriter *pWriter, EventLevel eLevel, const char *szEvent, const char *szReason,
+                    int nErrno)
+{
+    RecordSay(eLevel, szEvent, {pWriter->szProgram, pWriter->file.szFile, szReason, nErrno});
+}
+
 void ZMFWriterStop(ZMFWriter *pWriter)
 {
     RecordFile *pFile = &pWriter->file;
@@ -262,8 +269,11 @@ void ZMFWriterStop(ZMFWriter *pWriter)
         return;
     if (pFile->uDataBeginOffset != 0 && FlushAudio(pWriter) < 1)
         print("ZMFWriterStop(%s): the last audio is lost!\r\n", PrintableText(pFile->szFile).sz);
-    if (!RecordFileClose(pFile))
+    if (!RecordFileClose(pFile)) {
         print("ZMFWriterStop(%s): write error!\r\n", PrintableText(pFile->szFile).sz);
+        SayFile(pWriter, EventLevel::Error, "recording.failed", "its end could not be written",
+                pFile->out.nErrno);
+    }
     pWriter->nAudioDataBytes = 0;
 }
 
@@ -293,8 +303,10 @@ int ZMFWriterCreateNextFile(ZMFWriter *pWriter)
     pWriter->bRebase = 0;
     ORX_ASSERT(pWriter->video.nBytes == 0, "pWriter->nBytes==0");
     ORX_ASSERT(pWriter->nAudioDataBytes == 0, "pWriter->nAudioDataBytes==0");
-    if (RecordFileBeginNext(&pWriter->file) && ZMFWriterWriteHead(pWriter))
+    if (RecordFileBeginNext(&pWriter->file) && ZMFWriterWriteHead(pWriter)) {
+        SayFile(pWriter, EventLevel::Info, "recording.roll", nullptr, 0);
         return 1;
+    }
     if (pWriter->rules.bNeverLose) {  // it is tried again
         ZMFWriterStop(pWriter);
         RecordFileRemove(&pWriter->file);
@@ -369,6 +381,8 @@ static void PauseForRoom(ZMFWriter *pWriter)
     PrintableText file(pWriter->file.szFile);
     print("ZMFWriter(%s): no room for more, the recording pauses.\r\n", file.sz);
     log("No room for more behind %s, the recording pauses.", file.sz);
+    SayFile(pWriter, EventLevel::Error, "recording.paused", "there is no room for more",
+            pWriter->file.out.nErrno);
 }
 
 // Ends the file; the next key frame begins another.
@@ -376,6 +390,9 @@ static void EndFile(ZMFWriter *pWriter, const char *szWhy)
 {
     print("ZMFWriter(%s): %s, the next key frame begins a new file.\r\n",
           PrintableText(pWriter->file.szFile).sz, szWhy);
+    int bFailed = pWriter->file.out.bFailed;
+    SayFile(pWriter, bFailed ? EventLevel::Error : EventLevel::Info, "recording.file_end", szWhy,
+            bFailed ? pWriter->file.out.nErrno : 0);
     StopFile(pWriter);
     pWriter->eState = WriterState::AwaitKey;
 }
@@ -597,9 +614,11 @@ static int LeaveOutTrack(ZMFWriter *pWriter, const char *szWhat, int *pbSaid)
 {
     if (!IsPatient(pWriter))
         return -1;
-    if (!*pbSaid)
+    if (!*pbSaid) {
         print("ZMFWriter(%s): the %s cannot be recorded and is left out.\r\n",
               PrintableText(pWriter->file.szFile).sz, szWhat);
+        SayFile(pWriter, EventLevel::Warn, "recording.track_left_out", szWhat, 0);
+    }
     *pbSaid = 1;
     return 1;
 }
@@ -671,6 +690,7 @@ static void NoteResumed(ZMFWriter *pWriter)
     PrintableText file(pWriter->file.szFile);
     print("ZMFWriter(%s): the recording goes on.\r\n", file.sz);
     log("The recording goes on in %s.", file.sz);
+    SayFile(pWriter, EventLevel::Info, "recording.resumed", nullptr, 0);
 }
 
 // The second of a file that is open.

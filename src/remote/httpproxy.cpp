@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "base/console.h"
+#include "base/eventlog.h"
 #include "base/fdguard.h"
 #include "base/textbuf.h"
 #include "remote/tcpio.h"
@@ -21,6 +22,8 @@ namespace orx {
 
 constexpr size_t kFirstRead = 4095;     // what a connection is judged by: the head of a request
 constexpr int32_t kSilentSeconds = 3;   // after which a connection that sends nothing is dropped
+constexpr unsigned kUnnamedMax = 64;    // connections whose fronts have not named the peer yet
+constexpr int32_t kHeaderSeconds = 5;   // ... one whose front sends no header
 constexpr int kPendingWaitMs = 250;     // so late at most is a silent connection dropped
 constexpr int kParkedWaitMs = 1000;     // ... one whose client has given up, and descriptors are tried again
 constexpr unsigned kAcceptMax = 64;     // in a round, before those that have spoken have their turn
@@ -39,56 +42,21 @@ static int PendingTake(HttpProxy *pProxy, unsigned nIndex)
 }
 
 // Sends a connection on its way by the first bytes it has sent.
-static void Classify(HttpProxy *pProxy, int fd, uint64_t nIp, const uint8_t *pData, size_t nLen)
+static void Classify(HttpProxy *pProxy, const HttpPending *pPending, const uint8_t *pData, size_t nLen)
 {
+    int fd = pPending->fd;
     if (memmem(pData, nLen, kTunnelMark, sizeof(kTunnelMark) - 1)) {
-        pProxy->pfnHandOver(pProxy->pContext, fd, pData, nLen);
+        pProxy->pfnHandOver(pProxy->pContext, fd, pData, nLen,
+                            pPending->bFronted ? &pPending->fronted : nullptr);
         return;
     }
     if (!DescriptorsSpare(1)) {
         HttpRefuseBusy(fd);
         return;
     }
-    HttpRelay *pRelay = HttpRelayOpen(&pProxy->common, fd, nIp, pData, nLen);
+    HttpRelay *pRelay = HttpRelayOpen(&pProxy->common, fd, pPending->nIp, pData, nLen);
     if (pRelay)
         ListAppend(&pProxy->relays, pRelay);
-}
-
-// Looks at a pending connection. Returns 1 when it has left the list, 0 when it has nothing to read yet.
-static int PendingRead(HttpProxy *pProxy, unsigned nIndex)
-{
-    uint8_t buffer[kFirstRead];
-    ssize_t nRead = recv(pProxy->pendings[nIndex].fd, buffer, sizeof(buffer), 0);
-    if (nRead < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
-        return 0;
-    uint64_t nIp = pProxy->pendings[nIndex].nIp;
-    int fd = PendingTake(pProxy, nIndex);
-    if (nRead > 0)
-        Classify(pProxy, fd, nIp, buffer, static_cast<size_t>(nRead));
-    else
-        SockClose(fd);
-    return 1;
-}
-
-static void PendingAdd(HttpProxy *pProxy, int fd, uint64_t nIp)
-{
-    // the oldest makes room: served when it has spoken by now, else dropped
-    if (pProxy->nPending == kHttpPendingMax && !PendingRead(pProxy, 0))
-        SockClose(PendingTake(pProxy, 0));
-    pProxy->pendings[pProxy->nPending++] = {fd, nIp, ClockUptime()};
-}
-
-static void DropSilent(HttpProxy *pProxy, uint32_t nNow)
-{
-    for (unsigned i = 0; i < pProxy->nPending;) {
-        if (ClockDiff(nNow, pProxy->pendings[i].nTime) < kSilentSeconds) {
-            i++;
-            continue;
-        }
-        int fd = PendingTake(pProxy, i);
-        print("sock=%d is timeout!\r\n", fd);
-        SockClose(fd);
-    }
 }
 
 // Whether one more connection from that address is within the limit.
@@ -108,18 +76,150 @@ static int HasRoom(const HttpProxy *pProxy, uint64_t nIp)
     return nAll < nMax && nSame < nShare;
 }
 
-// A connection that was accepted: it waits for its first bytes, or is refused.
-static void OnAccepted(HttpProxy *pProxy, int fd, const NetAddr *pAddr)
+static void Refuse(const HttpProxy *pProxy, int fd, const NetAddr *pAddr)
+{
+    char szPeer[kAddrTextSize];
+    SockAddrToString(pAddr, szPeer);
+    EventSayBounded(EventLevel::Warn, "connection.refused",
+                    {EventText("peer", szPeer), EventText("limit", "MaxWebRelays"),
+                     EventNumber("most", pProxy->nMaxRelays)});
+    HttpRefuseBusy(fd);
+}
+
+static void TellAccepted(int fd, const NetAddr *pAddr)
 {
     char szAddr[kAddrTextSize];
     SockAddrToString(pAddr, szAddr);
     print("HttpProxyServer accept(0x%x) from %s\n", static_cast<unsigned>(fd), szAddr);
-    SockSetKeepAlive(fd);
-    uint64_t nIp = AddrCounted(pAddr);
-    if (HasRoom(pProxy, nIp) && DescriptorsSpare(0))
-        PendingAdd(pProxy, fd, nIp);
+}
+
+// The front of a connection has named its peer, whose share is looked at now; it waits for its first bytes,
+// behind all others, or is refused.
+static void OnNamed(HttpProxy *pProxy, HttpPending pending)
+{
+    NetAddr addr = pending.fronted.peer;
+    if (!pending.fronted.bPeer && SockGetPeerName(pending.fd, &addr) != 0) {
+        SockClose(pending.fd);
+        return;
+    }
+    TellAccepted(pending.fd, &addr);
+    pending.nIp = AddrCounted(&addr);
+    pending.bUnnamed = 0;
+    pending.bFronted = 1;
+    pending.nTime = ClockUptime();
+    if (HasRoom(pProxy, pending.nIp))
+        pProxy->pendings[pProxy->nPending++] = pending;
     else
-        HttpRefuseBusy(fd);
+        Refuse(pProxy, pending.fd, &addr);
+}
+
+static void TellNoHeader(int fd, const char *szReason)
+{
+    char szPeer[kAddrTextSize] = "";
+    NetAddr addr;
+    if (SockGetPeerName(fd, &addr) == 0)
+        SockAddrToString(&addr, szPeer);
+    print("HttpProxyServer: the front %s sent no PROXY header on 0x%x\n", szPeer, static_cast<unsigned>(fd));
+    EventSayBounded(EventLevel::Warn, "front.refused",
+                    {EventText("peer", szPeer), EventText("reason", szReason)});
+}
+
+// Looks for the header of a connection's front. Returns as PendingRead.
+static int HeaderRead(HttpProxy *pProxy, unsigned nIndex)
+{
+    uint8_t header[kHttpHeaderMost];
+    HttpPending pending = pProxy->pendings[nIndex];
+    ssize_t nRead = recv(pending.fd, header, sizeof(header), MSG_PEEK);
+    if (nRead < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
+        return 0;
+    int nResult =
+        nRead > 0 ? pProxy->fronts.pfnReadHeader(header, static_cast<size_t>(nRead), &pending.fronted) : -1;
+    if (nResult == 0)
+        return 0;
+    PendingTake(pProxy, nIndex);
+    if (nResult > 0 && recv(pending.fd, header, pending.fronted.nHeader, 0) ==
+                           static_cast<ssize_t>(pending.fronted.nHeader)) {
+        OnNamed(pProxy, pending);
+        return 1;
+    }
+    TellNoHeader(pending.fd,
+                 nRead == 0 ? "closed it without a PROXY header" : "sent what is no PROXY header");
+    SockClose(pending.fd);
+    return 1;
+}
+
+// Looks at a pending connection. Returns 1 when it has left its place in the list, 0 when it has nothing to
+// read yet.
+static int PendingRead(HttpProxy *pProxy, unsigned nIndex)
+{
+    uint8_t buffer[kFirstRead];
+    if (pProxy->pendings[nIndex].bUnnamed)
+        return HeaderRead(pProxy, nIndex);
+    ssize_t nRead = recv(pProxy->pendings[nIndex].fd, buffer, sizeof(buffer), 0);
+    if (nRead < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
+        return 0;
+    HttpPending pending = pProxy->pendings[nIndex];
+    PendingTake(pProxy, nIndex);
+    if (nRead > 0)
+        Classify(pProxy, &pending, buffer, static_cast<size_t>(nRead));
+    else
+        SockClose(pending.fd);
+    return 1;
+}
+
+static void PendingAdd(HttpProxy *pProxy, int fd, uint64_t nIp, int bUnnamed)
+{
+    // the oldest makes room: served when it has spoken by now, else dropped
+    if (pProxy->nPending == kHttpPendingMax &&
+        (!PendingRead(pProxy, 0) || pProxy->nPending == kHttpPendingMax))  // it may be back, at the end
+        SockClose(PendingTake(pProxy, 0));
+    HttpPending *p = &pProxy->pendings[pProxy->nPending++];
+    *p = HttpPending();
+    p->fd = fd;
+    p->nIp = nIp;
+    p->nTime = ClockUptime();
+    p->bUnnamed = bUnnamed;
+}
+
+static void DropSilent(HttpProxy *pProxy, uint32_t nNow)
+{
+    for (unsigned i = 0; i < pProxy->nPending;) {
+        int32_t nMost = pProxy->pendings[i].bUnnamed ? kHeaderSeconds : kSilentSeconds;
+        if (ClockDiff(nNow, pProxy->pendings[i].nTime) < nMost) {
+            i++;
+            continue;
+        }
+        int bUnnamed = pProxy->pendings[i].bUnnamed;
+        int fd = PendingTake(pProxy, i);
+        if (bUnnamed)
+            TellNoHeader(fd, "sent no PROXY header for 5 seconds");
+        print("sock=%d is timeout!\r\n", fd);
+        SockClose(fd);
+    }
+}
+
+// The same of one that came from a front, which may have many.
+static int HasRoomForFront(const HttpProxy *pProxy)
+{
+    unsigned nUnnamed = 0;
+    for (unsigned i = 0; i < pProxy->nPending; i++)
+        nUnnamed += pProxy->pendings[i].bUnnamed;
+    return nUnnamed < kUnnamedMax;
+}
+
+// A connection that was accepted: it waits for its first bytes, or is refused.
+static void OnAccepted(HttpProxy *pProxy, int fd, const NetAddr *pAddr)
+{
+    const HttpFrontProcs *pFronts = &pProxy->fronts;
+    int bFront = pFronts->pfnIsFront && pFronts->pfnIsFront(pProxy->pContext, pAddr);
+    if (!bFront)
+        TellAccepted(fd, pAddr);
+    SockSetKeepAlive(fd);
+    uint64_t nIp = bFront ? 0 : AddrCounted(pAddr);
+    if ((bFront ? HasRoomForFront(pProxy) : HasRoom(pProxy, nIp)) && DescriptorsSpare(0))
+        PendingAdd(pProxy, fd, nIp, bFront);
+    else
+        Refuse(pProxy, fd, pAddr);
 }
 
 // Without a descriptor the listening socket would stay ready: it is left alone for a while.
@@ -238,6 +338,7 @@ static int TakeSettings(HttpProxy *pProxy, const HttpProxySettings *pSettings)
     pProxy->nMaxRelays = pSettings->nMaxRelays;
     pProxy->pfnHandOver = pSettings->pfnHandOver;
     pProxy->pContext = pSettings->pContext;
+    pProxy->fronts = pSettings->fronts;
     pProxy->nPending = pProxy->nParked = 0;
     pProxy->bNoDescriptor = 0;
     ListInit(&pProxy->relays, nullptr);

@@ -6,6 +6,7 @@
 
 #include "base/assertion.h"
 #include "base/console.h"
+#include "base/eventlog.h"
 #include "base/inifile.h"
 #include "base/textbuf.h"
 #include "remote/hostlookup.h"
@@ -97,6 +98,15 @@ static void Forget(Registration *pReg)
     UnetResetPeer(pReg->pHost, std::exchange(pReg->pServerPeer, nullptr));
 }
 
+// Not each attempt: the first that fails, and a server that was there.
+static void SayLost(Registration *pReg, const char *szReason)
+{
+    if (!pReg->bLostSaid)
+        EventSay(EventLevel::Warn, "registration.lost",
+                 {EventText("server", pReg->szServer), EventText("reason", szReason)});
+    pReg->bLostSaid = 1;
+}
+
 // One connection attempt: the name is looked up first, which may take several calls.
 static void TryConnect(Registration *pReg, int nPort)
 {
@@ -104,6 +114,8 @@ static void TryConnect(Registration *pReg, int nPort)
     int nResult = pReg->pLookup ? HostLookupResult(pReg->pLookup, &nIp) : 0;
     if (nResult < 0)
         return;
+    if (nResult == 0)
+        SayLost(pReg, "its name cannot be resolved");
     HostLookupFree(std::exchange(pReg->pLookup, nullptr));
     if (nResult > 0)
         pReg->pServerPeer = UnetConnect(pReg->pHost, nIp, nPort);
@@ -132,6 +144,8 @@ void RegistrationTick(Registration *pReg)
 
 void RegistrationConnected(Registration *pReg)
 {
+    pReg->bLostSaid = 0;
+    EventSay(EventLevel::Info, "registration.begin", {EventText("server", pReg->szServer)});
     GetDeviceInfo(pReg);
     uint8_t packet[kZupoPacketSize];
     UnetSend(pReg->pHost, pReg->pServerPeer, packet, ZupoEncodeRegister(packet, &pReg->device));
@@ -141,10 +155,15 @@ static void OnRegisterReply(Registration *pReg, const ZUPO_PACKET_HEAD *pHead, c
 {
     pReg->nSeenIp = pSeen->nIp;
     if (pHead->nResult == kZupoAccepted) {
+        if (!pReg->bRegistered)
+            EventSay(EventLevel::Info, "registration.done", {EventText("server", pReg->szServer)});
         pReg->bRegistered = 1;
         return;
     }
     Forget(pReg);
+    EventSay(EventLevel::Warn, "registration.refused",
+             {EventText("server", pReg->szServer), EventNumber("result", pHead->nResult),
+              EventNumber("retry_seconds", kRefusedPeriod)});
     pReg->nLastTime = ClockUptime() + (kRefusedPeriod - kRetryPeriod);
 }
 
@@ -191,10 +210,12 @@ void RegistrationReceive(Registration *pReg, const void *pData, size_t nLen)
 
 void RegistrationPeerGone(Registration *pReg, const _ENetPeer *pPeer)
 {
-    if (pPeer == pReg->pServerPeer)
+    if (pPeer == pReg->pServerPeer) {
+        SayLost(pReg, pReg->bRegistered ? "the connection went" : "it does not answer");
         Forget(pReg);
-    else if (pPeer == pReg->pPunchingPeer)
+    } else if (pPeer == pReg->pPunchingPeer) {
         StopPunching(pReg);
+    }
 }
 
 }  // namespace orx

@@ -29,6 +29,7 @@ struct Registration {
     HostLookup *pLookup = nullptr;       // of the rendezvous server's name, while it runs; owned
     _ENetPeer *pServerPeer = nullptr;    // the rendezvous server; not owned
     _ENetPeer *pPunchingPeer = nullptr;  // the party last punched towards; not owned
+    int bLostSaid = 0;                   // to the log of events, since it was there last
     int bRegistered = 0;
     uint32_t nLastTime = 0;  // last connection attempt or heartbeat, seconds of uptime
     DeviceInfo device;

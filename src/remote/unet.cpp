@@ -4,6 +4,9 @@
 #include <enet/enet.h>
 
 #include "base/console.h"
+#include "base/eventlog.h"
+#include "base/textbuf.h"
+#include "remote/bridgeaddr.h"
 #include "remote/unetproxy.h"
 #include "runtime/mutexguard.h"
 
@@ -38,6 +41,34 @@ static int ServiceOnce(Unet *pUnet, UnetEvent *pOut)
     return 1;
 }
 
+// szAs: the address that its connections come from here; null when it was turned away.
+static void SayCome(const char *szPeer, const char *szAs)
+{
+    if (szAs)
+        EventSayBounded(EventLevel::Info, "relay.peer_come",
+                        {EventText("peer", szPeer), EventText("as", szAs)});
+    else
+        EventSayBounded(EventLevel::Warn, "relay.peer_refused", {EventText("peer", szPeer)});
+}
+
+// A player: it gets a bridge to the RTSP port.
+static void BeginBridge(Unet *pUnet, ENetPeer *pPeer, const uint8_t *b, unsigned nPort)
+{
+    char szPeer[sizeof(UnetProxy::szPeer)], szAs[32];
+    TextBuf peer{szPeer, sizeof(szPeer)}, as{szAs, sizeof(szAs)};
+    uint32_t nAs = BridgeAddress(pPeer->incomingPeerID);
+    TextAdd(&peer, "%d.%d.%d.%d:%u", b[0], b[1], b[2], b[3], nPort);
+    TextAdd(&as, "%u.%u.%u.%u", nAs >> 24, nAs >> 16 & 0xFF, nAs >> 8 & 0xFF, nAs & 0xFF);
+    UnetProxy *pProxy = CreateUnetProxy(&pUnet->thread, &pUnet->host, pPeer, &pUnet->rtsp);
+    SayCome(szPeer, pProxy ? szAs : nullptr);
+    if (!pProxy) {
+        UnetResetPeer(&pUnet->host, pPeer);
+        return;
+    }
+    TextCopy(pProxy->szPeer, sizeof(pProxy->szPeer), szPeer);
+    ListAppend(&pUnet->proxies, pProxy);
+}
+
 static void OnConnect(Unet *pUnet, const UnetEvent *pEvent)
 {
     const auto *b = reinterpret_cast<const uint8_t *>(&pEvent->address.host);
@@ -49,11 +80,7 @@ static void OnConnect(Unet *pUnet, const UnetEvent *pEvent)
         print("A punching connected from %d.%d.%d.%d:%u.\n", b[0], b[1], b[2], b[3], nPort);
     } else {
         print("A new client connected from %d.%d.%d.%d:%u.\n", b[0], b[1], b[2], b[3], nPort);
-        UnetProxy *pProxy = CreateUnetProxy(&pUnet->thread, &pUnet->host, pEvent->pPeer, &pUnet->rtsp);
-        if (pProxy)
-            ListAppend(&pUnet->proxies, pProxy);
-        else
-            UnetResetPeer(&pUnet->host, pEvent->pPeer);
+        BeginBridge(pUnet, pEvent->pPeer, b, nPort);
     }
 }
 
@@ -97,8 +124,10 @@ static void ReapProxies(Unet *pUnet)
     auto *pProxy = ListFirstOf<UnetProxy>(&pUnet->proxies);
     while (pProxy) {
         auto *pNext = reinterpret_cast<UnetProxy *>(pProxy->node.pNext);
-        if (UnetProxyEnded(pProxy))
+        if (UnetProxyEnded(pProxy)) {
+            EventSayBounded(EventLevel::Info, "relay.peer_gone", {EventText("peer", pProxy->szPeer)});
             ListFree(&pUnet->proxies, pProxy);
+        }
         pProxy = pNext;
     }
 }
@@ -110,6 +139,8 @@ static void UnetServerEntry(Thread *pThread)
     while (!ThreadStopping(pThread)) {
         RegistrationTick(&pUnet->registration);
         ReapProxies(pUnet);
+        pUnet->nPeers = ListCount(&pUnet->proxies);
+        pUnet->bRegistered = pUnet->registration.bRegistered;
         UnetEvent event;
         int nResult = ServiceOnce(pUnet, &event);
         if (nResult > 0)

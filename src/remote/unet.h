@@ -6,6 +6,7 @@
 
 #include <netinet/in.h>
 
+#include <atomic>
 #include <cstdint>
 
 #include "base/linkedlist.h"
@@ -27,10 +28,12 @@ struct UnetSettings {
 struct Unet {
     UnetHost host;
     Thread thread;
-    int nPort = 0;              // UDP port in use
-    sockaddr_in rtsp{};         // where bridges connect to
-    Registration registration;  // with the rendezvous server
-    List proxies;               // UnetProxy, embedded nodes; owned; relay thread
+    int nPort = 0;                    // UDP port in use
+    sockaddr_in rtsp{};               // where bridges connect to
+    Registration registration;        // with the rendezvous server
+    List proxies;                     // UnetProxy, embedded nodes; owned; relay thread
+    std::atomic<unsigned> nPeers{0};  // remote players; written by the relay thread
+    std::atomic<int> bRegistered{0};  // with the rendezvous server; the same
 };
 
 // Makes the host and starts the relay thread. Returns 1, or 0 (printed) with everything undone.

@@ -27,6 +27,7 @@ struct UnetProxy {
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // guards the two below
     List queue;                                         // received packets (_ENetPacket), owned
     size_t nQueued = 0;                                 // memory that they take, bytes
+    char szPeer[32] = "";                               // the peer, for the log of events; the relay's thread
 };
 
 // Connects to the RTSP port from the address of the peer's slot (BridgeAddress), ties the record to the peer

@@ -77,4 +77,13 @@ void ClockSetOffset(uint32_t nMs)
     state.nLast.store(RawMs(nMs));
 }
 
+// It never goes back, and what it was last lies far ahead.
+void ClockHold(uint32_t nMs)
+{
+    constexpr uint32_t kFarMs = 1U << 30;
+    ClockState &state = State();
+    state.nOffset.store(nMs - RawMs(0) - kFarMs);
+    state.nLast.store(nMs);
+}
+
 }  // namespace orx

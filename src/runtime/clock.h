@@ -35,5 +35,8 @@ inline int64_t ClockNs(clockid_t nClock = CLOCK_MONOTONIC)
 // first reading, starts the clocks at such an offset: 4294967296 - uptime * 1000 - 5000 lets a program wrap
 // after five seconds.
 void ClockSetOffset(uint32_t nMs);
+// Holds ClockMs at nMs, for up to twelve days or until it is held or set again: tests that tell what happens
+// after so many milliseconds do not depend on how busy the machine is.
+void ClockHold(uint32_t nMs);
 
 }  // namespace orx

@@ -9,6 +9,7 @@
 #include <cerrno>
 
 #include "base/console.h"
+#include "base/eventlog.h"
 #include "base/fdguard.h"
 
 namespace orx {
@@ -52,8 +53,10 @@ int DescriptorsSpare(int nWanted)
 {
     int nLeft = DescriptorsLeft();
     int bShort = nLeft < kDescriptorsKept + nWanted;
-    if (bShort && !g_bShort.exchange(1))
+    if (bShort && !g_bShort.exchange(1)) {
         print("Only %d descriptors are left: no more connections by the web port and the relay.\r\n", nLeft);
+        EventSayBounded(EventLevel::Warn, "descriptors.short", {EventNumber("left", nLeft)});
+    }
     if (nLeft > kDescriptorsKept + kSomeMore)
         g_bShort = 0;
     return !bShort;

@@ -6,6 +6,7 @@
 
 #include "base/assertion.h"
 #include "base/console.h"
+#include "base/eventlog.h"
 
 namespace orx {
 
@@ -64,6 +65,7 @@ int PortMgrAlloc(PortMgr *pPortMgr)
         return nPort;
     }
     print("FULL! PortManager can not allocate new pair port!\r\n");
+    EventSayBounded(EventLevel::Warn, "ports.used_up", {EventNumber("first", pPortMgr->nStartPort)});
     return 0;
 }
 

@@ -29,6 +29,13 @@ int SockLastError()
     return errno;
 }
 
+int SockTakeError(int fd)
+{
+    int nError = 0;
+    socklen_t nSize = sizeof(nError);
+    return getsockopt(fd, SOL_SOCKET, SO_ERROR, &nError, &nSize) == 0 ? nError : 0;
+}
+
 void SockClose(int fd)
 {
     if (fd >= 0)

@@ -11,9 +11,10 @@ namespace orx {
 constexpr size_t kAddrTextSize = 56;  // an IPv6 address (45 characters) as "[...]:65535" and a NUL, with room
 
 int SockLastError();
-void SockClose(int fd);                                          // ignores negative descriptors
-int SockSetNonBlock(int fd, int bOn);                            // 1 or 0
-int SockSetReuseAddr(int fd, int bOn);                           // 1 or 0
+int SockTakeError(int fd);              // what its connection failed with, an errno, once; 0: it did not
+void SockClose(int fd);                 // ignores negative descriptors
+int SockSetNonBlock(int fd, int bOn);   // 1 or 0
+int SockSetReuseAddr(int fd, int bOn);  // 1 or 0
 int SockSetOption(int fd, int nLevel, int nOption, int nValue);  // 1 or 0
 // A peer whose network vanished is noticed after a minute of silence, and the connection ends by itself.
 void SockSetKeepAlive(int fd);

@@ -111,7 +111,6 @@ struct Cast {
 
 static void SetUp(Cast *pCast, char c, std::string *pFirst)
 {
-    g_settings.bStandardPushers = c == 'P';
     Start(&pCast->pusher, MakeRequest("ANNOUNCE", 1, "Content-Type: application/sdp\r\n", g_sdp), 3);
     if (c == 'p' || c == 'P' || c == 'v') {
         pCast->player = std::make_unique<Connection>();
@@ -137,6 +136,7 @@ static void Play(const std::string &input)
     size_t nLine = std::min(input.find('\n'), input.size()), nWho = nLine > 0 && nLine < input.size();
     auto pieces = nLine < input.size() ? Cut(input.substr(nWho, nLine - nWho), input.substr(nLine + 1))
                                        : std::vector<std::string>{input};
+    g_settings.bStandardPushers = nWho && input[0] == 'P';  // who connects keeps it
     Cast cast;
     SetUp(&cast, nWho ? input[0] : 'f', &pieces[0]);
     for (size_t i = 0; i < pieces.size(); i++) {

@@ -35,8 +35,7 @@ static void Record(const std::string &text)
 static void Read(const char *szText, int bLive, int bStandard)
 {
     Description desc;
-    g_settings.bStandardPushers = bStandard;
-    if (!SdpParse(&desc, szText, bLive, 0))
+    if (!SdpParse(&desc, szText, bLive, 0, bStandard))
         return;
     ORX_ASSERT(desc.nTrackCount >= 1 && desc.nTrackCount <= kMaxMediaInfos, "one to eight tracks");
     for (int i = 0; i < desc.nTrackCount; i++)

@@ -139,7 +139,8 @@ class Gst(Child):
                "too big, reset skew", "[dD]elayed linking", "has no handler with id", "Timed out waiting for TEARDOWN",
                "gst_event_set_seqnum: assertion", "colorimetry", "(receive|PAUSE) interrupted")
     CUT_OFF = "writev_bytes: Operation was cancelled"
-    schemes = {"tcp": "rtspt", "udp": "rtspu", "http": "rtsph"}
+    schemes = {"tcp": "rtspt", "udp": "rtspu", "http": "rtsph", "tls": "rtspst", "https": "rtspsh"}
+    UNKNOWN = "tls-validation-flags=0"  # takes any certificate
 
     def __init__(self, name, folder, arguments, pictures=False, program=("gst-launch-1.0", "-q", "-e")):
         scan_plugins()
@@ -171,8 +172,8 @@ class GstPlayer(Gst):
                  decoder="rtph264depay ! h264parse ! avdec_h264 ! videoconvert"):
         location = url.replace("rtsp", self.schemes[transport], 1)
         super().__init__("%s-%s" % (name, transport), folder, (
-            "rtspsrc location=%s latency=500 ! %s ! video/x-raw,format=I420 ! identity eos-after=%d ! "
-            "fdsink fd=1 sync=false" % (location, decoder, frames + 8)).split(), pictures=True)
+            "rtspsrc location=%s %s latency=500 ! %s ! video/x-raw,format=I420 ! identity eos-after=%d ! "
+            "fdsink fd=1 sync=false" % (location, self.UNKNOWN, decoder, frames + 8)).split(), pictures=True)
         self.frames = frames
 
     def wait(self, seconds):

@@ -11,7 +11,8 @@ TOP = """# Every encoder, every player
 
 Made by `tests/interop/matrix.py --all --write docs/interop.md` from real runs on loopback, with the configuration as it
 is shipped (`[INTEROP]` keys as in [cfg/orx.cfg](../cfg/orx.cfg)); changes by hand are lost. Six players run at a time on
-two cores, which the times to the first picture include. How to run parts of it: [tools.md](tools.md#the-matrix).
+two cores, which the times to the first picture include. How to run parts of it: [tools.md](tools.md#the-matrix);
+how to push and play by hand: [recipes.md](recipes.md).
 """
 LEGEND = """A cell stands for TCP · UDP · HTTP tunnel, an exported one for MP4 · MKV.
 
@@ -27,27 +28,6 @@ LEGEND = """A cell stands for TCP · UDP · HTTP tunnel, an exported one for MP4
 killed and comes back, and the stamps in the file rise strictly over both. Recordings are played from the third second of
 eight to their end, by rtspsrc from their begin."""
 TITLES = {"live": "Live", "recorded": "Recorded, with a seek", "exported": "Exported by `orxzmf export`"}
-RECIPES = """## Recipes
-
-```sh
-# push; without -rtsp_transport ffmpeg takes UDP
-ffmpeg -re -i film.mp4 -c copy -f rtsp -rtsp_transport tcp rtsp://HOST:8554/live/cam
-ffmpeg -f v4l2 -i /dev/video0 -f alsa -i default -c:v libx264 -preset veryfast -tune zerolatency -g 50 -c:a aac \\
-    -f rtsp -rtsp_transport tcp rtsp://HOST:8554/live/cam
-ffmpeg -f v4l2 -i /dev/video0 -c:v mjpeg -huffman default -force_duplicated_matrix 1 -f rtsp rtsp://HOST:8554/live/cam
-gst-launch-1.0 v4l2src ! videoconvert ! x264enc tune=zerolatency key-int-max=50 ! \\
-    rtspclientsink location=rtsp://HOST:8554/live/cam
-# watch; "http" and rtsph:// are the tunnel
-ffplay -rtsp_transport tcp rtsp://HOST:8554/live/cam
-mpv --rtsp-transport=udp rtsp://HOST:8554/live/cam
-gst-play-1.0 rtspt://HOST:8554/live/cam
-gst-launch-1.0 rtspsrc location=rtsph://HOST:8554/live/cam ! rtph264depay ! avdec_h264 ! autovideosink
-# keep, and play what was recorded from its third second on
-ffmpeg -rtsp_transport tcp -i rtsp://HOST:8554/live/cam -c copy cam.mkv
-mpv --start=3 rtsp://HOST:8554/PATH/NAME.zmf
-orxzmf export NAME.zmf film.mp4
-```
-"""
 REPLIES = """## Replies to each method
 
 One request on a connection in each state, over TCP, UDP and, for players, the HTTP tunnel; where they differ, each is
@@ -119,7 +99,6 @@ class Results:
             yield from self._table(mode)
         yield "\n## What does not work, and why\n"
         yield from ("%d. %s" % item for item in enumerate(causes, 1))
-        yield "\n" + RECIPES
         yield REPLIES
         yield from conformance.rows(self.data["replies"])
 

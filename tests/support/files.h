@@ -4,8 +4,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <string>
+#include <utility>
 
 namespace orx {
 
@@ -32,7 +33,9 @@ inline void WriteFile(const std::string &path, const std::string &content)
 inline std::string ReadFile(const std::string &path)
 {
     std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
+    std::ostringstream out;
+    out << in.rdbuf();  // not byte by byte: recordings have many
+    return std::move(out).str();
 }
 
 }  // namespace orx

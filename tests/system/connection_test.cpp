@@ -365,7 +365,7 @@ TEST_F(ConnectionTest, NothingStaysOfThoseThatWent)
         nDescriptors = server.Descriptors();
     }
     ExpectLeft(0, 2);
-    EXPECT_LT(server.ResidentKb(), nResident + (kSanitized ? 100000 : 1024));
+    EXPECT_LT(server.ResidentKb(), nResident + (kSanitized || kEmulated ? 100000 : 1024));
     const std::string output = server.Output();
     EXPECT_EQ(CountText(output, "Assertion `session->Reply' failed."), CountText(output, "Assertion"));
     // and media ports are all there again

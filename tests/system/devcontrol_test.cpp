@@ -10,8 +10,6 @@ using namespace orx;
 using namespace std::string_literals;
 using testing::HasSubstr;
 
-const std::string kAction = "CamAction: up\r\n", kVoice = "Content-Type: audio/amr\r\n";
-const std::string kGetCfg = "GetInfoType: getcamcfg\r\n";
 const std::string kNoControl = Reply("400 Bad Request(no CAMCONTROL yet)");
 
 struct DevControlTest : SystemTest {

@@ -16,7 +16,7 @@ using testing::EndsWith;
 
 const std::string kUnauthorized = Reply("401 Unauthorized"), kInternal = Reply("501 Internal error");
 
-std::string Auth(const std::string &user, const std::string &password)
+std::string UserToken(const std::string &user, const std::string &password)
 {
     return "UserAuth: " + RtspUserToken(user, password) + "\r\n";
 }
@@ -24,7 +24,7 @@ std::string Auth(const std::string &user, const std::string &password)
 struct DirectCfgTest : SystemTest {
     // of this test alone, wherever it lies
     const std::string newCfg = std::string("[VIDEO]\r\nQuality=5\r\n\0%s", 22) + std::to_string(getpid());
-    const std::string admin = Auth("root", "rootpw");
+    const std::string admin = UserToken("root", "rootpw");
     RtspClient client;
 
     void Start()
@@ -43,7 +43,8 @@ struct DirectCfgTest : SystemTest {
 TEST_F(DirectCfgTest, ReadsTheServersConfiguration)
 {
     Start();
-    for (const std::string &auth : {std::string(), Auth("root", "x"), "UserName: root\r\n" + Auth("", "rootpw")})
+    for (const std::string &auth :
+         {std::string(), UserToken("root", "x"), "UserName: root\r\n" + UserToken("", "rootpw")})
         EXPECT_EQ(kUnauthorized, GetCfg(auth)) << auth;
     std::string text = ReadFile(server.ConfigPath());
     EXPECT_EQ(Reply("200 OK", kPlain + "Content-length: " + std::to_string(text.size()) + "\r\n") + text,
@@ -58,8 +59,8 @@ TEST_F(DirectCfgTest, ReadsTheServersConfiguration)
         WriteFile(server.ConfigPath(), szUsers);
         for (const char *szUser : {"", "anonymous", "a"})
             for (const char *szPassword : {"", "p"}) {
-                EXPECT_EQ(kUnauthorized, GetCfg(Auth(szUser, szPassword))) << szUsers << szUser;
-                EXPECT_EQ(kUnauthorized, SetCfg(Auth(szUser, szPassword), newCfg)) << szUsers << szUser;
+                EXPECT_EQ(kUnauthorized, GetCfg(UserToken(szUser, szPassword))) << szUsers << szUser;
+                EXPECT_EQ(kUnauthorized, SetCfg(UserToken(szUser, szPassword), newCfg)) << szUsers << szUser;
             }
     }
     WriteFile(server.ConfigPath(), "");
@@ -180,9 +181,9 @@ struct CameraTest : DirectCfgTest {
 TEST_F(CameraTest, GetsItsNewConfiguration)
 {
     MakeCamera();
-    for (const auto &[auth, text] : {std::pair{std::string(), newCfg}, {"", ""}, {Auth("root", "x"), newCfg}})
+    for (const auto &[auth, text] : {std::pair{std::string(), newCfg}, {"", ""}, {UserToken("root", "x"), newCfg}})
         EXPECT_EQ(kUnauthorized, SetCfg(auth, text));
-    EXPECT_EQ(Reply("400 Bad Request"), SetCfg(Auth("root", "x"), ""));
+    EXPECT_EQ(Reply("400 Bad Request"), SetCfg(UserToken("root", "x"), ""));
     EXPECT_EQ("", Command()) << "it is refused before the queue is touched";
     EXPECT_EQ("", FindNewCfg());
 

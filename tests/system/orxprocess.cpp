@@ -64,6 +64,8 @@ void ChildProcess::Spawn(const std::string &program, const std::vector<std::stri
         dup2(in.fd, 0);
         dup2(out.fd, 1);
         dup2(out.fd, 2);
+        for (int fd : closed)
+            close(fd);
         signal(SIGPIPE, SIG_DFL);
         execvp(argv[0], argv.data());
         _exit(127);
@@ -103,7 +105,9 @@ const std::string &ChildProcess::Output() const
 {
     std::ifstream in(dir.File("output"), std::ios::binary);
     in.seekg(static_cast<std::streamoff>(output.size()));
-    output.append(std::istreambuf_iterator<char>(in), {});
+    std::ostringstream more;
+    more << in.rdbuf();
+    output += more.str();
     return output;
 }
 
@@ -129,6 +133,20 @@ OrxProcess::OrxProcess()
                       "\nUdpStartPort=" + std::to_string(nUdpStart) +
                       "\nUdpEndPort=" + std::to_string(nPort + kBlockPorts - 4));
     Set("GUARD", "RunUnprivileged=1");
+}
+
+// What a key had before makes way: twice would be a doubt.
+void OrxProcess::Set(const std::string &section, const std::string &lines)
+{
+    std::istringstream given(lines);
+    std::string &text = settings[section];
+    for (std::string line; std::getline(given, line);) {
+        std::string key = "\n" + line.substr(0, line.find('=') + 1);
+        size_t nAt = key.size() > 1 ? ("\n" + text).find(key) : std::string::npos;
+        if (nAt != std::string::npos)
+            text.erase(nAt, text.find('\n', nAt) + 1 - nAt);
+    }
+    text.insert(0, lines + "\n");
 }
 
 void OrxProcess::Launch(const std::vector<std::string> &arguments)

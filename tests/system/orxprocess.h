@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/emulated.h"
 #include "support/files.h"
 #include "support/sockets.h"
 #include "support/wait.h"
@@ -58,7 +59,8 @@ struct ChildProcess {
     bool WaitOutput(const std::string &text, int nTimes = 1, size_t nFrom = 0) const;
 
     TempDir dir;
-    pid_t pid = -1;  // -1: not running
+    std::vector<int> closed;  // standard streams that it starts without
+    pid_t pid = -1;           // -1: not running
 
 private:
     Sock input;
@@ -84,7 +86,7 @@ struct OrxProcess : ChildProcess {
 
     // Lines of a section of the configuration, before it is started; of one key the last one that was set
     // counts.
-    void Set(const std::string &section, const std::string &lines) { settings[section].insert(0, lines + "\n"); }
+    void Set(const std::string &section, const std::string &lines);
     void Set(const std::string &section, const std::string &key, const std::string &value)
     {
         Set(section, key + "=" + value);

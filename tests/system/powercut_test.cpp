@@ -176,10 +176,10 @@ struct CutDisk {
 
 TEST(PowerCut, LosesTenSecondsAtMost)
 {
-    InChildProcess("may not mount an image, or has no mkfs.ext4", [] {
+    InChildProcess("may not mount an image, or has no mkfs.ext4, or an emulator that cannot ask for the cut", [] {
         TempDir place;
         CutDisk disk{place.File("image"), place.File("rec")};
-        if (!EnterNamespaces(CLONE_NEWNS) || !disk.Make())
+        if (kEmulated || !EnterNamespaces(CLONE_NEWNS) || !disk.Make())
             return false;
         LastSeconds trial(disk.dir);
         std::mt19937 random{20260102};

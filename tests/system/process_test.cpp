@@ -49,7 +49,7 @@ TEST_F(ProcessTest, SaysWhatItIsAndWhatItReads)
         {{"-c", "other.cfg", "-cfoo", "my.cfg"}, parent + "/cfg/my.cfg"},
         {{"-c", parent + "/other.cfg"}, parent + "/other.cfg"},
         {{"-c", relative}, relative},
-        {{"-C", "my.cfg", "--help", "daemond", "-c"}, parent + "/cfg/orx.cfg"},
+        {{"-C", "my.cfg", "--daemond", "daemond", "-c"}, parent + "/cfg/orx.cfg"},
     };
     for (const auto &c : cases) {
         server.Spawn(program, c.arguments);
@@ -91,7 +91,7 @@ TEST_F(ProcessTest, StatListsSessions)
     OrxStat stat = server.Stat();
     EXPECT_EQ(0U, stat.nLives + stat.nClients + stat.sessions.size());
     EXPECT_EQ(1U, stat.nMonitors) << "the listener";
-    EXPECT_TRUE(kSanitized || server.ResidentKb() < 6 * 1024) << server.ResidentKb();
+    EXPECT_TRUE(kSanitized || kEmulated || server.ResidentKb() < 6 * 1024) << server.ResidentKb();
     RtspClient idler;
     ASSERT_EQ(1, RtspOpenPusher(&pusher, server.Url("/live/a").c_str(), CameraSdp(2)));
     ASSERT_EQ(1, RtspOpenPlayer(&player, server.Url("/live/a").c_str(), RTSP_OVER_UDP));
@@ -157,7 +157,8 @@ TEST_F(ProcessTest, DaemonIsSilentAndWritesItsState)
     for (int nSignal : {SIGINT, SIGCHLD, SIGHUP, SIGTERM})
         server.Signal(nSignal);
     EXPECT_EQ(0, server.WaitExit());
-    EXPECT_THAT(server.Output(), EndsWith("[-daemond].\r\ncfg=" + server.dir.path + "/cfg/orx.cfg\r\n"));
+    const std::string output = std::regex_replace(server.Output(), std::regex("[^\n]*/orx\\.cfg:[^\n]*\n"), "");
+    EXPECT_THAT(output, EndsWith("[-daemond].\r\ncfg=" + server.dir.path + "/cfg/orx.cfg\r\n")) << "but for doubts";
     EXPECT_THAT(ReadFile(server.LogPath()), EndsWith(": End\r\n"));
 }
 
@@ -184,9 +185,10 @@ TEST_F(ProcessTest, RunsWithoutStandardStreams)
 {
     server.Start();
     EXPECT_EQ(0, server.Quit());
-    for (const char *szClosed : {"<&-", "<&- >&- 2>&-"}) {
-        server.Spawn("/bin/sh", {"-c", std::string("exec \"$0\" -daemond ") + szClosed, server.dir.File("bin/orx")});
-        ASSERT_TRUE(WaitFor([&] { return RtspConnect(&player, server.Url("/cam").c_str()) == 1; })) << szClosed;
+    for (const auto &closed : {std::vector<int>{0}, {0, 1, 2}}) {
+        server.closed = closed;
+        server.Spawn(server.dir.File("bin/orx"), {"-daemond"});
+        ASSERT_TRUE(WaitFor([&] { return RtspConnect(&player, server.Url("/cam").c_str()) == 1; })) << closed.size();
         EXPECT_TRUE(Answers(&player));
         server.Signal(SIGTERM);
         EXPECT_EQ(0, server.WaitExit());

@@ -4,7 +4,6 @@
 
 using namespace orx;
 
-const std::string kAction = "CamAction: up\r\n", kVoice = "Content-Type: audio/amr\r\n";
 const std::string kRoot = UserHeaders("root", "rootpw"), kRecord = "ActionParam: Cmd=stop\r\n";
 const std::string kNoSdp = Refused("400 Bad Request(no SDP)"), kNoProgram = Refused("501 Internal error");
 const std::string kNotFound = Refused("404 Not Found"), kNotAllowed = Refused("401 Unauthorized");

@@ -14,7 +14,7 @@ const std::string kUsers =
     "SuperUser=root\nSuperPwd=rootpw\nNumUsers=2\nUserName0=ann\nUserPwd0=annpw\nUserLevel0=1\nUserName1=bob\n"
     "UserPwd1=bobpw";
 const std::string kCamText = "[CAM]\r\nPwd=secret\r\n[SMTP]\r\nPwd=mail\r\n";
-const std::string kGetCfg = "GetInfoType: getcamcfg\r\n", kStop = "ActionParam: Cmd=stop\r\n";
+const std::string kStop = "ActionParam: Cmd=stop\r\n";
 const std::string kAnn = "Authorization: Basic YW5uOmFubnB3\r\n", kWrong = "Authorization: Basic YW5uOng=\r\n";
 
 struct RolesTest : RecordingTest {

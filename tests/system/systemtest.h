@@ -56,6 +56,9 @@ inline std::string Options(int nCSeq)
 {
     return MakeRequest("OPTIONS", "*", nCSeq);
 }
+// Headers of the methods that ask a camera.
+inline const std::string kAction = "CamAction: up\r\n", kVoice = "Content-Type: audio/amr\r\n";
+inline const std::string kGetCfg = "GetInfoType: getcamcfg\r\n";
 // The headers by which some methods know a user.
 std::string UserHeaders(const std::string &user, const std::string &password);
 

@@ -28,11 +28,11 @@ int RtspCountHeaders(const RtspMessage *pMessage, const char *szName)
         [szName](const RtspHeader &header) { return strcasecmp(header.name.c_str(), szName) == 0; }));
 }
 
-long RtspHeaderNumber(const RtspMessage *pMessage, const char *szName, long nDefault)
+int64_t RtspHeaderNumber(const RtspMessage *pMessage, const char *szName, int64_t nDefault)
 {
     const char *szValue = RtspFindHeader(pMessage, szName);
     char *pEnd = nullptr;
-    long nValue = szValue ? strtol(szValue, &pEnd, 10) : 0;
+    int64_t nValue = szValue ? strtoll(szValue, &pEnd, 10) : 0;
     return szValue && pEnd != szValue ? nValue : nDefault;
 }
 

@@ -38,7 +38,7 @@ const char *RtspFindHeader(const RtspMessage *pMessage, const char *szName);
 // How many headers have that name.
 int RtspCountHeaders(const RtspMessage *pMessage, const char *szName);
 // The number in a header, or nDefault when there is none.
-long RtspHeaderNumber(const RtspMessage *pMessage, const char *szName, long nDefault);
+int64_t RtspHeaderNumber(const RtspMessage *pMessage, const char *szName, int64_t nDefault);
 
 // Takes the first message out of what was received. Returns the bytes that it covers, 0 when it is not
 // complete yet, -1 when it can never be one (a body length that is no number).

@@ -1,5 +1,5 @@
 // The user accounts that an INI text lists, taken apart once: a text is as long as a peer makes it, and every
-// password that somebody tries asks for it. Scheduler thread only.
+// password that somebody tries asks for it. Any thread, one at a time for each table.
 #pragma once
 
 #include <cstddef>

@@ -68,6 +68,15 @@ Port *CreateTcpPort(int fd)
     return pPort;
 }
 
+void PortNamePeer(Port *pPort, const NetAddr *pPeer)
+{
+    if (pPeer)
+        pPort->remote = *pPeer;
+    pPort->nFlags |= PORT_FRONTED;
+    if (IsBridgeAddress(SockGetIp(&pPort->remote)))
+        pPort->nFlags |= PORT_RELAYED;
+}
+
 // Closes the socket and frees the record of a UDP port that could not be made.
 static Port *RefuseUdp(Port *pPort)
 {

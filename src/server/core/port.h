@@ -23,6 +23,8 @@ enum : uint16_t {
     PORT_NO_SEGMENTS = 0x400,   // UDP: the path to the peer takes single datagrams only
     PORT_RELAYED = 0x800,       // the connection of a bridge: its peer is a stranger behind the relay
     PORT_HANDED_OVER = 0x1000,  // came in by the web port
+    PORT_FRONTED = 0x2000,      // came through a front, which named the peer ([INTEROP] ProxyProtocolFrom)
+    PORT_AWAITS_PEER = 0x4000,  // of a front that has not named it yet: no session has it
 };
 
 struct Port {
@@ -41,6 +43,9 @@ struct Port {
 
 // Takes over a connected socket and watches it for reading; null when that fails, the socket is then closed.
 Port *CreateTcpPort(int fd);
+
+// Notes the peer that a front named for the connection; null: it named none, and its own address stays.
+void PortNamePeer(Port *pPort, const NetAddr *pPeer);
 
 // Opens a UDP socket on the local address, aimed at the remote one of the same family, and watches it for
 // reading; null on failure. Of the addresses the ports do not count: those given do, host order and not 0.

@@ -74,6 +74,7 @@ int ProgramReady(Program *pProg)
     if (pProg->bLive &&
         (ProgramFind(pProg->Uri) || !AvlInsert(&g_server.programMap, AvlTextKey(pProg->Uri), pProg)))
         return 0;
+    pProg->nNumber = ++g_server.counted.nPrograms;
     return ListAppend(&g_server.programs, pProg);
 }
 
@@ -148,8 +149,10 @@ void ProgramAttach(Session *pSession, Program *pProg)
     ForgetViewer(pSession);
     pProg->nRefs++;
     pSession->pProg = pProg;
-    if (pProg->pPusher != pSession)
-        ListSortInsert(&pProg->players, pSession);
+    if (pProg->pPusher == pSession)
+        return;
+    ListSortInsert(&pProg->players, pSession);
+    pProg->bTimesQueues |= pSession->standards.bPlayers;
 }
 
 void ProgramDetach(Session *pSession)

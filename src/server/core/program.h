@@ -42,6 +42,7 @@ struct MediaClock {
     uint32_t nTimeShift = 0;    // added to its ms, so that all tracks share a time line that does not jump
     uint32_t nMs = 0;           // what the last packet got, where jumps do not show
     uint32_t nArrivedMs = 0;    // and ClockMs then
+    int bKept = 0;              // on the line of the program: as the settings said at the first packet
     ReportClock report;
 };
 
@@ -100,6 +101,25 @@ struct TrackReport {
     uint32_t nFirstMs = 0;  // ClockMs at the first one
 };
 
+// What came of a live track, for who watches the server: counts, and where they stood at the last looks (see
+// statusfacts.h).
+constexpr unsigned kMeterLooks = 6;
+struct MeterLook {
+    uint32_t nAtMs = 0;  // ClockMs; 0: none
+    uint32_t nOctets = 0;
+    uint32_t nPictures = 0;
+};
+struct TrackMeter {
+    uint32_t nPictures = 0;  // RTP time stamps, one after the other
+    uint32_t nKeys = 0;
+    uint32_t nKeyMs = 0;  // media time of the last key frame, ms
+    uint32_t nKeyDistanceMs = 0;
+    unsigned nLooks = 0;  // in all
+    MeterLook looks[kMeterLooks];
+    uint32_t nSeenMs = 0;  // ClockMs of the last look that found more packets than the one before
+    uint32_t nSeenPackets = 0;
+};
+
 struct MediaInfo {
     uint32_t nMediaType = 0;        // MEDIA_...
     const Codec *pCodec = nullptr;  // of video always; of audio null when it is not known
@@ -118,6 +138,7 @@ struct MediaInfo {
     MediaClock clock;
     TrackRewrite rewrite;
     TrackReport report;
+    TrackMeter meter;
     int bOpenPicture = 0;     // LowDelay: of video, the last packet did not end its picture
     uint32_t nOpenStamp = 0;  // its RTP time stamp
 };
@@ -212,6 +233,8 @@ struct AlwaysRecorded {
     int bFailed = 0;                // the last one could not be opened, which was said
     uint32_t nTriedMs = 0;          // ClockMs when the last one was over, with bTried
     int bTried = 0;
+    int bRenew = 0;  // from nRenewMs (ClockMs) on the next key frame ends it and begins one anew
+    uint32_t nRenewMs = 0;
 };
 
 // A flush of the players that takes several tasks.
@@ -230,6 +253,7 @@ struct PlayerFlush {
 // The wait for a pusher that has gone (see hold.h).
 struct PusherHold {
     int32_t nNumber = 0;  // of the wait; 0: there is none
+    uint32_t tSince = 0;  // uptime in seconds when it began
 };
 
 // What is added to the wall clock in a pusher's reports, so that its players see that of the first one go on
@@ -242,16 +266,20 @@ struct ReportShift {
 struct Program {
     ListNode node;  // first: the program list maps an item to itself
     const ProgramOps *pOps = nullptr;
-    char *Uri = nullptr;           // owned; path, beginning with '/'
-    char szName[16] = "";          // generated; CNAME of reports
-    int bLive = 0;                 // fed by a pusher, not read from a recording
-    uint32_t nRefs = 0;            // sessions attached, the pusher's included
-    uint32_t tBorn = 0;            // uptime at creation
-    uint32_t nBornMs = 0;          // ClockMs() then
-    List players;                  // attached sessions that are not the pusher, in order of creation
-    Session *pPusher = nullptr;    // not owned; null once the pusher has gone, and for recordings
-    char szAnnouncer[64] = "";     // AnnounceAuth: the user who announced it
-    FileReader *reader = nullptr;  // of a recording; null for live
+    char *Uri = nullptr;   // owned; path, beginning with '/'
+    char szName[16] = "";  // generated; CNAME of reports
+    int bLive = 0;         // fed by a pusher, not read from a recording
+    Standards standards = StandardsNow();
+    int bTimesQueues = 0;               // a player has come whose queue is bounded in time
+    uint32_t nRefs = 0;                 // sessions attached, the pusher's included
+    uint32_t nNumber = 0;               // in order of creation; wraps
+    uint32_t tBorn = 0;                 // uptime at creation
+    uint32_t nBornMs = 0;               // ClockMs() then
+    List players;                       // attached sessions that are not the pusher, in order of creation
+    Session *pPusher = nullptr;         // not owned; null once the pusher has gone, and for recordings
+    const char *szPusherEnd = nullptr;  // why the last one went, in words; static
+    char szAnnouncer[64] = "";          // AnnounceAuth: the user who announced it
+    FileReader *reader = nullptr;       // of a recording; null for live
     Recorder *recorders[kMaxRecorders] = {};
     int nRecorders = 0;
     AlwaysRecorded always;  // beside those
@@ -277,6 +305,12 @@ inline Program *FirstProgram()
 inline Program *NextProgram(const Program *pProg)
 {
     return reinterpret_cast<Program *>(pProg->node.pNext);
+}
+
+// Whether pictures leave for the players of a program as soon as they are whole.
+inline int HasLowDelay(const Program *pProg)
+{
+    return g_settings.bLowDelay && pProg->standards.bPlayers;
 }
 
 // The players of a program, in order of creation; null at the end. A walk takes the next one before it does

@@ -1,8 +1,20 @@
 #include "server/core/registry.h"
 
+#include "base/textbuf.h"
+
 namespace orx {
 
 ServerConfig g_server;
+
+void ListenerNote(const char *szName, const char *szAddress, int nErrno)
+{
+    if (g_server.nListeners == kMaxListeners)
+        return;
+    ServerListener *pListener = &g_server.listeners[g_server.nListeners++];
+    pListener->szName = szName;
+    TextCopy(pListener->szAddress, sizeof(pListener->szAddress), szAddress);
+    pListener->nErrno = nErrno;
+}
 
 void RegistryInit(int (*pfnFreePort)(AvlNode *pNode))
 {

@@ -26,6 +26,23 @@ struct EventProcs {
     int (*pfnRead)(int fd) = nullptr;
 };
 
+// A socket that others come to. One that could not be opened stays in the table, with why.
+struct ServerListener {
+    const char *szName;   // "rtsp", "web", "relay", "status"; static
+    char szAddress[112];  // as it is written in a URL, or the path of a Unix socket
+    int nErrno;           // 0: it listens
+};
+constexpr unsigned kMaxListeners = 4;
+
+// What only rises while the server runs.
+struct ServerCounts {
+    uint64_t nBytesReceived = 0;
+    uint64_t nBytesSent = 0;  // that sockets took
+    uint32_t nSessions = 0;   // made
+    uint32_t nPrograms = 0;
+    uint64_t nPackets = 0;  // of media, from pushers
+};
+
 struct ServerConfig {
     Auth *pAuth = nullptr;  // owned
     List sessions;          // every Session, in order of creation; embedded nodes
@@ -38,15 +55,23 @@ struct ServerConfig {
     Scheduler scheduler;
     EventProcs events;
     PortMgr *pPortMgr = nullptr;  // owned
+    int bIpv6 = 0;                // it was started to listen on an IPv6 address
     AddrList announceFrom;        // [GUARD] AnnounceFrom
+    AddrList proxyFrom;           // [INTEROP] ProxyProtocolFrom
     int64_t nCachedBytes = 0;     // of memory, that the caches of all programs take
     int64_t nQueuedBytes = 0;     // the same of the media that waits for all sessions
-    int nMaxRegisterId = 0;       // number of the next name that REGISTER gives; the disk thread's
+    ServerCounts counted;
+    int nMaxRegisterId = 0;  // number of the next name that REGISTER gives; the disk thread's
+    ServerListener listeners[kMaxListeners] = {};
+    unsigned nListeners = 0;
     ProgramHook pfnProgramHook = nullptr;
     void *pProgramHookContext = nullptr;
 };
 
 extern ServerConfig g_server;
+
+// Notes how opening a listener went. While the server starts: main thread.
+void ListenerNote(const char *szName, const char *szAddress, int nErrno);
 
 // Readies the lists and maps. pfnFreePort: free procedure of the port map.
 void RegistryInit(int (*pfnFreePort)(AvlNode *pNode));

@@ -19,9 +19,9 @@ struct RequestHeader {
 };
 
 // Standard clients send headers that nothing here asks for.
-static int TakesStandard()
+static int TakesStandard(const Request *pRequest)
 {
-    return g_settings.bStandardPushers || g_settings.bStandardPlayers;
+    return pRequest->standards.bPushers || pRequest->standards.bPlayers;
 }
 
 // A run of bytes inside the block that is parsed.
@@ -158,7 +158,7 @@ static int ParseStartLine(Request *pRequest, Span line)
     Span uri = TakeToken(&line);
     if (!SetUri(&pRequest->uri, uri))
         return 0;
-    if (g_settings.bStandardPlayers)
+    if (pRequest->standards.bPlayers)
         SetBase(pRequest, uri);
     auto *pSlash = static_cast<const char *>(memchr(line.p, '/', line.Size()));
     if (!pSlash || !SetText(&pRequest->protocol, {line.p, pSlash}))
@@ -169,10 +169,10 @@ static int ParseStartLine(Request *pRequest, Span line)
 
 // Whether a name may come again: "User-Agent", which nothing here reads, because some players' extensions add
 // a second one; of standard clients whatever does not tell where the message ends. The first one counts.
-static int MayRepeat(const char *szName)
+static int MayRepeat(const Request *pRequest, const char *szName)
 {
     return strcasecmp(szName, "User-Agent") == 0 ||
-           (TakesStandard() && strcasecmp(szName, "Content-Length") != 0);
+           (TakesStandard(pRequest) && strcasecmp(szName, "Content-Length") != 0);
 }
 
 // Enters a header. A name that came before makes the request malformed, unless it may be repeated.
@@ -185,7 +185,7 @@ static int AddHeader(Request *pRequest, Span name, Span value)
     SetText(&pHeader->value, value);
     AvlKey key = AvlTextKey(StrText(pHeader->name));
     int bRepeated = AvlFind(&pRequest->headers, key) != nullptr;
-    int bMayRepeat = bRepeated && MayRepeat(StrText(pHeader->name));
+    int bMayRepeat = bRepeated && MayRepeat(pRequest, StrText(pHeader->name));
     if (!bRepeated && AvlInsert(&pRequest->headers, key, pHeader))
         return 1;
     StrDestroy(&pHeader->name);
@@ -211,7 +211,7 @@ static int ParseHeaderLine(Request *pRequest, Span rest, const char *pEnd)
     Span value{pColon + 1, pEnd};
     while (value.p < value.pEnd && TextIsSpace(*value.p))
         value.p++;
-    if (name.Size() > 0 && value.Size() == 0 && TakesStandard())
+    if (name.Size() > 0 && value.Size() == 0 && TakesStandard(pRequest))
         return 1;  // as if it were not there
     if (name.Size() == 0 || value.Size() == 0)
         return -1;

@@ -8,6 +8,7 @@
 
 #include "base/avl.h"
 #include "base/faststring.h"
+#include "server/core/settings.h"
 
 namespace orx {
 
@@ -16,8 +17,9 @@ constexpr uint32_t kMaxHeadBytes = 4096;  // a header block is shorter than this
 constexpr int kBadAnswer = -1;
 
 struct Request {
-    int bParsed = 0;        // a header block was parsed and waits for its body or its dispatch
-    uint16_t nHeadLen = 0;  // bytes of that block, the empty line included
+    Standards standards = StandardsNow();  // of the session that it is read for
+    int bParsed = 0;                       // a header block was parsed and waits for its body or its dispatch
+    uint16_t nHeadLen = 0;                 // bytes of that block, the empty line included
     Str method = nullptr;
     Str uri = nullptr;       // percent-decoded
     Str base = nullptr;      // for standard peers: as it came, without query and '/' at its end; else null

@@ -18,13 +18,19 @@ constexpr uint32_t kVideoSampleBits = 10000;  // of video, which has none: a val
 constexpr int kPlainSections = 4;             // without StandardPushers
 constexpr int kCarriedRate = 90000;           // Hz, of what is carried without one: nobody counts on it
 
+// As whom a description is read.
+struct Reading {
+    int bStandard;  // by StandardPushers
+    CodecUser nUser;
+};
+
 // Enters the kind of section i. Returns 0 for one that is not to be counted.
-static int EnterKind(Description *pDesc, int i, std::string_view media)
+static int EnterKind(Description *pDesc, int i, std::string_view media, int bStandard)
 {
     MediaInfo *pInfo = &pDesc->mediaInfos[i];
     pInfo->nMediaType = SdpMediaKind(media);
     // cameras send what they see in sections of other kinds, which must not keep their pictures out
-    if (pInfo->nMediaType == 0 && g_settings.bStandardPushers)
+    if (pInfo->nMediaType == 0 && bStandard)
         pInfo->nMediaType = MEDIA_CARRIED;
     if (pInfo->nMediaType == MEDIA_AUDIO_OTHER) {
         pInfo->nSampleBits = 16;
@@ -62,13 +68,13 @@ static int ReadAudio(MediaInfo *pInfo, CodecUser nUser, int nChannels)
     return 1;
 }
 
-static int ReadVideo(MediaInfo *pInfo, CodecUser nUser, std::string_view text)
+static int ReadVideo(MediaInfo *pInfo, const Reading *pAs, std::string_view text)
 {
     int numbers[4];
     int nWidth = 0;
     int nHeight = 0;
     SdpFrameSize nSize = SdpReadFrameSize(text, 0, &nWidth, &nHeight);
-    if (nSize != SDP_SIZE_NONE && nSize != SDP_SIZE_GOOD && !g_settings.bStandardPushers)
+    if (nSize != SDP_SIZE_NONE && nSize != SDP_SIZE_GOOD && !pAs->bStandard)
         return 0;
     if (nSize == SDP_SIZE_NONE && SdpReadClipRect(text, numbers)) {
         nHeight = numbers[2];
@@ -76,27 +82,27 @@ static int ReadVideo(MediaInfo *pInfo, CodecUser nUser, std::string_view text)
     }
     pInfo->nWidth = static_cast<uint32_t>(nWidth);
     pInfo->nHeight = static_cast<uint32_t>(nHeight);
-    if (!EnterCodec(pInfo, nUser))
+    if (!EnterCodec(pInfo, pAs->nUser))
         print("Unsupported video format: %s!\r\n", PrintableText(pInfo->szEncoding).sz);
     return 1;
 }
 
 // Standard encoders name a track in words of their own ("stream=1", "streamid=0") and list tracks in any
 // order: its number is that of the section's own control line, which SETUP will repeat.
-static int ChooseTrackId(int i, const SdpSection &section)
+static int ChooseTrackId(int i, const SdpSection &section, int bStandard)
 {
     int nTrackId = i;
     if (!SdpReadTrackId(section.rest, &nTrackId))
         print("Not a goold SDP: no trackID field!\r\n");
-    int nNumber = g_settings.bStandardPushers ? SdpReadControlNumber(section.own) : -1;
+    int nNumber = bStandard ? SdpReadControlNumber(section.own) : -1;
     return nNumber >= 0 ? nNumber : nTrackId;
 }
 
 // The codec and the clock of a section. Returns 1, or 0 when they are not told.
-static int ReadMap(const MediaInfo *pInfo, std::string_view format, const SdpSection &section,
+static int ReadMap(const MediaInfo *pInfo, std::string_view format, const SdpSection &section, int bStandard,
                    SdpRtpMap *pMap)
 {
-    if (!g_settings.bStandardPushers)
+    if (!bStandard)
         return SdpReadRtpMap(section.rest, SDP_ANYWHERE, pMap) == 1 && pMap->nRate >= 1;
     if (SdpReadRtpMapOf(section.own, format, pMap) == 1 && pMap->nRate >= 1)
         return 1;
@@ -109,24 +115,24 @@ static int ReadMap(const MediaInfo *pInfo, std::string_view format, const SdpSec
 // Reads the attributes of a section whose kind is entered. They are searched to the end of the whole text:
 // encoders that give a section no lines of its own mean those of the next. Returns 0 when the description
 // cannot be used.
-static int ReadAttributes(MediaInfo *pInfo, CodecUser nUser, int i, std::string_view format,
+static int ReadAttributes(MediaInfo *pInfo, const Reading *pAs, int i, std::string_view format,
                           const SdpSection &section)
 {
     SdpRtpMap map;
-    pInfo->nTrackId = ChooseTrackId(i, section);
+    pInfo->nTrackId = ChooseTrackId(i, section, pAs->bStandard);
     std::string_view control = SdpReadControl(section.own);
     if (control.size() < sizeof(pInfo->szControl))
         TextCopy(pInfo->szControl, sizeof(pInfo->szControl), control);
-    if (!ReadMap(pInfo, format, section, &map))
+    if (!ReadMap(pInfo, format, section, pAs->bStandard, &map))
         return 0;
     pInfo->nPayloadType = map.nPayloadType;
     TextCopy(pInfo->szEncoding, sizeof(pInfo->szEncoding), map.name);
     pInfo->nTimeScale = static_cast<uint32_t>(map.nRate);
     pInfo->nUnitTicks = AacUnitTicks(SdpReadFormat(section.own), pInfo->nTimeScale);
     if (pInfo->nMediaType == MEDIA_AUDIO_OTHER)
-        return ReadAudio(pInfo, nUser, map.nChannels);
+        return ReadAudio(pInfo, pAs->nUser, map.nChannels);
     if (pInfo->nMediaType == MEDIA_VIDEO_OTHER)
-        return ReadVideo(pInfo, nUser, g_settings.bStandardPushers ? section.own : section.rest);
+        return ReadVideo(pInfo, pAs, pAs->bStandard ? section.own : section.rest);
     return 1;
 }
 
@@ -149,19 +155,19 @@ static int SharesTypes(const Description *pDesc)
     return 0;
 }
 
-int SdpParse(Description *pDesc, const char *szSdp, int bLive, uint32_t nDurationMs)
+int SdpParse(Description *pDesc, const char *szSdp, int bLive, uint32_t nDurationMs, int bStandard)
 {
     uint32_t nDuration = 0;
     if (!bLive)
         nDuration = nDurationMs ? nDurationMs : SdpRangeEndMs(szSdp);
     // a recording is known for what it holds, whether such are made or not
-    int bWide = !bLive || g_settings.bWideUnits || g_settings.bStandardPushers;
-    CodecUser nUser = !bWide ? CODEC_PROGRAM : CODEC_WIDE_PROGRAM;
+    int bWide = !bLive || g_settings.bWideUnits || bStandard;
+    const Reading as{bStandard, !bWide ? CODEC_PROGRAM : CODEC_WIDE_PROGRAM};
     pDesc->nTrackCount = 0;
     SdpWalk walk = SdpSections(szSdp, SDP_LINE_OR_CR);
     SdpSection section;
     // what no player can set up is left out, and is no reason to refuse the rest
-    int nMost = g_settings.bStandardPushers ? std::min(kMaxTracks, kMaxMediaInfos) : kPlainSections;
+    int nMost = bStandard ? std::min(kMaxTracks, kMaxMediaInfos) : kPlainSections;
     while (pDesc->nTrackCount < nMost && SdpNextSection(&walk, &section)) {
         SdpMedia media;
         if (!SdpReadMedia(section.rest, SDP_MEDIA_SCAN, &media)) {
@@ -173,17 +179,17 @@ int SdpParse(Description *pDesc, const char *szSdp, int bLive, uint32_t nDuratio
         *pInfo = MediaInfo();
         pInfo->nRtpChannel = static_cast<uint8_t>(2 * i);
         pInfo->nRtcpChannel = static_cast<uint8_t>(2 * i + 1);
-        if (!EnterKind(pDesc, i, media.media)) {
+        if (!EnterKind(pDesc, i, media.media, bStandard)) {
             print("ignore unknown media \"%s\"\n", PrintableText(media.media.data(), media.media.size()).sz);
             continue;
         }
         pInfo->nDuration = nDuration;
-        if (!ReadAttributes(pInfo, nUser, i, media.format, section))
+        if (!ReadAttributes(pInfo, &as, i, media.format, section))
             return 0;
         pDesc->nTrackCount++;
     }
     pDesc->pfnIsKeyFrame = ChooseKeyTest(pDesc);
-    pDesc->bSharedTypes = bLive && g_settings.bStandardPushers && SharesTypes(pDesc);
+    pDesc->bSharedTypes = bLive && bStandard && SharesTypes(pDesc);
     return pDesc->nTrackCount != 0;
 }
 

@@ -17,6 +17,8 @@
 #include "server/core/heldjob.h"
 #include "server/core/program.h"
 #include "server/core/registry.h"
+#include "server/core/sessionevents.h"
+#include "server/core/sessionpeer.h"
 #include "server/core/settings.h"
 
 namespace orx {
@@ -87,6 +89,9 @@ Session *CreateSession(Port *pPort)
     if (g_settings.bRtcp)
         pSession->nFlags |= SESSION_RTCP;
     pSession->peer.Cmd = pPort;
+    pSession->told.tMade = pSession->peer.tLastActivity;
+    SockAddrToString(&pPort->remote, pSession->told.szRemote);
+    g_server.counted.nSessions++;
     ListAppend(&g_server.sessions, pSession);
     AvlReplace(&g_server.sessionMap, pPort->fd, pSession);
     AvlReplace(&g_server.handleMap, static_cast<int32_t>(pSession->nHandle), pSession);
@@ -153,6 +158,7 @@ static void SessionFree(void *pRecord)
 // Ends one session, whatever becomes of its program's players.
 static void EndOne(Session *pSession)
 {
+    SessionSayEnd(pSession);
     pSession->bEnded = 1;
     ListRemove(&g_server.sessions, pSession, 0);
     AvlForget(&g_server.handleMap, static_cast<int32_t>(pSession->nHandle));
@@ -180,6 +186,9 @@ void SessionEnd(Session *pSession)
 {
     if (pSession->bEnded)
         return;
+    SessionSayEnd(pSession);  // ahead of those that end with it
+    if (FeedsProgram(pSession))
+        pSession->pProg->szPusherEnd = pSession->szEndReason;
     if (!ProgramKeep(pSession))
         SessionEndPlayers(pSession);
     EndOne(pSession);
@@ -190,6 +199,7 @@ void SessionEndPlayers(Session *pSession)
     Program *pProg = pSession->pProg;
     if (!pProg || !(pSession->nFlags & SESSION_PUSHER))
         return;
+    pProg->szPusherEnd = pSession->szEndReason;
     SessionEndAllOf(pProg);
 }
 
@@ -199,14 +209,18 @@ void SessionEndAllOf(Program *pProg)
     while (Session *pPlayer = FirstPlayer(pProg)) {
         if (pProg->pOps->pfnFarewell)
             pProg->pOps->pfnFarewell(pPlayer);
+        pPlayer->ending.szCause = pProg->szPusherEnd;
+        SessionNoteEnd(pPlayer, pProg->hold.nNumber ? "its pusher did not come back" : "its pusher has gone");
         EndOne(pPlayer);
     }
 }
 
 void SessionEndAll()
 {
-    while (Session *p = FirstSession())
+    while (Session *p = FirstSession()) {
+        SessionNoteEnd(p, kEndServer);
         EndOne(p);
+    }
 }
 
 int SessionClosePort(Session *pSession, Port *pPort)
@@ -217,7 +231,7 @@ int SessionClosePort(Session *pSession, Port *pPort)
     int bInterleaved = pSession->out.bInterleaved;
     // nothing more comes from a pusher without it, and nobody would take its place
     int bPusherGone =
-        g_settings.bStandardPushers && (pSession->nFlags & SESSION_PUSHER) && pPort == pSession->peer.Cmd;
+        pSession->standards.bPushers && (pSession->nFlags & SESSION_PUSHER) && pPort == pSession->peer.Cmd;
     // a media socket is still named by its track: it goes with the session
     if (!bIsControl || bPusherGone || (bInterleaved && (bIsReply || !pSession->peer.Reply))) {
         SessionEnd(pSession);
@@ -240,6 +254,18 @@ int SessionClosePort(Session *pSession, Port *pPort)
     return 1;
 }
 
+int SessionClosePortFor(Session *pSession, Port *pPort, const char *szWhy, int nErrno)
+{
+    const char *szBefore = pSession->szEndReason;
+    int nErrnoBefore = pSession->ending.nErrno;
+    SessionNoteErrno(pSession, szWhy, nErrno);
+    if (SessionClosePort(pSession, pPort))
+        return 1;
+    pSession->szEndReason = szBefore;
+    pSession->ending.nErrno = nErrnoBefore;
+    return 0;
+}
+
 int SessionCloseReplyPort(Session *pSession)
 {
     Port *pPort = SessionReplyPort(pSession);
@@ -247,29 +273,6 @@ int SessionCloseReplyPort(Session *pSession)
         return SessionClosePort(pSession, pPort);
     SessionEnd(pSession);
     return 1;
-}
-
-Port *SessionPeerPort(const Session *pSession)
-{
-    return pSession->peer.Cmd ? pSession->peer.Cmd : pSession->peer.Reply;
-}
-
-Port *SessionReplyPort(const Session *pSession)
-{
-    return pSession->peer.Reply ? pSession->peer.Reply : pSession->peer.Cmd;
-}
-
-Port *SessionControlPort(const Session *pSession)
-{
-    Port *pPort = SessionPeerPort(pSession);
-    return pPort && (pPort->nFlags & PORT_TUNNEL_POST) ? pSession->peer.Reply : pPort;
-}
-
-void SessionRemoteText(const Session *pSession, char *szOut)
-{
-    const Port *pPort = SessionPeerPort(pSession);
-    NetAddr none;
-    SockAddrToString(pPort ? &pPort->remote : &none, szOut);
 }
 
 static int OnSessionDelayCloseTimer(Task *pTask, uint32_t, uint32_t, uint32_t)
@@ -280,6 +283,7 @@ static int OnSessionDelayCloseTimer(Task *pTask, uint32_t, uint32_t, uint32_t)
     if (pSession->hold.pPort)  // the peer has asked again, and is to hear the answer
         return static_cast<int>(kDelayedCloseMs);
     print("OnSessionDelayCloseTimer()\r\n");
+    SessionNoteEnd(pSession, kEndAsked);
     SessionEnd(pSession);
     return -1;
 }
@@ -312,19 +316,19 @@ static int OnIdleCheck(Task *pTask, uint32_t, uint32_t, uint32_t)
     pSession = PortOfTask(pTask) ? FindSession(pPort->fd) : nullptr;  // what was read may have ended it
     if (pSession && !pSession->peer.nReceived) {
         print("Force Close Idle Connection on stocket 0x%x\r\n", pPort->fd);
-        SessionClosePort(pSession, pPort);
+        SessionClosePortFor(pSession, pPort, "nothing ever came from the peer", 0);
     }
     return -1;
 }
 
 int PlaysStandard(const Session *pSession)
 {
-    return g_settings.bStandardPlayers && pSession->pProg && !pSession->pProg->bLive;
+    return pSession->standards.bPlayers && pSession->pProg && !pSession->pProg->bLive;
 }
 
 int IsStandardPeer(const Session *pSession)
 {
-    return pSession->nFlags & SESSION_PUSHER ? g_settings.bStandardPushers : g_settings.bStandardPlayers;
+    return pSession->nFlags & SESSION_PUSHER ? pSession->standards.bPushers : pSession->standards.bPlayers;
 }
 
 void SessionScheduleIdleCheck(Port *pPort)

@@ -7,9 +7,11 @@
 #include "base/linkedlist.h"
 #include "record/playline.h"
 #include "record/rtpout.h"
+#include "runtime/sockutil.h"
 #include "server/core/accounttable.h"
 #include "server/core/port.h"
 #include "server/core/registry.h"
+#include "server/core/settings.h"
 
 namespace orx {
 
@@ -56,7 +58,8 @@ struct Reception {
     int bKnown = 0;  // one has come
     int nLoss = 0;   // percent since the one before
     int nJitterMs = 0;
-    int nRoundTripMs = 0;  // 0 until it can be told
+    int bRoundTrip = 0;  // the next one is known
+    int nRoundTripMs = 0;
 };
 
 // A track of the program, as it travels to or from this peer.
@@ -82,13 +85,14 @@ struct SessionTrack : RtpTrack {
 
 // The connections to the peer, and what was heard of it.
 struct SessionPeer {
-    Port *Cmd = nullptr;         // connection that requests arrive on; ports are owned by the port map
-    Port *Reply = nullptr;       // connection that replies and media go out on, may equal Cmd
-    char *szCookie = nullptr;    // x-sessioncookie of a waiting half, owned
-    uint32_t tStart = 0;         // wall clock at creation, seconds
-    uint32_t tLastActivity = 0;  // uptime in seconds at the last receive
-    uint32_t tLastRequest = 0;   // the same at the last request that was whole, or at creation
-    uint32_t nReceived = 0;      // bytes since creation; 0: nothing ever came
+    Port *Cmd = nullptr;          // connection that requests arrive on; ports are owned by the port map
+    Port *Reply = nullptr;        // connection that replies and media go out on, may equal Cmd
+    char *szCookie = nullptr;     // x-sessioncookie of a waiting half, owned
+    uint32_t tStart = 0;          // wall clock at creation, seconds
+    uint32_t tLastActivity = 0;   // uptime in seconds at the last receive
+    uint32_t tLastRequest = 0;    // the same at the last request that was whole, or at creation
+    uint32_t nReceived = 0;       // bytes since creation; 0: nothing ever came
+    uint64_t nBytesReceived = 0;  // the same, which never wraps
 };
 
 // What came and is not worked off.
@@ -102,6 +106,7 @@ struct SessionInput {
 
 // How the queue (RtpOut::Outq) flows.
 struct SessionFlow {
+    uint64_t nBytesSent = 0;     // that sockets took, replies included
     uint32_t nReads = 0;         // TCP reads of a playing pusher, for the flow of its players
     uint32_t nBlockedSends = 0;  // sends in a row that would have blocked
     int fdBlocked = -1;          // the socket that the delayed send is for
@@ -189,6 +194,35 @@ struct SessionHold {
     HeldJob *pJob = nullptr;      // what is asked of the disk for it; owned once it is done
 };
 
+// Beside Session::szEndReason, what is known of the end (see sessionevents.h).
+struct SessionEnding {
+    int nErrno = 0;       // of the connection; 0: none
+    int nLastStatus = 0;  // of the last reply to the request at hand
+    int nStatus = 0;      // by which it was refused; 0: it was not
+    int bMalformed = 0;
+    const char *szCause = nullptr;  // of a player: why its pusher ended; static
+    char szBy[kAddrTextSize] = "";  // of a pusher: who took its place
+};
+
+// What was said of the session in the log of events, as its program and its ports may go before its end.
+struct SessionTold {
+    int bStarted = 0;       // that it plays or pushes
+    int bEnded = 0;         // that it has ended
+    uint32_t tMade = 0;     // uptime in seconds at creation
+    uint32_t tStarted = 0;  // when it began to play or to push
+    uint32_t nDroppedGroups = 0;
+    char szUri[256] = "";
+    char szUser[64] = "";
+    char szRemote[kAddrTextSize] = "";
+};
+
+// Reasons that several places give, or that are looked at.
+inline constexpr char kEndAsked[] = "asked for the end";
+inline constexpr char kEndClosed[] = "the peer closed the connection";
+inline constexpr char kEndBroken[] = "the connection broke";
+inline constexpr char kEndSilent[] = "the peer was silent for too long";
+inline constexpr char kEndServer[] = "the server stops";
+
 struct Session {
     ListNode node;         // first: the session list maps an item to itself
     ListNode playerNode;   // second: the same for the program's list of players, in map mode 1
@@ -197,6 +231,7 @@ struct Session {
     uint32_t nState = STATE_NEW;
     uint32_t nCSeq = 1;        // number of the next reply, or of the next request to this peer
     Program *pProg = nullptr;  // counted in its nRefs
+    Standards standards = StandardsNow();
     SessionPeer peer;
     SessionInput input;
     RtpOut out;  // queue, transport form, and the tracks as the packetisers see them; its scratch is owned
@@ -208,6 +243,10 @@ struct Session {
     SessionQuestions questions;
     SessionHold hold;
     SessionDatagrams datagrams;
+    // why it ends, in words for the log of events; static. The first one counts
+    const char *szEndReason = nullptr;
+    SessionEnding ending;
+    SessionTold told;
     int bEnded = 0;  // by SessionEnd: in no list, without ports and program
     Retired retired;
 
@@ -250,6 +289,14 @@ Session *SessionOfTask(const Task *pTask);
 // is over (see retire.h), with its ports and its program null. Does nothing when it has ended already.
 void SessionEnd(Session *pSession);
 
+// Notes why the session ends or is about to, in words for the log of events ("asked for the end"); static
+// text. What was noted first counts. Then call SessionEnd, or return Verdict::End.
+inline void SessionNoteEnd(Session *pSession, const char *szWhy)
+{
+    if (!pSession->szEndReason)
+        pSession->szEndReason = szWhy;
+}
+
 // Ends every player of a pusher's program; does nothing for any other session.
 void SessionEndPlayers(Session *pSession);
 // Ends every player of a program, which the caller holds.
@@ -263,18 +310,13 @@ void SessionCloseTrackPorts(SessionTrack *pTrack);
 
 // Ends the session's use of a port, and the session with its last one. Returns 1 when that ended it, else 0.
 int SessionClosePort(Session *pSession, Port *pPort);
+// The same; the reason counts only when that ends it. nErrno: of the connection, 0 when nothing failed.
+int SessionClosePortFor(Session *pSession, Port *pPort, const char *szWhy, int nErrno);
 // The same for the connection that replies and media go out on.
 int SessionCloseReplyPort(Session *pSession);
 
 // Nobody waits any more for what was asked of the disk (hold.pJob): it goes when it is done.
 void SessionForgetJob(Session *pSession);
-
-// The connections of a session, each null when it has gone. They are one but for a tunnel, whose requests
-// come on one and whose replies go on the other.
-Port *SessionPeerPort(const Session *pSession);   // the peer's: that of requests, else that of replies
-Port *SessionReplyPort(const Session *pSession);  // of what waits in the queue, other than datagrams
-Port *SessionControlPort(
-    const Session *pSession);  // of requests to the peer; never the half that only it writes
 
 // The request at hand takes another step: its handler runs once more behind what else is due.
 inline Verdict SessionNextStep(Session *pSession, uint32_t nDelayMs = 1)
@@ -283,10 +325,6 @@ inline Verdict SessionNextStep(Session *pSession, uint32_t nDelayMs = 1)
     pSession->hold.nDelayMs = nDelayMs;
     return Verdict::Later;
 }
-
-// The peer of the session's control connection as "a.b.c.d:port" or "[address]:port"; szOut takes
-// kAddrTextSize bytes.
-void SessionRemoteText(const Session *pSession, char *szOut);
 
 // The handle as "%p" prints it in "Session".
 inline void *SessionPrintHandle(const Session *pSession)

@@ -1,5 +1,7 @@
 // Every key of the configuration, and what the server keeps of them: read from the file before anything else
-// runs, and only read afterwards. Any thread may read.
+// runs, and again when that is asked for (see server/front/reload.h), on the scheduler thread. What counts
+// from the next start only any thread may read; all else the scheduler thread alone, which gives others a
+// copy of what they need.
 #pragma once
 
 #include <cstddef>
@@ -7,6 +9,11 @@
 #include <span>
 
 namespace orx {
+
+struct TextBuf;
+
+constexpr size_t kRecordPathSize = 512;  // room of a directory of recordings
+struct Profile;
 
 struct Settings {
     char szConfigPath[128] = "";
@@ -70,6 +77,15 @@ struct Settings {
     int bFreshNonce = 0;
     uint32_t nMaxWebRelays = 0;
     uint32_t nMaxRelayPeersPerAddress = 0;
+    int bStrictConfig = 0;
+    char szProxyProtocolFrom[1024] = "";  // [INTEROP], written as AnnounceFrom; empty: nobody
+    // [LOG] and [STATUS]
+    char szLogLevel[16] = "";       // error, warn, info or debug; empty: no event is logged
+    int bLogConsole = 1;            // 0: nothing but the banner and the answers to commands
+    char szLogFile[256] = "";       // relative to the installation directory; empty: none
+    char szLogFormat[16] = "";      // text or json
+    char szStatusSocket[108] = "";  // the same; a path as sun_path takes it
+    int bLogFile = 0;               // of the small log, which main reads by itself
 };
 
 constexpr int64_t Megabytes(uint32_t n)  // in bytes
@@ -77,13 +93,19 @@ constexpr int64_t Megabytes(uint32_t n)  // in bytes
     return int64_t{n} * 1024 * 1024;
 }
 
-// Written by ServerStart and ServerStop on the main thread, while nothing else runs.
+// Written by ServerStart and ServerStop on the main thread, while nothing else runs, and by SettingsTake.
 extern Settings g_settings;
 
-// Whether pictures leave for players as soon as they are whole.
-inline int HasLowDelay()
+// [INTEROP] StandardPushers and StandardPlayers as they were when a session or a program was made, which
+// keeps them to its end: a session for its replies and its queue, a program for its packets.
+struct Standards {
+    int bPushers = 0;
+    int bPlayers = 0;
+    bool operator==(const Standards &) const = default;
+};
+inline Standards StandardsNow()
 {
-    return g_settings.bLowDelay && g_settings.bStandardPlayers;
+    return {g_settings.bStandardPushers, g_settings.bStandardPlayers};
 }
 
 // How a number that was read becomes the setting.
@@ -101,6 +123,13 @@ enum class SettingKind { Number, Text };
 
 constexpr size_t kNotHere = SIZE_MAX;  // offset of what another module reads
 
+// From when on a value counts that is read while the server runs.
+enum class Counts {
+    AtOnce,
+    ForNew,   // for what begins from then on: sessions, programs, files, looks at a clock
+    Restart,  // from the next start
+};
+
 struct SettingPlace {
     const char *szReader;  // "server": SettingsRead; else the module that reads the key where it needs it
     size_t nOffset;        // of the field of Settings, or kNotHere
@@ -112,6 +141,7 @@ struct Setting {
     const char *szSection;
     const char *szKey;  // with "%d" one key for each number from 0
     SettingPlace place;
+    Counts counts;
     SettingKind kind;
     // Of a text its default. Of a number null, where nDefault counts, or a key above whose value does.
     const char *szDefault;
@@ -126,7 +156,21 @@ std::span<const Setting> SettingsTable();
 // Fills *pSettings from the file. Returns 1, or 0 for an empty path and for a UDP port range that is printed
 // as invalid. SettingsFree gives back what it holds and makes it all zero.
 int SettingsRead(Settings *pSettings, const char *szPath);
+// The same from a text that was loaded, without a word, into nothing but *pSettings. A long text is read
+// whole, whatever it says. Any thread.
+int SettingsReadText(Settings *pSettings, const Profile *pText);
 void SettingsFree(Settings *pSettings);
+
+// Takes over what was read anew, but for what counts from the next start: that stays, and the names of such
+// keys that differ are added to *pRestart, between blanks (to a full one no more). What is replaced is left
+// in *pRead, for SettingsFree. Of what did not change nothing is written: others may just be reading it.
+// Scheduler thread where pInForce is g_settings.
+void SettingsTake(Settings *pInForce, Settings *pRead, TextBuf *pRestart);
+// What a row makes of a number that stands in a file.
+int SettingClamped(const Setting *pRow, int nValue);
+
+// Whether the UDP ports of media keep the server from starting: 1 with what is said of it, else 0.
+int SettingsUdpRangeFault(const Settings *pSettings, char *szOut, size_t nSize);
 
 // Whether ListenIp is an IPv6 address, which only standard players may make it.
 int SettingsListenIpv6(const Settings *pSettings);

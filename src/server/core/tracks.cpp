@@ -11,7 +11,7 @@ constexpr int kPlainTracks = 3;  // without StandardPushers
 
 void SessionCopyTracks(Session *pSession, const Program *pProg)
 {
-    int nMost = g_settings.bStandardPushers ? kMaxTracks : kPlainTracks;
+    int nMost = pProg->standards.bPushers ? kMaxTracks : kPlainTracks;
     pSession->out.nTracks = std::min(pProg->desc.nTrackCount, nMost);
     for (int i = 0; i < pSession->out.nTracks; i++) {
         const MediaInfo *pInfo = &pProg->desc.mediaInfos[i];
@@ -29,10 +29,11 @@ void SessionCopyTracks(Session *pSession, const Program *pProg)
 
 // The source of a live track: the program's first packet tells of one for all, standard players look for that
 // of each.
-static uint32_t LiveSource(const Program *pProg, int i)
+static uint32_t LiveSource(const Session *pSession, int i)
 {
+    const Program *pProg = pSession->pProg;
     const TrackReport *pReport = &pProg->desc.mediaInfos[i].report;
-    return g_settings.bStandardPlayers && pReport->nPackets > 0 ? pReport->nSsrc : pProg->cache.ssrc;
+    return pSession->standards.bPlayers && pReport->nPackets > 0 ? pReport->nSsrc : pProg->cache.ssrc;
 }
 
 void SessionEnterTrack(Session *pSession, int i)
@@ -44,7 +45,7 @@ void SessionEnterTrack(Session *pSession, int i)
         pSession->nState = STATE_SETUP;
     if (pTrack->bSetUp && IsStandardPeer(pSession))
         return;
-    pTrack->nSsrc = pProg->bLive ? LiveSource(pProg, i) : static_cast<uint32_t>(rand());
+    pTrack->nSsrc = pProg->bLive ? LiveSource(pSession, i) : static_cast<uint32_t>(rand());
     pTrack->nNextSeq = pProg->bLive ? 0 : static_cast<uint16_t>(rand());
     pTrack->reception = Reception();
     pTrack->bSetUp = 1;

@@ -5,7 +5,7 @@
 
 namespace orx {
 
-// Copies what a session keeps of its program's tracks; without
+// Copies what a session keeps of its program's tracks; of one without
 // StandardPushers a fourth track is left out.
 void SessionCopyTracks(Session *pSession, const Program *pProg);
 

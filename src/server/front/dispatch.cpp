@@ -12,6 +12,7 @@
 #include "runtime/taskwatch.h"
 #include "server/core/heldjob.h"
 #include "server/core/program.h"
+#include "server/core/sessionevents.h"
 #include "server/core/settings.h"
 #include "server/media/ingest.h"
 #include "server/media/replies.h"
@@ -51,6 +52,12 @@ static Step EndSession(Session *pSession)
 {
     SessionEnd(pSession);
     return Step::Gone;
+}
+
+static Step EndMalformed(Session *pSession, const char *szWhy)
+{
+    SessionNoteMalformed(pSession, szWhy);
+    return EndSession(pSession);
 }
 
 using MethodProc = Verdict (*)(Session *pSession, Port *pPort, Request *pRequest);
@@ -121,7 +128,7 @@ static int NamesOtherSession(const Session *pSession, const Request *pRequest)
 // What every standard request is asked before its method. Returns 1 with *pVerdict when it is refused.
 static int RefusesStandard(Session *pSession, Port *pPort, const Request *pRequest, Verdict *pVerdict)
 {
-    if (!g_settings.bStandardPlayers || strcasecmp(StrText(pRequest->protocol), "RTSP") != 0)
+    if (!pSession->standards.bPlayers || strcasecmp(StrText(pRequest->protocol), "RTSP") != 0)
         return 0;
     for (const char *szHeader : {"Require", "Proxy-Require"})
         if (const char *szOptions = RequestHeaderValue(pRequest, szHeader)) {
@@ -162,9 +169,9 @@ static void TakeRtcpFrame(Session *pSession, unsigned nChannel, const uint8_t *p
 }
 
 // Channels that a frame may name.
-static unsigned ChannelCount()
+static unsigned ChannelCount(const Session *pSession)
 {
-    return g_settings.bStandardPushers || g_settings.bStandardPlayers ? 256 : 8;
+    return pSession->standards.bPushers || pSession->standards.bPlayers ? 256 : 8;
 }
 
 // An interleaved frame (RFC 2326, section 10.12): '$', channel, length, packet. Its fifth byte is waited for
@@ -179,8 +186,8 @@ static Step TakeFrame(Session *pSession, uint32_t *pAt)
     if (nLeft < nBytes)
         return Step::Wait;
     unsigned nTrackId = pFrame[1];
-    if (nTrackId >= ChannelCount() && !ORX_PEER_ASSERT(nTrackId < 8, "nTrackId < 8"))
-        return EndSession(pSession);
+    if (nTrackId >= ChannelCount(pSession) && !ORX_PEER_ASSERT(nTrackId < 8, "nTrackId < 8"))
+        return EndMalformed(pSession, "a frame of an unknown channel");
     if (nTrackId & 1)
         TakeRtcpFrame(pSession, nTrackId, pFrame + kInterleaveBytes, nBytes - kInterleaveBytes);
     else if (!FeedProgram(pSession, nTrackId / 2, pFrame, nBytes))
@@ -215,7 +222,7 @@ static int ParseLength(const char *sz, size_t nMax, size_t *pValue)
 // Standard pushers answer what they are asked with a status line: it is theirs to end, not their session.
 static int IsAnswer(const Session *pSession, const char *pText)
 {
-    return g_settings.bStandardPushers && (pSession->nFlags & SESSION_PUSHER) &&
+    return pSession->standards.bPushers && (pSession->nFlags & SESSION_PUSHER) &&
            strncasecmp(pText, "RTSP/", 5) == 0;
 }
 
@@ -240,13 +247,14 @@ static Step ParseHead(Session *pSession, Port *pPort, uint32_t nAt)
         return Step::Wait;
     auto nLen2Parse = static_cast<uint32_t>(pEnd + 4 - pText);
     if (!ORX_PEER_ASSERT(nLen2Parse < kMaxHeadBytes, "nLen2Parse < sizeof(szTmpuff)"))
-        return EndSession(pSession);
+        return EndMalformed(pSession, "a header block is too long");
     RequestReset(pRequest);
+    pRequest->standards = pSession->standards;
     if (IsAnswer(pSession, pText))
         return ParseAnswer(pSession, pRequest, pText, nLen2Parse);
     int nResult = RequestParse(pRequest, pText, nLen2Parse);
     if (nResult < 0)
-        return EndSession(pSession);
+        return EndMalformed(pSession, "a request cannot be read");
     if (nResult == 0 && !(pPort->nFlags & PORT_TUNNEL_POST))
         return Step::Wait;
     pRequest->nHeadLen = static_cast<uint16_t>(nLen2Parse);
@@ -255,7 +263,7 @@ static Step ParseHead(Session *pSession, Port *pPort, uint32_t nAt)
         return Step::Taken;
     if (!ParseLength(szLength, pSession->input.nTotal - 1 - nLen2Parse, &pRequest->nPendingBody)) {
         print("Invalid Content-Length on fd=0x%x!\r\n", pPort->fd);
-        return EndSession(pSession);
+        return EndMalformed(pSession, "a body has no length that can be read");
     }
     return Step::Taken;
 }
@@ -278,11 +286,11 @@ static Step CheckCSeq(Session *pSession, Port *pPort)
             return Step::Taken;  // a first request, for example the HTTP GET of a tunnel
         ReplyShort(pSession, pPort, STATUS_NO_CSEQ);
         print("no CSeq!!!\r\n");
-        return EndSession(pSession);
+        return EndMalformed(pSession, "a request has no CSeq");
     }
     uint32_t nCSeq = 0;
     if (!ParseCSeq(szCSeq, &nCSeq))
-        return EndSession(pSession);
+        return EndMalformed(pSession, "a CSeq is no number");
     if (pSession->input.nReqSeq && nCSeq < pSession->input.nReqSeq) {
         print("CmdSeq(%u) < session->nReqSeq(%u)! Drop it!\r\n", nCSeq, pSession->input.nReqSeq);
         return Step::Drop;
@@ -339,11 +347,18 @@ static Step RunHandler(Session *pSession, Port *pPort, uint32_t *pAt)
 {
     int bPost = strcasecmp(RequestMethod(&pPort->request), "POST") == 0;
     uint32_t nCSeq = pSession->nCSeq;
+    pSession->ending.nLastStatus = 0;
     Verdict eVerdict = Dispatch(pSession, pPort, &pPort->request);
+    if (pSession->ending.nLastStatus == 404)
+        SessionSayNotFound(pSession, pPort, &pPort->request);
     WatchNote("between requests");
     if (eVerdict == Verdict::Later && !pSession->bEnded)
         return HoldRequest(pSession, pPort, nCSeq);
     RequestReset(&pPort->request);
+    if (CredentialsExhausted(pSession))
+        SessionNoteEnd(pSession, "too many wrong passwords");
+    if (eVerdict == Verdict::End)
+        SessionNoteRefused(pSession);
     if (eVerdict == Verdict::End || pSession->bEnded || CredentialsExhausted(pSession))
         return EndSession(pSession);
     if (pSession->nFlags & SESSION_TUNNEL_POST)
@@ -379,7 +394,7 @@ static Step TakeMessage(Session *pSession, Port *pPort, uint32_t *pAt)
     uint32_t nBody = static_cast<uint32_t>(pRequest->nPendingBody);
     uint32_t nBodyAt = *pAt + pRequest->nHeadLen;
     if (nBody && !RequestAttachBody(pRequest, pSession->input.pBuf + nBodyAt, nBody))
-        return EndSession(pSession);
+        return EndMalformed(pSession, "a body cannot be held");
     *pAt = pSession->input.nNext = nBodyAt + nBody;
     if (pRequest->nStatus)
         return TakeAnswer(pSession, pRequest);
@@ -436,7 +451,7 @@ int HandleInput(Session *pSession, Port *pPort)
     }
     pSession->input.nLen -= nAt;
     if (pSession->input.nLen == pSession->input.nTotal - 1) {
-        SessionEnd(pSession);
+        EndMalformed(pSession, "what it sent fills its buffer and makes no request");
         return 0;
     }
     if (nAt > 0)

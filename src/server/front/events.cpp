@@ -7,14 +7,18 @@
 
 #include "base/assertion.h"
 #include "base/console.h"
+#include "base/eventlog.h"
 #include "runtime/clock.h"
 #include "runtime/slice.h"
 #include "runtime/sockutil.h"
 #include "server/core/program.h"
 #include "server/core/registry.h"
 #include "server/core/session.h"
+#include "server/core/sessionevents.h"
+#include "server/core/sessionpeer.h"
 #include "server/core/settings.h"
 #include "server/front/dispatch.h"
+#include "server/front/fronts.h"
 #include "server/front/limits.h"
 #include "server/media/ingest.h"
 #include "server/media/reports.h"
@@ -45,41 +49,111 @@ static void *EventArgument(uint32_t nEvent, uint32_t nGeneration)
     return reinterpret_cast<void *>(static_cast<uintptr_t>(nGeneration << 16 | nEvent));
 }
 
-// Readies an accepted socket and makes a session on it; null with the socket closed when that is not
-// possible.
-static Session *OpenSession(int fd)
+static void SayRefused(const NetAddr *pRemote, const char *szLimit, uint32_t nMost)
+{
+    char szRemote[kAddrTextSize];
+    SockAddrToString(pRemote, szRemote);
+    EventSayBounded(EventLevel::Warn, "connection.refused",
+                    {EventText("peer", szRemote), EventText("limit", szLimit), EventNumber("most", nMost)});
+}
+
+static void TuneSocket(int fd)
 {
     linger reset{1, 0};  // a close resets the connection, so that no dead peer keeps it
     SockSetOption(fd, SOL_SOCKET, SO_SNDBUF, kSendBufferBytes);
     SockSetOption(fd, SOL_SOCKET, SO_RCVBUF, kReceiveBufferBytes);
     setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+}
+
+// Whether there is room for a session of that peer; where not, that is printed.
+static int HasRoom(const NetAddr *pRemote, int bFronted)
+{
     if (ListCount(&g_server.sessions) > g_settings.nConnectLimit) {
         print("Exceed the connect-limit! Refuse to accept new client to connect.\r\n");
-        SockClose(fd);
-        return nullptr;
+        SayRefused(pRemote, "ConnectLimit", g_settings.nConnectLimit);
+        return 0;
     }
+    if (!AddressIsFull(pRemote, bFronted))
+        return 1;
+    SayRefused(pRemote, "MaxSessionsPerAddress", g_settings.nMaxSessionsPerAddress);
     char szRemote[kAddrTextSize];
-    NetAddr remote;
-    if (SockGetPeerName(fd, &remote) == 0 && AddressIsFull(&remote)) {
-        SockAddrToString(&remote, szRemote);
-        print("Too many sessions of %s! Refuse to accept new client to connect.\r\n", szRemote);
-        SockClose(fd);
-        return nullptr;
-    }
-    Port *pPort = CreateTcpPort(fd);
-    if (!pPort)
-        return nullptr;
-    SockSetNonBlock(fd, 1);
+    SockAddrToString(pRemote, szRemote);
+    print("Too many sessions of %s! Refuse to accept new client to connect.\r\n", szRemote);
+    return 0;
+}
+
+// Makes a session on a port; null with the port closed when that is not possible.
+static Session *BeginSession(Port *pPort)
+{
+    int fd = pPort->fd;
     Session *pSession = CreateSession(pPort);
     if (!pSession) {
         PortClose(pPort);
         return nullptr;
     }
     LimitsWatch();
+    char szRemote[kAddrTextSize];
     SockAddrToString(&pPort->remote, szRemote);
     print("Create session(fd=0x%x) from %s\r\n", fd, szRemote);
     log("Create session(fd=0x%x) from %s", fd, szRemote);
+    EventSay(EventLevel::Debug, "session.start", {EventText("peer", szRemote)});
     return pSession;
+}
+
+// Readies an accepted socket and makes a session on it; null with the socket closed when that is not
+// possible. pFront: what the front says whose connection it is; null: nobody's.
+static Session *OpenSession(int fd, const FrontedPeer *pFront)
+{
+    NetAddr remote;
+    TuneSocket(fd);
+    if (SockGetPeerName(fd, &remote) != 0)  // it has gone: CreateTcpPort says so
+        remote = NetAddr();
+    if (pFront && pFront->bPeer)
+        remote = pFront->peer;
+    if (!HasRoom(&remote, pFront != nullptr)) {
+        SockClose(fd);
+        return nullptr;
+    }
+    Port *pPort = CreateTcpPort(fd);
+    if (!pPort)
+        return nullptr;
+    if (pFront)
+        PortNamePeer(pPort, pFront->bPeer ? &pFront->peer : nullptr);
+    SockSetNonBlock(fd, 1);
+    return BeginSession(pPort);
+}
+
+// A front has named the peer: from here on the connection is as any other.
+static void OnPeerNamed(Port *pPort)
+{
+    if (!HasRoom(&pPort->remote, 1)) {
+        PortClose(pPort);
+        return;
+    }
+    int fd = pPort->fd;
+    if (!BeginSession(pPort))
+        return;
+    SessionScheduleIdleCheck(pPort);
+    OnRead(fd);  // what stands behind the header is not reported again
+}
+
+// A connection that was accepted.
+static void TakeConnection(int fd)
+{
+    if (FrontIs(fd)) {
+        TuneSocket(fd);
+        FrontAwait(fd);
+        return;
+    }
+    Session *pSession = OpenSession(fd, nullptr);
+    if (pSession)
+        SessionScheduleIdleCheck(pSession->peer.Cmd);
+}
+
+static void SayAcceptFailed(int fdListen, int nErrno)
+{
+    print("accept(socket=0x%x) err=%d.\r\n", fdListen, nErrno);
+    EventSayBounded(EventLevel::Error, "accept.failed", {EventText("error", strerror(nErrno))});
 }
 
 // Accepts some of those that wait. Returns in how many ms to look for the rest, which is not reported again:
@@ -92,12 +166,10 @@ static int AcceptSome(int fdListen)
             return 0;
         if (fd < 0) {
             if (g_nAcceptAgainMs != kAcceptRetryMs)  // told once, not with every further try
-                print("accept(socket=0x%x) err=%d.\r\n", fdListen, errno);
+                SayAcceptFailed(fdListen, errno);
             return kAcceptRetryMs;
         }
-        Session *pSession = OpenSession(fd);
-        if (pSession)
-            SessionScheduleIdleCheck(pSession->peer.Cmd);
+        TakeConnection(fd);
     }
     return kMoreDelayMs;
 }
@@ -125,9 +197,9 @@ static void OnAccept(int fdListen)
         TaskSchedule(&g_server.scheduler, OnAcceptRetry, static_cast<uint32_t>(nDelayMs), fdListen, nullptr);
 }
 
-int RtspSessionCreate(int fd, const void *pData, size_t nLen)
+int RtspSessionCreate(int fd, const void *pData, size_t nLen, const FrontedPeer *pFront)
 {
-    Session *pSession = OpenSession(fd);
+    Session *pSession = OpenSession(fd, pFront);
     if (!pSession)
         return 0;
     pSession->peer.Cmd->nFlags |= PORT_HANDED_OVER;
@@ -137,6 +209,7 @@ int RtspSessionCreate(int fd, const void *pData, size_t nLen)
     }
     ORX_ASSERT(pSession->input.nLen == 0, "session->nLen==0");
     if (nLen > pSession->input.nTotal - 1) {
+        SessionNoteMalformed(pSession, "more came by the web port than its buffer holds");
         SessionEnd(pSession);
         return 0;
     }
@@ -154,6 +227,8 @@ int RtspSessionCreate(int fd, const void *pData, size_t nLen)
 static void NoteReceived(Session *pSession, size_t nLen)
 {
     pSession->peer.tLastActivity = ClockUptime();
+    pSession->peer.nBytesReceived += nLen;
+    g_server.counted.nBytesReceived += nLen;
     pSession->peer.nReceived += static_cast<uint32_t>(nLen);
     if (pSession->peer.nReceived == 0)  // wrapped: 0 is kept for "never sent anything"
         pSession->peer.nReceived = 1;
@@ -182,7 +257,7 @@ static void OnReport(Session *pSession, int i, const uint8_t *pData, size_t nLen
 
 static int IsUdpPusher(const Session *pSession)
 {
-    return (pSession->nFlags & SESSION_PUSHER) && g_settings.bStandardPushers && g_settings.bUdpPushers;
+    return pSession->datagrams.bWatch && (pSession->nFlags & SESSION_PUSHER);
 }
 
 // Handles a datagram that begins behind room for the head of a '$' frame. Returns 0 when the session must
@@ -204,7 +279,7 @@ static int CloseAfterRecv(Session *pSession, Port *pPort, int nResult, int nErro
     if (nResult == 0)
         print("Client(socket=0x%x) close.\r\n", pPort->fd);
     print("recv(socket=0x%x)  err=%d.\r\n", pPort->fd, nError);
-    SessionClosePort(pSession, pPort);
+    SessionClosePortFor(pSession, pPort, nResult == 0 ? kEndClosed : kEndBroken, nError);
     return -1;
 }
 
@@ -266,6 +341,7 @@ static int TakeInput(Session *pSession, Port *pPort, const char *pRaw, size_t nL
     NoteReceived(pSession, nLen);
     if (pPort->nFlags & PORT_TUNNEL_POST) {
         if (!TunnelDecode(pSession, pPort, pRaw, nLen)) {
+            SessionNoteMalformed(pSession, "its tunnel cannot be read");
             SessionEnd(pSession);
             return 0;
         }
@@ -332,7 +408,7 @@ static int ReadTcp(Session *pSession, Port *pPort)
     if (nSilent <= g_settings.nLiveTime || nSilent >= kLongestSilence || MayBeSilent(pSession))
         return 0;
     print("OnRead(fd=0x%x) TimeOut! The network will be closed.\r\n", pPort->fd);
-    SessionClosePort(pSession, pPort);
+    SessionClosePortFor(pSession, pPort, kEndSilent, 0);
     return -1;
 }
 
@@ -347,6 +423,8 @@ int OnRead(int fd)
         print("OnRead() failed and CloseSock(fd=0x%x).\r\n", fd);
         return -1;
     }
+    if (pPort && (pPort->nFlags & PORT_AWAITS_PEER))
+        return FrontRead(pPort);
     ORX_ASSERT(pPort && pSession, "!port && !session");
     if (MayNotRead(pSession, pPort))
         return 0;
@@ -358,8 +436,11 @@ static void OnClose(int fd)
     print("OnClose(0x%x)\r\n", fd);
     Port *pPort = FindPort(fd);
     Session *pSession = FindSession(fd);
+    int nErrno = pPort ? SockTakeError(fd) : 0;
     if (pPort && pSession)
-        SessionClosePort(pSession, pPort);
+        SessionClosePortFor(pSession, pPort, nErrno ? kEndBroken : kEndClosed, nErrno);
+    else if (pPort && (pPort->nFlags & PORT_AWAITS_PEER))
+        FrontDrop(pPort);
     else if (pPort)
         PortClose(pPort);
     else
@@ -458,6 +539,7 @@ void EventsInit()
     g_nAcceptAgainMs = 0;
     g_pAcceptAgain = nullptr;
     LimitsInit();
+    FrontsInit(OnPeerNamed);
 }
 
 void OnMonitorEvent(void * /*pContext*/, int fd, uint32_t nEvent, uint32_t nGeneration)

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "base/netaddr.h"
+
 namespace orx {
 
 // Tells the rooms below how to read a port and how to post events of it, before the server's threads start.
@@ -17,8 +19,12 @@ void OnMonitorEvent(void *pContext, int fd, uint32_t nEvent, uint32_t nGeneratio
 // long, and the port was closed. Scheduler thread.
 int OnRead(int fd);
 
-// Hand-over of an accepted connection with the bytes already read from it. Returns 1 when the session lives
-// on. Scheduler thread.
-int RtspSessionCreate(int fd, const void *pData, size_t nLen);
+// Hand-over of an accepted connection with the bytes already read from it. pFront: of one that came through a
+// front, what that said of it; null: nobody's. Returns 1 when the session lives on. Scheduler thread.
+struct FrontedPeer {
+    int bPeer;  // 0: the front named none
+    NetAddr peer;
+};
+int RtspSessionCreate(int fd, const void *pData, size_t nLen, const FrontedPeer *pFront = nullptr);
 
 }  // namespace orx

@@ -9,6 +9,7 @@
 #include "server/core/program.h"
 #include "server/core/registry.h"
 #include "server/core/session.h"
+#include "server/core/sessionpeer.h"
 #include "server/core/settings.h"
 #include "server/media/replies.h"
 #include "server/media/send.h"
@@ -35,11 +36,11 @@ static int CountsByAddress(const Session *pSession)
            !pSession->viewer.bAdmitted;
 }
 
-int AddressIsFull(const NetAddr *pAddr)
+int AddressIsFull(const NetAddr *pAddr, int bFronted)
 {
     uint64_t nIp = AddrCounted(pAddr);
     uint32_t nSessions = 0;
-    if (!g_settings.nMaxSessionsPerAddress || IsOwnBox(pAddr))
+    if (!g_settings.nMaxSessionsPerAddress || (!bFronted && IsOwnBox(pAddr)))
         return 0;
     for (const Session *p = FirstSession(); p; p = NextSession(p)) {
         const Port *pPort = SessionPeerPort(p);
@@ -68,7 +69,7 @@ static int PlaysUdp(const Session *pSession)
 static int IsOver(const Session *pSession, uint32_t nNow)
 {
     int32_t nSilent = ClockDiff(nNow, pSession->peer.tLastActivity);
-    if (g_settings.bStandardPlayers && PlaysUdp(pSession) &&
+    if (pSession->standards.bPlayers && PlaysUdp(pSession) &&
         nSilent > static_cast<int32_t>(kUdpSilenceSeconds))
         return 1;
     if (!g_settings.nStateTimeout)
@@ -93,6 +94,7 @@ static int OnLook(Task *, uint32_t, uint32_t, uint32_t)
     for (Session *p = FirstSession(); p; p = pNext) {
         pNext = NextSession(p);
         if (IsStuck(p)) {
+            SessionNoteEnd(p, "it took nothing for 30 seconds");
             SessionEnd(p);
             continue;
         }
@@ -101,6 +103,7 @@ static int OnLook(Task *, uint32_t, uint32_t, uint32_t)
         char szRemote[kAddrTextSize];
         SessionRemoteText(p, szRemote);
         print("Session of %s did nothing for too long. It is closed.\r\n", szRemote);
+        SessionNoteEnd(p, "it did nothing for too long");
         SessionEnd(p);
     }
     g_bWatching = ListCount(&g_server.sessions) > 0;

@@ -11,9 +11,9 @@ namespace orx {
 void LimitsInit();
 
 // Whether the address of a new connection has so many sessions that neither play, push nor were admitted that
-// it gets no further one (see AddrCounted). The box itself (127.0.0.0/8, ::1) is exempt, each bridge of the
-// relay counts by itself.
-int AddressIsFull(const NetAddr *pAddr);
+// it gets no further one (see AddrCounted). The box itself (127.0.0.0/8, ::1) is exempt, unless the
+// connection came through a front; each bridge of the relay counts by itself.
+int AddressIsFull(const NetAddr *pAddr, int bFronted);
 
 // A session was made: sees to it that those which do nothing for too long are looked for.
 void LimitsWatch();

@@ -1,5 +1,6 @@
 #include "server/front/remoteservices.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -9,7 +10,10 @@
 
 #include "base/console.h"
 #include "base/fdguard.h"
+#include "base/textbuf.h"
+#include "net/addrlist.h"
 #include "net/ifaddr.h"
+#include "net/proxyheader.h"
 #include "remote/httpproxy.h"
 #include "remote/unet.h"
 #include "runtime/mutexguard.h"
@@ -28,13 +32,16 @@ struct HandOver {
     int fd = -1;    // owned
     size_t nLen = 0;
     uint8_t *pData = nullptr;  // owned, from malloc
+    int bFronted = 0;          // came through a front
+    FrontedPeer front{};       // then
 };
 
 struct RemoteServices {
     HttpProxy proxy;
     Unet unet;
-    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // guards the list
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // guards what follows
     List handOvers;                                     // HandOver, one per task to run; owned
+    AddrList fronts;                                    // ProxyProtocolFrom, a copy
 };
 
 static RemoteServices *g_pRemote = nullptr;  // main thread, but for its list
@@ -64,13 +71,14 @@ static int OnHandOver(Task *, uint32_t, uint32_t, uint32_t)
         MutexGuard lock(&pRemote->mutex);
         pHandOver = static_cast<HandOver *>(ListFirst(&pRemote->handOvers, LIST_DETACH));
     }
-    RtspSessionCreate(std::exchange(pHandOver->fd, -1), pHandOver->pData, pHandOver->nLen);
+    RtspSessionCreate(std::exchange(pHandOver->fd, -1), pHandOver->pData, pHandOver->nLen,
+                      pHandOver->bFronted ? &pHandOver->front : nullptr);
     FreeHandOver(nullptr, pHandOver);
     return -1;
 }
 
 // Proxy thread: the session is made where all sessions live.
-static int AcceptTunnel(void *pContext, int fd, const void *pData, size_t nLen)
+static int AcceptTunnel(void *pContext, int fd, const void *pData, size_t nLen, const HttpFronted *pFronted)
 {
     auto *pRemote = static_cast<RemoteServices *>(pContext);
     FdGuard sock(fd);
@@ -84,6 +92,9 @@ static int AcceptTunnel(void *pContext, int fd, const void *pData, size_t nLen)
     }
     memcpy(pHandOver->pData, pData, nLen);
     pHandOver->nLen = nLen;
+    pHandOver->bFronted = pFronted != nullptr;
+    if (pFronted)
+        pHandOver->front = {pFronted->bPeer, pFronted->peer};
     pHandOver->fd = sock.Release();
     {
         MutexGuard lock(&pRemote->mutex);
@@ -91,6 +102,42 @@ static int AcceptTunnel(void *pContext, int fd, const void *pData, size_t nLen)
     }
     TaskSchedule(&g_server.scheduler, OnHandOver, 0, fd, nullptr);
     return 1;
+}
+
+// Proxy thread.
+static int IsFront(void *pContext, const NetAddr *pAddr)
+{
+    auto *pRemote = static_cast<RemoteServices *>(pContext);
+    MutexGuard lock(&pRemote->mutex);
+    return AddrListHas(&pRemote->fronts, pAddr);
+}
+
+static int ReadHeader(const uint8_t *pData, size_t nBytes, HttpFronted *pOut)
+{
+    static_assert(kHttpHeaderMost == kProxyHeaderMost, "a whole header fits");
+    ProxyHeader header;
+    ProxyResult eResult = ProxyHeaderParse(pData, nBytes, &header);
+    *pOut = {header.nBytes, header.bPeer, header.peer};
+    return eResult == ProxyResult::Done ? 1 : eResult == ProxyResult::More ? 0 : -1;
+}
+
+void RemoteServicesFollowSettings()
+{
+    if (!g_pRemote)
+        return;
+    MutexGuard lock(&g_pRemote->mutex);
+    g_pRemote->fronts = g_server.proxyFrom;
+}
+
+// Notes how a listener of that port went, with errno when it was not opened. Returns whether it was.
+static int Noted(const char *szName, int nPort, int bOpen)
+{
+    int nErrno = errno;
+    char szAddress[80];
+    TextBuf address{szAddress, sizeof(szAddress)};
+    TextAdd(&address, SettingsListenIpv6(&g_settings) ? "[%s]:%d" : "%s:%d", g_settings.szListenIp, nPort);
+    ListenerNote(szName, szAddress, bOpen ? 0 : nErrno ? nErrno : EADDRNOTAVAIL);
+    return bOpen;
 }
 
 static int StartProxy(RemoteServices *pRemote)
@@ -104,7 +151,9 @@ static int StartProxy(RemoteServices *pRemote)
     settings.nMaxRelays = g_settings.nMaxWebRelays;
     settings.pfnHandOver = AcceptTunnel;
     settings.pContext = pRemote;
-    return HttpProxyStart(&pRemote->proxy, &settings);
+    settings.fronts = {IsFront, ReadHeader};
+    errno = 0;
+    return Noted("web", settings.nListenPort, HttpProxyStart(&pRemote->proxy, &settings));
 }
 
 static void Register(RemoteServices *pRemote)
@@ -127,7 +176,8 @@ static int StartRelay(RemoteServices *pRemote)
     // the relay's library has IPv4 alone: on "::" it is there as on 0.0.0.0, on another IPv6 address nowhere
     if (!bKnown || (AddrIsIpv6(&bindTo) && !IN6_IS_ADDR_UNSPECIFIED(&bindTo.in6.sin6_addr))) {
         print("Unet: ListenIp=%s is no address that is known.\r\n", g_settings.szListenIp);
-        return 0;
+        errno = 0;
+        return Noted("relay", static_cast<int>(g_settings.nUnetPort), 0);
     }
     settings.nBindIp = SockGetIp(&bindTo);
     settings.nPort = static_cast<int>(g_settings.nUnetPort);
@@ -135,7 +185,8 @@ static int StartRelay(RemoteServices *pRemote)
     settings.nPerAddress = g_settings.nMaxRelayPeersPerAddress;
     settings.pfnGetAddress = NetGetAddress;
     settings.szCfgPath = g_settings.szConfigPath;
-    if (!UnetStart(&pRemote->unet, &settings))
+    errno = 0;
+    if (!Noted("relay", settings.nPort, UnetStart(&pRemote->unet, &settings)))
         return 0;
     if (g_settings.bZupo)
         Register(pRemote);
@@ -150,9 +201,17 @@ int RemoteServicesStart()
     if (!g_pRemote)
         return 0;
     InitHandOvers(&g_pRemote->handOvers);
+    RemoteServicesFollowSettings();
     if (g_settings.bHttpProxy && !StartProxy(g_pRemote))
         return 0;
     return (!g_settings.bUnet && !g_settings.bZupo) || StartRelay(g_pRemote);
+}
+
+RelayFacts RemoteServicesRelay()
+{
+    if (!g_pRemote || !g_pRemote->unet.nPort)
+        return {};
+    return {1, g_pRemote->unet.bRegistered, g_pRemote->unet.nPeers};
 }
 
 void RemoteServicesStop()

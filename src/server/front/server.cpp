@@ -10,8 +10,8 @@
 #include <sys/random.h>
 #include <sys/socket.h>
 
-#include "base/assertion.h"
 #include "base/console.h"
+#include "base/eventlog.h"
 #include "base/textbuf.h"
 #include "record/storage.h"
 #include "runtime/diskthread.h"
@@ -20,9 +20,15 @@
 #include "server/core/program.h"
 #include "server/core/registry.h"
 #include "server/core/session.h"
+#include "server/core/sessionpeer.h"
 #include "server/core/settings.h"
 #include "server/front/events.h"
+#include "server/front/follow.h"
+#include "server/front/logs.h"
+#include "server/front/reload.h"
 #include "server/front/remoteservices.h"
+#include "server/front/startdoubts.h"
+#include "server/front/status.h"
 #include "server/media/storagecare.h"
 #include "server/methods/accountfile.h"
 #include "server/methods/accounts.h"
@@ -75,7 +81,7 @@ static int CreateScheduler()
     if (!SchedulerCreate(&g_server.scheduler))
         return 0;
     SchedulerSetAfterProc(&g_server.scheduler, FreeRetiredSlice);
-    SchedulerSetExact(&g_server.scheduler, HasLowDelay());
+    SchedulerSetExact(&g_server.scheduler, g_settings.bLowDelay && g_settings.bStandardPlayers);
     return 1;
 }
 
@@ -93,18 +99,25 @@ static int CreateAuth()
 // A listener that cannot be opened is reported; the server starts without it.
 static void OpenListener()
 {
+    g_server.bIpv6 = SettingsListenIpv6(&g_settings);
     NetAddr addr;
     int fd = -1;
-    if (SockSetAddrEx(&addr, g_settings.szListenIp, static_cast<int>(g_settings.nListenPort),
-                      SettingsListenIpv6(&g_settings)))
+    int bKnown =
+        SockSetAddrEx(&addr, g_settings.szListenIp, static_cast<int>(g_settings.nListenPort), g_server.bIpv6);
+    if (bKnown)
         fd = SockListenTcp(&addr);
+    char szAddr[kAddrTextSize];
     if (fd < 0) {
-        print("Listen error %d\n", errno);
+        int nErrno = errno;
+        TextBuf wanted{szAddr, sizeof(szAddr)};
+        TextAdd(&wanted, "%s:%u", g_settings.szListenIp, g_settings.nListenPort);
+        ListenerNote("rtsp", szAddr, bKnown && nErrno ? nErrno : EADDRNOTAVAIL);
+        print("Listen error %d\n", nErrno);
         return;
     }
     listen(fd, kBacklog);  // a recorder that comes back opens all its cameras at once
-    char szAddr[kAddrTextSize];
     SockAddrToString(&addr, szAddr);
+    ListenerNote("rtsp", szAddr, 0);
     print("socket 0x%x listen on %s %s\n", fd, "TCP", szAddr);
     if (!MonitorAddListen(&g_server.monitor, fd))
         print("warning: can't monitor event\n");
@@ -116,37 +129,35 @@ static void OnMonitorBurst(void * /*pContext*/, int bBegin)
     SchedulerCork(&g_server.scheduler, bBegin);
 }
 
-// A list that fills its buffer was cut, perhaps within an entry, which would then name a wider network.
-static void DropCutNetwork(char *szList, size_t nSize)
-{
-    char *pLast = strlen(szList) == nSize - 1 ? strrchr(szList, ' ') : nullptr;
-    if (!pLast)
-        return;
-    print("AnnounceFrom is too long: what stands behind \"%s\" is left out.\r\n", pLast + 1);
-    *pLast = '\0';
-}
-
-// --- The log, from which nobody waits for the disk while its thread runs ---
-
-static DiskLane g_logLane;
-static DiskJob g_logJob;  // in the lane, or nobody's
-
-static int RunLogJob(DiskJob *)
-{
-    return LogWriteSome();
-}
-
-static void PostLogJob()
-{
-    DiskPostLazy(&g_logLane, &g_logJob);
-}
-
 static int StartDisk()
 {
     if (!DiskStart(&g_server.scheduler))
         return 0;
-    g_logJob.pfnRun = RunLogJob;
-    LogDivert(PostLogJob);
+    LogsDivert();
+    return 1;
+}
+
+// Ends a start before anything was made.
+static int Refuse()
+{
+    RegistryInit(OnFreePort);
+    ServerStop();
+    return 0;
+}
+
+// Opens what others come to. Takes the paths over. Returns 1, or 0 when a strict start, or the relay, is not
+// to go on.
+static int LetIn(PathList *pInterrupted)
+{
+    MonitorSetBurstProc(&g_server.monitor, OnMonitorBurst);
+    OpenListener();
+    StorageCareStart(pInterrupted);
+    int bRemote = RemoteServicesStart();
+    StatusOpen();
+    if (!StartDoubtsOfListeners() || !bRemote)
+        return 0;
+    StatusStart();
+    EventsBegin();
     return 1;
 }
 
@@ -154,36 +165,28 @@ int ServerStart(const char *szConfigPath)
 {
     tzset();  // which reads a file
     ClearServer();
-    if (!SettingsRead(&g_settings, szConfigPath)) {
-        ClearServer();
-        return 0;
-    }
-    DropCutNetwork(g_settings.szAnnounceFrom, sizeof(g_settings.szAnnounceFrom));
-    AddrListParse(&g_server.announceFrom, g_settings.szAnnounceFrom, "AnnounceFrom",
-                  g_settings.bStandardPlayers);
+    StartDoubtsCheck(szConfigPath);
+    int bRead = SettingsRead(&g_settings, szConfigPath);
+    EventsOpen();
+    if (!StartDoubtsSay() || !bRead)
+        return Refuse();
+    SettingLists lists;
+    ListsParse(&lists, &g_settings);
     g_server.nMaxRegisterId = GuidStoreNextId(g_settings.szGuidPath);
     EventsInit();
     SeedRandom();
-    AssertSurvivePeerFaults(g_settings.bSurvivePeerFaults);
-    ThreadAllowNoPriority(g_settings.bRunUnprivileged);
+    FollowLists(&lists);
+    ReloadInit();
     PathList interrupted;
     PrepareStorage(&interrupted);
     RegistryInit(OnFreePort);
     int bReady = CreatePortMgr() && CreateAuth() && CreateScheduler() && StartDisk() &&
                  MonitorCreate(&g_server.monitor, OnMonitorEvent, nullptr);
-    if (!bReady) {
-        PathListFree(&interrupted);
-        ServerStop();
-        return 0;
-    }
-    MonitorSetBurstProc(&g_server.monitor, OnMonitorBurst);
-    OpenListener();
-    StorageCareStart(&interrupted);
-    if (!RemoteServicesStart()) {
-        ServerStop();
-        return 0;
-    }
-    return 1;
+    if (bReady && LetIn(&interrupted))
+        return 1;
+    PathListFree(&interrupted);
+    ServerStop();
+    return 0;
 }
 
 // What recordings have queued still reaches the disk, unless that stalls. Returns 0 then: the disk thread
@@ -193,21 +196,26 @@ static int StopDisk()
     constexpr uint32_t kMostMs = 10000;
     size_t nLost = DiskStop(kMostMs);
     if (nLost > 0)
+        EventSay(EventLevel::Error, "disk.stalled", {EventNumber("lost_bytes", static_cast<int64_t>(nLost))});
+    if (nLost > 0)
         print(
             "The disk stalls: the last %zu bytes of recordings are lost, and their files stay "
             "interrupted.\r\n",
             nLost);
     else
-        LogDivert(nullptr);  // a disk that stalls would take this thread, too
+        LogsRejoin();  // a disk that stalls would take this thread, too
     return nLost == 0;
 }
 
 void ServerStop()
 {
+    StatusStop();
     RemoteServicesStop();
     DiskDetach();
     ThreadJoin(&g_server.monitor.thread);  // no more events; its sockets stay while tasks may still use them
+    ReloadDetach();
     SchedulerDestroy(&g_server.scheduler);
+    ReloadEnd();
     WifiRoutersStop();
     RemoteServicesFree();
     MonitorDestroy(&g_server.monitor);
@@ -224,6 +232,7 @@ void ServerStop()
     delete g_server.pPortMgr;
     AuthFree(g_server.pAuth);
     if (bDiskEnded) {  // else its thread reads the settings yet
+        EventsEnd();
         AccountFileFree();
         ClearServer();
     }
@@ -262,6 +271,7 @@ static void GatherStat(ServerStat *pStat, int bWithSessions)
 {
     pStat->nTasks = SchedulerTaskCount(&g_server.scheduler);
     pStat->nLives = ProgramCountLive();
+    pStat->tRead = ReloadTime();
     pStat->nMonitors = g_server.monitor.nAdded;
     unsigned nCount = ListCount(&g_server.sessions);
     if (bWithSessions && nCount)

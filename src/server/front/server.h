@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 
 #include "server/core/session.h"
 
@@ -27,6 +28,7 @@ struct SessionStat {
 };
 struct ServerStat {
     unsigned nTasks, nLives, nClients, nMonitors;
+    time_t tRead;  // when the settings in force were read
     unsigned nSessions;
     SessionStat *pSessions;  // from malloc, nSessions records; null when not asked for; the caller frees it
 };

@@ -63,7 +63,7 @@ static DataBlock *FindKeyInSpan(const Program *pProg, DataBlock *pFrom, uint32_t
 static int KeepsLongGroup(const Program *pProg)
 {
     uint32_t nMegabytes = g_settings.nCacheMegabytes ? g_settings.nCacheMegabytes : kLongGroupMegabytes;
-    return g_settings.bStandardPushers && pProg->cache.pLastKey &&
+    return pProg->standards.bPushers && pProg->cache.pLastKey &&
            pProg->cache.held.nBytes <= Megabytes(nMegabytes);
 }
 

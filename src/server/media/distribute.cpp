@@ -69,6 +69,8 @@ static void QueueGive(Session *pSession)
     if (bSent && QueueRelieve(pSession) && SessionMediaWaiting(pSession) <= nBefore / 2)
         return;
     print("QueueGive()->DestroySession()!\r\n");
+    SessionNoteEnd(pSession,
+                   "it was too slow: its queue was the largest when CacheMegabytesTotal was reached");
     SessionEnd(pSession);
 }
 
@@ -144,6 +146,7 @@ static int PushPacket2SessionQueue(Session *pSession, const DataBlock *pBlock, u
     if (bKeep)
         return 1;
     print("PushPacket2SessionQueue()->DestroySession()!\r\n");
+    SessionNoteEnd(pSession, "it was too slow: more waited than its queue may hold");
     SessionEnd(pSession);
     return 0;
 }
@@ -163,6 +166,7 @@ static void SendEventMsg2SubscribeClient(Session *pSession, const DataBlock *pBl
     if (n == static_cast<ssize_t>(nLen))
         return;
     print("SendEventMsg2SubscribeClient()->DestroySession()!\r\n");
+    SessionNoteEnd(pSession, "it did not take an event");
     SessionEnd(pSession);
 }
 
@@ -177,7 +181,7 @@ static inline int TakesPacket(Session *pSession, const DataBlock *pBlock)
 static void FanOut(Program *pProg, const DataBlock *pBlock)
 {
     int bEvent = pProg->desc.nDataTrack >= 0 && BlockData(pBlock)[1] == 2 * pProg->desc.nDataTrack;
-    uint32_t nNow = g_settings.bStandardPlayers ? ClockMs() : 0;
+    uint32_t nNow = pProg->bTimesQueues ? ClockMs() : 0;
     Session *pNext;
     for (Session *p = FirstPlayer(pProg); p; p = pNext) {
         pNext = NextPlayer(p);
@@ -308,7 +312,7 @@ static void FlushSlice(Program *pProg)
 {
     PlayerFlush *pFlush = &pProg->flush;
     Slice slice = SliceBegin();
-    unsigned nAbove = HasLowDelay() ? 0 : kFlushAfterReadAbove;
+    unsigned nAbove = HasLowDelay(pProg) ? 0 : kFlushAfterReadAbove;
     int bOver = 0;
     while (pFlush->pNext && !bOver) {
         Session *p = pFlush->pNext;
@@ -338,7 +342,7 @@ static int OnFlushOn(Task *pTask, uint32_t, uint32_t, uint32_t)
     pFlush->bTask = pFlush->pNext != nullptr;
     if (!pFlush->bTask)
         return -1;
-    return HasLowDelay() ? 0 : 1;
+    return HasLowDelay(pProg) ? 0 : 1;
 }
 
 void FlushPlayers(Program *pProg)

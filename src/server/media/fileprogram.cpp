@@ -107,10 +107,11 @@ static HeldJob *Open(Session *pSession, const char *szPath, int *pbMore)
 
 // Cameras leave the rtpmap lines of static payload types out (RFC 3551, section 6), and so do recordings of
 // theirs.
-static int ReadDescription(Description *pDesc, const FileReader *pReader)
+static int ReadDescription(Program *pProg, const FileReader *pReader)
 {
-    char *szSdp = g_settings.bStandardPlayers ? SdpWithStaticMaps(pReader->szSdp) : nullptr;
-    int bRead = SdpParse(pDesc, szSdp ? szSdp : pReader->szSdp, 0, pReader->uDuration);
+    char *szSdp = pProg->standards.bPlayers ? SdpWithStaticMaps(pReader->szSdp) : nullptr;
+    int bRead = SdpParse(&pProg->desc, szSdp ? szSdp : pReader->szSdp, 0, pReader->uDuration,
+                         pProg->standards.bPushers);
     free(szSdp);
     return bRead;
 }
@@ -126,7 +127,7 @@ static Program *MakeProgram(const char *szPath, FileReader *pReader)
     pProg->reader = pReader;
     pReader->pProg = pProg;
     pReader->pfnArrived = FileRecordsArrived;
-    if (pReader->szSdp && ReadDescription(&pProg->desc, pReader) && ProgramReady(pProg))
+    if (pReader->szSdp && ReadDescription(pProg, pReader) && ProgramReady(pProg))
         return pProg;
     ProgramDiscard(pProg);
     return nullptr;

@@ -5,6 +5,7 @@
 #include "record/rtphelp.h"
 #include "record/zmfile.h"
 #include "server/core/program.h"
+#include "server/core/sessionpeer.h"
 #include "server/core/settings.h"
 #include "server/media/filereader.h"
 #include "server/media/pace.h"

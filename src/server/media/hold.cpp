@@ -9,6 +9,7 @@
 
 #include "base/bytes.h"
 #include "base/console.h"
+#include "base/eventlog.h"
 #include "record/sdpreader.h"
 #include "runtime/clock.h"
 #include "server/core/registry.h"
@@ -41,7 +42,7 @@ static size_t MakeFarewell(const SessionTrack *pTrack, uint32_t nSsrc, int bInte
 void SayFarewell(Session *pPlayer)
 {
     int bPlayed = pPlayer->nState == STATE_PLAYING || pPlayer->nState == STATE_PAUSED;
-    if (!g_settings.bStandardPushers || !bPlayed)
+    if (!pPlayer->pProg->standards.bPushers || !bPlayed)
         return;
     uint8_t text[64];
     for (int i = 0; i < pPlayer->out.nTracks && i < pPlayer->pProg->desc.nTrackCount; i++) {
@@ -78,11 +79,15 @@ static int OnHoldOver(Task *pTask, uint32_t, uint32_t, uint32_t)
 
 int HoldBegin(Program *pProg)
 {
-    if (!g_settings.bStandardPushers || g_settings.nHoldPlayers == 0)
+    if (!pProg->standards.bPushers || g_settings.nHoldPlayers == 0)
         return 0;
     g_nWaits = g_nWaits == INT32_MAX ? 1 : g_nWaits + 1;
     pProg->hold.nNumber = g_nWaits;
+    pProg->hold.tSince = ClockUptime();
     print("Program(%s) waits for its pusher, %u s.\r\n", pProg->Uri, g_settings.nHoldPlayers);
+    EventSay(EventLevel::Warn, "program.held",
+             {EventText("program", pProg->Uri), EventNumber("players", ListCount(&pProg->players)),
+              EventNumber("wait_seconds", g_settings.nHoldPlayers), EventText("cause", pProg->szPusherEnd)});
     TaskSchedule(&g_server.scheduler, OnHoldOver, g_settings.nHoldPlayers * 1000, g_nWaits, nullptr);
     return 1;
 }
@@ -90,6 +95,9 @@ int HoldBegin(Program *pProg)
 void HoldEnd(Program *pProg)
 {
     print("Program(%s) waits no longer.\r\n", pProg->Uri);
+    EventSay(EventLevel::Warn, "program.given_up",
+             {EventText("program", pProg->Uri), EventNumber("players", ListCount(&pProg->players)),
+              EventText("cause", pProg->szPusherEnd)});
     SessionEndAllOf(pProg);
     ProgramGiveUp(pProg);
 }
@@ -144,6 +152,9 @@ int HoldSuits(const Program *pProg, const Description *pNew)
 void HoldResume(Program *pProg, Description *pNew)
 {
     int bSameTypes = 1;
+    EventSay(EventLevel::Info, "program.resumed",
+             {EventText("program", pProg->Uri), EventNumber("players", ListCount(&pProg->players)),
+              EventNumber("held_seconds", ClockUptime() - pProg->hold.tSince)});
     std::swap(pProg->desc.szSdp, pNew->szSdp);
     KeyStartInit(pProg);
     for (int i = 0; i < pNew->nTrackCount; i++) {

@@ -2,6 +2,7 @@
 
 #include "base/bytes.h"
 #include "base/console.h"
+#include "server/core/sessionevents.h"
 #include "server/core/settings.h"
 #include "server/media/distribute.h"
 #include "server/media/keystart.h"
@@ -34,14 +35,17 @@ int FeedProgram(Session *pSession, unsigned nTrack, const uint8_t *pFrame, uint3
     TrackRewrite *pRewrite = &pProg->desc.mediaInfos[nTrack].rewrite;
     if (pRewrite->bContinues)
         ResumeTrack(pProg, nTrack, pFrame + kInterleaveBytes);
-    if (!PacketTime(pProg, nTrack, GetBe(pFrame + 8, 4) + pRewrite->nStampShift, &nTime, &nJump))
+    if (!PacketTime(pProg, nTrack, GetBe(pFrame + 8, 4) + pRewrite->nStampShift, &nTime, &nJump)) {
+        SessionNoteMalformed(pSession, "a track's clock rate cannot be used");
         return 0;
+    }
     int bVideo = static_cast<int>(nTrack) == pProg->desc.nVideoTrack;
     int bStart = bVideo && KeyStartWanted(pProg);
     int bKey = bVideo && !bStart && IsKeyFrame(pProg, pFrame, nBytes);
     DataBlock *pBlock = MakeDataBlock(pFrame, nBytes, 1, bVideo, bKey);
     if (!pBlock) {
         print("MakeDataBlock() failed and Destroy the Session!\r\n");
+        SessionNoteEnd(pSession, "no memory is left");
         return 0;
     }
     pBlock->nTimestamp = nTime;
@@ -57,7 +61,7 @@ void FlushAfterRead(Session *pSession)
 {
     if (!(pSession->nFlags & SESSION_PUSHER) || pSession->nState != STATE_PLAYING || !pSession->pProg)
         return;
-    if (HasLowDelay()) {
+    if (HasLowDelay(pSession->pProg)) {
         FlushWhole(pSession->pProg);
         return;
     }

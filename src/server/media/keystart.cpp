@@ -78,7 +78,7 @@ void KeyStartInit(Program *pProg)
     if (pStart->nHeld > 0)
         PassHeld(pProg, 0);
     pStart->bKnown = pStart->bDecided = 0;
-    pStart->pForm = g_settings.bStandardPushers && pCodec ? pCodec->pNal : nullptr;
+    pStart->pForm = pProg->standards.bPushers && pCodec ? pCodec->pNal : nullptr;
     ParamSetsFree(&pStart->sets);
     if (pStart->pForm)
         ParamSetsFromFormat(&pStart->sets, pStart->pForm, VideoFormat(&pProg->desc));

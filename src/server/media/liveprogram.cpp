@@ -22,16 +22,17 @@ static const char *LiveSdp(const Program *pProg)
 static const ProgramOps g_liveOps = {LiveSdp, nullptr, RecordersClose, HoldBegin, SayFarewell};
 
 // In no container yet.
-static Program *NewLiveProgram(const char *szPath, const char *szSdp, size_t nSdp)
+static Program *NewLiveProgram(const char *szPath, const char *szSdp, size_t nSdp, const Standards &standards)
 {
     Program *pProg = nSdp < kMaxDescription ? ProgramNew(szPath, &g_liveOps) : nullptr;
     if (!pProg)
         return nullptr;
     pProg->bLive = 1;
+    pProg->standards = standards;
     pProg->sleep.tIdleSince = ClockUptime();
     pProg->always.bWanted = RecordedAlways(szPath);
-    pProg->desc.szSdp = g_settings.bStandardPushers ? SdpWithStaticMaps(szSdp) : strdup(szSdp);
-    if (pProg->desc.szSdp && SdpParse(&pProg->desc, pProg->desc.szSdp, 1, 0))
+    pProg->desc.szSdp = standards.bPushers ? SdpWithStaticMaps(szSdp) : strdup(szSdp);
+    if (pProg->desc.szSdp && SdpParse(&pProg->desc, pProg->desc.szSdp, 1, 0, standards.bPushers))
         return pProg;
     ProgramDiscard(pProg);
     return nullptr;
@@ -39,14 +40,21 @@ static Program *NewLiveProgram(const char *szPath, const char *szSdp, size_t nSd
 
 Program *CreateLiveProgram(const char *szPath, const char *szSdp, size_t nSdp)
 {
-    Program *pProg = NewLiveProgram(szPath, szSdp, nSdp);
-    Program *pWaits = pProg ? ProgramFind(szPath) : nullptr;
-    if (pWaits && HoldSuits(pWaits, &pProg->desc)) {
+    Program *pWaits = ProgramFind(szPath);
+    const Standards now = StandardsNow();
+    // what goes on is read as it began
+    Program *pProg = NewLiveProgram(szPath, szSdp, nSdp, pWaits ? pWaits->standards : now);
+    if (pWaits && pProg && HoldSuits(pWaits, &pProg->desc)) {
         HoldResume(pWaits, &pProg->desc);
         ProgramDiscard(pProg);
         return pWaits;
     }
-    if (pWaits && !pWaits->pPusher)
+    if (pWaits && pWaits->standards != now) {
+        if (pProg)
+            ProgramDiscard(pProg);
+        pProg = NewLiveProgram(szPath, szSdp, nSdp, now);
+    }
+    if (pWaits && pProg && !pWaits->pPusher)
         HoldEnd(pWaits);
     if (!pProg)
         return nullptr;

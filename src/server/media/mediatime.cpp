@@ -7,6 +7,7 @@
 #include "base/assertion.h"
 #include "base/console.h"
 #include "base/datablock.h"
+#include "base/eventlog.h"
 #include "runtime/clock.h"
 #include "server/core/settings.h"
 
@@ -28,9 +29,9 @@ constexpr int32_t kHasty = 2;
 
 // Whether a jump of the stamps does not show in the times: where nothing is to be lost, and of standard
 // pushers, whose players and recordings go on.
-static int KeepsLine()
+static int KeepsLine(const Program *pProg)
 {
-    return g_settings.bNeverLose || g_settings.bStandardPushers;
+    return g_settings.bNeverLose || pProg->standards.bPushers;
 }
 
 // How far the clock has gone on since the last packet. Half a turn of it and more is told by the time that
@@ -38,7 +39,7 @@ static int KeepsLine()
 static int64_t ClockStep(const MediaClock *pClock, uint32_t nTimeScale, uint32_t nRtpTime)
 {
     uint32_t nStep = nRtpTime - pClock->nLastRtpTime;
-    if (!KeepsLine())
+    if (!pClock->bKept)
         return static_cast<int32_t>(nStep);
     int64_t nDue = int64_t{ClockMs() - pClock->nArrivedMs} * nTimeScale / 1000;
     return nDue + static_cast<int32_t>(nStep - static_cast<uint32_t>(nDue));
@@ -197,7 +198,7 @@ void TimeNoteReport(Program *pProg, unsigned nTrack, const SenderReport *pReport
     MediaInfo *pInfo = &pProg->desc.mediaInfos[nTrack];
     ReportClock *pClock = &pInfo->clock.report;
     MediaLine *pLine = &pProg->line;
-    if (!g_settings.bStandardPushers || pInfo->nTimeScale == 0 ||
+    if (!pProg->standards.bPushers || pInfo->nTimeScale == 0 ||
         (pReport->nNtpSec == 0 && pReport->nNtpFrac == 0))
         return;
     uint32_t nNtpMs =
@@ -224,7 +225,7 @@ void TimeNoteReport(Program *pProg, unsigned nTrack, const SenderReport *pReport
 static int MediaTime(Program *pProg, unsigned nTrack, uint32_t nRtpTime, uint32_t *pMs)
 {
     MediaInfo *pInfo = &pProg->desc.mediaInfos[nTrack];
-    if (g_settings.bStandardPushers) {
+    if (pProg->standards.bPushers) {
         *pMs = AlignedTime(pProg, nTrack, nRtpTime);
         return 1;
     }
@@ -264,9 +265,12 @@ static uint32_t NoteJump(Program *pProg, unsigned nTrack, uint32_t *pnJump)
             *pnJump = pLine->nJump;
         return DB_JUMP;
     }
-    if (g_settings.bStandardPushers && (!pLine->bJumped || ClockMs() - pLine->nJumpedMs >= kOneJumpMs))
+    if (pProg->standards.bPushers && (!pLine->bJumped || ClockMs() - pLine->nJumpedMs >= kOneJumpMs))
         print("Program(%s): the clock of its track %u jumped by %d ms.\r\n", pProg->szName, nTrack,
               ClockDiff(0, *pnJump));
+    EventSay(EventLevel::Warn, "pusher.jump",
+             {EventText("program", pProg->Uri), EventNumber("track", nTrack),
+              EventNumber("jump_ms", ClockDiff(0, *pnJump))});
     pLine->bJumped = 1;
     pLine->nJumpTrack = nTrack;
     pLine->nJumpedMs = ClockMs();
@@ -305,10 +309,13 @@ static uint32_t FollowLine(Program *pProg, unsigned nTrack, int bFirst, uint32_t
 
 int PacketTime(Program *pProg, unsigned nTrack, uint32_t nRtpTime, uint32_t *pMs, uint32_t *pnFlags)
 {
-    int bFirst = !pProg->desc.mediaInfos[nTrack].clock.bTimeKnown;
+    MediaClock *pClock = &pProg->desc.mediaInfos[nTrack].clock;
+    int bFirst = !pClock->bTimeKnown;
+    if (bFirst)
+        pClock->bKept = KeepsLine(pProg);
     if (!MediaTime(pProg, nTrack, nRtpTime, pMs))
         return 0;
-    *pnFlags = KeepsLine() ? FollowLine(pProg, nTrack, bFirst, pMs) : 0;
+    *pnFlags = pClock->bKept ? FollowLine(pProg, nTrack, bFirst, pMs) : 0;
     return 1;
 }
 

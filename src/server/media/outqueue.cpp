@@ -4,9 +4,11 @@
 #include <cstdio>
 
 #include "base/console.h"
+#include "base/eventlog.h"
 #include "runtime/clock.h"
 #include "runtime/sockutil.h"
 #include "server/core/program.h"
+#include "server/core/sessionpeer.h"
 
 namespace orx {
 
@@ -69,6 +71,17 @@ static int64_t WaitingBytes(const Session *pSession)
     return SessionMediaWaiting(pSession) - pSession->flow.nStartHeld;
 }
 
+static void SaySlow(const Session *pSession, const char *szWhat)
+{
+    char szPeer[kAddrTextSize];
+    SessionRemoteText(pSession, szPeer);
+    EventSay(EventLevel::Warn, "player.slow",
+             {EventText("peer", szPeer), EventText("program", pSession->pProg->Uri),
+              EventText("user", pSession->viewer.szUser),
+              EventNumber("waiting_kb", SessionMediaWaiting(pSession) / 1024),
+              EventNumber("waiting_ms", WaitedMs(pSession)), EventText("what", szWhat)});
+}
+
 void QueueTell(const Session *pSession, const char *szWhat)
 {
     char szPeer[kAddrTextSize];
@@ -78,6 +91,7 @@ void QueueTell(const Session *pSession, const char *szWhat)
     const char *szUri = pSession->pProg->Uri;
     print("Player(%s) of %s: %u KB and %u ms wait, %s.\r\n", szPeer, szUri, nKilobytes, nMs, szWhat);
     log("Player(%s) of %s: %u KB and %u ms wait, %s", szPeer, szUri, nKilobytes, nMs, szWhat);
+    SaySlow(pSession, szWhat);
 }
 
 void QueueTellCrowded(Session *pSession, uint32_t nNow)
@@ -95,6 +109,7 @@ static void TellDropped(Session *pSession, uint32_t nGroups)
 {
     SessionFlow *pFlow = &pSession->flow;
     pFlow->nDropped += nGroups;
+    pSession->told.nDroppedGroups += nGroups;
     if (nGroups == 0 || (pFlow->bTold && ClockDiff(ClockMs(), pFlow->nToldClock) < kTellEveryMs))
         return;
     char szWhat[64];
@@ -120,6 +135,8 @@ int QueueRelieve(Session *pSession)
     QueueDropCrowded(pSession);
     print("Player Client(socket=0x%x) has a full queue, its media is dropped!\r\n",
           SessionPeerPort(pSession)->fd);
+    if (pSession->told.nDroppedGroups++ == 0)
+        SaySlow(pSession, "its media is dropped");
     return !QueueIsFull(pSession);
 }
 
@@ -186,6 +203,7 @@ int QueueKeepBounds(Session *pSession)
         return 1;
     if (!g_settings.bAutoDrop) {
         QueueTell(pSession, "it is closed");
+        SessionNoteEnd(pSession, "it was too slow: more waited than its queue may hold");
         return 0;
     }
     if (HasGroups(pSession)) {

@@ -109,7 +109,7 @@ int QueueRelieve(Session *pSession);
 // Whether the session is a live player whose bounds are bytes and time, and who loses whole groups.
 inline int QueueKeepsGroups(const Session *pSession)
 {
-    return g_settings.bStandardPlayers && pSession->pProg && pSession->pProg->bLive &&
+    return pSession->standards.bPlayers && pSession->pProg && pSession->pProg->bLive &&
            !(pSession->nFlags & SESSION_PUSHER);
 }
 

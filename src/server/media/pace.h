@@ -29,7 +29,8 @@ inline int PaceCountsBytes(const Session *pSession)
 {
     if (pSession->out.bInterleaved || !pSession->pProg || (pSession->nFlags & SESSION_PUSHER))
         return 0;
-    return g_settings.bStandardPlayers || (g_settings.bStandardPushers && pSession->pProg->bLive);
+    const Program *pProg = pSession->pProg;
+    return pSession->standards.bPlayers || (pProg->standards.bPushers && pProg->bLive);
 }
 
 // The pace of the session at this moment.

@@ -58,9 +58,11 @@ static void Note(SessionQuestions *pQuestions, const Waiting *pWaiting)
 
 int PusherKnows(const Program *pProg)
 {
-    if (!g_settings.bStandardPushers || pProg->desc.nDataTrack >= 0)
+    const Session *pPusher = pProg->pPusher;  // it may have come back under other settings
+    const Standards *pStandards = pPusher ? &pPusher->standards : &pProg->standards;
+    if (!pStandards->bPushers || pProg->desc.nDataTrack >= 0)
         return 1;
-    return pProg->pPusher && pProg->asked.nKnower == pProg->pPusher->nHandle;
+    return pPusher && pProg->asked.nKnower == pPusher->nHandle;
 }
 
 void PusherShows(const Session *pSession)
@@ -89,7 +91,7 @@ static PusherQuestions *QuestionsOf(const Session *pPusher)
 
 void PusherAsked(const Session *pPusher, const Session *pAsker)
 {
-    if (!g_settings.bStandardPushers || !FeedsProgram(pPusher))
+    if (!pPusher->standards.bPushers || !FeedsProgram(pPusher))
         return;
     PusherQuestions *pAsked = QuestionsOf(pPusher);
     if (pAsked->nOpen == kMaxPusherQuestions)

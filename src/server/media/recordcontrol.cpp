@@ -79,11 +79,31 @@ static void BeginAlways(Program *pProg)
     pAlways->pRecorder = pRecorder;
 }
 
+static void CloseAlways(Program *pProg)
+{
+    pProg->always.bRenew = 0;
+    if (pProg->always.pRecorder)
+        RecorderClose(std::exchange(pProg->always.pRecorder, nullptr));
+}
+
+// With the packet at hand, the newest of the cache, the next recording begins where this one ends.
+static void RenewAlways(Program *pProg)
+{
+    Recorder *pRecorder = pProg->always.pRecorder;
+    if (pRecorder)
+        pRecorder->szEndReason = "it goes on under other settings";
+    CloseAlways(pProg);
+    if (pRecorder)
+        BeginAlways(pProg);
+}
+
 static void WriteAlways(Program *pProg, const DataBlock *pBlock)
 {
     AlwaysRecorded *pAlways = &pProg->always;
     if (pAlways->pRecorder && pAlways->pRecorder->bOver)
         EndAlways(pProg);
+    if (pAlways->bRenew && BlockStartsKey(pBlock) && ClockDiff(ClockMs(), pAlways->nRenewMs) >= 0)
+        RenewAlways(pProg);
     if (pAlways->pRecorder) {
         RecorderWrite(pAlways->pRecorder, pProg, pBlock);
         return;
@@ -103,10 +123,22 @@ void RecordersWrite(Program *pProg, const DataBlock *pBlock)
     }
 }
 
+void RecordersFollowSettings()
+{
+    for (Program *p = FirstProgram(); p; p = NextProgram(p)) {
+        AlwaysRecorded *pAlways = &p->always;
+        pAlways->bWanted = p->bLive && RecordedAlways(p->Uri);
+        if (!pAlways->bWanted)
+            CloseAlways(p);
+        int nMs = pAlways->pRecorder ? RecorderRenewMs(pAlways->pRecorder, p) : -1;
+        pAlways->bRenew = nMs >= 0;
+        pAlways->nRenewMs = ClockMs() + static_cast<uint32_t>(nMs);
+    }
+}
+
 void RecordersClose(Program *pProg)
 {
-    if (pProg->always.pRecorder)
-        RecorderClose(std::exchange(pProg->always.pRecorder, nullptr));
+    CloseAlways(pProg);
     while (pProg->nRecorders > 0)
         RecorderClose(TakeRecorder(pProg, pProg->nRecorders - 1));
 }

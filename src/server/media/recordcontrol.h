@@ -31,6 +31,10 @@ int RecordersWant(const Program *pProg);
 // Hands a cached packet to every running recording of the program; one that has ended leaves.
 void RecordersWrite(Program *pProg, const DataBlock *pBlock);
 
+// The settings were read anew: which programs are recorded always is looked at again, and where their files
+// go. A recording of theirs goes on in the new place when it would begin its next file.
+void RecordersFollowSettings();
+
 // Stops every recording of the program.
 void RecordersClose(Program *pProg);
 

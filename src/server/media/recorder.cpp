@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -10,6 +11,7 @@
 #include "base/console.h"
 #include "base/printable.h"
 #include "base/textbuf.h"
+#include "record/recordevents.h"
 #include "record/zmfwriter.h"
 #include "runtime/clock.h"
 #include "server/core/settings.h"
@@ -42,8 +44,22 @@ static void EndWriter(Recorder *pRecorder)
     pRecorder->bOver = 1;
 }
 
-static void TellEnded(int bFailed)
+// The file that is open begins or ends.
+static void SayFile(const Recorder *pRecorder, EventLevel eLevel, const char *szEvent, const char *szReason)
 {
+    const RecordFile *pFile = &pRecorder->pWriter->file;
+    int bEnds = szReason != nullptr;
+    RecordSay(eLevel, szEvent,
+              {pRecorder->szUri, pFile->szFile, szReason, eLevel == EventLevel::Error ? pFile->out.nErrno : 0,
+               bEnds ? static_cast<int>(pFile->uDuration / 1000) : -1});
+}
+
+static void TellEnded(const Recorder *pRecorder, int bFailed)
+{
+    if (bFailed)
+        SayFile(pRecorder, EventLevel::Error, "recording.failed", "it cannot be written");
+    else
+        SayFile(pRecorder, EventLevel::Info, "recording.end", "its time is over");
     print(bFailed ? "ZMFWriterWriteSample() failed!\r\n" : "ZMFWriterWriteSample() auto stopped().\r\n");
 }
 
@@ -71,7 +87,7 @@ static int OnTick()
             bMore |= ZMFWriterRoomStep(p->pWriter);
             continue;
         }
-        TellEnded(0);
+        TellEnded(p, 0);
         EndWriter(p);
     }
     if (bTick)
@@ -141,47 +157,50 @@ static void ChooseName(const Opening *p, char *szFile, size_t nSize)
 {
     TextBuf text{szFile, nSize};
     const RecordOrder *pOrder = &p->order;
-    const char *szRoot = g_settings.szRecordPath, *szName = PathName(p->pRecorder->szUri);
-    int bConfined = g_settings.bConfineRecordings;
+    const char *szRoot = p->pRecorder->plan.szRoot, *szName = PathName(p->pRecorder->szUri);
+    int bConfined = p->pRecorder->plan.bConfined, bNeverLose = p->pRecorder->plan.rules.bNeverLose;
     if (!pOrder->bNamed && bConfined)
         StorageNamePath(szFile, nSize, szRoot, szName, pOrder->nKind);
     else if (!pOrder->bNamed)
-        StorageNextPath(szFile, nSize, szRoot, szName, pOrder->nKind, g_settings.bNeverLose);
+        StorageNextPath(szFile, nSize, szRoot, szName, pOrder->nKind, bNeverLose);
     else if (bConfined && pOrder->szFile[0] && pOrder->szFile[0] != '/')
         TextAdd(&text, "%s%s", szRoot, pOrder->szFile);
     else
         TextAdd(&text, "%s", pOrder->szFile);
     if (pOrder->bNamed && !bConfined)
-        StorageFreePath(szFile, nSize, g_settings.bNeverLose);
+        StorageFreePath(szFile, nSize, bNeverLose);
 }
 
-static RecordRules Rules()
+static void MakePlan(FilePlan *pPlan, const Program *pProg)
 {
-    return {g_settings.bNeverLose, g_settings.bWideUnits, g_settings.bStandardPushers,
-            g_settings.bAutoDelOldFile, g_settings.nReserveMegabytes};
+    TextCopy(pPlan->szRoot, sizeof(pPlan->szRoot), g_settings.szRecordPath);
+    pPlan->bConfined = g_settings.bConfineRecordings;
+    pPlan->nMinutePerFile = g_settings.nMinutePerFile;
+    pPlan->rules = {g_settings.bNeverLose, g_settings.bWideUnits, pProg->standards.bPushers,
+                    g_settings.bAutoDelOldFile, g_settings.nReserveMegabytes};
 }
 
 static ZMFWriter *CreateWriter(const Opening *p, const char *szFile)
 {
-    const RecordRules rules = Rules();
+    const RecordRules *pRules = &p->pRecorder->plan.rules;
     if (p->order.bNamed)
-        return IsSafeFileName(szFile) ? ZMFWriterCreateFile(szFile, p->order.nKind, nullptr, nullptr, &rules)
+        return IsSafeFileName(szFile) ? ZMFWriterCreateFile(szFile, p->order.nKind, nullptr, nullptr, pRules)
                                       : nullptr;
-    return ZMFWriterCreate(g_settings.szRecordPath, PathName(p->pRecorder->szUri), p->order.nKind, nullptr, 0,
-                           &rules);
+    return ZMFWriterCreate(p->pRecorder->plan.szRoot, PathName(p->pRecorder->szUri), p->order.nKind, nullptr,
+                           0, pRules);
 }
 
 // The same below the directory of recordings, whatever links and ".." make of the name.
 static ZMFWriter *CreateConfined(const Opening *p, const char *szFile)
 {
     char szProgram[kStoragePathSize];
-    const char *szRoot = g_settings.szRecordPath;
-    const RecordRules rules = Rules();
+    const char *szRoot = p->pRecorder->plan.szRoot;
+    const RecordRules *pRules = &p->pRecorder->plan.rules;
     if (p->order.bNamed)
-        return IsRecordingName(szFile) ? ZMFWriterCreateFile(szFile, p->order.nKind, nullptr, szRoot, &rules)
+        return IsRecordingName(szFile) ? ZMFWriterCreateFile(szFile, p->order.nKind, nullptr, szRoot, pRules)
                                        : nullptr;
     return StorageProgramPath(szProgram, sizeof(szProgram), p->pRecorder->szUri)
-               ? ZMFWriterCreate(szRoot, szProgram, p->order.nKind, nullptr, 1, &rules)
+               ? ZMFWriterCreate(szRoot, szProgram, p->order.nKind, nullptr, 1, pRules)
                : nullptr;
 }
 
@@ -198,26 +217,35 @@ static ZMFWriter *OpenWriter(const Opening *p)
     ZMFWriter *pWriter = nullptr;
     int bQuiet = p->order.bAgain;  // but for what succeeds
     ChooseName(p, szFile, sizeof(szFile));
-    if (g_settings.bConfineRecordings && (pWriter = CreateConfined(p, szFile)))
+    errno = 0;
+    if (p->pRecorder->plan.bConfined && (pWriter = CreateConfined(p, szFile)))
         ZMFWriterFileName(pWriter, szFile, sizeof(szFile));  // the name that was free
     if (!bQuiet)
         TellStart(p, szFile);
-    if (!g_settings.bConfineRecordings)
+    if (!p->pRecorder->plan.bConfined)
         pWriter = CreateWriter(p, szFile);
-    if (!pWriter && !bQuiet)
+    int nErrno = errno;
+    if (!pWriter && !bQuiet) {
         print("Create record file(%s) failed!\r\n", PrintableText(szFile).sz);
+        RecordSay(EventLevel::Error, "recording.failed",
+                  {p->pRecorder->szUri, szFile,
+                   nErrno ? "its file cannot be made" : "its name is not allowed", nErrno});
+    }
     return pWriter;
 }
 
 // A step towards the room that a recording needs. One that there is none for ends, which is printed.
 static int MakeRoom(Opening *p, ZMFWriter *pWriter)
 {
-    RoomResult eResult =
-        ZMFWriterReserveStep(pWriter, g_settings.nReserveMegabytes, g_settings.bAutoDelOldFile);
+    RoomResult eResult = ZMFWriterReserveStep(pWriter, p->pRecorder->plan.rules.nReserveMegabytes,
+                                              p->pRecorder->plan.rules.bDeleteOldest);
     if (eResult == RoomResult::There)
         p->eStage = OpeningStage::Packets;
-    if (eResult == RoomResult::None && !p->order.bAgain)
+    if (eResult == RoomResult::None && !p->order.bAgain) {
         print("NOT enough storage space to record!!!\n");
+        RecordSay(EventLevel::Error, "recording.failed",
+                  {p->pRecorder->szUri, pWriter->file.szFile, "there is no room"});
+    }
     return eResult != RoomResult::None;
 }
 
@@ -231,7 +259,7 @@ static int BeginFile(ZMFWriter *pWriter, const Opening *p)
     }
     ZMFWriterSetLabel(pWriter, p->szNick);
     return ZMFWriterSetSdp(pWriter, p->szSdp) &&
-           ZMFWriterSetLimits(pWriter, g_settings.nMinutePerFile * 60,
+           ZMFWriterSetLimits(pWriter, p->pRecorder->plan.nMinutePerFile * 60,
                               static_cast<uint32_t>(p->order.nLimitSeconds)) &&
            ZMFWriterWriteHead(pWriter);
 }
@@ -288,6 +316,7 @@ static int RunOpening(DiskJob *pJob)
         return 0;
     p->opening.bOpen = bOk;
     if (bOk) {
+        SayFile(pRecorder, EventLevel::Info, "recording.begin", nullptr);
         pRecorder->bOpened = 1;
         Remember(pRecorder);
         return 1;
@@ -336,7 +365,7 @@ static int IsRecorded(const Program *pProg, const DataBlock *pBlock)
 {
     const Description *pDesc = &pProg->desc;
     int nTrack = BlockData(pBlock)[1] / 2;
-    return (pBlock->nFlags & DB_VIDEO) || !g_settings.bStandardPushers || nTrack == pDesc->nAudioTrack ||
+    return (pBlock->nFlags & DB_VIDEO) || !pProg->standards.bPushers || nTrack == pDesc->nAudioTrack ||
            nTrack == pDesc->nDataTrack;
 }
 
@@ -356,7 +385,7 @@ static int RunPacket(DiskJob *pJob)
     free(p);
     if (nResult > 0)
         return 1;
-    TellEnded(nResult < 0);
+    TellEnded(pRecorder, nResult < 0);
     EndWriter(pRecorder);
     return 1;
 }
@@ -383,6 +412,7 @@ static PacketJob *NewPacket(Recorder *pRecorder, const Program *pProg, const Dat
 struct HoleJob {
     DiskJob job;  // first
     uint32_t nMs;
+    int bLogged;
     char szUri[sizeof(Recorder::szUri)];
 };
 
@@ -391,8 +421,11 @@ static int RunHole(DiskJob *pJob)
     auto *p = reinterpret_cast<HoleJob *>(pJob);
     PrintableText uri(p->szUri);
     print("The disk is too slow: %u ms of %s are not recorded.\r\n", p->nMs, uri.sz);
-    if (g_settings.bNeverLose)
+    if (p->bLogged)
         log("The disk is too slow: %u ms of %s are not recorded.", p->nMs, uri.sz);
+    EventSay(EventLevel::Warn, "recording.hole",
+             {EventText("program", p->szUri), EventNumber("lost_ms", p->nMs),
+              EventText("reason", "the disk was too slow")});
     free(p);
     return 1;
 }
@@ -402,7 +435,7 @@ static void TellHole(Recorder *pRecorder)
     auto *p = static_cast<HoleJob *>(malloc(sizeof(HoleJob)));
     if (!p)
         return;
-    *p = HoleJob{{}, ClockMs() - pRecorder->nHoleMs, ""};
+    *p = HoleJob{{}, ClockMs() - pRecorder->nHoleMs, g_settings.bNeverLose, ""};
     TextCopy(p->szUri, sizeof(p->szUri), pRecorder->szUri);
     p->job.pfnRun = RunHole;
     DiskPostLazy(&pRecorder->lane, &p->job);
@@ -410,8 +443,13 @@ static void TellHole(Recorder *pRecorder)
 
 static void BeginHole(Recorder *pRecorder)
 {
-    if (!pRecorder->bHole)
+    if (!pRecorder->bHole) {
         pRecorder->nHoleMs = ClockMs();
+        EventSay(EventLevel::Warn, "recording.stalled",
+                 {EventText("program", pRecorder->szUri),
+                  EventNumber("waiting_mb", static_cast<int64_t>(DiskBytesWaiting() >> 20)),
+                  EventText("reason", "the disk takes nothing")});
+    }
     pRecorder->bHole = 1;
 }
 
@@ -470,6 +508,8 @@ Recorder *RecorderNew(const Program *pProg, const RecordOrder *pOrder, uint32_t 
         return nullptr;
     }
     pRecorder->nKind = pOrder->nKind;
+    pRecorder->nBornMs = ClockMs();
+    MakePlan(&pRecorder->plan, pProg);
     TextCopy(pRecorder->szUri, sizeof(pRecorder->szUri), pProg->Uri);
     p->pRecorder = pRecorder;
     p->nPreRecord = nPreRecord;
@@ -485,6 +525,18 @@ Recorder *RecorderNew(const Program *pProg, const RecordOrder *pOrder, uint32_t 
     }
     *ppOpening = &p->opening;
     return pRecorder;
+}
+
+int RecorderRenewMs(const Recorder *pRecorder, const Program *pProg)
+{
+    FilePlan now;
+    MakePlan(&now, pProg);
+    const FilePlan *p = &pRecorder->plan;
+    if (strcmp(now.szRoot, p->szRoot) == 0 && now.bConfined == p->bConfined &&
+        now.nMinutePerFile == p->nMinutePerFile && memcmp(&now.rules, &p->rules, sizeof(now.rules)) == 0)
+        return -1;
+    uint32_t nFileMs = p->nMinutePerFile * 60 * 1000;
+    return nFileMs ? static_cast<int>(nFileMs - (ClockMs() - pRecorder->nBornMs) % nFileMs) : 0;
 }
 
 static void OnOpened(DiskJob *pJob)
@@ -511,6 +563,9 @@ static int RunClosing(DiskJob *pJob)
     char szFile[kStoragePathSize] = "";
     if (pRecorder->pWriter)
         ZMFWriterFileName(pRecorder->pWriter, szFile, sizeof(szFile));
+    if (pRecorder->pWriter)
+        SayFile(pRecorder, EventLevel::Info, "recording.end",
+                p->bTold ? "asked for the end" : pRecorder->szEndReason);
     Forget(pRecorder);
     ZMFWriterFree(std::exchange(pRecorder->pWriter, nullptr));
     if (p->bTold)
@@ -549,6 +604,19 @@ void RecorderClose(Recorder *pRecorder)
         return;
     pHeld->job.pfnDone = OnClosed;
     DiskPost(&pRecorder->lane, &pHeld->job);
+}
+
+void RecorderEachOpen(void (*pfnTake)(void *pContext, const RecorderFacts *pFacts), void *pContext)
+{
+    for (const Recorder *p = g_pOpen; p; p = p->pNextOpen) {
+        const RecordFile *pFile = &p->pWriter->file;
+        if (!RecordFileIsOpen(pFile))
+            continue;  // the next one begins with the next key frame
+        RecorderFacts facts{p->szUri, pFile->szFile, ZMFWriterRecordKind(p->pWriter), 0,
+                            pFile->uDuration / 1000};
+        facts.nBytes = FileOutPos(&pFile->out);
+        pfnTake(pContext, &facts);
+    }
 }
 
 }  // namespace orx

@@ -5,10 +5,12 @@
 #include <atomic>
 
 #include "base/datablock.h"
+#include "record/rules.h"
 #include "record/storage.h"
 #include "record/zmfile.h"
 #include "server/core/heldjob.h"
 #include "server/core/program.h"
+#include "server/core/settings.h"
 
 namespace orx {
 
@@ -23,10 +25,22 @@ struct RecordOrder {
     int bAgain = 0;                      // the last try failed: another failure says nothing
 };
 
+// What the settings say of the files when a recording begins, and for as long as it goes on: the disk thread
+// does not look at the settings, which may be read anew meanwhile.
+struct FilePlan {
+    char szRoot[kRecordPathSize] = "";
+    int bConfined = 0;
+    uint32_t nMinutePerFile = 0;
+    RecordRules rules;
+};
+
 struct Recorder {
     DiskLane lane;
     int nKind = 0;
-    char szUri[256] = "";       // of the program
+    uint32_t nBornMs = 0;                                   // ClockMs
+    FilePlan plan;                                          // does not change
+    const char *szEndReason = "its program gives no more";  // where nobody asked for its end; static
+    char szUri[256] = "";                                   // of the program
     std::atomic<int> bOver{0};  // nothing is written any more: the disk thread has closed the writer
     // A hole that the queue for the disk has left: nothing is taken up to the next key frame.
     int bHole = 0;
@@ -50,6 +64,10 @@ struct RecorderOpening {
 Recorder *RecorderNew(const Program *pProg, const RecordOrder *pOrder, uint32_t nPreRecord,
                       RecorderOpening **ppOpening);
 
+// In how many ms a recording that began under other settings would begin its next file, 0 when it would begin
+// none; -1: the settings are the same still.
+int RecorderRenewMs(const Recorder *pRecorder, const Program *pProg);
+
 // Posts that job for nobody who waits.
 void RecorderOpen(Recorder *pRecorder, RecorderOpening *pOpening);
 
@@ -61,5 +79,16 @@ void RecorderWrite(Recorder *pRecorder, const Program *pProg, const DataBlock *p
 HeldJob *RecorderClosing(Recorder *pRecorder, int bTold);
 // Posts that job for nobody who waits.
 void RecorderClose(Recorder *pRecorder);
+
+// The files that are being written.
+struct RecorderFacts {
+    const char *szProgram;
+    const char *szFile;  // its final path
+    int nKind;           // RECORD_...
+    uint64_t nBytes;
+    uint32_t nSeconds;
+};
+// Calls for each of them. Disk thread.
+void RecorderEachOpen(void (*pfnTake)(void *pContext, const RecorderFacts *pFacts), void *pContext);
 
 }  // namespace orx

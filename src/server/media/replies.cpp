@@ -1,8 +1,11 @@
 #include "server/media/replies.h"
 
+#include <cstdlib>
+#include <cstring>
 #include <iterator>
 
 #include "base/httpdate.h"
+#include "server/core/sessionpeer.h"
 #include "server/core/settings.h"
 #include "server/media/send.h"
 
@@ -65,11 +68,16 @@ static constexpr int RowsStandInOrder()
 }
 static_assert(RowsStandInOrder(), "a status is its row's index");
 
+static int IsForStandard(const Message *pMessage)
+{
+    return pMessage->pSession && pMessage->pSession->standards.bPlayers;
+}
+
 // Standard players take no reply without the number of their request.
-static unsigned HeadOf(Status eStatus)
+static unsigned HeadOf(const Message *pReply, Status eStatus)
 {
     unsigned nHead = g_statuses[eStatus].eHead;
-    return eStatus == STATUS_NOT_IMPLEMENTED && g_settings.bStandardPlayers ? unsigned{HEAD_BOTH} : nHead;
+    return eStatus == STATUS_NOT_IMPLEMENTED && IsForStandard(pReply) ? unsigned{HEAD_BOTH} : nHead;
 }
 
 static void AddHead(Message *pMessage, unsigned nHead, uint32_t nCSeq)
@@ -77,18 +85,21 @@ static void AddHead(Message *pMessage, unsigned nHead, uint32_t nCSeq)
     if (nHead & HEAD_SERVER)
         TextAdd(&pMessage->text, "Server: Orx/2.3.1.2\r\n");
     if (nHead & HEAD_CSEQ)
-        TextAdd(&pMessage->text, g_settings.bStandardPlayers ? "CSeq: %u\r\n" : "CSeq: %d\r\n", nCSeq);
+        TextAdd(&pMessage->text, IsForStandard(pMessage) ? "CSeq: %u\r\n" : "CSeq: %d\r\n", nCSeq);
 }
 
 void ReplyBeginNumbered(Message *pReply, Status eStatus, uint32_t nCSeq)
 {
-    TextAdd(&pReply->text, "%s\r\n", g_statuses[eStatus].szLine);
-    AddHead(pReply, HeadOf(eStatus), nCSeq);
+    const char *szLine = g_statuses[eStatus].szLine;
+    TextAdd(&pReply->text, "%s\r\n", szLine);
+    if (pReply->pSession)
+        pReply->pSession->ending.nLastStatus = atoi(szLine + strcspn(szLine, " "));
+    AddHead(pReply, HeadOf(pReply, eStatus), nCSeq);
 }
 
 void ReplyBegin(Message *pReply, Status eStatus)
 {
-    ReplyBeginNumbered(pReply, eStatus, HeadOf(eStatus) & HEAD_CSEQ ? pReply->pSession->nCSeq++ : 0);
+    ReplyBeginNumbered(pReply, eStatus, HeadOf(pReply, eStatus) & HEAD_CSEQ ? pReply->pSession->nCSeq++ : 0);
 }
 
 void ReplyBeginText(Message *pReply, const char *szStatus)
@@ -134,7 +145,7 @@ void MessageNoCache(Message *pMessage)
 void MessageSession(Message *pMessage)
 {
     TextAdd(&pMessage->text, "Session: %p", SessionPrintHandle(pMessage->pSession));
-    if (g_settings.bStandardPlayers)  // no blank: some read the time only so
+    if (IsForStandard(pMessage))  // no blank: some read the time only so
         TextAdd(&pMessage->text, ";timeout=%u", kSessionSeconds);
     TextAdd(&pMessage->text, "\r\n");
 }
@@ -142,7 +153,7 @@ void MessageSession(Message *pMessage)
 void MessageDate(Message *pMessage)
 {
     char szDate[kHttpDateSize];
-    FormatHttpDate(szDate, g_settings.bStandardPlayers ? DateForm::Rfc1123 : DateForm::MonthFirst);
+    FormatHttpDate(szDate, IsForStandard(pMessage) ? DateForm::Rfc1123 : DateForm::MonthFirst);
     TextAdd(&pMessage->text, "Date: %s\r\n", szDate);
 }
 

@@ -150,7 +150,7 @@ void ReportsExpect(Session *pPusher, TrackReport *pReport)
 {
     pReport->bExpected = 1;
     pReport->nFirstMs = ClockMs();
-    if (!g_settings.bStandardPlayers || pPusher->flow.bReportTick)
+    if (!pPusher->pProg->standards.bPlayers || pPusher->flow.bReportTick)
         return;
     pPusher->flow.bReportTick = 1;
     SessionSchedule(pPusher, OnReportTick, kOwnEveryMs);
@@ -198,6 +198,7 @@ static void NoteRoundTrip(SessionTrack *pTrack, const ReceiverReport *pReport)
     for (int i = 0; pReport->nLsr != 0 && i < 2; i++) {
         if (pTrack->nToldNtp[i] != pReport->nLsr)
             continue;
+        pTrack->reception.bRoundTrip = 1;
         auto nHeldMs = static_cast<uint32_t>(uint64_t{pReport->nDlsr} * 1000 >> 16);
         pTrack->reception.nRoundTripMs = std::max(ClockDiff(ClockMs() - pTrack->nToldMs[i], nHeldMs), 0);
         return;
@@ -223,9 +224,9 @@ void ReportReceived(Session *pSession, unsigned nTrack, const uint8_t *pRtcp, si
     if (!pProg || static_cast<int>(nTrack) >= pProg->desc.nTrackCount)
         return;
     if (!(pSession->nFlags & SESSION_PUSHER)) {
-        if (g_settings.bStandardPlayers && Takes(pSession, static_cast<int>(nTrack)))
+        if (pSession->standards.bPlayers && Takes(pSession, static_cast<int>(nTrack)))
             NoteReception(&pSession->tracks[nTrack], pRtcp, nBytes);
-    } else if (g_settings.bStandardPushers && FeedsProgram(pSession)) {
+    } else if (pProg->standards.bPushers && FeedsProgram(pSession)) {
         PassOn(pProg, nTrack, pRtcp, nBytes);
     }
 }

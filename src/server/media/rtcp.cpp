@@ -302,7 +302,7 @@ int ReportsAreOwn(const Session *pPlayer, int nTrack)
         return 0;
     if (!pProg || !pProg->bLive)
         return 1;
-    return !g_settings.bStandardPlayers && !pProg->desc.mediaInfos[nTrack].report.bPushed;
+    return !pProg->standards.bPlayers && !pProg->desc.mediaInfos[nTrack].report.bPushed;
 }
 
 // Makes a track's report and sends it: over UDP at once, interleaved through the queue (behind pAfter when

@@ -7,6 +7,8 @@
 #include "base/console.h"
 #include "runtime/clock.h"
 #include "server/core/program.h"
+#include "server/core/sessionevents.h"
+#include "server/core/sessionpeer.h"
 #include "server/core/settings.h"
 #include "server/media/outqueue.h"
 #include "server/media/pace.h"
@@ -106,7 +108,7 @@ static int OnSessionDelaySendTimer(Task *pTask, uint32_t, uint32_t, uint32_t)
 static void CountBlocked(Session *pSession, const Port *pPort)
 {
     SessionFlow *pFlow = &pSession->flow;
-    if (!g_settings.bAutoDrop || !pSession->pProg || !pSession->pProg->bLive || g_settings.bStandardPlayers)
+    if (!g_settings.bAutoDrop || !pSession->pProg || !pSession->pProg->bLive || pSession->standards.bPlayers)
         return;
     if (++pFlow->nBlockedSends != kBlockedSends)
         return;
@@ -127,6 +129,7 @@ static int IsStuck(Session *pSession)
     if (ClockDiff(ClockMs(), pFlow->nBlockedClock) < kStuckMs)
         return 0;
     QueueTell(pSession, "took nothing for 30 seconds and is closed");
+    SessionNoteEnd(pSession, "it took nothing for 30 seconds");
     return 1;
 }
 
@@ -187,9 +190,11 @@ static void CatchUp(Session *pSession)
 // Writes the batch and accounts for what left. Results of WireWrite.
 static int WriteBatch(Session *pSession, Batch *pBatch)
 {
-    int nLeft = 0;
-    int nResult = WireWrite(pBatch, &nLeft);
     SessionFlow *pFlow = &pSession->flow;
+    int nLeft = 0;
+    uint64_t nBefore = pFlow->nBytesSent;
+    int nResult = WireWrite(pBatch, &nLeft, &pFlow->nBytesSent);
+    g_server.counted.nBytesSent += pFlow->nBytesSent - nBefore;
     if (nResult > 0) {
         pFlow->nBlockedSends = 0;
         pFlow->bBlocked = 0;
@@ -222,15 +227,19 @@ int SendDataEx(Session *pSession, Port *pPort, int bPush)
         }
         if (pace.bPaced)
             PaceGoOn(&pace, pSession);
-        if (!Gather(pSession, pPort, &pace, &batch))
+        if (!Gather(pSession, pPort, &pace, &batch)) {
+            SessionNoteEnd(pSession, "what waits for it has no connection to leave by");
             return 0;
+        }
         if (batch.nBlocks == 0) {
             CatchUp(pSession);
             return 1;
         }
         int nResult = WriteBatch(pSession, &batch);
         if (nResult < 0) {
-            print("SendDataEx(socket=0x%x) failed(errcode=%d)!\r\n", batch.pPort->fd, errno);
+            int nErrno = errno;
+            print("SendDataEx(socket=0x%x) failed(errcode=%d)!\r\n", batch.pPort->fd, nErrno);
+            SessionNoteErrno(pSession, kEndBroken, nErrno);
             return 0;
         }
         if (nResult == 0)
@@ -240,7 +249,7 @@ int SendDataEx(Session *pSession, Port *pPort, int bPush)
 
 void SendStartBurst(Session *pSession, uint32_t nBlocks)
 {
-    if (!g_settings.bStandardPlayers)
+    if (!pSession->standards.bPlayers)
         return;
     PaceStart(pSession, nBlocks);
     CatchUp(pSession);
@@ -248,7 +257,7 @@ void SendStartBurst(Session *pSession, uint32_t nBlocks)
 
 void SendStartMore(Session *pSession, uint32_t nBlocks)
 {
-    if (!g_settings.bStandardPlayers)
+    if (!pSession->standards.bPlayers)
         return;
     pSession->flow.nStartBlocks += nBlocks;
     CatchUp(pSession);
@@ -298,6 +307,7 @@ int SendReply2(Session *pSession, Port *pPort, const void *pText, size_t nLen, c
         return 0;
     if (RepliesPileUp(pSession)) {
         print("Too many replies wait on fd=0x%x!\r\n", pPort->fd);
+        SessionNoteEnd(pSession, "it does not read its replies");
         return 0;
     }
     DataBlock *pHead = MakeReplyBlock(pText, nLen);

@@ -1,6 +1,7 @@
 #include "server/media/sleep.h"
 
 #include "base/console.h"
+#include "base/eventlog.h"
 #include "runtime/clock.h"
 #include "server/core/settings.h"
 #include "server/media/questions.h"
@@ -37,18 +38,19 @@ void SleepIfIdle(Session *pPusher)
     if (!g_settings.bLowEnergy || !pProg || !PusherKnows(pProg) || !IsIdle(pProg))
         return;
     if (!Tell(pPusher, "SLEEP")) {
+        SessionNoteEnd(pPusher, "it could not be told to sleep");
         SessionEnd(pPusher);
         return;
     }
     print("Prog(%s) enter sleeping state...\r\n", pProg->Uri);
+    EventSay(EventLevel::Info, "pusher.sleep", {EventText("program", pProg->Uri)});
     pProg->sleep.bSleeping = 1;
 }
 
 void ProgramWake(Program *pProg)
 {
     Session *pPusher = pProg->pPusher;
-    if (!g_settings.bLowEnergy || !pProg->bLive || !pProg->sleep.bSleeping || !pProg->sleep.tIdleSince ||
-        !pPusher)
+    if (!pProg->bLive || !pProg->sleep.bSleeping || !pProg->sleep.tIdleSince || !pPusher)
         return;
     ProgramClearCache(pProg);
     Tell(pPusher, "WAKE");
@@ -56,6 +58,7 @@ void ProgramWake(Program *pProg)
     pProg->sleep.bSleeping = 0;
     pProg->sleep.tIdleSince = 0;
     print("Prog(%s) end sleeping state.\r\n", pProg->Uri);
+    EventSay(EventLevel::Info, "pusher.wake", {EventText("program", pProg->Uri)});
 }
 
 }  // namespace orx

@@ -10,8 +10,8 @@ namespace orx {
 // when that cannot be sent.
 void SleepIfIdle(Session *pPusher);
 
-// Tells a sleeping pusher to go on, for a player that has come; nothing happens unless the mode is on and the
-// program sleeps.
+// Tells a sleeping pusher to go on, for a player that has come; nothing happens unless the program
+// sleeps, as it does even when the mode was turned off meanwhile.
 void ProgramWake(Program *pProg);
 
 }  // namespace orx

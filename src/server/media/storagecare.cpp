@@ -9,6 +9,8 @@
 
 #include "base/console.h"
 #include "base/printable.h"
+#include "base/textbuf.h"
+#include "record/recordevents.h"
 #include "record/storage.h"
 #include "record/storagekeep.h"
 #include "record/zmfrepair.h"
@@ -53,8 +55,11 @@ static int NextFile(RepairAll *p)
         p->szFile = pItem->szPath;
         return 1;
     }
+    int nErrno = errno;
     print("The interrupted file (%s) is left as it is: %s.\r\n", file.sz,
-          errno ? strerror(errno) : "it is no recording");
+          nErrno ? strerror(nErrno) : "it is no recording");
+    RecordSay(EventLevel::Warn, "recording.not_repaired",
+              {nullptr, pItem->szPath, nErrno ? "it cannot be read" : "it is no recording", nErrno});
     ZMFRepairClose(&p->repair);
     return 1;
 }
@@ -65,9 +70,12 @@ static void TellResult(const RepairAll *p, ZMFRepairResult nResult)
     const ZMFRepair *pRepair = &p->repair;
     if (nResult == ZMF_REPAIR_BROKEN) {
         print("The interrupted file (%s) is left as it is: %s.\r\n", file.sz, pRepair->szReason);
+        RecordSay(EventLevel::Warn, "recording.not_repaired", {nullptr, p->szFile, pRepair->szReason});
     } else if (nResult == ZMF_REPAIR_DONE) {
         print("The interrupted file (%s) is repaired: %u s.\r\n", file.sz, pRepair->head.uDuration / 1000);
         log("The interrupted file (%s) is repaired: %u s.", file.sz, pRepair->head.uDuration / 1000);
+        RecordSay(EventLevel::Info, "recording.repaired",
+                  {nullptr, p->szFile, nullptr, 0, static_cast<int>(pRepair->head.uDuration / 1000)});
     }
 }
 
@@ -127,13 +135,17 @@ struct KeepAll {
     DiskLane lane;
     StorageKeep keep;
     int bBegun = 0;
+    char szRoot[kRecordPathSize] = "";  // as the settings were when it was posted
+    uint32_t nDays = 0;
 };
+
+static Task *g_pKeep = nullptr;  // looks each hour; null: nothing is too old. Scheduler thread
 
 static int RunKeep(DiskJob *pJob)
 {
     auto *p = reinterpret_cast<KeepAll *>(pJob);
     if (!p->bBegun)
-        StorageKeepBegin(&p->keep, g_settings.szRecordPath, g_settings.nKeepDays);
+        StorageKeepBegin(&p->keep, p->szRoot, p->nDays);
     p->bBegun = 1;
     if (!g_bStop && StorageKeepStep(&p->keep))
         return 0;
@@ -149,8 +161,14 @@ static void OnKept(DiskJob *pJob)
 // Should one take longer than an hour, the next only goes over what it has left.
 static int OnKeepDue(Task *, uint32_t, uint32_t, uint32_t)
 {
+    if (g_settings.nKeepDays == 0) {
+        g_pKeep = nullptr;
+        return -1;
+    }
     auto *p = new (std::nothrow) KeepAll;
     if (p) {
+        TextCopy(p->szRoot, sizeof(p->szRoot), g_settings.szRecordPath);
+        p->nDays = g_settings.nKeepDays;
         p->job.pfnRun = RunKeep;
         p->job.pfnDone = OnKept;
         DiskPost(&p->lane, &p->job);
@@ -162,8 +180,14 @@ void StorageCareStart(PathList *pInterrupted)
 {
     g_bStop = 0;
     StartRepair(pInterrupted);
-    if (g_settings.nKeepDays > 0)
-        TaskSchedule(&g_server.scheduler, OnKeepDue, 0, 0, nullptr);
+    g_pKeep = nullptr;
+    StorageCareFollowSettings();
+}
+
+void StorageCareFollowSettings()
+{
+    if (!g_pKeep && g_settings.nKeepDays > 0)
+        g_pKeep = TaskSchedule(&g_server.scheduler, OnKeepDue, 0, 0, nullptr);
 }
 
 void StorageCareStop()

@@ -11,6 +11,10 @@ namespace orx {
 // scheduler and the disk thread run; main thread.
 void StorageCareStart(PathList *pInterrupted);
 
+// KeepDays may have changed: what is too old by it goes at the next look, which there is one of at once where
+// there was none. Scheduler thread.
+void StorageCareFollowSettings();
+
 // Has what is under way end with the step that it is at: an interrupted file is found again at the next
 // start. Before the disk thread is stopped; main thread.
 void StorageCareStop();

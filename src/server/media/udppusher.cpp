@@ -11,6 +11,7 @@
 #include "runtime/clock.h"
 #include "runtime/sockutil.h"
 #include "server/core/program.h"
+#include "server/core/sessionpeer.h"
 #include "server/core/settings.h"
 #include "server/media/distribute.h"
 #include "server/media/ingest.h"
@@ -89,6 +90,7 @@ static int OnWatch(Task *pTask, uint32_t, uint32_t, uint32_t)
     char szRemote[kAddrTextSize];
     SessionRemoteText(pSession, szRemote);
     print("Nothing comes from the pusher %s over UDP. It is closed.\r\n", szRemote);
+    SessionNoteEnd(pSession, kEndSilent);
     SessionEnd(pSession);
     return -1;
 }

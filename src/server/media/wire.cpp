@@ -102,7 +102,7 @@ static void FillDatagrams(const Batch *pBatch, Datagrams *pOut)
 
 // Sends datagrams to the port's peer, as many as the socket takes. Returns how many blocks left, or -1. A
 // path that cannot cut segments apart gets single datagrams from then on.
-static ssize_t WriteDatagrams(const Batch *pBatch)
+static ssize_t WriteDatagrams(const Batch *pBatch, uint64_t *pnBytes)
 {
     Datagrams out;
     FillDatagrams(pBatch, &out);
@@ -110,24 +110,28 @@ static ssize_t WriteDatagrams(const Batch *pBatch)
     int bSegments = static_cast<int>(out.nMessages) < pBatch->nBlocks;
     if (nSent < 0 && bSegments && errno != EAGAIN && errno != EINTR) {
         pBatch->pPort->nFlags |= PORT_NO_SEGMENTS;
-        return WriteDatagrams(pBatch);
+        return WriteDatagrams(pBatch, pnBytes);
     }
     ssize_t nBlocks = 0;
-    for (int i = 0; i < nSent; i++)
+    for (int i = 0; i < nSent; i++) {
         nBlocks += out.runs[i];
+        *pnBytes += out.messages[i].msg_len;
+    }
     return nSent < 0 ? -1 : nBlocks;
 }
 
-int WireWrite(const Batch *pBatch, int *pnLeft)
+int WireWrite(const Batch *pBatch, int *pnLeft, uint64_t *pnBytes)
 {
     int bDatagrams = pBatch->pPort->nType == PORT_UDP;
     ssize_t n;
     do
-        n = bDatagrams ? WriteDatagrams(pBatch) : WriteStream(pBatch);
+        n = bDatagrams ? WriteDatagrams(pBatch, pnBytes) : WriteStream(pBatch);
     while (n < 0 && errno == EINTR);
     *pnLeft = 0;
     if (n < 0)
         return errno == EAGAIN || errno == EWOULDBLOCK ? 0 : -1;
+    if (!bDatagrams)
+        *pnBytes += static_cast<uint64_t>(n);
     *pnLeft = bDatagrams ? static_cast<int>(n) : CountWritten(pBatch, static_cast<size_t>(n));
     return 1;
 }

@@ -21,7 +21,8 @@ struct Batch {
 
 // Writes what the socket takes of the batch: on a connection from the first block's `sent` on, over UDP whole
 // datagrams to the port's peer. *pnLeft is how many blocks left completely; of a further one on a connection,
-// `sent` tells how much did. Returns 1, 0 when the socket would block, or -1 on another error (errno).
-int WireWrite(const Batch *pBatch, int *pnLeft);
+// `sent` tells how much did. *pnBytes grows by what left. Returns 1, 0 when the socket would block, or -1 on
+// another error (errno).
+int WireWrite(const Batch *pBatch, int *pnLeft, uint64_t *pnBytes);
 
 }  // namespace orx

@@ -53,6 +53,8 @@ static struct AccountFile {
     uint32_t nAskedMs = 0;  // ClockMs at which the last look began
     FileState eState = FileState::Missing;
     AccountTable *pTable = nullptr;  // owned; null without memory, too
+    AccountTable *pTaken = nullptr;  // as the configuration was read last; owned
+    int bKept = 0;                   // what was taken counts, not what is in the file
 } g_file;
 
 static int SameTime(const timespec &a, const timespec &b)
@@ -119,12 +121,36 @@ int AccountFileReady()
     return !g_file.bLooking || nNow - g_file.nAskedMs >= kMostWaitMs;
 }
 
+AccountTable *AccountFileRead(const char *szPath)
+{
+    FdGuard file{open(szPath, O_RDONLY | O_CLOEXEC | O_NONBLOCK)};
+    Profile *pProfile = file.fd >= 0 ? ProfileInit(szPath) : nullptr;
+    if (!pProfile)
+        return nullptr;
+    AccountTable *pTable = AccountTableParse(pProfile->text);
+    ProfileFree(pProfile);
+    return pTable;
+}
+
+void AccountFileTake(AccountTable *pTable)
+{
+    AccountTableFree(std::exchange(g_file.pTaken, pTable));
+    g_file.bKept = 0;
+    g_file.nAskedMs = ClockMs() - kLookMs;
+}
+
+void AccountFileKeep()
+{
+    g_file.bKept = 1;
+}
+
 void AccountFileLoad(const char *szPath)
 {
     AccountFileFree();
     TextCopy(g_file.look.szPath, sizeof(g_file.look.szPath), szPath);
     g_file.look.job.pfnRun = RunLook;
     g_file.look.job.pfnDone = OnLooked;
+    g_file.pTaken = AccountFileRead(szPath);
     AccountFileReady();
 }
 
@@ -133,13 +159,16 @@ void AccountFileFree()
     if (g_file.bLooking)
         return;  // the disk thread was left to itself, and has it
     AccountTableFree(std::exchange(g_file.pTable, nullptr));
+    AccountTableFree(std::exchange(g_file.pTaken, nullptr));
     g_file.look = Look();
-    g_file.bLooked = 0;
+    g_file.bLooked = g_file.bKept = 0;
     g_file.eState = FileState::Missing;
 }
 
 int AccountFileFind(const char *szUser, Account *pOut)
 {
+    if (g_file.bKept)
+        return g_file.pTaken ? AccountTableFind(g_file.pTaken, szUser, pOut) : -1;
     if (g_file.eState == FileState::Missing)
         print("fopen(%s) failed!\n", g_file.look.szPath);
     return g_file.eState == FileState::Read ? AccountTableFind(g_file.pTable, szUser, pOut) : -1;

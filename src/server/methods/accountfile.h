@@ -16,6 +16,15 @@ void AccountFileFree();
 int AccountFileReady();
 constexpr unsigned kAccountFileMs = 2;
 
+// The accounts of a file as it is now; null when it cannot be read, or without memory. Any thread; free with
+// AccountTableFree.
+AccountTable *AccountFileRead(const char *szPath);
+// The configuration was read anew, with these accounts, which are owned from here on: no look from before it is
+// good any more.
+void AccountFileTake(AccountTable *pTable);
+// A reading was refused: the accounts are those of the last one that was not, or of the start, until the next.
+void AccountFileKeep();
+
 // Finds a user. Returns 1, 0 for an unknown one, or -1 when the file cannot be read, which is said on the
 // console where it is not there.
 int AccountFileFind(const char *szUser, Account *pOut);

@@ -9,6 +9,8 @@
 #include "server/core/tracks.h"
 #include "server/media/liveprogram.h"
 #include "record/sdpreader.h"
+#include "server/core/sessionevents.h"
+#include "server/core/sessionpeer.h"
 #include "server/media/questions.h"
 #include "server/media/replies.h"
 #include "server/media/sleep.h"
@@ -65,7 +67,7 @@ static int ShowsAccount(Session *pSession, Port *pPort, const Request *pRequest,
 // One that has gone and is waited for may have another address now.
 static int IsSamePusher(const Port *pPort, const Program *pOld, const CheckedUser *pUser)
 {
-    if (g_settings.bAnnounceAuth)
+    if (g_settings.bAnnounceAuth && pOld->szAnnouncer[0])  // else nobody was asked who it is then
         return strcmp(pOld->szAnnouncer, pUser->szUser) == 0;
     if (!pOld->pPusher)
         return 1;
@@ -84,15 +86,17 @@ static int ReplaceOldPusher(Session *pSession, Port *pPort, const char *szPath, 
         return 1;
     if (bSame) {
         print("The same pusher Announce again, %s.\r\n",
-              g_settings.bStandardPushers && g_settings.nHoldPlayers > 0 ? "its players wait"
-                                                                         : "Destroy the old program");
+              pOld->standards.bPushers && g_settings.nHoldPlayers > 0 ? "its players wait"
+                                                                      : "Destroy the old program");
+        SockAddrToString(&pPort->remote, pPusher->ending.szBy);
+        SessionNoteEnd(pPusher, "another pusher took its place");
         SessionEnd(pPusher);
         return 1;
     }
     // part of the protocol but for standard peers: the number is that of the pusher that stays
     Message reply(pSession, pPort);
     ReplyBeginNumbered(&reply, STATUS_DUPLICATE,
-                       g_settings.bStandardPlayers || !pPusher ? pSession->nCSeq++ : pPusher->nCSeq++);
+                       pSession->standards.bPlayers || !pPusher ? pSession->nCSeq++ : pPusher->nCSeq++);
     MessageNoCache(&reply);
     MessageSend(&reply);
     return 0;
@@ -152,6 +156,7 @@ static Verdict StartPusher(Session *pSession, Port *pPort, Program *pProg, const
     pSession->nFlags |= SESSION_PUSHER;
     if (KnowsOurRequests(pRequest))
         PusherShows(pSession);
+    SessionSayStart(pSession);
     SessionSchedule(pSession, OnLiveWatchdog, g_settings.nLiveTime * 1000);
     pSession->nState = STATE_DESCRIBED;
     SessionCopyTracks(pSession, pProg);
@@ -184,7 +189,7 @@ Verdict HandleAnnounce(Session *pSession, Port *pPort, Request *pRequest)
         return eRefusal;
     if (!HasDescription(pRequest))
         return Refuse(pSession, pPort, STATUS_NO_SDP);
-    if (g_settings.bStandardPushers && SdpControlsClash(pRequest->pBody))
+    if (pSession->standards.bPushers && SdpControlsClash(pRequest->pBody))
         return Refuse(pSession, pPort, STATUS_SAME_CONTROL);
     // a challenged DESCRIBE may have left a program here, whose players are about to end with it
     ProgramDetach(pSession);

@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "base/eventlog.h"
 #include "base/textbuf.h"
 #include "remote/bridgeaddr.h"
 #include "runtime/sockutil.h"
@@ -19,7 +20,8 @@ constexpr size_t kMaxCredentials = kMaxHeadBytes + 32;  // a header block and wh
 constexpr int kMaxFailures = 3;                         // of one connection
 
 // The address that failures count for: of a relayed peer its own, so that the next one in its place does not
-// wait for it. 0: they do not count. The box itself, from where others may be served, is not slowed down.
+// wait for it. 0: they do not count. The box itself, from where others may be served, is not slowed down; who
+// comes through a front is never the box itself.
 static uint64_t CountedIp(const Port *pPort)
 {
     uint64_t nIp = AddrCounted(&pPort->remote);
@@ -27,6 +29,8 @@ static uint64_t CountedIp(const Port *pPort)
     if (nPeer && nPeer != INADDR_LOOPBACK)
         nIp = nPeer;
     int bOwnBox = AddrIsIpv6(&pPort->remote) ? IsOwnBox(&pPort->remote) : nIp == INADDR_LOOPBACK;
+    if (pPort->nFlags & PORT_FRONTED)
+        bOwnBox = 0;
     return g_settings.nAuthFailDelay && !bOwnBox ? nIp : 0;
 }
 
@@ -61,6 +65,19 @@ static Credential Conclude(const CredentialCheck *pCheck, Credential eResult, co
     if (eResult == CREDENTIAL_RIGHT && nSecret)
         AttemptsForget(nIp, nSecret);
     return eResult;
+}
+
+// Never the password. A check that is made again after its wait was told then.
+static void SayWrong(const CredentialCheck *pCheck, Credential eResult, const char *szUser)
+{
+    if (eResult != CREDENTIAL_WRONG || pCheck->pSession->hold.bOver || !EventWanted(EventLevel::Warn))
+        return;
+    char szRemote[kAddrTextSize];
+    SockAddrToString(&pCheck->pPort->remote, szRemote);
+    EventSayBounded(EventLevel::Warn, "auth.failed",
+                    {EventText("peer", szRemote), EventText("user", szUser),
+                     EventText("method", RequestMethod(pCheck->pRequest)),
+                     EventText("path", RequestPath(pCheck->pRequest))});
 }
 
 // How the authenticator's verdict on the header is called here.
@@ -103,7 +120,9 @@ Credential CheckAuthorization(const CredentialCheck *pCheck, unsigned nScheme, C
         return AwaitAccounts(pCheck->pSession);
     AccountScope scope;
     scope.pPlace = pCheck->pPlace;
+    g_server.pAuth->szUser[0] = '\0';
     Credential eResult = Validate(pCheck, nScheme, szValue, &scope);
+    SayWrong(pCheck, eResult, g_server.pAuth->szUser);
     eResult = Conclude(pCheck, eResult, PasswordOf(scope.bFound ? &scope.found : nullptr));
     if (eResult == CREDENTIAL_RIGHT) {
         TextCopy(pOut->szUser, sizeof(pOut->szUser), g_server.pAuth->szUser);
@@ -116,6 +135,7 @@ static Credential Compare(const CredentialCheck *pCheck, const char *szUser, con
                           const char *szGiven)
 {
     int bRight = pAccount && AuthIsToken(szUser, pAccount->szPassword, szGiven);
+    SayWrong(pCheck, bRight ? CREDENTIAL_RIGHT : CREDENTIAL_WRONG, szUser);
     return Conclude(pCheck, bRight ? CREDENTIAL_RIGHT : CREDENTIAL_WRONG, PasswordOf(pAccount));
 }
 
@@ -140,6 +160,7 @@ Credential CheckSuperToken(const CredentialCheck *pCheck, const char *szUser, co
     if (!szGiven)
         return CREDENTIAL_MISSING;
     int bRight = *szUser && AuthIsToken(szUser, szPassword, szGiven);
+    SayWrong(pCheck, bRight ? CREDENTIAL_RIGHT : CREDENTIAL_WRONG, szUser);
     return Conclude(pCheck, bRight ? CREDENTIAL_RIGHT : CREDENTIAL_WRONG, *szUser ? szPassword : nullptr);
 }
 

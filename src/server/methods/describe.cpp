@@ -19,9 +19,9 @@ namespace orx {
 
 // What the controls of the tracks count from, for standard players: without the query, and ending in '/', as
 // some put the query, and others what follows the last '/', elsewhere.
-static void AddContentBase(const Request *pRequest, TextBuf *pText)
+static void AddContentBase(const Session *pSession, const Request *pRequest, TextBuf *pText)
 {
-    if (g_settings.bStandardPlayers && strstr(RequestBase(pRequest), "://"))
+    if (pSession->standards.bPlayers && strstr(RequestBase(pRequest), "://"))
         TextAdd(pText, "Content-Base: %s/\r\n", RequestBase(pRequest));
 }
 
@@ -50,7 +50,7 @@ static size_t CopyForFamily(const char *pSdp, size_t nSdp, int bIpv6, char *pOut
 // The reply's description, as players of the port's family take it.
 static Verdict SendSdp(Message *pReply, const Port *pPort, const char *pSdp, size_t nSdp)
 {
-    char *pOwn = SettingsListenIpv6(&g_settings) ? static_cast<char *>(malloc(2 * nSdp + 1)) : nullptr;
+    char *pOwn = g_server.bIpv6 ? static_cast<char *>(malloc(2 * nSdp + 1)) : nullptr;
     size_t nBody = pOwn ? CopyForFamily(pSdp, nSdp, AddrIsIpv6(&pPort->remote), pOwn) : nSdp;
     TextAdd(&pReply->text, "Content-Type: application/sdp\r\nContent-Length: %d\r\n",
             static_cast<int>(nBody));
@@ -71,7 +71,7 @@ static Verdict SendDescription(Session *pSession, Port *pPort, const Request *pR
     size_t nSdp = pSecret ? static_cast<size_t>(pSecret - szSdp) : strlen(szSdp);
     Message reply(pSession, pPort);
     ReplyBegin(&reply, STATUS_OK);
-    AddContentBase(pRequest, &reply.text);
+    AddContentBase(pSession, pRequest, &reply.text);
     return SendSdp(&reply, pPort, szSdp, nSdp);
 }
 
@@ -91,7 +91,7 @@ Verdict Describe(Session *pSession, Port *pPort, const Request *pRequest)
 // set up it stays, and the answer changes nothing; before, another one may be asked for.
 static int AsksAgain(Session *pSession, const Request *pRequest)
 {
-    if (!g_settings.bStandardPlayers || pSession->nState == STATE_NEW || !pSession->viewer.bAdmitted ||
+    if (!pSession->standards.bPlayers || pSession->nState == STATE_NEW || !pSession->viewer.bAdmitted ||
         (pSession->nFlags & SESSION_PUSHER))
         return 0;
     if (pSession->pProg && strcasecmp(pSession->pProg->Uri, RequestPath(pRequest)) == 0)

@@ -5,6 +5,7 @@
 
 #include "server/core/program.h"
 #include "server/core/registry.h"
+#include "server/core/sessionpeer.h"
 #include "server/core/settings.h"
 #include "server/media/questions.h"
 #include "server/media/replies.h"
@@ -44,6 +45,7 @@ static Verdict Forward(Message *pMessage, Session *pSession, Port *pPort, const 
         case Asked::PusherGone:
             break;
     }
+    SessionNoteEnd(pMessage->pSession, "a request could not be passed on to it");
     SessionEnd(pMessage->pSession);
     return Verdict::Keep;
 }
@@ -128,8 +130,10 @@ static Session *FindAsker(const Program *pProg, const char *szHandle)
 
 static void SendAnswer(Message *pAnswer)
 {
-    if (!pAnswer->pPort || MessageSend(pAnswer) == Verdict::End)
+    if (!pAnswer->pPort || MessageSend(pAnswer) == Verdict::End) {
+        SessionNoteEnd(pAnswer->pSession, "an answer could not be sent to it");
         SessionEnd(pAnswer->pSession);
+    }
 }
 
 static void PassAnswer(Session *pAsker, const char *szForward)

@@ -4,6 +4,7 @@
 
 #include "base/console.h"
 #include "base/printable.h"
+#include "server/core/sessionevents.h"
 #include "server/core/settings.h"
 #include "server/media/replies.h"
 #include "server/methods/tunnel.h"
@@ -12,7 +13,7 @@ namespace orx {
 
 Verdict HandleSetParameter(Session *pSession, Port *pPort, Request *)
 {
-    if (!g_settings.bStandardPlayers)
+    if (!pSession->standards.bPlayers)
         return ReplyDated(pSession, pPort, STATUS_OK);
     Message reply(pSession, pPort);
     ReplyBegin(&reply, STATUS_OK);
@@ -26,14 +27,14 @@ Verdict HandleSetParameter(Session *pSession, Port *pPort, Request *)
 // Standard players show with either that they live.
 Verdict HandleGetParameter(Session *pSession, Port *pPort, Request *pRequest)
 {
-    return g_settings.bStandardPlayers ? HandleSetParameter(pSession, pPort, pRequest)
-                                       : HandleUnknown(pSession, pPort, pRequest);
+    return pSession->standards.bPlayers ? HandleSetParameter(pSession, pPort, pRequest)
+                                        : HandleUnknown(pSession, pPort, pRequest);
 }
 
 // Some send nothing that is not listed here.
-static void AddPublic(TextBuf *pText)
+static void AddPublic(const Session *pSession, TextBuf *pText)
 {
-    if (!g_settings.bStandardPlayers) {
+    if (!pSession->standards.bPlayers) {
         TextAdd(pText, "Public: DESCRIBE, SETUP, PLAY, TEARDOWN, SET_PARAMETER, GETCAMINFO, CAMCONTROL\r\n");
         return;
     }
@@ -41,14 +42,14 @@ static void AddPublic(TextBuf *pText)
             "Public: OPTIONS, DESCRIBE, ANNOUNCE, SETUP, PLAY, %sPAUSE, TEARDOWN, GET_PARAMETER, "
             "SET_PARAMETER, GETCAMINFO, CAMCONTROL, PUTVOICE, QUICKPLAY, SUBSCRIBE, GETPLAYLIST, RECORDEX, "
             "PUTCAMCFG, RESPOND, REGISTER, GETCFGDIRECT, SETCFGDIRECT, GETWIFIROUTERS\r\n",
-            g_settings.bStandardPushers ? "RECORD, " : "");
+            pSession->standards.bPushers ? "RECORD, " : "");
 }
 
 Verdict HandleOptions(Session *pSession, Port *pPort, Request *)
 {
     Message reply(pSession, pPort);
     ReplyBegin(&reply, STATUS_OK);
-    AddPublic(&reply.text);
+    AddPublic(pSession, &reply.text);
     MessageNoCache(&reply);
     MessageDate(&reply);
     return MessageSend(&reply);
@@ -62,6 +63,7 @@ Verdict HandleUnknown(Session *pSession, Port *pPort, Request *pRequest)
         return ReplyMismatch(pSession, pPort);
     if (strcasecmp(szProtocol, "RTSP") == 0)
         return ReplyStatus(pSession, pPort, STATUS_NOT_IMPLEMENTED);
+    SessionNoteMalformed(pSession, "it speaks neither RTSP nor HTTP");
     return Verdict::End;
 }
 

@@ -15,7 +15,7 @@ int PeerMayAnnounce(const Port *pPort)
 
 int PeerIsOwnShell(const Port *pPort)
 {
-    return IsOwnBox(&pPort->remote) && !(pPort->nFlags & PORT_HANDED_OVER);
+    return IsOwnBox(&pPort->remote) && !(pPort->nFlags & (PORT_HANDED_OVER | PORT_FRONTED));
 }
 
 }  // namespace orx

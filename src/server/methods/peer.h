@@ -9,7 +9,7 @@ namespace orx {
 // them; who came by the web port counts with the address there.
 int PeerMayAnnounce(const Port *pPort);
 
-// Whether the peer is on this box, and not a stranger whom the relay or the web port brought.
+// Whether the peer is on this box, and not a stranger whom the relay, the web port or a front brought.
 int PeerIsOwnShell(const Port *pPort);
 
 }  // namespace orx

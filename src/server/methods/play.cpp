@@ -14,6 +14,7 @@
 #include "record/reorder.h"
 #include "runtime/clock.h"
 #include "server/core/program.h"
+#include "server/core/sessionevents.h"
 #include "server/core/settings.h"
 #include "server/media/distribute.h"
 #include "server/media/fileprogram.h"
@@ -169,8 +170,8 @@ static void AddPlayLines(Message *pReply, const Request *pRequest, int bSequence
     TextAdd(&pReply->text, "RTP-Info: ");
     const Session *pSession = pReply->pSession;
     // that of Content-Base, as it came: a name may hold what was escaped because it separates items here
-    const char *szUrl = g_settings.bStandardPlayers ? RequestBase(pRequest) : RequestUri(pRequest);
-    if (g_settings.bStandardPlayers && pSession->pProg->bLive && !(pSession->nFlags & SESSION_PUSHER))
+    const char *szUrl = pSession->standards.bPlayers ? RequestBase(pRequest) : RequestUri(pRequest);
+    if (pSession->standards.bPlayers && pSession->pProg->bLive && !(pSession->nFlags & SESSION_PUSHER))
         WriteLiveInfo(pSession, szUrl, &pReply->text);
     else
         WriteRtpInfo(pSession, szUrl, bSequence, &pReply->text);
@@ -302,10 +303,11 @@ static int IsOvertaken(const Session *pSession)
         return 0;
     auto *pText = reinterpret_cast<const char *>(pInput->pBuf + pInput->nNext);
     auto *pEnd = static_cast<const char *>(memmem(pText, pInput->nLen - pInput->nNext, "\r\n\r\n", 4));
-    if (!pEnd || pEnd + 4 - pText >= kMaxHeadBytes)
+    if (!pEnd || static_cast<size_t>(pEnd + 4 - pText) >= kMaxHeadBytes)
         return 0;
     Request next;
     RequestInit(&next);
+    next.standards = pSession->standards;
     int bPlay = RequestParse(&next, pText, static_cast<size_t>(pEnd + 4 - pText)) == 1 &&
                 strcasecmp(RequestMethod(&next), "PLAY") == 0;
     WantedRange range = ReadRange(bPlay ? RequestHeaderValue(&next, "Range") : nullptr);
@@ -349,7 +351,7 @@ static DataBlock *StartLive(Message *pReply, const Request *pRequest)
     AddPlayLines(pReply, pRequest, 0);
     if (!pOldHead)
         return ListFirstOf<DataBlock>(&pSession->out.Outq);
-    return g_settings.bStandardPlayers ? NextBlock(pOldLast) : pOldHead;
+    return pSession->standards.bPlayers ? NextBlock(pOldLast) : pOldHead;
 }
 
 // Standard players jump while a recording plays: PAUSE is no method that OPTIONS tells them of, and so
@@ -360,7 +362,7 @@ static int MayPlay(const Session *pSession, const Request *pRequest)
         return 0;
     if (pSession->nState == STATE_SETUP || pSession->nState == STATE_PAUSED)
         return 1;
-    if (!g_settings.bStandardPlayers || pSession->pProg->bLive)
+    if (!pSession->standards.bPlayers || pSession->pProg->bLive)
         return 0;
     int bChange = RequestHeaderValue(pRequest, "Range") || RequestHeaderValue(pRequest, "Scale") ||
                   RequestHeaderValue(pRequest, "Speed");
@@ -404,6 +406,7 @@ Verdict HandlePlay(Session *pSession, Port *pPort, Request *pRequest)
     else
         pBefore = PaceFirstHeld(pSession);  // what a pause has kept follows the reply
     pSession->nState = STATE_PLAYING;
+    SessionSayStart(pSession);
     if (MessageSendBefore(&reply, pBefore) == Verdict::End)
         return Verdict::End;
     if (pSession->nFlags & SESSION_PUSHER)
@@ -418,9 +421,9 @@ Verdict HandlePlay(Session *pSession, Port *pPort, Request *pRequest)
 
 Verdict HandleRecord(Session *pSession, Port *pPort, Request *pRequest)
 {
-    if (g_settings.bStandardPushers && (pSession->nFlags & SESSION_PUSHER))
+    if (pSession->standards.bPushers && (pSession->nFlags & SESSION_PUSHER))
         return HandlePlay(pSession, pPort, pRequest);
-    if (g_settings.bStandardPushers && g_settings.bStandardPlayers)  // it is listed as served
+    if (pSession->standards.bPushers && pSession->standards.bPlayers)  // it is listed as served
         return RefuseState(pSession, pPort);
     return HandleUnknown(pSession, pPort, pRequest);
 }
@@ -430,7 +433,7 @@ Verdict HandlePause(Session *pSession, Port *pPort, Request *)
 {
     if (!PlaysStandard(pSession))
         (IsStandardPeer(pSession) ? QueueDropMedia : QueueDropAll)(pSession);
-    int bFinished = g_settings.bStandardPlayers && pSession->nState == STATE_FINISHED;
+    int bFinished = pSession->standards.bPlayers && pSession->nState == STATE_FINISHED;
     if (pSession->nState != STATE_PLAYING && !bFinished)
         return RefuseState(pSession, pPort);
     if (WaitsForPicture(pSession))
@@ -458,8 +461,10 @@ Verdict HandleTeardown(Session *pSession, Port *pPort, Request *)
         return Verdict::Later;
     if (pSession->pProg) {
         pSession->nState = STATE_TORNDOWN;
+        SessionNoteEnd(pSession, kEndAsked);
+        SessionSayEnd(pSession);  // its program goes now, its connection later
         // so standard encoders leave every time; their players would wait for media without an end
-        if (g_settings.bStandardPushers)
+        if (pSession->pProg->standards.bPushers)
             SessionEndPlayers(pSession);
         ProgramDetach(pSession);
     }

@@ -86,7 +86,7 @@ static size_t WriteList(char *szList, const Account *pAccount, PictureSize scree
 static Verdict ReplyUnauthorized(Session *pSession, Port *pPort)
 {
     Message reply(pSession, pPort);
-    ReplyBeginNumbered(&reply, STATUS_UNAUTHORIZED, g_settings.bStandardPlayers ? pSession->nCSeq : 1);
+    ReplyBeginNumbered(&reply, STATUS_UNAUTHORIZED, pSession->standards.bPlayers ? pSession->nCSeq : 1);
     return MessageSend(&reply);
 }
 

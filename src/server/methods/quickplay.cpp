@@ -2,6 +2,7 @@
 
 #include "base/assertion.h"
 #include "runtime/clock.h"
+#include "server/core/sessionevents.h"
 #include "server/core/tracks.h"
 #include "server/media/distribute.h"
 #include "server/media/filesend.h"
@@ -17,8 +18,9 @@ namespace orx {
 // Sets every track up on the control connection. Returns 1, or 0 for a program with too many.
 static int EnterAllTracks(Session *pSession)
 {
-    int nTracks = pSession->pProg->desc.nTrackCount;
-    if (!g_settings.bStandardPushers &&
+    const Program *pProg = pSession->pProg;
+    int nTracks = pProg->desc.nTrackCount;
+    if (!pProg->standards.bPushers &&
         !ORX_PEER_ASSERT(nTracks >= 1 && nTracks < 4, "session->nTrackCount>=1 && session->nTrackCount < 4"))
         return 0;
     pSession->out.bInterleaved = 1;
@@ -43,6 +45,7 @@ Verdict HandleQuickPlay(Session *pSession, Port *pPort, Request *pRequest)
     pSession->play.nPlayStart = pSession->play.nPlayPos;
     RtcpPlayBegins(pSession);
     pSession->nState = STATE_PLAYING;
+    SessionSayStart(pSession);
     if (!ORX_PEER_ASSERT(!(pSession->nFlags & SESSION_FILE_SENDER), "!(session->nFlags & 0x10)"))
         return Verdict::End;
     if (!pProg->bLive) {

@@ -117,8 +117,8 @@ static void AddUdpText(const SessionTrack *pTrack, int nRemotePort, TextBuf *pTe
 static SetupResult SetupUdp(Session *pSession, Port *pPort, int i, const char *szParams, TextBuf *pText)
 {
     const char *p = strstr(szParams, "client_port=");
-    // behind a bridge there is nobody but this box to send datagrams to
-    if ((pPort->nFlags & PORT_RELAYED) && g_settings.bStandardPlayers)
+    // behind a bridge there is nobody but this box to send datagrams to, and no front passes them on
+    if (((pPort->nFlags & PORT_RELAYED) && pSession->standards.bPlayers) || (pPort->nFlags & PORT_FRONTED))
         return SETUP_OTHER;
     if (strncmp(szParams, "unicast;", strlen("unicast;")) != 0 || !p)
         return SETUP_FAILED;
@@ -166,7 +166,7 @@ static int CanServe(const Session *pSession, const Port *pPort, int i, const Tra
         return 0;
     if (pOffer->eCarrier == Carrier::Tcp)
         return 1;
-    if (pOffer->nPort == 0 || (pPort->nFlags & PORT_RELAYED))
+    if (pOffer->nPort == 0 || (pPort->nFlags & (PORT_RELAYED | PORT_FRONTED)))
         return 0;
     return g_settings.bUdpPushers || !(pSession->nFlags & SESSION_PUSHER);
 }
@@ -315,7 +315,7 @@ static int FindNamedTrack(const Session *pSession, const Request *pRequest)
 {
     std::string_view whole = TrimSlashes(UriPath(RequestUri(pRequest)));
     std::string_view path = TrimSlashes(RequestPath(pRequest));
-    if (!g_settings.bStandardPlayers)  // else it has none, and a '?' is part of the name
+    if (!pSession->standards.bPlayers)  // else it has none, and a '?' is part of the name
         path = TrimSlashes(path.substr(0, path.find('?')));
     for (std::string_view name : {whole, path})
         if (int i = FindControl(pSession, name); i >= 0)
@@ -337,7 +337,7 @@ static Verdict SendSetupReply(Session *pSession, Port *pPort, int i, const char 
     MessageNoCache(&reply);
     if (!(pSession->nFlags & SESSION_PUSHER))
         TextAdd(&reply.text, "Transport: %s;ssrc=%08X\r\n", szTransport, pSession->tracks[i].nSsrc);
-    else if (g_settings.bStandardPushers)
+    else if (pSession->standards.bPushers)
         TextAdd(&reply.text, "Transport: %s\r\n", szTransport);
     MessageSession(&reply);
     MessageDate(&reply);
@@ -355,7 +355,7 @@ static int ChooseTrack(Session *pSession, Port *pPort, const Request *pRequest, 
         return i;
     }
     const char *pEqual = strchr(UriPath(RequestUri(pRequest)), '=');
-    int bFew = g_settings.bStandardPushers || (nTracks >= 1 && nTracks < 4);
+    int bFew = pSession->pProg->standards.bPushers || (nTracks >= 1 && nTracks < 4);
     if (!ORX_PEER_ASSERT(bFew, "session->nTrackCount>=1 && session->nTrackCount < 4") ||
         !ORX_PEER_ASSERT(pEqual, "pEqual || !\"no track in the URI\"")) {
         *pVerdict = RefuseFault(pSession, pPort);

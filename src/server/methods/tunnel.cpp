@@ -10,6 +10,7 @@
 #include "base/textbuf.h"
 #include "runtime/clock.h"
 #include "server/core/registry.h"
+#include "server/core/sessionevents.h"
 #include "server/core/settings.h"
 #include "server/media/replies.h"
 
@@ -111,9 +112,10 @@ static void Pair(Session *pGet, Session *pPost, Port *pPort, uint32_t nFrom)
     if (!ORX_PEER_ASSERT(!pGet->peer.Reply && pPost->peer.Cmd == pPort, "!p->Reply && session->Cmd==port") ||
         !ORX_PEER_ASSERT(!pGet->input.nLen, "!p->nLen"))
         return;
+    SessionNoteEnd(pPost, "it became half of a tunnel");
     pGet->peer.Reply = pGet->peer.Cmd;
     pGet->peer.Cmd = pPort;
-    if (!g_settings.bStandardPlayers) {
+    if (!pGet->standards.bPlayers) {
         free(pGet->peer.szCookie);
         pGet->peer.szCookie = nullptr;
     }
@@ -139,15 +141,17 @@ static void Pair(Session *pGet, Session *pPost, Port *pPort, uint32_t nFrom)
 static int OnPostWaited(Task *pTask, uint32_t, uint32_t, uint32_t)
 {
     Session *pPost = SessionOfTask(pTask);
-    if (pPost)
-        SessionEnd(pPost);
+    if (!pPost)
+        return -1;
+    SessionNoteEnd(pPost, "the other half of its tunnel did not come");
+    SessionEnd(pPost);
     return -1;
 }
 
 // Clients that send both halves at once do not care which arrives first.
 static int MayWaitForGet(const Session *pSession, const Port *pPort)
 {
-    return g_settings.bStandardPlayers && pSession->nState == STATE_NEW && pSession->peer.Cmd == pPort &&
+    return pSession->standards.bPlayers && pSession->nState == STATE_NEW && pSession->peer.Cmd == pPort &&
            !(pSession->nFlags & SESSION_TUNNEL_GET);
 }
 
@@ -217,6 +221,7 @@ int TunnelDecode(Session *pSession, Port *pPort, const char *pText, size_t nLen)
             continue;
         if (!IsBase64(pText[i])) {
             print("Invalid base64 text on fd=0x%x!\r\n", pPort->fd);
+            SessionNoteMalformed(pSession, "bad base64 in its tunnel");
             return 0;
         }
         pPort->tail[pPort->nTail++] = pText[i];

@@ -11,7 +11,7 @@
 
 namespace orx {
 
-// A wall clock that stands still, so that names meet.
+// A wall clock that stands still, so that names meet; past 2038, which 32-bit machines have to know as well.
 struct RecordNames : testing::Test {
     TempDir dir;
     std::string root = dir.path + "/";
@@ -22,7 +22,7 @@ struct RecordNames : testing::Test {
     static void StandAt(const char *szClock)
     {
         tm when{};
-        strptime((std::string("2024-03-05 ") + szClock).c_str(), "%Y-%m-%d %H:%M:%S", &when);
+        strptime((std::string("2041-03-05 ") + szClock).c_str(), "%Y-%m-%d %H:%M:%S", &when);
         when.tm_isdst = -1;
         RecordTimeHold(mktime(&when));
     }
@@ -58,7 +58,7 @@ struct RecordNames : testing::Test {
 TEST_F(RecordNames, NoTwoAreOne)
 {
     using Files = std::map<std::string, std::string>;
-    const std::string day = "cam/20240305/M12";
+    const std::string day = "cam/20410305/M12";
     static const struct {
         std::array<const char *, 3> names;
         int bNamed;
@@ -74,15 +74,15 @@ TEST_F(RecordNames, NoTwoAreOne)
         {{"cam-1.zmf", "0"},
          {"cam-2.zmf", "1"},
          {"cam.zmf", "2"},
-         {"cam-20240305-120100.zmf", "0"},
-         {"cam-20240305-120101.zmf", "1"},
-         {"cam-20240305-120102.zmf", "2"}},
+         {"cam-20410305-120100.zmf", "0"},
+         {"cam-20410305-120101.zmf", "1"},
+         {"cam-20410305-120102.zmf", "2"}},
         {{"a.zmf", "0"},
          {"a-1.zmf", "1"},
          {"a-2.zmf", "2"},
-         {"a-20240305-120100.zmf", "0"},
-         {"a-20240305-120101.zmf", "1"},
-         {"a-20240305-120102.zmf", "2"}},
+         {"a-20410305-120100.zmf", "0"},
+         {"a-20410305-120101.zmf", "1"},
+         {"a-20410305-120102.zmf", "2"}},
     };
     for (int bNeverLose : {0, 1}) {
         for (size_t i = 0; i < std::size(cases); i++) {
@@ -134,13 +134,13 @@ TEST_F(RecordNames, FinishedFilesStayWithTheRule)
 // A program below the day of another one is recorded while that one's days are deleted or set aside.
 TEST_F(RecordNames, DaysStayWhileSomethingBelowThemIsWritten)
 {
-    ZMFWriter *p = Begin("cam/20240301", 0);
+    ZMFWriter *p = Begin("cam/20410301", 0);
     Put(p, 0, "written");
     StorageDeleteOldDays(root.c_str(), nullptr, 1);
-    std::filesystem::create_directories(root + "cam/20240305");
-    EXPECT_EQ(0, StorageMakeRoom((root + "cam/20240305").c_str(), 1, UINT32_MAX, 1));
+    std::filesystem::create_directories(root + "cam/20410305");
+    EXPECT_EQ(0, StorageMakeRoom((root + "cam/20410305").c_str(), 1, UINT32_MAX, 1));
     ZMFWriterFree(p);
-    EXPECT_EQ("written", Kept()["cam/20240301/20240305/M120000.zmf"]);
+    EXPECT_EQ("written", Kept()["cam/20410301/20410305/M120000.zmf"]);
 }
 
 }  // namespace orx

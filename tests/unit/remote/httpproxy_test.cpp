@@ -30,12 +30,12 @@ struct ProxyRig {
 
     explicit ProxyRig(unsigned nMaxRelays = 0, int nSilentMs = 60000)
     {
-        HttpProxySettings settings{"127.0.0.1", nPort, "127.0.0.1", web.nPort, nMaxRelays, nSilentMs, HandOver, this};
+        HttpProxySettings settings{"127.0.0.1", nPort, "127.0.0.1", web.nPort, nMaxRelays, nSilentMs, HandOver, this, 0, {}};
         EXPECT_EQ(1, HttpProxyStart(&proxy, &settings));
     }
     ~ProxyRig() { HttpProxyStop(&proxy); }
 
-    static int HandOver(void *pContext, int fd, const void *pData, size_t nLen)
+    static int HandOver(void *pContext, int fd, const void *pData, size_t nLen, const HttpFronted *)
     {
         auto *pRig = static_cast<ProxyRig *>(pContext);
         std::lock_guard<std::mutex> lock(pRig->mutex);

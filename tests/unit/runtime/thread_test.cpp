@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/emulated.h"
 #include "support/wait.h"
 
 namespace orx {
@@ -28,7 +29,8 @@ static void RaisePriorityWithoutTheRight(int bAllowed)
 TEST(ThreadDeathTest, PriorityThatMayNotBeRaised)
 {
     using testing::HasSubstr;
-    testing::GTEST_FLAG(death_test_style) = "threadsafe";
+    if (!kEmulated)  // which would have to start this program anew
+        testing::GTEST_FLAG(death_test_style) = "threadsafe";
     EXPECT_DEATH(RaisePriorityWithoutTheRight(0), HasSubstr("`setpriority(PRIO_PROCESS, 0, nPriority)==0'"));
     EXPECT_EXIT(RaisePriorityWithoutTheRight(1), testing::ExitedWithCode(0),
                 testing::AllOf(HasSubstr("Priority -20 is not permitted"),

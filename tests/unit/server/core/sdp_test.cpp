@@ -15,7 +15,9 @@ constexpr char kAudio[] = "m=audio 0 RTP/AVP 97\r\na=rtpmap:97 AMR/8000/1\r\na=c
 
 struct Parsed : Description {
     int nResult;
-    explicit Parsed(const std::string &sdp) : nResult(SdpParse(this, sdp.c_str(), 1, 0)) {}
+    explicit Parsed(const std::string &sdp, int bStandard = 0) : nResult(SdpParse(this, sdp.c_str(), 1, 0, bStandard))
+    {
+    }
 };
 
 // What is known of a track, in words.
@@ -102,14 +104,13 @@ TEST(Sdp, NumbersTracks)
         {1, "a=control:audio\r\n", "a=control:track=\r\n", 0, 1},
     };
     for (const auto &[bStandardPushers, szFirst, szSecond, nFirst, nSecond] : cases) {
-        g_settings.bStandardPushers = bStandardPushers;
         Parsed p(std::string("m=audio 0 RTP/AVP 8\r\na=rtpmap:8 PCMA/8000\r\n") + szFirst +
-                 "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n" + szSecond);
+                     "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n" + szSecond,
+                 bStandardPushers);
         ASSERT_EQ(1, p.nResult) << szFirst;
         EXPECT_EQ(nFirst, p.mediaInfos[0].nTrackId) << szFirst;
         EXPECT_EQ(nSecond, p.mediaInfos[1].nTrackId) << szSecond;
     }
-    g_settings.bStandardPushers = 0;
 }
 
 TEST(Sdp, TakesWhatStandardEncodersDescribe)
@@ -125,9 +126,8 @@ TEST(Sdp, TakesWhatStandardEncodersDescribe)
         {"m=video 0 RTP/AVP 97\r\na=rtpmap:97 hevc/90000\r\na=framesize:97 640x480\r\n", MEDIA_H265,
          "97 H265/90000 0x0"},
     };
-    g_settings.bStandardPushers = 1;
     for (const auto &[szSection, nMediaType, szTold] : cases) {
-        Parsed p(std::string(kHead) + szSection + kVideo + kAudio);
+        Parsed p(std::string(kHead) + szSection + kVideo + kAudio, 1);
         ASSERT_EQ(3, p.nTrackCount) << szSection;
         EXPECT_EQ(nMediaType, p.mediaInfos[0].nMediaType) << szSection;
         EXPECT_THAT(Told(p.mediaInfos[0]), testing::StartsWith(szTold));
@@ -137,8 +137,7 @@ TEST(Sdp, TakesWhatStandardEncodersDescribe)
     std::string many;
     for (int i = 0; i < 9; i++)
         many += "m=application 0 RTP/AVP 99\r\n";
-    EXPECT_EQ(8, Parsed(kVideo + many).nTrackCount) << "no player could set up more";
-    g_settings.bStandardPushers = 0;
+    EXPECT_EQ(8, Parsed(kVideo + many, 1).nTrackCount) << "no player could set up more";
 }
 
 }  // namespace orx

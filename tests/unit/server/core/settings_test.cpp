@@ -11,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "base/textbuf.h"
 #include "support/files.h"
 #include "support/output.h"
 
@@ -97,6 +98,31 @@ TEST_F(SettingsTest, ChecksTheUdpRange)
     }
 }
 
+// What changed is taken over but for what counts from the next start, which is named; the rest of the record
+// is not written, as others may read it.
+TEST_F(SettingsTest, TakesOverWhatMayChange)
+{
+    Settings inForce;
+    ASSERT_EQ(1,
+              Read("[SERVER]\nConnectLimit=7\nListenPort=8554\n[STORAGE]\nRecordPath=/a\n[GUARD]\nAnnounceFrom=::1\n"));
+    std::swap(inForce, config);
+    ASSERT_EQ(1, Read("[SERVER]\nConnectLimit=8\nListenPort=8555\nAuthType=2\n[STORAGE]\nRecordPath=/b\n"));
+    char szRestart[64] = "";
+    TextBuf restart{szRestart, sizeof(szRestart)};
+    SettingsTake(&inForce, &config, &restart);
+    EXPECT_STREQ("AuthType ListenPort UnetPort", szRestart);
+    EXPECT_EQ(8U, inForce.nConnectLimit);
+    EXPECT_EQ(8554U, inForce.nListenPort);
+    EXPECT_STREQ("/b/", inForce.szRecordPath);
+    EXPECT_STREQ("", inForce.szAnnounceFrom);
+    SettingsFree(&inForce);
+}
+
+static const char *When(Counts counts)
+{
+    return counts == Counts::AtOnce ? "at once" : counts == Counts::ForNew ? "new" : "restart";
+}
+
 static std::string LimitsOf(const Setting &row)
 {
     if (row.kind == SettingKind::Text)
@@ -127,7 +153,7 @@ static size_t Count(const std::string &text, const std::regex &what)
 
 // In the file each key has its comment, "; ListenPort (554; 1..65535, else 554): ...", and below that its
 // line, which a ';' may switch off and which is that of 0 for a key with a number. The page has a row for it,
-// "| `ListenPort` | 554 | 1..65535, else 554 | ...". Neither knows any other key.
+// "| `ListenPort` | 554 | 1..65535, else 554 | restart | ...". Neither knows any other key.
 TEST(SettingsTable, IsWhatTheDocumentsSay)
 {
     const std::string file = ReadFile(ORX_SOURCE_DIR "/cfg/orx.cfg"),
@@ -141,7 +167,8 @@ TEST(SettingsTable, IsWhatTheDocumentsSay)
                     testing::ContainsRegex("\n; " + key + " [(]" + value + (limits.empty() ? "" : "; ") + limits +
                                            "[)]: [^\n]*\n(; [^\n]*\n)*;?" + name + (key == name ? "=" : "0=")));
         EXPECT_THAT(Part(page, "\n## [", row.szSection),
-                    HasSubstr("\n| `" + key + "` | " + value + " | " + limits + (limits.empty() ? "| " : " | ")));
+                    HasSubstr("\n| `" + key + "` | " + value + " | " + limits + (limits.empty() ? "| " : " | ") +
+                              When(row.counts) + " | "));
     }
     EXPECT_EQ(SettingsTable().size(), Count(file, std::regex("\n; \\w+(%d)? \\([^)]*\\): ")));
     EXPECT_EQ(SettingsTable().size(), Count(file, std::regex("\n;?\\w+=")));

@@ -17,6 +17,7 @@
 #include "support/output.h"
 #include "support/playerkit.h"
 #include "support/wait.h"
+#include "server/core/sessionpeer.h"
 
 namespace orx {
 
@@ -138,7 +139,7 @@ TEST_F(CacheTest, WithoutKeysWholePicturesWithinTheSpanStay)
 // From encoders with long distances all since the newest key picture stays, until it is more than a cache holds.
 TEST_F(CacheTest, ALongGroupStaysWhole)
 {
-    g_settings.bStandardPushers = 1;
+    pProg->standards.bPushers = 1;
     for (uint32_t nStart : {0U, 0xFFFFFFFFU - 45000}) {  // also where the clock wraps
         nBase = nStart;
         Push({0, 1});  // of which nothing need stay
@@ -159,7 +160,6 @@ TEST_F(CacheTest, ALongGroupStaysWhole)
     EXPECT_LE(ListCount(&pProg->cache.Pktq), 126U);
     EXPECT_GT(nMost, Megabytes(32) - 61000);
     EXPECT_LE(nMost, Megabytes(32) + 61000);
-    g_settings.bStandardPushers = 0;
 }
 
 // A megabyte holds sixteen packets of this size, and at most once that much is kept. The oldest group goes

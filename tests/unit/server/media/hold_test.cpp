@@ -32,31 +32,29 @@ TEST(HoldSuits, WhatPlayersCanGoOnWith)
         {video + "m=audio 0 RTP/AVP 97\r\na=rtpmap:97 mpeg4-generic/44100/2\r\na=fmtp:97 config=1208\r\n", 0},
         {video + "m=audio 0 RTP/AVP 97\r\na=rtpmap:97 PCMA/44100/2\r\na=fmtp:97 config=1210\r\n", 0},
     };
-    g_settings.bStandardPushers = 1;
     Program *pOld = ProgramNew("/cam", &g_testOps);
     pOld->desc.szSdp = strdup(cases[0].first.c_str());
-    ASSERT_EQ(1, SdpParse(&pOld->desc, pOld->desc.szSdp, 1, 0));
+    ASSERT_EQ(1, SdpParse(&pOld->desc, pOld->desc.szSdp, 1, 0, 1));
     for (int bWaits : {1, 0}) {
         pOld->hold.nNumber = bWaits;
         for (const auto &[sdp, bSuits] : cases) {
             std::string text = sdp;
             Description desc;
             desc.szSdp = text.data();
-            ASSERT_EQ(1, SdpParse(&desc, desc.szSdp, 1, 0)) << sdp;
+            ASSERT_EQ(1, SdpParse(&desc, desc.szSdp, 1, 0, 1)) << sdp;
             EXPECT_EQ(bWaits && bSuits, HoldSuits(pOld, &desc)) << sdp;
             desc.szSdp = nullptr;
         }
     }
     Description same;
     same.szSdp = strdup(cases[1].first.c_str());
-    ASSERT_EQ(1, SdpParse(&same, same.szSdp, 1, 0));
+    ASSERT_EQ(1, SdpParse(&same, same.szSdp, 1, 0, 1));
     pOld->flush.bTask = 1;  // a task of the pusher that has gone
     HoldResume(pOld, &same);
     EXPECT_EQ(0, pOld->flush.bTask);
     free(same.szSdp);
     pOld->hold.nNumber = 0;
     ProgramDiscard(pOld);
-    g_settings.bStandardPushers = 0;
 }
 
 }  // namespace orx

@@ -56,7 +56,7 @@ TEST(TimeNoteReport, BringsTracksTogether)
             TimeNoteReport(pProg, static_cast<unsigned>(i), &told);
         };
         for (int32_t nMs = 0; nMs < 60000; nMs += 20) {
-            ClockSetOffset(static_cast<uint32_t>(1000000 + nMs));
+            ClockHold(static_cast<uint32_t>(1000000 + nMs));
             for (int i : {0, 1}) {
                 int32_t nSent = i == 1 ? nMs - given.nSoundLateMs : nMs;
                 if (nSent < std::min(0, -given.nSoundLateMs))
@@ -92,7 +92,7 @@ TEST(PacketTime, GoesOnWhereStampsJump)
         for (int i = 0; i < 3; i++) {
             const SenderReport lie{1, nStamp * 7, nJump, nStamp + nJump + 0x80000000U * (i & 1)};
             uint32_t nTime, nFlags;
-            ClockSetOffset(nNowMs += 40);
+            ClockHold(nNowMs += 40);
             ASSERT_EQ(1, PacketTime(pProg, 0, nStamp += 3600, &nTime, &nFlags));
             TimeNoteReport(pProg, 0, &lie);
             EXPECT_TRUE(nLast == 0 || (ClockDiff(nTime, nLast) > 0 && ClockDiff(nTime, nLast) < 200)) << nJump;

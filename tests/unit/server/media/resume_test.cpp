@@ -35,7 +35,7 @@ TEST(Resume, TracksAndReportsGoOnTogether)
         const uint32_t rates[] = {90000, 8000}, befores[] = {0xFFFFFF00U, 7000}, afters[] = {1, 0x80000000U};
         uint8_t rtp[12] = {0x80};
         int32_t gone[2] = {};
-        ClockSetOffset(1000000);
+        ClockHold(1000000);
         for (size_t i : {0, 1}) {
             MediaInfo *pInfo = &pProg->desc.mediaInfos[i];
             pInfo->nTimeScale = rates[i];
@@ -44,7 +44,7 @@ TEST(Resume, TracksAndReportsGoOnTogether)
             RewriteNote(&pInfo->rewrite, rtp);
             RewriteContinue(&pInfo->rewrite, 96, 96);
         }
-        ClockSetOffset(1002000);
+        ClockHold(1002000);
         for (const char *p = given.szEvents; *p; p++) {
             unsigned i = *p == 'A' || *p == 'a';
             MediaInfo *pInfo = &pProg->desc.mediaInfos[i];
