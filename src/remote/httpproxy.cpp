@@ -29,6 +29,7 @@ constexpr int kParkedWaitMs = 1000;     // ... one whose client has given up, an
 constexpr unsigned kAcceptMax = 64;     // in a round, before those that have spoken have their turn
 constexpr unsigned kAddressShare = 4;   // one address may have this part of all connections
 constexpr uint32_t kRoundPauseMs = 10;  // a crowd of visitors costs one round in 10 ms
+constexpr uint32_t kFastPauseMs = 1;    // ... or in one, where they are not to wait
 constexpr char kTunnelMark[] = "application/x-rtsp-tunnelled";
 
 // Takes the pending connection out of the list, keeping the order of the rest. Returns its socket.
@@ -54,6 +55,10 @@ static void Classify(HttpProxy *pProxy, const HttpPending *pPending, const uint8
         HttpRefuseBusy(fd);
         return;
     }
+    if (pProxy->pFast) {
+        FastRelaysAdd(pProxy->pFast, fd, pPending->nIp, pData, nLen);
+        return;
+    }
     HttpRelay *pRelay = HttpRelayOpen(&pProxy->common, fd, pPending->nIp, pData, nLen);
     if (pRelay)
         ListAppend(&pProxy->relays, pRelay);
@@ -72,6 +77,8 @@ static int HasRoom(const HttpProxy *pProxy, uint64_t nIp)
         nAll++;
         nSame += p->nClientIp == nIp;
     }
+    if (pProxy->pFast)
+        FastRelaysCount(pProxy->pFast, nIp, &nAll, &nSame);
     unsigned nShare = nMax < kAddressShare ? 1 : nMax / kAddressShare;
     return nAll < nMax && nSame < nShare;
 }
@@ -313,7 +320,7 @@ static void HttpProxyServerEntry(Thread *pThread)
     print("Enter HttpProxyServerEntry(tid=0x%x)...\r\n", static_cast<unsigned>(ThreadKernelId()));
     while (!ThreadStopping(pThread)) {
         ProxyRound(pProxy);
-        ThreadPause(pThread, kRoundPauseMs);
+        ThreadPause(pThread, pProxy->pFast ? kFastPauseMs : kRoundPauseMs);
     }
     print("Exit HttpProxyServerEntry()\r\n");
     SockClose(pProxy->fdListen);
@@ -344,11 +351,15 @@ static int TakeSettings(HttpProxy *pProxy, const HttpProxySettings *pSettings)
     ListInit(&pProxy->relays, nullptr);
     ListUsedDefMap(&pProxy->relays, 0);
     ListDataProc(&pProxy->relays, FreeRelay, nullptr);
-    return pCommon->fdStop >= 0 && pCommon->fdEnded >= 0;
+    if (pCommon->fdStop < 0 || pCommon->fdEnded < 0)
+        return 0;
+    pProxy->pFast = pSettings->bFast ? FastRelaysStart(pCommon) : nullptr;
+    return pProxy->pFast || !pSettings->bFast;
 }
 
 static void CloseEvents(HttpProxy *pProxy)
 {
+    FastRelaysStop(std::exchange(pProxy->pFast, nullptr));
     SockClose(std::exchange(pProxy->common.fdStop, -1));
     SockClose(std::exchange(pProxy->common.fdEnded, -1));
 }

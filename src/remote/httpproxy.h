@@ -1,6 +1,6 @@
 // The proxy on the box's web port: by the first bytes of a connection it is either handed to the server's
 // RTSP-over-HTTP tunnel or relayed to a local web server. One thread accepts and looks, one thread per
-// proxied connection relays. Start and stop: one thread, by habit the main thread.
+// proxied connection relays, or one for all of them. Start and stop: one thread, by habit the main thread.
 #pragma once
 
 #include <cstddef>
@@ -8,6 +8,7 @@
 
 #include "base/linkedlist.h"
 #include "base/netaddr.h"
+#include "remote/fastrelays.h"
 #include "remote/httprelay.h"
 #include "runtime/thread.h"
 
@@ -50,6 +51,7 @@ struct HttpProxySettings {
     void *pContext = nullptr;  // first argument of pfnHandOver and pfnIsFront, not owned
     int bIpv6 = 0;             // szListenIp may be an IPv6 address as well
     HttpFrontProcs fronts;     // without procedures there is no front
+    int bFast = 0;             // relays carry as fast as they can, on one thread
 };
 
 struct HttpPending {
@@ -72,10 +74,11 @@ struct HttpProxy {
     // The rest belongs to the proxy thread.
     HttpPending pendings[kHttpPendingMax];  // in order of acceptance
     unsigned nPending = 0;
-    uint32_t nCheckTime = 0;  // uptime of the last look for connections to drop
-    List relays;              // HttpRelay, embedded nodes; owned
-    unsigned nParked = 0;     // of these
-    int bNoDescriptor = 0;    // the last accept failed; the next one waits for a second
+    uint32_t nCheckTime = 0;      // uptime of the last look for connections to drop
+    List relays;                  // HttpRelay, embedded nodes; owned
+    unsigned nParked = 0;         // of these
+    FastRelays *pFast = nullptr;  // takes the place of the list; owned by who starts and stops
+    int bNoDescriptor = 0;        // the last accept failed; the next one waits for a second
 };
 
 // Listens and starts the proxy thread. Returns 1, or 0 when it cannot listen (printed) or has no thread;

@@ -133,7 +133,7 @@ static void Relay(HttpRelay *pRelay)
         while (!ThreadStopping(&pRelay->thread) && RelayRound(pRelay, buffer))
             ThreadPause(&pRelay->thread, kRoundPauseMs);
     } else if (pRelay->pCommon->bLimited) {
-        SendPage(pRelay->fdClient, "502 Bad Gateway", "The web server does not answer.");
+        HttpTellDown(pRelay->fdClient);
         AwaitClient(pRelay, buffer);
     } else {
         pRelay->bWait = 1;
@@ -158,6 +158,11 @@ void HttpRefuseBusy(int fdClient)
     uint8_t buffer[kReadSize];
     (void)recv(client.fd, buffer, sizeof(buffer), MSG_DONTWAIT);  // see AwaitClient, without waiting here
     SendPage(client.fd, "503 Service Unavailable", "Too many connections.");
+}
+
+void HttpTellDown(int fdClient)
+{
+    SendPage(fdClient, "502 Bad Gateway", "The web server does not answer.");
 }
 
 HttpRelay *HttpRelayOpen(const HttpRelayCommon *pCommon, int fdClient, uint64_t nClientIp, const void *pFirst,

@@ -42,6 +42,9 @@ HttpRelay *HttpRelayOpen(const HttpRelayCommon *pCommon, int fdClient, uint64_t 
                          size_t nFirst);
 // Answers 503 with a page of one line, and closes the connection.
 void HttpRefuseBusy(int fdClient);
+// Answers 502 with a page of one line, and ends that direction; the caller closes the connection, behind what
+// the client has still to say.
+void HttpTellDown(int fdClient);
 // Looks after a relay. Returns 1 when it is over and wants to be freed. One that could not reach the web
 // server is parked, or, with limits, its client was told so: a parked client's connection stays open,
 // untouched, until the client gives up, which is looked for only with bCheckParked set.

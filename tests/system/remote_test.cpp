@@ -152,12 +152,15 @@ TEST_F(RemoteTest, PagesAndTunnelledPlayersShareTheWebPort)
     Listener web;
     server.Set("SERVER", "EnableHttpProxy=1\nHttpProxyListenPort=" + std::to_string(nWebPort) +
                              "\nHttpProxyTargetPort=" + std::to_string(web.nPort));
+    server.Set("INTEROP", "FastWebPort", "1");
     StartCamera(CameraSdp());
     EXPECT_TRUE(server.WaitOutput("listen on " + At(nWebPort) + ", Target=" + At(web.nPort) + "\n"));
     Sock browser = orx::Connect(nWebPort);
     ASSERT_TRUE(browser.Send("GET / HTTP/1.0\r\n\r\n"));
     Sock page = web.Accept();
     EXPECT_EQ("GET / HTTP/1.0\r\n\r\n", page.Read(18));
+    shutdown(browser.fd, SHUT_WR);  // which ends no answer
+    EXPECT_TRUE(page.Closed(20000));
     page.Send("HTTP/1.0 200 OK\r\n\r\nhello");
     EXPECT_EQ("HTTP/1.0 200 OK\r\n\r\nhello", browser.Read(24));
     ExpectPlays(&player, nWebPort, RTSP_OVER_TUNNEL);

@@ -129,6 +129,21 @@ static constexpr Setting g_table[] = {
     Number("WIFI", "UseWirelessLan", ReadBy("relay"), Counts::AtOnce, 0),
     Number("UPNP", "UpnpEnable", ReadBy("relay"), Counts::AtOnce, 0),
     Number("UPNP", "MappedListenPort", ReadBy("relay"), Counts::AtOnce, 0, Clamp::Port, 0, 65535),
+    Number("INTEROP", "FastWebPort", FIELD(bFastWebPort), Counts::Restart, 0, Clamp::Flag),
+    // Of the companions, processes of their own, which read them when they start.
+    Number("PULL", "NumSources", ReadBy("orxpull"), Counts::Restart, 0, Clamp::Hold, 0, 1000),
+    Text("PULL", "Url%d", ReadBy("orxpull", 1024), Counts::Restart, ""),
+    Text("PULL", "Program%d", ReadBy("orxpull", 201), Counts::Restart, ""),
+    Text("PULL", "Transport%d", ReadBy("orxpull", 16), Counts::Restart, "tcp"),
+    Number("PULL", "OnDemand%d", ReadBy("orxpull"), Counts::Restart, 0, Clamp::Flag),
+    Number("PULL", "Audio%d", ReadBy("orxpull"), Counts::Restart, 1, Clamp::Flag),
+    Text("PULL", "User", ReadBy("orxpull", 128), Counts::Restart, ""),
+    Text("PULL", "Password", ReadBy("orxpull", 64), Counts::Restart, ""),
+    Number("PULL", "HoldSeconds", ReadBy("orxpull"), Counts::Restart, 60, Clamp::Hold, 0, 86400),
+    Text("WEB", "Listen", ReadBy("orxweb", 46), Counts::Restart, "0.0.0.0"),
+    Number("WEB", "Port", ReadBy("orxweb"), Counts::Restart, 8080, Clamp::Port, 1, 65535),
+    Text("WEB", "Title", ReadBy("orxweb", 128), Counts::Restart, "Orx"),
+    Text("WEB", "CachePath", ReadBy("orxweb", 256), Counts::Restart, "cache"),
 };
 
 #undef FIELD

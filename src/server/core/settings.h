@@ -61,6 +61,7 @@ struct Settings {
     int bUdpPushers = 0;             // [INTEROP] UdpPushers
     uint32_t nHoldPlayers = 0;       // [INTEROP] HoldPlayers, seconds; 0: players of a pusher that goes end
     int bLowDelay = 0;               // [INTEROP] LowDelay
+    int bFastWebPort = 0;            // [INTEROP] FastWebPort
     // [GUARD]
     int bSurvivePeerFaults = 0;
     int bRunUnprivileged = 0;

@@ -152,6 +152,7 @@ static int StartProxy(RemoteServices *pRemote)
     settings.pfnHandOver = AcceptTunnel;
     settings.pContext = pRemote;
     settings.fronts = {IsFront, ReadHeader};
+    settings.bFast = g_settings.bFastWebPort;
     errno = 0;
     return Noted("web", settings.nListenPort, HttpProxyStart(&pRemote->proxy, &settings));
 }

@@ -20,6 +20,15 @@ namespace orx {
 
 const char kTunnelGet[] = "GET /live HTTP/1.0\r\nx-sessioncookie: abc\r\nAccept: application/x-rtsp-tunnelled\r\n\r\n";
 
+static int g_bFast = 0;  // for the rigs that follow
+
+// With a thread for each relay, and with one for all.
+struct HttpProxyTest : testing::TestWithParam<int> {
+    void SetUp() override { g_bFast = GetParam(); }
+};
+INSTANTIATE_TEST_SUITE_P(Relays, HttpProxyTest, testing::Values(0, 1),
+                         [](const auto &info) { return info.param ? "Fast" : "Slow"; });
+
 // The proxy under test in front of a web server that the test plays, and what it hands over.
 struct ProxyRig {
     Listener web;
@@ -30,7 +39,8 @@ struct ProxyRig {
 
     explicit ProxyRig(unsigned nMaxRelays = 0, int nSilentMs = 60000)
     {
-        HttpProxySettings settings{"127.0.0.1", nPort, "127.0.0.1", web.nPort, nMaxRelays, nSilentMs, HandOver, this, 0, {}};
+        HttpProxySettings settings{"127.0.0.1", nPort, "127.0.0.1", web.nPort, nMaxRelays, nSilentMs,
+                                   HandOver,    this,  0,           {},        g_bFast};
         EXPECT_EQ(1, HttpProxyStart(&proxy, &settings));
     }
     ~ProxyRig() { HttpProxyStop(&proxy); }
@@ -62,7 +72,7 @@ struct ProxyRig {
     }
 };
 
-TEST(HttpProxy, TellsTunnelsFromPagesByTheFirst4095Bytes)
+TEST_P(HttpProxyTest, TellsTunnelsFromPagesByTheFirst4095Bytes)
 {
     const std::string mark = "application/x-rtsp-tunnelled";
     const size_t nFits = 4095 - mark.size();
@@ -91,7 +101,7 @@ TEST(HttpProxy, TellsTunnelsFromPagesByTheFirst4095Bytes)
     }
 }
 
-TEST(HttpProxy, SilentConnectionGoesAfterThreeSeconds)
+TEST_P(HttpProxyTest, SilentConnectionGoesAfterThreeSeconds)
 {
     ProxyRig rig;
     Sock silent = Connect(rig.nPort);
@@ -103,7 +113,7 @@ TEST(HttpProxy, SilentConnectionGoesAfterThreeSeconds)
     EXPECT_FALSE(rig.web.sock.Readable(0)) << "it was never relayed";
 }
 
-TEST(HttpProxy, PendingListIsFullAt128AndTheOldestGoes)
+TEST_P(HttpProxyTest, PendingListIsFullAt128AndTheOldestGoes)
 {
     ProxyRig rig;
     std::vector<Sock> silent;
@@ -114,7 +124,7 @@ TEST(HttpProxy, PendingListIsFullAt128AndTheOldestGoes)
     EXPECT_TRUE(silent.back().StillOpen());
 }
 
-TEST(HttpProxy, CarriesLargeFilesBothWays)
+TEST_P(HttpProxyTest, CarriesLargeFilesBothWays)
 {
     ProxyRig rig;
     const int nBefore = OpenDescriptors();
@@ -134,7 +144,7 @@ TEST(HttpProxy, CarriesLargeFilesBothWays)
 }
 
 // Who asks meanwhile is neither answered nor closed; the proxy stops at once with all of them.
-TEST(HttpProxy, OutlivesAWebServerThatIsDown)
+TEST_P(HttpProxyTest, OutlivesAWebServerThatIsDown)
 {
     ProxyRig rig;
     rig.web.sock.Close();
@@ -153,9 +163,79 @@ TEST(HttpProxy, OutlivesAWebServerThatIsDown)
     EXPECT_LT(ElapsedMs(start), 1000);
 }
 
+// Either side may end its direction first: the rest of the other one still comes.
+TEST(FastRelays, OutliveTheEndOfOneDirection)
+{
+    g_bFast = 1;
+    ProxyRig rig;
+    const int nBefore = OpenDescriptors();
+    const std::string down = Pattern(3000000, 1);
+    Sock client = rig.Ask("GET /half"), page = rig.web.Accept();
+    EXPECT_EQ("GET /half", page.Read(9));
+    shutdown(client.fd, SHUT_WR);
+    EXPECT_TRUE(page.Closed(20000)) << "the end of the request is told";
+    std::thread server([&] { page.Send(down); });
+    EXPECT_TRUE(down == client.Read(down.size()));
+    server.join();
+    page.Close();
+    EXPECT_TRUE(client.Closed(20000));
+    Sock uploads = rig.Ask("POST /x"), answered = rig.web.Accept();
+    EXPECT_EQ("POST /x", answered.Read(7));
+    shutdown(answered.fd, SHUT_WR);
+    EXPECT_TRUE(uploads.Closed(20000));
+    EXPECT_TRUE(uploads.Send("more"));
+    EXPECT_EQ("more", answered.Read(4));
+    for (Sock *pSock : {&client, &page, &uploads, &answered})
+        pSock->Close();
+    EXPECT_TRUE(WaitFor([&] { return OpenDescriptors() <= nBefore; })) << "nothing of them stays";
+}
+
+// A web server may refuse an upload and close; the client is told all the same.
+TEST(FastRelays, TellTheAnswerToAnUploadThatIsRefused)
+{
+    g_bFast = 1;
+    ProxyRig rig;
+    const std::string up = Pattern(3000000, 1), refusal = "HTTP/1.1 413 No\r\nConnection: close\r\n\r\n";
+    Sock client = rig.Ask("POST /"), page = rig.web.Accept();
+    std::thread sender([&] { client.Send(up); });
+    EXPECT_EQ("POST /", page.Read(6));
+    EXPECT_TRUE(page.Send(refusal));
+    page.Close();
+    sender.join();
+    EXPECT_EQ(refusal, client.Read(refusal.size()));
+    EXPECT_TRUE(client.Closed(20000));
+}
+
+// One that does not read stops its sender soon, and nobody else; what it was sent is all there in the end.
+TEST(FastRelays, HoldLittleForWhoDoesNotRead)
+{
+    g_bFast = 1;
+    ProxyRig rig;
+    Sock stalled = rig.Ask("GET /big"), page = rig.web.Accept();
+    const std::string piece = Pattern(65536, 3), rest = Pattern(5000000, 2);
+    size_t nTaken = 0;
+    EXPECT_EQ("GET /big", page.Read(8));
+    pollfd set{page.fd, POLLOUT, 0};
+    for (ssize_t n = 1; n > 0 && nTaken < 64000000; nTaken += static_cast<size_t>(n > 0 ? n : 0)) {
+        n = send(page.fd, piece.data(), piece.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (n < 0 && poll(&set, 1, 500) > 0)
+            n = send(page.fd, piece.data(), piece.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    }
+    EXPECT_LT(nTaken, 32000000U) << "what the kernel takes, and one read";
+    Sock other = rig.Ask("GET /other"), quick = rig.web.Accept();
+    EXPECT_EQ("GET /other", quick.Read(10));
+    std::thread server([&] { quick.Send(rest); });
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(rest == other.Read(rest.size()));
+    EXPECT_LT(ElapsedMs(start), 5000) << "the other kind takes 12 s for it";
+    server.join();
+    page.Close();
+    EXPECT_EQ(nTaken, stalled.Read(nTaken + 1).size());
+}
+
 const std::string kBusy = "HTTP/1.0 503 Service Unavailable\r\n", kDown = "HTTP/1.0 502 Bad Gateway\r\n";
 
-TEST(HttpProxy, RefusesWhatIsBeyondItsLimits)
+TEST_P(HttpProxyTest, RefusesWhatIsBeyondItsLimits)
 {
     ProxyRig rig(8);
     std::vector<Sock> waiting;
@@ -182,7 +262,7 @@ TEST(HttpProxy, RefusesWhatIsBeyondItsLimits)
     })) << "room once others have gone";
 }
 
-TEST(HttpProxy, EndsASilentRelayAndTellsOfAWebServerThatIsDown)
+TEST_P(HttpProxyTest, EndsASilentRelayAndTellsOfAWebServerThatIsDown)
 {
     ProxyRig rig(64, 100);
     Sock silent = rig.Ask("GET /");
@@ -208,7 +288,7 @@ static std::map<std::string, uint64_t> Wakes()
     return wakes;
 }
 
-TEST(HttpProxy, SleepsWhileNothingHappens)
+TEST_P(HttpProxyTest, SleepsWhileNothingHappens)
 {
     std::thread([] {}).join();    // with the first one a sanitizer begins a thread of its own
     const auto others = Wakes();  // that, and this one
@@ -228,7 +308,7 @@ TEST(HttpProxy, SleepsWhileNothingHappens)
     EXPECT_EQ("hello", client.Read(5));
 }
 
-TEST(HttpProxy, LeavesDescriptorsForOthers)
+TEST_P(HttpProxyTest, LeavesDescriptorsForOthers)
 {
     ProxyRig rig;
     rlimit before{}, few{};
