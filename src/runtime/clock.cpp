@@ -1,5 +1,7 @@
 #include "runtime/clock.h"
 
+#include <pthread.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <ctime>
@@ -36,14 +38,29 @@ static uint32_t RawMs(uint32_t nOffset)
 }
 
 struct ClockState {
-    std::atomic<uint32_t> nOffset;
-    std::atomic<uint32_t> nLast;  // the last reading handed out
+    std::atomic<uint32_t> nOffset{0};
+    std::atomic<uint32_t> nAheadSeconds{0};  // the same without a wrap: uptime has none
+    std::atomic<uint32_t> nLast{0};          // the last reading handed out
+    std::atomic<int> bBegun{0};
 };
 
+static ClockState g_state;
+static pthread_once_t g_once = PTHREAD_ONCE_INIT;
+
+static void Begin()
+{
+    g_state.nOffset = OffsetFromEnvironment();
+    g_state.nAheadSeconds = g_state.nOffset / kMsPerSecond;
+    g_state.nLast = RawMs(g_state.nOffset);
+    g_state.bBegun = 1;
+}
+
+// No local static: what guards one brings the run-time library's exceptions along.
 static ClockState &State()
 {
-    static ClockState state{OffsetFromEnvironment(), RawMs(OffsetFromEnvironment())};
-    return state;
+    if (!g_state.bBegun.load(std::memory_order_acquire))
+        pthread_once(&g_once, Begin);
+    return g_state;
 }
 
 uint32_t ClockMs()
@@ -67,14 +84,16 @@ uint32_t ClockUptime()
 {
     timespec boot{};
     clock_gettime(CLOCK_BOOTTIME, &boot);
-    return UptimeSeconds(boot) + State().nOffset.load() / kMsPerSecond;
+    return UptimeSeconds(boot) + State().nAheadSeconds.load();
 }
 
-void ClockSetOffset(uint32_t nMs)
+void ClockSetOffset(uint64_t nMs)
 {
     ClockState &state = State();
-    state.nOffset.store(nMs);
-    state.nLast.store(RawMs(nMs));
+    auto nOffset = static_cast<uint32_t>(nMs);
+    state.nOffset.store(nOffset);
+    state.nAheadSeconds.store(static_cast<uint32_t>(nMs / kMsPerSecond));
+    state.nLast.store(RawMs(nOffset));
 }
 
 // It never goes back, and what it was last lies far ahead.
@@ -83,6 +102,7 @@ void ClockHold(uint32_t nMs)
     constexpr uint32_t kFarMs = 1U << 30;
     ClockState &state = State();
     state.nOffset.store(nMs - RawMs(0) - kFarMs);
+    state.nAheadSeconds.store(state.nOffset / kMsPerSecond);
     state.nLast.store(nMs);
 }
 

@@ -30,11 +30,11 @@ inline int64_t ClockNs(clockid_t nClock = CLOCK_MONOTONIC)
 }
 
 // Test aids, so that a wrap can be seen without waiting for it. With ClockSetOffset the first two clocks run
-// nMs ahead of the machine's from now on (0: no longer ahead); readings that other threads take meanwhile may
-// be of either kind. The environment variable ORX_CLOCK_OFFSET_MS (decimal, below 2^32), read once at the
-// first reading, starts the clocks at such an offset: 4294967296 - uptime * 1000 - 5000 lets a program wrap
-// after five seconds.
-void ClockSetOffset(uint32_t nMs);
+// nMs ahead of the machine's from now on (0: no longer ahead), the first one across as many wraps as that
+// are; readings that other threads take meanwhile may be of either kind. The environment variable
+// ORX_CLOCK_OFFSET_MS (decimal, below 2^32), read once at the first reading, starts the clocks at such an
+// offset: 4294967296 - uptime * 1000 - 5000 lets a program wrap after five seconds.
+void ClockSetOffset(uint64_t nMs);
 // Holds ClockMs at nMs, for up to twelve days or until it is held or set again: tests that tell what happens
 // after so many milliseconds do not depend on how busy the machine is.
 void ClockHold(uint32_t nMs);

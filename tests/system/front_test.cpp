@@ -19,7 +19,8 @@ struct FrontTest : SystemTest {
     // 127.0.0.2 is a front.
     void StartBehind(const std::string &guard = "")
     {
-        server.Set("INTEROP", "ProxyProtocolFrom=127.0.0.2\nStandardPlayers=1\nStandardPushers=1\nUdpPushers=1");
+        server.Set("INTEROP",
+                   "ProxyProtocolFrom=127.0.0.2\nStandardPlayers=1\nStandardPushers=1\nUdpPushers=1\nFastWebPort=1");
         server.Set("GUARD", "SurvivePeerFaults=1\n" + guard);
         server.Set("SERVER", "EnableHttpProxy=1\nHttpProxyListenPort=" + std::to_string(server.nSparePort));
         server.Start();

@@ -102,6 +102,90 @@ TEST_F(StatusTest, KicksAndSaysWhy)
     EXPECT_THAT(Ctl({"status"}), StartsWith("5 orxctl: " + socketPath));
 }
 
+// A day of more files than one answer holds.
+TEST_F(StatusTest, ListsRecordingsInPages)
+{
+    Begin();
+    const std::string day = "live/cam1/20260101", ask = "/recordings?program=live/cam1&day=20260101";
+    std::filesystem::create_directories(server.dir.File("rec/" + day));
+    for (int i = 100; i < 1101; i++)
+        WriteFile(server.dir.File("rec/" + day + "/" + std::to_string(10000 + i) + ".zmf"), "x");
+    size_t nRows = 0, nPages = 0;
+    for (std::string after = "/", answer; !after.empty(); nPages++) {
+        answer = Get(ask + (after == "/" ? "" : "&after=" + after));
+        nRows += static_cast<size_t>(CountText(answer, R"("state":"unreadable")"));
+        EXPECT_THAT(answer, HasSubstr(R"("file":")" + day + "/1"));
+        size_t nLast = answer.rfind(R"("file":")") + 8;
+        int bMore = answer.find(R"("more":true)") != std::string::npos;
+        after = bMore ? answer.substr(nLast, answer.find('"', nLast) - nLast) : "";
+    }
+    EXPECT_EQ(1001U, nRows);
+    EXPECT_EQ(3U, nPages);
+}
+
+// By the same accounts as DESCRIBE, and without a password in any log.
+TEST_F(StatusTest, TellsWhatAnAccountMaySee)
+{
+    server.Set("SERVER", "AuthType=1\nControlUsers=1");
+    server.Set("GUARD", "StrictRoles", "1");
+    server.Set("LOG", "Level=info\nFile=" + server.dir.File("events"));
+    server.Set(
+        "USERS",
+        "SuperUser=boss\nSuperPwd=b&ss\nNumUsers=2\nUserName0=ann\nUserPwd0=secret1\nUserLevel0=1\nUserName1=bob\n"
+        "UserPwd1=secret2");
+    server.Set("USERCTRL", "UserDevList0=cam live/two\nUserDevList1=/dog");
+    Begin();
+    static const std::tuple<const char *, const char *, const char *> cases[] = {
+        // the form, the level, and what follows it
+        {"", "none", R"("user_level":null,"anonymous":false,"super_user_exists":true,"programs":[]})"},
+        {"name=boss&password=b%26ss&program=cam", "super", R"("programs":["*"],"may_see":true})"},
+        {"name=boss&password=b", "none", R"("programs":[]})"},
+        {"name=ann&password=secret1&program=%2Fcam", "control", R"("programs":["cam","live/two"],"may_see":true})"},
+        {"name=ann&password=secret1&program=dog", "control", R"("may_see":false})"},
+        {"name=ann&password=secret2&program=cam", "none", R"("may_see":false})"},
+        {"name=bob&password=secret2&program=dog/20260101/x.zmf", "viewer", R"("programs":["dog"],"may_see":true})"},
+        {"name=bob&password=secret2&program=cam", "viewer", R"("may_see":false})"},
+        {"name=bob&password=", "none", ""},
+    };
+    auto ask = [this](const std::string &form) {
+        return AskRaw("POST /access HTTP/1.1\r\nContent-Length: " + std::to_string(form.size()) + "\r\n\r\n" + form);
+    };
+    for (const auto &[szForm, szLevel, szRest] : cases) {
+        std::string answer = ask(szForm);
+        EXPECT_THAT(answer, StartsWith("HTTP/1.1 200 "));
+        EXPECT_THAT(answer, HasSubstr(R"({"auth":"basic","level":")" + std::string(szLevel) + '"')) << szForm;
+        EXPECT_THAT(answer, HasSubstr(szRest)) << szForm;
+        EXPECT_EQ(0,
+                  Check("python3 " ORX_SOURCE_DIR "/tests/support/schema.py " ORX_SOURCE_DIR "/docs/access.schema.json",
+                        answer.substr(answer.find("\r\n\r\n") + 4)));
+    }
+    EXPECT_THAT(ask("name=" + std::string(2000, 'x')), HasSubstr(R"("level":"none")"));
+    EXPECT_THAT(ask("program=%zz"), StartsWith("HTTP/1.1 400 "));
+    EXPECT_THAT(AskRaw("POST /access HTTP/1.1\r\nContent-Length: 4097\r\n\r\n"), StartsWith("HTTP/1.1 413 "));
+    EXPECT_THAT(AskRaw("GET /access HTTP/1.1\r\n\r\n"), HasSubstr("\r\nAllow: POST\r\n"));
+    std::string log = ReadFile(server.dir.File("events")) + server.Output();
+    EXPECT_THAT(log, HasSubstr("auth.failed peer=status user=boss method=ACCESS"));
+    EXPECT_THAT(log, Not(HasSubstr("secret")));
+}
+
+// Where nobody has to show a password, and where anybody may come without one.
+TEST_F(StatusTest, TellsThatEverythingIsOpen)
+{
+    server.Set("SERVER", "AuthType", "0");
+    Begin();
+    auto ask = [this](const std::string &form) {
+        return AskRaw("POST /access HTTP/1.1\r\nContent-Length: " + std::to_string(form.size()) + "\r\n\r\n" + form);
+    };
+    EXPECT_THAT(ask("program=cam"), HasSubstr(R"({"auth":"none","level":"viewer","user_level":3,"anonymous":true,)"
+                                              R"("super_user_exists":false,"programs":["*"],"may_see":true})"));
+    EXPECT_THAT(ask("name=x&password=y"), HasSubstr(R"("level":"none")"));
+    WriteFile(server.ConfigPath(),
+              "[SERVER]\nAuthType=0\nEnableAnonymousViewer=1\n[STATUS]\nSocket=" + socketPath + "\n");
+    EXPECT_THAT(Ctl({"reload"}), StartsWith("0 "));
+    EXPECT_THAT(ask("name=x&password="), HasSubstr(R"("level":"viewer","user_level":3,"anonymous":true)"));
+    EXPECT_THAT(ask("name=x&password=y"), HasSubstr(R"("level":"none")"));
+}
+
 TEST_F(StatusTest, RefusesWhatItCannotAnswer)
 {
     Begin();

@@ -184,4 +184,9 @@ int AccountTableFind(const AccountTable *pTable, const char *szUser, Account *pO
     return 0;
 }
 
+int AccountTableHasSuper(const AccountTable *pTable)
+{
+    return pTable && pTable->superName.p && pTable->superName.nLen > 0;
+}
+
 }  // namespace orx

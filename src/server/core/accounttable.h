@@ -28,5 +28,7 @@ void AccountTableFree(AccountTable *pTable);  // accepts null
 // The super user of that name, else the first listed user. Returns 1, or 0 with *pOut untouched. A user
 // without a name is nobody. pTable null: an empty one.
 int AccountTableFind(const AccountTable *pTable, const char *szUser, Account *pOut);
+// Whether the text names a super user. pTable null: it does not.
+int AccountTableHasSuper(const AccountTable *pTable);
 
 }  // namespace orx

@@ -248,6 +248,7 @@ ConfigState ConfigCheck(const char *szPath, Settings *pTaken, DoubtList *pDoubts
     CheckValues(&reading.found);
     ConfigCheckRules(&reading.found);
     ConfigCheckUsers(&reading.found);
+    ConfigCheckSources(&reading.found);
     int bMissing = reading.text.szMissing != nullptr;
     if (!bMissing)
         EachMissing(&reading.found, SayMissing, &reading.found);
@@ -273,7 +274,9 @@ void ConfigDoubt(const char *szPath, DoubtList *pDoubts, int bRefuses, const cha
 static void ListRow(const Reading *p, const Setting *pRow, ConfigRowProc pfnRow, void *pContext)
 {
     char szTaken[kValueSize], szKey[32];
-    int nUsers = ConfigNumber(&p->found, ConfigRow("USERS", "NumUsers"), -1);
+    int bPulled = strcmp(pRow->szSection, "PULL") == 0;
+    const Setting *pCount = bPulled ? ConfigRow("PULL", "NumSources") : ConfigRow("USERS", "NumUsers");
+    int nUsers = ConfigNumber(&p->found, pCount, -1);
     if (!IsUserRow(pRow)) {
         ConfigTaken(&p->found, pRow, -1, szTaken, sizeof(szTaken));
         pfnRow(pContext, pRow->szSection, pRow->szKey, szTaken);

@@ -119,7 +119,7 @@ int ConfigRefuses(const Setting *pRow)
 
 int ConfigIsSecret(const Setting *pRow)
 {
-    return strstr(pRow->szKey, "Pwd") != nullptr;
+    return strstr(pRow->szKey, "Pwd") || strstr(pRow->szKey, "Password");
 }
 
 int ConfigHoldsPassword(std::string_view value)
@@ -127,6 +127,8 @@ int ConfigHoldsPassword(std::string_view value)
     size_t nScheme = value.find("//");
     size_t nColon = value.find(':', nScheme == std::string_view::npos ? 0 : nScheme + 2);
     size_t nHost = value.rfind('@');
+    if (nScheme != std::string_view::npos && value.find('=', nScheme) != std::string_view::npos)
+        return 1;  // cameras have it in the path or query, too
     return nColon < nHost && nHost != std::string_view::npos;
 }
 

@@ -11,8 +11,8 @@
 namespace orx {
 
 constexpr size_t kMaxConfigRows = 128;
-constexpr int kConfigUsers = 1024;     // that can be listed
-constexpr size_t kConfigUserKeys = 4;  // that a user's number follows
+constexpr int kConfigUsers = 1024;     // that can be listed, as sources of orxpull
+constexpr size_t kConfigUserKeys = 9;  // that such a number follows
 constexpr size_t kTakenSize = 128;     // room of a value as it is shown
 
 struct ConfigFound {
@@ -20,7 +20,7 @@ struct ConfigFound {
     const Settings *pTaken;  // what was read of it
     DoubtList *pDoubts;
     ConfigLine lines[kMaxConfigRows];                 // of each row without a number, the one that counts
-    ConfigLine (*pUsers)[kConfigUserKeys] = nullptr;  // of each user; owned; null when none is listed
+    ConfigLine (*pUsers)[kConfigUserKeys] = nullptr;  // of each number; owned; null when none is listed
 };
 
 // The row of a key that stands below a header, with *pnUser the user's number or -1; null for none.

@@ -255,4 +255,30 @@ void ConfigCheckUsers(const ConfigFound *pFound)
     CheckDeviceLists(pFound, &rows, nUsers);
 }
 
+// ---------------------------------------------------------------- sources that another program pulls
+
+// Counted ones that lack what they need, and those beyond: one line for all of either.
+void ConfigCheckSources(const ConfigFound *pFound)
+{
+    const Setting *pUrl = ConfigRow("PULL", "Url%d"), *pProgram = ConfigRow("PULL", "Program%d");
+    int nSources = ConfigNumber(pFound, ConfigRow("PULL", "NumSources"), -1), nMore = 0;
+    int nLacking = -1;
+    const Setting *pLacking = nullptr;
+    const ConfigLine *pBeyond = nullptr;
+    for (int i = 0; i < kConfigUsers; i++) {
+        int bUrl = IsGiven(pFound, pUrl, i), bProgram = IsGiven(pFound, pProgram, i);
+        if (i >= nSources && bUrl) {
+            nMore += pBeyond != nullptr;
+            pBeyond = pBeyond ? pBeyond : ConfigLineOf(pFound, pUrl, i);
+        } else if (i < nSources && !(bUrl && bProgram)) {
+            pLacking = pLacking ? pLacking : bUrl ? pProgram : pUrl;
+            nLacking = nLacking < 0 ? i : nLacking;
+        }
+    }
+    if (pLacking)
+        ConfigSayRow(pFound, pLacking, nLacking, "is missing, but NumSources counts it");
+    if (pBeyond)
+        ConfigSay(pFound, 0, pBeyond, 1, "stands beyond NumSources (with %d more): it is not pulled", nMore);
+}
+
 }  // namespace orx

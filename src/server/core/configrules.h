@@ -9,5 +9,7 @@ namespace orx {
 void ConfigCheckRules(const ConfigFound *pFound);
 // The same of the listed users.
 void ConfigCheckUsers(const ConfigFound *pFound);
+// The same of [PULL], of which nobody but orxpull makes use.
+void ConfigCheckSources(const ConfigFound *pFound);
 
 }  // namespace orx

@@ -81,6 +81,7 @@ struct WordList {
 static constexpr WordList g_words[] = {
     {"LOG", "Level", " error warn info debug ", "nothing is logged"},
     {"LOG", "Format", " text json ", "text is taken"},
+    {"PULL", "Transport%d", " tcp udp http ", "nothing is pulled"},
 };
 
 static void CheckWords(const ConfigFound *pFound, const Setting *pRow, const ConfigLine *pLine)

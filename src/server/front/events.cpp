@@ -405,6 +405,9 @@ static int ReadTcp(Session *pSession, Port *pPort)
     if (n == 0 || nError != EAGAIN)
         return CloseAfterRecv(pSession, pPort, static_cast<int>(n), n == 0 ? 0 : nError);
     uint32_t nSilent = ClockUptime() - pSession->peer.tLastActivity;
+    // nobody could say a word while the machine slept: silence counts anew
+    if (nSilent >= kLongestSilence && g_settings.nStateTimeout > 0)
+        pSession->peer.tLastActivity = ClockUptime();
     if (nSilent <= g_settings.nLiveTime || nSilent >= kLongestSilence || MayBeSilent(pSession))
         return 0;
     print("OnRead(fd=0x%x) TimeOut! The network will be closed.\r\n", pPort->fd);

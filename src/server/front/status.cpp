@@ -23,6 +23,7 @@
 #include "runtime/thread.h"
 #include "server/core/settings.h"
 #include "server/front/reload.h"
+#include "server/front/statusaccess.h"
 #include "server/front/statustext.h"
 
 namespace orx {
@@ -54,6 +55,11 @@ struct StatusServer {
 static StatusServer *g_pStatus = nullptr;  // main thread; its threads only read it
 
 // --- One answer ---
+
+struct StatusRequest {
+    HttpHead head;
+    std::string_view body;  // of a route that takes one; view of the reader's
+};
 
 struct StatusAnswer {
     int nStatus = 200;
@@ -112,21 +118,21 @@ static void WithFacts(StatusAnswer *pAnswer, DiskQuestion eQuestion,
     ServerFactsFree(&server);
 }
 
-static void AnswerStatus(const HttpHead *, StatusAnswer *pAnswer)
+static void AnswerStatus(const StatusRequest *, StatusAnswer *pAnswer)
 {
     pAnswer->szType = "application/json";
     WithFacts(pAnswer, DISK_FACTS,
               [](StatusAnswer *p, const StatusFacts *pFacts) { StatusWriteJson(&p->body, pFacts); });
 }
 
-static void AnswerMetrics(const HttpHead *, StatusAnswer *pAnswer)
+static void AnswerMetrics(const StatusRequest *, StatusAnswer *pAnswer)
 {
     pAnswer->szType = "text/plain; version=0.0.4; charset=utf-8";
     WithFacts(pAnswer, DISK_PROBE,
               [](StatusAnswer *p, const StatusFacts *pFacts) { StatusWriteMetrics(&p->body, pFacts); });
 }
 
-static void AnswerHealth(const HttpHead *, StatusAnswer *pAnswer)
+static void AnswerHealth(const StatusRequest *, StatusAnswer *pAnswer)
 {
     WithFacts(pAnswer, DISK_PROBE, [](StatusAnswer *p, const StatusFacts *pFacts) {
         if (StatusWriteHealth(&p->body, pFacts) > 0)
@@ -136,13 +142,13 @@ static void AnswerHealth(const HttpHead *, StatusAnswer *pAnswer)
     });
 }
 
-static void AnswerRecordings(const HttpHead *pHead, StatusAnswer *pAnswer)
+static void AnswerRecordings(const StatusRequest *pRequest, StatusAnswer *pAnswer)
 {
     char szGiven[kStoragePathSize], szProgram[kStoragePathSize], szDay[16], szAfter[kStoragePathSize],
         szRoot[kStoragePathSize];
-    int nProgram = HttpQueryValue(pHead->query, "program", szGiven, sizeof(szGiven));
-    int nDay = HttpQueryValue(pHead->query, "day", szDay, sizeof(szDay));
-    int nAfter = HttpQueryValue(pHead->query, "after", szAfter, sizeof(szAfter));
+    int nProgram = HttpQueryValue(pRequest->head.query, "program", szGiven, sizeof(szGiven));
+    int nDay = HttpQueryValue(pRequest->head.query, "day", szDay, sizeof(szDay));
+    int nAfter = HttpQueryValue(pRequest->head.query, "after", szAfter, sizeof(szAfter));
     if (nProgram < 0 || !StorageIsInside(szGiven) ||
         !StorageProgramPath(szProgram, sizeof(szProgram), szGiven)) {
         Say(pAnswer, 400, "program= is no name of a program");
@@ -189,12 +195,12 @@ static void KickThere(void *pContext)
     SessionEnd(pSession);
 }
 
-static void AnswerKick(const HttpHead *pHead, StatusAnswer *pAnswer)
+static void AnswerKick(const StatusRequest *pRequest, StatusAnswer *pAnswer)
 {
     char szSession[24];
     char *pEnd = szSession;
     unsigned long nHandle = 0;
-    if (HttpQueryValue(pHead->query, "session", szSession, sizeof(szSession)) > 0)
+    if (HttpQueryValue(pRequest->head.query, "session", szSession, sizeof(szSession)) > 0)
         nHandle = strtoul(szSession, &pEnd, 16);
     if (pEnd == szSession || *pEnd || nHandle == 0 || nHandle > UINT32_MAX) {
         Say(pAnswer, 400, "session= is the number of a session, as /status tells it");
@@ -249,7 +255,7 @@ static int ReloadIsDone(ReloadWait *p)
     return p->bDone;
 }
 
-static void AnswerReload(const HttpHead *, StatusAnswer *pAnswer)
+static void AnswerReload(const StatusRequest *, StatusAnswer *pAnswer)
 {
     auto *p = new (std::nothrow) ReloadWait;
     if (!p) {
@@ -266,15 +272,38 @@ static void AnswerReload(const HttpHead *, StatusAnswer *pAnswer)
     ReleaseReload(p);
 }
 
+static void AnswerAccess(const StatusRequest *pRequest, StatusAnswer *pAnswer)
+{
+    pAnswer->szType = "application/json";
+    if (StatusWriteAccess(&pAnswer->body, pRequest->body))
+        return;
+    pAnswer->szType = "text/plain; charset=utf-8";
+    Say(pAnswer, 400, "program= is no name of a program");
+}
+
 struct StatusRoute {
     const char *szPath;
     int bPost;  // it is an order
-    void (*pfnAnswer)(const HttpHead *pHead, StatusAnswer *pAnswer);
+    void (*pfnAnswer)(const StatusRequest *pRequest, StatusAnswer *pAnswer);
+    size_t nMostBody = 0;
 };
 static const StatusRoute g_routes[] = {
-    {"/status", 0, AnswerStatus},         {"/metrics", 0, AnswerMetrics}, {"/health", 0, AnswerHealth},
-    {"/recordings", 0, AnswerRecordings}, {"/reload", 1, AnswerReload},   {"/kick", 1, AnswerKick},
+    {"/status", 0, AnswerStatus},
+    {"/metrics", 0, AnswerMetrics},
+    {"/health", 0, AnswerHealth},
+    {"/recordings", 0, AnswerRecordings},
+    {"/reload", 1, AnswerReload},
+    {"/kick", 1, AnswerKick},
+    {"/access", 1, AnswerAccess, kMaxAccessForm},
 };
+
+static const StatusRoute *RouteOf(const HttpHead *pHead)
+{
+    for (const StatusRoute &route : g_routes)
+        if (pHead->path == route.szPath)
+            return &route;
+    return nullptr;
+}
 
 static void SayMethod(StatusAnswer *pAnswer, int bPost)
 {
@@ -282,25 +311,23 @@ static void SayMethod(StatusAnswer *pAnswer, int bPost)
     pAnswer->szAllow = bPost ? "POST" : "GET, HEAD";
 }
 
-static void AnswerHead(const HttpHead *pHead, StatusAnswer *pAnswer)
+// Whether the request is answered once its body is there; else what is wrong is the answer.
+static int MayAnswer(const HttpHead *pHead, StatusAnswer *pAnswer)
 {
+    const StatusRoute *pRoute = RouteOf(pHead);
     int bGet = pHead->method == "GET" || pHead->method == "HEAD";
-    if (pHead->nBody > 0) {
-        Say(pAnswer, 413, "no request has a body here");
-        return;
-    }
-    for (const StatusRoute &route : g_routes) {
-        if (pHead->path != route.szPath)
-            continue;
-        if (route.bPost ? pHead->method == "POST" : bGet)
-            route.pfnAnswer(pHead, pAnswer);
-        else
-            SayMethod(pAnswer, route.bPost);
-        return;
-    }
-    Say(pAnswer, 404,
-        "there are /status, /metrics, /health, /recordings?program=&day=YYYYMMDD, and by POST /reload and "
-        "/kick?session=");
+    if (pHead->nBody > (pRoute ? pRoute->nMostBody : 0))
+        Say(pAnswer, 413,
+            pRoute && pRoute->nMostBody ? "the form is too long" : "no request has a body here");
+    else if (!pRoute)
+        Say(pAnswer, 404,
+            "there are /status, /metrics, /health, /recordings?program=&day=YYYYMMDD, and by POST /reload, "
+            "/kick?session= and /access");
+    else if (pRoute->bPost ? pHead->method != "POST" : !bGet)
+        SayMethod(pAnswer, pRoute->bPost);
+    else
+        return 1;
+    return 0;
 }
 
 // --- A reader ---
@@ -348,21 +375,37 @@ static void WriteAnswer(int fd, const StatusAnswer *pAnswer, int bHeadOnly)
     shutdown(fd, SHUT_WR);
 }
 
-// Reads the head of the request. Returns 1, or 0 when there is nobody to answer. What is wrong with it is the
-// answer then (*pbBad).
-static int ReadHead(int fd, char *pBuf, HttpHead *pHead, StatusAnswer *pAnswer, int *pbBad)
-{
+// Room for a whole request; it may hold a password, and is wiped.
+struct ReadBuffer {
+    char bytes[kMaxHttpHead + kMaxAccessForm];
     size_t nLen = 0;
     uint32_t nDeadline = ClockMs() + kHeadMs;
-    *pbBad = 0;
-    while (WaitFor(fd, POLLIN, nDeadline)) {
-        ssize_t n = recv(fd, pBuf + nLen, kMaxHttpHead - nLen, MSG_DONTWAIT);
+    ~ReadBuffer() { explicit_bzero(bytes, sizeof(bytes)); }
+};
+
+// Waits for more of the request, which stays below nMost bytes. Returns 1, or 0 when there is nobody to
+// answer.
+static int ReadMore(int fd, ReadBuffer *p, size_t nMost)
+{
+    while (WaitFor(fd, POLLIN, p->nDeadline)) {
+        ssize_t n = recv(fd, p->bytes + p->nLen, nMost - p->nLen, MSG_DONTWAIT);
         if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR))
             return 0;
         if (n < 0)
             continue;
-        nLen += static_cast<size_t>(n);
-        HttpHeadState eState = HttpHeadRead({pBuf, nLen}, pHead);
+        p->nLen += static_cast<size_t>(n);
+        return 1;
+    }
+    return 0;
+}
+
+// Reads the head of the request. Returns 1, or 0 when there is nobody to answer. What is wrong with it is the
+// answer then (*pbBad).
+static int ReadHead(int fd, ReadBuffer *p, HttpHead *pHead, StatusAnswer *pAnswer, int *pbBad)
+{
+    *pbBad = 0;
+    while (ReadMore(fd, p, kMaxHttpHead)) {
+        HttpHeadState eState = HttpHeadRead({p->bytes, p->nLen}, pHead);
         if (eState == HTTP_HEAD_MORE)
             continue;
         *pbBad = eState != HTTP_HEAD_WHOLE;
@@ -375,19 +418,43 @@ static int ReadHead(int fd, char *pBuf, HttpHead *pHead, StatusAnswer *pAnswer, 
     return 0;
 }
 
+// Reads the body of a request that may have one. Returns 1, or 0 when there is nobody to answer.
+static int ReadBody(int fd, ReadBuffer *p, StatusRequest *pRequest)
+{
+    size_t nWhole = pRequest->head.nBytes + pRequest->head.nBody;
+    while (p->nLen < nWhole)
+        if (!ReadMore(fd, p, nWhole))
+            return 0;
+    pRequest->body = {p->bytes + pRequest->head.nBytes, pRequest->head.nBody};
+    return 1;
+}
+
+// Reads a request and finds its answer. Returns 1, or 0 when there is nobody to answer.
+static int Answer(int fd, StatusRequest *pRequest, ReadBuffer *pBuffer, StatusAnswer *pAnswer)
+{
+    int bBad;
+    if (!ReadHead(fd, pBuffer, &pRequest->head, pAnswer, &bBad))
+        return 0;
+    if (bBad)
+        pRequest->head = HttpHead();
+    if (bBad || !MayAnswer(&pRequest->head, pAnswer))
+        return 1;
+    if (!ReadBody(fd, pBuffer, pRequest))
+        return 0;
+    RouteOf(&pRequest->head)->pfnAnswer(pRequest, pAnswer);
+    return 1;
+}
+
 static void ReaderEntry(Thread *pThread)
 {
     auto *pReader = static_cast<StatusReader *>(pThread->pArgument);
-    char buf[kMaxHttpHead];
-    HttpHead head;
+    ReadBuffer buffer;
+    StatusRequest request;
     StatusAnswer answer;
-    int bBad;
-    if (ReadHead(pReader->fd, buf, &head, &answer, &bBad)) {
-        if (!bBad)
-            AnswerHead(&head, &answer);
+    if (Answer(pReader->fd, &request, &buffer, &answer)) {
         if (answer.body.bFailed)
             Say(&answer, 500, "no memory is left");
-        WriteAnswer(pReader->fd, &answer, !bBad && head.method == "HEAD");
+        WriteAnswer(pReader->fd, &answer, request.head.method == "HEAD");
     }
     JsonFree(&answer.body);
     close(pReader->fd);

@@ -174,4 +174,9 @@ int AccountFileFind(const char *szUser, Account *pOut)
     return g_file.eState == FileState::Read ? AccountTableFind(g_file.pTable, szUser, pOut) : -1;
 }
 
+int AccountFileHasSuper()
+{
+    return g_file.eState == FileState::Read && AccountTableHasSuper(g_file.pTable);
+}
+
 }  // namespace orx

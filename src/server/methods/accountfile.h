@@ -28,5 +28,7 @@ void AccountFileKeep();
 // Finds a user. Returns 1, 0 for an unknown one, or -1 when the file cannot be read, which is said on the
 // console where it is not there.
 int AccountFileFind(const char *szUser, Account *pOut);
+// Whether it names a super user.
+int AccountFileHasSuper();
 
 }  // namespace orx

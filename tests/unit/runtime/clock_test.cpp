@@ -49,4 +49,14 @@ TEST_F(ClockTest, NeverGoesBackNorDoThreadsPushItAhead)
     EXPECT_LT(ClockDiff(ClockMs(), ClockUptime() * 1000), 3000);
 }
 
+// Uptime goes on across wraps of the milliseconds.
+TEST_F(ClockTest, RunsAheadByYears)
+{
+    constexpr uint64_t kYearMs = 365ULL * 86400 * 1000;
+    uint32_t nUptime = ClockUptime(), nMs = ClockMs();
+    ClockSetOffset(3 * kYearMs);
+    EXPECT_NEAR(nUptime + 3 * kYearMs / 1000, ClockUptime(), 60);
+    EXPECT_LT(ClockMs() - nMs - static_cast<uint32_t>(3 * kYearMs), 60000U);
+}
+
 }  // namespace orx

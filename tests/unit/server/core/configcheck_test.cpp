@@ -152,6 +152,20 @@ TEST_F(ConfigCheckTest, SaysWhatIsDoubtful)
          "! 2: [USERS] SuperUser=me has no SuperPwd, so that anybody is let in with an empty one: me is taken\n"},
         {"[USERS]\nNumUsers=1\nUserName0=joe\nUserPwd0=x\n[USERCTRL]\nUserDevList0=cam\n",
          "! 6: [USERCTRL] UserDevList0=cam needs ControlUsers=1: the user may watch everything\n"},
+        // what the programs beside the server read
+        {"[PULL]\nNumSource=1\nUlr0=rtsp://u:geheim@h/p\nPasswort=geheim\n",
+         "2: [PULL] NumSource=1 is no known key, the nearest is [PULL] NumSources: 0 is taken\n"
+         "3: [PULL] Ulr0=*** is no known key, the nearest is [PULL] Url%d with 0 to 1023 for %d: it is not read\n"
+         "4: [PULL] Passwort=*** is no known key, the nearest is [PULL] Password: nothing is taken\n"},
+        {"[PULL]\nNumSources=2\nUrl0=rtsp://h/p?pwd=geheim \nProgram0=a\nUrl1=rtsp://h/b\nUrl2=rtsp://geheim@h/c\n"
+         "Transport0=tpc\n",
+         "3: [PULL] Url0=*** has a blank at its end, which is part of the value: *** is taken\n"
+         "6: [PULL] Url2=*** stands beyond NumSources (with 0 more): it is not pulled\n"
+         "7: [PULL] Transport0=tpc is none of tcp udp http : nothing is pulled\n"
+         "[PULL] Program1 is missing, but NumSources counts it: nothing is taken\n"},
+        {"[WEB]\nPort=80\nTitel=x\n", "3: [WEB] Titel=x is no known key, the nearest is [WEB] Title: Orx is taken\n"},
+        {"[PULL]\nNumSources=1\nUrl0=rtsp://u:geheim@h/p\nProgram0=live/cam1\nOnDemand0=1\nUser=me\nPassword=geheim\n",
+         ""},
         // what is right
         {"[SERVER]\r\nListenPort=8554\r\n# a note\r\n  ; another\r\n[SERVER]\r\nEnableRtcp=1\r\n", ""},
     };

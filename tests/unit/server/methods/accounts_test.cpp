@@ -11,6 +11,7 @@
 #include "base/textbuf.h"
 #include "server/core/settings.h"
 #include "server/media/liveprogram.h"
+#include "server/methods/access.h"
 #include "server/methods/accountfile.h"
 #include "support/testcore.h"
 
@@ -72,6 +73,47 @@ TEST(Accounts, AreFoundInTheCamerasText)
     WriteFile(g_settings.szConfigPath, "");
     AccountFileLoad(g_settings.szConfigPath);
     EXPECT_EQ(-1, AccountsFind(nullptr, "user999", &account));
+}
+
+// A camera's accounts count at its program alone; an empty password may be nobody's.
+TEST(Accounts, AnswerWhoAsksForOthers)
+{
+    TestCore core;
+    g_settings.nAuthType = 1;
+    WriteFile(g_settings.szConfigPath, "[USERS]\nSuperUser=boss\nSuperPwd=pw\nNumUsers=1\nUserName0=bob\nUserPwd0=x\n");
+    AccountFileLoad(g_settings.szConfigPath);
+    Session pusher;
+    const std::string sdp = "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:trackID=0\r\n";
+    Program *pProg = CreateLiveProgram("/cam", sdp.c_str(), sdp.size());
+    pProg->pPusher = &pusher;
+    ProgramAttach(&pusher, pProg);
+    pProg->camera.pAccounts = AccountTableParse("[USERS]\nNumUsers=1\nUserName0=ann\nUserPwd0=own\nUserLevel0=1\n");
+    static const struct {
+        int bAnonymous;
+        const char *szUser, *szPassword, *szPath;
+        int bKnown, bHere, bMaySee, nLevel;
+    } cases[] = {
+        {0, "ann", "own", nullptr, 0, 0, 0, 3},  {0, "ann", "own", "/cam", 1, 1, 1, 1},
+        {0, "ann", "own", "/dog", 0, 0, 0, 3},   {0, "bob", "x", "/cam", 1, 0, 0, 2},
+        {0, "bob", "x", "/dog", 1, 0, 1, 2},     {0, "boss", "pw", "/cam", 1, 0, 0, 0},
+        {0, "bob", "", "/dog", 0, 0, 0, 3},      {1, "bob", "", "/dog", 0, 0, 0, 3},
+        {1, "eve", "", "/cam", 1, 0, 1, 3},      {1, "bob", "", "/cam", 1, 1, 1, 3},
+        {0, "", "", "/cam", 0, 0, 0, 3},         {0, "bob", nullptr, "/dog", 0, 0, 0, 3},
+        {1, "eve", nullptr, "/cam", 0, 0, 0, 3},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.szUser) + (c.szPath ? c.szPath : "") + std::to_string(c.bAnonymous));
+        g_settings.bAnonymousViewer = c.bAnonymous;
+        AccessQuestion question{c.szUser, c.szPassword, c.szPath};
+        AccessAnswer answer;
+        ASSERT_EQ(1, AccessAsk(&question, &answer));
+        EXPECT_EQ(c.bKnown, answer.bKnown);
+        EXPECT_EQ(c.bHere, answer.bHere);
+        EXPECT_EQ(c.bMaySee, answer.bMaySee);
+        EXPECT_EQ(c.nLevel, answer.account.nLevel);
+        EXPECT_STREQ("", answer.account.szPassword);
+    }
+    ProgramDetach(&pusher);
 }
 
 // A list, a path, and whether it may be seen without and with StrictRoles.
