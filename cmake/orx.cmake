@@ -37,6 +37,10 @@ function(orx_module name)
   target_include_directories(orx_${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
   target_compile_options(orx_${name} PRIVATE -Wshadow -fno-exceptions -fno-rtti -ffunction-sections
                                              -fdata-sections)
+  if(NOT ORX_SANITIZE)
+    # a box has little room: nothing unwinds a stack, and what -O3 adds is larger, not quicker
+    target_compile_options(orx_${name} PRIVATE $<$<CONFIG:Release>:-O2> -fno-asynchronous-unwind-tables)
+  endif()
   target_link_libraries(orx_${name} PUBLIC ${M_USES} Threads::Threads)
 endfunction()
 

@@ -1,9 +1,14 @@
-# Manual pages, and Debian packages: "orx", the server as a service, and "orx-tools". scripts/package.sh builds them.
+# Manual pages, and Debian packages: "orx", the server as a service, "orx-tools", and "orx-companions", the programs
+# that run beside it. scripts/package.sh builds them.
 # Their files are components that an ordinary installation leaves out.
 
 set(ORX_TOOLS orxpush orxload orxrec orxzmf orxzupo orxrelay)
 if(TARGET orxctl)
   list(APPEND ORX_TOOLS orxctl)
+endif()
+set(ORX_COMPANIONS orxpull)
+if(TARGET orxweb)
+  list(APPEND ORX_COMPANIONS orxweb)
 endif()
 set(title_orx "streaming media server for cameras and recorders")
 set(title_orxpush "push a program to an RTSP server as a camera does")
@@ -13,11 +18,13 @@ set(title_orxzmf "look into, check, repair and export recordings of orx")
 set(title_orxzupo "rendezvous server for boxes behind NAT")
 set(title_orxrelay "reach a box behind NAT on a local TCP port")
 set(title_orxctl "show and steer a running orx")
+set(title_orxpull "pull cameras that are RTSP servers into orx")
+set(title_orxweb "show live and recorded pictures of orx in browsers")
 
 # --- Manual pages: from what each program says with --help ---
 
 set(pages)
-foreach(program orx ${ORX_TOOLS})
+foreach(program orx ${ORX_TOOLS} ${ORX_COMPANIONS})
   set(section_${program} 1)
   if(program STREQUAL orx)
     set(section_${program} 8)
@@ -96,6 +103,12 @@ foreach(program IN LISTS ORX_TOOLS)
 endforeach()
 package_file(tools usr/share/orx ${PROJECT_SOURCE_DIR}/tests/data/clip.h264)
 
+foreach(program IN LISTS ORX_COMPANIONS)
+  package_program(companions ${program})
+  package_file(companions lib/systemd/system ${from}/${program}.service)
+endforeach()
+package_link(companions /var/cache/orx usr/lib/orx cache)
+
 # the date of the commit, so that the same commit makes the same package
 execute_process(COMMAND git -C ${PROJECT_SOURCE_DIR} log -1 --format=%cD OUTPUT_VARIABLE ORX_DATE
                 OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
@@ -103,10 +116,10 @@ if(NOT ORX_DATE)
   set(ORX_DATE "Thu, 01 Jan 2026 00:00:00 +0000")
 endif()
 find_program(ORX_GZIP gzip)
-foreach(component server tools)
+foreach(component server tools companions)
   set(package orx)
-  if(component STREQUAL tools)
-    set(package orx-tools)
+  if(NOT component STREQUAL server)
+    set(package orx-${component})
   endif()
   configure_file(${from}/debian/changelog.in ${made}/${component}/changelog @ONLY)
   execute_process(COMMAND ${ORX_GZIP} -9nf ${made}/${component}/changelog)
@@ -124,7 +137,7 @@ set(CPACK_PACKAGING_INSTALL_PREFIX /)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
     WORLD_READ WORLD_EXECUTE)
-set(CPACK_COMPONENTS_ALL server tools)
+set(CPACK_COMPONENTS_ALL server tools companions)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
@@ -135,6 +148,13 @@ elseif(CMAKE_LIBRARY_ARCHITECTURE MATCHES "^aarch64-")
   set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE arm64)
 endif()
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+if(ORX_SYSROOT)
+  # dpkg knows nothing of the libraries there: the same packages as at home
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS OFF)
+  set(CPACK_DEBIAN_COMPANIONS_PACKAGE_SHLIBDEPS OFF)
+  set(ORX_TOOLS_NEED "libavcodec59, libavformat59, libavutil57, libc6, libenet7, libstdc++6")
+  set(ORX_COMPANIONS_NEED ", libavcodec59, libavutil57, libc6, libmicrohttpd12, libssl3, libstdc++6, libswscale6")
+endif()
 
 set(CPACK_DEBIAN_SERVER_PACKAGE_NAME orx)
 set(CPACK_DEBIAN_SERVER_PACKAGE_SECTION net)
@@ -153,9 +173,21 @@ set(CPACK_DEBIAN_SERVER_PACKAGE_CONTROL_EXTRA ${from}/debian/postinst ${from}/de
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME orx-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${ORX_TOOLS_NEED}")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS orx)
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "tools for the Orx streaming media server
 A pusher with a demo clip, a load and latency measure, the control of
 recordings, their check, repair and export, and the two ends of the way to
 boxes behind NAT.")
+
+set(CPACK_DEBIAN_COMPANIONS_PACKAGE_NAME orx-companions)
+set(CPACK_DEBIAN_COMPANIONS_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_COMPANIONS_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_COMPANIONS_PACKAGE_DEPENDS
+    "orx (>= ${PROJECT_VERSION}), init-system-helpers (>= 1.52)${ORX_COMPANIONS_NEED}")
+set(CPACK_DEBIAN_COMPANIONS_DESCRIPTION "cameras and browsers for the Orx streaming media server
+Two services beside the server: one pulls cameras that are RTSP servers, the
+other shows live and recorded pictures to people with a browser.")
+set(CPACK_DEBIAN_COMPANIONS_PACKAGE_CONTROL_EXTRA ${from}/debian/companions/postinst
+    ${from}/debian/companions/prerm ${from}/debian/companions/postrm)
 include(CPack)

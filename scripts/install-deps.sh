@@ -7,20 +7,21 @@
 set -eu
 
 build="g++ make cmake libenet-dev"
-tools="libavformat-dev libavcodec-dev libavutil-dev"
-package="dpkg-dev gzip"
-test="git libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev python3 procps
+tools="libssl-dev libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev libmicrohttpd-dev"
+package="dpkg-dev gzip mmdebstrap"
+test="git libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev python3 procps valgrind
       ffmpeg mpv gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-base-apps
       gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav
-      gstreamer1.0-rtsp
-      iproute2 nftables stunnel4 openssl $package mmdebstrap lintian shellcheck logrotate systemd"
+      gstreamer1.0-rtsp python3-gi gir1.2-gst-rtsp-server-1.0
+      chromium chromium-driver python3-selenium
+      iproute2 nftables stunnel4 openssl $package lintian shellcheck logrotate systemd"
 own=$(dpkg --print-architecture)
 
 # cross COMPILER ARCHITECTURE: the compiler is this machine's, libraries and what programs are linked with are the other's
 cross() {
     [ "$own" != "$2" ] || return 0
     dpkg --print-foreign-architectures | grep -qx "$2" || foreign="$foreign $2"
-    wanted="$wanted make cmake git qemu-user-static $1
+    wanted="$wanted make cmake git qemu-user qemu-user-static $1
             libenet-dev:$2 libgtest-dev:$2 libgmock-dev:$2 libstdc++6:$2"
 }
 

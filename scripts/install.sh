@@ -67,11 +67,12 @@ live() {
 # --- Remove ---
 
 remove_service() {
-    if [ -f "$root/etc/systemd/system/orx.service" ]; then
-        live systemctl disable --now orx.service >/dev/null 2>&1 || true
-        rm -f "$root/etc/systemd/system/orx.service" "$root/etc/systemd/system/multi-user.target.wants/orx.service"
+    for unit in orxweb orxpull orx; do
+        [ -f "$root/etc/systemd/system/$unit.service" ] || continue
+        live systemctl disable --now "$unit.service" >/dev/null 2>&1 || true
+        rm -f "$root/etc/systemd/system/$unit.service" "$root/etc/systemd/system/multi-user.target.wants/$unit.service"
         live systemctl daemon-reload || true
-    fi
+    done
     if [ -f "$root/etc/init.d/orx" ]; then
         live /etc/init.d/orx stop || true
         rm -f "$root/etc/init.d/orx" "$root"/etc/rc?.d/[SK]??orx
@@ -82,12 +83,13 @@ if [ "$uninstall" = 1 ]; then
     [ -x "$to/bin/orx" ] || refuse "there is no Orx below $prefix"
     remove_service
     rm -f "$to"/bin/orx "$to"/bin/orxpush "$to"/bin/orxload "$to"/bin/orxrec "$to"/bin/orxzmf "$to"/bin/orxzupo \
-        "$to"/bin/orxrelay "$to"/bin/orxctl
+        "$to"/bin/orxrelay "$to"/bin/orxctl "$to"/bin/orxpull "$to"/bin/orxweb
     # a prefix such as /usr/local is shared: no directory goes that holds anything else
     rm -rf "$to/share/orx"
+    rm -f "$to"/cache/*.clip "$to"/cache/*.clip.part
     rm -f "$to"/share/man/man?/orx*.?.gz "$to"/log/orx.log* "$to"/log/events.log* "$to/log/errors.log" \
         "$to/run/orx.sock" "$to/run/orx.pid"
-    for empty in share/man/man1 share/man/man8 share/man share bin log run; do
+    for empty in share/man/man1 share/man/man8 share/man share bin log run cache; do
         rmdir "$to/$empty" 2>/dev/null || true
     done
     say "removed; configuration ($prefix/cfg) and recordings ($prefix/rec) are still there"
@@ -110,7 +112,7 @@ gather() {
     [ -f "$source/cmake_install.cmake" ] || refuse "$source is no build directory and no tarball"
     DESTDIR='' cmake --install "$source" --prefix "$stage" --strip >/dev/null
     mkdir -p "$stage/etc"
-    cp "$here/packaging/orx.service" "$here/packaging/orx.init" "$stage/etc/"
+    cp "$here"/packaging/orx*.service "$here/packaging/orx.init" "$stage/etc/"
     rm -rf "$stage/log"
 }
 gather
@@ -161,14 +163,19 @@ chmod 0640 "$to/cfg/orx.cfg"
 if [ "$service" = 0 ]; then
     say "installed; start it with $prefix/bin/orx -daemond --strict"
 elif systemd_there; then
-    sed "s|/usr/lib/orx|$prefix|g; s|/etc/orx/orx.cfg|$prefix/cfg/orx.cfg|g; s|^User=.*|User=$user|; s|^Group=.*|Group=$user|
-        s|^ReadWritePaths=.*|ReadWritePaths=$prefix/cfg $prefix/log $prefix/run $prefix/rec|
-        /^RuntimeDirectory/d; /^StateDirectory/d; /^LogsDirectory/d" "$stage/etc/orx.service" >"$stage/unit"
-    mkdir -p "$root/etc/systemd/system/multi-user.target.wants"
-    cp "$stage/unit" "$root/etc/systemd/system/orx.service"
-    ln -sf ../orx.service "$root/etc/systemd/system/multi-user.target.wants/orx.service"
-    live systemctl daemon-reload
-    live systemctl restart orx.service
+    mkdir -p "$root/etc/systemd/system/multi-user.target.wants" "$to/cache"
+    chown "$user" "$to/cache"
+    for unit in orx orxpull orxweb; do
+        [ -x "$to/bin/$unit" ] || continue
+        sed "s|/usr/lib/orx|$prefix|g; s|/etc/orx/orx.cfg|$prefix/cfg/orx.cfg|g; s|^User=.*|User=$user|; s|^Group=.*|Group=$user|
+            s|^ReadWritePaths=.*|ReadWritePaths=$prefix/cfg $prefix/log $prefix/run $prefix/rec|
+            s|^CacheDirectory=.*|ReadWritePaths=$prefix/cache|
+            /^RuntimeDirectory/d; /^StateDirectory/d; /^LogsDirectory/d; /^CacheDirectoryMode/d" \
+            "$stage/etc/$unit.service" >"$root/etc/systemd/system/$unit.service"
+        ln -sf "../$unit.service" "$root/etc/systemd/system/multi-user.target.wants/$unit.service"
+        live systemctl daemon-reload
+        live systemctl restart "$unit.service"
+    done
     say "installed as the service orx of systemd"
 else
     mkdir -p "$root/etc/init.d"

@@ -1,5 +1,5 @@
 #!/bin/sh
-# Builds the Debian packages orx and orx-tools into dist/.
+# Builds the Debian packages orx, orx-tools and orx-companions into dist/.
 #   scripts/package.sh           for this machine's architecture
 #   scripts/package.sh armhf     for another one: amd64, arm64 or armhf
 set -eu
@@ -25,6 +25,15 @@ if [ "$architecture" != "$own" ]; then
     fi
 fi
 scripts/install-deps.sh "$purpose" package
+if [ -n "$toolchain" ]; then
+    sysroot=$PWD/build/sysroot-$architecture
+    libraries=libenet-dev,libssl-dev,libavformat-dev,libavcodec-dev,libavutil-dev,libswscale-dev,libmicrohttpd-dev
+    # shellcheck disable=SC1091 # the distribution's own
+    [ -d "$sysroot" ] || (. /etc/os-release && mmdebstrap --quiet --variant=extract --architectures="$architecture" \
+        --include="$libraries" "$VERSION_CODENAME" "$sysroot" \
+        "deb http://deb.debian.org/debian $VERSION_CODENAME main")
+    toolchain="$toolchain -DORX_SYSROOT=$sysroot"
+fi
 if command -v ccache >/dev/null; then toolchain="$toolchain -DCMAKE_CXX_COMPILER_LAUNCHER=ccache"; fi
 
 umask 022

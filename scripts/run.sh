@@ -1,6 +1,7 @@
 #!/bin/sh
-# Builds the server, installs it under ./out, starts it with the shipped configuration, plays a demo program into it, and
-# says what to open. Ends with Ctrl-C or "quit", and so does everything that it started.
+# Builds the server, installs it under ./out, starts it with the shipped configuration, plays a demo program into it,
+# serves pages for browsers and pulls the cameras of [PULL], and says what to open. Ends with Ctrl-C or "quit", and so
+# does everything that it started.
 #   scripts/run.sh        says little while it builds
 #   scripts/run.sh -v     shows the build
 # Exit status: 0 it was ended; 1 it could not be built or started; 2 the command line; 3 Orx runs already; 4 the tree
@@ -27,6 +28,8 @@ esac
 build=""
 server=""
 pusher=""
+web=""
+pull=""
 
 # alive PID: what has ended and was not waited for is not
 alive() {
@@ -51,7 +54,7 @@ end() {
 stop_all() {
     trap '' HUP INT TERM
     [ -z "$build" ] || kill -TERM "-$build" 2>/dev/null || kill "$build" 2>/dev/null || true # all of its compilers
-    [ -z "$pusher" ] || end "$pusher"
+    for one in $web $pull $pusher; do end "$one"; done
     [ -z "$server" ] || end "$server" # it takes no SIGINT
 }
 trap stop_all EXIT
@@ -81,8 +84,14 @@ runs_already() {
 
 config=cfg/orx.cfg
 [ ! -f out/cfg/orx.cfg ] || config=out/cfg/orx.cfg
-port=$(sed -n 's/^ListenPort=\([0-9]*\).*/\1/p' "$config" | head -n 1)
+# number KEY SECTION: of the configuration; empty without one
+number() {
+    sed -n "/^\\[$2\\]/,/^\\[/s/^$1=\\([0-9]*\\).*/\\1/p" "$config" | head -n 1
+}
+port=$(number ListenPort SERVER)
 port=${port:-554}
+web_port=$(number Port WEB)
+web_port=${web_port:-8080}
 mkdir -p build
 exec 9>>build/run.lock
 flock -n 9 || runs_already "scripts/run.sh of this tree, on port $port"
@@ -165,8 +174,23 @@ for _ in $(seq 100); do
 done
 
 host=$(hostname -I 2>/dev/null | cut -d' ' -f1)
-cat <<EOF
+if [ "$(number NumSources PULL)" -gt 0 ] 2>/dev/null && [ -x out/bin/orxpull ]; then
+    out/bin/orxpull -c out/cfg/orx.cfg </dev/null 9>&- &
+    pull=$!
+fi
+if [ -x out/bin/orxweb ]; then
+    out/bin/orxweb -c out/cfg/orx.cfg >build/web.log 2>&1 </dev/null 9>&- &
+    web=$!
+    until listens "$web_port" || ! alive "$web"; do sleep 0.1; done
+fi
 
+echo
+if [ -n "$web" ] && alive "$web"; then
+    echo "Pages for browsers: http://${host:-127.0.0.1}:$web_port/"
+elif [ -n "$web" ]; then
+    echo "There are no pages for browsers: $(tail -n 1 build/web.log)"
+fi
+cat <<EOF
 Push your own camera to rtsp://${host:-127.0.0.1}:$port/live/NAME. "stat" shows who is there, "quit" ends.
 The demo program plays. Open it with, for example:
     ffplay rtsp://${host:-127.0.0.1}:$port/live/demo

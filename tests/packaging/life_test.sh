@@ -22,7 +22,9 @@ work=$(mktemp -d /tmp/orx-life.XXXXXX)
 root=$work/root
 server=""
 pusher=""
+pull=""
 stop() {
+    [ -z "$pull" ] || kill "$pull" 2>/dev/null || true
     [ -z "$pusher" ] || kill "$pusher" 2>/dev/null || true
     [ -z "$server" ] || kill -KILL "$server" 2>/dev/null || true
     if mountpoint -q "$root/proc"; then umount "$root/proc"; fi
@@ -33,7 +35,7 @@ trap 'exit 1' HUP INT TERM
 
 # --- A root, made while the packages are ---
 
-packages=adduser,init-system-helpers,libenet7,libstdc++6,logrotate
+packages=adduser,init-system-helpers,libenet7,libstdc++6,logrotate,libssl3,libmicrohttpd12
 made=0
 if [ -n "${ORX_ROOT:-}" ]; then
     mkdir "$root"
@@ -50,9 +52,10 @@ own=$(dpkg --print-architecture)
 version=$(sed -n 's/^project(orx VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 deb=dist/orx_${version}_$own.deb
 tools=dist/orx-tools_${version}_$own.deb
-say "built $deb and $tools"
+companions=dist/orx-companions_${version}_$own.deb
+say "built $deb, $tools and $companions"
 if command -v lintian >/dev/null; then
-    lintian --allow-root --fail-on error,warning "$deb" "$tools" || fail lintian
+    lintian --allow-root --fail-on error,warning "$deb" "$tools" "$companions" || fail lintian
 fi
 dpkg -f "$tools" Depends | grep -q libavformat || fail "orxzmf was built without export"
 if [ "$made" != 0 ] && ! wait "$made"; then
@@ -67,14 +70,14 @@ in_root() {
 # install FILE...: by dpkg; the libraries of export alone are 300 MB and stay out
 install() {
     for file in "$@"; do cp "$file" "$root/tmp/"; done
-    in_root sh -ec 'dpkg --ignore-depends=libavcodec59,libavformat59,libavutil57 --force-confdef --force-confold \
+    in_root sh -ec 'dpkg --ignore-depends=libavcodec59,libavformat59,libavutil57,libswscale6 --force-confdef --force-confold \
         -i /tmp/*.deb; rm /tmp/*.deb' >"$work/dpkg.log" 2>&1 || {
         cat "$work/dpkg.log"
         fail "dpkg -i $*"
     }
 }
 mount -t proc proc "$root/proc"
-install "$deb" "$tools"
+install "$deb" "$tools" "$companions"
 
 # --- Installed ---
 
@@ -86,15 +89,19 @@ owned /etc/orx 1770 root:orx
 owned /etc/orx/orx.cfg 640 root:orx
 owned /var/lib/orx 750 orx:orx
 owned /var/log/orx 750 orx:orx
-[ -L "$root/etc/systemd/system/multi-user.target.wants/orx.service" ] || fail "the service is not enabled"
+for unit in orx orxpull orxweb; do
+    [ -L "$root/etc/systemd/system/multi-user.target.wants/$unit.service" ] || fail "$unit.service is not enabled"
+done
 if command -v systemd-analyze >/dev/null; then
-    systemd-analyze verify --man=no --root="$root" orx.service 2>"$work/verify" || true
+    systemd-analyze verify --man=no --root="$root" orx.service orxpull.service orxweb.service 2>"$work/verify" || true
     # the root has no systemd of its own, and so none of its targets
-    if grep 'orx\.service' "$work/verify" | grep -v 'sysinit.target not found'; then fail "systemd-analyze verify"; fi
-    systemd-analyze security --offline=yes --threshold=30 "$root/lib/systemd/system/orx.service" >"$work/security" 2>&1 ||
-        fail "systemd-analyze security: $(tail -n 1 "$work/security")"
+    if grep 'orx[a-z]*\.service' "$work/verify" | grep -v 'sysinit.target not found'; then fail "systemd-analyze verify"; fi
+    for unit in orx orxpull orxweb; do
+        systemd-analyze security --offline=yes --threshold=30 "$root/lib/systemd/system/$unit.service" >"$work/security" 2>&1 ||
+            fail "systemd-analyze security: $(tail -n 1 "$work/security")"
+    done
 fi
-for program in orx orxpush orxload orxrec orxzmf orxzupo orxrelay orxctl; do
+for program in orx orxpush orxload orxrec orxzmf orxzupo orxrelay orxctl orxpull orxweb; do
     gzip -t "$root"/usr/share/man/man?/$program.?.gz || fail "no manual page of $program"
 done
 
@@ -148,7 +155,18 @@ as_group programs | grep -q live/demo || fail "orxctl programs: $(as_group progr
 if in_root setpriv --reuid nobody --regid nogroup --clear-groups orxctl -s /run/orx/orx.sock status >"$work/other" 2>&1; then
     fail "everybody may ask the status socket"
 fi
-say "it plays"
+# beside it: another server of its kind, which is itself, is a camera like others
+chroot "$root" setpriv --reuid orx --regid orx --clear-groups /usr/bin/orxpull -c /etc/orx/orx.cfg "$url" live/pulled \
+    >"$work/pull.out" 2>&1 &
+pull=$!
+pulled() {
+    as_group programs | grep live/pulled
+}
+soon pulled
+soon in_root orxload --tcp 1 --duration 1 --quiet "rtsp://127.0.0.1:$port/live/pulled"
+kill "$pull"
+wait "$pull" || fail "orxpull ended with $?: $(cat "$work/pull.out")"
+say "it plays, and pulls"
 
 # --- Recorded ---
 
@@ -216,11 +234,13 @@ say "upgraded"
 
 # --- Removed, purged: recordings stay ---
 
-in_root dpkg -r orx >"$work/dpkg.log" 2>&1 || fail "dpkg -r: $(cat "$work/dpkg.log")"
+mkdir -p "$root/var/cache/orx"
+in_root dpkg -r orx-companions orx >"$work/dpkg.log" 2>&1 || fail "dpkg -r: $(cat "$work/dpkg.log")"
 [ ! -e "$root/usr/lib/orx/bin/orx" ] || fail "the program is still there"
 cmp -s "$config" "$work/edited.cfg" || fail "removing took the configuration"
-in_root dpkg -P orx orx-tools >"$work/dpkg.log" 2>&1 || fail "dpkg -P: $(cat "$work/dpkg.log")"
-for path in /etc/orx /etc/logrotate.d/orx /var/log/orx /usr/lib/orx /usr/bin/orx /usr/bin/orxpush /usr/share/doc/orx; do
+in_root dpkg -P orx orx-tools orx-companions >"$work/dpkg.log" 2>&1 || fail "dpkg -P: $(cat "$work/dpkg.log")"
+for path in /etc/orx /etc/logrotate.d/orx /var/log/orx /usr/lib/orx /usr/bin/orx /usr/bin/orxpush /usr/bin/orxweb \
+    /usr/share/doc/orx /var/cache/orx; do
     [ ! -e "$root$path" ] || fail "purged, and $path is still there: $(ls "$root$path")"
 done
 [ -s "$recording" ] || fail "purging deleted a recording"
