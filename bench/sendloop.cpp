@@ -1,7 +1,7 @@
 // sendloop: the least that any server must spend. Sends the same stream to many sockets and does nothing
 // else: over TCP one writev per picture and socket, over UDP one sendto per packet. A second process reads
 // everything. Prints the processor time that sending took for each gigabyte of
-// RTP, as one JSON line. Arguments: tcp or udp, the number of sockets, seconds.
+// RTP, as one JSON line. Arguments: tcp or udp, the number of sockets, seconds, kbit/s of the stream (1960).
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
 #include <sys/prctl.h>
@@ -9,6 +9,8 @@
 #include <sys/uio.h>
 #include <sys/wait.h>
 
+#include <algorithm>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -21,9 +23,11 @@
 
 using namespace orx;
 
-// A picture of 2 Mbit/s: packets of RTP, over TCP behind the head of an interleaved frame.
-constexpr int kFps = 25, kPackets = 7, kHead = 4, kBytes = 1400;
-constexpr int kSendBuffer = 163840;  // as the server sets it
+// A picture: packets of RTP, over TCP behind the head of an interleaved frame.
+constexpr int kFps = 25, kHead = 4, kBytes = 1400;
+constexpr int kKbits = kFps * kBytes * 8 / 1000;  // of a packet in each picture
+static int g_nPackets = 7;                        // of a picture; set before anything is sent
+constexpr int kSendBuffer = 163840;               // as the server sets it
 constexpr int kReceiveBuffer = 2 << 20;
 
 struct Pair {
@@ -76,25 +80,27 @@ static Pair MakePair(bool bUdp, const Listener &listener)
 
 static void SendPicture(const std::vector<Pair> &pairs, bool bUdp)
 {
-    static std::string picture(kPackets * (kHead + kBytes), 'x');
-    iovec pieces[kPackets];
-    for (size_t i = 0; i < kPackets; i++)
+    static std::string picture(size_t(g_nPackets) * (kHead + kBytes), 'x');
+    static std::vector<iovec> pieces(static_cast<size_t>(g_nPackets));
+    for (size_t i = 0; i < pieces.size(); i++)
         pieces[i] = {&picture[i * (kHead + kBytes)], kHead + kBytes};
     for (const Pair &pair : pairs) {
-        for (int i = 0; bUdp && i < kPackets; i++)
+        for (size_t i = 0; bUdp && i < pieces.size(); i++)
             sendto(pair.from.fd, static_cast<char *>(pieces[i].iov_base) + kHead, kBytes, 0,
                    reinterpret_cast<const sockaddr *>(&pair.addr), sizeof pair.addr);
-        if (!bUdp && writev(pair.from.fd, pieces, kPackets) != ssize_t(picture.size()))  // which waits
+        if (!bUdp && writev(pair.from.fd, pieces.data(), g_nPackets) != ssize_t(picture.size()))  // which waits
             exit(1);
     }
 }
 
 int main(int argc, char **argv)
 {
-    const bool bUdp = argc == 4 && strcmp(argv[1], "udp") == 0;
-    const int nSockets = argc == 4 ? atoi(argv[2]) : 0, nPictures = argc == 4 ? atoi(argv[3]) * kFps : 0;
+    const bool bUdp = argc >= 4 && strcmp(argv[1], "udp") == 0;
+    const int nSockets = argc >= 4 ? atoi(argv[2]) : 0, nPictures = argc >= 4 ? atoi(argv[3]) * kFps : 0;
+    if (argc == 5)
+        g_nPackets = std::clamp(atoi(argv[4]) / kKbits, 1, IOV_MAX);
     if (nPictures <= 0 || nSockets <= 0 || (!bUdp && strcmp(argv[1], "tcp") != 0)) {
-        fprintf(stderr, "Usage: sendloop tcp|udp SOCKETS SECONDS\n");
+        fprintf(stderr, "Usage: sendloop tcp|udp SOCKETS SECONDS [KBITS]\n");
         return 2;
     }
     rlimit limit;
@@ -115,7 +121,7 @@ int main(int argc, char **argv)
         SendPicture(pairs, bUdp);
     }
     const double dCpu = double(clock() - nCpuBefore) / CLOCKS_PER_SEC;
-    const double dBytes = double(nPictures) * kPackets * kBytes * nSockets;
+    const double dBytes = double(nPictures) * g_nPackets * kBytes * nSockets;
     printf("{\"transport\":\"%s\",\"sockets\":%d,\"bytes\":%.0f,\"cpu_s\":%.4f,\"cpu_s_per_gb\":%.4f}\n", argv[1],
            nSockets, dBytes, dCpu, dCpu * 1e9 / dBytes);
     kill(nSink, SIGKILL);
