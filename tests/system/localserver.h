@@ -36,7 +36,7 @@ struct LocalServer {
     std::string Url(const std::string &path) const { return "rtsp://127.0.0.1:" + std::to_string(ports.nFirst) + path; }
     // Moves the clock of all that is due some time to nMs after the start, and wakes the scheduler. What it is at
     // comes first, or it might take the new time for the one at which it comes again.
-    void MoveClock(uint32_t nMs)
+    void MoveClock(uint64_t nMs)
     {
         server.Run([] {});
         ClockSetOffset(nMs);

@@ -2,6 +2,7 @@
 // be moved.
 #include <memory>
 
+#include "server/core/settings.h"
 #include "system/localserver.h"
 #include "system/systemtest.h"
 
@@ -104,6 +105,18 @@ TEST_F(LowEnergyTest, DropsAPusherThatFallsSilent)
     server->MoveClock(70000);
     EXPECT_EQ(1, RtspWaitClosed(&pusher));
     EXPECT_EQ(1, RtspWaitClosed(&player));
+}
+
+// The machine has slept for two hours, and the camera is not there any more.
+TEST_F(LowEnergyTest, DropsAPusherThatWentWhileTheMachineSlept)
+{
+    constexpr uint64_t kSleptMs = 7200000;
+    Start(60);
+    ASSERT_EQ(1, RtspOpenPlayer(&player, url.c_str(), RTSP_OVER_TCP));
+    server->server.Run([] { g_settings.nStateTimeout = 30; });
+    server->MoveClock(kSleptMs);
+    server->MoveClock(kSleptMs + 130000);
+    EXPECT_EQ(1, RtspWaitClosed(&pusher));
 }
 
 TEST_F(LowEnergyTest, HookHearsOfProgramsThatComeAndGo)

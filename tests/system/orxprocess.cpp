@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -214,7 +215,7 @@ long OrxProcess::ResidentKb(const char *szField) const
 {
     std::string status = ReadFile("/proc/" + std::to_string(pid) + "/status");
     size_t n = status.find(szField);
-    return n == std::string::npos ? -1 : atol(status.c_str() + n + 6);
+    return n == std::string::npos ? -1 : atol(status.c_str() + n + strlen(szField));
 }
 
 }  // namespace orx

@@ -7,6 +7,7 @@
 #include <random>
 
 #include "support/namespaces.h"
+#include "system/imagedisk.h"
 #include "system/recordingtest.h"
 
 using namespace orx;
@@ -147,17 +148,8 @@ TEST_P(KillTest, LosesTwoSecondsAtMost)
 
 INSTANTIATE_TEST_SUITE_P(Rounds, KillTest, testing::Values(1U, 2U, 3U, 4U));
 
-// A file system of its own for the recordings, which loses what the disk was not told to keep: a power cut.
-struct CutDisk {
-    std::string image, dir;
-    static bool Sh(const std::string &command) { return system((command + " >/dev/null 2>&1").c_str()) == 0; }
-    bool Mount() const { return Sh("mount -o loop '" + image + "' '" + dir + "'"); }
-    bool Make() const
-    {
-        std::filesystem::create_directories(dir);
-        return Sh("truncate -s 300M '" + image + "'") && Sh("PATH=$PATH:/usr/sbin mkfs.ext4 -q -F '" + image + "'") &&
-               Mount();
-    }
+// One that loses what the disk was not told to keep: a power cut.
+struct CutDisk : ImageDisk {
     // Nothing more is written, the journal neither; then the journal is replayed, and the file system checked.
     void Cut(OrxProcess *pServer) const
     {
@@ -178,7 +170,7 @@ TEST(PowerCut, LosesTenSecondsAtMost)
 {
     InChildProcess("may not mount an image, or has no mkfs.ext4, or an emulator that cannot ask for the cut", [] {
         TempDir place;
-        CutDisk disk{place.File("image"), place.File("rec")};
+        CutDisk disk{{place.File("image"), place.File("rec")}};
         if (kEmulated || !EnterNamespaces(CLONE_NEWNS) || !disk.Make())
             return false;
         LastSeconds trial(disk.dir);
