@@ -102,7 +102,7 @@ int SdpReadMedia(std::string_view text, SdpMediaForm nForm, SdpMedia *pOut)
 
 uint32_t SdpMediaKind(std::string_view media)
 {
-    static const struct {
+    static constexpr struct {
         std::string_view name;
         uint32_t nKind;
     } kinds[] = {{"video", MEDIA_VIDEO_OTHER},
@@ -139,7 +139,7 @@ int SdpReadRtpMap(std::string_view text, SdpPlace nPlace, SdpRtpMap *pOut)
 // RFC 3551, tables 4 and 5.
 static std::string_view StaticMap(std::string_view format)
 {
-    static const struct {
+    static constexpr struct {
         std::string_view format, line;
     } maps[] = {{"0", "a=rtpmap:0 PCMU/8000\r\n"},     {"3", "a=rtpmap:3 GSM/8000\r\n"},
                 {"4", "a=rtpmap:4 G723/8000\r\n"},     {"5", "a=rtpmap:5 DVI4/8000\r\n"},

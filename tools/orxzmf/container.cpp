@@ -7,7 +7,6 @@ extern "C" {
 }
 
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -18,20 +17,13 @@ extern "C" {
 #include "export.h"
 #include "jpegimage.h"
 #include "outfile.h"
-#include "record/aac.h"
-#include "record/depacketise.h"
 #include "record/nalunit.h"
 #include "soundclock.h"
+#include "soundcoder.h"
+#include "soundpiece.h"
 #include "timeline.h"
 
 namespace orx {
-
-constexpr int64_t kG711PacketBytes = 160;
-constexpr int kSpeechFrameMs = 20;
-constexpr int kAacBitRate = 32000;
-constexpr int kPcmFrame = 1024;              // samples in one packet
-constexpr int64_t kSilenceSeconds = 10;      // a longer pause is left out, which the time stamps tell
-constexpr int64_t kSilenceFrom = 60 * 8000;  // samples of silence that the smallest recording may become
 
 namespace {
 
@@ -41,17 +33,6 @@ struct Timing {
     std::vector<int64_t> decoded;  // rises from picture to picture and is never later than shown
     int64_t nDelay = 0;            // how far shown runs ahead of decoded because pictures are reordered
     size_t nNext = 0;
-};
-
-// The audio that is decoded and encoded anew.
-struct Transcoder {
-    AVCodecContext *pDecoder = nullptr;
-    AVCodecContext *pEncoder = nullptr;
-    AVFrame *pDecoded = nullptr;
-    AVFrame *pFrame = nullptr;   // handed to the encoder
-    std::vector<float> waiting;  // samples not yet encoded
-    int64_t nEnd = -1;           // place of the sample behind the last one taken; -1 before the first
-    int64_t nSilence = 0;        // samples that may still be put where nothing was recorded
 };
 
 struct Export {
@@ -64,10 +45,10 @@ struct Export {
     Timeline timeline;
     size_t nRecord = 0;  // of the timeline, the next to be written
     Timing timing;
+    SoundForm sound;
     SoundClock clock;
-    Transcoder transcoder;
+    SoundCoder coder;
     int bTranscode = 0;
-    int64_t nFrameTicks = 0;  // of a frame of audio; 0 when a sample is a byte
 };
 
 }  // namespace
@@ -88,12 +69,9 @@ static SampleForm PictureForm(const Recording *pRecording)
     return FormOf(pRecording->codecs.video);
 }
 
-// What libavcodec calls a codec; none for one that is not recorded.
 static AVCodecID IdOf(const Codec *pCodec)
 {
-    const char *szName = pCodec ? pCodec->exported.szAvName : nullptr;
-    const AVCodecDescriptor *pDescriptor = szName ? avcodec_descriptor_get_by_name(szName) : nullptr;
-    return pDescriptor ? pDescriptor->id : AV_CODEC_ID_NONE;
+    return static_cast<AVCodecID>(SoundCoderId(pCodec));
 }
 
 // --- First pass: the times of the pictures ---
@@ -212,42 +190,6 @@ static int AddVideo(Export *pExport, const std::string &picture)
     return pPar->width > 0 && pPar->height > 0;
 }
 
-static int OpenDecoder(Export *pExport)
-{
-    const AVCodec *pCodec = avcodec_find_decoder(IdOf(AudioOf(pExport)));
-    AVCodecContext *pContext = pCodec ? avcodec_alloc_context3(pCodec) : nullptr;
-    pExport->transcoder.pDecoder = pContext;
-    if (!pContext)
-        return 0;
-    pContext->sample_rate = AudioOf(pExport)->nSampleRate;
-    av_channel_layout_default(&pContext->ch_layout, 1);
-    return avcodec_open2(pContext, pCodec, nullptr) == 0;
-}
-
-static int OpenEncoder(Export *pExport, AVStream *pStream)
-{
-    // PCM has no delay and loses nothing; AAC is what .mp4 takes.
-    int bPcm =
-        avformat_query_codec(pExport->pFormat->oformat, AV_CODEC_ID_PCM_S16LE, FF_COMPLIANCE_NORMAL) == 1;
-    const AVCodec *pCodec = avcodec_find_encoder(bPcm ? AV_CODEC_ID_PCM_S16LE : AV_CODEC_ID_AAC);
-    AVCodecContext *pContext = pCodec ? avcodec_alloc_context3(pCodec) : nullptr;
-    pExport->transcoder.pEncoder = pContext;
-    if (!pContext)
-        return 0;
-    pContext->sample_rate = AudioOf(pExport)->nSampleRate;
-    pContext->sample_fmt = bPcm ? AV_SAMPLE_FMT_S16 : AV_SAMPLE_FMT_FLTP;
-    pContext->bit_rate = bPcm ? 0 : kAacBitRate;
-    pContext->time_base = AVRational{1, pContext->sample_rate};
-    av_channel_layout_default(&pContext->ch_layout, 1);
-    if (pExport->pFormat->oformat->flags & AVFMT_GLOBALHEADER)
-        pContext->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-    pExport->transcoder.pDecoded = av_frame_alloc();
-    pExport->transcoder.pFrame = av_frame_alloc();
-    return pExport->transcoder.pDecoded && pExport->transcoder.pFrame &&
-           avcodec_open2(pContext, pCodec, nullptr) == 0 &&
-           avcodec_parameters_from_context(pStream->codecpar, pContext) >= 0;
-}
-
 // Audio that goes in as it is.
 static int CopyAudio(Export *pExport, AVStream *pStream)
 {
@@ -259,7 +201,7 @@ static int CopyAudio(Export *pExport, AVStream *pStream)
     pPar->sample_rate = static_cast<int>(pExport->clock.nRate);
     pPar->bits_per_coded_sample = av_get_bits_per_sample(pPar->codec_id);
     pPar->block_align = 1;
-    pPar->frame_size = static_cast<int>(pExport->nFrameTicks);
+    pPar->frame_size = static_cast<int>(pExport->sound.nFrameTicks);
     if (pCodec->nForm == FORM_AAC &&
         (!AacConfigRead(pExport->pRecording->codecs.audio, &config) || !SetExtraData(pPar, config.bytes)))
         return 0;
@@ -268,25 +210,39 @@ static int CopyAudio(Export *pExport, AVStream *pStream)
     return 1;
 }
 
+// Takes what the encoder has ready.
+static int WriteEncoded(void *pContext, AVPacket *pPacket)
+{
+    auto *pExport = static_cast<Export *>(pContext);
+    pPacket->stream_index = pExport->pAudio->index;
+    av_packet_rescale_ts(pPacket, pExport->coder.pEncoder->time_base, pExport->pAudio->time_base);
+    return av_interleaved_write_frame(pExport->pFormat, pPacket) >= 0;
+}
+
+// Audio that is encoded anew: PCM where the container takes it, AAC in .mp4.
+static int RecodeAudio(Export *pExport, AVStream *pStream)
+{
+    const AVOutputFormat *pFormat = pExport->pFormat->oformat;
+    int bPcm = avformat_query_codec(pFormat, AV_CODEC_ID_PCM_S16LE, FF_COMPLIANCE_NORMAL) == 1;
+    pExport->coder.pfnCoded = WriteEncoded;
+    pExport->coder.pContext = pExport;
+    return SoundCoderOpen(&pExport->coder, AudioOf(pExport), bPcm, pFormat->flags & AVFMT_GLOBALHEADER,
+                          pExport->pRecording->pReader->nFileBytes) &&
+           avcodec_parameters_from_context(pStream->codecpar, pExport->coder.pEncoder) >= 0;
+}
+
 static int AddAudio(Export *pExport)
 {
-    const SdpCodec &audio = pExport->pRecording->codecs.audio;
-    const Codec *pCodec = AudioOf(pExport);
     AVStream *pStream = avformat_new_stream(pExport->pFormat, nullptr);
     if (!pStream)
         return 0;
     pExport->pAudio = pStream;
-    pExport->clock.nRate = pCodec->nForm == FORM_AAC ? static_cast<int>(audio.nRate) : pCodec->nSampleRate;
-    pExport->nFrameTicks = pCodec->nForm == FORM_AAC   ? AacUnitTicks(audio.format, audio.nRate)
-                           : pCodec->nForm == FORM_AMR ? pCodec->nSampleRate / 1000 * kSpeechFrameMs
-                                                       : 0;
-    pExport->transcoder.nSilence =
-        kSilenceFrom + static_cast<int64_t>(pExport->pRecording->pReader->nFileBytes);
+    pExport->sound = SoundFormOf(pExport->pRecording->codecs.audio);
+    pExport->clock.nRate = pExport->sound.nRate;
     pStream->time_base = AVRational{1, static_cast<int>(pExport->clock.nRate)};
     pExport->bTranscode =
-        avformat_query_codec(pExport->pFormat->oformat, IdOf(pCodec), FF_COMPLIANCE_NORMAL) != 1;
-    return pExport->bTranscode ? OpenDecoder(pExport) && OpenEncoder(pExport, pStream)
-                               : CopyAudio(pExport, pStream);
+        avformat_query_codec(pExport->pFormat->oformat, IdOf(AudioOf(pExport)), FF_COMPLIANCE_NORMAL) != 1;
+    return pExport->bTranscode ? RecodeAudio(pExport, pStream) : CopyAudio(pExport, pStream);
 }
 
 // --- Second pass: writing ---
@@ -325,156 +281,6 @@ static int WritePicture(Export *pExport, const Sample &sample, std::string *pPic
                        nDuration, IsKeyFrame(sample.head));
 }
 
-static int WriteEncoded(Export *pExport)
-{
-    Transcoder *pCoder = &pExport->transcoder;
-    AVPacket *pPacket = pExport->pPacket;
-    int nResult = avcodec_receive_packet(pCoder->pEncoder, pPacket);
-    for (; nResult == 0; nResult = avcodec_receive_packet(pCoder->pEncoder, pPacket)) {
-        pPacket->stream_index = pExport->pAudio->index;
-        av_packet_rescale_ts(pPacket, pCoder->pEncoder->time_base, pExport->pAudio->time_base);
-        if (av_interleaved_write_frame(pExport->pFormat, pPacket) < 0)
-            return 0;
-    }
-    return nResult == AVERROR(EAGAIN) || nResult == AVERROR_EOF;
-}
-
-static void FillFrame(AVFrame *pFrame, const float *pSamples, size_t nSamples)
-{
-    auto *pPcm = reinterpret_cast<int16_t *>(pFrame->data[0]);
-    if (pFrame->format == AV_SAMPLE_FMT_FLTP)
-        memcpy(pFrame->data[0], pSamples, nSamples * sizeof(float));
-    else
-        for (size_t i = 0; i < nSamples; i++)
-            pPcm[i] =
-                static_cast<int16_t>(std::lrint(std::clamp(pSamples[i] * 32768.0F, -32768.0F, 32767.0F)));
-}
-
-static size_t FrameOf(const Transcoder *pCoder)
-{
-    return static_cast<size_t>(pCoder->pEncoder->frame_size > 0 ? pCoder->pEncoder->frame_size : kPcmFrame);
-}
-
-// Hands full frames to the encoder, at the end (bAll) also what is left.
-static int Encode(Export *pExport, int bAll)
-{
-    Transcoder *pCoder = &pExport->transcoder;
-    size_t nFrame = FrameOf(pCoder);
-    while (pCoder->waiting.size() >= nFrame || (bAll && !pCoder->waiting.empty())) {
-        size_t nTake = std::min(nFrame, pCoder->waiting.size());
-        AVFrame *pFrame = pCoder->pFrame;
-        av_frame_unref(pFrame);
-        pFrame->nb_samples = static_cast<int>(nTake);
-        pFrame->format = pCoder->pEncoder->sample_fmt;
-        pFrame->sample_rate = pCoder->pEncoder->sample_rate;
-        av_channel_layout_default(&pFrame->ch_layout, 1);
-        if (av_frame_get_buffer(pFrame, 0) < 0)
-            return 0;
-        FillFrame(pFrame, pCoder->waiting.data(), nTake);
-        pFrame->pts = pCoder->nEnd - static_cast<int64_t>(pCoder->waiting.size());
-        pCoder->waiting.erase(pCoder->waiting.begin(), pCoder->waiting.begin() + static_cast<long>(nTake));
-        if (avcodec_send_frame(pCoder->pEncoder, pFrame) < 0 || !WriteEncoded(pExport))
-            return 0;
-    }
-    return 1;
-}
-
-static void TakeDecoded(Transcoder *pCoder)
-{
-    const AVFrame *pFrame = pCoder->pDecoded;
-    for (int i = 0; i < pFrame->nb_samples; i++) {
-        float fValue = 0;
-        if (pFrame->format == AV_SAMPLE_FMT_S16)
-            fValue = static_cast<float>(reinterpret_cast<const int16_t *>(pFrame->data[0])[i]) / 32768.0F;
-        else if (pFrame->format == AV_SAMPLE_FMT_FLT || pFrame->format == AV_SAMPLE_FMT_FLTP)
-            fValue = reinterpret_cast<const float *>(pFrame->data[0])[i];
-        pCoder->waiting.push_back(fValue);
-    }
-    pCoder->nEnd += pFrame->nb_samples;
-}
-
-// Appends silence, or takes samples off the end, until it lies at nEnd, without more than a frame waiting.
-static int MoveEnd(Export *pExport, int64_t nEnd)
-{
-    Transcoder *pCoder = &pExport->transcoder;
-    for (; pCoder->nEnd > nEnd && !pCoder->waiting.empty(); pCoder->nEnd--)
-        pCoder->waiting.pop_back();
-    while (pCoder->nEnd < nEnd) {
-        int64_t nPart = std::min<int64_t>(nEnd - pCoder->nEnd, static_cast<int64_t>(FrameOf(pCoder)));
-        pCoder->waiting.insert(pCoder->waiting.end(), static_cast<size_t>(nPart), 0.0F);
-        pCoder->nEnd += nPart;
-        if (!Encode(pExport, 0))
-            return 0;
-    }
-    return 1;
-}
-
-// Goes on at nAt, where a packet's sound begins. What is missing there becomes silence, which keeps players
-// in step that look at no time stamps; but no more of it than the recording is long.
-static int GoOnAt(Export *pExport, int64_t nAt)
-{
-    Transcoder *pCoder = &pExport->transcoder;
-    int64_t nRate = pCoder->pEncoder->sample_rate;
-    auto nFrame = static_cast<int64_t>(FrameOf(pCoder));
-    if (pCoder->nEnd < 0)
-        pCoder->nEnd = nAt;
-    int64_t nMissing = nAt - pCoder->nEnd;
-    if (nMissing <= nFrame)
-        return nMissing <= 0 || MoveEnd(pExport, nAt);
-    if (nMissing <= kSilenceSeconds * nRate && nMissing <= pCoder->nSilence) {
-        pCoder->nSilence -= nMissing;
-        return MoveEnd(pExport, nAt);
-    }
-    auto nWaiting = static_cast<int64_t>(pCoder->waiting.size());
-    if (!MoveEnd(pExport, pCoder->nEnd + (nFrame - nWaiting % nFrame) % nFrame))
-        return 0;
-    pCoder->nEnd = nAt;
-    return 1;
-}
-
-// A packet's sound, to lie at nAt and to end nLonger samples later than it does by itself.
-static int Transcode(Export *pExport, const uint8_t *pData, size_t nBytes, int64_t nAt, int64_t nLonger)
-{
-    Transcoder *pCoder = &pExport->transcoder;
-    AVPacket *pPacket = pExport->pPacket;
-    if (!GoOnAt(pExport, nAt) || av_new_packet(pPacket, static_cast<int>(nBytes)) < 0)
-        return 0;
-    memcpy(pPacket->data, pData, nBytes);
-    int64_t nBefore = pCoder->nEnd;
-    int bSent = avcodec_send_packet(pCoder->pDecoder, pPacket) == 0;
-    av_packet_unref(pPacket);
-    while (bSent && avcodec_receive_frame(pCoder->pDecoder, pCoder->pDecoded) == 0)
-        TakeDecoded(pCoder);
-    if (pCoder->nEnd == nBefore)
-        return 1;  // speech that cannot be decoded is left out
-    for (; nLonger > 0 && !pCoder->waiting.empty(); nLonger--, pCoder->nEnd++)
-        pCoder->waiting.push_back(pCoder->waiting.back());
-    return MoveEnd(pExport, pCoder->nEnd + nLonger) && Encode(pExport, 0);
-}
-
-// The next piece of a block of audio: its bytes and samples. Returns 1, or 0 at the end or when it is broken.
-static int NextPiece(const Export *pExport, ByteReader *pIn, ByteReader *pPiece, int64_t *pnSamples)
-{
-    const Codec *pCodec = AudioOf(pExport);
-    *pnSamples = pExport->nFrameTicks;
-    if (pIn->nLeft == 0)
-        return 0;
-    if (pCodec->nForm == FORM_AAC) {
-        uint32_t nUnit = 0;
-        const uint8_t *pUnit = NalNext(pIn, &nUnit);
-        *pPiece = ByteReader{pUnit, nUnit};
-        return pUnit != nullptr;
-    }
-    size_t nPart = std::min<size_t>(kG711PacketBytes, pIn->nLeft);
-    if (pCodec->nForm == FORM_AMR)
-        nPart = AmrFrameBytes(CodecIsWideband(pCodec), pIn->p[0] >> 3);
-    else
-        *pnSamples = static_cast<int64_t>(nPart);
-    const uint8_t *pData = nPart > 0 ? ReadBytes(pIn, nPart) : nullptr;
-    *pPiece = ByteReader{pData, nPart};
-    return pData != nullptr;
-}
-
 static int WritePiece(Export *pExport, const ByteReader &piece, int64_t nSamples)
 {
     int64_t nAt = 0;
@@ -482,7 +288,7 @@ static int WritePiece(Export *pExport, const ByteReader &piece, int64_t nSamples
     if (!SoundClockPiece(&pExport->clock, nSamples, &nAt, &nLonger))
         return 1;
     if (pExport->bTranscode)
-        return Transcode(pExport, piece.p, piece.nLeft, nAt, nLonger);
+        return SoundCoderPut(&pExport->coder, piece.p, piece.nLeft, nAt, nLonger);
     AVRational base{1, static_cast<int>(pExport->clock.nRate)};
     return WritePacket(pExport, pExport->pAudio, piece.p, piece.nLeft, base, nAt, nAt, nSamples + nLonger, 1);
 }
@@ -494,10 +300,10 @@ static int WriteAudio(Export *pExport, const Sample &sample, int64_t nTimeMs)
     ByteReader piece{nullptr, 0};
     int64_t nSamples = 0;
     int64_t nAll = 0;
-    for (ByteReader in{sample.pData, sample.nBytes}; NextPiece(pExport, &in, &piece, &nSamples);)
+    for (ByteReader in{sample.pData, sample.nBytes}; SoundNextPiece(&pExport->sound, &in, &piece, &nSamples);)
         nAll += nSamples;
     SoundClockBlock(&pExport->clock, nTimeMs, nAll);
-    for (ByteReader in{sample.pData, sample.nBytes}; NextPiece(pExport, &in, &piece, &nSamples);)
+    for (ByteReader in{sample.pData, sample.nBytes}; SoundNextPiece(&pExport->sound, &in, &piece, &nSamples);)
         if (!WritePiece(pExport, piece, nSamples))
             return 0;
     return 1;
@@ -522,12 +328,9 @@ static int WriteSamples(Export *pExport)
         if (!WriteSample(pExport, sample, &picture))
             return Refuse(pExport, "write error");
     }
-    if (!pExport->bTranscode || !pExport->transcoder.pEncoder)
+    if (!pExport->bTranscode || SoundCoderEnd(&pExport->coder))
         return 1;
-    return (Encode(pExport, 1) && avcodec_send_frame(pExport->transcoder.pEncoder, nullptr) == 0 &&
-            WriteEncoded(pExport))
-               ? 1
-               : Refuse(pExport, "the sound cannot be encoded");
+    return Refuse(pExport, "the sound cannot be encoded");
 }
 
 static int AddStreams(Export *pExport, const std::string &firstPicture, int bAudio)
@@ -578,10 +381,7 @@ int ExportContainer(Recording *pRecording, const std::string &out)
     int bGood = Run(&work, out);
     if (bGood)
         SayDamage(pRecording, work.damage);
-    avcodec_free_context(&work.transcoder.pDecoder);
-    avcodec_free_context(&work.transcoder.pEncoder);
-    av_frame_free(&work.transcoder.pDecoded);
-    av_frame_free(&work.transcoder.pFrame);
+    SoundCoderFree(&work.coder);
     av_packet_free(&work.pPacket);
     avformat_free_context(work.pFormat);
     return bGood;

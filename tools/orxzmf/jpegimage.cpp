@@ -91,7 +91,8 @@ static std::string QuantTables(const JpegFragment &first)
     if (nQ < 128)
         return "";
     size_t nAt = kJpegHeadBytes + (first.pData[4] >= 64 ? kJpegRestartBytes : 0) + kJpegQuantHeadBytes;
-    return {reinterpret_cast<const char *>(first.pData) + nAt, first.nHead - nAt};
+    std::string tables(reinterpret_cast<const char *>(first.pData) + nAt, first.nHead - nAt);
+    return tables.size() == 64 ? tables + tables : tables;  // ffmpeg's encoder has one table for everything
 }
 
 // Everything in front of the scan data.
