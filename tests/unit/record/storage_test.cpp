@@ -1,5 +1,8 @@
 #include "record/storage.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <climits>
@@ -142,13 +145,16 @@ struct StorageRooms : StorageDays {
         StorageRoomFree(&room);
         RecordSteadySetOffset(0);
     }
-    // Files of equal content, each second older than the one before; bLinked: their bytes stay elsewhere.
+    // Files of equal content, each second older than the one before; bLinked: their bytes stay elsewhere, and are so
+    // many that what others on the disk free meanwhile does not count.
     void Fill(const std::string &day, int nFiles, bool bLinked = false)
     {
         for (int i = 0; i < nFiles; i++) {
             const std::string path = root + day + "/" + std::to_string(i) + ".zmf";
             Put(path);
-            WriteFile(path, std::string(8192, 'x'));
+            int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+            EXPECT_EQ(0, posix_fallocate(fd, 0, bLinked ? 8 << 20 : 8192));
+            close(fd);
             std::filesystem::last_write_time(path, std::filesystem::file_time_type{} - std::chrono::seconds(i));
             std::filesystem::create_directories(root + "kept");
             if (bLinked)

@@ -26,9 +26,10 @@ TEST(JpegImage, RecordedPayloadsBecomeAnImage)
         return JpegImageRebuild(Data(sample), Size(sample), pImage);
     };
     std::string image, again;
-    static const std::pair<uint32_t, char> cases[] = {{50, 16}, {99, 1}, {1, '\xFF'}, {255, 'q'}};
+    static const std::pair<uint32_t, char> cases[] = {{50, 16}, {99, 1}, {1, '\xFF'}, {254, 'q'}, {255, 'q'}};
     for (const auto &[nQ, chFirst] : cases) {  // Q, and the first byte of the table
-        std::string tables = nQ == 255 ? Be(128, 4) + std::string(128, 'q') : "";
+        size_t nTables = nQ < 128 ? 0 : nQ == 254 ? 64 : 128;  // one for both kinds of values, or two
+        std::string tables = nQ < 128 ? "" : Be(static_cast<uint32_t>(nTables), 4) + std::string(nTables, 'q');
         ASSERT_EQ(1, rebuild(payload(0, nQ, tables + scan.substr(0, 7)) + payload(7, nQ, scan.substr(7)), &image));
         EXPECT_TRUE(image.ends_with(scan + "\xFF\xD9"));
         uint32_t nWidth = 0, nHeight = 0;
