@@ -1,5 +1,6 @@
 #include "server/core/session.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -23,6 +24,8 @@
 
 namespace orx {
 
+static constexpr uint32_t kChunkBytes = 64 << 10;  // a quarter of a second of 2 Mbit/s
+static constexpr uint32_t kLeastRoom = 4096;       // of a chunk for one more read
 static constexpr uint32_t kIdleCheckMs = 5000;     // who connects has something to say by then
 static constexpr uint32_t kDelayedCloseMs = 2000;  // time for a last reply to arrive before the reset
 
@@ -57,6 +60,36 @@ Session::Session()
         out.tracks[i] = &tracks[i];
 }
 
+// What is held goes on in a new chunk.
+static int InputBegin(SessionInput *pInput, uint32_t nSize)
+{
+    Chunk *pChunk = ChunkNew(nSize);
+    if (!pChunk)
+        return 0;
+    if (pInput->nLen > 0)
+        memcpy(ChunkBytes(pChunk), pInput->pBuf, pInput->nLen);
+    ChunkLeave(pInput->pChunk);
+    pInput->pChunk = pChunk;
+    pInput->pBuf = ChunkBytes(pChunk);
+    pInput->pBuf[pInput->nLen] = 0;
+    return 1;
+}
+
+int InputTake(SessionInput *pInput, uint32_t nTaken)
+{
+    pInput->pBuf += nTaken;
+    pInput->nLen -= nTaken;
+    uint8_t *pFirst = ChunkBytes(pInput->pChunk);
+    if (pInput->pChunk->nBlocks == 0 && pInput->pBuf != pFirst) {
+        memmove(pFirst, pInput->pBuf, pInput->nLen);
+        pInput->pBuf = pFirst;
+    }
+    pInput->pBuf[pInput->nLen] = 0;
+    if (InputRoom(pInput) >= std::min(kLeastRoom, pInput->nTotal - 1 - pInput->nLen))
+        return 1;
+    return InputBegin(pInput, std::max(kChunkBytes, pInput->nTotal));
+}
+
 static Session *NewSession()
 {
     auto *pSession = new (std::nothrow) Session;
@@ -66,12 +99,10 @@ static Session *NewSession()
     }
     pSession->input.nTotal = g_settings.nSessionBufSize;
     ORX_ASSERT(pSession->input.nTotal, "p->nTotal");
-    pSession->input.pBuf = static_cast<uint8_t *>(malloc(pSession->input.nTotal));
-    if (!pSession->input.pBuf) {
+    if (!InputBegin(&pSession->input, pSession->input.nTotal)) {
         delete pSession;
         return nullptr;
     }
-    pSession->input.pBuf[0] = 0;
     return pSession;
 }
 
@@ -81,8 +112,7 @@ Session *CreateSession(Port *pPort)
     Session *pSession = NewSession();
     if (!pSession)
         return nullptr;
-    BlockListInit(&pSession->out.Outq, &pSession->out.queued);
-    pSession->out.queued.pTotal = &g_server.nQueuedBytes;
+    pSession->out.Outq.sum.pTotal = &g_server.nQueuedBytes;
     pSession->nHandle = NextHandle();
     pSession->peer.tLastActivity = pSession->peer.tLastRequest = ClockUptime();
     pSession->peer.tStart = static_cast<uint32_t>(time(nullptr));
@@ -148,9 +178,9 @@ void SessionCloseTrackPorts(SessionTrack *pTrack)
 static void SessionFree(void *pRecord)
 {
     auto *pSession = static_cast<Session *>(pRecord);
-    free(pSession->input.pBuf);
+    ChunkLeave(pSession->input.pChunk);
     free(pSession->peer.szCookie);
-    ListDestroy(&pSession->out.Outq);
+    QueueEmpty(&pSession->out.Outq);
     free(pSession->out.pScratch);
     delete pSession;
 }
@@ -177,8 +207,8 @@ static void EndOne(Session *pSession)
     SessionForgetJob(pSession);  // it may hold what the program has
     ProgramDetach(pSession);
     // what waits is freed in a moment, and nobody need give for it
-    g_server.nQueuedBytes -= SessionMediaWaiting(pSession);
-    pSession->out.queued.pTotal = nullptr;
+    g_server.nQueuedBytes -= pSession->out.Outq.sum.nTotalled;
+    pSession->out.Outq.sum.pTotal = nullptr;
     Retire(&pSession->retired, pSession, SessionFree);
 }
 

@@ -97,8 +97,9 @@ struct SessionPeer {
 
 // What came and is not worked off.
 struct SessionInput {
-    uint8_t *pBuf = nullptr;  // receive buffer, owned
-    uint32_t nTotal = 0;      // its size
+    Chunk *pChunk = nullptr;  // that is received into, and that packets stay in; owned
+    uint8_t *pBuf = nullptr;  // where in it what is held begins
+    uint32_t nTotal = 0;      // so much may be held, with the byte behind it
     uint32_t nLen = 0;        // bytes held; the byte behind them is 0
     uint32_t nNext = 0;       // while a request is handled: offset in pBuf behind it
     uint32_t nReqSeq = 0;     // highest CSeq accepted
@@ -266,8 +267,20 @@ inline Session *NextSession(const Session *pSession)
 // Memory that the media in the queue takes. Not of a pusher, for whom questions wait.
 inline int64_t SessionMediaWaiting(const Session *pSession)
 {
-    return pSession->out.queued.nBytes - pSession->out.queued.nOtherBytes;
+    return pSession->out.Outq.sum.nBytes - pSession->out.Outq.sum.nOtherBytes;
 }
+
+// How many bytes may be received behind those that are held.
+inline uint32_t InputRoom(const SessionInput *pInput)
+{
+    auto nAt = static_cast<uint32_t>(pInput->pBuf - ChunkBytes(pInput->pChunk));
+    uint32_t nRoom = std::min(pInput->nTotal, pInput->pChunk->nSize - nAt);
+    return nRoom - pInput->nLen - 1;
+}
+
+// The first nTaken of them are worked off: makes room for more. Packets stay where they are. Returns 1, or 0 without
+// memory: the session is to be ended.
+int InputTake(SessionInput *pInput, uint32_t nTaken);
 
 // Takes over an accepted or handed-over connection: a session on pPort, in the list and in the session map.
 // Null when memory runs out; the port is then left to the caller.

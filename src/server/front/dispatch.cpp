@@ -190,7 +190,7 @@ static Step TakeFrame(Session *pSession, uint32_t *pAt)
         return EndMalformed(pSession, "a frame of an unknown channel");
     if (nTrackId & 1)
         TakeRtcpFrame(pSession, nTrackId, pFrame + kInterleaveBytes, nBytes - kInterleaveBytes);
-    else if (!FeedProgram(pSession, nTrackId / 2, pFrame, nBytes))
+    else if (!FeedProgram(pSession, nTrackId / 2, pFrame, nBytes, pSession->input.pChunk))
         return EndSession(pSession);
     *pAt += nBytes;
     return Step::Taken;
@@ -449,15 +449,15 @@ int HandleInput(Session *pSession, Port *pPort)
             break;
         }
     }
-    pSession->input.nLen -= nAt;
-    if (pSession->input.nLen == pSession->input.nTotal - 1) {
+    if (pSession->input.nLen - nAt == pSession->input.nTotal - 1) {
         EndMalformed(pSession, "what it sent fills its buffer and makes no request");
         return 0;
     }
-    if (nAt > 0)
-        memmove(pSession->input.pBuf, pSession->input.pBuf + nAt, pSession->input.nLen);
-    pSession->input.pBuf[pSession->input.nLen] = 0;
-    return 1;
+    if (InputTake(&pSession->input, nAt))
+        return 1;
+    SessionNoteEnd(pSession, "no memory is left");
+    SessionEnd(pSession);
+    return 0;
 }
 
 }  // namespace orx

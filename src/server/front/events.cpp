@@ -356,7 +356,7 @@ static int TakeInput(Session *pSession, Port *pPort, const char *pRaw, size_t nL
 // *ppRaw is where the bytes are.
 static ssize_t Receive(const Session *pSession, const Port *pPort, char *pText, size_t nText, char **ppRaw)
 {
-    size_t nRoom = pSession->input.nTotal - pSession->input.nLen - 1;
+    size_t nRoom = InputRoom(&pSession->input);
     *ppRaw = reinterpret_cast<char *>(pSession->input.pBuf + pSession->input.nLen);
     if (pPort->nFlags & PORT_TUNNEL_POST) {
         *ppRaw = pText;

@@ -14,27 +14,36 @@ namespace orx {
 static constexpr size_t kMaxSegment = 1472;     // a larger datagram does not fit an Ethernet frame (IPv4)
 static constexpr size_t kMaxSegmented = 65000;  // bytes of one segmented message, below what IPv4 can carry
 
-static ssize_t WriteStream(const Batch *pBatch)
+// Neighbours in memory, as packets are that came one behind the other, are one part.
+static ssize_t WriteStream(const BlockQueue *pQueue, const Batch *pBatch)
 {
     iovec parts[kMaxGather];
-    for (int i = 0; i < pBatch->nBlocks; i++) {
-        DataBlock *pBlock = pBatch->blocks[i];
-        parts[i] = {BlockData(pBlock) + pBlock->sent, static_cast<size_t>(pBlock->len - pBlock->sent)};
+    size_t nParts = 0;
+    const uint8_t *pEnd = nullptr;
+    for (uint32_t i = 0; i < pBatch->nBlocks; i++) {
+        const BlockRef *pRef = QueueAt(pQueue, i);
+        const uint8_t *p = RefData(pRef) + pRef->nSent;
+        size_t nBytes = RefLen(pRef) - pRef->nSent;
+        if (p == pEnd)
+            parts[nParts - 1].iov_len += nBytes;
+        else
+            parts[nParts++] = {const_cast<uint8_t *>(p), nBytes};
+        pEnd = p + nBytes;
     }
     msghdr message{};
     message.msg_iov = parts;
-    message.msg_iovlen = static_cast<size_t>(pBatch->nBlocks);
+    message.msg_iovlen = nParts;
     return sendmsg(pBatch->pPort->fd, &message, MSG_NOSIGNAL);
 }
 
 // How many blocks nWritten bytes complete; the one behind them keeps what it got.
-static int CountWritten(const Batch *pBatch, size_t nWritten)
+static uint32_t CountWritten(const BlockQueue *pQueue, const Batch *pBatch, size_t nWritten)
 {
-    for (int i = 0; i < pBatch->nBlocks; i++) {
-        DataBlock *pBlock = pBatch->blocks[i];
-        size_t nRest = static_cast<size_t>(pBlock->len - pBlock->sent);
+    for (uint32_t i = 0; i < pBatch->nBlocks; i++) {
+        BlockRef *pRef = QueueAt(pQueue, i);
+        size_t nRest = RefLen(pRef) - pRef->nSent;
         if (nWritten < nRest) {
-            pBlock->sent = static_cast<uint16_t>(pBlock->sent + nWritten);
+            pRef->nSent = static_cast<uint16_t>(pRef->nSent + nWritten);
             return i;
         }
         nWritten -= nRest;
@@ -48,22 +57,26 @@ static int CountWritten(const Batch *pBatch, size_t nWritten)
 struct Datagrams {
     mmsghdr messages[kMaxGather];
     iovec parts[kMaxGather];
-    int runs[kMaxGather];  // blocks of each message
+    uint32_t runs[kMaxGather];  // blocks of each message
     alignas(cmsghdr) char control[kMaxGather][CMSG_SPACE(sizeof(uint16_t))];
     unsigned nMessages;
 };
 
 // How many blocks from i on may leave as one message.
-static int RunLength(const Batch *pBatch, int i)
+static uint32_t RunLength(const BlockQueue *pQueue, const Batch *pBatch, uint32_t i)
 {
-    size_t nSize = pBatch->blocks[i]->len;
+    size_t nSize = RefLen(QueueAt(pQueue, i));
     size_t nTotal = nSize;
-    int n = 1;
+    size_t nLast = nSize;
+    uint32_t n = 1;
     if ((pBatch->pPort->nFlags & PORT_NO_SEGMENTS) || nSize > kMaxSegment)
         return n;
-    while (i + n < pBatch->nBlocks && pBatch->blocks[i + n - 1]->len == nSize &&
-           pBatch->blocks[i + n]->len <= nSize && nTotal + pBatch->blocks[i + n]->len <= kMaxSegmented)
-        nTotal += pBatch->blocks[i + n++]->len;
+    for (; i + n < pBatch->nBlocks && nLast == nSize; n++) {
+        nLast = RefLen(QueueAt(pQueue, i + n));
+        if (nLast > nSize || nTotal + nLast > kMaxSegmented)
+            break;
+        nTotal += nLast;
+    }
     return n;
 }
 
@@ -78,11 +91,11 @@ static void SetSegmentSize(msghdr *pMessage, char *pControl, size_t nControl, ui
     memcpy(CMSG_DATA(pHead), &nSize, sizeof(nSize));
 }
 
-static void FillDatagrams(const Batch *pBatch, Datagrams *pOut)
+static void FillDatagrams(const BlockQueue *pQueue, const Batch *pBatch, Datagrams *pOut)
 {
     pOut->nMessages = 0;
-    for (int i = 0; i < pBatch->nBlocks;) {
-        int nRun = RunLength(pBatch, i);
+    for (uint32_t i = 0; i < pBatch->nBlocks;) {
+        uint32_t nRun = RunLength(pQueue, pBatch, i);
         unsigned m = pOut->nMessages++;
         pOut->runs[m] = nRun;
         pOut->messages[m] = {};
@@ -90,27 +103,29 @@ static void FillDatagrams(const Batch *pBatch, Datagrams *pOut)
         pMessage->msg_name = &pBatch->pPort->remote;
         pMessage->msg_namelen = AddrSize(&pBatch->pPort->remote);
         pMessage->msg_iov = &pOut->parts[i];
-        pMessage->msg_iovlen = static_cast<size_t>(nRun);
+        pMessage->msg_iovlen = nRun;
         if (nRun > 1)
-            SetSegmentSize(pMessage, pOut->control[m], sizeof(pOut->control[m]), pBatch->blocks[i]->len);
-        for (int nEnd = i + nRun; i < nEnd; i++) {
-            ORX_ASSERT(pBatch->blocks[i]->sent == 0, "p->sent==0");
-            pOut->parts[i] = {BlockData(pBatch->blocks[i]), pBatch->blocks[i]->len};
+            SetSegmentSize(pMessage, pOut->control[m], sizeof(pOut->control[m]),
+                           static_cast<uint16_t>(RefLen(QueueAt(pQueue, i))));
+        for (uint32_t nEnd = i + nRun; i < nEnd; i++) {
+            const BlockRef *pRef = QueueAt(pQueue, i);
+            ORX_ASSERT(pRef->nSent == 0, "p->sent==0");
+            pOut->parts[i] = {const_cast<uint8_t *>(RefData(pRef)), RefLen(pRef)};
         }
     }
 }
 
 // Sends datagrams to the port's peer, as many as the socket takes. Returns how many blocks left, or -1. A
 // path that cannot cut segments apart gets single datagrams from then on.
-static ssize_t WriteDatagrams(const Batch *pBatch, uint64_t *pnBytes)
+static ssize_t WriteDatagrams(const BlockQueue *pQueue, const Batch *pBatch, uint64_t *pnBytes)
 {
     Datagrams out;
-    FillDatagrams(pBatch, &out);
+    FillDatagrams(pQueue, pBatch, &out);
     int nSent = sendmmsg(pBatch->pPort->fd, out.messages, out.nMessages, MSG_NOSIGNAL);
-    int bSegments = static_cast<int>(out.nMessages) < pBatch->nBlocks;
+    int bSegments = out.nMessages < pBatch->nBlocks;
     if (nSent < 0 && bSegments && errno != EAGAIN && errno != EINTR) {
         pBatch->pPort->nFlags |= PORT_NO_SEGMENTS;
-        return WriteDatagrams(pBatch, pnBytes);
+        return WriteDatagrams(pQueue, pBatch, pnBytes);
     }
     ssize_t nBlocks = 0;
     for (int i = 0; i < nSent; i++) {
@@ -120,19 +135,19 @@ static ssize_t WriteDatagrams(const Batch *pBatch, uint64_t *pnBytes)
     return nSent < 0 ? -1 : nBlocks;
 }
 
-int WireWrite(const Batch *pBatch, int *pnLeft, uint64_t *pnBytes)
+int WireWrite(const BlockQueue *pQueue, const Batch *pBatch, uint32_t *pnLeft, uint64_t *pnBytes)
 {
     int bDatagrams = pBatch->pPort->nType == PORT_UDP;
     ssize_t n;
     do
-        n = bDatagrams ? WriteDatagrams(pBatch, pnBytes) : WriteStream(pBatch);
+        n = bDatagrams ? WriteDatagrams(pQueue, pBatch, pnBytes) : WriteStream(pQueue, pBatch);
     while (n < 0 && errno == EINTR);
     *pnLeft = 0;
     if (n < 0)
         return errno == EAGAIN || errno == EWOULDBLOCK ? 0 : -1;
     if (!bDatagrams)
         *pnBytes += static_cast<uint64_t>(n);
-    *pnLeft = bDatagrams ? static_cast<int>(n) : CountWritten(pBatch, static_cast<size_t>(n));
+    *pnLeft = bDatagrams ? static_cast<uint32_t>(n) : CountWritten(pQueue, pBatch, static_cast<size_t>(n));
     return 1;
 }
 

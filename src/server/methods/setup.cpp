@@ -154,8 +154,8 @@ static int TravelsAlike(const Session *pSession, int i, int bInterleaved)
         return 1;
     if (!pSession->tracks[i].bSetUp)
         return 0;
-    auto *pHead = ListFirstOf<DataBlock>(&pSession->out.Outq);
-    return bInterleaved || !pHead || pHead->sent == 0;  // else the connection needs its rest
+    const BlockRef *pHead = QueueFirst(&pSession->out.Outq);
+    return bInterleaved || !pHead || pHead->nSent == 0;  // else the connection needs its rest
 }
 
 static int CanServe(const Session *pSession, const Port *pPort, int i, const TransportOffer *pOffer)

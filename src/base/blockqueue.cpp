@@ -1,0 +1,94 @@
+#include "base/blockqueue.h"
+
+#include <cstdlib>
+
+#include "base/assertion.h"
+#include "base/console.h"
+
+namespace orx {
+
+constexpr uint32_t kLeastRoom = 16;
+constexpr uint32_t kKeptRoom = 64;  // of an empty queue: a kilobyte
+
+static void Count(BlockQueue *pQueue, const BlockRef *pRef, int nSign)
+{
+    uint32_t nFlags = pRef->pBlock->nFlags;
+    int64_t nBytes = RefBytes(pRef);
+    BlockCount(&pQueue->sum, nFlags, nBytes, nFlags & DB_CACHED ? int64_t{sizeof(BlockRef)} : nBytes, nSign);
+}
+
+void QueueUncount(BlockQueue *pQueue, const BlockRef *pRef)
+{
+    Count(pQueue, pRef, -1);
+}
+
+static int Grow(BlockQueue *pQueue)
+{
+    uint32_t nRoom = pQueue->nRoom ? 2 * pQueue->nRoom : kLeastRoom;
+    auto *pRing = static_cast<BlockRef *>(malloc(nRoom * sizeof(BlockRef)));
+    if (!pRing)
+        return 0;
+    for (uint32_t i = 0; i < pQueue->nItems; i++)
+        pRing[i] = *QueueAt(pQueue, i);
+    free(pQueue->pRing);
+    pQueue->pRing = pRing;
+    pQueue->nRoom = nRoom;
+    pQueue->nFirst = 0;
+    return 1;
+}
+
+BlockRef *QueueAppend(BlockQueue *pQueue, BlockRef ref)
+{
+    if (pQueue->nItems == pQueue->nRoom && !Grow(pQueue)) {
+        print("malloc() failed within QueueAppend()!\r\n");
+        FreeDataBlock(ref.pBlock);
+        return nullptr;
+    }
+    BlockRef *pRef = QueueAt(pQueue, pQueue->nItems++);
+    *pRef = ref;
+    Count(pQueue, pRef, 1);
+    return pRef;
+}
+
+BlockRef *QueueInsert(BlockQueue *pQueue, uint32_t nAt, BlockRef ref)
+{
+    ORX_ASSERT(nAt <= pQueue->nItems, "nAt <= nItems");
+    if (!QueueAppend(pQueue, ref))
+        return nullptr;
+    for (uint32_t i = pQueue->nItems - 1; i > nAt; i--)
+        *QueueAt(pQueue, i) = *QueueAt(pQueue, i - 1);
+    *QueueAt(pQueue, nAt) = ref;
+    return QueueAt(pQueue, nAt);
+}
+
+void QueueTake(BlockQueue *pQueue, uint32_t nCount)
+{
+    ORX_ASSERT(nCount <= pQueue->nItems, "nCount <= nItems");
+    for (uint32_t i = 0; i < nCount; i++) {
+        const BlockRef *pRef = QueueAt(pQueue, i);
+        Count(pQueue, pRef, -1);
+        FreeDataBlock(pRef->pBlock);
+    }
+    pQueue->nFirst += nCount;
+    pQueue->nItems -= nCount;
+    if (pQueue->nItems == 0 && pQueue->nRoom > kKeptRoom) {
+        free(pQueue->pRing);
+        pQueue->pRing = nullptr;
+        pQueue->nRoom = 0;
+    }
+}
+
+void QueueRemove(BlockQueue *pQueue, uint32_t nAt)
+{
+    QueueDropIf(pQueue, nAt, nAt + 1, [](const BlockRef *) { return 1; });
+}
+
+void QueueEmpty(BlockQueue *pQueue)
+{
+    QueueTake(pQueue, pQueue->nItems);
+    free(pQueue->pRing);
+    pQueue->pRing = nullptr;
+    pQueue->nRoom = 0;
+}
+
+}  // namespace orx
