@@ -186,12 +186,12 @@ void CachePacketEx(Program *pProg, DataBlock *pBlock)
     pBlock->nSerial = pProg->cache.nSerial;
     CacheNote(&pProg->cache, pBlock);
     FanOut(pProg, pBlock);
-    QueuesBound();
     LearnSsrc(pProg, pBlock);
     RecordersWrite(pProg, pBlock);
     pProg->cache.nSerial++;
     CacheTrim(pProg, pBlock->nTimestamp);
     CacheBound(pProg);
+    QueuesBound();  // what no cache holds any more is theirs
 }
 
 static void PrintCounts(const Program *pProg, const Session *pSession)
