@@ -10,24 +10,14 @@ namespace orx {
 constexpr uint32_t kLeastRoom = 16;
 constexpr uint32_t kKeptRoom = 64;  // of an empty queue: a kilobyte
 
-static void Count(BlockQueue *pQueue, const BlockRef *pRef, int nSign)
-{
-    uint32_t nFlags = pRef->pBlock->nFlags;
-    int64_t nBytes = RefBytes(pRef);
-    BlockCount(&pQueue->sum, nFlags, nBytes, nFlags & DB_CACHED ? int64_t{sizeof(BlockRef)} : nBytes, nSign);
-}
-
-void QueueUncount(BlockQueue *pQueue, const BlockRef *pRef)
-{
-    Count(pQueue, pRef, -1);
-}
-
-static int Grow(BlockQueue *pQueue)
+int QueueGrow(BlockQueue *pQueue)
 {
     uint32_t nRoom = pQueue->nRoom ? 2 * pQueue->nRoom : kLeastRoom;
     auto *pRing = static_cast<BlockRef *>(malloc(nRoom * sizeof(BlockRef)));
-    if (!pRing)
+    if (!pRing) {
+        print("malloc() failed within QueueGrow()!\r\n");
         return 0;
+    }
     for (uint32_t i = 0; i < pQueue->nItems; i++)
         pRing[i] = *QueueAt(pQueue, i);
     free(pQueue->pRing);
@@ -35,19 +25,6 @@ static int Grow(BlockQueue *pQueue)
     pQueue->nRoom = nRoom;
     pQueue->nFirst = 0;
     return 1;
-}
-
-BlockRef *QueueAppend(BlockQueue *pQueue, BlockRef ref)
-{
-    if (pQueue->nItems == pQueue->nRoom && !Grow(pQueue)) {
-        print("malloc() failed within QueueAppend()!\r\n");
-        FreeDataBlock(ref.pBlock);
-        return nullptr;
-    }
-    BlockRef *pRef = QueueAt(pQueue, pQueue->nItems++);
-    *pRef = ref;
-    Count(pQueue, pRef, 1);
-    return pRef;
 }
 
 BlockRef *QueueInsert(BlockQueue *pQueue, uint32_t nAt, BlockRef ref)
@@ -64,11 +41,13 @@ BlockRef *QueueInsert(BlockQueue *pQueue, uint32_t nAt, BlockRef ref)
 void QueueTake(BlockQueue *pQueue, uint32_t nCount)
 {
     ORX_ASSERT(nCount <= pQueue->nItems, "nCount <= nItems");
+    BlockSum gone;
     for (uint32_t i = 0; i < nCount; i++) {
         const BlockRef *pRef = QueueAt(pQueue, i);
-        Count(pQueue, pRef, -1);
+        BlockCount(&gone, RefFlags(pRef), RefBytes(pRef), RefOwnBytes(pRef), 1);
         FreeDataBlock(pRef->pBlock);
     }
+    BlockSumTake(&pQueue->sum, &gone);
     pQueue->nFirst += nCount;
     pQueue->nItems -= nCount;
     if (pQueue->nItems == 0 && pQueue->nRoom > kKeptRoom) {

@@ -37,6 +37,12 @@ inline uint32_t RefBytes(const BlockRef *pRef)
     return kBlockOverhead + RefLen(pRef);
 }
 
+// What it alone takes of the memory: of a cached packet the bytes are the cache's, or count as left (see BytesLeft).
+inline int64_t RefOwnBytes(const BlockRef *pRef)
+{
+    return RefFlags(pRef) & DB_CACHED ? int64_t{sizeof(BlockRef)} : int64_t{RefBytes(pRef)};
+}
+
 constexpr uint32_t kQueueEnd = UINT32_MAX;  // as a place: behind the last one
 
 struct BlockQueue {
@@ -52,21 +58,28 @@ inline BlockRef *QueueAt(const BlockQueue *pQueue, uint32_t nAt)
 {
     return &pQueue->pRing[(pQueue->nFirst + nAt) & (pQueue->nRoom - 1)];
 }
-// The first and the last one; null when there is none.
+// The first one; null when there is none.
 inline BlockRef *QueueFirst(const BlockQueue *pQueue)
 {
     return pQueue->nItems > 0 ? QueueAt(pQueue, 0) : nullptr;
 }
-inline BlockRef *QueueLast(const BlockQueue *pQueue)
-{
-    return pQueue->nItems > 0 ? QueueAt(pQueue, pQueue->nItems - 1) : nullptr;
-}
 
-// Puts a reference, which the queue holds from here on, at a place up to nItems; those from there on move up. Places and
-// pointers into the queue count until the next such call. Returns where it is, or null without memory: it is given back
-// then.
+// Puts a reference, which the queue holds from here on, at the end, or at a place up to nItems: those from there on move
+// up. Places and pointers into the queue count until the next such call. Returns where it is, or null without memory,
+// which is printed: it is given back then.
+int QueueGrow(BlockQueue *pQueue);
+inline BlockRef *QueueAppend(BlockQueue *pQueue, BlockRef ref)
+{
+    if (pQueue->nItems == pQueue->nRoom && !QueueGrow(pQueue)) {
+        FreeDataBlock(ref.pBlock);
+        return nullptr;
+    }
+    BlockRef *pRef = QueueAt(pQueue, pQueue->nItems++);
+    *pRef = ref;
+    BlockCount(&pQueue->sum, RefFlags(pRef), RefBytes(pRef), RefOwnBytes(pRef), 1);
+    return pRef;
+}
 BlockRef *QueueInsert(BlockQueue *pQueue, uint32_t nAt, BlockRef ref);
-BlockRef *QueueAppend(BlockQueue *pQueue, BlockRef ref);
 
 // Gives back the first nCount; the one at a place; all.
 void QueueTake(BlockQueue *pQueue, uint32_t nCount);
@@ -74,7 +87,6 @@ void QueueRemove(BlockQueue *pQueue, uint32_t nAt);
 void QueueEmpty(BlockQueue *pQueue);
 
 // Gives back those from a place up to another that bDrop(ref) is said of.
-void QueueUncount(BlockQueue *pQueue, const BlockRef *pRef);
 template <typename Drop>
 void QueueDropIf(BlockQueue *pQueue, uint32_t nFrom, uint32_t nUntil, Drop bDrop)
 {
@@ -82,7 +94,7 @@ void QueueDropIf(BlockQueue *pQueue, uint32_t nFrom, uint32_t nUntil, Drop bDrop
     for (uint32_t i = nFrom; i < pQueue->nItems; i++) {
         BlockRef *pRef = QueueAt(pQueue, i);
         if (i < nUntil && bDrop(pRef)) {
-            QueueUncount(pQueue, pRef);
+            BlockCount(&pQueue->sum, RefFlags(pRef), RefBytes(pRef), RefOwnBytes(pRef), -1);
             FreeDataBlock(pRef->pBlock);
         } else {
             *QueueAt(pQueue, nTo++) = *pRef;

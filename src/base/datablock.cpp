@@ -73,6 +73,17 @@ void BlockFreeLast(DataBlock *pBlock)
     free(pBlock);
 }
 
+void BlockSumTake(BlockSum *pSum, const BlockSum *pGone)
+{
+    pSum->nBytes -= pGone->nBytes;
+    pSum->nOtherBytes -= pGone->nOtherBytes;
+    pSum->nOthers -= pGone->nOthers;
+    pSum->nKeys -= pGone->nKeys;
+    pSum->nTotalled -= pGone->nTotalled;
+    if (pSum->pTotal)
+        *pSum->pTotal -= pGone->nTotalled;
+}
+
 // --- Of a cache ---
 
 // What a block that comes, or goes, takes of the memory.

@@ -125,6 +125,9 @@ inline void BlockCount(BlockSum *pSum, uint32_t nFlags, int64_t nBytes, int64_t 
     }
 }
 
+// Takes what the blocks of another sum, which is in no total, came to.
+void BlockSumTake(BlockSum *pSum, const BlockSum *pGone);
+
 // Readies pList as a cache of blocks that it holds: embedded nodes. Of a chunk that its blocks are in all bytes count,
 // and once. What it gives back leaves *pSum, and what BlockListAppend enters is added to it.
 void BlockListInit(List *pList, BlockSum *pSum);

@@ -25,6 +25,8 @@
 namespace orx {
 
 static constexpr uint32_t kChunkBytes = 64 << 10;  // a quarter of a second of 2 Mbit/s
+static constexpr uint32_t kMostChunkBytes = 256 << 10;
+static constexpr uint32_t kFastChunkMs = 100;
 static constexpr uint32_t kLeastRoom = 4096;       // of a chunk for one more read
 static constexpr uint32_t kIdleCheckMs = 5000;     // who connects has something to say by then
 static constexpr uint32_t kDelayedCloseMs = 2000;  // time for a last reply to arrive before the reset
@@ -70,9 +72,19 @@ static int InputBegin(SessionInput *pInput, uint32_t nSize)
         memcpy(ChunkBytes(pChunk), pInput->pBuf, pInput->nLen);
     ChunkLeave(pInput->pChunk);
     pInput->pChunk = pChunk;
+    pInput->nChunkMs = ClockMs();
     pInput->pBuf = ChunkBytes(pChunk);
     pInput->pBuf[pInput->nLen] = 0;
     return 1;
+}
+
+// Twice as much when one was full so soon that large pictures do not fit into it.
+static uint32_t NextChunkBytes(const SessionInput *pInput)
+{
+    uint32_t nLast = pInput->pChunk->nSize;
+    int bFast = pInput->bStream && ClockMs() - pInput->nChunkMs < kFastChunkMs;
+    uint32_t nBytes = bFast ? std::min(2 * nLast, kMostChunkBytes) : nLast / 2;
+    return std::max({nBytes, kChunkBytes, pInput->nTotal});
 }
 
 int InputTake(SessionInput *pInput, uint32_t nTaken)
@@ -85,9 +97,10 @@ int InputTake(SessionInput *pInput, uint32_t nTaken)
         pInput->pBuf = pFirst;
     }
     pInput->pBuf[pInput->nLen] = 0;
-    if (InputRoom(pInput) >= std::min(kLeastRoom, pInput->nTotal - 1 - pInput->nLen))
+    uint32_t nRoom = InputRoom(pInput);
+    if (nRoom >= kLeastRoom || (!pInput->bStream && pInput->nLen + nRoom + 1 == pInput->nTotal))
         return 1;
-    return InputBegin(pInput, std::max(kChunkBytes, pInput->nTotal));
+    return InputBegin(pInput, NextChunkBytes(pInput));
 }
 
 static Session *NewSession()

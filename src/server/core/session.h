@@ -2,6 +2,7 @@
 // Scheduler thread only.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 
 #include "base/linkedlist.h"
@@ -99,7 +100,9 @@ struct SessionPeer {
 struct SessionInput {
     Chunk *pChunk = nullptr;  // that is received into, and that packets stay in; owned
     uint8_t *pBuf = nullptr;  // where in it what is held begins
-    uint32_t nTotal = 0;      // so much may be held, with the byte behind it
+    uint32_t nTotal = 0;      // more than so much less one byte is no message
+    int bStream = 0;          // media comes: as much is read at once as the chunk has room for
+    uint32_t nChunkMs = 0;    // ClockMs when the chunk was begun
     uint32_t nLen = 0;        // bytes held; the byte behind them is 0
     uint32_t nNext = 0;       // while a request is handled: offset in pBuf behind it
     uint32_t nReqSeq = 0;     // highest CSeq accepted
@@ -274,8 +277,10 @@ inline int64_t SessionMediaWaiting(const Session *pSession)
 inline uint32_t InputRoom(const SessionInput *pInput)
 {
     auto nAt = static_cast<uint32_t>(pInput->pBuf - ChunkBytes(pInput->pChunk));
-    uint32_t nRoom = std::min(pInput->nTotal, pInput->pChunk->nSize - nAt);
-    return nRoom - pInput->nLen - 1;
+    uint32_t nRoom = pInput->pChunk->nSize - nAt - pInput->nLen - 1;
+    if (pInput->bStream || pInput->nLen >= pInput->nTotal)
+        return nRoom;
+    return std::min(nRoom, pInput->nTotal - 1 - pInput->nLen);
 }
 
 // The first nTaken of them are worked off: makes room for more. Packets stay where they are. Returns 1, or 0 without

@@ -354,8 +354,9 @@ static int TakeInput(Session *pSession, Port *pPort, const char *pRaw, size_t nL
 
 // One recv. Base64 text goes through a buffer of its own, anything else straight behind the bytes held.
 // *ppRaw is where the bytes are.
-static ssize_t Receive(const Session *pSession, const Port *pPort, char *pText, size_t nText, char **ppRaw)
+static ssize_t Receive(Session *pSession, const Port *pPort, char *pText, size_t nText, char **ppRaw)
 {
+    pSession->input.bStream = (pSession->nFlags & SESSION_PUSHER) && pSession->nState == STATE_PLAYING;
     size_t nRoom = InputRoom(&pSession->input);
     *ppRaw = reinterpret_cast<char *>(pSession->input.pBuf + pSession->input.nLen);
     if (pPort->nFlags & PORT_TUNNEL_POST) {

@@ -53,6 +53,11 @@ static int Gather(const Session *pSession, Port *pGiven, const Pace *pPace, Batc
     int bReports = RtcpMakesReports(pSession);
     uint32_t nMost = std::min<uint32_t>(pQueue->nItems, kMaxGather);
     pBatch->nBlocks = 0;
+    if (!pace.bPaced && !bReports && pSession->out.bInterleaved) {  // all leave alike
+        pBatch->pPort = pGiven ? pGiven : ChoosePort(pSession, QueueFirst(pQueue));
+        pBatch->nBlocks = nMost;
+        return pBatch->pPort != nullptr;
+    }
     while (pBatch->nBlocks < nMost) {
         const BlockRef *p = QueueAt(pQueue, pBatch->nBlocks);
         if (PaceHoldsBack(&pace, p))
@@ -71,22 +76,39 @@ static int Gather(const Session *pSession, Port *pGiven, const Pace *pPace, Batc
     return 1;
 }
 
-// Accounts for the head, which was written completely, and takes it off. A report on it stands behind it then.
-static void HeadDone(Session *pSession)
+// Of the head, which was written completely, reports count. One on it stands behind it then.
+static void ReportHead(Session *pSession)
 {
     const BlockRef *pHead = QueueFirst(&pSession->out.Outq);
-    if (RefFlags(pHead) & DB_MEDIA) {
-        pSession->play.nPlayPos = pHead->pBlock->nTimestamp;
-        pSession->flow.nStartHeld -= std::min(pSession->flow.nStartHeld, int64_t{RefBytes(pHead)});
-        // standard players of recordings are told where each track ends, with or without reports
-        int bCounts = (pSession->nFlags & SESSION_RTCP) || pSession->out.bSampleStamps;
-        int nTrack = bCounts ? TrackOfRef(pSession, pHead) : -1;
-        uint32_t nPrefix = pSession->out.bInterleaved ? kInterleaveBytes : 0;
-        if (nTrack >= 0)
-            RtcpNotePacketSent(pSession, nTrack, RefData(pHead) + nPrefix, RefLen(pHead) - nPrefix,
-                               (RefFlags(pHead) & DB_JUMP) != 0);
+    int nTrack = RefFlags(pHead) & DB_MEDIA ? TrackOfRef(pSession, pHead) : -1;
+    uint32_t nPrefix = pSession->out.bInterleaved ? kInterleaveBytes : 0;
+    if (nTrack >= 0)
+        RtcpNotePacketSent(pSession, nTrack, RefData(pHead) + nPrefix, RefLen(pHead) - nPrefix,
+                           (RefFlags(pHead) & DB_JUMP) != 0);
+}
+
+// Accounts for the first blocks, which were written completely, and takes them off.
+static void BlocksDone(Session *pSession, uint32_t nDone)
+{
+    BlockQueue *pQueue = &pSession->out.Outq;
+    int64_t nMedia = 0;
+    for (uint32_t i = 0; i < nDone; i++) {
+        const BlockRef *p = QueueAt(pQueue, i);
+        if (!(RefFlags(p) & DB_MEDIA))
+            continue;
+        pSession->play.nPlayPos = p->pBlock->nTimestamp;
+        nMedia += RefBytes(p);
     }
-    QueueTake(&pSession->out.Outq, 1);
+    pSession->flow.nStartHeld -= std::min(pSession->flow.nStartHeld, nMedia);
+    // standard players of recordings are told where each track ends, with or without reports
+    if (!(pSession->nFlags & SESSION_RTCP) && !pSession->out.bSampleStamps) {
+        QueueTake(pQueue, nDone);
+        return;
+    }
+    for (; nDone > 0; nDone--) {
+        ReportHead(pSession);
+        QueueTake(pQueue, 1);
+    }
 }
 
 static int OnSessionDelaySendTimer(Task *pTask, uint32_t, uint32_t, uint32_t)
@@ -204,11 +226,9 @@ static int WriteBatch(Session *pSession, const Batch *pBatch)
         pFlow->bBlocked = 0;
     }
     int bCounts = pBatch->pPort->nType == PORT_UDP && PaceCountsBytes(pSession);
-    for (uint32_t i = 0; i < nLeft; i++) {
-        if (bCounts)
-            pFlow->nRoom -= static_cast<int32_t>(RefLen(QueueFirst(&pSession->out.Outq)));
-        HeadDone(pSession);
-    }
+    for (uint32_t i = 0; i < nLeft && bCounts; i++)
+        pFlow->nRoom -= static_cast<int32_t>(RefLen(QueueAt(&pSession->out.Outq, i)));
+    BlocksDone(pSession, nLeft);
     return nResult;
 }
 

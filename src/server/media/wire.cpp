@@ -14,11 +14,12 @@ namespace orx {
 static constexpr size_t kMaxSegment = 1472;     // a larger datagram does not fit an Ethernet frame (IPv4)
 static constexpr size_t kMaxSegmented = 65000;  // bytes of one segmented message, below what IPv4 can carry
 
-// Neighbours in memory, as packets are that came one behind the other, are one part.
-static ssize_t WriteStream(const BlockQueue *pQueue, const Batch *pBatch)
+// What is to be written of the blocks, *pnBytes altogether. Neighbours in memory, as packets are that came one behind the
+// other, are one part. Returns how many parts.
+static size_t StreamParts(const BlockQueue *pQueue, const Batch *pBatch, iovec *parts, size_t *pnBytes)
 {
-    iovec parts[kMaxGather];
     size_t nParts = 0;
+    size_t nTotal = 0;
     const uint8_t *pEnd = nullptr;
     for (uint32_t i = 0; i < pBatch->nBlocks; i++) {
         const BlockRef *pRef = QueueAt(pQueue, i);
@@ -29,11 +30,10 @@ static ssize_t WriteStream(const BlockQueue *pQueue, const Batch *pBatch)
         else
             parts[nParts++] = {const_cast<uint8_t *>(p), nBytes};
         pEnd = p + nBytes;
+        nTotal += nBytes;
     }
-    msghdr message{};
-    message.msg_iov = parts;
-    message.msg_iovlen = nParts;
-    return sendmsg(pBatch->pPort->fd, &message, MSG_NOSIGNAL);
+    *pnBytes = nTotal;
+    return nParts;
 }
 
 // How many blocks nWritten bytes complete; the one behind them keeps what it got.
@@ -49,6 +49,22 @@ static uint32_t CountWritten(const BlockQueue *pQueue, const Batch *pBatch, size
         nWritten -= nRest;
     }
     return pBatch->nBlocks;
+}
+
+// Writes to a connection. Returns how many blocks left completely, or -1.
+static ssize_t WriteStream(const BlockQueue *pQueue, const Batch *pBatch, uint64_t *pnBytes)
+{
+    iovec parts[kMaxGather];
+    size_t nBytes;
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = StreamParts(pQueue, pBatch, parts, &nBytes);
+    ssize_t n = sendmsg(pBatch->pPort->fd, &message, MSG_NOSIGNAL);
+    if (n < 0)
+        return -1;
+    *pnBytes += static_cast<uint64_t>(n);
+    return static_cast<size_t>(n) == nBytes ? pBatch->nBlocks
+                                            : CountWritten(pQueue, pBatch, static_cast<size_t>(n));
 }
 
 // Messages of one sendmmsg. Each carries a run of blocks: one datagram, or several of one size (but for a
@@ -140,14 +156,12 @@ int WireWrite(const BlockQueue *pQueue, const Batch *pBatch, uint32_t *pnLeft, u
     int bDatagrams = pBatch->pPort->nType == PORT_UDP;
     ssize_t n;
     do
-        n = bDatagrams ? WriteDatagrams(pQueue, pBatch, pnBytes) : WriteStream(pQueue, pBatch);
+        n = bDatagrams ? WriteDatagrams(pQueue, pBatch, pnBytes) : WriteStream(pQueue, pBatch, pnBytes);
     while (n < 0 && errno == EINTR);
     *pnLeft = 0;
     if (n < 0)
         return errno == EAGAIN || errno == EWOULDBLOCK ? 0 : -1;
-    if (!bDatagrams)
-        *pnBytes += static_cast<uint64_t>(n);
-    *pnLeft = bDatagrams ? static_cast<uint32_t>(n) : CountWritten(pQueue, pBatch, static_cast<size_t>(n));
+    *pnLeft = static_cast<uint32_t>(n);
     return 1;
 }
 
