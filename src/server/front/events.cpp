@@ -290,6 +290,29 @@ static int IsOfPeer(const Session *pSession, const NetAddr *pFrom)
     return pPort && AddrSameHost(&pPort->remote, pFrom);
 }
 
+// A datagram of its peer has come to a media port: that is where what it sends goes from now on. With PinMedia the port
+// of a track is connected to its player; when the reports of that one come from elsewhere all of a sudden, so does he.
+static void LearnPeer(Session *pSession, Port *pPort, const NetAddr *pFrom)
+{
+    if (!g_settings.bPinMedia || IsUdpPusher(pSession)) {
+        PortAim(pPort, pFrom);
+        return;
+    }
+    int i = FindTrack(pSession, pPort);
+    Port *pMedia = i < 0 ? nullptr : pSession->tracks[i].Media;
+    int bMoved = (pPort->nFlags & PORT_LEARNT) && !AddrSame(&pPort->remote, pFrom);
+    pPort->nFlags |= PORT_LEARNT;
+    if (!AddrSame(&pPort->remote, pFrom))
+        PortAim(pPort, pFrom);
+    if (pMedia == pPort)
+        PortConnect(pPort);
+    if (pMedia && pMedia != pPort && bMoved && (pMedia->nFlags & PORT_AIMED)) {
+        NetAddr pair = *pFrom;
+        AddrSetPort(&pair, SockGetPort(pFrom) - 1);
+        PortAim(pMedia, &pair);
+    }
+}
+
 // What a datagram costs: that of a pusher goes to every player.
 static uint32_t WorkOf(const Session *pSession)
 {
@@ -315,7 +338,7 @@ static int ReadUdp(Session *pSession, Port *pPort)
         NetAddr from;
         socklen_t nFrom = sizeof(from);
         ssize_t n = recvfrom(pPort->fd, frame + kInterleaveBytes, kLargestDatagram, 0, &from.any, &nFrom);
-        if (n < 0 && errno == EINTR)
+        if (n < 0 && (errno == EINTR || errno == ECONNREFUSED))  // of what was sent
             continue;
         if (n < 0 && errno != EAGAIN)
             return CloseAfterRecv(pSession, pPort, -1, errno);
@@ -323,7 +346,7 @@ static int ReadUdp(Session *pSession, Port *pPort)
             return AfterDatagrams(pSession);
         if (bPinned && !IsOfPeer(pSession, &from))
             continue;
-        pPort->remote = from;
+        LearnPeer(pSession, pPort, &from);
         NoteReceived(pSession, static_cast<size_t>(n));
         bMore = !SliceOver(&slice, WorkOf(pSession));
         if (!OnDatagram(pSession, pPort, frame, static_cast<size_t>(n))) {
@@ -441,6 +464,11 @@ static void OnClose(int fd)
     Port *pPort = FindPort(fd);
     Session *pSession = FindSession(fd);
     int nErrno = pPort ? SockTakeError(fd) : 0;
+    if (pPort && (pPort->nFlags & PORT_AIMED)) {  // nobody took a datagram, of which others are not told either
+        pPort->nFlags |= PORT_BOUNCED;
+        PortAim(pPort, &pPort->remote);
+        return;
+    }
     if (pPort && pSession)
         SessionClosePortFor(pSession, pPort, nErrno ? kEndBroken : kEndClosed, nErrno);
     else if (pPort && (pPort->nFlags & PORT_AWAITS_PEER))

@@ -116,8 +116,10 @@ static void FillDatagrams(const BlockQueue *pQueue, const Batch *pBatch, Datagra
         pOut->runs[m] = nRun;
         pOut->messages[m] = {};
         msghdr *pMessage = &pOut->messages[m].msg_hdr;
-        pMessage->msg_name = &pBatch->pPort->remote;
-        pMessage->msg_namelen = AddrSize(&pBatch->pPort->remote);
+        if (!(pBatch->pPort->nFlags & PORT_AIMED)) {
+            pMessage->msg_name = &pBatch->pPort->remote;
+            pMessage->msg_namelen = AddrSize(&pBatch->pPort->remote);
+        }
         pMessage->msg_iov = &pOut->parts[i];
         pMessage->msg_iovlen = nRun;
         if (nRun > 1)
@@ -139,7 +141,7 @@ static ssize_t WriteDatagrams(const BlockQueue *pQueue, const Batch *pBatch, uin
     FillDatagrams(pQueue, pBatch, &out);
     int nSent = sendmmsg(pBatch->pPort->fd, out.messages, out.nMessages, MSG_NOSIGNAL);
     int bSegments = out.nMessages < pBatch->nBlocks;
-    if (nSent < 0 && bSegments && errno != EAGAIN && errno != EINTR) {
+    if (nSent < 0 && bSegments && errno != EAGAIN && errno != EINTR && errno != ECONNREFUSED) {
         pBatch->pPort->nFlags |= PORT_NO_SEGMENTS;
         return WriteDatagrams(pQueue, pBatch, pnBytes);
     }
@@ -157,7 +159,7 @@ int WireWrite(const BlockQueue *pQueue, const Batch *pBatch, uint32_t *pnLeft, u
     ssize_t n;
     do
         n = bDatagrams ? WriteDatagrams(pQueue, pBatch, pnBytes) : WriteStream(pQueue, pBatch, pnBytes);
-    while (n < 0 && errno == EINTR);
+    while (n < 0 && (errno == EINTR || (bDatagrams && errno == ECONNREFUSED)));  // of an earlier datagram
     *pnLeft = 0;
     if (n < 0)
         return errno == EAGAIN || errno == EWOULDBLOCK ? 0 : -1;

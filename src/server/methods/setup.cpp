@@ -68,9 +68,13 @@ static Port *CreateMediaPort(Session *pSession, const Port *pPort, int nLocalPor
 // Sends what is left of a track to these ports from now on, until a datagram tells of others.
 static void AimPorts(SessionTrack *pTrack, const Port *pPort, int nRemotePort)
 {
-    pTrack->Media->remote = pTrack->Control->remote = pPort->remote;
-    AddrSetPort(&pTrack->Media->remote, nRemotePort);
-    AddrSetPort(&pTrack->Control->remote, nRemotePort + 1);
+    NetAddr peer = pPort->remote;
+    AddrSetPort(&peer, nRemotePort);
+    for (Port *pOld : {pTrack->Media, pTrack->Control})
+        pOld->nFlags &= static_cast<uint16_t>(~(PORT_LEARNT | PORT_BOUNCED));
+    PortAim(pTrack->Media, &peer);
+    AddrSetPort(&peer, nRemotePort + 1);
+    PortAim(pTrack->Control, &peer);
 }
 
 // Opens both sockets of a track on one pair. Returns 1, or 0 with both null when somebody sits on a port of
