@@ -41,7 +41,7 @@ inline constexpr BoxRow kBoxRows[] = {
     {"threads", &BoxFigures::nThreads, 0},
     {"bytes of media", &BoxFigures::nMediaBytes, 0},
     {"bytes of heap", &BoxFigures::nHeapBytes, 16384},
-    {"kB resident", &BoxFigures::nResidentKb, kSanitized ? 1 << 30 : 4096},
+    {"kB resident", &BoxFigures::nResidentKb, kSanitized || kEmulated ? 1 << 30 : 4096},
 };
 
 struct Box {
