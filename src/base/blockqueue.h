@@ -1,4 +1,5 @@
-// What waits to leave for one peer: references to blocks, in a ring that grows. No locking: scheduler thread only.
+// What waits to leave for one peer: references to blocks, in a ring that grows. No locking: scheduler thread
+// only.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +13,7 @@ struct BlockRef {
     uint32_t nClock = 0;          // of a live player's media ClockMs when it was queued, or 0
     uint16_t nSent = 0;           // bytes of RefData that have left
     uint8_t nFrom = 0;            // bytes of the block's head that are not for this peer
-    int8_t nTrack = -1;           // of media its track, where whoever queued it has looked; -1: its payload type tells
+    int8_t nTrack = -1;  // of media its track, where whoever queued it has looked; -1: its payload type tells
 };
 static_assert(sizeof(BlockRef) <= 16);
 
@@ -30,14 +31,15 @@ inline uint32_t RefFlags(const BlockRef *pRef)
     return pRef->pBlock->nFlags;
 }
 
-// What a reference counts in its queue: as much as a block of its own would, so that a bound is one of media, however
-// many share it.
+// What a reference counts in its queue: as much as a block of its own would, so that a bound is one of media,
+// however many share it.
 inline uint32_t RefBytes(const BlockRef *pRef)
 {
     return kBlockOverhead + RefLen(pRef);
 }
 
-// What it alone takes of the memory: of a cached packet the bytes are the cache's, or count as left (see BytesLeft).
+// What it alone takes of the memory: of a cached packet the bytes are the cache's, or count as left (see
+// BytesLeft).
 inline int64_t RefOwnBytes(const BlockRef *pRef)
 {
     return RefFlags(pRef) & DB_CACHED ? int64_t{sizeof(BlockRef)} : int64_t{RefBytes(pRef)};
@@ -64,9 +66,9 @@ inline BlockRef *QueueFirst(const BlockQueue *pQueue)
     return pQueue->nItems > 0 ? QueueAt(pQueue, 0) : nullptr;
 }
 
-// Puts a reference, which the queue holds from here on, at the end, or at a place up to nItems: those from there on move
-// up. Places and pointers into the queue count until the next such call. Returns where it is, or null without memory,
-// which is printed: it is given back then.
+// Puts a reference, which the queue holds from here on, at the end, or at a place up to nItems: those from
+// there on move up. Places and pointers into the queue count until the next such call. Returns where it is,
+// or null without memory, which is printed: it is given back then.
 int QueueGrow(BlockQueue *pQueue);
 inline BlockRef *QueueAppend(BlockQueue *pQueue, BlockRef ref)
 {

@@ -1,5 +1,5 @@
-// Memory that a connection receives into, one read behind the other, and in which what was received stays for as long
-// as somebody needs a piece of it. No locking: scheduler thread only.
+// Memory that a connection receives into, one read behind the other, and in which what was received stays for
+// as long as somebody needs a piece of it. No locking: scheduler thread only.
 #pragma once
 
 #include <cstddef>
@@ -15,8 +15,8 @@ struct Chunk {
     int bLeft = 0;         // no cache counts it, and blocks keep it
 };
 
-// The bytes of all chunks, and of all blocks with bytes of their own, that have left their cache and that queues still
-// hold.
+// The bytes of all chunks, and of all blocks with bytes of their own, that have left their cache and that
+// queues still hold.
 int64_t BytesLeft();
 void BytesLeftAdd(int64_t nBytes);
 
@@ -25,8 +25,8 @@ inline uint8_t *ChunkBytes(Chunk *pChunk)
     return reinterpret_cast<uint8_t *>(pChunk + 1);
 }
 
-// A chunk that its maker fills; null without memory. ChunkLeave: it does no longer; the last block frees it, or this
-// when there is none. Accepts null.
+// A chunk that its maker fills; null without memory. ChunkLeave: it does no longer; the last block frees it,
+// or this when there is none. Accepts null.
 Chunk *ChunkNew(uint32_t nSize);
 void ChunkLeave(Chunk *pChunk);
 
@@ -37,7 +37,8 @@ inline void ChunkHold(Chunk *pChunk)
 }
 void ChunkDrop(Chunk *pChunk);
 
-// A block of it is in a cache, or is no longer. Returns 1 when the cache is to count the whole chunk, or not any more.
+// A block of it is in a cache, or is no longer. Returns 1 when the cache is to count the whole chunk, or not
+// any more.
 int ChunkCached(Chunk *pChunk);
 int ChunkUncached(Chunk *pChunk);
 

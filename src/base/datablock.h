@@ -1,6 +1,6 @@
-// One packet or one reply text: a record with its flags and times, and bytes that lie behind it or in the chunk that
-// they were received into. Held once, whoever waits for it: counted by reference.
-// No locking: scheduler thread only, but for blocks that their maker alone has.
+// One packet or one reply text: a record with its flags and times, and bytes that lie behind it or in the
+// chunk that they were received into. Held once, whoever waits for it: counted by reference. No locking:
+// scheduler thread only, but for blocks that their maker alone has.
 #pragma once
 
 #include <cstddef>
@@ -71,7 +71,8 @@ inline DataBlock *PrevBlock(const DataBlock *pBlock)
 }
 
 // Makes a block with a copy of nLen (below 65536, an assertion) bytes of pData; null when memory runs out,
-// which is printed. The caller holds the only reference, and gives it to a list or queue, or back with FreeDataBlock.
+// which is printed. The caller holds the only reference, and gives it to a list or queue, or back with
+// FreeDataBlock.
 DataBlock *MakeDataBlock(const void *pData, size_t nLen, int bMedia, int bVideo, int bKey);
 
 // The same with the flags word given.
@@ -110,7 +111,8 @@ struct BlockSum {
     int64_t *pTotal = nullptr;  // bytes of media in this list and others together; not owned, may be null
 };
 
-// Counts a block that comes (nSign 1) or goes (-1) and takes nBytes of the memory; *pTotal counts nOwn of them.
+// Counts a block that comes (nSign 1) or goes (-1) and takes nBytes of the memory; *pTotal counts nOwn of
+// them.
 inline void BlockCount(BlockSum *pSum, uint32_t nFlags, int64_t nBytes, int64_t nOwn, int nSign)
 {
     pSum->nBytes += nSign * nBytes;
@@ -128,8 +130,8 @@ inline void BlockCount(BlockSum *pSum, uint32_t nFlags, int64_t nBytes, int64_t 
 // Takes what the blocks of another sum, which is in no total, came to.
 void BlockSumTake(BlockSum *pSum, const BlockSum *pGone);
 
-// Readies pList as a cache of blocks that it holds: embedded nodes. Of a chunk that its blocks are in all bytes count,
-// and once. What it gives back leaves *pSum, and what BlockListAppend enters is added to it.
+// Readies pList as a cache of blocks that it holds: embedded nodes. Of a chunk that its blocks are in all
+// bytes count, and once. What it gives back leaves *pSum, and what BlockListAppend enters is added to it.
 void BlockListInit(List *pList, BlockSum *pSum);
 int BlockListAppend(List *pList, DataBlock *pBlock);
 // Takes a block out and gives it back.

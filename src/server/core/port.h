@@ -54,8 +54,8 @@ void PortNamePeer(Port *pPort, const NetAddr *pPeer);
 // reading; null on failure. Of the addresses the ports do not count: those given do, host order and not 0.
 Port *CreateUdpPort(const NetAddr *pLocal, int nLocalPort, const NetAddr *pRemote, int nRemotePort);
 
-// Aims a UDP port at another peer. PortConnect tells the system whom it is aimed at, so that the way there is not looked
-// up with each call; from then on datagrams of that peer alone come in, until it is aimed anew.
+// Aims a UDP port at another peer. PortConnect tells the system whom it is aimed at, so that the way there is
+// not looked up with each call; from then on datagrams of that peer alone come in, until it is aimed anew.
 void PortAim(Port *pPort, const NetAddr *pTo);
 void PortConnect(Port *pPort);
 

@@ -27,7 +27,9 @@ namespace orx {
 static constexpr uint32_t kChunkBytes = 64 << 10;  // a quarter of a second of 2 Mbit/s
 static constexpr uint32_t kMostChunkBytes = 256 << 10;
 static constexpr uint32_t kFastChunkMs = 100;
-static constexpr uint32_t kLeastRoom = 4096;       // of a chunk for one more read
+static constexpr uint32_t kTextBytes = 2048;       // a player's requests: those who send more get nTotal
+static constexpr uint32_t kTextRoom = 512;         // of a chunk for one more read
+static constexpr uint32_t kStreamRoom = 4096;      // the same of media
 static constexpr uint32_t kIdleCheckMs = 5000;     // who connects has something to say by then
 static constexpr uint32_t kDelayedCloseMs = 2000;  // time for a last reply to arrive before the reset
 
@@ -78,13 +80,22 @@ static int InputBegin(SessionInput *pInput, uint32_t nSize)
     return 1;
 }
 
-// Twice as much when one was full so soon that large pictures do not fit into it.
-static uint32_t NextChunkBytes(const SessionInput *pInput)
+// Of media twice as much when one was full so soon that large pictures do not fit into it.
+static uint32_t NextChunkBytes(const SessionInput *pInput, uint32_t nRoom)
 {
     uint32_t nLast = pInput->pChunk->nSize;
-    int bFast = pInput->bStream && ClockMs() - pInput->nChunkMs < kFastChunkMs;
-    uint32_t nBytes = bFast ? std::min(2 * nLast, kMostChunkBytes) : nLast / 2;
-    return std::max({nBytes, kChunkBytes, pInput->nTotal});
+    uint32_t nNeeded = std::max(pInput->nTotal, pInput->nLen + nRoom + 1);
+    if (!pInput->bStream)
+        return nNeeded;
+    int bFast = ClockMs() - pInput->nChunkMs < kFastChunkMs;
+    return std::max({bFast ? std::min(2 * nLast, kMostChunkBytes) : nLast / 2, kChunkBytes, nNeeded});
+}
+
+int InputReserve(SessionInput *pInput, uint32_t nRoom)
+{
+    uint32_t nHas = InputRoom(pInput);
+    int bBound = !pInput->bStream && pInput->nLen + nHas + 1 == pInput->nTotal;  // no more may be held
+    return nHas >= nRoom || bBound || InputBegin(pInput, NextChunkBytes(pInput, nRoom));
 }
 
 int InputTake(SessionInput *pInput, uint32_t nTaken)
@@ -97,10 +108,7 @@ int InputTake(SessionInput *pInput, uint32_t nTaken)
         pInput->pBuf = pFirst;
     }
     pInput->pBuf[pInput->nLen] = 0;
-    uint32_t nRoom = InputRoom(pInput);
-    if (nRoom >= kLeastRoom || (!pInput->bStream && pInput->nLen + nRoom + 1 == pInput->nTotal))
-        return 1;
-    return InputBegin(pInput, NextChunkBytes(pInput));
+    return InputReserve(pInput, pInput->bStream ? kStreamRoom : kTextRoom);
 }
 
 static Session *NewSession()
@@ -112,7 +120,7 @@ static Session *NewSession()
     }
     pSession->input.nTotal = g_settings.nSessionBufSize;
     ORX_ASSERT(pSession->input.nTotal, "p->nTotal");
-    if (!InputBegin(&pSession->input, pSession->input.nTotal)) {
+    if (!InputBegin(&pSession->input, std::min(kTextBytes, pSession->input.nTotal))) {
         delete pSession;
         return nullptr;
     }

@@ -283,9 +283,11 @@ inline uint32_t InputRoom(const SessionInput *pInput)
     return std::min(nRoom, pInput->nTotal - 1 - pInput->nLen);
 }
 
-// The first nTaken of them are worked off: makes room for more. Packets stay where they are. Returns 1, or 0 without
-// memory: the session is to be ended.
+// The first nTaken of them are worked off: makes room for more. Packets stay where they are. InputReserve:
+// makes room for nRoom bytes, or as many as may be held. Returns 1, or 0 without memory: the session is to be
+// ended.
 int InputTake(SessionInput *pInput, uint32_t nTaken);
+int InputReserve(SessionInput *pInput, uint32_t nRoom);
 
 // Takes over an accepted or handed-over connection: a session on pPort, in the list and in the session map.
 // Null when memory runs out; the port is then left to the caller.

@@ -213,6 +213,11 @@ int RtspSessionCreate(int fd, const void *pData, size_t nLen, const FrontedPeer 
         SessionEnd(pSession);
         return 0;
     }
+    if (!InputReserve(&pSession->input, static_cast<uint32_t>(nLen))) {
+        SessionNoteEnd(pSession, "no memory is left");
+        SessionEnd(pSession);
+        return 0;
+    }
     memcpy(pSession->input.pBuf, pData, nLen);
     pSession->input.pBuf[nLen] = 0;
     pSession->input.nLen = static_cast<uint32_t>(nLen);
@@ -290,8 +295,9 @@ static int IsOfPeer(const Session *pSession, const NetAddr *pFrom)
     return pPort && AddrSameHost(&pPort->remote, pFrom);
 }
 
-// A datagram of its peer has come to a media port: that is where what it sends goes from now on. With PinMedia the port
-// of a track is connected to its player; when the reports of that one come from elsewhere all of a sudden, so does he.
+// A datagram of its peer has come to a media port: that is where what it sends goes from now on. With
+// PinMedia the port of a track is connected to its player; when the reports of that one come from elsewhere
+// all of a sudden, so does he.
 static void LearnPeer(Session *pSession, Port *pPort, const NetAddr *pFrom)
 {
     if (!g_settings.bPinMedia || IsUdpPusher(pSession)) {
@@ -464,7 +470,8 @@ static void OnClose(int fd)
     Port *pPort = FindPort(fd);
     Session *pSession = FindSession(fd);
     int nErrno = pPort ? SockTakeError(fd) : 0;
-    if (pPort && (pPort->nFlags & PORT_AIMED)) {  // nobody took a datagram, of which others are not told either
+    if (pPort &&
+        (pPort->nFlags & PORT_AIMED)) {  // nobody took a datagram, of which others are not told either
         pPort->nFlags |= PORT_BOUNCED;
         PortAim(pPort, &pPort->remote);
         return;

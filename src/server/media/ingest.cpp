@@ -43,8 +43,9 @@ int FeedProgram(Session *pSession, unsigned nTrack, const uint8_t *pFrame, uint3
     int bStart = bVideo && KeyStartWanted(pProg);
     int bKey = bVideo && !bStart && IsKeyFrame(pProg, pFrame, nBytes);
     uint32_t nFlags = DB_MEDIA | nJump | (bVideo ? DB_VIDEO : 0U) | (bKey ? DB_KEY : 0U);
-    DataBlock *pBlock = pChunk ? MakeChunkBlock(pChunk, static_cast<uint32_t>(pFrame - ChunkBytes(pChunk)), nBytes, nFlags)
-                               : MakeDataBlock2(pFrame, nBytes, nFlags);
+    DataBlock *pBlock =
+        pChunk ? MakeChunkBlock(pChunk, static_cast<uint32_t>(pFrame - ChunkBytes(pChunk)), nBytes, nFlags)
+               : MakeDataBlock2(pFrame, nBytes, nFlags);
     if (!pBlock) {
         print("MakeDataBlock() failed and Destroy the Session!\r\n");
         SessionNoteEnd(pSession, "no memory is left");

@@ -140,8 +140,8 @@ int QueueRelieve(Session *pSession)
     return !QueueIsFull(pSession);
 }
 
-// The place of the first group that has not begun to leave; that behind the last one when there is none. A start always
-// counts as begun.
+// The place of the first group that has not begun to leave; that behind the last one when there is none. A
+// start always counts as begun.
 static uint32_t FirstUnbegun(const Session *pSession)
 {
     const BlockQueue *pQueue = &pSession->out.Outq;

@@ -84,12 +84,12 @@ inline int IsDatagram(const Session *pSession, const BlockRef *pRef)
     return (RefFlags(pRef) & DB_MEDIA) && !pSession->out.bInterleaved;
 }
 
-// Queues a cached packet for a player. nClock: ClockMs, from when on it waits; 0 of a start, which does not count.
-// Returns the track it is for, or -1 when it was left out.
+// Queues a cached packet for a player. nClock: ClockMs, from when on it waits; 0 of a start, which does not
+// count. Returns the track it is for, or -1 when it was left out.
 int QueuePacket(Session *pSession, DataBlock *pBlock, uint32_t nClock);
 
-// Puts a block that the queue holds from here on at a place (kQueueEnd: the end); one place up when part of what is
-// there has left already, so that the stream stays whole. Returns where it is, or -1 without memory.
+// Puts a block that the queue holds from here on at a place (kQueueEnd: the end); one place up when part of
+// what is there has left already, so that the stream stays whole. Returns where it is, or -1 without memory.
 int64_t QueueBefore(Session *pSession, DataBlock *pBlock, uint32_t nBefore);
 
 // Whether more bytes wait than may, and what a live player loses for it. QueueRelieve returns 0 when nothing

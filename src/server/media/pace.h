@@ -85,8 +85,9 @@ inline void PaceGoOn(Pace *pPace, const Session *pSession)
         pPace->nRoom = pSession->flow.nRoom;
 }
 
-// The place of the first packet of the queue that the pace holds back and that a reply need not wait for; kQueueEnd
-// when there is none. Replies keep their order among themselves; reports, which carry the key flag, may be passed.
+// The place of the first packet of the queue that the pace holds back and that a reply need not wait for;
+// kQueueEnd when there is none. Replies keep their order among themselves; reports, which carry the key flag,
+// may be passed.
 uint32_t PaceFirstHeld(const Session *pSession);
 
 // Whether of a recording's picture a part has left over UDP, and the rest waits for room: a jump or a pause

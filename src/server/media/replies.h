@@ -85,7 +85,8 @@ void MessageSession(Message *pMessage);
 void MessageDate(Message *pMessage);
 
 // Ends the header block and sends it, with an optional body behind it, before a place of the queue or
-// (kQueueEnd) behind what must not be overtaken. Returns Keep, or End when it did not fit or could not be sent.
+// (kQueueEnd) behind what must not be overtaken. Returns Keep, or End when it did not fit or could not be
+// sent.
 Verdict MessageSend(Message *pMessage);
 Verdict MessageSendBody(Message *pMessage, const void *pBody, size_t nBody);
 Verdict MessageSendBefore(Message *pMessage, uint32_t nBefore);

@@ -181,8 +181,7 @@ static int OnBlocked(Session *pSession, const Port *pPort, int bPush)
 static int HoldsDatagrams(const Session *pSession)
 {
     return pSession->flow.nStartBlocks > 0 ||
-           (PaceCountsBytes(pSession) && pSession->nState == STATE_PLAYING &&
-            pSession->out.Outq.nItems > 0);
+           (PaceCountsBytes(pSession) && pSession->nState == STATE_PLAYING && pSession->out.Outq.nItems > 0);
 }
 
 static int OnCatchUpTimer(Task *pTask, uint32_t, uint32_t nNow, uint32_t)

@@ -14,8 +14,8 @@ namespace orx {
 static constexpr size_t kMaxSegment = 1472;     // a larger datagram does not fit an Ethernet frame (IPv4)
 static constexpr size_t kMaxSegmented = 65000;  // bytes of one segmented message, below what IPv4 can carry
 
-// What is to be written of the blocks, *pnBytes altogether. Neighbours in memory, as packets are that came one behind the
-// other, are one part. Returns how many parts.
+// What is to be written of the blocks, *pnBytes altogether. Neighbours in memory, as packets are that came
+// one behind the other, are one part. Returns how many parts.
 static size_t StreamParts(const BlockQueue *pQueue, const Batch *pBatch, iovec *parts, size_t *pnBytes)
 {
     size_t nParts = 0;

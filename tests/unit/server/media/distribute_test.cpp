@@ -262,9 +262,7 @@ TEST_F(PlayerQueueTest, ABoundInBytesForAllQueues)
         Push({0, 0, 0, 1, 60000}, 15);
         int64_t nMost = 0;
         Session *pReader = nullptr;
-        auto measure = [&] {
-            nMost = std::max(nMost, g_server.nQueuedBytes + BytesLeft());
-        };
+        auto measure = [&] { nMost = std::max(nMost, g_server.nQueuedBytes + BytesLeft()); };
         size_t nReceived = 0;
         auto read = [&](size_t nBytes) {
             return WaitFor([&] {
