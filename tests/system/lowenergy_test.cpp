@@ -2,6 +2,7 @@
 // be moved.
 #include <memory>
 
+#include "server/core/session.h"
 #include "server/core/settings.h"
 #include "system/localserver.h"
 #include "system/systemtest.h"
@@ -115,6 +116,11 @@ TEST_F(LowEnergyTest, DropsAPusherThatWentWhileTheMachineSlept)
     ASSERT_EQ(1, RtspOpenPlayer(&player, url.c_str(), RTSP_OVER_TCP));
     server->server.Run([] { g_settings.nStateTimeout = 30; });
     server->MoveClock(kSleptMs);
+    EXPECT_TRUE(WaitFor([&] {  // the watchdog has looked: silence counts from here on
+        uint32_t tHeard = 0;
+        server->server.Run([&] { tHeard = FirstSession()->peer.tLastActivity; });
+        return tHeard >= kSleptMs / 1000;
+    }));
     server->MoveClock(kSleptMs + 130000);
     EXPECT_EQ(1, RtspWaitClosed(&pusher));
 }
