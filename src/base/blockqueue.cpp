@@ -1,6 +1,7 @@
 #include "base/blockqueue.h"
 
 #include <cstdlib>
+#include <utility>
 
 #include "base/assertion.h"
 #include "base/console.h"
@@ -36,6 +37,21 @@ BlockRef *QueueInsert(BlockQueue *pQueue, uint32_t nAt, BlockRef ref)
         *QueueAt(pQueue, i) = *QueueAt(pQueue, i - 1);
     *QueueAt(pQueue, nAt) = ref;
     return QueueAt(pQueue, nAt);
+}
+
+int QueueOwn(BlockQueue *pQueue, uint32_t nAt)
+{
+    BlockRef *pRef = QueueAt(pQueue, nAt);
+    const DataBlock *pOld = pRef->pBlock;
+    DataBlock *pOwn = MakeDataBlock2(pOld->pData, pOld->len, pOld->nFlags & ~(DB_CACHED | DB_LEFT));
+    if (!pOwn)
+        return 0;
+    pOwn->nTimestamp = pOld->nTimestamp;
+    pOwn->nSerial = pOld->nSerial;
+    BlockCount(&pQueue->sum, RefFlags(pRef), RefBytes(pRef), RefOwnBytes(pRef), -1);
+    FreeDataBlock(std::exchange(pRef->pBlock, pOwn));
+    BlockCount(&pQueue->sum, RefFlags(pRef), RefBytes(pRef), RefOwnBytes(pRef), 1);
+    return 1;
 }
 
 void QueueTake(BlockQueue *pQueue, uint32_t nCount)

@@ -83,6 +83,9 @@ inline BlockRef *QueueAppend(BlockQueue *pQueue, BlockRef ref)
 }
 BlockRef *QueueInsert(BlockQueue *pQueue, uint32_t nAt, BlockRef ref);
 
+// Has the one at a place hold a block of its own, which may be changed. Returns 1, or 0 without memory.
+int QueueOwn(BlockQueue *pQueue, uint32_t nAt);
+
 // Gives back the first nCount; the one at a place; all.
 void QueueTake(BlockQueue *pQueue, uint32_t nCount);
 void QueueRemove(BlockQueue *pQueue, uint32_t nAt);

@@ -21,7 +21,7 @@ enum : uint16_t {
     PORT_MORE_WAITS = 0x8,   // a further read is scheduled
     PORT_LEARNT = 0x10,      // UDP: remote is where a datagram came from
     PORT_AIMED = 0x20,       // UDP: the system knows the peer, too (see PortConnect)
-    PORT_BOUNCED = 0x40,     // and told that nobody took what was sent
+    PORT_BOUNCED = 0x40,     // and told once that nobody took what was sent: it is not told the peer again
     PORT_CONNECTED = 0x200,
     PORT_NO_SEGMENTS = 0x400,   // UDP: the path to the peer takes single datagrams only
     PORT_RELAYED = 0x800,       // the connection of a bridge: its peer is a stranger behind the relay

@@ -470,8 +470,8 @@ static void OnClose(int fd)
     Port *pPort = FindPort(fd);
     Session *pSession = FindSession(fd);
     int nErrno = pPort ? SockTakeError(fd) : 0;
-    if (pPort &&
-        (pPort->nFlags & PORT_AIMED)) {  // nobody took a datagram, of which others are not told either
+    // nobody took a datagram, of which others are not told either; more of that may be on its way
+    if (pPort && (pPort->nFlags & (PORT_AIMED | PORT_BOUNCED))) {
         pPort->nFlags |= PORT_BOUNCED;
         PortAim(pPort, &pPort->remote);
         return;

@@ -160,8 +160,10 @@ static void WriteRtpInfo(const Session *pSession, const char *szUrl, int bSequen
 static void Jump(Session *pSession, uint32_t nReached, int nScale)
 {
     QueueDropMedia(pSession);
-    for (uint32_t i = 0; i < pSession->out.Outq.nItems; i++)
-        QueueAt(&pSession->out.Outq, i)->pBlock->nTimestamp = nReached;
+    BlockQueue *pQueue = &pSession->out.Outq;
+    for (uint32_t i = 0; i < pQueue->nItems; i++)
+        if (BlockRef *p = QueueAt(pQueue, i); !(RefFlags(p) & DB_CACHED) || QueueOwn(pQueue, i))
+            p->pBlock->nTimestamp = nReached;
     pSession->play.nPlayPos = nReached;
     PlayLineBegin(&pSession->play.line, nReached, nScale);
 }

@@ -71,7 +71,7 @@ static void AimPorts(SessionTrack *pTrack, const Port *pPort, int nRemotePort)
     NetAddr peer = pPort->remote;
     AddrSetPort(&peer, nRemotePort);
     for (Port *pOld : {pTrack->Media, pTrack->Control})
-        pOld->nFlags &= static_cast<uint16_t>(~(PORT_LEARNT | PORT_BOUNCED));
+        pOld->nFlags &= static_cast<uint16_t>(~PORT_LEARNT);
     PortAim(pTrack->Media, &peer);
     AddrSetPort(&peer, nRemotePort + 1);
     PortAim(pTrack->Control, &peer);

@@ -109,9 +109,10 @@ TEST(BlockQueue, KeepsTheBytesOfPackets)
         for (uint32_t nLeft = 3; nLeft > 0; nLeft--) {
             EXPECT_EQ("abc", std::string(reinterpret_cast<const char *>(RefData(QueueFirst(&queue))), 3));
             EXPECT_LT(0, BytesLeft()) << nLeft;
+            EXPECT_EQ(1, nLeft > 1 || QueueOwn(&queue, 0));
+            EXPECT_EQ(nLeft > 1, BytesLeft() > 0) << "one that is its own keeps nothing of others";
             QueueTake(&queue, 1);
         }
-        EXPECT_EQ(0, BytesLeft());
         QueueEmpty(&queue);
     }
 }
