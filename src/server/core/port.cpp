@@ -125,7 +125,7 @@ void PortAim(Port *pPort, const NetAddr *pTo)
     pPort->nFlags &= static_cast<uint16_t>(~PORT_AIMED);
     sockaddr nobody{};
     nobody.sa_family = AF_UNSPEC;
-    connect(pPort->fd, &nobody, sizeof(nobody));
+    (void)connect(pPort->fd, &nobody, sizeof(nobody));
 }
 
 void PortConnect(Port *pPort)
