@@ -36,6 +36,7 @@ static Task *g_pAcceptAgain = nullptr;  // its task, while one is
 // So much of what a socket holds is taken at once; the rest waits its turn behind what else is due.
 static constexpr size_t kBytesPerEvent = 65536;
 static constexpr int kDatagramsPerEvent = 64;
+static constexpr int kDatagramsPerCall = 8;  // a picture of a common rate
 static constexpr int kAcceptsPerEvent = 64;
 static constexpr size_t kLargestDatagram = 65507;  // that IPv4 carries
 static constexpr int kMoreDelayMs = 1;
@@ -332,33 +333,62 @@ static int AfterDatagrams(Session *pSession)
     return 0;
 }
 
+// What one call receives.
+struct Datagrams {
+    mmsghdr heads[kDatagramsPerCall];
+    iovec parts[kDatagramsPerCall];
+    NetAddr from[kDatagramsPerCall];
+    uint8_t frames[kDatagramsPerCall][kInterleaveBytes + kLargestDatagram];
+};
+static Datagrams g_datagrams;  // the scheduler thread's
+
+// Returns how many, or -1 (errno).
+static int ReceiveSome(int fd, Datagrams *pOut)
+{
+    for (int i = 0; i < kDatagramsPerCall; i++) {
+        pOut->parts[i] = {pOut->frames[i] + kInterleaveBytes, kLargestDatagram};
+        pOut->heads[i] = {};
+        msghdr *pHead = &pOut->heads[i].msg_hdr;
+        pHead->msg_name = &pOut->from[i];
+        pHead->msg_namelen = sizeof(pOut->from[i]);
+        pHead->msg_iov = &pOut->parts[i];
+        pHead->msg_iovlen = 1;
+    }
+    return recvmmsg(fd, pOut->heads, kDatagramsPerCall, 0, nullptr);
+}
+
+// Returns 0 when the session must end.
+static int TakeDatagram(Session *pSession, Port *pPort, int i)
+{
+    const NetAddr *pFrom = &g_datagrams.from[i];
+    size_t nBytes = g_datagrams.heads[i].msg_len;
+    if ((g_settings.bPinMedia || IsUdpPusher(pSession)) && !IsOfPeer(pSession, pFrom))
+        return 1;
+    LearnPeer(pSession, pPort, pFrom);
+    NoteReceived(pSession, nBytes);
+    return OnDatagram(pSession, pPort, g_datagrams.frames[i], nBytes);
+}
+
 // Reads the datagrams of a media socket. They never mix with the text of the control connection: each is a
 // sign of life, is looked at by itself, and is gone. An empty one, sent to open a NAT, is as good as any.
 static int ReadUdp(Session *pSession, Port *pPort)
 {
-    uint8_t frame[kInterleaveBytes + kLargestDatagram];
-    int bPinned = g_settings.bPinMedia || IsUdpPusher(pSession);
-    int bMore = 1;
     Slice slice = SliceBegin();
-    for (int i = 0; i < kDatagramsPerEvent && bMore; i++) {
-        NetAddr from;
-        socklen_t nFrom = sizeof(from);
-        ssize_t n = recvfrom(pPort->fd, frame + kInterleaveBytes, kLargestDatagram, 0, &from.any, &nFrom);
+    for (int i = 0; i < kDatagramsPerEvent; i += kDatagramsPerCall) {
+        int n = ReceiveSome(pPort->fd, &g_datagrams);
         if (n < 0 && (errno == EINTR || errno == ECONNREFUSED))  // of what was sent
             continue;
         if (n < 0 && errno != EAGAIN)
             return CloseAfterRecv(pSession, pPort, -1, errno);
-        if (n < 0)
+        for (int k = 0; k < n; k++)
+            if (!TakeDatagram(pSession, pPort, k)) {
+                SessionEnd(pSession);
+                return -1;
+            }
+        if (n < kDatagramsPerCall)  // no more has come
             return AfterDatagrams(pSession);
-        if (bPinned && !IsOfPeer(pSession, &from))
-            continue;
-        LearnPeer(pSession, pPort, &from);
-        NoteReceived(pSession, static_cast<size_t>(n));
-        bMore = !SliceOver(&slice, WorkOf(pSession));
-        if (!OnDatagram(pSession, pPort, frame, static_cast<size_t>(n))) {
-            SessionEnd(pSession);
-            return -1;
-        }
+        if (SliceOver(&slice, WorkOf(pSession) * kDatagramsPerCall))
+            break;
     }
     PortReadLater(pPort);
     return AfterDatagrams(pSession);
