@@ -33,8 +33,14 @@ BlockRef *QueueInsert(BlockQueue *pQueue, uint32_t nAt, BlockRef ref)
     ORX_ASSERT(nAt <= pQueue->nItems, "nAt <= nItems");
     if (!QueueAppend(pQueue, ref))
         return nullptr;
-    for (uint32_t i = pQueue->nItems - 1; i > nAt; i--)
-        *QueueAt(pQueue, i) = *QueueAt(pQueue, i - 1);
+    if (nAt < pQueue->nItems / 2) {  // a reply stands before a whole start: those before it move down
+        pQueue->nFirst--;
+        for (uint32_t i = 0; i < nAt; i++)
+            *QueueAt(pQueue, i) = *QueueAt(pQueue, i + 1);
+    } else {
+        for (uint32_t i = pQueue->nItems - 1; i > nAt; i--)
+            *QueueAt(pQueue, i) = *QueueAt(pQueue, i - 1);
+    }
     *QueueAt(pQueue, nAt) = ref;
     return QueueAt(pQueue, nAt);
 }
