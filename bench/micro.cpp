@@ -152,9 +152,8 @@ struct Player {
         out.nScratch = kMinScratch;
         out.nTracks = 1;
         out.tracks[0] = &track;
-        BlockListInit(&out.Outq, &out.queued);
     }
-    ~Player() { ListEmpty(&out.Outq); }
+    ~Player() { QueueEmpty(&out.Outq); }
 };
 
 static std::string Unit(const std::string &head, size_t nBytes)
@@ -188,7 +187,7 @@ static void Packetisers(benchmark::State &state)
         if (nNew == 0)
             state.SkipWithError("not packed");
         nPackets += nNew;
-        ListEmpty(&player.out.Outq);
+        QueueEmpty(&player.out.Outq);
     }
     state.SetLabel(sample.szName);
     state.SetItemsProcessed(nPackets);

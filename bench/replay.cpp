@@ -25,9 +25,11 @@
 #include "record/zmfwriter.h"
 #include "runtime/diskthread.h"
 #include "server/core/port.h"
+#include "server/core/program.h"
 #include "server/core/session.h"
 #include "server/front/events.h"
 #include "server/front/server.h"
+#include "server/media/distribute.h"
 #include "support/testcore.h"
 
 using namespace orx;
@@ -418,9 +420,11 @@ static void FeedPictures(const Case &is, const Programs &all, int nPictures)
     }
 }
 
-// Everything that was pushed has come to every player.
+// Everything that was pushed has come to every player. What waits for a further read of the pusher leaves without it.
 static void AwaitAll(const Case &is, const Programs &all, int nPictures)
 {
+    for (Program *p = FirstProgram(); p; p = NextProgram(p))
+        FlushPlayers(p);
     const size_t nBytes = kBytes + (is.bUdpPlayers ? 0 : kInterleaveBytes);
     for (int k = 0; k < is.nPrograms; k++)
         Await([&] {

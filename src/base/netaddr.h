@@ -40,6 +40,12 @@ void AddrUnmap(NetAddr *pAddr);
 // Whether two addresses are those of one host as far as they tell: all of them but the ports.
 int AddrSameHost(const NetAddr *pOne, const NetAddr *pOther);
 
+// The same with the port.
+inline int AddrSame(const NetAddr *pOne, const NetAddr *pOther)
+{
+    return pOne->in4.sin_port == pOther->in4.sin_port && AddrSameHost(pOne, pOther);
+}
+
 // Whose share an address is where peers are counted: an IPv4 address (host order) itself; of IPv6 the first
 // 64 bits, which are what one customer or one network has, whose hosts take any of the rest; of a link-local
 // address the host on the link. No two families share a number: nobody is given addresses of 0000::/8.

@@ -114,8 +114,7 @@ static int Finish(PacketBuilder *pPacket, uint32_t nTimeMs, int bMarker, int bVi
     if (!pBlock)
         return 0;
     pBlock->nTimestamp = nTimeMs;
-    BlockListAppend(&pPacket->pOut->Outq, pBlock);
-    return 1;
+    return QueueAppend(&pPacket->pOut->Outq, {pBlock}) != nullptr;
 }
 
 // --- H.264 and H.265 ---

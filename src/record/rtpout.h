@@ -4,8 +4,7 @@
 
 #include <cstdint>
 
-#include "base/datablock.h"
-#include "base/linkedlist.h"
+#include "base/blockqueue.h"
 
 namespace orx {
 
@@ -30,8 +29,7 @@ struct RtpOut {
     int bSampleStamps = 0;        // G.711 is stamped by its samples, and packets may be of any length
     uint8_t *pScratch = nullptr;  // room for one packet while it is built; from malloc, the owner's
     uint32_t nScratch = 0;        // its size
-    List Outq;                    // DataBlocks waiting to be sent, owned
-    BlockSum queued;              // what they come to
+    BlockQueue Outq;              // waits to be sent
     int nTracks = 0;
     RtpTrack *tracks[kMaxTracks] = {};  // the owner's records
 };

@@ -28,19 +28,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nBytes)
     track.nMediaType = kind.nMediaType;
     track.nTimeScale = 8000;
     out.tracks[1] = &track;
-    BlockListInit(&out.Outq, nullptr);
     int nPackets = kind.pfn(&out, sample.get(), static_cast<uint32_t>(nBytes - 1), 1000, 1);
-    ORX_ASSERT(nPackets >= 0 && (nPackets == 0 || static_cast<unsigned>(nPackets) == ListCount(&out.Outq)),
+    ORX_ASSERT(nPackets >= 0 && (nPackets == 0 || static_cast<unsigned>(nPackets) == out.Outq.nItems),
                "every packet is counted");
     uint32_t nAt = out.bInterleaved ? kInterleaveBytes : 0;
     unsigned nMarkers = 0;
-    for (auto *p = ListFirstOf<DataBlock>(&out.Outq); p; p = reinterpret_cast<DataBlock *>(p->node.pNext)) {
+    for (uint32_t i = 0; i < out.Outq.nItems; i++) {
+        const DataBlock *p = QueueAt(&out.Outq, i)->pBlock;
         ORX_ASSERT(p->len >= nAt + kRtpHeaderBytes && BlockData(p)[nAt] == 0x80, "an RTP packet");
         ORX_ASSERT(nAt == 0 || GetBe(BlockData(p) + 2, 2) + 4 == p->len, "the prefix names its length");
         nMarkers += BlockData(p)[nAt + 1] >> 7;
     }
     ORX_ASSERT(nPackets == 0 || !(kind.nMediaType & MEDIA_VIDEO_MASK) || kind.nMediaType == MEDIA_DATA || nMarkers == 1,
                "one marker");
-    ListEmpty(&out.Outq);
+    QueueEmpty(&out.Outq);
     return 0;
 }

@@ -1,8 +1,9 @@
 #!/usr/bin/python3
 """Cameras that nobody here wrote: gst-rtsp-server. Debian's own python3 has its bindings.
 
-gstcamera.py PORT [basic|digest]: /h264 with AAC, /h265, /mjpeg, /g711 with H.264, and /udponly. With a scheme they
-want the name "ann" and the password "ann:pw@/"."""
+gstcamera.py PORT [basic|digest|apart]: /h264 with AAC, /h265, /mjpeg, /g711 with H.264, and /udponly. With a scheme
+they want the name "ann" and the password "ann:pw@/". Who asks for one program shares its pipeline, unless they are kept
+apart: where several set one up at the same moment the library aborts once in a while ("gst_rtsp_media_get_rates")."""
 
 import sys
 
@@ -25,10 +26,10 @@ PROGRAMS = {
 USER, PASSWORD = "ann", "ann:pw@/"
 
 
-def factory(path, launch, locked):
+def factory(path, launch, locked, shared):
     made = GstRtspServer.RTSPMediaFactory()
     made.set_launch("( %s )" % launch)
-    made.set_shared(True)
+    made.set_shared(shared)
     if path == "/udponly":
         made.set_protocols(GstRtsp.RTSPLowerTrans.UDP)
     if locked:
@@ -53,7 +54,8 @@ def lock(scheme):
 
 def main():
     Gst.init(None)
-    scheme = sys.argv[2] if len(sys.argv) > 2 else ""
+    word = sys.argv[2] if len(sys.argv) > 2 else ""
+    scheme = "" if word == "apart" else word
     server = GstRtspServer.RTSPServer()
     server.set_address("127.0.0.1")
     server.set_service(sys.argv[1])
@@ -61,7 +63,7 @@ def main():
     if scheme:
         server.set_auth(lock(scheme))
     for path, launch in PROGRAMS.items():
-        server.get_mount_points().add_factory(path, factory(path, launch, scheme))
+        server.get_mount_points().add_factory(path, factory(path, launch, scheme, word != "apart"))
     if not server.attach(None):
         sys.exit("port %s is taken" % sys.argv[1])
     print("ready", flush=True)

@@ -55,12 +55,11 @@ class PullTest(InteropCase):
         """Every codec over every way, all at once; then the probe of one."""
         self.start()
         port = free_tcp_port()
-        self.camera(port)
+        self.camera(port, "apart")
         expected = {"h264": "h264 320x240 aac", "h265": "hevc 320x240", "mjpeg": "mjpeg 320x240",
                     "g711": "h264 320x240 pcm_alaw", "udponly": "h264 320x240"}
         ways = [(name, way) for name in expected for way in ("tcp", "udp", "http") if (name, way) != ("udponly", "http")]
         puller = self.pull({"%s/%s" % way: ("rtsp://127.0.0.1:%d/%s" % (port, way[0]), way[1]) for way in ways})
-        # a camera that starts one pipeline for several may turn one of them away at first
         self.assertTrue(wait_for(lambda: set(self.said(puller).values()) == {"playing"}, 40), self.said(puller))
         with concurrent.futures.ThreadPoolExecutor(5) as pool:
             found = pool.map(lambda way: self.streams("%s/%s" % way), ways)

@@ -95,7 +95,7 @@ struct PlayerQueueTest : testing::Test {
                 CachePacketEx(pProg, MakePacket(packet));
         });
     }
-    unsigned Waiting() const { return ListCount(&pPlayer->out.Outq); }
+    unsigned Waiting() const { return pPlayer->out.Outq.nItems; }
     // Reads what comes until nBytes are there.
     std::string Receive(size_t nBytes) const
     {
@@ -136,8 +136,7 @@ struct RecordingQueueTest : PlayerQueueTest {
     std::string Queue(const Packet &packet, uint16_t nSent = 0)
     {
         DataBlock *pBlock = MakePacket(packet);
-        pBlock->sent = nSent;
-        BlockListAppend(&pPlayer->out.Outq, pBlock);
+        QueueAppend(&pPlayer->out.Outq, {pBlock, 0, nSent});
         pPlayer->tracks[packet.nTrack].nNextSeq++;
         auto *p = reinterpret_cast<char *>(BlockData(pBlock));
         return {p + nSent, p + pBlock->len};

@@ -284,6 +284,23 @@ TEST_F(ConnectionTest, MessagesFitTheBuffer)
     ExpectAnswers(&client, 1, 2);
     Send(&client, Frame(3, std::string(kTotal - 4, 'f')).substr(0, kTotal - 1));
     EXPECT_TRUE(EndsSilently()) << "and one that never fits";
+    // the same between media, of which much more is read at once
+    std::string media;
+    for (uint16_t i = 0; i < 200; i++)
+        media += Frame(0, CameraPacket(0, i, i * 3600U, std::string(900, 'm')));
+    const std::string largest = request.replace(request.find("CSeq: 1"), 7, "CSeq: 4") + media + Options(5);
+    const std::string tooLarge[] = {Frame(0, CameraPacket(0, 0, 0, std::string(kTotal - 16, 'f'))),
+                                    Options(6).insert(20, "X: " + std::string(kTotal, 'x') + "\r\n")};
+    for (const std::string &last : tooLarge) {
+        Connect(&client);
+        Send(&client, MakeRequest("ANNOUNCE", "/push", 1, kSdp, CameraSdp()) +
+                          MakeRequest("SETUP", "/push/trackID=0", 2, kOverTcp) + MakeRequest("PLAY", "/push", 3));
+        ExpectAnswers(&client, 1, 3);
+        Send(&client, media + largest);
+        ExpectAnswers(&client, 4, 5);
+        Send(&client, media + last + media);
+        EXPECT_EQ(1, RtspWaitClosed(&client));
+    }
 }
 
 // A client that closes its direction gets what it asked for before; a refusal arrives before the reset.

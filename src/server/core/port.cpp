@@ -102,6 +102,10 @@ Port *CreateUdpPort(const NetAddr *pLocal, int nLocalPort, const NetAddr *pRemot
         return RefuseUdp(pPort);
     if ((nLocalPort & 1) == 0)
         SockSetOption(pPort->fd, SOL_SOCKET, SO_SNDBUF, kSendBufferBytes);
+    // large datagrams pass narrow links in fragments, also where nobody tells how narrow they are
+    SockSetOption(pPort->fd, IPPROTO_IP, IP_MTU_DISCOVER, IP_PMTUDISC_DONT);
+    if (AddrIsIpv6(&pPort->local))
+        SockSetOption(pPort->fd, IPPROTO_IPV6, IPV6_MTU_DISCOVER, IPV6_PMTUDISC_DONT);
     if (FindPort(pPort->fd) || !AvlInsert(&g_server.portMap, pPort->fd, pPort))
         return RefuseUdp(pPort);
     if (!MonitorAdd(&g_server.monitor, pPort->fd, MONITOR_READ, pPort->nGeneration)) {
@@ -111,6 +115,24 @@ Port *CreateUdpPort(const NetAddr *pLocal, int nLocalPort, const NetAddr *pRemot
     }
     print("CreateUdpPort(local=%d, remote=%d)\r\n", nLocalPort, nRemotePort);
     return pPort;
+}
+
+void PortAim(Port *pPort, const NetAddr *pTo)
+{
+    pPort->remote = *pTo;
+    if (!(pPort->nFlags & PORT_AIMED))
+        return;
+    pPort->nFlags &= static_cast<uint16_t>(~PORT_AIMED);
+    sockaddr nobody{};
+    nobody.sa_family = AF_UNSPEC;
+    (void)connect(pPort->fd, &nobody, sizeof(nobody));
+}
+
+void PortConnect(Port *pPort)
+{
+    if (!(pPort->nFlags & (PORT_AIMED | PORT_BOUNCED)) &&
+        connect(pPort->fd, &pPort->remote.any, AddrSize(&pPort->remote)) == 0)
+        pPort->nFlags |= PORT_AIMED;
 }
 
 Port *FindPort(int fd)

@@ -19,6 +19,9 @@ enum : uint16_t {
     PORT_TUNNEL_POST = 0x2,  // the POST connection of an RTSP-over-HTTP tunnel: its bytes are base64 text
     PORT_IDLE_CHECK = 0x4,   // the idle check is scheduled
     PORT_MORE_WAITS = 0x8,   // a further read is scheduled
+    PORT_LEARNT = 0x10,      // UDP: remote is where a datagram came from
+    PORT_AIMED = 0x20,       // UDP: the system knows the peer, too (see PortConnect)
+    PORT_BOUNCED = 0x40,     // and told once that nobody took what was sent: it is not told the peer again
     PORT_CONNECTED = 0x200,
     PORT_NO_SEGMENTS = 0x400,   // UDP: the path to the peer takes single datagrams only
     PORT_RELAYED = 0x800,       // the connection of a bridge: its peer is a stranger behind the relay
@@ -50,6 +53,11 @@ void PortNamePeer(Port *pPort, const NetAddr *pPeer);
 // Opens a UDP socket on the local address, aimed at the remote one of the same family, and watches it for
 // reading; null on failure. Of the addresses the ports do not count: those given do, host order and not 0.
 Port *CreateUdpPort(const NetAddr *pLocal, int nLocalPort, const NetAddr *pRemote, int nRemotePort);
+
+// Aims a UDP port at another peer. PortConnect tells the system whom it is aimed at, so that the way there is
+// not looked up with each call; from then on datagrams of that peer alone come in, until it is aimed anew.
+void PortAim(Port *pPort, const NetAddr *pTo);
+void PortConnect(Port *pPort);
 
 // The port of a descriptor, or null. FindPortAlive also wants the generation to be the one given.
 Port *FindPort(int fd);

@@ -121,14 +121,14 @@ static void ForgetQuestion(Program *pProg, uint32_t nAsker)
 static void TakeQuestionsBack(const Session *pSession)
 {
     Session *pPusher = pSession->pProg ? pSession->pProg->pPusher : nullptr;
-    DataBlock *pNext;
-    for (auto *p = pPusher ? ListFirstOf<DataBlock>(&pPusher->out.Outq) : nullptr; p; p = pNext) {
-        pNext = NextBlock(p);
-        if ((p->nFlags & DB_QUESTION) && p->nSerial == pSession->nHandle && p->sent == 0) {
-            BlockListFree(&pPusher->out.Outq, p);
+    if (!pPusher)
+        return;
+    QueueDropIf(&pPusher->out.Outq, 0, kQueueEnd, [=](const BlockRef *p) {
+        int bOurs = (RefFlags(p) & DB_QUESTION) && p->pBlock->nSerial == pSession->nHandle && p->nSent == 0;
+        if (bOurs)
             ForgetQuestion(pSession->pProg, pSession->nHandle);
-        }
-    }
+        return bOurs;
+    });
 }
 
 // What the accounts of one program allowed does not count at another: level, name, admission, subscription

@@ -1,5 +1,6 @@
 #include "server/core/session.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -23,6 +24,12 @@
 
 namespace orx {
 
+static constexpr uint32_t kChunkBytes = 64 << 10;  // a quarter of a second of 2 Mbit/s
+static constexpr uint32_t kMostChunkBytes = 256 << 10;
+static constexpr uint32_t kFastChunkMs = 100;
+static constexpr uint32_t kTextBytes = 2048;       // a player's requests: those who send more get nTotal
+static constexpr uint32_t kTextRoom = 512;         // of a chunk for one more read
+static constexpr uint32_t kStreamRoom = 4096;      // the same of media
 static constexpr uint32_t kIdleCheckMs = 5000;     // who connects has something to say by then
 static constexpr uint32_t kDelayedCloseMs = 2000;  // time for a last reply to arrive before the reset
 
@@ -57,6 +64,53 @@ Session::Session()
         out.tracks[i] = &tracks[i];
 }
 
+// What is held goes on in a new chunk.
+static int InputBegin(SessionInput *pInput, uint32_t nSize)
+{
+    Chunk *pChunk = ChunkNew(nSize);
+    if (!pChunk)
+        return 0;
+    if (pInput->nLen > 0)
+        memcpy(ChunkBytes(pChunk), pInput->pBuf, pInput->nLen);
+    ChunkLeave(pInput->pChunk);
+    pInput->pChunk = pChunk;
+    pInput->nChunkMs = ClockMs();
+    pInput->pBuf = ChunkBytes(pChunk);
+    pInput->pBuf[pInput->nLen] = 0;
+    return 1;
+}
+
+// Of media twice as much when one was full so soon that large pictures do not fit into it.
+static uint32_t NextChunkBytes(const SessionInput *pInput, uint32_t nRoom)
+{
+    uint32_t nLast = pInput->pChunk->nSize;
+    uint32_t nNeeded = std::max(pInput->nTotal, pInput->nLen + nRoom + 1);
+    if (!pInput->bStream)
+        return nNeeded;
+    int bFast = ClockMs() - pInput->nChunkMs < kFastChunkMs;
+    return std::max({bFast ? std::min(2 * nLast, kMostChunkBytes) : nLast / 2, kChunkBytes, nNeeded});
+}
+
+int InputReserve(SessionInput *pInput, uint32_t nRoom)
+{
+    uint32_t nHas = InputRoom(pInput);
+    int bBound = !pInput->bStream && pInput->nLen + nHas + 1 == pInput->nTotal;  // no more may be held
+    return nHas >= nRoom || bBound || InputBegin(pInput, NextChunkBytes(pInput, nRoom));
+}
+
+int InputTake(SessionInput *pInput, uint32_t nTaken)
+{
+    pInput->pBuf += nTaken;
+    pInput->nLen -= nTaken;
+    uint8_t *pFirst = ChunkBytes(pInput->pChunk);
+    if (pInput->pChunk->nBlocks == 0 && pInput->pBuf != pFirst) {
+        memmove(pFirst, pInput->pBuf, pInput->nLen);
+        pInput->pBuf = pFirst;
+    }
+    pInput->pBuf[pInput->nLen] = 0;
+    return InputReserve(pInput, pInput->bStream ? kStreamRoom : kTextRoom);
+}
+
 static Session *NewSession()
 {
     auto *pSession = new (std::nothrow) Session;
@@ -66,12 +120,10 @@ static Session *NewSession()
     }
     pSession->input.nTotal = g_settings.nSessionBufSize;
     ORX_ASSERT(pSession->input.nTotal, "p->nTotal");
-    pSession->input.pBuf = static_cast<uint8_t *>(malloc(pSession->input.nTotal));
-    if (!pSession->input.pBuf) {
+    if (!InputBegin(&pSession->input, std::min(kTextBytes, pSession->input.nTotal))) {
         delete pSession;
         return nullptr;
     }
-    pSession->input.pBuf[0] = 0;
     return pSession;
 }
 
@@ -81,8 +133,7 @@ Session *CreateSession(Port *pPort)
     Session *pSession = NewSession();
     if (!pSession)
         return nullptr;
-    BlockListInit(&pSession->out.Outq, &pSession->out.queued);
-    pSession->out.queued.pTotal = &g_server.nQueuedBytes;
+    pSession->out.Outq.sum.pTotal = &g_server.nQueuedBytes;
     pSession->nHandle = NextHandle();
     pSession->peer.tLastActivity = pSession->peer.tLastRequest = ClockUptime();
     pSession->peer.tStart = static_cast<uint32_t>(time(nullptr));
@@ -148,9 +199,9 @@ void SessionCloseTrackPorts(SessionTrack *pTrack)
 static void SessionFree(void *pRecord)
 {
     auto *pSession = static_cast<Session *>(pRecord);
-    free(pSession->input.pBuf);
+    ChunkLeave(pSession->input.pChunk);
     free(pSession->peer.szCookie);
-    ListDestroy(&pSession->out.Outq);
+    QueueEmpty(&pSession->out.Outq);
     free(pSession->out.pScratch);
     delete pSession;
 }
@@ -177,8 +228,8 @@ static void EndOne(Session *pSession)
     SessionForgetJob(pSession);  // it may hold what the program has
     ProgramDetach(pSession);
     // what waits is freed in a moment, and nobody need give for it
-    g_server.nQueuedBytes -= SessionMediaWaiting(pSession);
-    pSession->out.queued.pTotal = nullptr;
+    g_server.nQueuedBytes -= pSession->out.Outq.sum.nTotalled;
+    pSession->out.Outq.sum.pTotal = nullptr;
     Retire(&pSession->retired, pSession, SessionFree);
 }
 

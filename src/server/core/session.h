@@ -2,6 +2,7 @@
 // Scheduler thread only.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 
 #include "base/linkedlist.h"
@@ -97,8 +98,11 @@ struct SessionPeer {
 
 // What came and is not worked off.
 struct SessionInput {
-    uint8_t *pBuf = nullptr;  // receive buffer, owned
-    uint32_t nTotal = 0;      // its size
+    Chunk *pChunk = nullptr;  // that is received into, and that packets stay in; owned
+    uint8_t *pBuf = nullptr;  // where in it what is held begins
+    uint32_t nTotal = 0;      // more than so much less one byte is no message
+    int bStream = 0;          // media comes: as much is read at once as the chunk has room for
+    uint32_t nChunkMs = 0;    // ClockMs when the chunk was begun
     uint32_t nLen = 0;        // bytes held; the byte behind them is 0
     uint32_t nNext = 0;       // while a request is handled: offset in pBuf behind it
     uint32_t nReqSeq = 0;     // highest CSeq accepted
@@ -266,8 +270,24 @@ inline Session *NextSession(const Session *pSession)
 // Memory that the media in the queue takes. Not of a pusher, for whom questions wait.
 inline int64_t SessionMediaWaiting(const Session *pSession)
 {
-    return pSession->out.queued.nBytes - pSession->out.queued.nOtherBytes;
+    return pSession->out.Outq.sum.nBytes - pSession->out.Outq.sum.nOtherBytes;
 }
+
+// How many bytes may be received behind those that are held.
+inline uint32_t InputRoom(const SessionInput *pInput)
+{
+    auto nAt = static_cast<uint32_t>(pInput->pBuf - ChunkBytes(pInput->pChunk));
+    uint32_t nRoom = pInput->pChunk->nSize - nAt - pInput->nLen - 1;
+    if (pInput->bStream || pInput->nLen >= pInput->nTotal)
+        return nRoom;
+    return std::min(nRoom, pInput->nTotal - 1 - pInput->nLen);
+}
+
+// The first nTaken of them are worked off: makes room for more. Packets stay where they are. InputReserve:
+// makes room for nRoom bytes, or as many as may be held. Returns 1, or 0 without memory: the session is to be
+// ended.
+int InputTake(SessionInput *pInput, uint32_t nTaken);
+int InputReserve(SessionInput *pInput, uint32_t nRoom);
 
 // Takes over an accepted or handed-over connection: a session on pPort, in the list and in the session map.
 // Null when memory runs out; the port is then left to the caller.

@@ -183,14 +183,14 @@ static Step TakeFrame(Session *pSession, uint32_t *pAt)
     if (nLeft < kInterleaveBytes + 1)
         return Step::Wait;
     uint32_t nBytes = GetBe(pFrame + 2, 2) + kInterleaveBytes;
-    if (nLeft < nBytes)
+    if (nLeft < nBytes || nBytes >= pSession->input.nTotal)
         return Step::Wait;
     unsigned nTrackId = pFrame[1];
     if (nTrackId >= ChannelCount(pSession) && !ORX_PEER_ASSERT(nTrackId < 8, "nTrackId < 8"))
         return EndMalformed(pSession, "a frame of an unknown channel");
     if (nTrackId & 1)
         TakeRtcpFrame(pSession, nTrackId, pFrame + kInterleaveBytes, nBytes - kInterleaveBytes);
-    else if (!FeedProgram(pSession, nTrackId / 2, pFrame, nBytes))
+    else if (!FeedProgram(pSession, nTrackId / 2, pFrame, nBytes, pSession->input.pChunk))
         return EndSession(pSession);
     *pAt += nBytes;
     return Step::Taken;
@@ -242,7 +242,8 @@ static Step ParseHead(Session *pSession, Port *pPort, uint32_t nAt)
 {
     Request *pRequest = &pPort->request;
     auto *pText = reinterpret_cast<const char *>(pSession->input.pBuf + nAt);
-    auto *pEnd = static_cast<const char *>(memmem(pText, pSession->input.nLen - nAt, "\r\n\r\n", 4));
+    uint32_t nHeld = std::min(pSession->input.nLen - nAt, pSession->input.nTotal - 1);
+    auto *pEnd = static_cast<const char *>(memmem(pText, nHeld, "\r\n\r\n", 4));
     if (!pEnd)
         return Step::Wait;
     auto nLen2Parse = static_cast<uint32_t>(pEnd + 4 - pText);
@@ -430,6 +431,7 @@ int HandleInput(Session *pSession, Port *pPort)
         return 1;
     uint32_t nAt = 0;
     int nMessages = 0;
+    int bWaits = 0;
     Slice slice = SliceBegin();
     ForgetOtherPort(pSession, pPort);
     while (nAt < pSession->input.nLen) {
@@ -442,22 +444,23 @@ int HandleInput(Session *pSession, Port *pPort)
         nMessages += !bFrame;
         if (step == Step::Gone)
             return 0;
-        if (step == Step::Wait)
+        bWaits = step == Step::Wait;
+        if (bWaits)
             break;
         if (SliceOver(&slice, WorkOf(pSession, bFrame)) && nAt < pSession->input.nLen) {
             PortReadLater(pPort);
             break;
         }
     }
-    pSession->input.nLen -= nAt;
-    if (pSession->input.nLen == pSession->input.nTotal - 1) {
+    if (bWaits && pSession->input.nLen - nAt >= pSession->input.nTotal - 1) {
         EndMalformed(pSession, "what it sent fills its buffer and makes no request");
         return 0;
     }
-    if (nAt > 0)
-        memmove(pSession->input.pBuf, pSession->input.pBuf + nAt, pSession->input.nLen);
-    pSession->input.pBuf[pSession->input.nLen] = 0;
-    return 1;
+    if (InputTake(&pSession->input, nAt))
+        return 1;
+    SessionNoteEnd(pSession, "no memory is left");
+    SessionEnd(pSession);
+    return 0;
 }
 
 }  // namespace orx

@@ -36,6 +36,7 @@ static Task *g_pAcceptAgain = nullptr;  // its task, while one is
 // So much of what a socket holds is taken at once; the rest waits its turn behind what else is due.
 static constexpr size_t kBytesPerEvent = 65536;
 static constexpr int kDatagramsPerEvent = 64;
+static constexpr int kDatagramsPerCall = 8;  // a picture of a common rate
 static constexpr int kAcceptsPerEvent = 64;
 static constexpr size_t kLargestDatagram = 65507;  // that IPv4 carries
 static constexpr int kMoreDelayMs = 1;
@@ -213,6 +214,11 @@ int RtspSessionCreate(int fd, const void *pData, size_t nLen, const FrontedPeer 
         SessionEnd(pSession);
         return 0;
     }
+    if (!InputReserve(&pSession->input, static_cast<uint32_t>(nLen))) {
+        SessionNoteEnd(pSession, "no memory is left");
+        SessionEnd(pSession);
+        return 0;
+    }
     memcpy(pSession->input.pBuf, pData, nLen);
     pSession->input.pBuf[nLen] = 0;
     pSession->input.nLen = static_cast<uint32_t>(nLen);
@@ -290,6 +296,30 @@ static int IsOfPeer(const Session *pSession, const NetAddr *pFrom)
     return pPort && AddrSameHost(&pPort->remote, pFrom);
 }
 
+// A datagram of its peer has come to a media port: that is where what it sends goes from now on. With
+// PinMedia the port of a track is connected to its player; when the reports of that one come from elsewhere
+// all of a sudden, so does he.
+static void LearnPeer(Session *pSession, Port *pPort, const NetAddr *pFrom)
+{
+    if (!g_settings.bPinMedia || IsUdpPusher(pSession)) {
+        PortAim(pPort, pFrom);
+        return;
+    }
+    int i = FindTrack(pSession, pPort);
+    Port *pMedia = i < 0 ? nullptr : pSession->tracks[i].Media;
+    int bMoved = (pPort->nFlags & PORT_LEARNT) && !AddrSame(&pPort->remote, pFrom);
+    pPort->nFlags |= PORT_LEARNT;
+    if (!AddrSame(&pPort->remote, pFrom))
+        PortAim(pPort, pFrom);
+    if (pMedia == pPort)
+        PortConnect(pPort);
+    if (pMedia && pMedia != pPort && bMoved && (pMedia->nFlags & PORT_AIMED)) {
+        NetAddr pair = *pFrom;
+        AddrSetPort(&pair, SockGetPort(pFrom) - 1);
+        PortAim(pMedia, &pair);
+    }
+}
+
 // What a datagram costs: that of a pusher goes to every player.
 static uint32_t WorkOf(const Session *pSession)
 {
@@ -303,33 +333,62 @@ static int AfterDatagrams(Session *pSession)
     return 0;
 }
 
+// What one call receives.
+struct Datagrams {
+    mmsghdr heads[kDatagramsPerCall];
+    iovec parts[kDatagramsPerCall];
+    NetAddr from[kDatagramsPerCall];
+    uint8_t frames[kDatagramsPerCall][kInterleaveBytes + kLargestDatagram];
+};
+static Datagrams g_datagrams;  // the scheduler thread's
+
+// Returns how many, or -1 (errno).
+static int ReceiveSome(int fd, Datagrams *pOut)
+{
+    for (int i = 0; i < kDatagramsPerCall; i++) {
+        pOut->parts[i] = {pOut->frames[i] + kInterleaveBytes, kLargestDatagram};
+        pOut->heads[i] = {};
+        msghdr *pHead = &pOut->heads[i].msg_hdr;
+        pHead->msg_name = &pOut->from[i];
+        pHead->msg_namelen = sizeof(pOut->from[i]);
+        pHead->msg_iov = &pOut->parts[i];
+        pHead->msg_iovlen = 1;
+    }
+    return recvmmsg(fd, pOut->heads, kDatagramsPerCall, 0, nullptr);
+}
+
+// Returns 0 when the session must end.
+static int TakeDatagram(Session *pSession, Port *pPort, int i)
+{
+    const NetAddr *pFrom = &g_datagrams.from[i];
+    size_t nBytes = g_datagrams.heads[i].msg_len;
+    if ((g_settings.bPinMedia || IsUdpPusher(pSession)) && !IsOfPeer(pSession, pFrom))
+        return 1;
+    LearnPeer(pSession, pPort, pFrom);
+    NoteReceived(pSession, nBytes);
+    return OnDatagram(pSession, pPort, g_datagrams.frames[i], nBytes);
+}
+
 // Reads the datagrams of a media socket. They never mix with the text of the control connection: each is a
 // sign of life, is looked at by itself, and is gone. An empty one, sent to open a NAT, is as good as any.
 static int ReadUdp(Session *pSession, Port *pPort)
 {
-    uint8_t frame[kInterleaveBytes + kLargestDatagram];
-    int bPinned = g_settings.bPinMedia || IsUdpPusher(pSession);
-    int bMore = 1;
     Slice slice = SliceBegin();
-    for (int i = 0; i < kDatagramsPerEvent && bMore; i++) {
-        NetAddr from;
-        socklen_t nFrom = sizeof(from);
-        ssize_t n = recvfrom(pPort->fd, frame + kInterleaveBytes, kLargestDatagram, 0, &from.any, &nFrom);
-        if (n < 0 && errno == EINTR)
+    for (int i = 0; i < kDatagramsPerEvent; i += kDatagramsPerCall) {
+        int n = ReceiveSome(pPort->fd, &g_datagrams);
+        if (n < 0 && (errno == EINTR || errno == ECONNREFUSED))  // of what was sent
             continue;
         if (n < 0 && errno != EAGAIN)
             return CloseAfterRecv(pSession, pPort, -1, errno);
-        if (n < 0)
+        for (int k = 0; k < n; k++)
+            if (!TakeDatagram(pSession, pPort, k)) {
+                SessionEnd(pSession);
+                return -1;
+            }
+        if (n < kDatagramsPerCall)  // no more has come
             return AfterDatagrams(pSession);
-        if (bPinned && !IsOfPeer(pSession, &from))
-            continue;
-        pPort->remote = from;
-        NoteReceived(pSession, static_cast<size_t>(n));
-        bMore = !SliceOver(&slice, WorkOf(pSession));
-        if (!OnDatagram(pSession, pPort, frame, static_cast<size_t>(n))) {
-            SessionEnd(pSession);
-            return -1;
-        }
+        if (SliceOver(&slice, WorkOf(pSession) * kDatagramsPerCall))
+            break;
     }
     PortReadLater(pPort);
     return AfterDatagrams(pSession);
@@ -354,9 +413,10 @@ static int TakeInput(Session *pSession, Port *pPort, const char *pRaw, size_t nL
 
 // One recv. Base64 text goes through a buffer of its own, anything else straight behind the bytes held.
 // *ppRaw is where the bytes are.
-static ssize_t Receive(const Session *pSession, const Port *pPort, char *pText, size_t nText, char **ppRaw)
+static ssize_t Receive(Session *pSession, const Port *pPort, char *pText, size_t nText, char **ppRaw)
 {
-    size_t nRoom = pSession->input.nTotal - pSession->input.nLen - 1;
+    pSession->input.bStream = (pSession->nFlags & SESSION_PUSHER) && pSession->nState == STATE_PLAYING;
+    size_t nRoom = InputRoom(&pSession->input);
     *ppRaw = reinterpret_cast<char *>(pSession->input.pBuf + pSession->input.nLen);
     if (pPort->nFlags & PORT_TUNNEL_POST) {
         *ppRaw = pText;
@@ -440,6 +500,12 @@ static void OnClose(int fd)
     Port *pPort = FindPort(fd);
     Session *pSession = FindSession(fd);
     int nErrno = pPort ? SockTakeError(fd) : 0;
+    // nobody took a datagram, of which others are not told either; more of that may be on its way
+    if (pPort && (pPort->nFlags & (PORT_AIMED | PORT_BOUNCED))) {
+        pPort->nFlags |= PORT_BOUNCED;
+        PortAim(pPort, &pPort->remote);
+        return;
+    }
     if (pPort && pSession)
         SessionClosePortFor(pSession, pPort, nErrno ? kEndBroken : kEndClosed, nErrno);
     else if (pPort && (pPort->nFlags & PORT_AWAITS_PEER))

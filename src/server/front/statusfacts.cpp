@@ -205,7 +205,7 @@ static void DescribeSession(const Session *p, SessionFacts *pOut)
         TextCopy(pOut->szProgram, sizeof(pOut->szProgram), p->pProg->Uri);
     pOut->nBytesSent = p->flow.nBytesSent;
     pOut->nBytesReceived = p->peer.nBytesReceived;
-    pOut->nQueueBytes = p->out.queued.nBytes;
+    pOut->nQueueBytes = p->out.Outq.sum.nBytes;
     pOut->nSeconds = ClockUptime() - p->told.tMade;  // the wall clock may be set meanwhile
     for (const SessionTrack &track : p->tracks) {
         Reception *pWorst = &pOut->reception;

@@ -95,6 +95,7 @@ static void KeepKeyFrames(Program *pProg, DataBlock *pFrom, DataBlock *pKey)
             bKept = 1;
             nKeptTime = pFrom->nTimestamp;
             pProg->cache.nKeptKeys++;
+            BlockListCopyOut(&pProg->cache.Pktq, pFrom);
         } else if (!bVideo || !bKept || pFrom->nTimestamp != nKeptTime) {
             FreeBlock(&pProg->cache, pFrom);
         }

@@ -31,7 +31,7 @@ static int KeepBounds(Session *pSession, unsigned nMost)
         return QueueKeepBounds(pSession);
     if (QueueIsFull(pSession) && !QueueRelieve(pSession))
         return 0;
-    return ListCount(&pSession->out.Outq) <= nMost;
+    return pSession->out.Outq.nItems <= nMost;
 }
 
 // Sends what waits, and a report when one is due. Returns 0 when that failed, or left more than nMost blocks,
@@ -40,7 +40,7 @@ static int Flush(Session *pSession, unsigned nMost)
 {
     if (!SendDataEx(pSession, nullptr, 1))
         return 0;
-    if (ListCount(&pSession->out.Outq) > 0 && !KeepBounds(pSession, nMost))
+    if (pSession->out.Outq.nItems > 0 && !KeepBounds(pSession, nMost))
         return 0;
     if (pSession->nFlags & SESSION_RTCP)
         SendRtcpReport(pSession);
@@ -78,33 +78,12 @@ static void QueueGive(Session *pSession)
 static void QueuesBound()
 {
     int64_t nMost = Megabytes(g_settings.nCacheMegabytesTotal);
-    while (nMost && g_server.nQueuedBytes > nMost) {
+    while (nMost && g_server.nQueuedBytes + BytesLeft() > nMost) {
         Session *pMost = LargestQueue();
         if (!pMost)
             return;
         QueueGive(pMost);
     }
-}
-
-// Makes room for a start from pFirst on: whoever holds half as much as it takes, or more, gives (of a start
-// of the same length a part is in the socket by now). Returns 0 when that is not enough.
-static int RoomForStart(const Session *pSession, const DataBlock *pFirst)
-{
-    int64_t nMost = Megabytes(g_settings.nCacheMegabytesTotal);
-    if (!nMost || g_server.nQueuedBytes + pSession->pProg->cache.held.nBytes <= nMost)
-        return 1;
-    int64_t nWanted = 0;
-    for (const DataBlock *p = pFirst; p; p = NextBlock(p))
-        nWanted += BlockBytes(p);
-    if (nWanted > nMost)
-        return 0;
-    while (g_server.nQueuedBytes + nWanted > nMost) {
-        Session *pMost = LargestQueue();
-        if (!pMost || pMost == pSession || SessionMediaWaiting(pMost) < nWanted / 2)
-            return 0;
-        QueueGive(pMost);
-    }
-    return 1;
 }
 
 static int IsOverBound(const Session *pSession)
@@ -131,17 +110,16 @@ static int WaitsForRoom(Session *pSession, unsigned nItems, uint32_t nNow)
 }
 
 // Returns 0 when that ended the session.
-static int PushPacket2SessionQueue(Session *pSession, const DataBlock *pBlock, uint32_t nNow)
+static int PushPacket2SessionQueue(Session *pSession, DataBlock *pBlock, uint32_t nNow)
 {
-    if (QueueCopy(pSession, pBlock) < 0)
+    if (QueuePacket(pSession, pBlock, nNow) < 0)
         return 1;
-    QueueStamp(pSession, nNow);
-    unsigned nItems = ListCount(&pSession->out.Outq);
+    unsigned nItems = pSession->out.Outq.nItems;
     if ((nItems <= kFlushAtOnceAbove && !QueueIsFull(pSession)) || WaitsForRoom(pSession, nItems, nNow))
         return 1;
     QueueTellCrowded(pSession, nNow);
     int bKeep = Flush(pSession, kGiveUpAbove);
-    pSession->flow.nLeft = ListCount(&pSession->out.Outq);
+    pSession->flow.nLeft = pSession->out.Outq.nItems;
     pSession->flow.bOver = IsOverBound(pSession);
     if (bKeep)
         return 1;
@@ -159,8 +137,8 @@ static void SendEventMsg2SubscribeClient(Session *pSession, const DataBlock *pBl
         return;
     size_t nLen = pBlock->len - kHead;
     // what is sent past the queue must not cut into a block that has left in part
-    auto *pWaiting = ListFirstOf<DataBlock>(&pSession->out.Outq);
-    int bMidBlock = pWaiting && pWaiting->sent > 0;
+    const BlockRef *pWaiting = QueueFirst(&pSession->out.Outq);
+    int bMidBlock = pWaiting && pWaiting->nSent > 0;
     ssize_t n =
         bMidBlock ? -1 : send(pSession->peer.Reply->fd, BlockData(pBlock) + kHead, nLen, MSG_NOSIGNAL);
     if (n == static_cast<ssize_t>(nLen))
@@ -178,7 +156,7 @@ static inline int TakesPacket(Session *pSession, const DataBlock *pBlock)
     return !pSession->flow.bSkips;
 }
 
-static void FanOut(Program *pProg, const DataBlock *pBlock)
+static void FanOut(Program *pProg, DataBlock *pBlock)
 {
     int bEvent = pProg->desc.nDataTrack >= 0 && BlockData(pBlock)[1] == 2 * pProg->desc.nDataTrack;
     uint32_t nNow = pProg->bTimesQueues ? ClockMs() : 0;
@@ -208,18 +186,18 @@ void CachePacketEx(Program *pProg, DataBlock *pBlock)
     pBlock->nSerial = pProg->cache.nSerial;
     CacheNote(&pProg->cache, pBlock);
     FanOut(pProg, pBlock);
-    QueuesBound();
     LearnSsrc(pProg, pBlock);
     RecordersWrite(pProg, pBlock);
     pProg->cache.nSerial++;
     CacheTrim(pProg, pBlock->nTimestamp);
     CacheBound(pProg);
+    QueuesBound();  // what no cache holds any more is theirs
 }
 
 static void PrintCounts(const Program *pProg, const Session *pSession)
 {
     print("FillBufferAtFirstPlay(Cache Packets:In=%u, Out=%u)\r\n", ListCount(&pProg->cache.Pktq),
-          ListCount(&pSession->out.Outq));
+          pSession->out.Outq.nItems);
 }
 
 // Queues copies from a block on, for a slice of time but kStartBytes at least. Returns how many.
@@ -228,18 +206,18 @@ static uint32_t FillSlice(Session *pSession, DataBlock *p, int bFirst)
     Slice slice = SliceBegin();
     uint32_t nQueued = 0;
     uint32_t nSinceLook = 0;
-    int64_t nBefore = pSession->out.queued.nBytes;
+    int64_t nBefore = pSession->out.Outq.sum.nBytes;
     for (int bOver = 0; p && !bOver; p = NextBlock(p)) {
         nSinceLook += BlockBytes(p);
         if (nSinceLook >= kStartBytes) {
             bOver = SliceOver(&slice, kSliceLook);
             nSinceLook = 0;
         }
-        nQueued += QueueCopy(pSession, p) >= 0;
+        nQueued += QueuePacket(pSession, p, 0) >= 0;
     }
     pSession->start.pNext = p;
     pSession->start.nSerial = p ? p->nSerial : 0;
-    pSession->flow.nStartHeld += pSession->out.queued.nBytes - nBefore;
+    pSession->flow.nStartHeld += pSession->out.Outq.sum.nBytes - nBefore;
     if (bFirst)
         SendStartBurst(pSession, nQueued);
     else
@@ -292,10 +270,6 @@ int FillBufferAtFirstPlay(Session *pSession)
         PrintCounts(pProg, pSession);
         return 0;
     }
-    if (!RoomForStart(pSession, p)) {
-        print("FillBufferAtFirstPlay() has no room for a start!\r\n");
-        return 0;
-    }
     pSession->flow.nStartHeld = 0;
     pSession->flow.bSkips = 0;
     uint32_t nQueued = FillSlice(pSession, p, 1);
@@ -317,7 +291,7 @@ static void FlushSlice(Program *pProg)
     while (pFlush->pNext && !bOver) {
         Session *p = pFlush->pNext;
         pFlush->pNext = NextPlayer(p);
-        if (p->nState != STATE_PLAYING || ListCount(&p->out.Outq) <= nAbove ||
+        if (p->nState != STATE_PLAYING || p->out.Outq.nItems <= nAbove ||
             (p->flow.bBlocked && QueueIsBlocked(p, ClockMs())))
             continue;
         if (!Flush(p, UINT32_MAX))  // nothing was queued: how much waits was looked at when it was

@@ -148,15 +148,15 @@ static void SendingFailed(Session *pSession)
 int FillBufferFromFile(Session *pSession)
 {
     Program *pProg = pSession->pProg;
-    List *pQueue = &pSession->out.Outq;
+    const BlockQueue *pQueue = &pSession->out.Outq;
     if (!pProg || pProg->bLive || !pProg->reader)
         return 0;
     // samples that the player does not take make no packets: go on until some do, but do not read a long
     // recording through at once
-    for (int n = 0; n < kEmptyRefills && ListCount(pQueue) == 0 && pSession->nState == STATE_PLAYING; n++)
+    for (int n = 0; n < kEmptyRefills && pQueue->nItems == 0 && pSession->nState == STATE_PLAYING; n++)
         if (!PackRecords(pSession))
             break;
-    return ListCount(pQueue) > 0;
+    return pQueue->nItems > 0;
 }
 
 void FileRecordsArrived(Program *pProg)

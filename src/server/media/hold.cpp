@@ -55,7 +55,7 @@ void SayFarewell(Session *pPlayer)
         const Port *pPort = pTrack->Control;
         DataBlock *pBlock = pPlayer->out.bInterleaved ? MakeDataBlock(text, n, 0, 0, 1) : nullptr;
         if (pBlock)
-            BlockListAppend(&pPlayer->out.Outq, pBlock);
+            QueueAppend(&pPlayer->out.Outq, {pBlock});
         else if (pPort)
             sendto(pPort->fd, text, n, MSG_NOSIGNAL, &pPort->remote.any, AddrSize(&pPort->remote));
     }

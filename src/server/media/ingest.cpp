@@ -23,7 +23,7 @@ static int IsKeyFrame(Program *pProg, const uint8_t *pFrame, uint32_t nBytes)
            pProg->desc.pfnIsKeyFrame(&pProg->keyWatch, &packet);
 }
 
-int FeedProgram(Session *pSession, unsigned nTrack, const uint8_t *pFrame, uint32_t nBytes)
+int FeedProgram(Session *pSession, unsigned nTrack, const uint8_t *pFrame, uint32_t nBytes, Chunk *pChunk)
 {
     Program *pProg = pSession->pProg;
     int bUsable = (pSession->nFlags & SESSION_PUSHER) && pProg &&
@@ -42,14 +42,16 @@ int FeedProgram(Session *pSession, unsigned nTrack, const uint8_t *pFrame, uint3
     int bVideo = static_cast<int>(nTrack) == pProg->desc.nVideoTrack;
     int bStart = bVideo && KeyStartWanted(pProg);
     int bKey = bVideo && !bStart && IsKeyFrame(pProg, pFrame, nBytes);
-    DataBlock *pBlock = MakeDataBlock(pFrame, nBytes, 1, bVideo, bKey);
+    uint32_t nFlags = DB_MEDIA | nJump | (bVideo ? DB_VIDEO : 0U) | (bKey ? DB_KEY : 0U);
+    DataBlock *pBlock =
+        pChunk ? MakeChunkBlock(pChunk, static_cast<uint32_t>(pFrame - ChunkBytes(pChunk)), nBytes, nFlags)
+               : MakeDataBlock2(pFrame, nBytes, nFlags);
     if (!pBlock) {
         print("MakeDataBlock() failed and Destroy the Session!\r\n");
         SessionNoteEnd(pSession, "no memory is left");
         return 0;
     }
     pBlock->nTimestamp = nTime;
-    pBlock->nFlags |= nJump;
     if (bStart)
         KeyStartTake(pProg, pBlock);
     else

@@ -9,8 +9,9 @@
 namespace orx {
 
 // Hands a '$' frame (nBytes with its prefix) of an RTP channel to the program that the session feeds; one
-// that is of no use to it is dropped. Returns 0 when the session must end, else 1.
-int FeedProgram(Session *pSession, unsigned nTrack, const uint8_t *pFrame, uint32_t nBytes);
+// that is of no use to it is dropped. pChunk: the frame lies in it, and stays there; null: it is copied.
+// Returns 0 when the session must end, else 1.
+int FeedProgram(Session *pSession, unsigned nTrack, const uint8_t *pFrame, uint32_t nBytes, Chunk *pChunk);
 
 // A read of the session is worked off: of a playing pusher, what its packets added to the players' queues
 // leaves with every second one.

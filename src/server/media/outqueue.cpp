@@ -14,32 +14,29 @@ namespace orx {
 
 static constexpr int32_t kTellEveryMs = 10000;  // of one player
 
-int QueueCopy(Session *pSession, const DataBlock *pBlock)
+int QueuePacket(Session *pSession, DataBlock *pBlock, uint32_t nClock)
 {
-    uint8_t nPayloadType = BlockData(pBlock)[kInterleaveBytes + 1] & 0x7F;
-    int nTrack = BlockTrack(pBlock) >= 0 ? TrackNoted(pSession, pBlock)
-                                         : TrackOfPayload(pSession, nPayloadType, TrackChoice::First);
+    int nTrack = BlockTrack(pBlock);
+    nTrack = nTrack >= 0 ? TrackIfSetUp(pSession, nTrack)
+                         : TrackOfPayload(pSession, BlockData(pBlock)[kInterleaveBytes + 1] & 0x7F,
+                                          TrackChoice::First);
     if (nTrack < 0)
         return -1;
     if (pSession->flow.nBlockedSends >= kBlockedSends && !(pBlock->nFlags & DB_VIDEO))
         return -1;
-    uint32_t nSkip = pSession->out.bInterleaved ? 0 : kInterleaveBytes;
-    DataBlock *pCopy = MakeDataBlock2(BlockData(pBlock) + nSkip, pBlock->len - nSkip, pBlock->nFlags);
-    if (!pCopy) {
-        print("MakeDataBlock() failed!\r\n");
-        return -1;
-    }
-    pCopy->nTimestamp = pBlock->nTimestamp;
-    BlockListAppend(&pSession->out.Outq, pCopy);
-    return nTrack;
+    uint8_t nFrom = pSession->out.bInterleaved ? 0 : kInterleaveBytes;
+    BlockRef ref{BlockHold(pBlock), nClock, 0, nFrom, static_cast<int8_t>(nTrack)};
+    return QueueAppend(&pSession->out.Outq, ref) ? nTrack : -1;
 }
 
-void QueueBefore(Session *pSession, DataBlock *pBlock, DataBlock *pBefore)
+int64_t QueueBefore(Session *pSession, DataBlock *pBlock, uint32_t nBefore)
 {
-    if (pBefore)
-        BlockListInsert(&pSession->out.Outq, pBlock, pBefore, pBefore->sent > 0);
-    else
-        BlockListAppend(&pSession->out.Outq, pBlock);
+    BlockQueue *pQueue = &pSession->out.Outq;
+    if (nBefore >= pQueue->nItems)
+        nBefore = pQueue->nItems;
+    else if (QueueAt(pQueue, nBefore)->nSent > 0)
+        nBefore++;
+    return QueueInsert(pQueue, nBefore, {pBlock}) ? int64_t{nBefore} : -1;
 }
 
 // Whether the player gets key frames, so that playing can go on with one.
@@ -47,22 +44,25 @@ static int HasGroups(const Session *pSession)
 {
     int nVideo = pSession->pProg->desc.nVideoTrack;
     return nVideo >= 0 && nVideo < pSession->out.nTracks && pSession->tracks[nVideo].bSetUp &&
-           (pSession->out.queued.nKeys > 0 || pSession->pProg->cache.held.nKeys > 0);
+           (pSession->out.Outq.sum.nKeys > 0 || pSession->pProg->cache.held.nKeys > 0);
 }
 
-// The first block of media from p on; null when there is none.
-static DataBlock *MediaFrom(DataBlock *p)
+// The place of the first media that waits; that behind the last one when none does.
+static uint32_t FirstMedia(const BlockQueue *pQueue)
 {
-    while (p && !(p->nFlags & DB_MEDIA))
-        p = NextBlock(p);
-    return p;
+    uint32_t i = 0;
+    while (i < pQueue->nItems && !(RefFlags(QueueAt(pQueue, i)) & DB_MEDIA))
+        i++;
+    return i;
 }
 
 // How long the media at the head has waited; 0 of a start.
 static int32_t WaitedMs(const Session *pSession)
 {
-    const DataBlock *pHead = MediaFrom(ListFirstOf<DataBlock>(&pSession->out.Outq));
-    return pHead && pHead->nSerial != 0 ? ClockDiff(ClockMs(), pHead->nSerial) : 0;
+    const BlockQueue *pQueue = &pSession->out.Outq;
+    uint32_t i = FirstMedia(pQueue);
+    uint32_t nClock = i < pQueue->nItems ? QueueAt(pQueue, i)->nClock : 0;
+    return nClock != 0 ? ClockDiff(ClockMs(), nClock) : 0;
 }
 
 // What waits without that of a start.
@@ -101,7 +101,7 @@ void QueueTellCrowded(Session *pSession, uint32_t nNow)
         ClockDiff(nNow, pFlow->nCrowdedClock) < kTellEveryMs)
         return;
     pFlow->nCrowdedClock = nNow;
-    print("PushPacket2SessionQueue(): session->Outq.nItems=%u\r\n", ListCount(&pSession->out.Outq));
+    print("PushPacket2SessionQueue(): session->Outq.nItems=%u\r\n", pSession->out.Outq.nItems);
 }
 
 // Says what was dropped, once in a while.
@@ -140,36 +140,35 @@ int QueueRelieve(Session *pSession)
     return !QueueIsFull(pSession);
 }
 
-// The first group that has not begun to leave; null when there is none. A start always counts as begun.
-static DataBlock *FirstUnbegun(const Session *pSession)
+// The place of the first group that has not begun to leave; that behind the last one when there is none. A
+// start always counts as begun.
+static uint32_t FirstUnbegun(const Session *pSession)
 {
-    DataBlock *p = MediaFrom(ListFirstOf<DataBlock>(&pSession->out.Outq));
-    if (p && (pSession->flow.nStartHeld > 0 || p->sent > 0))
-        p = NextBlock(p);
-    while (p && !BlockStartsKey(p))
-        p = NextBlock(p);
-    return p;
+    const BlockQueue *pQueue = &pSession->out.Outq;
+    uint32_t i = FirstMedia(pQueue);
+    if (i < pQueue->nItems && (pSession->flow.nStartHeld > 0 || QueueAt(pQueue, i)->nSent > 0))
+        i++;
+    while (i < pQueue->nItems && !BlockStartsKey(QueueAt(pQueue, i)->pBlock))
+        i++;
+    return i;
 }
 
-static DataBlock *LastGroup(const Session *pSession)
+// Of a queue with a group.
+static uint32_t LastGroup(const BlockQueue *pQueue)
 {
-    auto *p = reinterpret_cast<DataBlock *>(pSession->out.Outq.pLast);
-    while (p && !BlockStartsKey(p))
-        p = PrevBlock(p);
-    return p;
+    uint32_t i = pQueue->nItems - 1;
+    while (i > 0 && !BlockStartsKey(QueueAt(pQueue, i)->pBlock))
+        i--;
+    return i;
 }
 
-// Drops the media from pFrom up to pUntil (not included; null: to the end). Returns how many groups began.
-static uint32_t DropGroups(Session *pSession, DataBlock *pFrom, const DataBlock *pUntil)
+// Drops the media from a place up to another. Returns how many groups began.
+static uint32_t DropGroups(Session *pSession, uint32_t nFrom, uint32_t nUntil)
 {
-    uint32_t nBefore = pSession->out.queued.nKeys;
-    while (pFrom != pUntil) {
-        DataBlock *pNext = NextBlock(pFrom);
-        if (pFrom->nFlags & DB_MEDIA)
-            BlockListFree(&pSession->out.Outq, pFrom);
-        pFrom = pNext;
-    }
-    return nBefore - pSession->out.queued.nKeys;
+    BlockQueue *pQueue = &pSession->out.Outq;
+    uint32_t nBefore = pQueue->sum.nKeys;
+    QueueDropIf(pQueue, nFrom, nUntil, [](const BlockRef *p) { return RefFlags(p) & DB_MEDIA; });
+    return nBefore - pQueue->sum.nKeys;
 }
 
 // Whether the group that has begun to leave, and alone waits, is longer than one that the cache holds.
@@ -183,15 +182,17 @@ static int IsEndless(const Session *pSession)
 // playing goes on with the next that comes.
 static void DropToNewest(Session *pSession)
 {
-    DataBlock *pFirst = FirstUnbegun(pSession);
-    if (!pFirst) {
+    const BlockQueue *pQueue = &pSession->out.Outq;
+    uint32_t nFirst = FirstUnbegun(pSession);
+    if (nFirst == pQueue->nItems) {
         pSession->flow.bSkips = IsEndless(pSession);
         return;
     }
-    DataBlock *pNewest = LastGroup(pSession);
-    uint32_t nGroups = DropGroups(pSession, pFirst, pNewest);
-    if (WaitingBytes(pSession) > kQueueBytes || ClockDiff(ClockMs(), pNewest->nSerial) > kQueueMs) {
-        nGroups += DropGroups(pSession, pNewest, nullptr);
+    uint32_t nGroups = DropGroups(pSession, nFirst, LastGroup(pQueue));
+    uint32_t nNewest = LastGroup(pQueue);
+    if (WaitingBytes(pSession) > kQueueBytes ||
+        ClockDiff(ClockMs(), QueueAt(pQueue, nNewest)->nClock) > kQueueMs) {
+        nGroups += DropGroups(pSession, nNewest, kQueueEnd);
         pSession->flow.bSkips = 1;
     }
     TellDropped(pSession, nGroups);
@@ -217,18 +218,18 @@ int QueueKeepBounds(Session *pSession)
 
 int RepliesPileUp(const Session *pSession)
 {
-    const BlockSum *pQueued = &pSession->out.queued;
+    const BlockSum *pQueued = &pSession->out.Outq.sum;
     int64_t nMost = Megabytes(g_settings.nCacheMegabytes);
     return pQueued->nOthers > kRepliesAbove || (nMost && pQueued->nOtherBytes > nMost);
 }
 
 // Whoever plays a recording sees numbers without a hole across pauses and jumps (RFC 2326, appendix B), and
 // so does not wait for packets that never come.
-static void GiveNumberBack(Session *pSession, const DataBlock *pBlock)
+static void GiveNumberBack(Session *pSession, const BlockRef *pRef)
 {
-    if (!(pBlock->nFlags & DB_MEDIA) || !pSession->pProg || pSession->pProg->bLive)
+    if (!(RefFlags(pRef) & DB_MEDIA) || !pSession->pProg || pSession->pProg->bLive)
         return;
-    int nTrack = TrackOfBlock(pSession, pBlock);
+    int nTrack = TrackOfRef(pSession, pRef);
     if (nTrack >= 0)
         pSession->tracks[nTrack].nNextSeq--;
 }
@@ -236,15 +237,12 @@ static void GiveNumberBack(Session *pSession, const DataBlock *pBlock)
 // Drops the blocks that have all of the flags.
 static void DropWaiting(Session *pSession, uint32_t nFlags)
 {
-    auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq);
-    while (p) {
-        DataBlock *pNext = NextBlock(p);
-        if (p->sent == 0 && (p->nFlags & nFlags) == nFlags) {
+    QueueDropIf(&pSession->out.Outq, 0, kQueueEnd, [=](const BlockRef *p) {
+        int bDrop = p->nSent == 0 && (RefFlags(p) & nFlags) == nFlags;
+        if (bDrop)
             GiveNumberBack(pSession, p);
-            BlockListFree(&pSession->out.Outq, p);
-        }
-        p = pNext;
-    }
+        return bDrop;
+    });
     pSession->flow.nStartHeld = 0;
 }
 
@@ -260,9 +258,9 @@ void QueueDropMedia(Session *pSession)
 
 void QueueDropCrowded(Session *pSession)
 {
-    auto *pHead = ListFirstOf<DataBlock>(&pSession->out.Outq);
-    if (pHead && pHead->sent == 0)
-        BlockListFree(&pSession->out.Outq, pHead);
+    const BlockRef *pHead = QueueFirst(&pSession->out.Outq);
+    if (pHead && pHead->nSent == 0)
+        QueueTake(&pSession->out.Outq, 1);
     QueueDropMedia(pSession);
 }
 

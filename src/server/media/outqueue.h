@@ -2,7 +2,7 @@
 // filled, flushed and given up. Scheduler thread only.
 #pragma once
 
-#include "base/datablock.h"
+#include "base/blockqueue.h"
 #include "server/core/program.h"
 #include "server/core/session.h"
 #include "server/core/settings.h"
@@ -61,48 +61,43 @@ inline int TrackOfPayload(const Session *pSession, uint8_t nPayloadType, TrackCh
     return -1;
 }
 
-// The track noted with a block, when it is set up; else -1.
-inline int TrackNoted(const Session *pSession, const DataBlock *pBlock)
+// The track when it is set up; else -1.
+inline int TrackIfSetUp(const Session *pSession, int nTrack)
 {
-    int nTrack = BlockTrack(pBlock);
     return nTrack < pSession->out.nTracks && pSession->tracks[nTrack].bSetUp ? nTrack : -1;
 }
 
-// The track set up that a media block of the session's queue belongs to; -1 when none does.
-inline int TrackOfBlock(const Session *pSession, const DataBlock *pBlock)
+// The track set up that media of the session's queue belongs to; -1 when none does.
+inline int TrackOfRef(const Session *pSession, const BlockRef *pRef)
 {
-    if (BlockTrack(pBlock) >= 0)
-        return TrackNoted(pSession, pBlock);
+    if (pRef->nTrack >= 0)
+        return TrackIfSetUp(pSession, pRef->nTrack);
     uint32_t nAt = pSession->out.bInterleaved ? kInterleaveBytes + 1 : 1;
-    if (pBlock->len <= nAt)
+    if (RefLen(pRef) <= nAt)
         return -1;
-    return TrackOfPayload(pSession, BlockData(pBlock)[nAt] & 0x7F, TrackChoice::SetUp);
+    return TrackOfPayload(pSession, RefData(pRef)[nAt] & 0x7F, TrackChoice::SetUp);
 }
 
-// Whether a block leaves by a media socket.
-inline int IsDatagram(const Session *pSession, const DataBlock *pBlock)
+// Whether it leaves by a media socket.
+inline int IsDatagram(const Session *pSession, const BlockRef *pRef)
 {
-    return (pBlock->nFlags & DB_MEDIA) && !pSession->out.bInterleaved;
+    return (RefFlags(pRef) & DB_MEDIA) && !pSession->out.bInterleaved;
 }
 
-// Queues a player's own copy of a cached packet. Returns the track it is for, or -1 when it was left out.
-int QueueCopy(Session *pSession, const DataBlock *pBlock);
-// Notes at nNow (ClockMs) that the block at the end waits from now on; what a start queues does not count.
-inline void QueueStamp(Session *pSession, uint32_t nNow)
-{
-    reinterpret_cast<DataBlock *>(pSession->out.Outq.pLast)->nSerial = nNow;
-}
+// Queues a cached packet for a player. nClock: ClockMs, from when on it waits; 0 of a start, which does not
+// count. Returns the track it is for, or -1 when it was left out.
+int QueuePacket(Session *pSession, DataBlock *pBlock, uint32_t nClock);
 
-// Puts a block before another one (null: at the end); behind it when part of that has left already, so that
-// the stream stays whole. The queue owns it from here on.
-void QueueBefore(Session *pSession, DataBlock *pBlock, DataBlock *pBefore);
+// Puts a block that the queue holds from here on at a place (kQueueEnd: the end); one place up when part of
+// what is there has left already, so that the stream stays whole. Returns where it is, or -1 without memory.
+int64_t QueueBefore(Session *pSession, DataBlock *pBlock, uint32_t nBefore);
 
 // Whether more bytes wait than may, and what a live player loses for it. QueueRelieve returns 0 when nothing
 // may be dropped, or that did not help: the player is to be ended.
 inline int QueueIsFull(const Session *pSession)
 {
     return g_settings.nCacheMegabytes &&
-           pSession->out.queued.nBytes - pSession->flow.nStartHeld > Megabytes(g_settings.nCacheMegabytes);
+           pSession->out.Outq.sum.nBytes - pSession->flow.nStartHeld > Megabytes(g_settings.nCacheMegabytes);
 }
 int QueueRelieve(Session *pSession);
 

@@ -94,35 +94,37 @@ Pace PaceOf(const Session *pSession)
     return {1, bPaused, pPlay->nPlayStart, DueMs(pPlay), nSent, LeadMs(pSession), nRoom};
 }
 
-DataBlock *PaceFirstHeld(const Session *pSession)
+uint32_t PaceFirstHeld(const Session *pSession)
 {
     Pace pace = PaceOf(pSession);
-    DataBlock *pHeld = nullptr;
-    for (auto *p = pace.bPaced ? ListFirstOf<DataBlock>(&pSession->out.Outq) : nullptr; p; p = NextBlock(p)) {
-        if (!(p->nFlags & (DB_MEDIA | DB_KEY)))
-            pHeld = nullptr;
-        else if (!pHeld && PaceHoldsBack(&pace, p))
-            pHeld = p;
-        else if (!pHeld)
+    uint32_t nHeld = kQueueEnd;
+    for (uint32_t i = 0; pace.bPaced && i < pSession->out.Outq.nItems; i++) {
+        const BlockRef *p = QueueAt(&pSession->out.Outq, i);
+        if (!(RefFlags(p) & (DB_MEDIA | DB_KEY)))
+            nHeld = kQueueEnd;
+        else if (nHeld == kQueueEnd && PaceHoldsBack(&pace, p))
+            nHeld = i;
+        else if (nHeld == kQueueEnd)
             PaceAdvance(&pace, p);
     }
-    return pHeld;
+    return nHeld;
 }
 
 int PaceIsMidPicture(const Session *pSession)
 {
     if (!PlaysStandard(pSession) || pSession->out.bInterleaved || pSession->nState != STATE_PLAYING)
         return 0;
-    auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq);
-    while (p && !(p->nFlags & DB_MEDIA))
-        p = NextBlock(p);
-    return p && p->nTimestamp == pSession->play.nPlayPos;
+    const BlockQueue *pQueue = &pSession->out.Outq;
+    uint32_t i = 0;
+    while (i < pQueue->nItems && !(RefFlags(QueueAt(pQueue, i)) & DB_MEDIA))
+        i++;
+    return i < pQueue->nItems && QueueAt(pQueue, i)->pBlock->nTimestamp == pSession->play.nPlayPos;
 }
 
 int PaceKeepsAll(const Session *pSession)
 {
     Pace pace = PaceOf(pSession);
-    const auto *pHead = ListFirstOf<DataBlock>(&pSession->out.Outq);
+    const BlockRef *pHead = QueueFirst(&pSession->out.Outq);
     return !pHead || (pace.bPaused && PaceHoldsBack(&pace, pHead));
 }
 

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "base/datablock.h"
+#include "base/blockqueue.h"
 #include "runtime/clock.h"
 #include "server/core/program.h"
 #include "server/core/session.h"
@@ -56,25 +56,25 @@ constexpr uint32_t kUdpBytesPerMs = 3200;  // 25 Mbit/s; more where twice the st
 
 // Whether a block has to wait. But for the room in a socket the rest of a picture does not: it is not further
 // ahead than its beginning, so that a pause leaves no player with a piece of one.
-inline int PaceHoldsBack(const Pace *pPace, const DataBlock *pBlock)
+inline int PaceHoldsBack(const Pace *pPace, const BlockRef *pRef)
 {
-    if (!pPace->bPaced || !(pBlock->nFlags & DB_MEDIA))
+    if (!pPace->bPaced || !(RefFlags(pRef) & DB_MEDIA))
         return 0;
-    if (pPace->bPaused && pBlock->sent == 0)
+    if (pPace->bPaused && pRef->nSent == 0)
         return 1;
     if (pPace->nRoom <= 0)
         return 1;
     return ClockDiff(pPace->nSent, pPace->nElapsed) > pPace->nLead &&
-           pBlock->nTimestamp - pPace->nStart != pPace->nSent;
+           pRef->pBlock->nTimestamp - pPace->nStart != pPace->nSent;
 }
 
 // Notes that a block is on its way; only media has a place in time.
-inline void PaceAdvance(Pace *pPace, const DataBlock *pBlock)
+inline void PaceAdvance(Pace *pPace, const BlockRef *pRef)
 {
-    if (!pPace->bPaced || !(pBlock->nFlags & DB_MEDIA))
+    if (!pPace->bPaced || !(RefFlags(pRef) & DB_MEDIA))
         return;
-    pPace->nSent = pBlock->nTimestamp - pPace->nStart;
-    pPace->nRoom -= pBlock->len;
+    pPace->nSent = pRef->pBlock->nTimestamp - pPace->nStart;
+    pPace->nRoom -= static_cast<int32_t>(RefLen(pRef));
 }
 
 // Brings a pace to what has left since it was taken.
@@ -85,9 +85,10 @@ inline void PaceGoOn(Pace *pPace, const Session *pSession)
         pPace->nRoom = pSession->flow.nRoom;
 }
 
-// The first packet of the queue that the pace holds back and that a reply need not wait for; null when there
-// is none. Replies keep their order among themselves; reports, which carry the key flag, may be passed.
-DataBlock *PaceFirstHeld(const Session *pSession);
+// The place of the first packet of the queue that the pace holds back and that a reply need not wait for;
+// kQueueEnd when there is none. Replies keep their order among themselves; reports, which carry the key flag,
+// may be passed.
+uint32_t PaceFirstHeld(const Session *pSession);
 
 // Whether of a recording's picture a part has left over UDP, and the rest waits for room: a jump or a pause
 // would leave a piece of it with the player.

@@ -27,18 +27,15 @@ struct Waiting {
 static Waiting CountWaiting(Session *pPusher, const Session *pAsker)
 {
     Waiting waiting;
-    DataBlock *pNext;
-    for (auto *p = ListFirstOf<DataBlock>(&pPusher->out.Outq); p; p = pNext) {
-        pNext = NextBlock(p);
-        if (!(p->nFlags & DB_QUESTION) || p->nSerial != pAsker->nHandle)
-            continue;
-        if (p->sent == 0 && IsOver(p->nTimestamp)) {
-            BlockListFree(&pPusher->out.Outq, p);
-            continue;
-        }
+    QueueDropIf(&pPusher->out.Outq, 0, kQueueEnd, [&](const BlockRef *p) {
+        if (!(RefFlags(p) & DB_QUESTION) || p->pBlock->nSerial != pAsker->nHandle)
+            return 0;
+        if (p->nSent == 0 && IsOver(p->pBlock->nTimestamp))
+            return 1;
         waiting.nCount++;
-        waiting.nBytes += p->len;
-    }
+        waiting.nBytes += RefLen(p);
+        return 0;
+    });
     return waiting;
 }
 

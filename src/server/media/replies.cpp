@@ -157,26 +157,26 @@ void MessageDate(Message *pMessage)
     TextAdd(&pMessage->text, "Date: %s\r\n", szDate);
 }
 
-static Verdict Send(Message *pMessage, const void *pBody, size_t nBody, DataBlock *pBefore)
+static Verdict Send(Message *pMessage, const void *pBody, size_t nBody, uint32_t nBefore)
 {
     TextAdd(&pMessage->text, "\r\n");
     return KeepIf(!pMessage->text.bFull && SendReply2(pMessage->pSession, pMessage->pPort, pMessage->sz,
-                                                      pMessage->text.nLen, pBody, nBody, pBefore));
+                                                      pMessage->text.nLen, pBody, nBody, nBefore));
 }
 
 Verdict MessageSend(Message *pMessage)
 {
-    return Send(pMessage, nullptr, 0, nullptr);
+    return Send(pMessage, nullptr, 0, kQueueEnd);
 }
 
 Verdict MessageSendBody(Message *pMessage, const void *pBody, size_t nBody)
 {
-    return Send(pMessage, pBody, nBody, nullptr);
+    return Send(pMessage, pBody, nBody, kQueueEnd);
 }
 
-Verdict MessageSendBefore(Message *pMessage, DataBlock *pBefore)
+Verdict MessageSendBefore(Message *pMessage, uint32_t nBefore)
 {
-    return Send(pMessage, nullptr, 0, pBefore);
+    return Send(pMessage, nullptr, 0, nBefore);
 }
 
 Verdict ReplyStatus(Session *pSession, Port *pPort, Status eStatus)

@@ -84,11 +84,12 @@ constexpr uint32_t kSessionSeconds = 60;
 void MessageSession(Message *pMessage);
 void MessageDate(Message *pMessage);
 
-// Ends the header block and sends it, with an optional body behind it, before a block of the queue or (null)
-// behind what must not be overtaken. Returns Keep, or End when it did not fit or could not be sent.
+// Ends the header block and sends it, with an optional body behind it, before a place of the queue or
+// (kQueueEnd) behind what must not be overtaken. Returns Keep, or End when it did not fit or could not be
+// sent.
 Verdict MessageSend(Message *pMessage);
 Verdict MessageSendBody(Message *pMessage, const void *pBody, size_t nBody);
-Verdict MessageSendBefore(Message *pMessage, DataBlock *pBefore);
+Verdict MessageSendBefore(Message *pMessage, uint32_t nBefore);
 
 // Replies that are nothing but a status. ReplyStatus has the two cache lines, as the methods of players and
 // pushers answer; ReplyDated the date as well; ReplyShort neither, as the extension methods answer. Results

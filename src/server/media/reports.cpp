@@ -46,7 +46,7 @@ static void TellPlayer(Session *pPlayer, int nTrack, const TrackReport *pReport)
     DataBlock *pBlock =
         RepliesPileUp(pPlayer) ? nullptr : MakeDataBlock(frame, kInterleaveBytes + pReport->nBytes, 0, 0, 1);
     if (pBlock)
-        BlockListAppend(&pPlayer->out.Outq, pBlock);
+        QueueAppend(&pPlayer->out.Outq, {pBlock});
 }
 
 static int Takes(const Session *pPlayer, int nTrack)

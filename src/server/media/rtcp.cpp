@@ -305,9 +305,8 @@ int ReportsAreOwn(const Session *pPlayer, int nTrack)
     return !pProg->standards.bPlayers && !pProg->desc.mediaInfos[nTrack].report.bPushed;
 }
 
-// Makes a track's report and sends it: over UDP at once, interleaved through the queue (behind pAfter when
-// given).
-static void SendTrackReport(Session *pSession, int nTrack, ReportKind eKind, DataBlock *pAfter)
+// Makes a track's report and sends it: over UDP at once, interleaved through the queue.
+static void SendTrackReport(Session *pSession, int nTrack, ReportKind eKind, int bBehindFirst)
 {
     uint8_t report[kMaxReport];
     size_t nLen = MakeReport(pSession, nTrack, eKind, report, sizeof(report));
@@ -320,12 +319,12 @@ static void SendTrackReport(Session *pSession, int nTrack, ReportKind eKind, Dat
     DataBlock *pBlock = MakeDataBlock(report, nLen, 0, 0, 1);
     if (!pBlock)
         print("MakeDataBlock() failed!\r\n");
-    else if (pAfter)
-        BlockListInsert(&pSession->out.Outq, pBlock, pAfter, 1);
+    else if (bBehindFirst)
+        QueueInsert(&pSession->out.Outq, 1, {pBlock});
     else  // one that waited behind media that is ahead of its time would tell of a long way to the player
         QueueBefore(
             pSession, pBlock,
-            eKind == ReportKind::Cycle && PlaysStandard(pSession) ? PaceFirstHeld(pSession) : nullptr);
+            eKind == ReportKind::Cycle && PlaysStandard(pSession) ? PaceFirstHeld(pSession) : kQueueEnd);
 }
 
 // Reports count from this packet on.
@@ -337,29 +336,29 @@ static void BeginCount(SessionTrack *pTrack, const uint8_t *pRtp)
     pTrack->nClockBase = RtpClock(pTrack->nTimeScale, &now);
 }
 
-static void SendFirstRtcpReport(Session *pSession, int nTrack, const uint8_t *pRtp, DataBlock *pAfter)
+static void SendFirstRtcpReport(Session *pSession, int nTrack, const uint8_t *pRtp)
 {
     SessionTrack *pTrack = &pSession->tracks[nTrack];
     BeginCount(pTrack, pRtp);
     pTrack->nSsrc = GetBe(pRtp + 8, 4);
     if (pSession->nFlags & SESSION_RTCP)
         print("SendFirstRtcpReport():\r\n");
-    SendTrackReport(pSession, nTrack, ReportKind::First, pAfter);
+    SendTrackReport(pSession, nTrack, ReportKind::First, 1);
     pSession->flow.tLastReport = ClockUptime();
 }
 
-void RtcpNotePacketSent(Session *pSession, int nTrack, const uint8_t *pRtp, size_t nLen, DataBlock *pAfter)
+void RtcpNotePacketSent(Session *pSession, int nTrack, const uint8_t *pRtp, size_t nLen, int bJump)
 {
     SessionTrack *pTrack = &pSession->tracks[nTrack];
     if (nLen < kRtpHeaderBytes)
         return;
     pTrack->nOctets += static_cast<uint32_t>(nLen - kRtpHeaderBytes);
-    if (pTrack->nPackets++ > 0 && (pAfter->nFlags & DB_JUMP))
+    if (pTrack->nPackets++ > 0 && bJump)
         BeginCount(pTrack, pRtp);
     if (pTrack->bReported || !ReportsAreOwn(pSession, nTrack))
         return;
     pTrack->bReported = 1;
-    SendFirstRtcpReport(pSession, nTrack, pRtp, pAfter);
+    SendFirstRtcpReport(pSession, nTrack, pRtp);
 }
 
 void RtcpPlayBegins(Session *pSession)
@@ -388,7 +387,7 @@ static int SendReports(Session *pSession, int bBye)
             continue;
         if (pSession->nFlags & SESSION_RTCP)
             print("SendRtcpReport():\r\n");
-        SendTrackReport(pSession, i, bBye ? ReportKind::Bye : ReportKind::Cycle, nullptr);
+        SendTrackReport(pSession, i, bBye ? ReportKind::Bye : ReportKind::Cycle, 0);
     }
     pSession->flow.tLastReport = ClockUptime();
     return 1;

@@ -39,9 +39,9 @@ void NtpTimeToString(uint32_t nNtpSec, uint32_t nNtpFrac, char *szOut, size_t nS
 void RtcpDump(const uint8_t *pPacket, size_t nLen, uint32_t nClockRate);
 
 // Notes that a media packet (RTP header at pRtp, nLen bytes) of track i was written completely: counters, and
-// on the first one the clock base and the first report, on one whose stamp jumps the base anew. pAfter is the
-// block just sent, still at the head of the queue.
-void RtcpNotePacketSent(Session *pSession, int nTrack, const uint8_t *pRtp, size_t nLen, DataBlock *pAfter);
+// on the first one the clock base and the first report, on one whose stamp jumps (bJump) the base anew. The
+// packet is still the first of the queue, and its report is put behind it.
+void RtcpNotePacketSent(Session *pSession, int nTrack, const uint8_t *pRtp, size_t nLen, int bJump);
 
 // Playing begins, or begins anew elsewhere: notes when, from where on the time line counts (nPlayStart is
 // set). A standard player of a recording gets a first report on each track again, because what was told holds

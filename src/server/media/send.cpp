@@ -22,11 +22,11 @@ static constexpr uint32_t kDelayedSendMs = 200;  // a socket that was full has r
 
 // The connection for replies and interleaved media, or the media socket of the block's track. Null when a
 // survived peer assertion found none: which packets a recording makes is up to the file.
-static inline Port *ChoosePort(const Session *pSession, const DataBlock *pBlock)
+static inline Port *ChoosePort(const Session *pSession, const BlockRef *pRef)
 {
     Port *pPort = nullptr;
-    if (IsDatagram(pSession, pBlock)) {
-        int nTrack = TrackOfBlock(pSession, pBlock);
+    if (IsDatagram(pSession, pRef)) {
+        int nTrack = TrackOfRef(pSession, pRef);
         pPort = nTrack >= 0 ? pSession->tracks[nTrack].Media : nullptr;
     } else {
         pPort = SessionReplyPort(pSession);
@@ -36,23 +36,30 @@ static inline Port *ChoosePort(const Session *pSession, const DataBlock *pBlock)
 
 // Whether the first packet of a track would leave with this block: its report has to follow right behind it.
 // Of sessions that get reports.
-static int StartsReports(const Session *pSession, const DataBlock *pBlock)
+static int StartsReports(const Session *pSession, const BlockRef *pRef)
 {
-    if (!(pBlock->nFlags & DB_MEDIA))
+    if (!(RefFlags(pRef) & DB_MEDIA))
         return 0;
-    int nTrack = TrackOfBlock(pSession, pBlock);
+    int nTrack = TrackOfRef(pSession, pRef);
     return nTrack >= 0 && !pSession->tracks[nTrack].bReported && ReportsAreOwn(pSession, nTrack);
 }
 
-// Collects from the head of the queue what can leave in one call. Empty when pacing holds the head back.
+// Counts from the head of the queue what can leave in one call. None when pacing holds the head back.
 // Returns 1, or 0 when the head has no socket to leave by.
 static int Gather(const Session *pSession, Port *pGiven, const Pace *pPace, Batch *pBatch)
 {
     Pace pace = *pPace;
+    const BlockQueue *pQueue = &pSession->out.Outq;
     int bReports = RtcpMakesReports(pSession);
+    uint32_t nMost = std::min<uint32_t>(pQueue->nItems, kMaxGather);
     pBatch->nBlocks = 0;
-    for (auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq); p && pBatch->nBlocks < kMaxGather;
-         p = NextBlock(p)) {
+    if (!pace.bPaced && !bReports && pSession->out.bInterleaved) {  // all leave alike
+        pBatch->pPort = pGiven ? pGiven : ChoosePort(pSession, QueueFirst(pQueue));
+        pBatch->nBlocks = nMost;
+        return pBatch->pPort != nullptr;
+    }
+    while (pBatch->nBlocks < nMost) {
+        const BlockRef *p = QueueAt(pQueue, pBatch->nBlocks);
         if (PaceHoldsBack(&pace, p))
             break;
         Port *pPort = pGiven ? pGiven : ChoosePort(pSession, p);
@@ -61,7 +68,7 @@ static int Gather(const Session *pSession, Port *pGiven, const Pace *pPace, Batc
         if (pBatch->nBlocks > 0 && pPort != pBatch->pPort)
             break;
         pBatch->pPort = pPort;
-        pBatch->blocks[pBatch->nBlocks++] = p;
+        pBatch->nBlocks++;
         PaceAdvance(&pace, p);
         if (bReports && StartsReports(pSession, p))
             break;
@@ -69,20 +76,39 @@ static int Gather(const Session *pSession, Port *pGiven, const Pace *pPace, Batc
     return 1;
 }
 
-// Accounts for a block that was written completely, and frees it.
-static void BlockDone(Session *pSession, DataBlock *pBlock)
+// Of the head, which was written completely, reports count. One on it stands behind it then.
+static void ReportHead(Session *pSession)
 {
-    if (pBlock->nFlags & DB_MEDIA) {
-        pSession->play.nPlayPos = pBlock->nTimestamp;
-        pSession->flow.nStartHeld -= std::min(pSession->flow.nStartHeld, int64_t{BlockBytes(pBlock)});
-        // standard players of recordings are told where each track ends, with or without reports
-        int bCounts = (pSession->nFlags & SESSION_RTCP) || pSession->out.bSampleStamps;
-        int nTrack = bCounts ? TrackOfBlock(pSession, pBlock) : -1;
-        uint32_t nPrefix = pSession->out.bInterleaved ? kInterleaveBytes : 0;
-        if (nTrack >= 0)
-            RtcpNotePacketSent(pSession, nTrack, BlockData(pBlock) + nPrefix, pBlock->len - nPrefix, pBlock);
+    const BlockRef *pHead = QueueFirst(&pSession->out.Outq);
+    int nTrack = RefFlags(pHead) & DB_MEDIA ? TrackOfRef(pSession, pHead) : -1;
+    uint32_t nPrefix = pSession->out.bInterleaved ? kInterleaveBytes : 0;
+    if (nTrack >= 0)
+        RtcpNotePacketSent(pSession, nTrack, RefData(pHead) + nPrefix, RefLen(pHead) - nPrefix,
+                           (RefFlags(pHead) & DB_JUMP) != 0);
+}
+
+// Accounts for the first blocks, which were written completely, and takes them off.
+static void BlocksDone(Session *pSession, uint32_t nDone)
+{
+    BlockQueue *pQueue = &pSession->out.Outq;
+    int64_t nMedia = 0;
+    for (uint32_t i = 0; i < nDone; i++) {
+        const BlockRef *p = QueueAt(pQueue, i);
+        if (!(RefFlags(p) & DB_MEDIA))
+            continue;
+        pSession->play.nPlayPos = p->pBlock->nTimestamp;
+        nMedia += RefBytes(p);
     }
-    BlockListFree(&pSession->out.Outq, pBlock);
+    pSession->flow.nStartHeld -= std::min(pSession->flow.nStartHeld, nMedia);
+    // standard players of recordings are told where each track ends, with or without reports
+    if (!(pSession->nFlags & SESSION_RTCP) && !pSession->out.bSampleStamps) {
+        QueueTake(pQueue, nDone);
+        return;
+    }
+    for (; nDone > 0; nDone--) {
+        ReportHead(pSession);
+        QueueTake(pQueue, 1);
+    }
 }
 
 static int OnSessionDelaySendTimer(Task *pTask, uint32_t, uint32_t, uint32_t)
@@ -155,8 +181,7 @@ static int OnBlocked(Session *pSession, const Port *pPort, int bPush)
 static int HoldsDatagrams(const Session *pSession)
 {
     return pSession->flow.nStartBlocks > 0 ||
-           (PaceCountsBytes(pSession) && pSession->nState == STATE_PLAYING &&
-            ListCount(&pSession->out.Outq) > 0);
+           (PaceCountsBytes(pSession) && pSession->nState == STATE_PLAYING && pSession->out.Outq.nItems > 0);
 }
 
 static int OnCatchUpTimer(Task *pTask, uint32_t, uint32_t nNow, uint32_t)
@@ -188,24 +213,21 @@ static void CatchUp(Session *pSession)
 }
 
 // Writes the batch and accounts for what left. Results of WireWrite.
-static int WriteBatch(Session *pSession, Batch *pBatch)
+static int WriteBatch(Session *pSession, const Batch *pBatch)
 {
     SessionFlow *pFlow = &pSession->flow;
-    int nLeft = 0;
+    uint32_t nLeft = 0;
     uint64_t nBefore = pFlow->nBytesSent;
-    int nResult = WireWrite(pBatch, &nLeft, &pFlow->nBytesSent);
+    int nResult = WireWrite(&pSession->out.Outq, pBatch, &nLeft, &pFlow->nBytesSent);
     g_server.counted.nBytesSent += pFlow->nBytesSent - nBefore;
     if (nResult > 0) {
         pFlow->nBlockedSends = 0;
         pFlow->bBlocked = 0;
     }
     int bCounts = pBatch->pPort->nType == PORT_UDP && PaceCountsBytes(pSession);
-    for (int i = 0; i < nLeft && i < pBatch->nBlocks; i++) {
-        DataBlock *pBlock = pBatch->blocks[i];
-        if (bCounts)
-            pFlow->nRoom -= pBlock->len;
-        BlockDone(pSession, pBlock);
-    }
+    for (uint32_t i = 0; i < nLeft && bCounts; i++)
+        pFlow->nRoom -= static_cast<int32_t>(RefLen(QueueAt(&pSession->out.Outq, i)));
+    BlocksDone(pSession, nLeft);
     return nResult;
 }
 
@@ -221,7 +243,7 @@ int SendDataEx(Session *pSession, Port *pPort, int bPush)
     Batch batch;
     Pace pace = PaceTake(pSession);
     for (;;) {
-        if (ListCount(&pSession->out.Outq) == 0 && !(pace.bPaced && Refill(pSession))) {
+        if (pSession->out.Outq.nItems == 0 && !(pace.bPaced && Refill(pSession))) {
             pSession->flow.nStartBlocks = 0;
             return 1;
         }
@@ -283,7 +305,7 @@ static DataBlock *MakeReplyBlock(const void *pText, size_t nLen)
 
 int SendReply(Session *pSession, Port *pPort, const void *pText, size_t nLen)
 {
-    return SendReply2(pSession, pPort, pText, nLen, nullptr, 0, nullptr);
+    return SendReply2(pSession, pPort, pText, nLen, nullptr, 0, kQueueEnd);
 }
 
 int SendQuestion(Session *pPusher, Port *pPort, const void *pText, size_t nLen, uint32_t nAsker)
@@ -294,12 +316,12 @@ int SendQuestion(Session *pPusher, Port *pPort, const void *pText, size_t nLen, 
     pBlock->nFlags |= DB_QUESTION;
     pBlock->nSerial = nAsker;
     pBlock->nTimestamp = ClockMs();
-    BlockListAppend(&pPusher->out.Outq, pBlock);
+    QueueAppend(&pPusher->out.Outq, {pBlock});
     return SendDataEx(pPusher, ReplyPort(pPusher, pPort), 0);
 }
 
 int SendReply2(Session *pSession, Port *pPort, const void *pText, size_t nLen, const void *pBody,
-               size_t nBody, DataBlock *pBefore)
+               size_t nBody, uint32_t nBefore)
 {
     // a client can close the half of its tunnel that replies take, and go on asking on the other
     if (!ORX_PEER_ASSERT(pPort && (pSession->peer.Reply || !(pPort->nFlags & PORT_TUNNEL_POST)),
@@ -318,9 +340,12 @@ int SendReply2(Session *pSession, Port *pPort, const void *pText, size_t nLen, c
         FreeDataBlock(pTail);
         return 0;
     }
-    QueueBefore(pSession, pHead, pBefore ? pBefore : PaceFirstHeld(pSession));
-    if (pTail)
-        BlockListInsert(&pSession->out.Outq, pTail, pHead, 1);
+    int64_t nAt = QueueBefore(pSession, pHead, nBefore < kQueueEnd ? nBefore : PaceFirstHeld(pSession));
+    if (nAt < 0 || (pTail && !QueueInsert(&pSession->out.Outq, static_cast<uint32_t>(nAt) + 1, {pTail}))) {
+        if (nAt < 0)
+            FreeDataBlock(pTail);
+        return 0;
+    }
     return SendDataEx(pSession, ReplyPort(pSession, pPort), 0);
 }
 

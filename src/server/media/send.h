@@ -29,8 +29,9 @@ int SendReply(Session *pSession, Port *pPort, const void *pText, size_t nLen);
 // SendDataEx.
 int SendQuestion(Session *pPusher, Port *pPort, const void *pText, size_t nLen, uint32_t nAsker);
 
-// One operation: the reply, an optional body behind it, and an optional queued block that both stand before.
+// One operation: the reply, an optional body behind it, and the place of the queue that both stand before
+// (kQueueEnd: none).
 int SendReply2(Session *pSession, Port *pPort, const void *pText, size_t nLen, const void *pBody,
-               size_t nBody, DataBlock *pBefore);
+               size_t nBody, uint32_t nBefore);
 
 }  // namespace orx

@@ -45,6 +45,7 @@ void SleepIfIdle(Session *pPusher)
     print("Prog(%s) enter sleeping state...\r\n", pProg->Uri);
     EventSay(EventLevel::Info, "pusher.sleep", {EventText("program", pProg->Uri)});
     pProg->sleep.bSleeping = 1;
+    ProgramClearCache(pProg);  // nobody is shown it any more: who comes has the next pictures
 }
 
 void ProgramWake(Program *pProg)

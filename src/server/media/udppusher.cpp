@@ -31,7 +31,7 @@ struct Destination {
 static int FeedFrame(void *pContext, const uint8_t *pFrame, size_t nBytes)
 {
     auto *pTo = static_cast<Destination *>(pContext);
-    return FeedProgram(pTo->pSession, pTo->nTrack, pFrame, static_cast<uint32_t>(nBytes));
+    return FeedProgram(pTo->pSession, pTo->nTrack, pFrame, static_cast<uint32_t>(nBytes), nullptr);
 }
 
 // Hands on what has waited for its time. Returns in how many ms more will have, -1 when nothing waits, -2

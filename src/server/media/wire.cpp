@@ -14,32 +14,57 @@ namespace orx {
 static constexpr size_t kMaxSegment = 1472;     // a larger datagram does not fit an Ethernet frame (IPv4)
 static constexpr size_t kMaxSegmented = 65000;  // bytes of one segmented message, below what IPv4 can carry
 
-static ssize_t WriteStream(const Batch *pBatch)
+// What is to be written of the blocks, *pnBytes altogether. Neighbours in memory, as packets are that came
+// one behind the other, are one part. Returns how many parts.
+static size_t StreamParts(const BlockQueue *pQueue, const Batch *pBatch, iovec *parts, size_t *pnBytes)
 {
-    iovec parts[kMaxGather];
-    for (int i = 0; i < pBatch->nBlocks; i++) {
-        DataBlock *pBlock = pBatch->blocks[i];
-        parts[i] = {BlockData(pBlock) + pBlock->sent, static_cast<size_t>(pBlock->len - pBlock->sent)};
+    size_t nParts = 0;
+    size_t nTotal = 0;
+    const uint8_t *pEnd = nullptr;
+    for (uint32_t i = 0; i < pBatch->nBlocks; i++) {
+        const BlockRef *pRef = QueueAt(pQueue, i);
+        const uint8_t *p = RefData(pRef) + pRef->nSent;
+        size_t nBytes = RefLen(pRef) - pRef->nSent;
+        if (p == pEnd)
+            parts[nParts - 1].iov_len += nBytes;
+        else
+            parts[nParts++] = {const_cast<uint8_t *>(p), nBytes};
+        pEnd = p + nBytes;
+        nTotal += nBytes;
     }
-    msghdr message{};
-    message.msg_iov = parts;
-    message.msg_iovlen = static_cast<size_t>(pBatch->nBlocks);
-    return sendmsg(pBatch->pPort->fd, &message, MSG_NOSIGNAL);
+    *pnBytes = nTotal;
+    return nParts;
 }
 
 // How many blocks nWritten bytes complete; the one behind them keeps what it got.
-static int CountWritten(const Batch *pBatch, size_t nWritten)
+static uint32_t CountWritten(const BlockQueue *pQueue, const Batch *pBatch, size_t nWritten)
 {
-    for (int i = 0; i < pBatch->nBlocks; i++) {
-        DataBlock *pBlock = pBatch->blocks[i];
-        size_t nRest = static_cast<size_t>(pBlock->len - pBlock->sent);
+    for (uint32_t i = 0; i < pBatch->nBlocks; i++) {
+        BlockRef *pRef = QueueAt(pQueue, i);
+        size_t nRest = RefLen(pRef) - pRef->nSent;
         if (nWritten < nRest) {
-            pBlock->sent = static_cast<uint16_t>(pBlock->sent + nWritten);
+            pRef->nSent = static_cast<uint16_t>(pRef->nSent + nWritten);
             return i;
         }
         nWritten -= nRest;
     }
     return pBatch->nBlocks;
+}
+
+// Writes to a connection. Returns how many blocks left completely, or -1.
+static ssize_t WriteStream(const BlockQueue *pQueue, const Batch *pBatch, uint64_t *pnBytes)
+{
+    iovec parts[kMaxGather];
+    size_t nBytes;
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = StreamParts(pQueue, pBatch, parts, &nBytes);
+    ssize_t n = sendmsg(pBatch->pPort->fd, &message, MSG_NOSIGNAL);
+    if (n < 0)
+        return -1;
+    *pnBytes += static_cast<uint64_t>(n);
+    return static_cast<size_t>(n) == nBytes ? pBatch->nBlocks
+                                            : CountWritten(pQueue, pBatch, static_cast<size_t>(n));
 }
 
 // Messages of one sendmmsg. Each carries a run of blocks: one datagram, or several of one size (but for a
@@ -48,22 +73,26 @@ static int CountWritten(const Batch *pBatch, size_t nWritten)
 struct Datagrams {
     mmsghdr messages[kMaxGather];
     iovec parts[kMaxGather];
-    int runs[kMaxGather];  // blocks of each message
+    uint32_t runs[kMaxGather];  // blocks of each message
     alignas(cmsghdr) char control[kMaxGather][CMSG_SPACE(sizeof(uint16_t))];
     unsigned nMessages;
 };
 
 // How many blocks from i on may leave as one message.
-static int RunLength(const Batch *pBatch, int i)
+static uint32_t RunLength(const BlockQueue *pQueue, const Batch *pBatch, uint32_t i)
 {
-    size_t nSize = pBatch->blocks[i]->len;
+    size_t nSize = RefLen(QueueAt(pQueue, i));
     size_t nTotal = nSize;
-    int n = 1;
+    size_t nLast = nSize;
+    uint32_t n = 1;
     if ((pBatch->pPort->nFlags & PORT_NO_SEGMENTS) || nSize > kMaxSegment)
         return n;
-    while (i + n < pBatch->nBlocks && pBatch->blocks[i + n - 1]->len == nSize &&
-           pBatch->blocks[i + n]->len <= nSize && nTotal + pBatch->blocks[i + n]->len <= kMaxSegmented)
-        nTotal += pBatch->blocks[i + n++]->len;
+    for (; i + n < pBatch->nBlocks && nLast == nSize; n++) {
+        nLast = RefLen(QueueAt(pQueue, i + n));
+        if (nLast > nSize || nTotal + nLast > kMaxSegmented)
+            break;
+        nTotal += nLast;
+    }
     return n;
 }
 
@@ -78,39 +107,43 @@ static void SetSegmentSize(msghdr *pMessage, char *pControl, size_t nControl, ui
     memcpy(CMSG_DATA(pHead), &nSize, sizeof(nSize));
 }
 
-static void FillDatagrams(const Batch *pBatch, Datagrams *pOut)
+static void FillDatagrams(const BlockQueue *pQueue, const Batch *pBatch, Datagrams *pOut)
 {
     pOut->nMessages = 0;
-    for (int i = 0; i < pBatch->nBlocks;) {
-        int nRun = RunLength(pBatch, i);
+    for (uint32_t i = 0; i < pBatch->nBlocks;) {
+        uint32_t nRun = RunLength(pQueue, pBatch, i);
         unsigned m = pOut->nMessages++;
         pOut->runs[m] = nRun;
         pOut->messages[m] = {};
         msghdr *pMessage = &pOut->messages[m].msg_hdr;
-        pMessage->msg_name = &pBatch->pPort->remote;
-        pMessage->msg_namelen = AddrSize(&pBatch->pPort->remote);
+        if (!(pBatch->pPort->nFlags & PORT_AIMED)) {
+            pMessage->msg_name = &pBatch->pPort->remote;
+            pMessage->msg_namelen = AddrSize(&pBatch->pPort->remote);
+        }
         pMessage->msg_iov = &pOut->parts[i];
-        pMessage->msg_iovlen = static_cast<size_t>(nRun);
+        pMessage->msg_iovlen = nRun;
         if (nRun > 1)
-            SetSegmentSize(pMessage, pOut->control[m], sizeof(pOut->control[m]), pBatch->blocks[i]->len);
-        for (int nEnd = i + nRun; i < nEnd; i++) {
-            ORX_ASSERT(pBatch->blocks[i]->sent == 0, "p->sent==0");
-            pOut->parts[i] = {BlockData(pBatch->blocks[i]), pBatch->blocks[i]->len};
+            SetSegmentSize(pMessage, pOut->control[m], sizeof(pOut->control[m]),
+                           static_cast<uint16_t>(RefLen(QueueAt(pQueue, i))));
+        for (uint32_t nEnd = i + nRun; i < nEnd; i++) {
+            const BlockRef *pRef = QueueAt(pQueue, i);
+            ORX_ASSERT(pRef->nSent == 0, "p->sent==0");
+            pOut->parts[i] = {const_cast<uint8_t *>(RefData(pRef)), RefLen(pRef)};
         }
     }
 }
 
 // Sends datagrams to the port's peer, as many as the socket takes. Returns how many blocks left, or -1. A
 // path that cannot cut segments apart gets single datagrams from then on.
-static ssize_t WriteDatagrams(const Batch *pBatch, uint64_t *pnBytes)
+static ssize_t WriteDatagrams(const BlockQueue *pQueue, const Batch *pBatch, uint64_t *pnBytes)
 {
     Datagrams out;
-    FillDatagrams(pBatch, &out);
+    FillDatagrams(pQueue, pBatch, &out);
     int nSent = sendmmsg(pBatch->pPort->fd, out.messages, out.nMessages, MSG_NOSIGNAL);
-    int bSegments = static_cast<int>(out.nMessages) < pBatch->nBlocks;
-    if (nSent < 0 && bSegments && errno != EAGAIN && errno != EINTR) {
+    int bSegments = out.nMessages < pBatch->nBlocks;
+    if (nSent < 0 && bSegments && errno != EAGAIN && errno != EINTR && errno != ECONNREFUSED) {
         pBatch->pPort->nFlags |= PORT_NO_SEGMENTS;
-        return WriteDatagrams(pBatch, pnBytes);
+        return WriteDatagrams(pQueue, pBatch, pnBytes);
     }
     ssize_t nBlocks = 0;
     for (int i = 0; i < nSent; i++) {
@@ -120,19 +153,17 @@ static ssize_t WriteDatagrams(const Batch *pBatch, uint64_t *pnBytes)
     return nSent < 0 ? -1 : nBlocks;
 }
 
-int WireWrite(const Batch *pBatch, int *pnLeft, uint64_t *pnBytes)
+int WireWrite(const BlockQueue *pQueue, const Batch *pBatch, uint32_t *pnLeft, uint64_t *pnBytes)
 {
     int bDatagrams = pBatch->pPort->nType == PORT_UDP;
     ssize_t n;
     do
-        n = bDatagrams ? WriteDatagrams(pBatch, pnBytes) : WriteStream(pBatch);
-    while (n < 0 && errno == EINTR);
+        n = bDatagrams ? WriteDatagrams(pQueue, pBatch, pnBytes) : WriteStream(pQueue, pBatch, pnBytes);
+    while (n < 0 && (errno == EINTR || (bDatagrams && errno == ECONNREFUSED)));  // of an earlier datagram
     *pnLeft = 0;
     if (n < 0)
         return errno == EAGAIN || errno == EWOULDBLOCK ? 0 : -1;
-    if (!bDatagrams)
-        *pnBytes += static_cast<uint64_t>(n);
-    *pnLeft = bDatagrams ? static_cast<int>(n) : CountWritten(pBatch, static_cast<size_t>(n));
+    *pnLeft = static_cast<uint32_t>(n);
     return 1;
 }
 

@@ -72,9 +72,11 @@ static WantedRange ReadRange(const char *szRange)
 static int NextNumber(const Session *pSession, int nTrack)
 {
     uint16_t nNumber = pSession->tracks[nTrack].nNextSeq;
-    for (auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq); p; p = NextBlock(p))
-        if ((p->nFlags & DB_MEDIA) && p->sent == 0 && TrackOfBlock(pSession, p) == nTrack)
-            nNumber--;
+    const BlockQueue *pQueue = &pSession->out.Outq;
+    for (uint32_t i = 0; i < pQueue->nItems; i++) {
+        const BlockRef *p = QueueAt(pQueue, i);
+        nNumber -= (RefFlags(p) & DB_MEDIA) && p->nSent == 0 && TrackOfRef(pSession, p) == nTrack;
+    }
     return nNumber;
 }
 
@@ -97,10 +99,13 @@ static void WriteTrackUrl(const MediaInfo *pInfo, const char *szUrl, TextBuf *pT
 static const uint8_t *FirstPacket(const Session *pSession, int nTrack)
 {
     uint32_t nPrefix = pSession->out.bInterleaved ? kInterleaveBytes : 0;
-    for (auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq); p; p = NextBlock(p))
-        if ((p->nFlags & DB_MEDIA) && p->sent == 0 && p->len >= nPrefix + kRtpHeaderBytes &&
-            TrackOfBlock(pSession, p) == nTrack)
-            return BlockData(p) + nPrefix;
+    const BlockQueue *pQueue = &pSession->out.Outq;
+    for (uint32_t i = 0; i < pQueue->nItems; i++) {
+        const BlockRef *p = QueueAt(pQueue, i);
+        if ((RefFlags(p) & DB_MEDIA) && p->nSent == 0 && RefLen(p) >= nPrefix + kRtpHeaderBytes &&
+            TrackOfRef(pSession, p) == nTrack)
+            return RefData(p) + nPrefix;
+    }
     return nullptr;
 }
 
@@ -155,8 +160,10 @@ static void WriteRtpInfo(const Session *pSession, const char *szUrl, int bSequen
 static void Jump(Session *pSession, uint32_t nReached, int nScale)
 {
     QueueDropMedia(pSession);
-    for (auto *p = ListFirstOf<DataBlock>(&pSession->out.Outq); p; p = NextBlock(p))
-        p->nTimestamp = nReached;
+    BlockQueue *pQueue = &pSession->out.Outq;
+    for (uint32_t i = 0; i < pQueue->nItems; i++)
+        if (BlockRef *p = QueueAt(pQueue, i); !(RefFlags(p) & DB_CACHED) || QueueOwn(pQueue, i))
+            p->pBlock->nTimestamp = nReached;
     pSession->play.nPlayPos = nReached;
     PlayLineBegin(&pSession->play.line, nReached, nScale);
 }
@@ -327,31 +334,30 @@ static Verdict AnswerOvertaken(Session *pSession, Port *pPort, const Request *pR
 // The media time of the first packet that a player is given, or that the program holds.
 static uint32_t FirstMediaTime(Session *pSession)
 {
-    List *pQueue = &pSession->out.Outq;
-    auto *pBlock = ListFirstOf<DataBlock>(pQueue);
-    while (pBlock && !(pBlock->nFlags & DB_MEDIA))
-        pBlock = NextBlock(pBlock);
-    if (!pBlock || (pSession->nFlags & SESSION_PUSHER))
-        pBlock = ListFirstOf<DataBlock>(&pSession->pProg->cache.Pktq);
-    return pBlock ? pBlock->nTimestamp : 0;
+    const BlockQueue *pQueue = &pSession->out.Outq;
+    uint32_t i = 0;
+    while (i < pQueue->nItems && !(RefFlags(QueueAt(pQueue, i)) & DB_MEDIA))
+        i++;
+    if (i < pQueue->nItems && !(pSession->nFlags & SESSION_PUSHER))
+        return QueueAt(pQueue, i)->pBlock->nTimestamp;
+    const auto *pCached = ListFirstOf<DataBlock>(&pSession->pProg->cache.Pktq);
+    return pCached ? pCached->nTimestamp : 0;
 }
 
-// Fills a player's queue and writes the reply. Returns the block that the reply goes before: the media that
+// Fills a player's queue and writes the reply. Returns the place that the reply goes before: the media that
 // is queued here must not overtake it. Standard players get their replies in order.
-static DataBlock *StartLive(Message *pReply, const Request *pRequest)
+static uint32_t StartLive(Message *pReply, const Request *pRequest)
 {
     Session *pSession = pReply->pSession;
-    auto *pOldHead = ListFirstOf<DataBlock>(&pSession->out.Outq);
-    auto *pOldLast = reinterpret_cast<DataBlock *>(pSession->out.Outq.pLast);
+    uint32_t nOld = pSession->out.Outq.nItems;
     if (!(pSession->nFlags & SESSION_PUSHER))
         FillBufferAtFirstPlay(pSession);
     pSession->play.nPlayStart = pSession->play.nPlayPos = FirstMediaTime(pSession);
     ReplyBegin(pReply, STATUS_OK);
     TextAdd(&pReply->text, "Range: npt=now-\r\n");
     AddPlayLines(pReply, pRequest, 0);
-    if (!pOldHead)
-        return ListFirstOf<DataBlock>(&pSession->out.Outq);
-    return pSession->standards.bPlayers ? NextBlock(pOldLast) : pOldHead;
+    uint32_t nBefore = pSession->standards.bPlayers ? nOld : 0;
+    return nBefore < pSession->out.Outq.nItems ? nBefore : kQueueEnd;
 }
 
 // Standard players jump while a recording plays: PAUSE is no method that OPTIONS tells them of, and so
@@ -398,16 +404,16 @@ Verdict HandlePlay(Session *pSession, Port *pPort, Request *pRequest)
     pSession->play.nPlayClock = ClockMs();
     Message reply(pSession, pPort);
     int bLive = pSession->pProg->bLive;
-    DataBlock *pBefore = nullptr;
+    uint32_t nBefore = kQueueEnd;
     if (bLive)
-        pBefore = StartLive(&reply, pRequest);
+        nBefore = StartLive(&reply, pRequest);
     else if (!StartFile(&reply, pRequest))
         return Verdict::Later;
     else
-        pBefore = PaceFirstHeld(pSession);  // what a pause has kept follows the reply
+        nBefore = PaceFirstHeld(pSession);  // what a pause has kept follows the reply
     pSession->nState = STATE_PLAYING;
     SessionSayStart(pSession);
-    if (MessageSendBefore(&reply, pBefore) == Verdict::End)
+    if (MessageSendBefore(&reply, nBefore) == Verdict::End)
         return Verdict::End;
     if (pSession->nFlags & SESSION_PUSHER)
         return Verdict::Keep;

@@ -68,9 +68,13 @@ static Port *CreateMediaPort(Session *pSession, const Port *pPort, int nLocalPor
 // Sends what is left of a track to these ports from now on, until a datagram tells of others.
 static void AimPorts(SessionTrack *pTrack, const Port *pPort, int nRemotePort)
 {
-    pTrack->Media->remote = pTrack->Control->remote = pPort->remote;
-    AddrSetPort(&pTrack->Media->remote, nRemotePort);
-    AddrSetPort(&pTrack->Control->remote, nRemotePort + 1);
+    NetAddr peer = pPort->remote;
+    AddrSetPort(&peer, nRemotePort);
+    for (Port *pOld : {pTrack->Media, pTrack->Control})
+        pOld->nFlags &= static_cast<uint16_t>(~PORT_LEARNT);
+    PortAim(pTrack->Media, &peer);
+    AddrSetPort(&peer, nRemotePort + 1);
+    PortAim(pTrack->Control, &peer);
 }
 
 // Opens both sockets of a track on one pair. Returns 1, or 0 with both null when somebody sits on a port of
@@ -154,8 +158,8 @@ static int TravelsAlike(const Session *pSession, int i, int bInterleaved)
         return 1;
     if (!pSession->tracks[i].bSetUp)
         return 0;
-    auto *pHead = ListFirstOf<DataBlock>(&pSession->out.Outq);
-    return bInterleaved || !pHead || pHead->sent == 0;  // else the connection needs its rest
+    const BlockRef *pHead = QueueFirst(&pSession->out.Outq);
+    return bInterleaved || !pHead || pHead->nSent == 0;  // else the connection needs its rest
 }
 
 static int CanServe(const Session *pSession, const Port *pPort, int i, const TransportOffer *pOffer)

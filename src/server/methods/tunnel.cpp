@@ -228,7 +228,7 @@ int TunnelDecode(Session *pSession, Port *pPort, const char *pText, size_t nLen)
         if (pPort->nTail < sizeof(pPort->tail))
             continue;
         pPort->nTail = 0;
-        if (pSession->input.nTotal - 1 - pSession->input.nLen < 3)
+        if (!InputReserve(&pSession->input, 3) || InputRoom(&pSession->input) < 3)
             return 0;
         uint32_t nBytes = DecodeGroup(pPort->tail, pSession->input.pBuf + pSession->input.nLen);
         if (nBytes == 0)

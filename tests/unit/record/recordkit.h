@@ -159,12 +159,11 @@ struct Player {
     {
         out.pScratch = scratch.data();
         out.nScratch = static_cast<uint32_t>(scratch.size());
-        BlockListInit(&out.Outq, nullptr);
         out.nTracks = 1;
         track = RtpTrack{1, MEDIA_H264, 96, 0xA0B0C0D0, 0xFFFE, nTimeScale};
         out.tracks[0] = &track;
     }
-    ~Player() { ListEmpty(&out.Outq); }
+    ~Player() { QueueEmpty(&out.Outq); }
     Player &operator=(Player &&) = delete;
 
     int Pack(PackProc pfn, const std::string &sample, uint32_t nTimeMs = 0)
@@ -182,9 +181,9 @@ struct Player {
     std::vector<Packet> Packets() const
     {
         std::vector<Packet> packets;
-        for (ListNode *p = out.Outq.pFirst; p; p = p->pNext) {
-            auto *pBlock = reinterpret_cast<DataBlock *>(p);
-            packets.push_back({(pBlock->nFlags & DB_KEY) != 0, Text(BlockData(pBlock), pBlock->len)});
+        for (uint32_t i = 0; i < out.Outq.nItems; i++) {
+            const BlockRef *p = QueueAt(&out.Outq, i);
+            packets.push_back({(RefFlags(p) & DB_KEY) != 0, Text(RefData(p), RefLen(p))});
         }
         return packets;
     }

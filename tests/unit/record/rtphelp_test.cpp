@@ -51,7 +51,7 @@ TEST(RtpHelp, G711IsStampedByItsSamples)
     Player player(8000);
     player.out.bSampleStamps = 1;
     for (const auto &c : cases) {
-        ListEmpty(&player.out.Outq);
+        QueueEmpty(&player.out.Outq);
         const std::string sample = Pattern(c.nBytes, 1);
         EXPECT_EQ((c.nBytes + 159) / 160, player.Pack(Pack2RtpG711Block, sample, c.nTimeMs));
         std::string whole;

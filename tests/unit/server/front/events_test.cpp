@@ -10,6 +10,7 @@
 
 #include "runtime/sockutil.h"
 #include "server/core/settings.h"
+#include "server/media/wire.h"
 #include "support/testserver.h"
 
 namespace orx {
@@ -101,6 +102,65 @@ TEST_F(EventsTest, MediaPortsKnowTheirPeer)
         }
     }
     server.Run([&] { g_settings.bPinMedia = 0; });
+}
+
+// With PinMedia the port of a player is connected to where he was heard; he moves with his reports, and one who is not
+// there is sent to all the same.
+TEST_F(EventsTest, ConnectsToWhomItHeard)
+{
+    server.Run([&] {
+        g_settings.bPinMedia = 1;
+        Port *pControl = CreateUdpPort(&pSession->peer.Cmd->local, 40001 + getpid() % 20000, &pMedia->remote, 9);
+        ASSERT_NE(nullptr, pControl);
+        AvlReplace(&g_server.sessionMap, pControl->fd, pSession);
+        pSession->tracks[0].Control = pControl;
+        auto hear = [](const Sock &from, Port *pPort) {
+            ASSERT_EQ(1, sendto(from.fd, "x", 1, 0, &pPort->local.any, AddrSize(&pPort->local)));
+            OnRead(pPort->fd);
+        };
+        auto connected = [&] {
+            NetAddr peer;
+            socklen_t nSize = sizeof(peer);
+            return getpeername(pMedia->fd, &peer.any, &nSize) == 0 ? SockGetPort(&peer) : 0;
+        };
+        auto bound = [](NetAddr *pAddr) {
+            sockaddr_in at = Loopback(0);
+            inet_pton(AF_INET, "127.99.0.1", &at.sin_addr);
+            Sock other(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+            EXPECT_EQ(0, bind(other.fd, reinterpret_cast<sockaddr *>(&at), sizeof(at)));
+            SockGetLocalName(other.fd, pAddr);
+            return other;
+        };
+        NetAddr media, reports, moved;
+        Sock player = bound(&media), teller = bound(&reports), mover = bound(&moved);
+        hear(teller, pControl);
+        hear(player, pMedia);
+        EXPECT_EQ(SockGetPort(&media), connected());
+        hear(teller, pControl);
+        EXPECT_EQ(SockGetPort(&media), connected()) << "reports come from another port than media, of themselves";
+        BlockQueue queue;
+        auto write = [&] {
+            uint32_t nLeft = 0;
+            uint64_t nBytes = 0;
+            Batch batch{pMedia, 1};
+            QueueAppend(&queue, {MakeDataBlock("packet", 6, 1, 1, 0)});
+            EXPECT_EQ(1, WireWrite(&queue, &batch, &nLeft, &nBytes));
+            QueueEmpty(&queue);
+        };
+        write();
+        char bytes[16];
+        EXPECT_EQ(6, recv(player.fd, bytes, sizeof(bytes), 0));
+        hear(mover, pControl);
+        EXPECT_EQ(0, connected());
+        EXPECT_EQ(SockGetPort(&moved) - 1, SockGetPort(&pMedia->remote));
+        hear(player, pMedia);
+        player = Sock(-1);
+        for (int i = 0; i < 4; i++)
+            write();  // nobody is there
+        EXPECT_EQ(0, OnRead(pMedia->fd));
+        EXPECT_EQ(SockGetPort(&media), SockGetPort(&pMedia->remote));
+        g_settings.bPinMedia = 0;
+    });
 }
 
 static int NoteSessions(Task *pTask, uint32_t, uint32_t, uint32_t)

@@ -26,7 +26,7 @@ TEST(FeedProgram, TimesDoNotOverflow)
             for (uint32_t i = 1; i <= 4; i++) {
                 std::string frame = Frame(0, MakeRtp({96, 0, i * nRate / 2}, "picture"));
                 EXPECT_EQ(1, FeedProgram(&session, 0, reinterpret_cast<const uint8_t *>(frame.data()),
-                                         static_cast<uint32_t>(frame.size())));
+                                         static_cast<uint32_t>(frame.size()), nullptr));
                 EXPECT_EQ(500 * i, reinterpret_cast<DataBlock *>(session.pProg->cache.Pktq.pLast)->nTimestamp) << nRate;
             }
             ProgramDiscard(session.pProg);
@@ -76,7 +76,7 @@ TEST(FeedProgram, TimesFollowOneLineAcrossJumps)
                 auto nStamp = static_cast<uint32_t>(stamps[nTrack] * pInfo->nTimeScale / 1000);
                 std::string frame = Frame(2 * static_cast<int>(nTrack), MakeRtp({96, 0, nStamp}, "picture"));
                 EXPECT_EQ(1, FeedProgram(&session, nTrack, reinterpret_cast<const uint8_t *>(frame.data()),
-                                         static_cast<uint32_t>(frame.size())));
+                                         static_cast<uint32_t>(frame.size()), nullptr));
                 return reinterpret_cast<DataBlock *>(pProg->cache.Pktq.pLast);
             };
             ClockHold(nClock);

@@ -95,7 +95,7 @@ TEST(KeyStart, PlayersStartWithAllThatAKeyPictureNeeds)
             RtpFields head{96, nSeq++, static_cast<uint32_t>(atoi(word.c_str())), word.back() == '!'};
             std::string frame = Frame(0, MakeRtp(head, Payload(c.bWide, word.substr(2, word.find('!') - 2))));
             EXPECT_EQ(1, FeedProgram(&session, 0, reinterpret_cast<const uint8_t *>(frame.data()),
-                                     static_cast<uint32_t>(frame.size())));
+                                     static_cast<uint32_t>(frame.size()), nullptr));
         }
         std::string told;
         int nExpected = 65534;

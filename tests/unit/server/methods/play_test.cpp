@@ -43,7 +43,7 @@ TEST_F(PlayerQueueTest, RepliesToPlayKeepTheirPlace)
         ASSERT_EQ(1, RequestParse(&request, text.data(), text.size()));
         pPlayer->nState = STATE_SETUP;
         CachePacketEx(pProg, MakePacket({0, 0, 1, 1}));
-        ListAppend(&pPlayer->out.Outq, MakeDataBlock("first", 5, 0, 0, 0));
+        QueueAppend(&pPlayer->out.Outq, {MakeDataBlock("first", 5, 0, 0, 0)});
         EXPECT_EQ(Verdict::Keep, HandlePlay(pPlayer, pPlayer->peer.Cmd, &request));
         RequestReset(&request);
     });

@@ -1,7 +1,6 @@
 #include "server/methods/tunnel.h"
 
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -15,15 +14,19 @@ struct Receiver {
     SurviveFaults survive;
     Session session;
     Port port;
-    std::vector<uint8_t> buffer;
 
-    explicit Receiver(uint32_t nTotal = 4096) : buffer(nTotal)
+    explicit Receiver(uint32_t nTotal = 4096)
     {
-        session.input.pBuf = buffer.data();
+        session.input.pChunk = ChunkNew(nTotal);
+        session.input.pBuf = ChunkBytes(session.input.pChunk);
         session.input.nTotal = nTotal;
         ConsoleSetDaemon(1);  // it prints what it decodes
     }
-    ~Receiver() { ConsoleSetDaemon(0); }
+    ~Receiver()
+    {
+        ConsoleSetDaemon(0);
+        ChunkLeave(session.input.pChunk);
+    }
     Receiver &operator=(Receiver &&) = delete;
 
     int Decode(const std::string &text) { return TunnelDecode(&session, &port, text.data(), text.size()); }
