@@ -97,7 +97,10 @@ TEST_F(BadLinkTest, GoesAway)
         EXPECT_TRUE(server.WaitOutput("Program(/far) waits for its pusher, 120 s."));
         link->bDown = false;
         openFar();
-        EXPECT_TRUE(WatchPictures({&near}, 60)) << near.nPictures;
+        EXPECT_TRUE(Watch({&witness, &near}, [&] {
+            farCamera->Send(1);
+            return near.nPictures >= 60;
+        })) << near.nPictures;
         ASSERT_NE(0, RtspSend(&farCamera->client, "TEARDOWN", nullptr));
         for (Viewer *p : {&tcp, &udp})
             RtspSend(&p->client, "OPTIONS", nullptr);  // that the server has ended it may have been lost

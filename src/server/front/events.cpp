@@ -329,7 +329,7 @@ static uint32_t WorkOf(const Session *pSession)
 static int AfterDatagrams(Session *pSession)
 {
     if (IsUdpPusher(pSession))
-        FlushAfterRead(pSession);
+        FlushAfterRead(pSession, 0);
     return 0;
 }
 
@@ -454,7 +454,7 @@ static int ReadTcp(Session *pSession, Port *pPort)
     while ((n = Receive(pSession, pPort, text, sizeof(text), &pRaw)) > 0) {
         if (!TakeInput(pSession, pPort, pRaw, static_cast<size_t>(n)))
             return 0;
-        FlushAfterRead(pSession);
+        FlushAfterRead(pSession, static_cast<size_t>(n));
         nRead += static_cast<size_t>(n);
         if (nRead >= kBytesPerEvent || SliceOver(&slice, kSliceLook))
             PortReadLater(pPort);
@@ -540,7 +540,7 @@ static void OnMoreInput(int fd, Port *pPort)
         if (nHeld > 0 && !HandleInput(pSession, pPort))
             return;
         if (pSession->input.nLen < nHeld) {
-            FlushAfterRead(pSession);
+            FlushAfterRead(pSession, nHeld - pSession->input.nLen);
             PortReadLater(pPort);
             return;
         }

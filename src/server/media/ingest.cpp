@@ -59,7 +59,7 @@ int FeedProgram(Session *pSession, unsigned nTrack, const uint8_t *pFrame, uint3
     return 1;
 }
 
-void FlushAfterRead(Session *pSession)
+void FlushAfterRead(Session *pSession, size_t nBytes)
 {
     if (!(pSession->nFlags & SESSION_PUSHER) || pSession->nState != STATE_PLAYING || !pSession->pProg)
         return;
@@ -69,8 +69,9 @@ void FlushAfterRead(Session *pSession)
     }
     // Every second time: a picture often comes in two reads, and one write for both halves the cost of
     // sending. The first read counts, so that a player does not wait for a slow pusher's second.
-    pSession->flow.nReads++;
-    if (pSession->flow.nReads & 1)
+    uint32_t nBefore = pSession->flow.nReads;
+    pSession->flow.nReads += 1 + static_cast<uint32_t>(nBytes) / pSession->input.nTotal;
+    if ((pSession->flow.nReads & 1) || pSession->flow.nReads - nBefore > 1)
         FlushPlayers(pSession->pProg);
 }
 

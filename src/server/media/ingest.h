@@ -13,8 +13,9 @@ namespace orx {
 // Returns 0 when the session must end, else 1.
 int FeedProgram(Session *pSession, unsigned nTrack, const uint8_t *pFrame, uint32_t nBytes, Chunk *pChunk);
 
-// A read of the session is worked off: of a playing pusher, what its packets added to the players' queues
-// leaves with every second one.
-void FlushAfterRead(Session *pSession);
+// A read of nBytes of the session is worked off: of a playing pusher, what its packets added to the players'
+// queues leaves with every second one. One that is longer than SessionBufSize counts as those that it stands
+// for.
+void FlushAfterRead(Session *pSession, size_t nBytes);
 
 }  // namespace orx

@@ -28,14 +28,30 @@ struct LowDelayTest : PlayerQueueTest {
         });
     }
     // On the scheduler thread. How many packets wait for the player after it.
-    unsigned Read(const std::vector<Packet> &packets)
+    unsigned Read(const std::vector<Packet> &packets, size_t nBytes = 1)
     {
         for (const Packet &packet : packets)
             PassPacketOn(pProg, static_cast<unsigned>(packet.nTrack), MakePacket(packet));
-        FlushAfterRead(pPusher);
+        FlushAfterRead(pPusher, nBytes);
         return Waiting();
     }
 };
+
+// The network decides how much one read brings; what a camera sent at once waits for nothing.
+TEST_F(LowDelayTest, LongReadsCountAsSeveral)
+{
+    StartPushed("LowDelay=0\n");
+    const std::vector<Packet> picture(8);
+    RunOnScheduler([&] {
+        const size_t nLong = pPusher->input.nTotal;
+        EXPECT_EQ(0U, Read(picture));
+        EXPECT_EQ(8U, Read(picture));
+        EXPECT_EQ(0U, Read(picture, nLong)) << "two: the first is an odd one";
+        EXPECT_EQ(0U, Read(picture));
+        EXPECT_EQ(0U, Read(picture, nLong)) << "the second is";
+        EXPECT_EQ(8U, Read(picture));
+    });
+}
 
 // What a read brings, and what waits behind it, with the key and without.
 struct Step {
