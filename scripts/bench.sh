@@ -11,9 +11,10 @@
 #   scripts/bench.sh               builds in build/bench and measures
 #   BENCH_QUICK=1                  the same in a few minutes: seconds of less weight, and few of the longer parts
 #   BENCH_BIN=DIR scripts/bench.sh measures the programs in DIR
-#   BENCH_PARTS="rows delay most record waits idle"  only these parts
+#   BENCH_PARTS="rows starts delay most record waits idle"  only these parts
 #   BENCH_SECONDS=5                measured seconds of each row (10)
 #   BENCH_ROWS="tcp:50:19600"      rows as TRANSPORT:PLAYERS[:KBITS[:PROGRAMS]]; 1960 kbit/s and 1 program unless given
+#   BENCH_STARTS="tcp:1000"        how many players come at once
 #   BENCH_DELAYS="100:1960"        rows of delay as PLAYERS:KBITS
 #   BENCH_MOST="tcp:8000 udp:4000" for how many players to look, at most
 #   BENCH_STEP=1000                players that each try has more than the one before
@@ -25,8 +26,8 @@
 set -eu
 cd "$(dirname "$0")/.."
 
-parts="rows delay most record waits idle"
-[ -z "${BENCH_QUICK:-}" ] || parts="rows delay record idle"
+parts="rows starts delay most record waits idle"
+[ -z "${BENCH_QUICK:-}" ] || parts="rows starts delay record idle"
 parts=${BENCH_PARTS:-$parts}
 seconds=${BENCH_SECONDS:-$([ -n "${BENCH_QUICK:-}" ] && echo 2 || echo 10)}
 fill=$([ -n "${BENCH_QUICK:-}" ] && echo 3 || echo 8) # seconds until the cache is full, or nearly
@@ -124,6 +125,32 @@ rows() {
     done
 }
 
+# busy: nanoseconds of processor time of the server so far
+busy() {
+    cat /proc/$server/task/*/schedstat | awk '{ n += $1 } END { print n }'
+}
+
+# starts TRANSPORT PLAYERS: what it costs that so many come within a second, without the media that they then get
+starts() {
+    start $rate 1
+    come=4 # seconds, in which all of them have started
+    before=$(busy)
+    "$bin/orxload" --json --quiet --"$1" "$2" --ramp "$2" --duration $((come + seconds)) "$url" >"$dir/load" &
+    load=$!
+    sleep $come
+    came=$(busy)
+    sleep "$seconds"
+    played=$(busy)
+    wait $load || echo "bench: orxload found faults (exit code $?)" >&2
+    stop
+    awk -v before="$before" -v came="$came" -v played="$played" -v come=$come -v seconds="$seconds" \
+        -v what="$1" -v players="$2" 'BEGIN {
+            media = (played - came) / seconds
+            start = came - before - media * (come - 0.5)
+            printf "%-4s %7d %9.0f %9.0f %6.2f\n", what, players, start / 1e6, media / 1e6, start / media
+        }'
+}
+
 # served TRANSPORT PLAYERS: whether so many got everything that was pushed, and none of it late
 served() {
     load "$1" "$2" 1 || return 1
@@ -169,6 +196,13 @@ echo "$(nproc) processors, $(uname -sr)"
 if part rows; then
     # shellcheck disable=SC2086 # a list of words
     rows ${BENCH_ROWS:-tcp:10 tcp:400 udp:10 udp:100 udp:400 tcp:50:19600 tcp:200:$rate:20}
+fi
+if part starts; then
+    printf '\nprocessor time, ms: of players that come within a second, and of a second of their media\n'
+    printf '%-4s %7s %9s %9s %6s\n' "" players starts media ratio
+    for words in ${BENCH_STARTS:-tcp:1000}; do
+        starts "${words%:*}" "${words#*:}"
+    done
 fi
 if part delay; then
     printf '\nmilliseconds from a pusher to its players\n'

@@ -22,6 +22,7 @@
 #include "main/checkreport.h"
 #include "main/notify.h"
 #include "main/options.h"
+#include "main/startcode.h"
 #include "runtime/thread.h"
 #include "server/core/doubts.h"
 #include "server/core/settings.h"
@@ -397,6 +398,7 @@ static int Serve(const char *szCfg, const char *szStatePath, int bWriteState)
     }
     log("Begin");
     NotifyReady();
+    DropStartCode();
     if (szStatePath)
         DaemonLoop(szStatePath, bWriteState);
     else
