@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
-"""Draws what scripts/bench.sh and scripts/instructions.sh --growth print: bench/plot.py FILE... >docs/pictures/growth.svg
+"""Draws what scripts/bench.sh and scripts/instructions.sh --growth print, as an SVG on standard output.
 
 Left, how the instructions for a delivered packet grow with players, programs and connections; right, the processor time
 for a delivered gigabyte beside that of a loop that only sends, from the rows of one program."""
+import argparse
 import math
 import sys
 
@@ -70,7 +71,12 @@ def panel(left, right, title, below, lines):
 
 
 def main():
-    panels = read(sys.argv[1:])
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("files", nargs="+", metavar="FILE", help="what one of the two has printed")
+    try:
+        panels = read(parser.parse_args().files)
+    except OSError as error:
+        sys.exit(f"plot: {error}")
     if not panels[0] or not panels[1]:
         sys.exit("plot: the files have no lines of growth, or no rows of one program at 1960 kbit/s")
     print(

@@ -59,9 +59,12 @@ number() {
     sed -n "s/.*\"$1\":{\(.*\)/\1/p" "$dir/load" | sed -n "s/[^}]*\"$2\":\([-0-9.]*\).*/\1/p" | head -n 1
 }
 
-# start KBITS PROGRAMS: the server listens on the first port of a few that it gets; the pushers run until the cache is
-# full. Their programs are /bench1, /bench2 and so on.
+# start KBITS PROGRAMS [OPTIONS]: the server listens on the first port of a few that it gets; the pushers, with these
+# options, run until the cache is full. Their programs are /bench1, /bench2 and so on.
 start() {
+    kbits=$1
+    programs=$2
+    shift 2
     for port in $ports; do
         cat >"$dir/orx.cfg" <<CFG
 [SERVER]
@@ -81,7 +84,7 @@ CFG
         url="rtsp://127.0.0.1:$port/bench%d"
         "$bin/orx" -c "$dir/orx.cfg" -daemond </dev/null >"$dir/server.log" 2>&1 &
         server=$!
-        "$bin/orxpush" --wait 5 --loop --quiet --rate "$1" --count "$2" --stamp "$url" >"$dir/push.log" 2>&1 &
+        "$bin/orxpush" --wait 5 --loop --quiet --rate "$kbits" --count "$programs" --stamp "$@" "$url" >"$dir/push.log" 2>&1 &
         pusher=$!
         sleep "$fill"
         if kill -0 $pusher 2>/dev/null && kill -0 $server 2>/dev/null; then
@@ -130,24 +133,27 @@ busy() {
     cat /proc/$server/task/*/schedstat | awk '{ n += $1 } END { print n }'
 }
 
-# starts TRANSPORT PLAYERS: what it costs that so many come within a second, without the media that they then get
+# starts TRANSPORT PLAYERS: what it costs that so many come within a second, of a program with hardly any media; beside it
+# a second of the usual media for as many
 starts() {
-    start $rate 1
-    come=4 # seconds, in which all of them have started
+    start 10 1 --fps 1
+    window=3 # seconds, in which all of them have started
     before=$(busy)
-    "$bin/orxload" --json --quiet --"$1" "$2" --ramp "$2" --duration $((come + seconds)) "$url" >"$dir/load" &
+    "$bin/orxload" --json --quiet --"$1" "$2" --ramp "$2" --duration $((2 * window)) "$url" >"$dir/load" &
     load=$!
-    sleep $come
+    sleep $window
     came=$(busy)
-    sleep "$seconds"
+    sleep $window
     played=$(busy)
     wait $load || echo "bench: orxload found faults (exit code $?)" >&2
     stop
-    awk -v before="$before" -v came="$came" -v played="$played" -v come=$come -v seconds="$seconds" \
+    start $rate 1
+    load "$1" "$2" 1 || echo "bench: orxload found faults (exit code $?)" >&2
+    stop
+    awk -v start=$((2 * came - before - played)) -v media="$(number server cpu_s)" -v seconds="$seconds" \
         -v what="$1" -v players="$2" 'BEGIN {
-            media = (played - came) / seconds
-            start = came - before - media * (come - 0.5)
-            printf "%-4s %7d %9.0f %9.0f %6.2f\n", what, players, start / 1e6, media / 1e6, start / media
+            printf "%-4s %7d %9.0f %9.0f %6.2f\n", what, players, start / 1e6, media * 1000 / seconds,
+                start * seconds / media / 1e9
         }'
 }
 

@@ -148,6 +148,7 @@ void BlockListCopyOut(List *pList, DataBlock *pBlock)
     if (!pBytes)
         return;
     memcpy(pBytes, pBlock->pData, pBlock->len);
+    pBytes[pBlock->len] = 0;
     Leave(pList->pUser, pBlock);
     ChunkDrop(pBlock->pChunk);
     pBlock->pChunk = nullptr;

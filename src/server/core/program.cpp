@@ -151,7 +151,11 @@ void ProgramAttach(Session *pSession, Program *pProg)
     pSession->pProg = pProg;
     if (pProg->pPusher == pSession)
         return;
-    ListSortInsert(&pProg->players, pSession);
+    auto *pLast = static_cast<Session *>(ListLast(&pProg->players, 0));
+    if (pLast && ComparePlayers(nullptr, pLast, pSession) > 0)
+        ListSortInsert(&pProg->players, pSession);
+    else
+        ListAppend(&pProg->players, pSession);  // as nearly all, and without a walk past thousands
     pProg->bTimesQueues |= pSession->standards.bPlayers;
 }
 
