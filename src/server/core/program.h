@@ -242,10 +242,9 @@ struct PlayerFlush {
     Session *pNext = nullptr;  // where it goes on: one of players; null when none is under way
     int bTask = 0;             // the task that goes on with it is scheduled
     int bAgain = 0;            // more was queued meanwhile: from the first on once more
-    // With LowDelay.
-    int bWaits = 0;           // something was passed on since the last flush
+    int bWaits = 0;           // LowDelay: something was passed on since the last flush
     int bDue = 0;             // and is to leave: a picture or a piece of sound is whole
-    int bHeld = 0;            // it has waited since nHeldClock (ClockMs)
+    int bHeld = 0;            // what waits is to leave soon, counted from nHeldClock (ClockMs)
     uint32_t nHeldClock = 0;  // of the read that found it so
     int bTimer = 0;           // the task that lets it leave is scheduled
 };

@@ -21,8 +21,10 @@ namespace orx {
 static constexpr uint32_t kStartBytes = 4 << 20;
 // Of a slice, for one player: eight times the clock is not looked at.
 static constexpr uint32_t kFlushWork = 32;
-// LowDelay: so long a picture that is not whole waits for more of it.
-static constexpr int32_t kHeldMs = 5;
+// So long the rest of a burst waits for the next read: longer than pictures of 25 a second are apart. With
+// LowDelay, so long a picture that is not whole waits for more of it.
+static constexpr int32_t kHeldMs = 50;
+static constexpr int32_t kHeldLowMs = 5;
 
 // Of what is left in a queue. Returns 0 for a player that is to be ended.
 static int KeepBounds(Session *pSession, unsigned nMost)
@@ -349,6 +351,11 @@ void FlushNote(Program *pProg, MediaInfo *pInfo, const uint8_t *pRtp)
     pInfo->nOpenStamp = nStamp;
 }
 
+static int32_t HeldMs(const Program *pProg)
+{
+    return HasLowDelay(pProg) ? kHeldLowMs : kHeldMs;
+}
+
 static int OnHeld(Task *pTask, uint32_t, uint32_t nNow, uint32_t)
 {
     Session *pPusher = SessionOfTask(pTask);
@@ -356,7 +363,7 @@ static int OnHeld(Task *pTask, uint32_t, uint32_t nNow, uint32_t)
     if (!pProg || pProg->pPusher != pPusher)
         return -1;
     PlayerFlush *pFlush = &pProg->flush;
-    int32_t nLeftMs = kHeldMs - ClockDiff(nNow, pFlush->nHeldClock);
+    int32_t nLeftMs = HeldMs(pProg) - ClockDiff(nNow, pFlush->nHeldClock);
     if (pFlush->bHeld && nLeftMs > 1)
         return nLeftMs;
     pFlush->bTimer = 0;
@@ -365,21 +372,25 @@ static int OnHeld(Task *pTask, uint32_t, uint32_t nNow, uint32_t)
     return -1;
 }
 
-void FlushWhole(Program *pProg)
+void FlushLater(Program *pProg)
 {
     PlayerFlush *pFlush = &pProg->flush;
-    if (pFlush->bDue) {
-        FlushPlayers(pProg);
-        return;
-    }
-    if (!pFlush->bWaits || pFlush->bHeld)
+    if (pFlush->bHeld)
         return;
     pFlush->bHeld = 1;
     pFlush->nHeldClock = ClockMs();
     if (pFlush->bTimer || !pProg->pPusher)
         return;
     pFlush->bTimer = 1;
-    SessionSchedule(pProg->pPusher, OnHeld, kHeldMs);
+    SessionSchedule(pProg->pPusher, OnHeld, static_cast<uint32_t>(HeldMs(pProg)));
+}
+
+void FlushWhole(Program *pProg)
+{
+    if (pProg->flush.bDue)
+        FlushPlayers(pProg);
+    else if (pProg->flush.bWaits)
+        FlushLater(pProg);
 }
 
 }  // namespace orx

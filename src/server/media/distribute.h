@@ -20,6 +20,9 @@ int FillBufferAtFirstPlay(Session *pSession);
 // those that some milliseconds do not suffice for follow in tasks of their own. May end players.
 void FlushPlayers(Program *pProg);
 
+// The same 50 ms from now, with LowDelay 5 ms, unless what waits has left by then.
+void FlushLater(Program *pProg);
+
 // LowDelay. Of an RTP packet of the track, before it is cached: notes whether a picture or a piece of sound
 // is whole with it, or was with the one before.
 void FlushNote(Program *pProg, MediaInfo *pInfo, const uint8_t *pRtp);

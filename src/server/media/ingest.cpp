@@ -69,10 +69,11 @@ void FlushAfterRead(Session *pSession, size_t nBytes)
     }
     // Every second time: a picture often comes in two reads, and one write for both halves the cost of
     // sending. The first read counts, so that a player does not wait for a slow pusher's second.
-    uint32_t nBefore = pSession->flow.nReads;
-    pSession->flow.nReads += 1 + static_cast<uint32_t>(nBytes) / pSession->input.nTotal;
-    if ((pSession->flow.nReads & 1) || pSession->flow.nReads - nBefore > 1)
+    pSession->flow.nReads++;
+    if (pSession->flow.nReads & 1)
         FlushPlayers(pSession->pProg);
+    else if (nBytes >= pSession->input.nTotal)  // a burst, of which nothing more may come for long
+        FlushLater(pSession->pProg);
 }
 
 }  // namespace orx

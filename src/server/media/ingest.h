@@ -14,8 +14,7 @@ namespace orx {
 int FeedProgram(Session *pSession, unsigned nTrack, const uint8_t *pFrame, uint32_t nBytes, Chunk *pChunk);
 
 // A read of nBytes of the session is worked off: of a playing pusher, what its packets added to the players'
-// queues leaves with every second one. One that is longer than SessionBufSize counts as those that it stands
-// for.
+// queues leaves with every second one; where that is not it, and it was longer than SessionBufSize, soon.
 void FlushAfterRead(Session *pSession, size_t nBytes);
 
 }  // namespace orx

@@ -10,9 +10,9 @@
 namespace orx {
 
 // A queue leaves, through SendDataEx,
-// - after a read of the pusher that is an odd one in number (a long one counts as several), when more
-//   than kFlushAfterReadAbove wait (FlushPlayers); with [INTEROP] LowDelay after each that ends a picture
-//   or brings sound, and kHeldMs after one that does neither (FlushWhole),
+// - after a read of the pusher that is an odd one in number, when more than kFlushAfterReadAbove wait
+//   (FlushPlayers), and after another that is long soon (FlushLater); with [INTEROP] LowDelay after each that
+//   ends a picture or brings sound, and soon after one that does neither (FlushWhole),
 // - with a packet that finds more than kFlushAtOnceAbove, or the queue full (CachePacketEx),
 // - with every reply (SendReply2),
 // - by a timer: what a full socket left after 200 ms (OnSessionDelaySendTimer), a start over UDP every 20 ms
