@@ -21,6 +21,8 @@ static std::vector<Option> Players(LoadOptions *pOut)
          OptionWhole{&pOut->nKeepAlive, 0, 86400}},
         {"reports", "S", "seconds between the receiver reports of a UDP player; 0: none",
          OptionWhole{&pOut->nReports, 0, 86400}},
+        {"together", "", "UDP players read at once what left with one call (UDP_GRO)",
+         OptionFlag{&pOut->bTogether}},
         {"silence", "S", "a player with a track that is silent for S seconds is cut off; 0: none is",
          OptionWhole{&pOut->nSilence, 0, 86400}},
         {"user", "NAME", "for a server that asks for a name", OptionText{&pOut->user}},

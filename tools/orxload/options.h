@@ -15,6 +15,7 @@ struct LoadOptions {
     int nRamp = 500;         // players that start per second, 0: all at once
     int nKeepAlive = 30;     // seconds between OPTIONS of a player, 0: none
     int nReports = 5;        // seconds between receiver reports of a UDP player, 0: none
+    int bTogether = 0;       // a read brings the datagrams of one segmented send, which come as one
     int nSilence = 0;        // seconds without a packet of a track that end a player, 0: none do
     int nTimeoutMs = 10000;  // for one player's set-up
     int nWatchPid = 0;       // the server's process, to measure it

@@ -1,10 +1,12 @@
 #include "orxload/player.h"
 
+#include <netinet/udp.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 #include "base/bytes.h"
 #include "client/h264file.h"
@@ -47,6 +49,8 @@ static int OpenSteps(LoadPlayer *pPlayer, const LoadOptions *pOptions, const std
             return 0;
         pPlayer->tracks[i].nPayloadType = pTrack->sdp.nPayloadType;
         pPlayer->tracks[i].bVideo = pTrack->sdp.media == "video";
+        if (pOptions->bTogether && pTrack->udp.fdRtp >= 0)
+            setsockopt(pTrack->udp.fdRtp, SOL_UDP, UDP_GRO, &pOptions->bTogether, sizeof(int));
     }
     return 1;
 }
@@ -205,25 +209,50 @@ void LoadPlayerReadStream(LoadPlayer *pPlayer)
         continue;
 }
 
+// The size of the datagrams that a read brought together, all but the last: what came without it is one.
+static size_t SegmentSize(msghdr *pHead, size_t nBytes)
+{
+    cmsghdr *p = CMSG_FIRSTHDR(pHead);
+    int nSize = 0;
+    if (p && p->cmsg_level == SOL_UDP && p->cmsg_type == UDP_GRO)
+        memcpy(&nSize, CMSG_DATA(p), sizeof(nSize));
+    return nSize > 0 ? static_cast<size_t>(nSize) : nBytes;
+}
+
+static void TakeDatagrams(LoadPlayer *pPlayer, const uint8_t *pData, mmsghdr *pMessage, int bRtcp)
+{
+    uint64_t nNowUs = RtspNowUs();
+    size_t nLeft = pMessage->msg_len;
+    size_t nSize = SegmentSize(&pMessage->msg_hdr, nLeft);
+    do {
+        size_t nBytes = std::min(nSize, nLeft);
+        if (bRtcp)
+            pPlayer->counts.nReports++;
+        else
+            OnRtp(pPlayer, pData, nBytes, nNowUs);
+        pData += nBytes;
+        nLeft -= nBytes;
+    } while (nLeft > 0);
+}
+
 void LoadPlayerReadDatagrams(LoadPlayer *pPlayer, int fd, int bRtcp)
 {
+    alignas(cmsghdr) char control[kDatagrams][CMSG_SPACE(sizeof(int))];
     mmsghdr messages[kDatagrams] = {};
     iovec pieces[kDatagrams];
     int n = kDatagrams;
     while (n == static_cast<int>(kDatagrams)) {
         for (unsigned i = 0; i < kDatagrams; i++) {
             pieces[i] = {g_datagrams[i], kDatagramBytes};
-            messages[i].msg_hdr.msg_iov = &pieces[i];
-            messages[i].msg_hdr.msg_iovlen = 1;
+            msghdr *pHead = &messages[i].msg_hdr;
+            pHead->msg_iov = &pieces[i];
+            pHead->msg_iovlen = 1;
+            pHead->msg_control = control[i];
+            pHead->msg_controllen = sizeof(control[i]);
         }
         n = recvmmsg(fd, messages, kDatagrams, MSG_DONTWAIT, nullptr);
-        uint64_t nNowUs = RtspNowUs();
-        for (int i = 0; i < n; i++) {
-            if (bRtcp)
-                pPlayer->counts.nReports++;
-            else
-                OnRtp(pPlayer, g_datagrams[i], messages[i].msg_len, nNowUs);
-        }
+        for (int i = 0; i < n; i++)
+            TakeDatagrams(pPlayer, g_datagrams[i], &messages[i], bRtcp);
     }
 }
 
