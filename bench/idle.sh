@@ -87,10 +87,10 @@ CFG
 
 # switches: of all threads so far; nanoseconds: of processor time
 switches() {
-    cat /proc/$server/task/*/status | awk '/_ctxt_switches/ { n += $2 } END { print n }'
+    cat /proc/$server/task/*/status | awk '/_ctxt_switches/ { n += $2 } END { printf "%.0f\n", n }'
 }
 nanoseconds() {
-    cat /proc/$server/task/*/schedstat | awk '{ n += $1 } END { print n }'
+    cat /proc/$server/task/*/schedstat | awk '{ n += $1 } END { printf "%.0f\n", n }'
 }
 
 # row NAME: when everything has settled

@@ -134,7 +134,7 @@ rows() {
 
 # busy: nanoseconds of processor time of the server so far
 busy() {
-    cat /proc/$server/task/*/schedstat | awk '{ n += $1 } END { print n }'
+    cat /proc/$server/task/*/schedstat | awk '{ n += $1 } END { printf "%.0f\n", n }'
 }
 
 # starts TRANSPORT PLAYERS: what it costs that so many come within a second, of a program with hardly any media; beside it
