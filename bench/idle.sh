@@ -11,6 +11,8 @@ its resident memory and what of that is its own. What one connection or program 
 line divided by their number.
 
   -b DIR       the programs (default build/release/bin)
+  -a ARCH      the server of build/ARCH/bin, armhf or arm64, in an emulator: instructions instead of
+               microseconds, and the emulator's memory
   -c N         idle connections (default 1000)
   -p N         sleeping programs, which takes two minutes (default 0: left out)
   -s SECONDS   measured in each case (default 10)
@@ -19,14 +21,16 @@ TEXT
 }
 
 bin=build/release/bin
+arch=""
 connections=1000
 programs=0
 seconds=10
 while [ $# -gt 0 ]; do
     case $1 in
-    -b | -c | -p | -s)
+    -a | -b | -c | -p | -s)
         [ $# -gt 1 ] || { usage >&2; exit 2; }
         case $1 in
+        -a) arch=$2 ;;
         -b) bin=$2 ;;
         -c) connections=$2 ;;
         -p) programs=$2 ;;
@@ -52,6 +56,14 @@ stop() {
 }
 trap 'stop; rm -rf "$dir"' EXIT
 trap 'exit 1' INT TERM
+unit="CPU us"
+orx=$bin/orx
+if [ -n "$arch" ]; then
+    unit=instrs
+    cc -shared -fPIC -O2 -o "$dir/countinsns.so" "$(dirname "$0")/countinsns.c"
+    emulator=$([ "$arch" = armhf ] && echo qemu-arm || echo qemu-aarch64)
+    orx="$emulator -plugin $dir/countinsns.so,into=$dir/count build/$arch/bin/orx"
+fi
 port=$((${BENCH_PORT:-20000 + $$ % 4000}))
 
 start() {
@@ -76,20 +88,25 @@ Level=info
 File=$dir/events.log
 CFG
     rm -f "$dir/events.log"
-    "$bin/orx" -c "$dir/orx.cfg" -daemond </dev/null >"$dir/server.log" 2>&1 &
+    rm -f "$dir/count"
+    # shellcheck disable=SC2086 # the emulator's words
+    $orx -c "$dir/orx.cfg" -daemond </dev/null >"$dir/server.log" 2>&1 &
     server=$!
-    until "$bin/orxload" --quiet --json --timeout 500 --duration 0.1 "rtsp://127.0.0.1:$port/none" >"$dir/load" 2>&1 ||
-        grep -q '"failed":1' "$dir/load"; do
+    until python3 -c 'import socket, sys; socket.create_connection(("127.0.0.1", int(sys.argv[1])))' "$port" 2>"$dir/try"; do
         kill -0 $server || { cat "$dir/server.log" >&2; exit 1; }
         sleep 0.2
     done
 }
 
-# switches: of all threads so far; nanoseconds: of processor time
+# switches: of all threads so far; work: what they have done, 1000 of the unit for one
 switches() {
     cat /proc/$server/task/*/status | awk '/_ctxt_switches/ { n += $2 } END { printf "%.0f\n", n }'
 }
-nanoseconds() {
+work() {
+    if [ -n "$arch" ]; then
+        od -An -t u8 "$dir/count" | awk '{ printf "%.0f\n", $1 * 1000 }'
+        return
+    fi
     cat /proc/$server/task/*/schedstat | awk '{ n += $1 } END { printf "%.0f\n", n }'
 }
 
@@ -97,16 +114,16 @@ nanoseconds() {
 row() {
     sleep 3
     woken=$(switches)
-    busy=$(nanoseconds)
+    busy=$(work)
     sleep "$seconds"
     woken=$(($(switches) - woken))
-    busy=$(($(nanoseconds) - busy))
+    busy=$(($(work) - busy))
     printf '%-28s %9s %9s %9s %9s\n' "$1" "$(awk "BEGIN { printf \"%.1f\", $woken / $seconds }")" \
         "$(awk "BEGIN { printf \"%.0f\", $busy / $seconds / 1000 }")" \
         "$(awk '/^VmRSS/ { print $2 }' /proc/$server/status)" "$(awk '/^RssAnon/ { print $2 }' /proc/$server/status)"
 }
 
-printf '%-28s %9s %9s %9s %9s\n' "" switches "CPU us" "kB" "own kB"
+printf '%-28s %9s %9s %9s %9s\n' "" switches "$unit" "kB" "own kB"
 start
 row idle
 python3 -c '

@@ -168,3 +168,35 @@ TEST_F(AnnounceTest, CarriesSectionsOfOtherKinds)
     ASSERT_EQ(1, RtspWaitFrame(&player, 8, &frame));
     EXPECT_EQ(seen, frame.body);
 }
+
+// Packets and requests share a connection, and often a read. What becomes of a request changes no packet beside it,
+// and one that has to wait for a file may have more behind it than fits into the buffer of a request.
+TEST_F(AnnounceTest, RequestsBetweenPacketsChangeNone)
+{
+    server.Start();
+    Connect(&pusher);
+    ASSERT_TRUE(RtspAnnounce(&pusher, CameraSdp(1)) && RtspSetupPush(&pusher, 0) && RtspPlay(&pusher));
+    Describe(&player);
+    ASSERT_TRUE(RtspSetup(&player, 0, RTSP_OVER_TCP) && RtspPlay(&player));
+    uint16_t nSent = 0, nSeen = 0;
+    auto packet = [](uint16_t n) {
+        return CameraPacket(0, n, 3600U * n, "a" + std::string(1000, char('a' + n % 26)), true);
+    };
+    auto packets = [&](int nCount) {
+        std::string frames;
+        while (nCount-- > 0)
+            frames += Frame(0, packet(nSent++));
+        return frames;
+    };
+    std::string posted = packets(8) + "POST /x HTTP/1.0\r\nCSeq: 1000\r\n\r\n";
+    EXPECT_NE("", Exchange(&pusher, posted));
+    std::string held = packets(8) + MakeRequest("GETPLAYLIST", "*", 1001);
+    held += packets(70);
+    EXPECT_NE("", Exchange(&pusher, held));
+    Send(&pusher, packets(60));
+    EXPECT_NE("", Exchange(&pusher, Options(1002)));
+    RtspMessage frame;
+    for (; nSeen < nSent && RtspWaitFrame(&player, 0, &frame); nSeen++)
+        ASSERT_EQ(packet(nSeen), frame.body) << nSeen;
+    EXPECT_LE(nSent - nSeen, 50) << "that many may wait for the next read";
+}

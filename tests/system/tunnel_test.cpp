@@ -1,4 +1,5 @@
 // RTSP over HTTP: how the two connections find each other, and what travels on them.
+#include <poll.h>
 #include <sys/socket.h>
 
 #include "base/base64.h"
@@ -229,4 +230,28 @@ TEST_F(TunnelTest, PostMayComeFirst)
     }
     SendPost("nobody");
     EXPECT_EQ(1, RtspWaitClosed(&post));
+}
+
+// What a GET half holds of a request goes with the POST that is renewed: the rest of it is a request of its own.
+TEST_F(TunnelTest, ARenewedPostTakesHalfARequestAlong)
+{
+    server.Set("INTEROP", "StandardPlayers=1\nLowDelay", "1");
+    server.Start();
+    RtspClient other, second;
+    Connect(&other);
+    Connect(&get);
+    EXPECT_THAT(Exchange(&get, Get("x-sessioncookie: abc\r\nAccept: " + kTunnelType)),
+                testing::StartsWith("HTTP/1.1 200 OK\r\n"));
+    SendPost("abc", Encoded(Options(1)));
+    ExpectAnswers(&get, 1, 1);
+    Send(&get, "OPTIONS * RTSP/1.0\r\nCSeq: 2\r\nContent-Length: 10000\r\n\r\n");
+    ASSERT_TRUE(Answers(&other));
+    Connect(&second);
+    Send(&second, Post("abc"));
+    pollfd gone{post.fd, POLLIN, 0};
+    EXPECT_EQ(1, poll(&gone, 1, kRtspTimeoutMs));  // at once: what the new POST brought is looked at 10 ms later
+    Send(&get, "O");
+    ASSERT_TRUE(Answers(&other));
+    Send(&get, Options(3).substr(1));
+    ExpectAnswers(&get, 3, 3);
 }

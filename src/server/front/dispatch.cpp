@@ -301,7 +301,7 @@ static Step CheckCSeq(Session *pSession, Port *pPort)
     return Step::Taken;
 }
 
-static Step RunHandler(Session *pSession, Port *pPort, uint32_t *pAt);
+static Step RunHandler(Session *pSession, Port *pPort, uint32_t nAt);
 
 void AnswerHeldRequest(Port *pPort)
 {
@@ -314,8 +314,7 @@ void AnswerHeldRequest(Port *pPort)
     pSession->hold.bStep = 0;
     pSession->peer.tLastActivity = ClockUptime();  // nothing was read, however long one may be silent
     pSession->input.nNext = 0;                     // what is held was behind it
-    uint32_t nAt = 0;
-    Step step = RunHandler(pSession, pPort, &nAt);
+    Step step = RunHandler(pSession, pPort, 0);
     if (!pSession->hold.pPort)
         pSession->hold.bOver = 0;
     if (step == Step::Gone)
@@ -343,8 +342,8 @@ static Step HoldRequest(Session *pSession, const Port *pPort, uint32_t nCSeq)
 }
 
 // Runs the handler and ends the session when it says so. A request that could not be forwarded has ended it
-// already, together with the other sessions of its program.
-static Step RunHandler(Session *pSession, Port *pPort, uint32_t *pAt)
+// already, together with the other sessions of its program. nAt: where what came behind it begins.
+static Step RunHandler(Session *pSession, Port *pPort, uint32_t nAt)
 {
     int bPost = strcasecmp(RequestMethod(&pPort->request), "POST") == 0;
     uint32_t nCSeq = pSession->nCSeq;
@@ -365,7 +364,7 @@ static Step RunHandler(Session *pSession, Port *pPort, uint32_t *pAt)
     if (pSession->nFlags & SESSION_TUNNEL_POST)
         return Step::Wait;  // what follows is for the other half
     if (bPost)
-        *pAt = pSession->input.nLen = 0;
+        pSession->input.nLen = nAt;  // what came behind it is dropped
     return Step::Taken;
 }
 
@@ -402,7 +401,7 @@ static Step TakeMessage(Session *pSession, Port *pPort, uint32_t *pAt)
     Step step = CheckCSeq(pSession, pPort);
     if (step == Step::Taken) {
         pSession->peer.tLastRequest = ClockUptime();
-        return RunHandler(pSession, pPort, pAt);
+        return RunHandler(pSession, pPort, *pAt);
     }
     if (step == Step::Gone)
         return step;
@@ -452,7 +451,8 @@ int HandleInput(Session *pSession, Port *pPort)
             break;
         }
     }
-    if (bWaits && pSession->input.nLen - nAt >= pSession->input.nTotal - 1) {
+    // behind a request that is held a pusher's media may wait, as much as one read brought
+    if (bWaits && !pSession->hold.pPort && pSession->input.nLen - nAt >= pSession->input.nTotal - 1) {
         EndMalformed(pSession, "what it sent fills its buffer and makes no request");
         return 0;
     }

@@ -98,6 +98,8 @@ static void KeepKeyFrames(Program *pProg, DataBlock *pFrom, DataBlock *pKey)
             BlockListCopyOut(&pProg->cache.Pktq, pFrom);
         } else if (!bVideo || !bKept || pFrom->nTimestamp != nKeptTime) {
             FreeBlock(&pProg->cache, pFrom);
+        } else {
+            BlockListCopyOut(&pProg->cache.Pktq, pFrom);
         }
         pFrom = pNext;
     }

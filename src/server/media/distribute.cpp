@@ -74,6 +74,7 @@ static void QueueGive(Session *pSession)
     SessionNoteEnd(pSession,
                    "it was too slow: its queue was the largest when CacheMegabytesTotal was reached");
     SessionEnd(pSession);
+    QueueEmpty(&pSession->out.Outq);  // now, or others would give for bytes that are about to go
 }
 
 // Of all queues the largest gives, whoever the newest packet is for: who reads has a small one.

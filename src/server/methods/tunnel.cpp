@@ -93,7 +93,7 @@ static Session *FindRenewed(const char *szCookie, const Port *pPost)
     return nullptr;
 }
 
-// The GET half waits again; half a request on the old POST is lost with it.
+// The GET half waits again; half a request, on whichever of the two, is lost.
 static void LeavePost(Session *pGet)
 {
     if (pGet->peer.Cmd) {
@@ -103,6 +103,7 @@ static void LeavePost(Session *pGet)
     pGet->peer.Cmd = pGet->peer.Reply;
     pGet->peer.Reply = nullptr;
     pGet->input.nLen = 0;
+    RequestReset(&pGet->peer.Cmd->request);  // its header block is gone with the rest
 }
 
 // The GET session takes the POST connection over, with what that delivered behind its header: from nFrom on
