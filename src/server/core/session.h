@@ -278,7 +278,7 @@ inline uint32_t InputRoom(const SessionInput *pInput)
 {
     auto nAt = static_cast<uint32_t>(pInput->pBuf - ChunkBytes(pInput->pChunk));
     uint32_t nRoom = pInput->pChunk->nSize - nAt - pInput->nLen - 1;
-    if (pInput->bStream || pInput->nLen + 1 >= pInput->nTotal)
+    if (pInput->bStream || pInput->nLen >= pInput->nTotal)
         return nRoom;
     return std::min(nRoom, pInput->nTotal - 1 - pInput->nLen);
 }
