@@ -16,9 +16,6 @@
 namespace orx {
 
 // Blocks lie below the ports that the kernel hands out by itself.
-constexpr int kFirstBlock = 10240;
-constexpr int kBlockPorts = 1024;
-constexpr int kBlocks = 22;
 
 int CountText(const std::string &in, const std::string &text, size_t nFrom)
 {
@@ -26,21 +23,6 @@ int CountText(const std::string &in, const std::string &text, size_t nFrom)
     for (size_t i = in.find(text, nFrom); i != std::string::npos; i = in.find(text, i + text.size()))
         n++;
     return n;
-}
-
-PortBlock::PortBlock()
-{
-    static int nTurn = getpid();
-    auto take = [this] {
-        nFirst = kFirstBlock + nTurn++ % kBlocks * kBlockPorts;
-        Sock sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        sockaddr_in addr = Loopback(nFirst + kBlockPorts - 1);
-        if (bind(sock.fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0 || Connect(nFirst).fd >= 0)
-            return false;
-        reserved = std::move(sock);
-        return true;
-    };
-    EXPECT_TRUE(WaitFor(take)) << "all ports are taken";
 }
 
 void ChildProcess::Spawn(const std::string &program, const std::vector<std::string> &arguments)

@@ -13,6 +13,7 @@
 
 #include "support/emulated.h"
 #include "support/files.h"
+#include "support/portblock.h"
 #include "support/sockets.h"
 #include "support/wait.h"
 
@@ -27,13 +28,6 @@ inline constexpr bool kSanitized = false;
 
 // How many times a text occurs in another, from a place in it on.
 int CountText(const std::string &in, const std::string &text, size_t nFrom = 0);
-
-// 1024 ports that no other test has at the same time.
-struct PortBlock {
-    int nFirst = 0;  // of RTSP; the next fifteen are free for what a test needs
-    Sock reserved;   // the last port, over UDP: it keeps the block
-    PortBlock();
-};
 
 // A process with its standard input, and a file for what it prints on both outputs.
 struct ChildProcess {

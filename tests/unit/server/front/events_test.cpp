@@ -11,6 +11,7 @@
 #include "runtime/sockutil.h"
 #include "server/core/settings.h"
 #include "server/media/wire.h"
+#include "support/portblock.h"
 #include "support/testserver.h"
 
 namespace orx {
@@ -19,6 +20,7 @@ namespace orx {
 struct EventsTest : testing::Test {
     TestServer server;
     TcpPair pair;
+    PortBlock ports;
     Session *pSession = nullptr;
     Port *pMedia = nullptr;
     std::string replies;
@@ -28,7 +30,7 @@ struct EventsTest : testing::Test {
         server.Run([&] {
             Port *pPort = CreateTcpPort(pair.fdServer);
             pSession = CreateSession(pPort);
-            pMedia = CreateUdpPort(&pPort->local, 40000 + getpid() % 20000, &pPort->remote, 9);
+            pMedia = CreateUdpPort(&pPort->local, ports.nFirst, &pPort->remote, 9);
             ASSERT_NE(nullptr, pMedia);
             AvlReplace(&g_server.sessionMap, pMedia->fd, pSession);
             pSession->tracks[0].Media = pMedia;
@@ -110,7 +112,7 @@ TEST_F(EventsTest, ConnectsToWhomItHeard)
 {
     server.Run([&] {
         g_settings.bPinMedia = 1;
-        Port *pControl = CreateUdpPort(&pSession->peer.Cmd->local, 40001 + getpid() % 20000, &pMedia->remote, 9);
+        Port *pControl = CreateUdpPort(&pSession->peer.Cmd->local, ports.nFirst + 1, &pMedia->remote, 9);
         ASSERT_NE(nullptr, pControl);
         AvlReplace(&g_server.sessionMap, pControl->fd, pSession);
         pSession->tracks[0].Control = pControl;

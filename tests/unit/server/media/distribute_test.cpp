@@ -14,6 +14,7 @@
 #include "server/media/cache.h"
 #include "server/media/pace.h"
 #include "server/media/send.h"
+#include "support/portblock.h"
 #include "support/output.h"
 #include "support/playerkit.h"
 #include "support/wait.h"
@@ -357,6 +358,7 @@ TEST_F(PlayerQueueTest, AFlushOutlivesThePlayerItIsAt)
 // what its socket cannot hold is held back.
 TEST_F(PlayerQueueTest, StandardPlayersGetTimeForTheStart)
 {
+    const PortBlock ports;
     Start("AutoDropDataWhenCrowded=1\n[INTEROP]\nStandardPlayers=1\n");
     auto play = [&](int bInterleaved) {
         unsigned nWaiting = 0;
@@ -375,7 +377,7 @@ TEST_F(PlayerQueueTest, StandardPlayersGetTimeForTheStart)
             CachePacketEx(pProg, MakePacket({i / 10 * 10, 0, i == 0, i % 10 == 9, 1400}));
         pPlayer->nState = STATE_PLAYING;
         const Port *pPort = SessionPeerPort(pPlayer);
-        pPlayer->tracks[0].Media = CreateUdpPort(&pPort->local, 40000 + getpid() % 20000, &pPort->remote, 9);
+        pPlayer->tracks[0].Media = CreateUdpPort(&pPort->local, ports.nFirst, &pPort->remote, 9);
     });
     EXPECT_GT(play(0), 1000U);
     EXPECT_TRUE(WaitFor([&] {
