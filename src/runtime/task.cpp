@@ -297,13 +297,33 @@ void SchedulerDestroy(Scheduler *pScheduler)
     pScheduler->bReady = 0;
 }
 
-// Mutex held. Signals once: the thread counts as awake from then on.
+// Mutex held. Whether the thread waits and is to be woken, which is said once: it counts as awake from then
+// on.
+static int TakesWaking(Scheduler *pScheduler)
+{
+    int bWaits = pScheduler->eWait != SCHEDULER_AWAKE;
+    pScheduler->eWait = SCHEDULER_AWAKE;
+    return bWaits;
+}
+
+// Without the mutex: the woken thread would have to wait for it, and be woken once more.
 static void WakeUp(Scheduler *pScheduler)
 {
-    if (pScheduler->eWait == SCHEDULER_AWAKE)
-        return;
-    pScheduler->eWait = SCHEDULER_AWAKE;
     pthread_cond_signal(&pScheduler->wake);
+}
+
+// Puts a task into its list. Returns whether the thread is to be woken.
+static int Enter(Scheduler *pScheduler, Task *pTask, uint32_t nDelayMs)
+{
+    MutexGuard guard(&pScheduler->mutex);
+    if (nDelayMs != 0) {
+        InsertByDue(&pScheduler->tasks, pTask);
+        return pScheduler->eWait == SCHEDULER_IDLE && ListFirst(&pScheduler->tasks, 0) == pTask &&
+               TakesWaking(pScheduler);
+    }
+    ListPrepend(&pScheduler->urgent, pTask);
+    pScheduler->bUrgent = 1;
+    return !pScheduler->nCorks && TakesWaking(pScheduler);
 }
 
 Task *TaskSchedule(Scheduler *pScheduler, TaskProc pfnRun, uint32_t nDelayMs, int nParam, void *pArgument)
@@ -314,16 +334,7 @@ Task *TaskSchedule(Scheduler *pScheduler, TaskProc pfnRun, uint32_t nDelayMs, in
     pTask->pfnRun = pfnRun;
     pTask->pScheduler = pScheduler;
     pTask->nDue = ClockMs() + nDelayMs;
-    MutexGuard guard(&pScheduler->mutex);
-    if (nDelayMs != 0) {
-        InsertByDue(&pScheduler->tasks, pTask);
-        if (pScheduler->eWait == SCHEDULER_IDLE && ListFirst(&pScheduler->tasks, 0) == pTask)
-            WakeUp(pScheduler);
-        return pTask;
-    }
-    ListPrepend(&pScheduler->urgent, pTask);
-    pScheduler->bUrgent = 1;
-    if (!pScheduler->nCorks)
+    if (Enter(pScheduler, pTask, nDelayMs))
         WakeUp(pScheduler);
     return pTask;
 }
@@ -372,11 +383,16 @@ unsigned SchedulerTaskCount(Scheduler *pScheduler)
            (pScheduler->pRunning && OnSchedulerThread(pScheduler));
 }
 
-void SchedulerCork(Scheduler *pScheduler, int bOn)
+static int CountCork(Scheduler *pScheduler, int bOn)
 {
     MutexGuard guard(&pScheduler->mutex);
     pScheduler->nCorks += bOn ? 1 : -1;
-    if (!pScheduler->nCorks && pScheduler->bUrgent)
+    return !pScheduler->nCorks && pScheduler->bUrgent && TakesWaking(pScheduler);
+}
+
+void SchedulerCork(Scheduler *pScheduler, int bOn)
+{
+    if (CountCork(pScheduler, bOn))
         WakeUp(pScheduler);
 }
 
