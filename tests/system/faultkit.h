@@ -51,10 +51,11 @@ struct FaultTest : testing::Test {
         size_t nPictures, const std::function<void()> &meanwhile = [] {})
     {
         nSeen = witness.nPictures + nPictures;
-        EXPECT_TRUE(Watch({&witness}, [&] {
+        auto done = [&] {
             meanwhile();
             return witness.nPictures >= nSeen;
-        })) << "the others are not served";
+        };
+        EXPECT_TRUE(Watch({&witness}, done, 60000 + static_cast<int>(nPictures) * 40)) << "the others are not served";
     }
     void Limit(__rlimit_resource eWhat, rlim_t nMost) const
     {
