@@ -301,6 +301,9 @@ static int IsOfPeer(const Session *pSession, const NetAddr *pFrom)
 // all of a sudden, so does he.
 static void LearnPeer(Session *pSession, Port *pPort, const NetAddr *pFrom)
 {
+    int nFrom = SockGetPort(pFrom);
+    if (nFrom == 0)  // he wants no reply (RFC 768)
+        return;
     if (!g_settings.bPinMedia || IsUdpPusher(pSession)) {
         PortAim(pPort, pFrom);
         return;
@@ -313,9 +316,9 @@ static void LearnPeer(Session *pSession, Port *pPort, const NetAddr *pFrom)
         PortAim(pPort, pFrom);
     if (pMedia == pPort)
         PortConnect(pPort);
-    if (pMedia && pMedia != pPort && bMoved && (pMedia->nFlags & PORT_AIMED)) {
+    if (pMedia && pMedia != pPort && bMoved && (pMedia->nFlags & PORT_LEARNT) && nFrom > 1) {
         NetAddr pair = *pFrom;
-        AddrSetPort(&pair, SockGetPort(pFrom) - 1);
+        AddrSetPort(&pair, nFrom - 1);
         PortAim(pMedia, &pair);
     }
 }
