@@ -120,12 +120,7 @@ Port *CreateUdpPort(const NetAddr *pLocal, int nLocalPort, const NetAddr *pRemot
 void PortAim(Port *pPort, const NetAddr *pTo)
 {
     pPort->remote = *pTo;
-    if (!(pPort->nFlags & PORT_AIMED))
-        return;
-    pPort->nFlags &= static_cast<uint16_t>(~PORT_AIMED);
-    sockaddr nobody{};
-    nobody.sa_family = AF_UNSPEC;
-    (void)connect(pPort->fd, &nobody, sizeof(nobody));
+    PortDisconnect(pPort);
 }
 
 void PortConnect(Port *pPort)
@@ -133,6 +128,26 @@ void PortConnect(Port *pPort)
     if (!(pPort->nFlags & (PORT_AIMED | PORT_BOUNCED)) &&
         connect(pPort->fd, &pPort->remote.any, AddrSize(&pPort->remote)) == 0)
         pPort->nFlags |= PORT_AIMED;
+}
+
+int PortDisconnect(Port *pPort)
+{
+    if (!(pPort->nFlags & PORT_AIMED))
+        return 0;
+    pPort->nFlags &= static_cast<uint16_t>(~PORT_AIMED);
+    sockaddr nobody{};
+    nobody.sa_family = AF_UNSPEC;
+    (void)connect(pPort->fd, &nobody, sizeof(nobody));
+    (void)SockTakeError(pPort->fd);  // of what was sent to that peer
+    return 1;
+}
+
+int PortBounce(Port *pPort)
+{
+    if (!PortDisconnect(pPort))
+        return 0;
+    pPort->nFlags |= PORT_BOUNCED;
+    return 1;
 }
 
 Port *FindPort(int fd)

@@ -21,7 +21,7 @@ enum : uint16_t {
     PORT_MORE_WAITS = 0x8,   // a further read is scheduled
     PORT_LEARNT = 0x10,      // UDP: remote is where a datagram came from
     PORT_AIMED = 0x20,       // UDP: the system knows the peer, too (see PortConnect)
-    PORT_BOUNCED = 0x40,     // and told once that nobody took what was sent: it is not told the peer again
+    PORT_BOUNCED = 0x40,     // and said once that something did not arrive: it is not told the peer again
     PORT_CONNECTED = 0x200,
     PORT_NO_SEGMENTS = 0x400,   // UDP: the path to the peer takes single datagrams only
     PORT_RELAYED = 0x800,       // the connection of a bridge: its peer is a stranger behind the relay
@@ -55,9 +55,16 @@ void PortNamePeer(Port *pPort, const NetAddr *pPeer);
 Port *CreateUdpPort(const NetAddr *pLocal, int nLocalPort, const NetAddr *pRemote, int nRemotePort);
 
 // Aims a UDP port at another peer. PortConnect tells the system whom it is aimed at, so that the way there is
-// not looked up with each call; from then on datagrams of that peer alone come in, until it is aimed anew.
+// not looked up with each call; from then on datagrams of that peer alone come in, until it is aimed anew or
+// PortDisconnect has the system forget him (1 when it knew him).
 void PortAim(Port *pPort, const NetAddr *pTo);
 void PortConnect(Port *pPort);
+int PortDisconnect(Port *pPort);
+
+// A call on a UDP port failed. Where the system knows the peer that tells what became of an earlier datagram
+// (RFC 1122, section 4.1.3.3), and what is sent unconnected never hears of that: returns 1 with the port
+// disconnected, for the call to be made again. 0: it is the call's own fault.
+int PortBounce(Port *pPort);
 
 // The port of a descriptor, or null. FindPortAlive also wants the generation to be the one given.
 Port *FindPort(int fd);

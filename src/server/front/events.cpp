@@ -379,7 +379,7 @@ static int ReadUdp(Session *pSession, Port *pPort)
     Slice slice = SliceBegin();
     for (int i = 0; i < kDatagramsPerEvent; i += kDatagramsPerCall) {
         int n = ReceiveSome(pPort->fd, &g_datagrams);
-        if (n < 0 && (errno == EINTR || errno == ECONNREFUSED))  // of what was sent
+        if (n < 0 && errno != EAGAIN && (errno == EINTR || PortBounce(pPort)))
             continue;
         if (n < 0 && errno != EAGAIN)
             return CloseAfterRecv(pSession, pPort, -1, errno);
@@ -503,12 +503,9 @@ static void OnClose(int fd)
     Port *pPort = FindPort(fd);
     Session *pSession = FindSession(fd);
     int nErrno = pPort ? SockTakeError(fd) : 0;
-    // nobody took a datagram, of which others are not told either; more of that may be on its way
-    if (pPort && (pPort->nFlags & (PORT_AIMED | PORT_BOUNCED))) {
-        pPort->nFlags |= PORT_BOUNCED;
-        PortAim(pPort, &pPort->remote);
+    // a datagram that did not arrive, of which others are not told either: no reason to end
+    if (pPort && pPort->nType == PORT_UDP && (nErrno == 0 || PortBounce(pPort)))
         return;
-    }
     if (pPort && pSession)
         SessionClosePortFor(pSession, pPort, nErrno ? kEndBroken : kEndClosed, nErrno);
     else if (pPort && (pPort->nFlags & PORT_AWAITS_PEER))

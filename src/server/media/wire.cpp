@@ -141,9 +141,12 @@ static ssize_t WriteDatagrams(const BlockQueue *pQueue, const Batch *pBatch, uin
     FillDatagrams(pQueue, pBatch, &out);
     int nSent = sendmmsg(pBatch->pPort->fd, out.messages, out.nMessages, MSG_NOSIGNAL);
     int bSegments = out.nMessages < pBatch->nBlocks;
-    if (nSent < 0 && bSegments && errno != EAGAIN && errno != EINTR && errno != ECONNREFUSED) {
-        pBatch->pPort->nFlags |= PORT_NO_SEGMENTS;
-        return WriteDatagrams(pQueue, pBatch, pnBytes);
+    if (nSent < 0 && errno != EAGAIN && errno != EINTR) {
+        int bAgain = PortBounce(pBatch->pPort);
+        if (!bAgain && bSegments)
+            pBatch->pPort->nFlags |= PORT_NO_SEGMENTS;
+        if (bAgain || bSegments)
+            return WriteDatagrams(pQueue, pBatch, pnBytes);
     }
     ssize_t nBlocks = 0;
     for (int i = 0; i < nSent; i++) {
@@ -159,7 +162,7 @@ int WireWrite(const BlockQueue *pQueue, const Batch *pBatch, uint32_t *pnLeft, u
     ssize_t n;
     do
         n = bDatagrams ? WriteDatagrams(pQueue, pBatch, pnBytes) : WriteStream(pQueue, pBatch, pnBytes);
-    while (n < 0 && (errno == EINTR || (bDatagrams && errno == ECONNREFUSED)));  // of an earlier datagram
+    while (n < 0 && errno == EINTR);
     *pnLeft = 0;
     if (n < 0)
         return errno == EAGAIN || errno == EWOULDBLOCK ? 0 : -1;
