@@ -53,6 +53,15 @@ static int TimesExactly()
     return g_settings.bLowDelay && bStandard;
 }
 
+// Without PinMedia anybody may tell where the media of a player goes.
+static void UnpinMedia()
+{
+    for (Session *p = FirstSession(); p; p = NextSession(p))
+        for (SessionTrack &track : p->tracks)
+            if (track.Media)
+                PortDisconnect(track.Media);
+}
+
 void FollowSettings(const SettingLists *pLists)
 {
     FollowLists(pLists);
@@ -61,6 +70,8 @@ void FollowSettings(const SettingLists *pLists)
     RemoteServicesFollowSettings();
     StorageCareFollowSettings();
     RecordersFollowSettings();
+    if (!g_settings.bPinMedia)
+        UnpinMedia();
     if (ListCount(&g_server.sessions) > 0)
         LimitsWatch();
 }

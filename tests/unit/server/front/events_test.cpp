@@ -4,12 +4,14 @@
 
 #include <atomic>
 #include <deque>
+#include <numeric>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "runtime/sockutil.h"
 #include "server/core/settings.h"
+#include "server/front/follow.h"
 #include "server/media/wire.h"
 #include "support/portblock.h"
 #include "support/testserver.h"
@@ -106,62 +108,112 @@ TEST_F(EventsTest, MediaPortsKnowTheirPeer)
     server.Run([&] { g_settings.bPinMedia = 0; });
 }
 
-// With PinMedia the port of a player is connected to where he was heard; he moves with his reports, and one who is not
-// there is sent to all the same.
-TEST_F(EventsTest, ConnectsToWhomItHeard)
+// Both ports of a player, with PinMedia. Where he was heard the media port is connected to him.
+struct PinnedTest : EventsTest {
+    Port *pControl = nullptr;
+    BlockQueue queue;
+
+    void SetUp() override
+    {
+        EventsTest::SetUp();
+        server.Run([&] {
+            g_settings.bPinMedia = 1;
+            pControl = CreateUdpPort(&pSession->peer.Cmd->local, ports.nFirst + 1, &pMedia->remote, 9);
+            ASSERT_NE(nullptr, pControl);
+            AvlReplace(&g_server.sessionMap, pControl->fd, pSession);
+            pSession->tracks[0].Control = pControl;
+        });
+    }
+    void TearDown() override
+    {
+        server.Run([] { g_settings.bPinMedia = 0; });
+    }
+
+    static Sock Bound(int nType, int nProtocol, NetAddr *pAddr)
+    {
+        sockaddr_in at = Loopback(0);
+        inet_pton(AF_INET, "127.99.0.1", &at.sin_addr);
+        Sock sock(socket(AF_INET, nType | SOCK_CLOEXEC | SOCK_NONBLOCK, nProtocol));
+        EXPECT_EQ(0, bind(sock.fd, reinterpret_cast<sockaddr *>(&at), sizeof(at)));
+        SockGetLocalName(sock.fd, pAddr);
+        return sock;
+    }
+    static void Hear(const Sock &from, Port *pPort)
+    {
+        ASSERT_EQ(1, sendto(from.fd, "x", 1, 0, &pPort->local.any, AddrSize(&pPort->local)));
+        OnRead(pPort->fd);
+    }
+    int Connected()
+    {
+        NetAddr peer;
+        socklen_t nSize = sizeof(peer);
+        return getpeername(pMedia->fd, &peer.any, &nSize) == 0 ? SockGetPort(&peer) : 0;
+    }
+    int Aimed() { return SockGetPort(&pMedia->remote); }
+    void Write()
+    {
+        uint32_t nLeft = 0;
+        uint64_t nBytes = 0;
+        Batch batch{pMedia, 1};
+        QueueAppend(&queue, {MakeDataBlock("packet", 6, 1, 1, 0)});
+        EXPECT_EQ(1, WireWrite(&queue, &batch, &nLeft, &nBytes));
+        QueueEmpty(&queue);
+    }
+    static ssize_t Got(const Sock &sock)
+    {
+        char bytes[16];
+        return recv(sock.fd, bytes, sizeof(bytes), 0);
+    }
+    // The player's box tells that a packet from the media port to one of his was filtered (ICMP, RFC 1812).
+    void TellFiltered(const NetAddr &to)
+    {
+        uint16_t words[18] = {htons(0x030d)};  // ICMP, then the heads of the packet: IPv4, UDP
+        words[4] = htons(0x4500), words[6] = htons(28), words[8] = htons(0x4011);
+        memcpy(&words[10], &pMedia->local.in4.sin_addr, 4);
+        memcpy(&words[12], &to.in4.sin_addr, 4);
+        words[14] = pMedia->local.in4.sin_port, words[15] = to.in4.sin_port, words[16] = htons(8);
+        uint32_t nSum = std::accumulate(std::begin(words), std::end(words), 0U);
+        words[1] = static_cast<uint16_t>(~((nSum & 0xffff) + (nSum >> 16)));
+        NetAddr own;
+        Sock raw = Bound(SOCK_RAW, IPPROTO_ICMP, &own);
+        EXPECT_EQ(36, sendto(raw.fd, words, sizeof(words), 0, &pMedia->local.any, sizeof(sockaddr_in)));
+    }
+};
+
+// He moves with his reports, however often, and one who is not there is sent to all the same.
+TEST_F(PinnedTest, ConnectsToWhomItHeard)
 {
     server.Run([&] {
-        g_settings.bPinMedia = 1;
-        Port *pControl = CreateUdpPort(&pSession->peer.Cmd->local, ports.nFirst + 1, &pMedia->remote, 9);
-        ASSERT_NE(nullptr, pControl);
-        AvlReplace(&g_server.sessionMap, pControl->fd, pSession);
-        pSession->tracks[0].Control = pControl;
-        auto hear = [](const Sock &from, Port *pPort) {
-            ASSERT_EQ(1, sendto(from.fd, "x", 1, 0, &pPort->local.any, AddrSize(&pPort->local)));
-            OnRead(pPort->fd);
-        };
-        auto connected = [&] {
-            NetAddr peer;
-            socklen_t nSize = sizeof(peer);
-            return getpeername(pMedia->fd, &peer.any, &nSize) == 0 ? SockGetPort(&peer) : 0;
-        };
-        auto bound = [](NetAddr *pAddr) {
-            sockaddr_in at = Loopback(0);
-            inet_pton(AF_INET, "127.99.0.1", &at.sin_addr);
-            Sock other(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-            EXPECT_EQ(0, bind(other.fd, reinterpret_cast<sockaddr *>(&at), sizeof(at)));
-            SockGetLocalName(other.fd, pAddr);
-            return other;
-        };
         NetAddr media, reports, moved;
-        Sock player = bound(&media), teller = bound(&reports), mover = bound(&moved);
-        hear(teller, pControl);
-        hear(player, pMedia);
-        EXPECT_EQ(SockGetPort(&media), connected());
-        hear(teller, pControl);
-        EXPECT_EQ(SockGetPort(&media), connected()) << "reports come from another port than media, of themselves";
-        BlockQueue queue;
-        auto write = [&] {
-            uint32_t nLeft = 0;
-            uint64_t nBytes = 0;
-            Batch batch{pMedia, 1};
-            QueueAppend(&queue, {MakeDataBlock("packet", 6, 1, 1, 0)});
-            EXPECT_EQ(1, WireWrite(&queue, &batch, &nLeft, &nBytes));
-            QueueEmpty(&queue);
-        };
-        write();
-        char bytes[16];
-        EXPECT_EQ(6, recv(player.fd, bytes, sizeof(bytes), 0));
-        hear(mover, pControl);
-        EXPECT_EQ(0, connected());
-        EXPECT_EQ(SockGetPort(&moved) - 1, SockGetPort(&pMedia->remote));
-        hear(player, pMedia);
+        Sock player = Bound(SOCK_DGRAM, 0, &media), teller = Bound(SOCK_DGRAM, 0, &reports);
+        Sock mover = Bound(SOCK_DGRAM, 0, &moved);
+        Hear(teller, pControl);
+        Hear(player, pMedia);
+        EXPECT_EQ(SockGetPort(&media), Connected());
+        Hear(teller, pControl);
+        EXPECT_EQ(SockGetPort(&media), Connected()) << "reports come from another port than media, of themselves";
+        Write();
+        EXPECT_EQ(6, Got(player));
+        for (const Sock *pTeller : {&mover, &teller, &mover}) {
+            Hear(*pTeller, pControl);
+            EXPECT_EQ(0, Connected());
+            EXPECT_EQ(SockGetPort(pTeller == &mover ? &moved : &reports) - 1, Aimed());
+        }
+        Hear(player, pMedia);
         player = Sock(-1);
         for (int i = 0; i < 4; i++)
-            write();  // nobody is there
+            Write();  // nobody is there
         EXPECT_EQ(0, OnRead(pMedia->fd));
-        EXPECT_EQ(SockGetPort(&media), SockGetPort(&pMedia->remote));
+        EXPECT_EQ(SockGetPort(&media), Aimed());
+        Hear(teller, pControl);
+        EXPECT_EQ(SockGetPort(&reports) - 1, Aimed());
+        pMedia->nFlags &= static_cast<uint16_t>(~PORT_BOUNCED);
+        Hear(mover, pMedia);
+        EXPECT_EQ(SockGetPort(&moved), Connected());
         g_settings.bPinMedia = 0;
+        SettingLists lists;
+        FollowSettings(&lists);
+        EXPECT_EQ(0, Connected()) << "anybody may tell again";
     });
 }
 
@@ -169,6 +221,44 @@ static int NoteSessions(Task *pTask, uint32_t, uint32_t, uint32_t)
 {
     static_cast<std::atomic<unsigned> *>(TaskArgument(pTask))->store(ListCount(&g_server.sessions));
     return -1;
+}
+
+// Neither what a network tells of datagrams that were sent, nor one that nobody can answer.
+TEST_F(PinnedTest, NothingThatComesBackEndsThePlayer)
+{
+    std::atomic<unsigned> nSessions{0};
+    server.Run([&] {
+        NetAddr gone, media, moved, own;
+        Sock player = Bound(SOCK_DGRAM, 0, &gone), mover = Bound(SOCK_DGRAM, 0, &moved);
+        Hear(player, pControl);
+        Hear(player, pMedia);
+        player = Sock(-1);
+        Write();
+        Hear(mover, pControl);  // before it is known that nobody took that
+        TaskSchedule(&g_server.scheduler, NoteSessions, 300, 0, &nSessions);
+        Sock raw(socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_UDP));
+        if (raw.fd < 0)
+            return;  // only for root
+        player = Bound(SOCK_DGRAM, 0, &media);
+        for (int bRead : {0, 1}) {
+            pMedia->nFlags &= static_cast<uint16_t>(~PORT_BOUNCED);
+            Hear(player, pMedia);
+            EXPECT_EQ(SockGetPort(&media), Connected());
+            TellFiltered(media);
+            EXPECT_EQ(0, bRead ? OnRead(pMedia->fd) : 0);
+            Write();
+            EXPECT_EQ(6, Got(player));
+            EXPECT_EQ(0, Connected()) << "it was told";
+        }
+        raw = Bound(SOCK_RAW, IPPROTO_UDP, &own);
+        const uint16_t head[4] = {0, pMedia->local.in4.sin_port, htons(8), 0};
+        uint32_t nReceived = pSession->peer.nReceived;
+        EXPECT_EQ(8, sendto(raw.fd, head, sizeof(head), 0, &pMedia->local.any, sizeof(sockaddr_in)));
+        EXPECT_EQ(0, OnRead(pMedia->fd));
+        EXPECT_EQ(nReceived, pSession->peer.nReceived) << "an empty one";
+        EXPECT_EQ(SockGetPort(&media), Aimed());
+    });
+    EXPECT_TRUE(WaitFor([&] { return nSessions > 0; })) << "nothing was ended";
 }
 
 // More connections than one turn takes, just after descriptors have come free: they do not wait for the retry.
